@@ -1,0 +1,22 @@
+// Termination signals end the daemon from ordinary code; faults end it with a logged backtrace.
+#pragma once
+
+#include <csignal>
+
+// Set to 1 by a termination signal and never cleared.
+extern volatile std::sig_atomic_t exit_requested;
+
+// A termination signal writes one byte to [1]. The byte is never read, so that from then on every
+// wait on [0] returns at once. Both are 0 when no pipe could be made.
+extern int exit_pipe[2];
+
+// Creates the exit pipe and installs signal_handler for the handled signals.
+void register_handlers();
+
+// Restores the default dispositions and closes the pipe.
+void unregister_handlers();
+
+void signal_handler(int signal);
+
+// Writes the call stack to standard error and the system log, then aborts.
+[[noreturn]] void print_backtrace();

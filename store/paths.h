@@ -1,0 +1,40 @@
+// Where the IPv6 settings live in the store, and the texts of its leaves. Every path is built here.
+//
+//   /Software/System Settings/Network/Interface/<N>/IPv6/Default Gateway/Value
+//   /Software/System Settings/Network/Interface/<N>/IPv6/Addresses/<name>/Address/Value
+//   /Software/System Settings/Network/Interface/<N>/IPv6/Addresses/<name>/Type/Value
+#pragma once
+
+#include <cstdint>
+
+#include <tav/toolkit.h>
+
+namespace paths {
+
+// The node whose children are the interfaces; no trailing "/".
+extern const char *const interfaces;
+
+// The IPv6 node of an interface, by the name of its node as listed, or by its number.
+tk_string ipv6(const tk_string &interface_name);
+tk_string ipv6(std::int32_t interface_number);
+
+// Nodes below an IPv6 node.
+tk_string gateway(const tk_string &ipv6_path);
+tk_string addresses(const tk_string &ipv6_path);
+tk_string address(const tk_string &addresses_path, const tk_string &name);
+
+// Leaves: the gateway's, and an address node's two.
+tk_string value(const tk_string &node_path);
+tk_string address_value(const tk_string &address_path);
+tk_string type_value(const tk_string &address_path);
+
+} // namespace paths
+
+// "Link-Local", "Automatic", "Static", or an empty text for any other type.
+tk_string type_to_str(std::int32_t type);
+// The reverse; type_unset for any other text. The comparison is exact.
+std::int32_t str_to_type(const tk_string &text);
+
+// The number that a text spells in decimal, when all of the text was consumed and the number is
+// greater than 0; else 0.
+long positive_number(const tk_string &text);

@@ -1,0 +1,117 @@
+// Addresses, routes and interfaces as each side sees them.
+//
+// Each exists in a kernel view (CKern..., filled by the netlink decoders), a store view (CTav...,
+// filled by the store readers) and a full view that is both at once. The views share their base
+// virtually, so that a full object holds one address and can be handed to the writers of either
+// side. All are plain values; copying fails only for want of memory.
+#pragma once
+
+#include <cstdint>
+#include <set>
+#include <unordered_map>
+#include <vector>
+
+#include <boost/optional.hpp>
+#include <netinet/in.h>
+
+#include <tav/toolkit.h>
+
+struct CAddress {
+    in6_addr addr{};             // network byte order
+    std::uint8_t prefix_len = 0; // 0 when unknown
+};
+
+struct CKernAddress : virtual public CAddress {
+    std::int32_t ifindex = 0;
+    std::uint8_t scope = 0; // RT_SCOPE_..., rtnetlink(7)
+};
+
+enum address_type_t : std::int32_t {
+    type_unset = 0,
+    type_link_local = 1,
+    type_automatic = 2,
+    type_static = 3
+};
+
+struct CTavAddress : virtual public CAddress {
+    std::int32_t type = type_unset; // address_type_t
+    tk_string node;                 // its node under "Addresses"; empty while not in the store
+};
+
+struct CFullAddress : public CKernAddress, public CTavAddress {};
+
+struct CRoute {
+    in6_addr dst{};
+    std::uint8_t dst_len = 0;
+    in6_addr gateway{}; // all zero: none
+};
+
+struct CKernRoute : virtual public CRoute {
+    std::int32_t ifindex = 0;
+    std::uint8_t protocol = 0; // RTPROT_..., rtnetlink(7)
+};
+
+struct CTavRoute : virtual public CRoute {};
+
+struct CFullRoute : public CKernRoute, public CTavRoute {};
+
+struct CInterface {
+    tk_string name;
+};
+
+struct CKernInterface : virtual public CInterface {
+    std::int32_t ifindex = 0;
+    tk_string hwaddr; // "00:1a:2b:3c:4d:5e"
+};
+
+struct CTavInterface : virtual public CInterface {
+    std::int32_t number = 0; // N of the store's node; 0 while no node is known
+};
+
+struct CFullInterface : public CKernInterface, public CTavInterface {};
+
+// One interface as the store has it.
+struct tavcfg_t {
+    CTavInterface iface;
+    boost::optional<CTavRoute> gateway;
+    std::vector<CTavAddress> addresses;  // in listing order
+    std::vector<tk_string> listed_nodes; // every child of "Addresses", readable or not
+};
+
+// One tracked interface as the engine knows it.
+struct ifcfg_t {
+    CFullInterface iface;
+    boost::optional<CFullRoute> gateway; // known to be, or just made, present in the kernel
+    std::vector<CFullAddress> addresses;
+    std::set<tk_string> listed_nodes; // the store's node names as last listed, less own removals
+};
+
+// Keyed by the position of the interface's node in the store's listing.
+using tavcfg_map_t = std::unordered_map<std::uint32_t, tavcfg_t>;
+// Keyed by kernel interface index.
+using ifcfg_map_t = std::unordered_map<std::int32_t, ifcfg_t>;
+
+// Both maps start with at least this many buckets. Their bucket counts are primes, an integer key
+// hashes to itself, and its bucket is the key modulo the bucket count.
+constexpr std::size_t initial_buckets = 10;
+
+// Calls visit(value) for every entry, bucket by bucket; stops early when visit returns true.
+// unordered_map's own iterators follow the order of insertion instead.
+template <typename Map, typename Visit>
+bool visit_in_bucket_order(Map &map, const Visit &visit) {
+    for (std::size_t bucket = 0; bucket < map.bucket_count(); ++bucket) {
+        for (auto entry = map.begin(bucket); entry != map.end(bucket); ++entry) {
+            if (visit(entry->second)) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+// The same address: the prefix length is content, not identity.
+bool same_address(const CAddress &left, const CAddress &right);
+// A default route by its destination's bytes; its length is not looked at.
+bool is_default_route(const CRoute &route);
+bool has_gateway(const CRoute &route);
+bool same_gateway(const CRoute &left, const CRoute &right);
