@@ -1,0 +1,130 @@
+// The system calls that the daemon makes, replaced at link time (wrapped.cmake). Each passes
+// through to the real one, unrecorded, until a test arms it; from then on it is entered in the
+// journal as "name(arguments)" and gives the results laid ready.
+//
+// syslog, openlog and closelog never reach the real ones: see log_capture.h.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace fake_os {
+
+// Thrown by an armed select whose script is used up. Derives from nothing, so that the daemon's own
+// handlers let it pass and the test ends instead of looping.
+struct script_exhausted {};
+
+// The results of one armed call.
+class stub_t {
+public:
+    // Arms the call. The next call gives `result`, with errno set to `error` unless that is 0.
+    // Results are used in order; the last one serves every later call as well.
+    stub_t &returns(long result, int error = 0);
+    bool armed() const { return !results.empty(); }
+    // Takes the next result and sets errno.
+    long take();
+    void clear() { results.clear(); }
+
+private:
+    struct result_t {
+        long value;
+        int error;
+    };
+    std::deque<result_t> results;
+};
+
+// One call of select as it was made.
+struct select_call_t {
+    int nfds = 0;
+    std::vector<int> reading;
+    bool writes = false, exceptions = false; // whether those sets were passed
+    bool has_timeout = false;
+    long seconds = 0, microseconds = 0;
+};
+
+// The script of an armed select, one step for each call. The journal gets "select(<seconds>)".
+class select_script_t {
+public:
+    // The call finds these descriptors readable, and all others not. Runs `before` first (to raise
+    // an exit request, advance the clock, ...).
+    select_script_t &ready(std::vector<int> descriptors, std::function<void()> before = nullptr);
+    select_script_t &timeout(std::function<void()> before = nullptr);
+    select_script_t &fail(int error, std::function<void()> before = nullptr);
+    // Steps left over.
+    std::size_t left() const { return steps.size(); }
+    const std::vector<select_call_t> &calls() const { return made; }
+
+    bool armed() const { return is_armed; }
+    int take(select_call_t call, std::vector<int> &ready_descriptors);
+    void clear();
+
+private:
+    struct step_t {
+        int error;
+        std::vector<int> ready;
+        std::function<void()> before;
+    };
+    bool is_armed = false;
+    std::deque<step_t> steps;
+    std::vector<select_call_t> made;
+};
+
+// std::chrono::steady_clock, standing still unless moved.
+class clock_t {
+public:
+    void set(std::chrono::nanoseconds since_epoch);
+    void advance(std::chrono::nanoseconds by);
+    bool armed() const { return is_armed; }
+    std::chrono::nanoseconds now() const { return time; }
+    void clear() { is_armed = false; }
+
+private:
+    bool is_armed = false;
+    std::chrono::nanoseconds time{};
+};
+
+struct state_t {
+    stub_t setpriority, sched_setscheduler, setuid, getuid, fork, setsid, chdir, umask, open, dup,
+        close, sigaction, write, setsockopt;
+    // wait and waitpid alike; the journal tells which. The result is the child's id, `wait_status`
+    // what it died of.
+    stub_t wait;
+    int wait_status = 0;
+    // pipe gives these two descriptors when its result is 0.
+    stub_t pipe;
+    int pipe_read = 80, pipe_write = 81;
+    // inet_ntop gives null (with the errno value) for the result 0 and works otherwise.
+    stub_t inet_ntop;
+
+    // getpwnam knows these users alone while `users_armed` is set.
+    bool users_armed = false;
+    std::map<std::string, std::uint32_t> users;
+
+    // The lines that backtrace_symbols gives, one for each frame; null instead with `no_symbols`.
+    bool backtrace_armed = false;
+    bool no_symbols = false;
+    std::vector<std::string> frames;
+
+    select_script_t select;
+    clock_t clock;
+};
+
+state_t &state();
+
+// How a call ended that may end the process. `how` is "returned", "exit", "_exit" or "abort".
+struct ending_t {
+    std::string how;
+    int status = 0; // the exit status, or what `call` returned
+};
+
+// Makes the call with exit, _exit and abort armed: each is entered in the journal and, instead of
+// ending the process, comes back here. Objects in the frames in between are not destroyed.
+ending_t ending_of(const std::function<int()> &call);
+
+} // namespace fake_os

@@ -1,0 +1,81 @@
+// What a unit test sees of the daemon: its log lines, its standard error, and one journal of
+// everything that it asked of the fakes, in order.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+// One journal for all fakes, so that the order of calls to different ones, and of log lines between
+// them, can be told. Each fake enters its calls as "name(arguments)", a log line enters as
+// "log <priority> <text>" at the moment at which it reaches the system log.
+namespace journal {
+
+constexpr std::size_t none = static_cast<std::size_t>(-1);
+
+void add(std::string entry);
+const std::vector<std::string> &entries();
+// The first entry at or behind `from` that begins with `start`; `none` when there is none.
+std::size_t find(const std::string &start, std::size_t from = 0);
+std::size_t count(const std::string &start);
+// The entries that begin with `start`, in order.
+std::vector<std::string> matching(const std::string &start);
+void clear();
+
+} // namespace journal
+
+// One call of syslog: the priority and the finished text, prefix included.
+struct log_line_t {
+    int priority;
+    std::string text;
+};
+bool operator==(const log_line_t &left, const log_line_t &right);
+std::ostream &operator<<(std::ostream &out, const log_line_t &line);
+
+namespace captured {
+
+// The system log since the test began (or since clear()).
+const std::vector<log_line_t> &log();
+// The texts alone.
+std::vector<std::string> log_texts();
+// How often this very line (prefix included) was logged.
+std::size_t log_count(const std::string &text);
+// Everything written to descriptor 2 since then.
+std::string standard_error();
+// Forgets log and standard error (the journal stays).
+void clear();
+
+} // namespace captured
+
+namespace fakes {
+
+// A fake registers what brings it back to its initial state:
+//     static const fakes::reset_hook hook(&forget_everything);
+// The hooks run before and after each test of DaemonTest.
+class reset_hook {
+public:
+    explicit reset_hook(void (*reset)());
+};
+
+void reset_all();
+
+} // namespace fakes
+
+// Runs `action` with verbosity `level` and expects `line` (prefix included, without newline) once
+// in the system log with `priority` and once as a line of standard error; then with verbosity
+// `level` - 1 and expects it in neither. What `action` throws is swallowed; it runs twice (once for
+// level 0) and must arrange what it needs each time.
+void expect_logged_at(std::uint32_t level, int priority, const std::string &line,
+                      const std::function<void()> &action);
+
+// Sets all process-wide settings, fakes, logs and the journal to their initial state before each
+// test, and keeps the daemon's standard error from the terminal. Shows it when the test failed.
+class DaemonTest : public ::testing::Test {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+};
