@@ -64,8 +64,7 @@ public:
     template <typename Visit>
     void for_each_attribute(std::size_t family_size, const Visit &visit) const {
         const std::size_t start = NLMSG_HDRLEN + family_size;
-        std::int64_t left =
-            std::int64_t{message.nlmsg_len} - static_cast<std::int64_t>(start);
+        std::int64_t left = std::int64_t{message.nlmsg_len} - static_cast<std::int64_t>(start);
         std::size_t at = position + start;
         while (left >= static_cast<std::int64_t>(sizeof(rtattr))) {
             const auto attribute = read_at<rtattr>(datagram, at);

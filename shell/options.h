@@ -15,11 +15,11 @@ struct rt_sched_request_t {
 // The value of nice_priority when no priority was asked for; below every valid one.
 constexpr std::int32_t nice_not_requested = -100;
 
-extern std::uint32_t verbosity;         // -D: levels up to this one are logged
-extern bool daemon_mode;                // cleared by -d
-extern tk_string interface_string;      // -i: prefix of the kernel links to manage
-extern std::uint32_t run_as_uid;        // -u: the process's real user id by default
-extern std::int32_t nice_priority;      // -n: -20..19, or nice_not_requested
+extern std::uint32_t verbosity;    // -D: levels up to this one are logged
+extern bool daemon_mode;           // cleared by -d
+extern tk_string interface_string; // -i: prefix of the kernel links to manage
+extern std::uint32_t run_as_uid;   // -u: the process's real user id by default
+extern std::int32_t nice_priority; // -n: -20..19, or nice_not_requested
 extern std::unique_ptr<rt_sched_request_t> rt_sched_request; // -r: null when not requested
 
 // Reads the arguments into the settings. Returns false, after printing the usage text to standard

@@ -56,6 +56,12 @@ struct CTavRoute : virtual public CRoute {};
 struct CFullRoute : public CKernRoute, public CTavRoute {};
 
 struct CInterface {
+    CInterface() = default;
+    // Copied, never moved: assigning a full interface assigns this base once for each view, and the
+    // second move would find the name gone.
+    CInterface(const CInterface &) = default;
+    CInterface &operator=(const CInterface &) = default;
+
     tk_string name;
 };
 

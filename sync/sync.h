@@ -16,7 +16,7 @@
 
 #include <tav/toolkit.h>
 
-#include "netlink/netlink.h"
+#include "netlink/channel.h"
 #include "netlink/refusal.h"
 #include "sync/model.h"
 

@@ -2,6 +2,7 @@
 // subscribed to links and to IPv6 addresses, routes and prefixes.
 #pragma once
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 
@@ -27,7 +28,6 @@ public:
     // Allocates, connects and subscribes a non-blocking socket. Throws netlink_err or
     // std::bad_alloc, without a log line; no socket remains then.
     CNetlink();
-    ~CNetlink();
     CNetlink(const CNetlink &) = delete;
     CNetlink &operator=(const CNetlink &) = delete;
 
@@ -51,7 +51,11 @@ public:
     void modify_addr(const CKernAddress &addr, bool add);
 
 private:
-    int request_dump(const char *name, int type, void *header, unsigned int size);
+    struct socket_deleter {
+        void operator()(struct nl_sock *socket) const;
+    };
 
-    struct nl_sock *sock = nullptr;
+    int request_dump(const char *name, int type, void *header, std::size_t size);
+
+    std::unique_ptr<struct nl_sock, socket_deleter> sock;
 };

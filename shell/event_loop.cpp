@@ -1,0 +1,84 @@
+// The two members of the engine that drive it: discovery and the loop, and one cycle of it.
+
+#include <algorithm>
+#include <cerrno>
+#include <sys/select.h>
+
+#include <tav/mlr.h>
+
+#include "shell/log.h"
+#include "shell/signals.h"
+#include "sync/errors.h"
+#include "sync/sync.h"
+
+namespace {
+
+constexpr const char *watchdog_name = "tandrel";
+constexpr int watchdog_period_seconds = 60;
+// Well within the watchdog's period, since every successful select is followed by a ping.
+constexpr time_t select_seconds = 30;
+
+constexpr const char *listen_signature = "int CSync::listen()";
+
+// A descriptor that select's set cannot hold would be written behind its end.
+void watch(int fd, fd_set &set) {
+    if (fd >= FD_SETSIZE) {
+        throw sync_err(error_text("%s: descriptor %d does not fit select()", listen_signature, fd));
+    }
+    if (fd >= 0) {
+        FD_SET(fd, &set);
+    }
+}
+
+} // namespace
+
+int CSync::run() {
+    api_status_t status = api_status_none;
+    tav->watchdog_register(status, watchdog_name, watchdog_period_seconds, true);
+    discover();
+    int result = 0;
+    while ((result = listen()) == 0) {
+        check_discovery_time();
+    }
+    return result;
+}
+
+int CSync::listen() {
+    const int store_fd = tav->handle != nullptr ? mlr_get_fd(tav->handle) : -1;
+    const int netlink_fd = netlink->fd();
+    const int exit_fd = exit_pipe[0];
+
+    fd_set readable;
+    FD_ZERO(&readable);
+    watch(store_fd, readable);
+    watch(netlink_fd, readable);
+    watch(exit_fd, readable);
+    timeval timeout{select_seconds, 0};
+
+    log_info_at(4, "Entering select()...");
+    const int ready = select(std::max({store_fd, netlink_fd, exit_fd}) + 1, &readable, nullptr,
+                             nullptr, &timeout);
+    const int select_errno = errno;
+    log_info_at(4, "select() returned.");
+    if (ready < 0) {
+        // A termination signal ends up here as well; the run loop honours it.
+        throw sync_err(error_text("%s: select() returned %d", listen_signature, select_errno));
+    }
+
+    api_status_t status = api_status_none;
+    tav->watchdog_ping(status);
+    if (ready == 0) {
+        return 0;
+    }
+
+    // One source a cycle; the others stay ready.
+    if (FD_ISSET(exit_fd, &readable)) {
+        return exit_requested != 0 ? 1 : 0;
+    }
+    if (store_fd >= 0 && FD_ISSET(store_fd, &readable)) {
+        handle_tav_update();
+        return 0;
+    }
+    handle_netlink();
+    return 0;
+}

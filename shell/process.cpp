@@ -1,0 +1,88 @@
+#include "shell/process.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <fcntl.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "shell/log.h"
+
+namespace {
+
+// Waits for the intermediate child; 0 when it exited with status 0.
+int wait_for_child() {
+    int status = 0;
+    pid_t ended = -1;
+    do {
+        ended = wait(&status);
+    } while (ended == -1 && errno == EINTR);
+    if (ended == -1) {
+        return 1;
+    }
+    return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
+}
+
+// Leaves the invoking shell's directory, descriptors and file mode mask behind.
+int leave_surroundings() {
+    if (chdir("/") != 0) {
+        return -1;
+    }
+    close(0);
+    close(1);
+    close(2);
+    // The lowest free descriptors are taken in turn: 0, then 1 and 2.
+    if (open("/dev/null", O_RDWR) == -1 || dup(0) == -1 || dup(0) == -1) {
+        return 1;
+    }
+    umask(022);
+    return 0;
+}
+
+} // namespace
+
+int daemonize() {
+    const pid_t child = fork();
+    if (child == -1) {
+        return 1;
+    }
+    if (child != 0) {
+        if (wait_for_child() != 0) {
+            return 1;
+        }
+        std::exit(0);
+    }
+
+    // A session of its own, then a process that does not lead it and so can never gain a terminal.
+    setsid();
+    const pid_t grandchild = fork();
+    if (grandchild != 0) {
+        std::exit(grandchild == -1 ? 1 : 0);
+    }
+    return leave_surroundings();
+}
+
+void set_nice_priority(std::int32_t priority) {
+    if (setpriority(PRIO_PROCESS, 0, priority) != 0) {
+        log_warning("Couldn't set specified process scheduling parameters");
+    }
+}
+
+void set_rt_scheduling(const rt_sched_request_t &request) {
+    sched_param param{};
+    param.sched_priority = request.priority;
+    if (sched_setscheduler(0, request.policy, &param) != 0) {
+        log_warning("Couldn't set specified [RT] thread scheduling parameters");
+    }
+}
+
+void switch_user(std::uint32_t uid) {
+    // The daemon is of more use under the wrong identity than not at all.
+    if (setuid(uid) != 0) {
+        log_error("Can't setuid(%u)", uid);
+    }
+}

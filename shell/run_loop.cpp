@@ -1,0 +1,154 @@
+#include "shell/run_loop.h"
+
+#include <exception>
+#include <memory>
+#include <sys/select.h>
+#include <sys/socket.h>
+
+#include <tav/mlr.h>
+#include <tav/toolkit.h>
+
+#include "netlink/channel.h"
+#include "shell/log.h"
+#include "shell/options.h"
+#include "shell/signals.h"
+#include "store/paths.h"
+#include "sync/sync.h"
+
+namespace {
+
+constexpr time_t pause_seconds = 10;
+constexpr int receive_buffer_bytes = 8 * 1024 * 1024;
+
+// The daemon's two connections, and which of the store's failures have been reported already.
+class supervisor {
+public:
+    int run();
+    // The channel first, then the store.
+    void release();
+
+private:
+    void pause_if_due();
+    bool connect_store();
+    bool register_for_changes();
+    void run_engine();
+    void close_store();
+
+    toolkit::CTav tav;
+    std::unique_ptr<CNetlink> netlink;
+    bool connect_failure_reported = false;
+    bool register_failure_reported = false;
+};
+
+// Ends at once, now and ever after, when a termination signal has written to the exit pipe.
+void pause_on_exit_pipe() {
+    fd_set readable;
+    FD_ZERO(&readable);
+    FD_SET(exit_pipe[0], &readable);
+    timeval timeout{pause_seconds, 0};
+    select(exit_pipe[0] + 1, &readable, nullptr, nullptr, &timeout);
+}
+
+// A synchronisation that adds many addresses is answered by several datagrams for each; libnl's
+// 32 KiB hold some forty additions. Refused where the right or the limit is missing, which only
+// makes an overrun, and so a rebuild, more likely.
+void widen_receive_buffer(int fd) {
+    const int size = receive_buffer_bytes;
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0) {
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+    }
+}
+
+int supervisor::run() {
+    log_info_at(0, "Starting tandrel daemon");
+    for (;;) {
+        pause_if_due();
+        netlink.reset();
+        if (exit_requested != 0) {
+            log_info_at(1, "Caught user-initiated exit signal...");
+            log_info_at(0, "Exiting tandrel daemon");
+            release();
+            return 0;
+        }
+        if (!connect_store() || !register_for_changes()) {
+            continue;
+        }
+        try {
+            run_engine();
+        } catch (const netlink_err &failure) {
+            log_error_at(2, "Caught exception: %s", failure.what());
+        } catch (const std::exception &) {
+            log_error_at(2, "Caught exception");
+        }
+        connect_failure_reported = false;
+        register_failure_reported = false;
+    }
+}
+
+void supervisor::release() {
+    netlink.reset();
+    close_store();
+}
+
+// No pause on the first pass; a connection that was open, or could not be opened, makes one due.
+void supervisor::pause_if_due() {
+    if (tav.handle != nullptr) {
+        close_store();
+        pause_on_exit_pipe();
+    } else if (connect_failure_reported) {
+        pause_on_exit_pipe();
+    }
+}
+
+bool supervisor::connect_store() {
+    tav.handle = mlr_init();
+    if (tav.handle != nullptr) {
+        return true;
+    }
+    if (!connect_failure_reported) {
+        log_error_at(1, "Can't connect to TAV, sleeping");
+        connect_failure_reported = true;
+    }
+    return false;
+}
+
+bool supervisor::register_for_changes() {
+    api_status_t status = api_status_none;
+    const int result = tav.event_register(paths::interfaces, api_event_change, false, status);
+    if (result == 0 && status == api_status_ok) {
+        return true;
+    }
+    connect_failure_reported = false;
+    if (!register_failure_reported) {
+        log_error_at(1, "Can't register for settings");
+        register_failure_reported = true;
+    }
+    return false;
+}
+
+void supervisor::run_engine() {
+    netlink = std::make_unique<CNetlink>();
+    widen_receive_buffer(netlink->fd());
+    CSync engine(&tav, netlink.get(), interface_string);
+    engine.run();
+}
+
+void supervisor::close_store() {
+    if (tav.handle != nullptr) {
+        mlr_close(tav.handle);
+        tav.handle = nullptr;
+    }
+}
+
+} // namespace
+
+int run_daemon() {
+    supervisor daemon;
+    try {
+        return daemon.run();
+    } catch (...) {
+        // Not the loop's to mend. Release by hand: nothing further up unwinds the stack.
+        daemon.release();
+        throw;
+    }
+}

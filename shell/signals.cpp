@@ -1,0 +1,119 @@
+#include "shell/signals.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <cxxabi.h>
+#include <execinfo.h>
+#include <memory>
+#include <syslog.h>
+#include <unistd.h>
+
+volatile std::sig_atomic_t exit_requested = 0;
+int exit_pipe[2] = {0, 0};
+
+namespace {
+
+constexpr int handled_signals[] = {SIGSEGV, SIGILL, SIGFPE,  SIGPIPE,
+                                   SIGHUP,  SIGINT, SIGQUIT, SIGTERM};
+constexpr int max_frames = 512;
+
+void install(void (*handler)(int)) {
+    // No SA_RESTART: a signal must end the select that it interrupts.
+    struct sigaction action {};
+    action.sa_handler = handler;
+    for (const int signal : handled_signals) {
+        sigaction(signal, &action, nullptr);
+    }
+}
+
+[[noreturn]] void report_fault(const char *name) {
+    std::fprintf(stderr, "%s\n", name);
+    syslog(LOG_CRIT, "%s", name);
+    print_backtrace();
+}
+
+struct free_deleter {
+    void operator()(char *text) const { std::free(text); }
+};
+
+// The function's name in a line of backtrace_symbols(3), "file(name+offset) [address]", demangled;
+// null when there is none or it is not a C++ name. `line` is unchanged on return.
+std::unique_ptr<char, free_deleter> demangled_name(char *line) {
+    int status = 0;
+    char *open = std::strchr(line, '(');
+    char *end = open != nullptr ? std::strpbrk(open + 1, "+)") : nullptr;
+    if (end == nullptr) {
+        return std::unique_ptr<char, free_deleter>(
+            abi::__cxa_demangle(line, nullptr, nullptr, &status));
+    }
+    const char remembered = *end;
+    *end = '\0';
+    std::unique_ptr<char, free_deleter> name(
+        abi::__cxa_demangle(open + 1, nullptr, nullptr, &status));
+    *end = remembered;
+    return name;
+}
+
+} // namespace
+
+void register_handlers() {
+    if (pipe(exit_pipe) != 0) {
+        std::fprintf(stderr, "%s: Error: pipe returned errno %d\n", "register_handlers", errno);
+    }
+    install(signal_handler);
+}
+
+void unregister_handlers() {
+    install(SIG_DFL);
+    close(exit_pipe[0]);
+    close(exit_pipe[1]);
+}
+
+void signal_handler(int signal) {
+    switch (signal) {
+    case SIGHUP:
+    case SIGINT:
+    case SIGQUIT:
+    case SIGTERM: {
+        // The interrupted code may be about to look at errno.
+        const int interrupted_errno = errno;
+        exit_requested = 1;
+        const char byte = 0;
+        // Nothing can be done about a failure here, and a full pipe is as readable as it gets.
+        [[maybe_unused]] const ssize_t written = write(exit_pipe[1], &byte, 1);
+        errno = interrupted_errno;
+        return;
+    }
+    case SIGILL:
+        report_fault("Illegal Instruction");
+    case SIGFPE:
+        report_fault("FP Exception");
+    case SIGSEGV:
+        report_fault("Segmentation Fault");
+    default:
+        return; // SIGPIPE: a write to a closed socket reports EPIPE instead
+    }
+}
+
+// Neither this nor what it calls is safe inside a signal handler; the process ends anyway.
+void print_backtrace() {
+    void *frames[max_frames];
+    const int count = backtrace(frames, max_frames);
+    char **lines = backtrace_symbols(frames, count);
+    if (lines != nullptr) {
+        std::fputs("Backtrace:\n", stderr);
+        syslog(LOG_CRIT, "Backtrace:");
+        for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
+            const auto name = demangled_name(lines[i]);
+            const char *text = name ? name.get() : lines[i];
+            std::fprintf(stderr, "[%zu]  %s\n", i, text);
+            syslog(LOG_CRIT, "[%zu]  %s\n", i, text);
+        }
+        std::fflush(stderr);
+        closelog();
+        std::free(lines);
+    }
+    std::abort();
+}

@@ -1,0 +1,185 @@
+// Reading the whole stored configuration. A fault in one address or gateway spoils that item alone;
+// an interface node with an unusable name, or a failed store call, ends the whole read.
+
+#include <cstdio>
+#include <utility>
+
+#include "shell/log.h"
+#include "store/paths.h"
+#include "sync/errors.h"
+#include "sync/sync.h"
+
+namespace {
+
+// A store that answers for fewer paths than it was asked for must not be read beyond its answer.
+template <typename T>
+T item_at(const std::vector<T> &items, std::size_t index) {
+    return index < items.size() ? items[index] : T();
+}
+
+bool is_node(const toolkit::child_t &child) {
+    return child.second.first == element_type_node;
+}
+
+} // namespace
+
+tavcfg_map_t CSync::read_all_tav_ipv6_settings() {
+    log_info_at(4, "Discovering all IPv6 TAV settings...");
+    api_status_t status = api_status_none;
+    std::vector<toolkit::child_t> children;
+    const int result = tav->list_node(paths::interfaces, status, children);
+    if (result != 0 || status != api_status_ok) {
+        throw sync_err(error_text("%s: CTav::list_node() returned %d/%d",
+                                  "tavcfg_map_t CSync::read_all_tav_ipv6_settings()", result,
+                                  status));
+    }
+    tavcfg_map_t settings(initial_buckets);
+    for (std::uint32_t position = 0; position < children.size(); ++position) {
+        const toolkit::child_t &child = children[position];
+        if (is_node(child)) {
+            settings[position] = read_tav_ipv6_interface(child.first);
+        }
+    }
+    return settings;
+}
+
+tavcfg_t CSync::read_tav_ipv6_interface(const tk_string &name) {
+    log_info_at(4, "Discovering IPv6 TAV settings on interface '%s'", name.c_str());
+    const tk_string ipv6_path = paths::ipv6(name);
+    const long number = positive_number(name);
+    if (number == 0) {
+        // No signature here.
+        throw sync_minor_err(error_text("Ignoring unknown interface path '%s'", name.c_str()));
+    }
+
+    tavcfg_t settings;
+    char kernel_name[256];
+    std::snprintf(kernel_name, sizeof kernel_name, "%s%ld", if_prefix.c_str(), number - 1);
+    settings.iface.name = kernel_name;
+    settings.iface.number = static_cast<std::int32_t>(number);
+
+    const auto ignore_gateway = [](const std::exception &fault) {
+        log_info_at(2, "Ignoring gateway: '%s'", fault.what());
+    };
+    try {
+        settings.gateway = read_tav_ipv6_gateway(ipv6_path);
+    } catch (const sync_addr_err &fault) {
+        ignore_gateway(fault);
+    } catch (const sync_minor_err &fault) {
+        ignore_gateway(fault);
+    }
+    settings.addresses = read_tav_ipv6_addrs(ipv6_path);
+    settings.listed_nodes = std::move(addr_listing);
+    addr_listing.clear();
+    return settings;
+}
+
+boost::optional<CTavRoute> CSync::read_tav_ipv6_gateway(const tk_string &ipv6_path) {
+    constexpr const char *signature =
+        "boost::optional<CTavRoute> CSync::read_tav_ipv6_gateway(const tk_string&)";
+    log_info_at(4, "Discovering TAV gateway on '%s'", ipv6_path.c_str());
+    const tk_string path = paths::value(paths::gateway(ipv6_path));
+    api_status_t status = api_status_none;
+    toolkit::CElement value;
+    element_property_t property = element_property_none;
+    const int result = tav->get_leaf(path, status, value, property);
+    if (result != 0) {
+        throw sync_err(error_text("%s: CTav::get_leaf() returned %d", signature, result));
+    }
+    if (status != api_status_ok) {
+        log_info_at(4, "No gateway specified.");
+        return boost::none;
+    }
+    if (value.type() != element_type_string) {
+        throw sync_minor_err(error_text("%s: '%s' is not a string type", signature, path.c_str()));
+    }
+    const tk_string text = value.to_string();
+    log_info_at(4, "Read TAV gateway address '%s' on '%s'", text.c_str(), ipv6_path.c_str());
+    CTavRoute route;
+    route.gateway = str_to_addr(text, false).addr;
+    return route;
+}
+
+std::vector<CTavAddress> CSync::read_tav_ipv6_addrs(const tk_string &ipv6_path) {
+    log_info_at(4, "Discovering TAV addresses on '%s'", ipv6_path.c_str());
+    const tk_string path = paths::addresses(ipv6_path);
+    api_status_t status = api_status_none;
+    std::vector<toolkit::child_t> children;
+    addr_listing.clear();
+    const int result = tav->list_node(path, status, children);
+    if (result != 0) {
+        throw sync_err(
+            error_text("%s: CTav::list_node(%s) returned %d",
+                       "std::vector<CTavAddress> CSync::read_tav_ipv6_addrs(const tk_string&)",
+                       path.c_str(), result));
+    }
+    std::vector<CTavAddress> addrs;
+    if (status != api_status_ok) {
+        log_info_at(4, "No addresses specified (%s).", path.c_str());
+        return addrs;
+    }
+
+    const auto ignore_address = [](const std::exception &fault) {
+        log_info_at(2, "Ignoring address: '%s'", fault.what());
+    };
+    for (const toolkit::child_t &child : children) {
+        // A name is taken whatever bears it.
+        addr_listing.push_back(child.first);
+        if (!is_node(child)) {
+            continue;
+        }
+        log_info_at(4, "Found TAV address '%s'", child.first.c_str());
+        try {
+            addrs.push_back(read_tav_ipv6_addr(path, child.first));
+        } catch (const sync_addr_err &fault) {
+            ignore_address(fault);
+        } catch (const sync_minor_err &fault) {
+            ignore_address(fault);
+        }
+    }
+    return addrs;
+}
+
+CTavAddress CSync::read_tav_ipv6_addr(const tk_string &addresses_path, const tk_string &name) {
+    constexpr const char *signature =
+        "CTavAddress CSync::read_tav_ipv6_addr(const tk_string&, const tk_string&)";
+    const tk_string node_path = paths::address(addresses_path, name);
+    log_info_at(4, "Discovering TAV addr on '%s'", node_path.c_str());
+
+    const std::vector<tk_string> leaves = {paths::address_value(node_path),
+                                           paths::type_value(node_path)};
+    std::vector<api_status_t> statuses;
+    std::vector<toolkit::CElement> values;
+    std::vector<element_property_t> properties;
+    const int result = tav->get_leaves(leaves, statuses, values, properties);
+    const api_status_t address_status = item_at(statuses, 0);
+    const api_status_t type_status = item_at(statuses, 1);
+    if (result != 0 || address_status != api_status_ok || type_status != api_status_ok) {
+        const tk_string text = error_text("%s: CTav::get_leaves(%s) returned %d/%d/%d", signature,
+                                          node_path.c_str(), result, address_status, type_status);
+        if (result != 0) {
+            throw sync_err(text);
+        }
+        throw sync_minor_err(text);
+    }
+    for (std::size_t i = 0; i < leaves.size(); ++i) {
+        if (item_at(values, i).type() != element_type_string) {
+            throw sync_minor_err(
+                error_text("%s: '%s' is not a string type", signature, leaves[i].c_str()));
+        }
+    }
+
+    const tk_string address_text = values[0].to_string();
+    const tk_string type_text = values[1].to_string();
+    CTavAddress addr;
+    static_cast<CAddress &>(addr) = str_to_addr(address_text, true);
+    addr.type = str_to_type(type_text);
+    if (addr.type == type_unset) {
+        throw sync_minor_err(
+            error_text("%s: Unknown addr type '%s'", signature, type_text.c_str()));
+    }
+    addr.node = name;
+    log_info_at(4, "Read TAV address %s ('%s') (%s) on '%s'", name.c_str(), address_text.c_str(),
+                type_text.c_str(), node_path.c_str());
+    return addr;
+}

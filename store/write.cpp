@@ -1,0 +1,129 @@
+// Carrying kernel-side changes into the store.
+
+#include "shell/log.h"
+#include "store/paths.h"
+#include "sync/errors.h"
+#include "sync/sync.h"
+
+#include <linux/rtnetlink.h>
+
+namespace {
+
+toolkit::CElement string_element(const tk_string &text) {
+    return toolkit::CElement(text, toolkit::CElement::_invalid_time);
+}
+
+// Removes a node with its leaves and returns whether the store did so.
+bool remove_node(toolkit::CTav &tav, const tk_string &path, const char *signature) {
+    api_status_t status = api_status_none;
+    const int result = tav.remove_node(path, status, tk_string());
+    if (result != 0) {
+        throw sync_err(
+            error_text("%s: CTav::remove_node(%s) returned %d", signature, path.c_str(), result));
+    }
+    if (status != api_status_ok) {
+        log_info_at(2, "Error when removing '%s': %d", path.c_str(), status);
+        return false;
+    }
+    return true;
+}
+
+tk_string node_path(const CTavInterface &ifc, const CTavAddress &addr) {
+    return paths::address(paths::addresses(paths::ipv6(ifc.number)), addr.node);
+}
+
+} // namespace
+
+void CSync::write_tav_ipv6_gateway(const CTavInterface &ifc, const CTavRoute &route) {
+    const tk_string path = paths::value(paths::gateway(paths::ipv6(ifc.number)));
+    api_status_t status = api_status_none;
+    const int result = tav->set_leaf(path, string_element(in6addr_to_str(route.gateway, 0, false)),
+                                     status, mlr_tribool_unset, tk_string());
+    if (result != 0) {
+        throw sync_err(error_text(
+            "%s: CTav::set_leaf() returned %d",
+            "void CSync::write_tav_ipv6_gateway(const CTavInterface&, const CTavRoute&)", result));
+    }
+    if (status != api_status_ok) {
+        log_info_at(2, "Error when writing '%s': %d", path.c_str(), status);
+    }
+}
+
+void CSync::remove_tav_ipv6_gateway(const CTavInterface &ifc) {
+    remove_node(*tav, paths::gateway(paths::ipv6(ifc.number)),
+                "void CSync::remove_tav_ipv6_gateway(const CTavInterface&)");
+}
+
+void CSync::write_tav_ipv6_addr(const CTavInterface &ifc, const CTavAddress &addr) {
+    const tk_string node = node_path(ifc, addr);
+    // Both leaves in one call: nobody sees an address without its type.
+    const std::vector<tk_string> leaves = {paths::address_value(node), paths::type_value(node)};
+    const std::vector<toolkit::CElement> values = {
+        string_element(in6addr_to_str(addr.addr, addr.prefix_len, true)),
+        string_element(type_to_str(addr.type))};
+    const std::vector<mlr_tribool_t> flags(leaves.size(), mlr_tribool_unset);
+    std::vector<api_status_t> statuses;
+    const int result = tav->set_leaves(leaves, values, flags, statuses, tk_string());
+    if (result != 0) {
+        throw sync_err(error_text(
+            "%s: CTav::set_leaves() returned %d",
+            "void CSync::write_tav_ipv6_addr(const CTavInterface&, const CTavAddress&)", result));
+    }
+    for (std::size_t i = 0; i < leaves.size(); ++i) {
+        const api_status_t status = i < statuses.size() ? statuses[i] : api_status_none;
+        if (status != api_status_ok) {
+            log_info_at(2, "Error when writing '%s': %d", leaves[i].c_str(), status);
+        }
+    }
+}
+
+void CSync::remove_tav_ipv6_addr(const CTavInterface &ifc, const CTavAddress &addr) {
+    if (remove_node(*tav, node_path(ifc, addr),
+                    "void CSync::remove_tav_ipv6_addr(const CTavInterface&, const CTavAddress&)")) {
+        strike_listed_node(ifc, addr.node);
+    }
+}
+
+void CSync::write_kern_route_to_tav(const CTavInterface &ifc, const ifcfg_t &entry) {
+    if (!entry.gateway) {
+        return;
+    }
+    log_info_at(4, "Writing kernel route to TAV on interface %d", entry.iface.ifindex);
+    write_tav_ipv6_gateway(ifc, *entry.gateway);
+}
+
+void CSync::remove_kern_route_from_tav(const CKernRoute &route) {
+    const auto found = interfaces.find(route.ifindex);
+    if (found == interfaces.end()) {
+        return;
+    }
+    ifcfg_t &entry = found->second;
+    if (!has_gateway(route) || !is_default_route(route) || route.protocol != RTPROT_STATIC ||
+        !entry.gateway || !same_gateway(*entry.gateway, route)) {
+        return;
+    }
+    if (may_write_store(entry)) {
+        remove_tav_ipv6_gateway(entry.iface);
+    }
+    // The table follows the kernel, also while the store is not written.
+    entry.gateway = boost::none;
+}
+
+void CSync::remove_kern_addr_from_tav(const CKernAddress &addr) {
+    const auto found = interfaces.find(addr.ifindex);
+    if (found == interfaces.end()) {
+        return;
+    }
+    ifcfg_t &entry = found->second;
+    // The entry that moves into an erased place is passed over: the table holds no two equal ones.
+    for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
+        if (!same_address(entry.addresses[i], addr) ||
+            entry.addresses[i].prefix_len != addr.prefix_len) {
+            continue;
+        }
+        if (may_write_store(entry)) {
+            remove_tav_ipv6_addr(entry.iface, entry.addresses[i]);
+        }
+        entry.addresses.erase(entry.addresses.begin() + static_cast<std::ptrdiff_t>(i));
+    }
+}

@@ -1,0 +1,87 @@
+// Links without a store interface, and the names of the nodes that the daemon creates.
+//
+// A node is written and removed under the name that it bears in the store. The table names an
+// address before the store is known (at start, in the kernel's order), so a synchronisation takes
+// over the stored names, and what the store does not have moves out of the way of every name that
+// the store lists, also of nodes that could not be read.
+
+#include <cstdio>
+
+#include "sync/sync.h"
+
+namespace {
+
+// A name in the form that the daemon gives ("1", "2", ...); 0 for any other.
+std::size_t own_number(const tk_string &name) {
+    constexpr std::size_t max_digits = 9;
+    if (name.empty() || name.size() > max_digits || name[0] == '0') {
+        return 0;
+    }
+    std::size_t number = 0;
+    for (const char digit : name) {
+        if (digit < '0' || digit > '9') {
+            return 0;
+        }
+        number = number * 10 + static_cast<std::size_t>(digit - '0');
+    }
+    return number;
+}
+
+} // namespace
+
+// A link whose node has gone from the store must not be written under its old number: a write
+// would create the node anew.
+void CSync::forget_absent_store_interfaces(const tavcfg_map_t &snapshot) {
+    for (auto &item : interfaces) {
+        ifcfg_t &entry = item.second;
+        const bool present = visit_in_bucket_order(snapshot, [&](const tavcfg_t &stored) {
+            return stored.iface.name == entry.iface.name;
+        });
+        if (!present) {
+            entry.iface.number = 0;
+            entry.listed_nodes.clear();
+        }
+    }
+}
+
+// The smallest number that neither the table nor the store's listing holds.
+tk_string CSync::free_node_name(const ifcfg_t &entry) {
+    // One of so many numbers is free, however the names are spread.
+    std::vector<bool> taken(entry.addresses.size() + entry.listed_nodes.size() + 2, false);
+    const auto mark = [&](const tk_string &name) {
+        const std::size_t number = own_number(name);
+        if (number < taken.size()) {
+            taken[number] = true;
+        }
+    };
+    for (const CFullAddress &known : entry.addresses) {
+        mark(known.node);
+    }
+    for (const tk_string &name : entry.listed_nodes) {
+        mark(name);
+    }
+    std::size_t number = 1;
+    while (taken[number]) {
+        ++number;
+    }
+    char name[64];
+    std::snprintf(name, sizeof name, "%zu", number);
+    return name;
+}
+
+void CSync::rename_unmatched(ifcfg_t &entry, const std::vector<bool> &seen) {
+    for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
+        CFullAddress &known = entry.addresses[i];
+        if (!seen[i] && entry.listed_nodes.count(known.node) != 0) {
+            known.node = free_node_name(entry);
+        }
+    }
+}
+
+void CSync::strike_listed_node(const CTavInterface &ifc, const tk_string &node) {
+    for (auto &item : interfaces) {
+        if (item.second.iface.number == ifc.number) {
+            item.second.listed_nodes.erase(node);
+        }
+    }
+}

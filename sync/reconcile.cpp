@@ -1,0 +1,188 @@
+// Reconciliation: the kernel is made to carry what the store says, then the store is made to record
+// what the kernel carries. One snapshot of the store serves the whole run, also after the run's own
+// changes.
+
+#include <linux/rtnetlink.h>
+
+#include "shell/log.h"
+#include "sync/sync.h"
+
+namespace {
+
+// The first entry whose interface bears the name, in bucket order; null when there is none.
+template <typename Value, typename Map>
+Value *find_by_name(Map &map, const tk_string &name) {
+    Value *found = nullptr;
+    visit_in_bucket_order(map, [&](Value &value) {
+        if (value.iface.name == name) {
+            found = &value;
+        }
+        return found != nullptr;
+    });
+    return found;
+}
+
+// Marks and returns the entry that a stored address stands for: the first with the same address and
+// type. An address that the kernel made by itself but the store declares Static becomes Static.
+boost::optional<std::size_t> match_stored(ifcfg_t &entry, const CTavAddress &stored,
+                                          std::vector<bool> &seen) {
+    for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
+        CFullAddress &known = entry.addresses[i];
+        if (!same_address(known, stored)) {
+            continue;
+        }
+        if (known.type == type_automatic && stored.type == type_static) {
+            known.type = type_static;
+        }
+        if (known.type == stored.type) {
+            if (!seen[i]) {
+                known.node = stored.node; // a node keeps the name that it bears in the store
+            }
+            seen[i] = true;
+            return i;
+        }
+    }
+    return boost::none;
+}
+
+} // namespace
+
+void CSync::sync_all() {
+    log_info_at(4, "Synchronizing kernel & TAV settings...");
+    const tavcfg_map_t snapshot = read_all_tav_ipv6_settings();
+    forget_absent_store_interfaces(snapshot);
+    visit_in_bucket_order(snapshot, [&](const tavcfg_t &stored) {
+        sync_kernel_with_tav(stored);
+        return false;
+    });
+    visit_in_bucket_order(interfaces, [&](ifcfg_t &entry) {
+        sync_tav_with_kernel(snapshot, entry);
+        return false;
+    });
+}
+
+void CSync::sync_kernel_with_tav(const tavcfg_t &stored) {
+    log_info_at(4, "Synchronizing kernel with TAV...");
+    ifcfg_t *const entry = find_by_name<ifcfg_t>(interfaces, stored.iface.name);
+    if (entry == nullptr) {
+        return;
+    }
+    log_info_at(3, "Synchronizing kernel interface (%d) with TAV interface (%d): %s",
+                entry->iface.ifindex, stored.iface.number, stored.iface.name.c_str());
+    entry->iface.number = stored.iface.number;
+    sync_kernel_addrs(*entry, stored);
+    sync_kernel_gateway(*entry, stored);
+}
+
+void CSync::sync_kernel_addrs(ifcfg_t &entry, const tavcfg_t &stored) {
+    entry.listed_nodes = {stored.listed_nodes.begin(), stored.listed_nodes.end()};
+    std::vector<bool> seen(entry.addresses.size(), false);
+    for (const CTavAddress &addr : stored.addresses) {
+        const boost::optional<std::size_t> match = match_stored(entry, addr, seen);
+        if (sync_kernel_addr(entry, addr, match)) {
+            seen.push_back(true);
+        }
+    }
+
+    for (std::size_t i = 0; i < entry.addresses.size();) {
+        const CFullAddress &known = entry.addresses[i];
+        const tk_string text = in6addr_to_str(known.addr, known.prefix_len, true);
+        log_info_at(4, "Comparing address '%s' (%d) (%s)", text.c_str(), known.type,
+                    seen[i] ? "IN TAV" : "NOT IN TAV");
+        if (seen[i] || known.type != type_static) {
+            ++i;
+            continue;
+        }
+        log_info_at(3, "Removing TAV addr '%s' from kernel on interface %d", text.c_str(),
+                    entry.iface.ifindex);
+        netlink->modify_addr(known, false);
+        entry.addresses.erase(entry.addresses.begin() + static_cast<std::ptrdiff_t>(i));
+        seen.erase(seen.begin() + static_cast<std::ptrdiff_t>(i));
+    }
+    rename_unmatched(entry, seen);
+}
+
+// Returns whether an entry was appended.
+bool CSync::sync_kernel_addr(ifcfg_t &entry, const CTavAddress &stored,
+                             boost::optional<std::size_t> match) {
+    if (match) {
+        CFullAddress &known = entry.addresses[*match];
+        if (known.prefix_len == stored.prefix_len || known.type != type_static) {
+            return false;
+        }
+        log_info_at(3, "Changing prefix length of address '%s' => %u",
+                    in6addr_to_str(known.addr, known.prefix_len, true).c_str(), stored.prefix_len);
+        // The kernel has no operation that changes a prefix.
+        netlink->modify_addr(known, false);
+        known.prefix_len = stored.prefix_len;
+        netlink->modify_addr(known, true);
+        return false;
+    }
+    if (stored.type != type_static) {
+        log_info_at(1, "Removing unknown/junk node from TAV on interface %d (%s)",
+                    entry.iface.ifindex, entry.iface.name.c_str());
+        remove_tav_ipv6_addr(entry.iface, stored);
+        return false;
+    }
+    log_info_at(4, "Adding TAV addr '%s' to kernel on interface %d",
+                in6addr_to_str(stored.addr, stored.prefix_len, true).c_str(), entry.iface.ifindex);
+    CFullAddress fresh;
+    static_cast<CTavAddress &>(fresh) = stored;
+    fresh.ifindex = entry.iface.ifindex;
+    entry.addresses.push_back(fresh);
+    netlink->modify_addr(fresh, true);
+    return true;
+}
+
+void CSync::sync_kernel_gateway(ifcfg_t &entry, const tavcfg_t &stored) {
+    if (!stored.gateway) {
+        if (entry.gateway) {
+            // The table follows when the kernel reports the deletion.
+            log_info_at(2, "Removing existing static route");
+            netlink->modify_route(*entry.gateway, false);
+        }
+        return;
+    }
+    if (entry.gateway) {
+        if (!same_gateway(*entry.gateway, *stored.gateway)) {
+            log_info_at(2, "New TAV route overriding existing one");
+            netlink->modify_route(*entry.gateway, false);
+        } else {
+            // Sent again all the same: the kernel refuses a duplicate and puts back a lost one.
+            log_info_at(4, "Skipping already-configured gateway...");
+        }
+    }
+    CFullRoute route;
+    static_cast<CTavRoute &>(route) = *stored.gateway;
+    route.ifindex = entry.iface.ifindex;
+    route.protocol = RTPROT_STATIC;
+    entry.gateway = route;
+    log_info_at(4, "Adding TAV route '%s' to kernel on interface %d",
+                in6addr_to_str(route.gateway, 0, false).c_str(), entry.iface.ifindex);
+    netlink->modify_route(route, true);
+}
+
+void CSync::sync_tav_with_kernel(const tavcfg_map_t &snapshot, ifcfg_t &entry) {
+    log_info_at(4, "Synchronizing TAV with kernel settings...");
+    const auto *const stored = find_by_name<const tavcfg_t>(snapshot, entry.iface.name);
+    if (stored == nullptr) {
+        return;
+    }
+    log_info_at(3, "Synchronizing TAV interface (%d) with kernel interface (%d): %s",
+                stored->iface.number, entry.iface.ifindex, entry.iface.name.c_str());
+    write_kern_addrs_to_tav(*stored, entry);
+    write_kern_route_to_tav(stored->iface, entry);
+}
+
+void CSync::write_kern_addrs_to_tav(const tavcfg_t &stored, const ifcfg_t &entry) {
+    for (const CFullAddress &known : entry.addresses) {
+        bool in_store = false;
+        for (const CTavAddress &addr : stored.addresses) {
+            in_store = in_store || same_address(addr, known);
+        }
+        if (!in_store) {
+            log_info_at(4, "Writing kernel addr to TAV on interface %d", entry.iface.number);
+            write_tav_ipv6_addr(stored.iface, known);
+        }
+    }
+}
