@@ -8,6 +8,7 @@
 
 #include "shell/log.h"
 #include "shell/signals.h"
+#include "store/tav_values.h"
 #include "sync/errors.h"
 #include "sync/sync.h"
 
@@ -33,7 +34,7 @@ void watch(int fd, fd_set &set) {
 } // namespace
 
 int CSync::run() {
-    api_status_t status = api_status_none;
+    api_status_t status = tav_value::status_unset;
     tav->watchdog_register(status, watchdog_name, watchdog_period_seconds, true);
     discover();
     int result = 0;
@@ -65,7 +66,7 @@ int CSync::listen() {
         throw sync_err(error_text("%s: select() returned %d", listen_signature, select_errno));
     }
 
-    api_status_t status = api_status_none;
+    api_status_t status = tav_value::status_unset;
     tav->watchdog_ping(status);
     if (ready == 0) {
         return 0;

@@ -2,14 +2,12 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <syslog.h>
 
 #include "shell/options.h"
 
 namespace {
 
-constexpr std::size_t prefix_size = 64;
 constexpr std::size_t message_size = 4096;
 
 const char *prefix_of(int priority) {
@@ -45,9 +43,8 @@ void open_log() {
 }
 
 void log_message(int priority, const char *format, va_list args) {
-    char prefix[prefix_size];
     char message[message_size];
-    std::strcpy(prefix, prefix_of(priority));
+    const char *prefix = prefix_of(priority);
     std::vsnprintf(message, sizeof message, format, args);
     std::fprintf(stderr, "%s%s\n", prefix, message);
     std::fflush(stderr);

@@ -13,6 +13,7 @@
 #include "shell/options.h"
 #include "shell/signals.h"
 #include "store/paths.h"
+#include "store/tav_values.h"
 #include "sync/sync.h"
 
 namespace {
@@ -44,7 +45,9 @@ private:
 void pause_on_exit_pipe() {
     fd_set readable;
     FD_ZERO(&readable);
-    FD_SET(exit_pipe[0], &readable);
+    if (exit_pipe[0] < FD_SETSIZE) {
+        FD_SET(exit_pipe[0], &readable);
+    }
     timeval timeout{pause_seconds, 0};
     select(exit_pipe[0] + 1, &readable, nullptr, nullptr, &timeout);
 }
@@ -113,9 +116,10 @@ bool supervisor::connect_store() {
 }
 
 bool supervisor::register_for_changes() {
-    api_status_t status = api_status_none;
-    const int result = tav.event_register(paths::interfaces, api_event_change, false, status);
-    if (result == 0 && status == api_status_ok) {
+    api_status_t status = tav_value::status_unset;
+    const int result =
+        tav.event_register(paths::interfaces, tav_value::event_change, false, status);
+    if (result == 0 && status == tav_value::status_ok) {
         return true;
     }
     connect_failure_reported = false;

@@ -28,12 +28,6 @@ void install(void (*handler)(int)) {
     }
 }
 
-[[noreturn]] void report_fault(const char *name) {
-    std::fprintf(stderr, "%s\n", name);
-    syslog(LOG_CRIT, "%s", name);
-    print_backtrace();
-}
-
 struct free_deleter {
     void operator()(char *text) const { std::free(text); }
 };
@@ -87,11 +81,17 @@ void signal_handler(int signal) {
         return;
     }
     case SIGILL:
-        report_fault("Illegal Instruction");
+        std::fputs("Illegal Instruction\n", stderr);
+        syslog(LOG_CRIT, "Illegal Instruction");
+        print_backtrace();
     case SIGFPE:
-        report_fault("FP Exception");
+        std::fputs("FP Exception\n", stderr);
+        syslog(LOG_CRIT, "FP Exception");
+        print_backtrace();
     case SIGSEGV:
-        report_fault("Segmentation Fault");
+        std::fputs("Segmentation Fault\n", stderr);
+        syslog(LOG_CRIT, "Segmentation Fault");
+        print_backtrace();
     default:
         return; // SIGPIPE: a write to a closed socket reports EPIPE instead
     }

@@ -3,6 +3,7 @@
 
 #include "shell/log.h"
 #include "store/paths.h"
+#include "store/tav_values.h"
 #include "sync/errors.h"
 #include "sync/sync.h"
 
@@ -99,7 +100,7 @@ void CSync::handle_tav_update() {
     }
     bool changed = false;
     for (const toolkit::CEvent &event : events) {
-        if (event.command == mlr_event_notice) {
+        if (event.command == tav_value::command_notice) {
             continue;
         }
         log_info_at(3, "Processing TAV event: cmd = %d, path = '%s'", event.command,

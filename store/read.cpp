@@ -6,6 +6,7 @@
 
 #include "shell/log.h"
 #include "store/paths.h"
+#include "store/tav_values.h"
 #include "sync/errors.h"
 #include "sync/sync.h"
 
@@ -18,17 +19,17 @@ T item_at(const std::vector<T> &items, std::size_t index) {
 }
 
 bool is_node(const toolkit::child_t &child) {
-    return child.second.first == element_type_node;
+    return child.second.first == tav_value::type_node;
 }
 
 } // namespace
 
 tavcfg_map_t CSync::read_all_tav_ipv6_settings() {
     log_info_at(4, "Discovering all IPv6 TAV settings...");
-    api_status_t status = api_status_none;
+    api_status_t status = tav_value::status_unset;
     std::vector<toolkit::child_t> children;
     const int result = tav->list_node(paths::interfaces, status, children);
-    if (result != 0 || status != api_status_ok) {
+    if (result != 0 || status != tav_value::status_ok) {
         throw sync_err(error_text("%s: CTav::list_node() returned %d/%d",
                                   "tavcfg_map_t CSync::read_all_tav_ipv6_settings()", result,
                                   status));
@@ -79,18 +80,18 @@ boost::optional<CTavRoute> CSync::read_tav_ipv6_gateway(const tk_string &ipv6_pa
         "boost::optional<CTavRoute> CSync::read_tav_ipv6_gateway(const tk_string&)";
     log_info_at(4, "Discovering TAV gateway on '%s'", ipv6_path.c_str());
     const tk_string path = paths::value(paths::gateway(ipv6_path));
-    api_status_t status = api_status_none;
+    api_status_t status = tav_value::status_unset;
     toolkit::CElement value;
-    element_property_t property = element_property_none;
+    element_property_t property = tav_value::property_unset;
     const int result = tav->get_leaf(path, status, value, property);
     if (result != 0) {
         throw sync_err(error_text("%s: CTav::get_leaf() returned %d", signature, result));
     }
-    if (status != api_status_ok) {
+    if (status != tav_value::status_ok) {
         log_info_at(4, "No gateway specified.");
         return boost::none;
     }
-    if (value.type() != element_type_string) {
+    if (value.type() != tav_value::type_string) {
         throw sync_minor_err(error_text("%s: '%s' is not a string type", signature, path.c_str()));
     }
     const tk_string text = value.to_string();
@@ -103,7 +104,7 @@ boost::optional<CTavRoute> CSync::read_tav_ipv6_gateway(const tk_string &ipv6_pa
 std::vector<CTavAddress> CSync::read_tav_ipv6_addrs(const tk_string &ipv6_path) {
     log_info_at(4, "Discovering TAV addresses on '%s'", ipv6_path.c_str());
     const tk_string path = paths::addresses(ipv6_path);
-    api_status_t status = api_status_none;
+    api_status_t status = tav_value::status_unset;
     std::vector<toolkit::child_t> children;
     addr_listing.clear();
     const int result = tav->list_node(path, status, children);
@@ -114,7 +115,7 @@ std::vector<CTavAddress> CSync::read_tav_ipv6_addrs(const tk_string &ipv6_path) 
                        path.c_str(), result));
     }
     std::vector<CTavAddress> addrs;
-    if (status != api_status_ok) {
+    if (status != tav_value::status_ok) {
         log_info_at(4, "No addresses specified (%s).", path.c_str());
         return addrs;
     }
@@ -154,7 +155,8 @@ CTavAddress CSync::read_tav_ipv6_addr(const tk_string &addresses_path, const tk_
     const int result = tav->get_leaves(leaves, statuses, values, properties);
     const api_status_t address_status = item_at(statuses, 0);
     const api_status_t type_status = item_at(statuses, 1);
-    if (result != 0 || address_status != api_status_ok || type_status != api_status_ok) {
+    if (result != 0 || address_status != tav_value::status_ok ||
+        type_status != tav_value::status_ok) {
         const tk_string text = error_text("%s: CTav::get_leaves(%s) returned %d/%d/%d", signature,
                                           node_path.c_str(), result, address_status, type_status);
         if (result != 0) {
@@ -163,7 +165,7 @@ CTavAddress CSync::read_tav_ipv6_addr(const tk_string &addresses_path, const tk_
         throw sync_minor_err(text);
     }
     for (std::size_t i = 0; i < leaves.size(); ++i) {
-        if (item_at(values, i).type() != element_type_string) {
+        if (item_at(values, i).type() != tav_value::type_string) {
             throw sync_minor_err(
                 error_text("%s: '%s' is not a string type", signature, leaves[i].c_str()));
         }

@@ -2,6 +2,7 @@
 
 #include "shell/log.h"
 #include "store/paths.h"
+#include "store/tav_values.h"
 #include "sync/errors.h"
 #include "sync/sync.h"
 
@@ -15,13 +16,13 @@ toolkit::CElement string_element(const tk_string &text) {
 
 // Removes a node with its leaves and returns whether the store did so.
 bool remove_node(toolkit::CTav &tav, const tk_string &path, const char *signature) {
-    api_status_t status = api_status_none;
+    api_status_t status = tav_value::status_unset;
     const int result = tav.remove_node(path, status, tk_string());
     if (result != 0) {
         throw sync_err(
             error_text("%s: CTav::remove_node(%s) returned %d", signature, path.c_str(), result));
     }
-    if (status != api_status_ok) {
+    if (status != tav_value::status_ok) {
         log_info_at(2, "Error when removing '%s': %d", path.c_str(), status);
         return false;
     }
@@ -36,15 +37,15 @@ tk_string node_path(const CTavInterface &ifc, const CTavAddress &addr) {
 
 void CSync::write_tav_ipv6_gateway(const CTavInterface &ifc, const CTavRoute &route) {
     const tk_string path = paths::value(paths::gateway(paths::ipv6(ifc.number)));
-    api_status_t status = api_status_none;
+    api_status_t status = tav_value::status_unset;
     const int result = tav->set_leaf(path, string_element(in6addr_to_str(route.gateway, 0, false)),
-                                     status, mlr_tribool_unset, tk_string());
+                                     status, tav_value::write_flag, tk_string());
     if (result != 0) {
         throw sync_err(error_text(
             "%s: CTav::set_leaf() returned %d",
             "void CSync::write_tav_ipv6_gateway(const CTavInterface&, const CTavRoute&)", result));
     }
-    if (status != api_status_ok) {
+    if (status != tav_value::status_ok) {
         log_info_at(2, "Error when writing '%s': %d", path.c_str(), status);
     }
 }
@@ -61,7 +62,7 @@ void CSync::write_tav_ipv6_addr(const CTavInterface &ifc, const CTavAddress &add
     const std::vector<toolkit::CElement> values = {
         string_element(in6addr_to_str(addr.addr, addr.prefix_len, true)),
         string_element(type_to_str(addr.type))};
-    const std::vector<mlr_tribool_t> flags(leaves.size(), mlr_tribool_unset);
+    const std::vector<mlr_tribool_t> flags(leaves.size(), tav_value::write_flag);
     std::vector<api_status_t> statuses;
     const int result = tav->set_leaves(leaves, values, flags, statuses, tk_string());
     if (result != 0) {
@@ -70,8 +71,8 @@ void CSync::write_tav_ipv6_addr(const CTavInterface &ifc, const CTavAddress &add
             "void CSync::write_tav_ipv6_addr(const CTavInterface&, const CTavAddress&)", result));
     }
     for (std::size_t i = 0; i < leaves.size(); ++i) {
-        const api_status_t status = i < statuses.size() ? statuses[i] : api_status_none;
-        if (status != api_status_ok) {
+        const api_status_t status = i < statuses.size() ? statuses[i] : tav_value::status_unset;
+        if (status != tav_value::status_ok) {
             log_info_at(2, "Error when writing '%s': %d", leaves[i].c_str(), status);
         }
     }

@@ -1,9 +1,8 @@
-// The texts of IPv6 addresses, and what makes two addresses, routes or gateways the same.
+// The texts of IPv6 addresses.
 
 #include <arpa/inet.h>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "sync/errors.h"
 #include "sync/sync.h"
@@ -12,31 +11,7 @@ namespace {
 
 constexpr long max_prefix_len = 128;
 
-bool same_bytes(const in6_addr &left, const in6_addr &right) {
-    return std::memcmp(&left, &right, sizeof left) == 0;
-}
-
-bool all_zero(const in6_addr &addr) {
-    return same_bytes(addr, in6_addr{});
-}
-
 } // namespace
-
-bool same_address(const CAddress &left, const CAddress &right) {
-    return same_bytes(left.addr, right.addr);
-}
-
-bool is_default_route(const CRoute &route) {
-    return all_zero(route.dst);
-}
-
-bool has_gateway(const CRoute &route) {
-    return !all_zero(route.gateway);
-}
-
-bool same_gateway(const CRoute &left, const CRoute &right) {
-    return same_bytes(left.gateway, right.gateway);
-}
 
 tk_string CSync::in6addr_to_str(const in6_addr &addr, unsigned char prefix_len, bool with_prefix) {
     char text[47];
