@@ -1,0 +1,97 @@
+// The settings store's client library as the daemon uses it, over a tree in memory. Every call is
+// entered in the journal and kept with its arguments; any call can be made to give another result.
+//
+// In the journal: "mlr_init()", "mlr_close()", "get_leaf(<path>)", "get_leaves(<path>, <path>)",
+// "list_node(<path>)", "set_leaf(<path> = <text>)", "set_leaves(<path> = <text>, ...)",
+// "remove_node(<path>)", "event_register(<path>, <event>, <own changes>)", "events_get()",
+// "watchdog_register(<name>, <period>, <enabled>)", "watchdog_ping()". mlr_get_fd is not entered.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <boost/optional.hpp>
+
+#include <tav/mlr.h>
+#include <tav/toolkit.h>
+
+namespace fake_tav {
+
+// One call of a CTav member with the arguments that went in. What an operation does not take stays
+// empty.
+struct call_t {
+    std::string operation; // "set_leaf", ...
+    std::vector<tk_string> paths;
+    std::vector<toolkit::CElement> values;
+    std::vector<mlr_tribool_t> flags;
+    tk_string reserved;
+    mlr_client_t *client = nullptr;
+};
+
+// What a call does instead of its work.
+class injection_t {
+public:
+    // The call gives this result and has no effect. Unless statuses are laid ready as well, its
+    // outputs stay as the caller had them, whatever that is. events_get with a result above 0
+    // delivers the pending events all the same.
+    injection_t &returns(int result);
+    // The call gives these statuses, one for each path (the last one serves the rest too), and has
+    // no effect; its result is 0 unless returns() says otherwise.
+    injection_t &statuses(std::vector<int> values);
+    // Runs first; may throw, or change the tree under the call. Alone it leaves the call its work.
+    injection_t &runs(std::function<void()> action);
+
+    bool replaces() const { return result || !status_values.empty(); }
+    void run() const;
+    int value() const { return result ? *result : 0; }
+    bool has_statuses() const { return !status_values.empty(); }
+    api_status_t status(std::size_t i) const;
+
+private:
+    boost::optional<int> result;
+    std::vector<int> status_values;
+    std::function<void()> before;
+};
+
+// Applies to the n-th call of the operation from now on, and to it alone.
+injection_t &on_call(const std::string &operation, unsigned n = 1);
+// Applies to every call of the operation that names the path.
+injection_t &on_path(const std::string &operation, const tk_string &path);
+
+struct state_t {
+    // What mlr_get_fd gives.
+    int fd = 60;
+    // Set to make the next mlr_init give null (the count goes down with each).
+    unsigned failing_inits = 0;
+    unsigned clients_opened = 0, clients_closed = 0;
+    std::vector<call_t> calls;
+};
+
+state_t &state();
+
+// The calls of one operation, in order.
+std::vector<call_t> calls(const std::string &operation);
+// How many calls wrote to the tree or tried to: set_leaf, set_leaves, remove_node.
+std::size_t writes();
+void forget_calls();
+
+// The tree. At the start of a test it holds the empty node
+// "/Software/System Settings/Network/Interface". Children are listed in the order of their making,
+// so that a test decides it. None of this is a call of the daemon.
+void put_node(const tk_string &path);                            // with its parents
+void put(const tk_string &path, const tk_string &text);          // a string leaf, likewise
+void put(const tk_string &path, const toolkit::CElement &value); // any leaf
+void erase(const tk_string &path);                               // with all below
+bool exists(const tk_string &path);
+// The text of a leaf; "(absent)" when there is no such leaf.
+tk_string text(const tk_string &path);
+// Every leaf as "<path> = <text>" and every node without children as "<path>/", in listing order.
+std::vector<std::string> dump();
+
+// A change event that waits for events_get. With none waiting events_get gives one of command 1.
+void queue_event(int command, const tk_string &path);
+std::size_t pending_events();
+
+} // namespace fake_tav
