@@ -1,0 +1,62 @@
+#!/bin/bash
+# build_against.sh SOURCE-DIR COMPILER: builds the daemon against the second provider of the store's
+# client library, and lets it work with it in a network namespace of its own.
+set -u
+source_dir=$1
+compiler=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { printf 'FAILED: %s\n' "$*" >&2; exit 1; }
+
+prefix=$work/kit
+mkdir -p "$prefix/include" "$prefix/lib"
+cp -r "$source_dir/tests/provider/kit/tav" "$prefix/include/"
+"$compiler" -std=c++17 -shared -fPIC -I"$prefix/include" -Wl,-soname,libtav.so \
+    -o "$prefix/lib/libtav.so" "$source_dir/tests/provider/lib/mlr.cpp" || fail "libtav.so"
+"$compiler" -std=c++17 -shared -fPIC -I"$prefix/include" -Wl,-soname,libtav++.so \
+    -o "$prefix/lib/libtav++.so" "$source_dir/tests/provider/lib/toolkit.cpp" || fail "libtav++.so"
+
+# A prefix without the library is refused by a sentence that says what is missing.
+mkdir "$work/empty"
+cmake -S "$source_dir" -B "$work/refused" -G Ninja -DTAV_ROOT="$work/empty" >"$work/log" 2>&1 &&
+    fail "an empty prefix was accepted"
+tr -s ' \n' ' ' <"$work/log" | grep -q 'TAV_INCLUDE_DIR was not found there' ||
+    { cat "$work/log"; fail "no clear word about the empty prefix"; }
+
+cmake -S "$source_dir" -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTAV_ROOT="$prefix" \
+    -DCMAKE_INSTALL_PREFIX="$work/installed" >"$work/log" 2>&1 || { cat "$work/log"; fail configure; }
+cmake --build "$work/build" --parallel 2 >"$work/log" 2>&1 || { cat "$work/log"; fail build; }
+cmake --install "$work/build" >"$work/log" 2>&1 || { cat "$work/log"; fail install; }
+
+installed=$(cd "$work/installed" && find . -type f)
+[ "$installed" = ./sbin/tandrel ] || fail "installed: $installed"
+ldd "$work/build/tandrel" | grep -qF "$prefix/lib/libtav.so" || fail "not linked with this libtav.so"
+ldd "$work/build/tandrel" | grep -qF "$prefix/lib/libtav++.so" || fail "not linked with this libtav++.so"
+
+spaces=(--net)
+[ "$(id -u)" -eq 0 ] || spaces+=(--user --map-root-user)
+unshare "${spaces[@]}" bash -s "$work" <<'INSIDE' || fail "the daemon did not work with it"
+work=$1
+ip link add eth0 type veth peer name peer0
+ip link set peer0 up
+ip link set eth0 up
+"$work/build/tandrel" -d >"$work/written" 2>"$work/tandrel.log" &
+daemon=$!
+done=no
+for ((i = 0; i < 200; i++)); do
+    if ip -6 address show dev eth0 | grep -q '2001:db8:77::1/64' &&
+        grep -q '^set .*/Interface/1/IPv6/Addresses/1/Type/Value Link-Local$' "$work/written"; then
+        done=yes
+        break
+    fi
+    sleep 0.1
+done
+kill -TERM "$daemon"
+wait "$daemon" || { echo "exit status $?"; done=no; }
+if [ "$done" = no ]; then
+    ip -6 address show dev eth0
+    cat "$work/written" "$work/tandrel.log"
+    exit 1
+fi
+INSIDE
+echo "built and run against $prefix"

@@ -1,0 +1,235 @@
+# The story that ./demo tells, inside its namespaces. DEMO_DIR is a directory to work in.
+set -u
+
+dir=$DEMO_DIR
+export TAV_SOCKET=$dir/tav.sock
+interface="/Software/System Settings/Network/Interface/1"
+addresses="$interface/IPv6/Addresses"
+gateway="$interface/IPv6/Default Gateway"
+
+if [ -t 1 ]; then
+    bold=$'\e[1m' dim=$'\e[2m' green=$'\e[32m' red=$'\e[31m' plain=$'\e[0m'
+else
+    bold='' dim='' green='' red='' plain=''
+fi
+
+fail() {
+    printf '%s✗ %s%s\n' "$red" "$*" "$plain"
+    printf 'The last lines of the daemon:\n'
+    tail -n 15 "$dir/tandrel.log"
+    exit 1
+}
+
+# --- what each side has -------------------------------------------------------------------------
+
+kernel_addresses() { ip -6 -o address show dev eth0 | awk '{print $4}' | sort; }
+kernel_gateway() { ip -6 route show default dev eth0 proto static | awk '{print $3; exit}'; }
+kernel_has() { kernel_addresses | grep -qxF "$1"; }
+
+store_address() { tav get "$addresses/$1/Address/Value" 2>/dev/null; }
+store_addresses() {
+    local name
+    for name in $(tav ls "$addresses" 2>/dev/null); do store_address "$name"; done | sort
+}
+store_gateway() { tav get "$gateway/Value" 2>/dev/null; }
+store_has() { store_addresses | grep -qxF "$1"; }
+type_of() {
+    local name
+    for name in $(tav ls "$addresses" 2>/dev/null); do
+        [ "$(store_address "$name")" = "$1" ] && tav get "$addresses/$name/Type/Value"
+    done
+}
+
+in_step() {
+    [ -n "$(kernel_addresses)" ] && [ "$(kernel_addresses)" = "$(store_addresses)" ] &&
+        [ "$(kernel_gateway)" = "$(store_gateway)" ]
+}
+
+kernel_view() {
+    ip -6 -o address show dev eth0 | awk '{
+        note = ""
+        if (/ tentative/) note = " (being checked)"
+        else if (/ dynamic/) note = " (advertised)"
+        print $4 note }'
+    [ -z "$(kernel_gateway)" ] || printf 'default via %s\n' "$(kernel_gateway)"
+}
+store_view() {
+    local name text
+    if ! tav ls / >/dev/null 2>&1; then
+        printf '(the store does not answer)\n'
+        return
+    fi
+    for name in $(tav ls "$addresses" 2>/dev/null); do
+        text=$(store_address "$name")
+        printf '%-5s %s  %s\n' "$name" "$text" "$(tav get "$addresses/$name/Type/Value")"
+    done
+    [ -z "$(store_gateway)" ] || printf 'Default Gateway  %s\n' "$(store_gateway)"
+}
+both_views() {
+    local left right
+    printf '   %s%-40s │ %s%s\n' "$dim" "kernel: eth0" "store: Interface/1/IPv6" "$plain"
+    mapfile -t left < <(kernel_view)
+    mapfile -t right < <(store_view)
+    local count=${#left[@]} i
+    [ ${#right[@]} -gt "$count" ] && count=${#right[@]}
+    [ "$count" -gt 0 ] || printf '   %-40s │ %s\n' "(nothing)" "(nothing)"
+    for ((i = 0; i < count; i++)); do
+        printf '   %-40s │ %s\n' "${left[i]-}" "${right[i]-}"
+    done
+}
+
+# --- telling ------------------------------------------------------------------------------------
+
+chapter=0
+log_mark=0
+tell() {
+    chapter=$((chapter + 1))
+    printf '\n%s%d. %s%s\n' "$bold" "$chapter" "$*" "$plain"
+    log_mark=$(wc -l <"$dir/tandrel.log" 2>/dev/null || echo 0)
+}
+do_it() {
+    printf ' $ %s\n' "$*"
+    "$@" || fail "the command failed"
+}
+daemon_said() {
+    tail -n "+$((log_mark + 1))" "$dir/tandrel.log" | grep -E "$1" | awk '!seen[$0]++' |
+        head -n 4 | sed "s/^/   ${dim}tandrel: /; s/\$/${plain}/"
+}
+# expect SECONDS SENTENCE COMMAND...: the sentence comes true, or the demo fails.
+expect() {
+    local seconds=$1 sentence=$2 deadline
+    shift 2
+    deadline=$((SECONDS + seconds))
+    until "$@"; do
+        [ "$SECONDS" -lt "$deadline" ] || { both_views; fail "not within $seconds s: $sentence"; }
+        sleep 0.1
+    done
+    printf ' %s✓ %s%s\n' "$green" "$sentence" "$plain"
+}
+not() { ! "$@"; }
+
+# --- the world ----------------------------------------------------------------------------------
+
+make_world() {
+    ip link set lo up
+    unshare --net sleep infinity &
+    neighbour=$!
+    # The neighbour's namespace exists once it differs from ours.
+    until [ "$(readlink /proc/$neighbour/ns/net)" != "$(readlink /proc/self/ns/net)" ]; do
+        sleep 0.02
+    done
+    ip link add eth0 type veth peer name uplink netns "$neighbour" || fail "no veth pair"
+    in_neighbour() { nsenter --target "$neighbour" --net "$@"; }
+    in_neighbour sysctl -q -w net.ipv6.conf.all.forwarding=1
+    in_neighbour ip address add fe80::1/64 dev uplink nodad
+    in_neighbour ip address add fe80::2/64 dev uplink nodad
+    in_neighbour ip link set uplink up
+    ip link set eth0 up
+    # No default lifetime: the advertised router must not mix with the configured gateway.
+    cat >"$dir/radvd.conf" <<'CONF'
+interface uplink {
+    AdvSendAdvert on;
+    MinRtrAdvInterval 3;
+    MaxRtrAdvInterval 4;
+    AdvDefaultLifetime 0;
+    prefix 2001:db8:1::/64 { AdvOnLink on; AdvAutonomous on; };
+};
+CONF
+    in_neighbour radvd -n -C "$dir/radvd.conf" -p "$dir/radvd.pid" -m stderr >"$dir/radvd.log" 2>&1 &
+}
+start_store() {
+    tavd --socket "$TAV_SOCKET" --database "$dir/settings.db" 2>>"$dir/tavd.log" &
+    store=$!
+}
+store_answers() { tav ls / >/dev/null 2>&1; }
+start_daemon() {
+    tandrel -d -D 3 2>>"$dir/tandrel.log" &
+    daemon=$!
+}
+
+printf '%sA kernel, a settings store, and tandrel between them%s\n' "$bold" "$plain"
+printf 'A network namespace holds the link eth0; behind it a router advertises 2001:db8:1::/64.\n'
+make_world
+start_store
+expect 5 "The settings store runs (tavd), empty." store_answers
+
+tell "The kernel configures itself; the store learns it."
+do_it tav mknode "$interface"
+both_views
+printf ' $ tandrel -d -D 3 &\n'
+start_daemon
+advertised() { kernel_addresses | grep -q '^2001:db8:1:'; }
+expect 15 "The kernel gave eth0 a link-local address, and one of the advertised prefix." advertised
+automatic() {
+    in_step && [ "$(type_of "$(kernel_addresses | grep '^fe80:')")" = Link-Local ] &&
+        [ "$(type_of "$(kernel_addresses | grep '^2001:db8:1:')")" = Automatic ]
+}
+expect 10 "The store holds both, with their types." automatic
+both_views
+daemon_said 'ADDING addr'
+
+tell "A Static address is set in the store; it appears in the kernel."
+do_it tav set "$addresses/office/Address/Value" 2001:db8:2::5/64 \
+    "$addresses/office/Type/Value" Static
+expect 5 "The kernel has 2001:db8:2::5/64 on eth0." kernel_has 2001:db8:2::5/64
+both_views
+daemon_said 'Processing TAV event|ADDING addr'
+
+tell "The gateway likewise, then changed."
+do_it tav set "$gateway/Value" fe80::1
+gateway_is() { [ "$(kernel_gateway)" = "$1" ] && [ "$(store_gateway)" = "$1" ]; }
+expect 5 "The kernel routes by default via fe80::1." gateway_is fe80::1
+both_views
+do_it tav set "$gateway/Value" fe80::2
+expect 5 "Now via fe80::2, and fe80::1 is gone." gateway_is fe80::2
+both_views
+daemon_said 'overriding|route \['
+
+tell "An address is deleted in the kernel; it leaves the store."
+do_it ip address del 2001:db8:2::5/64 dev eth0
+expect 5 "The store has forgotten 2001:db8:2::5/64." not store_has 2001:db8:2::5/64
+both_views
+daemon_said 'REMOVING addr'
+
+tell "The store service is killed and comes back; the daemon recovers."
+printf ' $ kill -KILL <tavd>\n'
+kill -KILL "$store"
+wait "$store" 2>/dev/null
+noticed() { tail -n "+$((log_mark + 1))" "$dir/tandrel.log" | grep -q 'Caught exception'; }
+expect 5 "The daemon noticed; it tries again every ten seconds." noticed
+both_views
+printf ' $ tavd --database settings.db &\n'
+start_store
+expect 5 "The store is back, with everything that it had acknowledged." store_answers
+do_it tav set "$addresses/lab/Address/Value" 2001:db8:3::7/64 "$addresses/lab/Type/Value" Static
+expect 25 "The daemon is back as well: the kernel has 2001:db8:3::7/64." kernel_has 2001:db8:3::7/64
+expect 10 "Both views agree." in_step
+both_views
+daemon_said 'Caught exception|beginning normal operation'
+
+if [ "$DEMO_STAY" = yes ]; then
+    cat <<TEXT
+
+${bold}It keeps running; this shell is inside.${plain} Try:
+   tav tree /
+   ip -6 address add 2001:db8:9::1/64 dev eth0; tav tree "\$addresses"
+   tav set "\$addresses/desk/Address/Value" 2001:db8:4::1/64 "\$addresses/desk/Type/Value" Static
+   tav rm "\$gateway"; ip -6 route
+   tail -f \$DEMO_DIR/tandrel.log
+Leave with "exit"; everything ends then.
+TEXT
+    export addresses gateway
+    PS1='demo# ' bash --norc -i
+fi
+
+tell "The daemon is stopped."
+printf ' $ kill -TERM <tandrel>\n'
+kill -TERM "$daemon"
+wait "$daemon"
+status=$?
+[ "$status" -eq 0 ] || fail "the daemon ended with status $status"
+printf ' %s✓ It ended with status 0.%s\n' "$green" "$plain"
+daemon_said 'exit signal|Exiting'
+
+printf '\n%sAll of it happened on a real kernel.%s Next: README.md; ./demo --stay to try it yourself.\n' \
+    "$bold" "$plain"
