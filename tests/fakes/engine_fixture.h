@@ -1,0 +1,143 @@
+// An engine over the fake netlink library and the fake store, and its doings as one readable
+// record.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <netinet/in.h>
+
+#include <tav/toolkit.h>
+
+#include "fakes/fake_libnl.h"
+#include "fakes/fake_tav.h"
+#include "fakes/log_capture.h"
+#include "netlink/channel.h"
+#include "sync/sync.h"
+
+// The engine with everything opened that a test calls or looks at.
+struct Engine : CSync {
+    using CSync::CSync;
+
+    using CSync::discover;
+    using CSync::handle_netlink;
+    using CSync::handle_tav_update;
+
+    using CSync::add_link;
+    using CSync::erase_link;
+    using CSync::nl_link_update;
+
+    using CSync::add_kern_addr;
+    using CSync::add_kern_route;
+    using CSync::nl_addr_update;
+    using CSync::nl_route_update;
+    using CSync::remove_kern_addr_from_tav;
+    using CSync::remove_kern_route_from_tav;
+
+    using CSync::read_all_tav_ipv6_settings;
+    using CSync::read_tav_ipv6_addr;
+    using CSync::read_tav_ipv6_addrs;
+    using CSync::read_tav_ipv6_gateway;
+    using CSync::read_tav_ipv6_interface;
+
+    using CSync::remove_tav_ipv6_addr;
+    using CSync::remove_tav_ipv6_gateway;
+    using CSync::write_kern_route_to_tav;
+    using CSync::write_tav_ipv6_addr;
+    using CSync::write_tav_ipv6_gateway;
+
+    using CSync::sync_all;
+
+    using CSync::check_discovery_time;
+
+    using CSync::if_prefix;
+    using CSync::interfaces;
+    using CSync::state;
+};
+
+// The node of the interfaces, and a path below it: at("1/IPv6") and so on.
+extern const char *const interfaces_node;
+tk_string at(const tk_string &rest);
+
+// What the engine did, in order, from the journal:
+//   - each log line as "<priority> <text with prefix>", "6 Info: ..." for instance;
+//   - each call of the store as in the journal (see fake_tav.h);
+//   - each message to the kernel: "kernel: add 2001:db8::5/64 dev 3", "kernel: delete ...",
+//     "kernel: add ::/0 via fe80::1 dev 3", "kernel: dump links" (addrs, routes);
+// with "~" for the path of the interfaces' node. What else the netlink library was asked is left
+// out.
+std::vector<std::string> record();
+// The same without the log lines.
+std::vector<std::string> effects();
+// The texts of the log lines alone, without prefix.
+std::vector<std::string> lines();
+
+class EngineTest : public DaemonTest {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // A new engine in the place of the present one, with nothing on record. The store's tree stays.
+    void restart(const tk_string &prefix = "eth");
+    // Forgets journal, logs, sent messages and recorded store calls.
+    void forget();
+    Engine &engine() { return *the_engine; }
+
+    // Links as the kernel announces them, without log lines or records: "eth0" with index 3, ...
+    void track(std::int32_t ifindex, const tk_string &name);
+    // The same, and the store's node `number` is known for it.
+    void track(std::int32_t ifindex, const tk_string &name, std::int32_t number);
+    ifcfg_t &entry(std::int32_t ifindex);
+
+    // Appends to what the table knows of a link.
+    void know(std::int32_t ifindex, const std::string &text, int prefix_len, std::int32_t type,
+              const tk_string &node);
+    void know_gateway(std::int32_t ifindex, const std::string &gateway);
+    // The addresses of a link in the table: "<address>/<length> <type text> <node>", in order.
+    std::vector<std::string> table(std::int32_t ifindex);
+    // Its gateway there, "" when none.
+    std::string gateway(std::int32_t ifindex);
+
+    // Lays an address (or the gateway) into the store under interface `number`.
+    static void store(int number, const tk_string &node, const tk_string &address,
+                      const tk_string &type);
+    static void store_gateway(int number, const tk_string &gateway);
+
+    // Queues a datagram and lets the engine handle it.
+    void receive(const fake_libnl::bytes_t &datagram);
+
+    toolkit::CTav tav;
+
+private:
+    std::unique_ptr<CNetlink> channel;
+    std::unique_ptr<Engine> the_engine;
+};
+
+// Kernel records.
+CKernAddress kern_addr(std::int32_t ifindex, const std::string &text, int prefix_len,
+                       int scope = 0);
+CKernRoute kern_route(std::int32_t ifindex, const std::string &gateway, int protocol = 4,
+                      const std::string &dst = "::", int dst_len = 0);
+CKernInterface kern_link(std::int32_t ifindex, const tk_string &name,
+                         const tk_string &hwaddr = "02:00:00:00:00:01");
+
+// Text of an address, made without the code under test.
+std::string text_of(const in6_addr &address);
+
+// What `action` throws as an Error: its text. Fails the test when it throws nothing or another
+// kind.
+template <typename Error, typename Action>
+std::string thrown(const Action &action) {
+    try {
+        action();
+    } catch (const Error &error) {
+        return error.what();
+    } catch (const std::exception &error) {
+        ADD_FAILURE() << "another kind of exception: " << error.what();
+        return "(another kind)";
+    }
+    ADD_FAILURE() << "nothing was thrown";
+    return "(nothing)";
+}
