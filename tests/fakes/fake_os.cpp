@@ -40,8 +40,12 @@ escape_t &escape() {
     return instance;
 }
 
+// Plain data: free is called before and after everything else of this file lives.
+const void *watched_pointer = nullptr;
+
 void reset() {
     state() = state_t{};
+    watched_pointer = nullptr;
     escape().armed = false;
 }
 const fakes::reset_hook hook(&reset);
@@ -143,6 +147,10 @@ void clock_t::set(std::chrono::nanoseconds since_epoch) {
 
 void clock_t::advance(std::chrono::nanoseconds by) {
     set(time + by);
+}
+
+void watch_free(const void *pointer) {
+    watched_pointer = pointer;
 }
 
 ending_t ending_of(const std::function<int()> &call) {
@@ -443,7 +451,18 @@ char **__wrap_backtrace_symbols(void *const *frames, int size) {
         std::memcpy(at, lines[i].c_str(), lines[i].size() + 1);
         at += lines[i].size() + 1;
     }
+    fake_os::watch_free(pointers);
     return pointers;
+}
+
+void __real_free(void *pointer);
+void __wrap_free(void *pointer);
+void __wrap_free(void *pointer) {
+    if (pointer != nullptr && pointer == fake_os::watched_pointer) {
+        fake_os::watched_pointer = nullptr;
+        journal::add("free(watched)");
+    }
+    __real_free(pointer);
 }
 
 [[noreturn]] void __real_exit(int status);

@@ -107,6 +107,7 @@ struct state_t {
     std::map<std::string, std::uint32_t> users;
 
     // The lines that backtrace_symbols gives, one for each frame; null instead with `no_symbols`.
+    // The array that it gives is watched (watch_free).
     bool backtrace_armed = false;
     bool no_symbols = false;
     std::vector<std::string> frames;
@@ -116,6 +117,10 @@ struct state_t {
 };
 
 state_t &state();
+
+// Enters "free(watched)" in the journal when this pointer is freed, once. Freeing it happens all
+// the same.
+void watch_free(const void *pointer);
 
 // How a call ended that may end the process. `how` is "returned", "exit", "_exit" or "abort".
 struct ending_t {

@@ -12,7 +12,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "shell/options.h"
 #include "shell/signals.h"
 
 // Where the sanitizers report to; absent in a plain build.
@@ -232,16 +231,16 @@ void expect_logged_at(std::uint32_t level, int priority, const std::string &line
     verbosity = 0;
 }
 
-void DaemonTest::SetUp() {
+DaemonTest::DaemonTest() {
     fakes::reset_all();
     reset_settings();
     auto &to = redirection();
     std::fflush(stderr);
     to.terminal = dup(STDERR_FILENO);
     to.file = memfd_create("standard error", MFD_CLOEXEC);
-    ASSERT_GE(to.terminal, 0);
-    ASSERT_GE(to.file, 0);
-    ASSERT_EQ(dup2(to.file, STDERR_FILENO), STDERR_FILENO);
+    EXPECT_GE(to.terminal, 0);
+    EXPECT_GE(to.file, 0);
+    EXPECT_EQ(dup2(to.file, STDERR_FILENO), STDERR_FILENO);
     if (__sanitizer_set_report_fd != nullptr) {
         // NOLINTNEXTLINE(performance-no-int-to-ptr): the interface takes the number as a pointer.
         __sanitizer_set_report_fd(
@@ -251,7 +250,7 @@ void DaemonTest::SetUp() {
     journal::clear();
 }
 
-void DaemonTest::TearDown() {
+DaemonTest::~DaemonTest() {
     fakes::reset_all();
     reset_settings();
     auto &to = redirection();

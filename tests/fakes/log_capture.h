@@ -10,6 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include "shell/options.h" // verbosity and the other settings that DaemonTest resets
+
 // One journal for all fakes, so that the order of calls to different ones, and of log lines between
 // them, can be told. Each fake enters its calls as "name(arguments)", a log line enters as
 // "log <priority> <text>" at the moment at which it reaches the system log.
@@ -74,8 +76,10 @@ void expect_logged_at(std::uint32_t level, int priority, const std::string &line
 
 // Sets all process-wide settings, fakes, logs and the journal to their initial state before each
 // test, and keeps the daemon's standard error from the terminal. Shows it when the test failed.
+//
+// It does so as it is built and destroyed, so that members of a fixture live among fresh fakes.
 class DaemonTest : public ::testing::Test {
 protected:
-    void SetUp() override;
-    void TearDown() override;
+    DaemonTest();
+    ~DaemonTest() override;
 };

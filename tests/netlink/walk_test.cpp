@@ -1,0 +1,240 @@
+// What the three decoders have in common: the way from message to message and from attribute to
+// attribute, without leaving the datagram.
+#include "netlink/decode.h"
+
+#include <cstring>
+#include <ostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <linux/if_arp.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include "fakes/fake_libnl.h"
+#include "fakes/log_capture.h"
+#include "netlink/exact_buffer.h"
+
+namespace {
+
+using fake_libnl::bytes_t;
+using fake_libnl::datagram_t;
+
+std::string hex(const in6_addr &address) {
+    std::ostringstream text;
+    for (const unsigned char byte : address.s6_addr) {
+        text << std::hex << int{byte} << ' ';
+    }
+    return text.str();
+}
+
+// What a decoder found, and the log lines of what it skipped, as one text for each message.
+using findings_t = std::vector<std::string>;
+
+findings_t with_log(findings_t records) {
+    for (const auto &line : captured::log_texts()) {
+        records.push_back(line);
+    }
+    return records;
+}
+
+findings_t links(const exact_buffer &buffer) {
+    findings_t found;
+    for (const auto &link : decode_links(buffer.bytes(), buffer.length())) {
+        found.push_back(std::to_string(link.ifindex) + " " + link.name + " " + link.hwaddr);
+    }
+    return with_log(found);
+}
+
+findings_t addrs(const exact_buffer &buffer) {
+    findings_t found;
+    for (const auto &address : decode_addrs(buffer.bytes(), buffer.length())) {
+        found.push_back(std::to_string(address.ifindex) + " " + std::to_string(address.scope) +
+                        " " + std::to_string(address.prefix_len) + " " + hex(address.addr));
+    }
+    return with_log(found);
+}
+
+findings_t routes(const exact_buffer &buffer) {
+    findings_t found;
+    for (const auto &route : decode_routes(buffer.bytes(), buffer.length())) {
+        found.push_back(std::to_string(route.ifindex) + " " + std::to_string(route.protocol) + " " +
+                        std::to_string(route.dst_len) + " " + hex(route.dst) + " " +
+                        hex(route.gateway));
+    }
+    return with_log(found);
+}
+
+struct decoder_t {
+    const char *name;
+    findings_t (*decode)(const exact_buffer &);
+    // A message with everything that the decoder reads.
+    datagram_t &(*append)(datagram_t &, int ifindex);
+};
+
+void PrintTo(const decoder_t &param, std::ostream *out) {
+    *out << param.name;
+}
+
+const decoder_t decoders[] = {
+    {"Links", links,
+     [](datagram_t &to, int ifindex) -> datagram_t & {
+         return to.link(RTM_NEWLINK, ifindex, "eth0", {2, 3, 4, 5, 6, 7});
+     }},
+    {"Addrs", addrs,
+     [](datagram_t &to, int ifindex) -> datagram_t & {
+         return to.address(RTM_NEWADDR, ifindex, "2001:db8::5:6", 64, 253);
+     }},
+    {"Routes", routes,
+     [](datagram_t &to, int ifindex) -> datagram_t & {
+         return to.route(RTM_NEWROUTE, ifindex, "fe80::1:2", 4, "2001:db8:1::", 48);
+     }},
+};
+
+class Walk : public DaemonTest, public ::testing::WithParamInterface<decoder_t> {
+protected:
+    Walk() { verbosity = 2; }
+    findings_t decode(const bytes_t &datagram, bool odd = false) {
+        captured::clear();
+        return GetParam().decode(exact_buffer(datagram, odd));
+    }
+    datagram_t one(int ifindex = 2) {
+        datagram_t datagram;
+        GetParam().append(datagram, ifindex);
+        return datagram;
+    }
+};
+
+// The reference for a datagram that was cut off: the same bytes with zeros behind them, up to the
+// end of the only message.
+TEST_P(Walk, BytesBehindTheDatagramAreReadAsZero) {
+    const bytes_t whole = one();
+    for (std::size_t size = 1; size <= whole.size(); ++size) {
+        bytes_t cut = whole;
+        cut.resize(size);
+        bytes_t padded = cut;
+        padded.resize(whole.size(), 0);
+        const auto wanted = decode(padded);
+        EXPECT_EQ(decode(cut), wanted) << size;
+        EXPECT_EQ(wanted.size(), 1U) << size;
+    }
+}
+
+TEST_P(Walk, ADatagramMayStandAtAnOddAddress) {
+    datagram_t datagram = one();
+    GetParam().append(datagram, 3);
+    const bytes_t whole = datagram;
+    const auto wanted = decode(whole);
+    ASSERT_EQ(wanted.size(), 2U);
+    EXPECT_EQ(decode(whole, true), wanted);
+    for (std::size_t size = 1; size < whole.size(); ++size) {
+        bytes_t cut = whole;
+        cut.resize(size);
+        EXPECT_EQ(decode(cut, true), decode(cut)) << size;
+    }
+}
+
+TEST_P(Walk, ALengthThatLeadsNowhereEndsTheWalkBehindThatMessage) {
+    // Aligned and taken as signed 32-bit numbers these are 0 or less.
+    for (const std::uint32_t length :
+         {0U, 0x80000000U, 0xfffffff0U, 0xfffffffdU, 0xffffffffU, 0x7fffffffU, 0x7ffffffdU}) {
+        datagram_t datagram = one().set_message_length(length);
+        GetParam().append(datagram, 3);
+        EXPECT_EQ(decode(datagram).size(), 1U) << length;
+        EXPECT_EQ(decode(datagram, true).size(), 1U) << length;
+    }
+}
+
+TEST_P(Walk, AMessageOfLengthZeroStillGivesWayToNoneInFrontOfIt) {
+    datagram_t datagram = one(7);
+    GetParam().append(datagram, 8).set_message_length(0);
+    GetParam().append(datagram, 9);
+    const auto found = decode(datagram);
+    ASSERT_EQ(found.size(), 2U); // the first, and the second without its attributes
+    EXPECT_NE(found, decode(one(7)));
+    EXPECT_EQ(found[0], decode(one(7))[0]);
+}
+
+TEST_P(Walk, ALengthBehindTheEndMakesTheMessageTheLastOne) {
+    datagram_t datagram = one();
+    datagram.set_message_length(static_cast<std::uint32_t>(datagram.bytes().size() + 4));
+    EXPECT_EQ(decode(datagram), decode(one()));
+    datagram.set_message_length(0x7ffffff0U);
+    EXPECT_EQ(decode(datagram).size(), 1U);
+}
+
+TEST_P(Walk, ShortLengthsStillLeadToTheEnd) {
+    for (std::uint32_t length = 1; length < 32; ++length) {
+        const bytes_t datagram = one().set_message_length(length);
+        const auto found = decode(datagram);
+        EXPECT_GE(found.size(), 1U) << length;
+        EXPECT_LE(found.size(), datagram.size() / 4) << length;
+        EXPECT_EQ(decode(datagram, true), found) << length;
+    }
+}
+
+TEST_P(Walk, MessagesAreSteppedOverByTheirAlignedLength) {
+    datagram_t datagram = one();
+    // One more attribute of 5 bytes: its padding belongs to the message but not to its length.
+    datagram.attribute(77, "x", 1);
+    datagram.set_message_length(static_cast<std::uint32_t>(datagram.bytes().size() - 3));
+    GetParam().append(datagram, 3);
+    const auto found = decode(datagram);
+    ASSERT_EQ(found.size(), 2U);
+    EXPECT_EQ(found[0], decode(one())[0]);
+    EXPECT_EQ(found[1], decode(one(3))[0]);
+}
+
+TEST_P(Walk, AnAttributeLengthBelowFourOrBehindTheMessageEndsItsAttributesOnly) {
+    using number_t = std::uint16_t;
+    for (const number_t length :
+         {number_t{0}, number_t{1}, number_t{3}, number_t{12}, number_t{0xffff}}) {
+        datagram_t datagram = one();
+        datagram.attribute(77, 1).set_attribute_length(length);
+        GetParam().append(datagram, 3);
+        const auto found = decode(datagram);
+        ASSERT_EQ(found.size(), 2U) << length;
+        EXPECT_EQ(found[0], decode(one())[0]) << length; // judged by what stood in front
+        EXPECT_EQ(found[1], decode(one(3))[0]) << length;
+    }
+}
+
+TEST_P(Walk, AttributesBehindABadOneAreNotSeen) {
+    using number_t = std::uint16_t;
+    for (const number_t length : {number_t{0}, number_t{3}, number_t{0xffff}}) {
+        // The bad attribute stands in front of everything.
+        const bytes_t good = one();
+        bytes_t bad = good;
+        const std::size_t first = GetParam().decode == links   ? 32
+                                  : GetParam().decode == addrs ? 24
+                                                               : 28;
+        std::memcpy(bad.data() + first, &length, sizeof length);
+        bytes_t bare = good;
+        bare.resize(first);
+        const auto bare_length = static_cast<std::uint32_t>(first);
+        std::memcpy(bare.data(), &bare_length, sizeof bare_length);
+        EXPECT_EQ(decode(bad), decode(bare)) << length;
+    }
+}
+
+TEST_P(Walk, AnAttributeMayFillItsMessageToTheLastByte) {
+    datagram_t datagram = one();
+    // Without the padding of the last attribute: rta_len equals what is left.
+    datagram.attribute(77, "x", 1);
+    datagram.set_message_length(static_cast<std::uint32_t>(datagram.bytes().size() - 3));
+    EXPECT_EQ(decode(datagram), decode(one()));
+}
+
+TEST_P(Walk, ANegativeLengthIsAnEmptyDatagram) {
+    const bytes_t bytes = one();
+    EXPECT_TRUE(decode_links(bytes.data(), -1).empty());
+    EXPECT_TRUE(decode_addrs(bytes.data(), -1).empty());
+    EXPECT_TRUE(decode_routes(bytes.data(), -1).empty());
+    EXPECT_TRUE(captured::log().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(All, Walk, ::testing::ValuesIn(decoders),
+                         [](const auto &test) { return std::string(test.param.name); });
+
+} // namespace
