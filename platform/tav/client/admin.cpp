@@ -1,0 +1,85 @@
+#include "client/admin.h"
+
+#include "client/calls.h"
+#include "protocol/limits.h"
+
+namespace tav {
+
+int transact(mlr_client_t *client, const std::vector<Item> &items,
+             std::vector<api_status_t> &statuses) {
+    statuses.assign(items.size(), api_status_none);
+    Connection *connection = connection_of(client);
+    if (connection == nullptr) {
+        return call_failed;
+    }
+    Writer request = connection->request(Op::transact);
+    put_all(request, items);
+    if (request.too_large() || items.size() > limits::paths_per_request) {
+        report(report_call, "a transaction of %zu items is beyond the limits", items.size());
+        statuses.assign(items.size(), api_status_too_large);
+        return connection->usable() ? call_done : call_failed;
+    }
+    std::vector<api_status_t> answer;
+    const int result = perform(*connection, Op::transact, request, [&](Reader &reader) {
+        get_all(reader, answer);
+        if (answer.size() != items.size()) {
+            reader.fail();
+        }
+    });
+    if (result == call_done) {
+        statuses = std::move(answer);
+    }
+    return result;
+}
+
+int dump(mlr_client_t *client, const std::string &path, api_status_t &status,
+         std::vector<DumpElement> &elements) {
+    constexpr int attempts = 20;
+    status = api_status_none;
+    elements.clear();
+    Connection *connection = connection_of(client);
+    if (connection == nullptr) {
+        return call_failed;
+    }
+    if (path.size() > limits::path_bytes) {
+        status = api_status_too_large;
+        return connection->usable() ? call_done : call_failed;
+    }
+    std::uint64_t revision = 0;
+    for (int attempt = 0; attempt < attempts;) {
+        DumpPage page;
+        const int result = perform_with(*connection, Op::dump, DumpRequest{path, elements.size()},
+                                        [&page](Reader &reader) { get(reader, page); });
+        if (result != call_done) {
+            return result;
+        }
+        if (!elements.empty() && page.revision != revision) {
+            // The store changed between two pages: they do not fit together.
+            elements.clear();
+            ++attempt;
+            continue;
+        }
+        revision = page.revision;
+        status = page.status;
+        elements.insert(elements.end(), std::make_move_iterator(page.elements.begin()),
+                        std::make_move_iterator(page.elements.end()));
+        if (status != api_status_ok || !page.more) {
+            return call_done;
+        }
+    }
+    elements.clear();
+    status = api_status_refused;
+    return call_done;
+}
+
+int service_status(mlr_client_t *client, ServiceStatus &status) {
+    Connection *connection = connection_of(client);
+    if (connection == nullptr) {
+        return call_failed;
+    }
+    Writer request = connection->request(Op::status);
+    return perform(*connection, Op::status, request,
+                   [&status](Reader &reader) { get(reader, status); });
+}
+
+} // namespace tav

@@ -1,0 +1,66 @@
+// One client's two connections to the service: the calls with their time limit, and the wake-up
+// connection behind the descriptor. No threads, no signals; every descriptor is close-on-exec.
+#ifndef TAV_CLIENT_CONNECTION_H
+#define TAV_CLIENT_CONNECTION_H
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "client/descriptor.h"
+#include "client/export.h"
+#include "client/unique_fd.h"
+#include "protocol/codec.h"
+#include "protocol/protocol.h"
+
+namespace tav {
+
+using Deadline = std::chrono::steady_clock::time_point;
+
+class Connection {
+public:
+    // Connects to the service at `path` within `limit`, which also holds for each later call. Null
+    // when that fails, after reporting why.
+    static std::unique_ptr<Connection> open(const std::string &path,
+                                            std::chrono::milliseconds limit);
+
+    int descriptor() const { return wake.get(); }
+
+    // Not lost yet, as far as is known.
+    bool usable() const { return !lost; }
+
+    // A request of this kind, header written; the caller adds the content.
+    TAV_EXPORT Writer request(Op op);
+    // Sends the request and waits for its reply, whose content (without header) is then in `reply`,
+    // valid until the next exchange. False when the connection is lost, be it now or earlier: the
+    // first time with a report. A request too large for a frame must not get here.
+    TAV_EXPORT bool exchange(Op op, Writer &request, std::string_view &reply);
+    // Ends the connection because a reply made no sense.
+    TAV_EXPORT void malformed();
+
+private:
+    explicit Connection(std::chrono::milliseconds call_limit) : limit(call_limit) {}
+
+    bool establish(const std::string &path);
+    bool call(const std::string &frame, std::string_view &reply);
+    bool take_reply(std::string_view body, std::string_view &reply);
+    void lose(const char *why);
+
+    std::chrono::milliseconds limit;
+    UniqueFd calls;
+    Descriptor wake;
+    bool lost = false;
+    std::uint32_t serial = 0;
+    std::string received;
+};
+
+} // namespace tav
+
+// What the C interface calls a client.
+struct mlr_client {
+    std::unique_ptr<tav::Connection> connection;
+};
+
+#endif

@@ -1,0 +1,60 @@
+// The C calls of tav/mlr.h.
+#include <tav/mlr.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <string>
+
+#include "client/connection.h"
+#include "client/report.h"
+
+namespace {
+
+constexpr std::chrono::milliseconds default_limit{5000};
+
+// How long one call may take: TAV_TIMEOUT_MS, a whole number from 1 to a day.
+std::chrono::milliseconds time_limit() {
+    const char *text = std::getenv("TAV_TIMEOUT_MS");
+    if (text == nullptr) {
+        return default_limit;
+    }
+    char *end = nullptr;
+    errno = 0;
+    const long value = std::strtol(text, &end, 10);
+    if (end == text || *end != '\0' || errno != 0 || value < 1 || value > 86400000) {
+        tav::report(tav::report_call, "TAV_TIMEOUT_MS='%s' is not a time, using %lld ms", text,
+                    static_cast<long long>(default_limit.count()));
+        return default_limit;
+    }
+    return std::chrono::milliseconds(value);
+}
+
+std::string socket_path() {
+    const char *path = std::getenv(tav::socket_variable);
+    return path != nullptr && *path != '\0' ? path : tav::default_socket;
+}
+
+} // namespace
+
+extern "C" {
+
+TAV_EXPORT mlr_client_t *mlr_init(void) {
+    try {
+        auto client = std::make_unique<mlr_client>();
+        client->connection = tav::Connection::open(socket_path(), time_limit());
+        return client->connection ? client.release() : nullptr;
+    } catch (...) {
+        tav::report(tav::report_unreachable, "cannot connect: out of memory");
+        return nullptr;
+    }
+}
+
+TAV_EXPORT int mlr_get_fd(const mlr_client_t *client) {
+    return client != nullptr ? client->connection->descriptor() : -1;
+}
+
+TAV_EXPORT void mlr_close(mlr_client_t *client) {
+    delete client;
+}
+}

@@ -1,0 +1,28 @@
+#include "client/report.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+#include <tav/mlr.h>
+
+// Belongs to the program. Weak here, so that a program without one can link with the library too;
+// the address is then null.
+extern "C" void mlr_err(unsigned int level, const char *format, ...)
+    __attribute__((weak, visibility("default")));
+
+namespace tav {
+
+void report(unsigned int level, const char *format, ...) {
+    if (mlr_err == nullptr) {
+        return;
+    }
+    char message[512];
+    va_list arguments;
+    va_start(arguments, format);
+    // The program's function takes no va_list, so the text is made here.
+    const int length = vsnprintf(message, sizeof message, format, arguments);
+    va_end(arguments);
+    mlr_err(level, "%s", length < 0 ? format : message);
+}
+
+} // namespace tav

@@ -1,0 +1,48 @@
+// Every limit of the settings store, in one place. The service enforces them; the client library
+// uses those of a request's size so that it never sends what would be cut off. What is beyond a
+// limit is answered with api_status_too_large unless said otherwise.
+#ifndef TAV_PROTOCOL_LIMITS_H
+#define TAV_PROTOCOL_LIMITS_H
+
+#include <cstddef>
+
+namespace tav::limits {
+
+// Names: 1 to 255 bytes, any but NUL and "/".
+constexpr std::size_t name_bytes = 255;
+// A whole path with its separators, and the number of names in it.
+constexpr std::size_t path_bytes = 4096;
+constexpr std::size_t depth = 64;
+// The text of one value. String values may hold any byte but NUL.
+constexpr std::size_t value_bytes = 65536;
+
+// Children of one node. Chosen so that a listing of names of full length fits one frame.
+constexpr std::size_t children_per_node = 60000;
+// Nodes and leaves of the whole tree.
+constexpr std::size_t elements = 1000000;
+
+// One frame without its length field. A longer announcement ends the connection.
+constexpr std::size_t frame_bytes = std::size_t{16} << 20;
+// Paths of one call.
+constexpr std::size_t paths_per_request = 200000;
+// Elements that one page of a dump aims at, in bytes; a page ends with the element that passes it.
+constexpr std::size_t dump_page_bytes = std::size_t{4} << 20;
+
+// Events that wait for one client. Beyond either limit the service ends that client's connection:
+// the client then starts afresh and reads everything, so that nothing is silently missed. The bytes
+// are those of the encoded events and must fit one frame.
+constexpr std::size_t pending_events = 100000;
+constexpr std::size_t pending_bytes = std::size_t{12} << 20;
+
+// Event registrations of one client, and connections in all (a client has two). A connection beyond
+// the limit is closed at once.
+constexpr std::size_t registrations_per_client = 64;
+constexpr std::size_t connections = 1024;
+
+// Watchdog names, and the departed watchdogs that are remembered for display.
+constexpr std::size_t watchdog_name_bytes = 64;
+constexpr std::size_t departed_watchdogs = 32;
+
+} // namespace tav::limits
+
+#endif

@@ -1,0 +1,264 @@
+#include "protocol/messages.h"
+
+namespace tav {
+
+namespace {
+
+// Types and statuses travel as one byte. Numbers that this version does not know are passed on as
+// they are: the enumerations reserve the room, and who uses them treats them as "something else".
+element_type_t get_type(Reader &in) {
+    return static_cast<element_type_t>(in.u8());
+}
+void put_type(Writer &out, element_type_t type) {
+    out.u8(static_cast<std::uint8_t>(type));
+}
+
+void put_i32(Writer &out, std::int32_t value) {
+    out.u32(static_cast<std::uint32_t>(value));
+}
+std::int32_t get_i32(Reader &in) {
+    return static_cast<std::int32_t>(in.u32());
+}
+
+void put_bool(Writer &out, bool value) {
+    out.u8(value ? 1 : 0);
+}
+
+// Anything but 0 and 1 is a malformed message.
+bool get_bool(Reader &in) {
+    const std::uint8_t value = in.u8();
+    if (value > 1) {
+        in.fail();
+    }
+    return value == 1;
+}
+
+} // namespace
+
+void put(Writer &out, api_status_t value) {
+    out.u8(static_cast<std::uint8_t>(value));
+}
+void get(Reader &in, api_status_t &value) {
+    value = static_cast<api_status_t>(in.u8());
+}
+
+void put(Writer &out, std::string_view value) {
+    out.text(value);
+}
+void get(Reader &in, std::string &value) {
+    value = in.text();
+}
+
+void put(Writer &out, const RequestHeader &value) {
+    out.u8(static_cast<std::uint8_t>(value.op));
+    out.u32(value.serial);
+}
+void get(Reader &in, RequestHeader &value) {
+    value.op = static_cast<Op>(in.u8());
+    value.serial = in.u32();
+}
+
+void put(Writer &out, const ReplyHeader &value) {
+    out.u32(value.serial);
+    put_bool(out, value.drain);
+}
+void get(Reader &in, ReplyHeader &value) {
+    value.serial = in.u32();
+    value.drain = get_bool(in);
+}
+
+void put(Writer &out, const Hello &value) {
+    out.u32(value.magic);
+    out.u32(value.version);
+}
+void get(Reader &in, Hello &value) {
+    value.magic = in.u32();
+    value.version = in.u32();
+}
+
+void put(Writer &out, const Ticket &value) {
+    out.u64(value.session);
+    out.u64(value.token);
+}
+void get(Reader &in, Ticket &value) {
+    value.session = in.u64();
+    value.token = in.u64();
+}
+
+void put(Writer &out, const Value &value) {
+    put_type(out, value.type);
+    out.text(value.text);
+    out.i64(value.time);
+}
+void get(Reader &in, Value &value) {
+    value.type = get_type(in);
+    value.text = in.text();
+    value.time = in.i64();
+}
+
+void put(Writer &out, const Event &value) {
+    put_i32(out, value.command);
+    out.text(value.path);
+}
+void get(Reader &in, Event &value) {
+    value.command = get_i32(in);
+    value.path = in.text();
+}
+
+void put(Writer &out, const Item &value) {
+    out.u8(static_cast<std::uint8_t>(value.kind));
+    out.text(value.path);
+    if (value.kind == ItemKind::set) {
+        put(out, value.value);
+    }
+}
+void get(Reader &in, Item &value) {
+    const std::uint8_t kind = in.u8();
+    if (kind < static_cast<std::uint8_t>(ItemKind::set) ||
+        kind > static_cast<std::uint8_t>(ItemKind::touch)) {
+        in.fail();
+        return;
+    }
+    value.kind = static_cast<ItemKind>(kind);
+    value.path = in.text();
+    if (value.kind == ItemKind::set) {
+        get(in, value.value);
+    }
+}
+
+void put(Writer &out, const LeafAnswer &value) {
+    put(out, value.status);
+    if (value.status == api_status_ok) {
+        put(out, value.value);
+    }
+}
+void get(Reader &in, LeafAnswer &value) {
+    get(in, value.status);
+    if (value.status == api_status_ok) {
+        get(in, value.value);
+    }
+}
+
+void put(Writer &out, const Child &value) {
+    out.text(value.name);
+    put_type(out, value.type);
+}
+void get(Reader &in, Child &value) {
+    value.name = in.text();
+    value.type = get_type(in);
+}
+
+void put(Writer &out, const Registration &value) {
+    out.text(value.path);
+    out.u32(value.event);
+    put_bool(out, value.own_changes);
+}
+void get(Reader &in, Registration &value) {
+    value.path = in.text();
+    value.event = in.u32();
+    value.own_changes = get_bool(in);
+}
+
+void put(Writer &out, const WatchdogRequest &value) {
+    out.text(value.name);
+    put_i32(out, value.period);
+    put_bool(out, value.enabled);
+}
+void get(Reader &in, WatchdogRequest &value) {
+    value.name = in.text();
+    value.period = get_i32(in);
+    value.enabled = get_bool(in);
+}
+
+void put(Writer &out, const DumpRequest &value) {
+    out.text(value.path);
+    out.u64(value.offset);
+}
+void get(Reader &in, DumpRequest &value) {
+    value.path = in.text();
+    value.offset = in.u64();
+}
+
+void put(Writer &out, const DumpElement &value) {
+    out.text(value.path);
+    put(out, value.value);
+}
+void get(Reader &in, DumpElement &value) {
+    value.path = in.text();
+    get(in, value.value);
+}
+
+void put(Writer &out, const DumpPage &value) {
+    put(out, value.status);
+    out.u64(value.revision);
+    put_bool(out, value.more);
+    put_all(out, value.elements);
+}
+void get(Reader &in, DumpPage &value) {
+    get(in, value.status);
+    value.revision = in.u64();
+    value.more = get_bool(in);
+    get_all(in, value.elements);
+}
+
+void put(Writer &out, const ClientStatus &value) {
+    out.u64(value.session);
+    out.u32(value.pid);
+    out.u32(value.uid);
+    out.u32(value.registrations);
+    out.u64(value.pending);
+    put_bool(out, value.signalled);
+}
+void get(Reader &in, ClientStatus &value) {
+    value.session = in.u64();
+    value.pid = in.u32();
+    value.uid = in.u32();
+    value.registrations = in.u32();
+    value.pending = in.u64();
+    value.signalled = get_bool(in);
+}
+
+void put(Writer &out, const WatchdogStatus &value) {
+    out.text(value.name);
+    out.u32(value.pid);
+    put_i32(out, value.period);
+    out.u64(value.since);
+    out.u8(static_cast<std::uint8_t>(value.state));
+}
+void get(Reader &in, WatchdogStatus &value) {
+    value.name = in.text();
+    value.pid = in.u32();
+    value.period = get_i32(in);
+    value.since = in.u64();
+    const std::uint8_t state = in.u8();
+    if (state > static_cast<std::uint8_t>(WatchdogState::gone)) {
+        in.fail();
+        return;
+    }
+    value.state = static_cast<WatchdogState>(state);
+}
+
+void put(Writer &out, const ServiceStatus &value) {
+    out.u32(value.pid);
+    out.text(value.database);
+    out.u64(value.uptime);
+    out.u64(value.revision);
+    out.u64(value.nodes);
+    out.u64(value.leaves);
+    out.u64(value.overflowed);
+    put_all(out, value.clients);
+    put_all(out, value.watchdogs);
+}
+void get(Reader &in, ServiceStatus &value) {
+    value.pid = in.u32();
+    value.database = in.text();
+    value.uptime = in.u64();
+    value.revision = in.u64();
+    value.nodes = in.u64();
+    value.leaves = in.u64();
+    value.overflowed = in.u64();
+    get_all(in, value.clients);
+    get_all(in, value.watchdogs);
+}
+
+} // namespace tav

@@ -1,0 +1,199 @@
+// The content of requests and replies: for each kind of object its writer and its reader side by
+// side. A reader leaves its verdict in the Reader (Reader::ok, Reader::finished).
+#ifndef TAV_PROTOCOL_MESSAGES_H
+#define TAV_PROTOCOL_MESSAGES_H
+
+#include <tav/mlr.h>
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "protocol/codec.h"
+#include "protocol/protocol.h"
+
+namespace tav {
+
+// A leaf's content. `time`: seconds since 1970, or no_time.
+struct Value {
+    element_type_t type = element_type_none;
+    std::string text;
+    std::int64_t time = -1;
+};
+constexpr std::int64_t no_time = -1;
+
+struct Event {
+    std::int32_t command = 0;
+    std::string path;
+};
+// Bytes of an encoded event besides its path.
+constexpr std::size_t event_overhead = 8;
+
+// Every request begins with its kind and a serial number that the reply repeats.
+struct RequestHeader {
+    Op op = Op::hello;
+    std::uint32_t serial = 0;
+};
+
+// `drain`: one wake-up byte was acknowledged by this exchange and is to be read from the wake-up
+// connection, where it already lies: it was sent before the reply was.
+struct ReplyHeader {
+    std::uint32_t serial = 0;
+    bool drain = false;
+};
+
+// Opens a client's connection for calls. Answered with a Ticket.
+struct Hello {
+    std::uint32_t magic = 0;
+    std::uint32_t version = 0;
+};
+
+// Names a session; presented on the second connection. The token is random, so that only who was
+// given it can attach.
+struct Ticket {
+    std::uint64_t session = 0;
+    std::uint64_t token = 0;
+};
+
+// One step of a transaction; the value counts for ItemKind::set only.
+struct Item {
+    ItemKind kind = ItemKind::set;
+    std::string path;
+    Value value;
+};
+
+// The answer for one path of a read; the value counts only if the status is ok.
+struct LeafAnswer {
+    api_status_t status = api_status_none;
+    Value value;
+};
+
+struct Child {
+    std::string name;
+    element_type_t type = element_type_none;
+};
+
+struct Registration {
+    std::string path;
+    std::uint32_t event = 0;
+    bool own_changes = false;
+};
+
+struct WatchdogRequest {
+    std::string name;
+    std::int32_t period = 0; // seconds
+    bool enabled = false;
+};
+
+// Asks for the elements of a subtree in tree order, from the `offset`th on.
+struct DumpRequest {
+    std::string path;
+    std::uint64_t offset = 0;
+};
+
+struct DumpElement {
+    std::string path;
+    Value value; // of type node for a node
+};
+
+// A page of a dump. Pages of equal revision fit together.
+struct DumpPage {
+    api_status_t status = api_status_none;
+    std::uint64_t revision = 0;
+    bool more = false;
+    std::vector<DumpElement> elements;
+};
+
+struct ClientStatus {
+    std::uint64_t session = 0;
+    std::uint32_t pid = 0;
+    std::uint32_t uid = 0;
+    std::uint32_t registrations = 0;
+    std::uint64_t pending = 0; // events
+    bool signalled = false;    // its descriptor is readable
+};
+
+enum class WatchdogState : std::uint8_t { fine = 0, overdue = 1, gone = 2 };
+
+struct WatchdogStatus {
+    std::string name;
+    std::uint32_t pid = 0;
+    std::int32_t period = 0; // seconds
+    std::uint64_t since = 0; // milliseconds since the last ping
+    WatchdogState state = WatchdogState::fine;
+};
+
+struct ServiceStatus {
+    std::uint32_t pid = 0;
+    std::string database;     // file name, empty when the store lives in memory only
+    std::uint64_t uptime = 0; // seconds
+    std::uint64_t revision = 0;
+    std::uint64_t nodes = 0;
+    std::uint64_t leaves = 0;
+    std::uint64_t overflowed = 0; // clients disconnected for not fetching their events
+    std::vector<ClientStatus> clients;
+    std::vector<WatchdogStatus> watchdogs;
+};
+
+void put(Writer &out, const RequestHeader &value);
+void get(Reader &in, RequestHeader &value);
+void put(Writer &out, const ReplyHeader &value);
+void get(Reader &in, ReplyHeader &value);
+void put(Writer &out, const Hello &value);
+void get(Reader &in, Hello &value);
+void put(Writer &out, const Ticket &value);
+void get(Reader &in, Ticket &value);
+void put(Writer &out, const Value &value);
+void get(Reader &in, Value &value);
+void put(Writer &out, const Event &value);
+void get(Reader &in, Event &value);
+void put(Writer &out, const Item &value);
+void get(Reader &in, Item &value);
+void put(Writer &out, const LeafAnswer &value);
+void get(Reader &in, LeafAnswer &value);
+void put(Writer &out, const Child &value);
+void get(Reader &in, Child &value);
+void put(Writer &out, const Registration &value);
+void get(Reader &in, Registration &value);
+void put(Writer &out, const WatchdogRequest &value);
+void get(Reader &in, WatchdogRequest &value);
+void put(Writer &out, const DumpRequest &value);
+void get(Reader &in, DumpRequest &value);
+void put(Writer &out, const DumpElement &value);
+void get(Reader &in, DumpElement &value);
+void put(Writer &out, const DumpPage &value);
+void get(Reader &in, DumpPage &value);
+void put(Writer &out, const ClientStatus &value);
+void get(Reader &in, ClientStatus &value);
+void put(Writer &out, const WatchdogStatus &value);
+void get(Reader &in, WatchdogStatus &value);
+void put(Writer &out, const ServiceStatus &value);
+void get(Reader &in, ServiceStatus &value);
+void put(Writer &out, api_status_t value);
+void get(Reader &in, api_status_t &value);
+void put(Writer &out, std::string_view value);
+void get(Reader &in, std::string &value);
+
+template <typename T>
+void put_all(Writer &out, const std::vector<T> &values) {
+    out.u32(static_cast<std::uint32_t>(values.size()));
+    for (const T &value : values) {
+        put(out, value);
+    }
+}
+
+// `values` is replaced. No object takes less than one byte, so the count is checked against that;
+// memory grows with what was really read, not with what was announced.
+template <typename T>
+void get_all(Reader &in, std::vector<T> &values) {
+    values.clear();
+    const std::uint32_t items = in.count(1);
+    for (std::uint32_t i = 0; i < items && in.ok(); ++i) {
+        get(in, values.emplace_back());
+    }
+}
+
+} // namespace tav
+
+#endif

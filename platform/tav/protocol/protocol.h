@@ -1,0 +1,58 @@
+// The numbers of the protocol between client library and service. PROTOCOL.md describes it.
+#ifndef TAV_PROTOCOL_PROTOCOL_H
+#define TAV_PROTOCOL_PROTOCOL_H
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+namespace tav {
+
+// The service's socket where neither option nor environment names another one.
+constexpr const char *default_socket = "/run/tav/tav.sock";
+constexpr const char *socket_variable = "TAV_SOCKET";
+
+// First bytes of each connection's first frame, so that a stranger is recognised.
+constexpr std::uint32_t magic = 0x54415631; // "TAV1"
+constexpr std::uint32_t protocol_version = 1;
+
+// A frame: its length without these four bytes, most significant byte first, then the body.
+constexpr std::size_t length_bytes = 4;
+
+// What a request asks for. The first two open the two connections of a client, the first of them
+// the one for calls, the second the one whose only later content is wake-up bytes.
+enum class Op : std::uint8_t {
+    hello = 1,
+    attach = 2,
+    read = 3,
+    list = 4,
+    transact = 5,
+    event_register = 6,
+    events_get = 7,
+    watchdog_register = 8,
+    watchdog_ping = 9,
+    dump = 10,
+    status = 11,
+};
+
+// The steps a transaction is made of.
+enum class ItemKind : std::uint8_t {
+    set = 1,         // write a leaf
+    make_node = 2,   // create a node; one that exists is fine
+    remove_node = 3, // remove a node and all below it; a leaf is the wrong kind
+    remove = 4,      // the same, but a leaf may be removed too
+    touch = 5, // a change event for the leaf, or for each leaf below the node, without a change
+};
+
+// The byte that makes a client's descriptor readable.
+constexpr char wake_byte = 'w';
+
+// After a wake-up that only a ping acknowledged the next one waits this long; after a request other
+// than a ping the next one waits until this long has passed without another request, ...
+constexpr std::chrono::milliseconds wake_pause{50};
+// ... but an event never waits longer than this for its wake-up on account of requests.
+constexpr std::chrono::milliseconds wake_wait_limit{1000};
+
+} // namespace tav
+
+#endif

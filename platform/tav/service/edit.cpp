@@ -1,0 +1,222 @@
+#include "service/edit.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "protocol/limits.h"
+#include "service/value_check.h"
+
+namespace tav {
+
+namespace {
+
+bool is_leaf(const std::optional<Value> &value) {
+    return value.has_value() && value->type != element_type_node;
+}
+
+std::string_view parent_path(std::string_view path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == 0 ? path.substr(0, 1) : path.substr(0, slash);
+}
+
+} // namespace
+
+bool Change::real() const {
+    if (before.has_value() != after.has_value()) {
+        return true;
+    }
+    return before.has_value() && !same_content(*before, *after);
+}
+
+bool Change::stored() const {
+    return real() || (before.has_value() && before->time != after->time);
+}
+
+bool Change::leaf_set() const {
+    return is_leaf(after) && (touched || real());
+}
+
+bool Change::leaf_removed() const {
+    return is_leaf(before) && !is_leaf(after);
+}
+
+Edit::~Edit() {
+    if (kept) {
+        return;
+    }
+    for (auto step = undo.rbegin(); step != undo.rend(); ++step) {
+        if (step->value) {
+            tree.find_mutable(step->path)->value = std::move(*step->value);
+            continue;
+        }
+        std::string name;
+        Element *parent = parent_of(step->path, name);
+        if (step->subtree) {
+            tree.count(*step->subtree, true);
+            parent->children.emplace(name, std::move(step->subtree));
+        } else {
+            const auto created = parent->children.find(name);
+            tree.count(*created->second, false);
+            parent->children.erase(created);
+        }
+    }
+}
+
+api_status_t Edit::apply(const Item &item) {
+    const api_status_t path_status = check_path(item.path);
+    if (path_status != api_status_ok) {
+        return path_status;
+    }
+    switch (item.kind) {
+    case ItemKind::set:
+        return set(item.path, item.value);
+    case ItemKind::make_node:
+        return make_node(item.path);
+    case ItemKind::remove_node:
+        return remove(item.path, true);
+    case ItemKind::remove:
+        return remove(item.path, false);
+    case ItemKind::touch:
+        return touch(item.path);
+    }
+    return api_status_refused;
+}
+
+// Notes that `path` changes now; what it held before the transaction is noted the first time.
+Edit::Trace &Edit::trace(const std::string &path, const std::optional<Value> &before) {
+    const auto [entry, first] = traces.try_emplace(path);
+    if (first) {
+        entry->second.before = before;
+    }
+    entry->second.order = ++steps;
+    return entry->second;
+}
+
+Element *Edit::parent_of(std::string_view path, std::string &name) {
+    name = path.substr(path.rfind('/') + 1);
+    return tree.find_mutable(parent_path(path));
+}
+
+// Adds an element at a path where there is nothing, below a node that exists.
+api_status_t Edit::create(std::string_view path, Value value) {
+    std::string name;
+    Element *parent = parent_of(path, name);
+    if (parent->children.size() >= limits::children_per_node ||
+        tree.elements() >= limits::elements) {
+        return api_status_too_large;
+    }
+    auto element = std::make_unique<Element>();
+    element->value = std::move(value);
+    const std::string key(path);
+    trace(key, std::nullopt);
+    undo.push_back(Undo{key, std::nullopt, nullptr});
+    tree.count(*element, true);
+    parent->children.emplace(std::move(name), std::move(element));
+    return api_status_ok;
+}
+
+api_status_t Edit::make_node(std::string_view path) {
+    for (std::size_t end = 0; end < path.size();) {
+        end = std::min(path.find('/', end + 1), path.size());
+        const std::string_view prefix = path.substr(0, end);
+        const Element *element = tree.find(prefix);
+        if (element != nullptr) {
+            if (!element->is_node()) {
+                return api_status_wrong_kind;
+            }
+            continue;
+        }
+        const api_status_t status = create(prefix, Value{element_type_node, {}, no_time});
+        if (status != api_status_ok) {
+            return status;
+        }
+    }
+    return api_status_ok;
+}
+
+api_status_t Edit::set(const std::string &path, const Value &value) {
+    const api_status_t value_status = check_value(value);
+    if (value_status != api_status_ok) {
+        return value_status;
+    }
+    Value stamped = value;
+    if (stamped.time == no_time) {
+        stamped.time = now;
+    }
+    Element *element = tree.find_mutable(path);
+    if (element == nullptr) {
+        const api_status_t status = make_node(parent_path(path));
+        return status == api_status_ok ? create(path, std::move(stamped)) : status;
+    }
+    if (element->is_node()) {
+        return api_status_wrong_kind;
+    }
+    if (!same_content(element->value, value)) {
+        trace(path, element->value);
+        undo.push_back(Undo{path, element->value, nullptr});
+        element->value = std::move(stamped);
+    }
+    return api_status_ok;
+}
+
+api_status_t Edit::remove(const std::string &path, bool node_only) {
+    if (path == "/") {
+        return api_status_refused;
+    }
+    const Element *element = tree.find(path);
+    if (element == nullptr) {
+        return api_status_absent;
+    }
+    if (node_only && !element->is_node()) {
+        return api_status_wrong_kind;
+    }
+    walk(path, *element, [this](const std::string &below, const Element &gone) {
+        trace(below, gone.value);
+        return true;
+    });
+    std::string name;
+    Element *parent = parent_of(path, name);
+    const auto child = parent->children.find(name);
+    tree.count(*child->second, false);
+    undo.push_back(Undo{path, std::nullopt, std::move(child->second)});
+    parent->children.erase(child);
+    return api_status_ok;
+}
+
+api_status_t Edit::touch(const std::string &path) {
+    const Element *element = tree.find(path);
+    if (element == nullptr) {
+        return api_status_absent;
+    }
+    walk(path, *element, [this](const std::string &below, const Element &found) {
+        if (!found.is_node()) {
+            trace(below, found.value).touched = true;
+        }
+        return true;
+    });
+    return api_status_ok;
+}
+
+std::vector<Change> Edit::changes() const {
+    std::vector<std::pair<std::uint64_t, Change>> ordered;
+    for (const auto &[path, traced] : traces) {
+        Change change{path, traced.before, std::nullopt, traced.touched};
+        const Element *element = tree.find(path);
+        if (element != nullptr) {
+            change.after = element->value;
+        }
+        if (change.stored() || change.touched) {
+            ordered.emplace_back(traced.order, std::move(change));
+        }
+    }
+    std::sort(ordered.begin(), ordered.end(),
+              [](const auto &left, const auto &right) { return left.first < right.first; });
+    std::vector<Change> result;
+    result.reserve(ordered.size());
+    for (auto &[order, change] : ordered) {
+        result.push_back(std::move(change));
+    }
+    return result;
+}
+
+} // namespace tav

@@ -1,0 +1,46 @@
+// The events that wait for one client, bounded and merged.
+#ifndef TAV_SERVICE_EVENT_QUEUE_H
+#define TAV_SERVICE_EVENT_QUEUE_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "protocol/messages.h"
+
+namespace tav {
+
+class EventQueue {
+public:
+    // Adds an event to the end. A waiting event of the same path and command is merged into it: it
+    // moves to the end, so that the last event on a path always tells how things stand, and what is
+    // left of each transaction stays together. `foreign`: the change was another client's. False
+    // when the queue would pass its limits; it is then as it was.
+    bool add(const Event &event, bool foreign);
+    // A change of that leaf by somebody else is waiting.
+    bool holds_foreign(const std::string &path) const;
+    // Everything, in order; the queue is empty afterwards.
+    std::vector<Event> take();
+
+    std::size_t size() const { return entries.size(); }
+    bool empty() const { return entries.empty(); }
+
+private:
+    struct Entry {
+        Event event;
+        bool foreign = false;
+    };
+    // Positions of the waiting events on one path, by command.
+    using Positions = std::map<std::int32_t, std::uint64_t>;
+
+    std::map<std::uint64_t, Entry> entries;
+    std::unordered_map<std::string, Positions> by_path;
+    std::uint64_t next = 0;
+    std::size_t bytes = 0;
+};
+
+} // namespace tav
+
+#endif

@@ -1,0 +1,140 @@
+#include "service/listener.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace tav {
+
+namespace {
+
+constexpr int backlog = 128;
+constexpr const char *unfinished_suffix = ".new";
+
+[[noreturn]] void fail(const std::string &what) {
+    throw ListenError(what + ": " + std::strerror(errno));
+}
+
+sockaddr_un address_of(const std::string &path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof address.sun_path) {
+        throw ListenError("socket path '" + path + "' is too long");
+    }
+    std::memcpy(address.sun_path, path.data(), path.size());
+    return address;
+}
+
+UniqueFd stream_socket() {
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (!fd.valid()) {
+        fail("socket");
+    }
+    return fd;
+}
+
+void make_directories(const std::string &path) {
+    constexpr mode_t mode = 0755;
+    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
+         slash = path.find('/', slash + 1)) {
+        const std::string directory = path.substr(0, slash);
+        if (::mkdir(directory.c_str(), mode) != 0 && errno != EEXIST) {
+            fail("cannot create directory '" + directory + "'");
+        }
+    }
+}
+
+} // namespace
+
+Listener::Listener(const std::string &wanted) : path(wanted), lock_path(wanted + ".lock") {
+    address_of(path + unfinished_suffix);
+    make_directories(path);
+    take_lock();
+    try {
+        refuse_served();
+    } catch (const ListenError &) {
+        ::unlink(lock_path.c_str());
+        throw;
+    }
+}
+
+Listener::~Listener() {
+    if (listening) {
+        ::unlink(path.c_str());
+    }
+    // Still locked, so that nobody can be between looking and locking unnoticed (see take_lock).
+    ::unlink(lock_path.c_str());
+}
+
+void Listener::listen(mode_t mode) {
+    const std::string unfinished = path + unfinished_suffix;
+    listen_at(unfinished, mode);
+    // Renaming puts the socket, which already accepts, in the place of one left behind.
+    if (::rename(unfinished.c_str(), path.c_str()) != 0) {
+        fail("cannot create '" + path + "'");
+    }
+    listening = true;
+}
+
+// The lock says who serves: unlike a connection attempt it cannot be fooled by a service that is
+// just starting. It ends with the process that holds it.
+void Listener::take_lock() {
+    for (;;) {
+        lock = UniqueFd(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        if (!lock.valid()) {
+            fail("cannot open '" + lock_path + "'");
+        }
+        if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
+            if (errno == EWOULDBLOCK) {
+                throw ListenError("another tavd is serving at '" + path + "'");
+            }
+            fail("cannot lock '" + lock_path + "'");
+        }
+        // The previous holder may have removed the file between our open and our lock.
+        struct stat held {};
+        struct stat named {};
+        if (::fstat(lock.get(), &held) == 0 && ::stat(lock_path.c_str(), &named) == 0 &&
+            held.st_ino == named.st_ino && held.st_dev == named.st_dev) {
+            return;
+        }
+    }
+}
+
+// Looks at what is there: somebody may serve without our lock, and a file that is no socket is not
+// ours to replace.
+void Listener::refuse_served() const {
+    struct stat existing {};
+    if (::lstat(path.c_str(), &existing) != 0) {
+        return;
+    }
+    if (!S_ISSOCK(existing.st_mode)) {
+        throw ListenError("'" + path + "' exists and is not a socket");
+    }
+    const UniqueFd probe = stream_socket();
+    const sockaddr_un address = address_of(path);
+    const int result =
+        ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
+    // A full backlog gives EAGAIN: alive, too.
+    if (result == 0 || errno == EAGAIN) {
+        throw ListenError("another service is serving at '" + path + "'");
+    }
+}
+
+void Listener::listen_at(const std::string &name, mode_t mode) {
+    const sockaddr_un address = address_of(name);
+    ::unlink(name.c_str());
+    socket = stream_socket();
+    if (::bind(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
+        ::chmod(name.c_str(), mode) != 0 || ::listen(socket.get(), backlog) != 0) {
+        fail("cannot listen at '" + name + "'");
+    }
+}
+
+} // namespace tav

@@ -1,0 +1,81 @@
+#include "service/path.h"
+
+#include <algorithm>
+
+#include "protocol/limits.h"
+
+namespace tav {
+
+namespace {
+
+bool is_number(std::string_view name) {
+    return !name.empty() &&
+           std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; });
+}
+
+std::string_view without_zeros(std::string_view number) {
+    number.remove_prefix(std::min(number.find_first_not_of('0'), number.size()));
+    return number;
+}
+
+} // namespace
+
+api_status_t check_path(std::string_view path) {
+    if (path.empty() || path.front() != '/' || path.find('\0') != std::string_view::npos) {
+        return api_status_bad_path;
+    }
+    if (path == "/") {
+        return api_status_ok;
+    }
+    const std::vector<std::string_view> names = split_path(path);
+    if (std::any_of(names.begin(), names.end(), [](auto name) { return name.empty(); })) {
+        return api_status_bad_path;
+    }
+    const bool fits = path.size() <= limits::path_bytes && names.size() <= limits::depth &&
+                      std::all_of(names.begin(), names.end(),
+                                  [](auto name) { return name.size() <= limits::name_bytes; });
+    return fits ? api_status_ok : api_status_too_large;
+}
+
+std::vector<std::string_view> split_path(std::string_view path) {
+    std::vector<std::string_view> names;
+    if (path == "/") {
+        return names;
+    }
+    while (!path.empty()) {
+        path.remove_prefix(1); // the "/"
+        const std::string_view name = path.substr(0, path.find('/'));
+        names.push_back(name);
+        path.remove_prefix(name.size());
+    }
+    return names;
+}
+
+bool is_at_or_below(std::string_view path, std::string_view ancestor) {
+    if (ancestor == "/") {
+        return true;
+    }
+    return path.substr(0, ancestor.size()) == ancestor &&
+           (path.size() == ancestor.size() || path[ancestor.size()] == '/');
+}
+
+bool NameLess::operator()(std::string_view left, std::string_view right) const {
+    const bool left_number = is_number(left);
+    const bool right_number = is_number(right);
+    if (left_number != right_number) {
+        return left_number;
+    }
+    if (left_number) {
+        const std::string_view a = without_zeros(left);
+        const std::string_view b = without_zeros(right);
+        if (a.size() != b.size()) {
+            return a.size() < b.size();
+        }
+        if (a != b) {
+            return a < b;
+        }
+    }
+    return left < right;
+}
+
+} // namespace tav

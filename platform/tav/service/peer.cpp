@@ -1,0 +1,78 @@
+#include "service/peer.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+
+namespace tav {
+
+namespace {
+
+constexpr std::size_t read_step = std::size_t{64} << 10;
+// Buffers above this size are given back when they are empty.
+constexpr std::size_t keep_capacity = std::size_t{256} << 10;
+
+void release(std::string &buffer) {
+    buffer.clear();
+    if (buffer.capacity() > keep_capacity) {
+        buffer.shrink_to_fit();
+    }
+}
+
+bool temporary(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
+}
+
+} // namespace
+
+bool Peer::receive() {
+    input.erase(0, consumed);
+    consumed = 0;
+    const std::size_t before = input.size();
+    input.resize(before + read_step);
+    const ssize_t got = ::recv(socket.get(), &input[before], read_step, MSG_DONTWAIT);
+    const int error = errno;
+    input.resize(before + (got > 0 ? static_cast<std::size_t>(got) : 0));
+    return got > 0 || (got < 0 && temporary(error));
+}
+
+FrameState Peer::request(std::string_view &body) const {
+    return next_frame(std::string_view(input).substr(consumed), body);
+}
+
+void Peer::consume(std::string_view body) {
+    consumed += length_bytes + body.size();
+    if (consumed == input.size()) {
+        consumed = 0;
+        release(input);
+    }
+}
+
+void Peer::reply(std::string frame) {
+    output = std::move(frame);
+    sent = 0;
+}
+
+bool Peer::flush() {
+    while (has_output()) {
+        const ssize_t done = ::send(socket.get(), output.data() + sent, output.size() - sent,
+                                    MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (done < 0) {
+            return temporary(errno);
+        }
+        sent += static_cast<std::size_t>(done);
+    }
+    sent = 0;
+    release(output);
+    return true;
+}
+
+bool Peer::send_byte(char byte) const {
+    ssize_t done = 0;
+    do {
+        done = ::send(socket.get(), &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+    } while (done < 0 && errno == EINTR);
+    return done == 1;
+}
+
+} // namespace tav

@@ -1,0 +1,58 @@
+// One accepted connection: bytes in, bytes out.
+#ifndef TAV_SERVICE_PEER_H
+#define TAV_SERVICE_PEER_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "client/unique_fd.h"
+#include "protocol/codec.h"
+#include "protocol/protocol.h"
+
+namespace tav {
+
+class Peer {
+public:
+    enum class Role {
+        stranger, // has not sent its first frame
+        calls,    // a client's connection for calls
+        wake,     // a client's wake-up connection: sends nothing any more
+    };
+
+    explicit Peer(UniqueFd connected) : socket(std::move(connected)) {}
+
+    int fd() const { return socket.get(); }
+
+    // Reads what is there, a bounded part at a time. False when the connection is over.
+    bool receive();
+    // The next complete request; FrameState::too_large ends the connection. `body` is valid until
+    // consume().
+    FrameState request(std::string_view &body) const;
+    void consume(std::string_view body);
+    bool has_input() const { return consumed < input.size(); }
+
+    // Queues a frame. There is at most one: further requests wait until it was sent, so that a
+    // client that does not read its replies costs no more than one of them.
+    void reply(std::string frame);
+    bool has_output() const { return sent < output.size(); }
+    // Sends as much as goes. False when the connection is over.
+    bool flush();
+    // Sends one byte at once, past the queue. False when the connection is over or blocked.
+    bool send_byte(char byte) const;
+
+    Role role = Role::stranger;
+    std::uint64_t session = 0; // 0: none
+    bool attached = false;     // calls: the wake-up connection is there
+
+private:
+    UniqueFd socket;
+    std::string input;
+    std::size_t consumed = 0;
+    std::string output;
+    std::size_t sent = 0;
+};
+
+} // namespace tav
+
+#endif

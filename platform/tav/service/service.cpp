@@ -1,0 +1,213 @@
+#include "service/service.h"
+
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <stdexcept>
+#include <utility>
+
+#include "protocol/limits.h"
+
+namespace tav {
+
+namespace {
+
+std::uint64_t random_token() {
+    std::uint64_t token = 0;
+    // A request this small is neither interrupted nor cut once the kernel's source is ready.
+    if (::getrandom(&token, sizeof token, 0) != static_cast<ssize_t>(sizeof token)) {
+        throw std::runtime_error("no random numbers");
+    }
+    return token;
+}
+
+} // namespace
+
+Service::Service(Store &served, std::string database, Clock time_source)
+    : store(served), database_name(std::move(database)), clock(std::move(time_source)),
+      started(clock()) {}
+
+Session &Service::open(std::uint32_t pid, std::uint32_t uid) {
+    const Ticket ticket{next_session++, random_token()};
+    auto session = std::make_unique<Session>(ticket, pid, uid);
+    return *(clients[ticket.session] = std::move(session));
+}
+
+Session *Service::find(const Ticket &ticket) const {
+    const auto session = clients.find(ticket.session);
+    const bool found = session != clients.end() && session->second->ticket().token == ticket.token;
+    return found ? session->second.get() : nullptr;
+}
+
+void Service::close(std::uint64_t session) {
+    dog.depart(session);
+    clients.erase(session);
+}
+
+bool Service::handle(Session &session, std::string_view body, std::string &reply) {
+    Reader in(body);
+    RequestHeader header;
+    get(in, header);
+    if (!in.ok()) {
+        return false;
+    }
+    Writer out;
+    const auto answer = [&out, &header](bool drain) {
+        put(out, ReplyHeader{header.serial, drain});
+    };
+    // Fetch and ping acknowledge wake-ups, each by its own rule; all other requests count as work.
+    if (header.op == Op::events_get) {
+        if (!in.finished()) {
+            return false;
+        }
+        bool drain = false;
+        const std::vector<Event> events = session.fetch(clock(), drain);
+        answer(drain);
+        put_all(out, events);
+    } else if (header.op == Op::watchdog_ping) {
+        if (!in.finished()) {
+            return false;
+        }
+        const Time now = clock();
+        answer(session.ping(now));
+        put(out, dog.ping(session.ticket().session, now));
+    } else {
+        answer(false);
+        if (!dispatch(session, header.op, in, out)) {
+            return false;
+        }
+        // The time after the work: a write may have taken long.
+        session.request(clock());
+    }
+    reply = out.finish();
+    return true;
+}
+
+bool Service::dispatch(Session &session, Op op, Reader &in, Writer &out) {
+    switch (op) {
+    case Op::read:
+        return handle_read(in, out);
+    case Op::list:
+        return handle_list(in, out);
+    case Op::transact:
+        return handle_transact(session, in, out);
+    case Op::event_register:
+        return handle_register(session, in, out);
+    case Op::watchdog_register:
+        return handle_watchdog(session, in, out);
+    case Op::dump:
+        return handle_dump(in, out);
+    case Op::status:
+        if (!in.finished()) {
+            return false;
+        }
+        put_status(out);
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool Service::handle_read(Reader &in, Writer &out) {
+    constexpr std::size_t empty_answer = 1;
+    constexpr std::size_t value_overhead = 13; // type, length of the text, time
+    std::vector<std::string> paths;
+    get_all(in, paths);
+    if (!in.finished() || paths.size() > limits::paths_per_request) {
+        return false;
+    }
+    out.u32(static_cast<std::uint32_t>(paths.size()));
+    std::size_t unanswered = paths.size();
+    for (const std::string &path : paths) {
+        LeafAnswer answer = store.read(path);
+        const std::size_t size = answer.value.text.size() + value_overhead;
+        if (out.size() + size + unanswered * empty_answer > limits::frame_bytes) {
+            answer.status = api_status_too_large;
+        }
+        put(out, answer);
+        --unanswered;
+    }
+    return true;
+}
+
+bool Service::handle_list(Reader &in, Writer &out) {
+    std::string path;
+    get(in, path);
+    if (!in.finished()) {
+        return false;
+    }
+    std::vector<Child> children;
+    put(out, store.list(path, children));
+    put_all(out, children);
+    return true;
+}
+
+bool Service::handle_transact(Session &session, Reader &in, Writer &out) {
+    std::vector<Item> items;
+    get_all(in, items);
+    if (!in.finished() || items.size() > limits::paths_per_request) {
+        return false;
+    }
+    const Outcome outcome =
+        store.transact(items, [&session](const std::string &path) { return session.unseen(path); });
+    put_all(out, outcome.statuses);
+    const Time now = clock();
+    for (const auto &[number, client] : clients) {
+        for (const Event &event : outcome.events) {
+            client->offer(event, client.get() == &session, now);
+        }
+    }
+    return true;
+}
+
+bool Service::handle_register(Session &session, Reader &in, Writer &out) {
+    Registration registration;
+    get(in, registration);
+    if (!in.finished()) {
+        return false;
+    }
+    put(out, session.register_events(registration, clock()));
+    return true;
+}
+
+bool Service::handle_watchdog(Session &session, Reader &in, Writer &out) {
+    WatchdogRequest request;
+    get(in, request);
+    if (!in.finished()) {
+        return false;
+    }
+    put(out, dog.announce(session.ticket().session, session.pid(), request, clock()));
+    return true;
+}
+
+bool Service::handle_dump(Reader &in, Writer &out) {
+    DumpRequest request;
+    get(in, request);
+    if (!in.finished()) {
+        return false;
+    }
+    DumpPage page;
+    store.dump(request, page);
+    put(out, page);
+    return true;
+}
+
+void Service::put_status(Writer &out) const {
+    const Time now = clock();
+    ServiceStatus status;
+    status.pid = static_cast<std::uint32_t>(::getpid());
+    status.database = database_name;
+    status.uptime = static_cast<std::uint64_t>(
+        std::chrono::duration_cast<std::chrono::seconds>(now - started).count());
+    status.revision = store.revision();
+    status.nodes = store.tree().node_count();
+    status.leaves = store.tree().leaf_count();
+    status.overflowed = overflows;
+    for (const auto &[number, client] : clients) {
+        status.clients.push_back(client->status());
+    }
+    status.watchdogs = dog.status(now);
+    put(out, status);
+}
+
+} // namespace tav

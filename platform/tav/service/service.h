@@ -1,0 +1,66 @@
+// The service without its sockets: sessions, and what each request does.
+#ifndef TAV_SERVICE_SERVICE_H
+#define TAV_SERVICE_SERVICE_H
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "service/session.h"
+#include "service/store.h"
+#include "service/watchdog.h"
+
+namespace tav {
+
+class Service {
+public:
+    using Sessions = std::map<std::uint64_t, std::unique_ptr<Session>>;
+    // The clock's times must never go back.
+    using Clock = std::function<Time()>;
+
+    // Serves `store`, which must outlive the service; `database` is its file's name for display.
+    Service(Store &served, std::string database, Clock time_source);
+
+    // A new client. The session lives until close().
+    Session &open(std::uint32_t pid, std::uint32_t uid);
+    // The session a ticket was made out for, or null.
+    Session *find(const Ticket &ticket) const;
+    // The client is gone; the session is destroyed.
+    void close(std::uint64_t session);
+
+    // Carries out one request and leaves the complete reply frame in `reply`. False when the
+    // request is malformed: the client is then to be disconnected, and nothing was done.
+    bool handle(Session &session, std::string_view body, std::string &reply);
+
+    const Sessions &sessions() const { return clients; }
+    Watchdog &watchdog() { return dog; }
+    Time now() const { return clock(); }
+    // A client was disconnected because it did not fetch its events; counted for display.
+    void count_overflow() { ++overflows; }
+
+private:
+    bool handle_read(Reader &in, Writer &out);
+    bool handle_list(Reader &in, Writer &out);
+    bool handle_transact(Session &session, Reader &in, Writer &out);
+    bool handle_register(Session &session, Reader &in, Writer &out);
+    bool handle_watchdog(Session &session, Reader &in, Writer &out);
+    bool handle_dump(Reader &in, Writer &out);
+    void put_status(Writer &out) const;
+    bool dispatch(Session &session, Op op, Reader &in, Writer &out);
+
+    Store &store;
+    std::string database_name;
+    Clock clock;
+    Time started;
+    Sessions clients;
+    Watchdog dog;
+    std::uint64_t next_session = 1;
+    std::uint64_t overflows = 0;
+};
+
+} // namespace tav
+
+#endif

@@ -1,0 +1,187 @@
+#include "service/store.h"
+
+#include <algorithm>
+#include <ctime>
+#include <unordered_set>
+
+#include "protocol/limits.h"
+#include "service/database.h"
+
+namespace tav {
+
+namespace {
+
+// What a device's store holds from the factory.
+constexpr const char *factory_node = "/Software/System Settings/Network/Interface";
+
+std::vector<Event> events_of(const std::vector<Change> &changes) {
+    std::vector<Event> events;
+    for (const Change &change : changes) {
+        if (change.leaf_set()) {
+            events.push_back(Event{mlr_event_set, change.path});
+        } else if (change.leaf_removed()) {
+            events.push_back(Event{mlr_event_removed, change.path});
+        }
+    }
+    return events;
+}
+
+// Applies the items until one is refused; the others of the call are then not done either.
+bool apply_all(Edit &edit, const std::vector<Item> &items, std::vector<api_status_t> &statuses) {
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        const api_status_t status = edit.apply(items[i]);
+        if (status != api_status_ok) {
+            statuses.assign(items.size(), api_status_not_done);
+            statuses[i] = status;
+            return false;
+        }
+    }
+    return true;
+}
+
+// Which items would change one of the `stale` leaves.
+std::vector<api_status_t> stale_statuses(const std::vector<Item> &items,
+                                         const std::unordered_set<std::string> &stale) {
+    std::vector<api_status_t> statuses(items.size(), api_status_not_done);
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        const Item &item = items[i];
+        const bool removes = item.kind == ItemKind::remove || item.kind == ItemKind::remove_node;
+        const bool concerned = removes ? std::any_of(stale.begin(), stale.end(),
+                                                     [&item](const std::string &path) {
+                                                         return is_at_or_below(path, item.path);
+                                                     })
+                                       : item.kind == ItemKind::set && stale.count(item.path) > 0;
+        if (concerned) {
+            statuses[i] = api_status_stale;
+        }
+    }
+    return statuses;
+}
+
+} // namespace
+
+Store::Store() : storage(std::make_unique<NoStorage>()) {
+    furnish();
+}
+
+Store::Store(std::unique_ptr<Storage> other) : storage(std::move(other)) {
+    furnish();
+}
+
+Store::Store(const std::string &file) {
+    bool fresh = false;
+    storage = std::make_unique<Database>(file, content, fresh);
+    if (fresh) {
+        furnish();
+    }
+}
+
+void Store::furnish() {
+    Item item;
+    item.kind = ItemKind::make_node;
+    item.path = factory_node;
+    transact({item}, [](const std::string &) { return false; });
+}
+
+Outcome Store::transact(const std::vector<Item> &items,
+                        const std::function<bool(const std::string &)> &unseen) {
+    Outcome outcome;
+    outcome.statuses.assign(items.size(), api_status_ok);
+    Edit edit(content, std::time(nullptr));
+    if (!apply_all(edit, items, outcome.statuses)) {
+        return outcome;
+    }
+    const std::vector<Change> changes = edit.changes();
+
+    std::unordered_set<std::string> stale;
+    for (const Change &change : changes) {
+        const bool of_leaf = change.leaf_set() || change.leaf_removed();
+        if (of_leaf && change.real() && unseen(change.path)) {
+            stale.insert(change.path);
+        }
+    }
+    if (!stale.empty()) {
+        outcome.statuses = stale_statuses(items, stale);
+        return outcome;
+    }
+
+    // A write that changes nothing must not reach the disk: the same values are written again and
+    // again, and flash wears out.
+    const bool changed_something = std::any_of(
+        changes.begin(), changes.end(), [](const Change &change) { return change.stored(); });
+    if (changed_something) {
+        if (!storage->commit(changes)) {
+            outcome.statuses.assign(items.size(), api_status_failed);
+            return outcome;
+        }
+        ++changed;
+    }
+    edit.keep();
+    outcome.events = events_of(changes);
+    return outcome;
+}
+
+LeafAnswer Store::read(const std::string &path) const {
+    LeafAnswer answer;
+    answer.status = check_path(path);
+    if (answer.status != api_status_ok) {
+        return answer;
+    }
+    const Element *element = content.find(path);
+    if (element == nullptr) {
+        answer.status = api_status_absent;
+    } else if (element->is_node()) {
+        answer.status = api_status_wrong_kind;
+    } else {
+        answer.value = element->value;
+    }
+    return answer;
+}
+
+api_status_t Store::list(const std::string &path, std::vector<Child> &children) const {
+    const api_status_t status = check_path(path);
+    if (status != api_status_ok) {
+        return status;
+    }
+    const Element *element = content.find(path);
+    if (element == nullptr) {
+        return api_status_absent;
+    }
+    if (!element->is_node()) {
+        return api_status_wrong_kind;
+    }
+    for (const auto &[name, child] : element->children) {
+        children.push_back(Child{name, child->value.type});
+    }
+    return api_status_ok;
+}
+
+void Store::dump(const DumpRequest &request, DumpPage &page) const {
+    page.revision = changed;
+    page.status = check_path(request.path);
+    if (page.status != api_status_ok) {
+        return;
+    }
+    const Element *start = content.find(request.path);
+    if (start == nullptr) {
+        page.status = api_status_absent;
+        return;
+    }
+    std::uint64_t skip = request.offset;
+    std::size_t bytes = 0;
+    walk(request.path, *start, [&](const std::string &path, const Element &element) {
+        if (skip > 0) {
+            --skip;
+            return true;
+        }
+        if (bytes >= limits::dump_page_bytes) {
+            page.more = true;
+            return false;
+        }
+        page.elements.push_back(DumpElement{path, element.value});
+        bytes += path.size() + element.value.text.size();
+        return true;
+    });
+}
+
+} // namespace tav

@@ -1,0 +1,55 @@
+// The store: the tree, its storage, and the rules of a write.
+#ifndef TAV_SERVICE_STORE_H
+#define TAV_SERVICE_STORE_H
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "service/edit.h"
+#include "service/storage.h"
+
+namespace tav {
+
+// What became of a transaction: one status per item, and the events that it causes, in order. When
+// any status is not ok nothing was changed and there are no events.
+struct Outcome {
+    std::vector<api_status_t> statuses;
+    std::vector<Event> events;
+};
+
+class Store {
+public:
+    // A store in memory only, in the state of a fresh one.
+    Store();
+    // A store kept in `file`. Throws DatabaseError.
+    explicit Store(const std::string &file);
+    // A store in memory over another storage.
+    explicit Store(std::unique_ptr<Storage> other);
+
+    // Performs all items or none. `unseen` tells for the path of a leaf whether the writer has not
+    // yet fetched somebody else's event on it: when the transaction would really change such a
+    // leaf, it is refused as a whole with api_status_stale.
+    Outcome transact(const std::vector<Item> &items,
+                     const std::function<bool(const std::string &)> &unseen);
+
+    LeafAnswer read(const std::string &path) const;
+    api_status_t list(const std::string &path, std::vector<Child> &children) const;
+    void dump(const DumpRequest &request, DumpPage &page) const;
+
+    const Tree &tree() const { return content; }
+    // Grows with each transaction that changed something.
+    std::uint64_t revision() const { return changed; }
+
+private:
+    void furnish();
+
+    Tree content;
+    std::unique_ptr<Storage> storage;
+    std::uint64_t changed = 0;
+};
+
+} // namespace tav
+
+#endif

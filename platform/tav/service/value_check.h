@@ -1,0 +1,20 @@
+// Which texts the types of values allow.
+#ifndef TAV_SERVICE_VALUE_CHECK_H
+#define TAV_SERVICE_VALUE_CHECK_H
+
+#include "protocol/messages.h"
+
+namespace tav {
+
+// api_status_ok, api_status_too_large, or api_status_bad_value for a text that the type does not
+// allow or a type that is none of a leaf's:
+//   boolean  "true" or "false"
+//   integer  an optional "-", decimal digits; within signed 64 bits
+//   real     an optional "-", digits, optionally "." and digits, optionally "e" or "E", an optional
+//            sign and digits; within the range of an IEEE double
+//   string   any bytes but NUL
+api_status_t check_value(const Value &value);
+
+} // namespace tav
+
+#endif

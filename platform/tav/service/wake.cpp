@@ -1,0 +1,70 @@
+#include "service/wake.h"
+
+#include <algorithm>
+
+#include "protocol/protocol.h"
+
+namespace tav {
+
+void Wake::want(Time now) {
+    if (!outstanding && !wanted_since) {
+        wanted_since = now;
+    }
+}
+
+void Wake::event(Time now) {
+    want(now);
+}
+
+void Wake::request(Time now, bool unfetched) {
+    last_request = now;
+    if (unfetched) {
+        want(now);
+    }
+}
+
+bool Wake::ping(Time now) {
+    if (!outstanding) {
+        return false;
+    }
+    if (!seen_by_ping) {
+        seen_by_ping = true;
+        return false;
+    }
+    outstanding = false;
+    seen_by_ping = false;
+    ping_acknowledged = now;
+    return true;
+}
+
+bool Wake::fetch(Time now) {
+    const bool drain = outstanding;
+    outstanding = false;
+    seen_by_ping = false;
+    wanted_since.reset();
+    last_request = now;
+    return drain;
+}
+
+std::optional<Time> Wake::due() const {
+    if (!wanted_since) {
+        return std::nullopt;
+    }
+    Time due = *wanted_since;
+    if (last_request) {
+        // A client that is busy with its last synchronisation is left alone, though not for ever.
+        due = std::max(due, std::min(*last_request + wake_pause, *wanted_since + wake_wait_limit));
+    }
+    if (ping_acknowledged) {
+        due = std::max(due, *ping_acknowledged + wake_pause);
+    }
+    return due;
+}
+
+void Wake::sent() {
+    outstanding = true;
+    seen_by_ping = false;
+    wanted_since.reset();
+}
+
+} // namespace tav

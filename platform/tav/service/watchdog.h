@@ -1,0 +1,52 @@
+// The watchdog: which clients promised to ping, and which of them do.
+#ifndef TAV_SERVICE_WATCHDOG_H
+#define TAV_SERVICE_WATCHDOG_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "protocol/messages.h"
+#include "service/wake.h"
+
+namespace tav {
+
+// Reports through the log: once when a client is overdue, once when it pings again, once when it is
+// gone (its connection ended without a withdrawal).
+class Watchdog {
+public:
+    // Announces, changes or (not enabled) withdraws the watchdog of a client, which has at most
+    // one. A name that was left behind by a client that is gone is taken over.
+    api_status_t announce(std::uint64_t session, std::uint32_t pid, const WatchdogRequest &request,
+                          Time now);
+    // api_status_absent for a client that has announced nothing.
+    api_status_t ping(std::uint64_t session, Time now);
+    // The client's connection ended.
+    void depart(std::uint64_t session);
+    // Looks for overdue ones.
+    void check(Time now);
+    // When the next one will be overdue.
+    std::optional<Time> next_check() const;
+
+    std::vector<WatchdogStatus> status(Time now) const;
+
+private:
+    struct Entry {
+        std::uint64_t session = 0;
+        std::uint32_t pid = 0;
+        std::string name;
+        std::int32_t period = 0; // seconds
+        Time last_ping;
+        WatchdogState state = WatchdogState::fine;
+    };
+
+    Entry *find(std::uint64_t session);
+    static Time deadline(const Entry &entry);
+    void forget(const std::string &name);
+
+    std::vector<Entry> entries; // those that are gone included, up to their limit
+};
+
+} // namespace tav
+
+#endif

@@ -1,0 +1,91 @@
+// status.
+#include <iostream>
+
+#include "client/admin.h"
+#include "tool/text.h"
+#include "tool/tool.h"
+
+namespace tav::tool {
+
+namespace {
+
+const char *state_name(WatchdogState state) {
+    switch (state) {
+    case WatchdogState::fine:
+        return "fine";
+    case WatchdogState::overdue:
+        return "overdue";
+    case WatchdogState::gone:
+        return "gone";
+    }
+    return "unknown";
+}
+
+void print_json(const ServiceStatus &status) {
+    Json all = Json::object();
+    all["pid"] = status.pid;
+    all["database"] = status.database.empty() ? Json() : Json(escaped(status.database));
+    all["uptime_s"] = status.uptime;
+    all["revision"] = status.revision;
+    all["nodes"] = status.nodes;
+    all["leaves"] = status.leaves;
+    all["overflowed_clients"] = status.overflowed;
+    all["clients"] = Json::array();
+    for (const ClientStatus &client : status.clients) {
+        all["clients"].push_back({{"session", client.session},
+                                  {"pid", client.pid},
+                                  {"uid", client.uid},
+                                  {"registrations", client.registrations},
+                                  {"pending_events", client.pending},
+                                  {"signalled", client.signalled}});
+    }
+    all["watchdogs"] = Json::array();
+    for (const WatchdogStatus &watchdog : status.watchdogs) {
+        Json entry = Json::object();
+        add_text(entry, "name", watchdog.name);
+        entry["pid"] = watchdog.pid;
+        entry["period_s"] = watchdog.period;
+        entry["last_ping_ms"] = watchdog.since;
+        entry["state"] = state_name(watchdog.state);
+        all["watchdogs"].push_back(std::move(entry));
+    }
+    std::cout << all.dump(2) << '\n';
+}
+
+void print_text(const ServiceStatus &status) {
+    std::cout << "service    process " << status.pid << ", up " << status.uptime << " s\n"
+              << "database   "
+              << (status.database.empty() ? "none, memory only" : escaped(status.database)) << '\n'
+              << "tree       " << status.nodes << " nodes, " << status.leaves
+              << " leaves, revision " << status.revision << '\n'
+              << "overflows  " << status.overflowed << '\n'
+              << "clients    " << status.clients.size() << '\n';
+    for (const ClientStatus &client : status.clients) {
+        std::cout << "  session " << client.session << "  process " << client.pid << "  user "
+                  << client.uid << "  registrations " << client.registrations << "  pending "
+                  << client.pending << (client.signalled ? "  signalled" : "") << '\n';
+    }
+    std::cout << "watchdogs  " << status.watchdogs.size() << '\n';
+    for (const WatchdogStatus &watchdog : status.watchdogs) {
+        std::cout << "  " << escaped(watchdog.name) << "  process " << watchdog.pid << "  period "
+                  << watchdog.period << " s  last ping " << watchdog.since << " ms ago  "
+                  << state_name(watchdog.state) << '\n';
+    }
+}
+
+} // namespace
+
+int status(Client &client, const Options &options) {
+    ServiceStatus current;
+    if (tav::service_status(client.handle(), current) != 0) {
+        return exit_unreachable;
+    }
+    if (options.json) {
+        print_json(current);
+    } else {
+        print_text(current);
+    }
+    return exit_done;
+}
+
+} // namespace tav::tool

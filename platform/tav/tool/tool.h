@@ -1,0 +1,63 @@
+// What the commands of the tool share: the connection, the exit codes, and the commands themselves.
+#ifndef TAV_TOOL_TOOL_H
+#define TAV_TOOL_TOOL_H
+
+#include <tav/toolkit.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace tav::tool {
+
+// Exit codes. They are part of the tool's interface.
+constexpr int exit_done = 0;
+constexpr int exit_refused = 1;     // something absent or refused
+constexpr int exit_usage = 2;       // the command line is wrong
+constexpr int exit_unreachable = 3; // no service, or it went away
+
+// Everything a command line can say.
+struct Options {
+    std::vector<std::string> paths;
+    // set: path, value, path, value, ...
+    std::vector<std::string> words;
+    element_type_t type = element_type_string;
+    std::string file; // "-": standard input or output
+    bool json = false;
+    bool long_listing = false;
+    bool no_time = false;
+    std::uint64_t count = 0;       // 0: without end
+    std::optional<double> timeout; // seconds
+};
+
+// A connection for as long as the object lives.
+class Client {
+public:
+    Client() : tav(mlr_init()) {}
+    ~Client() { mlr_close(tav.handle); }
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    bool connected() const { return tav.handle != nullptr; }
+    mlr_client_t *handle() const { return tav.handle; }
+
+    toolkit::CTav tav;
+};
+
+// The commands. Each prints its own messages and returns an exit code.
+int get(Client &client, const Options &options);
+int list(Client &client, const Options &options);
+int tree(Client &client, const Options &options);
+int set(Client &client, const Options &options);
+int make_node(Client &client, const Options &options);
+int touch(Client &client, const Options &options);
+int remove(Client &client, const Options &options);
+int watch(Client &client, const Options &options);
+int dump(Client &client, const Options &options);
+int load(Client &client, const Options &options);
+int status(Client &client, const Options &options);
+
+} // namespace tav::tool
+
+#endif
