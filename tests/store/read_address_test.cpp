@@ -1,0 +1,283 @@
+// Reading one gateway, one address, and the addresses of one interface.
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "fakes/engine_fixture.h"
+#include "sync/errors.h"
+
+namespace {
+
+using strings = std::vector<std::string>;
+using toolkit::CElement;
+
+const char *const gateway_signature =
+    "boost::optional<CTavRoute> CSync::read_tav_ipv6_gateway(const tk_string&)";
+const char *const addrs_signature =
+    "std::vector<CTavAddress> CSync::read_tav_ipv6_addrs(const tk_string&)";
+const char *const addr_signature =
+    "CTavAddress CSync::read_tav_ipv6_addr(const tk_string&, const tk_string&)";
+const char *const str_to_addr_signature =
+    "static CAddress CSync::str_to_addr(const tk_string&, bool)";
+
+std::string text(const CTavAddress &address) {
+    return text_of(address.addr) + "/" + std::to_string(address.prefix_len) + " " +
+           std::to_string(address.type) + " " + address.node;
+}
+
+CElement number_element(const std::string &value) {
+    return {element_type_integer, value, CElement::_invalid_time};
+}
+
+class ReadGateway : public EngineTest {
+protected:
+    const tk_string ipv6 = at("1/IPv6");
+    const tk_string leaf = at("1/IPv6/Default Gateway/Value");
+    boost::optional<CTavRoute> read() { return engine().read_tav_ipv6_gateway(ipv6); }
+};
+
+TEST_F(ReadGateway, YieldsADefaultRouteThroughTheStoredAddress) {
+    fake_tav::put(leaf, "fe80::1");
+    const auto route = read();
+    ASSERT_TRUE(route);
+    EXPECT_EQ(text_of(route->gateway), "fe80::1");
+    EXPECT_EQ(text_of(route->dst), "::");
+    EXPECT_EQ(route->dst_len, 0);
+    EXPECT_EQ(effects(), strings{"get_leaf(~/1/IPv6/Default Gateway/Value)"});
+}
+
+TEST_F(ReadGateway, LogsWhatItReadsAtLevelFour) {
+    fake_tav::put(leaf, "fe80::1");
+    expect_logged_at(4, 6, "Info: Discovering TAV gateway on '" + ipv6 + "'", [this] { read(); });
+    expect_logged_at(4, 6, "Info: Read TAV gateway address 'fe80::1' on '" + ipv6 + "'",
+                     [this] { read(); });
+    verbosity = 4;
+    forget();
+    read();
+    EXPECT_EQ(record(), (strings{"6 Info: Discovering TAV gateway on '~/1/IPv6'",
+                                 "get_leaf(~/1/IPv6/Default Gateway/Value)",
+                                 "6 Info: Read TAV gateway address 'fe80::1' on '~/1/IPv6'"}));
+}
+
+TEST_F(ReadGateway, FindsNoneWhereTheStoreHasNone) {
+    EXPECT_FALSE(read());
+    expect_logged_at(4, 6, "Info: No gateway specified.", [this] { read(); });
+    fake_tav::put(leaf, "fe80::1");
+    fake_tav::on_call("get_leaf").statuses({api_status_refused});
+    EXPECT_FALSE(read()) << "any status but 1 means that there is none";
+}
+
+TEST_F(ReadGateway, AFailedCallIsAnError) {
+    fake_tav::put(leaf, "fe80::1");
+    fake_tav::on_call("get_leaf").returns(-7).statuses({1});
+    EXPECT_EQ(thrown<sync_err>([this] { read(); }),
+              std::string(gateway_signature) + ": CTav::get_leaf() returned -7");
+    fake_tav::on_call("get_leaf").returns(3);
+    EXPECT_EQ(thrown<sync_err>([this] { read(); }),
+              std::string(gateway_signature) + ": CTav::get_leaf() returned 3");
+}
+
+TEST_F(ReadGateway, AValueOfAnotherTypeIsAMinorError) {
+    fake_tav::put(leaf, number_element("5"));
+    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
+              std::string(gateway_signature) + ": '" + leaf + "' is not a string type");
+}
+
+TEST_F(ReadGateway, AcceptsAPrefixLengthThoughNoneIsNeeded) {
+    fake_tav::put(leaf, "fe80::1/64");
+    const auto route = read();
+    ASSERT_TRUE(route);
+    EXPECT_EQ(text_of(route->gateway), "fe80::1");
+    EXPECT_EQ(route->dst_len, 0);
+}
+
+TEST_F(ReadGateway, ABadTextIsAnAddressError) {
+    fake_tav::put(leaf, "fe80::1/0");
+    EXPECT_EQ(thrown<sync_addr_err>([this] { read(); }),
+              std::string(str_to_addr_signature) + ": Invalid prefix length '0'");
+    fake_tav::put(leaf, "nonsense");
+    EXPECT_EQ(thrown<sync_addr_err>([this] { read(); }),
+              std::string(str_to_addr_signature) +
+                  ": Can't convert string 'nonsense' to IPv6 address");
+}
+
+class ReadAddress : public EngineTest {
+protected:
+    const tk_string addresses = at("1/IPv6/Addresses");
+    const tk_string node = at("1/IPv6/Addresses/7");
+    CTavAddress read() { return engine().read_tav_ipv6_addr(addresses, "7"); }
+};
+
+TEST_F(ReadAddress, TakesAddressLengthTypeAndNodeInOneCall) {
+    store(1, "7", "2001:db8::5/64", "Static");
+    EXPECT_EQ(text(read()), "2001:db8::5/64 3 7");
+    EXPECT_EQ(effects(), strings{"get_leaves(~/1/IPv6/Addresses/7/Address/Value, "
+                                 "~/1/IPv6/Addresses/7/Type/Value)"});
+    store(1, "7", "2001:db8::5/64", "Automatic");
+    EXPECT_EQ(read().type, 2);
+    store(1, "7", "fe80::5/128", "Link-Local");
+    EXPECT_EQ(text(read()), "fe80::5/128 1 7");
+}
+
+TEST_F(ReadAddress, LogsWhatItReadsAtLevelFour) {
+    store(1, "7", "2001:DB8::5/64", "Static");
+    expect_logged_at(4, 6, "Info: Discovering TAV addr on '" + node + "'", [this] { read(); });
+    expect_logged_at(4, 6, "Info: Read TAV address 7 ('2001:DB8::5/64') (Static) on '" + node + "'",
+                     [this] { read(); });
+}
+
+TEST_F(ReadAddress, AFailedCallIsAnErrorEvenWithoutOutputs) {
+    store(1, "7", "2001:db8::5/64", "Static");
+    fake_tav::on_call("get_leaves").returns(-5).statuses({0, 0});
+    EXPECT_EQ(thrown<sync_err>([this] { read(); }),
+              std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned -5/0/0");
+    fake_tav::on_call("get_leaves").returns(-5).statuses({1, 1});
+    EXPECT_EQ(thrown<sync_err>([this] { read(); }),
+              std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned -5/1/1");
+    fake_tav::on_call("get_leaves").returns(-5); // the vectors stay as they were
+    EXPECT_EQ(
+        thrown<sync_err>([this] {
+            read();
+        }).find(std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned -5/"),
+        0U);
+}
+
+TEST_F(ReadAddress, AMissingLeafIsAMinorErrorThatNamesBothStatuses) {
+    fake_tav::put(node + "/Address/Value", "2001:db8::5/64");
+    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
+              std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned 0/1/2");
+    fake_tav::erase(node);
+    fake_tav::put(node + "/Type/Value", "Static");
+    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
+              std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned 0/2/1");
+}
+
+TEST_F(ReadAddress, AValueOfAnotherTypeIsAMinorErrorThatNamesItsLeaf) {
+    fake_tav::put(node + "/Address/Value", number_element("1"));
+    fake_tav::put(node + "/Type/Value", number_element("3"));
+    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
+              std::string(addr_signature) + ": '" + node + "/Address/Value' is not a string type");
+    fake_tav::put(node + "/Address/Value", "2001:db8::5/64");
+    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
+              std::string(addr_signature) + ": '" + node + "/Type/Value' is not a string type");
+}
+
+TEST_F(ReadAddress, AnAddressWithoutPrefixLengthIsRefused) {
+    store(1, "7", "2001:db8::5", "Static");
+    EXPECT_EQ(thrown<sync_addr_err>([this] { read(); }),
+              std::string(str_to_addr_signature) +
+                  ": No prefix specified in address string: '2001:db8::5'");
+}
+
+TEST_F(ReadAddress, TheAddressIsJudgedBeforeTheType) {
+    store(1, "7", "nonsense/64", "nonsense");
+    EXPECT_EQ(thrown<sync_addr_err>([this] { read(); }),
+              std::string(str_to_addr_signature) +
+                  ": Can't convert string 'nonsense' to IPv6 address");
+}
+
+TEST_F(ReadAddress, AnUnknownTypeTextIsAMinorError) {
+    for (const std::string type : {"static", "Dynamic", "", "Static "}) {
+        store(1, "7", "2001:db8::5/64", type);
+        EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
+                  std::string(addr_signature) + ": Unknown addr type '" + type + "'");
+    }
+}
+
+TEST_F(ReadAddress, ALongErrorTextIsCutAt255Characters) {
+    const tk_string name(300, 'n');
+    const std::string whole = std::string(addr_signature) + ": CTav::get_leaves(" + addresses +
+                              "/" + name + ") returned 0/2/2";
+    EXPECT_EQ(
+        thrown<sync_minor_err>([this, &name] { engine().read_tav_ipv6_addr(addresses, name); }),
+        whole.substr(0, 255));
+}
+
+class ReadAddresses : public EngineTest {
+protected:
+    const tk_string ipv6 = at("1/IPv6");
+    strings read() {
+        strings texts;
+        for (const auto &address : engine().read_tav_ipv6_addrs(ipv6)) {
+            texts.push_back(text(address));
+        }
+        return texts;
+    }
+};
+
+TEST_F(ReadAddresses, KeepTheOrderOfTheListingAndTheNamesOfTheNodes) {
+    store(1, "9", "2001:db8::9/64", "Static");
+    store(1, "office", "2001:db8::2/64", "Automatic");
+    store(1, "1", "fe80::1/64", "Link-Local");
+    EXPECT_EQ(read(), (strings{"2001:db8::9/64 3 9", "2001:db8::2/64 2 office", "fe80::1/64 1 1"}));
+}
+
+TEST_F(ReadAddresses, AreNoneWhereTheStoreHasNoSuchNode) {
+    EXPECT_EQ(read(), strings{});
+    expect_logged_at(4, 6, "Info: No addresses specified (" + ipv6 + "/Addresses).",
+                     [this] { read(); });
+}
+
+TEST_F(ReadAddresses, LogTheListingAtLevelFour) {
+    store(1, "9", "2001:db8::9/64", "Static");
+    expect_logged_at(4, 6, "Info: Discovering TAV addresses on '" + ipv6 + "'", [this] { read(); });
+    expect_logged_at(4, 6, "Info: Found TAV address '9'", [this] { read(); });
+    verbosity = 4;
+    forget();
+    read();
+    EXPECT_EQ(record(), (strings{"6 Info: Discovering TAV addresses on '~/1/IPv6'",
+                                 "list_node(~/1/IPv6/Addresses)", "6 Info: Found TAV address '9'",
+                                 "6 Info: Discovering TAV addr on '~/1/IPv6/Addresses/9'",
+                                 "get_leaves(~/1/IPv6/Addresses/9/Address/Value, "
+                                 "~/1/IPv6/Addresses/9/Type/Value)",
+                                 "6 Info: Read TAV address 9 ('2001:db8::9/64') (Static) on "
+                                 "'~/1/IPv6/Addresses/9'"}));
+}
+
+TEST_F(ReadAddresses, PassOverLeavesWithoutAWord) {
+    fake_tav::put(ipv6 + "/Addresses/note", "text");
+    store(1, "1", "2001:db8::1/64", "Static");
+    verbosity = 4;
+    EXPECT_EQ(read(), strings{"2001:db8::1/64 3 1"});
+    EXPECT_EQ(fake_tav::calls("get_leaves").size(), 1U);
+    for (const auto &line : lines()) {
+        EXPECT_EQ(line.find("note"), std::string::npos) << line;
+    }
+}
+
+TEST_F(ReadAddresses, ABadOneIsLoggedAtLevelTwoAndTheOthersAreKept) {
+    store(1, "1", "2001:db8::1/64", "Static");
+    store(1, "2", "2001:db8::2/64", "static");
+    fake_tav::put(ipv6 + "/Addresses/3/Address/Value", "2001:db8::3/64");
+    store(1, "4", "2001:db8::4/129", "Static");
+    store(1, "5", "2001:db8::5/64", "Automatic");
+    EXPECT_EQ(read(), (strings{"2001:db8::1/64 3 1", "2001:db8::5/64 2 5"}));
+    for (const std::string &why :
+         {std::string(addr_signature) + ": Unknown addr type 'static'",
+          std::string(addr_signature) + ": CTav::get_leaves(" + ipv6 +
+              "/Addresses/3) returned 0/1/2",
+          std::string(str_to_addr_signature) + ": Invalid prefix length '129'"}) {
+        expect_logged_at(2, 6, "Info: Ignoring address: '" + why + "'", [this] { read(); });
+    }
+}
+
+TEST_F(ReadAddresses, AFailedListingIsAnError) {
+    fake_tav::on_call("list_node").returns(-9);
+    EXPECT_EQ(thrown<sync_err>([this] { read(); }), std::string(addrs_signature) +
+                                                        ": CTav::list_node(" + ipv6 +
+                                                        "/Addresses) returned -9");
+}
+
+TEST_F(ReadAddresses, AFailedCallForOneAddressEndsTheReading) {
+    store(1, "1", "2001:db8::1/64", "Static");
+    store(1, "2", "2001:db8::2/64", "Static");
+    store(1, "3", "2001:db8::3/64", "Static");
+    fake_tav::on_call("get_leaves", 2).returns(-5).statuses({0});
+    EXPECT_EQ(thrown<sync_err>([this] { read(); }), std::string(addr_signature) +
+                                                        ": CTav::get_leaves(" + ipv6 +
+                                                        "/Addresses/2) returned -5/0/0");
+    EXPECT_EQ(fake_tav::calls("get_leaves").size(), 2U);
+}
+
+} // namespace
