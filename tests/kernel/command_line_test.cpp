@@ -1,0 +1,318 @@
+// What can be asked for on the command line, seen from outside.
+
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <linux/capability.h>
+
+#include "harness/world.h"
+
+namespace {
+
+using kt::Process;
+using strings = std::vector<std::string>;
+
+class CommandLineTest : public kt::KernelTest {
+protected:
+    Process run(const strings &arguments, const kt::spawn_options_t &options = {}) {
+        strings all{kt::program("TANDREL")};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        return Process(sandbox, all, options);
+    }
+
+    // A line of /proc/<pid>/status, without its name.
+    static std::string status_of(pid_t pid, const std::string &field) {
+        const std::string text = kt::read_file("/proc/" + std::to_string(pid) + "/status");
+        const auto start = text.find("\n" + field + ":");
+        if (start == std::string::npos) {
+            return {};
+        }
+        const auto value = text.find_first_not_of(" \t", start + field.size() + 2);
+        return text.substr(value, text.find('\n', value) - value);
+    }
+
+    // Waits until the settings of the options have been applied.
+    void start_at_zero(const strings &options, const kt::spawn_options_t &spawn = {}) {
+        strings all{"-d"};
+        all.insert(all.end(), options.begin(), options.end());
+        start_daemon(all, spawn);
+        ASSERT_TRUE(logged("Info: Starting tandrel daemon"));
+    }
+};
+
+strings texts(const std::vector<kt::line_t> &lines) {
+    strings all;
+    for (const auto &line : lines) {
+        all.push_back(line.text);
+    }
+    return all;
+}
+
+TEST_F(CommandLineTest, TheUsageTextIsPrintedToTheLetter) {
+    Process process = run({"-x"});
+    EXPECT_EQ(process.wait_exit(), 1);
+    process.output().wait_finished();
+    const std::string name = kt::program("TANDREL");
+    const strings expected{
+        "Usage: " + name +
+            " [-u <user>] [-n <prio>] [-r <policy> <prio>] [-i <interface>] [-d] [-D [... | <N>]]",
+        "\t-u: Run as the given <user> (name or UID)",
+        "\t-n: Use normal scheduling with given priority",
+        "\t-r: Use real-time scheduling with given policy & priority",
+        "\t-i: Use given interface string rather than default 'eth'",
+        "\t-d: Do not daemonize/fork",
+        "\t-D: Increase/set debugging verbosity",
+        "",
+        "The priority field for normal scheduling is a number between -20 and 19, with",
+        "-20 being the \"best\" number.  This option utilizes setpriority(2) to set the",
+        "priority under \"normal\" scheduling policy.",
+        "",
+        "The policy used for real-time scheduling ('-r') can be one of:",
+        "'normal', 'batch', 'fifo', or 'rr'.  See sched_setscheduler(2) for a detailed",
+        "description of these policies, and their allowed priority ranges.",
+        "",
+        "You must have appropriate permissions in order to use the options -n, -r,",
+        "and -u.  If unsure, execute '" + name + " -d' and make sure there are no",
+        "error messages.",
+        ""};
+    EXPECT_EQ(texts(process.output().lines()), expected);
+    EXPECT_EQ(process.errors().size(), 0U);
+}
+
+TEST_F(CommandLineTest, WhateverIsNotAcceptableEndsWithTheUsageTextAndStatusOne) {
+    const std::vector<strings> wrong{{"word"},
+                                     {"-dD"},
+                                     {"--"},
+                                     {"-d", "-d", "x"},
+                                     {"-u"},
+                                     {"-u", ""},
+                                     {"-u", "-1"},
+                                     {"-n"},
+                                     {"-n", "20"},
+                                     {"-n", "-21"},
+                                     {"-r"},
+                                     {"-r", "fifo"},
+                                     {"-r", "FIFO", "1"},
+                                     {"-r", "fifo", ""},
+                                     {"-r", "fifo", "0"},
+                                     {"-r", "fifo", "100"},
+                                     {"-r", "normal", "1"},
+                                     {"-i"},
+                                     {"-i", ""},
+                                     {"-D", ""},
+                                     {"-D", "-1"},
+                                     {"-D", "x"}};
+    for (const auto &arguments : wrong) {
+        Process process = run(arguments);
+        EXPECT_EQ(process.wait_exit(), 1) << testing::PrintToString(arguments);
+        process.output().wait_finished();
+        EXPECT_EQ(process.output().find_containing("Usage: "), 0)
+            << testing::PrintToString(arguments);
+    }
+}
+
+TEST_F(CommandLineTest, AnUnknownUserIsNamedOnStandardError) {
+    Process process = run({"-u", "no-such-user"});
+    EXPECT_EQ(process.wait_exit(), 1);
+    EXPECT_EQ(texts(process.errors().lines()), strings{"No user named 'no-such-user'"});
+}
+
+TEST_F(CommandLineTest, AnUnknownUserThatIsANumberIsTakenAsOne) {
+    start_at_zero({"-u", "0"});
+    EXPECT_EQ(texts(log().lines()),
+              (strings{"No user named '0'", "(Using UID = 0)", "Info: Starting tandrel daemon"}));
+    EXPECT_EQ(status_of(daemon->pid(), "Uid"), "0\t0\t0\t0");
+}
+
+TEST_F(CommandLineTest, ABadVerbosityIsNamedOnStandardError) {
+    Process process = run({"-D", "much"});
+    EXPECT_EQ(process.wait_exit(), 1);
+    EXPECT_EQ(texts(process.errors().lines()), strings{"Error: bad verbosity 'much'"});
+}
+
+TEST_F(CommandLineTest, WithoutVerbosityOnlyStartAndEndAreLogged) {
+    start_at_zero({});
+    EXPECT_EQ(stop_daemon(), 0);
+    EXPECT_EQ(texts(log().lines()),
+              (strings{"Info: Starting tandrel daemon", "Info: Exiting tandrel daemon"}));
+}
+
+TEST_F(CommandLineTest, EachVerbosityOptionAddsOneUnlessItBringsANumber) {
+    // Level 2 is reached in each way: it shows the exception that a signal in select makes.
+    service.start();
+    for (const auto &options :
+         {strings{"-D", "-D"}, strings{"-D", "2"}, strings{"-D", "1", "-D"}, strings{"-D", "2x"}}) {
+        strings all{"-d"};
+        all.insert(all.end(), options.begin(), options.end());
+        start_daemon(all);
+        ASSERT_TRUE(logged("Info: Starting tandrel daemon"));
+        ASSERT_TRUE(logged("Info: Ignoring unknown interface type 772"))
+            << testing::PrintToString(options);
+        EXPECT_EQ(stop_daemon(), 0);
+        EXPECT_EQ(log().find("Info: void CSync::discover(): requesting addrs"), -1)
+            << "that is level 3";
+    }
+}
+
+TEST_F(CommandLineTest, APriorityIsAppliedToTheProcess) {
+    start_at_zero({"-n", "7"});
+    EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(daemon->pid())), 7);
+    EXPECT_EQ(log().size(), 1U);
+}
+
+TEST_F(CommandLineTest, APriorityThatIsNotANumberIsZero) {
+    start_at_zero({"-n", "5", "-n", "abc"});
+    EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(daemon->pid())), 0);
+}
+
+TEST_F(CommandLineTest, TheLastSchedulingPolicyWins) {
+    start_at_zero({"-r", "fifo", "5", "-r", "batch", "0"});
+    EXPECT_EQ(sched_getscheduler(daemon->pid()), SCHED_BATCH);
+    EXPECT_EQ(log().size(), 1U);
+}
+
+TEST_F(CommandLineTest, WhatThePrivilegesDoNotAllowIsLoggedAndTheDaemonCarriesOn) {
+    kt::spawn_options_t options;
+    options.dropped_capabilities = {CAP_SYS_NICE, CAP_SETUID};
+    start_at_zero({"-n", "-5", "-r", "rr", "5", "-u", "65534"}, options);
+    const strings lines = texts(log().lines());
+    // The user may be known by name here, or by its number alone.
+    EXPECT_EQ(log().count("Warning: Couldn't set specified process scheduling parameters"), 1U);
+    EXPECT_EQ(log().count("Warning: Couldn't set specified [RT] thread scheduling parameters"), 1U);
+    EXPECT_EQ(log().count("Error: Can't setuid(65534)"), 1U);
+    EXPECT_LT(log().find("Warning: Couldn't set specified process scheduling parameters"),
+              log().find("Warning: Couldn't set specified [RT] thread scheduling parameters"));
+    EXPECT_LT(log().find("Warning: Couldn't set specified [RT] thread scheduling parameters"),
+              log().find("Error: Can't setuid(65534)"));
+    EXPECT_EQ(status_of(daemon->pid(), "Uid"), "0\t0\t0\t0");
+    EXPECT_TRUE(daemon->running());
+}
+
+TEST_F(CommandLineTest, PriorityAndPolicyAreSetBeforeThePrivilegesAreGivenUp) {
+    if (!kt::Sandbox::is_real_root()) {
+        GTEST_SKIP() << "only the machine's root may become another user";
+    }
+    start_at_zero({"-u", "65534", "-n", "-5", "-r", "batch", "0"});
+    EXPECT_EQ(status_of(daemon->pid(), "Uid"), "65534\t65534\t65534\t65534");
+    EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(daemon->pid())), -5);
+    EXPECT_EQ(sched_getscheduler(daemon->pid()), SCHED_BATCH);
+    EXPECT_EQ(log().count_containing("Couldn't"), 0U);
+}
+
+TEST_F(CommandLineTest, AUserIsFoundByName) {
+    if (!kt::Sandbox::is_real_root()) {
+        GTEST_SKIP() << "only the machine's root may become another user";
+    }
+    start_at_zero({"-u", "nobody"});
+    EXPECT_EQ(status_of(daemon->pid(), "Uid"), "65534\t65534\t65534\t65534");
+    EXPECT_EQ(log().count_containing("No user named"), 0U);
+}
+
+TEST_F(CommandLineTest, WithoutAProcessToSpareTheInvokingOneSaysSo) {
+    kt::spawn_options_t options;
+    options.environment = {{"LD_PRELOAD", kt::program("PRELOAD")},
+                           {"KT_FAIL_FORK", "1"},
+                           {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+    Process process = run({}, options);
+    EXPECT_EQ(process.wait_exit(), 1);
+    EXPECT_EQ(texts(process.errors().lines()), strings{"Error fork()ing new process"});
+}
+
+TEST_F(CommandLineTest, WithoutAnExitPipeTheDaemonStartsAllTheSame) {
+    kt::spawn_options_t options;
+    options.environment = {{"LD_PRELOAD", kt::program("PRELOAD")},
+                           {"KT_FAIL_PIPE", "1"},
+                           {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+    service.start();
+    start_daemon({"-d"}, options);
+    EXPECT_TRUE(logged("Info: Starting tandrel daemon"));
+    EXPECT_EQ(log().lines().front().text, "register_handlers: Error: pipe returned errno 24");
+}
+
+class DaemonModeTest : public CommandLineTest {
+protected:
+    // Starts the daemon as a service would and returns the process that stays.
+    pid_t detach(const strings &arguments) {
+        umask(077);
+        const strings options = arguments;
+        Process &invoked = start_daemon(options);
+        EXPECT_EQ(invoked.wait_exit(), 0);
+        umask(022);
+        EXPECT_NE(sandbox.syslog().wait_for("Info: Starting tandrel daemon"), 0U);
+        std::vector<pid_t> found;
+        // The intermediate process may still be on its way out.
+        kt::eventually([&] {
+            found.clear();
+            for (const auto &process : sandbox.processes()) {
+                if (process.name == "tandrel") {
+                    found.push_back(process.pid);
+                }
+            }
+            return found.size() == 1;
+        });
+        EXPECT_EQ(found.size(), 1U) << "exactly one process stays";
+        return found.empty() ? -1 : found.front();
+    }
+};
+
+TEST_F(DaemonModeTest, ExactlyOneDetachedProcessStays) {
+    const pid_t pid = detach({});
+    ASSERT_GT(pid, 0);
+    EXPECT_NE(pid, daemon->pid());
+    EXPECT_EQ(daemon->errors().size(), 0U);
+    EXPECT_EQ(daemon->output().size(), 0U);
+
+    const std::string proc = "/proc/" + std::to_string(pid);
+    char target[256] = {};
+    EXPECT_GT(readlink((proc + "/cwd").c_str(), static_cast<char *>(target), sizeof target - 1), 0);
+    EXPECT_STREQ(static_cast<char *>(target), "/");
+    for (const std::string fd : {"0", "1", "2"}) {
+        char opened[256] = {};
+        EXPECT_GT(
+            readlink((proc + "/fd/" + fd).c_str(), static_cast<char *>(opened), sizeof opened - 1),
+            0);
+        EXPECT_STREQ(static_cast<char *>(opened), "/dev/null") << fd;
+    }
+    EXPECT_EQ(status_of(pid, "Umask"), "0022");
+    EXPECT_EQ(status_of(pid, "PPid"), std::to_string(getpid())) << "nobody waits for it but init";
+    EXPECT_NE(getsid(pid), getsid(0)) << "a session of its own";
+    EXPECT_NE(getsid(pid), pid) << "that it does not lead";
+}
+
+TEST_F(DaemonModeTest, TheSystemLogAloneTellsOfIt) {
+    const pid_t pid = detach({});
+    ASSERT_GT(pid, 0);
+    kill(pid, SIGTERM);
+    int status = -1;
+    EXPECT_TRUE(kt::eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }));
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(sandbox.syslog().wait_for("Info: Exiting tandrel daemon"), 0U);
+    const auto lines = sandbox.syslog().lines();
+    ASSERT_EQ(lines.size(), 2U);
+    const int daemon_info = 24 + 6;
+    for (const auto &line : lines) {
+        // Opened by the process that stays, so that its number is the right one.
+        EXPECT_EQ(line.sender, "tandrel[" + std::to_string(pid) + "]");
+        EXPECT_EQ(line.priority, daemon_info);
+    }
+    EXPECT_EQ(daemon->errors().size(), 0U);
+}
+
+TEST_F(DaemonModeTest, TheDetachedDaemonDoesItsWork) {
+    add_eth(0);
+    service.start();
+    store.set_address(1, "1", "2001:db8::5/64");
+    const pid_t pid = detach({"-D", "4"});
+    ASSERT_GT(pid, 0);
+    EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::5/64"); }));
+    store.remove_address(1, "1");
+    EXPECT_TRUE(becomes([&] { return !device.has_address("eth0", "2001:db8::5/64"); }));
+    EXPECT_NE(sandbox.syslog().find("Info: void CSync::discover(): beginning normal operation"),
+              -1);
+    kill(pid, SIGTERM);
+    EXPECT_TRUE(kt::eventually([&] { return waitpid(pid, nullptr, WNOHANG) == pid; }));
+}
+
+} // namespace

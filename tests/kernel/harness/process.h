@@ -1,0 +1,63 @@
+// One process under test: started, watched and ended by the test.
+#pragma once
+
+#include <csignal>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include "harness/lines.h"
+#include "harness/sandbox.h"
+
+namespace kt {
+
+struct spawn_options_t {
+    std::map<std::string, std::string> environment; // added to the test's own
+    int network = -1;                               // namespace to live in; -1: the test's
+    std::vector<int> dropped_capabilities;          // CAP_..., out of the bounding set
+    bool own_group = false;                         // a process group of its own
+};
+
+class Process {
+public:
+    Process(Sandbox &sandbox, std::vector<std::string> arguments,
+            const spawn_options_t &options = {});
+    ~Process();
+    Process(const Process &) = delete;
+    Process &operator=(const Process &) = delete;
+
+    pid_t pid() const { return id; }
+    bool running();
+    void signal(int number) const;
+
+    // Waits for the end; the result of waitpid, or -1 when it goes on living.
+    int wait(std::chrono::milliseconds limit = patience);
+    // The exit status, or -1 when it did not exit by itself in time.
+    int wait_exit(std::chrono::milliseconds limit = patience);
+    // The signal that ended it, or -1.
+    int wait_killed(std::chrono::milliseconds limit = patience);
+
+    LineLog &errors() { return *standard_error; }
+    LineLog &output() { return *standard_output; }
+
+private:
+    pid_t id = -1;
+    bool ended = false;
+    int status = -1;
+    std::shared_ptr<LineLog> standard_error;
+    std::shared_ptr<LineLog> standard_output;
+};
+
+// Polls until the condition holds; false after the limit.
+bool eventually(const std::function<bool()> &condition, std::chrono::milliseconds limit = patience);
+
+// Processor time that a process has used so far, in seconds.
+double processor_seconds(pid_t pid);
+
+// Paths of the programs under test: as built, or as the environment (KT_<NAME>) says.
+std::string program(const std::string &name);
+
+} // namespace kt

@@ -1,0 +1,35 @@
+// The neighbour's router: advertises prefixes on a link of the neighbour's namespace.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "harness/process.h"
+#include "harness/rtnl.h"
+
+namespace kt {
+
+class Router {
+public:
+    // `link` exists in the neighbour's namespace and is up.
+    Router(Sandbox &sandbox, std::string link);
+
+    // Advertises the /64 prefixes some ten times a second until stopped. With `as_gateway` false
+    // the router offers itself for no traffic, so that no default route comes of it.
+    void start(const std::vector<std::string> &prefixes, bool as_gateway = false);
+    void stop();
+
+private:
+    Sandbox &sandbox;
+    std::string link;
+    std::unique_ptr<Process> process;
+};
+
+// How many advertisements the calling process's network namespace has received.
+unsigned long received_advertisements();
+
+// The address that a link forms in a /64 prefix ("2001:db8:1::") from its hardware address.
+std::string automatic_address(const std::string &prefix, const std::string &hardware_address);
+
+} // namespace kt

@@ -1,0 +1,135 @@
+// Requests to the kernel's routing subsystem as a test makes them: links, addresses and routes of
+// one network namespace. Waits for the kernel's answer to each. Everything throws
+// std::runtime_error when the kernel refuses, but for the try_ functions, which return the errno
+// value (0: done).
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <linux/netlink.h>
+
+namespace kt {
+
+struct kernel_link_t {
+    int index = 0;
+    std::string name;
+    std::string hardware_address; // "00:1a:2b:3c:4d:5e"
+};
+
+// An IPv6 address of a link, as the kernel has it.
+struct kernel_address_t {
+    std::string text;        // "2001:db8::5/64"
+    std::uint32_t flags = 0; // IFA_F_...
+    std::uint8_t scope = 0;
+    std::uint32_t valid_seconds = 0; // 0xffffffff: for ever
+};
+
+// What may be said about an address that is added.
+struct address_options_t {
+    std::uint32_t flags = 0;
+    std::uint32_t valid_seconds = 0; // 0: no life times are sent
+    bool replace = false;
+    std::string peer; // with a peer, `text` is the own address
+};
+
+// An IPv6 route; also what is sent to add or delete one.
+struct kernel_route_t {
+    std::string destination = "::/0";
+    std::string gateway; // empty: none
+    std::string link;    // name; empty: none (a multipath route, say)
+    std::uint8_t protocol = 4;
+    std::uint32_t metric = 0; // 0: the kernel's own choice
+    std::uint32_t table = 254;
+    std::vector<std::string> more_gateways; // siblings of a multipath route, on the same link
+};
+
+class Message;
+
+class Kernel {
+public:
+    // The socket belongs to that namespace from then on; the descriptor is not kept.
+    explicit Kernel(int namespace_fd);
+    ~Kernel();
+    Kernel(const Kernel &) = delete;
+    Kernel &operator=(const Kernel &) = delete;
+
+    // Links. `add_veth` puts the other end into another namespace.
+    void add_veth(const std::string &name, const std::string &peer, int peer_namespace);
+    void add_link(const std::string &name, const std::string &kind);
+    void delete_link(const std::string &name);
+    void rename(const std::string &name, const std::string &new_name);
+    void move_link(const std::string &name, int to_namespace);
+    void set_up(const std::string &name, bool up = true);
+    void set_mtu(const std::string &name, std::uint32_t mtu);
+    void set_master(const std::string &name, const std::string &master);
+    std::vector<kernel_link_t> links();
+    // 0 when there is no such link.
+    int index(const std::string &name);
+    std::string hardware_address(const std::string &name);
+
+    // Addresses, written "2001:db8::5/64".
+    void add_address(const std::string &link, const std::string &text,
+                     const address_options_t &options = {});
+    void delete_address(const std::string &link, const std::string &text);
+    int try_add_address(const std::string &link, const std::string &text,
+                        const address_options_t &options = {});
+    int try_delete_address(const std::string &link, const std::string &text);
+    std::vector<kernel_address_t> addresses(const std::string &link);
+    bool has_address(const std::string &link, const std::string &text);
+    // The first link-local address with its prefix length; empty when there is none.
+    std::string link_local(const std::string &link);
+
+    // Routes of the main table.
+    void add_route(const kernel_route_t &route);
+    void delete_route(const kernel_route_t &route);
+    int try_add_route(const kernel_route_t &route);
+    int try_delete_route(const kernel_route_t &route);
+    std::vector<kernel_route_t> routes();
+    // The gateways of the link's static (protocol 4) default routes, siblings included.
+    std::vector<std::string> static_gateways(const std::string &link);
+
+    // Sends one datagram as it is to a multicast group, as the kernel would send a notification.
+    void forge(unsigned int group, const std::vector<unsigned char> &datagram);
+
+private:
+    int transact(std::vector<unsigned char> request);
+    void dump(std::vector<unsigned char> request,
+              const std::function<void(const nlmsghdr &, const unsigned char *)> &visit);
+    bool dump_once(std::vector<unsigned char> &request,
+                   const std::function<void(const nlmsghdr &, const unsigned char *)> &visit);
+    void change_link(const std::string &name, unsigned int flags, unsigned int change,
+                     const std::function<void(Message &)> &attributes);
+
+    int fd = -1;
+    std::uint32_t sequence = 0;
+};
+
+// Builds one netlink message: a header of type T behind the netlink header, then attributes.
+class Message {
+public:
+    Message(std::uint16_t type, std::uint16_t flags);
+
+    template <typename T>
+    Message &append(const T &header) {
+        append_bytes(&header, sizeof header);
+        return *this;
+    }
+    Message &attribute(std::uint16_t type, const void *data, std::size_t size);
+    Message &attribute(std::uint16_t type, const std::string &text); // with its terminator
+    Message &attribute(std::uint16_t type, std::uint32_t value);
+    // An attribute that holds attributes: everything added until the matching end.
+    std::size_t begin(std::uint16_t type);
+    void end(std::size_t nest);
+    void append_bytes(const void *data, std::size_t size);
+
+    // With the length filled in.
+    std::vector<unsigned char> bytes() const;
+
+private:
+    std::vector<unsigned char> content;
+};
+
+} // namespace kt

@@ -1,0 +1,129 @@
+#include "harness/world.h"
+
+#include <iostream>
+
+#include <linux/if_arp.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+
+namespace kt {
+
+KernelTest::KernelTest(Service::Keep keep)
+    : device(sandbox.device()), neighbour(sandbox.neighbour()), service(sandbox, keep),
+      store(service.socket()) {
+    // Duplicate address detection would keep each address tentative for a second or two.
+    for (const std::string which : {"all", "default"}) {
+        write_file("/proc/sys/net/ipv6/conf/" + which + "/accept_dad", "0");
+    }
+    device.set_up("lo");
+}
+
+void KernelTest::TearDown() {
+    if (HasFailure() && daemon != nullptr) {
+        std::cout << "The daemon's last lines:\n" << log().tail(60);
+    }
+    if (daemon != nullptr && daemon->running()) {
+        if (!rebuilds_allowed) {
+            EXPECT_EQ(log().find_containing("Caught exception"), -1) << log().tail(40);
+        }
+        EXPECT_EQ(stop_daemon(), 0) << log().tail(40);
+    }
+    if (service.started() && service.tavd().running()) {
+        store.disconnect();
+        service.stop();
+    }
+}
+
+void KernelTest::add_eth(int number, const std::string &prefix) {
+    const std::string name = prefix + std::to_string(number);
+    const std::string peer = "peer" + std::to_string(number);
+    device.add_veth(name, peer, sandbox.neighbour());
+    neighbour.set_up(peer);
+    device.set_up(name);
+}
+
+std::string KernelTest::index_of(const std::string &link) {
+    return std::to_string(device.index(link));
+}
+
+Process &KernelTest::start_daemon(const std::vector<std::string> &arguments,
+                                  const spawn_options_t &options) {
+    std::vector<std::string> all{program("TANDREL")};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    spawn_options_t with_store = options;
+    with_store.environment["TAV_SOCKET"] = service.socket();
+    daemon = std::make_unique<Process>(sandbox, all, with_store);
+    return *daemon;
+}
+
+Process &KernelTest::start_daemon_and_wait(const std::vector<std::string> &arguments,
+                                           const spawn_options_t &options) {
+    start_daemon(arguments, options);
+    EXPECT_TRUE(logged("Info: void CSync::discover(): beginning normal operation"));
+    EXPECT_TRUE(settle());
+    return *daemon;
+}
+
+int KernelTest::stop_daemon() {
+    daemon->signal(SIGTERM);
+    return daemon->wait_exit();
+}
+
+bool KernelTest::see_mark() {
+    const std::string name = "mark" + std::to_string(++marks);
+    device.forge(RTNLGRP_LINK, forged_link(name));
+    return log().wait_for("Info: Skipping update for link '" + name + "'") != 0;
+}
+
+bool KernelTest::settle() {
+    const std::size_t from = log().size();
+    store.write(mark_path, std::to_string(++marks));
+    // The line comes before the synchronisation that the events behind it ask for; the first mark
+    // of the kernel's is seen after that, and the second after the kernel's answers to it.
+    return log().wait_for("Info: Processing TAV event: cmd = 2, path = '" + mark_path + "'",
+                          from) != 0 &&
+           see_mark() && see_mark();
+}
+
+testing::AssertionResult KernelTest::logged(const std::string &whole_line, std::size_t from) {
+    if (log().wait_for(whole_line, from) != 0) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "the daemon did not log: " << whole_line;
+}
+
+testing::AssertionResult KernelTest::logged_part(const std::string &part, std::size_t from) {
+    if (log().wait_for_containing(part, from) != 0) {
+        return testing::AssertionSuccess();
+    }
+    return testing::AssertionFailure() << "the daemon logged no line with: " << part;
+}
+
+testing::AssertionResult KernelTest::becomes(const std::function<bool()> &condition) {
+    return eventually(condition) ? testing::AssertionSuccess()
+                                 : testing::AssertionFailure() << "it did not come to that";
+}
+
+bool KernelTest::both_have(int interface, const std::string &address) {
+    return device.has_address("eth" + std::to_string(interface - 1), address) &&
+           !store.node_of(interface, address).empty();
+}
+
+bool KernelTest::neither_has(int interface, const std::string &address) {
+    return !device.has_address("eth" + std::to_string(interface - 1), address) &&
+           store.node_of(interface, address).empty();
+}
+
+std::vector<unsigned char> forged_link(const std::string &name, std::uint16_t type) {
+    ifinfomsg header{};
+    header.ifi_type = ARPHRD_ETHER;
+    header.ifi_index = 9999;
+    const unsigned char hardware_address[6] = {2, 0, 0, 0, 0, 1};
+    return Message(type, 0)
+        .append(header)
+        .attribute(IFLA_ADDRESS, hardware_address, sizeof hardware_address)
+        .attribute(IFLA_IFNAME, name)
+        .bytes();
+}
+
+} // namespace kt

@@ -1,0 +1,78 @@
+// What a kernel test starts from: a device's network namespace with Ethernet links whose other ends
+// a neighbour holds, the settings store, and the daemon in between.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "harness/process.h"
+#include "harness/router.h"
+#include "harness/rtnl.h"
+#include "harness/sandbox.h"
+#include "harness/store.h"
+
+namespace kt {
+
+class KernelTest : public ::testing::Test {
+protected:
+    explicit KernelTest(Service::Keep keep = Service::Keep::memory);
+    // Ends the daemon and the service in the orderly way; each must end with status 0, and the
+    // daemon must not have rebuilt its engine unless the test said that it may.
+    void TearDown() override;
+
+    // Adds eth<number>, up, with peer<number> in the neighbour's namespace, up. `prefix` replaces
+    // "eth".
+    void add_eth(int number, const std::string &prefix = "eth");
+    std::string index_of(const std::string &link);
+
+    // The daemon in the foreground at verbosity 4, unless `arguments` say otherwise.
+    Process &start_daemon(const std::vector<std::string> &arguments = {"-d", "-D", "4"},
+                          const spawn_options_t &options = {});
+    // The same, and waits until its first synchronisation is done.
+    Process &start_daemon_and_wait(const std::vector<std::string> &arguments = {"-d", "-D", "4"},
+                                   const spawn_options_t &options = {});
+    // SIGTERM; the exit status.
+    int stop_daemon();
+    LineLog &log() { return daemon->errors(); }
+
+    // Waits until the daemon, in normal operation at verbosity 3 or more, has handled everything
+    // that the store and the kernel told it before this call, and what came of it. False when it
+    // does not come to that.
+    bool settle();
+
+    // Waits for a line of the daemon's standard error.
+    testing::AssertionResult logged(const std::string &whole_line, std::size_t from = 0);
+    testing::AssertionResult logged_part(const std::string &part, std::size_t from = 0);
+    // Polls a condition.
+    static testing::AssertionResult becomes(const std::function<bool()> &condition);
+
+    // Store and kernel, for eth<interface - 1>: a condition to poll.
+    bool both_have(int interface, const std::string &address);
+    bool neither_has(int interface, const std::string &address);
+
+    Sandbox sandbox;
+    Kernel device;
+    Kernel neighbour;
+    Service service;
+    Store store;
+    std::unique_ptr<Process> daemon;
+    bool rebuilds_allowed = false;
+
+private:
+    bool see_mark();
+    int marks = 0;
+};
+
+// The same with a service that keeps its tree in a database.
+class KeptStoreTest : public KernelTest {
+protected:
+    KeptStoreTest() : KernelTest(Service::Keep::database) {}
+};
+
+// A link announcement that no kernel object stands behind.
+std::vector<unsigned char> forged_link(const std::string &name, std::uint16_t type = 16);
+
+} // namespace kt

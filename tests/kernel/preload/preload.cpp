@@ -1,0 +1,129 @@
+// Stands between the daemon and the C library and makes single system calls behave as they do on
+// other machines or under shortage. The environment says which:
+//
+//   KT_RCVBUF_CAP=<bytes>       SO_RCVBUFFORCE is refused and SO_RCVBUF is cut at that size
+//   KT_FAIL_SEND=<type>:<n>     the first n netlink messages of that type cannot be sent
+//   KT_FAIL_BIND=<n>            the first n netlink sockets cannot be bound
+//   KT_FAIL_MEMBERSHIP=<n>      the first n group memberships are refused
+//   KT_FAIL_FORK=1              no process can be forked
+//   KT_FAIL_PIPE=1              no pipe can be made
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include <dlfcn.h>
+#include <linux/netlink.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+// The C library's own function of that name.
+template <typename Function>
+Function next_function(const char *name) {
+    void *const found = dlsym(RTLD_NEXT, name);
+    Function function = nullptr;
+    std::memcpy(&function, &found, sizeof function);
+    return function;
+}
+
+long number(const char *variable) {
+    const char *text = std::getenv(variable);
+    return text != nullptr ? std::strtol(text, nullptr, 10) : 0;
+}
+
+bool is_netlink(const void *address, socklen_t length) {
+    sa_family_t family = AF_UNSPEC;
+    if (address == nullptr || length < sizeof family) {
+        return false;
+    }
+    std::memcpy(&family, address, sizeof family);
+    return family == AF_NETLINK;
+}
+
+// Whether the message is one of those that are not to be sent.
+bool send_fails(const msghdr *message) {
+    static long failed = 0;
+    const char *plan = std::getenv("KT_FAIL_SEND");
+    const char *colon = plan != nullptr ? std::strchr(plan, ':') : nullptr;
+    nlmsghdr header{};
+    if (colon == nullptr || !is_netlink(message->msg_name, message->msg_namelen) ||
+        message->msg_iovlen == 0 || message->msg_iov[0].iov_len < sizeof header) {
+        return false;
+    }
+    std::memcpy(&header, message->msg_iov[0].iov_base, sizeof header);
+    if (header.nlmsg_type != std::strtol(plan, nullptr, 10) ||
+        failed >= std::strtol(colon + 1, nullptr, 10)) {
+        return false;
+    }
+    ++failed;
+    return true;
+}
+
+} // namespace
+
+extern "C" {
+
+int setsockopt(int fd, int level, int option, const void *value, socklen_t length) noexcept {
+    static const auto next =
+        next_function<int (*)(int, int, int, const void *, socklen_t)>("setsockopt");
+    static long refused_memberships = 0;
+    if (level == SOL_NETLINK && option == NETLINK_ADD_MEMBERSHIP &&
+        refused_memberships < number("KT_FAIL_MEMBERSHIP")) {
+        ++refused_memberships;
+        errno = EPERM;
+        return -1;
+    }
+    const int cap = static_cast<int>(number("KT_RCVBUF_CAP"));
+    if (cap > 0 && level == SOL_SOCKET && option == SO_RCVBUFFORCE) {
+        errno = EPERM;
+        return -1;
+    }
+    if (cap > 0 && level == SOL_SOCKET && option == SO_RCVBUF && length == sizeof(int)) {
+        int wanted = 0;
+        std::memcpy(&wanted, value, sizeof wanted);
+        if (wanted > cap) {
+            return next(fd, level, option, &cap, sizeof cap);
+        }
+    }
+    return next(fd, level, option, value, length);
+}
+
+ssize_t sendmsg(int fd, const msghdr *message, int flags) {
+    static const auto next = next_function<ssize_t (*)(int, const msghdr *, int)>("sendmsg");
+    if (send_fails(message)) {
+        errno = ENOBUFS;
+        return -1;
+    }
+    return next(fd, message, flags);
+}
+
+int bind(int fd, const sockaddr *address, socklen_t length) noexcept {
+    static const auto next = next_function<int (*)(int, const sockaddr *, socklen_t)>("bind");
+    static long failed = 0;
+    if (is_netlink(address, length) && failed < number("KT_FAIL_BIND")) {
+        ++failed;
+        errno = ENOMEM;
+        return -1;
+    }
+    return next(fd, address, length);
+}
+
+pid_t fork() noexcept {
+    static const auto next = next_function<pid_t (*)()>("fork");
+    if (number("KT_FAIL_FORK") != 0) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return next();
+}
+
+int pipe(int ends[2]) noexcept {
+    static const auto next = next_function<int (*)(int *)>("pipe");
+    if (number("KT_FAIL_PIPE") != 0) {
+        errno = EMFILE;
+        return -1;
+    }
+    return next(ends);
+}
+}
