@@ -61,20 +61,21 @@ store_view() {
     fi
     for name in $(tav ls "$addresses" 2>/dev/null); do
         text=$(store_address "$name")
-        printf '%-5s %s  %s\n' "$name" "$text" "$(tav get "$addresses/$name/Type/Value")"
+        printf '%-7s %s  %s\n' "$name" "$text" "$(tav get "$addresses/$name/Type/Value")"
     done
     [ -z "$(store_gateway)" ] || printf 'Default Gateway  %s\n' "$(store_gateway)"
 }
+# both_views WHEN: side by side.
 both_views() {
     local left right
-    printf '   %s%-40s │ %s%s\n' "$dim" "kernel: eth0" "store: Interface/1/IPv6" "$plain"
+    printf '   %s%-46s │ %s%s\n' "$dim" "$1: kernel, eth0" "store, Interface/1/IPv6" "$plain"
     mapfile -t left < <(kernel_view)
     mapfile -t right < <(store_view)
     local count=${#left[@]} i
     [ ${#right[@]} -gt "$count" ] && count=${#right[@]}
-    [ "$count" -gt 0 ] || printf '   %-40s │ %s\n' "(nothing)" "(nothing)"
+    [ "$count" -gt 0 ] || printf '   %-46s │ %s\n' "(nothing)" "(nothing)"
     for ((i = 0; i < count; i++)); do
-        printf '   %-40s │ %s\n' "${left[i]-}" "${right[i]-}"
+        printf '   %-46s │ %s\n' "${left[i]-}" "${right[i]-}"
     done
 }
 
@@ -87,8 +88,18 @@ tell() {
     printf '\n%s%d. %s%s\n' "$bold" "$chapter" "$*" "$plain"
     log_mark=$(wc -l <"$dir/tandrel.log" 2>/dev/null || echo 0)
 }
+# Shows the command as one would type it, with the long paths as $A and $G, and runs it.
 do_it() {
-    printf ' $ %s\n' "$*"
+    local word line=''
+    for word in "$@"; do
+        case $word in
+        "$addresses"*) word="\"\$A${word#"$addresses"}\"" ;;
+        "$gateway"*) word="\"\$G${word#"$gateway"}\"" ;;
+        *' '*) word="\"$word\"" ;;
+        esac
+        line+=" $word"
+    done
+    printf ' $%s\n' "$line"
     "$@" || fail "the command failed"
 }
 daemon_said() {
@@ -101,7 +112,7 @@ expect() {
     shift 2
     deadline=$((SECONDS + seconds))
     until "$@"; do
-        [ "$SECONDS" -lt "$deadline" ] || { both_views; fail "not within $seconds s: $sentence"; }
+        [ "$SECONDS" -lt "$deadline" ] || { both_views now; fail "not within $seconds s: $sentence"; }
         sleep 0.1
     done
     printf ' %s✓ %s%s\n' "$green" "$sentence" "$plain"
@@ -118,7 +129,7 @@ make_world() {
     until [ "$(readlink /proc/$neighbour/ns/net)" != "$(readlink /proc/self/ns/net)" ]; do
         sleep 0.02
     done
-    ip link add eth0 type veth peer name uplink netns "$neighbour" || fail "no veth pair"
+    ip link add eth0 address 02:00:00:00:00:05 type veth peer name uplink netns "$neighbour" || fail "no veth pair"
     in_neighbour() { nsenter --target "$neighbour" --net "$@"; }
     in_neighbour sysctl -q -w net.ipv6.conf.all.forwarding=1
     in_neighbour ip address add fe80::1/64 dev uplink nodad
@@ -149,13 +160,16 @@ start_daemon() {
 
 printf '%sA kernel, a settings store, and tandrel between them%s\n' "$bold" "$plain"
 printf 'A network namespace holds the link eth0; behind it a router advertises 2001:db8:1::/64.\n'
+printf '%sIn the commands below: A="%s"%s\n' "$dim" "$addresses" "$plain"
+printf '%s                       G="%s"%s\n' "$dim" "$gateway" "$plain"
+: >"$dir/tandrel.log"
 make_world
 start_store
 expect 5 "The settings store runs (tavd), empty." store_answers
 
 tell "The kernel configures itself; the store learns it."
+both_views before
 do_it tav mknode "$interface"
-both_views
 printf ' $ tandrel -d -D 3 &\n'
 start_daemon
 advertised() { kernel_addresses | grep -q '^2001:db8:1:'; }
@@ -165,46 +179,50 @@ automatic() {
         [ "$(type_of "$(kernel_addresses | grep '^2001:db8:1:')")" = Automatic ]
 }
 expect 10 "The store holds both, with their types." automatic
-both_views
+both_views after
 daemon_said 'ADDING addr'
 
 tell "A Static address is set in the store; it appears in the kernel."
+both_views before
 do_it tav set "$addresses/office/Address/Value" 2001:db8:2::5/64 \
     "$addresses/office/Type/Value" Static
 expect 5 "The kernel has 2001:db8:2::5/64 on eth0." kernel_has 2001:db8:2::5/64
-both_views
+both_views after
 daemon_said 'Processing TAV event|ADDING addr'
 
 tell "The gateway likewise, then changed."
+both_views before
 do_it tav set "$gateway/Value" fe80::1
 gateway_is() { [ "$(kernel_gateway)" = "$1" ] && [ "$(store_gateway)" = "$1" ]; }
 expect 5 "The kernel routes by default via fe80::1." gateway_is fe80::1
-both_views
+both_views between
 do_it tav set "$gateway/Value" fe80::2
 expect 5 "Now via fe80::2, and fe80::1 is gone." gateway_is fe80::2
-both_views
+both_views after
 daemon_said 'overriding|route \['
 
 tell "An address is deleted in the kernel; it leaves the store."
+both_views before
 do_it ip address del 2001:db8:2::5/64 dev eth0
 expect 5 "The store has forgotten 2001:db8:2::5/64." not store_has 2001:db8:2::5/64
-both_views
+both_views after
 daemon_said 'REMOVING addr'
 
 tell "The store service is killed and comes back; the daemon recovers."
+both_views before
 printf ' $ kill -KILL <tavd>\n'
 kill -KILL "$store"
 wait "$store" 2>/dev/null
 noticed() { tail -n "+$((log_mark + 1))" "$dir/tandrel.log" | grep -q 'Caught exception'; }
 expect 5 "The daemon noticed; it tries again every ten seconds." noticed
-both_views
+both_views between
 printf ' $ tavd --database settings.db &\n'
 start_store
 expect 5 "The store is back, with everything that it had acknowledged." store_answers
 do_it tav set "$addresses/lab/Address/Value" 2001:db8:3::7/64 "$addresses/lab/Type/Value" Static
 expect 25 "The daemon is back as well: the kernel has 2001:db8:3::7/64." kernel_has 2001:db8:3::7/64
 expect 10 "Both views agree." in_step
-both_views
+both_views after
 daemon_said 'Caught exception|beginning normal operation'
 
 if [ "$DEMO_STAY" = yes ]; then
@@ -223,12 +241,15 @@ TEXT
 fi
 
 tell "The daemon is stopped."
+both_views before
 printf ' $ kill -TERM <tandrel>\n'
 kill -TERM "$daemon"
 wait "$daemon"
 status=$?
 [ "$status" -eq 0 ] || fail "the daemon ended with status $status"
-printf ' %s✓ It ended with status 0.%s\n' "$green" "$plain"
+printf ' %s✓ It ended with status 0, and left both sides as they were.%s\n' "$green" "$plain"
+in_step || fail "the views differ"
+both_views after
 daemon_said 'exit signal|Exiting'
 
 printf '\n%sAll of it happened on a real kernel.%s Next: README.md; ./demo --stay to try it yourself.\n' \

@@ -1,0 +1,34 @@
+#!/bin/bash
+# check_install.sh BUILD-DIR LIBDIR: what an installation holds, and that it works from there.
+set -u
+build=$1
+libdir=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+fail() { printf 'FAILED: %s\n' "$*" >&2; exit 1; }
+
+cmake --install "$build" --prefix "$work/usr" >"$work/log" 2>&1 || { cat "$work/log"; fail install; }
+for file in sbin/tandrel sbin/tavd bin/tav "$libdir/libtav.so" "$libdir/libtav++.so" \
+    include/tav/mlr.h include/tav/toolkit.h; do
+    [ -e "$work/usr/$file" ] || fail "$file is not installed"
+done
+
+export LD_LIBRARY_PATH=$work/usr/$libdir
+"$work/usr/sbin/tandrel" --help >"$work/usage" && fail "--help is not an option of the daemon"
+grep -q "^Usage: $work/usr/sbin/tandrel \[-u <user>\]" "$work/usage" || fail "no usage text"
+"$work/usr/sbin/tavd" --help >/dev/null || fail "tavd --help"
+"$work/usr/bin/tav" --help >/dev/null || fail "tav --help"
+
+# A program of one's own builds against the installed headers and libraries.
+cat >"$work/own.cpp" <<'SOURCE'
+#include <tav/toolkit.h>
+#include <cstdio>
+int main() {
+    toolkit::CTav tav(mlr_init());
+    std::puts(tav.handle == nullptr ? "no store" : "a store");
+    mlr_close(tav.handle);
+}
+SOURCE
+c++ -std=c++17 -I"$work/usr/include" -o "$work/own" "$work/own.cpp" -L"$work/usr/$libdir" -ltav++ -ltav ||
+    fail "a program does not build against the installation"
+[ "$(TAV_SOCKET=$work/none "$work/own")" = "no store" ] || fail "the program does not run"
