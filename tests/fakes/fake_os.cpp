@@ -23,8 +23,10 @@
 #include <unistd.h>
 
 #include <gtest/gtest.h>
+#include <tav/mlr.h>
 
 #include "fakes/log_capture.h"
+#include "shell/signals.h"
 
 namespace fake_os {
 namespace {
@@ -59,6 +61,13 @@ std::string joined(const First &first, const Rest &...rest) {
 
 std::string text_of(long number) {
     return std::to_string(number);
+}
+
+const char *handler_name(void (*handler)(int)) {
+    if (handler == SIG_DFL) {
+        return "default";
+    }
+    return handler == &signal_handler ? "signal_handler" : "another";
 }
 
 // Enters an armed call and takes its result.
@@ -168,6 +177,7 @@ ending_t ending_of(const std::function<int()> &call) {
 } // namespace fake_os
 
 using fake_os::called;
+using fake_os::handler_name;
 using fake_os::joined;
 using fake_os::state;
 using fake_os::text_of;
@@ -363,8 +373,8 @@ int __wrap_pipe(int *ends) {
     return result;
 }
 
-// The journal gets "sigaction(<signal>, <handler>, <flags>, <mask>)": the handler as "default" or
-// "handler", the mask as "empty" or "not empty". The installed record is not kept.
+// The journal gets "sigaction(<signal>, <handler>, <flags>, <mask>)": the handler as "default",
+// "signal_handler" or "another", the mask as "empty" or "not empty".
 int __real_sigaction(int signal, const struct sigaction *action, struct sigaction *old);
 int __wrap_sigaction(int signal, const struct sigaction *action, struct sigaction *old);
 int __wrap_sigaction(int signal, const struct sigaction *action, struct sigaction *old) {
@@ -374,8 +384,7 @@ int __wrap_sigaction(int signal, const struct sigaction *action, struct sigactio
     }
     return static_cast<int>(
         called(stub, "sigaction",
-               joined(text_of(signal), action->sa_handler == SIG_DFL ? "default" : "handler",
-                      text_of(action->sa_flags),
+               joined(text_of(signal), handler_name(action->sa_handler), text_of(action->sa_flags),
                       sigisemptyset(&action->sa_mask) != 0 ? "empty" : "not empty")));
 }
 
@@ -453,6 +462,15 @@ char **__wrap_backtrace_symbols(void *const *frames, int size) {
     }
     fake_os::watch_free(pointers);
     return pointers;
+}
+
+mlr_client_t *__real_mlr_init();
+mlr_client_t *__wrap_mlr_init();
+mlr_client_t *__wrap_mlr_init() {
+    if (state().before_mlr_init) {
+        state().before_mlr_init();
+    }
+    return __real_mlr_init();
 }
 
 void __real_free(void *pointer);

@@ -106,6 +106,9 @@ struct state_t {
     bool users_armed = false;
     std::map<std::string, std::uint32_t> users;
 
+    // Runs first in mlr_init, which is the fake store's otherwise; may throw.
+    std::function<void()> before_mlr_init;
+
     // The lines that backtrace_symbols gives, one for each frame; null instead with `no_symbols`.
     // The array that it gives is watched (watch_free).
     bool backtrace_armed = false;

@@ -29,6 +29,11 @@ std::vector<log_line_t> &log_lines() {
     return lines;
 }
 
+std::function<void()> &log_observer() {
+    static std::function<void()> observer;
+    return observer;
+}
+
 std::vector<void (*)()> &reset_functions() {
     static std::vector<void (*)()> functions;
     return functions;
@@ -93,6 +98,9 @@ void __wrap_syslog(int priority, const char *format, ...) {
     va_start(args, format);
     std::vsnprintf(text.data(), text.size(), format, args);
     va_end(args);
+    if (log_observer()) {
+        log_observer()();
+    }
     log_lines().push_back({priority, text.data()});
     journal::add("log " + std::to_string(priority) + " " + text.data());
 }
@@ -187,6 +195,10 @@ void clear() {
     }
 }
 
+void on_log(std::function<void()> observer) {
+    log_observer() = std::move(observer);
+}
+
 } // namespace captured
 
 namespace fakes {
@@ -196,6 +208,7 @@ reset_hook::reset_hook(void (*reset)()) {
 }
 
 void reset_all() {
+    captured::on_log(nullptr);
     for (const auto &reset : reset_functions()) {
         reset();
     }

@@ -50,6 +50,8 @@ std::size_t log_count(const std::string &text);
 std::string standard_error();
 // Forgets log and standard error (the journal stays).
 void clear();
+// Runs at each call of syslog, when its line is not yet among log().
+void on_log(std::function<void()> observer);
 
 } // namespace captured
 

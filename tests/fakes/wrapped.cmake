@@ -5,7 +5,20 @@ set(wrapped_calls
   setpriority sched_setscheduler setuid getuid getpwnam
   fork wait waitpid setsid chdir umask open dup close
   pipe sigaction write backtrace backtrace_symbols abort exit _exit
-  setsockopt inet_ntop free
+  setsockopt inet_ntop free mlr_init
   _ZNSt6chrono3_V212steady_clock3nowEv)
 list(TRANSFORM wrapped_calls PREPEND "-Wl,--wrap=")
 target_link_options(unit_tests PRIVATE ${wrapped_calls})
+
+# The entry point, under a name of its own, so that its order of operations can be tested.
+target_sources(unit_tests PRIVATE ${PROJECT_SOURCE_DIR}/shell/main.cpp)
+set_source_files_properties(${PROJECT_SOURCE_DIR}/shell/main.cpp
+  PROPERTIES COMPILE_DEFINITIONS main=tandrel_main)
+
+# What the built daemon exports is tested on the daemon itself, and on a library that refers to it.
+add_library(mlr_err_caller MODULE ${CMAKE_CURRENT_SOURCE_DIR}/shell/mlr_err_caller.c)
+target_link_libraries(mlr_err_caller PRIVATE project_warnings)
+add_dependencies(unit_tests tandrel mlr_err_caller)
+target_compile_definitions(unit_tests PRIVATE
+  TANDREL_EXECUTABLE="$<TARGET_FILE:tandrel>"
+  MLR_ERR_CALLER="$<TARGET_FILE:mlr_err_caller>")
