@@ -1,0 +1,244 @@
+// Termination signals, faults and the backtrace.
+#include "shell/signals.h"
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include <syslog.h>
+
+#include "fakes/fake_os.h"
+#include "fakes/log_capture.h"
+
+namespace {
+
+using entries_t = std::vector<std::string>;
+
+const int handled[] = {SIGSEGV, SIGILL, SIGFPE, SIGPIPE, SIGHUP, SIGINT, SIGQUIT, SIGTERM};
+
+class Signals : public DaemonTest {
+protected:
+    Signals() {
+        fake_os::state().pipe.returns(0);
+        fake_os::state().sigaction.returns(0);
+        fake_os::state().write.returns(1);
+        fake_os::state().close.returns(0);
+    }
+    // The installation (or removal) of all handlers, as the journal has it.
+    static entries_t actions(const std::string &handler) {
+        entries_t all;
+        for (const int signal : handled) {
+            all.push_back("sigaction(" + std::to_string(signal) + ", " + handler + ", 0, empty)");
+        }
+        return all;
+    }
+};
+
+TEST_F(Signals, ThePipeIsMadeAndThenTheHandlersInTheirOrderWithoutRestart) {
+    register_handlers();
+    entries_t wanted = {"pipe()"};
+    for (const auto &action : actions("signal_handler")) {
+        wanted.push_back(action);
+    }
+    EXPECT_EQ(journal::entries(), wanted);
+    EXPECT_EQ(exit_pipe[0], 80);
+    EXPECT_EQ(exit_pipe[1], 81);
+    EXPECT_EQ(captured::standard_error(), "");
+}
+
+TEST_F(Signals, WithoutAPipeTheHandlersAreInstalledAllTheSame) {
+    fake_os::state().pipe.clear();
+    fake_os::state().pipe.returns(-1, EMFILE);
+    register_handlers();
+    EXPECT_EQ(captured::standard_error(),
+              "register_handlers: Error: pipe returned errno " + std::to_string(EMFILE) + "\n");
+    EXPECT_TRUE(captured::log().empty());
+    EXPECT_EQ(journal::matching("sigaction("), actions("signal_handler"));
+    EXPECT_EQ(exit_pipe[0], 0);
+    EXPECT_EQ(exit_pipe[1], 0);
+}
+
+TEST_F(Signals, DefaultsAreRestoredInTheSameOrderAndThePipeIsClosedReadEndFirst) {
+    register_handlers();
+    journal::clear();
+    unregister_handlers();
+    entries_t wanted = actions("default");
+    wanted.emplace_back("close(80)");
+    wanted.emplace_back("close(81)");
+    EXPECT_EQ(journal::entries(), wanted);
+}
+
+TEST_F(Signals, TerminationSignalsRequestTheExitAndWriteOneZeroByte) {
+    register_handlers();
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+        exit_requested = 0;
+        journal::clear();
+        signal_handler(signal);
+        EXPECT_EQ(exit_requested, 1) << signal;
+        EXPECT_EQ(journal::entries(), entries_t{"write(81, 0)"}) << signal;
+    }
+    EXPECT_TRUE(captured::log().empty());
+    EXPECT_EQ(captured::standard_error(), "");
+}
+
+TEST_F(Signals, TwoOfThemWriteTwoBytes) {
+    register_handlers();
+    signal_handler(SIGTERM);
+    signal_handler(SIGTERM);
+    EXPECT_EQ(exit_requested, 1);
+    EXPECT_EQ(journal::count("write(81, 0)"), 2U);
+}
+
+TEST_F(Signals, ABrokenPipeAndAnyOtherSignalHaveNoEffect) {
+    register_handlers();
+    journal::clear();
+    for (const int signal : {SIGPIPE, SIGUSR1, SIGCHLD, SIGALRM, SIGABRT, SIGBUS, 0}) {
+        signal_handler(signal);
+    }
+    EXPECT_EQ(exit_requested, 0);
+    EXPECT_TRUE(journal::entries().empty());
+    EXPECT_EQ(captured::standard_error(), "");
+}
+
+// Through a real signal and a real pipe: the byte stays there for everyone who waits.
+TEST_F(Signals, ASignalMakesTheExitPipeReadable) {
+    auto &os = fake_os::state();
+    os.pipe.clear();
+    os.sigaction.clear();
+    os.write.clear();
+    os.close.clear();
+    register_handlers();
+    ASSERT_EQ(raise(SIGPIPE), 0);
+    EXPECT_EQ(exit_requested, 0);
+    ASSERT_EQ(raise(SIGTERM), 0);
+    EXPECT_EQ(exit_requested, 1);
+    for (int wait = 0; wait < 2; ++wait) {
+        fd_set reads;
+        FD_ZERO(&reads);
+        FD_SET(exit_pipe[0], &reads);
+        timeval at_once{};
+        EXPECT_EQ(select(exit_pipe[0] + 1, &reads, nullptr, nullptr, &at_once), 1);
+    }
+    unregister_handlers();
+    struct sigaction now {};
+    ASSERT_EQ(sigaction(SIGTERM, nullptr, &now), 0);
+    EXPECT_EQ(now.sa_handler, SIG_DFL);
+}
+
+// Faults.
+
+class Backtrace : public DaemonTest {
+protected:
+    static void arm(std::vector<std::string> frames) {
+        fake_os::state().backtrace_armed = true;
+        fake_os::state().frames = std::move(frames);
+    }
+    static fake_os::ending_t print() {
+        return fake_os::ending_of([]() -> int { print_backtrace(); });
+    }
+    // What one frame line becomes, on standard error; the system log must have the same.
+    static std::string shown(const std::string &frame) {
+        captured::clear();
+        arm({frame});
+        EXPECT_EQ(print().how, "abort");
+        const std::string text = captured::standard_error();
+        const std::string head = "Backtrace:\n";
+        EXPECT_EQ(text.rfind(head, 0), 0U) << text;
+        const std::string line = text.substr(head.size());
+        EXPECT_EQ(captured::log(),
+                  (std::vector<log_line_t>{{LOG_CRIT, "Backtrace:"}, {LOG_CRIT, line}}));
+        return line;
+    }
+};
+
+TEST_F(Backtrace, FaultsAreNamedOnStandardErrorAndInTheSystemLogAndEndInAbort) {
+    const struct {
+        int signal;
+        const char *text;
+    } faults[] = {
+        {SIGILL, "Illegal Instruction"}, {SIGFPE, "FP Exception"}, {SIGSEGV, "Segmentation Fault"}};
+    for (const auto &fault : faults) {
+        captured::clear();
+        arm({"./tandrel(_ZN5CSync6listenEv+0x1f) [0x55]"});
+        const auto ending = fake_os::ending_of([&fault] {
+            signal_handler(fault.signal);
+            return 0;
+        });
+        EXPECT_EQ(ending.how, "abort");
+        EXPECT_EQ(captured::standard_error(),
+                  std::string(fault.text) + "\nBacktrace:\n[0]  CSync::listen()\n");
+        EXPECT_EQ(captured::log(), (std::vector<log_line_t>{{LOG_CRIT, fault.text},
+                                                            {LOG_CRIT, "Backtrace:"},
+                                                            {LOG_CRIT, "[0]  CSync::listen()\n"}}));
+        EXPECT_EQ(exit_requested, 0);
+    }
+}
+
+TEST_F(Backtrace, GoesThroughItsStepsInOrder) {
+    arm({"./tandrel(_ZN5CSync6listenEv+0x1f) [0x55]", "[0x7ffd]"});
+    EXPECT_EQ(print().how, "abort");
+    EXPECT_EQ(journal::entries(),
+              (entries_t{"backtrace(512)", "backtrace_symbols(2)",
+                         "log 2 Backtrace:", "log 2 [0]  CSync::listen()\n",
+                         "log 2 [1]  [0x7ffd]\n", "closelog()", "free(watched)", "abort()"}));
+}
+
+TEST_F(Backtrace, FramesAreNumberedFromZero) {
+    arm({"a(main+0x1)", "b(_ZN5CSync8discoverEv+0x1)", "[0x1]", "d(_ZN5CSync6listenEv+0x2)"});
+    print();
+    EXPECT_EQ(captured::standard_error(), "Backtrace:\n"
+                                          "[0]  a(main+0x1)\n"
+                                          "[1]  CSync::discover()\n"
+                                          "[2]  [0x1]\n"
+                                          "[3]  CSync::listen()\n");
+}
+
+TEST_F(Backtrace, AFrameWithoutAParenthesisIsPrintedWhole) {
+    EXPECT_EQ(shown("[0x7ffd1234]"), "[0]  [0x7ffd1234]\n");
+    EXPECT_EQ(shown(""), "[0]  \n");
+}
+
+TEST_F(Backtrace, AMangledNameIsPrintedDemangledAndAlone) {
+    EXPECT_EQ(shown("/usr/sbin/tandrel(_ZN5CSync6listenEv+0x1f) [0x55]"), "[0]  CSync::listen()\n");
+    EXPECT_EQ(shown("x(_ZN5CSync11str_to_addrERKSsb+0x0) [0x1]"),
+              "[0]  CSync::str_to_addr(std::string const&, bool)\n");
+}
+
+TEST_F(Backtrace, TheNameEndsAtPlusOrParenthesisWhicheverComesFirst) {
+    EXPECT_EQ(shown("x(_ZN5CSync3runEv) [0x1]"), "[0]  CSync::run()\n");
+    EXPECT_EQ(shown("x(_ZN5CSync3runEv)+0x1"), "[0]  CSync::run()\n");
+    EXPECT_EQ(shown("x(_ZN5CSync3runEv+)"), "[0]  CSync::run()\n");
+}
+
+TEST_F(Backtrace, AFrameThatCannotBeDemangledIsPrintedUnaltered) {
+    EXPECT_EQ(shown("./tandrel(main+0x10) [0x1]"), "[0]  ./tandrel(main+0x10) [0x1]\n");
+    EXPECT_EQ(shown("/lib/libc.so.6(+0x3bf90) [0x7f]"), "[0]  /lib/libc.so.6(+0x3bf90) [0x7f]\n");
+    EXPECT_EQ(shown("x() [0x1]"), "[0]  x() [0x1]\n");
+    EXPECT_EQ(shown("x(_Z) [0x1]"), "[0]  x(_Z) [0x1]\n");
+}
+
+TEST_F(Backtrace, WithoutAnEndOfTheNameTheWholeLineIsTheName) {
+    EXPECT_EQ(shown("x(_ZN5CSync3runEv"), "[0]  x(_ZN5CSync3runEv\n");
+    EXPECT_EQ(shown("_ZN5CSync3runEv"), "[0]  CSync::run()\n");
+}
+
+TEST_F(Backtrace, PercentSignsInAFrameAreHarmless) {
+    EXPECT_EQ(shown("/opt/100%s%n(main+0x1)"), "[0]  /opt/100%s%n(main+0x1)\n");
+}
+
+TEST_F(Backtrace, WithoutSymbolsThereIsOnlyTheAbort) {
+    arm({"x"});
+    fake_os::state().no_symbols = true;
+    EXPECT_EQ(print().how, "abort");
+    EXPECT_EQ(captured::standard_error(), "");
+    EXPECT_EQ(journal::entries(), (entries_t{"backtrace(512)", "backtrace_symbols(1)", "abort()"}));
+}
+
+TEST_F(Backtrace, WithoutFramesThereIsOnlyItsHead) {
+    arm({});
+    print();
+    EXPECT_EQ(captured::standard_error(), "Backtrace:\n");
+    EXPECT_EQ(captured::log().size(), 1U);
+}
+
+} // namespace
