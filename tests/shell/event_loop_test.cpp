@@ -1,0 +1,229 @@
+// One cycle of waiting and serving, and the loop of them.
+#include <algorithm>
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include <linux/rtnetlink.h>
+#include <syslog.h>
+
+#include "fakes/fake_libnl.h"
+#include "fakes/fake_os.h"
+#include "fakes/fake_tav.h"
+#include "fakes/log_capture.h"
+#include "netlink/channel.h"
+#include "shell/signals.h"
+#include "sync/errors.h"
+#include "sync/sync.h"
+
+namespace {
+
+using entries_t = std::vector<std::string>;
+
+struct Loop : CSync {
+    using CSync::CSync;
+    using CSync::listen;
+    using CSync::state;
+};
+
+const int store_fd = 60;
+const int netlink_fd = 70;
+const int exit_fd = 80;
+
+class EventLoop : public DaemonTest {
+protected:
+    EventLoop() {
+        exit_pipe[0] = exit_fd;
+        fake_tav::state().fd = store_fd;
+        fake_libnl::state().fd = netlink_fd;
+        tav.handle = mlr_init();
+        journal::clear();
+    }
+    ~EventLoop() override { mlr_close(tav.handle); }
+
+    int listen_once() {
+        journal::clear();
+        captured::clear();
+        return loop.listen();
+    }
+
+    fake_os::state_t &os = fake_os::state();
+    toolkit::CTav tav;
+    CNetlink channel;
+    Loop loop{&tav, &channel, "eth"};
+};
+
+TEST_F(EventLoop, WaitsThirtySecondsForThreeDescriptors) {
+    os.select.timeout();
+    EXPECT_EQ(listen_once(), 0);
+    const auto &call = os.select.calls().back();
+    EXPECT_EQ(call.reading, (std::vector<int>{store_fd, netlink_fd, exit_fd}));
+    EXPECT_EQ(call.nfds, exit_fd + 1);
+    EXPECT_TRUE(call.has_timeout);
+    EXPECT_EQ(call.seconds, 30);
+    EXPECT_EQ(call.microseconds, 0);
+    EXPECT_FALSE(call.writes);
+    EXPECT_FALSE(call.exceptions);
+}
+
+TEST_F(EventLoop, CountsUpToTheHighestOfTheThreeWhicheverThatIs) {
+    fake_tav::state().fd = 200;
+    os.select.timeout();
+    listen_once();
+    EXPECT_EQ(os.select.calls().back().nfds, 201);
+    fake_libnl::state().fd = 300;
+    os.select.timeout();
+    listen_once();
+    EXPECT_EQ(os.select.calls().back().nfds, 301);
+}
+
+TEST_F(EventLoop, AQuietCyclePingsTheWatchdogAndServesNobody) {
+    verbosity = 4;
+    os.select.timeout();
+    EXPECT_EQ(listen_once(), 0);
+    EXPECT_EQ(journal::entries(), (entries_t{"log 6 Info: Entering select()...", "select(30)",
+                                             "log 6 Info: select() returned.", "watchdog_ping()"}));
+}
+
+TEST_F(EventLoop, ItsTwoTracesAreOfLevelFour) {
+    for (const char *line : {"Info: Entering select()...", "Info: select() returned."}) {
+        expect_logged_at(4, LOG_INFO, line, [this] {
+            os.select.timeout();
+            loop.listen();
+        });
+    }
+}
+
+TEST_F(EventLoop, AFailedSelectThrowsWithTheErrorNumberAndPingsNobody) {
+    for (const int error : {EINTR, EBADF, EINVAL}) {
+        for (const std::uint32_t level : {0U, 9U}) {
+            verbosity = level;
+            os.select.fail(error);
+            try {
+                listen_once();
+                FAIL() << "nothing was thrown";
+            } catch (const sync_err &thrown) {
+                EXPECT_EQ(thrown.what(),
+                          "int CSync::listen(): select() returned " + std::to_string(error));
+            }
+            EXPECT_EQ(journal::count("watchdog_ping()"), 0U);
+            EXPECT_EQ(captured::log_count("Info: select() returned."), level == 9 ? 1U : 0U);
+        }
+    }
+}
+
+TEST_F(EventLoop, TheErrorNumberIsTheSelectsWhateverTheLogDoes) {
+    verbosity = 4;
+    captured::on_log([] { errno = EPIPE; });
+    os.select.fail(EINTR);
+    try {
+        listen_once();
+        FAIL() << "nothing was thrown";
+    } catch (const sync_err &thrown) {
+        EXPECT_STREQ(thrown.what(), "int CSync::listen(): select() returned 4");
+    }
+}
+
+// In normal operation; before that its events stay unfetched.
+TEST_F(EventLoop, AStoreEventIsServedAlone) {
+    loop.state = 4;
+    os.select.ready({store_fd});
+    EXPECT_EQ(listen_once(), 0);
+    EXPECT_EQ(journal::entries(), (entries_t{"select(30)", "watchdog_ping()", "events_get()"}));
+}
+
+TEST_F(EventLoop, ANetlinkMessageIsServedOneDatagramAtATime) {
+    fake_libnl::queue_datagram(fake_libnl::datagram_t().link(RTM_NEWLINK, 2, "veth0"));
+    fake_libnl::queue_datagram(fake_libnl::datagram_t().link(RTM_NEWLINK, 3, "veth1"));
+    os.select.ready({netlink_fd});
+    EXPECT_EQ(listen_once(), 0);
+    EXPECT_EQ(journal::entries(), (entries_t{"select(30)", "watchdog_ping()", "nl_recv()"}));
+    EXPECT_EQ(fake_libnl::queued(), 1U);
+}
+
+TEST_F(EventLoop, AStoreEventGoesBeforeANetlinkMessageOfTheSameCycle) {
+    loop.state = 4;
+    fake_libnl::queue_datagram(fake_libnl::datagram_t().link(RTM_NEWLINK, 2, "veth0"));
+    os.select.ready({store_fd, netlink_fd}).ready({netlink_fd});
+    EXPECT_EQ(listen_once(), 0);
+    EXPECT_EQ(journal::count("events_get()"), 1U);
+    EXPECT_EQ(journal::count("nl_recv()"), 0U);
+    EXPECT_EQ(listen_once(), 0);
+    EXPECT_EQ(journal::count("events_get()"), 0U);
+    EXPECT_EQ(journal::count("nl_recv()"), 1U);
+}
+
+TEST_F(EventLoop, TheExitPipeGoesBeforeEverythingAndServesNobodyElse) {
+    loop.state = 4;
+    for (const int requested : {1, 0}) {
+        exit_requested = requested;
+        for (const auto &ready : {std::vector<int>{exit_fd},
+                                  {exit_fd, store_fd},
+                                  {exit_fd, netlink_fd},
+                                  {exit_fd, store_fd, netlink_fd}}) {
+            os.select.ready(ready);
+            EXPECT_EQ(listen_once(), requested);
+            EXPECT_EQ(journal::entries(), (entries_t{"select(30)", "watchdog_ping()"}));
+        }
+    }
+}
+
+TEST_F(EventLoop, AnExitRequestWithoutAByteInThePipeDoesNotEndIt) {
+    exit_requested = 1;
+    os.select.timeout();
+    EXPECT_EQ(listen_once(), 0);
+}
+
+TEST_F(EventLoop, TheExitPipeIsNotRead) {
+    // Nothing but select touches it: a second cycle finds it readable again.
+    exit_requested = 1;
+    os.select.ready({exit_fd}).ready({exit_fd});
+    EXPECT_EQ(listen_once(), 1);
+    EXPECT_EQ(listen_once(), 1);
+}
+
+TEST_F(EventLoop, TheWatchdogsAnswersAreOfNoConcern) {
+    fake_tav::on_call("watchdog_register").returns(-1).statuses({5});
+    fake_tav::on_call("watchdog_ping", 1).returns(-1);
+    fake_tav::on_call("watchdog_ping", 2).statuses({5});
+    os.select.timeout().timeout().ready({exit_fd}, [] { exit_requested = 1; });
+    EXPECT_EQ(loop.run(), 1);
+    EXPECT_EQ(journal::count("watchdog_ping()"), 3U);
+}
+
+TEST_F(EventLoop, RunRegistersWithTheWatchdogThenDiscoversThenListens) {
+    verbosity = 3;
+    journal::clear();
+    os.select.ready({exit_fd}, [] { exit_requested = 1; });
+    EXPECT_EQ(loop.run(), 1);
+    const auto &entries = journal::entries();
+    ASSERT_GE(entries.size(), 5U);
+    EXPECT_EQ(entries[0], "watchdog_register(tandrel, 60, true)");
+    EXPECT_EQ(entries[1], "log 6 Info: void CSync::discover(): requesting link state");
+    EXPECT_EQ(entries[2].rfind("nl_send_simple(18, 257, ", 0), 0U);
+    EXPECT_EQ(entries[3], "select(30)");
+    EXPECT_EQ(entries[4], "watchdog_ping()");
+}
+
+TEST_F(EventLoop, RunListensUntilTheExitRequestAndFeedsTheWatchdogInEveryCycle) {
+    os.select.timeout().timeout().ready({exit_fd}).timeout().ready({exit_fd},
+                                                                   [] { exit_requested = 1; });
+    EXPECT_EQ(loop.run(), 1);
+    EXPECT_EQ(journal::count("select(30)"), 5U);
+    EXPECT_EQ(journal::count("watchdog_ping()"), 5U);
+    EXPECT_EQ(journal::count("watchdog_register("), 1U);
+}
+
+TEST_F(EventLoop, ExceptionsOfDiscoveryAndCyclesLeaveRun) {
+    fake_libnl::state().send_simple.then(0);
+    EXPECT_THROW(loop.run(), netlink_err);
+    os.select.fail(EINTR);
+    loop.state = 0;
+    EXPECT_THROW(loop.run(), sync_err);
+    fake_libnl::queue_recv_result(-5);
+    os.select.ready({netlink_fd});
+    loop.state = 0;
+    EXPECT_THROW(loop.run(), netlink_err);
+}
+
+} // namespace
