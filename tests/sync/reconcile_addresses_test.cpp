@@ -1,0 +1,305 @@
+// Reconciliation of addresses: Static ones follow the store, all others the kernel.
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "fakes/engine_fixture.h"
+#include "sync/errors.h"
+
+namespace {
+
+using strings = std::vector<std::string>;
+
+std::string written(const std::string &node, const std::string &address, const std::string &type) {
+    const std::string path = "~/1/IPv6/Addresses/" + node;
+    return "set_leaves(" + path + "/Address/Value = " + address + ", " + path +
+           "/Type/Value = " + type + ")";
+}
+
+class SyncAddresses : public EngineTest {
+protected:
+    void SetUp() override {
+        EngineTest::SetUp();
+        prepare();
+        fake_tav::put_node(at("1"));
+    }
+    void prepare() {
+        restart();
+        track(3, "eth0");
+        engine().state = 4;
+    }
+    // What was changed, without what was read.
+    strings changes() {
+        strings all;
+        for (const auto &effect : effects()) {
+            if (effect.find("list_node(") != 0 && effect.find("get_lea") != 0) {
+                all.push_back(effect);
+            }
+        }
+        return all;
+    }
+    void synchronise() {
+        forget();
+        engine().sync_all();
+    }
+};
+
+TEST_F(SyncAddresses, AStoredStaticOneIsAddedToTheKernel) {
+    store(1, "office", "2001:db8::5/64", "Static");
+    synchronise();
+    EXPECT_EQ(changes(), strings{"kernel: add 2001:db8::5/64 dev 3"});
+    EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static office"});
+    EXPECT_EQ(entry(3).addresses.at(0).ifindex, 3);
+    expect_logged_at(4, 6, "Info: Adding TAV addr '2001:db8::5/64' to kernel on interface 3",
+                     [this] {
+                         prepare();
+                         synchronise();
+                     });
+}
+
+TEST_F(SyncAddresses, AnAddedOneIsNotAddedAgain) {
+    store(1, "1", "2001:db8::5/64", "Static");
+    synchronise();
+    synchronise();
+    EXPECT_EQ(changes(), strings{});
+    EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static 1"});
+}
+
+TEST_F(SyncAddresses, TwoStoredNodesOfOneStaticAddressAreOneInTheKernel) {
+    store(1, "1", "2001:db8::5/64", "Static");
+    store(1, "2", "2001:db8::5/64", "Static");
+    synchronise();
+    EXPECT_EQ(changes(), strings{"kernel: add 2001:db8::5/64 dev 3"});
+    EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static 1"});
+}
+
+TEST_F(SyncAddresses, AChangedPrefixLengthIsDeletedAndAdded) {
+    know(3, "2001:db8::5", 64, 3, "1");
+    store(1, "1", "2001:db8::5/48", "Static");
+    synchronise();
+    EXPECT_EQ(changes(),
+              (strings{"kernel: delete 2001:db8::5/64 dev 3", "kernel: add 2001:db8::5/48 dev 3"}));
+    EXPECT_EQ(table(3), strings{"2001:db8::5/48 Static 1"});
+    expect_logged_at(3, 6, "Info: Changing prefix length of address '2001:db8::5/64' => 48",
+                     [this] {
+                         prepare();
+                         know(3, "2001:db8::5", 64, 3, "1");
+                         synchronise();
+                     });
+}
+
+TEST_F(SyncAddresses, AnotherLengthOfAnAddressThatIsNotStaticChangesNothing) {
+    know(3, "2001:db8::5", 64, 2, "1");
+    know(3, "fe80::1", 64, 1, "2");
+    store(1, "1", "2001:db8::5/48", "Automatic");
+    store(1, "2", "fe80::1/10", "Link-Local");
+    synchronise();
+    EXPECT_EQ(changes(), strings{});
+    EXPECT_EQ(table(3), (strings{"2001:db8::5/64 Automatic 1", "fe80::1/64 Link-Local 2"}));
+}
+
+TEST_F(SyncAddresses, AStaticOneThatLeftTheStoreIsDeletedInTheKernel) {
+    know(3, "2001:db8::5", 64, 3, "1");
+    know(3, "2001:db8::6", 64, 3, "2");
+    know(3, "2001:db8::7", 64, 3, "3");
+    store(1, "2", "2001:db8::6/64", "Static");
+    synchronise();
+    EXPECT_EQ(changes(), (strings{"kernel: delete 2001:db8::5/64 dev 3",
+                                  "kernel: delete 2001:db8::7/64 dev 3"}));
+    EXPECT_EQ(table(3), strings{"2001:db8::6/64 Static 2"});
+    expect_logged_at(3, 6, "Info: Removing TAV addr '2001:db8::5/64' from kernel on interface 3",
+                     [this] {
+                         prepare();
+                         know(3, "2001:db8::5", 64, 3, "1");
+                         synchronise();
+                     });
+}
+
+TEST_F(SyncAddresses, StaticOnesInARowAreAllDeleted) {
+    for (int i = 1; i <= 5; ++i) {
+        know(3, "2001:db8::" + std::to_string(i), 64, 3, std::to_string(i));
+    }
+    synchronise();
+    EXPECT_EQ(table(3), strings{});
+    EXPECT_EQ(changes().size(), 5U);
+}
+
+TEST_F(SyncAddresses, JunkIsTakenOutOfTheStore) {
+    store(1, "1", "2001:db8::5/64", "Automatic");
+    store(1, "2", "fe80::1/64", "Link-Local");
+    synchronise();
+    EXPECT_EQ(changes(),
+              (strings{"remove_node(~/1/IPv6/Addresses/1)", "remove_node(~/1/IPv6/Addresses/2)"}));
+    EXPECT_EQ(table(3), strings{});
+    EXPECT_FALSE(fake_tav::exists(at("1/IPv6/Addresses/1")));
+    expect_logged_at(1, 6, "Info: Removing unknown/junk node from TAV on interface 3 (eth0)",
+                     [this] {
+                         store(1, "1", "2001:db8::5/64", "Automatic");
+                         prepare();
+                         synchronise();
+                     });
+}
+
+TEST_F(SyncAddresses, AStoredOneOfAnotherTypeThanTheKernelsIsJunk) {
+    know(3, "2001:db8::5", 64, 2, "1");
+    store(1, "1", "2001:db8::5/64", "Link-Local");
+    synchronise();
+    EXPECT_EQ(changes(), strings{"remove_node(~/1/IPv6/Addresses/1)"})
+        << "the snapshot still has the address, so that it is written by the next run";
+    synchronise();
+    EXPECT_EQ(changes(), strings{written("1", "2001:db8::5/64", "Automatic")});
+}
+
+TEST_F(SyncAddresses, AStoredAutomaticOneOfAStaticEntryIsJunk) {
+    know(3, "2001:db8::5", 64, 3, "1");
+    store(1, "1", "2001:db8::5/64", "Automatic");
+    synchronise();
+    EXPECT_EQ(changes(), (strings{"remove_node(~/1/IPv6/Addresses/1)",
+                                  "kernel: delete 2001:db8::5/64 dev 3"}));
+    EXPECT_EQ(table(3), strings{});
+}
+
+TEST_F(SyncAddresses, AnAutomaticOneThatTheStoreDeclaresStaticIsAdopted) {
+    know(3, "2001:db8::5", 64, 2, "1");
+    store(1, "1", "2001:db8::5/64", "Static");
+    synchronise();
+    EXPECT_EQ(changes(), strings{});
+    EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static 1"});
+    fake_tav::erase(at("1/IPv6/Addresses/1"));
+    synchronise();
+    EXPECT_EQ(changes(), strings{"kernel: delete 2001:db8::5/64 dev 3"})
+        << "from then on it is the store's";
+}
+
+TEST_F(SyncAddresses, AnAdoptedOneTakesTheStoredLength) {
+    know(3, "2001:db8::5", 64, 2, "1");
+    store(1, "1", "2001:db8::5/48", "Static");
+    synchronise();
+    EXPECT_EQ(changes(),
+              (strings{"kernel: delete 2001:db8::5/64 dev 3", "kernel: add 2001:db8::5/48 dev 3"}));
+}
+
+TEST_F(SyncAddresses, ALinkLocalOneIsNotAdopted) {
+    know(3, "fe80::5", 64, 1, "1");
+    store(1, "9", "fe80::5/64", "Static");
+    synchronise();
+    EXPECT_EQ(changes(), strings{"kernel: add fe80::5/64 dev 3"});
+    EXPECT_EQ(table(3), (strings{"fe80::5/64 Link-Local 1", "fe80::5/64 Static 9"}));
+}
+
+TEST_F(SyncAddresses, AKnownOneIsFoundBehindEqualBytesOfAnotherType) {
+    know(3, "fe80::5", 64, 1, "1");
+    know(3, "fe80::5", 64, 3, "9");
+    store(1, "9", "fe80::5/64", "Static");
+    store(1, "1", "fe80::5/64", "Link-Local");
+    synchronise();
+    EXPECT_EQ(changes(), strings{});
+}
+
+TEST_F(SyncAddresses, WhatTheKernelHasAndTheStoreLacksIsWritten) {
+    know(3, "fe80::1", 64, 1, "1");
+    know(3, "2001:db8::5", 64, 2, "2");
+    synchronise();
+    EXPECT_EQ(changes(), (strings{written("1", "fe80::1/64", "Link-Local"),
+                                  written("2", "2001:db8::5/64", "Automatic")}));
+    expect_logged_at(4, 6, "Info: Writing kernel addr to TAV on interface 1", [this] {
+        fake_tav::erase(at("1/IPv6"));
+        prepare();
+        know(3, "fe80::1", 64, 1, "1");
+        synchronise();
+    });
+}
+
+TEST_F(SyncAddresses, WhatTheStoreHasIsNotWrittenWhateverItsTypeAndLength) {
+    know(3, "2001:db8::5", 64, 2, "1");
+    store(1, "7", "2001:db8::5/48", "Automatic");
+    synchronise();
+    EXPECT_EQ(changes(), strings{});
+}
+
+TEST_F(SyncAddresses, AreComparedOnTheRecordWithTypeAndPresence) {
+    know(3, "2001:db8::5", 64, 2, "1");
+    know(3, "fe80::1", 64, 1, "2");
+    know(3, "2001:db8::6", 48, 3, "3");
+    store(1, "1", "2001:db8::5/64", "Automatic");
+    store(1, "4", "2001:db8::7/64", "Static");
+    const strings comparisons = {"Comparing address '2001:db8::5/64' (2) (IN TAV)",
+                                 "Comparing address 'fe80::1/64' (1) (NOT IN TAV)",
+                                 "Comparing address '2001:db8::6/48' (3) (NOT IN TAV)",
+                                 "Comparing address '2001:db8::7/64' (3) (IN TAV)"};
+    verbosity = 4;
+    synchronise();
+    std::vector<std::string> seen;
+    for (const auto &line : lines()) {
+        if (line.find("Comparing ") == 0) {
+            seen.push_back(line);
+        }
+    }
+    EXPECT_EQ(seen, comparisons);
+    expect_logged_at(4, 6, "Info: " + comparisons[0], [this] { synchronise(); });
+}
+
+TEST_F(SyncAddresses, OfAnInterfaceThatTheKernelLacksAreLeftAlone) {
+    engine().interfaces.clear();
+    store(1, "1", "2001:db8::5/64", "Static");
+    store(1, "2", "2001:db8::6/64", "Automatic");
+    verbosity = 3;
+    synchronise();
+    EXPECT_EQ(changes(), strings{});
+    EXPECT_EQ(lines(), strings{});
+    verbosity = 4;
+    synchronise();
+    EXPECT_EQ(lines().back(), "Synchronizing kernel with TAV...");
+}
+
+TEST_F(SyncAddresses, OfATrackedLinkThatTheStoreLacksAreNotWritten) {
+    fake_tav::erase(at("1"));
+    know(3, "2001:db8::5", 64, 2, "1");
+    know_gateway(3, "fe80::1");
+    verbosity = 3;
+    synchronise();
+    EXPECT_EQ(record(), strings{"list_node(~)"});
+    EXPECT_EQ(fake_tav::dump(), strings{std::string(interfaces_node) + "/"});
+}
+
+TEST_F(SyncAddresses, AMatchOfNamesTellsTheStoreNumber) {
+    EXPECT_EQ(entry(3).iface.number, 0);
+    synchronise();
+    EXPECT_EQ(entry(3).iface.number, 1);
+}
+
+TEST_F(SyncAddresses, AFailureOfTheKernelEndsTheRun) {
+    store(1, "1", "2001:db8::5/64", "Static");
+    store(1, "2", "2001:db8::6/64", "Static");
+    store(1, "3", "2001:db8::7/64", "Automatic");
+    fake_libnl::state().send_auto_complete.then(24).then(-5);
+    EXPECT_THROW(synchronise(), netlink_err);
+    EXPECT_TRUE(fake_tav::exists(at("1/IPv6/Addresses/3")));
+    EXPECT_EQ(table(3).front(), "2001:db8::5/64 Static 1") << "what was done stays";
+}
+
+TEST_F(SyncAddresses, AFailureOfTheStoreEndsTheRun) {
+    store(1, "1", "2001:db8::5/64", "Automatic");
+    store(1, "2", "2001:db8::6/64", "Static");
+    fake_tav::on_call("remove_node").returns(-1);
+    EXPECT_THROW(synchronise(), sync_err);
+    EXPECT_EQ(fake_libnl::state().changes.size(), 0U);
+    prepare();
+    know(3, "fe80::1", 64, 1, "7");
+    know_gateway(3, "fe80::1");
+    fake_tav::on_call("set_leaves").returns(-1);
+    EXPECT_THROW(synchronise(), sync_err);
+    EXPECT_EQ(fake_tav::calls("set_leaf").size(), 0U);
+}
+
+TEST_F(SyncAddresses, AJunkNodeThatTheStoreKeepsDoesNotEndTheRun) {
+    store(1, "1", "2001:db8::5/64", "Automatic");
+    store(1, "2", "2001:db8::6/64", "Static");
+    fake_tav::on_call("remove_node").statuses({5});
+    synchronise();
+    EXPECT_EQ(changes(),
+              (strings{"remove_node(~/1/IPv6/Addresses/1)", "kernel: add 2001:db8::6/64 dev 3"}));
+}
+
+} // namespace

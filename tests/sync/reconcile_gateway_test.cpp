@@ -1,0 +1,135 @@
+// Reconciliation of the default gateway: the store wins.
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "fakes/engine_fixture.h"
+#include "sync/errors.h"
+
+namespace {
+
+using strings = std::vector<std::string>;
+
+const char *const stored_leaf = "~/1/IPv6/Default Gateway/Value";
+
+class SyncGateway : public EngineTest {
+protected:
+    void SetUp() override {
+        EngineTest::SetUp();
+        prepare();
+        fake_tav::put_node(at("1"));
+    }
+    void prepare() {
+        restart();
+        track(3, "eth0");
+        engine().state = 4;
+    }
+    strings changes() {
+        strings all;
+        for (const auto &effect : effects()) {
+            if (effect.find("list_node(") != 0 && effect.find("get_lea") != 0) {
+                all.push_back(effect);
+            }
+        }
+        return all;
+    }
+    void synchronise() {
+        forget();
+        engine().sync_all();
+    }
+    static std::string written(const std::string &gateway) {
+        return std::string("set_leaf(") + stored_leaf + " = " + gateway + ")";
+    }
+};
+
+TEST_F(SyncGateway, AStoredOneIsAddedToTheKernelAndRecorded) {
+    store_gateway(1, "fe80::1");
+    synchronise();
+    EXPECT_EQ(changes(), (strings{"kernel: add ::/0 via fe80::1 dev 3", written("fe80::1")}));
+    ASSERT_TRUE(entry(3).gateway);
+    EXPECT_EQ(entry(3).gateway->ifindex, 3);
+    EXPECT_EQ(entry(3).gateway->protocol, 4);
+    EXPECT_EQ(entry(3).gateway->dst_len, 0);
+    EXPECT_TRUE(is_default_route(*entry(3).gateway));
+    expect_logged_at(4, 6, "Info: Adding TAV route 'fe80::1' to kernel on interface 3", [this] {
+        prepare();
+        synchronise();
+    });
+}
+
+TEST_F(SyncGateway, TheSameOneIsSentToTheKernelAgain) {
+    know_gateway(3, "fe80::1");
+    store_gateway(1, "fe80::1");
+    synchronise();
+    EXPECT_EQ(changes(), (strings{"kernel: add ::/0 via fe80::1 dev 3", written("fe80::1")}));
+    expect_logged_at(4, 6, "Info: Skipping already-configured gateway...", [this] {
+        prepare();
+        know_gateway(3, "fe80::1");
+        synchronise();
+    });
+}
+
+TEST_F(SyncGateway, AnotherOneOverridesTheKernels) {
+    know_gateway(3, "fe80::1");
+    store_gateway(1, "fe80::2");
+    synchronise();
+    EXPECT_EQ(changes(), (strings{"kernel: delete ::/0 via fe80::1 dev 3",
+                                  "kernel: add ::/0 via fe80::2 dev 3", written("fe80::2")}));
+    EXPECT_EQ(gateway(3), "fe80::2");
+    expect_logged_at(2, 6, "Info: New TAV route overriding existing one", [this] {
+        prepare();
+        know_gateway(3, "fe80::1");
+        synchronise();
+    });
+}
+
+TEST_F(SyncGateway, OneThatTheStoreLacksIsDeletedInTheKernelAndStillWritten) {
+    know_gateway(3, "fe80::1");
+    synchronise();
+    EXPECT_EQ(changes(), (strings{"kernel: delete ::/0 via fe80::1 dev 3", written("fe80::1")}));
+    EXPECT_EQ(gateway(3), "fe80::1") << "only the kernel's report clears it";
+    expect_logged_at(2, 6, "Info: Removing existing static route", [this] {
+        fake_tav::erase(at("1/IPv6"));
+        prepare();
+        know_gateway(3, "fe80::1");
+        synchronise();
+    });
+}
+
+TEST_F(SyncGateway, TheKernelsReportOfThatDeletionTakesItOutOfTheStore) {
+    know_gateway(3, "fe80::1");
+    synchronise();
+    engine().nl_route_update(25, {kern_route(3, "fe80::1")});
+    EXPECT_EQ(gateway(3), "");
+    EXPECT_FALSE(fake_tav::exists(at("1/IPv6/Default Gateway")));
+    synchronise();
+    EXPECT_EQ(changes(), strings{});
+}
+
+TEST_F(SyncGateway, OfNeitherSideIsNoWork) {
+    verbosity = 3;
+    synchronise();
+    EXPECT_EQ(changes(), strings{});
+    EXPECT_EQ(lines(),
+              (strings{"Synchronizing kernel interface (3) with TAV interface (1): eth0",
+                       "Synchronizing TAV interface (1) with kernel interface (3): eth0"}));
+}
+
+TEST_F(SyncGateway, AnUnreadableStoredOneCountsAsNone) {
+    know_gateway(3, "fe80::1");
+    store_gateway(1, "nonsense");
+    synchronise();
+    EXPECT_EQ(changes(), (strings{"kernel: delete ::/0 via fe80::1 dev 3", written("fe80::1")}));
+}
+
+TEST_F(SyncGateway, AFailureToDeleteTheOverriddenOneKeepsIt) {
+    know_gateway(3, "fe80::1");
+    store_gateway(1, "fe80::2");
+    fake_libnl::state().send_auto_complete.then(0);
+    EXPECT_THROW(synchronise(), netlink_err);
+    EXPECT_EQ(gateway(3), "fe80::1");
+    EXPECT_EQ(fake_tav::writes(), 0U);
+}
+
+} // namespace
