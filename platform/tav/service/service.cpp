@@ -112,8 +112,8 @@ bool Service::handle_read(Reader &in, Writer &out) {
     constexpr std::size_t empty_answer = 1;
     constexpr std::size_t value_overhead = 13; // type, length of the text, time
     std::vector<std::string> paths;
-    get_all(in, paths);
-    if (!in.finished() || paths.size() > limits::paths_per_request) {
+    get_all(in, paths, limits::paths_per_request);
+    if (!in.finished()) {
         return false;
     }
     out.u32(static_cast<std::uint32_t>(paths.size()));
@@ -144,8 +144,8 @@ bool Service::handle_list(Reader &in, Writer &out) {
 
 bool Service::handle_transact(Session &session, Reader &in, Writer &out) {
     std::vector<Item> items;
-    get_all(in, items);
-    if (!in.finished() || items.size() > limits::paths_per_request) {
+    get_all(in, items, limits::paths_per_request);
+    if (!in.finished()) {
         return false;
     }
     const Outcome outcome =

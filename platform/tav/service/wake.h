@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <optional>
+#include <tuple>
 
 namespace tav {
 
@@ -35,6 +36,13 @@ public:
     void sent();
 
     bool signalled() const { return outstanding; }
+
+    // Everything that the object remembers, so that states can be compared and counted.
+    using State =
+        std::tuple<bool, bool, std::optional<Time>, std::optional<Time>, std::optional<Time>>;
+    State state() const {
+        return {outstanding, seen_by_ping, wanted_since, last_request, ping_acknowledged};
+    }
 
 private:
     void want(Time now);
