@@ -1,0 +1,233 @@
+// Dumps that may lack records are asked for again; dumps that never end are given up.
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "fakes/engine_fixture.h"
+#include "fakes/fake_os.h"
+#include "sync/errors.h"
+
+namespace {
+
+using strings = std::vector<std::string>;
+using fake_libnl::datagram_t;
+
+constexpr int multi = 2;        // NLM_F_MULTI
+constexpr int interrupted = 16; // NLM_F_DUMP_INTR
+
+datagram_t link(int flags = multi) {
+    return datagram_t().link(16, 3, "eth0", {2, 0, 0, 0, 0, 1}, flags);
+}
+
+class DumpRepeat : public EngineTest {
+protected:
+    // An engine that has requested the dump of this state.
+    void reach(int state) {
+        restart();
+        while (engine().state < state) {
+            engine().discover();
+        }
+        forget();
+    }
+};
+
+const strings requests = {"", "kernel: dump links", "kernel: dump addrs", "kernel: dump routes"};
+
+TEST_F(DumpRepeat, AnInterruptedDumpIsRequestedAgain) {
+    for (const int state : {1, 2, 3}) {
+        reach(state);
+        receive(datagram_t().done(0, multi | interrupted));
+        EXPECT_EQ(engine().state, state);
+        EXPECT_EQ(effects(), strings{requests.at(static_cast<std::size_t>(state))});
+    }
+}
+
+TEST_F(DumpRepeat, ADumpThatFailedIsRequestedAgain) {
+    for (const int state : {1, 2, 3}) {
+        reach(state);
+        receive(datagram_t().done(-4));
+        EXPECT_EQ(engine().state, state);
+        EXPECT_EQ(effects(), strings{requests.at(static_cast<std::size_t>(state))});
+    }
+}
+
+TEST_F(DumpRepeat, APositiveResultIsNoFailure) {
+    reach(1);
+    receive(datagram_t().done(36));
+    EXPECT_EQ(engine().state, 2);
+}
+
+TEST_F(DumpRepeat, AMarkOnAnyRecordOfTheDumpCounts) {
+    reach(1);
+    receive(link(multi | interrupted));
+    receive(link());
+    EXPECT_EQ(effects(), strings{}) << "nothing is requested before the dump ends";
+    receive(datagram_t().done());
+    EXPECT_EQ(engine().state, 1);
+    EXPECT_EQ(effects(), strings{"kernel: dump links"});
+}
+
+TEST_F(DumpRepeat, AMarkInTheMiddleOfADatagramCounts) {
+    reach(1);
+    receive(link()
+                .link(16, 4, "eth1", {2, 0, 0, 0, 0, 1}, multi | interrupted)
+                .link(16, 5, "eth2", {2, 0, 0, 0, 0, 1}, multi)
+                .done());
+    EXPECT_EQ(engine().state, 1);
+    EXPECT_EQ(engine().interfaces.size(), 3U) << "what came is kept all the same";
+}
+
+TEST_F(DumpRepeat, AnEndBehindTheLastRecordTellsAsWell) {
+    reach(1);
+    receive(link().done(-4));
+    EXPECT_EQ(engine().state, 1);
+    receive(link().done(0, multi | interrupted));
+    EXPECT_EQ(engine().state, 1);
+    EXPECT_EQ(effects(), strings(2, "kernel: dump links"));
+}
+
+TEST_F(DumpRepeat, ACleanRepetitionIsFollowedByTheNextStep) {
+    reach(2);
+    receive(datagram_t().done(0, multi | interrupted));
+    forget();
+    receive(datagram_t().done());
+    EXPECT_EQ(engine().state, 3);
+    EXPECT_EQ(effects(), strings{"kernel: dump routes"});
+}
+
+TEST_F(DumpRepeat, HappensThreeTimesAtMost) {
+    for (const int state : {1, 2, 3}) {
+        reach(state);
+        for (int i = 0; i < 3; ++i) {
+            receive(datagram_t().done(0, multi | interrupted));
+            EXPECT_EQ(engine().state, state) << "repetition " << i;
+        }
+        EXPECT_EQ(effects(), strings(3, requests.at(static_cast<std::size_t>(state))));
+        receive(datagram_t().done(0, multi | interrupted));
+        EXPECT_EQ(engine().state, state + 1);
+    }
+}
+
+TEST_F(DumpRepeat, IsCountedForEachStepAnew) {
+    reach(1);
+    for (int i = 0; i < 4; ++i) {
+        receive(datagram_t().done(-4));
+    }
+    ASSERT_EQ(engine().state, 2);
+    forget();
+    for (int i = 0; i < 3; ++i) {
+        receive(datagram_t().done(-4));
+    }
+    EXPECT_EQ(engine().state, 2);
+    EXPECT_EQ(effects(), strings(3, "kernel: dump addrs"));
+}
+
+TEST_F(DumpRepeat, AMarkDoesNotOutliveItsStep) {
+    reach(1);
+    for (int i = 0; i < 4; ++i) {
+        receive(link(multi | interrupted));
+        receive(datagram_t().done());
+    }
+    ASSERT_EQ(engine().state, 2);
+    receive(datagram_t().done());
+    EXPECT_EQ(engine().state, 3);
+}
+
+TEST_F(DumpRepeat, DoesNotLogTheStepAgainBeforeItIsTaken) {
+    reach(1);
+    verbosity = 4;
+    receive(datagram_t().done(0, multi | interrupted));
+    EXPECT_EQ(journal::count("log 6 Info: void CSync::discover(): requesting addrs"), 0U);
+    EXPECT_EQ(journal::count("log 4 "), 0U);
+}
+
+TEST_F(DumpRepeat, FindsTheSameRecordsWithoutDoublingThem) {
+    reach(1);
+    receive(link());
+    receive(datagram_t().done());
+    receive(datagram_t().address(20, 3, "2001:db8::5", 64, 0, multi | interrupted));
+    receive(datagram_t().done());
+    ASSERT_EQ(engine().state, 2);
+    receive(datagram_t().address(20, 3, "2001:db8::6", 64, 0, multi));
+    receive(datagram_t().address(20, 3, "2001:db8::5", 64, 0, multi).done());
+    EXPECT_EQ(engine().state, 3);
+    EXPECT_EQ(table(3), (strings{"2001:db8::5/64 Automatic 1", "2001:db8::6/64 Automatic 2"}));
+}
+
+TEST_F(DumpRepeat, IsNoMatterOfNormalOperation) {
+    reach(4);
+    receive(datagram_t().done(0, multi | interrupted));
+    receive(datagram_t().done(-4));
+    receive(link(multi | interrupted).done());
+    EXPECT_EQ(engine().state, 4);
+    EXPECT_EQ(journal::count("nl_send_simple("), 0U);
+}
+
+TEST_F(DumpRepeat, AFailingRequestIsTheCallersConcern) {
+    reach(1);
+    fake_libnl::state().send_simple.then(-5);
+    EXPECT_THROW(receive(datagram_t().done(-4)), netlink_err);
+}
+
+class DumpTime : public EngineTest {
+protected:
+    void SetUp() override {
+        EngineTest::SetUp();
+        fake_os::state().clock.set(std::chrono::hours(100));
+        restart();
+    }
+    static void pass(std::chrono::milliseconds time) { fake_os::state().clock.advance(time); }
+    void check() { engine().check_discovery_time(); }
+};
+
+constexpr std::chrono::milliseconds nearly(29900);
+constexpr std::chrono::milliseconds a_bit(200);
+
+TEST_F(DumpTime, EndsThirtySecondsAfterTheLastRequest) {
+    for (const int state : {1, 2, 3}) {
+        restart();
+        while (engine().state < state) {
+            engine().discover();
+        }
+        EXPECT_NO_THROW(check());
+        pass(nearly);
+        EXPECT_NO_THROW(check()) << "state " << state;
+        pass(a_bit);
+        EXPECT_THROW(check(), sync_err) << "state " << state;
+    }
+}
+
+TEST_F(DumpTime, BeginsAgainWithEachRequest) {
+    engine().discover();
+    for (int i = 0; i < 2; ++i) {
+        pass(nearly);
+        receive(datagram_t().done(-4));
+        EXPECT_NO_THROW(check());
+    }
+    pass(nearly);
+    receive(datagram_t().done());
+    pass(nearly);
+    EXPECT_NO_THROW(check());
+    pass(a_bit);
+    EXPECT_THROW(check(), sync_err);
+}
+
+TEST_F(DumpTime, IsNotProlongedByRecordsAlone) {
+    engine().discover();
+    pass(nearly);
+    receive(link());
+    pass(a_bit);
+    EXPECT_THROW(check(), sync_err);
+}
+
+TEST_F(DumpTime, DoesNotMatterInNormalOperation) {
+    while (engine().state < 4) {
+        engine().discover();
+    }
+    pass(std::chrono::hours(1));
+    EXPECT_NO_THROW(check());
+}
+
+} // namespace

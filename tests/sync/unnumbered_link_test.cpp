@@ -1,0 +1,129 @@
+// A tracked link that has no interface in the store: its table follows the kernel, and the store is
+// not written for it. Once its addresses came to stand under an interface 0, which then made every
+// reading of the store fail.
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "fakes/engine_fixture.h"
+
+namespace {
+
+using strings = std::vector<std::string>;
+using fake_libnl::datagram_t;
+
+class UnnumberedLink : public EngineTest {
+protected:
+    void SetUp() override {
+        EngineTest::SetUp();
+        engine().state = 4;
+        track(4, "eth1");
+        fake_tav::put_node(at("1"));
+        before = fake_tav::dump();
+        forget();
+    }
+    void expect_store_untouched() {
+        EXPECT_EQ(fake_tav::writes(), 0U);
+        EXPECT_EQ(fake_tav::dump(), before);
+    }
+    strings before;
+};
+
+TEST_F(UnnumberedLink, ItsAddressesComeChangeAndGoInTheTableAlone) {
+    receive(datagram_t().address(20, 4, "fe80::1", 64, 253).address(20, 4, "2001:db8::5", 64));
+    EXPECT_EQ(table(4), (strings{"fe80::1/64 Link-Local 1", "2001:db8::5/64 Automatic 2"}));
+    receive(datagram_t().address(20, 4, "2001:db8::5", 48));
+    EXPECT_EQ(table(4), (strings{"fe80::1/64 Link-Local 1", "2001:db8::5/48 Automatic 2"}));
+    receive(datagram_t().address(21, 4, "fe80::1", 64, 253));
+    EXPECT_EQ(table(4), strings{"2001:db8::5/48 Automatic 2"});
+    expect_store_untouched();
+}
+
+TEST_F(UnnumberedLink, ItsGatewayComesChangesAndGoesInTheTableAlone) {
+    receive(datagram_t().route(24, 4, "fe80::1"));
+    EXPECT_EQ(gateway(4), "fe80::1");
+    receive(datagram_t().route(24, 4, "fe80::2"));
+    EXPECT_EQ(gateway(4), "fe80::2");
+    EXPECT_EQ(effects(), strings{"kernel: delete ::/0 via fe80::1 dev 4"});
+    receive(datagram_t().route(25, 4, "fe80::2"));
+    EXPECT_EQ(gateway(4), "");
+    expect_store_untouched();
+}
+
+TEST_F(UnnumberedLink, ItsEventsAreLoggedAsAnyOthers) {
+    verbosity = 2;
+    receive(datagram_t().address(20, 4, "2001:db8::5", 64));
+    receive(datagram_t().address(21, 4, "2001:db8::5", 64));
+    receive(datagram_t().route(24, 4, "fe80::1"));
+    EXPECT_EQ(record(), (strings{"6 Info: ADDING addr [4]: 2001:db8::5/64 [scope:link]",
+                                 "6 Info: REMOVING addr [4]: 2001:db8::5/64 [scope:link]",
+                                 "6 Info: ADDING route [4]: ::/0 : gw = fe80::1 (4)"}));
+}
+
+TEST_F(UnnumberedLink, ASynchronisationLeavesItAlone) {
+    receive(datagram_t().address(20, 4, "2001:db8::5", 64));
+    receive(datagram_t().route(24, 4, "fe80::1"));
+    engine().sync_all();
+    EXPECT_EQ(entry(4).iface.number, 0);
+    EXPECT_TRUE(fake_libnl::state().changes.empty());
+    expect_store_untouched();
+    EXPECT_NO_THROW(engine().read_all_tav_ipv6_settings());
+}
+
+TEST_F(UnnumberedLink, IsWrittenFromTheMomentItsInterfaceAppears) {
+    receive(datagram_t().address(20, 4, "2001:db8::5", 64));
+    fake_tav::put_node(at("2"));
+    engine().sync_all();
+    EXPECT_EQ(entry(4).iface.number, 2);
+    EXPECT_EQ(fake_tav::text(at("2/IPv6/Addresses/1/Address/Value")), "2001:db8::5/64");
+    receive(datagram_t().route(24, 4, "fe80::1"));
+    EXPECT_EQ(fake_tav::text(at("2/IPv6/Default Gateway/Value")), "fe80::1");
+}
+
+TEST_F(UnnumberedLink, IsUnnumberedAgainWhenItsInterfaceIsGone) {
+    track(3, "eth0");
+    fake_tav::put_node(at("2"));
+    engine().sync_all();
+    ASSERT_EQ(entry(4).iface.number, 2);
+    ASSERT_EQ(entry(3).iface.number, 1);
+    receive(datagram_t().address(20, 4, "2001:db8::5", 64));
+    fake_tav::erase(at("2"));
+    engine().sync_all();
+    EXPECT_EQ(entry(4).iface.number, 0);
+    EXPECT_EQ(entry(3).iface.number, 1) << "the other one keeps its number";
+    forget();
+    receive(datagram_t().address(20, 4, "2001:db8::6", 64));
+    receive(datagram_t().address(21, 4, "2001:db8::5", 64));
+    receive(datagram_t().route(24, 4, "fe80::1"));
+    receive(datagram_t().route(25, 4, "fe80::1"));
+    expect_store_untouched();
+    EXPECT_EQ(table(4), strings{"2001:db8::6/64 Automatic 2"});
+}
+
+TEST_F(UnnumberedLink, TakesANewNumberFromALaterSnapshot) {
+    fake_tav::put_node(at("2"));
+    engine().sync_all();
+    fake_tav::erase(at("2"));
+    fake_tav::put_node(at("002"));
+    engine().sync_all();
+    EXPECT_EQ(entry(4).iface.number, 2);
+}
+
+TEST_F(UnnumberedLink, AFailedReadingIsNoSnapshot) {
+    fake_tav::put_node(at("2"));
+    engine().sync_all();
+    fake_tav::on_call("list_node").returns(-1);
+    EXPECT_ANY_THROW(engine().sync_all());
+    EXPECT_EQ(entry(4).iface.number, 2);
+}
+
+TEST_F(UnnumberedLink, ANewLinkIsUnnumberedUntilItsNameIsFound) {
+    receive(datagram_t().link(16, 9, "eth9"));
+    EXPECT_EQ(entry(9).iface.number, 0);
+    receive(datagram_t().link(16, 3, "eth0"));
+    EXPECT_EQ(entry(3).iface.number, 1);
+    expect_store_untouched();
+}
+
+} // namespace
