@@ -1,0 +1,130 @@
+// The store on disk.
+#include <gtest/gtest.h>
+
+#include <sqlite3.h>
+
+#include <fstream>
+
+#include "service/database.h"
+#include "service/store.h"
+#include "support/process.h"
+
+using namespace tav;
+
+namespace {
+
+bool nothing_unseen(const std::string &) {
+    return false;
+}
+
+Item set_item(const std::string &path, const std::string &text) {
+    return Item{ItemKind::set, path, Value{element_type_string, text, 77}};
+}
+
+std::string picture(const Store &store) {
+    std::string all;
+    walk("/", store.tree().root(), [&all](const std::string &path, const Element &element) {
+        all += path + "=" + std::to_string(element.value.type) + ":" + element.value.text + "@" +
+               std::to_string(element.value.time) + "\n";
+        return true;
+    });
+    return all;
+}
+
+void sql(const std::string &file, const std::string &text) {
+    sqlite3 *database = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
+    EXPECT_EQ(sqlite3_exec(database, text.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+        << sqlite3_errmsg(database);
+    sqlite3_close(database);
+}
+
+class DatabaseTest : public ::testing::Test {
+protected:
+    tavtest::TempDir dir;
+    std::string file = dir.file("store.db");
+};
+
+} // namespace
+
+TEST_F(DatabaseTest, EverythingIsThereAgainAfterReopening) {
+    std::string before;
+    {
+        Store store(file);
+        store.transact({set_item("/a/\xff\x01 b", "text\n\xfe"), set_item("/a/gone/x", "1"),
+                        Item{ItemKind::set, "/n", Value{element_type_integer, "-5", 9}},
+                        Item{ItemKind::make_node, "/empty/node", {}}, set_item("/leaf", "")},
+                       nothing_unseen);
+        store.transact({Item{ItemKind::remove, "/a/gone", {}}, set_item("/leaf", "new")},
+                       nothing_unseen);
+        before = picture(store);
+    }
+    const Store store(file);
+    EXPECT_EQ(picture(store), before);
+    EXPECT_NE(before.find("/empty/node"), std::string::npos);
+    EXPECT_EQ(before.find("gone"), std::string::npos);
+}
+
+TEST_F(DatabaseTest, TheFactoryNodeIsMadeOnceOnly) {
+    { Store(file).transact({Item{ItemKind::remove, "/Software", {}}}, nothing_unseen); }
+    const Store store(file);
+    EXPECT_EQ(store.tree().node_count(), 1U);
+}
+
+TEST_F(DatabaseTest, ItIsInWalModeAndSyncsEachCommit) {
+    const Store store(file);
+    EXPECT_TRUE(tavtest::exists(file + "-wal"));
+}
+
+TEST_F(DatabaseTest, ASecondServiceCannotUseIt) {
+    const Store store(file);
+    EXPECT_THROW(Store second(file), DatabaseError);
+}
+
+TEST_F(DatabaseTest, AFileThatIsNoDatabaseIsRefusedAndLeftAsItIs) {
+    const std::string content(5000, 'x');
+    std::ofstream(file) << content;
+    EXPECT_THROW(Store store(file), DatabaseError);
+    EXPECT_EQ(tavtest::read_file(file), content);
+}
+
+TEST_F(DatabaseTest, AnotherProgramsDatabaseIsRefusedAndLeftAsItIs) {
+    sql(file, "CREATE TABLE theirs (x)");
+    const std::string content = tavtest::read_file(file);
+    EXPECT_THROW(Store store(file), DatabaseError);
+    EXPECT_EQ(tavtest::read_file(file), content);
+}
+
+TEST_F(DatabaseTest, ADamagedRowIsRefused) {
+    { const Store store(file); }
+    sql(file, "INSERT INTO element VALUES (x'6e6f736c617368', 6, x'31', 0)");
+    EXPECT_THROW(Store store(file), DatabaseError);
+}
+
+TEST_F(DatabaseTest, AFailedCommitLeavesMemoryAndFileAsTheyWere) {
+    std::string before;
+    {
+        Store store(file);
+        store.transact({set_item("/a", "old")}, nothing_unseen);
+        before = picture(store);
+    }
+    // From now on the second of two rows is refused by the database itself.
+    sql(file, "CREATE TRIGGER refuse BEFORE INSERT ON element WHEN new.path = x'2f7a' "
+              "BEGIN SELECT RAISE(ABORT, 'no'); END");
+    {
+        Store store(file);
+        const Outcome outcome =
+            store.transact({set_item("/a", "new"), set_item("/z", "1")}, nothing_unseen);
+        EXPECT_EQ(outcome.statuses,
+                  (std::vector<api_status_t>{api_status_failed, api_status_failed}));
+        EXPECT_EQ(picture(store), before);
+        // The service goes on.
+        EXPECT_EQ(store.transact({set_item("/b", "1")}, nothing_unseen).statuses.front(),
+                  api_status_ok);
+        EXPECT_EQ(
+            store.transact({Item{ItemKind::remove, "/b", {}}}, nothing_unseen).statuses.front(),
+            api_status_ok);
+    }
+    const Store store(file);
+    EXPECT_EQ(picture(store), before);
+}

@@ -1,0 +1,303 @@
+// The store's transactions, in memory.
+#include <gtest/gtest.h>
+
+#include "protocol/limits.h"
+#include "service/store.h"
+
+using namespace tav;
+
+namespace {
+
+// Counts the commits and can refuse them.
+class TestStorage : public Storage {
+public:
+    bool commit(const std::vector<Change> &changes) override {
+        if (refuse) {
+            return false;
+        }
+        ++commits;
+        last = changes;
+        return true;
+    }
+
+    bool refuse = false;
+    int commits = 0;
+    std::vector<Change> last;
+};
+
+Item set_item(const std::string &path, const std::string &text, std::int64_t time = no_time) {
+    return Item{ItemKind::set, path, Value{element_type_string, text, time}};
+}
+Item item(ItemKind kind, const std::string &path) {
+    return Item{kind, path, {}};
+}
+
+class StoreUnit : public ::testing::Test {
+protected:
+    StoreUnit() {
+        auto owned = std::make_unique<TestStorage>();
+        storage = owned.get();
+        store = std::make_unique<Store>(std::move(owned));
+        storage->commits = 0;
+    }
+
+    Outcome write(const std::vector<Item> &items, const std::string &unseen_path = "") {
+        return store->transact(
+            items, [&unseen_path](const std::string &path) { return path == unseen_path; });
+    }
+
+    std::vector<std::string> events(const std::vector<Item> &items) {
+        std::vector<std::string> result;
+        for (const Event &event : write(items).events) {
+            result.push_back(std::to_string(event.command) + " " + event.path);
+        }
+        return result;
+    }
+
+    std::string text(const std::string &path) {
+        const LeafAnswer answer = store->read(path);
+        return answer.status == api_status_ok ? answer.value.text
+                                              : "status " + std::to_string(answer.status);
+    }
+
+    // Everything the tree holds, to compare before and after.
+    std::string picture() {
+        std::string all;
+        walk("/", store->tree().root(), [&all](const std::string &path, const Element &element) {
+            all += path + "=" + std::to_string(element.value.type) + ":" + element.value.text +
+                   "@" + std::to_string(element.value.time) + "\n";
+            return true;
+        });
+        return all + std::to_string(store->tree().node_count()) + "/" +
+               std::to_string(store->tree().leaf_count());
+    }
+
+    TestStorage *storage = nullptr;
+    std::unique_ptr<Store> store;
+};
+
+using Statuses = std::vector<api_status_t>;
+using Names = std::vector<std::string>;
+
+} // namespace
+
+TEST_F(StoreUnit, AFreshStoreHoldsTheInterfaceNode) {
+    std::vector<Child> children;
+    EXPECT_EQ(store->list("/Software/System Settings/Network/Interface", children), api_status_ok);
+    EXPECT_TRUE(children.empty());
+}
+
+TEST_F(StoreUnit, AWriteCreatesMissingParents) {
+    EXPECT_EQ(write({set_item("/a/b/c", "1")}).statuses, Statuses{api_status_ok});
+    EXPECT_EQ(text("/a/b/c"), "1");
+    std::vector<Child> children;
+    EXPECT_EQ(store->list("/a", children), api_status_ok);
+    ASSERT_EQ(children.size(), 1U);
+    EXPECT_EQ(children[0].name, "b");
+    EXPECT_EQ(children[0].type, element_type_node);
+}
+
+TEST_F(StoreUnit, EventsAreForLeavesOnlyOneEachInOrder) {
+    EXPECT_EQ(
+        events({set_item("/z/2", "x"), set_item("/z/1", "y"), item(ItemKind::make_node, "/n")}),
+        (Names{"2 /z/2", "2 /z/1"}));
+    EXPECT_EQ(storage->commits, 1);
+}
+
+TEST_F(StoreUnit, ALeafWrittenTwiceInOneTransactionIsOneEvent) {
+    EXPECT_EQ(events({set_item("/a", "1"), set_item("/b", "1"), set_item("/a", "2")}),
+              (Names{"2 /b", "2 /a"}));
+    EXPECT_EQ(text("/a"), "2");
+}
+
+TEST_F(StoreUnit, ARemovedSubtreeIsOneEventPerLeaf) {
+    write({set_item("/a/x/2", "1"), set_item("/a/x/10", "1"), set_item("/a/b", "1"),
+           set_item("/ab", "1")});
+    EXPECT_EQ(events({item(ItemKind::remove_node, "/a")}),
+              (Names{"3 /a/b", "3 /a/x/2", "3 /a/x/10"}));
+    EXPECT_EQ(text("/a/b"), "status 2");
+    EXPECT_EQ(text("/ab"), "1");
+}
+
+TEST_F(StoreUnit, AWriteThatChangesNothingNeitherCommitsNorMakesAnEvent) {
+    write({set_item("/a/b", "1", 1000)});
+    const std::string before = picture();
+    const std::uint64_t revision = store->revision();
+    storage->commits = 0;
+    const Outcome outcome = write({set_item("/a/b", "1"), item(ItemKind::make_node, "/a")});
+    EXPECT_EQ(outcome.statuses, (Statuses{api_status_ok, api_status_ok}));
+    EXPECT_TRUE(outcome.events.empty());
+    EXPECT_EQ(storage->commits, 0);
+    EXPECT_EQ(store->revision(), revision);
+    EXPECT_EQ(picture(), before);
+}
+
+TEST_F(StoreUnit, ALeafSetAndSetBackIsNoChange) {
+    write({set_item("/a", "1", 1000)});
+    storage->commits = 0;
+    EXPECT_EQ(events({set_item("/b", "1"), item(ItemKind::remove, "/b")}), Names{});
+    EXPECT_EQ(storage->commits, 0);
+}
+
+TEST_F(StoreUnit, AnotherTypeWithTheSameTextIsAChange) {
+    write({set_item("/a", "1")});
+    const Item other{ItemKind::set, "/a", Value{element_type_integer, "1", no_time}};
+    EXPECT_EQ(events({other}), Names{"2 /a"});
+    EXPECT_EQ(store->read("/a").value.type, element_type_integer);
+}
+
+TEST_F(StoreUnit, ANodeOutlivesItsLastLeaf) {
+    write({set_item("/a/b", "1")});
+    EXPECT_EQ(events({item(ItemKind::remove, "/a/b")}), Names{"3 /a/b"});
+    std::vector<Child> children;
+    EXPECT_EQ(store->list("/a", children), api_status_ok);
+    EXPECT_TRUE(children.empty());
+}
+
+TEST_F(StoreUnit, ATransactionIsDoneWholeOrNotAtAll) {
+    write({set_item("/a/b", "old", 5), set_item("/a/c/d", "x", 5)});
+    const std::string before = picture();
+    storage->commits = 0;
+    const Outcome outcome =
+        write({set_item("/a/b", "new"), item(ItemKind::remove, "/a/c"), set_item("/new/leaf", "1"),
+               set_item("/a", "a node is here"), set_item("/z", "1")});
+    EXPECT_EQ(outcome.statuses,
+              (Statuses{api_status_not_done, api_status_not_done, api_status_not_done,
+                        api_status_wrong_kind, api_status_not_done}));
+    EXPECT_TRUE(outcome.events.empty());
+    EXPECT_EQ(storage->commits, 0);
+    EXPECT_EQ(picture(), before);
+}
+
+TEST_F(StoreUnit, AFailedCommitChangesNothing) {
+    write({set_item("/a/b", "old")});
+    const std::string before = picture();
+    storage->refuse = true;
+    const Outcome outcome = write({set_item("/a/b", "new"), item(ItemKind::remove, "/Software")});
+    EXPECT_EQ(outcome.statuses, (Statuses{api_status_failed, api_status_failed}));
+    EXPECT_TRUE(outcome.events.empty());
+    EXPECT_EQ(picture(), before);
+}
+
+TEST_F(StoreUnit, EachFaultHasItsStatus) {
+    write({set_item("/a/leaf", "1")});
+    const auto status = [this](const Item &one) { return write({one}).statuses.front(); };
+    EXPECT_EQ(status(set_item("/a/leaf/x", "1")), api_status_wrong_kind);
+    EXPECT_EQ(status(set_item("/a", "1")), api_status_wrong_kind);
+    EXPECT_EQ(status(set_item("/", "1")), api_status_wrong_kind);
+    EXPECT_EQ(status(set_item("a", "1")), api_status_bad_path);
+    EXPECT_EQ(status(set_item("/x", std::string("\0", 1))), api_status_bad_value);
+    EXPECT_EQ(status(set_item("/x", std::string(limits::value_bytes + 1, 'v'))),
+              api_status_too_large);
+    EXPECT_EQ(status(item(ItemKind::make_node, "/a/leaf")), api_status_wrong_kind);
+    EXPECT_EQ(status(item(ItemKind::remove_node, "/")), api_status_refused);
+    EXPECT_EQ(status(item(ItemKind::remove, "/")), api_status_refused);
+    EXPECT_EQ(status(item(ItemKind::remove_node, "/none")), api_status_absent);
+    EXPECT_EQ(status(item(ItemKind::remove_node, "/a/leaf")), api_status_wrong_kind);
+    EXPECT_EQ(status(item(ItemKind::touch, "/none")), api_status_absent);
+    EXPECT_EQ(store->read("/a").status, api_status_wrong_kind);
+    EXPECT_EQ(store->read("/a/leaf/x").status, api_status_absent);
+    EXPECT_EQ(store->read("x").status, api_status_bad_path);
+    std::vector<Child> children;
+    EXPECT_EQ(store->list("/a/leaf", children), api_status_wrong_kind);
+    EXPECT_EQ(store->list("/none", children), api_status_absent);
+}
+
+TEST_F(StoreUnit, TouchMakesEventsWithoutAChange) {
+    write({set_item("/a/1", "x", 7), set_item("/a/2", "x", 7)});
+    const std::string before = picture();
+    storage->commits = 0;
+    EXPECT_EQ(events({item(ItemKind::touch, "/a/2")}), Names{"2 /a/2"});
+    EXPECT_EQ(events({item(ItemKind::touch, "/a")}), (Names{"2 /a/1", "2 /a/2"}));
+    EXPECT_EQ(storage->commits, 0);
+    EXPECT_EQ(picture(), before);
+}
+
+TEST_F(StoreUnit, AStaleWriteIsRefusedWhole) {
+    write({set_item("/a/1", "x"), set_item("/b", "x")});
+    const std::string before = picture();
+    const Outcome outcome = write({set_item("/b", "new"), set_item("/a/1", "new")}, "/a/1");
+    EXPECT_EQ(outcome.statuses, (Statuses{api_status_not_done, api_status_stale}));
+    EXPECT_TRUE(outcome.events.empty());
+    EXPECT_EQ(picture(), before);
+}
+
+TEST_F(StoreUnit, AStaleRemovalIsRefusedForAnyLeafOfTheSubtree) {
+    write({set_item("/a/x/1", "x")});
+    EXPECT_EQ(write({item(ItemKind::remove_node, "/a")}, "/a/x/1").statuses,
+              Statuses{api_status_stale});
+    EXPECT_EQ(text("/a/x/1"), "x");
+}
+
+TEST_F(StoreUnit, AWriteThatChangesNothingIsNeverStale) {
+    write({set_item("/a/1", "x")});
+    EXPECT_EQ(write({set_item("/a/1", "x")}, "/a/1").statuses, Statuses{api_status_ok});
+    EXPECT_EQ(write({item(ItemKind::touch, "/a/1")}, "/a/1").statuses, Statuses{api_status_ok});
+    EXPECT_EQ(write({set_item("/a/2", "y")}, "/a/1").statuses, Statuses{api_status_ok});
+}
+
+TEST_F(StoreUnit, TimeStampsAreKeptOrGiven) {
+    write({set_item("/a", "1", 1234), set_item("/b", "1")});
+    EXPECT_EQ(store->read("/a").value.time, 1234);
+    EXPECT_GT(store->read("/b").value.time, 1000000000);
+}
+
+TEST_F(StoreUnit, AReplacedSubtreeKeepsTheGivenTimesAndReportsOnlyContent) {
+    write({set_item("/a/1", "x", 10), set_item("/a/2", "x", 10)});
+    storage->commits = 0;
+    EXPECT_EQ(events({item(ItemKind::remove, "/a"), set_item("/a/1", "x", 20),
+                      set_item("/a/2", "y", 20)}),
+              Names{"2 /a/2"});
+    EXPECT_EQ(store->read("/a/1").value.time, 20);
+    EXPECT_EQ(storage->commits, 1);
+    // What was committed is what the memory holds.
+    for (const Change &change : storage->last) {
+        if (change.path == "/a/1") {
+            EXPECT_EQ(change.after->time, 20);
+        }
+    }
+}
+
+TEST_F(StoreUnit, ALeafMayBecomeANodeInOneTransaction) {
+    write({set_item("/a", "1")});
+    EXPECT_EQ(events({item(ItemKind::remove, "/a"), set_item("/a/b", "1")}),
+              (Names{"3 /a", "2 /a/b"}));
+    EXPECT_EQ(events({item(ItemKind::remove, "/a"), set_item("/a", "1")}),
+              (Names{"3 /a/b", "2 /a"}));
+}
+
+TEST_F(StoreUnit, ANodeHoldsABoundedNumberOfChildren) {
+    std::vector<Item> items;
+    for (std::size_t i = 0; i < limits::children_per_node; ++i) {
+        items.push_back(set_item("/n/" + std::to_string(i), "x"));
+    }
+    EXPECT_EQ(write(items).statuses.back(), api_status_ok);
+    const std::string before = picture();
+    EXPECT_EQ(write({set_item("/n/more", "x")}).statuses, Statuses{api_status_too_large});
+    EXPECT_EQ(picture(), before);
+}
+
+TEST_F(StoreUnit, ADumpComesInPagesThatFitTogether) {
+    std::vector<Item> items;
+    const std::string big(limits::value_bytes, 'v');
+    for (int i = 0; i < 100; ++i) {
+        items.push_back(set_item("/n/" + std::to_string(i), big));
+    }
+    write(items);
+    std::vector<std::string> paths;
+    DumpPage page;
+    int pages = 0;
+    do {
+        page = DumpPage();
+        store->dump(DumpRequest{"/n", paths.size()}, page);
+        ASSERT_EQ(page.status, api_status_ok);
+        ASSERT_LE(++pages, 10);
+        for (const DumpElement &element : page.elements) {
+            paths.push_back(element.path);
+        }
+    } while (page.more);
+    EXPECT_GT(pages, 1);
+    ASSERT_EQ(paths.size(), 101U);
+    EXPECT_EQ(paths.front(), "/n");
+    EXPECT_EQ(paths.back(), "/n/99");
+}

@@ -1,0 +1,88 @@
+// A running service in a directory of its own, and clients of it.
+#ifndef TESTS_TAV_SUPPORT_STORE_FIXTURE_H
+#define TESTS_TAV_SUPPORT_STORE_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <tav/toolkit.h>
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "support/process.h"
+
+namespace tavtest {
+
+// What the library reported through mlr_err since the start of the test.
+std::vector<std::pair<unsigned int, std::string>> &reports();
+
+// The descriptor is readable now.
+bool readable(int fd);
+// It becomes so, given any amount of time; false means never.
+bool becomes_readable(int fd);
+
+// A connected client with the calls that tests need, failing the test when a call does not go
+// through.
+class Client {
+public:
+    Client() : tav(mlr_init()) {}
+    ~Client() { close(); }
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    void close();
+    bool connected() const { return tav.handle != nullptr; }
+    int fd() const { return mlr_get_fd(tav.handle); }
+
+    api_status_t set(const std::string &path, const std::string &text,
+                     element_type_t type = element_type_string);
+    std::vector<api_status_t> set_all(const std::vector<std::string> &paths,
+                                      const std::vector<std::string> &texts);
+    // The value, or "status N".
+    std::string get(const std::string &path);
+    api_status_t remove(const std::string &path);
+    // The names, or "status N" alone.
+    std::vector<std::string> list(const std::string &path);
+    api_status_t watch(const std::string &path, bool own_changes = false);
+    api_status_t ping();
+    // What a fetch gives, each as "command path"; notices left out.
+    std::vector<std::string> fetch();
+    // Fetches until nothing but notices came, so that the next event is a new one.
+    void settle();
+    // Waits for the descriptor, then fetches; until `number` events came.
+    std::vector<std::string> wait_events(std::size_t number);
+
+    toolkit::CTav tav;
+};
+
+class StoreTest : public ::testing::Test {
+protected:
+    StoreTest();
+    ~StoreTest() override;
+
+    // Starts the service; by default in memory. The socket is the fixture's.
+    void start(const std::vector<std::string> &arguments = {"--memory"});
+    // A service that ran is stopped with SIGTERM; its exit status.
+    int stop();
+    std::vector<std::string> tavd_arguments(const std::vector<std::string> &arguments) const;
+    Ran tav(std::vector<std::string> arguments, const std::string &input = "");
+
+    TempDir dir;
+    std::string socket;
+    std::unique_ptr<Process> tavd;
+
+private:
+    int starts = 0;
+};
+
+// A StoreTest whose service runs.
+class RunningStoreTest : public StoreTest {
+protected:
+    void SetUp() override { start(); }
+};
+
+} // namespace tavtest
+
+#endif

@@ -1,0 +1,243 @@
+// Every interleaving of a small world: a client that waits, pings, fetches and works as the
+// library's users do, a writer, the passing of time, and the service's wake-up rules, the real
+// ones.
+//
+// The service handles a request at one moment; the reply reaches the client at a later one, and
+// anything may happen in between. The client is in normal operation (it fetches whenever its wait
+// saw the descriptor readable) or in discovery (it leaves events unfetched); it may pass from
+// discovery to normal operation once, which it begins with a request.
+#include <gtest/gtest.h>
+
+#include <set>
+#include <vector>
+
+#include "protocol/protocol.h"
+#include "service/wake.h"
+
+using namespace tav;
+using std::chrono::milliseconds;
+
+namespace {
+
+enum class Phase {
+    waiting,       // in select
+    pinging,       // the ping is on its way
+    ping_answered, // its reply is on its way
+    fetching,
+    fetch_answered,
+    requesting, // any other request
+};
+
+struct World {
+    Wake wake;
+    int time = 0; // milliseconds
+    // What may still happen.
+    int events = 0;
+    int short_ticks = 0;
+    int long_ticks = 0;
+    int other_readiness = 0; // waits that end because of another descriptor
+    int requests = 0;
+    bool discovery = false;
+    bool resuming = false; // discovery is over, but the service has not heard of it
+
+    int pending = 0; // events in the client's queue
+    int bytes = 0;   // in the wake-up connection
+    Phase phase = Phase::waiting;
+    bool saw = false;      // the last wait saw the descriptor readable
+    bool drain = false;    // the reply on its way says so
+    int shown = 0;         // waits that saw the present byte
+    int silent_since = -1; // events wait and the descriptor is silent; -1: not so
+    int acknowledged = -1; // when a ping acknowledged a byte
+
+    Time now() const { return Time(milliseconds(1000000 + time)); }
+    auto key() const {
+        return std::make_tuple(wake.state(), time, events, short_ticks, long_ticks, other_readiness,
+                               requests, discovery, resuming, pending, bytes, phase, saw, drain,
+                               shown, silent_since, acknowledged);
+    }
+};
+
+using Key = decltype(World().key());
+
+class Explorer {
+public:
+    // Returns the number of different states, and fails the test in the first one that is wrong.
+    std::size_t explore(const World &start) {
+        visit(start);
+        while (!open.empty() && !::testing::Test::HasFailure()) {
+            const World world = open.back();
+            open.pop_back();
+            step_environment(world);
+            step_client(world);
+        }
+        return seen.size();
+    }
+
+private:
+    void visit(World world) {
+        if (world.pending == 0 || world.bytes > 0 || world.discovery || world.resuming) {
+            world.silent_since = -1;
+        } else if (world.silent_since < 0) {
+            world.silent_since = world.time;
+        }
+        check(world);
+        if (seen.insert(world.key()).second) {
+            open.push_back(world);
+        }
+    }
+
+    static void check(const World &world) {
+        // The descriptor is readable exactly while the service holds the client for signalled,
+        // except between a reply that acknowledges and the drain.
+        EXPECT_EQ(world.bytes, (world.wake.signalled() ? 1 : 0) + (world.drain ? 1 : 0));
+        // (b) A byte is shown to two waits at most when nobody fetches.
+        EXPECT_LE(world.shown, 2);
+        // (a), (d) While a client in normal operation waits, a byte is under way for what it has
+        // not fetched, and comes in time.
+        if (!world.discovery && world.phase == Phase::waiting && world.silent_since >= 0) {
+            const auto due = world.wake.due();
+            ASSERT_TRUE(due.has_value()) << "events would stay unfetched for ever";
+            const Time limit =
+                Time(milliseconds(1000000 + world.silent_since)) + wake_wait_limit + wake_pause;
+            EXPECT_LE(due->time_since_epoch().count(), limit.time_since_epoch().count());
+        }
+    }
+
+    void step_environment(const World &world) {
+        if (world.events > 0) {
+            World next = world;
+            --next.events;
+            ++next.pending;
+            next.wake.event(next.now());
+            visit(next);
+        }
+        if (world.short_ticks > 0) {
+            World next = world;
+            --next.short_ticks;
+            next.time += 25;
+            visit(next);
+        }
+        if (world.long_ticks > 0) {
+            World next = world;
+            --next.long_ticks;
+            next.time += 1000;
+            visit(next);
+        }
+        if (world.wake.due() && *world.wake.due() <= world.now()) {
+            World next = world;
+            next.wake.sent();
+            ++next.bytes;
+            // (b) After an acknowledgement by a ping the next one takes its time.
+            if (next.acknowledged >= 0) {
+                EXPECT_GE(next.time - next.acknowledged, wake_pause.count());
+            }
+            visit(next);
+        }
+        if (world.discovery && world.phase == Phase::waiting) {
+            World next = world; // discovery is over: the synchronisation begins with a request
+            next.discovery = false;
+            next.resuming = true;
+            next.phase = Phase::requesting;
+            visit(next);
+        }
+    }
+
+    void step_client(const World &world) {
+        World next = world;
+        switch (world.phase) {
+        case Phase::waiting:
+            if (world.bytes > 0) {
+                next.saw = true;
+                ++next.shown;
+            } else if (world.other_readiness > 0) {
+                --next.other_readiness;
+                next.saw = false;
+            } else {
+                return; // blocked
+            }
+            next.phase = Phase::pinging;
+            break;
+        case Phase::pinging:
+            next.drain = next.wake.ping(next.now());
+            if (next.drain) {
+                next.acknowledged = next.time;
+            }
+            next.phase = Phase::ping_answered;
+            break;
+        case Phase::ping_answered:
+            take_reply(next);
+            if (world.saw && !world.discovery) {
+                next.phase = Phase::fetching;
+            } else {
+                go_on(next);
+                return;
+            }
+            break;
+        case Phase::fetching:
+            next.drain = next.wake.fetch(next.now());
+            next.pending = 0;
+            next.phase = Phase::fetch_answered;
+            break;
+        case Phase::fetch_answered:
+            take_reply(next);
+            go_on(next);
+            return;
+        case Phase::requesting:
+            next.wake.request(next.now(), next.pending > 0);
+            next.resuming = false;
+            next.phase = Phase::waiting;
+            break;
+        }
+        visit(next);
+    }
+
+    static void take_reply(World &world) {
+        if (world.drain) {
+            ASSERT_GT(world.bytes, 0) << "the byte to drain is not there";
+            --world.bytes;
+            world.drain = false;
+            world.shown = 0; // a byte that is left is a new one
+        }
+    }
+
+    // After its turn the client may make a request, or waits again.
+    void go_on(World world) {
+        if (world.requests > 0 && !world.discovery) {
+            World working = world;
+            --working.requests;
+            working.phase = Phase::requesting;
+            visit(working);
+        }
+        world.phase = Phase::waiting;
+        visit(world);
+    }
+
+    std::set<Key> seen;
+    std::vector<World> open;
+};
+
+World world_with(int events, int short_ticks, int long_ticks, int other, int requests) {
+    World world;
+    world.events = events;
+    world.short_ticks = short_ticks;
+    world.long_ticks = long_ticks;
+    world.other_readiness = other;
+    world.requests = requests;
+    return world;
+}
+
+} // namespace
+
+TEST(WakeModel, InNormalOperationNoEventIsLostInAnyInterleaving) {
+    const std::size_t states = Explorer().explore(world_with(3, 4, 1, 3, 2));
+    EXPECT_GT(states, 10000U);
+    RecordProperty("states", static_cast<int>(states));
+}
+
+TEST(WakeModel, InDiscoveryTheDescriptorFallsSilentAndNothingIsLostAfterwards) {
+    World world = world_with(3, 4, 1, 3, 1);
+    world.discovery = true;
+    const std::size_t states = Explorer().explore(world);
+    EXPECT_GT(states, 10000U);
+    RecordProperty("states", static_cast<int>(states));
+}

@@ -1,0 +1,147 @@
+// The rules of the wake-up byte, one by one, with a clock that the test moves.
+#include <gtest/gtest.h>
+
+#include "protocol/protocol.h"
+#include "service/wake.h"
+
+using namespace tav;
+using std::chrono::milliseconds;
+
+namespace {
+
+class WakeTest : public ::testing::Test {
+protected:
+    void pass(int ms) { now += milliseconds(ms); }
+    bool is_due() const { return wake.due() && *wake.due() <= now; }
+    // Milliseconds from now until the byte is due; -1 when none is wanted.
+    long long wait() const {
+        return wake.due() ? std::chrono::duration_cast<milliseconds>(*wake.due() - now).count()
+                          : -1;
+    }
+    void send() {
+        ASSERT_TRUE(is_due());
+        wake.sent();
+    }
+
+    Wake wake;
+    Time now = Time(std::chrono::seconds(1000));
+};
+
+} // namespace
+
+TEST_F(WakeTest, TheFirstEventAfterQuietWakesAtOnce) {
+    wake.event(now);
+    EXPECT_TRUE(is_due());
+}
+
+TEST_F(WakeTest, ThereIsNeverASecondByteBeforeTheFirstIsAcknowledged) {
+    wake.event(now);
+    send();
+    wake.event(now);
+    wake.request(now, true);
+    EXPECT_EQ(wait(), -1);
+}
+
+TEST_F(WakeTest, AFetchAcknowledgesAndDrainsExactlyTheByteThatWasSent) {
+    wake.event(now);
+    EXPECT_FALSE(wake.fetch(now)) << "nothing was sent yet";
+    EXPECT_EQ(wait(), -1) << "the event was fetched before the byte was due";
+    pass(100);
+    wake.event(now);
+    send();
+    EXPECT_TRUE(wake.fetch(now));
+    EXPECT_FALSE(wake.fetch(now));
+}
+
+TEST_F(WakeTest, APingAcknowledgesOnlyAByteThatThePreviousPingSaw) {
+    EXPECT_FALSE(wake.ping(now));
+    wake.event(now);
+    send();
+    EXPECT_FALSE(wake.ping(now));
+    EXPECT_TRUE(wake.signalled());
+    EXPECT_TRUE(wake.ping(now));
+    EXPECT_FALSE(wake.signalled());
+    EXPECT_FALSE(wake.ping(now));
+}
+
+TEST_F(WakeTest, APingBeforeAFetchDoesNotCountForTheNextByte) {
+    wake.event(now);
+    send();
+    EXPECT_FALSE(wake.ping(now));
+    EXPECT_TRUE(wake.fetch(now));
+    pass(100);
+    wake.event(now);
+    send();
+    EXPECT_FALSE(wake.ping(now));
+}
+
+TEST_F(WakeTest, AfterAnAcknowledgementByPingTheNextByteWaits50Milliseconds) {
+    wake.event(now);
+    send();
+    wake.ping(now);
+    wake.ping(now);
+    wake.event(now);
+    EXPECT_EQ(wait(), 50);
+    pass(20);
+    wake.event(now);
+    EXPECT_EQ(wait(), 30);
+}
+
+TEST_F(WakeTest, WithoutANewEventNothingFollowsAnAcknowledgementByPing) {
+    wake.event(now);
+    send();
+    wake.ping(now);
+    wake.ping(now);
+    EXPECT_EQ(wait(), -1);
+    EXPECT_FALSE(wake.ping(now));
+    EXPECT_EQ(wait(), -1) << "a ping is no request";
+}
+
+TEST_F(WakeTest, ARequestOtherThanAPingSignalsAgainWhatOnlyPingsAcknowledged) {
+    wake.event(now);
+    send();
+    wake.ping(now);
+    wake.ping(now);
+    pass(500);
+    wake.request(now, true);
+    EXPECT_EQ(wait(), 50);
+    pass(50);
+    send();
+    wake.fetch(now);
+    wake.request(now, false);
+    EXPECT_EQ(wait(), -1);
+}
+
+TEST_F(WakeTest, AfterARequestTheByteWaitsFor50QuietMilliseconds) {
+    wake.fetch(now);
+    pass(10);
+    wake.event(now);
+    EXPECT_EQ(wait(), 40);
+    wake.request(now, true);
+    EXPECT_EQ(wait(), 50);
+    pass(49);
+    EXPECT_FALSE(is_due());
+    pass(1);
+    EXPECT_TRUE(is_due());
+}
+
+TEST_F(WakeTest, ButAtMostOneSecondInAll) {
+    wake.request(now, false);
+    wake.event(now);
+    int waited = 0;
+    while (!is_due()) {
+        pass(10);
+        waited += 10;
+        wake.request(now, true);
+        ASSERT_LE(waited, 1000);
+    }
+    EXPECT_EQ(waited, 1000);
+}
+
+TEST_F(WakeTest, APingDoesNotProlongTheWait) {
+    wake.request(now, false);
+    wake.event(now);
+    pass(30);
+    wake.ping(now);
+    EXPECT_EQ(wait(), 20);
+}
