@@ -32,18 +32,18 @@ struct address_options_t {
     std::uint32_t flags = 0;
     std::uint32_t valid_seconds = 0; // 0: no life times are sent
     bool replace = false;
-    std::string peer; // with a peer, `text` is the own address
+    std::string peer{}; // with a peer, `text` is the own address
 };
 
 // An IPv6 route; also what is sent to add or delete one.
 struct kernel_route_t {
     std::string destination = "::/0";
-    std::string gateway; // empty: none
-    std::string link;    // name; empty: none (a multipath route, say)
+    std::string gateway{}; // empty: none
+    std::string link{};    // name; empty: none (a multipath route, say)
     std::uint8_t protocol = 4;
     std::uint32_t metric = 0; // 0: the kernel's own choice
     std::uint32_t table = 254;
-    std::vector<std::string> more_gateways; // siblings of a multipath route, on the same link
+    std::vector<std::string> more_gateways{}; // siblings of a multipath route, on the same link
 };
 
 class Message;

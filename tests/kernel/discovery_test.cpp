@@ -1,0 +1,167 @@
+// From the start to normal operation, on whatever kernel this is.
+
+#include <atomic>
+#include <thread>
+
+#include <linux/rtnetlink.h>
+
+#include "harness/world.h"
+
+namespace {
+
+class DiscoveryTest : public kt::KernelTest {};
+
+TEST_F(DiscoveryTest, LinksAddressesAndRoutesAreRequestedInTurnAndTheEndIsNoticed) {
+    add_eth(0);
+    service.start();
+    start_daemon_and_wait();
+    long last = -1;
+    for (const std::string what : {"requesting link state", "requesting addrs", "requesting routes",
+                                   "beginning normal operation"}) {
+        const std::string line = "Info: void CSync::discover(): " + what;
+        const long at = log().find(line);
+        EXPECT_GT(at, last) << line;
+        EXPECT_EQ(log().count(line), 1U) << line;
+        last = at;
+    }
+    EXPECT_EQ(log().count_containing("Got NLMSG_DONE outside"), 0U);
+    EXPECT_EQ(log().count_containing("dump was interrupted"), 0U);
+}
+
+TEST_F(DiscoveryTest, LinksWithThePrefixAreTrackedAndOthersSkipped) {
+    add_eth(0);
+    add_eth(3);
+    add_eth(1, "wlan");
+    service.start();
+    start_daemon_and_wait();
+    for (const std::string link : {"eth0", "eth3"}) {
+        EXPECT_TRUE(logged("Info: Adding new link: '" + link + "' (" + index_of(link) + ")"));
+        EXPECT_TRUE(logged("Info: ADDING link [" + index_of(link) + "]: " + link + " : " +
+                           device.hardware_address(link)));
+    }
+    EXPECT_TRUE(logged("Info: Skipping update for link 'wlan1'"));
+    EXPECT_TRUE(logged("Info: Ignoring unknown interface type 772"));
+    EXPECT_EQ(log().count_containing("Adding new link: 'wlan1'"), 0U);
+    EXPECT_EQ(log().count_containing("'lo'"), 0U);
+}
+
+TEST_F(DiscoveryTest, AnotherPrefixSelectsOtherLinks) {
+    add_eth(0);
+    add_eth(1, "wlan");
+    service.start();
+    store.set_address(2, "1", "2001:db8::5/64");
+    start_daemon_and_wait({"-d", "-D", "4", "-i", "wlan"});
+    EXPECT_TRUE(logged("Info: Adding new link: 'wlan1' (" + index_of("wlan1") + ")"));
+    EXPECT_TRUE(logged("Info: Skipping update for link 'eth0'"));
+    EXPECT_TRUE(becomes([&] { return device.has_address("wlan1", "2001:db8::5/64"); }));
+    EXPECT_FALSE(device.has_address("eth0", "2001:db8::5/64"));
+}
+
+TEST_F(DiscoveryTest, WithoutAnyInterfaceInTheStoreNothingIsWritten) {
+    add_eth(0);
+    service.start();
+    device.add_address("eth0", "2001:db8::7/64");
+    const std::string before = store.dump();
+    start_daemon_and_wait();
+    EXPECT_TRUE(logged("Info: Discovering all IPv6 TAV settings..."));
+    EXPECT_EQ(store.dump(), before);
+}
+
+// The answer to the address request then takes several datagrams, and its end comes with the last.
+TEST_F(DiscoveryTest, ADumpOfManyDatagramsIsReadToItsEnd) {
+    add_eth(0);
+    service.start();
+    store.make_interface(1);
+    constexpr int count = 500;
+    for (int i = 1; i <= count; ++i) {
+        device.add_address("eth0", "2001:db8:0:" + std::to_string(i) + "::1/64");
+    }
+    start_daemon_and_wait();
+    EXPECT_GT(log().count("Info: Received netlink update (type 20)"), 1U);
+    EXPECT_EQ(log().count("Info: void CSync::discover(): requesting routes"), 1U);
+    EXPECT_TRUE(becomes([&] { return store.addresses(1).size() >= count; }));
+}
+
+// Adds and deletes addresses until it is told to stop, or the daemon has its list of addresses:
+// more would only fill the daemon's receive buffer.
+class Churn {
+public:
+    Churn(kt::Kernel &kernel, const std::string &link, kt::LineLog &log)
+        : thread([this, &kernel, link, &log] {
+              for (int i = 0; !stopping; i = (i + 1) % 40) {
+                  const std::string address = "2001:db8:ffff::" + std::to_string(1 + i) + "/128";
+                  kernel.try_add_address(link, address);
+                  kernel.try_delete_address(link, address);
+                  if (log.find("Info: void CSync::discover(): requesting routes") >= 0) {
+                      return;
+                  }
+              }
+          }) {}
+    ~Churn() {
+        stopping = true;
+        thread.join();
+    }
+    Churn(const Churn &) = delete;
+    Churn &operator=(const Churn &) = delete;
+
+private:
+    std::atomic<bool> stopping{false};
+    std::thread thread;
+};
+
+// While addresses come and go, the kernel's list of them may lack some that were there all the
+// time; taken for complete, their nodes would be removed as junk. The churn is on a link that is
+// not tracked, so that it alone cannot change the store.
+TEST_F(DiscoveryTest, AddressesThatWereThereAllTheTimeSurviveStartsUnderChurn) {
+    add_eth(0);
+    add_eth(1, "other");
+    service.start();
+    store.make_interface(1);
+    constexpr int count = 300;
+    for (int i = 1; i <= count; ++i) {
+        device.add_address("eth0", "2001:db8:0:" + std::to_string(i) + "::1/64");
+    }
+    ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
+    start_daemon_and_wait();
+    ASSERT_TRUE(becomes([&] { return store.addresses(1).size() == count + 1; }));
+    ASSERT_EQ(stop_daemon(), 0);
+    const std::string before = store.dump();
+
+    rebuilds_allowed = true; // where no large receive buffer is to be had, churn overruns it
+    kt::Kernel churning(sandbox.device());
+    std::size_t repeated = 0;
+    int starts = 0;
+    for (; starts < 80 && repeated < 6; ++starts) {
+        {
+            start_daemon({"-d", "-D", "3"});
+            const Churn churn(churning, "other1", log());
+            ASSERT_TRUE(logged("Info: void CSync::discover(): beginning normal operation"));
+        }
+        ASSERT_TRUE(settle());
+        const std::size_t repeats =
+            log().count("Info: bool CSync::repeat_incomplete_dump(): dump was interrupted, "
+                        "requested it again");
+        EXPECT_LE(repeats, 3U * 3U) << "at most three times for each of the three dumps";
+        repeated += repeats;
+        EXPECT_EQ(log().count_containing("Removing unknown/junk node"), 0U);
+        ASSERT_EQ(stop_daemon(), 0);
+        EXPECT_EQ(store.dump(), before);
+    }
+    EXPECT_GT(repeated, 0U) << "no dump was interrupted, so nothing was shown";
+    std::cout << "dumps requested again: " << repeated << " in " << starts << " starts\n";
+}
+
+// A link that comes and goes while the daemon lists the links.
+TEST_F(DiscoveryTest, LinksThatComeAndGoDuringTheStartAreFollowed) {
+    add_eth(0);
+    service.start();
+    store.set_address(1, "1", "2001:db8::1/64");
+    store.set_address(2, "1", "2001:db8::2/64");
+    start_daemon();
+    add_eth(1);
+    EXPECT_TRUE(becomes([&] { return both_have(1, "2001:db8::1/64"); }));
+    EXPECT_TRUE(becomes([&] { return both_have(2, "2001:db8::2/64"); }));
+    EXPECT_TRUE(settle());
+}
+
+} // namespace
