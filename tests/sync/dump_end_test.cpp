@@ -15,7 +15,7 @@ using fake_libnl::datagram_t;
 
 constexpr int multi = 2; // NLM_F_MULTI
 
-class DumpEnd : public EngineTest {
+class EndOfDump : public EngineTest {
 protected:
     static datagram_t links() {
         return datagram_t().link(16, 3, "eth0", {2, 0, 0, 0, 0, 1}, multi);
@@ -24,7 +24,7 @@ protected:
     static datagram_t routes() { return datagram_t().route(24, 3, "fe80::99", 4, "", 0, multi); }
 };
 
-TEST_F(DumpEnd, InADatagramOfItsOwnIsSeen) {
+TEST_F(EndOfDump, InADatagramOfItsOwnIsSeen) {
     engine().discover();
     receive(links());
     EXPECT_EQ(engine().state, 1);
@@ -42,7 +42,7 @@ TEST_F(DumpEnd, InADatagramOfItsOwnIsSeen) {
                                   "list_node(~)"}));
 }
 
-TEST_F(DumpEnd, BehindTheLastRecordIsSeenAfterTheRecordsWereHandled) {
+TEST_F(EndOfDump, BehindTheLastRecordIsSeenAfterTheRecordsWereHandled) {
     engine().discover();
     verbosity = 3;
     forget();
@@ -64,7 +64,7 @@ TEST_F(DumpEnd, BehindTheLastRecordIsSeenAfterTheRecordsWereHandled) {
     EXPECT_EQ(gateway(3), "fe80::99");
 }
 
-TEST_F(DumpEnd, OfADumpSpreadOverSeveralDatagramsIsTheLastOnes) {
+TEST_F(EndOfDump, OfADumpSpreadOverSeveralDatagramsIsTheLastOnes) {
     engine().discover();
     for (int index = 3; index < 8; ++index) {
         receive(datagram_t()
@@ -84,7 +84,7 @@ TEST_F(DumpEnd, OfADumpSpreadOverSeveralDatagramsIsTheLastOnes) {
     EXPECT_EQ(table(3).size(), 2U);
 }
 
-TEST_F(DumpEnd, OfAnEmptyDumpIsSeen) {
+TEST_F(EndOfDump, OfAnEmptyDumpIsSeen) {
     engine().discover();
     receive(datagram_t().done());
     receive(datagram_t().done());
@@ -92,13 +92,13 @@ TEST_F(DumpEnd, OfAnEmptyDumpIsSeen) {
     EXPECT_EQ(engine().state, 4);
 }
 
-TEST_F(DumpEnd, IsCountedOnceForADatagram) {
+TEST_F(EndOfDump, IsCountedOnceForADatagram) {
     engine().discover();
     receive(links().done().done());
     EXPECT_EQ(engine().state, 2);
 }
 
-TEST_F(DumpEnd, BehindNotificationsOfAnotherKindIsSeen) {
+TEST_F(EndOfDump, BehindNotificationsOfAnotherKindIsSeen) {
     for (const int type : {18, 19, 21, 22, 23, 25}) {
         restart();
         engine().state = 1;
@@ -108,7 +108,7 @@ TEST_F(DumpEnd, BehindNotificationsOfAnotherKindIsSeen) {
     }
 }
 
-TEST_F(DumpEnd, BehindMessagesThatAreNotOfRoutingIsNotLookedFor) {
+TEST_F(EndOfDump, BehindMessagesThatAreNotOfRoutingIsNotLookedFor) {
     for (const int type : {26, 28, 52}) {
         restart();
         engine().state = 1;
@@ -122,7 +122,7 @@ TEST_F(DumpEnd, BehindMessagesThatAreNotOfRoutingIsNotLookedFor) {
     EXPECT_EQ(engine().state, 1);
 }
 
-TEST_F(DumpEnd, InNormalOperationIsWarnedAboutOncePerDatagram) {
+TEST_F(EndOfDump, InNormalOperationIsWarnedAboutOncePerDatagram) {
     track(3, "eth0");
     const std::string warning =
         "Warning: Got NLMSG_DONE outside of a requested discovery operation...";
@@ -135,7 +135,7 @@ TEST_F(DumpEnd, InNormalOperationIsWarnedAboutOncePerDatagram) {
     EXPECT_EQ(engine().state, 4);
 }
 
-TEST_F(DumpEnd, IsNotSeenBehindAMessageThatEndsTheWalk) {
+TEST_F(EndOfDump, IsNotSeenBehindAMessageThatEndsTheWalk) {
     // Sizes that would not lead forward: 0, and one that is negative as a signed number.
     for (const std::uint32_t size : {0U, 0x80000000U, 0xfffffff0U, 0xffffffffU}) {
         restart();
@@ -146,7 +146,7 @@ TEST_F(DumpEnd, IsNotSeenBehindAMessageThatEndsTheWalk) {
     }
 }
 
-TEST_F(DumpEnd, IsNotReachedWhenAHandlerThrows) {
+TEST_F(EndOfDump, IsNotReachedWhenAHandlerThrows) {
     engine().state = 4;
     track(3, "eth0", 1);
     verbosity = 4;
