@@ -1,0 +1,172 @@
+// Messages that this kernel does not send by itself, put on the daemon's socket by the test.
+// Whoever administers a network namespace may send to its groups, and the daemon does not look at
+// the sender.
+
+#include <cstring>
+#include <random>
+
+#include <linux/if_arp.h>
+#include <linux/rtnetlink.h>
+
+#include <arpa/inet.h>
+
+#include "harness/world.h"
+
+namespace {
+
+class ForgedTest : public kt::KernelTest {
+protected:
+    void SetUp() override {
+        add_eth(0);
+        service.start();
+        store.make_interface(1);
+        start_daemon_and_wait();
+        from = log().size();
+    }
+
+    void send(const kt::Message &message) { device.forge(RTNLGRP_LINK, message.bytes()); }
+
+    kt::Message link_message(std::uint16_t type, unsigned short kind = ARPHRD_ETHER) {
+        ifinfomsg header{};
+        header.ifi_type = kind;
+        header.ifi_index = device.index("eth0");
+        return kt::Message(type, 0).append(header);
+    }
+
+    kt::Message address_message(std::uint16_t type, unsigned char scope, unsigned char length) {
+        ifaddrmsg header{};
+        header.ifa_family = AF_INET6;
+        header.ifa_scope = scope;
+        header.ifa_prefixlen = length;
+        header.ifa_index = static_cast<std::uint32_t>(device.index("eth0"));
+        return kt::Message(type, 0).append(header);
+    }
+
+    static in6_addr bytes_of(const std::string &text) {
+        in6_addr address{};
+        inet_pton(AF_INET6, text.c_str(), &address);
+        return address;
+    }
+
+    std::size_t from = 0;
+};
+
+TEST_F(ForgedTest, AnEndOfADumpThatNobodyAskedForIsWarnedAbout) {
+    send(kt::Message(NLMSG_DONE, 0).append(0));
+    send(kt::Message(NLMSG_DONE, 0).append(0));
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(log().count("Info: Received netlink update (type 1)", from), 2U);
+    EXPECT_EQ(
+        log().count("Warning: Got NLMSG_DONE outside of a requested discovery operation...", from),
+        2U);
+    EXPECT_EQ(log().count_containing("void CSync::discover()", from), 0U);
+}
+
+TEST_F(ForgedTest, AnOverrunMessageIsABadTypeHoweverOftenItComes) {
+    for (int i = 0; i < 30; ++i) {
+        send(kt::Message(NLMSG_OVERRUN, 0).append(0));
+    }
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(log().count("Error: recv: bad msg type: 4", from), 30U);
+}
+
+TEST_F(ForgedTest, AMessageThatSaysNothingAndUnknownOnesAreDropped) {
+    send(kt::Message(NLMSG_NOOP, 0).append(0));
+    send(kt::Message(RTM_GETLINK, 0).append(ifinfomsg{}));
+    send(kt::Message(RTM_NEWNEIGH, 0).append(ifinfomsg{}));
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(log().count("Info: Received netlink update (type 0)", from), 1U);
+    EXPECT_EQ(log().count("Info: Received netlink update (type 18)", from), 1U);
+    EXPECT_EQ(log().count("Info: Received netlink update (type 28)", from), 1U);
+}
+
+TEST_F(ForgedTest, ALinkMessageWithoutNameOrAddressIsSkipped) {
+    const unsigned char hardware_address[6] = {2, 0, 0, 0, 0, 9};
+    send(link_message(RTM_NEWLINK).attribute(IFLA_IFNAME, std::string("eth9")));
+    send(link_message(RTM_NEWLINK)
+             .attribute(IFLA_ADDRESS, hardware_address, sizeof hardware_address));
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(log().count("Info: Skipping link msg with no addr/name", from), 2U);
+}
+
+TEST_F(ForgedTest, OnlyEthernetLinksAreTaken) {
+    send(link_message(RTM_NEWLINK, ARPHRD_TUNNEL6));
+    EXPECT_TRUE(logged("Info: Ignoring unknown interface type 769", from));
+}
+
+TEST_F(ForgedTest, ASetLinkMessageIsNoChange) {
+    const unsigned char hardware_address[6] = {2, 0, 0, 0, 0, 9};
+    send(link_message(RTM_SETLINK)
+             .attribute(IFLA_IFNAME, std::string("eth0"))
+             .attribute(IFLA_ADDRESS, hardware_address, sizeof hardware_address));
+    device.forge(RTNLGRP_LINK, kt::forged_link("wlan7", RTM_SETLINK));
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(log().count("Info: Received netlink update (type 19)", from), 2U);
+    EXPECT_EQ(log().count("Info: Skipping update for link 'wlan7'", from), 1U);
+    EXPECT_EQ(log().count_containing(" link [", from), 0U);
+}
+
+TEST_F(ForgedTest, AnAddressOfHostScopeIsShownAsSuch) {
+    const in6_addr address = bytes_of("2001:db8::8");
+    send(address_message(RTM_NEWADDR, RT_SCOPE_HOST, 128)
+             .attribute(IFA_ADDRESS, &address, sizeof address));
+    EXPECT_TRUE(
+        logged("Info: ADDING addr [" + index_of("eth0") + "]: 2001:db8::8/128 [scope:host]", from));
+    EXPECT_TRUE(becomes([&] { return store.has_address(1, "2001:db8::8/128", "Automatic"); }));
+}
+
+TEST_F(ForgedTest, AnAddressMessageWithTheLocalAddressAloneIsSkipped) {
+    const in6_addr address = bytes_of("2001:db8::8");
+    send(address_message(RTM_NEWADDR, RT_SCOPE_UNIVERSE, 64)
+             .attribute(IFA_LOCAL, &address, sizeof address));
+    EXPECT_TRUE(logged("Info: Skipping addr msg with no addr", from));
+}
+
+TEST_F(ForgedTest, AnAnnouncementWithAnotherPrefixLengthRefreshesTheNode) {
+    device.add_address("eth0", "2001:db8::7/64");
+    ASSERT_TRUE(becomes([&] { return store.has_address(1, "2001:db8::7/64", "Automatic"); }));
+    const std::string node = store.node_of(1, "2001:db8::7/64");
+    const in6_addr address = bytes_of("2001:db8::7");
+    send(address_message(RTM_NEWADDR, RT_SCOPE_UNIVERSE, 56)
+             .attribute(IFA_ADDRESS, &address, sizeof address));
+    EXPECT_TRUE(becomes([&] { return store.node_of(1, "2001:db8::7/56") == node; }));
+    EXPECT_EQ(store.node_of(1, "2001:db8::7/64"), "");
+}
+
+TEST_F(ForgedTest, ADeletionWithAnotherPrefixLengthLeavesTheStore) {
+    device.add_address("eth0", "2001:db8::7/64");
+    ASSERT_TRUE(becomes([&] { return store.has_address(1, "2001:db8::7/64", "Automatic"); }));
+    const in6_addr address = bytes_of("2001:db8::7");
+    send(address_message(RTM_DELADDR, RT_SCOPE_UNIVERSE, 56)
+             .attribute(IFA_ADDRESS, &address, sizeof address));
+    ASSERT_TRUE(settle());
+    EXPECT_TRUE(store.has_address(1, "2001:db8::7/64", "Automatic"));
+}
+
+// Bytes without sense, in datagrams of every length: none may end the engine or reach beyond what
+// was received.
+TEST_F(ForgedTest, GarbageIsSurvived) {
+    std::mt19937 random(1);
+    for (int i = 0; i < 1500; ++i) {
+        std::vector<unsigned char> datagram(1 + random() % 120);
+        for (auto &byte : datagram) {
+            byte = static_cast<unsigned char>(random() % (random() % 3 == 0 ? 256 : 8));
+        }
+        nlmsghdr header{};
+        header.nlmsg_len = random() % 4 == 0 ? static_cast<std::uint32_t>(random() % 80)
+                                             : static_cast<std::uint32_t>(datagram.size());
+        if (random() % 8 == 0) {
+            header.nlmsg_len = 0xfffffff0U + static_cast<std::uint32_t>(random() % 16);
+        }
+        const std::uint16_t types[] = {16, 17, 19, 20, 21, 24, 25, 2, 3};
+        header.nlmsg_type = types[random() % (sizeof types / sizeof *types)];
+        // Not a request: the kernel gets the datagram as well and must not act on it.
+        std::memcpy(datagram.data(), &header, std::min(datagram.size(), sizeof header));
+        device.forge(RTNLGRP_LINK, datagram);
+    }
+    EXPECT_TRUE(settle());
+    store.set_address(1, "s", "2001:db8::5/64");
+    EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::5/64"); }));
+}
+
+} // namespace
