@@ -6,6 +6,7 @@
 #include <csetjmp>
 #include <csignal>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -130,6 +131,12 @@ int select_script_t::take(select_call_t call, std::vector<int> &ready_descriptor
     journal::add("select(" + text_of(call.seconds) + ")");
     made.push_back(std::move(call));
     if (steps.empty()) {
+        // Who goes on all the same would do so for ever.
+        if (++exhausted > 100) {
+            std::fputs("select was called again and again without a script\n", stdout);
+            std::fflush(stdout);
+            __builtin_trap();
+        }
         throw script_exhausted{};
     }
     const step_t step = std::move(steps.front());

@@ -56,6 +56,8 @@ public:
     select_script_t &ready(std::vector<int> descriptors, std::function<void()> before = nullptr);
     select_script_t &timeout(std::function<void()> before = nullptr);
     select_script_t &fail(int error, std::function<void()> before = nullptr);
+    // Without a step: any call is one too many.
+    void arm() { is_armed = true; }
     // Steps left over.
     std::size_t left() const { return steps.size(); }
     const std::vector<select_call_t> &calls() const { return made; }
@@ -71,6 +73,7 @@ private:
         std::function<void()> before;
     };
     bool is_armed = false;
+    unsigned exhausted = 0; // calls without a step
     std::deque<step_t> steps;
     std::vector<select_call_t> made;
 };

@@ -2,6 +2,7 @@
 // attribute, without leaving the datagram.
 #include "netlink/decode.h"
 
+#include <algorithm>
 #include <cstring>
 #include <ostream>
 #include <sstream>
@@ -146,14 +147,16 @@ TEST_P(Walk, ALengthThatLeadsNowhereEndsTheWalkBehindThatMessage) {
     }
 }
 
-TEST_P(Walk, AMessageOfLengthZeroStillGivesWayToNoneInFrontOfIt) {
-    datagram_t datagram = one(7);
-    GetParam().append(datagram, 8).set_message_length(0);
-    GetParam().append(datagram, 9);
-    const auto found = decode(datagram);
-    ASSERT_EQ(found.size(), 2U); // the first, and the second without its attributes
-    EXPECT_NE(found, decode(one(7)));
-    EXPECT_EQ(found[0], decode(one(7))[0]);
+TEST_P(Walk, ALengthThatLeadsBackwardsNeverDoes) {
+    for (const std::uint32_t length : {0U, 0x80000000U, 0xfffffff0U, 0xffffffe0U, 0xffffffc0U}) {
+        datagram_t datagram = one(7);
+        GetParam().append(datagram, 8).set_message_length(length);
+        GetParam().append(datagram, 9);
+        const auto found = decode(datagram);
+        ASSERT_EQ(found.size(), 2U) << length;
+        const auto first = decode(one(7))[0];
+        EXPECT_EQ(std::count(found.begin(), found.end(), first), 1) << length;
+    }
 }
 
 TEST_P(Walk, ALengthBehindTheEndMakesTheMessageTheLastOne) {
@@ -216,6 +219,18 @@ TEST_P(Walk, AttributesBehindABadOneAreNotSeen) {
         std::memcpy(bare.data(), &bare_length, sizeof bare_length);
         EXPECT_EQ(decode(bad), decode(bare)) << length;
     }
+}
+
+TEST_P(Walk, AnAttributeThatIsOneByteTooLongForItsMessageIsNotSeen) {
+    // With its padding, the last attribute that the decoder reads.
+    const std::size_t last = GetParam().decode == links ? 12 : GetParam().decode == addrs ? 20 : 8;
+    const bytes_t bad = one().set_attribute_length(static_cast<std::uint16_t>(last + 1));
+    bytes_t bare = bad;
+    bare.resize(bad.size() - last);
+    const auto bare_length = static_cast<std::uint32_t>(bare.size());
+    std::memcpy(bare.data(), &bare_length, sizeof bare_length);
+    EXPECT_EQ(decode(bad), decode(bare));
+    EXPECT_NE(decode(bad), decode(one()));
 }
 
 TEST_P(Walk, AnAttributeMayFillItsMessageToTheLastByte) {

@@ -26,6 +26,7 @@ class DiscoveryTime : public DaemonTest {
 protected:
     DiscoveryTime() {
         exit_pipe[0] = 80;
+        os.select.arm();
         tav.handle = mlr_init();
         os.clock.set(hours(1000));
     }

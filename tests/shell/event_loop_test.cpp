@@ -34,6 +34,7 @@ class EventLoop : public DaemonTest {
 protected:
     EventLoop() {
         exit_pipe[0] = exit_fd;
+        os.select.arm();
         fake_tav::state().fd = store_fd;
         fake_libnl::state().fd = netlink_fd;
         tav.handle = mlr_init();

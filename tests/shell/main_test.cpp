@@ -23,6 +23,7 @@ protected:
     Main() {
         exit_requested = 1;
         os.pipe.returns(0);
+        os.select.arm();
         os.sigaction.returns(0);
         os.close.returns(0);
         os.setpriority.returns(0);

@@ -26,6 +26,7 @@ class ReceiveBuffer : public DaemonTest {
 protected:
     ReceiveBuffer() {
         exit_pipe[0] = 80;
+        os.select.arm();
         verbosity = 9;
     }
     // One engine, asked to end in its first cycle.

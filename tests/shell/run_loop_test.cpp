@@ -29,6 +29,7 @@ class RunLoop : public DaemonTest {
 protected:
     RunLoop() {
         exit_pipe[0] = 80;
+        os.select.arm();
         exit_pipe[1] = 81;
         os.setsockopt.returns(0);
     }
