@@ -60,7 +60,7 @@ std::string joined(const First &first, const Rest &...rest) {
     return text;
 }
 
-std::string text_of(long number) {
+std::string text_of(long long number) {
     return std::to_string(number);
 }
 
@@ -232,8 +232,7 @@ int __wrap_setpriority(__priority_which_t which, id_t who, int priority) {
         return __real_setpriority(which, who, priority);
     }
     return static_cast<int>(
-        called(stub, "setpriority",
-               joined(text_of(which), text_of(static_cast<long>(who)), text_of(priority))));
+        called(stub, "setpriority", joined(text_of(which), text_of(who), text_of(priority))));
 }
 
 int __real_sched_setscheduler(pid_t pid, int policy, const sched_param *param);
