@@ -3,6 +3,7 @@
 //
 //   KT_RCVBUF_CAP=<bytes>       SO_RCVBUFFORCE is refused and SO_RCVBUF is cut at that size
 //   KT_FAIL_SEND=<type>:<n>     the first n netlink messages of that type cannot be sent
+//   KT_LOSE_SEND=<type>:<n>     the first n are taken and never arrive
 //   KT_FAIL_BIND=<n>            the first n netlink sockets cannot be bound
 //   KT_FAIL_MEMBERSHIP=<n>      the first n group memberships are refused
 //   KT_FAIL_FORK=1              no process can be forked
@@ -41,10 +42,9 @@ bool is_netlink(const void *address, socklen_t length) {
     return family == AF_NETLINK;
 }
 
-// Whether the message is one of those that are not to be sent.
-bool send_fails(const msghdr *message) {
-    static long failed = 0;
-    const char *plan = std::getenv("KT_FAIL_SEND");
+// Whether the message is one of the first so many of their type that the variable speaks of.
+bool is_planned(const char *variable, const msghdr *message, long &failed) {
+    const char *plan = std::getenv(variable);
     const char *colon = plan != nullptr ? std::strchr(plan, ':') : nullptr;
     nlmsghdr header{};
     if (colon == nullptr || !is_netlink(message->msg_name, message->msg_namelen) ||
@@ -91,9 +91,14 @@ int setsockopt(int fd, int level, int option, const void *value, socklen_t lengt
 
 ssize_t sendmsg(int fd, const msghdr *message, int flags) {
     static const auto next = next_function<ssize_t (*)(int, const msghdr *, int)>("sendmsg");
-    if (send_fails(message)) {
+    static long failed = 0;
+    static long lost = 0;
+    if (is_planned("KT_FAIL_SEND", message, failed)) {
         errno = ENOBUFS;
         return -1;
+    }
+    if (is_planned("KT_LOSE_SEND", message, lost)) {
+        return static_cast<ssize_t>(message->msg_iov[0].iov_len);
     }
     return next(fd, message, flags);
 }

@@ -1,0 +1,42 @@
+// Stands between a client and the service's socket and cuts the connections in the middle.
+#pragma once
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace kt {
+
+class Relay {
+public:
+    // Listens at `path` and passes everything on to `service`. A client's third request, counted
+    // over all its connections, is not passed on: its connections are closed instead. After that
+    // has happened `cuts` times everything is passed on.
+    Relay(const std::string &path, std::string service, int cuts);
+    ~Relay();
+    Relay(const Relay &) = delete;
+    Relay &operator=(const Relay &) = delete;
+
+private:
+    struct pair_t {
+        int client;
+        int service;
+    };
+
+    void work();
+    void accept_client();
+    // False when the pair has come to its end.
+    bool pass(const pair_t &pair, bool from_client);
+    void close_all();
+
+    int listener = -1;
+    std::string service_path;
+    int cuts_left;
+    int requests = 0;
+    std::vector<pair_t> pairs;
+    std::atomic<bool> stopping{false};
+    std::thread thread;
+};
+
+} // namespace kt
