@@ -1,0 +1,148 @@
+// The client library against a service that is played by hand.
+#include "support/raw_peer.h"
+#include "support/store_fixture.h"
+
+#include <gtest/gtest.h>
+
+#include "protocol/limits.h"
+
+using namespace tavtest;
+using tav::Writer;
+
+namespace {
+
+class LibraryTest : public StoreTest {
+protected:
+    // A client of a service that answers one request with whatever `answer` makes of its serial
+    // number, then leaves the connections open until the client closes them.
+    void play_answer(std::function<std::string(std::uint32_t)> answer) {
+        service = std::make_unique<FakeService>(
+            socket, [answer = std::move(answer)](RawPeer &calls, RawPeer &) {
+                calls.send(answer(serial_of(calls.receive())));
+                calls.closed();
+            });
+    }
+
+    // The answer makes the connection useless: this call fails, and each later one.
+    void expect_refused(const std::string &why) {
+        Client client;
+        ASSERT_TRUE(client.connected());
+        api_status_t status = api_status_ok;
+        EXPECT_LT(client.tav.watchdog_ping(status), 0);
+        EXPECT_EQ(status, api_status_none);
+        std::vector<toolkit::CEvent> events;
+        EXPECT_LT(client.tav.events_get(events), 0);
+        ASSERT_EQ(reports().size(), 1U);
+        EXPECT_NE(reports()[0].second.find(why), std::string::npos) << reports()[0].second;
+    }
+
+    std::unique_ptr<FakeService> service;
+};
+
+void put_status(Writer &out) {
+    put(out, api_status_ok);
+}
+
+} // namespace
+
+TEST_F(LibraryTest, AReplyThatAcknowledgesDrainsExactlyOneByte) {
+    // The second byte stands for an event that came between the reply and the drain.
+    FakeService fake(socket, [](RawPeer &calls, RawPeer &wake) {
+        const std::uint32_t serial = serial_of(calls.receive());
+        wake.send(std::string(2, tav::wake_byte));
+        calls.send(reply_frame(serial, true, [](Writer &out) {
+            put_all(out, std::vector<tav::Event>{{mlr_event_set, "/a"}});
+        }));
+        calls.closed();
+    });
+    Client client;
+    EXPECT_EQ(client.fetch(), std::vector<std::string>{"2 /a"});
+    EXPECT_TRUE(readable(client.fd())) << "the wake-up of a later event was swallowed";
+    char byte = 0;
+    EXPECT_EQ(::read(client.fd(), &byte, 1), 1);
+    EXPECT_FALSE(readable(client.fd()));
+    client.close();
+}
+
+TEST_F(LibraryTest, AReplyThatDoesNotAcknowledgeLeavesTheByte) {
+    FakeService fake(socket, [](RawPeer &calls, RawPeer &wake) {
+        const std::uint32_t serial = serial_of(calls.receive());
+        wake.send(std::string(1, tav::wake_byte));
+        calls.send(reply_frame(serial, false, put_status));
+        calls.closed();
+    });
+    Client client;
+    EXPECT_EQ(client.ping(), api_status_ok);
+    EXPECT_TRUE(readable(client.fd()));
+    client.close();
+}
+
+TEST_F(LibraryTest, AReplyToAnotherRequestIsRefused) {
+    play_answer([](std::uint32_t serial) { return reply_frame(serial - 1, false, put_status); });
+    expect_refused("malformed");
+}
+
+TEST_F(LibraryTest, AReplyThatIsTooShortIsRefused) {
+    play_answer([](std::uint32_t serial) { return reply_frame(serial, false); });
+    expect_refused("malformed");
+}
+
+TEST_F(LibraryTest, AReplyThatIsTooLongIsRefused) {
+    play_answer([](std::uint32_t serial) {
+        return reply_frame(serial, false, [](Writer &out) {
+            put_status(out);
+            out.u8(0);
+        });
+    });
+    expect_refused("malformed");
+}
+
+TEST_F(LibraryTest, AnAcknowledgementWithoutAByteIsRefused) {
+    play_answer([](std::uint32_t serial) { return reply_frame(serial, true, put_status); });
+    expect_refused("malformed");
+}
+
+TEST_F(LibraryTest, AnOversizedFrameIsRefusedByItsLength) {
+    play_answer([](std::uint32_t) { return std::string("\x7f\xff\xff\xff", 4); });
+    expect_refused("oversized");
+}
+
+TEST_F(LibraryTest, AConnectionThatEndsInTheMiddleOfAReplyIsLost) {
+    FakeService fake(socket, [](RawPeer &calls, RawPeer &wake) {
+        const std::string reply = reply_frame(serial_of(calls.receive()), false, put_status);
+        calls.send(reply.substr(0, reply.size() - 1));
+        calls.close();
+        wake.close();
+    });
+    expect_refused("closed the connection");
+}
+
+TEST_F(LibraryTest, ATrickleOfBytesDoesNotProlongTheTimeLimit) {
+    ::setenv("TAV_TIMEOUT_MS", "400", 1);
+    FakeService fake(socket, [](RawPeer &calls, RawPeer &) {
+        calls.receive();
+        std::string frame = std::string("\0\x10\0\0", 4) + std::string(4096, 'x');
+        // Far longer than the limit, unless the client gives up.
+        for (const char byte : frame) {
+            if (!calls.send(std::string(1, byte))) {
+                break;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    });
+    expect_refused("did not answer in time");
+}
+
+TEST_F(LibraryTest, AWrongNumberOfStatusesIsRefused) {
+    play_answer([](std::uint32_t serial) {
+        return reply_frame(serial, false, [](Writer &out) {
+            put_all(out, std::vector<api_status_t>{api_status_ok});
+        });
+    });
+    Client client;
+    std::vector<api_status_t> statuses;
+    const std::vector<toolkit::CElement> values(2, toolkit::CElement("x", -1));
+    EXPECT_LT(client.tav.set_leaves({"/a", "/b"}, values, {}, statuses, ""), 0);
+    EXPECT_EQ(statuses, std::vector<api_status_t>(2, api_status_none));
+    client.close();
+}

@@ -1,0 +1,376 @@
+// The service as a process: start, end, what survives, and clients that misbehave.
+#include "support/raw_peer.h"
+#include "support/store_fixture.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <csignal>
+#include <fstream>
+#include <random>
+
+#include "protocol/limits.h"
+
+using namespace tavtest;
+using tav::Op;
+using tav::Writer;
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+class TavdTest : public StoreTest {
+protected:
+    std::string database = dir.file("store.db");
+    Names on_disk{"--database", database};
+    Ran second(const Names &arguments) { return run(dir, tavd_arguments(arguments)); }
+};
+
+} // namespace
+
+TEST_F(TavdTest, ItEndsCleanlyOnSigtermAndLeavesNoSocketBehind) {
+    start();
+    EXPECT_TRUE(exists(socket));
+    EXPECT_EQ(stop(), 0);
+    EXPECT_FALSE(exists(socket));
+    EXPECT_FALSE(exists(socket + ".lock"));
+    EXPECT_FALSE(exists(socket + ".new"));
+}
+
+TEST_F(TavdTest, ItEndsCleanlyOnSigintToo) {
+    start();
+    tavd->signal(SIGINT);
+    EXPECT_EQ(tavd->wait(), 0);
+}
+
+TEST_F(TavdTest, TheSocketOptionGoesBeforeTheEnvironment) {
+    const std::string other = dir.file("a/b/c/other");
+    tavd = std::make_unique<Process>(dir, "tavd", tavd_arguments({"--memory", "--socket", other}));
+    EXPECT_TRUE(tavd->wait_for_error_text("serving on " + other));
+    EXPECT_TRUE(exists(other));
+    EXPECT_FALSE(exists(socket));
+}
+
+TEST_F(TavdTest, TheSocketHasTheModeAskedFor) {
+    start({"--memory", "--socket-mode", "0600"});
+    struct stat info {};
+    ASSERT_EQ(::stat(socket.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777U, 0600U);
+}
+
+TEST_F(TavdTest, ASecondServiceIsRefusedAndSaysWhy) {
+    start(on_disk);
+    for (const Names &arguments : {Names{"--memory"}, on_disk}) {
+        const Ran refused = second(arguments);
+        EXPECT_EQ(refused.status, 1);
+        EXPECT_EQ(refused.errors, "tavd: another tavd is serving at '" + socket + "'\n");
+    }
+    Client client;
+    EXPECT_EQ(client.set("/a", "1"), api_status_ok);
+    EXPECT_EQ(stop(), 0);
+}
+
+TEST_F(TavdTest, ASecondServiceIsRefusedAlsoWhileTheFirstHangs) {
+    start();
+    tavd->signal(SIGSTOP);
+    EXPECT_EQ(second({"--memory"}).status, 1);
+    tavd->signal(SIGCONT);
+    EXPECT_TRUE(Client().connected());
+}
+
+TEST_F(TavdTest, SomebodyElsesServiceIsNotReplaced) {
+    const tav::UniqueFd other = listen_at(socket);
+    const Ran refused = second({"--memory"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.errors.find("another service is serving"), std::string::npos);
+    EXPECT_FALSE(exists(socket + ".lock"));
+    EXPECT_TRUE(exists(socket));
+}
+
+TEST_F(TavdTest, ADatabaseInUseIsRefused) {
+    start(on_disk);
+    const Ran refused = second({"--database", database, "--socket", dir.file("other")});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.errors.find("locked"), std::string::npos) << refused.errors;
+    EXPECT_FALSE(exists(dir.file("other")));
+}
+
+TEST_F(TavdTest, ASocketLeftBehindIsReplaced) {
+    start();
+    tavd->signal(SIGKILL);
+    EXPECT_EQ(tavd->wait(), 1000 + SIGKILL);
+    ASSERT_TRUE(exists(socket));
+    start();
+    EXPECT_TRUE(Client().connected());
+}
+
+TEST_F(TavdTest, AFileThatIsNoSocketIsNotReplaced) {
+    ::mkdir(dir.file("run").c_str(), 0755);
+    std::ofstream(socket) << "precious";
+    const Ran refused = second({"--memory"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.errors.find("is not a socket"), std::string::npos);
+    EXPECT_EQ(read_file(socket), "precious");
+}
+
+TEST_F(TavdTest, UsageIsPrintedAndMistakesAreRefused) {
+    const Ran help = second({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_NE(help.output.find("Usage: tavd"), std::string::npos);
+    for (const Names &wrong :
+         {Names{}, Names{"--memory", "--database", database}, Names{"--what"},
+          Names{"--memory", "more"}, Names{"--memory", "--socket-mode", "9"}}) {
+        EXPECT_EQ(second(wrong).status, 2);
+    }
+}
+
+TEST_F(TavdTest, ADatabaseThatCannotBeUsedIsNamedAndLeftAlone) {
+    std::ofstream(database) << std::string(5000, 'x');
+    const Ran refused = second(on_disk);
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.errors.find(database), std::string::npos);
+    EXPECT_EQ(read_file(database), std::string(5000, 'x'));
+    EXPECT_FALSE(exists(socket));
+}
+
+// What survives
+
+TEST_F(TavdTest, EverythingIsThereAfterARestart) {
+    start(on_disk);
+    EXPECT_EQ(tav({"set", "/a/b", "text", "/a/c", "\n"}).status, 0);
+    EXPECT_EQ(tav({"set", "-t", "integer", "/i", "-5"}).status, 0);
+    EXPECT_EQ(tav({"mknode", "/empty/node"}).status, 0);
+    const std::string before = tav({"dump"}).output;
+    EXPECT_EQ(stop(), 0);
+    start(on_disk);
+    EXPECT_EQ(tav({"dump"}).output, before);
+    EXPECT_NE(before.find("/empty/node"), std::string::npos);
+}
+
+TEST_F(TavdTest, AnAcknowledgedWriteSurvivesAKillAndNoTransactionIsThereInPart) {
+    int last = 0;
+    for (int round = 0; round < 3; ++round) {
+        start(on_disk);
+        std::atomic<int> acknowledged{last};
+        std::thread writing([&acknowledged] {
+            Client client;
+            for (int next = acknowledged + 1;; ++next) {
+                const toolkit::CElement value(std::to_string(next), -1);
+                std::vector<api_status_t> statuses;
+                if (client.tav.set_leaves({"/n/a", "/n/b"}, {value, value}, {}, statuses, "") !=
+                    0) {
+                    return;
+                }
+                ASSERT_EQ(statuses[1], api_status_ok);
+                acknowledged = next;
+            }
+        });
+        const int enough = last + 50;
+        while (acknowledged < enough) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        tavd->signal(SIGKILL);
+        writing.join();
+        tavd->wait();
+        start(on_disk);
+        Client client;
+        const std::string a = client.get("/n/a");
+        EXPECT_EQ(a, client.get("/n/b"));
+        // The last one may have been committed without anybody having been told.
+        EXPECT_GE(std::stoi(a), acknowledged);
+        EXPECT_LE(std::stoi(a), acknowledged + 1);
+        last = std::stoi(a);
+        client.close();
+        EXPECT_EQ(stop(), 0);
+    }
+}
+
+TEST_F(TavdTest, AWriteThatChangesNothingDoesNotReachTheDisk) {
+    start(on_disk);
+    Client client;
+    client.set_all({"/a", "/b"}, {"1", "1"});
+    const std::string before = read_file(database + "-wal");
+    for (int i = 0; i < 10; ++i) {
+        client.set_all({"/a", "/b"}, {"1", "1"});
+        tav({"touch", "/a"});
+    }
+    EXPECT_EQ(read_file(database + "-wal"), before);
+    client.set("/a", "2");
+    EXPECT_NE(read_file(database + "-wal"), before);
+}
+
+// Clients that misbehave
+
+namespace {
+
+class MisbehaviourTest : public TavdTest {
+protected:
+    void SetUp() override {
+        start();
+        good = std::make_unique<Client>();
+        good->watch("/", true);
+    }
+    void TearDown() override {
+        EXPECT_EQ(good->set("/still/serving", "yes"), api_status_ok);
+        EXPECT_EQ(good->get("/still/serving"), "yes");
+        EXPECT_TRUE(tavd->running());
+        good->close();
+        EXPECT_EQ(stop(), 0);
+    }
+
+    std::unique_ptr<Client> good;
+};
+
+} // namespace
+
+TEST_F(MisbehaviourTest, RandomBytesEndTheConnectionOnly) {
+    std::mt19937 random(7);
+    for (int round = 0; round < 100; ++round) {
+        std::string junk(random() % 300 + 1, '\0');
+        for (char &byte : junk) {
+            byte = static_cast<char>(random());
+        }
+        RawPeer stranger(socket);
+        stranger.send(junk);
+        RawClient client(socket);
+        client.calls.send(junk);
+    }
+}
+
+TEST_F(MisbehaviourTest, AnOversizedAnnouncementIsClosedAtOnce) {
+    RawPeer stranger(socket);
+    stranger.send("\xff\xff\xff\xff");
+    EXPECT_TRUE(stranger.closed());
+    RawClient client(socket);
+    client.calls.send("\xff\xff\xff\xff");
+    EXPECT_TRUE(client.calls.closed());
+    EXPECT_TRUE(client.wake.closed());
+}
+
+TEST_F(MisbehaviourTest, AStrangerMustGreetProperly) {
+    const std::vector<std::string> greetings{
+        request_frame(Op::read, [](Writer &out) { put_all(out, Names{"/a"}); }),
+        request_frame(Op::hello,
+                      [](Writer &out) {
+                          put(out, tav::Hello{1, 1});
+                      }),
+        request_frame(Op::hello,
+                      [](Writer &out) {
+                          put(out, tav::Hello{tav::magic, tav::protocol_version + 1});
+                      }),
+        request_frame(Op::attach,
+                      [](Writer &out) {
+                          put(out, tav::Hello{tav::magic, tav::protocol_version});
+                          put(out, tav::Ticket{1, 12345});
+                      }),
+        std::string("\0\0\0\0", 4),
+    };
+    for (const std::string &greeting : greetings) {
+        RawPeer stranger(socket);
+        stranger.send(greeting);
+        EXPECT_TRUE(stranger.closed());
+    }
+}
+
+TEST_F(MisbehaviourTest, ATicketIsGoodForOneWakeUpConnection) {
+    RawClient client(socket);
+    RawPeer third(socket);
+    third.send(request_frame(Op::attach, [&client](Writer &out) {
+        put(out, tav::Hello{tav::magic, tav::protocol_version});
+        put(out, client.ticket);
+    }));
+    EXPECT_TRUE(third.closed());
+    client.calls.send(request_frame(Op::events_get));
+    EXPECT_FALSE(client.calls.receive().empty());
+}
+
+TEST_F(MisbehaviourTest, ACallBeforeTheWakeUpConnectionIsRefused) {
+    RawPeer calls(socket);
+    calls.send(request_frame(Op::hello, [](Writer &out) {
+        put(out, tav::Hello{tav::magic, tav::protocol_version});
+    }));
+    EXPECT_FALSE(calls.receive().empty());
+    calls.send(request_frame(Op::events_get));
+    EXPECT_TRUE(calls.receive().empty());
+}
+
+TEST_F(MisbehaviourTest, MalformedRequestsAreRefusedWithoutHavingDoneAnything) {
+    const auto set = [](Writer &out) {
+        put_all(out, std::vector<tav::Item>{
+                         {tav::ItemKind::set, "/evil", {element_type_string, "1", -1}}});
+    };
+    std::string cut = request_frame(Op::transact, set);
+    cut.pop_back();
+    cut[3] = static_cast<char>(cut[3] - 1);
+    const std::vector<std::string> requests{
+        cut,
+        request_frame(Op::transact,
+                      [&set](Writer &out) {
+                          set(out);
+                          out.u8(0);
+                      }),
+        request_frame(static_cast<Op>(99)),
+        request_frame(Op::hello),
+        request_frame(Op::read, [](Writer &out) { out.u32(0xffffffffU); }),
+        request_frame(Op::watchdog_ping, [](Writer &out) { out.u8(1); }),
+        request_frame(Op::events_get, [](Writer &out) { out.u8(1); }),
+    };
+    for (const std::string &request : requests) {
+        RawClient client(socket);
+        client.calls.send(request);
+        EXPECT_TRUE(client.calls.receive().empty());
+    }
+    EXPECT_EQ(good->get("/evil"), "status 2");
+}
+
+TEST_F(MisbehaviourTest, ByteByByteIsAsGoodAsAtOnce) {
+    RawClient client(socket);
+    for (const char byte : request_frame(Op::list, [](Writer &out) { put(out, "/"); })) {
+        client.calls.send(std::string(1, byte));
+    }
+    EXPECT_FALSE(client.calls.receive().empty());
+}
+
+TEST_F(MisbehaviourTest, WhoDoesNotReadItsRepliesHoldsUpNobodyElse) {
+    good->set_all({"/big"}, {std::string(65536, 'x')});
+    RawClient deaf(socket);
+    const timeval soon{0, 200000};
+    ::setsockopt(deaf.calls.fd(), SOL_SOCKET, SO_SNDTIMEO, &soon, sizeof soon);
+    const std::string request =
+        request_frame(Op::read, [](Writer &out) { put_all(out, Names(100, "/big")); });
+    int sent = 0;
+    while (sent < 100000 && deaf.calls.send(request)) {
+        ++sent;
+    }
+    // The service has stopped reading from it.
+    EXPECT_LT(sent, 100000);
+    EXPECT_EQ(good->get("/big").size(), 65536U);
+}
+
+TEST_F(MisbehaviourTest, OfTwoConnectionsTheLossOfOneEndsTheOther) {
+    RawClient one(socket);
+    one.wake.close();
+    EXPECT_TRUE(one.calls.closed());
+    RawClient two(socket);
+    two.calls.close();
+    EXPECT_TRUE(two.wake.closed());
+}
+
+// Watchdog
+
+TEST_F(TavdTest, AnOverdueWatchdogIsLoggedAndShownAndSoIsOneThatIsGone) {
+    start();
+    Client client;
+    api_status_t status = api_status_none;
+    ASSERT_EQ(client.tav.watchdog_register(status, "sleepy", 1, true), 0);
+    EXPECT_TRUE(tavd->wait_for_error_text("watchdog 'sleepy' (process " +
+                                          std::to_string(::getpid()) + ") is overdue"));
+    EXPECT_NE(tav({"status"}).output.find("overdue"), std::string::npos);
+    client.ping();
+    EXPECT_TRUE(tavd->wait_for_error_text("pings again"));
+    client.close();
+    EXPECT_TRUE(tavd->wait_for_error_text("is gone"));
+    EXPECT_NE(tav({"status"}).output.find("gone"), std::string::npos);
+}
