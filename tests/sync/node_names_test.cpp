@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "fakes/engine_fixture.h"
+#include "sync/errors.h"
 
 namespace {
 
@@ -235,6 +236,25 @@ TEST_F(NodeNames, AreForgottenWhenALaterListingLacksThem) {
     EXPECT_EQ(table(3), strings{"2001:db8::a/64 Automatic 1"});
 }
 
+TEST_F(NodeNames, OfAReadingThatFailedAreNotRemembered) {
+    store(1, "1", "2001:db8::5/64", "Static");
+    fake_tav::on_call("get_leaves").returns(-1);
+    EXPECT_THROW(engine().sync_all(), sync_err);
+    fake_tav::erase(at("1/IPv6/Addresses"));
+    synchronise();
+    appear("2001:db8::a");
+    EXPECT_EQ(table(3), strings{"2001:db8::a/64 Automatic 1"});
+}
+
+TEST_F(NodeNames, OfAnInterfaceThatIsGoneAreFree) {
+    store_unreadable("1");
+    synchronise();
+    fake_tav::erase(at("1"));
+    synchronise();
+    appear("2001:db8::a");
+    EXPECT_EQ(table(3), strings{"2001:db8::a/64 Automatic 1"});
+}
+
 TEST_F(NodeNames, AreRememberedForEachInterfaceByItself) {
     track(4, "eth1");
     fake_tav::put_node(at("2"));
@@ -250,6 +270,8 @@ TEST_F(NodeNames, AreRememberedForEachInterfaceByItself) {
     receive(datagram_t().address(21, 4, "2001:db8::b", 64));
     receive(datagram_t().address(20, 4, "2001:db8::c", 64));
     EXPECT_EQ(entry(4).addresses.back().node, "2");
+    appear("2001:db8::d");
+    EXPECT_EQ(entry(3).addresses.back().node, "3") << "a removal on the other one frees nothing";
 }
 
 TEST_F(NodeNames, OfAnEntryThatMatchesInBytesOnlyAreItsOwnAffair) {

@@ -185,6 +185,15 @@ TEST_F(Refusals, OfAnAddressDropItFromTheTableAlone) {
     }
 }
 
+TEST_F(Refusals, OfAnEarlierLengthLeaveThePresentAddress) {
+    store(1, "7", "2001:db8::5/64", "Static");
+    const message_t earlier = last_request();
+    store(1, "7", "2001:db8::5/48", "Static");
+    last_request();
+    refuse(earlier, -12);
+    EXPECT_EQ(table(3), strings{"2001:db8::5/48 Static 7"});
+}
+
 TEST_F(Refusals, OfAnAddressKeepItsNameFromOthers) {
     store(1, "1", "2001:db8::5/64", "Static");
     refuse(last_request(), -13);
