@@ -1,0 +1,160 @@
+// A user's edits that come while the daemon is still at the one before.
+
+#include <thread>
+
+#include "harness/world.h"
+
+namespace {
+
+constexpr int rounds = 100;
+
+class RaceTest : public kt::KeptStoreTest {
+protected:
+    void SetUp() override {
+        add_eth(0);
+        service.start();
+        store.set_address(1, "1", "2001:db8::5/64");
+        store.set_gateway(1, "fe80::1");
+        start_daemon_and_wait({"-d", "-D", "3"});
+        ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
+    }
+
+    static void one_millisecond() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
+
+    // Quiet: nothing is left that either side could still tell the daemon, nor what came of it.
+    bool quiet() { return settle() && settle(); }
+
+    void report(int lost) {
+        std::cout << rounds << " rounds, lost: " << lost
+                  << ", writes refused as out of date: " << log().count_containing("': 8") << "\n";
+        EXPECT_EQ(lost, 0);
+    }
+
+    bool has_only(const std::string &address) {
+        std::size_t in_store = 0;
+        for (const auto &stored : store.addresses(1)) {
+            in_store += stored.address.compare(0, 12, "2001:db8::5/") == 0 ? 1U : 0U;
+        }
+        std::size_t in_kernel = 0;
+        for (const auto &one : device.addresses("eth0")) {
+            in_kernel += one.text.compare(0, 12, "2001:db8::5/") == 0 ? 1U : 0U;
+        }
+        return in_store == 1 && in_kernel == 1 && store.has_address(1, address, "Static") &&
+               store.node_of(1, address) == "1" && device.has_address("eth0", address);
+    }
+};
+
+TEST_F(RaceTest, AStaticAddressRemovedAndAddedAgainStaysStatic) {
+    int lost = 0;
+    for (int i = 0; i < rounds; ++i) {
+        store.remove_address(1, "1");
+        one_millisecond();
+        store.set_address(1, "1", "2001:db8::5/64");
+        ASSERT_TRUE(quiet());
+        if (!has_only("2001:db8::5/64")) {
+            ++lost;
+            store.set_address(1, "1", "2001:db8::5/64");
+            ASSERT_TRUE(quiet());
+        }
+    }
+    report(lost);
+}
+
+TEST_F(RaceTest, APrefixLengthCorrectedTwiceInARowEndsAsTheUserSaid) {
+    const std::string leaf = kt::paths::address_value(1, "1");
+    int lost = 0;
+    for (int i = 0; i < rounds; ++i) {
+        const std::string last = i % 2 == 0 ? "2001:db8::5/48" : "2001:db8::5/64";
+        store.write(leaf, "2001:db8::5/56");
+        one_millisecond();
+        store.write(leaf, last);
+        ASSERT_TRUE(quiet());
+        if (!has_only(last)) {
+            ++lost;
+            store.set_address(1, "1", last);
+            ASSERT_TRUE(quiet());
+        }
+    }
+    report(lost);
+}
+
+TEST_F(RaceTest, APrefixLengthCorrectedThereAndBackEndsAsTheUserSaid) {
+    const std::string leaf = kt::paths::address_value(1, "1");
+    int lost = 0;
+    for (int i = 0; i < rounds; ++i) {
+        store.write(leaf, "2001:db8::5/48");
+        one_millisecond();
+        store.write(leaf, "2001:db8::5/64");
+        ASSERT_TRUE(quiet());
+        if (!has_only("2001:db8::5/64")) {
+            ++lost;
+            store.set_address(1, "1", "2001:db8::5/64");
+            ASSERT_TRUE(quiet());
+        }
+    }
+    report(lost);
+}
+
+TEST_F(RaceTest, AGatewayRemovedJustBeforeAnotherEditStaysAway) {
+    int lost = 0;
+    for (int i = 0; i < rounds; ++i) {
+        const std::string other = "2001:db8::" + std::to_string(100 + i) + "/64";
+        store.remove_gateway(1);
+        one_millisecond();
+        store.set_address(1, "other", other);
+        ASSERT_TRUE(quiet());
+        const bool right =
+            !store.gateway(1) && device.static_gateways("eth0").empty() && both_have(1, other);
+        lost += right ? 0 : 1;
+        store.set_gateway(1, "fe80::1");
+        ASSERT_TRUE(quiet());
+        ASSERT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
+        ASSERT_EQ(store.gateway(1), "fe80::1");
+    }
+    report(lost);
+}
+
+// The same without rest between the rounds; the last word counts.
+TEST_F(RaceTest, AUserWhoNeverRestsHasTheLastWord) {
+    for (int i = 0; i < rounds; ++i) {
+        store.remove_address(1, "1");
+        one_millisecond();
+        store.set_address(1, "1", i % 2 == 0 ? "2001:db8::5/48" : "2001:db8::5/64");
+        one_millisecond();
+        if (i % 2 == 0) {
+            store.remove_gateway(1);
+        } else {
+            store.set_gateway(1, "fe80::" + std::to_string(i));
+        }
+        one_millisecond();
+    }
+    ASSERT_TRUE(quiet());
+    EXPECT_TRUE(has_only("2001:db8::5/64"));
+    EXPECT_EQ(store.gateway(1), "fe80::99");
+    EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::99"});
+}
+
+// The kernel's own changes among the user's.
+TEST_F(RaceTest, AutomaticAddressesAmongTheEditsKeepTheirNodes) {
+    kt::Router router(sandbox, "peer0");
+    router.start({"2001:db8:1::"});
+    const std::string automatic =
+        kt::automatic_address("2001:db8:1::", device.hardware_address("eth0"));
+    ASSERT_TRUE(becomes([&] { return store.has_address(1, automatic, "Automatic"); }));
+    const std::string node = store.node_of(1, automatic);
+    for (int i = 0; i < rounds; ++i) {
+        store.set_address(1, "edit", "2001:db8::" + std::to_string(100 + i) + "/64");
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    ASSERT_TRUE(quiet());
+    EXPECT_EQ(store.node_of(1, automatic), node);
+    EXPECT_TRUE(has_only("2001:db8::5/64"));
+    EXPECT_TRUE(both_have(1, "2001:db8::199/64"));
+    std::size_t globals = 0;
+    for (const auto &one : device.addresses("eth0")) {
+        globals += one.scope == 0 ? 1U : 0U;
+    }
+    EXPECT_EQ(globals, 3U);
+}
+
+} // namespace
