@@ -146,10 +146,10 @@ TEST_F(NodeNameTest, AnAddressThatAppearsWhileAUserTakesItsNameGetsAnother) {
     start_daemon_and_wait();
     ASSERT_TRUE(becomes([&] { return store.addresses(1).size() == 1; }));
     // Both at once for the daemon, which would name the new address 2.
-    daemon->signal(SIGSTOP);
-    store.set_address(1, "2", "2001:db8::5/64");
-    device.add_address("eth0", "2001:db8::7/64");
-    daemon->signal(SIGCONT);
+    meanwhile([&] {
+        store.set_address(1, "2", "2001:db8::5/64");
+        device.add_address("eth0", "2001:db8::7/64");
+    });
     EXPECT_TRUE(becomes([&] {
         return store.node_of(1, "2001:db8::5/64") == "2" &&
                store.node_of(1, "2001:db8::7/64") == "3" &&

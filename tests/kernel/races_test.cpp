@@ -114,6 +114,35 @@ TEST_F(RaceTest, AGatewayRemovedJustBeforeAnotherEditStaysAway) {
     report(lost);
 }
 
+// A new address of the kernel's takes the name of the node that the user is just adding: the store
+// refuses the daemon's write, because the daemon has not yet fetched the user's.
+TEST_F(RaceTest, ANodeThatTheUserIsJustAddingIsNotOverwritten) {
+    int lost = 0;
+    for (int i = 0; i < rounds; ++i) {
+        const std::string users = "2001:db8:1::" + std::to_string(i + 1) + "/64";
+        const std::string kernels = "2001:db8:2::" + std::to_string(i + 1) + "/64";
+        // Something that makes the daemon write, so that it is told of the edit a little later.
+        device.add_address("eth0", "2001:db8:3::1/64");
+        ASSERT_TRUE(becomes([&] { return store.node_of(1, "2001:db8:3::1/64") == "3"; }));
+        store.set_address(1, "4", users);
+        device.add_address("eth0", kernels);
+        ASSERT_TRUE(quiet());
+        const bool right = store.node_of(1, users) == "4" && both_have(1, users) &&
+                           store.has_address(1, users, "Static") && both_have(1, kernels) &&
+                           store.has_address(1, kernels, "Automatic");
+        lost += right ? 0 : 1;
+        store.remove_address(1, "4");
+        device.delete_address("eth0", kernels);
+        device.delete_address("eth0", "2001:db8:3::1/64");
+        ASSERT_TRUE(quiet());
+        ASSERT_EQ(store.addresses(1).size(), 2U);
+    }
+    report(lost);
+    EXPECT_GT(log().count("Info: Error when writing '" + kt::paths::address_value(1, "4") + "': 8"),
+              0U)
+        << "the edit never came between, so nothing was shown";
+}
+
 // The same without rest between the rounds; the last word counts.
 TEST_F(RaceTest, AUserWhoNeverRestsHasTheLastWord) {
     for (int i = 0; i < rounds; ++i) {

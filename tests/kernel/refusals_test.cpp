@@ -77,10 +77,10 @@ TEST_F(RefusalTest, AGatewayThatTheKernelHasLostAlreadyCanBeRemoved) {
     ASSERT_TRUE(becomes([&] { return !device.static_gateways("eth0").empty(); }));
     ASSERT_TRUE(settle());
     // For the daemon both at once: it deletes a route that is gone.
-    daemon->signal(SIGSTOP);
-    device.delete_route({"::/0", "fe80::1", "eth0"});
-    store.remove_gateway(1);
-    daemon->signal(SIGCONT);
+    meanwhile([&] {
+        device.delete_route({"::/0", "fe80::1", "eth0"});
+        store.remove_gateway(1);
+    });
     EXPECT_TRUE(
         logged("Info: Kernel has no route via 'fe80::1' on interface " + index + " to remove"));
     ASSERT_TRUE(settle());
@@ -110,10 +110,10 @@ TEST_F(RefusalTest, ARefusedAddressIsTriedAgainAtTheNextSynchronisation) {
 
 TEST_F(RefusalTest, AnAddressThatTheKernelHasAlreadyIsNoRefusal) {
     // The daemon hears of the kernel's address only after it has asked for the same.
-    daemon->signal(SIGSTOP);
-    store.set_address(1, "s", "2001:db8::5/64");
-    device.add_address("eth0", "2001:db8::5/64");
-    daemon->signal(SIGCONT);
+    meanwhile([&] {
+        store.set_address(1, "s", "2001:db8::5/64");
+        device.add_address("eth0", "2001:db8::5/64");
+    });
     ASSERT_TRUE(settle());
     EXPECT_EQ(log().count_containing("Kernel refused"), 0U);
     EXPECT_TRUE(both_have(1, "2001:db8::5/64"));

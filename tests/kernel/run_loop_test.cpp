@@ -119,11 +119,11 @@ TEST_F(RunLoopTest, AServiceThatHangsMakesTheCallFailAndNotTheDaemonHang) {
     kt::spawn_options_t options;
     options.environment = {{"TAV_TIMEOUT_MS", "700"}};
     start_daemon_and_wait({"-d", "-D", "4"}, options);
-    service.tavd().signal(SIGSTOP);
+    service.tavd().freeze();
     device.add_address("eth0", "2001:db8::7/64");
     const std::size_t from = log().wait_for("Error: Caught exception");
     EXPECT_NE(from, 0U);
-    service.tavd().signal(SIGCONT);
+    service.tavd().thaw();
     EXPECT_TRUE(logged(normal, from));
     EXPECT_TRUE(becomes([&] { return store.has_address(1, "2001:db8::7/64", "Automatic"); }));
     expect_working();
@@ -151,7 +151,7 @@ TEST_F(RunLoopTest, AnOverrunOfTheReceiveBufferRebuildsTheEngineAndNothingIsLost
     service.start();
     store.make_interface(1);
     start_daemon_and_wait();
-    daemon->signal(SIGSTOP);
+    daemon->freeze();
     const auto dropped = [] {
         // Column 9 of the sockets with groups is the number of datagrams lost.
         std::istringstream table(kt::read_file("/proc/net/netlink"));
@@ -177,7 +177,7 @@ TEST_F(RunLoopTest, AnOverrunOfTheReceiveBufferRebuildsTheEngineAndNothingIsLost
     }
     ASSERT_TRUE(dropped());
     device.add_address("eth0", "2001:db8::7/64");
-    daemon->signal(SIGCONT);
+    daemon->thaw();
     ASSERT_TRUE(logged("Error: recv: nl_recv(): -5"));
     EXPECT_TRUE(logged("Error: Caught exception: nl_recv"));
     ASSERT_TRUE(logged(normal, log().wait_for("Error: Caught exception: nl_recv")));

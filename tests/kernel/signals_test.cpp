@@ -93,10 +93,10 @@ TEST_F(SignalTest, SigfpePrintsABacktraceThatNamesListenAndAborts) {
 
 TEST_F(SignalTest, ASecondTerminationSignalChangesNothing) {
     start_and_idle();
-    daemon->signal(SIGSTOP); // so that both arrive together
+    daemon->freeze(); // so that both arrive together
     daemon->signal(SIGTERM);
     daemon->signal(SIGHUP);
-    daemon->signal(SIGCONT);
+    daemon->thaw();
     EXPECT_EQ(daemon->wait_exit(), 0);
     EXPECT_EQ(log().count("Info: Caught user-initiated exit signal..."), 1U);
     EXPECT_EQ(log().count("Info: Exiting tandrel daemon"), 1U);

@@ -126,6 +126,18 @@ void Process::signal(int number) const {
     }
 }
 
+void Process::freeze() const {
+    signal(SIGSTOP);
+    const bool stopped = eventually([this] {
+        const std::string text = read_file("/proc/" + std::to_string(id) + "/stat");
+        const auto close = text.rfind(')');
+        return close != std::string::npos && text.compare(close, 3, ") T") == 0;
+    });
+    if (!stopped) {
+        throw std::runtime_error("process " + std::to_string(id) + " does not stop");
+    }
+}
+
 int Process::wait(std::chrono::milliseconds limit) {
     if (!eventually([this] { return !running(); }, limit)) {
         return -1;

@@ -32,6 +32,9 @@ public:
     pid_t pid() const { return id; }
     bool running();
     void signal(int number) const;
+    // SIGSTOP, and waits until the process really stands still; SIGCONT.
+    void freeze() const;
+    void thaw() const { signal(SIGCONT); }
 
     // Waits for the end; the result of waitpid, or -1 when it goes on living.
     int wait(std::chrono::milliseconds limit = patience);

@@ -2,6 +2,8 @@
 
 #include <iostream>
 
+#include <unistd.h>
+
 #include <linux/if_arp.h>
 #include <linux/if_link.h>
 #include <linux/rtnetlink.h>
@@ -83,6 +85,14 @@ bool KernelTest::settle() {
     return log().wait_for("Info: Processing TAV event: cmd = 2, path = '" + mark_path + "'",
                           from) != 0 &&
            see_mark() && see_mark();
+}
+
+void KernelTest::meanwhile(const std::function<void()> &changes) {
+    daemon->freeze();
+    changes();
+    // The service lets a moment of rest pass between a client's request and the next wake-up.
+    usleep(300000);
+    daemon->thaw();
 }
 
 testing::AssertionResult KernelTest::logged(const std::string &whole_line, std::size_t from) {

@@ -43,6 +43,10 @@ protected:
     // does not come to that.
     bool settle();
 
+    // Lets the daemon stand still while the function changes store and kernel, so that it finds
+    // both changes at once and serves the store first.
+    void meanwhile(const std::function<void()> &changes);
+
     // Waits for a line of the daemon's standard error.
     testing::AssertionResult logged(const std::string &whole_line, std::size_t from = 0);
     testing::AssertionResult logged_part(const std::string &part, std::size_t from = 0);
