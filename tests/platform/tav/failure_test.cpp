@@ -234,6 +234,15 @@ TEST_F(FailureTest, ConnectingToAHangingServiceFailsAfterTheTimeLimit) {
     EXPECT_NE(reports()[0].second.find("did not answer in time"), std::string::npos);
 }
 
+TEST_F(FailureTest, TheTimeLimitIsFiveSecondsUnlessToldOtherwise) {
+    ::unsetenv("TAV_TIMEOUT_MS");
+    client = std::make_unique<Client>();
+    hang();
+    const Clock::time_point before = Clock::now();
+    EXPECT_LT(ping(), 0);
+    EXPECT_GE(Clock::now() - before, milliseconds(5000));
+}
+
 TEST_F(FailureTest, AnImpossibleTimeLimitIsReportedAndReplacedByTheDefault) {
     ::setenv("TAV_TIMEOUT_MS", "soon", 1);
     Client patient;

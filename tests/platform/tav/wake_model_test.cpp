@@ -229,13 +229,13 @@ World world_with(int events, int short_ticks, int long_ticks, int other, int req
 } // namespace
 
 TEST(WakeModel, InNormalOperationNoEventIsLostInAnyInterleaving) {
-    const std::size_t states = Explorer().explore(world_with(3, 4, 1, 3, 2));
+    const std::size_t states = Explorer().explore(world_with(3, 3, 1, 3, 2));
     EXPECT_GT(states, 10000U);
     RecordProperty("states", static_cast<int>(states));
 }
 
 TEST(WakeModel, InDiscoveryTheDescriptorFallsSilentAndNothingIsLostAfterwards) {
-    World world = world_with(3, 4, 1, 3, 1);
+    World world = world_with(3, 3, 1, 3, 1);
     world.discovery = true;
     const std::size_t states = Explorer().explore(world);
     EXPECT_GT(states, 10000U);
