@@ -60,7 +60,8 @@ public:
 
     // Calls visit(type, datagram, offset of the payload) for each attribute behind a family header
     // of `family_size` bytes. The walk ends at the first attribute whose length is below 4 or
-    // beyond the length that the message claims.
+    // beyond the length that the message claims; that claim is taken as it stands, unsigned,
+    // however far beyond the datagram it reaches.
     template <typename Visit>
     void for_each_attribute(std::size_t family_size, const Visit &visit) const {
         const std::size_t start = NLMSG_HDRLEN + family_size;

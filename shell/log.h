@@ -38,7 +38,7 @@ void log_error(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void log_critical(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // Where the store's client library reports its errors (declared by <tav/mlr.h> as well): level 0
-// needs one -D, and every report is shown from -D 5 on. Weak, so that a program which embeds these
-// objects may bring its own.
+// needs one -D, and every report is shown from -D 5 on. Exported and weak: the library's own
+// reference is to resolve to it.
 extern "C" void mlr_err(unsigned int level, const char *format, ...)
     __attribute__((weak, visibility("default"), format(printf, 2, 3)));

@@ -14,15 +14,11 @@
 
 namespace {
 
-// Waits for the intermediate child; 0 when it exited with status 0.
+// Waits for the intermediate child; non-zero when it was ended by a signal or reported a failure. A
+// child that was reaped elsewhere (an ignored SIGCHLD is inherited) has reported none.
 int wait_for_child() {
     int status = 0;
-    pid_t ended = -1;
-    do {
-        ended = wait(&status);
-    } while (ended == -1 && errno == EINTR);
-    if (ended == -1) {
-        return 1;
+    while (wait(&status) == -1 && errno == EINTR) {
     }
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
 }

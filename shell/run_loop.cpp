@@ -45,11 +45,14 @@ private:
 void pause_on_exit_pipe() {
     fd_set readable;
     FD_ZERO(&readable);
+    int highest = -1;
+    // A descriptor that the set cannot hold is not waited for; the signal itself still interrupts.
     if (exit_pipe[0] < FD_SETSIZE) {
         FD_SET(exit_pipe[0], &readable);
+        highest = exit_pipe[0];
     }
     timeval timeout{pause_seconds, 0};
-    select(exit_pipe[0] + 1, &readable, nullptr, nullptr, &timeout);
+    select(highest + 1, &readable, nullptr, nullptr, &timeout);
 }
 
 // A synchronisation that adds many addresses is answered by several datagrams for each; libnl's

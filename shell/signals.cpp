@@ -75,7 +75,7 @@ void signal_handler(int signal) {
         const int interrupted_errno = errno;
         exit_requested = 1;
         const char byte = 0;
-        // Nothing can be done about a failure here, and a full pipe is as readable as it gets.
+        // One byte a signal and never read: a pipe holds 65,536 of them. A failure leaves the flag.
         [[maybe_unused]] const ssize_t written = write(exit_pipe[1], &byte, 1);
         errno = interrupted_errno;
         return;
