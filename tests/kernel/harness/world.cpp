@@ -71,20 +71,40 @@ int KernelTest::stop_daemon() {
     return daemon->wait_exit();
 }
 
-bool KernelTest::see_mark() {
+// What waiting for one line came to.
+enum class KernelTest::Seen { line, rebuild, nothing };
+
+KernelTest::Seen KernelTest::see(const std::string &line, std::size_t from) {
+    const std::string rebuilt = "Info: void CSync::discover(): beginning normal operation";
+    const std::size_t at = log().wait_for_either(line, rebuilt, from);
+    if (at == 0) {
+        return Seen::nothing;
+    }
+    return log().lines(at - 1).front().text == line ? Seen::line : Seen::rebuild;
+}
+
+KernelTest::Seen KernelTest::see_kernel_mark(std::size_t from) {
     const std::string name = "mark" + std::to_string(++marks);
     device.forge(RTNLGRP_LINK, forged_link(name));
-    return log().wait_for("Info: Skipping update for link '" + name + "'") != 0;
+    return see("Info: Skipping update for link '" + name + "'", from);
 }
 
 bool KernelTest::settle() {
-    const std::size_t from = log().size();
-    store.write(mark_path, std::to_string(++marks));
-    // The line comes before the synchronisation that the events behind it ask for; the first mark
-    // of the kernel's is seen after that, and the second after the kernel's answers to it.
-    return log().wait_for("Info: Processing TAV event: cmd = 2, path = '" + mark_path + "'",
-                          from) != 0 &&
-           see_mark() && see_mark();
+    // A rebuild between loses the mark together with everything else that was under way.
+    for (int attempt = 0; attempt < 5; ++attempt) {
+        const std::size_t from = log().size();
+        store.write(mark_path, std::to_string(++marks));
+        // The line comes before the synchronisation that the events behind it ask for; the first
+        // mark of the kernel's is seen after that, and the second after the kernel's answers to it.
+        Seen seen = see("Info: Processing TAV event: cmd = 2, path = '" + mark_path + "'", from);
+        for (int i = 0; i < 2 && seen == Seen::line; ++i) {
+            seen = see_kernel_mark(from);
+        }
+        if (seen != Seen::rebuild) {
+            return seen == Seen::line;
+        }
+    }
+    return false;
 }
 
 void KernelTest::meanwhile(const std::function<void()> &changes) {

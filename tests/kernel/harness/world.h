@@ -66,7 +66,9 @@ protected:
     bool rebuilds_allowed = false;
 
 private:
-    bool see_mark();
+    enum class Seen;
+    Seen see(const std::string &line, std::size_t from);
+    Seen see_kernel_mark(std::size_t from);
     int marks = 0;
 };
 
