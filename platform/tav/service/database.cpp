@@ -29,8 +29,8 @@ void bind_bytes(sqlite3_stmt *statement, int index, const std::string &text) {
 
 } // namespace
 
-void Database::Closer::operator()(sqlite3 *connection) const {
-    sqlite3_close_v2(connection);
+void Database::Closer::operator()(sqlite3 *opened) const {
+    sqlite3_close_v2(opened);
 }
 void Database::Closer::operator()(sqlite3_stmt *statement) const {
     sqlite3_finalize(statement);

@@ -70,7 +70,7 @@ void Server::run() {
             if (id == listener_id) {
                 accept_all();
             } else {
-                serve(id);
+                serve_safely(id);
             }
             // After each, not after all: a busy neighbour must not delay a wake-up.
             wake_clients();
@@ -103,8 +103,24 @@ void Server::accept_all() {
             continue;
         }
         const PeerId id = next_peer++;
-        watch(fd.get(), id, EPOLLIN, EPOLL_CTL_ADD);
-        peers.emplace(id, std::make_unique<Peer>(std::move(fd)));
+        const Peer &peer = *(peers[id] = std::make_unique<Peer>(std::move(fd)));
+        try {
+            watch(peer.fd(), id, EPOLLIN, EPOLL_CTL_ADD);
+        } catch (const std::runtime_error &error) {
+            log_line("cannot serve a connection: %s", error.what());
+            drop(id);
+        }
+    }
+}
+
+// What one client asks for must not end the service for the others: there may be no memory for a
+// huge request, say. Whoever asked loses the connection.
+void Server::serve_safely(PeerId id) {
+    try {
+        serve(id);
+    } catch (const std::exception &error) {
+        log_line("a request failed (%s), its client was disconnected", error.what());
+        drop(id);
     }
 }
 

@@ -37,6 +37,7 @@ private:
 
     void accept_all();
     void watch(int fd, PeerId id, std::uint32_t events, int operation);
+    void serve_safely(PeerId id);
     void serve(PeerId id);
     void serve_requests(PeerId id, Peer &peer);
     bool handle(PeerId id, Peer &peer, std::string_view body);

@@ -1,6 +1,7 @@
 #include "service/session.h"
 
 #include <algorithm>
+#include <new>
 
 #include "protocol/limits.h"
 #include "service/path.h"
@@ -40,11 +41,13 @@ void Session::offer(const Event &event, bool own, Time now) {
 }
 
 void Session::add(const Event &event, bool foreign, Time now) {
-    if (queue.add(event, foreign)) {
-        wake.event(now);
-    } else {
+    try {
+        overflow = !queue.add(event, foreign) || overflow;
+    } catch (const std::bad_alloc &) {
+        // The change is made: a client that cannot be told of it must start afresh.
         overflow = true;
     }
+    wake.event(now);
 }
 
 std::vector<Event> Session::fetch(Time now, bool &drain) {

@@ -109,6 +109,8 @@ Outcome Store::transact(const std::vector<Item> &items,
     // again, and flash wears out.
     const bool changed_something = std::any_of(
         changes.begin(), changes.end(), [](const Change &change) { return change.stored(); });
+    // Made before the commit: after it nothing may fail.
+    std::vector<Event> events = events_of(changes);
     if (changed_something) {
         if (!storage->commit(changes)) {
             outcome.statuses.assign(items.size(), api_status_failed);
@@ -117,7 +119,7 @@ Outcome Store::transact(const std::vector<Item> &items,
         ++changed;
     }
     edit.keep();
-    outcome.events = events_of(changes);
+    outcome.events = std::move(events);
     return outcome;
 }
 
