@@ -115,6 +115,19 @@ bool visit_in_bucket_order(Map &map, const Visit &visit) {
     return false;
 }
 
+// The first value whose interface bears the name, in bucket order; null when there is none.
+template <typename Value, typename Map>
+Value *find_by_name(Map &map, const tk_string &name) {
+    Value *found = nullptr;
+    visit_in_bucket_order(map, [&](Value &value) {
+        if (value.iface.name == name) {
+            found = &value;
+        }
+        return found != nullptr;
+    });
+    return found;
+}
+
 // The same address: the prefix length is content, not identity.
 bool same_address(const CAddress &left, const CAddress &right);
 // A default route by its destination's bytes; its length is not looked at.

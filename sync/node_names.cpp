@@ -29,15 +29,15 @@ std::size_t own_number(const tk_string &name) {
 
 } // namespace
 
-// A link whose node has gone from the store must not be written under its old number: a write
-// would create the node anew.
+// A link whose node has gone from the store must not be written under its old number: a write would
+// create the node anew. Nor must one whose name another link has taken over in the kernel meanwhile
+// (an entry keeps the name of its first sight): both would be written to one node.
 void CSync::forget_absent_store_interfaces(const tavcfg_map_t &snapshot) {
     for (auto &item : interfaces) {
         ifcfg_t &entry = item.second;
-        const bool present = visit_in_bucket_order(snapshot, [&](const tavcfg_t &stored) {
-            return stored.iface.name == entry.iface.name;
-        });
-        if (!present) {
+        const tk_string &name = entry.iface.name;
+        if (find_by_name<const tavcfg_t>(snapshot, name) == nullptr ||
+            find_by_name<ifcfg_t>(interfaces, name) != &entry) {
             entry.iface.number = 0;
             entry.listed_nodes.clear();
         }

@@ -9,19 +9,6 @@
 
 namespace {
 
-// The first entry whose interface bears the name, in bucket order; null when there is none.
-template <typename Value, typename Map>
-Value *find_by_name(Map &map, const tk_string &name) {
-    Value *found = nullptr;
-    visit_in_bucket_order(map, [&](Value &value) {
-        if (value.iface.name == name) {
-            found = &value;
-        }
-        return found != nullptr;
-    });
-    return found;
-}
-
 // Marks and returns the entry that a stored address stands for: the first with the same address and
 // type. An address that the kernel made by itself but the store declares Static becomes Static.
 boost::optional<std::size_t> match_stored(ifcfg_t &entry, const CTavAddress &stored,
@@ -170,6 +157,9 @@ void CSync::sync_tav_with_kernel(const tavcfg_map_t &snapshot, ifcfg_t &entry) {
     }
     log_info_at(3, "Synchronizing TAV interface (%d) with kernel interface (%d): %s",
                 stored->iface.number, entry.iface.ifindex, entry.iface.name.c_str());
+    if (!may_write_store(entry)) {
+        return; // another tracked link bears the same name, and the node is that one's
+    }
     write_kern_addrs_to_tav(*stored, entry);
     write_kern_route_to_tav(stored->iface, entry);
 }

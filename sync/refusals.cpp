@@ -56,7 +56,7 @@ void CSync::addr_refused(const refusal_t &refusal) {
     std::vector<CFullAddress> &known = found->second.addresses;
     known.erase(std::remove_if(known.begin(), known.end(),
                                [&](const CFullAddress &entry) {
-                                   return same_address(entry, addr) &&
+                                   return entry.type == type_static && same_address(entry, addr) &&
                                           entry.prefix_len == addr.prefix_len;
                                }),
                 known.end());

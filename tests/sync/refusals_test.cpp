@@ -292,4 +292,12 @@ TEST_F(Refusals, AFailingStoreIsTheCallersConcern) {
     EXPECT_THROW(refuse(deletion, esrch), sync_err);
 }
 
+TEST_F(Refusals, OfAStaticAddressLeaveAnAddressOfAnotherType) {
+    know(3, "fe80::5", 64, 1, "1");
+    store(1, "9", "fe80::5/64", "Static");
+    const message_t addition = last_request();
+    refuse(addition, -12);
+    EXPECT_EQ(table(3), strings{"fe80::5/64 Link-Local 1"});
+}
+
 } // namespace

@@ -126,4 +126,40 @@ TEST_F(UnnumberedLink, ANewLinkIsUnnumberedUntilItsNameIsFound) {
     expect_store_untouched();
 }
 
+// A link was renamed away and another took its name; an entry keeps the name of its first sight.
+// Both were once written to the one node.
+class SecondLinkOfOneName : public EngineTest {
+protected:
+    void SetUp() override {
+        EngineTest::SetUp();
+        engine().state = 4;
+        track(3, "eth0");
+        track(5, "eth0");
+        know(3, "fe80::3", 64, 1, "1");
+        know(5, "fe80::5", 64, 1, "1");
+        know_gateway(5, "fe80::99");
+        fake_tav::put_node(at("1"));
+    }
+};
+
+TEST_F(SecondLinkOfOneName, IsNotWritten) {
+    engine().sync_all();
+    EXPECT_EQ(entry(3).iface.number, 1);
+    EXPECT_EQ(entry(5).iface.number, 0);
+    EXPECT_EQ(fake_tav::writes(), 1U);
+    EXPECT_EQ(fake_tav::dump(), (strings{at("1/IPv6/Addresses/1/Address/Value") + " = fe80::3/64",
+                                         at("1/IPv6/Addresses/1/Type/Value") + " = Link-Local"}));
+}
+
+TEST_F(SecondLinkOfOneName, LosesTheNumberThatItHad) {
+    entry(5).iface.number = 1;
+    entry(5).listed_nodes = {"1"};
+    engine().sync_all();
+    EXPECT_EQ(entry(5).iface.number, 0);
+    EXPECT_TRUE(entry(5).listed_nodes.empty());
+    forget();
+    receive(datagram_t().address(20, 5, "2001:db8::5", 64));
+    EXPECT_EQ(fake_tav::writes(), 0U);
+}
+
 } // namespace
