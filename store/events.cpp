@@ -24,12 +24,12 @@ bool is_mirrored_address_leaf(const tk_string &path, tk_string rest) {
         return false;
     }
     const tk_string leaf_node = rest.substr(0, slash);
-    rest.erase(0, slash + 1);
-    if (rest != "Value") {
+    rest.erase(0, slash);
+    if (rest != paths::value_part) {
         log_info_at(2, "Ignoring TAV update to non-value attribute '%s'", path.c_str());
         return false;
     }
-    if (leaf_node != "/Address" && leaf_node != "/Type") {
+    if (leaf_node != paths::address_part && leaf_node != paths::type_part) {
         log_info_at(2, "Ignoring unknown sub-address path '%s'", leaf_node.c_str());
         return false;
     }
@@ -44,19 +44,19 @@ bool is_mirrored_ipv6_leaf(const tk_string &path, tk_string rest) {
         return false;
     }
     const tk_string subpath = rest.substr(0, slash);
-    rest.erase(0, slash + 1);
-    if (subpath == "/Default Gateway") {
-        if (rest == "Value") {
+    rest.erase(0, slash);
+    if (subpath == paths::gateway_part) {
+        if (rest == paths::value_part) {
             return true;
         }
         log_info_at(2, "Ignoring TAV update to non-value attribute '%s'", path.c_str());
         return false;
     }
-    if (subpath != "/Addresses") {
+    if (subpath != paths::addresses_part) {
         log_info_at(2, "Ignoring TAV update to unknown node '%s'", subpath.c_str());
         return false;
     }
-    return is_mirrored_address_leaf(path, rest);
+    return is_mirrored_address_leaf(path, rest.substr(1));
 }
 
 bool is_mirrored_leaf(const tk_string &path) {
@@ -78,7 +78,7 @@ bool is_mirrored_leaf(const tk_string &path) {
     }
     rest.erase(0, slash);
     slash = rest.find('/', 1);
-    if (slash == tk_string::npos || rest.compare(0, slash, "/IPv6") != 0) {
+    if (slash == tk_string::npos || rest.compare(0, slash, paths::ipv6_part) != 0) {
         log_info_at(4, "Ignoring update to non-IPv6 settings");
         return false;
     }

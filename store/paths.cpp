@@ -19,9 +19,15 @@ constexpr type_text_t type_texts[] = {
 namespace paths {
 
 const char *const interfaces = "/Software/System Settings/Network/Interface";
+const char *const ipv6_part = "/IPv6";
+const char *const gateway_part = "/Default Gateway";
+const char *const addresses_part = "/Addresses";
+const char *const address_part = "/Address";
+const char *const type_part = "/Type";
+const char *const value_part = "/Value";
 
 tk_string ipv6(const tk_string &interface_name) {
-    return tk_string(interfaces) + "/" + interface_name + "/IPv6";
+    return tk_string(interfaces) + "/" + interface_name + ipv6_part;
 }
 
 tk_string ipv6(std::int32_t interface_number) {
@@ -29,11 +35,11 @@ tk_string ipv6(std::int32_t interface_number) {
 }
 
 tk_string gateway(const tk_string &ipv6_path) {
-    return ipv6_path + "/Default Gateway";
+    return ipv6_path + gateway_part;
 }
 
 tk_string addresses(const tk_string &ipv6_path) {
-    return ipv6_path + "/Addresses";
+    return ipv6_path + addresses_part;
 }
 
 tk_string address(const tk_string &addresses_path, const tk_string &name) {
@@ -41,15 +47,15 @@ tk_string address(const tk_string &addresses_path, const tk_string &name) {
 }
 
 tk_string value(const tk_string &node_path) {
-    return node_path + "/Value";
+    return node_path + value_part;
 }
 
 tk_string address_value(const tk_string &address_path) {
-    return value(address_path + "/Address");
+    return value(address_path + address_part);
 }
 
 tk_string type_value(const tk_string &address_path) {
-    return value(address_path + "/Type");
+    return value(address_path + type_part);
 }
 
 } // namespace paths

@@ -1,4 +1,5 @@
-// Where the IPv6 settings live in the store, and the texts of its leaves. Every path is built here.
+// Where the IPv6 settings live in the store, and the texts of its leaves. Every path is built, and
+// every part of one spelled, here.
 //
 //   /Software/System Settings/Network/Interface/<N>/IPv6/Default Gateway/Value
 //   /Software/System Settings/Network/Interface/<N>/IPv6/Addresses/<name>/Address/Value
@@ -13,6 +14,14 @@ namespace paths {
 
 // The node whose children are the interfaces; no trailing "/".
 extern const char *const interfaces;
+
+// What stands below it, each with its leading "/"; a leaf's last part is "/Value".
+extern const char *const ipv6_part;
+extern const char *const gateway_part;
+extern const char *const addresses_part;
+extern const char *const address_part;
+extern const char *const type_part;
+extern const char *const value_part;
 
 // The IPv6 node of an interface, by the name of its node as listed, or by its number.
 tk_string ipv6(const tk_string &interface_name);

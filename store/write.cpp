@@ -79,10 +79,10 @@ void CSync::write_tav_ipv6_addr(const CTavInterface &ifc, const CTavAddress &add
 }
 
 void CSync::remove_tav_ipv6_addr(const CTavInterface &ifc, const CTavAddress &addr) {
-    if (remove_node(*tav, node_path(ifc, addr),
-                    "void CSync::remove_tav_ipv6_addr(const CTavInterface&, const CTavAddress&)")) {
-        strike_listed_node(ifc, addr.node);
-    }
+    const bool removed =
+        remove_node(*tav, node_path(ifc, addr),
+                    "void CSync::remove_tav_ipv6_addr(const CTavInterface&, const CTavAddress&)");
+    note_removal(ifc, addr.node, removed);
 }
 
 void CSync::write_kern_route_to_tav(const CTavInterface &ifc, const ifcfg_t &entry) {

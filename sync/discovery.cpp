@@ -28,10 +28,6 @@ CSync::CSync(toolkit::CTav *tav_client, CNetlink *channel, tk_string interface_p
     : tav(tav_client), netlink(channel), interfaces(initial_buckets),
       if_prefix(std::move(interface_prefix)) {}
 
-bool CSync::may_write_store(const ifcfg_t &entry) const {
-    return state == state_normal && entry.iface.number != 0;
-}
-
 // Only sends the next request: the answer arrives through handle_netlink, and its end calls this
 // again. Links come first, so that every address and route finds its interface.
 void CSync::discover() {

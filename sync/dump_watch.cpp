@@ -53,7 +53,8 @@ bool CSync::repeat_incomplete_dump() {
     return true;
 }
 
-// A request that the kernel answers by an error alone has no end that could be waited for.
+// A request that the kernel answers by an error alone has no end that could be waited for. Looked
+// at by run after each cycle, and so thrown in its name.
 void CSync::check_discovery_time() const {
     if (state != state_normal &&
         std::chrono::steady_clock::now() - last_dump_request >= discovery_limit) {

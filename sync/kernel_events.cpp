@@ -124,6 +124,7 @@ void CSync::add_kern_route(const CKernRoute &route) {
     adopted.dst_len = route.dst_len;
     adopted.gateway = route.gateway;
     entry.gateway = adopted;
+    entry.gateway_leaving = false;
     if (may_write_store(entry)) {
         write_tav_ipv6_gateway(entry.iface, adopted);
     }

@@ -35,7 +35,7 @@ enum address_type_t : std::int32_t {
 
 struct CTavAddress : virtual public CAddress {
     std::int32_t type = type_unset; // address_type_t
-    tk_string node;                 // its node under "Addresses"; empty while not in the store
+    tk_string node;                 // its node under "Addresses", or the name chosen for it
 };
 
 struct CFullAddress : public CKernAddress, public CTavAddress {};
@@ -88,6 +88,7 @@ struct tavcfg_t {
 struct ifcfg_t {
     CFullInterface iface;
     boost::optional<CFullRoute> gateway; // known to be, or just made, present in the kernel
+    bool gateway_leaving = false;        // its deletion was asked for; the answer is still to come
     std::vector<CFullAddress> addresses;
     std::set<tk_string> listed_nodes; // the store's node names as last listed, less own removals
 };

@@ -29,6 +29,10 @@ std::size_t own_number(const tk_string &name) {
 
 } // namespace
 
+bool CSync::may_write_store(const ifcfg_t &entry) const {
+    return state == state_normal && entry.iface.number != 0;
+}
+
 // A link whose node has gone from the store must not be written under its old number: a write would
 // create the node anew. Nor must one whose name another link has taken over in the kernel meanwhile
 // (an entry keeps the name of its first sight): both would be written to one node.
@@ -69,6 +73,16 @@ tk_string CSync::free_node_name(const ifcfg_t &entry) {
     return name;
 }
 
+void CSync::remember_listing(ifcfg_t &entry, const tavcfg_t &stored) {
+    entry.listed_nodes = {stored.listed_nodes.begin(), stored.listed_nodes.end()};
+}
+
+// A node is never renamed: the entry takes the name that it bears in the store. Of several nodes
+// that stand for one entry the first gives the name.
+void CSync::take_over_name(CFullAddress &known, const CTavAddress &stored) {
+    known.node = stored.node;
+}
+
 void CSync::rename_unmatched(ifcfg_t &entry, const std::vector<bool> &seen) {
     for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
         CFullAddress &known = entry.addresses[i];
@@ -78,10 +92,18 @@ void CSync::rename_unmatched(ifcfg_t &entry, const std::vector<bool> &seen) {
     }
 }
 
-void CSync::strike_listed_node(const CTavInterface &ifc, const tk_string &node) {
+// A name is free once its node is gone. A node that the store would not remove keeps its name, also
+// when it is younger than the last listing.
+void CSync::note_removal(const CTavInterface &ifc, const tk_string &node, bool removed) {
     for (auto &item : interfaces) {
-        if (item.second.iface.number == ifc.number) {
-            item.second.listed_nodes.erase(node);
+        ifcfg_t &entry = item.second;
+        if (entry.iface.number != ifc.number) {
+            continue;
+        }
+        if (removed) {
+            entry.listed_nodes.erase(node);
+        } else {
+            entry.listed_nodes.insert(node);
         }
     }
 }

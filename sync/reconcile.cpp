@@ -7,33 +7,6 @@
 #include "shell/log.h"
 #include "sync/sync.h"
 
-namespace {
-
-// Marks and returns the entry that a stored address stands for: the first with the same address and
-// type. An address that the kernel made by itself but the store declares Static becomes Static.
-boost::optional<std::size_t> match_stored(ifcfg_t &entry, const CTavAddress &stored,
-                                          std::vector<bool> &seen) {
-    for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
-        CFullAddress &known = entry.addresses[i];
-        if (!same_address(known, stored)) {
-            continue;
-        }
-        if (known.type == type_automatic && stored.type == type_static) {
-            known.type = type_static;
-        }
-        if (known.type == stored.type) {
-            if (!seen[i]) {
-                known.node = stored.node; // a node keeps the name that it bears in the store
-            }
-            seen[i] = true;
-            return i;
-        }
-    }
-    return boost::none;
-}
-
-} // namespace
-
 void CSync::sync_all() {
     log_info_at(4, "Synchronizing kernel & TAV settings...");
     const tavcfg_map_t snapshot = read_all_tav_ipv6_settings();
@@ -61,8 +34,31 @@ void CSync::sync_kernel_with_tav(const tavcfg_t &stored) {
     sync_kernel_gateway(*entry, stored);
 }
 
+// Marks and returns the entry that a stored address stands for: the first with the same address and
+// type. An address that the kernel made by itself but the store declares Static becomes Static.
+boost::optional<std::size_t> CSync::match_stored(ifcfg_t &entry, const CTavAddress &stored,
+                                                 std::vector<bool> &seen) {
+    for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
+        CFullAddress &known = entry.addresses[i];
+        if (!same_address(known, stored)) {
+            continue;
+        }
+        if (known.type == type_automatic && stored.type == type_static) {
+            known.type = type_static;
+        }
+        if (known.type == stored.type) {
+            if (!seen[i]) {
+                take_over_name(known, stored);
+            }
+            seen[i] = true;
+            return i;
+        }
+    }
+    return boost::none;
+}
+
 void CSync::sync_kernel_addrs(ifcfg_t &entry, const tavcfg_t &stored) {
-    entry.listed_nodes = {stored.listed_nodes.begin(), stored.listed_nodes.end()};
+    remember_listing(entry, stored);
     std::vector<bool> seen(entry.addresses.size(), false);
     for (const CTavAddress &addr : stored.addresses) {
         const boost::optional<std::size_t> match = match_stored(entry, addr, seen);
@@ -127,6 +123,7 @@ void CSync::sync_kernel_gateway(ifcfg_t &entry, const tavcfg_t &stored) {
             // The table follows when the kernel reports the deletion.
             log_info_at(2, "Removing existing static route");
             netlink->modify_route(*entry.gateway, false);
+            entry.gateway_leaving = true;
         }
         return;
     }
@@ -144,6 +141,7 @@ void CSync::sync_kernel_gateway(ifcfg_t &entry, const tavcfg_t &stored) {
     route.ifindex = entry.iface.ifindex;
     route.protocol = RTPROT_STATIC;
     entry.gateway = route;
+    entry.gateway_leaving = false;
     log_info_at(4, "Adding TAV route '%s' to kernel on interface %d",
                 in6addr_to_str(route.gateway, 0, false).c_str(), entry.iface.ifindex);
     netlink->modify_route(route, true);

@@ -31,8 +31,9 @@ void CSync::route_refused(const refusal_t &refusal) {
     if (refusal.request == RTM_NEWROUTE && refusal.error != EEXIST) {
         log_info_at(2, "Kernel refused route via '%s' on interface %d: error %d", gateway.c_str(),
                     route.ifindex, refusal.error);
-        // A gateway recorded since then is not the refused one.
-        if (entry.gateway && same_gateway(*entry.gateway, route)) {
+        // A gateway recorded since then is not the refused one; and of one whose deletion was asked
+        // for since then, the deletion's own answer takes the stored gateway away as well.
+        if (entry.gateway && same_gateway(*entry.gateway, route) && !entry.gateway_leaving) {
             entry.gateway = boost::none;
         }
     } else if (refusal.request == RTM_DELROUTE && refusal.error == ESRCH) {

@@ -2,9 +2,9 @@
 //
 // The store wins for Static addresses and for the default gateway, the kernel wins for Link-Local
 // and Automatic addresses, and a stored address of another type that the kernel does not carry is
-// removed from the store. Nothing is caught here: every failure leaves as an exception
-// (netlink_err, sync_err, sync_minor_err, sync_addr_err, std::bad_alloc), after which the engine is
-// to be destroyed and built anew.
+// removed from the store. A fault of one stored address or gateway is logged and that item passed
+// over; every other failure leaves as an exception (netlink_err, sync_err, sync_minor_err,
+// sync_addr_err, std::bad_alloc), after which the engine is to be destroyed and built anew.
 #pragma once
 
 #include <chrono>
@@ -85,6 +85,8 @@ protected:
     void sync_kernel_with_tav(const tavcfg_t &stored);
     void sync_tav_with_kernel(const tavcfg_map_t &snapshot, ifcfg_t &entry);
     void sync_kernel_addrs(ifcfg_t &entry, const tavcfg_t &stored);
+    static boost::optional<std::size_t> match_stored(ifcfg_t &entry, const CTavAddress &stored,
+                                                     std::vector<bool> &seen);
     bool sync_kernel_addr(ifcfg_t &entry, const CTavAddress &stored,
                           boost::optional<std::size_t> match);
     void sync_kernel_gateway(ifcfg_t &entry, const tavcfg_t &stored);
@@ -97,17 +99,18 @@ protected:
     void check_discovery_time() const;
 
     // Links without a store interface, and node names (sync/node_names.cpp).
+    bool may_write_store(const ifcfg_t &entry) const;
     void forget_absent_store_interfaces(const tavcfg_map_t &snapshot);
+    static void remember_listing(ifcfg_t &entry, const tavcfg_t &stored);
+    static void take_over_name(CFullAddress &known, const CTavAddress &stored);
     static tk_string free_node_name(const ifcfg_t &entry);
     static void rename_unmatched(ifcfg_t &entry, const std::vector<bool> &seen);
-    void strike_listed_node(const CTavInterface &ifc, const tk_string &node);
+    void note_removal(const CTavInterface &ifc, const tk_string &node, bool removed);
 
     // What the kernel refused (sync/refusals.cpp).
     void handle_refusal(const unsigned char *buffer, int length);
     void route_refused(const refusal_t &refusal);
     void addr_refused(const refusal_t &refusal);
-
-    bool may_write_store(const ifcfg_t &entry) const;
 
     // States of the discovery; it only moves forward.
     enum {
