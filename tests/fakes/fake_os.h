@@ -96,7 +96,7 @@ struct state_t {
     stub_t setpriority, sched_setscheduler, setuid, getuid, fork, setsid, chdir, umask, open, dup,
         close, sigaction, write, setsockopt;
     // wait and waitpid alike; the journal tells which. The result is the child's id, `wait_status`
-    // what it died of.
+    // what it died of; a result of -1 gives no status.
     stub_t wait;
     int wait_status = 0;
     // pipe gives these two descriptors when its result is 0.

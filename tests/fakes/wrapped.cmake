@@ -1,5 +1,6 @@
 # Calls that leave the daemon for the system. References to them, in the daemon's objects and in the
-# tests, are bound to the functions of fake_os.cpp and log_capture.cpp.
+# tests, are bound to the functions of fake_os.cpp, fake_os_calls.cpp
+# and log_capture.cpp.
 set(wrapped_calls
   select syslog openlog closelog
   setpriority sched_setscheduler setuid getuid getpwnam
