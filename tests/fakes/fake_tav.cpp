@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "fakes/fake_tav_tree.h"
 #include "fakes/log_capture.h"
 
 // The library's opaque connection, as this fake has it.
@@ -20,22 +21,6 @@ namespace {
 
 using toolkit::CElement;
 
-struct element_t {
-    tk_string name;
-    bool is_node = true;
-    CElement value;
-    std::vector<std::unique_ptr<element_t>> children;
-
-    element_t *child(const tk_string &wanted) const {
-        for (const auto &one : children) {
-            if (one->name == wanted) {
-                return one.get();
-            }
-        }
-        return nullptr;
-    }
-};
-
 struct scheduled_t {
     std::string operation;
     unsigned calls_left;
@@ -45,7 +30,7 @@ struct scheduled_t {
 
 // What lives on between two calls, beside the part that tests see.
 struct inside_t {
-    element_t root;
+    tree_t tree;
     std::vector<scheduled_t> schedule;
     std::vector<toolkit::CEvent> events;
     std::map<const mlr_client_t *, std::unique_ptr<mlr_client_t>> clients;
@@ -62,100 +47,6 @@ void reset() {
     put_node("/Software/System Settings/Network/Interface");
 }
 const fakes::reset_hook hook(&reset);
-
-std::vector<tk_string> names_of(const tk_string &path) {
-    std::vector<tk_string> names;
-    std::size_t at = 1;
-    while (at <= path.size()) {
-        const std::size_t end = std::min(path.find('/', at), path.size());
-        names.push_back(path.substr(at, end - at));
-        at = end + 1;
-    }
-    return names;
-}
-
-element_t *find(const tk_string &path) {
-    element_t *at = &inside().root;
-    for (const auto &name : names_of(path)) {
-        at = at->child(name);
-        if (at == nullptr) {
-            return nullptr;
-        }
-    }
-    return at;
-}
-
-// Null when a leaf stands in the way.
-element_t *make(const tk_string &path) {
-    element_t *at = &inside().root;
-    for (const auto &name : names_of(path)) {
-        if (!at->is_node) {
-            return nullptr;
-        }
-        element_t *next = at->child(name);
-        if (next == nullptr) {
-            at->children.push_back(std::make_unique<element_t>());
-            next = at->children.back().get();
-            next->name = name;
-        }
-        at = next;
-    }
-    return at;
-}
-
-bool make_leaf(const tk_string &path, const CElement &value) {
-    element_t *leaf = make(path);
-    if (leaf == nullptr || !leaf->children.empty()) {
-        return false;
-    }
-    leaf->is_node = false;
-    leaf->value = value;
-    return true;
-}
-
-api_status_t read_leaf(const tk_string &path, CElement &value) {
-    const element_t *leaf = find(path);
-    if (leaf == nullptr) {
-        return api_status_absent;
-    }
-    if (leaf->is_node) {
-        return api_status_wrong_kind;
-    }
-    value = leaf->value;
-    return api_status_ok;
-}
-
-api_status_t remove(const tk_string &path) {
-    element_t *parent = &inside().root;
-    const auto names = names_of(path);
-    for (std::size_t i = 0; i + 1 < names.size(); ++i) {
-        parent = parent->child(names[i]);
-        if (parent == nullptr) {
-            return api_status_absent;
-        }
-    }
-    auto &siblings = parent->children;
-    const auto it = std::find_if(siblings.begin(), siblings.end(),
-                                 [&names](const auto &one) { return one->name == names.back(); });
-    if (it == siblings.end()) {
-        return api_status_absent;
-    }
-    siblings.erase(it);
-    return api_status_ok;
-}
-
-void dump_below(const element_t &element, const tk_string &path, std::vector<std::string> &lines) {
-    if (!element.is_node) {
-        lines.push_back(path + " = " + element.value.to_string());
-        return;
-    }
-    if (element.children.empty()) {
-        lines.push_back(path + "/");
-    }
-    for (const auto &child : element.children) {
-        dump_below(*child, path + "/" + child->name, lines);
-    }
-}
 
 std::string joined(const call_t &call) {
     std::string text;
@@ -194,7 +85,8 @@ class arrival_t {
 public:
     explicit arrival_t(call_t call, const std::string &arguments = "") {
         journal::add(call.operation + "(" + (arguments.empty() ? joined(call) : arguments) + ")");
-        EXPECT_EQ(inside().clients.count(call.client), 1U)
+        EXPECT_TRUE(inside().clients.count(call.client) == 1 ||
+                    (call.client == nullptr && state().null_client_allowed))
             << call.operation << " on a connection that is not open";
         state().calls.push_back(call);
         injection = due(call);
@@ -203,6 +95,15 @@ public:
         }
     }
 
+    // What the outputs are filled with beside injected statuses.
+    const CElement &value() const { return injection->value_given(); }
+    template <typename Item>
+    void shorten(std::vector<api_status_t> &statuses, std::vector<Item> &values) const {
+        if (injection != nullptr) {
+            statuses.resize(std::min(statuses.size(), injection->statuses_kept()));
+            values.resize(std::min(values.size(), injection->values_kept()));
+        }
+    }
     bool replaced() const { return injection != nullptr && injection->replaces(); }
     int result() const { return injection->value(); }
     void give(api_status_t &status) const {
@@ -240,6 +141,17 @@ injection_t &injection_t::returns(int value) {
 
 injection_t &injection_t::statuses(std::vector<int> values) {
     status_values = std::move(values);
+    return *this;
+}
+
+injection_t &injection_t::fills(CElement value) {
+    element = std::move(value);
+    return *this;
+}
+
+injection_t &injection_t::shortens(std::size_t statuses_kept, std::size_t values_kept) {
+    most_statuses = statuses_kept;
+    most_values = values_kept;
     return *this;
 }
 
@@ -287,7 +199,7 @@ void forget_calls() {
 }
 
 void put_node(const tk_string &path) {
-    EXPECT_NE(make(path), nullptr) << path;
+    EXPECT_NE(inside().tree.make(path), nullptr) << path;
 }
 
 void put(const tk_string &path, const tk_string &text) {
@@ -295,26 +207,24 @@ void put(const tk_string &path, const tk_string &text) {
 }
 
 void put(const tk_string &path, const CElement &value) {
-    EXPECT_TRUE(make_leaf(path, value)) << path;
+    EXPECT_TRUE(inside().tree.make_leaf(path, value)) << path;
 }
 
 void erase(const tk_string &path) {
-    EXPECT_EQ(remove(path), api_status_ok) << path;
+    EXPECT_EQ(inside().tree.remove(path), api_status_ok) << path;
 }
 
 bool exists(const tk_string &path) {
-    return find(path) != nullptr;
+    return inside().tree.find(path) != nullptr;
 }
 
 tk_string text(const tk_string &path) {
     CElement value;
-    return read_leaf(path, value) == api_status_ok ? value.to_string() : "(absent)";
+    return inside().tree.read_leaf(path, value) == api_status_ok ? value.to_string() : "(absent)";
 }
 
 std::vector<std::string> dump() {
-    std::vector<std::string> lines;
-    dump_below(inside().root, "", lines);
-    return lines;
+    return inside().tree.dump();
 }
 
 void queue_event(int command, const tk_string &path) {
@@ -376,7 +286,7 @@ int CTav::get_leaf(const tk_string &path, api_status_t &status, CElement &value,
     }
     value = CElement();
     property = element_property_none;
-    status = read_leaf(path, value);
+    status = inside().tree.read_leaf(path, value);
     return 0;
 }
 
@@ -394,7 +304,7 @@ int CTav::get_leaves(const std::vector<tk_string> &paths, std::vector<api_status
     values.assign(paths.size(), CElement());
     properties.assign(paths.size(), element_property_none);
     for (std::size_t i = 0; i < paths.size(); ++i) {
-        statuses[i] = read_leaf(paths[i], values[i]);
+        statuses[i] = inside().tree.read_leaf(paths[i], values[i]);
     }
     return 0;
 }
@@ -406,7 +316,7 @@ int CTav::list_node(const tk_string &path, api_status_t &status, std::vector<chi
         return arrival.result();
     }
     children.clear();
-    const element_t *node = find(path);
+    const element_t *node = inside().tree.find(path);
     if (node == nullptr) {
         status = api_status_absent;
     } else if (!node->is_node) {
@@ -428,7 +338,7 @@ int CTav::set_leaf(const tk_string &path, const CElement &value, api_status_t &s
         arrival.give(status);
         return arrival.result();
     }
-    status = make_leaf(path, value) ? api_status_ok : api_status_wrong_kind;
+    status = inside().tree.make_leaf(path, value) ? api_status_ok : api_status_wrong_kind;
     return 0;
 }
 
@@ -444,7 +354,7 @@ int CTav::set_leaves(const std::vector<tk_string> &paths, const std::vector<CEle
     }
     statuses.assign(paths.size(), api_status_ok);
     for (std::size_t i = 0; i < paths.size() && i < values.size(); ++i) {
-        if (!make_leaf(paths[i], values[i])) {
+        if (!inside().tree.make_leaf(paths[i], values[i])) {
             statuses[i] = api_status_wrong_kind;
         }
     }
@@ -457,7 +367,7 @@ int CTav::remove_node(const tk_string &path, api_status_t &status, const tk_stri
         arrival.give(status);
         return arrival.result();
     }
-    status = remove(path);
+    status = inside().tree.remove(path);
     return 0;
 }
 

@@ -63,6 +63,9 @@ injection_t &on_path(const std::string &operation, const tk_string &path);
 struct state_t {
     // What mlr_get_fd gives.
     int fd = 60;
+    // Whether a call on a null connection is let pass; a failure of the test otherwise.
+    bool null_client_allowed = false;
+
     // Set to make the next mlr_init give null (the count goes down with each).
     unsigned failing_inits = 0;
     unsigned clients_opened = 0, clients_closed = 0;

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include <linux/rtnetlink.h>
+#include <sys/select.h>
 #include <syslog.h>
 
 #include "fakes/fake_libnl.h"
@@ -12,6 +13,7 @@
 #include "fakes/fake_tav.h"
 #include "fakes/log_capture.h"
 #include "netlink/channel.h"
+#include "shell/exit_pipe_with_a_byte.h"
 #include "shell/signals.h"
 #include "sync/errors.h"
 #include "sync/sync.h"
@@ -175,12 +177,55 @@ TEST_F(EventLoop, AnExitRequestWithoutAByteInThePipeDoesNotEndIt) {
     EXPECT_EQ(listen_once(), 0);
 }
 
-TEST_F(EventLoop, TheExitPipeIsNotRead) {
-    // Nothing but select touches it: a second cycle finds it readable again.
-    exit_requested = 1;
-    os.select.ready({exit_fd}).ready({exit_fd});
-    EXPECT_EQ(listen_once(), 1);
-    EXPECT_EQ(listen_once(), 1);
+// The pause of the run loop must find the byte as well.
+TEST_F(EventLoop, TheByteInTheExitPipeStaysThere) {
+    const exit_pipe_with_a_byte pipe;
+    for (const int requested : {1, 0, 1}) {
+        exit_requested = requested;
+        os.select.ready({pipe.read_end()});
+        EXPECT_EQ(listen_once(), requested);
+        EXPECT_EQ(pipe.bytes_left(), 1);
+    }
+}
+
+TEST_F(EventLoop, WithoutAStoreConnectionTheNetlinkSocketIsServedAllTheSame) {
+    mlr_client_t *const handle = tav.handle;
+    tav.handle = nullptr;
+    fake_tav::state().null_client_allowed = true;
+    loop.state = 4;
+    // As a bit of the set, -1 would be that of 63.
+    for (const int fd : {netlink_fd, 63}) {
+        fake_libnl::state().fd = fd;
+        fake_libnl::queue_datagram(fake_libnl::datagram_t().link(RTM_NEWLINK, 2, "veth0"));
+        os.select.ready({fd});
+        EXPECT_EQ(listen_once(), 0);
+        EXPECT_EQ(os.select.calls().back().reading, (std::vector<int>{fd, exit_fd}));
+        EXPECT_EQ(os.select.calls().back().nfds, exit_fd + 1);
+        EXPECT_EQ(journal::entries(), (entries_t{"select(30)", "watchdog_ping()", "nl_recv()"}));
+    }
+    tav.handle = handle;
+}
+
+TEST_F(EventLoop, ADescriptorThatTheSetCannotHoldIsAFailureOfTheCycle) {
+    struct {
+        const char *name;
+        int &fd;
+    } const descriptors[] = {{"store", fake_tav::state().fd},
+                             {"netlink", fake_libnl::state().fd},
+                             {"exit pipe", exit_pipe[0]}};
+    for (const auto &descriptor : descriptors) {
+        const int usual = descriptor.fd;
+        for (const int fd : {FD_SETSIZE, FD_SETSIZE + 1, FD_SETSIZE + 64, 2 * FD_SETSIZE}) {
+            descriptor.fd = fd;
+            EXPECT_THROW(listen_once(), sync_err) << descriptor.name << ' ' << fd;
+            EXPECT_TRUE(journal::entries().empty()) << descriptor.name << ' ' << fd;
+        }
+        descriptor.fd = FD_SETSIZE - 1;
+        os.select.timeout();
+        EXPECT_EQ(listen_once(), 0) << descriptor.name;
+        EXPECT_EQ(os.select.calls().back().nfds, FD_SETSIZE) << descriptor.name;
+        descriptor.fd = usual;
+    }
 }
 
 TEST_F(EventLoop, TheWatchdogsAnswersAreOfNoConcern) {

@@ -2,6 +2,7 @@
 #include "shell/options.h"
 
 #include <initializer_list>
+#include <limits>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -11,6 +12,7 @@
 
 #include "fakes/fake_os.h"
 #include "fakes/log_capture.h"
+#include "shell/log.h"
 
 namespace {
 
@@ -196,6 +198,21 @@ TEST_F(Options, VerbosityIsIncrementedOrSet) {
     EXPECT_EQ(interface_string, "wlan");
 }
 
+// Settings are unsigned, of 32 bits. Where a long has no more, numbers end with its largest.
+std::uint32_t highest_up_to(std::uint32_t wanted) {
+    constexpr long highest = std::numeric_limits<long>::max();
+    return highest < std::int64_t{wanted} ? static_cast<std::uint32_t>(highest) : wanted;
+}
+
+TEST_F(Options, VerbosityTakesNumbersOfThirtyTwoBits) {
+    for (const std::uint32_t level : {2147483647U, 2147483648U, 4294967295U}) {
+        expect_accepted({"-D", std::to_string(level)});
+        EXPECT_EQ(verbosity, highest_up_to(level));
+        log_info_at(9, "%u", level);
+        EXPECT_EQ(captured::log_count("Info: " + std::to_string(level)), 1U) << level;
+    }
+}
+
 TEST_F(Options, VerbosityMustBeANumberThatIsNotNegative) {
     expect_usage({"-D", "abc"}, "Error: bad verbosity 'abc'\n");
     expect_usage({"-D", "x1"}, "Error: bad verbosity 'x1'\n");
@@ -254,6 +271,20 @@ TEST_F(Options, UnknownUserIsTriedAsANumber) {
     expect_accepted({"-u", "33x"}); // trailing text is accepted
     EXPECT_EQ(run_as_uid, 33U);
     EXPECT_EQ(captured::standard_error(), "No user named '33x'\n(Using UID = 33)\n");
+}
+
+TEST_F(Options, UserIdsOfThirtyTwoBitsAreTaken) {
+    know_users({});
+    for (const std::uint32_t uid : {2147483647U, 2147483648U, 4294967294U}) {
+        const auto text = std::to_string(uid);
+        expect_accepted({"-u", text});
+        EXPECT_EQ(run_as_uid, highest_up_to(uid));
+        EXPECT_EQ(captured::standard_error(), "No user named '" + text + "'\n(Using UID = " +
+                                                  std::to_string(highest_up_to(uid)) + ")\n");
+    }
+    know_users({{"nobody", 4294967294U}});
+    expect_accepted({"-u", "nobody"});
+    EXPECT_EQ(run_as_uid, 4294967294U);
 }
 
 TEST_F(Options, UserThatIsNeitherNameNorNumberIsRefused) {

@@ -126,6 +126,32 @@ TEST_F(Daemonize, TheInvokingProcessFailsWhenTheIntermediateChildDid) {
     }
 }
 
+TEST_F(Daemonize, AnInterruptedWaitIsTakenUpAgain) {
+    os.wait.returns(-1, EINTR).returns(-1, EINTR);
+    be_the_invoking_process(0);
+    EXPECT_EQ(daemonized().how, "exit");
+    EXPECT_EQ(journal::count("wait"), 3U);
+
+    // What the child died of is known only then.
+    os.fork.clear();
+    os.wait.clear();
+    os.wait.returns(-1, EINTR);
+    be_the_invoking_process(0x0100);
+    const auto ending = daemonized();
+    EXPECT_EQ(ending.how, "returned");
+    EXPECT_EQ(ending.status, 1);
+}
+
+// With SIGCHLD ignored the system itself reaps the child, which then reported no failure.
+TEST_F(Daemonize, AChildThatWasReapedElsewhereHasNotFailed) {
+    os.wait.returns(-1, ECHILD);
+    be_the_invoking_process(0x0100);
+    const auto ending = daemonized();
+    EXPECT_EQ(ending.how, "exit");
+    EXPECT_EQ(ending.status, 0);
+    EXPECT_EQ(journal::count("wait"), 1U);
+}
+
 TEST_F(Daemonize, TheInvokingProcessFailsWhenItCannotFork) {
     os.fork.returns(-1, EAGAIN);
     const auto ending = daemonized();

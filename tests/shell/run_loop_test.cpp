@@ -2,16 +2,19 @@
 #include "shell/run_loop.h"
 
 #include <cerrno>
+#include <ostream>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
+#include <sys/select.h>
 #include <syslog.h>
 
 #include "fakes/fake_libnl.h"
 #include "fakes/fake_os.h"
 #include "fakes/fake_tav.h"
 #include "fakes/log_capture.h"
+#include "shell/exit_pipe_with_a_byte.h"
 #include "shell/signals.h"
 
 namespace {
@@ -92,6 +95,45 @@ TEST_F(RunLoop, PausesTenSecondsOnTheReadEndOfTheExitPipe) {
     EXPECT_EQ(call.microseconds, 0);
     EXPECT_FALSE(call.writes);
     EXPECT_FALSE(call.exceptions);
+}
+
+// Whatever waits next must find it readable, too.
+TEST_F(RunLoop, ThePauseLeavesTheByteInTheExitPipe) {
+    const exit_pipe_with_a_byte pipe;
+    fake_tav::state().failing_inits = 3;
+    os.select.ready({pipe.read_end()}).ready({pipe.read_end()});
+    os.select.ready({pipe.read_end()}, request_exit);
+    run();
+    EXPECT_EQ(pipe.bytes_left(), 1);
+    exit_requested = 0;
+    os.select.ready({pipe.read_end()}, request_exit); // the engine's
+    os.select.ready({pipe.read_end()});
+    run();
+    EXPECT_EQ(pipe.bytes_left(), 1);
+}
+
+TEST_F(RunLoop, AnExitPipeThatTheSetCannotHoldIsNotWaitedForInAPause) {
+    for (const int fd : {FD_SETSIZE, FD_SETSIZE + 1, FD_SETSIZE + 64, 2 * FD_SETSIZE}) {
+        exit_requested = 0;
+        exit_pipe[0] = fd;
+        fake_tav::state().failing_inits = 1;
+        os.select.timeout(request_exit);
+        run();
+        const auto &call = os.select.calls().back();
+        EXPECT_TRUE(call.reading.empty()) << fd;
+        EXPECT_LE(call.nfds, FD_SETSIZE) << fd;
+        EXPECT_TRUE(call.has_timeout);
+        EXPECT_EQ(call.seconds, 10);
+    }
+}
+
+TEST_F(RunLoop, TheHighestDescriptorThatTheSetCanHoldIsWaitedForInAPause) {
+    exit_pipe[0] = FD_SETSIZE - 1;
+    fake_tav::state().failing_inits = 1;
+    os.select.timeout(request_exit);
+    run();
+    EXPECT_EQ(os.select.calls().back().reading, std::vector<int>{FD_SETSIZE - 1});
+    EXPECT_EQ(os.select.calls().back().nfds, FD_SETSIZE);
 }
 
 TEST_F(RunLoop, FirstAndLastMessageAreAlwaysLogged) {
@@ -253,18 +295,40 @@ TEST_F(RunLoop, AFailedConnectDoesNotLetTheNextRefusalBeReportedAgain) {
     EXPECT_EQ(captured::log_count("Error: Can't connect to TAV, sleeping"), 1U);
 }
 
-TEST_F(RunLoop, AnEngineThatFailedClearsBothFlags) {
+struct engine_failure_t {
+    const char *name;
+    void (*arm)();
+};
+
+void PrintTo(const engine_failure_t &param, std::ostream *out) {
+    *out << param.name;
+}
+
+// Each for the first engine alone.
+const engine_failure_t engine_failures[] = {
+    {"OfItsSelect", [] { fake_os::state().select.timeout().fail(EBADF); }},
+    {"OfNetlinkInTheChannel", [] { fake_libnl::state().connect.then(-1); }},
+    {"OfNetlinkInTheEngine", [] { fake_libnl::state().send_simple.then(0); }},
+    {"OfMemory", [] { fake_libnl::state().failing_socket_allocs = 1; }},
+    {"OfAnyStandardKind",
+     [] {
+         fake_tav::on_call("watchdog_register", 1).runs([] { throw std::logic_error("text"); });
+     }},
+};
+
+class RunLoopFailure : public RunLoop, public ::testing::WithParamInterface<engine_failure_t> {};
+
+TEST_P(RunLoopFailure, ClearsBothFlags) {
     verbosity = 1;
     int inits = 0;
     os.before_mlr_init = [&inits] {
         ++inits;
         fake_tav::state().failing_inits = inits == 2 || inits == 4 ? 1 : 0;
     };
-    fake_tav::on_call("event_register", 1).statuses({2}); // pass 1
-    pause();
-    pause();           // pass 2: no connection
-    cycle();           // pass 3: the engine runs,
-    os.select.fail(5); // and fails
+    fake_tav::on_call("event_register", 1).statuses({2});
+    pause();          // pass 1: refused
+    pause();          // pass 2: no connection
+    GetParam().arm(); // pass 3: the engine fails
     pause();
     pause(); // pass 4: no connection, reported again
     fake_tav::on_call("event_register", 3).statuses({2});
@@ -273,6 +337,9 @@ TEST_F(RunLoop, AnEngineThatFailedClearsBothFlags) {
     EXPECT_EQ(captured::log_count("Error: Can't register for settings"), 2U);
     EXPECT_EQ(captured::log_count("Error: Can't connect to TAV, sleeping"), 2U);
 }
+
+INSTANTIATE_TEST_SUITE_P(All, RunLoopFailure, ::testing::ValuesIn(engine_failures),
+                         [](const auto &test) { return std::string(test.param.name); });
 
 TEST_F(RunLoop, APassAfterARefusalPausesOnceAndAPassAfterAFailedConnectToo) {
     fake_tav::on_call("event_register", 1).statuses({2});

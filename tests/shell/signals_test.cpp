@@ -1,6 +1,7 @@
 // Termination signals, faults and the backtrace.
 #include "shell/signals.h"
 
+#include <cerrno>
 #include <csignal>
 #include <string>
 #include <vector>
@@ -79,6 +80,18 @@ TEST_F(Signals, TerminationSignalsRequestTheExitAndWriteOneZeroByte) {
     }
     EXPECT_TRUE(captured::log().empty());
     EXPECT_EQ(captured::standard_error(), "");
+}
+
+TEST_F(Signals, TheInterruptedCodesErrorNumberIsPreserved) {
+    register_handlers();
+    fake_os::state().write.clear();
+    fake_os::state().write.returns(-1, EAGAIN);
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+        errno = EINTR;
+        signal_handler(signal);
+        EXPECT_EQ(errno, EINTR) << signal;
+    }
+    EXPECT_EQ(journal::count("write("), 4U);
 }
 
 TEST_F(Signals, TwoOfThemWriteTwoBytes) {
@@ -171,6 +184,29 @@ TEST_F(Backtrace, FaultsAreNamedOnStandardErrorAndInTheSystemLogAndEndInAbort) {
                                                             {LOG_CRIT, "Backtrace:"},
                                                             {LOG_CRIT, "[0]  CSync::listen()\n"}}));
         EXPECT_EQ(exit_requested, 0);
+    }
+}
+
+// The system log may be what fails or hangs.
+TEST_F(Backtrace, EveryTextIsOnStandardErrorBeforeItIsInTheSystemLog) {
+    for (const int signal : {SIGILL, SIGFPE, SIGSEGV}) {
+        captured::clear();
+        arm({"./tandrel(_ZN5CSync6listenEv+0x1f) [0x55]", "[0x7ffd]"});
+        entries_t at_each_call;
+        captured::on_log([&at_each_call] { at_each_call.push_back(captured::standard_error()); });
+        fake_os::ending_of([signal] {
+            signal_handler(signal);
+            return 0;
+        });
+        captured::on_log(nullptr);
+        const auto texts = captured::log_texts();
+        ASSERT_EQ(texts.size(), 4U);
+        ASSERT_EQ(at_each_call.size(), 4U);
+        std::string so_far;
+        for (std::size_t i = 0; i < texts.size(); ++i) {
+            so_far += texts[i] + (texts[i].back() == '\n' ? "" : "\n");
+            EXPECT_EQ(at_each_call[i], so_far) << signal;
+        }
     }
 }
 
