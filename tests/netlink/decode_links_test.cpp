@@ -169,6 +169,24 @@ TEST_F(DecodeLinks, ANameWithoutItsNulEndsWithTheDatagram) {
     EXPECT_EQ(links[0].name, "eth0");
 }
 
+TEST_F(DecodeLinks, ANameMayBeOfAnyLength) {
+    // 15 characters are the most that the kernel itself gives a link.
+    for (const std::size_t size : {15U, 16U, 17U, 31U, 255U, 5000U}) {
+        const std::string name(size, 'x');
+        const auto links = decoded(datagram_t().link(RTM_NEWLINK, 2, name));
+        ASSERT_EQ(links.size(), 1U) << size;
+        EXPECT_EQ(links[0].name, name);
+    }
+}
+
+TEST_F(DecodeLinks, ATrailingEndOfDumpIsIgnoredWithItsLogLine) {
+    verbosity = 2;
+    const auto links = decoded(datagram_t().link(RTM_NEWLINK, 2, "eth0").done());
+    ASSERT_EQ(links.size(), 1U);
+    EXPECT_EQ(captured::log_texts(),
+              (std::vector<std::string>{"Info: Ignoring unknown interface type 0"}));
+}
+
 TEST_F(DecodeLinks, SixBytesOfAHardwareAddressAreReadWhateverItsLength) {
     // Two bytes, then (as padding and next attribute) what stands behind them.
     const bytes_t bytes =

@@ -149,4 +149,23 @@ TEST_F(DecodeRoutes, FourBytesOfAnInterfaceAreReadWhateverTheAttributesLength) {
     EXPECT_EQ(routes[0].ifindex, wanted);
 }
 
+TEST_F(DecodeRoutes, ATrailingEndOfDumpIsSkippedWithItsLogLine) {
+    verbosity = 2;
+    const auto routes = decoded(datagram_t().route(RTM_NEWROUTE, 2, "fe80::1").done());
+    ASSERT_EQ(routes.size(), 1U);
+    EXPECT_EQ(captured::log_texts(),
+              (std::vector<std::string>{"Info: Skipping route msg with no idx"}));
+}
+
+// It is a message like every other.
+TEST_F(DecodeRoutes, AnEndOfDumpWithAttributesIsARoute) {
+    const rtmsg header{};
+    const auto routes = decoded(datagram_t()
+                                    .route(RTM_NEWROUTE, 2, "fe80::1")
+                                    .message(NLMSG_DONE, &header, sizeof header)
+                                    .attribute(RTA_OIF, 3));
+    ASSERT_EQ(routes.size(), 2U);
+    EXPECT_EQ(routes[1].ifindex, 3);
+}
+
 } // namespace

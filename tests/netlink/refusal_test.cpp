@@ -2,9 +2,12 @@
 #include "netlink/refusal.h"
 
 #include <cerrno>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string>
 
+#include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 
@@ -86,6 +89,27 @@ TEST_F(Refusal, IsNotAnAcknowledgement) {
     EXPECT_FALSE(decoded(whole));
 }
 
+TEST_F(Refusal, OfWhichTheKernelKeptTheRequestBackTellsNothing) {
+    for (const auto &request : {route_request(true), addr_request(true)}) {
+        bytes_t capped = datagram_t().error(-EEXIST, request);
+        ASSERT_TRUE(decoded(capped));
+        const std::uint16_t flags = NLM_F_CAPPED | NLM_F_ACK_TLVS;
+        std::memcpy(capped.data() + offsetof(nlmsghdr, nlmsg_flags), &flags, sizeof flags);
+        EXPECT_FALSE(decoded(capped));
+        const std::uint16_t others = NLM_F_ACK_TLVS;
+        std::memcpy(capped.data() + offsetof(nlmsghdr, nlmsg_flags), &others, sizeof others);
+        EXPECT_TRUE(decoded(capped));
+    }
+}
+
+TEST_F(Refusal, CarriesANegativeErrorNumber) {
+    for (const auto &request : {route_request(true), addr_request(true)}) {
+        for (const int error : {1, EEXIST, 0x7fffffff}) {
+            EXPECT_FALSE(decoded(datagram_t().error(error, request))) << error;
+        }
+    }
+}
+
 TEST_F(Refusal, OfADumpIsNobodysConcern) {
     channel.request_links();
     channel.request_addrs();
@@ -122,11 +146,69 @@ TEST_F(Refusal, IsReadAlsoWithAttributesBehindTheRequest) {
     expect_addr(refusal->route.gateway, "fe80::1");
 }
 
+// NLMSGERR_ATTR_MSG and IFA_ADDRESS are both 1, and so on: what follows would be misread.
+TEST_F(Refusal, DoesNotReadAttributesBehindTheRequestAsTheRequests) {
+    const auto address = decoded(
+        datagram_t().error(-EEXIST, addr_request(true)).attribute(1, addr("2001:db8::bad")));
+    ASSERT_TRUE(address);
+    expect_addr(address->addr.addr, "2001:db8::5");
+    const auto route = decoded(datagram_t()
+                                   .error(-EEXIST, route_request(true))
+                                   .attribute(RTA_DST, addr("2001:db8::bad"))
+                                   .attribute(RTA_OIF, 99)
+                                   .attribute(RTA_GATEWAY, addr("2001:db8::bad")));
+    ASSERT_TRUE(route);
+    EXPECT_EQ(route->route.ifindex, 7);
+    expect_addr(route->route.gateway, "fe80::1");
+    expect_addr(route->route.dst, "::");
+}
+
+// A refused request of nothing but `size` zeros as its family header, and `behind` it.
+bytes_t refusal_followed_by(int type, std::size_t size, const bytes_t &behind) {
+    bytes_t all = datagram_t().error(-EEXIST, {type, 0, bytes_t(size, 0)});
+    all.insert(all.end(), behind.begin(), behind.end());
+    return all;
+}
+
+TEST_F(Refusal, EndsWithTheRequestsOwnLength) {
+    verbosity = 9;
+    const bytes_t address = datagram_t().address(RTM_NEWADDR, 2, "2001:db8::bad", 64);
+    const bytes_t route = datagram_t().route(RTM_NEWROUTE, 2, "2001:db8::bad");
+    // No record of another message, and one message alone is looked at.
+    EXPECT_FALSE(decoded(refusal_followed_by(RTM_NEWADDR, sizeof(ifaddrmsg), address)));
+    EXPECT_EQ(captured::log().size(), 1U);
+    captured::clear();
+    EXPECT_FALSE(decoded(refusal_followed_by(RTM_NEWROUTE, sizeof(rtmsg), route)));
+    EXPECT_EQ(captured::log().size(), 1U);
+    // No attribute.
+    EXPECT_FALSE(decoded(
+        datagram_t().error(-EEXIST, {RTM_NEWADDR, 0, bytes_t(8, 0)}).attribute(1, addr("::bad"))));
+    // No payload: the request's last attribute has none, and zeros are read for it.
+    message_t bare = addr_request(true);
+    const rtattr empty{sizeof(rtattr), IFA_ADDRESS};
+    bare.body.resize(sizeof(ifaddrmsg));
+    bare.body.resize(sizeof(ifaddrmsg) + sizeof empty);
+    std::memcpy(bare.body.data() + sizeof(ifaddrmsg), &empty, sizeof empty);
+    const auto refusal =
+        decoded(datagram_t().error(-EEXIST, bare).attribute(1, addr("2001:db8::bad")));
+    ASSERT_TRUE(refusal);
+    expect_addr(refusal->addr.addr, "::");
+}
+
 TEST_F(Refusal, LogsNothing) {
     const bytes_t datagram = datagram_t().error(-ENETDOWN, route_request(true));
     verbosity = 9;
     captured::clear();
     decoded(datagram);
+    EXPECT_TRUE(captured::log().empty());
+}
+
+TEST_F(Refusal, LogsNothingOfWhatTheKernelAddedBehindTheRequest) {
+    const bytes_t datagram =
+        datagram_t().error(-EINVAL, addr_request(true)).attribute(1, "IPv6: address already here");
+    verbosity = 9;
+    captured::clear();
+    EXPECT_TRUE(decoded(datagram));
     EXPECT_TRUE(captured::log().empty());
 }
 

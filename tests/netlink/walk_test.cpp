@@ -3,6 +3,8 @@
 #include "netlink/decode.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <ostream>
 #include <sstream>
@@ -70,6 +72,11 @@ findings_t routes(const exact_buffer &buffer) {
 struct decoder_t {
     const char *name;
     findings_t (*decode)(const exact_buffer &);
+    std::size_t headers; // bytes in front of the first attribute
+    // Bytes of the last attribute of `append`, with its padding. Without it a message is skipped
+    // with the line `skipped`.
+    std::size_t last;
+    const char *skipped;
     // A message with everything that the decoder reads.
     datagram_t &(*append)(datagram_t &, int ifindex);
 };
@@ -79,15 +86,15 @@ void PrintTo(const decoder_t &param, std::ostream *out) {
 }
 
 const decoder_t decoders[] = {
-    {"Links", links,
+    {"Links", links, 32, 12, "Info: Skipping link msg with no addr/name",
      [](datagram_t &to, int ifindex) -> datagram_t & {
          return to.link(RTM_NEWLINK, ifindex, "eth0", {2, 3, 4, 5, 6, 7});
      }},
-    {"Addrs", addrs,
+    {"Addrs", addrs, 24, 20, "Info: Skipping addr msg with no addr",
      [](datagram_t &to, int ifindex) -> datagram_t & {
          return to.address(RTM_NEWADDR, ifindex, "2001:db8::5:6", 64, 253);
      }},
-    {"Routes", routes,
+    {"Routes", routes, 28, 8, "Info: Skipping route msg with no idx",
      [](datagram_t &to, int ifindex) -> datagram_t & {
          return to.route(RTM_NEWROUTE, ifindex, "fe80::1:2", 4, "2001:db8:1::", 48);
      }},
@@ -209,9 +216,7 @@ TEST_P(Walk, AttributesBehindABadOneAreNotSeen) {
         // The bad attribute stands in front of everything.
         const bytes_t good = one();
         bytes_t bad = good;
-        const std::size_t first = GetParam().decode == links   ? 32
-                                  : GetParam().decode == addrs ? 24
-                                                               : 28;
+        const std::size_t first = GetParam().headers;
         std::memcpy(bad.data() + first, &length, sizeof length);
         bytes_t bare = good;
         bare.resize(first);
@@ -222,8 +227,7 @@ TEST_P(Walk, AttributesBehindABadOneAreNotSeen) {
 }
 
 TEST_P(Walk, AnAttributeThatIsOneByteTooLongForItsMessageIsNotSeen) {
-    // With its padding, the last attribute that the decoder reads.
-    const std::size_t last = GetParam().decode == links ? 12 : GetParam().decode == addrs ? 20 : 8;
+    const std::size_t last = GetParam().last;
     const bytes_t bad = one().set_attribute_length(static_cast<std::uint16_t>(last + 1));
     bytes_t bare = bad;
     bare.resize(bad.size() - last);
@@ -239,6 +243,67 @@ TEST_P(Walk, AnAttributeMayFillItsMessageToTheLastByte) {
     datagram.attribute(77, "x", 1);
     datagram.set_message_length(static_cast<std::uint32_t>(datagram.bytes().size() - 3));
     EXPECT_EQ(decode(datagram), decode(one()));
+}
+
+// Its payload is then what stands behind it: here the end of the datagram, so zeros.
+TEST_P(Walk, AnAttributeOfNothingButItsHeaderIsSeenAtTheVeryEnd) {
+    const std::size_t payload = GetParam().last - sizeof(rtattr);
+    bytes_t zeros = one();
+    std::fill(zeros.end() - static_cast<std::ptrdiff_t>(payload), zeros.end(), 0);
+    datagram_t empty = one();
+    const std::size_t size = empty.bytes().size() - payload;
+    empty.set_attribute_length(sizeof(rtattr)).cut(size);
+    empty.set_message_length(static_cast<std::uint32_t>(size));
+    EXPECT_EQ(decode(empty), decode(zeros));
+    EXPECT_EQ(decode(empty, true), decode(zeros));
+    EXPECT_NE(decode(empty), findings_t{GetParam().skipped});
+}
+
+TEST_P(Walk, AMessageShorterThanItsHeadersHasNoAttributes) {
+    EXPECT_EQ(decode(one().set_message_length(0)), findings_t{GetParam().skipped});
+    // The step leads into the family header, to zeros, and ends there.
+    for (std::uint32_t length = NLMSG_HDRLEN + 1; length <= GetParam().headers - 4; ++length) {
+        bytes_t datagram = one().set_message_length(length);
+        const auto family_header = datagram.begin() + NLMSG_HDRLEN;
+        const auto attributes = datagram.begin() + static_cast<std::ptrdiff_t>(GetParam().headers);
+        std::fill(family_header + 4, attributes, 0);
+        const auto found = decode(datagram);
+        ASSERT_EQ(found.size(), 2U) << length;
+        EXPECT_EQ(found[0], GetParam().skipped) << length; // records would stand in front
+    }
+    // No attribute fits in here either.
+    for (std::uint32_t more = 0; more < sizeof(rtattr); ++more) {
+        bytes_t datagram =
+            one().set_message_length(static_cast<std::uint32_t>(GetParam().headers) + more);
+        datagram.resize(GetParam().headers + more);
+        EXPECT_EQ(decode(datagram), findings_t{GetParam().skipped}) << more;
+    }
+}
+
+// Unsigned for the attributes, although no step leads on from such a message.
+TEST_P(Walk, AnEnormousLengthStillCoversTheMessagesAttributes) {
+    for (const std::uint32_t length : {0x7ffffff0U, 0x7ffffffdU, 0x7fffffffU, 0x80000000U,
+                                       0x80000001U, 0xfffffff0U, 0xfffffffdU, 0xffffffffU}) {
+        EXPECT_EQ(decode(one().set_message_length(length)), decode(one())) << length;
+        datagram_t behind = one().set_message_length(length);
+        GetParam().append(behind, 3);
+        const auto found = decode(behind);
+        ASSERT_EQ(found.size(), 1U) << length;
+        EXPECT_NE(found[0], GetParam().skipped) << length;
+    }
+}
+
+TEST_P(Walk, AnAttributesTypeIsTakenWithItsFlags) {
+    for (const int flags :
+         {NLA_F_NESTED, NLA_F_NET_BYTEORDER, int{NLA_F_NESTED} | int{NLA_F_NET_BYTEORDER}}) {
+        bytes_t datagram = one();
+        const std::size_t at = datagram.size() - GetParam().last + sizeof(std::uint16_t);
+        std::uint16_t type = 0;
+        std::memcpy(&type, datagram.data() + at, sizeof type);
+        type = static_cast<std::uint16_t>(type | flags);
+        std::memcpy(datagram.data() + at, &type, sizeof type);
+        EXPECT_EQ(decode(datagram), findings_t{GetParam().skipped}) << flags;
+    }
 }
 
 TEST_P(Walk, ANegativeLengthIsAnEmptyDatagram) {
