@@ -49,6 +49,8 @@ struct Engine : CSync {
     using CSync::write_tav_ipv6_gateway;
 
     using CSync::sync_all;
+    using CSync::sync_kernel_with_tav;
+    using CSync::sync_tav_with_kernel;
 
     using CSync::check_discovery_time;
 

@@ -95,15 +95,6 @@ public:
         }
     }
 
-    // What the outputs are filled with beside injected statuses.
-    const CElement &value() const { return injection->value_given(); }
-    template <typename Item>
-    void shorten(std::vector<api_status_t> &statuses, std::vector<Item> &values) const {
-        if (injection != nullptr) {
-            statuses.resize(std::min(statuses.size(), injection->statuses_kept()));
-            values.resize(std::min(values.size(), injection->values_kept()));
-        }
-    }
     bool replaced() const { return injection != nullptr && injection->replaces(); }
     int result() const { return injection->value(); }
     void give(api_status_t &status) const {
@@ -121,6 +112,14 @@ public:
             statuses.push_back(injection->status(i));
         }
         return true;
+    }
+    // The element that replaces a value which the call had no reason to give.
+    void fill(CElement &value) const { value = injection->filling().get_value_or(value); }
+    template <typename Item>
+    void shorten(std::vector<Item> &outputs) const {
+        if (injection != nullptr && outputs.size() > injection->longest_output()) {
+            outputs.resize(injection->longest_output());
+        }
     }
 
 private:
@@ -149,9 +148,8 @@ injection_t &injection_t::fills(CElement value) {
     return *this;
 }
 
-injection_t &injection_t::shortens(std::size_t statuses_kept, std::size_t values_kept) {
-    most_statuses = statuses_kept;
-    most_values = values_kept;
+injection_t &injection_t::shortens(std::size_t items) {
+    output_limit = items;
     return *this;
 }
 
@@ -282,6 +280,7 @@ int CTav::get_leaf(const tk_string &path, api_status_t &status, CElement &value,
     const arrival_t arrival({"get_leaf", {path}, {}, {}, "", handle});
     if (arrival.replaced()) {
         arrival.give(status);
+        arrival.fill(value);
         return arrival.result();
     }
     value = CElement();
@@ -296,6 +295,9 @@ int CTav::get_leaves(const std::vector<tk_string> &paths, std::vector<api_status
     if (arrival.replaced()) {
         if (arrival.give(statuses, paths.size())) {
             values.assign(paths.size(), CElement());
+            for (CElement &value : values) {
+                arrival.fill(value);
+            }
             properties.assign(paths.size(), element_property_none);
         }
         return arrival.result();
@@ -306,6 +308,9 @@ int CTav::get_leaves(const std::vector<tk_string> &paths, std::vector<api_status
     for (std::size_t i = 0; i < paths.size(); ++i) {
         statuses[i] = inside().tree.read_leaf(paths[i], values[i]);
     }
+    arrival.shorten(statuses);
+    arrival.shorten(values);
+    arrival.shorten(properties);
     return 0;
 }
 
@@ -358,6 +363,7 @@ int CTav::set_leaves(const std::vector<tk_string> &paths, const std::vector<CEle
             statuses[i] = api_status_wrong_kind;
         }
     }
+    arrival.shorten(statuses);
     return 0;
 }
 

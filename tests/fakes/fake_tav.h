@@ -40,6 +40,10 @@ public:
     // The call gives these statuses, one for each path (the last one serves the rest too), and has
     // no effect; its result is 0 unless returns() says otherwise.
     injection_t &statuses(std::vector<int> values);
+    // Beside injected statuses of a read: its values are this element, whatever the statuses say.
+    injection_t &fills(toolkit::CElement value);
+    // The call does its work, and then each vector that it gives keeps so many items at most.
+    injection_t &shortens(std::size_t items);
     // Runs first; may throw, or change the tree under the call. Alone it leaves the call its work.
     injection_t &runs(std::function<void()> action);
 
@@ -48,10 +52,14 @@ public:
     int value() const { return result ? *result : 0; }
     bool has_statuses() const { return !status_values.empty(); }
     api_status_t status(std::size_t i) const;
+    const boost::optional<toolkit::CElement> &filling() const { return element; }
+    std::size_t longest_output() const { return output_limit; }
 
 private:
     boost::optional<int> result;
     std::vector<int> status_values;
+    boost::optional<toolkit::CElement> element;
+    std::size_t output_limit = static_cast<std::size_t>(-1);
     std::function<void()> before;
 };
 
