@@ -199,6 +199,7 @@ TEST_F(EventLoop, WithoutAStoreConnectionTheNetlinkSocketIsServedAllTheSame) {
         fake_libnl::queue_datagram(fake_libnl::datagram_t().link(RTM_NEWLINK, 2, "veth0"));
         os.select.ready({fd});
         EXPECT_EQ(listen_once(), 0);
+        ASSERT_FALSE(os.select.calls().empty());
         EXPECT_EQ(os.select.calls().back().reading, (std::vector<int>{fd, exit_fd}));
         EXPECT_EQ(os.select.calls().back().nfds, exit_fd + 1);
         EXPECT_EQ(journal::entries(), (entries_t{"select(30)", "watchdog_ping()", "nl_recv()"}));

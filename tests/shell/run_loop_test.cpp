@@ -119,6 +119,7 @@ TEST_F(RunLoop, AnExitPipeThatTheSetCannotHoldIsNotWaitedForInAPause) {
         fake_tav::state().failing_inits = 1;
         os.select.timeout(request_exit);
         run();
+        ASSERT_FALSE(os.select.calls().empty());
         const auto &call = os.select.calls().back();
         EXPECT_TRUE(call.reading.empty()) << fd;
         EXPECT_LE(call.nfds, FD_SETSIZE) << fd;
@@ -132,6 +133,7 @@ TEST_F(RunLoop, TheHighestDescriptorThatTheSetCanHoldIsWaitedForInAPause) {
     fake_tav::state().failing_inits = 1;
     os.select.timeout(request_exit);
     run();
+    ASSERT_FALSE(os.select.calls().empty());
     EXPECT_EQ(os.select.calls().back().reading, std::vector<int>{FD_SETSIZE - 1});
     EXPECT_EQ(os.select.calls().back().nfds, FD_SETSIZE);
 }
