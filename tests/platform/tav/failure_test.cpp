@@ -217,12 +217,14 @@ TEST_F(FailureTest, AnInterruptedCallGoesOn) {
     ::sigaction(SIGALRM, &action, &previous);
     const itimerval often{{0, 500}, {0, 500}};
     ::setitimer(ITIMER_REAL, &often, nullptr);
+    int failed = 0;
     for (int i = 0; i < 2000; ++i) {
-        ASSERT_EQ(call(), 0);
+        failed += call() == 0 ? 0 : 1;
     }
     const itimerval never{};
     ::setitimer(ITIMER_REAL, &never, nullptr);
     ::sigaction(SIGALRM, &previous, nullptr);
+    EXPECT_EQ(failed, 0);
 }
 
 TEST_F(FailureTest, ConnectingToAHangingServiceFailsAfterTheTimeLimit) {

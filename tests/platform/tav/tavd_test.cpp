@@ -286,6 +286,31 @@ TEST_F(MisbehaviourTest, ATicketIsGoodForOneWakeUpConnection) {
     EXPECT_FALSE(client.calls.receive().empty());
 }
 
+TEST_F(MisbehaviourTest, AGuessedTicketIsNoGood) {
+    const tav::Hello hello{tav::magic, tav::protocol_version};
+    RawPeer calls(socket);
+    calls.send(request_frame(Op::hello, [&hello](Writer &out) { put(out, hello); }));
+    const std::string body = calls.receive();
+    tav::Reader reader(body);
+    tav::ReplyHeader header;
+    tav::Ticket ticket;
+    get(reader, header);
+    get(reader, ticket);
+    ASSERT_TRUE(reader.finished());
+    const auto attach = [&hello](const tav::Ticket &shown) {
+        return request_frame(Op::attach, [&hello, &shown](Writer &out) {
+            put(out, hello);
+            put(out, shown);
+        });
+    };
+    RawPeer thief(socket);
+    thief.send(attach(tav::Ticket{ticket.session, ticket.token ^ 1U}));
+    EXPECT_TRUE(thief.receive().empty());
+    RawPeer owner(socket);
+    owner.send(attach(ticket));
+    EXPECT_FALSE(owner.receive().empty());
+}
+
 TEST_F(MisbehaviourTest, ACallBeforeTheWakeUpConnectionIsRefused) {
     RawPeer calls(socket);
     calls.send(request_frame(Op::hello, [](Writer &out) {
