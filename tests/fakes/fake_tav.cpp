@@ -115,14 +115,27 @@ public:
     }
     // The element that replaces a value which the call had no reason to give.
     void fill(CElement &value) const { value = injection->filling().get_value_or(value); }
-    template <typename Item>
-    void shorten(std::vector<Item> &outputs) const {
-        if (injection != nullptr && outputs.size() > injection->longest_output()) {
-            outputs.resize(injection->longest_output());
+    void shorten(std::vector<api_status_t> &statuses) const {
+        if (injection != nullptr) {
+            shorten(statuses, injection->most_statuses());
+        }
+    }
+    void shorten(std::vector<CElement> &values) const {
+        if (injection != nullptr) {
+            shorten(values, injection->most_values());
         }
     }
 
 private:
+    // Into memory of the exact size, so that the address sanitizer sees each look beyond the end.
+    template <typename Item>
+    static void shorten(std::vector<Item> &items, std::size_t most) {
+        if (items.size() > most) {
+            const auto end = items.begin() + static_cast<std::ptrdiff_t>(most);
+            std::vector<Item>(items.begin(), end).swap(items);
+        }
+    }
+
     std::unique_ptr<injection_t> injection;
 };
 
@@ -148,8 +161,13 @@ injection_t &injection_t::fills(CElement value) {
     return *this;
 }
 
-injection_t &injection_t::shortens(std::size_t items) {
-    output_limit = items;
+injection_t &injection_t::shortens_statuses(std::size_t items) {
+    status_limit = items;
+    return *this;
+}
+
+injection_t &injection_t::shortens_values(std::size_t items) {
+    value_limit = items;
     return *this;
 }
 
@@ -310,7 +328,6 @@ int CTav::get_leaves(const std::vector<tk_string> &paths, std::vector<api_status
     }
     arrival.shorten(statuses);
     arrival.shorten(values);
-    arrival.shorten(properties);
     return 0;
 }
 

@@ -42,8 +42,10 @@ public:
     injection_t &statuses(std::vector<int> values);
     // Beside injected statuses of a read: its values are this element, whatever the statuses say.
     injection_t &fills(toolkit::CElement value);
-    // The call does its work, and then each vector that it gives keeps so many items at most.
-    injection_t &shortens(std::size_t items);
+    // The call does its work, and then the vector of statuses, or that of values, keeps so many
+    // items at most.
+    injection_t &shortens_statuses(std::size_t items);
+    injection_t &shortens_values(std::size_t items);
     // Runs first; may throw, or change the tree under the call. Alone it leaves the call its work.
     injection_t &runs(std::function<void()> action);
 
@@ -53,13 +55,16 @@ public:
     bool has_statuses() const { return !status_values.empty(); }
     api_status_t status(std::size_t i) const;
     const boost::optional<toolkit::CElement> &filling() const { return element; }
-    std::size_t longest_output() const { return output_limit; }
+    std::size_t most_statuses() const { return status_limit; }
+    std::size_t most_values() const { return value_limit; }
 
 private:
+    static constexpr std::size_t no_limit = static_cast<std::size_t>(-1);
+
     boost::optional<int> result;
     std::vector<int> status_values;
     boost::optional<toolkit::CElement> element;
-    std::size_t output_limit = static_cast<std::size_t>(-1);
+    std::size_t status_limit = no_limit, value_limit = no_limit;
     std::function<void()> before;
 };
 

@@ -98,9 +98,17 @@ TEST_F(RemoveKernelRoute, ARefusedRemovalClearsTheTableAllTheSame) {
     EXPECT_EQ(gateway(5), "");
 }
 
-TEST_F(RemoveKernelRoute, AFailedStoreIsAnError) {
+TEST_F(RemoveKernelRoute, OneWithoutAGatewayIsNotTheKnownOneEvenIfThatHasNoneEither) {
+    know_gateway(5, "::");
+    engine().remove_kern_route_from_tav(kern_route(5, "::"));
+    EXPECT_EQ(effects(), strings{});
+    EXPECT_EQ(gateway(5), "::");
+}
+
+TEST_F(RemoveKernelRoute, AFailedStoreIsAnErrorAndTheTableKeepsTheGateway) {
     fake_tav::on_call("remove_node").returns(-1);
     EXPECT_THROW(engine().remove_kern_route_from_tav(kern_route(5, "fe80::1")), sync_err);
+    EXPECT_EQ(gateway(5), "fe80::1");
 }
 
 class RemoveKernelAddress : public EngineTest {
@@ -154,9 +162,11 @@ TEST_F(RemoveKernelAddress, ARefusedRemovalErasesTheEntryAllTheSame) {
     EXPECT_EQ(table(5), (strings{"fe80::1/64 Link-Local 1", "2001:db8::6/64 Static 3"}));
 }
 
-TEST_F(RemoveKernelAddress, AFailedStoreIsAnError) {
+TEST_F(RemoveKernelAddress, AFailedStoreIsAnErrorAndTheTableKeepsTheAddress) {
+    const strings before = table(5);
     fake_tav::on_call("remove_node").returns(-1);
     EXPECT_THROW(engine().remove_kern_addr_from_tav(kern_addr(5, "2001:db8::5", 64)), sync_err);
+    EXPECT_EQ(table(5), before);
 }
 
 } // namespace

@@ -68,6 +68,16 @@ TEST_F(ReadGateway, FindsNoneWhereTheStoreHasNone) {
     EXPECT_FALSE(read()) << "any status but 1 means that there is none";
 }
 
+TEST_F(ReadGateway, TheStatusIsJudgedBeforeTheValue) {
+    verbosity = 4;
+    for (const CElement &value : {CElement("fe80::1", -1), number_element("5")}) {
+        forget();
+        fake_tav::on_call("get_leaf").statuses({api_status_absent}).fills(value);
+        EXPECT_FALSE(read());
+        EXPECT_EQ(lines().back(), "No gateway specified.");
+    }
+}
+
 TEST_F(ReadGateway, AFailedCallIsAnError) {
     fake_tav::put(leaf, "fe80::1");
     fake_tav::on_call("get_leaf").returns(-7).statuses({1});
@@ -90,6 +100,13 @@ TEST_F(ReadGateway, AcceptsAPrefixLengthThoughNoneIsNeeded) {
     ASSERT_TRUE(route);
     EXPECT_EQ(text_of(route->gateway), "fe80::1");
     EXPECT_EQ(route->dst_len, 0);
+}
+
+TEST_F(ReadGateway, ItsTextIsLoggedBeforeItIsConverted) {
+    fake_tav::put(leaf, "nonsense");
+    verbosity = 4;
+    EXPECT_THROW(read(), sync_addr_err);
+    EXPECT_EQ(lines().back(), "Read TAV gateway address 'nonsense' on '" + ipv6 + "'");
 }
 
 TEST_F(ReadGateway, ABadTextIsAnAddressError) {
@@ -161,6 +178,34 @@ TEST_F(ReadAddress, AValueOfAnotherTypeIsAMinorErrorThatNamesItsLeaf) {
     fake_tav::put(node + "/Address/Value", "2001:db8::5/64");
     EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
               std::string(addr_signature) + ": '" + node + "/Type/Value' is not a string type");
+}
+
+TEST_F(ReadAddress, TheStatusesAreJudgedBeforeTheValues) {
+    for (const CElement &value : {CElement("2001:db8::5/64", -1), number_element("5")}) {
+        fake_tav::on_call("get_leaves").statuses({1, 2}).fills(value);
+        EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
+                  std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned 0/1/2");
+        fake_tav::on_call("get_leaves").statuses({5, 1}).fills(value);
+        EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
+                  std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned 0/5/1");
+    }
+}
+
+// The address sanitizer sees a look beyond the end.
+TEST_F(ReadAddress, AnAnswerForFewerLeavesIsAMinorError) {
+    store(1, "7", "2001:db8::5/64", "Static");
+    const std::string returned =
+        std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned ";
+    fake_tav::on_call("get_leaves").shortens_statuses(1);
+    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }), returned + "0/1/0");
+    fake_tav::on_call("get_leaves").shortens_statuses(0);
+    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }), returned + "0/0/0");
+    fake_tav::on_call("get_leaves").shortens_values(1);
+    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
+              std::string(addr_signature) + ": '" + node + "/Type/Value' is not a string type");
+    fake_tav::on_call("get_leaves").shortens_values(0);
+    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
+              std::string(addr_signature) + ": '" + node + "/Address/Value' is not a string type");
 }
 
 TEST_F(ReadAddress, AnAddressWithoutPrefixLengthIsRefused) {
@@ -244,6 +289,15 @@ TEST_F(ReadAddresses, PassOverLeavesWithoutAWord) {
     for (const auto &line : lines()) {
         EXPECT_EQ(line.find("note"), std::string::npos) << line;
     }
+}
+
+TEST_F(ReadAddresses, LeavesOfEveryTypeArePassedOver) {
+    for (const element_type_t type :
+         {element_type_none, element_type_boolean, element_type_integer, element_type_string}) {
+        fake_tav::put(ipv6 + "/Addresses/" + std::to_string(type), CElement(type, "1", -1));
+    }
+    EXPECT_EQ(read(), strings{});
+    EXPECT_EQ(effects(), strings{"list_node(~/1/IPv6/Addresses)"});
 }
 
 TEST_F(ReadAddresses, ABadOneIsLoggedAtLevelTwoAndTheOthersAreKept) {

@@ -25,7 +25,10 @@ TEST_F(ReadInterface, NamesTheKernelInterfaceOneBelowItsNumber) {
     EXPECT_EQ(read("2").iface.name, "eth1");
     EXPECT_EQ(read("12").iface.name, "eth11");
     EXPECT_EQ(read("12").iface.number, 12);
-    EXPECT_EQ(read("01").iface.name, "eth0");
+    for (const std::string another_one : {"01", " 1", "+1"}) {
+        EXPECT_EQ(read(another_one).iface.name, "eth0") << '"' << another_one << '"';
+        EXPECT_EQ(read(another_one).iface.number, 1) << '"' << another_one << '"';
+    }
     restart("lan");
     EXPECT_EQ(read("3").iface.name, "lan2");
 }
@@ -58,6 +61,12 @@ TEST_F(ReadInterface, ReadsUnderTheNameThatIsListed) {
 TEST_F(ReadInterface, IsAnnouncedAtLevelFour) {
     expect_logged_at(4, 6, "Info: Discovering IPv6 TAV settings on interface '1'",
                      [this] { read("1"); });
+}
+
+TEST_F(ReadInterface, IsAnnouncedBeforeItsNameIsJudged) {
+    verbosity = 4;
+    EXPECT_THROW(read("eth"), sync_minor_err);
+    EXPECT_EQ(record(), strings{"6 Info: Discovering IPv6 TAV settings on interface 'eth'"});
 }
 
 TEST_F(ReadInterface, ANameThatIsNoPositiveNumberIsAMinorErrorWithoutSignature) {
@@ -130,6 +139,17 @@ TEST_F(ReadAll, TwoNodesBeforeALeafHaveTheKeysZeroAndOne) {
     fake_tav::put_node(at("2"));
     fake_tav::put(at("leaf"), "text");
     EXPECT_EQ(read(), (map{{0, "1 eth0 0"}, {1, "2 eth1 0"}}));
+}
+
+TEST_F(ReadAll, LeavesOfEveryTypeArePassedOver) {
+    int number = 0;
+    for (const element_type_t type :
+         {element_type_none, element_type_boolean, element_type_integer, element_type_string}) {
+        ++number;
+        fake_tav::put(at(std::to_string(number)), toolkit::CElement(type, "1", -1));
+    }
+    EXPECT_EQ(read(), map{});
+    EXPECT_EQ(effects(), strings{"list_node(~)"});
 }
 
 TEST_F(ReadAll, AnEmptyStoreYieldsAnEmptyMapOfElevenBuckets) {

@@ -162,6 +162,25 @@ TEST_F(WriteAddress, EachRefusedPathIsLoggedInOrderAtLevelTwo) {
     });
 }
 
+TEST_F(WriteAddress, APathOfStatusZeroWasNotWritten) {
+    verbosity = 2;
+    fake_tav::on_call("set_leaves").statuses({0, 1});
+    write(3);
+    EXPECT_EQ(lines(), strings{"Error when writing '" + node + "/Address/Value': 0"});
+}
+
+TEST_F(WriteAddress, APathWithoutAStatusCountsAsNotWritten) {
+    verbosity = 2;
+    fake_tav::on_call("set_leaves").shortens_statuses(1);
+    write(3);
+    EXPECT_EQ(lines(), strings{"Error when writing '" + node + "/Type/Value': 0"});
+    forget();
+    fake_tav::on_call("set_leaves").shortens_statuses(0);
+    write(3);
+    EXPECT_EQ(lines(), (strings{"Error when writing '" + node + "/Address/Value': 0",
+                                "Error when writing '" + node + "/Type/Value': 0"}));
+}
+
 class RemoveAddress : public EngineTest {
 protected:
     const tk_string node = at("3/IPv6/Addresses/7");

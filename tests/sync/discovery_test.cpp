@@ -69,9 +69,13 @@ TEST_F(Discovery, DoesNothingInAnUnknownState) {
     }
 }
 
-TEST_F(Discovery, AFailingRequestIsTheCallersConcern) {
-    fake_libnl::state().send_simple.then(0);
-    EXPECT_EQ(thrown<netlink_err>([this] { engine().discover(); }), "nl_send_simple");
+TEST_F(Discovery, AFailingRequestIsTheCallersConcernAndNoStepForward) {
+    for (const int state : {0, 1, 2}) {
+        engine().state = state;
+        fake_libnl::state().send_simple.then(0);
+        EXPECT_EQ(thrown<netlink_err>([this] { engine().discover(); }), "nl_send_simple");
+        EXPECT_EQ(engine().state, state);
+    }
 }
 
 class Dispatch : public EngineTest {

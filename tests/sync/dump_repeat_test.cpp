@@ -143,6 +143,16 @@ TEST_F(DumpRepeat, DoesNotLogTheStepAgainBeforeItIsTaken) {
     EXPECT_EQ(journal::count("log 4 "), 0U);
 }
 
+TEST_F(DumpRepeat, IsLoggedAtLevelThree) {
+    expect_logged_at(3, 6,
+                     "Info: bool CSync::repeat_incomplete_dump(): dump was interrupted, requested "
+                     "it again",
+                     [this] {
+                         reach(1);
+                         receive(datagram_t().done(-4));
+                     });
+}
+
 TEST_F(DumpRepeat, FindsTheSameRecordsWithoutDoublingThem) {
     reach(1);
     receive(link());
@@ -178,12 +188,12 @@ protected:
         fake_os::state().clock.set(std::chrono::hours(100));
         restart();
     }
-    static void pass(std::chrono::milliseconds time) { fake_os::state().clock.advance(time); }
+    static void pass(std::chrono::nanoseconds time) { fake_os::state().clock.advance(time); }
     void check() { engine().check_discovery_time(); }
 };
 
-constexpr std::chrono::milliseconds nearly(29900);
-constexpr std::chrono::milliseconds a_bit(200);
+constexpr std::chrono::nanoseconds a_bit(1);
+constexpr std::chrono::nanoseconds nearly = std::chrono::seconds(30) - a_bit;
 
 TEST_F(DumpTime, EndsThirtySecondsAfterTheLastRequest) {
     for (const int state : {1, 2, 3}) {
@@ -197,6 +207,12 @@ TEST_F(DumpTime, EndsThirtySecondsAfterTheLastRequest) {
         pass(a_bit);
         EXPECT_THROW(check(), sync_err) << "state " << state;
     }
+}
+
+TEST_F(DumpTime, IsThrownInTheNameOfTheLoop) {
+    engine().discover();
+    pass(nearly + a_bit);
+    EXPECT_EQ(thrown<sync_err>([this] { check(); }).find("int CSync::run(): "), 0U);
 }
 
 TEST_F(DumpTime, BeginsAgainWithEachRequest) {

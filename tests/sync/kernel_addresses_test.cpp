@@ -148,9 +148,11 @@ TEST_F(KernelAddresses, AnnouncedAgainTakeTheNewLengthAndAreRewritten) {
         << "also when nothing changed";
 }
 
-TEST_F(KernelAddresses, AnnouncedAgainKeepTypeAndName) {
+TEST_F(KernelAddresses, AnnouncedAgainKeepScopeTypeAndName) {
     know(3, "2001:db8::5", 64, 3, "7");
     announce(added, {kern_addr(3, "2001:db8::5", 64, scope_link)});
+    EXPECT_EQ(entry(3).addresses.at(0).scope, 0);
+    EXPECT_EQ(entry(3).addresses.at(0).ifindex, 3);
     EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static 7"});
     EXPECT_EQ(effects(), strings{write_of("7", "2001:db8::5/64", "Static")});
 }

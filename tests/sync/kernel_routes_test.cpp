@@ -147,6 +147,22 @@ TEST_F(KernelRoutes, AnotherStaticDefaultRouteReplacesTheKnownOne) {
     EXPECT_EQ(gateway(3), "fe80::2");
 }
 
+TEST_F(KernelRoutes, AnAdoptedOneKeepsAllThatTheKernelSaidOfIt) {
+    know_gateway(3, "fe80::1");
+    CFullRoute &known = *entry(3).gateway;
+    known.dst = fake_libnl::addr("2001:db8::");
+    known.dst_len = 32;
+    known.protocol = 9;
+    known.ifindex = 7;
+    announce(added, {kern_route(3, "fe80::2", 4, "::", 96)});
+    ASSERT_TRUE(entry(3).gateway);
+    EXPECT_EQ(gateway(3), "fe80::2");
+    EXPECT_EQ(text_of(entry(3).gateway->dst), "::");
+    EXPECT_EQ(entry(3).gateway->dst_len, 96);
+    EXPECT_EQ(entry(3).gateway->protocol, 4);
+    EXPECT_EQ(entry(3).gateway->ifindex, 3);
+}
+
 TEST_F(KernelRoutes, AReplacementIsLoggedAtLevelOne) {
     expect_logged_at(
         1, 6, "Info: Replaced exising static route with a new one - removing old route", [this] {

@@ -227,6 +227,27 @@ TEST_F(NodeNames, WhoseRemovalWasRefusedAreStillTaken) {
     EXPECT_EQ(table(3), strings{"2001:db8::b/64 Automatic 2"});
 }
 
+TEST_F(NodeNames, OfNodesYoungerThanTheListingAreTakenWhenTheirRemovalWasRefused) {
+    synchronise();
+    appear("2001:db8::a");
+    ASSERT_EQ(stored("1"), "2001:db8::a/64 Automatic");
+    fake_tav::put(at("1/IPv6/Addresses/1/Type/Value"), "Static"); // a user claims it
+    fake_tav::on_call("remove_node").statuses({api_status_stale});
+    vanish("2001:db8::a");
+    appear("2001:db8::b");
+    EXPECT_EQ(stored("1"), "2001:db8::a/64 Static");
+    EXPECT_EQ(stored("2"), "2001:db8::b/64 Automatic");
+}
+
+TEST_F(NodeNames, AreChosenAfterTheStaticOnesThatLeftTheStoreAreGone) {
+    know(3, "2001:db8::5", 64, 3, "1");
+    know(3, "fe80::1", 64, 1, "2");
+    store(1, "2", "2001:db8::6/64", "Static");
+    synchronise();
+    EXPECT_EQ(table(3), (strings{"fe80::1/64 Link-Local 1", "2001:db8::6/64 Static 2"}));
+    EXPECT_EQ(stored("1"), "fe80::1/64 Link-Local");
+}
+
 TEST_F(NodeNames, AreForgottenWhenALaterListingLacksThem) {
     store_unreadable("1");
     synchronise();

@@ -123,6 +123,37 @@ TEST_F(SyncGateway, AnUnreadableStoredOneCountsAsNone) {
     EXPECT_EQ(changes(), (strings{"kernel: delete ::/0 via fe80::1 dev 3", written("fe80::1")}));
 }
 
+TEST_F(SyncGateway, IsTheStoredRouteOnTheKernelsInterface) {
+    know_gateway(3, "fe80::1");
+    tavcfg_t stored;
+    stored.iface.name = "eth0";
+    stored.iface.number = 1;
+    stored.gateway = CTavRoute();
+    stored.gateway->gateway = fake_libnl::addr("fe80::2");
+    stored.gateway->dst = fake_libnl::addr("2001:db8::");
+    stored.gateway->dst_len = 32;
+    engine().sync_kernel_with_tav(stored);
+    ASSERT_TRUE(entry(3).gateway);
+    EXPECT_EQ(gateway(3), "fe80::2");
+    EXPECT_EQ(text_of(entry(3).gateway->dst), "2001:db8::");
+    EXPECT_EQ(entry(3).gateway->dst_len, 32);
+    EXPECT_EQ(entry(3).gateway->ifindex, 3);
+    EXPECT_EQ(entry(3).gateway->protocol, 4);
+}
+
+TEST_F(SyncGateway, IsRecordedBeforeTheKernelIsAsked) {
+    store_gateway(1, "fe80::2");
+    fake_libnl::state().send_auto_complete.then(0);
+    EXPECT_THROW(synchronise(), netlink_err);
+    EXPECT_EQ(gateway(3), "fe80::2");
+    EXPECT_EQ(fake_tav::writes(), 0U);
+    prepare();
+    know_gateway(3, "fe80::1");
+    fake_libnl::state().send_auto_complete.then(24).then(0);
+    EXPECT_THROW(synchronise(), netlink_err);
+    EXPECT_EQ(gateway(3), "fe80::2") << "the overridden one is gone by then";
+}
+
 TEST_F(SyncGateway, AFailureToDeleteTheOverriddenOneKeepsIt) {
     know_gateway(3, "fe80::1");
     store_gateway(1, "fe80::2");

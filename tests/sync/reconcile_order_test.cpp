@@ -210,6 +210,24 @@ TEST_F(SyncOrder, AFailedReadingChangesNothing) {
     EXPECT_EQ(table(3).size(), 1U);
 }
 
+TEST_F(SyncOrder, TheStoreIsWrittenUnderTheStoredInterfacesNumber) {
+    track(3, "eth0", 1);
+    know(3, "fe80::1", 64, 1, "1");
+    know_gateway(3, "fe80::98");
+    tavcfg_map_t snapshot;
+    snapshot[0].iface.name = "eth0";
+    snapshot[0].iface.number = 4;
+    engine().sync_tav_with_kernel(snapshot, entry(3));
+    EXPECT_EQ(record(),
+              (strings{info("Synchronizing TAV with kernel settings..."),
+                       info("Synchronizing TAV interface (4) with kernel interface (3): eth0"),
+                       info("Writing kernel addr to TAV on interface 1"),
+                       "set_leaves(~/4/IPv6/Addresses/1/Address/Value = fe80::1/64, "
+                       "~/4/IPv6/Addresses/1/Type/Value = Link-Local)",
+                       info("Writing kernel route to TAV on interface 3"),
+                       "set_leaf(~/4/IPv6/Default Gateway/Value = fe80::98)"}));
+}
+
 TEST_F(SyncOrder, TheSecondRunOverAnAgreedStateWritesTheGatewayAlone) {
     track(3, "eth0");
     know(3, "fe80::1", 64, 1, "1");

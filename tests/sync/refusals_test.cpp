@@ -222,12 +222,68 @@ TEST_F(Refusals, ToDeleteAnAddressChangeNothing) {
     }
 }
 
+TEST_F(Refusals, ToDeleteAnAddressThatWasAddedAgainChangeNothing) {
+    know(3, "2001:db8::5", 64, 3, "7");
+    const message_t deletion = last_request();
+    ASSERT_EQ(deletion.type, 21);
+    ASSERT_EQ(table(3), strings{});
+    store(1, "7", "2001:db8::5/64", "Static");
+    last_request();
+    for (const int error : {eaddrnotavail, esrch, einval}) {
+        refuse(deletion, error);
+        EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static 7"}) << error;
+        EXPECT_EQ(effects(), strings{});
+    }
+}
+
 TEST_F(Refusals, OfAnAddressAreLoggedAtLevelTwo) {
     store(1, "7", "2001:db8::5/64", "Static");
     expect_one_line_at_level_two([this] {
         prepare();
         refuse(last_request(), -13);
     });
+}
+
+TEST_F(Refusals, OfAGatewayThatTheUserRemovedMeanwhileDoNotBringItBack) {
+    store_gateway(1, "fe80::9");
+    const message_t addition = last_request();
+    fake_tav::erase(at("1/IPv6/Default Gateway"));
+    const message_t deletion = last_request();
+    ASSERT_EQ(deletion.type, 25);
+    ASSERT_TRUE(fake_tav::exists(at("1/IPv6/Default Gateway"))) << "written back in that run";
+    refuse(addition, ehostunreach);
+    EXPECT_EQ(effects(), strings{});
+    refuse(deletion, esrch);
+    EXPECT_EQ(effects(), strings{"remove_node(~/1/IPv6/Default Gateway)"});
+    EXPECT_FALSE(fake_tav::exists(at("1/IPv6/Default Gateway")));
+    EXPECT_EQ(gateway(3), "");
+}
+
+TEST_F(Refusals, OfAGatewayThatWasRemovedAndAddedAgainClearIt) {
+    store_gateway(1, "fe80::9");
+    last_request();
+    fake_tav::erase(at("1/IPv6/Default Gateway"));
+    ASSERT_EQ(last_request().type, 25);
+    store_gateway(1, "fe80::9");
+    const message_t addition = last_request();
+    ASSERT_EQ(addition.type, 24);
+    refuse(addition, ehostunreach);
+    EXPECT_EQ(gateway(3), "");
+    EXPECT_EQ(fake_tav::text(at("1/IPv6/Default Gateway/Value")), "fe80::9");
+}
+
+TEST_F(Refusals, OfAGatewayThatWasAdoptedInPlaceOfARemovedOneClearIt) {
+    store_gateway(1, "fe80::8");
+    const message_t addition = last_request();
+    store_gateway(1, "fe80::9");
+    last_request();
+    fake_tav::erase(at("1/IPv6/Default Gateway"));
+    ASSERT_EQ(last_request().type, 25);
+    receive(datagram_t().route(24, 3, "fe80::8"));
+    ASSERT_EQ(gateway(3), "fe80::8");
+    refuse(addition, ehostunreach);
+    EXPECT_EQ(gateway(3), "");
+    EXPECT_EQ(fake_tav::text(at("1/IPv6/Default Gateway/Value")), "fe80::8");
 }
 
 TEST_F(Refusals, AcknowledgementsAreNone) {
