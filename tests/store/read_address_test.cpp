@@ -74,7 +74,8 @@ TEST_F(ReadGateway, TheStatusIsJudgedBeforeTheValue) {
         forget();
         fake_tav::on_call("get_leaf").statuses({api_status_absent}).fills(value);
         EXPECT_FALSE(read());
-        EXPECT_EQ(lines().back(), "No gateway specified.");
+        EXPECT_EQ(lines(),
+                  (strings{"Discovering TAV gateway on '" + ipv6 + "'", "No gateway specified."}));
     }
 }
 
@@ -106,7 +107,8 @@ TEST_F(ReadGateway, ItsTextIsLoggedBeforeItIsConverted) {
     fake_tav::put(leaf, "nonsense");
     verbosity = 4;
     EXPECT_THROW(read(), sync_addr_err);
-    EXPECT_EQ(lines().back(), "Read TAV gateway address 'nonsense' on '" + ipv6 + "'");
+    EXPECT_EQ(lines(), (strings{"Discovering TAV gateway on '" + ipv6 + "'",
+                                "Read TAV gateway address 'nonsense' on '" + ipv6 + "'"}));
 }
 
 TEST_F(ReadGateway, ABadTextIsAnAddressError) {

@@ -92,7 +92,7 @@ TEST_F(SyncUntypedAddress, IsJunk) {
     verbosity = 1;
     engine().sync_kernel_with_tav(stored());
     EXPECT_EQ(effects(), strings{"remove_node(~/1/IPv6/Addresses/7)"});
-    EXPECT_EQ(lines().front(), "Removing unknown/junk node from TAV on interface 3 (eth0)");
+    EXPECT_EQ(lines(), strings{"Removing unknown/junk node from TAV on interface 3 (eth0)"});
     EXPECT_EQ(table(3), strings{});
 }
 
