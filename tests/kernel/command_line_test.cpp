@@ -177,8 +177,6 @@ TEST_F(CommandLineTest, WhatThePrivilegesDoNotAllowIsLoggedAndTheDaemonCarriesOn
     kt::spawn_options_t options;
     options.dropped_capabilities = {CAP_SYS_NICE, CAP_SETUID};
     start_at_zero({"-n", "-5", "-r", "rr", "5", "-u", "65534"}, options);
-    const strings lines = texts(log().lines());
-    // The user may be known by name here, or by its number alone.
     EXPECT_EQ(log().count("Warning: Couldn't set specified process scheduling parameters"), 1U);
     EXPECT_EQ(log().count("Warning: Couldn't set specified [RT] thread scheduling parameters"), 1U);
     EXPECT_EQ(log().count("Error: Can't setuid(65534)"), 1U);
@@ -186,6 +184,14 @@ TEST_F(CommandLineTest, WhatThePrivilegesDoNotAllowIsLoggedAndTheDaemonCarriesOn
               log().find("Warning: Couldn't set specified [RT] thread scheduling parameters"));
     EXPECT_LT(log().find("Warning: Couldn't set specified [RT] thread scheduling parameters"),
               log().find("Error: Can't setuid(65534)"));
+    ASSERT_NE(sandbox.syslog().wait_for("Error: Can't setuid(65534)"), 0U);
+    const std::string sender = "tandrel[" + std::to_string(daemon->pid()) + "]";
+    for (const auto &line : sandbox.syslog().lines()) {
+        const bool error = line.text.compare(0, 7, "Error: ") == 0;
+        const bool warning = line.text.compare(0, 9, "Warning: ") == 0;
+        EXPECT_EQ(line.priority, 24 + (error ? 3 : warning ? 4 : 6)) << line.text;
+        EXPECT_EQ(line.sender, sender);
+    }
     EXPECT_EQ(status_of(daemon->pid(), "Uid"), "0\t0\t0\t0");
     EXPECT_TRUE(daemon->running());
 }

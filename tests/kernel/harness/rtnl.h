@@ -11,6 +11,8 @@
 
 #include <linux/netlink.h>
 
+#include "harness/message.h"
+
 namespace kt {
 
 struct kernel_link_t {
@@ -45,8 +47,6 @@ struct kernel_route_t {
     std::uint32_t table = 254;
     std::vector<std::string> more_gateways{}; // siblings of a multipath route, on the same link
 };
-
-class Message;
 
 class Kernel {
 public:
@@ -105,31 +105,6 @@ private:
 
     int fd = -1;
     std::uint32_t sequence = 0;
-};
-
-// Builds one netlink message: a header of type T behind the netlink header, then attributes.
-class Message {
-public:
-    Message(std::uint16_t type, std::uint16_t flags);
-
-    template <typename T>
-    Message &append(const T &header) {
-        append_bytes(&header, sizeof header);
-        return *this;
-    }
-    Message &attribute(std::uint16_t type, const void *data, std::size_t size);
-    Message &attribute(std::uint16_t type, const std::string &text); // with its terminator
-    Message &attribute(std::uint16_t type, std::uint32_t value);
-    // An attribute that holds attributes: everything added until the matching end.
-    std::size_t begin(std::uint16_t type);
-    void end(std::size_t nest);
-    void append_bytes(const void *data, std::size_t size);
-
-    // With the length filled in.
-    std::vector<unsigned char> bytes() const;
-
-private:
-    std::vector<unsigned char> content;
 };
 
 } // namespace kt

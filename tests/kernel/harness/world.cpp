@@ -1,6 +1,7 @@
 #include "harness/world.h"
 
 #include <iostream>
+#include <stdexcept>
 
 #include <unistd.h>
 
@@ -61,8 +62,10 @@ Process &KernelTest::start_daemon(const std::vector<std::string> &arguments,
 Process &KernelTest::start_daemon_and_wait(const std::vector<std::string> &arguments,
                                            const spawn_options_t &options) {
     start_daemon(arguments, options);
-    EXPECT_TRUE(logged("Info: void CSync::discover(): beginning normal operation"));
-    EXPECT_TRUE(settle());
+    // Nothing that a test does after this makes sense without it.
+    if (!logged("Info: void CSync::discover(): beginning normal operation") || !settle()) {
+        throw std::runtime_error("the daemon did not get into normal operation");
+    }
     return *daemon;
 }
 

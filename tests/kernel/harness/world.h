@@ -31,7 +31,7 @@ protected:
     // The daemon in the foreground at verbosity 4, unless `arguments` say otherwise.
     Process &start_daemon(const std::vector<std::string> &arguments = {"-d", "-D", "4"},
                           const spawn_options_t &options = {});
-    // The same, and waits until its first synchronisation is done.
+    // The same, and waits until its first synchronisation is done; throws when it never is.
     Process &start_daemon_and_wait(const std::vector<std::string> &arguments = {"-d", "-D", "4"},
                                    const spawn_options_t &options = {});
     // SIGTERM; the exit status.
