@@ -83,7 +83,7 @@ std::unique_ptr<injection_t> due(const call_t &call) {
 // One call on its way: enters it in the records and holds what is to happen instead.
 class arrival_t {
 public:
-    explicit arrival_t(call_t call, const std::string &arguments = "") {
+    explicit arrival_t(const call_t &call, const std::string &arguments = "") {
         journal::add(call.operation + "(" + (arguments.empty() ? joined(call) : arguments) + ")");
         EXPECT_TRUE(inside().clients.count(call.client) == 1 ||
                     (call.client == nullptr && state().null_client_allowed))
