@@ -44,9 +44,9 @@ typedef enum api_status_t {
     api_status_refused = 5,    /* not allowed (the root, say) */
     api_status_too_large = 6,  /* a name, path or value beyond the store's limits */
     api_status_bad_value = 7,  /* the value's text does not fit its type */
-    api_status_stale = 8,      /* the caller has not yet fetched an event on a leaf it would change */
-    api_status_not_done = 9,   /* fine by itself, but another path of the same call was refused */
-    api_status_failed = 10,    /* the service could not store the change (disk full, ...) */
+    api_status_stale = 8,    /* the caller has not yet fetched an event on a leaf it would change */
+    api_status_not_done = 9, /* fine by itself, but another path of the same call was refused */
+    api_status_failed = 10,  /* the service could not store the change (disk full, ...) */
     api_status_max_ = 0x7fffffff
 } api_status_t;
 
