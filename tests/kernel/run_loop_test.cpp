@@ -340,6 +340,7 @@ TEST_F(IdleTest, AStoreThatDiesDuringDiscoveryIsNoticedWithoutSpinning) {
 // The store has priority over the kernel, and events stay unfetched until discovery is over.
 TEST_F(IdleTest, DiscoveryEndsWhileAWriterNeverRests) {
     service.start();
+    store.make_interface(1);
     std::atomic<bool> stopping{false};
     std::thread writer([&] {
         kt::Store busy(service.socket());

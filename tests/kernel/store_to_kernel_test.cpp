@@ -282,6 +282,30 @@ TEST_F(LinkTest, AKnownLinkKeepsTheNameOfItsFirstSight) {
         << "for the daemon it is still eth0";
 }
 
+TEST_F(LinkTest, OfTwoLinksThatBearOneNameForTheDaemonTheStoreHearsOfOne) {
+    store.set_address(1, "1", "2001:db8::1/64");
+    start();
+    device.set_up("eth0", false);
+    device.rename("eth0", "eth9");
+    device.set_up("eth9");
+    // The name is free in the kernel, but not in the daemon's table.
+    device.add_veth("eth0", "peer9", sandbox.neighbour());
+    neighbour.set_up("peer9");
+    device.set_up("eth0");
+    device.add_address("eth0", "2001:db8:2::1/64");
+    device.add_address("eth9", "2001:db8:9::1/64");
+    EXPECT_TRUE(becomes([&] { return store.has_address(1, "2001:db8:9::1/64", "Automatic"); }));
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(store.node_of(1, "2001:db8:2::1/64"), "");
+    EXPECT_EQ(log().count_containing("Caught exception"), 0U);
+    device.delete_link("eth9");
+    store.set_address(1, "2", "2001:db8::2/64"); // any edit
+    EXPECT_TRUE(becomes([&] {
+        return both_have(1, "2001:db8::2/64") &&
+               store.has_address(1, "2001:db8:2::1/64", "Automatic");
+    })) << "with the old link gone the name is the new one's";
+}
+
 TEST_F(LinkTest, ALinkRenamedIntoThePrefixIsTakenUp) {
     store.set_address(2, "1", "2001:db8::2/64");
     add_eth(9, "other");

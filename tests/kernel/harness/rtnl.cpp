@@ -206,18 +206,6 @@ void Kernel::add_veth(const std::string &name, const std::string &peer, int peer
     }
 }
 
-void Kernel::add_link(const std::string &name, const std::string &kind) {
-    Message message(RTM_NEWLINK, request_flags | NLM_F_CREATE | NLM_F_EXCL);
-    message.append(ifinfomsg{}).attribute(IFLA_IFNAME, name);
-    const std::size_t info = message.begin(IFLA_LINKINFO);
-    message.attribute(IFLA_INFO_KIND, kind);
-    message.end(info);
-    errno = transact(message.bytes());
-    if (errno != 0) {
-        fail("adding the " + kind + " link " + name);
-    }
-}
-
 void Kernel::change_link(const std::string &name, unsigned int flags, unsigned int change,
                          const std::function<void(Message &)> &attributes) {
     ifinfomsg header{};
@@ -261,12 +249,6 @@ void Kernel::set_up(const std::string &name, bool up) {
 
 void Kernel::set_mtu(const std::string &name, std::uint32_t mtu) {
     change_link(name, 0, 0, [&](Message &message) { message.attribute(IFLA_MTU, mtu); });
-}
-
-void Kernel::set_master(const std::string &name, const std::string &master) {
-    const auto master_index = static_cast<std::uint32_t>(master.empty() ? 0 : index(master));
-    change_link(name, 0, 0,
-                [&](Message &message) { message.attribute(IFLA_MASTER, master_index); });
 }
 
 std::vector<kernel_link_t> Kernel::links() {

@@ -58,13 +58,11 @@ public:
 
     // Links. `add_veth` puts the other end into another namespace.
     void add_veth(const std::string &name, const std::string &peer, int peer_namespace);
-    void add_link(const std::string &name, const std::string &kind);
     void delete_link(const std::string &name);
     void rename(const std::string &name, const std::string &new_name);
     void move_link(const std::string &name, int to_namespace);
     void set_up(const std::string &name, bool up = true);
     void set_mtu(const std::string &name, std::uint32_t mtu);
-    void set_master(const std::string &name, const std::string &master);
     std::vector<kernel_link_t> links();
     // 0 when there is no such link.
     int index(const std::string &name);

@@ -30,6 +30,21 @@ std::string type_value(int interface, const std::string &node) {
 
 const std::string mark_path = paths::interfaces + "/Mark";
 
+namespace {
+
+// The test's own calls may take their time on a loaded machine; the library reads both variables
+// when it connects. The processes under test do not inherit them.
+mlr_client_t *connect_patiently(const std::string &socket_path) {
+    setenv("TAV_SOCKET", socket_path.c_str(), 1);
+    setenv("TAV_TIMEOUT_MS", "60000", 1);
+    mlr_client_t *connection = mlr_init();
+    unsetenv("TAV_TIMEOUT_MS");
+    unsetenv("TAV_SOCKET");
+    return connection;
+}
+
+} // namespace
+
 Service::Service(Sandbox &owner, Keep what)
     : sandbox(owner), keep(what), socket_path(owner.directory() + "/tav.sock") {}
 
@@ -78,8 +93,7 @@ void Store::disconnect() {
 
 toolkit::CTav &Store::client() {
     if (connection == nullptr) {
-        setenv("TAV_SOCKET", socket_path.c_str(), 1);
-        connection = mlr_init();
+        connection = connect_patiently(socket_path);
         if (connection == nullptr) {
             throw std::runtime_error("no connection to the store");
         }
@@ -89,8 +103,7 @@ toolkit::CTav &Store::client() {
 }
 
 bool Store::reachable() {
-    setenv("TAV_SOCKET", socket_path.c_str(), 1);
-    mlr_client_t *probe = mlr_init();
+    mlr_client_t *probe = connect_patiently(socket_path);
     if (probe == nullptr) {
         return false;
     }
