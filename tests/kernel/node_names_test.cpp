@@ -14,6 +14,10 @@ protected:
         add_eth(1);
         service.start();
         store.make_interface(1);
+        // What a link forms of itself comes about a second after it went up.
+        ASSERT_TRUE(becomes([&] {
+            return !device.link_local("eth0").empty() && !device.link_local("eth1").empty();
+        }));
     }
 
     // What the kernel may do to a link, and undo.
