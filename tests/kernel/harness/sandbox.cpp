@@ -223,8 +223,6 @@ void Sandbox::make_private_dev() {
     address.sun_family = AF_UNIX;
     std::snprintf(static_cast<char *>(address.sun_path), sizeof address.sun_path, "%s/log",
                   dev.c_str());
-    sockaddr generic{};
-    static_assert(sizeof generic <= sizeof address);
     if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
         chmod(static_cast<const char *>(address.sun_path), 0666) != 0) {
         fail("log socket");
