@@ -133,9 +133,9 @@ void serve(const Options &options) {
     tav::Listener listener(options.socket);
     const auto store = options.memory ? std::make_unique<tav::Store>()
                                       : std::make_unique<tav::Store>(options.database);
-    tav::Service service(*store, options.database, std::chrono::steady_clock::now);
+    const auto service = tav::make_service(*store, options.database);
     listener.listen(options.mode);
-    tav::Server server(service, listener, signals.get());
+    tav::Server server(*service, listener, signals.get());
     tav::log_line("serving on %s (%s%s)", options.socket.c_str(),
                   options.memory ? "memory only" : "database ", options.database.c_str());
     server.run();

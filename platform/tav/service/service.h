@@ -23,6 +23,9 @@ public:
 
     // Serves `store`, which must outlive the service; `database` is its file's name for display.
     Service(Store &served, std::string database, Clock time_source);
+    Service(const Service &) = delete;
+    Service &operator=(const Service &) = delete;
+    virtual ~Service() = default;
 
     // A new client. The session lives until close().
     Session &open(std::uint32_t pid, std::uint32_t uid);
@@ -32,8 +35,9 @@ public:
     void close(std::uint64_t session);
 
     // Carries out one request and leaves the complete reply frame in `reply`. False when the
-    // request is malformed: the client is then to be disconnected, and nothing was done.
-    bool handle(Session &session, std::string_view body, std::string &reply);
+    // request is malformed: the client is then to be disconnected, and nothing was done. An empty
+    // reply is none at all. Overridden to stage faults, not in what is installed.
+    virtual bool handle(Session &session, std::string_view body, std::string &reply);
 
     const Sessions &sessions() const { return clients; }
     Watchdog &watchdog() { return dog; }
@@ -60,6 +64,10 @@ private:
     std::uint64_t next_session = 1;
     std::uint64_t overflows = 0;
 };
+
+// The service that the program serves with. Its definition is linked apart from everything else, so
+// that a test build can put another service in its place. Throws std::runtime_error.
+std::unique_ptr<Service> make_service(Store &served, std::string database);
 
 } // namespace tav
 
