@@ -1,0 +1,52 @@
+// The settings store's service, staging the faults of a plan for those clients that have registered
+// for events or with the watchdog. All others are served as ever, so that a test sees the truth.
+#ifndef TESTS_FAULTS_FAULTY_SERVICE_H
+#define TESTS_FAULTS_FAULTY_SERVICE_H
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "faults/plan.h"
+#include "service/service.h"
+
+namespace faults {
+
+class FaultyService : public tav::Service {
+public:
+    FaultyService(tav::Store &served, std::string database, Plan staged);
+
+    bool handle(tav::Session &session, std::string_view body, std::string &reply) override;
+
+private:
+    struct Victim {
+        std::string registered;       // a path that it has registered for, if any
+        std::vector<tav::Event> late; // to be given once more with the next fetch
+    };
+    struct Request {
+        tav::RequestHeader header;
+        Operation operation = Operation::read;
+        std::string_view content;
+    };
+
+    static bool look_at(std::string_view body, Request &request);
+    Victim *victim_of(const tav::Session &session, const Request &request);
+    bool stage(tav::Session &session, const Request &request, std::string_view body,
+               std::string &reply);
+    bool refuse(tav::Session &session, const Request &request, std::string_view body,
+                std::string &reply);
+    bool register_with_own_changes(tav::Session &session, const Request &request,
+                                   std::string &reply);
+    void garble(std::string &reply);
+    void alter_events(tav::Session &session, Victim &victim, bool struck, std::string &reply);
+    void make_readable(tav::Session &session, const Victim &victim);
+    void end(tav::Session &session, const Victim &victim);
+
+    Plan plan;
+    std::map<std::uint64_t, Victim> victims; // by session
+};
+
+} // namespace faults
+
+#endif
