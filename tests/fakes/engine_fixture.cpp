@@ -114,6 +114,16 @@ std::vector<std::string> effects() {
     return record_of(false);
 }
 
+std::vector<std::string> changes() {
+    std::vector<std::string> all;
+    for (const auto &effect : effects()) {
+        if (!begins_with(effect, "list_node(") && !begins_with(effect, "get_lea")) {
+            all.push_back(effect);
+        }
+    }
+    return all;
+}
+
 std::vector<std::string> lines() {
     std::vector<std::string> texts;
     for (const auto &line : captured::log()) {
@@ -144,12 +154,23 @@ void EngineTest::restart(const tk_string &prefix) {
     forget();
 }
 
+void EngineTest::restart_with_eth0(std::int32_t number) {
+    restart();
+    track(3, "eth0", number);
+    engine().state = 4;
+}
+
 void EngineTest::forget() {
     journal::clear();
     captured::clear();
     fake_tav::forget_calls();
     fake_libnl::state().changes.clear();
     fake_libnl::state().requests.clear();
+}
+
+void EngineTest::synchronise() {
+    forget();
+    engine().sync_all();
 }
 
 void EngineTest::track(std::int32_t ifindex, const tk_string &name) {
@@ -244,6 +265,13 @@ CKernInterface kern_link(std::int32_t ifindex, const tk_string &name, const tk_s
     link.name = name;
     link.hwaddr = hwaddr;
     return link;
+}
+
+std::string address_write(const std::string &node, const std::string &address,
+                          const std::string &type) {
+    const std::string path = "~/1/IPv6/Addresses/" + node;
+    return "set_leaves(" + path + "/Address/Value = " + address + ", " + path +
+           "/Type/Value = " + type + ")";
 }
 
 std::string text_of(const in6_addr &address) {

@@ -73,6 +73,8 @@ tk_string at(const tk_string &rest);
 std::vector<std::string> record();
 // The same without the log lines.
 std::vector<std::string> effects();
+// The effects without what was only read from the store.
+std::vector<std::string> changes();
 // The texts of the log lines alone, without prefix.
 std::vector<std::string> lines();
 
@@ -83,8 +85,13 @@ protected:
 
     // A new engine in the place of the present one, with nothing on record. The store's tree stays.
     void restart(const tk_string &prefix = "eth");
+    // The same in normal operation, with the link eth0 (index 3) tracked; with a number, that store
+    // node is known for it.
+    void restart_with_eth0(std::int32_t number = 0);
     // Forgets journal, logs, sent messages and recorded store calls.
     void forget();
+    // One full synchronisation, of which alone the record then tells.
+    void synchronise();
     Engine &engine() { return *the_engine; }
 
     // Links as the kernel announces them, without log lines or records: "eth0" with index 3, ...
@@ -124,6 +131,10 @@ CKernRoute kern_route(std::int32_t ifindex, const std::string &gateway, int prot
                       const std::string &dst = "::", int dst_len = 0);
 CKernInterface kern_link(std::int32_t ifindex, const tk_string &name,
                          const tk_string &hwaddr = "02:00:00:00:00:01");
+
+// The record's entry for an address written to interface 1 of the store.
+std::string address_write(const std::string &node, const std::string &address,
+                          const std::string &type);
 
 // Text of an address, made without the code under test.
 std::string text_of(const in6_addr &address);

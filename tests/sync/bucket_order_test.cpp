@@ -31,8 +31,7 @@ protected:
     }
     void synchronise() {
         verbosity = 3;
-        forget();
-        engine().sync_all();
+        EngineTest::synchronise();
     }
 
 private:

@@ -16,22 +16,11 @@ constexpr int removed = 21;
 constexpr int scope_link = 253;
 constexpr int scope_host = 254;
 
-std::string write_of(const std::string &node, const std::string &address, const std::string &type) {
-    const std::string path = "~/1/IPv6/Addresses/" + node;
-    return "set_leaves(" + path + "/Address/Value = " + address + ", " + path +
-           "/Type/Value = " + type + ")";
-}
-
 class KernelAddresses : public EngineTest {
 protected:
     void SetUp() override {
         EngineTest::SetUp();
-        prepare();
-    }
-    void prepare() {
-        restart();
-        track(3, "eth0", 1);
-        engine().state = 4;
+        restart_with_eth0(1);
     }
     void announce(int type, const std::vector<CKernAddress> &addrs) {
         engine().nl_addr_update(type, addrs);
@@ -53,11 +42,11 @@ TEST_F(KernelAddresses, OfUntrackedLinksAreOnlyLogged) {
 
 TEST_F(KernelAddresses, AreLoggedAtLevelTwo) {
     expect_logged_at(2, 6, "Info: ADDING addr [3]: 2001:db8::5/64 [scope:link]", [this] {
-        prepare();
+        restart_with_eth0(1);
         announce(added, {kern_addr(3, "2001:db8::5", 64)});
     });
     expect_logged_at(2, 6, "Info: REMOVING addr [3]: 2001:db8::5/64 [scope:link]", [this] {
-        prepare();
+        restart_with_eth0(1);
         announce(removed, {kern_addr(3, "2001:db8::5", 64)});
     });
 }
@@ -92,9 +81,9 @@ TEST_F(KernelAddresses, AreNamedFromOneOnAndTypedByTheirScope) {
                      kern_addr(3, "::3", 128, scope_host)});
     EXPECT_EQ(table(3), (strings{"fe80::1/64 Link-Local 1", "2001:db8::5/64 Automatic 2",
                                  "::3/128 Automatic 3"}));
-    EXPECT_EQ(effects(), (strings{write_of("1", "fe80::1/64", "Link-Local"),
-                                  write_of("2", "2001:db8::5/64", "Automatic"),
-                                  write_of("3", "::3/128", "Automatic")}));
+    EXPECT_EQ(effects(), (strings{address_write("1", "fe80::1/64", "Link-Local"),
+                                  address_write("2", "2001:db8::5/64", "Automatic"),
+                                  address_write("3", "::3/128", "Automatic")}));
 }
 
 TEST_F(KernelAddresses, KeepWhatTheKernelSaidOfThem) {
@@ -131,7 +120,7 @@ TEST_F(KernelAddresses, CountBeyondTenInDecimal) {
 
 TEST_F(KernelAddresses, AreNeverTypedStatic) {
     for (int scope = 0; scope <= 255; ++scope) {
-        prepare();
+        restart_with_eth0(1);
         announce(added, {kern_addr(3, "2001:db8::5", 64, scope)});
         EXPECT_EQ(entry(3).addresses.at(0).type, scope == scope_link ? 1 : 2) << scope;
     }
@@ -141,10 +130,10 @@ TEST_F(KernelAddresses, AnnouncedAgainTakeTheNewLengthAndAreRewritten) {
     know(3, "2001:db8::5", 64, 2, "office");
     announce(added, {kern_addr(3, "2001:db8::5", 48)});
     EXPECT_EQ(table(3), strings{"2001:db8::5/48 Automatic office"});
-    EXPECT_EQ(effects(), strings{write_of("office", "2001:db8::5/48", "Automatic")});
+    EXPECT_EQ(effects(), strings{address_write("office", "2001:db8::5/48", "Automatic")});
     forget();
     announce(added, {kern_addr(3, "2001:db8::5", 48)});
-    EXPECT_EQ(effects(), strings{write_of("office", "2001:db8::5/48", "Automatic")})
+    EXPECT_EQ(effects(), strings{address_write("office", "2001:db8::5/48", "Automatic")})
         << "also when nothing changed";
 }
 
@@ -154,7 +143,7 @@ TEST_F(KernelAddresses, AnnouncedAgainKeepScopeTypeAndName) {
     EXPECT_EQ(entry(3).addresses.at(0).scope, 0);
     EXPECT_EQ(entry(3).addresses.at(0).ifindex, 3);
     EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static 7"});
-    EXPECT_EQ(effects(), strings{write_of("7", "2001:db8::5/64", "Static")});
+    EXPECT_EQ(effects(), strings{address_write("7", "2001:db8::5/64", "Static")});
 }
 
 TEST_F(KernelAddresses, OfSeveralEqualEntriesAllTakeTheLengthAndTheLastIsWritten) {
@@ -164,12 +153,12 @@ TEST_F(KernelAddresses, OfSeveralEqualEntriesAllTakeTheLengthAndTheLastIsWritten
     announce(added, {kern_addr(3, "2001:db8::5", 48)});
     EXPECT_EQ(table(3), (strings{"2001:db8::5/48 Automatic 1", "2001:db8::6/64 Automatic 2",
                                  "2001:db8::5/48 Static 3"}));
-    EXPECT_EQ(effects(), strings{write_of("3", "2001:db8::5/48", "Static")});
+    EXPECT_EQ(effects(), strings{address_write("3", "2001:db8::5/48", "Static")});
 }
 
 TEST_F(KernelAddresses, DuringDiscoveryAreOnlyRecorded) {
     for (const int state : {0, 1, 2, 3}) {
-        prepare();
+        restart_with_eth0(1);
         engine().state = state;
         announce(added, {kern_addr(3, "2001:db8::5", 64), kern_addr(3, "2001:db8::5", 48),
                          kern_addr(3, "fe80::1", 64, scope_link)});
@@ -196,9 +185,9 @@ TEST_F(KernelAddresses, AreLoggedAfterTheyWereHandled) {
     verbosity = 2;
     announce(added, {kern_addr(3, "2001:db8::5", 64), kern_addr(9, "2001:db8::6", 64),
                      kern_addr(3, "2001:db8::7", 64)});
-    EXPECT_EQ(record(), (strings{write_of("1", "2001:db8::5/64", "Automatic"),
+    EXPECT_EQ(record(), (strings{address_write("1", "2001:db8::5/64", "Automatic"),
                                  "6 Info: ADDING addr [3]: 2001:db8::5/64 [scope:link]",
-                                 write_of("2", "2001:db8::7/64", "Automatic"),
+                                 address_write("2", "2001:db8::7/64", "Automatic"),
                                  "6 Info: ADDING addr [3]: 2001:db8::7/64 [scope:link]"}));
 }
 
@@ -223,7 +212,7 @@ TEST_F(KernelAddresses, OfOneLinkDoNotTouchAnother) {
     announce(added, {kern_addr(3, "2001:db8::5", 48)});
     EXPECT_EQ(table(4), strings{"2001:db8::5/64 Automatic 1"});
     EXPECT_EQ(table(3), strings{"2001:db8::5/48 Automatic 1"});
-    EXPECT_EQ(effects(), strings{write_of("1", "2001:db8::5/48", "Automatic")});
+    EXPECT_EQ(effects(), strings{address_write("1", "2001:db8::5/48", "Automatic")});
 }
 
 } // namespace

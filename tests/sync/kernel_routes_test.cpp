@@ -18,12 +18,7 @@ class KernelRoutes : public EngineTest {
 protected:
     void SetUp() override {
         EngineTest::SetUp();
-        prepare();
-    }
-    void prepare() {
-        restart();
-        track(3, "eth0", 1);
-        engine().state = 4;
+        restart_with_eth0(1);
     }
     void announce(int type, const std::vector<CKernRoute> &routes) {
         engine().nl_route_update(type, routes);
@@ -45,11 +40,11 @@ TEST_F(KernelRoutes, OfUntrackedLinksAreOnlyLogged) {
 
 TEST_F(KernelRoutes, AreLoggedAtLevelTwo) {
     expect_logged_at(2, 6, "Info: ADDING route [3]: ::/0 : gw = fe80::1 (4)", [this] {
-        prepare();
+        restart_with_eth0(1);
         announce(added, {kern_route(3, "fe80::1")});
     });
     expect_logged_at(2, 6, "Info: REMOVING route [3]: 2001:db8::/32 : gw = :: (9)", [this] {
-        prepare();
+        restart_with_eth0(1);
         announce(removed, {kern_route(3, "::", 9, "2001:db8::", 32)});
     });
 }
@@ -105,11 +100,11 @@ TEST_F(KernelRoutes, OthersAreSkippedForTheFirstReasonThatApplies) {
                                        {kern_route(3, "fe80::1", 2), not_static}};
     for (const auto &one : cases) {
         expect_logged_at(4, 6, std::string("Info: ") + one.line, [this, &one] {
-            prepare();
+            restart_with_eth0(1);
             announce(added, {one.route});
         });
         verbosity = 4;
-        prepare();
+        restart_with_eth0(1);
         announce(added, {one.route});
         EXPECT_EQ(lines().size(), 2U);
         EXPECT_EQ(lines().front(), one.line);
@@ -166,7 +161,7 @@ TEST_F(KernelRoutes, AnAdoptedOneKeepsAllThatTheKernelSaidOfIt) {
 TEST_F(KernelRoutes, AReplacementIsLoggedAtLevelOne) {
     expect_logged_at(
         1, 6, "Info: Replaced exising static route with a new one - removing old route", [this] {
-            prepare();
+            restart_with_eth0(1);
             know_gateway(3, "fe80::1");
             announce(added, {kern_route(3, "fe80::2")});
         });
@@ -174,7 +169,7 @@ TEST_F(KernelRoutes, AReplacementIsLoggedAtLevelOne) {
 
 TEST_F(KernelRoutes, AReplacedOneIsDeletedInEveryStateAndTheStoreWrittenInOneAlone) {
     for (const int state : {0, 1, 2, 3}) {
-        prepare();
+        restart_with_eth0(1);
         engine().state = state;
         announce(added, {kern_route(3, "fe80::1"), kern_route(3, "fe80::2")});
         EXPECT_EQ(effects(), strings{"kernel: delete ::/0 via fe80::1 dev 3"}) << "state " << state;
@@ -202,7 +197,7 @@ TEST_F(KernelRoutes, ARemovedGatewayLeavesStoreAndTable) {
 
 TEST_F(KernelRoutes, DuringDiscoveryAreOnlyRecorded) {
     for (const int state : {0, 1, 2, 3}) {
-        prepare();
+        restart_with_eth0(1);
         engine().state = state;
         announce(added, {kern_route(3, "fe80::1")});
         EXPECT_EQ(gateway(3), "fe80::1");

@@ -23,10 +23,6 @@ protected:
         engine().state = 4;
         fake_tav::put_node(at("1"));
     }
-    void synchronise() {
-        forget();
-        engine().sync_all();
-    }
     void appear(const std::string &address, int prefix_len = 64, int scope = 0) {
         receive(datagram_t().address(20, 3, address, prefix_len, scope));
     }

@@ -11,37 +11,12 @@ namespace {
 
 using strings = std::vector<std::string>;
 
-std::string written(const std::string &node, const std::string &address, const std::string &type) {
-    const std::string path = "~/1/IPv6/Addresses/" + node;
-    return "set_leaves(" + path + "/Address/Value = " + address + ", " + path +
-           "/Type/Value = " + type + ")";
-}
-
 class SyncAddresses : public EngineTest {
 protected:
     void SetUp() override {
         EngineTest::SetUp();
-        prepare();
+        restart_with_eth0();
         fake_tav::put_node(at("1"));
-    }
-    void prepare() {
-        restart();
-        track(3, "eth0");
-        engine().state = 4;
-    }
-    // What was changed, without what was read.
-    strings changes() {
-        strings all;
-        for (const auto &effect : effects()) {
-            if (effect.find("list_node(") != 0 && effect.find("get_lea") != 0) {
-                all.push_back(effect);
-            }
-        }
-        return all;
-    }
-    void synchronise() {
-        forget();
-        engine().sync_all();
     }
 };
 
@@ -53,7 +28,7 @@ TEST_F(SyncAddresses, AStoredStaticOneIsAddedToTheKernel) {
     EXPECT_EQ(entry(3).addresses.at(0).ifindex, 3);
     expect_logged_at(4, 6, "Info: Adding TAV addr '2001:db8::5/64' to kernel on interface 3",
                      [this] {
-                         prepare();
+                         restart_with_eth0();
                          synchronise();
                      });
 }
@@ -83,7 +58,7 @@ TEST_F(SyncAddresses, AChangedPrefixLengthIsDeletedAndAdded) {
     EXPECT_EQ(table(3), strings{"2001:db8::5/48 Static 1"});
     expect_logged_at(3, 6, "Info: Changing prefix length of address '2001:db8::5/64' => 48",
                      [this] {
-                         prepare();
+                         restart_with_eth0();
                          know(3, "2001:db8::5", 64, 3, "1");
                          synchronise();
                      });
@@ -110,7 +85,7 @@ TEST_F(SyncAddresses, AStaticOneThatLeftTheStoreIsDeletedInTheKernel) {
     EXPECT_EQ(table(3), strings{"2001:db8::6/64 Static 2"});
     expect_logged_at(3, 6, "Info: Removing TAV addr '2001:db8::5/64' from kernel on interface 3",
                      [this] {
-                         prepare();
+                         restart_with_eth0();
                          know(3, "2001:db8::5", 64, 3, "1");
                          synchronise();
                      });
@@ -136,7 +111,7 @@ TEST_F(SyncAddresses, JunkIsTakenOutOfTheStore) {
     expect_logged_at(1, 6, "Info: Removing unknown/junk node from TAV on interface 3 (eth0)",
                      [this] {
                          store(1, "1", "2001:db8::5/64", "Automatic");
-                         prepare();
+                         restart_with_eth0();
                          synchronise();
                      });
 }
@@ -148,7 +123,7 @@ TEST_F(SyncAddresses, AStoredOneOfAnotherTypeThanTheKernelsIsJunk) {
     EXPECT_EQ(changes(), strings{"remove_node(~/1/IPv6/Addresses/1)"})
         << "the snapshot still has the address, so that it is written by the next run";
     synchronise();
-    EXPECT_EQ(changes(), strings{written("1", "2001:db8::5/64", "Automatic")});
+    EXPECT_EQ(changes(), strings{address_write("1", "2001:db8::5/64", "Automatic")});
 }
 
 TEST_F(SyncAddresses, AStoredAutomaticOneOfAStaticEntryIsJunk) {
@@ -201,11 +176,11 @@ TEST_F(SyncAddresses, WhatTheKernelHasAndTheStoreLacksIsWritten) {
     know(3, "fe80::1", 64, 1, "1");
     know(3, "2001:db8::5", 64, 2, "2");
     synchronise();
-    EXPECT_EQ(changes(), (strings{written("1", "fe80::1/64", "Link-Local"),
-                                  written("2", "2001:db8::5/64", "Automatic")}));
+    EXPECT_EQ(changes(), (strings{address_write("1", "fe80::1/64", "Link-Local"),
+                                  address_write("2", "2001:db8::5/64", "Automatic")}));
     expect_logged_at(4, 6, "Info: Writing kernel addr to TAV on interface 1", [this] {
         fake_tav::erase(at("1/IPv6"));
-        prepare();
+        restart_with_eth0();
         know(3, "fe80::1", 64, 1, "1");
         synchronise();
     });
@@ -285,7 +260,7 @@ TEST_F(SyncAddresses, AFailureOfTheStoreEndsTheRun) {
     fake_tav::on_call("remove_node").returns(-1);
     EXPECT_THROW(synchronise(), sync_err);
     EXPECT_EQ(fake_libnl::state().changes.size(), 0U);
-    prepare();
+    restart_with_eth0();
     know(3, "fe80::1", 64, 1, "7");
     know_gateway(3, "fe80::1");
     fake_tav::on_call("set_leaves").returns(-1);

@@ -17,26 +17,8 @@ class SyncGateway : public EngineTest {
 protected:
     void SetUp() override {
         EngineTest::SetUp();
-        prepare();
+        restart_with_eth0();
         fake_tav::put_node(at("1"));
-    }
-    void prepare() {
-        restart();
-        track(3, "eth0");
-        engine().state = 4;
-    }
-    strings changes() {
-        strings all;
-        for (const auto &effect : effects()) {
-            if (effect.find("list_node(") != 0 && effect.find("get_lea") != 0) {
-                all.push_back(effect);
-            }
-        }
-        return all;
-    }
-    void synchronise() {
-        forget();
-        engine().sync_all();
     }
     static std::string written(const std::string &gateway) {
         return std::string("set_leaf(") + stored_leaf + " = " + gateway + ")";
@@ -53,7 +35,7 @@ TEST_F(SyncGateway, AStoredOneIsAddedToTheKernelAndRecorded) {
     EXPECT_EQ(entry(3).gateway->dst_len, 0);
     EXPECT_TRUE(is_default_route(*entry(3).gateway));
     expect_logged_at(4, 6, "Info: Adding TAV route 'fe80::1' to kernel on interface 3", [this] {
-        prepare();
+        restart_with_eth0();
         synchronise();
     });
 }
@@ -64,7 +46,7 @@ TEST_F(SyncGateway, TheSameOneIsSentToTheKernelAgain) {
     synchronise();
     EXPECT_EQ(changes(), (strings{"kernel: add ::/0 via fe80::1 dev 3", written("fe80::1")}));
     expect_logged_at(4, 6, "Info: Skipping already-configured gateway...", [this] {
-        prepare();
+        restart_with_eth0();
         know_gateway(3, "fe80::1");
         synchronise();
     });
@@ -78,7 +60,7 @@ TEST_F(SyncGateway, AnotherOneOverridesTheKernels) {
                                   "kernel: add ::/0 via fe80::2 dev 3", written("fe80::2")}));
     EXPECT_EQ(gateway(3), "fe80::2");
     expect_logged_at(2, 6, "Info: New TAV route overriding existing one", [this] {
-        prepare();
+        restart_with_eth0();
         know_gateway(3, "fe80::1");
         synchronise();
     });
@@ -91,7 +73,7 @@ TEST_F(SyncGateway, OneThatTheStoreLacksIsDeletedInTheKernelAndStillWritten) {
     EXPECT_EQ(gateway(3), "fe80::1") << "only the kernel's report clears it";
     expect_logged_at(2, 6, "Info: Removing existing static route", [this] {
         fake_tav::erase(at("1/IPv6"));
-        prepare();
+        restart_with_eth0();
         know_gateway(3, "fe80::1");
         synchronise();
     });
@@ -147,7 +129,7 @@ TEST_F(SyncGateway, IsRecordedBeforeTheKernelIsAsked) {
     EXPECT_THROW(synchronise(), netlink_err);
     EXPECT_EQ(gateway(3), "fe80::2");
     EXPECT_EQ(fake_tav::writes(), 0U);
-    prepare();
+    restart_with_eth0();
     know_gateway(3, "fe80::1");
     fake_libnl::state().send_auto_complete.then(24).then(0);
     EXPECT_THROW(synchronise(), netlink_err);

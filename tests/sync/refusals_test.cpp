@@ -28,17 +28,14 @@ protected:
         prepare();
     }
     void prepare() {
-        restart();
-        track(3, "eth0");
-        engine().state = 4;
+        restart_with_eth0();
         if (!fake_tav::exists(at("1"))) {
             fake_tav::put_node(at("1"));
         }
     }
     // Synchronises and gives the last message that went to the kernel.
     message_t last_request() {
-        forget();
-        engine().sync_all();
+        synchronise();
         EXPECT_FALSE(fake_libnl::state().changes.empty());
         const message_t last = fake_libnl::state().changes.back();
         forget();
@@ -127,8 +124,7 @@ TEST_F(Refusals, ToDeleteAGatewayThatTheKernelNeverHadLetTheUserRemoveIt) {
     refuse(deletion, esrch);
     EXPECT_EQ(effects(), strings{"remove_node(~/1/IPv6/Default Gateway)"});
     EXPECT_EQ(gateway(3), "");
-    forget();
-    engine().sync_all();
+    synchronise();
     EXPECT_EQ(fake_tav::writes(), 0U) << "gone for good";
     EXPECT_TRUE(fake_libnl::state().changes.empty());
 }
@@ -211,8 +207,7 @@ TEST_F(Refusals, OfAnAddressThatExistsAlreadyChangeNothing) {
 TEST_F(Refusals, ToDeleteAnAddressChangeNothing) {
     know(3, "2001:db8::5", 64, 3, "7");
     store(1, "7", "2001:db8::5/48", "Static");
-    forget();
-    engine().sync_all();
+    synchronise();
     ASSERT_EQ(fake_libnl::state().changes.size(), 2U);
     const message_t deletion = fake_libnl::state().changes.at(0);
     ASSERT_EQ(deletion.type, 21);
@@ -289,8 +284,7 @@ TEST_F(Refusals, OfAGatewayThatWasAdoptedInPlaceOfARemovedOneClearIt) {
 TEST_F(Refusals, AcknowledgementsAreNone) {
     store_gateway(1, "fe80::9");
     store(1, "7", "2001:db8::5/64", "Static");
-    forget();
-    engine().sync_all();
+    synchronise();
     const auto sent = fake_libnl::state().changes;
     ASSERT_EQ(sent.size(), 2U);
     for (const auto &request : sent) {
@@ -320,8 +314,7 @@ TEST_F(Refusals, OfADumpAreNotTakenForAnythingElse) {
 TEST_F(Refusals, ForALinkThatIsGoneAreIgnored) {
     store_gateway(1, "fe80::9");
     store(1, "7", "2001:db8::5/64", "Static");
-    forget();
-    engine().sync_all();
+    synchronise();
     const auto sent = fake_libnl::state().changes;
     engine().interfaces.clear();
     for (const auto &request : sent) {
