@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "sync/address_index.h"
+
 namespace {
 
 bool same_bytes(const in6_addr &left, const in6_addr &right) {
@@ -16,6 +18,10 @@ bool all_zero(const in6_addr &addr) {
 
 bool same_address(const CAddress &left, const CAddress &right) {
     return same_bytes(left.addr, right.addr);
+}
+
+bool address_less::operator()(const in6_addr &left, const in6_addr &right) const {
+    return std::memcmp(&left, &right, sizeof left) < 0;
 }
 
 bool is_default_route(const CRoute &route) {

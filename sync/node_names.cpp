@@ -27,6 +27,43 @@ std::size_t own_number(const tk_string &name) {
     return number;
 }
 
+// Gives the smallest number that neither the table nor the store's listing holds, and then the
+// next.
+class free_numbers {
+public:
+    // Each address gets one number at most, so that one of so many numbers is free every time.
+    explicit free_numbers(const ifcfg_t &entry)
+        : taken(2 * entry.addresses.size() + entry.listed_nodes.size() + 2, false) {
+        for (const CFullAddress &known : entry.addresses) {
+            mark(known.node);
+        }
+        for (const tk_string &name : entry.listed_nodes) {
+            mark(name);
+        }
+    }
+
+    tk_string take() {
+        while (taken[number]) {
+            ++number;
+        }
+        char name[64];
+        std::snprintf(name, sizeof name, "%zu", number);
+        ++number;
+        return name;
+    }
+
+private:
+    void mark(const tk_string &name) {
+        const std::size_t own = own_number(name);
+        if (own < taken.size()) {
+            taken[own] = true;
+        }
+    }
+
+    std::vector<bool> taken;
+    std::size_t number = 1;
+};
+
 } // namespace
 
 bool CSync::may_write_store(const ifcfg_t &entry) const {
@@ -48,29 +85,8 @@ void CSync::forget_absent_store_interfaces(const tavcfg_map_t &snapshot) {
     }
 }
 
-// The smallest number that neither the table nor the store's listing holds.
 tk_string CSync::free_node_name(const ifcfg_t &entry) {
-    // One of so many numbers is free, however the names are spread.
-    std::vector<bool> taken(entry.addresses.size() + entry.listed_nodes.size() + 2, false);
-    const auto mark = [&](const tk_string &name) {
-        const std::size_t number = own_number(name);
-        if (number < taken.size()) {
-            taken[number] = true;
-        }
-    };
-    for (const CFullAddress &known : entry.addresses) {
-        mark(known.node);
-    }
-    for (const tk_string &name : entry.listed_nodes) {
-        mark(name);
-    }
-    std::size_t number = 1;
-    while (taken[number]) {
-        ++number;
-    }
-    char name[64];
-    std::snprintf(name, sizeof name, "%zu", number);
-    return name;
+    return free_numbers(entry).take();
 }
 
 void CSync::remember_listing(ifcfg_t &entry, const tavcfg_t &stored) {
@@ -84,10 +100,15 @@ void CSync::take_over_name(CFullAddress &known, const CTavAddress &stored) {
 }
 
 void CSync::rename_unmatched(ifcfg_t &entry, const std::vector<bool> &seen) {
+    // A name that is given up stays taken: the store lists it.
+    boost::optional<free_numbers> numbers;
     for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
         CFullAddress &known = entry.addresses[i];
         if (!seen[i] && entry.listed_nodes.count(known.node) != 0) {
-            known.node = free_node_name(entry);
+            if (!numbers) {
+                numbers.emplace(entry);
+            }
+            known.node = numbers->take();
         }
     }
 }

@@ -5,7 +5,48 @@
 #include <linux/rtnetlink.h>
 
 #include "shell/log.h"
+#include "sync/address_index.h"
 #include "sync/sync.h"
+
+namespace {
+
+template <typename List>
+void erase_marked(List &list, const std::vector<bool> &marks) {
+    std::size_t kept = 0;
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        if (marks[i]) {
+            continue;
+        }
+        if (kept != i) {
+            list[kept] = std::move(list[i]);
+        }
+        ++kept;
+    }
+    list.erase(list.begin() + static_cast<std::ptrdiff_t>(kept), list.end());
+}
+
+// Entries of the table that are to go, and with each its mark in `seen`. They go together at the
+// end, also when an exception brings it on: one by one, each would move all that stand behind it.
+class erasure {
+public:
+    erasure(std::vector<CFullAddress> &table, std::vector<bool> &table_seen)
+        : addresses(table), seen(table_seen), gone(table.size(), false) {}
+    erasure(const erasure &) = delete;
+    erasure &operator=(const erasure &) = delete;
+    ~erasure() {
+        erase_marked(addresses, gone);
+        erase_marked(seen, gone);
+    }
+
+    void mark(std::size_t position) { gone[position] = true; }
+
+private:
+    std::vector<CFullAddress> &addresses;
+    std::vector<bool> &seen;
+    std::vector<bool> gone;
+};
+
+} // namespace
 
 void CSync::sync_all() {
     log_info_at(4, "Synchronizing kernel & TAV settings...");
@@ -36,13 +77,13 @@ void CSync::sync_kernel_with_tav(const tavcfg_t &stored) {
 
 // Marks and returns the entry that a stored address stands for: the first with the same address and
 // type. An address that the kernel made by itself but the store declares Static becomes Static.
-boost::optional<std::size_t> CSync::match_stored(ifcfg_t &entry, const CTavAddress &stored,
+boost::optional<std::size_t> CSync::match_stored(ifcfg_t &entry, const address_index &index,
+                                                 const CTavAddress &stored,
                                                  std::vector<bool> &seen) {
-    for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
+    const auto same = index.equal_range(stored.addr);
+    for (auto at = same.first; at != same.second; ++at) {
+        const std::size_t i = at->second;
         CFullAddress &known = entry.addresses[i];
-        if (!same_address(known, stored)) {
-            continue;
-        }
         if (known.type == type_automatic && stored.type == type_static) {
             known.type = type_static;
         }
@@ -60,29 +101,33 @@ boost::optional<std::size_t> CSync::match_stored(ifcfg_t &entry, const CTavAddre
 void CSync::sync_kernel_addrs(ifcfg_t &entry, const tavcfg_t &stored) {
     remember_listing(entry, stored);
     std::vector<bool> seen(entry.addresses.size(), false);
+    address_index index = index_of(entry.addresses);
     for (const CTavAddress &addr : stored.addresses) {
-        const boost::optional<std::size_t> match = match_stored(entry, addr, seen);
+        const boost::optional<std::size_t> match = match_stored(entry, index, addr, seen);
         if (sync_kernel_addr(entry, addr, match)) {
             seen.push_back(true);
+            index.emplace(addr.addr, entry.addresses.size() - 1);
         }
     }
+    remove_unstored(entry, seen);
+    rename_unmatched(entry, seen);
+}
 
-    for (std::size_t i = 0; i < entry.addresses.size();) {
+void CSync::remove_unstored(ifcfg_t &entry, std::vector<bool> &seen) {
+    erasure leaving(entry.addresses, seen);
+    for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
         const CFullAddress &known = entry.addresses[i];
         const tk_string text = in6addr_to_str(known.addr, known.prefix_len, true);
         log_info_at(4, "Comparing address '%s' (%d) (%s)", text.c_str(), known.type,
                     seen[i] ? "IN TAV" : "NOT IN TAV");
         if (seen[i] || known.type != type_static) {
-            ++i;
             continue;
         }
         log_info_at(3, "Removing TAV addr '%s' from kernel on interface %d", text.c_str(),
                     entry.iface.ifindex);
         netlink->modify_addr(known, false);
-        entry.addresses.erase(entry.addresses.begin() + static_cast<std::ptrdiff_t>(i));
-        seen.erase(seen.begin() + static_cast<std::ptrdiff_t>(i));
+        leaving.mark(i);
     }
-    rename_unmatched(entry, seen);
 }
 
 // Returns whether an entry was appended.
@@ -163,12 +208,9 @@ void CSync::sync_tav_with_kernel(const tavcfg_map_t &snapshot, ifcfg_t &entry) {
 }
 
 void CSync::write_kern_addrs_to_tav(const tavcfg_t &stored, const ifcfg_t &entry) {
+    const address_index index = index_of(stored.addresses);
     for (const CFullAddress &known : entry.addresses) {
-        bool in_store = false;
-        for (const CTavAddress &addr : stored.addresses) {
-            in_store = in_store || same_address(addr, known);
-        }
-        if (!in_store) {
+        if (index.count(known.addr) == 0) {
             log_info_at(4, "Writing kernel addr to TAV on interface %d", entry.iface.number);
             write_tav_ipv6_addr(stored.iface, known);
         }

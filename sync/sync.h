@@ -18,6 +18,7 @@
 
 #include "netlink/channel.h"
 #include "netlink/refusal.h"
+#include "sync/address_index.h"
 #include "sync/model.h"
 
 class CSync {
@@ -85,8 +86,10 @@ protected:
     void sync_kernel_with_tav(const tavcfg_t &stored);
     void sync_tav_with_kernel(const tavcfg_map_t &snapshot, ifcfg_t &entry);
     void sync_kernel_addrs(ifcfg_t &entry, const tavcfg_t &stored);
-    static boost::optional<std::size_t> match_stored(ifcfg_t &entry, const CTavAddress &stored,
+    static boost::optional<std::size_t> match_stored(ifcfg_t &entry, const address_index &index,
+                                                     const CTavAddress &stored,
                                                      std::vector<bool> &seen);
+    void remove_unstored(ifcfg_t &entry, std::vector<bool> &seen);
     bool sync_kernel_addr(ifcfg_t &entry, const CTavAddress &stored,
                           boost::optional<std::size_t> match);
     void sync_kernel_gateway(ifcfg_t &entry, const tavcfg_t &stored);
