@@ -42,7 +42,7 @@ int dump(mlr_client_t *client, const std::string &path, api_status_t &status,
         return call_failed;
     }
     if (path.size() > limits::path_bytes) {
-        status = api_status_too_large;
+        status = api_status_path_too_long;
         return connection->usable() ? call_done : call_failed;
     }
     std::uint64_t revision = 0;

@@ -82,7 +82,7 @@ int CTav::list_node(const tk_string &path, api_status_t &status, std::vector<chi
         return call_failed;
     }
     if (path.size() > tav::limits::path_bytes) {
-        status = api_status_too_large;
+        status = api_status_path_too_long;
         return answered_here(*connection);
     }
     std::vector<tav::Child> listed;
@@ -155,7 +155,7 @@ int CTav::event_register(const tk_string &path, api_event_t event, bool own_chan
         return call_failed;
     }
     if (path.size() > tav::limits::path_bytes) {
-        status = api_status_too_large;
+        status = api_status_path_too_long;
         return answered_here(*connection);
     }
     const tav::Registration registration{path, static_cast<std::uint32_t>(event), own_changes};
@@ -199,7 +199,7 @@ int CTav::watchdog_register(api_status_t &status, const tk_string &name, int per
         return call_failed;
     }
     if (name.size() > tav::limits::watchdog_name_bytes) {
-        status = api_status_too_large;
+        status = api_status_name_too_long;
         return answered_here(*connection);
     }
     api_status_t answer = api_status_none;

@@ -1,6 +1,6 @@
 // Every limit of the settings store, in one place. The service enforces them; the client library
-// uses those of a request's size so that it never sends what would be cut off. What is beyond a
-// limit is answered with api_status_too_large unless said otherwise.
+// uses those of a request's size so that it never sends what would be cut off. What is beyond one
+// of them is answered with the status that is named with it.
 #ifndef TAV_PROTOCOL_LIMITS_H
 #define TAV_PROTOCOL_LIMITS_H
 
@@ -8,20 +8,23 @@
 
 namespace tav::limits {
 
-// Names: 1 to 255 bytes, any but NUL and "/".
+// Names: 1 to 255 bytes, any but NUL and "/". api_status_name_too_long, also for a watchdog's.
 constexpr std::size_t name_bytes = 255;
-// A whole path with its separators, and the number of names in it.
+// A whole path with its separators, and the number of names in it. api_status_path_too_long,
+// api_status_path_too_deep.
 constexpr std::size_t path_bytes = 4096;
 constexpr std::size_t depth = 64;
-// The text of one value. String values may hold any byte but NUL.
+// The text of one value. String values may hold any byte but NUL. api_status_value_too_long.
 constexpr std::size_t value_bytes = 65536;
 
 // Children of one node. Chosen so that a listing of names of full length fits one frame.
+// api_status_too_many_children.
 constexpr std::size_t children_per_node = 60000;
-// Nodes and leaves of the whole tree.
+// Nodes and leaves of the whole tree. api_status_too_many_elements.
 constexpr std::size_t elements = 1000000;
 
-// One frame without its length field. A longer announcement ends the connection.
+// One frame without its length field. A longer announcement ends the connection; what would not
+// fit gets api_status_too_large, a request from the library and an answer from the service.
 constexpr std::size_t frame_bytes = std::size_t{16} << 20;
 // Paths of one call.
 constexpr std::size_t paths_per_request = 200000;

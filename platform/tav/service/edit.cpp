@@ -101,9 +101,11 @@ Element *Edit::parent_of(std::string_view path, std::string &name) {
 api_status_t Edit::create(std::string_view path, Value value) {
     std::string name;
     Element *parent = parent_of(path, name);
-    if (parent->children.size() >= limits::children_per_node ||
-        tree.elements() >= limits::elements) {
-        return api_status_too_large;
+    if (parent->children.size() >= limits::children_per_node) {
+        return api_status_too_many_children;
+    }
+    if (tree.elements() >= limits::elements) {
+        return api_status_too_many_elements;
     }
     auto element = std::make_unique<Element>();
     element->value = std::move(value);

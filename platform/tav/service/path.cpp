@@ -31,10 +31,15 @@ api_status_t check_path(std::string_view path) {
     if (std::any_of(names.begin(), names.end(), [](auto name) { return name.empty(); })) {
         return api_status_bad_path;
     }
-    const bool fits = path.size() <= limits::path_bytes && names.size() <= limits::depth &&
-                      std::all_of(names.begin(), names.end(),
-                                  [](auto name) { return name.size() <= limits::name_bytes; });
-    return fits ? api_status_ok : api_status_too_large;
+    if (path.size() > limits::path_bytes) {
+        return api_status_path_too_long;
+    }
+    if (names.size() > limits::depth) {
+        return api_status_path_too_deep;
+    }
+    const bool names_fit = std::all_of(names.begin(), names.end(),
+                                       [](auto name) { return name.size() <= limits::name_bytes; });
+    return names_fit ? api_status_ok : api_status_name_too_long;
 }
 
 std::vector<std::string_view> split_path(std::string_view path) {

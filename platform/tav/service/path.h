@@ -10,7 +10,8 @@
 namespace tav {
 
 // "/" or "/" followed by names separated by single "/", within the limits: api_status_ok;
-// otherwise api_status_bad_path or api_status_too_large.
+// otherwise api_status_bad_path or that of
+// the limit: api_status_path_too_long, api_status_path_too_deep, api_status_name_too_long.
 api_status_t check_path(std::string_view path);
 
 // The names of a path that check_path accepts; none for "/". They are parts of `path`.

@@ -22,7 +22,7 @@ api_status_t Session::register_events(const Registration &registration, Time now
     if (known != registrations.end()) {
         known->own_changes = registration.own_changes;
     } else if (registrations.size() >= limits::registrations_per_client) {
-        return api_status_too_large;
+        return api_status_too_many_registrations;
     } else {
         registrations.push_back(Registered{registration.path, registration.own_changes});
     }

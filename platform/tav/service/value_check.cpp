@@ -72,7 +72,7 @@ bool text_fits_type(const Value &value) {
 
 api_status_t check_value(const Value &value) {
     if (value.text.size() > limits::value_bytes) {
-        return api_status_too_large;
+        return api_status_value_too_long;
     }
     return text_fits_type(value) ? api_status_ok : api_status_bad_value;
 }

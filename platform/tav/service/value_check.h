@@ -6,8 +6,8 @@
 
 namespace tav {
 
-// api_status_ok, api_status_too_large, or api_status_bad_value for a text that the type does not
-// allow or a type that is none of a leaf's:
+// api_status_ok, api_status_value_too_long, or api_status_bad_value for a text that the type does
+// not allow or a type that is none of a leaf's:
 //   boolean  "true" or "false"
 //   integer  an optional "-", decimal digits; within signed 64 bits
 //   real     an optional "-", digits, optionally "." and digits, optionally "e" or "E", an optional

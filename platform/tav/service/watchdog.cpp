@@ -42,7 +42,7 @@ api_status_t Watchdog::announce(std::uint64_t session, std::uint32_t pid,
         return api_status_bad_value;
     }
     if (request.name.size() > limits::watchdog_name_bytes) {
-        return api_status_too_large;
+        return api_status_name_too_long;
     }
     forget(request.name);
     entry = find(session);

@@ -19,9 +19,26 @@ constexpr std::array<std::pair<element_type_t, const char *>, 5> types{{
     {element_type_string, "string"},
 }};
 
-constexpr std::array<const char *, 11> statuses{
-    "not looked at", "ok",        "absent", "wrong kind", "bad path",       "refused",
-    "too large",     "bad value", "stale",  "not done",   "could not store"};
+constexpr std::array<const char *, 20> statuses{"not looked at",
+                                                "ok",
+                                                "absent",
+                                                "wrong kind",
+                                                "bad path",
+                                                "refused",
+                                                "too large",
+                                                "bad value",
+                                                "stale",
+                                                "not done",
+                                                "could not store",
+                                                "no right to do this",
+                                                "path too long",
+                                                "path too deep",
+                                                "name too long",
+                                                "value too long",
+                                                "too many children of one node",
+                                                "too many elements in the store",
+                                                "too many registrations",
+                                                "too many connections"};
 
 constexpr std::string_view hex_digits = "0123456789abcdef";
 

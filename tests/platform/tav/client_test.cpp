@@ -121,7 +121,7 @@ TEST_F(ClientTest, ACallBeyondTheFrameIsRefusedWithoutHarm) {
     }
     EXPECT_EQ(client.set_all(paths, values), Statuses(300, api_status_too_large));
     EXPECT_EQ(client.get("/big/0"), "status 2");
-    EXPECT_EQ(client.set("/" + std::string(5000, 'x'), "1"), api_status_too_large);
+    EXPECT_EQ(client.set("/" + std::string(5000, 'x'), "1"), api_status_path_too_long);
 }
 
 TEST_F(ClientTest, AReplyBeyondTheFrameGivesWhatFits) {

@@ -149,7 +149,8 @@ TEST_F(SessionTest, BadRegistrationsAreRefused) {
         const std::string path = "/" + std::to_string(i);
         EXPECT_EQ(session.register_events(Registration{path, 1, false}, now), api_status_ok);
     }
-    EXPECT_EQ(session.register_events(Registration{"/more", 1, false}, now), api_status_too_large);
+    EXPECT_EQ(session.register_events(Registration{"/more", 1, false}, now),
+              api_status_too_many_registrations);
 }
 
 TEST_F(SessionTest, AnOverfullQueueEndsTheClient) {

@@ -41,13 +41,13 @@ TEST(Path, WhatIsMalformedIsABadPath) {
 
 TEST(Path, EachLimitHoldsExactly) {
     EXPECT_EQ(check_path("/" + std::string(limits::name_bytes, 'x')), api_status_ok);
-    EXPECT_EQ(check_path("/" + std::string(limits::name_bytes + 1, 'x')), api_status_too_large);
+    EXPECT_EQ(check_path("/" + std::string(limits::name_bytes + 1, 'x')), api_status_name_too_long);
     EXPECT_EQ(check_path(repeated("/a", limits::depth)), api_status_ok);
-    EXPECT_EQ(check_path(repeated("/a", limits::depth + 1)), api_status_too_large);
+    EXPECT_EQ(check_path(repeated("/a", limits::depth + 1)), api_status_path_too_deep);
     const std::string longest = repeated("/" + std::string(255, 'x'), 16);
     ASSERT_EQ(longest.size(), limits::path_bytes);
     EXPECT_EQ(check_path(longest), api_status_ok);
-    EXPECT_EQ(check_path(longest.substr(0, longest.size() - 1) + "/x"), api_status_too_large);
+    EXPECT_EQ(check_path(longest.substr(0, longest.size() - 1) + "/x"), api_status_path_too_long);
 }
 
 TEST(Path, SplittingGivesTheNames) {
@@ -105,7 +105,7 @@ TEST(Value, StringsHoldAnyByteButNul) {
     EXPECT_EQ(check(element_type_string, std::string("a\0b", 3)), api_status_bad_value);
     EXPECT_EQ(check(element_type_string, std::string(limits::value_bytes, 'x')), api_status_ok);
     EXPECT_EQ(check(element_type_string, std::string(limits::value_bytes + 1, 'x')),
-              api_status_too_large);
+              api_status_value_too_long);
 }
 
 TEST(Value, OnlyTheTypesOfLeavesHaveValues) {

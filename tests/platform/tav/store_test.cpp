@@ -188,7 +188,9 @@ TEST_F(StoreUnit, EachFaultHasItsStatus) {
     EXPECT_EQ(status(set_item("a", "1")), api_status_bad_path);
     EXPECT_EQ(status(set_item("/x", std::string("\0", 1))), api_status_bad_value);
     EXPECT_EQ(status(set_item("/x", std::string(limits::value_bytes + 1, 'v'))),
-              api_status_too_large);
+              api_status_value_too_long);
+    EXPECT_EQ(status(set_item("/" + std::string(limits::name_bytes + 1, 'n'), "1")),
+              api_status_name_too_long);
     EXPECT_EQ(status(item(ItemKind::make_node, "/a/leaf")), api_status_wrong_kind);
     EXPECT_EQ(status(item(ItemKind::remove_node, "/")), api_status_refused);
     EXPECT_EQ(status(item(ItemKind::remove, "/")), api_status_refused);
@@ -273,7 +275,7 @@ TEST_F(StoreUnit, ANodeHoldsABoundedNumberOfChildren) {
     }
     EXPECT_EQ(write(items).statuses.back(), api_status_ok);
     const std::string before = picture();
-    EXPECT_EQ(write({set_item("/n/more", "x")}).statuses, Statuses{api_status_too_large});
+    EXPECT_EQ(write({set_item("/n/more", "x")}).statuses, Statuses{api_status_too_many_children});
     EXPECT_EQ(picture(), before);
 }
 

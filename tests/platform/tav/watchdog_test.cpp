@@ -100,7 +100,8 @@ TEST_F(WatchdogTest, BadAnnouncementsAreRefused) {
     EXPECT_EQ(announce(1, ""), api_status_bad_value);
     EXPECT_EQ(announce(1, "a", 0), api_status_bad_value);
     EXPECT_EQ(announce(1, "a", -1), api_status_bad_value);
-    EXPECT_EQ(announce(1, std::string(limits::watchdog_name_bytes + 1, 'x')), api_status_too_large);
+    EXPECT_EQ(announce(1, std::string(limits::watchdog_name_bytes + 1, 'x')),
+              api_status_name_too_long);
     EXPECT_EQ(dog.ping(1, now), api_status_absent);
 }
 

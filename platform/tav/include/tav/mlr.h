@@ -42,11 +42,21 @@ typedef enum api_status_t {
     api_status_wrong_kind = 3, /* a leaf where a node is needed, or the reverse */
     api_status_bad_path = 4,   /* the path itself is malformed */
     api_status_refused = 5,    /* not allowed (the root, say) */
-    api_status_too_large = 6,  /* a name, path or value beyond the store's limits */
+    api_status_too_large = 6,  /* the call or its answer is beyond what one message may hold */
     api_status_bad_value = 7,  /* the value's text does not fit its type */
     api_status_stale = 8,    /* the caller has not yet fetched an event on a leaf it would change */
     api_status_not_done = 9, /* fine by itself, but another path of the same call was refused */
     api_status_failed = 10,  /* the service could not store the change (disk full, ...) */
+    api_status_denied = 11,  /* the caller has no right to do this */
+    /* Beyond one of the store's limits, which `tav status` lists: */
+    api_status_path_too_long = 12,
+    api_status_path_too_deep = 13,
+    api_status_name_too_long = 14,
+    api_status_value_too_long = 15,
+    api_status_too_many_children = 16,      /* of one node */
+    api_status_too_many_elements = 17,      /* nodes and leaves of the whole store */
+    api_status_too_many_registrations = 18, /* of one client */
+    api_status_too_many_connections = 19,   /* in all, or of one user */
     api_status_max_ = 0x7fffffff
 } api_status_t;
 
