@@ -25,6 +25,11 @@ void Wake::request(Time now, bool unfetched) {
 
 bool Wake::ping(Time now) {
     if (!outstanding) {
+        if (wanted_since && last_request) {
+            // Still serving what its last synchronisation brought about: a slow client takes
+            // longer than the pause for that, and each of its turns begins with a ping.
+            last_request = now;
+        }
         return false;
     }
     if (!seen_by_ping) {

@@ -25,7 +25,8 @@ public:
     void request(Time now, bool unfetched);
     // The client pinged. True when that acknowledges the byte, which the client must then drain.
     // Only a byte that was there at the previous ping already is acknowledged: between the two the
-    // client has waited on its descriptor, and was shown it readable.
+    // client has waited on its descriptor, and was shown it readable. While a byte waits for the
+    // client's pause after a request, a ping counts as one: the client is still at work.
     bool ping(Time now);
     // The client fetched everything. True when there is a byte to drain.
     bool fetch(Time now);
@@ -50,7 +51,7 @@ private:
     bool outstanding = false;         // a byte was sent and not acknowledged
     bool seen_by_ping = false;        // the outstanding byte was there at the last ping
     std::optional<Time> wanted_since; // a byte is to be sent; never while one is outstanding
-    std::optional<Time> last_request; // other than a ping
+    std::optional<Time> last_request; // or ping that counts as one
     std::optional<Time> ping_acknowledged;
 };
 

@@ -8,12 +8,14 @@
 //   KT_FAIL_MEMBERSHIP=<n>      the first n group memberships are refused
 //   KT_FAIL_FORK=1              no process can be forked
 //   KT_FAIL_PIPE=1              no pipe can be made
+//   KT_SELECT_DELAY=<ms>        every select begins that much later, as on a slow machine
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include <dlfcn.h>
 #include <linux/netlink.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -130,5 +132,15 @@ int pipe(int ends[2]) noexcept {
         return -1;
     }
     return next(ends);
+}
+
+int select(int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *limit) {
+    static const auto next =
+        next_function<int (*)(int, fd_set *, fd_set *, fd_set *, timeval *)>("select");
+    static const long delay = number("KT_SELECT_DELAY");
+    if (delay > 0) {
+        usleep(static_cast<useconds_t>(delay * 1000));
+    }
+    return next(count, readable, writable, exceptional, limit);
 }
 }

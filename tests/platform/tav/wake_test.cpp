@@ -138,10 +138,32 @@ TEST_F(WakeTest, ButAtMostOneSecondInAll) {
     EXPECT_EQ(waited, 1000);
 }
 
-TEST_F(WakeTest, APingDoesNotProlongTheWait) {
+// A slow client needs longer than the pause for what its last synchronisation brought about.
+TEST_F(WakeTest, APingShowsThatTheClientIsStillAtWork) {
     wake.request(now, false);
     wake.event(now);
     pass(30);
     wake.ping(now);
-    EXPECT_EQ(wait(), 20);
+    EXPECT_EQ(wait(), 50);
+}
+
+TEST_F(WakeTest, PingsDoNotPutTheByteOffForEver) {
+    wake.request(now, false);
+    wake.event(now);
+    int waited = 0;
+    while (!is_due()) {
+        pass(10);
+        waited += 10;
+        wake.ping(now);
+        ASSERT_LE(waited, 1000);
+    }
+    EXPECT_EQ(waited, 1000);
+}
+
+TEST_F(WakeTest, APingBeforeTheEventDoesNotPutItOff) {
+    wake.request(now, false);
+    pass(100);
+    wake.ping(now);
+    wake.event(now);
+    EXPECT_TRUE(is_due());
 }
