@@ -115,7 +115,7 @@ void put(Writer &out, const Item &value) {
 void get(Reader &in, Item &value) {
     const std::uint8_t kind = in.u8();
     if (kind < static_cast<std::uint8_t>(ItemKind::set) ||
-        kind > static_cast<std::uint8_t>(ItemKind::touch)) {
+        kind > static_cast<std::uint8_t>(ItemKind::clear)) {
         in.fail();
         return;
     }

@@ -42,6 +42,8 @@ enum class ItemKind : std::uint8_t {
     remove_node = 3, // remove a node and all below it; a leaf is the wrong kind
     remove = 4,      // the same, but a leaf may be removed too
     touch = 5, // a change event for the leaf, or for each leaf below the node, without a change
+    remove_single = 6, // remove a leaf, or a node that has no children
+    clear = 7, // remove whatever is at and below the path, be it nothing; the root itself stays
 };
 
 // The byte that makes a client's descriptor readable.

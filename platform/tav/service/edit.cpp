@@ -78,6 +78,10 @@ api_status_t Edit::apply(const Item &item) {
         return remove(item.path, false);
     case ItemKind::touch:
         return touch(item.path);
+    case ItemKind::remove_single:
+        return remove_single(item.path);
+    case ItemKind::clear:
+        return clear(item.path);
     }
     return api_status_refused;
 }
@@ -153,7 +157,10 @@ api_status_t Edit::set(const std::string &path, const Value &value) {
     if (element->is_node()) {
         return api_status_wrong_kind;
     }
-    if (!same_content(element->value, value)) {
+    // A time stamp that the writer names counts even when the content stays; one that the store
+    // gives tells since when the content stands.
+    const bool other_time = value.time != no_time && value.time != element->value.time;
+    if (other_time || !same_content(element->value, value)) {
         trace(path, element->value);
         undo.push_back(Undo{path, element->value, nullptr});
         element->value = std::move(stamped);
@@ -182,6 +189,28 @@ api_status_t Edit::remove(const std::string &path, bool node_only) {
     tree.count(*child->second, false);
     undo.push_back(Undo{path, std::nullopt, std::move(child->second)});
     parent->children.erase(child);
+    return api_status_ok;
+}
+
+api_status_t Edit::remove_single(const std::string &path) {
+    const Element *element = tree.find(path);
+    if (path != "/" && element != nullptr && !element->children.empty()) {
+        return api_status_not_empty;
+    }
+    return remove(path, false);
+}
+
+api_status_t Edit::clear(const std::string &path) {
+    const Element *element = tree.find(path);
+    if (element == nullptr) {
+        return api_status_ok;
+    }
+    if (path != "/") {
+        return remove(path, false);
+    }
+    while (!element->children.empty()) {
+        remove("/" + element->children.begin()->first, false);
+    }
     return api_status_ok;
 }
 

@@ -45,7 +45,8 @@ std::vector<api_status_t> stale_statuses(const std::vector<Item> &items,
     std::vector<api_status_t> statuses(items.size(), api_status_not_done);
     for (std::size_t i = 0; i < items.size(); ++i) {
         const Item &item = items[i];
-        const bool removes = item.kind == ItemKind::remove || item.kind == ItemKind::remove_node;
+        const bool removes = item.kind != ItemKind::set && item.kind != ItemKind::make_node &&
+                             item.kind != ItemKind::touch;
         const bool concerned = removes ? std::any_of(stale.begin(), stale.end(),
                                                      [&item](const std::string &path) {
                                                          return is_at_or_below(path, item.path);

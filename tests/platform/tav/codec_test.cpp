@@ -152,6 +152,7 @@ TEST(Messages, EachKindSurvivesTheRoundTripAndNoCutOfIt) {
     expect_round_trip(Event{mlr_event_removed, odd});
     expect_round_trip(Item{ItemKind::set, "/a/b", value});
     expect_round_trip(Item{ItemKind::remove, "/a/b", {}});
+    expect_round_trip(Item{ItemKind::clear, "/a/b", {}});
     expect_round_trip(LeafAnswer{api_status_ok, value});
     expect_round_trip(LeafAnswer{api_status_absent, {}});
     expect_round_trip(Child{odd, element_type_node});

@@ -260,6 +260,46 @@ TEST_F(StoreUnit, AReplacedSubtreeKeepsTheGivenTimesAndReportsOnlyContent) {
     }
 }
 
+TEST_F(StoreUnit, AGivenTimeIsTakenOverByEqualContentWithoutAnEvent) {
+    write({set_item("/a", "x", 10)});
+    EXPECT_EQ(events({set_item("/a", "x", 20)}), Names{});
+    EXPECT_EQ(store->read("/a").value.time, 20);
+    EXPECT_EQ(storage->last.size(), 1U);
+    EXPECT_EQ(events({set_item("/a", "x")}), Names{});
+    EXPECT_EQ(store->read("/a").value.time, 20);
+}
+
+TEST_F(StoreUnit, RemoveSingleTakesALeafOrAnEmptyNodeOnly) {
+    write({set_item("/a/leaf", "x"), item(ItemKind::make_node, "/a/empty")});
+    const auto status = [this](const std::string &path) {
+        return write({item(ItemKind::remove_single, path)}).statuses.front();
+    };
+    EXPECT_EQ(status("/a"), api_status_not_empty);
+    EXPECT_EQ(status("/"), api_status_refused);
+    EXPECT_EQ(status("/none"), api_status_absent);
+    EXPECT_EQ(status("/a/empty"), api_status_ok);
+    EXPECT_EQ(status("/a/leaf"), api_status_ok);
+    EXPECT_EQ(status("/a"), api_status_ok);
+    EXPECT_EQ(store->read("/a").status, api_status_absent);
+}
+
+TEST_F(StoreUnit, ClearEmptiesTheWholeStoreOrASubtreeAndIsContentWithNothing) {
+    write({set_item("/a/1", "x", 10), set_item("/a/2", "x", 10), set_item("/b", "x", 10)});
+    EXPECT_EQ(events({item(ItemKind::clear, "/a"), set_item("/a/2", "x", 10)}), Names{"3 /a/1"});
+    EXPECT_EQ(events({item(ItemKind::clear, "/none")}), Names{});
+    EXPECT_EQ(events({item(ItemKind::clear, "/b")}), Names{"3 /b"});
+    EXPECT_EQ(events({item(ItemKind::clear, "/")}), Names{"3 /a/2"});
+    std::vector<Child> children;
+    EXPECT_EQ(store->list("/", children), api_status_ok);
+    EXPECT_TRUE(children.empty());
+}
+
+TEST_F(StoreUnit, AStaleClearIsRefused) {
+    write({set_item("/a/x/1", "x")});
+    EXPECT_EQ(write({item(ItemKind::clear, "/")}, "/a/x/1").statuses, Statuses{api_status_stale});
+    EXPECT_EQ(text("/a/x/1"), "x");
+}
+
 TEST_F(StoreUnit, ALeafMayBecomeANodeInOneTransaction) {
     write({set_item("/a", "1")});
     EXPECT_EQ(events({item(ItemKind::remove, "/a"), set_item("/a/b", "1")}),

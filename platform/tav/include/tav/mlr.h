@@ -57,6 +57,7 @@ typedef enum api_status_t {
     api_status_too_many_elements = 17,      /* nodes and leaves of the whole store */
     api_status_too_many_registrations = 18, /* of one client */
     api_status_too_many_connections = 19,   /* in all, or of one user */
+    api_status_not_empty = 20, /* the node has children, and only an empty one was to be removed */
     api_status_max_ = 0x7fffffff
 } api_status_t;
 
