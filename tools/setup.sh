@@ -4,6 +4,7 @@ build_packages="g++ cmake ninja-build pkg-config libnl-3-dev libboost-dev libsql
     nlohmann-json3-dev"
 demo_packages="iproute2 procps radvd"
 test_packages="libgtest-dev clang-format clang-tidy binutils iproute2 procps radvd"
+fuzz_packages="clang libclang-rt-dev"
 
 say() { printf '%s\n' "$*"; }
 die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }

@@ -1,0 +1,20 @@
+// A second version of the reading of address texts.
+#pragma once
+
+#include <string>
+
+#include <netinet/in.h>
+
+namespace reference {
+
+struct address_t {
+    std::string fault; // the exception's text; empty when the text is fine
+    in6_addr addr{};
+    int prefix_len = 0;
+};
+
+address_t address(const std::string &text, bool prefix_required);
+
+std::string bytes_of(const in6_addr &addr);
+
+} // namespace reference

@@ -1,0 +1,240 @@
+// The command line: the settings that it leaves, what it prints, and whether it is accepted.
+#include <cstdio>
+#include <pwd.h>
+#include <unistd.h>
+
+#include "fuzz/fuzz.h"
+#include "shell/options.h"
+
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's name.
+extern "C" passwd *__wrap_getpwnam(const char *name);
+
+// The only users are "root" (0), "nobody" (65534) and one whose name is a number, "12" (1000).
+extern "C" passwd *__wrap_getpwnam(const char *name) {
+    static passwd entry;
+    const std::string user = name;
+    entry.pw_uid = user == "root" ? 0U : user == "nobody" ? 65534U : 1000U;
+    return user == "root" || user == "nobody" || user == "12" ? &entry : nullptr;
+}
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+
+namespace {
+
+const char *const usage_head =
+    " [-u <user>] [-n <prio>] [-r <policy> <prio>] [-i <interface>] [-d] [-D [... | <N>]]\n"
+    "\t-u: Run as the given <user> (name or UID)\n"
+    "\t-n: Use normal scheduling with given priority\n"
+    "\t-r: Use real-time scheduling with given policy & priority\n"
+    "\t-i: Use given interface string rather than default 'eth'\n"
+    "\t-d: Do not daemonize/fork\n"
+    "\t-D: Increase/set debugging verbosity\n"
+    "\n"
+    "The priority field for normal scheduling is a number between -20 and 19, with\n"
+    "-20 being the \"best\" number.  This option utilizes setpriority(2) to set the\n"
+    "priority under \"normal\" scheduling policy.\n"
+    "\n"
+    "The policy used for real-time scheduling ('-r') can be one of:\n"
+    "'normal', 'batch', 'fifo', or 'rr'.  See sched_setscheduler(2) for a detailed\n"
+    "description of these policies, and their allowed priority ranges.\n"
+    "\n"
+    "You must have appropriate permissions in order to use the options -n, -r,\n"
+    "and -u.  If unsure, execute '";
+const char *const usage_tail = " -d' and make sure there are no\n"
+                               "error messages.\n\n";
+
+struct outcome_t {
+    bool accepted = true;
+    std::uint32_t verbosity = 0;
+    bool daemon_mode = true;
+    std::string interface = "eth";
+    std::uint32_t uid = 4242;
+    std::int32_t nice = -100;
+    bool has_rt = false;
+    std::int32_t policy = 0, priority = 0;
+    std::string standard_error, standard_output;
+
+    std::string text() const {
+        return std::to_string(accepted) + " D" + std::to_string(verbosity) + " d" +
+               std::to_string(daemon_mode) + " i" + interface + " u" + std::to_string(uid) + " n" +
+               std::to_string(nice) + " r" + std::to_string(has_rt) + " " + std::to_string(policy) +
+               " " + std::to_string(priority) + "\n" + standard_error + "\n" + standard_output;
+    }
+};
+
+// A stream that collects what is written to it.
+class collector_t {
+public:
+    explicit collector_t(FILE *&replaced) : variable(replaced), original(replaced) {
+        cookie_io_functions_t functions{};
+        functions.write = &collector_t::write;
+        variable = fopencookie(this, "w", functions);
+        std::setvbuf(variable, nullptr, _IOLBF, 0);
+    }
+    ~collector_t() { finish(); }
+    collector_t(const collector_t &) = delete;
+    collector_t &operator=(const collector_t &) = delete;
+
+    const std::string &finish() {
+        if (variable != original) {
+            std::fclose(variable);
+            variable = original;
+        }
+        return text;
+    }
+
+private:
+    static ssize_t write(void *self, const char *bytes, std::size_t size) {
+        static_cast<collector_t *>(self)->text.append(bytes, size);
+        return static_cast<ssize_t>(size);
+    }
+
+    FILE *&variable;
+    FILE *original;
+    std::string text;
+};
+
+outcome_t actual(std::vector<std::string> words) {
+    verbosity = 0;
+    daemon_mode = true;
+    interface_string = "eth";
+    run_as_uid = 4242;
+    nice_priority = nice_not_requested;
+    rt_sched_request.reset();
+
+    std::vector<char *> argv;
+    for (std::string &word : words) {
+        argv.push_back(word.data());
+    }
+    argv.push_back(nullptr);
+    outcome_t result;
+    {
+        collector_t out(stdout);
+        collector_t err(stderr);
+        result.accepted = parse_options(static_cast<int>(words.size()), argv.data());
+        result.standard_error = err.finish();
+        result.standard_output = out.finish();
+    }
+    result.verbosity = verbosity;
+    result.daemon_mode = daemon_mode;
+    result.interface = interface_string;
+    result.uid = run_as_uid;
+    result.nice = nice_priority;
+    if (rt_sched_request) {
+        result.has_rt = true;
+        result.policy = rt_sched_request->policy;
+        result.priority = rt_sched_request->priority;
+    }
+    return result;
+}
+
+// The numbers that Linux gives: policy, least and greatest priority.
+bool policy_of(const std::string &name, int &policy, int &least, int &most) {
+    const bool real_time = name == "fifo" || name == "rr";
+    policy = name == "batch" ? 3 : name == "fifo" ? 1 : name == "rr" ? 2 : 0;
+    least = real_time ? 1 : 0;
+    most = real_time ? 99 : 0;
+    return real_time || name == "normal" || name == "batch";
+}
+
+// Takes one option and its arguments off the front of the words; false when they do not do.
+bool expect_option(std::vector<std::string> &words, outcome_t &to) {
+    const std::string option = words.front();
+    words.erase(words.begin());
+    const auto take = [&words] {
+        const std::string word = words.empty() ? "" : words.front();
+        if (!words.empty()) {
+            words.erase(words.begin());
+        }
+        return word; // an argument that is missing is as good as an empty one
+    };
+    if (option == "-d") {
+        to.daemon_mode = false;
+        return true;
+    }
+    if (option == "-D") {
+        if (words.empty() || words.front().substr(0, 1) == "-") {
+            ++to.verbosity;
+            return true;
+        }
+        const std::string level = take();
+        const fuzz::decimal_t number = fuzz::decimal(level);
+        if (!level.empty() && (number.consumed == 0 || number.value < 0)) {
+            to.standard_error += "Error: bad verbosity '" + level + "'\n";
+        }
+        if (number.consumed > 0 && number.value >= 0) {
+            to.verbosity = static_cast<std::uint32_t>(number.value);
+        }
+        return number.consumed > 0 && number.value >= 0;
+    }
+    if (option == "-i") {
+        const std::string name = take();
+        to.interface = name.empty() ? to.interface : name;
+        return !name.empty();
+    }
+    if (option == "-n") {
+        const std::string priority = take();
+        if (!priority.empty()) {
+            to.nice = static_cast<std::int32_t>(fuzz::decimal(priority).value);
+        }
+        return !priority.empty() && to.nice >= -20 && to.nice <= 19;
+    }
+    if (option == "-r") {
+        int policy = 0;
+        int least = 0;
+        int most = 0;
+        if (!policy_of(take(), policy, least, most)) {
+            return false;
+        }
+        const std::string priority = take();
+        const auto number = static_cast<std::int32_t>(fuzz::decimal(priority).value);
+        if (priority.empty() || number < least || number > most) {
+            return false;
+        }
+        to.has_rt = true;
+        to.policy = policy;
+        to.priority = number;
+        return true;
+    }
+    if (option == "-u") {
+        const std::string user = take();
+        const fuzz::decimal_t number = fuzz::decimal(user);
+        if (user.empty()) {
+            return false;
+        }
+        if (user == "root" || user == "nobody" || user == "12") {
+            to.uid = user == "root" ? 0U : user == "12" ? 1000U : 65534U;
+            return true;
+        }
+        to.standard_error += "No user named '" + user + "'\n";
+        if (number.consumed == 0 || number.value < 0) {
+            return false;
+        }
+        to.standard_error += "(Using UID = " + std::to_string(number.value) + ")\n";
+        to.uid = static_cast<std::uint32_t>(number.value);
+        return true;
+    }
+    return false;
+}
+
+outcome_t expected(std::vector<std::string> words) {
+    outcome_t result;
+    const std::string program = words.front();
+    words.erase(words.begin());
+    while (result.accepted && !words.empty()) {
+        result.accepted = expect_option(words, result);
+    }
+    if (!result.accepted) {
+        result.standard_output = "Usage: " + program + usage_head + program + usage_tail;
+    }
+    return result;
+}
+
+} // namespace
+
+// An input is the command line, its words separated by NUL; the first is the program's name.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    const std::vector<std::string> words = fuzz::split(std::string(data, data + size), '\0');
+    fuzz::require_same(actual(words).text(), expected(words).text(),
+                       "the command line was taken otherwise");
+    return 0;
+}

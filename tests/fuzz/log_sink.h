@@ -1,0 +1,23 @@
+// Takes the place of the daemon's log: the calls of shell/log.h, without system log or standard
+// error.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace log_sink {
+
+// Nothing is kept, and hardly anything formatted, until this is called: from then on the messages
+// up to that level are.
+void record_up_to(std::uint32_t level);
+// Each message as "<priority> <level> <text>", and the end of recording.
+std::vector<std::string> take();
+// One message as take() gives it, of informational priority.
+std::string info(std::uint32_t level, const std::string &text);
+std::string warning(std::uint32_t level, const std::string &text);
+
+// All of them as lines of one text.
+std::string joined(const std::vector<std::string> &messages);
+
+} // namespace log_sink

@@ -1,0 +1,85 @@
+#!/bin/bash
+# ./test --fuzz SECONDS [TARGET...]: runs the fuzz targets one after the other, so long each.
+# tools/fuzz.sh --merge [TARGET...]: takes what the runs found worth keeping into the corpora.
+#
+# What a run comes upon is kept in build/fuzz/found/TARGET, the inputs of findings in
+# build/fuzz/findings. `build/fuzz/tests/fuzz/fuzz_TARGET FILE` repeats one.
+set -u
+cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
+
+seconds=${1-}
+case $seconds in
+--merge) ;;
+*[!0-9]* | '' | 0) printf 'Usage: ./test --fuzz SECONDS [TARGET...]\n' >&2; exit 2 ;;
+esac
+shift
+
+. tools/setup.sh
+# shellcheck disable=SC2086
+need_packages $build_packages $test_packages $fuzz_packages
+say "== fuzz: building"
+configure fuzz
+build fuzz fuzz_targets
+
+targets=("$@")
+[ ${#targets[@]} -gt 0 ] || for program in build/fuzz/tests/fuzz/fuzz_*; do
+    targets+=("${program##*/fuzz_}")
+done
+
+# For speed: no record of where memory was allocated, and little freed memory held back. A finding is
+# repeated without these.
+export ASAN_OPTIONS=malloc_context_size=0:quarantine_size_mb=1:thread_local_quarantine_size_kb=16
+ASAN_OPTIONS+=:max_redzone=64:allocator_release_to_os_interval_ms=-1
+
+passed=0
+failed=0
+
+# prepare TARGET: sets program, corpus, inputs and the options of a run.
+prepare() {
+    program=build/fuzz/tests/fuzz/fuzz_$1
+    corpus=tests/fuzz/corpus/$1
+    seeds=tests/fuzz/seeds/$1
+    found=build/fuzz/found/$1
+    [ -x "$program" ] || die "no such target: $1"
+    mkdir -p "$corpus" "$found" build/fuzz/findings
+    inputs=("$found" "$corpus")
+    [ -d "$seeds" ] && inputs+=("$seeds")
+    options=(-max_len=512 -timeout=20 "-artifact_prefix=build/fuzz/findings/$1-")
+    [ -f "tests/fuzz/$1.dict" ] && options+=("-dict=tests/fuzz/$1.dict")
+}
+
+# search TARGET: adds to the counts.
+search() {
+    local log
+    prepare "$1"
+    log=build/fuzz/findings/$1.log
+    if "$program" "${options[@]}" "-max_total_time=$seconds" -print_final_stats=1 \
+        "${inputs[@]}" >"$log" 2>&1; then
+        passed=$((passed + 1))
+        say "$1: $(awk '/number_of_executed_units/ { print $2 }' "$log") inputs, no finding"
+    else
+        failed=$((failed + 1))
+        grep -vE '^(#|INFO|NEW_FUNC)' "$log" | tail -n 60
+        say "$1: a finding"
+    fi
+}
+
+# merge TARGET: the smallest set of inputs that reaches everything.
+merge() {
+    local merged
+    prepare "$1"
+    merged=$(mktemp -d)
+    "$program" -merge=1 -timeout=20 -max_len=4096 "$merged" "${inputs[@]}" \
+        >"$setup_log" 2>&1 || { tail -n 20 "$setup_log" >&2; die "could not merge: $1"; }
+    rm -rf "$corpus"
+    mv "$merged" "$corpus"
+    chmod 755 "$corpus"
+    say "$1: $(find "$corpus" -type f | wc -l) inputs, $(du -bs "$corpus" | cut -f1) bytes"
+}
+
+for target in "${targets[@]}"; do
+    if [ "$seconds" = --merge ]; then merge "$target"; else search "$target"; fi
+done
+[ "$seconds" = --merge ] && exit 0
+say "$passed passed, $failed failed"
+[ "$failed" -eq 0 ]
