@@ -1,10 +1,11 @@
-# Sourced by ./demo and ./test: installs what is missing and builds. Debian 12.
+# Sourced by ./demo, ./test and bench/run: installs what is missing and builds. Debian 12.
 
 build_packages="g++ cmake ninja-build pkg-config libnl-3-dev libboost-dev libsqlite3-dev libcli11-dev
     nlohmann-json3-dev"
 demo_packages="iproute2 procps radvd"
 test_packages="libgtest-dev clang-format clang-tidy binutils iproute2 procps radvd"
 fuzz_packages="clang libclang-rt-dev"
+bench_packages="iproute2 binutils valgrind systemd keepalived"
 
 say() { printf '%s\n' "$*"; }
 die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }

@@ -1,0 +1,24 @@
+// Line charts as one SVG file that reads well on light and dark ground.
+#pragma once
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace bench {
+
+struct line_t {
+    std::string name;
+    std::vector<std::pair<double, double>> points; // in ascending order
+};
+
+struct chart_t {
+    std::string title; // what the vertical axis counts, from 0
+    std::vector<line_t> lines;
+};
+
+// The charts side by side; their common horizontal axis, the number of addresses, is logarithmic.
+// Throws std::runtime_error when the file cannot be written.
+void write_plot(const std::string &path, const std::vector<chart_t> &charts);
+
+} // namespace bench

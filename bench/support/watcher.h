@@ -1,0 +1,63 @@
+// The benchmark's own netlink sockets: one that listens, which gives the time at which the kernel
+// announced something, and one that asks and waits for the answer.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "harness/message.h"
+
+namespace bench {
+
+using clock_type = std::chrono::steady_clock;
+using time_point = clock_type::time_point;
+
+inline double seconds_between(time_point from, time_point to) {
+    return std::chrono::duration<double>(to - from).count();
+}
+
+// "2001:db8:0:1::<number>/64"
+std::string address_text(int number);
+
+// Hears what happens to the addresses of one network namespace.
+class Watcher {
+public:
+    // In the calling process's namespace.
+    Watcher();
+    ~Watcher();
+    Watcher(const Watcher &) = delete;
+    Watcher &operator=(const Watcher &) = delete;
+
+    int fd() const { return socket_fd; }
+    // Forgets what has been announced so far.
+    void drain();
+    // Waits until so many different global addresses have been announced since the last drain; the
+    // time at which the last of them was read. Throws std::runtime_error after two minutes.
+    time_point wait_for_addresses(std::size_t count);
+
+private:
+    int socket_fd;
+};
+
+// Adds and deletes addresses of one link, each as one request and its acknowledgement.
+class Requester {
+public:
+    explicit Requester(int link_index);
+    ~Requester();
+    Requester(const Requester &) = delete;
+    Requester &operator=(const Requester &) = delete;
+
+    // Throw std::runtime_error when the kernel refuses.
+    void add(const std::string &address);
+    void remove(const std::string &address);
+
+private:
+    void request(std::uint16_t type, std::uint16_t flags, const std::string &address);
+
+    int socket_fd;
+    int index;
+    std::uint32_t sequence = 0;
+};
+
+} // namespace bench

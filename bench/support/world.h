@@ -1,0 +1,79 @@
+// What a row starts from: a network namespace with links, the settings store in a database, and the
+// daemon between them. Nothing of it touches the host's network.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "harness/process.h"
+#include "harness/rtnl.h"
+#include "harness/sandbox.h"
+#include "harness/store.h"
+#include "support/watcher.h"
+
+namespace bench {
+
+// Of every driver's command line.
+struct options_t {
+    int rounds = 5;
+    int samples = 200; // of a round
+    std::string durability = "normal";
+    std::string plot; // file to draw into; empty: none
+};
+// Ends the process on a wrong command line.
+options_t parse_options(int argc, char **argv, const char *description, options_t defaults = {});
+
+// tavd with its database, and a client that edits as a user would.
+class Tavd {
+public:
+    // Started in `network` (a namespace's descriptor; -1: the caller's). `name` tells several
+    // apart.
+    Tavd(kt::Sandbox &sandbox, const std::string &durability, const std::string &name = "tav",
+         int network = -1);
+    kt::Store &store() { return *client; }
+    const std::string &socket() const { return socket_path; }
+    pid_t pid() const { return process->pid(); }
+    // The session of that process; -1 stands for the caller's own, made for the purpose and the
+    // newest of all. 0 when it has none.
+    std::uint64_t session_of(pid_t process);
+
+private:
+    std::string socket_path;
+    std::unique_ptr<kt::Process> process;
+    std::unique_ptr<kt::Store> client;
+};
+
+class World {
+public:
+    explicit World(const std::string &durability);
+
+    // eth0, up, as if newly plugged in: without any address but its link-local one.
+    void renew_link();
+    int link_index() { return device.index("eth0"); }
+    kt::Process &start_daemon();
+    // Waits until the store has so many addresses, the link-local one included.
+    void wait_for_stored(std::size_t addresses);
+    // Ends it in the orderly way; throws std::runtime_error when it had to rebuild its engine.
+    void stop_daemon();
+    // Under the nodes 1 to `count` of interface 1.
+    void store_static(int count);
+    void clear_store();
+
+    kt::Sandbox sandbox;
+    kt::Kernel device;
+    kt::Kernel neighbour;
+    Tavd tavd;
+    std::unique_ptr<kt::Process> daemon;
+
+private:
+    std::uint64_t last_session = 0; // before the daemon was started
+};
+
+// Runs `ip -batch` to its end, and gives the time that it took in seconds. Throws
+// std::runtime_error unless it ends with status 0.
+double run_batch(const std::string &path);
+// A file of `ip -batch` that adds the addresses 1 to `count` to eth0; its path.
+std::string write_batch(kt::Sandbox &sandbox, int count);
+
+} // namespace bench
