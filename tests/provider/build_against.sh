@@ -16,15 +16,30 @@ cp -r "$source_dir/tests/provider/kit/tav" "$prefix/include/"
 "$compiler" -std=c++17 -shared -fPIC -I"$prefix/include" -Wl,-soname,libtav++.so \
     -o "$prefix/lib/libtav++.so" "$source_dir/tests/provider/lib/toolkit.cpp" || fail "libtav++.so"
 
-# A prefix without the library is refused by a sentence that says what is missing.
+# A prefix that lacks something is refused by a sentence that says what.
+# refused PREFIX TEXT
+refused() {
+    rm -rf "$work/refused"
+    cmake -S "$source_dir" -B "$work/refused" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" \
+        -DTAV_ROOT="$1" >"$work/log" 2>&1 && fail "accepted: $1"
+    tr -s ' \n' ' ' <"$work/log" | grep -qF "$2" || { cat "$work/log"; fail "not said of $1: $2"; }
+}
 mkdir "$work/empty"
-cmake -S "$source_dir" -B "$work/refused" -G Ninja -DTAV_ROOT="$work/empty" >"$work/log" 2>&1 &&
-    fail "an empty prefix was accepted"
-tr -s ' \n' ' ' <"$work/log" | grep -q 'TAV_INCLUDE_DIR was not found there' ||
-    { cat "$work/log"; fail "no clear word about the empty prefix"; }
+refused "$work/empty" 'not complete: include/tav/mlr.h, include/tav/toolkit.h, lib/libtav.so, lib/libtav++.so not found there.'
+cp -r "$prefix" "$work/other-header"
+sed -i 's/int events_get(/int events_fetch(/' "$work/other-header/include/tav/toolkit.h"
+refused "$work/other-header" 'do not declare what the daemon uses: error: '
+cp -r "$prefix" "$work/fewer-functions"
+cp "$prefix/lib/libtav.so" "$work/fewer-functions/lib/libtav++.so"
+refused "$work/fewer-functions" 'lack functions that the daemon calls:'
+grep -qF 'toolkit::CTav::watchdog_ping(api_status_t&)' "$work/log" || fail "the function is not named"
+cp -r "$prefix" "$work/other-machine"
+as --32 -o "$work/empty.o" /dev/null || fail "an i386 object"
+ld -m elf_i386 -shared -o "$work/other-machine/lib/libtav.so" "$work/empty.o" || fail "an i386 library"
+refused "$work/other-machine" 'are for another machine than'
 
 cmake -S "$source_dir" -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTAV_ROOT="$prefix" \
-    -DCMAKE_INSTALL_PREFIX="$work/installed" >"$work/log" 2>&1 || { cat "$work/log"; fail configure; }
+    -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_INSTALL_PREFIX="$work/installed" >"$work/log" 2>&1 || { cat "$work/log"; fail configure; }
 cmake --build "$work/build" --parallel 2 >"$work/log" 2>&1 || { cat "$work/log"; fail build; }
 cmake --install "$work/build" >"$work/log" 2>&1 || { cat "$work/log"; fail install; }
 
