@@ -234,6 +234,16 @@ bool exists(const tk_string &path) {
     return inside().tree.find(path) != nullptr;
 }
 
+std::vector<tk_string> children(const tk_string &path) {
+    std::vector<tk_string> names;
+    if (const element_t *node = inside().tree.find(path)) {
+        for (const auto &child : node->children) {
+            names.push_back(child->name);
+        }
+    }
+    return names;
+}
+
 tk_string text(const tk_string &path) {
     CElement value;
     return inside().tree.read_leaf(path, value) == api_status_ok ? value.to_string() : "(absent)";

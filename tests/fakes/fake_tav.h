@@ -101,6 +101,8 @@ void put(const tk_string &path, const tk_string &text);          // a string lea
 void put(const tk_string &path, const toolkit::CElement &value); // any leaf
 void erase(const tk_string &path);                               // with all below
 bool exists(const tk_string &path);
+// The names of what stands directly below a node; none when there is no such node.
+std::vector<tk_string> children(const tk_string &path);
 // The text of a leaf; "(absent)" when there is no such leaf.
 tk_string text(const tk_string &path);
 // Every leaf as "<path> = <text>" and every node without children as "<path>/", in listing order.

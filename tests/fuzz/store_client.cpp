@@ -1,0 +1,443 @@
+// What a service may send the store's client library: frames in any portions, replies of any
+// content. Each call either gives exactly what the reply says or fails, and after a failure every
+// call does.
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <tav/toolkit.h>
+
+#include "client/admin.h"
+#include "fuzz/fuzz.h"
+
+namespace {
+
+using fuzz::require;
+
+// Numbers that no real descriptor has. The first socket made carries the calls, the second the
+// wake-ups; a third descriptor stands in for the second once the connection is lost.
+constexpr int calls_fd = 100001;
+constexpr int wake_fd = 100002;
+constexpr int standin_fd = 100003;
+
+// One reply as the input gives it.
+struct reply_t {
+    bool well_formed = true; // its content is put into a frame with the right serial number
+    bool drain = false;      // the header says that a wake-up byte is to be taken
+    std::string wake;        // what lies on the wake-up connection by then
+    std::string bytes;       // the content, or all bytes of the reply
+};
+
+struct service_t {
+    int sockets = 0;
+    std::size_t portion = 1;
+    std::string request;      // received so far
+    std::uint32_t serial = 0; // of the last complete one
+    std::string calls;        // on their way to the client, on each connection
+    std::string wake;
+    std::deque<reply_t> replies; // to the coming requests
+};
+
+service_t &service() {
+    static service_t instance;
+    return instance;
+}
+
+std::uint32_t number_at(const std::string &bytes, std::size_t at) {
+    std::uint32_t value = 0;
+    for (std::size_t i = 0; i < 4; ++i) {
+        value = value * 256 + static_cast<unsigned char>(bytes[at + i]);
+    }
+    return value;
+}
+
+std::string big_endian(std::uint64_t value, int bytes) {
+    std::string text;
+    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8) {
+        text.push_back(static_cast<char>((value >> shift) & 0xffU));
+    }
+    return text;
+}
+
+std::string frame_of(const reply_t &reply, std::uint32_t serial) {
+    if (!reply.well_formed) {
+        return reply.bytes;
+    }
+    const std::string body =
+        big_endian(serial, 4) + std::string(1, reply.drain ? '\1' : '\0') + reply.bytes;
+    return big_endian(body.size(), 4) + body;
+}
+
+// Answers each request that is complete.
+void serve(std::string &connection) {
+    std::string &request = service().request;
+    while (request.size() >= 4 && request.size() - 4 >= number_at(request, 0)) {
+        require(number_at(request, 0) >= 5, "a request without a header");
+        service().serial = number_at(request, 5);
+        request.erase(0, 4 + number_at(request, 0));
+        if (!service().replies.empty()) {
+            const reply_t reply = service().replies.front();
+            service().replies.pop_front();
+            connection += frame_of(reply, service().serial);
+            service().wake += reply.wake;
+        }
+    }
+}
+
+std::string &stream_of(int fd) {
+    return fd == calls_fd ? service().calls : service().wake;
+}
+
+} // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's names.
+extern "C" {
+int __real_close(int fd);
+ssize_t __real_read(int fd, void *buffer, std::size_t size);
+int __wrap_socket(int domain, int type, int protocol);
+int __wrap_connect(int fd, const sockaddr *address, socklen_t length);
+int __wrap_eventfd(unsigned value, int flags);
+int __wrap_dup3(int from, int to, int flags);
+int __wrap_close(int fd);
+int __wrap_poll(pollfd *entries, nfds_t number, int timeout);
+ssize_t __wrap_read(int fd, void *buffer, std::size_t size);
+ssize_t __wrap_recv(int fd, void *buffer, std::size_t size, int flags);
+ssize_t __wrap_send(int fd, const void *buffer, std::size_t size, int flags);
+
+int __wrap_socket(int, int, int) {
+    return service().sockets++ == 0 ? calls_fd : wake_fd;
+}
+int __wrap_connect(int, const sockaddr *, socklen_t) {
+    return 0;
+}
+int __wrap_eventfd(unsigned, int) {
+    return standin_fd;
+}
+int __wrap_dup3(int, int to, int) {
+    return to;
+}
+int __wrap_close(int fd) {
+    return fd >= calls_fd ? 0 : __real_close(fd);
+}
+int __wrap_poll(pollfd *, nfds_t number, int) {
+    return static_cast<int>(number);
+}
+ssize_t __wrap_read(int fd, void *buffer, std::size_t size) {
+    return fd >= calls_fd ? -1 : __real_read(fd, buffer, size);
+}
+
+// Where nothing is left the service has gone.
+ssize_t __wrap_recv(int fd, void *buffer, std::size_t size, int) {
+    std::string &stream = stream_of(fd);
+    const std::size_t given = std::min({size, service().portion, stream.size()});
+    std::memcpy(buffer, stream.data(), given);
+    stream.erase(0, given);
+    return static_cast<ssize_t>(given);
+}
+
+ssize_t __wrap_send(int fd, const void *buffer, std::size_t size, int) {
+    service().request.append(static_cast<const char *>(buffer), size);
+    serve(stream_of(fd));
+    return static_cast<ssize_t>(size);
+}
+
+void mlr_err(unsigned, const char *format, ...) {
+    char text[512];
+    va_list args;
+    va_start(args, format);
+    std::vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+
+namespace {
+
+// Reads a reply's content plainly.
+class content_t {
+public:
+    explicit content_t(const std::string &content) : bytes(content) {}
+
+    std::uint64_t number(std::size_t size) {
+        std::uint64_t value = 0;
+        for (const char one : take(size)) {
+            value = value * 256 + static_cast<unsigned char>(one);
+        }
+        return value;
+    }
+    std::string text() { return take(number(4)); }
+    // A value as described(): nothing but the type is there of one that is left out.
+    std::string value() {
+        const std::uint64_t type = number(1);
+        const std::string content = text();
+        return described(static_cast<int>(type), content, static_cast<std::int64_t>(number(8)));
+    }
+    static std::string described(int type, const std::string &text, std::int64_t time) {
+        return std::to_string(type) + " " + text + " " + std::to_string(time) + "\n";
+    }
+    bool read_exactly() const { return !missing && at == bytes.size(); }
+    bool failed() const { return missing; }
+
+private:
+    std::string take(std::uint64_t size) {
+        if (missing || size > bytes.size() - at) {
+            missing = true;
+            return "";
+        }
+        const std::string taken = bytes.substr(at, size);
+        at += size;
+        return taken;
+    }
+
+    std::string bytes;
+    std::size_t at = 0;
+    bool missing = false;
+};
+
+const char *const failure = "failed";
+
+// The content of the reply as the library has to see it; nothing when the connection is lost.
+bool content_of(const reply_t &reply, std::uint32_t serial, const std::string &wake_before,
+                std::string &content) {
+    const std::string bytes = frame_of(reply, serial);
+    if (bytes.size() < 4) {
+        return false;
+    }
+    const std::size_t length = number_at(bytes, 0);
+    const std::string wake = wake_before + reply.wake;
+    if (length > 16777216 || length < 5 || bytes.size() - 4 < length ||
+        number_at(bytes, 4) != serial || static_cast<unsigned char>(bytes[8]) > 1 ||
+        (bytes[8] == 1 && wake.substr(0, 1) != "w")) {
+        return false;
+    }
+    content = bytes.substr(9, length - 5);
+    return true;
+}
+
+// The calls, by number; each gives its outcome as text.
+enum call_t {
+    get_leaves,
+    list_node,
+    set_leaves,
+    remove_node,
+    event_register,
+    events_get,
+    watchdog_register,
+    watchdog_ping,
+    dump,
+    status,
+    calls_in_all
+};
+
+constexpr std::size_t paths_per_call = 2;
+
+std::string statuses_text(const std::vector<api_status_t> &statuses) {
+    std::string text;
+    for (const api_status_t one : statuses) {
+        text += std::to_string(one) + "\n";
+    }
+    return text;
+}
+
+std::string call_leaves(toolkit::CTav &tav, bool write) {
+    const std::vector<tk_string> paths(paths_per_call, "/a");
+    const std::vector<mlr_tribool_t> flags(paths_per_call, mlr_tribool_unset);
+    std::vector<api_status_t> statuses;
+    std::vector<toolkit::CElement> values(paths_per_call, toolkit::CElement("x", -1));
+    std::vector<element_property_t> properties;
+    const int result = write ? tav.set_leaves(paths, values, flags, statuses, "")
+                             : tav.get_leaves(paths, statuses, values, properties);
+    require(statuses.size() == paths_per_call, "not one status for each path");
+    if (result != 0) {
+        require(statuses_text(statuses) == "0\n0\n", "a status of a failed call");
+        return failure;
+    }
+    std::string text = statuses_text(statuses);
+    for (std::size_t i = 0; i < values.size() && !write; ++i) {
+        text += statuses[i] != 1 ? "\n"
+                                 : content_t::described(values[i].type(), values[i].to_string(),
+                                                        values[i].time());
+    }
+    return text;
+}
+
+std::string call(toolkit::CTav &tav, call_t which) {
+    api_status_t one = api_status_none;
+    int result = 0;
+    std::string text;
+    std::vector<toolkit::child_t> children;
+    std::vector<toolkit::CEvent> events;
+    std::vector<tav::DumpElement> elements;
+    tav::ServiceStatus service_status;
+    switch (which) {
+    case get_leaves:
+    case set_leaves:
+        return call_leaves(tav, which == set_leaves);
+    case list_node:
+        result = tav.list_node("/a", one, children);
+        for (const toolkit::child_t &child : children) {
+            text += child.first + " " + std::to_string(child.second.first) + "\n";
+        }
+        break;
+    case remove_node:
+        result = tav.remove_node("/a", one, "");
+        break;
+    case event_register:
+        result = tav.event_register("/a", api_event_change, false, one);
+        break;
+    case events_get:
+        result = tav.events_get(events);
+        require(result < 0 ? events.empty() : result == static_cast<int>(events.size()),
+                "another number of events");
+        for (const toolkit::CEvent &event : events) {
+            text += std::to_string(event.command) + " " + event.path + "\n";
+        }
+        return result < 0 ? failure : text;
+    case watchdog_register:
+        result = tav.watchdog_register(one, "x", 60, true);
+        break;
+    case watchdog_ping:
+        result = tav.watchdog_ping(one);
+        break;
+    case dump:
+        result = tav::dump(tav.handle, "/a", one, elements);
+        for (const tav::DumpElement &element : elements) {
+            text +=
+                element.path + " " +
+                content_t::described(element.value.type, element.value.text, element.value.time);
+        }
+        break;
+    default:
+        return tav::service_status(tav.handle, service_status) == 0 ? "done" : failure;
+    }
+    require(result == 0 || one == api_status_none, "a status of a failed call");
+    return result == 0 ? std::to_string(one) + "\n" + text : failure;
+}
+
+std::string expected_leaves(content_t &content) {
+    std::string statuses;
+    std::string values;
+    if (content.number(4) != paths_per_call) {
+        return failure;
+    }
+    for (std::size_t i = 0; i < paths_per_call; ++i) {
+        const std::uint64_t one = content.number(1);
+        statuses += std::to_string(one) + "\n";
+        values += one == 1 ? content.value() : "\n";
+    }
+    return content.read_exactly() ? statuses + values : failure;
+}
+
+std::string expected_statuses(content_t &content, std::uint64_t wanted) {
+    std::string text;
+    if (content.number(4) != wanted) {
+        return failure;
+    }
+    for (std::uint64_t i = 0; i < wanted; ++i) {
+        text += std::to_string(content.number(1)) + "\n";
+    }
+    return content.read_exactly() ? text : failure;
+}
+
+std::string expected_list(content_t &content) {
+    std::string text = std::to_string(content.number(1)) + "\n";
+    for (std::uint64_t left = content.number(4); left > 0 && !content.failed(); --left) {
+        text += content.text();
+        text += " " + std::to_string(content.number(1)) + "\n";
+    }
+    return content.read_exactly() ? text : failure;
+}
+
+std::string expected_events(content_t &content) {
+    std::string text;
+    for (std::uint64_t left = content.number(4); left > 0 && !content.failed(); --left) {
+        text += std::to_string(static_cast<std::int32_t>(content.number(4))) + " ";
+        text += content.text() + "\n";
+    }
+    return !content.read_exactly() ? failure : text.empty() ? "1 \n" : text;
+}
+
+// Of dump and status, which take more than one reply or say much, only the failure is foretold.
+std::string expected(call_t which, const std::string &bytes) {
+    content_t content(bytes);
+    switch (which) {
+    case get_leaves:
+        return expected_leaves(content);
+    case set_leaves:
+        return expected_statuses(content, paths_per_call);
+    case remove_node:
+        return expected_statuses(content, 1);
+    case list_node:
+        return expected_list(content);
+    case events_get:
+        return expected_events(content);
+    default:
+        const std::string text = std::to_string(content.number(1)) + "\n";
+        return content.read_exactly() ? text : failure;
+    }
+}
+
+void check_call(toolkit::CTav &tav, call_t which, const reply_t &reply, bool &lost) {
+    service().replies = {reply};
+    const std::string wake_before = service().wake;
+    const std::string text = call(tav, which);
+    if (lost) {
+        fuzz::require_same(text, failure, "a call on a lost connection");
+        return;
+    }
+    std::string content;
+    const bool there = content_of(reply, service().serial, wake_before, content);
+    if (which == dump || which == status) {
+        require(there || text == failure, "a call without an answer");
+        lost = text == failure;
+        return;
+    }
+    const std::string wanted = there ? expected(which, content) : failure;
+    fuzz::require_same(text, wanted, "the reply was taken otherwise");
+    lost = wanted == failure;
+}
+
+reply_t take_reply(fuzz::input_t &input) {
+    const unsigned flags = input.byte();
+    reply_t reply;
+    reply.well_formed = (flags & 1U) == 0;
+    reply.drain = (flags & 2U) != 0;
+    reply.wake = (flags & 4U) != 0 ? "w" : (flags & 8U) != 0 ? "x" : "";
+    reply.bytes = input.bytes(input.number());
+    return reply;
+}
+
+} // namespace
+
+// An input is the size of the portions, then calls: which, flags, length and bytes of the reply.
+// The highest bit of the first byte gives the two replies to the connecting from the input as well.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    fuzz::input_t input(data, size);
+    const unsigned head = input.byte();
+    service() = {};
+    service().portion = (head & 0x7fU) == 0 ? 65536 : head & 0x7fU;
+    if ((head & 0x80U) != 0) {
+        service().replies = {take_reply(input), take_reply(input)};
+    } else {
+        service().replies = {{true, false, "", std::string(16, 't')}, {true, false, "", ""}};
+    }
+    toolkit::CTav tav(mlr_init());
+    bool lost = tav.handle == nullptr;
+    require(!lost || (head & 0x80U) != 0, "could not connect");
+    // Of the first replies all bytes are to be taken; what is left is no part of the calls.
+    service().calls.clear();
+    service().wake.clear();
+    while (!input.empty()) {
+        const auto which = static_cast<call_t>(input.byte() % calls_in_all);
+        check_call(tav, which, take_reply(input), lost);
+        service().calls.clear();
+    }
+    mlr_close(tav.handle);
+    return 0;
+}

@@ -1,0 +1,62 @@
+// Each kind of message of the store's protocol: what is read in full is written as the same bytes
+// again, and what is read in part leaves nothing behind but a verdict.
+#include "fuzz/fuzz.h"
+#include "protocol/messages.h"
+
+namespace {
+
+using fuzz::require;
+
+template <typename Read, typename Write>
+void round_trip(const std::string &body, const Read &read, const Write &write) {
+    tav::Reader in(body);
+    read(in);
+    require(in.ok() || !in.finished(), "a failed reader calls itself finished");
+    require(in.ok() || (in.u64() == 0 && in.text().empty()), "a failed reader still gives bytes");
+    if (!in.finished()) {
+        return;
+    }
+    tav::Writer out;
+    write(out);
+    require(out.size() == body.size(), "the size of what was written");
+    const std::string frame = out.finish();
+    std::string_view again;
+    require(tav::next_frame(frame, again) == tav::FrameState::complete, "no complete frame");
+    fuzz::require_same(std::string(again), body, "what was read is written otherwise");
+}
+
+template <typename Message>
+void one(const std::string &body) {
+    Message message;
+    round_trip(
+        body, [&](tav::Reader &in) { tav::get(in, message); },
+        [&](tav::Writer &out) { tav::put(out, message); });
+}
+
+template <typename Message>
+void many(const std::string &body) {
+    std::vector<Message> messages;
+    round_trip(
+        body, [&](tav::Reader &in) { tav::get_all(in, messages); },
+        [&](tav::Writer &out) { tav::put_all(out, messages); });
+}
+
+using target_t = void (*)(const std::string &);
+constexpr target_t targets[] = {
+    &one<tav::RequestHeader>, &one<tav::ReplyHeader>,    &one<tav::Hello>,
+    &one<tav::Ticket>,        &one<tav::Registration>,   &one<tav::WatchdogRequest>,
+    &one<tav::DumpRequest>,   &one<tav::DumpPage>,       &one<tav::ServiceStatus>,
+    &one<api_status_t>,       &one<std::string>,         &many<std::string>,
+    &many<tav::Item>,         &many<tav::LeafAnswer>,    &many<tav::Child>,
+    &many<tav::Event>,        &many<api_status_t>,       &many<tav::DumpElement>,
+    &many<tav::ClientStatus>, &many<tav::WatchdogStatus>};
+
+} // namespace
+
+// An input is the kind and the body.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    fuzz::input_t input(data, size);
+    const std::size_t kind = input.byte() % std::size(targets);
+    targets[kind](input.rest());
+    return 0;
+}

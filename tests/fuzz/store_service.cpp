@@ -1,0 +1,256 @@
+// What a client may send the store's service: bytes in any portions become frames, frames become
+// requests, and requests leave a sound tree.
+#include <algorithm>
+#include <cstring>
+#include <set>
+
+#include <sys/socket.h>
+
+#include "fuzz/fuzz.h"
+#include "service/path.h"
+#include "service/peer.h"
+#include "service/service.h"
+#include "service/value_check.h"
+
+namespace {
+
+using fuzz::require;
+
+// The connection: what is still to be received, what was sent, and how many bytes at most the next
+// calls move. Each of those portions serves one call; behind the last one a call moves them all.
+struct connection_t {
+    std::string incoming;
+    std::string outgoing;
+    std::vector<std::size_t> portions;
+
+    std::size_t portion(std::size_t wanted) {
+        if (!portions.empty()) {
+            wanted = std::min(wanted, portions.back());
+            portions.pop_back();
+        }
+        return wanted;
+    }
+};
+
+connection_t &connection() {
+    static connection_t instance;
+    return instance;
+}
+
+} // namespace
+
+// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the linker's names.
+extern "C" {
+ssize_t __wrap_recv(int fd, void *buffer, std::size_t size, int flags);
+ssize_t __wrap_send(int fd, const void *buffer, std::size_t size, int flags);
+
+ssize_t __wrap_recv(int, void *buffer, std::size_t size, int) {
+    std::string &incoming = connection().incoming;
+    const std::size_t given = std::min(connection().portion(size), incoming.size());
+    std::memcpy(buffer, incoming.data(), given);
+    incoming.erase(0, given);
+    return static_cast<ssize_t>(given);
+}
+
+ssize_t __wrap_send(int, const void *buffer, std::size_t size, int) {
+    const std::size_t taken = connection().portion(size);
+    connection().outgoing.append(static_cast<const char *>(buffer), taken);
+    return static_cast<ssize_t>(taken);
+}
+}
+// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
+
+namespace {
+
+std::uint32_t number_at(const std::string &bytes, std::size_t at) {
+    std::uint32_t value = 0;
+    for (std::size_t i = 0; i < 4; ++i) {
+        value = value * 256 + static_cast<unsigned char>(bytes[at + i]);
+    }
+    return value;
+}
+
+std::string framed(const std::string &body) {
+    std::string frame;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        frame.push_back(static_cast<char>((body.size() >> shift) & 0xffU));
+    }
+    return frame + body;
+}
+
+// The bodies of the frames in a stream, up to its end or to a frame that is too large.
+std::vector<std::string> bodies(const std::string &stream) {
+    std::vector<std::string> found;
+    for (std::size_t at = 0; stream.size() - at >= 4;) {
+        const std::size_t length = number_at(stream, at);
+        if (length > 16777216 || stream.size() - at - 4 < length) {
+            break;
+        }
+        found.push_back(stream.substr(at + 4, length));
+        at += 4 + length;
+    }
+    return found;
+}
+
+template <typename Message>
+bool is_message(tav::Reader in) {
+    Message message;
+    tav::get(in, message);
+    return in.finished();
+}
+
+template <typename Message>
+bool are_messages(tav::Reader in) {
+    std::vector<Message> messages;
+    tav::get_all(in, messages);
+    return in.finished();
+}
+
+bool is_listing(tav::Reader in) {
+    api_status_t status = api_status_none;
+    std::vector<tav::Child> children;
+    tav::get(in, status);
+    tav::get_all(in, children);
+    return in.finished() && (status == api_status_ok || children.empty());
+}
+
+// Whether a reply's content is what the library expects for that kind of request.
+bool answers(tav::Op op, const tav::Reader &in) {
+    switch (op) {
+    case tav::Op::read:
+        return are_messages<tav::LeafAnswer>(in);
+    case tav::Op::list:
+        return is_listing(in);
+    case tav::Op::transact:
+        return are_messages<api_status_t>(in);
+    case tav::Op::events_get:
+        return are_messages<tav::Event>(in);
+    case tav::Op::event_register:
+    case tav::Op::watchdog_register:
+    case tav::Op::watchdog_ping:
+        return is_message<api_status_t>(in);
+    case tav::Op::dump:
+        return is_message<tav::DumpPage>(in);
+    case tav::Op::status:
+        return is_message<tav::ServiceStatus>(in);
+    default:
+        return false;
+    }
+}
+
+void check_reply(const std::string &request, const std::string &frame) {
+    const std::vector<std::string> reply = bodies(frame);
+    require(reply.size() == 1 && frame.size() == reply[0].size() + 4, "a reply is no one frame");
+    tav::Reader in(reply[0]);
+    require(in.u32() == number_at(request, 1), "a reply with another serial number");
+    require(in.u8() <= 1, "a reply with a strange header");
+    require(answers(static_cast<tav::Op>(request[0]), in), "a reply of another kind");
+}
+
+// Every element's parent is a node that stands before it, every path and value is one that the
+// service accepts, and the counts are right.
+void check_tree(const tav::Store &store) {
+    std::set<std::string> nodes;
+    std::set<std::string> leaves;
+    tav::DumpPage page;
+    do {
+        page = {};
+        store.dump({"/", nodes.size() + leaves.size()}, page);
+        require(page.status == api_status_ok, "the root cannot be dumped");
+        for (const tav::DumpElement &element : page.elements) {
+            const std::string &path = element.path;
+            require(tav::check_path(path) == api_status_ok, "a path that is none");
+            const std::string parent = path.substr(0, std::max<std::size_t>(path.rfind('/'), 1));
+            require(path == "/" || nodes.count(parent) == 1, "an element without its parent");
+            const bool is_node = element.value.type == element_type_node;
+            require(is_node || tav::check_value(element.value) == api_status_ok,
+                    "a value that is none");
+            require((is_node ? nodes : leaves).insert(path).second, "an element twice");
+        }
+    } while (page.more);
+    require(nodes.size() == store.tree().node_count(), "another number of nodes");
+    require(leaves.size() == store.tree().leaf_count(), "another number of leaves");
+}
+
+// A client that is told of every change.
+class onlooker_t {
+public:
+    explicit onlooker_t(tav::Service &service) : session(service.open(2, 0)) {
+        session.register_events({"/", 1, true}, service.now());
+    }
+    void check(tav::Service &service) {
+        bool drain = false;
+        for (const tav::Event &event : session.fetch(service.now(), drain)) {
+            require(event.command >= 1 && event.command <= 3, "a strange event");
+            require(tav::check_path(event.path) == api_status_ok, "an event without a path");
+        }
+    }
+
+private:
+    tav::Session &session;
+};
+
+// Serves the stream as the service's loop does. Returns the requests that were taken off it.
+std::vector<std::string> serve(tav::Peer &peer, tav::Service &service, tav::Session &session) {
+    std::vector<std::string> taken;
+    while (peer.receive()) {
+        std::string_view body;
+        tav::FrameState state = tav::FrameState::incomplete;
+        while ((state = peer.request(body)) == tav::FrameState::complete) {
+            taken.emplace_back(body);
+            std::string reply;
+            if (!service.handle(session, body, reply)) {
+                return taken;
+            }
+            check_reply(taken.back(), reply);
+            peer.consume(body);
+            connection().outgoing.clear();
+            peer.reply(reply);
+            require(peer.flush() && !peer.has_output(), "a reply that was not sent");
+            require(connection().outgoing == reply, "another reply was sent");
+        }
+        if (state == tav::FrameState::too_large) {
+            return taken;
+        }
+    }
+    return taken;
+}
+
+} // namespace
+
+// An input is the size of the portions and a stream: as it is, or, with the highest bit of the
+// first byte, as bodies with their lengths in two bytes, which are made into frames.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
+    fuzz::input_t input(data, size);
+    const unsigned head = input.byte();
+    std::string stream;
+    if ((head & 0x80U) == 0) {
+        stream = input.rest();
+    }
+    while (!input.empty()) {
+        stream += framed(input.bytes(input.number()));
+    }
+    connection() = {stream, {}, {}};
+    if ((head & 0x7fU) != 0) {
+        connection().portions = {1, 1, 7, head & 0x7fU};
+    }
+
+    static std::int64_t milliseconds = 0;
+    tav::Store store;
+    tav::Service service(store, "",
+                         [] { return tav::Time(std::chrono::milliseconds(++milliseconds)); });
+    onlooker_t onlooker(service);
+    tav::Peer peer{tav::UniqueFd()};
+    const std::vector<std::string> taken = serve(peer, service, service.open(1, 0));
+
+    const std::vector<std::string> expected = bodies(stream);
+    require(taken.size() <= expected.size() &&
+                std::equal(taken.begin(), taken.end(), expected.begin()),
+            "other requests than were sent");
+    // Fewer are taken only when one of them was refused, which ends the connection.
+    require(taken.size() == expected.size() || !connection().incoming.empty() || peer.has_input(),
+            "a request was not taken");
+    onlooker.check(service);
+    check_tree(store);
+    return 0;
+}
