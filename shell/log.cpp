@@ -53,32 +53,36 @@ void log_message(int priority, const char *format, va_list args) {
     }
 }
 
+bool log_shows(std::uint32_t level) {
+    return level <= verbosity;
+}
+
 void log_info_at(std::uint32_t level, const char *format, ...) {
-    if (level <= verbosity) {
+    if (log_shows(level)) {
         WRITE_MESSAGE(LOG_INFO);
     }
 }
 
 void log_notice_at(std::uint32_t level, const char *format, ...) {
-    if (level <= verbosity) {
+    if (log_shows(level)) {
         WRITE_MESSAGE(LOG_NOTICE);
     }
 }
 
 void log_warning_at(std::uint32_t level, const char *format, ...) {
-    if (level <= verbosity) {
+    if (log_shows(level)) {
         WRITE_MESSAGE(LOG_WARNING);
     }
 }
 
 void log_error_at(std::uint32_t level, const char *format, ...) {
-    if (level <= verbosity) {
+    if (log_shows(level)) {
         WRITE_MESSAGE(LOG_ERR);
     }
 }
 
 void log_critical_at(std::uint32_t level, const char *format, ...) {
-    if (level <= verbosity) {
+    if (log_shows(level)) {
         WRITE_MESSAGE(LOG_CRIT);
     }
 }

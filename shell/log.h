@@ -16,6 +16,10 @@ void open_log();
 void log_message(int priority, const char *format, va_list args)
     __attribute__((format(printf, 2, 0)));
 
+// Whether a message of this level is written. Only for messages of which there are many and whose
+// text takes longer to make than the work that they tell of.
+bool log_shows(std::uint32_t level);
+
 // Written when level <= verbosity.
 void log_info_at(std::uint32_t level, const char *format, ...)
     __attribute__((format(printf, 2, 3)));

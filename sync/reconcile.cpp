@@ -117,13 +117,16 @@ void CSync::remove_unstored(ifcfg_t &entry, std::vector<bool> &seen) {
     erasure leaving(entry.addresses, seen);
     for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
         const CFullAddress &known = entry.addresses[i];
-        const tk_string text = in6addr_to_str(known.addr, known.prefix_len, true);
-        log_info_at(4, "Comparing address '%s' (%d) (%s)", text.c_str(), known.type,
-                    seen[i] ? "IN TAV" : "NOT IN TAV");
+        if (log_shows(4)) {
+            log_info_at(4, "Comparing address '%s' (%d) (%s)",
+                        in6addr_to_str(known.addr, known.prefix_len, true).c_str(), known.type,
+                        seen[i] ? "IN TAV" : "NOT IN TAV");
+        }
         if (seen[i] || known.type != type_static) {
             continue;
         }
-        log_info_at(3, "Removing TAV addr '%s' from kernel on interface %d", text.c_str(),
+        log_info_at(3, "Removing TAV addr '%s' from kernel on interface %d",
+                    in6addr_to_str(known.addr, known.prefix_len, true).c_str(),
                     entry.iface.ifindex);
         netlink->modify_addr(known, false);
         leaving.mark(i);
@@ -152,8 +155,11 @@ bool CSync::sync_kernel_addr(ifcfg_t &entry, const CTavAddress &stored,
         remove_tav_ipv6_addr(entry.iface, stored);
         return false;
     }
-    log_info_at(4, "Adding TAV addr '%s' to kernel on interface %d",
-                in6addr_to_str(stored.addr, stored.prefix_len, true).c_str(), entry.iface.ifindex);
+    if (log_shows(4)) {
+        log_info_at(4, "Adding TAV addr '%s' to kernel on interface %d",
+                    in6addr_to_str(stored.addr, stored.prefix_len, true).c_str(),
+                    entry.iface.ifindex);
+    }
     CFullAddress fresh;
     static_cast<CTavAddress &>(fresh) = stored;
     fresh.ifindex = entry.iface.ifindex;
