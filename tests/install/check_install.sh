@@ -8,7 +8,7 @@ trap 'rm -rf "$work"' EXIT
 fail() { printf 'FAILED: %s\n' "$*" >&2; exit 1; }
 
 cmake --install "$build" --prefix "$work/usr" >"$work/log" 2>&1 || { cat "$work/log"; fail install; }
-for file in sbin/tandrel sbin/tavd bin/tav "$libdir/libtav.so" "$libdir/libtav++.so" \
+for file in sbin/tandrel sbin/tavd bin/tav bin/tandrelctl "$libdir/libtav.so" "$libdir/libtav++.so" \
     include/tav/mlr.h include/tav/toolkit.h; do
     [ -e "$work/usr/$file" ] || fail "$file is not installed"
 done
@@ -18,6 +18,7 @@ export LD_LIBRARY_PATH=$work/usr/$libdir
 grep -q "^Usage: $work/usr/sbin/tandrel \[-u <user>\]" "$work/usage" || fail "no usage text"
 "$work/usr/sbin/tavd" --help >/dev/null || fail "tavd --help"
 "$work/usr/bin/tav" --help >/dev/null || fail "tav --help"
+"$work/usr/bin/tandrelctl" --help >/dev/null || fail "tandrelctl --help"
 
 # A program of one's own builds against the installed headers and libraries.
 cat >"$work/own.cpp" <<'SOURCE'

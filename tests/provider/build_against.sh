@@ -43,8 +43,8 @@ cmake -S "$source_dir" -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTAV_
 cmake --build "$work/build" --parallel 2 >"$work/log" 2>&1 || { cat "$work/log"; fail build; }
 cmake --install "$work/build" >"$work/log" 2>&1 || { cat "$work/log"; fail install; }
 
-installed=$(cd "$work/installed" && find . -type f)
-[ "$installed" = ./sbin/tandrel ] || fail "installed: $installed"
+installed=$(cd "$work/installed" && find . -type f -path '*bin/*' | sort | tr '\n' ' ')
+[ "$installed" = "./bin/tandrelctl ./sbin/tandrel " ] || fail "installed: $installed"
 ldd "$work/build/tandrel" | grep -qF "$prefix/lib/libtav.so" || fail "not linked with this libtav.so"
 ldd "$work/build/tandrel" | grep -qF "$prefix/lib/libtav++.so" || fail "not linked with this libtav++.so"
 
@@ -66,6 +66,9 @@ for ((i = 0; i < 200; i++)); do
     fi
     sleep 0.1
 done
+# The tool reads the same through the same library.
+shown=$("$work/build/ctl/tandrelctl" show eth0)
+grep -q '^= 2001:db8:77::1/64  *2001:db8:77::1/64  *Static  *kit$' <<<"$shown" || { echo "$shown"; done=no; }
 kill -TERM "$daemon"
 wait "$daemon" || { echo "exit status $?"; done=no; }
 if [ "$done" = no ]; then

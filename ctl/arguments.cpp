@@ -1,0 +1,223 @@
+#include "ctl/arguments.h"
+
+#include <CLI/CLI.hpp>
+
+#include <utility>
+
+#ifndef TANDREL_VERSION
+#error "the build gives the version"
+#endif
+
+namespace ctl {
+
+namespace {
+
+constexpr const char *ending =
+    "Exit status: 0 done, or the views agree; 1 the views differ, or refused; 2 wrong usage;\n"
+    "3 the store does not answer; 4 stored, but not in the kernel within the time of --wait.\n\n"
+    "Examples:\n"
+    "  tandrelctl show eth0\n"
+    "  tandrelctl check\n"
+    "  tandrelctl address add eth0 2001:db8::5/64 --wait\n"
+    "  tandrelctl gateway set eth0 fe80::1\n"
+    "'tandrelctl COMMAND --help' tells more, tandrelctl(1) everything.";
+
+class parser_t {
+public:
+    parser_t() {
+        app.require_subcommand(1);
+        app.footer(ending);
+        app.set_version_flag("-V,--version", "tandrelctl " TANDREL_VERSION);
+        app.add_option("-i,--interface-prefix", request.options.prefix,
+                       "What the names of the links begin with, as tandrel -i has it (eth)")
+            ->check([](const std::string &text) {
+                return text.empty() ? std::string("must not be empty") : std::string();
+            });
+        app.add_option("--color", request.options.colour, "auto (on a terminal), always or never")
+            ->transform(CLI::CheckedTransformer(
+                std::vector<std::pair<std::string, colour_t>>{{"auto", colour_t::automatic},
+                                                              {"always", colour_t::always},
+                                                              {"never", colour_t::never}}));
+        add_looking();
+        add_address();
+        add_gateway();
+        add_interface();
+        add_rest();
+    }
+
+    request_t parse(int argc, char **argv) {
+        try {
+            app.parse(argc, argv);
+        } catch (const CLI::ParseError &error) {
+            // Help and version come this way, too, and are no errors.
+            request.result = app.exit(error) == 0 ? exit_done : exit_usage;
+            request.command = nullptr;
+            return std::move(request);
+        }
+        if (waits()) {
+            request.options.patience = patience;
+        }
+        return std::move(request);
+    }
+
+private:
+    CLI::App *add(CLI::App &to, const char *name, const char *what, command_t command) {
+        CLI::App *sub = to.add_subcommand(name, what);
+        sub->fallthrough();
+        sub->callback([this, command] { request.command = command; });
+        return sub;
+    }
+
+    CLI::App *add_group(const char *name, const char *what) {
+        CLI::App *group = app.add_subcommand(name, what);
+        group->require_subcommand(1);
+        group->fallthrough();
+        return group;
+    }
+
+    void add_link(CLI::App *sub, bool required = true) {
+        sub->add_option("LINK", request.options.link,
+                        required ? "The link (eth0)" : "The link (eth0); every link without it")
+            ->required(required);
+    }
+
+    void add_json(CLI::App *sub, const char *what = "Print JSON") {
+        sub->add_flag("--json", request.options.json, what);
+    }
+
+    void add_wait(CLI::App *sub) {
+        CLI::Option *flag =
+            sub->add_flag("--wait{10}", patience,
+                          "Return when the kernel has followed, or say after 10 seconds why "
+                          "it has not; --wait=S for another time");
+        flag->check(CLI::Range(0.0, 1e6));
+        wait_flags.push_back(flag);
+    }
+
+    bool waits() const {
+        for (const CLI::Option *flag : wait_flags) {
+            if (flag->count() > 0) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    void add_looking() {
+        CLI::App *sub = add(app, "show", "Show both views side by side", show);
+        add_link(sub, false);
+        sub->add_flag("-a,--all", request.options.all, "Also links that are not synchronised");
+        add_json(sub);
+
+        sub = add(app, "check", "Say whether the views agree, and why not", check);
+        add_link(sub, false);
+        sub->add_flag("-a,--all", request.options.all,
+                      "Also note the links that tandrel passes over by design");
+        sub->add_flag("--no-notes", request.options.no_notes,
+                      "Leave out what is no difference, but left alone by design");
+        sub->add_flag("-q,--quiet", request.options.quiet, "Print nothing; the status tells");
+        add_json(sub);
+        sub->footer("Exit status 0: kernel and store agree; 1: they differ.");
+
+        sub = add(app, "watch", "Show both views, again at every change, until interrupted", watch);
+        add_link(sub, false);
+        add_json(sub, "Print the state as one line of JSON at every change");
+        sub->footer("On a terminal the table is redrawn, with the latest changes below it; "
+                    "otherwise every\nchange is printed as a line.");
+    }
+
+    void add_address() {
+        CLI::App *group = add_group("address", "Add, replace or delete an address in the store");
+        CLI::App *sub = add(*group, "add", "Store a new Static address", address_add);
+        add_link(sub);
+        sub->add_option("ADDRESS/LENGTH", request.options.address, "Such as 2001:db8::5/64")
+            ->required();
+        sub->add_option("--node", request.options.node,
+                        "Name of its node (the smallest free number without it)");
+        add_wait(sub);
+        sub->footer("Example: tandrelctl address add eth0 2001:db8::5/64 --node office --wait");
+
+        sub = add(*group, "replace",
+                  "Give a stored address another prefix length, and make it Static; add it if it "
+                  "is not stored",
+                  address_replace);
+        add_link(sub);
+        sub->add_option("ADDRESS/LENGTH", request.options.address, "Such as 2001:db8::5/48")
+            ->required();
+        add_wait(sub);
+        sub->footer("Example: tandrelctl address replace eth0 2001:db8::5/48");
+
+        sub = add(*group, "del", "Remove an address from the store", address_delete);
+        add_link(sub);
+        sub->add_option("ADDRESS[/LENGTH]", request.options.address, "Such as 2001:db8::5");
+        sub->add_option("--node", request.options.node,
+                        "The node by its name, whatever it holds, instead of the address");
+        sub->add_flag("--force", request.options.force,
+                      "Also one that the kernel made, which comes back if the kernel keeps it");
+        add_wait(sub);
+        sub->footer("Examples: tandrelctl address del eth0 2001:db8::5\n"
+                    "          tandrelctl address del eth0 --node office");
+    }
+
+    void add_gateway() {
+        CLI::App *group =
+            add_group("gateway", "Set or clear a link's default gateway in the store");
+        CLI::App *sub = add(*group, "set", "Store the default gateway", gateway_set);
+        add_link(sub);
+        sub->add_option("ADDRESS", request.options.address, "The router's, such as fe80::1")
+            ->required();
+        add_wait(sub);
+        sub = add(*group, "clear", "Remove the default gateway from the store", gateway_clear);
+        add_link(sub);
+        add_wait(sub);
+    }
+
+    void add_interface() {
+        CLI::App *group =
+            add_group("interface", "List, add or delete interface nodes of the store");
+        CLI::App *sub = add(*group, "list", "List links and interface nodes", interface_list);
+        sub->add_flag("-a,--all", request.options.all, "Also links that are not synchronised");
+        add_json(sub);
+        sub = add(*group, "add", "Make the node of a link, so that it is synchronised",
+                  interface_add);
+        add_link(sub);
+        sub = add(*group, "del", "Remove a link's node with all that is stored for the link",
+                  interface_delete);
+        add_link(sub, false);
+        sub->add_option("--node", request.options.node,
+                        "The node by its name, for one that stands for no link");
+        sub->add_flag("--force", request.options.force, "Also when settings are stored in it");
+    }
+
+    void add_rest() {
+        CLI::App *sub =
+            add(app, "import", "Show what of the kernel's settings can be stored", import_kernel);
+        add_link(sub, false);
+        // The only source there is; said all the same, because of what it does to the store.
+        sub->add_flag("--from-kernel", from_kernel,
+                      "Take the kernel's lasting addresses and "
+                      "default gateway (required)")
+            ->required();
+        sub->add_flag("--write", request.options.write, "Store them as Static");
+
+        sub = add(app, "nudge", "Make tandrel synchronise now", nudge);
+        sub->add_flag("--follow", request.options.follow,
+                      "Stay, and do so each time a link comes up");
+    }
+
+    CLI::App app{"Shows, checks and changes a device's IPv6 settings: the kernel's and the stored "
+                 "ones.",
+                 "tandrelctl"};
+    request_t request;
+    std::vector<CLI::Option *> wait_flags;
+    double patience = 0;
+    bool from_kernel = false;
+};
+
+} // namespace
+
+request_t parse(int argc, char **argv) {
+    return parser_t().parse(argc, argv);
+}
+
+} // namespace ctl

@@ -1,0 +1,87 @@
+#include "ctl/changes.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace ctl {
+
+namespace {
+
+constexpr std::chrono::seconds reconnect_interval{1};
+
+} // namespace
+
+changes_t::changes_t(client_t &store) : client(store), kernel(std::make_unique<CNetlink>()) {}
+
+changes_t::~changes_t() {
+    std::free(datagram); // NOLINT: malloc'd by libnl
+    if (signals >= 0) {
+        close(signals);
+    }
+}
+
+void changes_t::catch_signals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    signals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+}
+
+changes_t::seen_t changes_t::wait(clock_type::time_point deadline) {
+    if (!client.connected()) {
+        deadline = std::min(deadline, clock_type::now() + reconnect_interval);
+    }
+    std::array<pollfd, 3> entries{
+        {{signals, POLLIN, 0},
+         {kernel->fd(), POLLIN, 0},
+         {client.connected() ? mlr_get_fd(client.tav.handle) : -1, POLLIN, 0}}};
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock_type::now());
+    const int timeout = static_cast<int>(std::clamp<long long>(left.count(), 0, 3600000));
+    const int ready = poll(entries.data(), entries.size(), timeout);
+    if (ready == 0 || (ready < 0 && errno == EINTR)) {
+        return seen_t::timeout;
+    }
+    if (entries[0].revents != 0) {
+        return seen_t::signal;
+    }
+    if (entries[1].revents != 0) {
+        drain_kernel();
+    }
+    if (entries[2].revents != 0) {
+        drain_store();
+    }
+    return seen_t::change;
+}
+
+// What came is not looked at: the caller reads both views afresh.
+void changes_t::drain_kernel() {
+    pollfd entry{kernel->fd(), POLLIN, 0};
+    while (poll(&entry, 1, 0) > 0) {
+        int length = 0;
+        try {
+            kernel->recv(datagram, length);
+        } catch (const netlink_err &) {
+            // Some notifications were lost: a change all the same. The error is gone once taken.
+            return;
+        }
+    }
+}
+
+void changes_t::drain_store() {
+    try {
+        client.take_events();
+    } catch (const store_lost &) {
+        client.disconnect();
+    }
+}
+
+} // namespace ctl

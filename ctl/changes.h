@@ -1,0 +1,43 @@
+// Waiting for a change of either side.
+#pragma once
+
+#include <chrono>
+#include <memory>
+
+#include "ctl/tool.h"
+#include "netlink/channel.h"
+
+namespace ctl {
+
+using clock_type = std::chrono::steady_clock;
+
+// Hears of every change of the kernel's links, IPv6 addresses and IPv6 routes, and of every leaf
+// below the interfaces' node, as long as the client is subscribed. A store that has gone away
+// counts as a change; without one `wait` returns after a second at most, for the caller to
+// subscribe again.
+class changes_t {
+public:
+    // The client must outlive the object. Throws netlink_err, as does `wait`.
+    explicit changes_t(client_t &client);
+    ~changes_t();
+    changes_t(const changes_t &) = delete;
+    changes_t &operator=(const changes_t &) = delete;
+
+    // From now on SIGINT and SIGTERM end `wait` instead of the process.
+    void catch_signals();
+
+    enum class seen_t { change, timeout, signal };
+    // Waits for the next change, at most until `deadline`.
+    seen_t wait(clock_type::time_point deadline);
+
+private:
+    void drain_kernel();
+    void drain_store();
+
+    client_t &client;
+    std::unique_ptr<CNetlink> kernel;
+    unsigned char *datagram = nullptr;
+    int signals = -1;
+};
+
+} // namespace ctl

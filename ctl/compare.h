@@ -1,0 +1,65 @@
+// Both views side by side, and why they differ.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <boost/optional.hpp>
+
+#include "ctl/kernel_view.h"
+#include "ctl/store_view.h"
+
+namespace ctl {
+
+enum class mark_t {
+    both,        // the views agree
+    kernel_only, //
+    store_only,  //
+    differ,      // in both, but not the same
+    unusable,    // in the store, and skipped by the daemon
+    left_alone   // in the kernel, and none of the daemon's business
+};
+
+// One address, or one gateway: what each side has of it.
+struct address_row_t {
+    mark_t mark = mark_t::both;
+    boost::optional<kernel_address_t> kernel;
+    boost::optional<stored_address_t> stored;
+};
+struct gateway_row_t {
+    mark_t mark = mark_t::both;
+    boost::optional<kernel_route_t> kernel;
+    boost::optional<stored_gateway_t> stored;
+};
+
+struct interface_view_t {
+    std::string link;                      // its name in the kernel
+    boost::optional<kernel_link_t> kernel; // empty: there is no such link
+    long number = 0;                       // of the store interface; 0: none can stand for it
+    bool has_node = false;                 // which exists
+    bool tracked = false;                  // the daemon looks after the link
+    std::vector<address_row_t> addresses;  // the kernel's order, then the store's
+    std::vector<gateway_row_t> gateways;
+    std::vector<finding_t> findings;
+};
+
+struct comparison_t {
+    std::vector<interface_view_t> interfaces; // the kernel's links in its order, then the others
+    std::vector<finding_t> findings;          // those of the store as a whole
+
+    const interface_view_t *find(const std::string &link) const;
+};
+
+// `prefix`: what the names of the links begin with that the daemon looks after.
+comparison_t compare(const kernel_view_t &kernel, const store_view_t &store,
+                     const std::string &prefix);
+
+// The store interface whose link has that name: N for prefix and N - 1 in decimal; 0 for a name of
+// another form.
+long interface_number(const std::string &link, const std::string &prefix);
+
+// Why the kernel gives no link this address, or takes no such gateway ("a multicast address", ...); null when
+// it does.
+const char *unfit_kind(const in6_addr &address);
+
+} // namespace ctl

@@ -1,0 +1,92 @@
+#include "ctl/edit.h"
+
+#include "ctl/text.h"
+#include "store/paths.h"
+#include "store/tav_values.h"
+
+namespace ctl {
+
+namespace {
+
+struct outcome_t {
+    std::string refused_path; // empty: all was done
+    int status = 0;
+};
+
+outcome_t write(client_t &client, const step_t &step) {
+    std::vector<tk_string> paths;
+    std::vector<toolkit::CElement> values;
+    for (const auto &[path, text] : step.leaves) {
+        paths.push_back(path);
+        values.emplace_back(text, toolkit::CElement::_invalid_time);
+    }
+    const std::vector<mlr_tribool_t> flags(paths.size(), tav_value::write_flag);
+    std::vector<api_status_t> statuses;
+    if (client.tav.set_leaves(paths, values, flags, statuses, "") != 0) {
+        throw store_lost(store_silent);
+    }
+    for (std::size_t i = 0; i < paths.size(); ++i) {
+        const auto status = i < statuses.size() ? statuses[i] : tav_value::status_unset;
+        if (status != tav_value::status_ok) {
+            return {paths[i], static_cast<int>(status)};
+        }
+    }
+    return {};
+}
+
+outcome_t apply(client_t &client, const step_t &step) {
+    if (!step.leaves.empty()) {
+        outcome_t outcome = write(client, step);
+        if (!outcome.refused_path.empty()) {
+            return outcome;
+        }
+    }
+    for (const std::string &path : step.removals) {
+        api_status_t status = tav_value::status_unset;
+        if (client.tav.remove_node(path, status, "") != 0) {
+            throw store_lost(store_silent);
+        }
+        if (status != tav_value::status_ok) {
+            return {path, static_cast<int>(status)};
+        }
+    }
+    return {};
+}
+
+} // namespace
+
+void carry_out(client_t &client, const options_t &options,
+               const std::function<step_t(const store_view_t &)> &decide) {
+    if (!client.subscribe()) {
+        client.require();
+    }
+    constexpr int attempts = 5;
+    outcome_t outcome;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        client.take_events();
+        outcome = apply(client, decide(read_store(client.tav, options.prefix)));
+        if (outcome.refused_path.empty()) {
+            return;
+        }
+    }
+    throw refusal("the store refused to change '" + escaped(outcome.refused_path) + "' (status " +
+                  std::to_string(outcome.status) + ")");
+}
+
+void put_address(step_t &step, const std::string &node_path, const CAddress &address) {
+    step.leaves.emplace_back(paths::address_value(node_path), prefix_text(address));
+    step.leaves.emplace_back(paths::type_value(node_path), type_to_str(type_static));
+}
+
+std::string addresses_path(long interface) {
+    return paths::addresses(paths::ipv6(static_cast<std::int32_t>(interface)));
+}
+
+void touch_interface(client_t &client, const options_t &options, long interface) {
+    const std::string node = paths::address(addresses_path(interface), "tandrelctl-nudge");
+    carry_out(client, options, [&](const store_view_t &) {
+        return step_t{{{paths::type_value(node), "none"}}, {node}};
+    });
+}
+
+} // namespace ctl

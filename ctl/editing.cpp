@@ -1,0 +1,343 @@
+// The commands that change the store: address, gateway and interface.
+#include <cstdio>
+#include <set>
+
+#include "ctl/edit.h"
+#include "ctl/text.h"
+#include "ctl/wait.h"
+#include "store/paths.h"
+
+namespace ctl {
+
+namespace {
+
+// The store interface of the link that the command line names.
+long number_of(const options_t &options) {
+    const long number = interface_number(options.link, options.prefix);
+    if (number == 0) {
+        throw refusal("no store interface can stand for '" + escaped(options.link) +
+                          "', only for " + options.prefix + "0, " + options.prefix +
+                          "1 and so on (-i for another " + "beginning)",
+                      exit_usage);
+    }
+    return number;
+}
+
+// An address that the kernel would take, with its prefix length.
+CAddress parse_address(const options_t &options) {
+    CAddress address;
+    if (const auto fault = convert_address(options.address, address)) {
+        const std::string text = "'" + escaped(options.address) + "'";
+        switch (fault->reason) {
+        case reason_t::address_without_prefix:
+            throw refusal(text + " lacks its prefix length; write " + escaped(options.address) +
+                              "/64, say",
+                          exit_usage);
+        case reason_t::address_bad_prefix:
+            throw refusal("the prefix length of " + text + " is not a number from 1 to 128",
+                          exit_usage);
+        default:
+            throw refusal(text + " is not an IPv6 address", exit_usage);
+        }
+    }
+    if (const char *kind = unfit_kind(address.addr)) {
+        throw refusal("'" + escaped(options.address) + "' is " + kind +
+                          ", which the kernel gives no link",
+                      exit_usage);
+    }
+    return address;
+}
+
+// Every stored address node of the link, with the path of its interface's "Addresses".
+struct place_t {
+    std::string path;
+    const stored_address_t *stored;
+};
+std::vector<place_t> places(const store_view_t &store, const std::string &link) {
+    std::vector<place_t> found;
+    for (const stored_interface_t &interface : store.interfaces) {
+        if (interface.number == 0 || interface.link != link) {
+            continue;
+        }
+        const std::string path = paths::addresses(paths::ipv6(interface.node));
+        for (const stored_address_t &stored : interface.addresses) {
+            found.push_back({paths::address(path, stored.node), &stored});
+        }
+    }
+    return found;
+}
+
+// Whether the node holds that address, whatever is wrong with its type.
+bool holds(const stored_address_t &stored, const CAddress &address) {
+    CAddress there;
+    return !convert_address(stored.text, there) && same_address(there, address);
+}
+
+std::string free_name(const std::vector<place_t> &taken) {
+    std::set<std::string> names;
+    for (const place_t &place : taken) {
+        names.insert(place.stored->node);
+    }
+    std::size_t number = 1;
+    while (names.count(std::to_string(number)) != 0) {
+        ++number;
+    }
+    return std::to_string(number);
+}
+
+std::string new_node(const options_t &options, const std::vector<place_t> &taken) {
+    if (options.node.empty()) {
+        return free_name(taken);
+    }
+    if (options.node.find('/') != std::string::npos) {
+        throw refusal("a node's name holds no '/'", exit_usage);
+    }
+    for (const place_t &place : taken) {
+        if (place.stored->node == options.node) {
+            throw refusal("there is a node '" + escaped(options.node) + "' already, holding '" +
+                          escaped(place.stored->text) + "'");
+        }
+    }
+    return options.node;
+}
+
+int put(const options_t &options, bool may_exist) {
+    const long number = number_of(options);
+    const CAddress address = parse_address(options);
+    client_t client;
+    carry_out(client, options, [&](const store_view_t &store) {
+        const std::vector<place_t> stored = places(store, options.link);
+        step_t step;
+        for (const place_t &place : stored) {
+            if (!holds(*place.stored, address)) {
+                continue;
+            }
+            if (!may_exist) {
+                throw refusal("'" + escaped(place.stored->text) + "' is stored already (" +
+                              escaped(place.stored->type_text) + ", node '" +
+                              escaped(place.stored->node) +
+                              "'); 'tandrelctl address replace' changes it");
+            }
+            put_address(step, place.path, address);
+            return step;
+        }
+        put_address(step, paths::address(addresses_path(number), new_node(options, stored)),
+                    address);
+        return step;
+    });
+    return wait_for({options.link, false, true, address.addr}, client, options);
+}
+
+// Whether the node may go: with `force` any, else not one that the daemon would write again.
+void may_remove(const stored_address_t &stored, const options_t &options) {
+    const bool kernels_own = !stored.fault && stored.address.type != type_static;
+    if (kernels_own && !options.force) {
+        throw refusal("'" + escaped(stored.text) + "' is " + stored.type_text +
+                      ": the kernel made it, and tandrel would store it again. Delete it in the "
+                      "kernel (ip -6 address del " +
+                      escaped(stored.text) + " dev " + escaped(options.link) + "), or use --force");
+    }
+}
+
+std::string node_to_remove(const std::vector<place_t> &stored, const options_t &options) {
+    for (const place_t &place : stored) {
+        if (place.stored->node == options.node) {
+            may_remove(*place.stored, options);
+            return place.path;
+        }
+    }
+    throw refusal("no address node '" + escaped(options.node) + "' is stored for " +
+                  escaped(options.link));
+}
+
+// What `address del` names: an address with or without prefix length (then 0).
+CAddress parse_existing(const options_t &options) {
+    CRoute parsed;
+    CAddress address;
+    if (!convert_address(options.address, address)) {
+        return address;
+    }
+    if (options.address.find('/') != std::string::npos ||
+        convert_gateway(options.address, parsed)) {
+        throw refusal("'" + escaped(options.address) + "' is not an IPv6 address", exit_usage);
+    }
+    address.addr = parsed.gateway;
+    return address;
+}
+
+std::vector<std::string> nodes_to_remove(const std::vector<place_t> &stored,
+                                         const CAddress &address, const options_t &options) {
+    std::vector<std::string> paths;
+    for (const place_t &place : stored) {
+        CAddress there;
+        if (convert_address(place.stored->text, there) || !same_address(there, address)) {
+            continue;
+        }
+        if (address.prefix_len != 0 && address.prefix_len != there.prefix_len) {
+            throw refusal("it is stored as '" + escaped(place.stored->text) + "'");
+        }
+        may_remove(*place.stored, options);
+        paths.push_back(place.path);
+    }
+    if (paths.empty()) {
+        throw refusal("'" + escaped(options.address) + "' is not stored for " +
+                      escaped(options.link));
+    }
+    return paths;
+}
+
+// The path of the interface node that `interface del` names, and whether anything stands in it that
+// a person has stored.
+struct doomed_t {
+    std::string path;
+    bool has_settings = false;
+};
+doomed_t find_interface(const store_view_t &store, const options_t &options) {
+    for (const stored_interface_t &interface : store.interfaces) {
+        const bool meant = options.node.empty()
+                               ? interface.number != 0 && interface.link == options.link
+                               : interface.node == options.node;
+        if (!meant) {
+            continue;
+        }
+        doomed_t doomed{std::string(paths::interfaces) + "/" + interface.node,
+                        interface.gateway || !interface.strange.empty()};
+        for (const stored_address_t &stored : interface.addresses) {
+            doomed.has_settings =
+                doomed.has_settings || stored.fault || stored.address.type == type_static;
+        }
+        return doomed;
+    }
+    throw refusal(options.node.empty()
+                      ? "the store has no node for " + escaped(options.link)
+                      : "the store has no interface node '" + escaped(options.node) + "'");
+}
+
+bool has_node(const store_view_t &store, long number) {
+    for (const stored_interface_t &interface : store.interfaces) {
+        if (interface.node == std::to_string(number)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+int address_add(const options_t &options) {
+    return put(options, false);
+}
+
+int address_replace(const options_t &options) {
+    return put(options, true);
+}
+
+int address_delete(const options_t &options) {
+    number_of(options);
+    if (options.address.empty() == options.node.empty()) {
+        throw refusal("give either the address or --node", exit_usage);
+    }
+    client_t client;
+    CAddress address;
+    if (!options.address.empty()) {
+        address = parse_existing(options);
+    }
+    bool has_address = !options.address.empty();
+    carry_out(client, options, [&](const store_view_t &store) {
+        const std::vector<place_t> stored = places(store, options.link);
+        if (!options.address.empty()) {
+            return step_t{{}, nodes_to_remove(stored, address, options)};
+        }
+        const std::string path = node_to_remove(stored, options);
+        for (const place_t &place : stored) {
+            if (place.path == path) {
+                has_address = !convert_address(place.stored->text, address);
+            }
+        }
+        return step_t{{}, {path}};
+    });
+    if (!has_address) {
+        return exit_done; // it never reached the kernel
+    }
+    return wait_for({options.link, false, false, address.addr}, client, options);
+}
+
+int gateway_set(const options_t &options) {
+    const long number = number_of(options);
+    CRoute route;
+    const std::string text = "'" + escaped(options.address) + "'";
+    if (options.address.find('/') != std::string::npos) {
+        throw refusal("a gateway has no prefix length; give the router's address alone",
+                      exit_usage);
+    }
+    if (convert_gateway(options.address, route)) {
+        throw refusal(text + " is not an IPv6 address", exit_usage);
+    }
+    if (const char *kind = unfit_kind(route.gateway)) {
+        throw refusal(text + " is " + kind + ", which cannot be a gateway", exit_usage);
+    }
+    client_t client;
+    carry_out(client, options, [&](const store_view_t &) {
+        const std::string ipv6 = paths::ipv6(static_cast<std::int32_t>(number));
+        return step_t{{{paths::value(paths::gateway(ipv6)), address_text(route.gateway)}}, {}};
+    });
+    return wait_for({options.link, true, true, route.gateway}, client, options);
+}
+
+int gateway_clear(const options_t &options) {
+    number_of(options);
+    client_t client;
+    carry_out(client, options, [&](const store_view_t &store) {
+        step_t step;
+        for (const stored_interface_t &interface : store.interfaces) {
+            if (interface.number != 0 && interface.link == options.link && interface.gateway) {
+                step.removals.push_back(paths::gateway(paths::ipv6(interface.node)));
+            }
+        }
+        if (step.removals.empty()) {
+            throw refusal("no gateway is stored for " + escaped(options.link));
+        }
+        return step;
+    });
+    return wait_for({options.link, true, false, {}}, client, options);
+}
+
+int interface_add(const options_t &options) {
+    const long number = number_of(options);
+    client_t client;
+    client.require();
+    if (has_node(read_store(client.tav, options.prefix), number)) {
+        throw refusal("the store has a node for " + escaped(options.link) + " already (interface " +
+                      std::to_string(number) + ")");
+    }
+    // The plain interface knows no empty nodes: what stays of a leaf that is removed again.
+    touch_interface(client, options, number);
+    if (!has_node(read_store(client.tav, options.prefix), number)) {
+        throw refusal("this store keeps no empty nodes; store an address or a gateway for " +
+                      escaped(options.link) + " instead");
+    }
+    return exit_done;
+}
+
+int interface_delete(const options_t &options) {
+    if (options.link.empty() == options.node.empty()) {
+        throw refusal("give either the link or --node", exit_usage);
+    }
+    client_t client;
+    carry_out(client, options, [&](const store_view_t &store) {
+        const doomed_t doomed = find_interface(store, options);
+        if (doomed.has_settings && !options.force) {
+            throw refusal("settings are stored in '" + escaped(doomed.path) +
+                          "' and would be lost; --force removes them, too");
+        }
+        return step_t{{}, {doomed.path}};
+    });
+    if (!options.link.empty()) {
+        std::fprintf(stderr,
+                     "tandrelctl: %s is not synchronised any more; the kernel keeps what it has\n",
+                     escaped(options.link).c_str());
+    }
+    return exit_done;
+}
+
+} // namespace ctl

@@ -1,0 +1,144 @@
+// The command import: a device that is taken over, with its settings in the kernel alone.
+#include <algorithm>
+#include <iostream>
+#include <set>
+
+#include <linux/if_addr.h>
+#include <linux/rtnetlink.h>
+
+#include "ctl/edit.h"
+#include "ctl/output.h"
+#include "ctl/text.h"
+#include "store/paths.h"
+
+namespace ctl {
+
+namespace {
+
+// Of the origins that newer kernels tell: 1 loopback, 2 router advertisement, 3 link-local.
+bool kernel_made_it(const kernel_address_t &address) {
+    return address.origin >= 1 && address.origin <= 3;
+}
+
+// An address that somebody gave the link for good.
+bool is_configured(const address_row_t &row) {
+    return row.kernel && row.kernel->has_address && !row.kernel->has_peer &&
+           row.kernel->address.scope == RT_SCOPE_UNIVERSE &&
+           (row.kernel->flags & IFA_F_PERMANENT) != 0 && !kernel_made_it(*row.kernel);
+}
+
+// A default gateway that somebody gave the link: with the protocol of scripts, or of "ip route".
+bool is_configured(const gateway_row_t &row) {
+    return row.kernel && !row.kernel->multipath && row.kernel->table == RT_TABLE_MAIN &&
+           (row.kernel->route.protocol == RTPROT_STATIC ||
+            row.kernel->route.protocol == RTPROT_BOOT);
+}
+
+class importer_t {
+public:
+    step_t step;
+    lines_t lines;
+
+    void add(const interface_view_t &interface) {
+        std::set<std::string> names;
+        for (const address_row_t &row : interface.addresses) {
+            if (row.stored) {
+                names.insert(row.stored->node);
+            }
+        }
+        for (const address_row_t &row : interface.addresses) {
+            if (is_configured(row)) {
+                add(interface, row, names);
+            }
+        }
+        bool chosen = false;
+        for (const gateway_row_t &row : interface.gateways) {
+            if (is_configured(row)) {
+                add(interface, row, chosen);
+                chosen = true;
+            }
+        }
+    }
+
+private:
+    void add(const interface_view_t &interface, const address_row_t &row,
+             std::set<std::string> &names) {
+        const std::string what = interface.link + "  " + prefix_text(row.kernel->address);
+        std::string node;
+        if (row.stored) {
+            node = row.stored->node;
+            if (row.mark == mark_t::both && row.stored->address.type == type_static) {
+                lines.push_back({style_t::dim, what + "  is stored already"});
+                return;
+            }
+            lines.push_back({style_t::good, what + "  is stored as " + row.stored->text + " " +
+                                                row.stored->type_text + "; becomes Static"});
+        } else {
+            std::size_t number = 1;
+            while (!names.insert(std::to_string(number)).second) {
+                ++number;
+            }
+            node = std::to_string(number);
+            lines.push_back({style_t::good, what + "  new"});
+        }
+        put_address(step, paths::address(addresses_path(interface.number), node),
+                    row.kernel->address);
+    }
+
+    void add(const interface_view_t &interface, const gateway_row_t &row, bool others) {
+        const std::string gateway = address_text(row.kernel->route.gateway);
+        const std::string what = interface.link + "  gateway " + gateway;
+        const auto stored =
+            std::find_if(interface.gateways.begin(), interface.gateways.end(),
+                         [](const gateway_row_t &one) { return one.stored.has_value(); });
+        if (others) {
+            lines.push_back({style_t::warn, what + "  left out: a link has one gateway"});
+        } else if (stored != interface.gateways.end()) {
+            const bool equal =
+                !stored->stored->fault && same_gateway(stored->stored->route, row.kernel->route);
+            lines.push_back(
+                {equal ? style_t::dim : style_t::warn,
+                 what + (equal ? "  is stored already"
+                               : "  left out: " + escaped(stored->stored->text) + " is stored")});
+        } else {
+            lines.push_back({style_t::good, what + "  new"});
+            const std::string ipv6 = paths::ipv6(static_cast<std::int32_t>(interface.number));
+            step.leaves.emplace_back(paths::value(paths::gateway(ipv6)), gateway);
+        }
+    }
+};
+
+importer_t examine(const comparison_t &comparison, const options_t &options) {
+    importer_t importer;
+    for (const interface_view_t *interface : chosen(comparison, options)) {
+        if (interface->tracked && interface->number != 0) {
+            importer.add(*interface);
+        }
+    }
+    return importer;
+}
+
+} // namespace
+
+int import_kernel(const options_t &options) {
+    client_t client;
+    client.require();
+    importer_t importer = examine(look(client, options), options);
+    if (options.write) {
+        carry_out(client, options, [&](const store_view_t &store) {
+            importer = examine(compare(read_kernel(), store, options.prefix), options);
+            return importer.step;
+        });
+    }
+    print(importer.lines, use_colour(options.colour));
+    if (importer.lines.empty()) {
+        std::cout << "the kernel has no lasting address and no configured gateway\n";
+    } else if (importer.step.leaves.empty()) {
+        std::cout << "nothing to store\n";
+    } else {
+        std::cout << (options.write ? "stored\n" : "nothing was written; --write stores it\n");
+    }
+    return exit_done;
+}
+
+} // namespace ctl

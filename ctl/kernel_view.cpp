@@ -1,0 +1,225 @@
+#include "ctl/kernel_view.h"
+
+#include <algorithm>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+
+#include <linux/if.h>
+#include <linux/if_addr.h>
+#include <linux/if_arp.h>
+#include <linux/if_link.h>
+#include <netlink/msg.h>
+#include <netlink/netlink.h>
+#include <netlink/socket.h>
+
+#include "netlink/decode.h"
+#include "netlink/dump.h"
+#include "netlink/wire.h"
+
+// Not in every kernel's headers.
+#ifndef IFA_PROTO
+#define IFA_PROTO 11
+#endif
+
+namespace ctl {
+
+namespace {
+
+// Called with one message: from its netlink header on, and its length.
+using visit_t = std::function<void(const unsigned char *, int)>;
+
+class socket_t {
+public:
+    socket_t() : sock(nl_socket_alloc(), nl_socket_free) {
+        if (sock == nullptr) {
+            throw std::bad_alloc();
+        }
+        if (nl_connect(sock.get(), NETLINK_ROUTE) != 0) {
+            throw std::runtime_error("cannot ask the kernel");
+        }
+    }
+
+    // Asks for one dump and visits its messages. False when it may lack records.
+    template <typename Header>
+    bool dump(int type, Header header, const visit_t &visit) {
+        if (nl_send_simple(sock.get(), type, NLM_F_DUMP, &header, sizeof header) <= 0) {
+            throw std::runtime_error("cannot ask the kernel");
+        }
+        bool whole = true;
+        while (receive(visit, whole)) {
+        }
+        return whole;
+    }
+
+private:
+    // Reads one datagram; false when the dump has ended.
+    bool receive(const visit_t &visit, bool &whole) {
+        sockaddr_nl peer{};
+        unsigned char *bytes = nullptr;
+        const int length = nl_recv(sock.get(), &peer, &bytes, nullptr);
+        const std::unique_ptr<unsigned char, decltype(&std::free)> owner(bytes, std::free);
+        if (length <= 0) {
+            throw std::runtime_error("the kernel does not answer");
+        }
+        whole = whole && !dump_is_incomplete(bytes, length);
+        const wire::datagram_t datagram{bytes, static_cast<std::size_t>(length)};
+        std::size_t at = 0;
+        while (datagram.length - at >= sizeof(nlmsghdr)) {
+            const auto header = wire::read_at<nlmsghdr>(datagram, at);
+            if (header.nlmsg_len < sizeof(nlmsghdr) || header.nlmsg_len > datagram.length - at ||
+                header.nlmsg_type == NLMSG_DONE) {
+                return false;
+            }
+            if (header.nlmsg_type == NLMSG_ERROR) {
+                throw std::runtime_error("the kernel refused to answer");
+            }
+            visit(bytes + at, static_cast<int>(header.nlmsg_len));
+            at = std::min<std::size_t>(at + NLMSG_ALIGN(header.nlmsg_len), datagram.length);
+        }
+        return true;
+    }
+
+    std::unique_ptr<nl_sock, decltype(&nl_socket_free)> sock;
+};
+
+// Under churn the kernel marks dumps that may lack records: asked again, a few times at most.
+template <typename Record, typename Header>
+std::vector<Record> dump(int type, Header header, Record (*read)(const unsigned char *, int)) {
+    constexpr int attempts = 5;
+    std::vector<Record> records;
+    for (int attempt = 0; attempt < attempts; ++attempt) {
+        records.clear();
+        socket_t socket;
+        const bool whole = socket.dump(type, header, [&](const unsigned char *bytes, int length) {
+            records.push_back(read(bytes, length));
+        });
+        if (whole) {
+            break;
+        }
+    }
+    return records;
+}
+
+bool ipv6_is_refused(const std::string &link) {
+    std::ifstream file("/proc/sys/net/ipv6/conf/" + link + "/disable_ipv6");
+    int value = 0;
+    return file >> value && value != 0;
+}
+
+ifinfomsg links_of(unsigned char family) {
+    ifinfomsg header{};
+    header.ifi_family = family;
+    return header;
+}
+
+} // namespace
+
+kernel_link_t link_of_message(const unsigned char *bytes, int length) {
+    kernel_link_t link;
+    const wire::message_walk message(bytes, length);
+    const auto header = message.payload<ifinfomsg>();
+    link.index = header.ifi_index;
+    link.ethernet = header.ifi_type == ARPHRD_ETHER;
+    link.up = (header.ifi_flags & IFF_UP) != 0;
+    link.carrier = link.up && (header.ifi_flags & IFF_RUNNING) != 0;
+    message.for_each_attribute(sizeof header,
+                               [&](int type, const wire::datagram_t &datagram, std::size_t offset) {
+                                   if (type == IFLA_IFNAME) {
+                                       using name_t = std::array<char, IFNAMSIZ>;
+                                       auto name = wire::read_at<name_t>(datagram, offset);
+                                       name.back() = '\0';
+                                       link.name = name.data();
+                                   }
+                               });
+    const std::vector<CKernInterface> decoded = decode_links(bytes, length);
+    if (!decoded.empty()) {
+        link.hwaddr = decoded.front().hwaddr;
+    }
+    return link;
+}
+
+kernel_address_t address_of_message(const unsigned char *bytes, int length) {
+    kernel_address_t address;
+    const wire::message_walk message(bytes, length);
+    const auto header = message.payload<ifaddrmsg>();
+    address.flags = header.ifa_flags;
+    address.valid = address.preferred = forever;
+    const std::vector<CKernAddress> decoded = decode_addrs(bytes, length);
+    address.has_address = !decoded.empty();
+    if (address.has_address) {
+        address.address = decoded.front();
+    } else {
+        address.address.ifindex = static_cast<std::int32_t>(header.ifa_index);
+    }
+    message.for_each_attribute(
+        sizeof header, [&](int type, const wire::datagram_t &datagram, std::size_t offset) {
+            if (type == IFA_FLAGS) {
+                address.flags = wire::read_at<std::uint32_t>(datagram, offset);
+            } else if (type == IFA_CACHEINFO) {
+                const auto times = wire::read_at<ifa_cacheinfo>(datagram, offset);
+                address.valid = times.ifa_valid;
+                address.preferred = times.ifa_prefered;
+            } else if (type == IFA_PROTO) {
+                address.origin = wire::read_at<std::uint8_t>(datagram, offset);
+            } else if (type == IFA_LOCAL) {
+                address.has_peer = true;
+            }
+        });
+    return address;
+}
+
+kernel_route_t route_of_message(const unsigned char *bytes, int length) {
+    kernel_route_t route;
+    const wire::message_walk message(bytes, length);
+    const auto header = message.payload<rtmsg>();
+    route.table = header.rtm_table;
+    route.type = header.rtm_type;
+    const std::vector<CKernRoute> decoded = decode_routes(bytes, length);
+    route.has_index = !decoded.empty();
+    if (route.has_index) {
+        route.route = decoded.front();
+    } else {
+        route.route.protocol = header.rtm_protocol;
+        route.route.dst_len = header.rtm_dst_len;
+    }
+    message.for_each_attribute(sizeof header,
+                               [&](int type, const wire::datagram_t &datagram, std::size_t offset) {
+                                   if (type == RTA_TABLE) {
+                                       route.table = wire::read_at<std::uint32_t>(datagram, offset);
+                                   } else if (type == RTA_MULTIPATH) {
+                                       route.multipath = true;
+                                       // The first of its gateways names the link, for want of a
+                                       // better one.
+                                       const auto hop = wire::read_at<rtnexthop>(datagram, offset);
+                                       route.route.ifindex = hop.rtnh_ifindex;
+                                   } else if (type == RTA_DST && !route.has_index) {
+                                       route.route.dst = wire::read_at<in6_addr>(datagram, offset);
+                                   }
+                               });
+    return route;
+}
+
+kernel_view_t read_kernel() {
+    kernel_view_t view;
+    view.links = dump(RTM_GETLINK, links_of(AF_UNSPEC), link_of_message);
+    // Listed for the family IPv6 is a link only when IPv6 exists on it.
+    const std::vector<kernel_link_t> with_ipv6 =
+        dump(RTM_GETLINK, links_of(AF_INET6), link_of_message);
+    for (kernel_link_t &link : view.links) {
+        link.has_ipv6 =
+            std::any_of(with_ipv6.begin(), with_ipv6.end(),
+                        [&](const kernel_link_t &other) { return other.index == link.index; });
+        link.ipv6_refused = ipv6_is_refused(link.name);
+    }
+    ifaddrmsg addresses{};
+    addresses.ifa_family = AF_INET6;
+    view.addresses = dump(RTM_GETADDR, addresses, address_of_message);
+    rtmsg routes{};
+    routes.rtm_family = AF_INET6;
+    view.routes = dump(RTM_GETROUTE, routes, route_of_message);
+    return view;
+}
+
+} // namespace ctl

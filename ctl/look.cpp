@@ -1,0 +1,145 @@
+// The commands show, check and interface list.
+#include <iostream>
+
+#include "ctl/daemon_process.h"
+#include "ctl/output.h"
+#include "ctl/text.h"
+#include "ctl/tool.h"
+
+namespace ctl {
+
+namespace {
+
+// Reasons that speak of a link which the daemon passes over by design.
+bool is_passed_over(const finding_t &finding) {
+    return finding.fault.reason == reason_t::wrong_prefix ||
+           finding.fault.reason == reason_t::no_node_fits;
+}
+
+struct report_t {
+    std::vector<finding_t> differences;
+    std::vector<finding_t> notes;
+
+    void add(const finding_t &finding, const options_t &options) {
+        // Whoever names such a link wants it synchronised.
+        const bool named = !options.link.empty() && is_passed_over(finding);
+        if (named || finding.severity() == severity_t::difference) {
+            differences.push_back(finding);
+        } else if (options.all || !is_passed_over(finding)) {
+            notes.push_back(finding);
+        }
+    }
+};
+
+report_t make_report(const comparison_t &comparison, const options_t &options) {
+    report_t report;
+    for (const finding_t &finding : comparison.findings) {
+        report.add(finding, options);
+    }
+    options_t every = options;
+    every.all = true; // also links that are not synchronised but should be
+    for (const interface_view_t *interface : chosen(comparison, every)) {
+        for (const finding_t &finding : interface->findings) {
+            report.add(finding, options);
+        }
+    }
+    if (find_daemon() == daemon_t::absent) {
+        report.notes.push_back(finding_t{"", fault_t{reason_t::daemon_absent, {}}});
+    }
+    return report;
+}
+
+void print_findings(const std::vector<finding_t> &findings, bool colour) {
+    for (const finding_t &finding : findings) {
+        print(finding_lines(finding), colour);
+    }
+}
+
+} // namespace
+
+int show(const options_t &options) {
+    client_t client;
+    client.require();
+    const comparison_t comparison = look(client, options);
+    const auto interfaces = chosen(comparison, options);
+    if (options.json) {
+        json_t json = json_t::array();
+        for (const interface_view_t *interface : interfaces) {
+            json.push_back(interface_json(*interface));
+        }
+        print_json(json);
+        return exit_done;
+    }
+    const bool colour = use_colour(options.colour);
+    print(table_lines(interfaces), colour);
+    if (interfaces.empty()) {
+        std::cout << "no link whose name begins with '" << escaped(options.prefix)
+                  << "', and no store interface (-i for another name, --all for every link)\n";
+    }
+    const std::size_t differences = make_report(comparison, options).differences.size();
+    if (differences > 0) {
+        print({{style_t::bad, std::to_string(differences) +
+                                  (differences == 1 ? " difference" : " differences") +
+                                  "; 'tandrelctl check' says why"}},
+              colour);
+    }
+    return exit_done;
+}
+
+int check(const options_t &options) {
+    client_t client;
+    client.require();
+    const comparison_t comparison = look(client, options);
+    report_t report = make_report(comparison, options);
+    if (options.no_notes) {
+        report.notes.clear();
+    }
+    const bool agree = report.differences.empty();
+    if (options.json) {
+        json_t json{{"agree", agree}, {"differences", json_t::array()}, {"notes", json_t::array()}};
+        for (const finding_t &finding : report.differences) {
+            json["differences"].push_back(finding_json(finding));
+        }
+        for (const finding_t &finding : report.notes) {
+            json["notes"].push_back(finding_json(finding));
+        }
+        print_json(json);
+    } else if (!options.quiet) {
+        const bool colour = use_colour(options.colour);
+        if (agree) {
+            print({{style_t::good, "kernel and store agree"}}, colour);
+        }
+        print_findings(report.differences, colour);
+        print_findings(report.notes, colour);
+    }
+    return agree ? exit_done : exit_differs;
+}
+
+int interface_list(const options_t &options) {
+    client_t client;
+    client.require();
+    const comparison_t comparison = look(client, options);
+    json_t json = json_t::array();
+    for (const interface_view_t *interface : chosen(comparison, options)) {
+        const std::string number =
+            interface->number != 0 ? std::to_string(interface->number) : std::string("-");
+        std::string state = !interface->has_node ? "no node in the store"
+                            : !interface->kernel ? "no such link in the kernel"
+                            : interface->tracked ? "synchronised"
+                                                 : "not synchronised";
+        if (options.json) {
+            json_t one = interface_json(*interface);
+            one.erase("addresses");
+            one.erase("gateways");
+            json.push_back(one);
+        } else {
+            std::cout << number << '\t' << escaped(interface->link) << '\t' << state << '\n';
+        }
+    }
+    if (options.json) {
+        print_json(json);
+    }
+    return exit_done;
+}
+
+} // namespace ctl

@@ -1,0 +1,161 @@
+// The command nudge: makes the daemon synchronise, now or whenever a link comes up.
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <memory>
+
+#include <netlink/netlink.h>
+#include <netlink/socket.h>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <linux/rtnetlink.h>
+
+#include "ctl/edit.h"
+#include "ctl/text.h"
+#include "netlink/wire.h"
+
+namespace ctl {
+
+namespace {
+
+// Which interface is touched does not matter: the daemon synchronises all of them.
+void nudge_once(const options_t &options) {
+    client_t client;
+    client.require();
+    for (const stored_interface_t &interface : read_store(client.tav, options.prefix).interfaces) {
+        if (interface.number != 0) {
+            touch_interface(client, options, interface.number);
+            return;
+        }
+    }
+    throw refusal("the store has no interface node, so there is nothing to synchronise; "
+                  "'tandrelctl interface add' makes one");
+}
+
+// Hears of links.
+class link_socket_t {
+public:
+    link_socket_t() : sock(nl_socket_alloc(), nl_socket_free) {
+        if (sock == nullptr || nl_connect(sock.get(), NETLINK_ROUTE) != 0 ||
+            nl_socket_add_memberships(sock.get(), RTNLGRP_LINK, 0) != 0 ||
+            nl_socket_set_nonblocking(sock.get()) != 0) {
+            throw std::runtime_error("cannot watch the kernel's links");
+        }
+    }
+
+    int fd() const { return nl_socket_get_fd(sock.get()); }
+
+    // Takes what is pending and visits each link that was announced. False when announcements were
+    // lost.
+    template <typename Visit>
+    bool receive(const Visit &visit) {
+        for (;;) {
+            sockaddr_nl peer{};
+            unsigned char *bytes = nullptr;
+            const int length = nl_recv(sock.get(), &peer, &bytes, nullptr);
+            const std::unique_ptr<unsigned char, decltype(&std::free)> owner(bytes, std::free);
+            if (length <= 0) {
+                return length == 0 || length == -NLE_AGAIN;
+            }
+            // A notification is a datagram of its own.
+            const wire::message_walk message(bytes, length);
+            if (message.header().nlmsg_type == RTM_NEWLINK &&
+                message.payload<ifinfomsg>().ifi_family == AF_UNSPEC) {
+                visit(link_of_message(bytes, length));
+            }
+        }
+    }
+
+private:
+    std::unique_ptr<nl_sock, decltype(&nl_socket_free)> sock;
+};
+
+class follower_t {
+public:
+    explicit follower_t(const options_t &given) : options(given) {
+        library_reports = false; // each failed attempt would be reported
+    }
+
+    int run() {
+        sigset_t set;
+        sigemptyset(&set);
+        sigaddset(&set, SIGINT);
+        sigaddset(&set, SIGTERM);
+        sigprocmask(SIG_BLOCK, &set, nullptr);
+        const int signals = signalfd(-1, &set, SFD_CLOEXEC);
+        look_at_all();
+        // For whatever came up before this process.
+        reason = "started";
+        for (;;) {
+            if (!reason.empty()) {
+                try_nudge();
+            }
+            std::array<pollfd, 2> entries{{{signals, POLLIN, 0}, {socket.fd(), POLLIN, 0}}};
+            constexpr int retry_milliseconds = 1000;
+            const int ready =
+                poll(entries.data(), entries.size(), reason.empty() ? -1 : retry_milliseconds);
+            if (ready > 0 && entries[0].revents != 0) {
+                close(signals);
+                return exit_done;
+            }
+            if (ready > 0 && !socket.receive([this](const kernel_link_t &link) { see(link); })) {
+                look_at_all();
+            }
+        }
+    }
+
+private:
+    void look_at_all() {
+        for (const kernel_link_t &link : read_kernel().links) {
+            see(link);
+        }
+    }
+
+    // Up, and connected: the kernel takes routes from the first on, and answers only from the
+    // second.
+    void see(const kernel_link_t &link) {
+        const int now = (link.up ? 1 : 0) + (link.carrier ? 1 : 0);
+        int &before = states[link.index];
+        if (now > before && link.name.compare(0, options.prefix.size(), options.prefix) == 0) {
+            reason = escaped(link.name) + " came up";
+        }
+        before = now;
+    }
+
+    void try_nudge() {
+        try {
+            nudge_once(options);
+            std::cout << reason << ": tandrel is told to synchronise" << std::endl;
+            reason.clear();
+            complained = false;
+        } catch (const std::exception &error) {
+            if (!complained) {
+                std::cerr << "tandrelctl: " << error.what() << "; trying again every second\n";
+                complained = true;
+            }
+        }
+    }
+
+    const options_t &options;
+    link_socket_t socket; // before the first look, so that nothing is missed in between
+    std::map<std::int32_t, int> states;
+    std::string reason; // why the daemon is to be nudged; empty: it is not
+    bool complained = false;
+};
+
+} // namespace
+
+int nudge(const options_t &options) {
+    if (options.follow) {
+        return follower_t(options).run();
+    }
+    nudge_once(options);
+    return exit_done;
+}
+
+} // namespace ctl

@@ -1,0 +1,302 @@
+#include "ctl/output.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <iostream>
+#include <set>
+
+#include <unistd.h>
+
+#include "ctl/text.h"
+#include "store/paths.h"
+
+namespace ctl {
+
+namespace {
+
+const char *code_of(style_t style) {
+    switch (style) {
+    case style_t::heading:
+        return "\x1b[1m";
+    case style_t::good:
+        return "\x1b[32m";
+    case style_t::bad:
+        return "\x1b[31m";
+    case style_t::warn:
+        return "\x1b[33m";
+    case style_t::dim:
+        return "\x1b[2m";
+    case style_t::plain:
+        break;
+    }
+    return "";
+}
+
+struct mark_text_t {
+    mark_t mark;
+    char letter;
+    style_t style;
+    const char *name; // in JSON
+    const char *meaning;
+};
+
+constexpr std::array<mark_text_t, 6> marks{{
+    {mark_t::both, '=', style_t::good, "both", "both agree"},
+    {mark_t::kernel_only, 'K', style_t::warn, "kernel-only", "only in the kernel"},
+    {mark_t::store_only, 'S', style_t::warn, "store-only", "only in the store"},
+    {mark_t::differ, '!', style_t::bad, "differ", "in both, but different"},
+    {mark_t::unusable, '?', style_t::bad, "unusable", "stored, but unusable"},
+    {mark_t::left_alone, '.', style_t::dim, "left-alone", "left alone by tandrel"},
+}};
+
+const mark_text_t &text_of_mark(mark_t mark) {
+    return marks.at(static_cast<std::size_t>(mark));
+}
+
+// One row of a table: what stands in each column.
+struct cells_t {
+    mark_t mark;
+    std::array<std::string, 5> columns; // kernel, store, type, node, state
+};
+constexpr std::array<const char *, 5> headings{"KERNEL", "STORE", "TYPE", "NODE", "STATE"};
+
+cells_t cells_of(const address_row_t &row) {
+    cells_t cells{row.mark, {"-", "-", "-", "-", ""}};
+    if (row.kernel) {
+        const kernel_address_t &there = *row.kernel;
+        cells.columns[0] = there.has_address ? prefix_text(there.address) : "?";
+        cells.columns[4] = state_text(there);
+    }
+    if (row.stored) {
+        cells.columns[1] = row.stored->text.empty() ? "?" : escaped(row.stored->text);
+        cells.columns[2] = row.stored->type_text.empty() ? "?" : escaped(row.stored->type_text);
+        cells.columns[3] = escaped(row.stored->node);
+    }
+    return cells;
+}
+
+cells_t cells_of(const gateway_row_t &row) {
+    cells_t cells{row.mark, {"-", "-", "Gateway", "-", ""}};
+    if (row.kernel) {
+        const kernel_route_t &there = *row.kernel;
+        cells.columns[0] =
+            there.multipath ? "several gateways" : "via " + address_text(there.route.gateway);
+        cells.columns[4] = "protocol " + protocol_name(there.route.protocol);
+    }
+    if (row.stored) {
+        cells.columns[1] = row.stored->text.empty() ? "?" : escaped(row.stored->text);
+    }
+    return cells;
+}
+
+std::string heading_of(const interface_view_t &interface) {
+    std::string text = escaped(interface.link);
+    text += interface.has_node ? ", store interface " + std::to_string(interface.number)
+                               : ", no store interface";
+    if (!interface.kernel) {
+        return text + ", no such link in the kernel";
+    }
+    const kernel_link_t &link = *interface.kernel;
+    text += link.carrier ? ", up" : link.up ? ", up but not connected" : ", down";
+    if (!link.hwaddr.empty()) {
+        text += ", " + link.hwaddr;
+    }
+    return text + (interface.tracked ? "" : ", not synchronised");
+}
+
+// Columns that a terminal needs for the text: one a character.
+std::size_t width_of(const std::string &text) {
+    return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char letter) {
+        return (static_cast<unsigned char>(letter) & 0xc0U) != 0x80U;
+    }));
+}
+
+std::string padded(const std::string &text, std::size_t width) {
+    return text + std::string(width - std::min(width, width_of(text)), ' ');
+}
+
+void add_table(const std::vector<cells_t> &rows, lines_t &lines) {
+    std::array<std::size_t, 5> widths{};
+    for (std::size_t i = 0; i < widths.size(); ++i) {
+        widths.at(i) = width_of(headings.at(i));
+        for (const cells_t &row : rows) {
+            widths.at(i) = std::max(widths.at(i), width_of(row.columns.at(i)));
+        }
+    }
+    std::string text = "  ";
+    for (std::size_t i = 0; i < widths.size(); ++i) {
+        text += padded(headings.at(i), widths.at(i)) + "  ";
+    }
+    lines.push_back({style_t::dim, text.substr(0, text.find_last_not_of(' ') + 1)});
+    for (const cells_t &row : rows) {
+        text = std::string(1, mark_letter(row.mark)) + " ";
+        for (std::size_t i = 0; i < widths.size(); ++i) {
+            text += padded(row.columns.at(i), widths.at(i)) + "  ";
+        }
+        lines.push_back(
+            {text_of_mark(row.mark).style, text.substr(0, text.find_last_not_of(' ') + 1)});
+    }
+}
+
+// A link that is of interest to somebody who did not name one.
+bool is_of_interest(const interface_view_t &interface) {
+    return interface.tracked || interface.has_node;
+}
+
+} // namespace
+
+bool use_colour(colour_t wish) {
+    if (wish != colour_t::automatic) {
+        return wish == colour_t::always;
+    }
+    const char *refused = std::getenv("NO_COLOR");
+    return isatty(STDOUT_FILENO) == 1 && (refused == nullptr || *refused == '\0');
+}
+
+std::string coloured(const line_t &line, bool colour) {
+    const std::string code = colour ? code_of(line.style) : "";
+    return code.empty() ? line.text : code + line.text + "\x1b[0m";
+}
+
+void print(const lines_t &lines, bool colour) {
+    for (const line_t &line : lines) {
+        std::cout << coloured(line, colour) << '\n';
+    }
+}
+
+char mark_letter(mark_t mark) {
+    return text_of_mark(mark).letter;
+}
+
+std::vector<const interface_view_t *> chosen(const comparison_t &comparison,
+                                             const options_t &options) {
+    std::vector<const interface_view_t *> interfaces;
+    for (const interface_view_t &interface : comparison.interfaces) {
+        const bool wanted = options.link.empty() ? options.all || is_of_interest(interface)
+                                                 : interface.link == options.link;
+        if (wanted) {
+            interfaces.push_back(&interface);
+        }
+    }
+    if (interfaces.empty() && !options.link.empty()) {
+        throw refusal("neither the kernel nor the store has a link '" + escaped(options.link) +
+                      "'; 'tandrelctl interface list' shows those there are");
+    }
+    return interfaces;
+}
+
+lines_t table_lines(const std::vector<const interface_view_t *> &interfaces) {
+    lines_t lines;
+    std::set<mark_t> used;
+    for (const interface_view_t *interface : interfaces) {
+        if (!lines.empty()) {
+            lines.push_back({style_t::plain, ""});
+        }
+        lines.push_back({style_t::heading, heading_of(*interface)});
+        std::vector<cells_t> rows;
+        for (const address_row_t &row : interface->addresses) {
+            rows.push_back(cells_of(row));
+        }
+        for (const gateway_row_t &row : interface->gateways) {
+            rows.push_back(cells_of(row));
+        }
+        for (const cells_t &row : rows) {
+            used.insert(row.mark);
+        }
+        if (rows.empty()) {
+            lines.push_back({style_t::dim, "  no addresses, no gateway"});
+        } else {
+            add_table(rows, lines);
+        }
+    }
+    if (!used.empty()) {
+        std::string legend;
+        for (const mark_t mark : used) {
+            legend += (legend.empty() ? "" : "   ") + std::string(1, mark_letter(mark)) + " " +
+                      text_of_mark(mark).meaning;
+        }
+        lines.push_back({style_t::plain, ""});
+        lines.push_back({style_t::dim, legend});
+    }
+    return lines;
+}
+
+lines_t finding_lines(const finding_t &finding) {
+    const bool differs = finding.severity() == severity_t::difference;
+    const bool of_daemon = finding.fault.reason == reason_t::daemon_absent;
+    const std::string where = of_daemon              ? "tandrel"
+                              : finding.link.empty() ? "store"
+                                                     : escaped(finding.link);
+    lines_t lines{{differs ? style_t::bad : style_t::plain,
+                   where + ": " + (differs ? "" : "note: ") + finding.sentence()}};
+    const std::string remedy = finding.remedy();
+    if (!remedy.empty()) {
+        lines.push_back({style_t::dim, "    -> " + remedy});
+    }
+    return lines;
+}
+
+json_t interface_json(const interface_view_t &interface) {
+    json_t json;
+    json["link"] = interface.link;
+    json["interface"] = interface.number != 0 ? json_t(interface.number) : json_t(nullptr);
+    json["stored"] = interface.has_node;
+    json["synchronised"] = interface.tracked && interface.has_node;
+    json["kernel"] = nullptr;
+    if (interface.kernel) {
+        json["kernel"] = {{"index", interface.kernel->index},
+                          {"up", interface.kernel->up},
+                          {"connected", interface.kernel->carrier},
+                          {"hardware_address", interface.kernel->hwaddr}};
+    }
+    json["addresses"] = json_t::array();
+    for (const address_row_t &row : interface.addresses) {
+        json_t one{{"mark", text_of_mark(row.mark).name}, {"kernel", nullptr}, {"store", nullptr}};
+        if (row.kernel) {
+            const auto seconds = [](std::uint32_t time) {
+                return time == forever ? json_t(nullptr) : json_t(time);
+            };
+            one["kernel"] = {{"address", prefix_text(row.kernel->address)},
+                             {"scope", row.kernel->address.scope},
+                             {"state", flags_text(row.kernel->flags)},
+                             {"valid_seconds", seconds(row.kernel->valid)},
+                             {"preferred_seconds", seconds(row.kernel->preferred)}};
+        }
+        if (row.stored) {
+            one["store"] = {{"node", row.stored->node},
+                            {"address", row.stored->text},
+                            {"type", row.stored->type_text}};
+        }
+        json["addresses"].push_back(one);
+    }
+    json["gateways"] = json_t::array();
+    for (const gateway_row_t &row : interface.gateways) {
+        json_t one{{"mark", text_of_mark(row.mark).name}, {"kernel", nullptr}, {"store", nullptr}};
+        if (row.kernel) {
+            one["kernel"] = {{"gateway", row.kernel->multipath
+                                             ? json_t(nullptr)
+                                             : json_t(address_text(row.kernel->route.gateway))},
+                             {"protocol", protocol_name(row.kernel->route.protocol)},
+                             {"table", row.kernel->table}};
+        }
+        if (row.stored) {
+            one["store"] = {{"gateway", row.stored->text}};
+        }
+        json["gateways"].push_back(one);
+    }
+    return json;
+}
+
+json_t finding_json(const finding_t &finding) {
+    return {{"link", finding.link.empty() ? json_t(nullptr) : json_t(finding.link)},
+            {"reason", text_of(finding.fault.reason).name},
+            {"text", finding.sentence()},
+            {"remedy", finding.remedy()}};
+}
+
+void print_json(const json_t &json, int indent) {
+    std::cout << json.dump(indent, ' ', false, json_t::error_handler_t::replace) << std::endl;
+}
+
+} // namespace ctl

@@ -1,0 +1,45 @@
+// Printing: tables and findings as lines of text, coloured on a terminal only, and as JSON.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "ctl/tool.h"
+
+namespace ctl {
+
+enum class style_t { plain, heading, good, bad, warn, dim };
+
+struct line_t {
+    style_t style;
+    std::string text;
+};
+using lines_t = std::vector<line_t>;
+
+// Whether to colour what goes to standard output (NO_COLOR is honoured).
+bool use_colour(colour_t wish);
+std::string coloured(const line_t &line, bool colour);
+void print(const lines_t &lines, bool colour);
+
+// The interfaces of a comparison that `options` asks for.
+std::vector<const interface_view_t *> chosen(const comparison_t &comparison,
+                                             const options_t &options);
+
+// The table of each interface, and a legend of the marks that occur.
+lines_t table_lines(const std::vector<const interface_view_t *> &interfaces);
+// What a finding says: its sentence behind `where`, and its remedy on a line of its own.
+lines_t finding_lines(const finding_t &finding);
+// The letter of a mark.
+char mark_letter(mark_t mark);
+
+// Keeps the keys in their order: output stays the same from run to run.
+using json_t = nlohmann::ordered_json;
+json_t interface_json(const interface_view_t &interface);
+json_t finding_json(const finding_t &finding);
+// Prints it; text that is no valid UTF-8 is shown with replacement characters. `indent` -1: on one
+// line.
+void print_json(const json_t &json, int indent = 2);
+
+} // namespace ctl

@@ -1,0 +1,111 @@
+// Why the two views differ, or why something is left alone: one table of reasons, each with its
+// sentence and with what to do.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace ctl {
+
+enum class reason_t {
+    // The store as a whole.
+    interfaces_absent,
+    bad_interface_node,
+    interface_is_leaf,
+    odd_interface_number,
+    interface_twice,
+    strange_element,
+    // Links.
+    link_absent,
+    wrong_prefix,
+    no_node_fits,
+    not_ethernet,
+    no_hardware_address,
+    no_ipv6,
+    ipv6_disabled,
+    no_store_node,
+    link_down,
+    // Stored addresses that are skipped.
+    address_is_leaf,
+    address_leaf_missing,
+    type_leaf_missing,
+    address_not_text,
+    type_not_text,
+    address_without_prefix,
+    address_bad_prefix,
+    address_bad_text,
+    type_unknown,
+    // Addresses.
+    address_not_in_kernel,
+    address_unfit,
+    address_left_over,
+    address_stored_twice,
+    address_not_in_store,
+    address_listed_empty,
+    prefix_static,
+    prefix_of_kernel,
+    type_differs,
+    duplicate_found,
+    address_waits,
+    address_has_peer,
+    // Gateways and routes.
+    gateway_leaf_missing,
+    gateway_not_text,
+    gateway_bad_prefix,
+    gateway_bad_text,
+    gateway_unfit,
+    gateway_link_down,
+    gateway_unreachable,
+    gateway_taken,
+    gateway_not_in_kernel,
+    gateway_not_in_store,
+    gateway_differs,
+    gateway_second,
+    route_other_protocol,
+    route_with_destination,
+    route_without_gateway,
+    route_multipath,
+    route_other_table,
+    // The daemon.
+    daemon_absent,
+    count_ // not a reason
+};
+
+enum class severity_t {
+    difference, // the views differ, or cannot come to agree
+    note        // left alone by design
+};
+
+struct reason_text_t {
+    reason_t reason;
+    severity_t severity;
+    const char *name;     // for scripts; never changes
+    const char *sentence; // with {words}
+    const char *remedy;   // likewise; empty when there is nothing to do
+};
+
+// Every reason, in the order of the enumeration.
+const std::vector<reason_text_t> &reasons();
+const reason_text_t &text_of(reason_t reason);
+
+// What stands in place of the {words} of a sentence.
+using words_t = std::map<std::string, std::string>;
+
+// A reason with its words.
+struct fault_t {
+    reason_t reason;
+    words_t words;
+};
+
+// A fault at its place.
+struct finding_t {
+    std::string link; // empty: it concerns the store as a whole
+    fault_t fault;
+
+    severity_t severity() const { return text_of(fault.reason).severity; }
+    std::string sentence() const; // without control characters
+    std::string remedy() const;   // words are quoted for a shell
+};
+
+} // namespace ctl

@@ -1,0 +1,30 @@
+// Texts for people.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "ctl/kernel_view.h"
+
+namespace ctl {
+
+// Makes control characters and backslashes visible (\n, \x1b, \\): what is stored must not tell a
+// terminal what to do.
+std::string escaped(const std::string &text);
+// As one word of a shell's command line.
+std::string shell_word(const std::string &text);
+
+std::string address_text(const in6_addr &address);
+std::string prefix_text(const CAddress &address); // with "/" and the length
+
+// "static", "ra", "boot", ...; the number for one without a name.
+std::string protocol_name(std::uint8_t protocol);
+// "tentative", "dadfailed", "deprecated", ... and the life times, for people; empty when there is
+// nothing to say.
+std::string state_text(const kernel_address_t &address);
+// The flags alone, by their names.
+std::string flags_text(std::uint32_t flags);
+// "2d3h", "59m", "12s"; "forever".
+std::string duration_text(std::uint32_t seconds);
+
+} // namespace ctl

@@ -1,0 +1,55 @@
+#include "ctl/tool.h"
+
+#include "store/paths.h"
+#include "store/tav_values.h"
+
+namespace ctl {
+
+bool library_reports = true;
+
+bool client_t::connect() {
+    if (tav.handle == nullptr) {
+        tav.handle = mlr_init();
+    }
+    return connected();
+}
+
+void client_t::require() {
+    if (!connect()) {
+        throw store_lost("the settings store cannot be reached; is its service running?");
+    }
+}
+
+void client_t::disconnect() {
+    if (tav.handle != nullptr) {
+        mlr_close(tav.handle);
+        tav.handle = nullptr;
+    }
+    subscribed = false;
+}
+
+bool client_t::subscribe() {
+    if (!subscribed && connect()) {
+        api_status_t status = tav_value::status_unset;
+        subscribed =
+            tav.event_register(paths::interfaces, tav_value::event_change, true, status) == 0;
+        if (!subscribed) {
+            disconnect();
+        }
+    }
+    return subscribed;
+}
+
+void client_t::take_events() {
+    std::vector<toolkit::CEvent> events;
+    if (tav.events_get(events) < 0) {
+        throw store_lost(store_silent);
+    }
+}
+
+comparison_t look(client_t &client, const options_t &options) {
+    const store_view_t store = read_store(client.tav, options.prefix);
+    return compare(read_kernel(), store, options.prefix);
+}
+
+} // namespace ctl

@@ -1,0 +1,95 @@
+// What the commands of tandrelctl share: the options, the connection to the store, the exit codes.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <boost/optional.hpp>
+
+#include "ctl/compare.h"
+
+namespace ctl {
+
+// Exit codes. They are part of the tool's interface.
+constexpr int exit_done = 0;        // done; the views agree
+constexpr int exit_differs = 1;     // the views differ; refused; nothing of that kind there
+constexpr int exit_usage = 2;       // the command line is wrong
+constexpr int exit_unreachable = 3; // the settings store, or the kernel, does not answer
+constexpr int exit_not_there = 4;   // stored, but the kernel did not follow in the time of --wait
+
+enum class colour_t { automatic, always, never };
+
+// Everything that a command line can say.
+struct options_t {
+    std::string prefix = "eth";
+    bool json = false;
+    colour_t colour = colour_t::automatic;
+    bool all = false;                 // show, check: also links that the daemon passes over
+    bool no_notes = false;            // check
+    bool quiet = false;               // check
+    bool force = false;               // interface del, address del
+    bool write = false;               // import
+    bool follow = false;              // nudge
+    std::string link;                 // empty: every link
+    std::string address;              // with its prefix length, or a gateway
+    std::string node;                 // --node
+    boost::optional<double> patience; // --wait: seconds
+};
+
+// What the tool cannot do; the text says why, and what to do instead.
+class refusal : public std::runtime_error {
+public:
+    explicit refusal(const std::string &text, int exit_code = exit_differs)
+        : std::runtime_error(text), code(exit_code) {}
+    int code;
+};
+
+// A connection to the store that can be made anew.
+class client_t {
+public:
+    client_t() = default;
+    ~client_t() { disconnect(); }
+    client_t(const client_t &) = delete;
+    client_t &operator=(const client_t &) = delete;
+
+    // False when the store cannot be reached.
+    bool connect();
+    // The same, or throws store_lost.
+    void require();
+    // Connects and asks for events on every leaf below the interfaces' node; from then on the store
+    // tells of changes, and may refuse a write that another client's change has overtaken.
+    bool subscribe();
+    // Takes the waiting events. Throws store_lost.
+    void take_events();
+    void disconnect();
+    bool connected() const { return tav.handle != nullptr; }
+
+    toolkit::CTav tav;
+
+private:
+    bool subscribed = false;
+};
+
+// While false the reports of the store's library are dropped (mlr_err).
+extern bool library_reports;
+
+// Both views of this moment. Throws store_lost.
+comparison_t look(client_t &client, const options_t &options);
+
+// The commands. Each prints its own output and returns an exit code; failures are thrown.
+int show(const options_t &options);
+int check(const options_t &options);
+int watch(const options_t &options);
+int address_add(const options_t &options);
+int address_replace(const options_t &options);
+int address_delete(const options_t &options);
+int gateway_set(const options_t &options);
+int gateway_clear(const options_t &options);
+int interface_list(const options_t &options);
+int interface_add(const options_t &options);
+int interface_delete(const options_t &options);
+int import_kernel(const options_t &options);
+int nudge(const options_t &options);
+
+} // namespace ctl

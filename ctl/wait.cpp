@@ -1,0 +1,141 @@
+#include "ctl/wait.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include <linux/if_addr.h>
+
+#include "ctl/changes.h"
+#include "ctl/daemon_process.h"
+#include "ctl/explain.h"
+#include "ctl/output.h"
+
+namespace ctl {
+
+namespace {
+
+bool equal(const in6_addr &left, const in6_addr &right) {
+    return std::memcmp(&left, &right, sizeof left) == 0;
+}
+
+// Whether the kernel still checks the address, and can.
+bool is_being_checked(const address_row_t &row, const interface_view_t &interface) {
+    return row.kernel && (row.kernel->flags & (IFA_F_TENTATIVE | IFA_F_DADFAILED)) != 0 &&
+           interface.kernel->carrier;
+}
+
+bool address_reached(const goal_t &goal, const interface_view_t &interface) {
+    bool anywhere = false;
+    bool on_both = false;
+    for (const address_row_t &row : interface.addresses) {
+        const bool in_kernel =
+            row.kernel && row.kernel->has_address && equal(row.kernel->address.addr, goal.address);
+        const bool in_store =
+            row.stored && !row.stored->fault && equal(row.stored->address.addr, goal.address);
+        anywhere = anywhere || in_kernel || in_store;
+        on_both =
+            on_both || (in_kernel && row.mark == mark_t::both && !is_being_checked(row, interface));
+    }
+    return goal.present ? on_both : !anywhere;
+}
+
+bool gateway_reached(const goal_t &goal, const interface_view_t &interface) {
+    bool anywhere = false;
+    bool on_both = false;
+    for (const gateway_row_t &row : interface.gateways) {
+        anywhere = anywhere || row.stored || (row.kernel && is_adopted(*row.kernel));
+        on_both =
+            on_both || (row.mark == mark_t::both && equal(row.kernel->route.gateway, goal.address));
+    }
+    return goal.present ? on_both : !anywhere;
+}
+
+// Nothing will come of waiting as long as one of these holds.
+bool is_hopeless(const comparison_t &comparison, const interface_view_t &interface) {
+    const auto hopeless = [](const finding_t &finding) {
+        switch (finding.fault.reason) {
+        case reason_t::bad_interface_node:
+        case reason_t::link_absent:
+        case reason_t::not_ethernet:
+        case reason_t::no_hardware_address:
+        case reason_t::no_ipv6:
+        case reason_t::ipv6_disabled:
+            return true;
+        default:
+            return false;
+        }
+    };
+    const auto any = [&](const std::vector<finding_t> &findings) {
+        return std::any_of(findings.begin(), findings.end(), hopeless);
+    };
+    return any(comparison.findings) || any(interface.findings);
+}
+
+// Whether a finding may be why: a difference, or what goes with one.
+bool may_be_why(const finding_t &finding) {
+    const reason_t reason = finding.fault.reason;
+    return finding.severity() == severity_t::difference || reason == reason_t::link_down ||
+           reason == reason_t::daemon_absent;
+}
+
+void say_why(const comparison_t &comparison, const interface_view_t &interface) {
+    std::fprintf(stderr, "tandrelctl: the store is changed, but the kernel has not followed:\n");
+    std::vector<finding_t> findings = comparison.findings;
+    findings.insert(findings.end(), interface.findings.begin(), interface.findings.end());
+    if (find_daemon() == daemon_t::absent) {
+        findings.push_back(finding_t{"", fault_t{reason_t::daemon_absent, {}}});
+    }
+    bool said = false;
+    for (const finding_t &finding : findings) {
+        if (!may_be_why(finding)) {
+            continue;
+        }
+        said = true;
+        for (const line_t &line : finding_lines(finding)) {
+            std::fprintf(stderr, "%s\n", line.text.c_str());
+        }
+    }
+    if (!said) {
+        std::fprintf(stderr, "the kernel is still checking the address for duplicates\n");
+    }
+}
+
+} // namespace
+
+bool is_reached(const goal_t &goal, const comparison_t &comparison) {
+    const interface_view_t *interface = comparison.find(goal.link);
+    if (interface == nullptr) {
+        return !goal.present;
+    }
+    return goal.is_gateway ? gateway_reached(goal, *interface) : address_reached(goal, *interface);
+}
+
+int wait_for(const goal_t &goal, client_t &client, const options_t &options) {
+    if (!options.patience) {
+        return exit_done;
+    }
+    // Hears of everything that happens after the first look.
+    changes_t changes(client);
+    const auto end = clock_type::now() +
+                     std::chrono::milliseconds(static_cast<long long>(*options.patience * 1000));
+    for (;;) {
+        const comparison_t comparison = look(client, options);
+        if (is_reached(goal, comparison)) {
+            return exit_done;
+        }
+        const interface_view_t *interface = comparison.find(goal.link);
+        static const interface_view_t nothing;
+        const interface_view_t &view = interface != nullptr ? *interface : nothing;
+        if (is_hopeless(comparison, view) || clock_type::now() >= end) {
+            say_why(comparison, view);
+            return exit_not_there;
+        }
+        changes.wait(end);
+        if (!client.connected()) {
+            throw store_lost(store_silent);
+        }
+    }
+}
+
+} // namespace ctl

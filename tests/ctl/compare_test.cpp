@@ -1,0 +1,102 @@
+// Which rows come of two views, and their marks.
+#include "ctl/look_fixture.h"
+#include "ctl/output.h"
+
+namespace {
+
+using ctl::mark_t;
+
+class Compare : public LookTest {
+protected:
+    // The marks of eth0's addresses and gateways, in order.
+    std::string marks() {
+        std::string letters;
+        const ctl::comparison_t comparison = look();
+        const ctl::interface_view_t &view = comparison.interfaces.at(0);
+        for (const auto &row : view.addresses) {
+            letters += ctl::mark_letter(row.mark);
+        }
+        letters += ' ';
+        for (const auto &row : view.gateways) {
+            letters += ctl::mark_letter(row.mark);
+        }
+        return letters;
+    }
+};
+
+TEST_F(Compare, EachAddressHasOneRowWithTheMarkOfItsState) {
+    address("fe80::5", 64);
+    address("2001:db8::5", 64);
+    address("2001:db8::6", 64);
+    store("1", "fe80::5/64", "Link-Local");
+    store("2", "2001:db8::6/48");
+    store("3", "2001:db8::7/64");
+    store("4", "2001:db8::8");
+    EXPECT_EQ(marks(), "=K!S? ");
+}
+
+TEST_F(Compare, AnAddressOfAnotherTypeIsNoMatch) {
+    address("fe80::5", 64);
+    store("1", "fe80::5/64", "Automatic");
+    EXPECT_EQ(marks(), "! ");
+    store("1", "fe80::5/64", "Static");
+    EXPECT_EQ(marks(), "= ") << "whatever is Static is as the user said";
+}
+
+TEST_F(Compare, TheStoredGatewayStandsBesideTheStaticRouteItNames) {
+    route("fe80::9", RTPROT_RA);
+    route("fe80::2");
+    route("fe80::1");
+    store_gateway("fe80::1");
+    EXPECT_EQ(marks(), " .K=");
+}
+
+TEST_F(Compare, AnotherStoredGatewayDiffersFromTheStaticRoute) {
+    route("fe80::1");
+    store_gateway("fe80::2");
+    EXPECT_EQ(marks(), " !");
+}
+
+TEST_F(Compare, AnUnusableGatewayStandsAlone) {
+    route("fe80::1");
+    store_gateway("router");
+    EXPECT_EQ(marks(), " K?");
+}
+
+TEST_F(Compare, NothingIsMissingOnALinkThatIsNotSynchronised) {
+    fake_tav::erase(at("1"));
+    address("fe80::5", 64);
+    route("fe80::1");
+    EXPECT_EQ(marks(), ". .");
+}
+
+TEST_F(Compare, AddressesAndRoutesOfOtherLinksStayThere) {
+    link("eth1");
+    address("2001:db8::5", 64).address.ifindex = 2;
+    route("fe80::1").route.ifindex = 2;
+    const ctl::comparison_t comparison = look();
+    EXPECT_TRUE(comparison.interfaces.at(0).addresses.empty());
+    EXPECT_EQ(comparison.interfaces.at(1).addresses.size(), 1U);
+    EXPECT_EQ(comparison.interfaces.at(1).gateways.size(), 1U);
+}
+
+TEST_F(Compare, ALinkOfTheStoreAloneComesLast) {
+    store("x", "2001:db8::5/64", "Static", "3");
+    const ctl::comparison_t comparison = look();
+    ASSERT_EQ(comparison.interfaces.size(), 2U);
+    EXPECT_EQ(comparison.interfaces[1].link, "eth2");
+    EXPECT_FALSE(comparison.interfaces[1].kernel);
+    EXPECT_EQ(comparison.interfaces[1].number, 3);
+}
+
+TEST(InterfaceNumber, IsOneMoreThanTheNumberBehindThePrefix) {
+    EXPECT_EQ(ctl::interface_number("eth0", "eth"), 1);
+    EXPECT_EQ(ctl::interface_number("eth41", "eth"), 42);
+    EXPECT_EQ(ctl::interface_number("wlan0", "wlan"), 1);
+    for (const std::string name : {"wlan0", "eth", "eth00", "eth01", "eth1.5", "eth-1", "eth 1",
+                                   "et", "", "eth12345678901"}) {
+        EXPECT_EQ(ctl::interface_number(name, "eth"), 0) << name;
+    }
+}
+
+} // namespace

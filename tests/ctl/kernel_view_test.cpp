@@ -1,0 +1,178 @@
+// What the tool reads of the kernel's messages beside the daemon's decoders.
+#include "ctl/kernel_view.h"
+
+#include <cstring>
+
+#include <gtest/gtest.h>
+#include <linux/if.h>
+#include <linux/if_addr.h>
+#include <linux/if_link.h>
+#include <linux/rtnetlink.h>
+
+#include "fakes/fake_libnl.h"
+#include "netlink/exact_buffer.h"
+
+namespace {
+
+// One message: a family header and attributes.
+class message_t {
+public:
+    template <typename Header>
+    message_t(int type, const Header &header) {
+        nlmsghdr start{};
+        start.nlmsg_type = static_cast<std::uint16_t>(type);
+        append(&start, sizeof start);
+        append(&header, sizeof header);
+    }
+
+    message_t &attribute(int type, const void *data, std::size_t size) {
+        rtattr start{};
+        start.rta_type = static_cast<std::uint16_t>(type);
+        start.rta_len = static_cast<std::uint16_t>(sizeof start + size);
+        append(&start, sizeof start);
+        append(data, size);
+        bytes.resize((bytes.size() + 3) / 4 * 4);
+        return *this;
+    }
+    template <typename Value>
+    message_t &value(int type, const Value &content) {
+        return attribute(type, &content, sizeof content);
+    }
+
+    // The message as the tool is given it, cut after so many bytes.
+    template <typename Record>
+    Record read(Record (*reader)(const unsigned char *, int), std::size_t length = 1 << 16) {
+        const auto whole = static_cast<std::uint32_t>(bytes.size());
+        std::memcpy(bytes.data(), &whole, sizeof whole);
+        fake_libnl::bytes_t there(bytes);
+        there.resize(std::min(length, bytes.size()));
+        const exact_buffer buffer(there, true);
+        return reader(buffer.bytes(), buffer.length());
+    }
+
+private:
+    void append(const void *data, std::size_t size) {
+        const auto *start = static_cast<const unsigned char *>(data);
+        bytes.insert(bytes.end(), start, start + size);
+    }
+    fake_libnl::bytes_t bytes;
+};
+
+const in6_addr some_address{{{0x20, 1, 0xd, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 5}}};
+
+ifaddrmsg address_header() {
+    ifaddrmsg header{};
+    header.ifa_index = 7;
+    header.ifa_prefixlen = 64;
+    header.ifa_flags = IFA_F_PERMANENT;
+    return header;
+}
+
+TEST(KernelAddress, HasItsFlagsAndTimes) {
+    ifa_cacheinfo times{};
+    times.ifa_valid = 100;
+    times.ifa_prefered = 50;
+    const auto address = message_t(RTM_NEWADDR, address_header())
+                             .value(IFA_ADDRESS, some_address)
+                             .value(IFA_CACHEINFO, times)
+                             .value(IFA_FLAGS, std::uint32_t{IFA_F_TENTATIVE | 0x100})
+                             .value(11, std::uint8_t{2})
+                             .read(ctl::address_of_message);
+    EXPECT_TRUE(address.has_address);
+    EXPECT_EQ(address.address.ifindex, 7);
+    EXPECT_EQ(address.address.prefix_len, 64);
+    EXPECT_EQ(address.flags, IFA_F_TENTATIVE | 0x100U);
+    EXPECT_EQ(address.valid, 100U);
+    EXPECT_EQ(address.preferred, 50U);
+    EXPECT_EQ(address.origin, 2);
+    EXPECT_FALSE(address.has_peer);
+}
+
+TEST(KernelAddress, WithoutThemTheHeadersFlagsCountAndItLivesForEver) {
+    const auto address = message_t(RTM_NEWADDR, address_header())
+                             .value(IFA_ADDRESS, some_address)
+                             .value(IFA_LOCAL, some_address)
+                             .read(ctl::address_of_message);
+    EXPECT_EQ(address.flags, static_cast<std::uint32_t>(IFA_F_PERMANENT));
+    EXPECT_EQ(address.valid, ctl::forever);
+    EXPECT_TRUE(address.has_peer);
+}
+
+TEST(KernelAddress, WithoutItsBytesIsStillListed) {
+    const auto address = message_t(RTM_NEWADDR, address_header()).read(ctl::address_of_message);
+    EXPECT_FALSE(address.has_address);
+    EXPECT_EQ(address.address.ifindex, 7);
+}
+
+TEST(KernelLink, HasNameKindAndState) {
+    ifinfomsg header{};
+    header.ifi_type = 1;
+    header.ifi_index = 3;
+    header.ifi_flags = IFF_UP;
+    const unsigned char mac[6] = {2, 0, 0, 0, 0, 5};
+    const auto link = message_t(RTM_NEWLINK, header)
+                          .attribute(IFLA_IFNAME, "eth0", 5)
+                          .value(IFLA_ADDRESS, mac)
+                          .read(ctl::link_of_message);
+    EXPECT_EQ(link.index, 3);
+    EXPECT_EQ(link.name, "eth0");
+    EXPECT_EQ(link.hwaddr, "02:00:00:00:00:05");
+    EXPECT_TRUE(link.ethernet);
+    EXPECT_TRUE(link.up);
+    EXPECT_FALSE(link.carrier);
+    header.ifi_flags = IFF_UP | IFF_RUNNING;
+    header.ifi_type = 772;
+    const auto other =
+        message_t(RTM_NEWLINK, header).attribute(IFLA_IFNAME, "lo", 3).read(ctl::link_of_message);
+    EXPECT_TRUE(other.carrier);
+    EXPECT_FALSE(other.ethernet);
+    EXPECT_EQ(other.name, "lo");
+    EXPECT_EQ(other.hwaddr, "");
+}
+
+TEST(KernelRoute, HasItsTableAndItsShape) {
+    rtmsg header{};
+    header.rtm_table = RT_TABLE_COMPAT;
+    header.rtm_protocol = RTPROT_STATIC;
+    header.rtm_type = RTN_UNICAST;
+    const auto route = message_t(RTM_NEWROUTE, header)
+                           .value(RTA_TABLE, std::uint32_t{1000})
+                           .value(RTA_OIF, std::int32_t{3})
+                           .value(RTA_GATEWAY, some_address)
+                           .read(ctl::route_of_message);
+    EXPECT_EQ(route.table, 1000U);
+    EXPECT_TRUE(route.has_index);
+    EXPECT_FALSE(route.multipath);
+    EXPECT_EQ(route.route.ifindex, 3);
+    EXPECT_TRUE(has_gateway(route.route));
+
+    rtnexthop hop{};
+    hop.rtnh_len = sizeof hop;
+    hop.rtnh_ifindex = 4;
+    const auto several =
+        message_t(RTM_NEWROUTE, header).value(RTA_MULTIPATH, hop).read(ctl::route_of_message);
+    EXPECT_FALSE(several.has_index);
+    EXPECT_TRUE(several.multipath);
+    EXPECT_EQ(several.route.ifindex, 4);
+    EXPECT_EQ(several.route.protocol, RTPROT_STATIC);
+}
+
+// Under the address sanitizer this sees every byte that is read too far.
+TEST(KernelMessages, ThatAreCutShortAreNeverReadBeyondTheirEnd) {
+    for (std::size_t length = 0; length < 100; ++length) {
+        message_t(RTM_NEWADDR, address_header())
+            .value(IFA_ADDRESS, some_address)
+            .value(IFA_CACHEINFO, ifa_cacheinfo{})
+            .value(IFA_FLAGS, std::uint32_t{1})
+            .read(ctl::address_of_message, length);
+        message_t(RTM_NEWLINK, ifinfomsg{})
+            .attribute(IFLA_IFNAME, "0123456789abcdefghij", 20)
+            .read(ctl::link_of_message, length);
+        message_t(RTM_NEWROUTE, rtmsg{})
+            .value(RTA_DST, some_address)
+            .value(RTA_MULTIPATH, rtnexthop{})
+            .read(ctl::route_of_message, length);
+    }
+}
+
+} // namespace

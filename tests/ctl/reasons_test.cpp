@@ -1,0 +1,578 @@
+// Every reason of `check`: what brings it about, and its sentence and remedy to the letter.
+#include <functional>
+#include <map>
+#include <ostream>
+
+#include "ctl/look_fixture.h"
+#include "ctl/reasons.h"
+
+namespace {
+
+using ctl::reason_t;
+using toolkit::CElement;
+
+class Reasons : public LookTest {
+protected:
+    // The state that the test made has this finding, and no other (further ones: `more`).
+    void expect(reason_t reason, const std::string &sentence, const std::string &remedy,
+                std::vector<reason_t> more = {}) {
+        const std::vector<ctl::finding_t> all = findings();
+        std::vector<reason_t> unexpected;
+        bool found = false;
+        for (const ctl::finding_t &finding : all) {
+            if (finding.fault.reason == reason && !found) {
+                found = true;
+                EXPECT_EQ(finding.sentence(), sentence);
+                EXPECT_EQ(finding.remedy(), remedy);
+                continue;
+            }
+            const auto allowed = std::find(more.begin(), more.end(), finding.fault.reason);
+            if (allowed == more.end()) {
+                ADD_FAILURE() << "also: " << finding.sentence();
+            } else {
+                more.erase(allowed);
+            }
+        }
+        EXPECT_TRUE(found) << ctl::text_of(reason).name << " was not found";
+        EXPECT_TRUE(more.empty());
+    }
+
+    static CElement number(const std::string &text) {
+        return {element_type_integer, text, CElement::_invalid_time};
+    }
+};
+
+TEST_F(Reasons, ViewsInStepHaveNone) {
+    address("fe80::5", 64);
+    address("2001:db8::5", 64);
+    route("fe80::1");
+    store("1", "fe80::5/64", "Link-Local");
+    store("office", "2001:db8::5/64");
+    store_gateway("fe80::1");
+    EXPECT_TRUE(findings().empty());
+}
+
+TEST_F(Reasons, TheTableHoldsEachReasonInItsPlaceWithANameOfItsOwn) {
+    std::map<std::string, int> names;
+    ASSERT_EQ(ctl::reasons().size(), static_cast<std::size_t>(reason_t::count_));
+    for (std::size_t i = 0; i < ctl::reasons().size(); ++i) {
+        EXPECT_EQ(static_cast<std::size_t>(ctl::reasons()[i].reason), i);
+        EXPECT_EQ(++names[ctl::reasons()[i].name], 1) << ctl::reasons()[i].name;
+    }
+}
+
+// --- the store as a whole ---
+
+TEST_F(Reasons, TheInterfacesNodeIsAbsent) {
+    fake_tav::erase("/Software/System Settings/Network/Interface");
+    expect(reason_t::interfaces_absent,
+           "the store has no node '/Software/System Settings/Network/Interface', so tandrel can "
+           "read nothing and starts over every ten seconds",
+           "tandrelctl interface add eth0");
+}
+
+TEST_F(Reasons, AnInterfaceNodeIsNotNamedByANumber) {
+    fake_tav::put_node(at("wan port"));
+    expect(reason_t::bad_interface_node,
+           "the interface node 'wan port' is not named by a number from 1 on; tandrel's whole read "
+           "fails because of it, nothing at all is synchronised, and it starts over every ten "
+           "seconds",
+           "tandrelctl interface del --node 'wan port'");
+    fake_tav::erase(at("wan port"));
+    for (const std::string name : {"0", "-1", "1a"}) {
+        fake_tav::put_node(at(name));
+        EXPECT_EQ(findings().at(0).fault.reason, reason_t::bad_interface_node) << name;
+        fake_tav::erase(at(name));
+    }
+}
+
+TEST_F(Reasons, ALeafStandsAmongTheInterfaces) {
+    fake_tav::put(at("Count"), "1");
+    expect(reason_t::interface_is_leaf,
+           "'/Software/System Settings/Network/Interface/Count' is a leaf, not a node; tandrel "
+           "passes over it",
+           "");
+}
+
+TEST_F(Reasons, AnInterfaceNumberIsSpeltOddly) {
+    fake_tav::erase(at("1"));
+    fake_tav::put_node(at("01"));
+    expect(reason_t::odd_interface_number,
+           "the interface node '01' is read for eth0, but tandrel writes to the node '1'",
+           "store its settings with tandrelctl (they go to node 1), then tandrelctl interface del "
+           "--node 01");
+}
+
+TEST_F(Reasons, TwoInterfaceNodesStandForOneLink) {
+    fake_tav::put_node(at("+1"));
+    expect(reason_t::interface_twice,
+           "the interface nodes '1' and '+1' both stand for eth0; each synchronisation does what "
+           "the one says, then what the other says",
+           "tandrelctl interface del --node +1", {reason_t::odd_interface_number});
+}
+
+TEST_F(Reasons, AnElementIsNothingThatTheDaemonKnows) {
+    fake_tav::put(at("1/IPv6/DNS"), "2001:db8::53");
+    expect(reason_t::strange_element,
+           "'/Software/System Settings/Network/Interface/1/IPv6/DNS' is nothing that tandrel "
+           "knows; it is left alone, and a change there starts nothing",
+           "");
+}
+
+TEST_F(Reasons, StrangeElementsAreSeenInAddressesAndGatewaysToo) {
+    address("2001:db8::5", 64);
+    route("fe80::1");
+    store("x", "2001:db8::5/64");
+    store_gateway("fe80::1");
+    fake_tav::put(at("1/IPv6/Addresses/x/Label"), "office");
+    fake_tav::put(at("1/IPv6/Default Gateway/Metric"), "1");
+    const std::vector<ctl::finding_t> all = findings();
+    ASSERT_EQ(all.size(), 2U);
+    EXPECT_EQ(all[0].fault.words.at("path"), at("1/IPv6/Default Gateway/Metric"));
+    EXPECT_EQ(all[1].fault.words.at("path"), at("1/IPv6/Addresses/x/Label"));
+}
+
+// --- links ---
+
+TEST_F(Reasons, TheKernelHasNoSuchLink) {
+    store("x", "2001:db8::5/64", "Static", "4");
+    expect(reason_t::link_absent,
+           "the kernel has no link eth3; what is stored for it (interface 4) waits until the link "
+           "appears",
+           "");
+}
+
+TEST_F(Reasons, AnEmptyInterfaceNodeWithoutLinkIsNoDifference) {
+    fake_tav::put_node(at("4"));
+    EXPECT_TRUE(findings().empty());
+}
+
+TEST_F(Reasons, ALinkHasAnotherPrefix) {
+    link("wlan0");
+    expect(reason_t::wrong_prefix, "not synchronised: its name does not begin with 'eth'",
+           "start tandrel with -i and the beginning of the name, if it is to look after such links "
+           "instead");
+}
+
+TEST_F(Reasons, ThePrefixIsWhatTheCommandLineSays) {
+    kernel.links.clear();
+    link("wlan0");
+    prefix = "wlan";
+    EXPECT_TRUE(findings().empty());
+}
+
+TEST_F(Reasons, NoNumberCanNameALink) {
+    link("eth0.5");
+    expect(reason_t::no_node_fits,
+           "not synchronised: no store node can stand for it, only for eth0, eth1 and so on", "");
+}
+
+TEST_F(Reasons, ALinkIsNotAnEthernetOne) {
+    kernel.links[0].ethernet = false;
+    kernel.links[0].hwaddr.clear();
+    expect(reason_t::not_ethernet, "not synchronised: it is not an Ethernet link", "");
+}
+
+TEST_F(Reasons, AnEthernetLinkHasNoHardwareAddress) {
+    kernel.links[0].hwaddr.clear();
+    expect(reason_t::no_hardware_address, "not synchronised: the link has no hardware address", "");
+}
+
+TEST_F(Reasons, TheKernelHasNoIpv6OnTheLink) {
+    kernel.links[0].has_ipv6 = false;
+    expect(reason_t::no_ipv6,
+           "not synchronised: the kernel has no IPv6 on this link (is its MTU below 1280?)",
+           "ip link set eth0 mtu 1500");
+}
+
+TEST_F(Reasons, Ipv6IsDisabledOnTheLink) {
+    kernel.links[0].ipv6_refused = true;
+    store("x", "2001:db8::5/64");
+    store_gateway("fe80::1");
+    expect(reason_t::ipv6_disabled,
+           "IPv6 is disabled on this link, so the kernel refuses every address and gateway",
+           "sysctl -w net.ipv6.conf.eth0.disable_ipv6=0, then tandrelctl nudge");
+}
+
+TEST_F(Reasons, TheStoreHasNoNodeForALinkWithAddresses) {
+    fake_tav::erase(at("1"));
+    EXPECT_TRUE(findings().empty()) << "a link without addresses misses nothing";
+    address("fe80::5", 64);
+    expect(reason_t::no_store_node,
+           "the store has no node for it (interface 1), and tandrel never makes one: nothing of "
+           "this link is synchronised",
+           "tandrelctl interface add eth0");
+}
+
+TEST_F(Reasons, ALinkIsDown) {
+    kernel.links[0].up = kernel.links[0].carrier = false;
+    expect(reason_t::link_down,
+           "the link is down: the kernel uses none of its addresses and takes no gateway",
+           "ip link set eth0 up");
+}
+
+// --- stored addresses that are skipped ---
+
+TEST_F(Reasons, ALeafStandsAmongTheAddresses) {
+    fake_tav::put(at("1/IPv6/Addresses/7"), "2001:db8::5/64");
+    expect(reason_t::address_is_leaf,
+           "'/Software/System Settings/Network/Interface/1/IPv6/Addresses/7' is a leaf where the "
+           "node of an address is expected; tandrel passes over it",
+           "");
+}
+
+TEST_F(Reasons, AStoredAddressHasNoAddressLeaf) {
+    fake_tav::put(at("1/IPv6/Addresses/x y/Type/Value"), "Static");
+    expect(reason_t::address_leaf_missing,
+           "the stored address 'x y' is skipped: it has no leaf Address/Value",
+           "tandrelctl address del eth0 --node 'x y'");
+}
+
+TEST_F(Reasons, AStoredAddressHasNoTypeLeaf) {
+    fake_tav::put(at("1/IPv6/Addresses/x/Address/Value"), "2001:db8::5/64");
+    expect(reason_t::type_leaf_missing,
+           "the stored address 'x' ('2001:db8::5/64') is skipped: it has no leaf Type/Value",
+           "tandrelctl address replace eth0 2001:db8::5/64");
+}
+
+TEST_F(Reasons, AStoredAddressIsNotAString) {
+    fake_tav::put(at("1/IPv6/Addresses/x/Address/Value"), number("7"));
+    fake_tav::put(at("1/IPv6/Addresses/x/Type/Value"), "Static");
+    expect(reason_t::address_not_text,
+           "the stored address 'x' is skipped: its leaf Address/Value is not a string",
+           "tandrelctl address del eth0 --node x");
+}
+
+TEST_F(Reasons, AStoredTypeIsNotAString) {
+    fake_tav::put(at("1/IPv6/Addresses/x/Address/Value"), "2001:db8::5/64");
+    fake_tav::put(at("1/IPv6/Addresses/x/Type/Value"), number("3"));
+    expect(reason_t::type_not_text,
+           "the stored address 'x' ('2001:db8::5/64') is skipped: its leaf Type/Value is not a "
+           "string",
+           "tandrelctl address replace eth0 2001:db8::5/64");
+}
+
+TEST_F(Reasons, AStoredAddressLacksItsPrefixLength) {
+    store("x", "2001:db8::5");
+    expect(reason_t::address_without_prefix,
+           "the stored address 'x' is skipped: '2001:db8::5' lacks its prefix length (such as /64)",
+           "tandrelctl address del eth0 --node x, and add it with its prefix length");
+}
+
+TEST_F(Reasons, AStoredAddressHasABadPrefixLength) {
+    store("x", "2001:db8::5/129");
+    expect(reason_t::address_bad_prefix,
+           "the stored address 'x' is skipped: the prefix length of '2001:db8::5/129' is not a "
+           "number from 1 to 128",
+           "tandrelctl address del eth0 --node x, and add it with a good one");
+    for (const std::string text : {"2001:db8::5/0", "2001:db8::5/", "2001:db8::5/64x"}) {
+        store("x", text);
+        EXPECT_EQ(findings().at(0).fault.reason, reason_t::address_bad_prefix) << text;
+    }
+}
+
+TEST_F(Reasons, AStoredAddressIsNone) {
+    store("x", "router\x1b[31m/64");
+    expect(reason_t::address_bad_text,
+           "the stored address 'x' is skipped: 'router\\x1b[31m/64' is not an IPv6 address",
+           "tandrelctl address del eth0 --node x");
+    store("x", "192.0.2.1");
+    EXPECT_EQ(findings().at(0).fault.reason, reason_t::address_bad_text);
+}
+
+TEST_F(Reasons, AStoredTypeIsUnknown) {
+    store("x", "2001:db8::5/64", "static");
+    expect(reason_t::type_unknown,
+           "the stored address 'x' ('2001:db8::5/64') is skipped: its type 'static' is none of "
+           "Static, Automatic and Link-Local (capitals count)",
+           "tandrelctl address replace eth0 2001:db8::5/64");
+}
+
+TEST_F(Reasons, SkippedAddressesAreNamedAlsoWhenTheLinkIsAbsent) {
+    store("x", "2001:db8::5", "Static", "4");
+    expect(reason_t::address_without_prefix,
+           "the stored address 'x' is skipped: '2001:db8::5' lacks its prefix length (such as /64)",
+           "tandrelctl address del eth3 --node x, and add it with its prefix length",
+           {reason_t::link_absent});
+}
+
+// --- addresses ---
+
+TEST_F(Reasons, AStaticAddressIsInTheStoreOnly) {
+    store("x", "2001:db8::5/64");
+    expect(reason_t::address_not_in_kernel,
+           "2001:db8::5/64 (Static, node 'x') is in the store only; tandrel adds it to the kernel "
+           "at its next synchronisation",
+           "tandrelctl nudge, if it stays (a refused address is tried again only then; tandrel's "
+           "log at -D 2 shows the refusal)");
+}
+
+TEST_F(Reasons, TheKernelGivesNoLinkSuchAnAddress) {
+    store("x", "ff02::5/64");
+    expect(reason_t::address_unfit,
+           "ff02::5/64 (node 'x') is in the store only: the kernel gives no link a multicast "
+           "address",
+           "tandrelctl address del eth0 --node x");
+    store("x", "::/64");
+    EXPECT_EQ(findings().at(0).fault.words.at("type"), "the unspecified address");
+    store("x", "::1/128");
+    EXPECT_EQ(findings().at(0).fault.words.at("type"), "the loopback address");
+}
+
+TEST_F(Reasons, AnAutomaticAddressIsInTheStoreOnly) {
+    store("x", "2001:db8::5/64", "Automatic");
+    expect(reason_t::address_left_over,
+           "2001:db8::5/64 (Automatic, node 'x') is in the store only; the kernel has the last "
+           "word on such addresses, so tandrel removes it at its next synchronisation",
+           "tandrelctl address replace eth0 2001:db8::5/64, to keep it as a Static one");
+}
+
+TEST_F(Reasons, AnAddressIsStoredTwice) {
+    address("2001:db8::5", 64);
+    store("x", "2001:db8::5/64");
+    store("y", "2001:db8::5/48");
+    expect(reason_t::address_stored_twice,
+           "2001:db8::5/48 is stored twice, in the nodes 'x' and 'y'",
+           "tandrelctl address del eth0 --node y");
+}
+
+TEST_F(Reasons, AnAddressIsInTheKernelOnly) {
+    address("2001:db8::5", 64);
+    expect(reason_t::address_not_in_store,
+           "2001:db8::5/64 is in the kernel only; tandrel writes it to the store as Automatic "
+           "within moments",
+           "tandrelctl nudge, if it stays");
+    kernel.addresses.clear();
+    address("fe80::5", 64);
+    EXPECT_EQ(findings().at(0).fault.words.at("type"), "Link-Local");
+}
+
+TEST_F(Reasons, TheKernelListsAnAddressWithoutItsBytes) {
+    address("::", 64).has_address = false;
+    expect(reason_t::address_listed_empty,
+           "the kernel listed an address without its bytes; tandrel skips it", "");
+}
+
+TEST_F(Reasons, AStaticAddressHasAnotherPrefixLengthInTheKernel) {
+    address("2001:db8::5", 64);
+    store("x", "2001:db8::5/48");
+    expect(reason_t::prefix_static,
+           "the kernel has 2001:db8::5/64, the store 2001:db8::5/48 (Static, node 'x'): the "
+           "store's prefix length counts, and tandrel changes the kernel's at its next "
+           "synchronisation",
+           "tandrelctl nudge, if it stays");
+}
+
+TEST_F(Reasons, AnAutomaticAddressHasAnotherPrefixLengthInTheKernel) {
+    address("2001:db8::5", 64);
+    store("x", "2001:db8::5/48", "Automatic");
+    expect(reason_t::prefix_of_kernel,
+           "the kernel has 2001:db8::5/64, the store 2001:db8::5/48 (Automatic, node 'x'): the "
+           "kernel's prefix length counts, and tandrel stores it when the kernel next announces "
+           "the address",
+           "");
+}
+
+TEST_F(Reasons, AnAddressIsStoredUnderAnotherTypeThanTheKernels) {
+    address("fe80::5", 64);
+    store("x", "fe80::5/64", "Automatic");
+    expect(reason_t::type_differs,
+           "fe80::5/64 is stored as Automatic (node 'x'), but for the kernel it is Link-Local: "
+           "tandrel removes the node as junk, and then records the address anew",
+           "");
+}
+
+TEST_F(Reasons, DuplicateAddressDetectionFailed) {
+    address("2001:db8::5", 64).flags = IFA_F_DADFAILED | IFA_F_TENTATIVE;
+    store("x", "2001:db8::5/64");
+    expect(reason_t::duplicate_found,
+           "2001:db8::5/64: duplicate address detection failed; another host on the link has it, "
+           "and the kernel does not use it",
+           "change one of the two hosts; then delete the address here and add it again");
+}
+
+TEST_F(Reasons, AnAddressWaitsForItsLink) {
+    kernel.links[0].carrier = false;
+    address("2001:db8::5", 64).flags = IFA_F_TENTATIVE;
+    store("x", "2001:db8::5/64");
+    expect(reason_t::address_waits,
+           "2001:db8::5/64 is tentative: the kernel checks it for duplicates first, which needs "
+           "the link to be up and connected",
+           "");
+    kernel.links[0].carrier = true;
+    EXPECT_TRUE(findings().empty()) << "a moment's state, not worth a word";
+}
+
+TEST_F(Reasons, AnAddressHasAPeer) {
+    address("2001:db8::9", 64).has_peer = true;
+    store("x", "2001:db8::9/64");
+    expect(reason_t::address_has_peer,
+           "2001:db8::9/64 is the peer of a point-to-point address; tandrel takes it for the "
+           "link's own",
+           "");
+}
+
+// --- gateways and routes ---
+
+TEST_F(Reasons, TheStoredGatewayHasNoLeaf) {
+    fake_tav::put_node(at("1/IPv6/Default Gateway"));
+    expect(reason_t::gateway_leaf_missing,
+           "the stored gateway has no leaf Value, which counts as no gateway",
+           "tandrelctl gateway clear eth0, or tandrelctl gateway set");
+}
+
+TEST_F(Reasons, TheStoredGatewayIsNotAString) {
+    fake_tav::put(at("1/IPv6/Default Gateway/Value"), number("1"));
+    expect(reason_t::gateway_not_text,
+           "the stored gateway is skipped: its leaf Value is not a string",
+           "tandrelctl gateway clear eth0, or tandrelctl gateway set");
+}
+
+TEST_F(Reasons, TheStoredGatewayHasABadPrefixLength) {
+    store_gateway("fe80::1/0");
+    expect(reason_t::gateway_bad_prefix,
+           "the stored gateway is skipped: 'fe80::1/0' has a bad prefix length, and needs none",
+           "tandrelctl gateway set eth0 with the address alone");
+    route("fe80::1");
+    store_gateway("fe80::1/64");
+    EXPECT_TRUE(findings().empty()) << "a good one is let pass";
+}
+
+TEST_F(Reasons, TheStoredGatewayIsNoAddress) {
+    store_gateway("router");
+    expect(reason_t::gateway_bad_text,
+           "the stored gateway is skipped: 'router' is not an IPv6 address",
+           "tandrelctl gateway clear eth0, or tandrelctl gateway set");
+}
+
+TEST_F(Reasons, TheKernelTakesNoSuchGateway) {
+    store_gateway("::");
+    expect(reason_t::gateway_unfit,
+           "the gateway :: is in the store only: the kernel refuses it, being the "
+           "unspecified address",
+           "tandrelctl gateway set eth0 with the router's address");
+    store_gateway("2001:db8::5");
+    address("2001:db8::5", 64);
+    store("x", "2001:db8::5/64");
+    EXPECT_EQ(findings().at(0).fault.words.at("type"), "this link's own address");
+}
+
+TEST_F(Reasons, TheLinkOfTheGatewayIsDown) {
+    kernel.links[0].up = kernel.links[0].carrier = false;
+    store_gateway("fe80::1");
+    expect(reason_t::gateway_link_down,
+           "the gateway fe80::1 is in the store only: the kernel takes no route over a link that "
+           "is down, and tandrel does not try again by itself when it comes up",
+           "ip link set eth0 up, then tandrelctl nudge (tandrelctl nudge --follow does it each "
+           "time)",
+           {reason_t::link_down});
+}
+
+TEST_F(Reasons, NoNetworkOfTheLinkContainsTheGateway) {
+    store_gateway("2001:db8:9::1");
+    expect(reason_t::gateway_unreachable,
+           "the gateway 2001:db8:9::1 is in the store only: no network of eth0 contains it, so the "
+           "kernel refuses it",
+           "give eth0 an address of the gateway's network, then tandrelctl nudge; or use the "
+           "router's link-local address");
+    ctl::kernel_route_t &network = route("::", RTPROT_KERNEL);
+    network.route.dst = bytes("2001:db8:8::");
+    network.route.dst_len = 47;
+    EXPECT_EQ(findings().at(0).fault.reason, reason_t::gateway_not_in_kernel);
+    network.route.dst_len = 48;
+    EXPECT_EQ(findings().at(0).fault.reason, reason_t::gateway_unreachable);
+}
+
+TEST_F(Reasons, TheKernelHasTheGatewayUnderAnotherProtocol) {
+    store_gateway("fe80::1");
+    route("fe80::1", RTPROT_RA);
+    expect(reason_t::gateway_taken,
+           "the gateway fe80::1 is in the store, but the kernel has the same route with protocol "
+           "ra, and refuses a second, static one",
+           "none needed while that route is there; tandrelctl nudge once it is gone",
+           {reason_t::route_other_protocol});
+}
+
+TEST_F(Reasons, TheGatewayIsInTheStoreOnly) {
+    store_gateway("fe80::1");
+    expect(reason_t::gateway_not_in_kernel,
+           "the gateway fe80::1 is in the store only; tandrel adds the route at its next "
+           "synchronisation",
+           "tandrelctl nudge, if it stays (a lost or refused route is tried again only then)");
+}
+
+TEST_F(Reasons, TheGatewayIsInTheKernelOnly) {
+    route("fe80::1");
+    expect(reason_t::gateway_not_in_store,
+           "the gateway fe80::1 is in the kernel only; tandrel writes it to the store within "
+           "moments",
+           "tandrelctl nudge, if it stays");
+}
+
+TEST_F(Reasons, TheGatewaysDiffer) {
+    route("fe80::1");
+    store_gateway("fe80::2");
+    expect(reason_t::gateway_differs,
+           "the kernel's gateway is fe80::1, the store's fe80::2: the store's counts, and tandrel "
+           "replaces the kernel's at its next synchronisation",
+           "tandrelctl nudge, if it stays");
+}
+
+TEST_F(Reasons, TheKernelHasASecondStaticDefaultRoute) {
+    route("fe80::2");
+    route("fe80::1");
+    store_gateway("fe80::1");
+    expect(reason_t::gateway_second,
+           "the kernel has one more static default route, via fe80::2; tandrel looks after one of "
+           "a link, the newest",
+           "ip -6 route del default via fe80::2 dev eth0 proto static");
+}
+
+TEST_F(Reasons, ADefaultRouteHasAnotherProtocol) {
+    route("fe80::1", RTPROT_BOOT);
+    expect(reason_t::route_other_protocol,
+           "the default route via fe80::1 has protocol boot; tandrel looks after static ones only",
+           "tandrelctl gateway set eth0 fe80::1, if it is to be kept in the store");
+}
+
+TEST_F(Reasons, AStaticRouteHasADestination) {
+    ctl::kernel_route_t &one = route("fe80::1");
+    one.route.dst = bytes("2001:db8:5::");
+    one.route.dst_len = 48;
+    expect(reason_t::route_with_destination,
+           "the route to 2001:db8:5::/48 is left alone; tandrel looks after default routes only",
+           "");
+    one.route.protocol = RTPROT_KERNEL;
+    EXPECT_TRUE(findings().empty()) << "the kernel's own routes are no news";
+}
+
+TEST_F(Reasons, ADefaultRouteHasNoGateway) {
+    route("::");
+    expect(reason_t::route_without_gateway, "a default route without gateway is left alone", "");
+}
+
+TEST_F(Reasons, ADefaultRouteHasSeveralGateways) {
+    ctl::kernel_route_t &one = route("::");
+    one.multipath = true;
+    one.has_index = false;
+    expect(reason_t::route_multipath,
+           "a default route with several gateways is left alone: it has no single output link", "");
+}
+
+TEST_F(Reasons, ADefaultRouteStandsInAnotherTable) {
+    route("fe80::1").table = 100;
+    store_gateway("fe80::1");
+    expect(reason_t::route_other_table,
+           "the default route via fe80::1 stands in table 100; tandrel takes it for one of the "
+           "main table",
+           "");
+}
+
+TEST_F(Reasons, NoDaemonRuns) {
+    const ctl::finding_t finding{"", {reason_t::daemon_absent, {}}};
+    EXPECT_EQ(finding.sentence(), "no such process runs here, so nothing will change by itself");
+    EXPECT_EQ(finding.remedy(),
+              "start it: systemctl start tandrel, or, to watch it, tandrel -d -D 3");
+}
+
+} // namespace

@@ -1,0 +1,132 @@
+// Texts for people: escaping, quoting, states, times; and the tables made of them.
+#include "ctl/text.h"
+
+#include <nlohmann/json.hpp>
+
+#include "ctl/look_fixture.h"
+#include "ctl/output.h"
+
+namespace {
+
+TEST(Escaping, ControlCharactersAndBackslashesAreMadeVisible) {
+    EXPECT_EQ(ctl::escaped("plain"), "plain");
+    EXPECT_EQ(ctl::escaped("a\nb\\c"), "a\\nb\\\\c");
+    EXPECT_EQ(ctl::escaped("\x1b[2J\x7f"), "\\x1b[2J\\x7f");
+    EXPECT_EQ(ctl::escaped(std::string("a\0b", 3)), "a\\x00b");
+    EXPECT_EQ(ctl::escaped("B\xc3\xbcro"), "B\xc3\xbcro");
+    // CSI in one character: U+009B.
+    EXPECT_EQ(ctl::escaped("\xc2\x9b"
+                           "2J"),
+              "\\xc2\\x9b2J");
+    EXPECT_EQ(ctl::escaped("\xc2\xa7"), "\xc2\xa7");
+}
+
+TEST(Quoting, AWordStaysOneWordForAShell) {
+    EXPECT_EQ(ctl::shell_word("2001:db8::5/64"), "2001:db8::5/64");
+    EXPECT_EQ(ctl::shell_word("wan port"), "'wan port'");
+    EXPECT_EQ(ctl::shell_word("it's"), "'it'\\''s'");
+    EXPECT_EQ(ctl::shell_word(""), "''");
+}
+
+TEST(Durations, AreShownInTwoUnits) {
+    EXPECT_EQ(ctl::duration_text(0), "0s");
+    EXPECT_EQ(ctl::duration_text(59), "59s");
+    EXPECT_EQ(ctl::duration_text(60), "1m");
+    EXPECT_EQ(ctl::duration_text(61), "1m1s");
+    EXPECT_EQ(ctl::duration_text(86400), "1d");
+    EXPECT_EQ(ctl::duration_text(2 * 86400 + 3 * 3600 + 59), "2d3h");
+    EXPECT_EQ(ctl::duration_text(3600 + 5 * 60 + 1), "1h5m");
+    EXPECT_EQ(ctl::duration_text(ctl::forever), "forever");
+}
+
+TEST(States, NameTheFlagsAndTheTimesLeft) {
+    ctl::kernel_address_t address;
+    address.valid = address.preferred = ctl::forever;
+    EXPECT_EQ(ctl::state_text(address), "");
+    address.flags = IFA_F_TENTATIVE | IFA_F_DADFAILED;
+    EXPECT_EQ(ctl::state_text(address), "tentative dadfailed");
+    address.flags = IFA_F_DEPRECATED;
+    address.valid = 3600;
+    address.preferred = 0;
+    EXPECT_EQ(ctl::state_text(address), "deprecated, valid 1h, preferred 0s");
+}
+
+class Table : public LookTest {
+protected:
+    std::vector<std::string> lines() {
+        const ctl::comparison_t comparison = look();
+        std::vector<std::string> texts;
+        for (const auto &line : ctl::table_lines(ctl::chosen(comparison, options))) {
+            texts.push_back(line.text);
+        }
+        return texts;
+    }
+    ctl::options_t options;
+};
+
+TEST_F(Table, ShowsBothViewsSideBySide) {
+    address("fe80::5", 64);
+    address("2001:db8::5", 64).flags = IFA_F_TENTATIVE;
+    route("fe80::1");
+    store("1", "fe80::5/64", "Link-Local");
+    store("wan port", "2001:db8::6/64\x1b");
+    store_gateway("fe80::1");
+    const std::vector<std::string> expected{
+        "eth0, store interface 1, up, 02:00:00:00:00:05",
+        "  KERNEL          STORE               TYPE        NODE      STATE",
+        "= fe80::5/64      fe80::5/64          Link-Local  1",
+        "K 2001:db8::5/64  -                   -           -         tentative",
+        "? -               2001:db8::6/64\\x1b  Static      wan port",
+        "= via fe80::1     fe80::1             Gateway     -         protocol static",
+        "",
+        "= both agree   K only in the kernel   ? stored, but unusable"};
+    EXPECT_EQ(lines(), expected);
+}
+
+TEST_F(Table, LeavesOutWhatIsNeitherTrackedNorStoredUnlessAsked) {
+    link("wlan0");
+    EXPECT_EQ(lines().size(), 2U);
+    options.all = true;
+    EXPECT_EQ(lines().size(), 5U);
+    options.all = false;
+    options.link = "wlan0";
+    EXPECT_EQ(lines().front(),
+              "wlan0, no store interface, up, 02:00:00:00:00:05, not synchronised");
+    options.link = "eth7";
+    EXPECT_THROW(lines(), ctl::refusal);
+}
+
+TEST_F(Table, JsonHoldsTheSame) {
+    ctl::kernel_address_t &one = address("2001:db8::5", 64);
+    one.valid = 60;
+    one.preferred = 30;
+    store("x", "2001:db8::5/48");
+    store_gateway("fe80::1");
+    const ctl::json_t json = ctl::interface_json(look().interfaces.at(0));
+    EXPECT_EQ(json["link"], "eth0");
+    EXPECT_EQ(json["interface"], 1);
+    EXPECT_EQ(json["synchronised"], true);
+    EXPECT_EQ(json["kernel"]["up"], true);
+    const ctl::json_t &row = json["addresses"].at(0);
+    EXPECT_EQ(row["mark"], "differ");
+    EXPECT_EQ(row["kernel"]["address"], "2001:db8::5/64");
+    EXPECT_EQ(row["kernel"]["valid_seconds"], 60);
+    EXPECT_EQ(row["kernel"]["preferred_seconds"], 30);
+    EXPECT_EQ(row["store"]["node"], "x");
+    EXPECT_EQ(row["store"]["address"], "2001:db8::5/48");
+    EXPECT_EQ(row["store"]["type"], "Static");
+    const ctl::json_t &gateway = json["gateways"].at(0);
+    EXPECT_EQ(gateway["mark"], "store-only");
+    EXPECT_TRUE(gateway["kernel"].is_null());
+    EXPECT_EQ(gateway["store"]["gateway"], "fe80::1");
+}
+
+TEST(Colour, StandsAroundALineOnlyWhenWanted) {
+    EXPECT_EQ(ctl::coloured({ctl::style_t::bad, "x"}, false), "x");
+    EXPECT_EQ(ctl::coloured({ctl::style_t::bad, "x"}, true), "\x1b[31mx\x1b[0m");
+    EXPECT_EQ(ctl::coloured({ctl::style_t::plain, "x"}, true), "x");
+    EXPECT_TRUE(ctl::use_colour(ctl::colour_t::always));
+    EXPECT_FALSE(ctl::use_colour(ctl::colour_t::never));
+}
+
+} // namespace
