@@ -58,8 +58,8 @@ comparison_t compare(const kernel_view_t &kernel, const store_view_t &store,
 // another form.
 long interface_number(const std::string &link, const std::string &prefix);
 
-// Why the kernel gives no link this address, or takes no such gateway ("a multicast address", ...); null when
-// it does.
+// Why the kernel gives no link this address and takes no such gateway ("a multicast address", ...);
+// null when it does.
 const char *unfit_kind(const in6_addr &address);
 
 } // namespace ctl

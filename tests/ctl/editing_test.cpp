@@ -1,0 +1,284 @@
+// The commands that change the store, over the fake store.
+#include <functional>
+
+#include "ctl/look_fixture.h"
+
+namespace {
+
+using strings = std::vector<std::string>;
+
+class Editing : public LookTest {
+protected:
+    Editing() { options.link = "eth0"; }
+
+    static strings stored() { return fake_tav::dump(); }
+    static std::string below(const std::string &path) { return at("1/IPv6/" + path); }
+
+    // The exit code and the text that the command refuses with; "" when it does not.
+    std::string refused(int code, int (*command)(const ctl::options_t &)) {
+        try {
+            command(options);
+        } catch (const ctl::refusal &reason) {
+            EXPECT_EQ(reason.code, code);
+            return reason.what();
+        }
+        return "";
+    }
+
+    ctl::options_t options;
+};
+
+TEST_F(Editing, AnAddressIsStoredWithBothLeavesInOneTransaction) {
+    options.address = "2001:DB8:0::5/64";
+    EXPECT_EQ(ctl::address_add(options), 0);
+    const auto calls = fake_tav::calls("set_leaves");
+    ASSERT_EQ(calls.size(), 1U);
+    EXPECT_EQ(calls[0].paths, (std::vector<tk_string>{below("Addresses/1/Address/Value"),
+                                                      below("Addresses/1/Type/Value")}));
+    EXPECT_EQ(calls[0].values.at(0).to_string(), "2001:db8::5/64");
+    EXPECT_EQ(calls[0].values.at(1).to_string(), "Static");
+    EXPECT_EQ(calls[0].values.at(0).type(), element_type_string);
+    EXPECT_EQ(calls[0].flags, std::vector<mlr_tribool_t>(2, static_cast<mlr_tribool_t>(2)));
+    EXPECT_EQ(calls[0].reserved, "");
+    EXPECT_EQ(fake_tav::writes(), 1U);
+    EXPECT_EQ(fake_tav::state().clients_opened, fake_tav::state().clients_closed);
+}
+
+TEST_F(Editing, ANewNodeTakesTheFirstFreeNumber) {
+    store("1", "2001:db8::1/64");
+    fake_tav::put(below("Addresses/2"), "a leaf takes a name as well");
+    store("4", "spoilt");
+    options.address = "2001:db8::5/64";
+    ctl::address_add(options);
+    EXPECT_EQ(fake_tav::text(below("Addresses/3/Address/Value")), "2001:db8::5/64");
+}
+
+TEST_F(Editing, ANodeMayBeNamed) {
+    options.address = "2001:db8::5/64";
+    options.node = "office";
+    ctl::address_add(options);
+    EXPECT_EQ(fake_tav::text(below("Addresses/office/Address/Value")), "2001:db8::5/64");
+    options.address = "2001:db8::6/64";
+    EXPECT_EQ(refused(1, ctl::address_add),
+              "there is a node 'office' already, holding '2001:db8::5/64'");
+    options.node = "a/b";
+    EXPECT_EQ(refused(2, ctl::address_add), "a node's name holds no '/'");
+}
+
+TEST_F(Editing, TheInterfaceNodeComesWithTheAddress) {
+    options.link = "eth2";
+    options.address = "2001:db8::5/64";
+    ctl::address_add(options);
+    EXPECT_EQ(fake_tav::text(at("3/IPv6/Addresses/1/Type/Value")), "Static");
+}
+
+TEST_F(Editing, WhatTheDaemonOrTheKernelWouldNotTakeIsRefusedBeforehand) {
+    const std::vector<std::pair<std::string, std::string>> cases{
+        {"2001:db8::5", "'2001:db8::5' lacks its prefix length; write 2001:db8::5/64, say"},
+        {"2001:db8::5/0", "the prefix length of '2001:db8::5/0' is not a number from 1 to 128"},
+        {"2001:db8::5/129", "the prefix length of '2001:db8::5/129' is not a number from 1 to 128"},
+        {"192.0.2.1/24", "'192.0.2.1/24' is not an IPv6 address"},
+        {"router/64", "'router/64' is not an IPv6 address"},
+        {"ff02::1/64", "'ff02::1/64' is a multicast address, which the kernel gives no link"},
+        {"::/64", "'::/64' is the unspecified address, which the kernel gives no link"},
+        {"::1/128", "'::1/128' is the loopback address, which the kernel gives no link"}};
+    for (const auto &[text, reason] : cases) {
+        options.address = text;
+        EXPECT_EQ(refused(2, ctl::address_add), reason);
+        EXPECT_EQ(refused(2, ctl::address_replace), reason);
+    }
+    options.address = "2001:db8::5/64";
+    options.link = "wlan0";
+    EXPECT_EQ(refused(2, ctl::address_add),
+              "no store interface can stand for 'wlan0', only for eth0, eth1 and so on (-i for "
+              "another beginning)");
+    EXPECT_EQ(fake_tav::writes(), 0U);
+}
+
+TEST_F(Editing, AnAddressIsNotStoredTwice) {
+    store("x", "2001:db8::5/48", "Automatic");
+    options.address = "2001:db8::5/64";
+    EXPECT_EQ(refused(1, ctl::address_add),
+              "'2001:db8::5/48' is stored already (Automatic, node 'x'); 'tandrelctl address "
+              "replace' changes it");
+    EXPECT_EQ(fake_tav::writes(), 0U);
+}
+
+TEST_F(Editing, ReplaceChangesTheNodeThatHoldsTheAddress) {
+    store("x", "2001:db8::5/48", "Automatic");
+    options.address = "2001:db8::5/64";
+    EXPECT_EQ(ctl::address_replace(options), 0);
+    EXPECT_EQ(fake_tav::text(below("Addresses/x/Address/Value")), "2001:db8::5/64");
+    EXPECT_EQ(fake_tav::text(below("Addresses/x/Type/Value")), "Static");
+    EXPECT_EQ(stored().size(), 2U);
+    store("y", "2001:db8::6/64", "static");
+    options.address = "2001:db8::6/64";
+    ctl::address_replace(options);
+    EXPECT_EQ(fake_tav::text(below("Addresses/y/Type/Value")), "Static") << "mends a wrong type";
+    options.address = "2001:db8::7/64";
+    ctl::address_replace(options);
+    EXPECT_EQ(fake_tav::text(below("Addresses/1/Address/Value")), "2001:db8::7/64");
+}
+
+TEST_F(Editing, AnAddressIsDeletedByItsBytesOrItsNode) {
+    store("x", "2001:db8::5/64");
+    store("y", "2001:db8::6/64");
+    store("z", "spoilt");
+    options.address = "2001:DB8::5";
+    EXPECT_EQ(ctl::address_delete(options), 0);
+    EXPECT_FALSE(fake_tav::exists(below("Addresses/x")));
+    options.address = "2001:db8::6/64";
+    EXPECT_EQ(ctl::address_delete(options), 0);
+    EXPECT_FALSE(fake_tav::exists(below("Addresses/y")));
+    options.address.clear();
+    options.node = "z";
+    EXPECT_EQ(ctl::address_delete(options), 0);
+    EXPECT_FALSE(fake_tav::exists(below("Addresses/z")));
+    EXPECT_EQ(fake_tav::calls("remove_node").size(), 3U);
+}
+
+TEST_F(Editing, OnlyWhatIsMeantIsDeleted) {
+    store("x", "2001:db8::5/64");
+    store("y", "fe80::5/64", "Link-Local");
+    options.address = "2001:db8::5/48";
+    EXPECT_EQ(refused(1, ctl::address_delete), "it is stored as '2001:db8::5/64'");
+    options.address = "2001:db8::6";
+    EXPECT_EQ(refused(1, ctl::address_delete), "'2001:db8::6' is not stored for eth0");
+    options.address = "nonsense";
+    EXPECT_EQ(refused(2, ctl::address_delete), "'nonsense' is not an IPv6 address");
+    options.address = "fe80::5";
+    EXPECT_EQ(refused(1, ctl::address_delete),
+              "'fe80::5/64' is Link-Local: the kernel made it, and tandrel would store it again. "
+              "Delete it in the kernel (ip -6 address del fe80::5/64 dev eth0), or use --force");
+    options.node = "x";
+    EXPECT_EQ(refused(2, ctl::address_delete), "give either the address or --node");
+    options.address.clear();
+    options.node = "nowhere";
+    EXPECT_EQ(refused(1, ctl::address_delete), "no address node 'nowhere' is stored for eth0");
+    EXPECT_EQ(fake_tav::writes(), 0U);
+    options.node = "y";
+    options.force = true;
+    EXPECT_EQ(ctl::address_delete(options), 0);
+    EXPECT_FALSE(fake_tav::exists(below("Addresses/y")));
+}
+
+TEST_F(Editing, TheGatewayIsSetAndCleared) {
+    options.address = "FE80::1";
+    EXPECT_EQ(ctl::gateway_set(options), 0);
+    EXPECT_EQ(fake_tav::text(below("Default Gateway/Value")), "fe80::1");
+    EXPECT_EQ(ctl::gateway_clear(options), 0);
+    EXPECT_FALSE(fake_tav::exists(below("Default Gateway")));
+    EXPECT_EQ(refused(1, ctl::gateway_clear), "no gateway is stored for eth0");
+}
+
+TEST_F(Editing, AGatewayThatCannotBeOneIsRefused) {
+    options.address = "fe80::1/64";
+    EXPECT_EQ(refused(2, ctl::gateway_set),
+              "a gateway has no prefix length; give the router's address alone");
+    options.address = "router";
+    EXPECT_EQ(refused(2, ctl::gateway_set), "'router' is not an IPv6 address");
+    options.address = "::";
+    EXPECT_EQ(refused(2, ctl::gateway_set),
+              "'::' is the unspecified address, which cannot be a gateway");
+    EXPECT_EQ(fake_tav::writes(), 0U);
+}
+
+TEST_F(Editing, AnInterfaceNodeIsMadeOnceAndStaysEmpty) {
+    EXPECT_EQ(refused(1, ctl::interface_add),
+              "the store has a node for eth0 already (interface 1)");
+    options.link = "eth1";
+    EXPECT_EQ(ctl::interface_add(options), 0);
+    EXPECT_EQ(stored(), (strings{at("1/"), at("2/IPv6/Addresses/")}));
+}
+
+TEST_F(Editing, AStoreThatKeepsNoEmptyNodesIsSeenThrough) {
+    options.link = "eth1";
+    fake_tav::on_path("remove_node", at("2/IPv6/Addresses/tandrelctl-nudge")).runs([] {
+        fake_tav::erase(at("2"));
+        fake_tav::put(at("2/IPv6/Addresses/tandrelctl-nudge/Type/Value"), "none");
+        fake_tav::on_path("list_node", "/Software/System Settings/Network/Interface").statuses({2});
+    });
+    EXPECT_EQ(refused(1, ctl::interface_add),
+              "this store keeps no empty nodes; store an address or a gateway for eth1 instead");
+}
+
+TEST_F(Editing, AnInterfaceNodeWithSettingsIsRemovedByForceOnly) {
+    store("x", "2001:db8::5/64");
+    EXPECT_EQ(refused(1, ctl::interface_delete),
+              "settings are stored in '/Software/System Settings/Network/Interface/1' and would "
+              "be lost; --force removes them, too");
+    options.force = true;
+    EXPECT_EQ(ctl::interface_delete(options), 0);
+    EXPECT_FALSE(fake_tav::exists(at("1")));
+    EXPECT_EQ(captured::standard_error(),
+              "tandrelctl: eth0 is not synchronised any more; the kernel keeps what it has\n");
+    EXPECT_EQ(refused(1, ctl::interface_delete), "the store has no node for eth0");
+}
+
+TEST_F(Editing, AnInterfaceNodeOfTheKernelsAddressesAloneIsRemovedFreely) {
+    store("1", "fe80::5/64", "Link-Local");
+    EXPECT_EQ(ctl::interface_delete(options), 0);
+    fake_tav::put_node(at("wan port"));
+    options.link.clear();
+    options.node = "wan port";
+    EXPECT_EQ(ctl::interface_delete(options), 0);
+    EXPECT_FALSE(fake_tav::exists(at("wan port")));
+    options.node = "0";
+    EXPECT_EQ(refused(1, ctl::interface_delete), "the store has no interface node '0'");
+}
+
+// Another client took the name in the meantime: the store refuses the write, and the next name is
+// taken. The other's node stays as it is.
+TEST_F(Editing, ANodeThatSomebodyElseIsJustMakingIsNotOverwritten) {
+    fake_tav::on_call("set_leaves").statuses({8, 8}).runs([] { store("1", "2001:db8::77/64"); });
+    options.address = "2001:db8::5/64";
+    EXPECT_EQ(ctl::address_add(options), 0);
+    EXPECT_EQ(fake_tav::text(below("Addresses/1/Address/Value")), "2001:db8::77/64");
+    EXPECT_EQ(fake_tav::text(below("Addresses/2/Address/Value")), "2001:db8::5/64");
+    EXPECT_EQ(fake_tav::calls("events_get").size(), 2U) << "the events were taken before each try";
+}
+
+TEST_F(Editing, ARefusalThatStaysIsReportedWithItsPath) {
+    for (unsigned i = 1; i <= 5; ++i) {
+        fake_tav::on_call("set_leaves", i).statuses({9, 10});
+    }
+    options.address = "2001:db8::5/64";
+    EXPECT_EQ(refused(1, ctl::address_add), "the store refused to change '" +
+                                                below("Addresses/1/Address/Value") +
+                                                "' (status 9)");
+    EXPECT_EQ(fake_tav::calls("set_leaves").size(), 5U);
+}
+
+TEST_F(Editing, AStoreThatGoesAwayIsNoRefusal) {
+    options.address = "2001:db8::5/64";
+    for (const std::string call : {"set_leaves", "list_node", "events_get", "get_leaf"}) {
+        store("z", "2001:db8::9/64");
+        fake_tav::on_call(call).returns(-1);
+        EXPECT_THROW(ctl::address_add(options), ctl::store_lost) << call;
+    }
+    fake_tav::state().failing_inits = 2; // it tries once to subscribe and once to complain
+    EXPECT_THROW(ctl::address_add(options), ctl::store_lost);
+    EXPECT_EQ(fake_tav::state().clients_opened, fake_tav::state().clients_closed);
+}
+
+TEST_F(Editing, ANudgeChangesNothingThatTheDaemonLooksAt) {
+    store("x", "2001:db8::5/64");
+    const strings before = stored();
+    options.link.clear();
+    EXPECT_EQ(ctl::nudge(options), 0);
+    EXPECT_EQ(stored(), before);
+    const auto written = fake_tav::calls("set_leaves");
+    ASSERT_EQ(written.size(), 1U);
+    EXPECT_EQ(written[0].paths.at(0), below("Addresses/tandrelctl-nudge/Type/Value"));
+    EXPECT_EQ(fake_tav::calls("remove_node").at(0).paths.at(0),
+              below("Addresses/tandrelctl-nudge"));
+}
+
+TEST_F(Editing, WithoutAnInterfaceNodeThereIsNothingToNudge) {
+    fake_tav::erase(at("1"));
+    EXPECT_EQ(refused(1, ctl::nudge),
+              "the store has no interface node, so there is nothing to synchronise; 'tandrelctl "
+              "interface add' makes one");
+}
+
+} // namespace
