@@ -247,6 +247,15 @@ void Kernel::set_up(const std::string &name, bool up) {
     change_link(name, up ? up_flag : 0U, up_flag, {});
 }
 
+void Kernel::set_hardware_address(const std::string &name, const std::string &octets) {
+    unsigned char bytes[6] = {};
+    for (std::size_t i = 0; i < sizeof bytes; ++i) {
+        bytes[i] = static_cast<unsigned char>(std::stoul(octets.substr(3 * i, 2), nullptr, 16));
+    }
+    change_link(name, 0, 0,
+                [&](Message &message) { message.attribute(IFLA_ADDRESS, bytes, sizeof bytes); });
+}
+
 void Kernel::set_mtu(const std::string &name, std::uint32_t mtu) {
     change_link(name, 0, 0, [&](Message &message) { message.attribute(IFLA_MTU, mtu); });
 }

@@ -62,6 +62,7 @@ public:
     void rename(const std::string &name, const std::string &new_name);
     void move_link(const std::string &name, int to_namespace);
     void set_up(const std::string &name, bool up = true);
+    void set_hardware_address(const std::string &name, const std::string &octets);
     void set_mtu(const std::string &name, std::uint32_t mtu);
     std::vector<kernel_link_t> links();
     // 0 when there is no such link.

@@ -8,6 +8,7 @@
 //   KT_FAIL_MEMBERSHIP=<n>      the first n group memberships are refused
 //   KT_FAIL_FORK=1              no process can be forked
 //   KT_FAIL_PIPE=1              no pipe can be made
+//   KT_PAUSE_MS=<ms>            the pause of ten seconds before a rebuild takes that long
 //   KT_SELECT_DELAY=<ms>        every select begins that much later, as on a slow machine
 #include <cerrno>
 #include <cstdlib>
@@ -140,6 +141,11 @@ int select(int count, fd_set *readable, fd_set *writable, fd_set *exceptional, t
     static const long delay = number("KT_SELECT_DELAY");
     if (delay > 0) {
         usleep(static_cast<useconds_t>(delay * 1000));
+    }
+    static const long pause = number("KT_PAUSE_MS");
+    if (pause > 0 && limit != nullptr && limit->tv_sec == 10 && limit->tv_usec == 0) {
+        timeval shorter{pause / 1000, pause % 1000 * 1000};
+        return next(count, readable, writable, exceptional, &shorter);
     }
     return next(count, readable, writable, exceptional, limit);
 }

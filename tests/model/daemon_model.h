@@ -1,0 +1,73 @@
+// What the daemon is to do, written down plainly from the rules of precedence and of events: for
+// Static addresses and the gateway the store wins, for the others the kernel; a stored entry that
+// is not Static and that the kernel lacks is removed.
+#pragma once
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "kernel_model.h"
+#include "store_model.h"
+
+namespace model {
+
+class DaemonModel {
+public:
+    struct Known {
+        std::string text;
+        int length;
+        int type; // 1 link-local, 2 automatic, 3 static
+        std::string node;
+    };
+    struct Link {
+        std::string name; // of its first sight
+        int number = 0;   // of the store's node; 0: none
+        std::vector<Known> addresses;
+        std::set<std::string> listed;
+        std::optional<std::string> gateway;
+        bool gateway_leaving = false;
+        bool names_unsure = false; // taken over while there was no node that shows them
+    };
+
+    // Forgets everything, reads the kernel and synchronises.
+    void start(KernelModel &kernel, StoreModel &store);
+    void stop(KernelModel &kernel, StoreModel &store);
+    // Takes the store's events; whether they ask for a synchronisation.
+    bool fetch(StoreModel &store);
+    void serve_notice(KernelModel &kernel, StoreModel &store);
+    void synchronise(KernelModel &kernel, StoreModel &store);
+
+    // Fills the entry of a link from what a quiet world shows.
+    void take_over(int index, const KernelModel &kernel,
+                   const std::vector<StoredInterface> &stored);
+
+    bool running = false;
+    std::map<int, Link> links;
+    // Whether it has asked the store for something since this was cleared: its next wake-up then
+    // waits until the kernel's notices are served.
+    bool busy = false;
+
+private:
+    std::vector<int> order() const;
+    int find_by_name(const std::string &name) const;
+    static std::string free_name(const Link &link);
+    static void take_over(Link &link, const KernelAddress &address, const StoredInterface &stored);
+    void store_into_kernel(KernelModel &kernel, StoreModel &store, int index,
+                           const StoredInterface &stored);
+    void gateway_into_kernel(KernelModel &kernel, int index, const StoredInterface &stored);
+    void stored_address(KernelModel &kernel, StoreModel &store, int index,
+                        const StoredAddress &stored, std::vector<bool> &seen);
+    void kernel_into_store(StoreModel &store, Link &link, const StoredInterface &stored);
+    void write_address(StoreModel &store, const Link &link, const Known &known);
+    void remove_address(StoreModel &store, Link &link, const std::string &node);
+    void address_appeared(StoreModel &store, int index, const std::string &text, int length);
+    void address_vanished(StoreModel &store, int index, const std::string &text, int length);
+    void route_appeared(KernelModel &kernel, StoreModel &store, int index,
+                        const std::string &gateway);
+    void route_vanished(StoreModel &store, int index, const std::string &gateway);
+};
+
+} // namespace model

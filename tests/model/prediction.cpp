@@ -1,0 +1,387 @@
+#include "prediction.h"
+
+#include <algorithm>
+#include <random>
+
+#include "store_change.h"
+
+namespace model {
+namespace {
+
+constexpr int orders_tried = 120;
+
+// One way in which the world may go.
+class Course {
+public:
+    Course(const State &start, Pace how_fast, std::uint32_t seed)
+        : state(start), pace(how_fast), random(seed), eagerness(eagernesses[pick(4)]) {}
+
+    // False when the kernel would have answered otherwise.
+    bool run(const std::vector<Done> &burst) {
+        // The last mark of the quiet before may have been fetched just now.
+        state.daemon.busy = pace != Pace::settled && pick(2) == 0;
+        for (const auto &done : burst) {
+            if (done.answer < 0) {
+                continue;
+            }
+            if (!apply(done)) {
+                return false;
+            }
+            if (!state.daemon.busy && !state.store.events.empty()) {
+                woken = true;
+            }
+            between();
+        }
+        drain();
+        state.kernel.expire();
+        drain();
+        return true;
+    }
+
+    State state;
+
+private:
+    bool apply(const Done &done);
+    void set_back(Kind kind, std::size_t known_notices);
+    void announce_late();
+    bool apply_to_kernel(const Done &done, const std::vector<int> &arguments);
+    int apply_to_link(const Done &done, int index, int slot);
+    void apply_to_processes(const Operation &operation);
+
+    void between() {
+        if (pick(2) == 0) {
+            announce_late();
+        }
+        if (pace == Pace::settled) {
+            drain();
+            state.daemon.busy = false;
+        } else if (pace != Pace::frozen) {
+            for (int steps = pick(eagerness + 1); steps > 0 && step(); --steps) {
+            }
+            if (pace == Pace::slow && pick(2) == 0) {
+                state.daemon.busy = false;
+            }
+        }
+    }
+
+    int pick(int limit) { return std::uniform_int_distribution<int>(0, limit - 1)(random); }
+
+    void drain() {
+        announce_late();
+        while (step()) {
+        }
+    }
+
+    bool step() {
+        if (!state.daemon.running) {
+            return false;
+        }
+        if (synchronisation_due) {
+            synchronisation_due = false;
+            state.daemon.synchronise(state.kernel, state.store);
+            return true;
+        }
+        const bool kernel_waits = !state.kernel.notices.empty();
+        const bool store_waits = state.store_up && !state.store.events.empty();
+        if (!kernel_waits && !store_waits) {
+            return false;
+        }
+        // Once the daemon has asked the store for something its next wake-up waits until it has
+        // served the kernel's notices, unless it was sent before.
+        const bool store_first = !kernel_waits || ((woken || !state.daemon.busy) && pick(2) == 0);
+        if (store_waits && store_first) {
+            woken = false;
+            // Something may still be written before what was fetched is looked at.
+            synchronisation_due = state.daemon.fetch(state.store);
+        } else {
+            state.daemon.serve_notice(state.kernel, state.store);
+        }
+        return true;
+    }
+
+    static constexpr int eagernesses[4] = {0, 1, 5, 50};
+
+    Pace pace;
+    std::mt19937 random;
+    const int eagerness; // of the daemon: what it gets done at most between two operations
+    bool woken = false;
+    bool synchronisation_due = false;
+    std::deque<Notice> late;
+};
+
+constexpr int Course::eagernesses[4];
+
+// The kernel announces an address that it makes by itself from a queue of its own.
+void Course::set_back(Kind kind, std::size_t known_notices) {
+    auto &notices = state.kernel.notices;
+    const bool by_itself = kind == Kind::advertise || kind == Kind::link_up;
+    if (pace != Pace::settled && by_itself && notices.size() > known_notices &&
+        notices.back().what == Notice::address_new) {
+        late.push_back(notices.back());
+        notices.pop_back();
+    }
+}
+
+void Course::announce_late() {
+    for (const auto &notice : late) {
+        if (state.kernel.has_address(notice.link, notice.text) && state.kernel.heard) {
+            state.kernel.notices.push_back(notice);
+        }
+    }
+    late.clear();
+}
+
+bool Course::apply(const Done &done) {
+    if (is_kernel_side(done.operation.kind)) {
+        const std::size_t known = state.kernel.notices.size();
+        const bool as_foreseen = apply_to_kernel(done, done.operation.arguments);
+        set_back(done.operation.kind, known);
+        return as_foreseen;
+    }
+    if (is_store_side(done.operation.kind)) {
+        apply_to_store(state.store, done.operation);
+    } else {
+        apply_to_processes(done.operation);
+    }
+    return true;
+}
+
+int Course::apply_to_link(const Done &done, int index, int slot) {
+    KernelModel &kernel = state.kernel;
+    switch (done.operation.kind) {
+    case Kind::link_create:
+        return kernel.create(slot, done.index);
+    case Kind::link_delete:
+    case Kind::link_move:
+        return kernel.remove(index);
+    case Kind::link_rename: {
+        const std::string plain = "eth" + std::to_string(slot);
+        const bool is_plain = kernel.links.at(index).name == plain;
+        return kernel.rename(index, is_plain ? "eth7" + std::to_string(slot) : plain);
+    }
+    case Kind::link_down:
+        return kernel.set_down(index);
+    default:
+        return kernel.set_up(index, address_text(slot, address_link_local));
+    }
+}
+
+bool Course::apply_to_kernel(const Done &done, const std::vector<int> &arguments) {
+    KernelModel &kernel = state.kernel;
+    const int slot = arguments[0];
+    const int index = kernel.link_of(slot);
+    const auto at = [&] { return address_text(slot, arguments[1]); };
+    const auto metric = [&] {
+        return arguments[3] == 0 ? KernelModel::usual_metric : arguments[3];
+    };
+    switch (done.operation.kind) {
+    case Kind::kernel_add:
+        return kernel.add_address(index, at(), arguments[2], arguments[3] != 0) == done.answer;
+    case Kind::kernel_delete:
+        return kernel.delete_address(index, at(), arguments[2]) == done.answer;
+    case Kind::kernel_lifetime:
+        return kernel.refresh_address(index, at(), arguments[2]) == done.answer;
+    case Kind::advertise:
+        return kernel.advertise(index, address_text(slot, address_advertised + arguments[1]),
+                                arguments[2] != 0) == done.answer;
+    case Kind::route_add:
+        return kernel.add_route({index, gateway_text(arguments[1]), arguments[2], metric()},
+                                true) == done.answer;
+    case Kind::route_delete:
+        return kernel.delete_route(
+                   {index, gateway_text(arguments[1]), arguments[2], arguments[3]}) == done.answer;
+    default:
+        return apply_to_link(done, index, slot) == done.answer;
+    }
+}
+
+void Course::apply_to_processes(const Operation &operation) {
+    DaemonModel &daemon = state.daemon;
+    switch (operation.kind) {
+    case Kind::daemon_stop:
+        daemon.stop(state.kernel, state.store);
+        break;
+    case Kind::store_stop:
+        daemon.stop(state.kernel, state.store);
+        state.store_up = false;
+        break;
+    case Kind::store_start:
+        state.store_up = true;
+        daemon.start(state.kernel, state.store);
+        break;
+    case Kind::overflow:
+        daemon.stop(state.kernel, state.store);
+        daemon.start(state.kernel, state.store);
+        break;
+    default:
+        if (state.store_up) {
+            daemon.start(state.kernel, state.store);
+        }
+    }
+    woken = false;
+    synchronisation_due = false;
+    drain();
+    daemon.busy = false;
+}
+
+std::string join(const std::set<std::string> &texts) {
+    std::string all;
+    for (const auto &text : texts) {
+        all += (all.empty() ? "" : ", ") + text;
+    }
+    return all;
+}
+
+void describe_kernel(const KernelModel &kernel, Outcome &outcome) {
+    for (const auto &item : kernel.links) {
+        const std::string slot = "slot " + std::to_string(item.second.slot);
+        for (const auto &address : item.second.addresses) {
+            outcome["kernel " + slot + " " + address.text] = "/" + std::to_string(address.length);
+        }
+        std::set<std::string> routes;
+        for (const auto &route : kernel.routes) {
+            if (route.link == item.first) {
+                // Siblings are listed as one route, with the protocol of the first.
+                routes.insert(route.gateway +
+                              (kernel.has_siblings(route)
+                                   ? std::string(" as a sibling")
+                                   : " protocol " + std::to_string(route.protocol)) +
+                              " metric " + std::to_string(route.metric));
+            }
+        }
+        if (!routes.empty()) {
+            outcome["routes " + slot] = join(routes);
+        }
+    }
+}
+
+void describe_store(const StoreModel &store, Outcome &outcome) {
+    std::set<std::string> read_leaves;
+    std::map<std::string, std::set<std::string>> values;
+    std::map<std::string, std::set<std::string>> names;
+    for (const auto &stored : store.read()) {
+        const std::string number = std::to_string(stored.number);
+        for (const auto &address : stored.addresses) {
+            const std::string key = number + " " + address.text;
+            values[key].insert("/" + std::to_string(address.length) + " " +
+                               type_text(address.type));
+            names[key].insert(address.node);
+            read_leaves.insert(address_leaf(stored.number, address.node));
+            read_leaves.insert(type_leaf(stored.number, address.node));
+        }
+        if (stored.gateway) {
+            outcome["gateway " + number] = *stored.gateway;
+            read_leaves.insert(gateway_leaf(stored.number));
+        }
+    }
+    for (const auto &item : values) {
+        outcome["store " + item.first] = join(item.second);
+        outcome["nodes " + item.first] = join(names[item.first]);
+    }
+    for (const auto &leaf : store.leaves) {
+        if (read_leaves.count(leaf.first) == 0) {
+            outcome["leaf " + leaf.first] = "'" + leaf.second + "'";
+        }
+    }
+}
+
+} // namespace
+
+void apply_to_store(StoreModel &store, const Operation &operation) {
+    if (operation.kind == Kind::touch) {
+        store.user_touch(touched_leaf());
+        return;
+    }
+    const StoreChange change = change_of(operation, [&](const std::string &path) {
+        const auto found = store.leaves.find(path);
+        return found == store.leaves.end() ? std::nullopt : std::make_optional(found->second);
+    });
+    store.user_write(change.pairs);
+    if (!change.removed.empty()) {
+        store.user_remove(change.removed);
+    }
+}
+
+Outcome describe(const KernelModel &kernel, const StoreModel &store) {
+    Outcome outcome;
+    describe_kernel(kernel, outcome);
+    describe_store(store, outcome);
+    return outcome;
+}
+
+namespace {
+
+// Items of which a course cannot know, because the start did not.
+void add_unknown(const State &state, const Outcome &outcome, std::set<std::string> &doubtful) {
+    if (state.kernel.routes_unsure) {
+        for (int slot = 0; slot < slots; ++slot) {
+            doubtful.insert("routes slot " + std::to_string(slot));
+            doubtful.insert("gateway " + std::to_string(slot + 1));
+        }
+    }
+    for (const auto &item : state.daemon.links) {
+        const std::string names = "nodes " + std::to_string(item.second.number) + " ";
+        for (const auto &one : outcome) {
+            if (item.second.names_unsure && one.first.compare(0, names.size(), names) == 0) {
+                doubtful.insert(one.first);
+            }
+        }
+    }
+}
+
+} // namespace
+
+Prediction predict(const State &start, Pace pace, const std::vector<Done> &burst,
+                   std::uint32_t seed) {
+    Prediction prediction;
+    prediction.impossible = true;
+    const int orders = pace == Pace::settled ? 1 : orders_tried;
+    for (int i = 0; i < orders; ++i) {
+        Course course(start, pace, seed + static_cast<std::uint32_t>(i));
+        if (!course.run(burst)) {
+            continue;
+        }
+        const Outcome outcome = describe(course.state.kernel, course.state.store);
+        add_unknown(course.state, outcome, prediction.doubtful);
+        if (prediction.impossible) {
+            prediction.impossible = false;
+            prediction.determined = outcome;
+            prediction.state = course.state;
+            continue;
+        }
+        for (const auto &item : outcome) {
+            const auto known = prediction.determined.find(item.first);
+            if (known == prediction.determined.end() || known->second != item.second) {
+                prediction.doubtful.insert(item.first);
+            }
+        }
+        for (const auto &item : prediction.determined) {
+            if (outcome.count(item.first) == 0) {
+                prediction.doubtful.insert(item.first);
+            }
+        }
+    }
+    for (const auto &item : prediction.doubtful) {
+        prediction.determined.erase(item);
+    }
+    return prediction;
+}
+
+State adopt(const State &before, const KernelModel &kernel, const StoreModel &store) {
+    State state;
+    state.kernel = kernel;
+    state.kernel.heard = true;
+    state.store = store;
+    state.store.watched = true;
+    state.daemon.running = true;
+    const auto stored = store.read();
+    for (const auto &item : before.daemon.links) {
+        state.daemon.links[item.first].name = item.second.name;
+    }
+    for (auto &item : state.daemon.links) {
+        state.daemon.take_over(item.first, kernel, stored);
+    }
+    return state;
+}
+
+} // namespace model

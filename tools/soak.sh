@@ -1,0 +1,64 @@
+#!/bin/bash
+# Carries out random sequences, each in a world of its own, for so many minutes: ./test --soak.
+# SOAK_SEED gives the first seed (else the time does), SOAK_PRESET the build, SOAK_JOBS how many
+# run at once, SOAK_LOG the directory in which each failure's report is kept.
+set -u
+cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
+
+minutes=${1:-}
+case $minutes in
+'' | *[!0-9]*) echo "usage: ./test --soak MINUTES" >&2; exit 2 ;;
+esac
+
+preset=${SOAK_PRESET:-release}
+jobs=${SOAK_JOBS:-$(($(nproc) * 8))} # they mostly wait
+first=${SOAK_SEED:-$(date +%s)}
+
+. tools/setup.sh
+# shellcheck disable=SC2086
+need_packages $build_packages $test_packages
+configure "$preset"
+build "$preset" model_tests
+runner=build/$preset/tests/model/model_tests
+
+reports=${SOAK_LOG:-$(mktemp -d)}
+mkdir -p "$reports"
+say "$jobs at once from seed $first for $minutes minutes; failures are kept in $reports"
+end=$((SECONDS + minutes * 60))
+
+# work NUMBER: every jobs-th seed, a line each; the report of a failure goes to a file of its own.
+work() {
+    local seed=$((first + $1)) report
+    while [ $SECONDS -lt $end ]; do
+        report=$reports/$seed.txt
+        timeout 600 "$runner" --replay "$seed" >"$report" 2>&1
+        if head -n 1 "$report" | grep '^passed'; then
+            rm -f "$report"
+        else
+            echo "FAILED: seed $seed, see $report"
+        fi
+        seed=$((seed + jobs))
+    done
+}
+
+lines=$(mktemp)
+for ((job = 0; job < jobs; job++)); do
+    work "$job" &
+done >"$lines"
+wait
+
+failing=$(sed -n 's/^FAILED: seed \([0-9]*\),.*/\1/p' "$lines" | sort -n)
+for seed in $(head -n 3 <<<"$failing"); do
+    say "seed $seed, shortened:"
+    "$runner" --shrink "$seed"
+done
+awk -v failed="$(wc -w <<<"$failing")" -v seeds="$(tr '\n' ' ' <<<"$failing")" '
+    /^passed/ { gsub(",", ""); operations += $5; items += $7; undetermined += $9; refused += $11 }
+    END { printf "%d sequences, %d failed; %d operations, %d items compared, ", NR, failed,
+              operations, items - undetermined
+          printf "%d left open, %d refused by the kernel\n", undetermined, refused
+          if (failed > 0) print "failing seeds: " seeds
+          exit failed > 0 || NR == 0 }' "$lines"
+status=$?
+rm -f "$lines"
+exit $status
