@@ -232,7 +232,7 @@ ${bold}It keeps running; this shell is inside.${plain} Try:
    tav tree /
    ip -6 address add 2001:db8:9::1/64 dev eth0; tav tree "\$addresses"
    tav set "\$addresses/desk/Address/Value" 2001:db8:4::1/64 "\$addresses/desk/Type/Value" Static
-   tav rm "\$gateway"; ip -6 route
+   tav rm -r "\$gateway"; ip -6 route
    tail -f \$DEMO_DIR/tandrel.log
 Leave with "exit"; everything ends then.
 TEXT

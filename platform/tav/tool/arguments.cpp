@@ -6,34 +6,87 @@
 #include <iostream>
 
 #include "protocol/protocol.h"
-#include "tool/text.h"
+#include "tool/escape.h"
+#include "tool/screen.h"
+#include "tool/script.h"
 
 namespace tav::tool {
 
 namespace {
 
-constexpr const char *exit_codes =
+constexpr const char *overview =
     "Exit status: 0 done, 1 something absent or refused, 2 wrong usage, 3 no service.\n"
-    "A transaction is done whole or not at all. 'tav COMMAND --help' tells more.";
+    "             diff: 0 the same, 1 different, 2 trouble.\n"
+    "Every change is one transaction: done whole or not at all.\n"
+    "\n"
+    "Examples:\n"
+    "  tav tree                                   everything that is stored\n"
+    "  tav set /office/lamp on                    write a value, creating what is missing above\n"
+    "  tav get -r '/Software/System Settings'     all values below a node\n"
+    "  tav dump >saved; tav diff saved            what has changed since\n"
+    "  tav load --replace saved                   and back again\n"
+    "\n"
+    "'tav COMMAND --help' tells more about one; tav(1) tells everything.";
+
+constexpr const char *set_footer =
+    "Everything from the first path on is taken as it stands, so a value may begin with '-'.\n"
+    "Example: tav set -t integer /a/b -5 /a/c 7";
+
+constexpr const char *apply_footer = "One step a line, all of them one transaction:\n"
+                                     "  set [-t TYPE] PATH VALUE [PATH VALUE]...\n"
+                                     "  mknode PATH...    rm [-r] PATH...    touch PATH...\n"
+                                     "Words that hold blanks stand in \"\"; \\n \\t \\\\ \\\" and "
+                                     "\\xHH mean what listings mean by them.\n"
+                                     "Lines that begin with # are comments.";
+
+constexpr const char *get_footer =
+    "Values are printed with control characters, backslashes and what is no UTF-8 as \\n \\t \\\\ "
+    "\\xHH.";
+
+// The words of 'set' are no options that CLI11 knows of.
+class SetFormatter : public CLI::Formatter {
+public:
+    std::string make_usage(const CLI::App *app, std::string name) const override {
+        std::string usage = Formatter::make_usage(app, std::move(name));
+        usage.erase(usage.find_last_not_of('\n') + 1);
+        return usage + " PATH VALUE [PATH VALUE]...\n";
+    }
+};
+
+Color color_named(const std::string &name) {
+    if (name == "always") {
+        return Color::always;
+    }
+    return name == "never" ? Color::never : Color::automatic;
+}
 
 class Parser {
 public:
     Parser() {
         app.require_subcommand(1);
-        app.footer(exit_codes);
-        add_socket(app);
+        app.set_version_flag("--version", "tav " TAV_VERSION, "Print the version");
+        app.option_defaults()->always_capture_default(false);
+        app.get_formatter()->label("REQUIRED", "");
+        app.get_formatter()->label("SUBCOMMAND", "COMMAND");
+        app.get_formatter()->label("Subcommands", "Commands");
+        app.set_help_flag("-h,--help", "Print this help");
+        add_common(app);
         add_reading();
         add_writing();
+        add_files();
         add_rest();
+        app.footer(overview);
     }
 
     Request parse(int argc, char **argv) {
         try {
             app.parse(argc, argv);
+            choose_color(color_named(color));
+            check_choices();
             take_pairs();
+            take_paths();
         } catch (const CLI::ParseError &error) {
-            // Help comes this way, too, and is no error.
-            request.result = app.exit(error) == 0 ? exit_done : exit_usage;
+            request.result = report(error);
             request.command = nullptr;
             return std::move(request);
         }
@@ -44,26 +97,62 @@ public:
     }
 
 private:
+    // Help comes this way, too, and is no error.
+    int report(const CLI::ParseError &error) {
+        if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
+            app.exit(error);
+            return exit_done;
+        }
+        const std::vector<CLI::App *> chosen = app.get_subcommands();
+        if (!chosen.empty()) {
+            complain(shown(error.what()) + "; try: tav " + chosen.front()->get_name() + " --help");
+            return exit_usage;
+        }
+        const std::vector<std::string> unknown = app.remaining();
+        std::string known;
+        for (const CLI::App *command : app.get_subcommands(nullptr)) {
+            known += (known.empty() ? "" : ", ") + command->get_name();
+        }
+        complain((unknown.empty() ? "a command is needed"
+                                  : "there is no '" + shown(unknown.front()) + "'") +
+                 std::string("; the commands are ") + known + "; try: tav --help");
+        return exit_usage;
+    }
+
     CLI::App *add(const char *name, const char *what, Command command) {
         CLI::App *sub = app.add_subcommand(name, what);
-        sub->fallthrough();
         sub->callback([this, command] { request.command = command; });
+        sub->group("Commands");
+        add_common(*sub);
         return sub;
     }
 
-    void add_socket(CLI::App &to) {
+    void add_common(CLI::App &to) {
+        const char *group = &to == &app ? "Options" : "Options of every command";
         to.add_option("--socket", socket,
                       "The service's socket (else TAV_SOCKET, else " + std::string(default_socket) +
-                          ")");
+                          ")")
+            ->type_name("FILE")
+            ->group(group);
+        to.add_option("--color", color, "Colours: always, never, or auto (on a terminal)")
+            ->check(CLI::IsMember({"auto", "always", "never"}).description(""))
+            ->type_name("WHEN")
+            ->group(group);
+    }
+
+    void add_escaped(CLI::App *sub) {
+        sub->add_flag("-e,--escaped", escaped_words,
+                      "The paths and values given are escaped, as listings print them");
     }
 
     void add_paths(CLI::App *sub) {
-        sub->add_option("PATH", request.options.paths, "Where")->required();
+        add_escaped(sub);
+        sub->add_option("PATH", request.options.paths, "Paths")->required()->type_name("");
     }
 
-    void add_path(CLI::App *sub, bool required) {
-        sub->add_option("PATH", path, required ? "Where" : "Where; / when not given")
-            ->required(required);
+    void add_path(CLI::App *sub) {
+        add_escaped(sub);
+        sub->add_option("PATH", path, "Where; / when not given")->type_name("");
     }
 
     void add_json(CLI::App *sub, const char *what = "Print JSON") {
@@ -72,77 +161,137 @@ private:
 
     void add_reading() {
         CLI::App *sub = add("get", "Print the values of leaves, one a line", get);
+        sub->add_flag("-r,--recursive", request.options.recursive,
+                      "Print path and value of every leaf at and below");
+        sub->add_flag("--raw", request.options.raw,
+                      "Print the bytes of one value and nothing else (not to a terminal)");
+        sub->footer(get_footer);
         add_json(sub);
         add_paths(sub);
 
         sub = add("ls", "Print the names of a node's children, one a line", list);
-        sub->add_flag("-l", request.options.long_listing, "Print their types, too");
+        sub->add_flag("-l,--long", request.options.long_listing, "Print their types, too");
         add_json(sub);
-        add_path(sub, false);
+        add_path(sub);
 
-        sub = add("tree", "Print a subtree with its values", tree);
+        sub = add("tree", "Print a subtree with types and values", tree);
         add_json(sub);
-        add_path(sub, false);
-
-        sub = add("dump", "Print a subtree as JSON that 'load' reads", dump);
-        sub->add_flag("--no-time", request.options.no_time, "Leave the time stamps out");
-        add_path(sub, false);
+        add_path(sub);
     }
 
     void add_writing() {
         setter = add("set", "Write leaves: PATH VALUE [PATH VALUE]...", set);
-        setter
-            ->add_option("-t,--type", type_text,
-                         "Type of the values: string (default), boolean, integer, real")
-            ->check(CLI::IsMember({"string", "boolean", "integer", "real"}));
-        // Everything from the first path on is taken as it stands, so that a value may begin
-        // with "-".
+        setter->add_option("-t,--type", type_text, "string (default), boolean, integer or real")
+            ->check(CLI::IsMember({"string", "boolean", "integer", "real"}).description(""))
+            ->type_name("TYPE");
+        add_escaped(setter);
         setter->prefix_command();
-        setter->fallthrough(false);
-        add_socket(*setter);
-        setter->footer("Example: tav set -t integer /a/b -5 /a/c 7");
+        setter->formatter(std::make_shared<SetFormatter>());
+        setter->footer(set_footer);
 
-        add_paths(add("mknode", "Create nodes", make_node));
+        add_paths(add("mknode", "Create nodes, with what is missing above them", make_node));
         add_paths(add("touch", "Make change events for leaves without changing them", touch));
-        add_paths(add("rm", "Remove leaves, and nodes with all below them", remove));
-        CLI::App *sub = add("load", "Write all that a dump holds; other elements stay", load);
-        sub->add_option("FILE", request.options.file, "The dump; - for standard input")
-            ->default_val("-");
+        CLI::App *sub = add("rm", "Remove leaves and empty nodes", remove);
+        sub->add_flag("-r,--recursive", request.options.recursive,
+                      "Remove nodes with all below them");
+        add_paths(sub);
+        sub = add("apply", "Carry out the steps of a file as one transaction", apply);
+        add_file(sub, "The steps; standard input when not given, or for -");
+        sub->footer(apply_footer);
+    }
+
+    CLI::Option *add_file(CLI::App *sub, const char *what) {
+        request.options.file = "-";
+        return sub->add_option("FILE", request.options.file, what)->type_name("");
+    }
+
+    void add_files() {
+        CLI::App *sub = add("dump", "Print a subtree as JSON that 'load' reads", dump);
+        sub->add_flag("--no-time", request.options.no_time, "Leave the time stamps out");
+        add_path(sub);
+
+        sub = add("load", "Write what a dump holds", load);
+        sub->add_flag("--replace", request.options.replace,
+                      "Remove what the dump does not hold at and below its path");
+        sub->add_flag("--merge", merge, "Let other elements stay (the default)");
+        sub->add_flag("--parts", request.options.parts,
+                      "Use several transactions, for a dump that is too large for one");
+        add_file(sub, "The dump; standard input when not given, or for -");
+
+        sub = add("diff", "Print what differs between a dump and the store", diff);
+        add_file(sub, "The dump; - for standard input")->required();
+        sub->footer("Lines with - are in the dump only, lines with + in the store only.\n"
+                    "Exit status: 0 the same, 1 different, 2 trouble.");
     }
 
     void add_rest() {
         CLI::App *sub = add("watch", "Print the changes of leaves at or below a path", watch);
-        sub->add_option("--count", request.options.count, "End after so many changes");
+        sub->add_option("--count", request.options.count, "End after so many changes")
+            ->type_name("N");
         sub->add_option("--timeout", timeout,
                         "End after so many seconds; with status 1 when --count was not reached")
-            ->check(CLI::Range(0.0, 1e9));
+            ->check(CLI::Range(0.0, 1e9).description(""))
+            ->type_name("SECONDS");
         add_json(sub, "Print one JSON object a line");
-        add_path(sub, false);
+        add_path(sub);
 
         sub = add("status", "Print clients, queues and watchdogs", status);
         add_json(sub);
     }
 
-    // What CLI11 does not sort out by itself.
-    void take_pairs() {
+    // A path or value of the command line.
+    std::string word(const std::string &given) const {
+        if (!escaped_words) {
+            return given;
+        }
+        const std::optional<std::string> plain = unescaped(given);
+        if (!plain) {
+            throw CLI::ValidationError("'" + given + "' holds a backslash that begins no escape");
+        }
+        return *plain;
+    }
+
+    // What CLI11 would say of these in its help is no help.
+    void check_choices() const {
+        const Options &options = request.options;
+        if (options.raw && (options.json || options.recursive || options.paths.size() > 1)) {
+            throw CLI::ValidationError("--raw prints one value, without -r and --json");
+        }
+        if (merge && options.replace) {
+            throw CLI::ValidationError("either --merge or --replace");
+        }
+    }
+
+    void take_paths() {
         Options &options = request.options;
         if (options.paths.empty()) {
             options.paths.push_back(path);
         }
+        for (std::string &given : options.paths) {
+            given = trimmed_path(word(given));
+        }
         if (timeout >= 0) {
             options.timeout = timeout;
         }
+    }
+
+    // What CLI11 does not sort out by itself.
+    void take_pairs() {
         if (!setter->parsed()) {
             return;
         }
+        Options &options = request.options;
         options.type = leaf_type(type_text).value_or(element_type_string);
         options.words = setter->remaining();
         if (options.words.empty() || options.words.size() % 2 != 0) {
-            throw CLI::ValidationError("set", "needs pairs of a path and a value");
+            throw CLI::ValidationError("set needs pairs of a path and a value");
         }
         for (std::size_t i = 0; i < options.words.size(); i += 2) {
+            options.words[i] = trimmed_path(word(options.words[i]));
+            options.words[i + 1] = word(options.words[i + 1]);
             if (options.words[i].empty() || options.words[i].front() != '/') {
-                throw CLI::ValidationError("set", "'" + options.words[i] + "' is no path");
+                throw CLI::ValidationError("'" + options.words[i] +
+                                           "' is no path: a path begins with /");
             }
         }
     }
@@ -153,6 +302,9 @@ private:
     std::string socket;
     std::string path = "/";
     std::string type_text = "string";
+    std::string color = "auto";
+    bool merge = false;
+    bool escaped_words = false;
     double timeout = -1;
 };
 

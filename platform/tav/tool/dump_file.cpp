@@ -1,144 +1,166 @@
-// dump and load: a subtree as JSON, one element a line, so that two dumps can be compared.
-#include <array>
-#include <fstream>
+// dump, load and diff.
 #include <iostream>
+#include <map>
+#include <utility>
 
 #include "client/admin.h"
-#include "tool/text.h"
-#include "tool/tool.h"
+#include "service/path.h"
+#include "tool/dump_format.h"
+#include "tool/explain.h"
+#include "tool/file.h"
+#include "tool/screen.h"
+#include "tool/subtree.h"
 #include "tool/transaction.h"
 
 namespace tav::tool {
 
 namespace {
 
-constexpr const char *format_name = "tav-dump";
-constexpr int format_version = 1;
-
-Json element_json(const DumpElement &element, bool with_time) {
-    Json entry = Json::object();
-    add_text(entry, "path", element.path);
-    entry["type"] = type_name(element.value.type);
-    if (element.value.type != element_type_node) {
-        add_text(entry, "value", element.value.text);
-        if (with_time) {
-            entry["time"] = element.value.time;
-        }
+// The dump in a file; empty after a complaint.
+std::optional<Dump> dump_in(const std::string &file) {
+    const std::optional<std::string> text = read_file(file);
+    if (!text) {
+        return std::nullopt;
     }
-    return entry;
+    try {
+        return parse_dump(*text);
+    } catch (const BadDump &error) {
+        complain(file_name(file) + ": " + error.what());
+        return std::nullopt;
+    }
 }
 
-// The transaction step that an element of a dump stands for; empty when it makes no sense.
-std::optional<Item> item_of(const Json &entry) {
-    if (!entry.is_object()) {
-        return std::nullopt;
-    }
-    const std::optional<std::string> path = find_text(entry, "path");
-    const std::optional<std::string> type = find_text(entry, "type");
-    if (!path || !type) {
-        return std::nullopt;
-    }
-    if (*type == type_name(element_type_node)) {
-        return Item{ItemKind::make_node, *path, {}};
-    }
-    const std::optional<element_type_t> leaf = leaf_type(*type);
-    const std::optional<std::string> value = find_text(entry, "value");
-    if (!leaf || !value) {
-        return std::nullopt;
-    }
-    const Json time = entry.value("time", Json(no_time));
-    if (!time.is_number_integer()) {
-        return std::nullopt;
-    }
-    return Item{ItemKind::set, *path, Value{*leaf, *value, time.get<std::int64_t>()}};
-}
-
-std::string read_stream(std::istream &stream) {
-    std::string all;
-    std::array<char, 65536> part{};
-    do {
-        stream.read(part.data(), static_cast<std::streamsize>(part.size()));
-        all.append(part.data(), static_cast<std::size_t>(stream.gcount()));
-    } while (stream);
-    return all;
-}
-
-std::optional<std::string> read_all(const std::string &file) {
-    if (file == "-") {
-        return read_stream(std::cin);
-    }
-    std::ifstream stream(file, std::ios::binary);
-    if (!stream) {
-        return std::nullopt;
-    }
-    return read_stream(stream);
-}
-
-std::optional<std::vector<Item>> parse_dump(const std::string &text) {
-    const Json document = Json::parse(text, nullptr, false);
-    if (!document.is_object() || document.value("format", Json()) != format_name ||
-        document.value("version", Json()) != format_version) {
-        return std::nullopt;
-    }
-    const auto elements = document.find("elements");
-    if (elements == document.end() || !elements->is_array()) {
-        return std::nullopt;
-    }
+// The steps that write a dump's elements. A node that another element lies below needs none: it is
+// created with that one.
+std::vector<Item> items_of(const Dump &dump) {
     std::vector<Item> items;
-    for (const Json &entry : *elements) {
-        const std::optional<Item> item = item_of(entry);
-        if (!item) {
-            return std::nullopt;
+    for (std::size_t i = 0; i < dump.elements.size(); ++i) {
+        const DumpElement &element = dump.elements[i];
+        if (element.value.type != element_type_node) {
+            items.push_back(Item{ItemKind::set, element.path, element.value});
+        } else if (i + 1 == dump.elements.size() ||
+                   !is_at_or_below(dump.elements[i + 1].path, element.path)) {
+            items.push_back(Item{ItemKind::make_node, element.path, {}});
         }
-        items.push_back(*item);
     }
     return items;
+}
+
+// About what an item takes of a request; its fixed part is rounded up.
+std::size_t bytes_of(const Item &item) {
+    constexpr std::size_t fixed = 64;
+    return item.path.size() + item.value.text.size() + fixed;
+}
+
+// The items that begin at `first` and fit one transaction with a good margin.
+std::vector<Item> next_part(const std::vector<Item> &items, std::size_t first) {
+    std::vector<Item> part;
+    std::size_t bytes = 0;
+    while (first < items.size() && part.size() < limits::paths_per_request / 2 &&
+           bytes < limits::frame_bytes / 2) {
+        bytes += bytes_of(items[first]);
+        part.push_back(items[first++]);
+    }
+    return part;
+}
+
+int perform_in_parts(Client &client, const std::vector<Item> &items) {
+    for (std::size_t first = 0; first < items.size();) {
+        const std::vector<Item> part = next_part(items, first);
+        const int result = perform(client, part);
+        if (result != exit_done) {
+            complain(std::to_string(first) + " of " + std::to_string(items.size()) +
+                     " steps were done before");
+            return result;
+        }
+        first += part.size();
+    }
+    return exit_done;
+}
+
+using Elements = std::map<std::string, Value>;
+
+Elements by_path(std::vector<DumpElement> &&elements) {
+    Elements result;
+    for (DumpElement &element : elements) {
+        // Every store has the root, and a dump does not list it.
+        if (element.path != "/") {
+            result.emplace(std::move(element.path), std::move(element.value));
+        }
+    }
+    return result;
+}
+
+void print_side(const char *sign, const Elements::value_type &element, Tone tone) {
+    std::cout << painted(sign, tone)
+              << element_line(element.first, element.second.type, element.second.text, tone)
+              << '\n';
+}
+
+// Prints what only one side has; a leaf of other type or value is there on both.
+bool print_differences(const Elements &before, const Elements &now) {
+    bool same = true;
+    const auto differs = [](const Elements::value_type &element, const Elements &others) {
+        const auto other = others.find(element.first);
+        return other == others.end() || other->second.type != element.second.type ||
+               other->second.text != element.second.text;
+    };
+    auto old_side = before.begin();
+    auto new_side = now.begin();
+    while (old_side != before.end() || new_side != now.end()) {
+        const bool take_old = new_side == now.end() ||
+                              (old_side != before.end() && old_side->first <= new_side->first);
+        const Elements::value_type &element = take_old ? *old_side++ : *new_side++;
+        if (differs(element, take_old ? now : before)) {
+            same = false;
+            print_side(take_old ? "- " : "+ ", element, take_old ? Tone::removed : Tone::added);
+        }
+    }
+    return same;
 }
 
 } // namespace
 
 int dump(Client &client, const Options &options) {
-    const std::string &path = options.paths.front();
-    api_status_t status = api_status_none;
-    std::vector<DumpElement> elements;
-    if (tav::dump(client.handle(), path, status, elements) != 0) {
-        return exit_unreachable;
+    Dump dump{options.paths.front(), {}};
+    const int result = read_subtree(client, dump.path, dump.elements);
+    if (result == exit_done) {
+        print_dump(dump, !options.no_time);
     }
-    if (status != api_status_ok) {
-        complain(path, status);
-        return exit_refused;
-    }
-    std::cout << "{\"format\":\"" << format_name << "\",\"version\":" << format_version
-              << ",\"elements\":[";
-    const char *separator = "\n";
-    for (const DumpElement &element : elements) {
-        if (element.path == "/") {
-            continue; // every store has it
-        }
-        std::cout << separator << element_json(element, !options.no_time).dump();
-        separator = ",\n";
-    }
-    std::cout << "\n]}\n";
-    std::cout.flush();
-    if (!std::cout) {
-        std::cerr << "tav: the dump could not be written\n";
-        return exit_refused;
-    }
-    return exit_done;
+    return result;
 }
 
 int load(Client &client, const Options &options) {
-    const std::optional<std::string> text = read_all(options.file);
-    if (!text) {
-        std::cerr << "tav: cannot read '" << escaped(options.file) << "'\n";
+    const std::optional<Dump> dump = dump_in(options.file);
+    if (!dump) {
+        complain("nothing was changed");
         return exit_refused;
     }
-    const std::optional<std::vector<Item>> items = parse_dump(*text);
-    if (!items) {
-        std::cerr << "tav: '" << escaped(options.file) << "' is not a dump\n";
-        return exit_refused;
+    std::vector<Item> items = items_of(*dump);
+    if (options.replace) {
+        items.insert(items.begin(), Item{ItemKind::clear, dump->path, {}});
     }
-    return perform(client, *items);
+    return options.parts ? perform_in_parts(client, items) : perform(client, items);
+}
+
+int diff(Client &client, const Options &options) {
+    std::optional<Dump> dump = dump_in(options.file);
+    if (!dump) {
+        return exit_trouble;
+    }
+    api_status_t status = api_status_none;
+    std::vector<DumpElement> current;
+    if (tav::dump(client.handle(), dump->path, status, current) != 0) {
+        return exit_trouble;
+    }
+    // Nothing there is a difference, and no trouble.
+    if (status != api_status_ok && status != api_status_absent) {
+        complain_reading(client, dump->path, status, Wanted::anything);
+        return exit_trouble;
+    }
+    const bool same =
+        print_differences(by_path(std::move(dump->elements)), by_path(std::move(current)));
+    return same ? exit_done : exit_different;
 }
 
 } // namespace tav::tool

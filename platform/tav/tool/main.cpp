@@ -4,6 +4,7 @@
 #include <exception>
 
 #include "tool/arguments.h"
+#include "tool/screen.h"
 #include "tool/tool.h"
 
 // Where the client library reports to.
@@ -15,8 +16,23 @@ extern "C" __attribute__((visibility("default"))) void mlr_err(unsigned int leve
     va_start(arguments, format);
     vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
-    std::fprintf(stderr, "tav: %s\n", message);
+    tav::tool::complain(tav::tool::shown(message));
 }
+
+namespace {
+
+int carry_out(const tav::tool::Request &request) {
+    using namespace tav::tool; // NOLINT: nothing but the tool's own names here
+    Client client;
+    if (!client.connected()) {
+        complain("is tavd running there? Another socket is named by --socket or TAV_SOCKET");
+        return exit_unreachable;
+    }
+    const int result = request.command(client, request.options);
+    return finish_output() ? result : exit_refused;
+}
+
+} // namespace
 
 int main(int argc, char **argv) {
     using namespace tav::tool; // NOLINT: nothing but the tool's own names here
@@ -25,13 +41,13 @@ int main(int argc, char **argv) {
         if (request.command == nullptr) {
             return request.result;
         }
-        Client client;
-        if (!client.connected()) {
-            return exit_unreachable;
-        }
-        return request.command(client, request.options);
+        const int result = carry_out(request);
+        // To whoever compares, everything else is the same trouble.
+        return request.command == diff && result != exit_done && result != exit_different
+                   ? exit_trouble
+                   : result;
     } catch (const std::exception &error) {
-        std::fprintf(stderr, "tav: %s\n", error.what());
+        complain(error.what());
         return exit_refused;
     }
 }

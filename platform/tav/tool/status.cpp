@@ -2,7 +2,7 @@
 #include <iostream>
 
 #include "client/admin.h"
-#include "tool/text.h"
+#include "tool/screen.h"
 #include "tool/tool.h"
 
 namespace tav::tool {
@@ -24,7 +24,11 @@ const char *state_name(WatchdogState state) {
 void print_json(const ServiceStatus &status) {
     Json all = Json::object();
     all["pid"] = status.pid;
-    all["database"] = status.database.empty() ? Json() : Json(escaped(status.database));
+    if (status.database.empty()) {
+        all["database"] = Json();
+    } else {
+        add_text(all, "database", status.database);
+    }
     all["uptime_s"] = status.uptime;
     all["revision"] = status.revision;
     all["nodes"] = status.nodes;
@@ -49,13 +53,13 @@ void print_json(const ServiceStatus &status) {
         entry["state"] = state_name(watchdog.state);
         all["watchdogs"].push_back(std::move(entry));
     }
-    std::cout << all.dump(2) << '\n';
+    std::cout << json_text(all, 2) << '\n';
 }
 
 void print_text(const ServiceStatus &status) {
     std::cout << "service    process " << status.pid << ", up " << status.uptime << " s\n"
               << "database   "
-              << (status.database.empty() ? "none, memory only" : escaped(status.database)) << '\n'
+              << (status.database.empty() ? "none, memory only" : shown(status.database)) << '\n'
               << "tree       " << status.nodes << " nodes, " << status.leaves
               << " leaves, revision " << status.revision << '\n'
               << "overflows  " << status.overflowed << '\n'
@@ -67,7 +71,7 @@ void print_text(const ServiceStatus &status) {
     }
     std::cout << "watchdogs  " << status.watchdogs.size() << '\n';
     for (const WatchdogStatus &watchdog : status.watchdogs) {
-        std::cout << "  " << escaped(watchdog.name) << "  process " << watchdog.pid << "  period "
+        std::cout << "  " << shown(watchdog.name) << "  process " << watchdog.pid << "  period "
                   << watchdog.period << " s  last ping " << watchdog.since << " ms ago  "
                   << state_name(watchdog.state) << '\n';
     }

@@ -1,4 +1,4 @@
-// Names and texts as the tool prints them.
+// Types, statuses and bytes as text and as JSON.
 #ifndef TAV_TOOL_TEXT_H
 #define TAV_TOOL_TEXT_H
 
@@ -10,6 +10,8 @@
 #include <string>
 #include <string_view>
 
+#include "tool/hex.h"
+
 namespace tav::tool {
 
 // Keeps the keys in the order in which they are added: output stays the same from run to run.
@@ -20,24 +22,14 @@ const char *type_name(element_type_t type);
 // The leaf types by name only.
 std::optional<element_type_t> leaf_type(std::string_view name);
 
-// "ok", "absent", ...: a word per status, "status N" for one that this version does not know.
+// "ok", "absent", ...: a few words per status, "status N" for one that this version does not know.
 std::string status_name(api_status_t status);
-
-// Makes control characters and backslashes visible (\n, \x1b, \\), so that a line stays a line and
-// a terminal is not told what to do.
-std::string escaped(std::string_view text);
 
 // Adds a text under `key`. JSON holds Unicode only, but names and values may hold any bytes: what
 // is no valid UTF-8 goes under `key` with "_hex" appended, in hexadecimal.
 void add_text(Json &object, const std::string &key, const std::string &text);
 // The reverse; empty when neither key is there or the content is no text.
 std::optional<std::string> find_text(const Json &object, const std::string &key);
-
-// Prints "tav: path: status" on standard error.
-void complain(std::string_view path, api_status_t status);
-
-// Whether standard output is a terminal.
-bool on_terminal();
 
 } // namespace tav::tool
 

@@ -13,9 +13,12 @@ namespace tav::tool {
 
 // Exit codes. They are part of the tool's interface.
 constexpr int exit_done = 0;
-constexpr int exit_refused = 1;     // something absent or refused
-constexpr int exit_usage = 2;       // the command line is wrong
+constexpr int exit_refused = 1; // something absent or refused; watch: fewer changes than asked for
+constexpr int exit_usage = 2;   // the command line is wrong
 constexpr int exit_unreachable = 3; // no service, or it went away
+// diff, as diff(1) has it:
+constexpr int exit_different = 1;
+constexpr int exit_trouble = 2; // any trouble at all
 
 // Everything a command line can say.
 struct Options {
@@ -27,6 +30,10 @@ struct Options {
     bool json = false;
     bool long_listing = false;
     bool no_time = false;
+    bool recursive = false;
+    bool raw = false;
+    bool replace = false;
+    bool parts = false;
     std::uint64_t count = 0;       // 0: without end
     std::optional<double> timeout; // seconds
 };
@@ -53,9 +60,11 @@ int set(Client &client, const Options &options);
 int make_node(Client &client, const Options &options);
 int touch(Client &client, const Options &options);
 int remove(Client &client, const Options &options);
+int apply(Client &client, const Options &options);
 int watch(Client &client, const Options &options);
 int dump(Client &client, const Options &options);
 int load(Client &client, const Options &options);
+int diff(Client &client, const Options &options);
 int status(Client &client, const Options &options);
 
 } // namespace tav::tool

@@ -2,6 +2,8 @@
 #ifndef TAV_TOOL_TRANSACTION_H
 #define TAV_TOOL_TRANSACTION_H
 
+#include <functional>
+#include <string>
 #include <vector>
 
 #include "protocol/messages.h"
@@ -9,8 +11,13 @@
 
 namespace tav::tool {
 
+// What to print before the path of the item of that index, "line 3: " for example.
+using Place = std::function<std::string(std::size_t)>;
+
 // Performs all items or none, complains about those refused, and returns the exit code.
-int perform(Client &client, const std::vector<Item> &items);
+int perform(
+    Client &client, const std::vector<Item> &items,
+    const Place &place = [](std::size_t) { return std::string(); });
 
 } // namespace tav::tool
 

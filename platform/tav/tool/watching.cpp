@@ -7,7 +7,8 @@
 #include <cmath>
 #include <iostream>
 
-#include "tool/text.h"
+#include "tool/explain.h"
+#include "tool/screen.h"
 #include "tool/tool.h"
 
 namespace tav::tool {
@@ -32,9 +33,11 @@ void print_event(const toolkit::CEvent &event, bool json) {
         Json entry = Json::object();
         entry["event"] = event_name(event.command);
         add_text(entry, "path", event.path);
-        std::cout << entry.dump() << std::endl; // each line at once: somebody waits for it
+        std::cout << json_text(entry) << std::endl; // each line at once: somebody waits for it
     } else {
-        std::cout << event_name(event.command) << ' ' << escaped(event.path) << std::endl;
+        const Tone tone = event.command == mlr_event_removed ? Tone::removed : Tone::added;
+        std::cout << painted(event_name(event.command), tone) << ' ' << shown(event.path)
+                  << std::endl;
     }
 }
 
@@ -66,10 +69,10 @@ int watch(Client &client, const Options &options) {
         return exit_unreachable;
     }
     if (status != api_status_ok) {
-        complain(path, status);
+        complain_reading(client, path, status, Wanted::anything);
         return exit_refused;
     }
-    std::cerr << "tav: watching " << escaped(path) << '\n';
+    complain("watching " + shown(path));
     std::optional<Clock::time_point> end;
     if (options.timeout) {
         end = Clock::now() + std::chrono::milliseconds(std::llround(*options.timeout * 1000));
@@ -85,6 +88,9 @@ int watch(Client &client, const Options &options) {
                 continue;
             }
             print_event(event, options.json);
+            if (!std::cout) {
+                return exit_refused; // main says why
+            }
             if (++seen == options.count) {
                 return exit_done;
             }

@@ -1,17 +1,34 @@
-// set, mknode, touch and rm.
-#include <iostream>
+// set, mknode, touch, rm and apply.
+#include <algorithm>
 
 #include "client/admin.h"
-#include "tool/text.h"
+#include "tool/explain.h"
+#include "tool/file.h"
+#include "tool/screen.h"
+#include "tool/script.h"
 #include "tool/tool.h"
 #include "tool/transaction.h"
 
 namespace tav::tool {
 
-int perform(Client &client, const std::vector<Item> &items) {
+int perform(Client &client, const std::vector<Item> &items, const Place &place) {
     std::vector<api_status_t> statuses;
     if (tav::transact(client.handle(), items, statuses) != 0) {
         return exit_unreachable;
+    }
+    const auto is = [](api_status_t wanted) {
+        return [wanted](api_status_t status) { return status == wanted; };
+    };
+    if (!items.empty() && std::all_of(statuses.begin(), statuses.end(), is(api_status_too_large))) {
+        complain("nothing was changed: one transaction holds at most " +
+                 std::to_string(limits::paths_per_request) + " steps and " +
+                 std::to_string(limits::frame_bytes >> 20U) + " MiB");
+        return exit_refused;
+    }
+    // Not a matter of one path, and the same for all of them.
+    if (!items.empty() && std::all_of(statuses.begin(), statuses.end(), is(api_status_failed))) {
+        complain_writing(client, items.front(), api_status_failed, place(0));
+        return exit_refused;
     }
     int result = exit_done;
     for (std::size_t i = 0; i < items.size(); ++i) {
@@ -21,7 +38,7 @@ int perform(Client &client, const std::vector<Item> &items) {
         result = exit_refused;
         // The others of the transaction are only not done because of the one that was refused.
         if (statuses[i] != api_status_not_done) {
-            complain(items[i].path, statuses[i]);
+            complain_writing(client, items[i], statuses[i], place(i));
         }
     }
     return result;
@@ -57,7 +74,26 @@ int touch(Client &client, const Options &options) {
 }
 
 int remove(Client &client, const Options &options) {
-    return perform_on_paths(client, options, ItemKind::remove);
+    return perform_on_paths(client, options,
+                            options.recursive ? ItemKind::remove : ItemKind::remove_single);
+}
+
+int apply(Client &client, const Options &options) {
+    const std::optional<std::string> text = read_file(options.file);
+    if (!text) {
+        return exit_refused; // it has been said
+    }
+    const Script script = parse_script(*text);
+    for (const std::string &error : script.errors) {
+        complain(error);
+    }
+    if (!script.errors.empty()) {
+        complain("nothing was changed; the form of a step: tav apply --help");
+        return exit_refused;
+    }
+    return perform(client, script.items, [&script](std::size_t i) {
+        return "line " + std::to_string(script.lines[i]) + ": ";
+    });
 }
 
 } // namespace tav::tool

@@ -1,39 +1,12 @@
 // The command-line tool.
-#include "support/store_fixture.h"
+#include "support/tool_fixture.h"
 
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
-#include <csignal>
-#include <fstream>
-
 using namespace tavtest;
 using Json = nlohmann::json;
-
-namespace {
-
-class ToolTest : public RunningStoreTest {
-protected:
-    // Runs the tool, which must succeed without a word of complaint.
-    std::string good(const std::vector<std::string> &arguments, const std::string &input = "") {
-        const Ran ran = tav(arguments, input);
-        EXPECT_EQ(ran.status, 0) << ran.errors;
-        EXPECT_EQ(ran.errors, "");
-        return ran.output;
-    }
-    // Runs the tool, which must end with `status` and say something on standard error only.
-    std::string bad(int status, const std::vector<std::string> &arguments,
-                    const std::string &input = "") {
-        const Ran ran = tav(arguments, input);
-        EXPECT_EQ(ran.status, status) << ran.output;
-        EXPECT_NE(ran.errors, "");
-        EXPECT_EQ(ran.output, "");
-        return ran.errors;
-    }
-};
-
-} // namespace
 
 TEST_F(ToolTest, SetAndGetOneAndSeveral) {
     EXPECT_EQ(good({"set", "/a/b", "one", "/a/c", "two words"}), "");
@@ -46,31 +19,42 @@ TEST_F(ToolTest, SetWritesAStringUnlessToldOtherwise) {
     good({"set", "-t", "integer", "/a/i", "-5", "/a/j", "6"});
     good({"set", "--type", "real", "/a/r", "-1.5"});
     good({"set", "-t", "boolean", "/a/b", "true"});
-    EXPECT_EQ(good({"ls", "-l", "/a"}), "boolean b\ninteger i\ninteger j\nreal    r\nstring  s\n");
+    EXPECT_EQ(good({"ls", "-l", "/a"}), "boolean\tb\ninteger\ti\ninteger\tj\nreal\tr\nstring\ts\n");
     EXPECT_EQ(good({"get", "/a/i"}), "-5\n");
 }
 
 TEST_F(ToolTest, SetIsOneTransaction) {
     good({"mknode", "/node"});
-    EXPECT_EQ(bad(1, {"set", "/a", "1", "/node", "2", "/b", "3"}), "tav: /node: wrong kind\n");
+    EXPECT_EQ(
+        bad(1, {"set", "/a", "1", "/node", "2", "/b", "3"}),
+        "tav: /node: wrong kind; it is a node, and a node has no value; to see what it holds: "
+        "tav ls /node\n");
     bad(1, {"get", "/a"});
-    EXPECT_EQ(bad(1, {"set", "-t", "integer", "/a", "x"}), "tav: /a: bad value\n");
+    EXPECT_EQ(
+        bad(1, {"set", "-t", "integer", "/a", "x"}),
+        "tav: /a: bad value; 'x' is no integer; write a whole number of at most 64 bits, like "
+        "-5\n");
 }
 
 TEST_F(ToolTest, ValuesMayBeginWithADashOrBeEmptyOrOdd) {
     good({"set", "/a", "--help", "/b", "", "/c", "x\ny\xff"});
-    EXPECT_EQ(good({"get", "/a", "/b", "/c"}), "--help\n\nx\ny\xff\n");
+    EXPECT_EQ(good({"get", "/a", "/b", "/c"}), "--help\n\nx\\ny\\xff\n");
 }
 
 TEST_F(ToolTest, GetOfWhatIsAbsentOrANodeEndsWithOne) {
     good({"set", "/a/b", "1"});
-    EXPECT_EQ(bad(1, {"get", "/none"}), "tav: /none: absent\n");
-    EXPECT_EQ(bad(1, {"get", "/a"}), "tav: /a: wrong kind\n");
-    EXPECT_EQ(bad(1, {"get", "a"}), "tav: a: bad path\n");
+    EXPECT_EQ(bad(1, {"get", "/none"}),
+              "tav: /none: absent; / is there; to see what it holds: tav ls /\n");
+    EXPECT_EQ(bad(1, {"get", "/a/b/c"}),
+              "tav: /a/b/c: absent; /a/b is a leaf, and nothing is below a leaf\n");
+    EXPECT_EQ(bad(1, {"get", "/a"}),
+              "tav: /a: wrong kind; it is a node; to read all below it: tav get -r /a\n");
+    EXPECT_EQ(bad(1, {"get", "a"}),
+              "tav: a: bad path; a path is / or /name/name..., without empty names\n");
     const Ran mixed = tav({"get", "/a/b", "/none"});
     EXPECT_EQ(mixed.status, 1);
     EXPECT_EQ(mixed.output, "1\n");
-    EXPECT_EQ(mixed.errors, "tav: /none: absent\n");
+    EXPECT_EQ(mixed.errors.substr(0, 18), "tav: /none: absent");
 }
 
 TEST_F(ToolTest, GetAsJsonTellsEverything) {
@@ -87,10 +71,73 @@ TEST_F(ToolTest, GetAsJsonTellsEverything) {
     EXPECT_EQ(all[1]["status"], "absent");
 }
 
+TEST_F(ToolTest, GetOfASubtreePrintsPathTabValue) {
+    good({"set", "/a/b c/x", "one", "/a/odd\tname", "two\nlines", "/z", "3"});
+    good({"mknode", "/a/empty"});
+    EXPECT_EQ(good({"get", "-r", "/a", "/z"}),
+              "/a/b c/x\tone\n/a/odd\\tname\ttwo\\nlines\n/z\t3\n");
+    const Ran mixed = tav({"get", "-r", "/none", "/z"});
+    EXPECT_EQ(mixed.status, 1);
+    EXPECT_EQ(mixed.output, "/z\t3\n");
+    const Json all = Json::parse(good({"get", "-r", "--json", "/a/b c"}));
+    ASSERT_EQ(all.size(), 1U);
+    EXPECT_EQ(all[0]["path"], "/a/b c/x");
+    EXPECT_EQ(all[0]["value"], "one");
+}
+
+TEST_F(ToolTest, GetRawPrintsTheBytesOfOneValueAndNothingElse) {
+    good({"set", "/a", "x\\\ny\xff\x1b[m"});
+    EXPECT_EQ(good({"get", "--raw", "/a"}), "x\\\ny\xff\x1b[m");
+    bad(2, {"get", "--raw", "/a", "/a"});
+    bad(2, {"get", "--raw", "-r", "/a"});
+    bad(2, {"get", "--raw", "--json", "/a"});
+    bad(1, {"get", "--raw", "/none"});
+}
+
+TEST_F(ToolTest, WhatAListingPrintsCanBeGivenBackEscaped) {
+    good({"set", "/n/a\nb\\\x9b", "old\x1b"});
+    const std::string name = good({"ls", "/n"});
+    EXPECT_EQ(name, "a\\nb\\\\\\x9b\n");
+    const std::string path = "/n/" + name.substr(0, name.size() - 1);
+    EXPECT_EQ(good({"get", "-e", path}), "old\\x1b\n");
+    good({"set", "-e", path, "new\\t"});
+    EXPECT_EQ(good({"get", "--raw", "--escaped", path}), "new\t");
+    good({"rm", "-e", path});
+    EXPECT_EQ(good({"ls", "/n"}), "");
+    bad(2, {"get", "-e", "/a\\q"});
+}
+
+TEST_F(ToolTest, ASlashAtTheEndOfAPathDoesNoHarm) {
+    good({"set", "/a/b/", "1"});
+    EXPECT_EQ(good({"ls", "/a/"}), "b\n");
+    EXPECT_EQ(good({"get", "/a/b/"}), "1\n");
+    good({"mknode", "/c/"});
+    good({"rm", "/c/"});
+}
+
+TEST_F(ToolTest, ColoursComeOnlyWhenAskedForOutsideATerminal) {
+    good({"set", "/a/b", "1"});
+    EXPECT_EQ(good({"tree", "/a"}).find('\x1b'), std::string::npos);
+    EXPECT_NE(good({"tree", "/a", "--color", "always"}).find("\x1b[1;34m/a\x1b[0m"),
+              std::string::npos);
+    ::setenv("NO_COLOR", "1", 1);
+    EXPECT_NE(good({"tree", "/a", "--color=always"}).find('\x1b'), std::string::npos)
+        << "the option says more than the environment";
+    ::unsetenv("NO_COLOR");
+    bad(2, {"tree", "--color=perhaps"});
+}
+
+TEST_F(ToolTest, OutputThatCannotBeWrittenIsAnError) {
+    good({"set", "/a/b", std::string(60000, 'x')});
+    const Ran ran = run(dir, {"/bin/sh", "-c", std::string(TAV_PROGRAM) + " dump >/dev/full"});
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_EQ(ran.errors, "tav: the output could not be written\n");
+}
+
 TEST_F(ToolTest, LsPrintsOneNameALine) {
     good({"set", "/n/b", "1", "/n/10/x", "1", "/n/9", "1"});
     EXPECT_EQ(good({"ls", "/n"}), "9\n10\nb\n");
-    EXPECT_EQ(good({"ls", "-l", "/n"}), "string  9\nnode    10\nstring  b\n");
+    EXPECT_EQ(good({"ls", "-l", "/n"}), "string\t9\nnode\t10\nstring\tb\n");
     EXPECT_EQ(good({"ls"}), "Software\nn\n");
     EXPECT_EQ(Json::parse(good({"ls", "--json", "/n"})),
               Json::parse(R"([{"name":"9","type":"string"},{"name":"10","type":"node"},
@@ -115,62 +162,28 @@ TEST_F(ToolTest, MknodeTouchAndRm) {
     bad(1, {"mknode", "/a/b/leaf"});
     good({"rm", "/a/b/leaf"});
     EXPECT_EQ(good({"ls", "/a"}), "b\n") << "a node outlives its last leaf";
-    good({"rm", "/a", "/c"});
+    EXPECT_EQ(bad(1, {"rm", "/c", "/a"}),
+              "tav: /a: not empty; to remove all below it, too: tav rm -r /a\n");
+    EXPECT_EQ(good({"ls"}), "Software\na\nc\n") << "all or nothing";
+    good({"rm", "-r", "/a", "/c"});
     bad(1, {"ls", "/a"});
     bad(1, {"rm", "/a"});
-    EXPECT_EQ(bad(1, {"rm", "/"}), "tav: /: refused\n");
+    for (const char *option : {"-e", "-r"}) {
+        EXPECT_EQ(bad(1, {"rm", option, "/"}),
+                  "tav: /: refused; the root always stays; remove what is below it: tav ls /\n");
+    }
 }
 
 TEST_F(ToolTest, TreeShowsAll) {
     good({"set", "/a/b/c", "x"});
     good({"set", "-t", "integer", "/a/i", "5"});
-    EXPECT_EQ(good({"tree", "/a"}), "/a\n  b\n    c = x\n  i = 5 (integer)\n");
+    EXPECT_EQ(good({"tree", "/a"}), "/a\n  b\n    c = x (string)\n  i = 5 (integer)\n");
     EXPECT_EQ(good({"tree"}).substr(0, 13), "/\n  Software\n");
     const Json all = Json::parse(good({"tree", "--json", "/a"}));
     ASSERT_EQ(all.size(), 4U);
     EXPECT_EQ(all[3]["path"], "/a/i");
     EXPECT_EQ(all[3]["value"], "5");
     bad(1, {"tree", "/none"});
-}
-
-TEST_F(ToolTest, DumpLoadDumpGivesTheSameBytes) {
-    good({"set", "/a/b", "x", "/a/odd\xff", "y\xfe", "/a/line", "1\n2\"\\"});
-    good({"set", "-t", "boolean", "/a/t", "true"});
-    good({"mknode", "/empty/node"});
-    const std::string dump = good({"dump"});
-    EXPECT_TRUE(Json::accept(dump));
-    EXPECT_EQ(stop(), 0);
-    start();
-    EXPECT_EQ(good({"load"}, dump), "");
-    EXPECT_EQ(good({"dump"}), dump);
-    std::ofstream(dir.file("dump.json")) << dump;
-    good({"rm", "/a"});
-    good({"load", dir.file("dump.json")});
-    EXPECT_EQ(good({"dump"}), dump);
-}
-
-TEST_F(ToolTest, ADumpWithoutTimesDependsOnTheContentOnly) {
-    good({"set", "/a/b", "x"});
-    EXPECT_EQ(good({"dump", "--no-time", "/a"}),
-              "{\"format\":\"tav-dump\",\"version\":1,\"elements\":[\n"
-              "{\"path\":\"/a\",\"type\":\"node\"},\n"
-              "{\"path\":\"/a/b\",\"type\":\"string\",\"value\":\"x\"}\n"
-              "]}\n");
-}
-
-TEST_F(ToolTest, LoadRefusesWhatIsNoDumpAndChangesNothingThen) {
-    const std::string before = good({"dump"});
-    for (const char *text :
-         {"", "nonsense", "[]", "{}", R"({"format":"tav-dump","version":2,"elements":[]})",
-          R"({"format":"tav-dump","version":1,"elements":[{"path":"/a"}]})",
-          R"({"format":"tav-dump","version":1,"elements":[{"path":"/a","type":"string"}]})",
-          R"({"format":"tav-dump","version":1,"elements":[{"path_hex":"zz","type":"node"}]})",
-          R"({"format":"tav-dump","version":1,"elements":[
-              {"path":"/ok","type":"node"},{"path":"/ok//x","type":"node"}]})"}) {
-        bad(1, {"load"}, text);
-    }
-    bad(1, {"load", "/no/such/file"});
-    EXPECT_EQ(good({"dump"}), before);
 }
 
 TEST_F(ToolTest, WatchPrintsEachChange) {
@@ -238,7 +251,8 @@ TEST_F(ToolTest, StatusShowsClientsQueuesAndWatchdogs) {
 
 TEST_F(ToolTest, AWrongCommandLineEndsWithTwo) {
     bad(2, {});
-    bad(2, {"frobnicate"});
+    EXPECT_NE(bad(2, {"frobnicate"}).find("there is no 'frobnicate'"), std::string::npos);
+    EXPECT_NE(bad(2, {"get"}).find("try: tav get --help"), std::string::npos);
     bad(2, {"get"});
     bad(2, {"set"});
     bad(2, {"set", "/a"});
@@ -251,8 +265,8 @@ TEST_F(ToolTest, AWrongCommandLineEndsWithTwo) {
 
 TEST_F(ToolTest, HelpIsPrintedForAllAndForEachCommand) {
     EXPECT_NE(good({"--help"}).find("Exit status: 0 done"), std::string::npos);
-    for (const char *command :
-         {"get", "set", "mknode", "touch", "ls", "tree", "rm", "watch", "dump", "load", "status"}) {
+    for (const char *command : {"get", "set", "mknode", "touch", "ls", "tree", "rm", "apply",
+                                "watch", "dump", "load", "diff", "status"}) {
         EXPECT_NE(good({command, "--help"}).find("Usage: tav " + std::string(command)),
                   std::string::npos);
     }
@@ -263,7 +277,8 @@ TEST_F(ToolTest, WithoutAServiceItEndsWithThree) {
     for (const char *command : {"ls", "status", "dump", "tree"}) {
         EXPECT_NE(bad(3, {command}).find("cannot connect"), std::string::npos);
     }
-    bad(3, {"get", "/a"});
+    EXPECT_NE(bad(3, {"get", "/a"}).find("is tavd running"), std::string::npos);
+    bad(2, {"diff", "/no/such/file"});
     bad(3, {"set", "/a", "1"});
 }
 

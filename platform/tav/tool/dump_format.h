@@ -1,0 +1,44 @@
+// The form of a dump: JSON, one element a line, so that two dumps can be compared line by line.
+//
+//   {"format":"tav-dump","version":1,"path":"/a","elements":[
+//   {"path":"/a","type":"node"},
+//   {"path":"/a/b","type":"string","value":"x","time":1700000000}
+//   ]}
+//
+// "path" is what was dumped; every element is it or lies below it. The root itself is not listed.
+// Texts that are no UTF-8 stand in hexadecimal under "path_hex" and "value_hex". "time" is in
+// seconds since 1970 and may be missing.
+#ifndef TAV_TOOL_DUMP_FORMAT_H
+#define TAV_TOOL_DUMP_FORMAT_H
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "protocol/messages.h"
+#include "tool/text.h"
+
+namespace tav::tool {
+
+struct Dump {
+    std::string path;
+    std::vector<DumpElement> elements;
+};
+
+// What is wrong with a dump, in words for the user.
+struct BadDump : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// One element as it stands in a dump.
+Json element_json(const DumpElement &element, bool with_time);
+
+// Throws BadDump.
+Dump parse_dump(const std::string &text);
+
+// Writes to standard output.
+void print_dump(const Dump &dump, bool with_times);
+
+} // namespace tav::tool
+
+#endif

@@ -1,0 +1,23 @@
+// Complaints about paths: what was wrong, and what to do about it.
+#ifndef TAV_TOOL_EXPLAIN_H
+#define TAV_TOOL_EXPLAIN_H
+
+#include <string>
+
+#include "protocol/messages.h"
+#include "tool/tool.h"
+
+namespace tav::tool {
+
+enum class Wanted { leaf, node, anything };
+
+// A path could not be read as what was wanted. Looks around in the store for advice.
+void complain_reading(Client &client, const std::string &path, api_status_t status, Wanted wanted);
+
+// A step of a transaction was refused. `place` comes before the path ("line 3: ").
+void complain_writing(Client &client, const Item &item, api_status_t status,
+                      const std::string &place = "");
+
+} // namespace tav::tool
+
+#endif

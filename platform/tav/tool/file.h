@@ -1,0 +1,18 @@
+// Files given to a command.
+#ifndef TAV_TOOL_FILE_H
+#define TAV_TOOL_FILE_H
+
+#include <optional>
+#include <string>
+
+namespace tav::tool {
+
+// All of a file, or of standard input for "-". Empty, after a complaint, when it cannot be read.
+std::optional<std::string> read_file(const std::string &file);
+
+// A file's name for messages.
+std::string file_name(const std::string &file);
+
+} // namespace tav::tool
+
+#endif

@@ -1,0 +1,31 @@
+// A running service and the command-line tool.
+#ifndef TESTS_TAV_SUPPORT_TOOL_FIXTURE_H
+#define TESTS_TAV_SUPPORT_TOOL_FIXTURE_H
+
+#include "support/store_fixture.h"
+
+namespace tavtest {
+
+class ToolTest : public RunningStoreTest {
+protected:
+    // Runs the tool, which must succeed without a word of complaint.
+    std::string good(const std::vector<std::string> &arguments, const std::string &input = "") {
+        const Ran ran = tav(arguments, input);
+        EXPECT_EQ(ran.status, 0) << ran.errors;
+        EXPECT_EQ(ran.errors, "");
+        return ran.output;
+    }
+    // Runs the tool, which must end with `status` and say something on standard error only.
+    std::string bad(int status, const std::vector<std::string> &arguments,
+                    const std::string &input = "") {
+        const Ran ran = tav(arguments, input);
+        EXPECT_EQ(ran.status, status) << ran.output;
+        EXPECT_NE(ran.errors, "");
+        EXPECT_EQ(ran.output, "");
+        return ran.errors;
+    }
+};
+
+} // namespace tavtest
+
+#endif

@@ -1,0 +1,82 @@
+// What the tool shows on a terminal.
+#include "support/terminal.h"
+#include "support/tool_fixture.h"
+
+#include <gtest/gtest.h>
+
+using namespace tavtest;
+
+namespace {
+
+class ToolTerminalTest : public ToolTest {
+protected:
+    ToolTerminalTest() {
+        ::setenv("TERM", "xterm", 1);
+        ::setenv("LC_ALL", "C.UTF-8", 1);
+        ::unsetenv("NO_COLOR");
+    }
+    ~ToolTerminalTest() override { ::unsetenv("LC_ALL"); }
+
+    std::string show(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), TAV_PROGRAM);
+        return Terminal(arguments).finish();
+    }
+};
+
+} // namespace
+
+TEST_F(ToolTerminalTest, NoControlCharacterOfAStoredValueGetsThere) {
+    const std::string evil = "\x1b]0;x\x07\x1b[2J\x9b"
+                             "2J\xc2\x9b"
+                             "2J\x7f\b\r";
+    good({"set", "/n/" + evil, evil, "/v", evil});
+    const std::vector<std::vector<std::string>> commands{{"get", "/v"},
+                                                         {"get", "--raw", "/v"},
+                                                         {"get", "-r", "/"},
+                                                         {"get", "--json", "/v"},
+                                                         {"ls", "/n"},
+                                                         {"ls", "-l", "/n"},
+                                                         {"ls", "--json", "/n"},
+                                                         {"tree"},
+                                                         {"tree", "--json"},
+                                                         {"dump"},
+                                                         {"get", "/n/" + evil + "/x"},
+                                                         {"rm", "/n"}};
+    for (std::vector<std::string> command : commands) {
+        command.emplace_back("--color=never");
+        const std::string shown = show(command);
+        EXPECT_NE(shown, "");
+        for (std::size_t i = 0; i < shown.size(); ++i) {
+            const auto byte = static_cast<unsigned char>(shown[i]);
+            const bool line_end = shown[i] == '\n' || shown.compare(i, 2, "\r\n") == 0;
+            EXPECT_FALSE((byte < 0x20 && !line_end) || byte >= 0x7f)
+                << command.front() << " shows byte " << int{byte} << " in " << shown;
+        }
+    }
+}
+
+TEST_F(ToolTerminalTest, ColoursAndColumnsAreForTerminals) {
+    good({"set", "/a/b", "1", "/a/long name", "2"});
+    EXPECT_EQ(show({"get", "-r", "/a", "--color=never"}), "/a/b          1\r\n/a/long name  2\r\n");
+    EXPECT_EQ(show({"ls", "-l", "/", "--color=never"}), "node  Software\r\nnode  a\r\n");
+    EXPECT_EQ(show({"ls"}), "\x1b[1;34mSoftware\x1b[0m\r\n\x1b[1;34ma\x1b[0m\r\n");
+}
+
+TEST_F(ToolTerminalTest, NoColorAndADumbTerminalAreHonoured) {
+    ::setenv("NO_COLOR", "1", 1);
+    EXPECT_EQ(show({"ls"}), "Software\r\n");
+    EXPECT_NE(show({"ls", "--color=always"}).find('\x1b'), std::string::npos);
+    ::setenv("NO_COLOR", "", 1);
+    EXPECT_NE(show({"ls"}).find('\x1b'), std::string::npos) << "empty means not set";
+    ::setenv("TERM", "dumb", 1);
+    EXPECT_EQ(show({"ls"}), "Software\r\n");
+    ::unsetenv("NO_COLOR");
+}
+
+TEST_F(ToolTerminalTest, LettersBeyondAsciiNeedATerminalThatKnowsThem) {
+    good({"set", "/v", "\xc3\xa4"});
+    EXPECT_EQ(show({"get", "/v"}), "\xc3\xa4\r\n");
+    ::setenv("LC_ALL", "C", 1);
+    EXPECT_EQ(show({"get", "/v"}), "\\xc3\\xa4\r\n");
+    EXPECT_EQ(good({"get", "/v"}), "\xc3\xa4\n") << "a file is the same in every locale";
+}
