@@ -2,141 +2,52 @@
 
 #include <sqlite3.h>
 
-#include <cinttypes>
-
+#include "service/database_file.h"
 #include "service/log.h"
 
 namespace tav {
 
-namespace {
-
-// "tavd" in the file's header, so that no other program's database is taken for ours.
-constexpr std::int64_t application_id = 0x74617664;
-constexpr std::int64_t schema_version = 1;
-
-std::string_view column_text(sqlite3_stmt *statement, int column) {
-    const void *data = sqlite3_column_blob(statement, column);
-    const auto size = static_cast<std::size_t>(sqlite3_column_bytes(statement, column));
-    return data == nullptr ? std::string_view()
-                           : std::string_view(static_cast<const char *>(data), size);
-}
-
-// Paths and texts are any bytes, so they are kept as blobs. The memory must live until the
-// statement was stepped.
-void bind_bytes(sqlite3_stmt *statement, int index, const std::string &text) {
-    sqlite3_bind_blob64(statement, index, text.data(), text.size(), nullptr);
-}
-
-} // namespace
-
-void Database::Closer::operator()(sqlite3 *opened) const {
-    sqlite3_close_v2(opened);
-}
-void Database::Closer::operator()(sqlite3_stmt *statement) const {
-    sqlite3_finalize(statement);
-}
-
-Database::Database(const std::string &file, Tree &tree, bool &fresh) : name(file) {
-    sqlite3 *opened = nullptr;
-    const int result =
-        sqlite3_open_v2(file.c_str(), &opened, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-    connection.reset(opened);
-    if (result != SQLITE_OK) {
-        fail();
-    }
+Database::Database(const std::string &file, Durability promised, Tree &tree, bool &fresh)
+    : fresh_file(provide_database(file)), durability(promised),
+      database(file, SQLITE_OPEN_READWRITE) {
+    fresh = fresh_file;
+    // As long as the file may turn out not to be usable, closing must not write into it either.
+    sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     // One service owns the file for as long as it runs; a second one is refused here.
-    execute("PRAGMA locking_mode = EXCLUSIVE");
-    // Looked at before anything is changed: the file may be another program's.
-    fresh = query_number("SELECT count(*) FROM sqlite_schema") == 0;
-    if (!fresh) {
-        check_ours();
-    }
-    use_wal();
-    // Each commit is synced: what was acknowledged survives a power cut.
-    execute("PRAGMA synchronous = FULL");
-    if (fresh) {
-        create_schema();
-    }
+    database.execute("PRAGMA locking_mode = EXCLUSIVE");
+    check_database(database);
     load(tree);
-    replace_row =
-        prepare("INSERT OR REPLACE INTO element (path, type, text, time) VALUES (?, ?, ?, ?)");
-    delete_row = prepare("DELETE FROM element WHERE path = ?");
+    use_wal();
+    database.execute(durability == Durability::full ? "PRAGMA synchronous = FULL"
+                                                    : "PRAGMA synchronous = NORMAL");
+    replace_row = database.prepare(
+        "INSERT OR REPLACE INTO element (path, type, text, time) VALUES (?, ?, ?, ?)");
+    delete_row = database.prepare("DELETE FROM element WHERE path = ?");
+    sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
 }
 
-void Database::fail() const {
-    const char *reason = connection ? sqlite3_errmsg(connection.get()) : "out of memory";
-    throw DatabaseError("database '" + name + "': " + reason);
-}
-
-void Database::execute(const char *sql) {
-    if (sqlite3_exec(connection.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
-        fail();
-    }
-}
-
-Database::Statement Database::prepare(const char *sql) {
-    sqlite3_stmt *statement = nullptr;
-    if (sqlite3_prepare_v2(connection.get(), sql, -1, &statement, nullptr) != SQLITE_OK) {
-        fail();
-    }
-    return Statement(statement);
-}
-
-std::int64_t Database::query_number(const char *sql) {
-    const Statement statement = prepare(sql);
-    if (sqlite3_step(statement.get()) != SQLITE_ROW) {
-        fail();
-    }
-    return sqlite3_column_int64(statement.get(), 0);
-}
-
-void Database::check_ours() {
-    if (query_number("PRAGMA application_id") != application_id ||
-        query_number("PRAGMA user_version") != schema_version) {
-        throw DatabaseError("database '" + name + "' is not one of this service");
-    }
-    const Statement statement = prepare("PRAGMA quick_check(1)");
-    if (sqlite3_step(statement.get()) != SQLITE_ROW) {
-        fail();
-    }
-    const std::string_view verdict = column_text(statement.get(), 0);
-    if (verdict != "ok") {
-        throw DatabaseError("database '" + name + "' is damaged: " + std::string(verdict));
-    }
+const char *Database::promise() const {
+    return durability == Durability::full ? "full" : "normal";
 }
 
 void Database::use_wal() {
-    const Statement statement = prepare("PRAGMA journal_mode = WAL");
-    if (sqlite3_step(statement.get()) != SQLITE_ROW) {
-        fail();
-    }
-    // A file system may not offer what WAL needs. The classic journal promises the same, slower.
-    if (column_text(statement.get(), 0) != "wal") {
-        log_line("database '%s': no write-ahead log on this file system", name.c_str());
+    const Sqlite::Statement statement = database.prepare("PRAGMA journal_mode = WAL");
+    // A file system may not offer what WAL needs. The classic journal promises no less, slower.
+    if (!database.next(statement.get()) || column_text(statement.get(), 0) != "wal") {
+        log_line("database '%s': no write-ahead log on this file system", database.name().c_str());
     }
 }
 
-void Database::create_schema() {
-    const std::string sql = "BEGIN IMMEDIATE;"
-                            "PRAGMA application_id = " +
-                            std::to_string(application_id) +
-                            ";"
-                            "PRAGMA user_version = " +
-                            std::to_string(schema_version) +
-                            ";"
-                            "CREATE TABLE element (path BLOB PRIMARY KEY, type INTEGER NOT NULL,"
-                            " text BLOB NOT NULL, time INTEGER NOT NULL) WITHOUT ROWID;"
-                            "COMMIT";
-    execute(sql.c_str());
-}
-
-// The rows come in bytewise order of their paths, so that parents precede their children. Each
-// passes the same checks as a client's write: a row that does not is damage.
+// The rows come in bytewise order of their paths, so that parents precede their children, each of
+// which has a row of its own. Each passes the same checks as a client's write: a row that does not
+// is damage.
 void Database::load(Tree &tree) {
     Edit edit(tree, no_time);
-    const Statement statement = prepare("SELECT path, type, text, time FROM element ORDER BY path");
-    int result = 0;
-    while ((result = sqlite3_step(statement.get())) == SQLITE_ROW) {
+    const Sqlite::Statement statement =
+        database.prepare("SELECT path, type, text, time FROM element ORDER BY path");
+    std::string previous;
+    std::size_t rows = 0;
+    while (database.next(statement.get())) {
         Item item;
         item.path = column_text(statement.get(), 0);
         item.value.type = static_cast<element_type_t>(sqlite3_column_int(statement.get(), 1));
@@ -144,55 +55,64 @@ void Database::load(Tree &tree) {
         item.value.time = sqlite3_column_int64(statement.get(), 3);
         item.kind = item.value.type == element_type_node ? ItemKind::make_node : ItemKind::set;
         const api_status_t status = edit.apply(item);
-        if (status != api_status_ok) {
-            throw DatabaseError("database '" + name + "' is damaged: element '" + item.path +
-                                "' has status " + std::to_string(status));
+        ++rows;
+        if (status != api_status_ok || item.path <= previous || tree.elements() != rows + 1) {
+            refuse_database(database.name(), "is damaged: row " + std::to_string(rows) +
+                                                 " holds no element of this tree (status " +
+                                                 std::to_string(status) + ")");
         }
-    }
-    if (result != SQLITE_DONE) {
-        fail();
+        previous = item.path;
     }
     edit.keep();
-}
-
-void Database::step(sqlite3_stmt *statement) {
-    const int result = sqlite3_step(statement);
-    sqlite3_reset(statement);
-    sqlite3_clear_bindings(statement);
-    if (result != SQLITE_DONE) {
-        fail();
-    }
 }
 
 void Database::write(const Change &change) {
     if (!change.after) {
         bind_bytes(delete_row.get(), 1, change.path);
-        step(delete_row.get());
+        database.run(delete_row.get());
         return;
     }
     bind_bytes(replace_row.get(), 1, change.path);
     sqlite3_bind_int(replace_row.get(), 2, change.after->type);
     bind_bytes(replace_row.get(), 3, change.after->text);
     sqlite3_bind_int64(replace_row.get(), 4, change.after->time);
-    step(replace_row.get());
+    database.run(replace_row.get());
+}
+
+// A commit can fail after all of it was written: when the log could not be synced. SQLite forgets
+// it, but in the file it stands there complete, and the next start would take it for done. Another
+// commit overwrites it, and breaks the chain of checksums behind itself.
+void Database::discard_refused() {
+    if (!refused_in_log) {
+        return;
+    }
+    database.execute(empty_transaction);
+    refused_in_log = false;
 }
 
 bool Database::commit(const std::vector<Change> &changes) {
     try {
-        execute("BEGIN IMMEDIATE");
+        // Until that has worked nothing can be promised to anybody.
+        discard_refused();
+        database.execute("BEGIN IMMEDIATE");
         for (const Change &change : changes) {
             if (change.stored()) {
                 write(change);
             }
         }
-        execute("COMMIT");
+        database.execute("COMMIT");
         return true;
     } catch (const DatabaseError &error) {
         log_line("cannot store a change: %s", error.what());
-        // Fails when SQLite has rolled back by itself.
-        sqlite3_exec(connection.get(), "ROLLBACK", nullptr, nullptr, nullptr);
-        return false;
     }
+    database.roll_back();
+    refused_in_log = true;
+    try {
+        discard_refused();
+    } catch (const DatabaseError &) {
+        database.roll_back(); // the next commit tries again
+    }
+    return false;
 }
 
 } // namespace tav

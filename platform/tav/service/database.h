@@ -2,54 +2,45 @@
 #ifndef TAV_SERVICE_DATABASE_H
 #define TAV_SERVICE_DATABASE_H
 
-#include <memory>
-#include <stdexcept>
 #include <string>
 
+#include "service/sqlite.h"
 #include "service/storage.h"
-
-struct sqlite3;
-struct sqlite3_stmt;
 
 namespace tav {
 
-class DatabaseError : public std::runtime_error {
-    using std::runtime_error::runtime_error;
+// What a successful commit promises. Either way it survives the death of the service, transactions
+// are kept in their order, and none is ever kept in part.
+enum class Durability {
+    full,  // each commit is synced: it survives a crash of the machine and a power cut, too
+    normal // synced now and then: a power cut may take the last commits
 };
 
 class Database : public Storage {
 public:
-    // Opens `file`, creating it when it does not exist, and reads its content into `tree`, which
-    // holds nothing but the root. `fresh` tells whether it was created now. Throws DatabaseError
-    // when the file cannot be used: not a database of this kind, damaged, or used by another
-    // service. A file that cannot be used is left as it is.
-    Database(const std::string &file, Tree &tree, bool &fresh);
+    // Opens `file`, creating it and its directory when it does not exist, and reads its content
+    // into `tree`, which holds nothing but the root. `fresh` tells whether it was created now.
+    // Throws DatabaseError when the file cannot be used: not a database of this kind, damaged, or
+    // used by another service. A file that cannot be used is left as it is.
+    Database(const std::string &file, Durability promised, Tree &tree, bool &fresh);
 
-    // On success the changes survive the death of the service and of the machine.
+    // False when it failed, for want of space say: the changes are not there then, also not after a
+    // later start.
     bool commit(const std::vector<Change> &changes) override;
+    const char *promise() const override;
 
 private:
-    struct Closer {
-        void operator()(sqlite3 *connection) const;
-        void operator()(sqlite3_stmt *statement) const;
-    };
-    using Statement = std::unique_ptr<sqlite3_stmt, Closer>;
-
-    void execute(const char *sql);
-    std::int64_t query_number(const char *sql);
-    Statement prepare(const char *sql);
-    void check_ours();
     void use_wal();
-    void create_schema();
     void load(Tree &tree);
     void write(const Change &change);
-    void step(sqlite3_stmt *statement);
-    [[noreturn]] void fail() const;
+    void discard_refused();
 
-    std::string name;
-    std::unique_ptr<sqlite3, Closer> connection;
-    Statement replace_row;
-    Statement delete_row;
+    bool fresh_file;
+    Durability durability;
+    Sqlite database;
+    Sqlite::Statement replace_row;
+    Sqlite::Statement delete_row;
+    bool refused_in_log = false; // the log on disk may end with a commit that failed
 };
 
 } // namespace tav

@@ -14,11 +14,6 @@ bool is_leaf(const std::optional<Value> &value) {
     return value.has_value() && value->type != element_type_node;
 }
 
-std::string_view parent_path(std::string_view path) {
-    const std::size_t slash = path.rfind('/');
-    return slash == 0 ? path.substr(0, 1) : path.substr(0, slash);
-}
-
 } // namespace
 
 bool Change::real() const {

@@ -11,6 +11,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "service/directory.h"
+
 namespace tav {
 
 namespace {
@@ -40,22 +42,16 @@ UniqueFd stream_socket() {
     return fd;
 }
 
-void make_directories(const std::string &path) {
-    constexpr mode_t mode = 0755;
-    for (std::size_t slash = path.find('/', 1); slash != std::string::npos;
-         slash = path.find('/', slash + 1)) {
-        const std::string directory = path.substr(0, slash);
-        if (::mkdir(directory.c_str(), mode) != 0 && errno != EEXIST) {
-            fail("cannot create directory '" + directory + "'");
-        }
-    }
-}
-
 } // namespace
 
-Listener::Listener(const std::string &wanted) : path(wanted), lock_path(wanted + ".lock") {
+Listener::Listener(const std::string &wanted, std::optional<gid_t> group)
+    : path(wanted), socket_group(group), lock_path(wanted + ".lock") {
     address_of(path + unfinished_suffix);
-    make_directories(path);
+    try {
+        make_directory_of(path, group);
+    } catch (const std::runtime_error &error) {
+        throw ListenError("socket '" + path + "': " + error.what());
+    }
     take_lock();
     try {
         refuse_served();
@@ -131,8 +127,13 @@ void Listener::listen_at(const std::string &name, mode_t mode) {
     const sockaddr_un address = address_of(name);
     ::unlink(name.c_str());
     socket = stream_socket();
-    if (::bind(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0 ||
-        ::chmod(name.c_str(), mode) != 0 || ::listen(socket.get(), backlog) != 0) {
+    if (::bind(socket.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address) != 0) {
+        fail("cannot create '" + name + "'");
+    }
+    if (socket_group && ::chown(name.c_str(), static_cast<uid_t>(-1), *socket_group) != 0) {
+        fail("cannot give '" + name + "' to its group");
+    }
+    if (::chmod(name.c_str(), mode) != 0 || ::listen(socket.get(), backlog) != 0) {
         fail("cannot listen at '" + name + "'");
     }
 }

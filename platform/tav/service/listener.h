@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -17,9 +18,10 @@ class ListenError : public std::runtime_error {
 
 class Listener {
 public:
-    // Claims `path`, creating missing directories. ListenError when another service is serving
-    // there, or when something else than a socket is.
-    explicit Listener(const std::string &path);
+    // Claims `path`, creating missing directories (see make_directory_of). `group`: whose the
+    // directory, if it is created, and the socket are to be. ListenError when another service is
+    // serving there, or when something else than a socket is.
+    explicit Listener(const std::string &path, std::optional<gid_t> group = {});
     // Listens, with the permissions `mode`. A socket left behind by a service that is dead is
     // replaced; it appears under its name only once it accepts connections. Throws ListenError.
     void listen(mode_t mode);
@@ -37,6 +39,7 @@ private:
     void listen_at(const std::string &name, mode_t mode);
 
     std::string path;
+    std::optional<gid_t> socket_group;
     std::string lock_path;
     UniqueFd lock;
     UniqueFd socket;

@@ -56,6 +56,11 @@ std::vector<std::string_view> split_path(std::string_view path) {
     return names;
 }
 
+std::string_view parent_path(std::string_view path) {
+    const std::size_t slash = path.rfind('/');
+    return slash == 0 ? path.substr(0, 1) : path.substr(0, slash);
+}
+
 bool is_at_or_below(std::string_view path, std::string_view ancestor) {
     if (ancestor == "/") {
         return true;

@@ -17,6 +17,9 @@ api_status_t check_path(std::string_view path);
 // The names of a path that check_path accepts; none for "/". They are parts of `path`.
 std::vector<std::string_view> split_path(std::string_view path);
 
+// That of the node which holds `path`; "/" for itself.
+std::string_view parent_path(std::string_view path);
+
 // Whether `path` is `ancestor` or lies below it.
 bool is_at_or_below(std::string_view path, std::string_view ancestor);
 

@@ -17,6 +17,8 @@ public:
 
     // Makes the changes durable, all or none. False when that failed (logged): nothing was kept.
     virtual bool commit(const std::vector<Change> &changes) = 0;
+    // What such a commit promises, in a word for display: "none", "normal" or "full".
+    virtual const char *promise() const { return "none"; }
 };
 
 // For a store that lives in memory only.

@@ -5,7 +5,6 @@
 #include <unordered_set>
 
 #include "protocol/limits.h"
-#include "service/database.h"
 
 namespace tav {
 
@@ -69,12 +68,25 @@ Store::Store(std::unique_ptr<Storage> other) : storage(std::move(other)) {
     furnish();
 }
 
-Store::Store(const std::string &file) {
+Store::Store(const std::string &file, Durability durability) {
     bool fresh = false;
-    storage = std::make_unique<Database>(file, content, fresh);
+    storage = std::make_unique<Database>(file, durability, content, fresh);
     if (fresh) {
         furnish();
     }
+    walk("/", content.root(), [this](const std::string &path, const Element &element) {
+        measure(path, element);
+        return true;
+    });
+}
+
+void Store::measure(const std::string &path, const Element &element) {
+    const auto names = split_path(path);
+    extents.path_bytes = std::max(extents.path_bytes, path.size());
+    extents.depth = std::max(extents.depth, names.size());
+    extents.name_bytes = std::max(extents.name_bytes, names.empty() ? 0 : names.back().size());
+    extents.value_bytes = std::max(extents.value_bytes, element.value.text.size());
+    extents.children = std::max(extents.children, element.children.size());
 }
 
 void Store::furnish() {
@@ -120,6 +132,13 @@ Outcome Store::transact(const std::vector<Item> &items,
         ++changed;
     }
     edit.keep();
+    for (const Change &change : changes) {
+        if (change.after && change.real()) {
+            measure(change.path, *content.find(change.path));
+            const std::string_view parent = parent_path(change.path);
+            measure(std::string(parent), *content.find(parent));
+        }
+    }
     outcome.events = std::move(events);
     return outcome;
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "service/database.h"
 #include "service/edit.h"
 #include "service/storage.h"
 
@@ -19,12 +20,21 @@ struct Outcome {
     std::vector<Event> events;
 };
 
+// The largest that was ever stored since the start of the service.
+struct Extents {
+    std::size_t path_bytes = 0;
+    std::size_t depth = 0;
+    std::size_t name_bytes = 0;
+    std::size_t value_bytes = 0;
+    std::size_t children = 0; // of one node
+};
+
 class Store {
 public:
     // A store in memory only, in the state of a fresh one.
     Store();
     // A store kept in `file`. Throws DatabaseError.
-    explicit Store(const std::string &file);
+    explicit Store(const std::string &file, Durability durability = Durability::full);
     // A store in memory over another storage.
     explicit Store(std::unique_ptr<Storage> other);
 
@@ -39,15 +49,20 @@ public:
     void dump(const DumpRequest &request, DumpPage &page) const;
 
     const Tree &tree() const { return content; }
+    const Extents &largest() const { return extents; }
+    // See Storage::promise().
+    const char *durability() const { return storage->promise(); }
     // Grows with each transaction that changed something.
     std::uint64_t revision() const { return changed; }
 
 private:
     void furnish();
+    void measure(const std::string &path, const Element &element);
 
     Tree content;
     std::unique_ptr<Storage> storage;
     std::uint64_t changed = 0;
+    Extents extents;
 };
 
 } // namespace tav

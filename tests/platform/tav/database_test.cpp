@@ -71,7 +71,7 @@ TEST_F(DatabaseTest, TheFactoryNodeIsMadeOnceOnly) {
     EXPECT_EQ(store.tree().node_count(), 1U);
 }
 
-TEST_F(DatabaseTest, ItIsInWalModeAndSyncsEachCommit) {
+TEST_F(DatabaseTest, ItIsInWalMode) {
     const Store store(file);
     EXPECT_TRUE(tavtest::exists(file + "-wal"));
 }

@@ -149,7 +149,8 @@ StoreTest::~StoreTest() {
 
 std::vector<std::string>
 StoreTest::tavd_arguments(const std::vector<std::string> &arguments) const {
-    std::vector<std::string> words{TAVD_PROGRAM};
+    std::vector<std::string> words = prefix;
+    words.emplace_back(TAVD_PROGRAM);
     words.insert(words.end(), arguments.begin(), arguments.end());
     return words;
 }

@@ -71,6 +71,8 @@ protected:
 
     TempDir dir;
     std::string socket;
+    // Put before the service's command line: a program that executes the rest.
+    std::vector<std::string> prefix;
     std::unique_ptr<Process> tavd;
 
 private:

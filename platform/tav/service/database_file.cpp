@@ -1,0 +1,126 @@
+#include "service/database_file.h"
+
+#include <fcntl.h>
+#include <sqlite3.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "client/unique_fd.h"
+#include "service/directory.h"
+
+namespace tav {
+
+namespace {
+
+// "tavd" in the file's header, so that no other program's database is taken for ours.
+constexpr std::int64_t application_id = 0x74617664;
+constexpr std::int64_t format = 1;
+
+bool exists(const std::string &file) {
+    struct stat info {};
+    return ::lstat(file.c_str(), &info) == 0;
+}
+
+[[noreturn]] void fail(const std::string &file, const std::string &what) {
+    throw DatabaseError("database '" + file + "' " + what + ": " + std::strerror(errno));
+}
+
+// What another start left behind that was cut short.
+void remove_unfinished(const std::string &unfinished) {
+    for (const char *suffix : {"", "-journal", "-wal"}) {
+        ::unlink((unfinished + suffix).c_str());
+    }
+}
+
+// In WAL mode from the start, so that whoever opens it has it alone. Closing it leaves one file to
+// be renamed.
+void create(const std::string &unfinished) {
+    Sqlite database(unfinished, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+    database.execute("PRAGMA locking_mode = EXCLUSIVE; PRAGMA synchronous = FULL;"
+                     "PRAGMA journal_mode = WAL");
+    database.execute("BEGIN IMMEDIATE;"
+                     "PRAGMA application_id = " +
+                     std::to_string(application_id) +
+                     ";"
+                     "PRAGMA user_version = " +
+                     std::to_string(format) +
+                     ";"
+                     "CREATE TABLE element (path BLOB PRIMARY KEY, type INTEGER NOT NULL,"
+                     " text BLOB NOT NULL, time INTEGER NOT NULL) WITHOUT ROWID;"
+                     "COMMIT");
+}
+
+} // namespace
+
+const char *const empty_transaction = "BEGIN IMMEDIATE; PRAGMA user_version = 1; COMMIT";
+static_assert(format == 1, "the empty transaction writes the format");
+
+bool provide_database(const std::string &file) {
+    try {
+        make_directory_of(file);
+    } catch (const std::runtime_error &error) {
+        throw DatabaseError("database '" + file + "': " + error.what());
+    }
+    // Two services may start at once: whoever is second finds the file.
+    const std::string directory = directory_of(file);
+    const UniqueFd lock(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!lock.valid() || ::flock(lock.get(), LOCK_EX) != 0) {
+        fail(file, "cannot be looked for in directory '" + directory + "'");
+    }
+    struct stat info {};
+    if (::stat(file.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
+        throw DatabaseError("database '" + file + "' is not a regular file");
+    }
+    if (exists(file)) {
+        return false;
+    }
+    for (const char *suffix : {"-wal", "-journal"}) {
+        if (exists(file + suffix)) {
+            // SQLite would apply it to the new database.
+            throw DatabaseError("database '" + file + "' is missing, but there is '" + file +
+                                suffix +
+                                "', which holds the last changes made to it: put the"
+                                " database back, or move that file away as well");
+        }
+    }
+    const std::string unfinished = file + ".new";
+    remove_unfinished(unfinished);
+    create(unfinished);
+    if (::rename(unfinished.c_str(), file.c_str()) != 0) {
+        fail(file, "cannot be created");
+    }
+    sync_directory(directory);
+    return true;
+}
+
+void check_database(Sqlite &database) {
+    if (sqlite3_db_readonly(database.get(), "main") != 0) {
+        throw DatabaseError("database '" + database.name() +
+                            "' cannot be written: the file or its"
+                            " file system is read-only");
+    }
+    if (database.number("PRAGMA page_count") == 0) {
+        refuse_database(database.name(), "is empty, which no database of this service ever is");
+    }
+    if (database.number("PRAGMA application_id") != application_id) {
+        refuse_database(database.name(), "is another program's");
+    }
+    const std::int64_t version = database.number("PRAGMA user_version");
+    if (version != format) {
+        refuse_database(database.name(), (version > format ? "was written by a newer tavd (format "
+                                                           : "has an unknown format (") +
+                                             std::to_string(version) + ", this tavd reads " +
+                                             std::to_string(format) + ")");
+    }
+    const Sqlite::Statement check = database.prepare("PRAGMA quick_check(1)");
+    if (!database.next(check.get()) || column_text(check.get(), 0) != "ok") {
+        refuse_database(database.name(), "is damaged: " + std::string(column_text(check.get(), 0)));
+    }
+}
+
+} // namespace tav

@@ -1,0 +1,65 @@
+// One SQLite connection, with its errors as exceptions that name the file.
+#ifndef TAV_SERVICE_SQLITE_H
+#define TAV_SERVICE_SQLITE_H
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace tav {
+
+class DatabaseError : public std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// Throws the error of a file whose content is not what it must be, with the way to go on without
+// it. `what` follows the name of the file.
+[[noreturn]] void refuse_database(const std::string &file, const std::string &what);
+
+// Every member throws DatabaseError: for a damaged file that of refuse_database.
+class Sqlite {
+public:
+    struct Closer {
+        void operator()(sqlite3 *connection) const;
+        void operator()(sqlite3_stmt *statement) const;
+    };
+    using Statement = std::unique_ptr<sqlite3_stmt, Closer>;
+
+    // `flags`: SQLITE_OPEN_...
+    Sqlite(std::string file, int flags);
+
+    void execute(const std::string &sql);
+    Statement prepare(const char *sql);
+    // The first column of the only row.
+    std::int64_t number(const char *sql);
+    // Carries out a statement that gives no rows, and makes it ready for the next time.
+    void run(sqlite3_stmt *statement);
+    // The next row; false at the end.
+    bool next(sqlite3_stmt *statement);
+    // Ends a transaction that may have failed anywhere, or ended by itself.
+    void roll_back() noexcept;
+
+    sqlite3 *get() const { return connection.get(); }
+    const std::string &name() const { return file_name; }
+
+private:
+    [[noreturn]] void fail() const;
+
+    std::string file_name;
+    std::unique_ptr<sqlite3, Closer> connection;
+};
+
+// A column's bytes, valid until the statement goes on.
+std::string_view column_text(sqlite3_stmt *statement, int column);
+// Texts are any bytes, so they are kept as blobs. The memory must live until the statement was
+// stepped.
+void bind_bytes(sqlite3_stmt *statement, int index, const std::string &text);
+
+} // namespace tav
+
+#endif

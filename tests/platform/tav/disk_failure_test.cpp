@@ -1,0 +1,171 @@
+// The service on a disk that fails it: nothing that was refused is ever there, what was there stays
+// readable, and when the disk is well again so is the service.
+#include "support/store_fixture.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <fstream>
+
+using namespace tavtest;
+
+namespace {
+
+using Names = std::vector<std::string>;
+using Statuses = std::vector<api_status_t>;
+
+struct Fault {
+    const char *call;
+    int error;
+};
+
+class FailingDiskTest : public StoreTest, public testing::WithParamInterface<Fault> {
+protected:
+    FailingDiskTest() {
+        prefix = {"/usr/bin/env", "LD_PRELOAD=" TAV_DISK_PRELOAD, "TAV_DISK_FAULT=" + plan,
+                  // The library is loaded before the sanitizer's.
+                  "ASAN_OPTIONS=verify_asan_link_order=0"};
+    }
+    void SetUp() override {
+        start(on_disk);
+        client = std::make_unique<Client>();
+        EXPECT_EQ(client->set_all({"/kept/a", "/kept/b"}, {"1", "1"}), Statuses(2, api_status_ok));
+    }
+
+    void fail() {
+        const std::string unfinished = plan + ".new";
+        std::ofstream(unfinished) << GetParam().call << ' ' << GetParam().error;
+        std::rename(unfinished.c_str(), plan.c_str());
+    }
+    void recover() { std::remove(plan.c_str()); }
+
+    void expect_refused() {
+        EXPECT_EQ(client->set_all({"/kept/a", "/new/a"}, {"2", "2"}),
+                  Statuses(2, api_status_failed));
+        EXPECT_EQ(client->remove("/kept"), api_status_failed);
+        expect_unchanged();
+    }
+    void expect_unchanged() {
+        EXPECT_EQ(client->get("/kept/a"), "1");
+        EXPECT_EQ(client->get("/kept/b"), "1");
+        EXPECT_EQ(client->list("/"), (Names{"Software", "kept"}));
+    }
+    void restart_after_kill() {
+        client.reset();
+        tavd->signal(SIGKILL);
+        tavd->wait();
+        start(on_disk);
+        client = std::make_unique<Client>();
+    }
+
+    const std::string plan = dir.file("plan");
+    const Names on_disk{"--database", dir.file("db/store.db")};
+    std::unique_ptr<Client> client;
+};
+
+INSTANTIATE_TEST_SUITE_P(Faults, FailingDiskTest,
+                         testing::Values(Fault{"write", ENOSPC}, Fault{"write", EIO},
+                                         Fault{"write", EROFS}, Fault{"sync", EIO},
+                                         Fault{"sync", ENOSPC}),
+                         [](const auto &tested) {
+                             return std::string(tested.param.call) +
+                                    std::to_string(tested.param.error);
+                         });
+
+} // namespace
+
+TEST_P(FailingDiskTest, AWriteIsRefusedWithAStatusAndReadsGoOn) {
+    Client watcher;
+    watcher.watch("/");
+    watcher.settle();
+    fail();
+    expect_refused();
+    EXPECT_EQ(watcher.fetch(), Names{});
+    EXPECT_TRUE(tavd->wait_for_error_text("cannot store a change: database '" +
+                                          dir.file("db/store.db") + "'"));
+}
+
+TEST_P(FailingDiskTest, WhenTheDiskIsWellAgainWritesAreAccepted) {
+    fail();
+    for (int i = 0; i < 3; ++i) {
+        expect_refused();
+    }
+    recover();
+    EXPECT_EQ(client->set_all({"/kept/a", "/later/a"}, {"3", "3"}), Statuses(2, api_status_ok));
+    restart_after_kill();
+    EXPECT_EQ(client->get("/kept/a"), "3");
+    EXPECT_EQ(client->get("/kept/b"), "1");
+    EXPECT_EQ(client->list("/"), (Names{"Software", "kept", "later"}));
+}
+
+TEST_P(FailingDiskTest, WhatWasRefusedIsNotThereAfterAKillEither) {
+    fail();
+    expect_refused();
+    // The disk stays ill until the service is dead.
+    client.reset();
+    tavd->signal(SIGKILL);
+    tavd->wait();
+    recover();
+    start(on_disk);
+    client = std::make_unique<Client>();
+    expect_unchanged();
+}
+
+TEST_P(FailingDiskTest, ItCanBeStoppedAndStartedAgain) {
+    fail();
+    expect_refused();
+    client.reset();
+    EXPECT_EQ(stop(), 0);
+    recover();
+    start(on_disk);
+    client = std::make_unique<Client>();
+    expect_unchanged();
+    EXPECT_EQ(client->set("/kept/a", "4"), api_status_ok);
+}
+
+namespace {
+
+// A file system of half a megabyte that only the service sees; the test looks into it through the
+// service's root directory.
+class FullDiskTest : public StoreTest {
+protected:
+    void SetUp() override {
+        if (run(dir, {"/usr/bin/unshare", "-rm", "true"}).status != 0) {
+            GTEST_SKIP() << "no right to make a mount namespace";
+        }
+        prefix = {"/usr/bin/unshare",
+                  "-rm",
+                  "/bin/sh",
+                  "-c",
+                  "mkdir \"$0\" && mount -t tmpfs -o size=512k none \"$0\" && exec \"$@\"",
+                  mounted};
+        start({"--database", mounted + "/store.db"});
+    }
+    std::string seen_from_here(const std::string &name) const {
+        return "/proc/" + std::to_string(tavd->pid()) + "/root" + mounted + "/" + name;
+    }
+
+    const std::string mounted = dir.file("small");
+};
+
+} // namespace
+
+TEST_F(FullDiskTest, WritesAreRefusedUntilThereIsRoom) {
+    std::ofstream(seen_from_here("ballast")) << std::string(std::size_t{200} << 10, 'x');
+    Client client;
+    const auto big = [&client](int number) {
+        return client.set("/n/" + std::to_string(number), std::string(60000, 'v'));
+    };
+    int stored = 0;
+    while (stored < 100 && big(stored) == api_status_ok) {
+        ++stored;
+    }
+    ASSERT_LT(stored, 100);
+    EXPECT_EQ(big(stored), api_status_failed);
+    EXPECT_EQ(client.list("/n").size(), static_cast<std::size_t>(stored));
+    EXPECT_TRUE(tavd->wait_for_error_text("disk is full"));
+    ASSERT_EQ(std::remove(seen_from_here("ballast").c_str()), 0);
+    EXPECT_EQ(big(stored), api_status_ok);
+    EXPECT_EQ(client.list("/n").size(), static_cast<std::size_t>(stored) + 1);
+    EXPECT_EQ(client.get("/n/0"), std::string(60000, 'v'));
+}

@@ -1,0 +1,70 @@
+// Stands between the service and the C library and makes writing to files fail. What fails stands
+// in the file that the environment's TAV_DISK_FAULT names, and may change at any time: "write N" or
+// "sync N" makes every such call fail with errno N; nothing fails while there is no such file.
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include <dlfcn.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+template <typename Function>
+Function next_function(const char *name) {
+    void *const found = dlsym(RTLD_NEXT, name);
+    Function function = nullptr;
+    std::memcpy(&function, &found, sizeof function);
+    return function;
+}
+
+bool is_regular_file(int fd) {
+    struct stat info {};
+    return fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+}
+
+// Sets errno and gives true when this kind of call is to fail now.
+bool fails(const char *kind) {
+    const char *const plan = std::getenv("TAV_DISK_FAULT");
+    std::FILE *const file = plan != nullptr ? std::fopen(plan, "re") : nullptr;
+    if (file == nullptr) {
+        return false;
+    }
+    char planned[16] = {};
+    int error = 0;
+    const int read = std::fscanf(file, "%15s %d", planned, &error);
+    std::fclose(file);
+    if (read != 2 || std::strcmp(planned, kind) != 0) {
+        return false;
+    }
+    errno = error;
+    return true;
+}
+
+} // namespace
+
+extern "C" {
+
+ssize_t pwrite(int fd, const void *data, size_t size, off_t offset) {
+    static const auto next = next_function<ssize_t (*)(int, const void *, size_t, off_t)>("pwrite");
+    return is_regular_file(fd) && fails("write") ? -1 : next(fd, data, size, offset);
+}
+
+ssize_t pwrite64(int fd, const void *data, size_t size, off64_t offset) {
+    static const auto next =
+        next_function<ssize_t (*)(int, const void *, size_t, off64_t)>("pwrite64");
+    return is_regular_file(fd) && fails("write") ? -1 : next(fd, data, size, offset);
+}
+
+int fsync(int fd) {
+    static const auto next = next_function<int (*)(int)>("fsync");
+    return fails("sync") ? -1 : next(fd);
+}
+
+int fdatasync(int fd) {
+    static const auto next = next_function<int (*)(int)>("fdatasync");
+    return fails("sync") ? -1 : next(fd);
+}
+}
