@@ -142,11 +142,18 @@ bool FaultyService::stage(Session &session, const Request &request, std::string_
         reply.clear();
     } else {
         if (plan.mode() == Mode::cut && !reply.empty()) {
-            reply.resize(1 + plan.below(reply.size() - 1));
+            cut(reply);
         }
         end(session, victims.at(session.ticket().session));
     }
     return true;
+}
+
+// The service's farewell follows what was sent. The reply announces so much that it stays
+// incomplete with it.
+void FaultyService::cut(std::string &reply) {
+    reply.replace(0, tav::length_bytes, std::string("\0\xff\xff\xff", tav::length_bytes));
+    reply.resize(tav::length_bytes + plan.below(reply.size() - tav::length_bytes));
 }
 
 bool FaultyService::refuse(Session &session, const Request &request, std::string_view body,

@@ -39,6 +39,7 @@ private:
     bool register_with_own_changes(tav::Session &session, const Request &request,
                                    std::string &reply);
     void garble(std::string &reply);
+    void cut(std::string &reply);
     void alter_events(tav::Session &session, Victim &victim, bool struck, std::string &reply);
     void make_readable(tav::Session &session, const Victim &victim);
     void end(tav::Session &session, const Victim &victim);

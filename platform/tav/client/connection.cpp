@@ -4,12 +4,23 @@
 #include <cstring>
 
 #include "client/report.h"
-#include "client/stream.h"
 #include "protocol/messages.h"
 
 namespace tav {
 
 using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr const char *malformed_reply = "the service sent a malformed reply";
+
+bool report_failure(const std::string &path, const char *why) {
+    report(report_unreachable, "cannot connect to the settings service at %s: %s", path.c_str(),
+           why);
+    return false;
+}
+
+} // namespace
 
 std::unique_ptr<Connection> Connection::open(const std::string &path,
                                              std::chrono::milliseconds limit) {
@@ -27,71 +38,86 @@ std::unique_ptr<Connection> Connection::open(const std::string &path,
 // Opens the connection for calls, is given a ticket, and presents it on the second connection.
 bool Connection::establish(const std::string &path) {
     const Clock::time_point deadline = Clock::now() + limit;
-    const auto failed = [&path](const char *why) {
-        report(report_unreachable, "cannot connect to the settings service at %s: %s", path.c_str(),
-               why);
-        return false;
-    };
-
-    calls = connect_stream(path, deadline);
-    if (!calls.valid()) {
-        return failed(std::strerror(errno));
-    }
     Writer hello = request(Op::hello);
     put(hello, Hello{magic, protocol_version});
-    std::string_view body;
     std::string_view reply;
-    StreamResult result = send_all(calls.get(), hello.finish(), deadline);
-    if (result == StreamResult::done) {
-        result = receive_frame(calls.get(), received, body, deadline);
-    }
-    if (result != StreamResult::done) {
-        return failed(describe(result));
+    if (!greet(path, hello, calls, reply, deadline)) {
+        return false;
     }
     Ticket ticket;
-    if (!take_reply(body, reply)) {
-        return failed("the service sent a malformed reply");
-    }
     Reader content(reply);
     get(content, ticket);
     if (!content.finished()) {
-        return failed("the service sent a malformed reply");
+        return report_failure(path, malformed_reply);
     }
 
-    UniqueFd second = connect_stream(path, deadline);
-    if (!second.valid()) {
-        return failed(std::strerror(errno));
-    }
     Writer attach = request(Op::attach);
     put(attach, Hello{magic, protocol_version});
     put(attach, ticket);
-    result = send_all(second.get(), attach.finish(), deadline);
-    if (result == StreamResult::done) {
-        // Reads this frame and not one byte more: what follows are wake-ups.
-        result = receive_frame(second.get(), received, body, deadline);
+    UniqueFd second;
+    if (!greet(path, attach, second, reply, deadline)) {
+        return false;
     }
-    if (result != StreamResult::done) {
-        return failed(describe(result));
-    }
-    if (!take_reply(body, reply) || !reply.empty()) {
-        return failed("the service sent a malformed reply");
+    if (!reply.empty()) {
+        return report_failure(path, malformed_reply);
     }
     wake.adopt(std::move(second));
     return true;
 }
 
+// Makes one connection and the first exchange on it. False after reporting why it failed.
+bool Connection::greet(const std::string &path, Writer &greeting, UniqueFd &socket,
+                       std::string_view &reply, Deadline deadline) {
+    socket = connect_stream(path, deadline);
+    if (!socket.valid()) {
+        return report_failure(path, std::strerror(errno)); // NOLINT(concurrency-mt-unsafe)
+    }
+    std::string_view body;
+    const StreamResult result = converse(socket.get(), greeting.finish(), body, deadline);
+    if (result != StreamResult::done) {
+        return report_failure(path, describe(result));
+    }
+    std::string why;
+    return take_reply(body, reply, why) || report_failure(path, why.c_str());
+}
+
 Writer Connection::request(Op op) {
     Writer writer;
-    put(writer, RequestHeader{op, ++serial});
+    if (++serial == farewell_serial) {
+        ++serial;
+    }
+    put(writer, RequestHeader{op, serial});
     return writer;
 }
 
-// Checks the header of a reply, drains what it acknowledges, and leaves the content.
-bool Connection::take_reply(std::string_view body, std::string_view &reply) {
+// Sends a frame and receives one, and not one byte more: on the wake-up connection what follows are
+// wake-ups. A service that ends the connection may have said why before, so that what it has sent
+// counts also when nothing can be sent to it any more.
+StreamResult Connection::converse(int fd, const std::string &frame, std::string_view &body,
+                                  Deadline deadline) {
+    const StreamResult sent = send_all(fd, frame, deadline);
+    if (sent != StreamResult::done && sent != StreamResult::closed) {
+        return sent;
+    }
+    return receive_frame(fd, received, body, deadline);
+}
+
+// Checks the header of a reply, drains what it acknowledges, and leaves the content. False with the
+// reason in `why`.
+bool Connection::take_reply(std::string_view body, std::string_view &reply, std::string &why) {
     constexpr std::size_t header_bytes = 5;
+    why = malformed_reply;
     Reader reader(body);
     ReplyHeader header;
     get(reader, header);
+    if (reader.ok() && header.serial == farewell_serial) {
+        Farewell farewell;
+        get(reader, farewell);
+        if (reader.finished()) {
+            why = farewell.reason;
+        }
+        return false;
+    }
     if (!reader.ok() || header.serial != serial) {
         return false;
     }
@@ -103,18 +129,15 @@ bool Connection::take_reply(std::string_view body, std::string_view &reply) {
 }
 
 bool Connection::call(const std::string &frame, std::string_view &reply) {
-    const Clock::time_point deadline = Clock::now() + limit;
-    StreamResult result = send_all(calls.get(), frame, deadline);
     std::string_view body;
-    if (result == StreamResult::done) {
-        result = receive_frame(calls.get(), received, body, deadline);
-    }
+    const StreamResult result = converse(calls.get(), frame, body, Clock::now() + limit);
     if (result != StreamResult::done) {
         lose(describe(result));
         return false;
     }
-    if (!take_reply(body, reply)) {
-        malformed();
+    std::string why;
+    if (!take_reply(body, reply, why)) {
+        lose(why.c_str());
         return false;
     }
     return true;
@@ -138,7 +161,7 @@ bool Connection::exchange(Op op, Writer &request, std::string_view &reply) {
 }
 
 void Connection::malformed() {
-    lose("the service sent a malformed reply");
+    lose(malformed_reply);
 }
 
 // After this every call fails at once: a reply that comes too late can never be taken for the

@@ -11,6 +11,7 @@
 
 #include "client/descriptor.h"
 #include "client/export.h"
+#include "client/stream.h"
 #include "client/unique_fd.h"
 #include "protocol/codec.h"
 #include "protocol/protocol.h"
@@ -44,8 +45,12 @@ private:
     explicit Connection(std::chrono::milliseconds call_limit) : limit(call_limit) {}
 
     bool establish(const std::string &path);
+    StreamResult converse(int fd, const std::string &frame, std::string_view &body,
+                          Deadline deadline);
+    bool greet(const std::string &path, Writer &greeting, UniqueFd &socket, std::string_view &reply,
+               Deadline deadline);
     bool call(const std::string &frame, std::string_view &reply);
-    bool take_reply(std::string_view body, std::string_view &reply);
+    bool take_reply(std::string_view body, std::string_view &reply, std::string &why);
     void lose(const char *why);
 
     std::chrono::milliseconds limit;

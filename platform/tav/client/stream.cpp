@@ -56,7 +56,7 @@ StreamResult receive_exactly(int fd, std::string &buffer, std::size_t wanted,
         buffer.resize(before + (got > 0 ? static_cast<std::size_t>(got) : 0));
         if (got > 0) {
             wanted -= static_cast<std::size_t>(got);
-        } else if (got == 0) {
+        } else if (got == 0 || (got < 0 && error == ECONNRESET)) {
             return StreamResult::closed;
         } else if (again(error)) {
             if (!wait_for(fd, POLLIN, deadline)) {

@@ -26,6 +26,8 @@ constexpr std::size_t elements = 1000000;
 // One frame without its length field. A longer announcement ends the connection; what would not
 // fit gets api_status_too_large, a request from the library and an answer from the service.
 constexpr std::size_t frame_bytes = std::size_t{16} << 20;
+// The first frame of a connection, length field included.
+constexpr std::size_t greeting_bytes = 64;
 // Paths of one call.
 constexpr std::size_t paths_per_request = 200000;
 // Elements that one page of a dump aims at, in bytes; a page ends with the element that passes it.
@@ -37,10 +39,22 @@ constexpr std::size_t dump_page_bytes = std::size_t{4} << 20;
 constexpr std::size_t pending_events = 100000;
 constexpr std::size_t pending_bytes = std::size_t{12} << 20;
 
-// Event registrations of one client, and connections in all (a client has two). A connection beyond
-// the limit is closed at once.
+// Event registrations of one client. api_status_too_many_registrations.
 constexpr std::size_t registrations_per_client = 64;
+// Connections in all and of one user (a client has two). The last ones are kept for root and the
+// user that the service runs as. api_status_too_many_connections.
 constexpr std::size_t connections = 1024;
+constexpr std::size_t connections_kept = 128;
+constexpr std::size_t connections_per_user = 256;
+
+// What the service has received of requests, not yet sent of replies, and keeps of events, for all
+// clients together. Beyond it the service ends the connection of the client that it holds most for,
+// of those of the user that it holds most for.
+constexpr std::size_t held_bytes = std::size_t{128} << 20;
+
+// Requests of one client in a second while others are served, too. Beyond it the service does not
+// read from the client for a while.
+constexpr std::size_t requests_per_second = 20000;
 
 // Watchdog names, and the departed watchdogs that are remembered for display.
 constexpr std::size_t watchdog_name_bytes = 64;

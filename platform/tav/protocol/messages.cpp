@@ -67,6 +67,15 @@ void get(Reader &in, ReplyHeader &value) {
     value.drain = get_bool(in);
 }
 
+void put(Writer &out, const Farewell &value) {
+    put(out, value.status);
+    out.text(value.reason);
+}
+void get(Reader &in, Farewell &value) {
+    get(in, value.status);
+    value.reason = in.text();
+}
+
 void put(Writer &out, const Hello &value) {
     out.u32(value.magic);
     out.u32(value.version);
@@ -205,6 +214,7 @@ void put(Writer &out, const ClientStatus &value) {
     out.u64(value.session);
     out.u32(value.pid);
     out.u32(value.uid);
+    put_bool(out, value.may_write);
     out.u32(value.registrations);
     out.u64(value.pending);
     put_bool(out, value.signalled);
@@ -213,6 +223,7 @@ void get(Reader &in, ClientStatus &value) {
     value.session = in.u64();
     value.pid = in.u32();
     value.uid = in.u32();
+    value.may_write = get_bool(in);
     value.registrations = in.u32();
     value.pending = in.u64();
     value.signalled = get_bool(in);
@@ -238,25 +249,42 @@ void get(Reader &in, WatchdogStatus &value) {
     value.state = static_cast<WatchdogState>(state);
 }
 
+void put(Writer &out, const LimitStatus &value) {
+    out.text(value.name);
+    out.u64(value.used);
+    out.u64(value.limit);
+    out.u64(value.refused);
+}
+void get(Reader &in, LimitStatus &value) {
+    value.name = in.text();
+    value.used = in.u64();
+    value.limit = in.u64();
+    value.refused = in.u64();
+}
+
 void put(Writer &out, const ServiceStatus &value) {
     out.u32(value.pid);
     out.text(value.database);
+    out.text(value.durability);
     out.u64(value.uptime);
     out.u64(value.revision);
     out.u64(value.nodes);
     out.u64(value.leaves);
     out.u64(value.overflowed);
+    put_all(out, value.limits);
     put_all(out, value.clients);
     put_all(out, value.watchdogs);
 }
 void get(Reader &in, ServiceStatus &value) {
     value.pid = in.u32();
     value.database = in.text();
+    value.durability = in.text();
     value.uptime = in.u64();
     value.revision = in.u64();
     value.nodes = in.u64();
     value.leaves = in.u64();
     value.overflowed = in.u64();
+    get_all(in, value.limits);
     get_all(in, value.clients);
     get_all(in, value.watchdogs);
 }

@@ -44,6 +44,13 @@ struct ReplyHeader {
     bool drain = false;
 };
 
+// The content of the frame with the serial number farewell_serial, the last one of a connection:
+// why the service ends it, or never took it.
+struct Farewell {
+    api_status_t status = api_status_none;
+    std::string reason; // a sentence for the client's report
+};
+
 // Opens a client's connection for calls. Answered with a Ticket.
 struct Hello {
     std::uint32_t magic = 0;
@@ -110,6 +117,7 @@ struct ClientStatus {
     std::uint64_t session = 0;
     std::uint32_t pid = 0;
     std::uint32_t uid = 0;
+    bool may_write = false;
     std::uint32_t registrations = 0;
     std::uint64_t pending = 0; // events
     bool signalled = false;    // its descriptor is readable
@@ -125,14 +133,25 @@ struct WatchdogStatus {
     WatchdogState state = WatchdogState::fine;
 };
 
+// One of the store's limits. `used`: what counts against it now, or, of the sizes of single things
+// and of what one client or user may have, the largest since the service started.
+struct LimitStatus {
+    std::string name;
+    std::uint64_t used = 0;
+    std::uint64_t limit = 0;
+    std::uint64_t refused = 0; // how often somebody met the limit since the service started
+};
+
 struct ServiceStatus {
     std::uint32_t pid = 0;
     std::string database;     // file name, empty when the store lives in memory only
+    std::string durability;   // what a commit promises: "full", "normal" or "none"
     std::uint64_t uptime = 0; // seconds
     std::uint64_t revision = 0;
     std::uint64_t nodes = 0;
     std::uint64_t leaves = 0;
     std::uint64_t overflowed = 0; // clients disconnected for not fetching their events
+    std::vector<LimitStatus> limits;
     std::vector<ClientStatus> clients;
     std::vector<WatchdogStatus> watchdogs;
 };
@@ -141,6 +160,8 @@ void put(Writer &out, const RequestHeader &value);
 void get(Reader &in, RequestHeader &value);
 void put(Writer &out, const ReplyHeader &value);
 void get(Reader &in, ReplyHeader &value);
+void put(Writer &out, const Farewell &value);
+void get(Reader &in, Farewell &value);
 void put(Writer &out, const Hello &value);
 void get(Reader &in, Hello &value);
 void put(Writer &out, const Ticket &value);
@@ -169,6 +190,8 @@ void put(Writer &out, const ClientStatus &value);
 void get(Reader &in, ClientStatus &value);
 void put(Writer &out, const WatchdogStatus &value);
 void get(Reader &in, WatchdogStatus &value);
+void put(Writer &out, const LimitStatus &value);
+void get(Reader &in, LimitStatus &value);
 void put(Writer &out, const ServiceStatus &value);
 void get(Reader &in, ServiceStatus &value);
 void put(Writer &out, api_status_t value);

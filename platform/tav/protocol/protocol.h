@@ -19,6 +19,10 @@ constexpr std::uint32_t protocol_version = 1;
 // A frame: its length without these four bytes, most significant byte first, then the body.
 constexpr std::size_t length_bytes = 4;
 
+// The serial number of the frame with which the service ends a connection and says why. A client's
+// own serial numbers begin at 1.
+constexpr std::uint32_t farewell_serial = 0;
+
 // What a request asks for. The first two open the two connections of a client, the first of them
 // the one for calls, the second the one whose only later content is wake-up bytes.
 enum class Op : std::uint8_t {
@@ -48,6 +52,9 @@ enum class ItemKind : std::uint8_t {
 
 // The byte that makes a client's descriptor readable.
 constexpr char wake_byte = 'w';
+
+// A client that has not opened both of its connections within this time is disconnected.
+constexpr std::chrono::milliseconds greeting_time{5000};
 
 // After a wake-up that only a ping acknowledged the next one waits this long; after a request other
 // than a ping the next one waits until this long has passed without another request, ...

@@ -26,6 +26,8 @@ public:
 
     std::size_t size() const { return entries.size(); }
     bool empty() const { return entries.empty(); }
+    // Of the events as they will be sent.
+    std::size_t size_bytes() const { return bytes; }
 
 private:
     struct Entry {

@@ -2,6 +2,7 @@
 #include <getopt.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -13,6 +14,7 @@
 #include <string>
 
 #include "protocol/protocol.h"
+#include "service/access.h"
 #include "service/listener.h"
 #include "service/log.h"
 #include "service/server.h"
@@ -25,21 +27,43 @@ constexpr int exit_failure = 1;
 constexpr int exit_usage = 2;
 
 const char usage[] =
-    "Usage: tavd (--database FILE | --memory) [--socket PATH] [--socket-mode MODE]\n"
+    "Usage: tavd (--database FILE [--durability MODE] | --memory) [OPTION]...\n"
     "\n"
     "Serves the settings store until SIGTERM, SIGINT or SIGHUP.\n"
     "\n"
-    "  --database FILE     keep the settings in FILE, which is created when it does not exist\n"
-    "  --memory            keep the settings in memory only\n"
-    "  --socket PATH       listen at PATH (else TAV_SOCKET, else /run/tav/tav.sock)\n"
-    "  --socket-mode MODE  permissions of the socket, octal (0660)\n"
-    "  --help              print this text\n"
+    "Where the settings are kept. Whatever is chosen, a write is answered only once it is done, "
+    "and\n"
+    "it is done whole or not at all.\n"
+    "  --database FILE      in FILE, which is created when it does not exist. What was answered\n"
+    "                       survives the death of the service.\n"
+    "  --durability full    it survives a crash of the machine and a power cut as well (the "
+    "default)\n"
+    "  --durability normal  these may cost the last writes before them: never one but the last "
+    "ones,\n"
+    "                       never half of one. Faster, and easier on flash memory.\n"
+    "  --memory             in memory: they are gone with the service\n"
+    "\n"
+    "Who may use them: root and the user that the service runs as, and with\n"
+    "  --write-group NAME   whoever is in this group\n"
+    "  --read-group NAME    whoever is in this group, though without changing anything. When both\n"
+    "                       are given the socket is this group's, and writers are in it, too.\n"
+    "\n"
+    "Where they are served:\n"
+    "  --socket PATH        at PATH (else TAV_SOCKET, else /run/tav/tav.sock). A directory that "
+    "is\n"
+    "                       missing is made, with mode 0750.\n"
+    "  --socket-mode MODE   with these permissions of the socket, octal (0660)\n"
+    "\n"
+    "  --help               print this text\n"
     "\n"
     "Exit status: 0 ended by a signal, 1 failed (the reason is on standard error), 2 usage.\n";
 
 struct Options {
     std::string socket;
     std::string database;
+    std::optional<tav::Durability> durability; // only with a database
+    std::string write_group;
+    std::string read_group;
     bool memory = false;
     bool help = false;
     mode_t mode = 0660;
@@ -54,9 +78,60 @@ std::optional<mode_t> parse_mode(const char *text) {
     return static_cast<mode_t>(mode);
 }
 
+std::optional<tav::Durability> parse_durability(const std::string &text) {
+    if (text == "full") {
+        return tav::Durability::full;
+    }
+    if (text == "normal") {
+        return tav::Durability::normal;
+    }
+    return std::nullopt;
+}
+
+// Takes over one option with its argument; false when it is wrong, which has been said then.
+bool take(int found, const char *argument, Options &options) {
+    switch (found) {
+    case 'd':
+        options.database = argument;
+        return true;
+    case 'D':
+        options.durability = parse_durability(argument);
+        if (!options.durability) {
+            tav::log_line("'%s' is no durability: full or normal", argument);
+        }
+        return options.durability.has_value();
+    case 'm':
+        options.memory = true;
+        return true;
+    case 's':
+        options.socket = argument;
+        return true;
+    case 'w':
+        options.write_group = argument;
+        return true;
+    case 'r':
+        options.read_group = argument;
+        return true;
+    case 'p': {
+        const std::optional<mode_t> mode = parse_mode(argument);
+        if (!mode) {
+            tav::log_line("'%s' is not an octal mode", argument);
+            return false;
+        }
+        options.mode = *mode;
+        return true;
+    }
+    default:
+        return false;
+    }
+}
+
 // Empty when the command line is wrong, which has been said then.
 std::optional<Options> parse(int argc, char **argv) {
     static const option known[] = {{"database", required_argument, nullptr, 'd'},
+                                   {"durability", required_argument, nullptr, 'D'},
+                                   {"write-group", required_argument, nullptr, 'w'},
+                                   {"read-group", required_argument, nullptr, 'r'},
                                    {"memory", no_argument, nullptr, 'm'},
                                    {"socket", required_argument, nullptr, 's'},
                                    {"socket-mode", required_argument, nullptr, 'p'},
@@ -67,34 +142,20 @@ std::optional<Options> parse(int argc, char **argv) {
     options.socket = variable != nullptr && *variable != '\0' ? variable : tav::default_socket;
     int found = 0;
     while ((found = getopt_long(argc, argv, "h", known, nullptr)) != -1) {
-        switch (found) {
-        case 'd':
-            options.database = optarg;
-            break;
-        case 'm':
-            options.memory = true;
-            break;
-        case 's':
-            options.socket = optarg;
-            break;
-        case 'p': {
-            const std::optional<mode_t> mode = parse_mode(optarg);
-            if (!mode) {
-                tav::log_line("'%s' is not an octal mode", optarg);
-                return std::nullopt;
-            }
-            options.mode = *mode;
-            break;
-        }
-        case 'h':
+        if (found == 'h') {
             options.help = true;
             return options;
-        default:
+        }
+        if (!take(found, optarg, options)) {
             return std::nullopt;
         }
     }
     if (optind != argc || options.memory == !options.database.empty()) {
         tav::log_line("exactly one of --database and --memory is needed, and nothing else");
+        return std::nullopt;
+    }
+    if (options.memory && options.durability) {
+        tav::log_line("--durability is for a --database: --memory promises nothing");
         return std::nullopt;
     }
     return options;
@@ -123,19 +184,36 @@ void raise_descriptor_limit() {
     }
 }
 
+tav::Rights rights_of(const Options &options) {
+    tav::Rights rights;
+    rights.owner = ::geteuid();
+    if (!options.write_group.empty()) {
+        rights.write_group = tav::group_named(options.write_group);
+    }
+    if (!options.read_group.empty()) {
+        rights.read_group = tav::group_named(options.read_group);
+    }
+    return rights;
+}
+
 void serve(const Options &options) {
+    // What others may not ask the service for they may not read in its files either.
+    ::umask(027);
+    const tav::Rights rights = rights_of(options);
     const tav::UniqueFd signals = catch_signals();
     if (!signals.valid()) {
         throw std::runtime_error("no signalfd");
     }
     raise_descriptor_limit();
     // Claimed first: whoever is second hears that, and not that the database is in use.
-    tav::Listener listener(options.socket);
-    const auto store = options.memory ? std::make_unique<tav::Store>()
-                                      : std::make_unique<tav::Store>(options.database);
+    tav::Listener listener(options.socket, rights.socket_group());
+    const auto store =
+        options.memory ? std::make_unique<tav::Store>()
+                       : std::make_unique<tav::Store>(
+                             options.database, options.durability.value_or(tav::Durability::full));
     const auto service = tav::make_service(*store, options.database);
     listener.listen(options.mode);
-    tav::Server server(*service, listener, signals.get());
+    tav::Server server(*service, listener, signals.get(), rights);
     tav::log_line("serving on %s (%s%s)", options.socket.c_str(),
                   options.memory ? "memory only" : "database ", options.database.c_str());
     server.run();

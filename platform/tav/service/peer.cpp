@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 
+#include <array>
 #include <cerrno>
 
 namespace tav {
@@ -26,14 +27,21 @@ bool temporary(int error) {
 } // namespace
 
 bool Peer::receive() {
+    // Shared by all, so that a connection holds no more than what it was sent.
+    static std::array<char, read_step> buffer;
+    const ssize_t got = ::recv(socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (got <= 0) {
+        return got < 0 && temporary(errno);
+    }
     input.erase(0, consumed);
     consumed = 0;
-    const std::size_t before = input.size();
-    input.resize(before + read_step);
-    const ssize_t got = ::recv(socket.get(), &input[before], read_step, MSG_DONTWAIT);
-    const int error = errno;
-    input.resize(before + (got > 0 ? static_cast<std::size_t>(got) : 0));
-    return got > 0 || (got < 0 && temporary(error));
+    input.append(buffer.data(), static_cast<std::size_t>(got));
+    return true;
+}
+
+bool Peer::has_request() const {
+    std::string_view body;
+    return request(body) != FrameState::incomplete;
 }
 
 FrameState Peer::request(std::string_view &body) const {

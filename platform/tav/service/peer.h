@@ -9,6 +9,8 @@
 #include "client/unique_fd.h"
 #include "protocol/codec.h"
 #include "protocol/protocol.h"
+#include "service/access.h"
+#include "service/rate.h"
 
 namespace tav {
 
@@ -20,7 +22,8 @@ public:
         wake,     // a client's wake-up connection: sends nothing any more
     };
 
-    explicit Peer(UniqueFd connected) : socket(std::move(connected)) {}
+    Peer(UniqueFd connected, Credentials other, bool writer, Time now)
+        : who(std::move(other)), may_write(writer), accepted(now), socket(std::move(connected)) {}
 
     int fd() const { return socket.get(); }
 
@@ -30,7 +33,12 @@ public:
     // consume().
     FrameState request(std::string_view &body) const;
     void consume(std::string_view body);
-    bool has_input() const { return consumed < input.size(); }
+    // There is something to be looked at: a complete request, or one that is too large.
+    bool has_request() const;
+    // Bytes of requests that were received and not consumed, and of replies that were not sent.
+    std::size_t held() const { return input.size() - consumed + output.size() - sent; }
+    // A client's connection that is ready for use.
+    bool established() const { return attached || role == Role::wake; }
 
     // Queues a frame. There is at most one: further requests wait until it was sent, so that a
     // client that does not read its replies costs no more than one of them.
@@ -41,9 +49,14 @@ public:
     // Sends one byte at once, past the queue. False when the connection is over or blocked.
     bool send_byte(char byte) const;
 
+    const Credentials who;
+    const bool may_write;
+    const Time accepted;
     Role role = Role::stranger;
     std::uint64_t session = 0; // 0: none
     bool attached = false;     // calls: the wake-up connection is there
+    bool waiting = false;      // will have its turn without its socket being ready
+    Rate rate;
 
 private:
     UniqueFd socket;

@@ -1,7 +1,6 @@
 #include "service/server.h"
 
 #include <sys/epoll.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -19,24 +18,17 @@ namespace {
 
 constexpr std::uint64_t listener_id = 0;
 constexpr std::uint64_t signals_id = 1;
-// How long to leave waiting connections alone when there are no descriptors left.
-constexpr std::chrono::milliseconds accept_pause{100};
+// How long after its last request a client counts as one that is served.
+constexpr std::chrono::seconds lately{1};
 
 [[noreturn]] void fail(const char *what) {
     throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
 }
 
-ucred credentials(int fd) {
-    ucred peer{};
-    socklen_t length = sizeof peer;
-    ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length);
-    return peer;
-}
-
 } // namespace
 
-Server::Server(Service &served, const Listener &listening, int signals)
-    : service(served), listener(listening), signal_fd(signals),
+Server::Server(Service &served, const Listener &listening, int signals, const Rights &granted)
+    : service(served), listener(listening), signal_fd(signals), rights(granted),
       epoll(::epoll_create1(EPOLL_CLOEXEC)) {
     if (!epoll.valid()) {
         fail("epoll_create1");
@@ -62,6 +54,8 @@ void Server::run() {
         if (ready < 0 && errno != EINTR) {
             fail("epoll_wait");
         }
+        // Those that were waiting already come first.
+        give_turns();
         for (int i = 0; i < ready; ++i) {
             const PeerId id = events.at(static_cast<std::size_t>(i)).data.u64;
             if (id == signals_id) {
@@ -70,7 +64,7 @@ void Server::run() {
             if (id == listener_id) {
                 accept_all();
             } else {
-                serve_safely(id);
+                serve_safely(id, true);
             }
             // After each, not after all: a busy neighbour must not delay a wake-up.
             wake_clients();
@@ -79,57 +73,39 @@ void Server::run() {
             accept_again.reset();
             watch(listener.fd(), listener_id, EPOLLIN, EPOLL_CTL_MOD);
         }
+        end_throttles();
+        end_slow_greetings();
+        limit_held_bytes();
         service.watchdog().check(service.now());
         wake_clients();
     }
 }
 
-void Server::accept_all() {
-    constexpr int at_once = 32;
-    for (int i = 0; i < at_once; ++i) {
-        UniqueFd fd(::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-        if (!fd.valid()) {
-            if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
-                // The connection stays in the backlog, so the listener would be reported at once
-                // again and again.
-                log_line("cannot accept a connection: %s", std::strerror(errno));
-                accept_again = service.now() + accept_pause;
-                watch(listener.fd(), listener_id, 0, EPOLL_CTL_MOD);
-            }
-            return;
-        }
-        if (peers.size() >= limits::connections) {
-            log_line("too many connections, one was closed");
-            continue;
-        }
-        const PeerId id = next_peer++;
-        const Peer &peer = *(peers[id] = std::make_unique<Peer>(std::move(fd)));
-        try {
-            watch(peer.fd(), id, EPOLLIN, EPOLL_CTL_ADD);
-        } catch (const std::runtime_error &error) {
-            log_line("cannot serve a connection: %s", error.what());
-            drop(id);
-        }
-    }
-}
-
 // What one client asks for must not end the service for the others: there may be no memory for a
 // huge request, say. Whoever asked loses the connection.
-void Server::serve_safely(PeerId id) {
+void Server::serve_safely(PeerId id, bool ready) {
     try {
-        serve(id);
+        serve(id, ready);
     } catch (const std::exception &error) {
         log_line("a request failed (%s), its client was disconnected", error.what());
         drop(id);
     }
 }
 
-void Server::serve(PeerId id) {
+// `ready`: its socket is; otherwise it is the client's turn.
+void Server::serve(PeerId id, bool ready) {
     const auto found = peers.find(id);
     if (found == peers.end()) {
         return; // dropped earlier in this round
     }
     Peer &peer = *found->second;
+    if (peer.waiting && ready) {
+        if (throttled.count(id) > 0) {
+            drop(id); // all that is reported while it is not read from: the other side is gone
+        }
+        return;
+    }
+    peer.waiting = false;
     if (peer.has_output()) {
         if (!peer.flush()) {
             drop(id);
@@ -139,36 +115,77 @@ void Server::serve(PeerId id) {
             return;
         }
         watch(peer.fd(), id, EPOLLIN, EPOLL_CTL_MOD);
-    } else if (!peer.receive()) {
+    } else if (!peer.has_request() && !peer.receive()) {
         drop(id);
         return;
     }
-    serve_requests(id, peer);
+    serve_request(id, peer);
 }
 
-// Carries out what has arrived, for as long as the replies go out.
-void Server::serve_requests(PeerId id, Peer &peer) {
-    while (!peer.has_output()) {
-        std::string_view body;
-        const FrameState state = peer.request(body);
-        if (state == FrameState::incomplete) {
-            return;
-        }
-        const bool fine = state == FrameState::complete && handle(id, peer, body);
-        if (!fine) {
-            log_line("a client (session %llu) sent what is no request and was disconnected",
-                     static_cast<unsigned long long>(peer.session));
-            drop(id);
-            return;
-        }
-        peer.consume(body);
-        if (!peer.flush()) {
-            drop(id);
-            return;
-        }
+// Carries out one request, if there is one. What else has arrived has its turn later.
+void Server::serve_request(PeerId id, Peer &peer) {
+    std::string_view body;
+    const FrameState state = peer.request(body);
+    // A first frame is short. More from somebody who is not known is not worth keeping.
+    const bool endless = peer.role == Peer::Role::stranger && peer.held() > limits::greeting_bytes;
+    if (state == FrameState::incomplete && !endless) {
+        return;
     }
-    // One reply at a time: until this one is out, no further request is read.
-    watch(peer.fd(), id, EPOLLOUT, EPOLL_CTL_MOD);
+    if (state == FrameState::complete && is_throttled(id, peer)) {
+        return;
+    }
+    if (state == FrameState::too_large) {
+        service.usage().refuse(Limit::frame_bytes);
+    }
+    if (endless || state != FrameState::complete || !handle(id, peer, body)) {
+        dismiss(id, api_status_refused, "what the client sent is no request");
+        return;
+    }
+    service.usage().raise(Limit::frame_bytes, body.size());
+    peer.consume(body);
+    if (!peer.flush()) {
+        drop(id);
+        return;
+    }
+    if (peer.has_output()) {
+        // One reply at a time: until this one is out, no further request is read.
+        watch(peer.fd(), id, EPOLLOUT, EPOLL_CTL_MOD);
+        limit_held_bytes();
+    } else if (peer.has_request()) {
+        peer.waiting = true;
+        turns.push_back(id);
+    }
+}
+
+bool Server::others_served(std::uint64_t session, Time now) const {
+    return now - (session == last_served ? other_time : last_time) < lately;
+}
+
+// Leaves a client alone that has had its share, as long as there are others. It is not read from
+// then, so that it will have to wait itself.
+bool Server::is_throttled(PeerId id, Peer &peer) {
+    const Time now = service.now();
+    if (peer.role != Peer::Role::calls) {
+        return false;
+    }
+    if (!peer.rate.spent(now) || !others_served(peer.session, now)) {
+        return false;
+    }
+    service.usage().refuse(Limit::request_rate);
+    peer.waiting = true;
+    throttled[id] = peer.rate.renewal();
+    watch(peer.fd(), id, 0, EPOLL_CTL_MOD);
+    return true;
+}
+
+void Server::note_served(Peer &peer) {
+    peer.rate.count();
+    service.usage().raise(Limit::request_rate, peer.rate.per_second());
+    if (peer.session != last_served) {
+        other_time = last_time;
+        last_served = peer.session;
+    }
+    last_time = service.now();
 }
 
 bool Server::handle(PeerId id, Peer &peer, std::string_view body) {
@@ -178,6 +195,7 @@ bool Server::handle(PeerId id, Peer &peer, std::string_view body) {
     if (peer.role != Peer::Role::calls || !peer.attached) {
         return false;
     }
+    note_served(peer);
     std::string reply;
     Session &session = *service.sessions().at(peer.session);
     if (!service.handle(session, body, reply)) {
@@ -187,78 +205,40 @@ bool Server::handle(PeerId id, Peer &peer, std::string_view body) {
     return true;
 }
 
-// A connection's first frame says which of a client's two connections it is.
-bool Server::greet(PeerId id, Peer &peer, std::string_view body) {
-    Reader in(body);
-    RequestHeader header;
-    Hello hello;
-    get(in, header);
-    get(in, hello);
-    if (!in.ok() || hello.magic != magic || hello.version != protocol_version) {
-        return false;
+// One request of each client that has sent ahead.
+void Server::give_turns() {
+    for (std::size_t left = turns.size(); left > 0; --left) {
+        const PeerId id = turns.front();
+        turns.pop_front();
+        serve_safely(id, false);
+        wake_clients();
     }
-    Writer out;
-    put(out, ReplyHeader{header.serial, false});
-    if (header.op == Op::hello && in.finished()) {
-        const ucred who = credentials(peer.fd());
-        const Session &session = service.open(static_cast<std::uint32_t>(who.pid), who.uid);
-        peer.role = Peer::Role::calls;
-        peer.session = session.ticket().session;
-        connections[peer.session].calls = id;
-        put(out, session.ticket());
-    } else if (header.op == Op::attach) {
-        Ticket ticket;
-        get(in, ticket);
-        const Session *session = in.finished() ? service.find(ticket) : nullptr;
-        if (session == nullptr || connections[ticket.session].wake != 0) {
-            return false;
+}
+
+void Server::end_throttles() {
+    const Time now = service.now();
+    for (auto entry = throttled.begin(); entry != throttled.end();) {
+        if (entry->second > now) {
+            ++entry;
+            continue;
         }
-        peer.role = Peer::Role::wake;
-        peer.session = ticket.session;
-        connections[ticket.session].wake = id;
-        peers.at(connections[ticket.session].calls)->attached = true;
-    } else {
-        return false;
+        const auto found = peers.find(entry->first);
+        if (found != peers.end()) {
+            watch(found->second->fd(), entry->first, EPOLLIN, EPOLL_CTL_MOD);
+            turns.push_back(entry->first);
+        }
+        entry = throttled.erase(entry);
     }
-    peer.reply(out.finish());
-    return true;
-}
-
-void Server::drop(PeerId id) {
-    const auto found = peers.find(id);
-    if (found == peers.end()) {
-        return;
-    }
-    const std::uint64_t session = found->second->session;
-    peers.erase(found); // closing takes it out of epoll, too
-    if (session != 0) {
-        drop_session(session);
-    }
-}
-
-// A client's two connections live and die together.
-void Server::drop_session(std::uint64_t session) {
-    const auto found = connections.find(session);
-    if (found == connections.end()) {
-        return;
-    }
-    const Connections both = found->second;
-    connections.erase(found);
-    peers.erase(both.calls);
-    peers.erase(both.wake);
-    service.close(session);
 }
 
 // Sends the wake-up bytes that are due and ends the clients that let too many events wait.
 void Server::wake_clients() {
     const Time now = service.now();
     std::vector<std::uint64_t> broken;
+    std::vector<std::uint64_t> overfull;
     for (const auto &[number, session] : service.sessions()) {
         if (session->overflowed()) {
-            log_line("session %llu (process %u) does not fetch its events and was disconnected",
-                     static_cast<unsigned long long>(number), session->pid());
-            service.count_overflow();
-            broken.push_back(number);
+            overfull.push_back(number);
             continue;
         }
         const std::optional<Time> due = session->wake_due();
@@ -275,6 +255,11 @@ void Server::wake_clients() {
     for (const std::uint64_t number : broken) {
         drop_session(number);
     }
+    for (const std::uint64_t number : overfull) {
+        service.count_overflow(*service.sessions().at(number));
+        dismiss(connections.at(number).calls, api_status_refused,
+                "the client did not fetch its events");
+    }
 }
 
 std::optional<Time> Server::next_timer() const {
@@ -285,6 +270,15 @@ std::optional<Time> Server::next_timer() const {
         }
     };
     consider(accept_again);
+    if (!greeting.empty()) {
+        // All that were accepted are in this queue, so that the first one may be long gone: then
+        // the service only wakes up once for nothing.
+        const auto oldest = peers.find(greeting.front());
+        consider(oldest != peers.end() ? oldest->second->accepted + greeting_time : service.now());
+    }
+    for (const auto &[id, until] : throttled) {
+        consider(until);
+    }
     for (const auto &[number, session] : service.sessions()) {
         consider(session->wake_due());
     }
@@ -293,6 +287,9 @@ std::optional<Time> Server::next_timer() const {
 
 // Rounded up, so that the loop does not spin through the last millisecond.
 int Server::timeout() const {
+    if (!turns.empty()) {
+        return 0;
+    }
     const std::optional<Time> next = next_timer();
     if (!next) {
         return -1;

@@ -1,8 +1,12 @@
 // The service's event loop: connections, frames, wake-up bytes and timers, on one thread.
+//
+// Clients are served in turn, one request each, whatever one of them has sent ahead. Whoever makes
+// more requests than a share allows while others are served, too, is left alone for a while.
 #ifndef TAV_SERVICE_SERVER_H
 #define TAV_SERVICE_SERVER_H
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
@@ -10,6 +14,7 @@
 #include <vector>
 
 #include "client/unique_fd.h"
+#include "service/access.h"
 #include "service/listener.h"
 #include "service/peer.h"
 #include "service/service.h"
@@ -18,10 +23,10 @@ namespace tav {
 
 class Server {
 public:
-    // Serves `service` at `listener` until one of the signals arrives that `signals` (a signalfd)
-    // is made for. All three must outlive the server. Throws std::runtime_error when the loop
-    // cannot be set up.
-    Server(Service &served, const Listener &listening, int signals);
+    // Serves `service` at `listener` to those whom `granted` allows, until one of the signals
+    // arrives that `signals` (a signalfd) is made for. All three must outlive the server. Throws
+    // std::runtime_error when the loop cannot be set up.
+    Server(Service &served, const Listener &listening, int signals, const Rights &granted);
 
     // Returns when a signal asked for the end. Throws std::runtime_error when waiting fails.
     void run();
@@ -35,27 +40,53 @@ private:
         PeerId wake = 0;
     };
 
-    void accept_all();
+    // server.cpp: the loop and the requests.
     void watch(int fd, PeerId id, std::uint32_t events, int operation);
-    void serve_safely(PeerId id);
-    void serve(PeerId id);
-    void serve_requests(PeerId id, Peer &peer);
+    void serve_safely(PeerId id, bool ready);
+    void serve(PeerId id, bool ready);
+    void serve_request(PeerId id, Peer &peer);
+    bool is_throttled(PeerId id, Peer &peer);
+    bool others_served(std::uint64_t session, Time now) const;
+    void note_served(Peer &peer);
     bool handle(PeerId id, Peer &peer, std::string_view body);
-    bool greet(PeerId id, Peer &peer, std::string_view body);
-    void drop(PeerId id);
-    void drop_session(std::uint64_t session);
+    void give_turns();
+    void end_throttles();
     void wake_clients();
     std::optional<Time> next_timer() const;
     int timeout() const;
 
+    // connections.cpp: how they begin and end.
+    void accept_all();
+    void admit(UniqueFd fd);
+    const char *why_full(const Credentials &who);
+    bool greet(PeerId id, Peer &peer, std::string_view body);
+    bool attach(PeerId id, Peer &peer, const Ticket &ticket);
+    void end_slow_greetings();
+    void limit_held_bytes();
+    void dismiss(PeerId id, api_status_t status, const char *reason);
+    void drop(PeerId id);
+    void drop_session(std::uint64_t session);
+    void erase(PeerId id);
+
     Service &service;
     const Listener &listener;
     int signal_fd;
+    Rights rights;
     UniqueFd epoll;
     std::map<PeerId, std::unique_ptr<Peer>> peers;
     std::map<std::uint64_t, Connections> connections;
+    std::map<uid_t, std::size_t> user_connections;
     PeerId next_peer = 2; // 0 and 1 stand for the listener and the signals
     std::optional<Time> accept_again;
+
+    std::deque<PeerId> turns;         // have a complete request already
+    std::map<PeerId, Time> throttled; // until when
+    std::deque<PeerId> greeting;      // not established when they were accepted; oldest first
+
+    // Whose request was the last one, when it was, and when the last one of another client was.
+    std::uint64_t last_served = 0;
+    Time last_time;
+    Time other_time;
 };
 
 } // namespace tav

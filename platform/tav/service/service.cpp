@@ -27,9 +27,9 @@ Service::Service(Store &served, std::string database, Clock time_source)
     : store(served), database_name(std::move(database)), clock(std::move(time_source)),
       started(clock()) {}
 
-Session &Service::open(std::uint32_t pid, std::uint32_t uid) {
+Session &Service::open(const Credentials &peer, bool writer) {
     const Ticket ticket{next_session++, random_token()};
-    auto session = std::make_unique<Session>(ticket, pid, uid);
+    auto session = std::make_unique<Session>(ticket, peer, writer);
     return *(clients[ticket.session] = std::move(session));
 }
 
@@ -42,6 +42,12 @@ Session *Service::find(const Ticket &ticket) const {
 void Service::close(std::uint64_t session) {
     dog.depart(session);
     clients.erase(session);
+}
+
+void Service::count_overflow(const Session &session) {
+    ++overflows;
+    limits_used.refuse(session.pending_events() >= limits::pending_events ? Limit::pending_events
+                                                                          : Limit::pending_bytes);
 }
 
 bool Service::handle(Session &session, std::string_view body, std::string &reply) {
@@ -108,6 +114,11 @@ bool Service::dispatch(Session &session, Op op, Reader &in, Writer &out) {
     }
 }
 
+void Service::answer(Writer &out, api_status_t status) {
+    limits_used.count(status);
+    put(out, status);
+}
+
 bool Service::handle_read(Reader &in, Writer &out) {
     constexpr std::size_t empty_answer = 1;
     constexpr std::size_t value_overhead = 13; // type, length of the text, time
@@ -124,6 +135,7 @@ bool Service::handle_read(Reader &in, Writer &out) {
         if (out.size() + size + unanswered * empty_answer > limits::frame_bytes) {
             answer.status = api_status_too_large;
         }
+        limits_used.count(answer.status);
         put(out, answer);
         --unanswered;
     }
@@ -137,7 +149,7 @@ bool Service::handle_list(Reader &in, Writer &out) {
         return false;
     }
     std::vector<Child> children;
-    put(out, store.list(path, children));
+    answer(out, store.list(path, children));
     put_all(out, children);
     return true;
 }
@@ -148,9 +160,16 @@ bool Service::handle_transact(Session &session, Reader &in, Writer &out) {
     if (!in.finished()) {
         return false;
     }
+    if (!session.may_write()) {
+        put_all(out, std::vector<api_status_t>(items.size(), api_status_denied));
+        return true;
+    }
     const Outcome outcome =
         store.transact(items, [&session](const std::string &path) { return session.unseen(path); });
-    put_all(out, outcome.statuses);
+    out.u32(static_cast<std::uint32_t>(outcome.statuses.size()));
+    for (const api_status_t status : outcome.statuses) {
+        answer(out, status);
+    }
     const Time now = clock();
     for (const auto &[number, client] : clients) {
         for (const Event &event : outcome.events) {
@@ -166,7 +185,8 @@ bool Service::handle_register(Session &session, Reader &in, Writer &out) {
     if (!in.finished()) {
         return false;
     }
-    put(out, session.register_events(registration, clock()));
+    answer(out, session.register_events(registration, clock()));
+    limits_used.raise(Limit::registrations, session.status().registrations);
     return true;
 }
 
@@ -176,7 +196,7 @@ bool Service::handle_watchdog(Session &session, Reader &in, Writer &out) {
     if (!in.finished()) {
         return false;
     }
-    put(out, dog.announce(session.ticket().session, session.pid(), request, clock()));
+    answer(out, dog.announce(session.ticket().session, session.pid(), request, clock()));
     return true;
 }
 
@@ -192,7 +212,21 @@ bool Service::handle_dump(Reader &in, Writer &out) {
     return true;
 }
 
-void Service::put_status(Writer &out) const {
+void Service::note_usage() {
+    const Extents &largest = store.largest();
+    limits_used.set(Limit::path_bytes, largest.path_bytes);
+    limits_used.set(Limit::depth, largest.depth);
+    limits_used.set(Limit::name_bytes, largest.name_bytes);
+    limits_used.set(Limit::value_bytes, largest.value_bytes);
+    limits_used.set(Limit::children, largest.children);
+    limits_used.set(Limit::elements, store.tree().elements());
+    for (const auto &[number, client] : clients) {
+        limits_used.raise(Limit::pending_events, client->pending_events());
+        limits_used.raise(Limit::pending_bytes, client->pending_bytes());
+    }
+}
+
+void Service::put_status(Writer &out) {
     const Time now = clock();
     ServiceStatus status;
     status.pid = static_cast<std::uint32_t>(::getpid());
@@ -202,7 +236,10 @@ void Service::put_status(Writer &out) const {
     status.revision = store.revision();
     status.nodes = store.tree().node_count();
     status.leaves = store.tree().leaf_count();
+    status.durability = store.durability();
     status.overflowed = overflows;
+    note_usage();
+    status.limits = limits_used.status();
     for (const auto &[number, client] : clients) {
         status.clients.push_back(client->status());
     }

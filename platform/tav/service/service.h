@@ -11,6 +11,7 @@
 
 #include "service/session.h"
 #include "service/store.h"
+#include "service/usage.h"
 #include "service/watchdog.h"
 
 namespace tav {
@@ -27,8 +28,8 @@ public:
     Service &operator=(const Service &) = delete;
     virtual ~Service() = default;
 
-    // A new client. The session lives until close().
-    Session &open(std::uint32_t pid, std::uint32_t uid);
+    // A new client, which may read, and write if `writer`. The session lives until close().
+    Session &open(const Credentials &peer, bool writer);
     // The session a ticket was made out for, or null.
     Session *find(const Ticket &ticket) const;
     // The client is gone; the session is destroyed.
@@ -42,17 +43,21 @@ public:
     const Sessions &sessions() const { return clients; }
     Watchdog &watchdog() { return dog; }
     Time now() const { return clock(); }
+    // The limits' counts, for display: those of connections are the caller's to keep.
+    Usage &usage() { return limits_used; }
     // A client was disconnected because it did not fetch its events; counted for display.
-    void count_overflow() { ++overflows; }
+    void count_overflow(const Session &session);
 
 private:
     bool handle_read(Reader &in, Writer &out);
+    void answer(Writer &out, api_status_t status);
     bool handle_list(Reader &in, Writer &out);
     bool handle_transact(Session &session, Reader &in, Writer &out);
     bool handle_register(Session &session, Reader &in, Writer &out);
     bool handle_watchdog(Session &session, Reader &in, Writer &out);
     bool handle_dump(Reader &in, Writer &out);
-    void put_status(Writer &out) const;
+    void put_status(Writer &out);
+    void note_usage();
     bool dispatch(Session &session, Op op, Reader &in, Writer &out);
 
     Store &store;
@@ -63,6 +68,7 @@ private:
     Watchdog dog;
     std::uint64_t next_session = 1;
     std::uint64_t overflows = 0;
+    Usage limits_used;
 };
 
 // The service that the program serves with. Its definition is linked apart from everything else, so

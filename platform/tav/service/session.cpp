@@ -56,9 +56,15 @@ std::vector<Event> Session::fetch(Time now, bool &drain) {
 }
 
 ClientStatus Session::status() const {
-    return ClientStatus{
-        identity.session, process,         user, static_cast<std::uint32_t>(registrations.size()),
-        queue.size(),     wake.signalled()};
+    ClientStatus status;
+    status.session = identity.session;
+    status.pid = process;
+    status.uid = user;
+    status.may_write = writes;
+    status.registrations = static_cast<std::uint32_t>(registrations.size());
+    status.pending = queue.size();
+    status.signalled = wake.signalled();
+    return status;
 }
 
 } // namespace tav

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "service/access.h"
 #include "service/event_queue.h"
 #include "service/wake.h"
 
@@ -13,12 +14,14 @@ namespace tav {
 
 class Session {
 public:
-    Session(const Ticket &given, std::uint32_t peer_pid, std::uint32_t peer_uid)
-        : identity(given), process(peer_pid), user(peer_uid) {}
+    Session(const Ticket &given, const Credentials &peer, bool writer)
+        : identity(given), process(static_cast<std::uint32_t>(peer.pid)), user(peer.uid),
+          writes(writer) {}
 
     const Ticket &ticket() const { return identity; }
     std::uint32_t pid() const { return process; }
     std::uint32_t uid() const { return user; }
+    bool may_write() const { return writes; }
 
     // Registers, or changes the flag of the registration of that path, and queues the notice.
     api_status_t register_events(const Registration &registration, Time now);
@@ -35,6 +38,8 @@ public:
     std::optional<Time> wake_due() const { return wake.due(); }
     void wake_sent() { wake.sent(); }
 
+    std::size_t pending_events() const { return queue.size(); }
+    std::size_t pending_bytes() const { return queue.size_bytes(); }
     // More events than the limits allow were not fetched: the client must be disconnected.
     bool overflowed() const { return overflow; }
     ClientStatus status() const;
@@ -50,6 +55,7 @@ private:
     Ticket identity;
     std::uint32_t process;
     std::uint32_t user;
+    bool writes;
     std::vector<Registered> registrations;
     EventQueue queue;
     Wake wake;

@@ -1,4 +1,5 @@
 // status.
+#include <iomanip>
 #include <iostream>
 
 #include "client/admin.h"
@@ -29,16 +30,25 @@ void print_json(const ServiceStatus &status) {
     } else {
         add_text(all, "database", status.database);
     }
+    all["durability"] = status.durability;
     all["uptime_s"] = status.uptime;
     all["revision"] = status.revision;
     all["nodes"] = status.nodes;
     all["leaves"] = status.leaves;
     all["overflowed_clients"] = status.overflowed;
+    all["limits"] = Json::array();
+    for (const LimitStatus &limit : status.limits) {
+        all["limits"].push_back({{"name", limit.name},
+                                 {"used", limit.used},
+                                 {"limit", limit.limit},
+                                 {"refused", limit.refused}});
+    }
     all["clients"] = Json::array();
     for (const ClientStatus &client : status.clients) {
         all["clients"].push_back({{"session", client.session},
                                   {"pid", client.pid},
                                   {"uid", client.uid},
+                                  {"may_write", client.may_write},
                                   {"registrations", client.registrations},
                                   {"pending_events", client.pending},
                                   {"signalled", client.signalled}});
@@ -59,15 +69,26 @@ void print_json(const ServiceStatus &status) {
 void print_text(const ServiceStatus &status) {
     std::cout << "service    process " << status.pid << ", up " << status.uptime << " s\n"
               << "database   "
-              << (status.database.empty() ? "none, memory only" : shown(status.database)) << '\n'
+              << (status.database.empty()
+                      ? "none, memory only"
+                      : shown(status.database) + ", durability " + status.durability)
+              << '\n'
               << "tree       " << status.nodes << " nodes, " << status.leaves
               << " leaves, revision " << status.revision << '\n'
               << "overflows  " << status.overflowed << '\n'
-              << "clients    " << status.clients.size() << '\n';
+              << "limits" << std::setw(44) << "used" << std::setw(12) << "limit" << std::setw(10)
+              << "refused" << '\n';
+    for (const LimitStatus &limit : status.limits) {
+        std::cout << "  " << std::left << std::setw(36) << limit.name << std::right << std::setw(12)
+                  << limit.used << std::setw(12) << limit.limit << std::setw(10) << limit.refused
+                  << '\n';
+    }
+    std::cout << "clients    " << status.clients.size() << '\n';
     for (const ClientStatus &client : status.clients) {
         std::cout << "  session " << client.session << "  process " << client.pid << "  user "
-                  << client.uid << "  registrations " << client.registrations << "  pending "
-                  << client.pending << (client.signalled ? "  signalled" : "") << '\n';
+                  << client.uid << (client.may_write ? "" : "  reads only") << "  registrations "
+                  << client.registrations << "  pending " << client.pending
+                  << (client.signalled ? "  signalled" : "") << '\n';
     }
     std::cout << "watchdogs  " << status.watchdogs.size() << '\n';
     for (const WatchdogStatus &watchdog : status.watchdogs) {

@@ -161,10 +161,14 @@ TEST(Messages, EachKindSurvivesTheRoundTripAndNoCutOfIt) {
     expect_round_trip(DumpRequest{"/", 77});
     expect_round_trip(DumpElement{"/a", value});
     expect_round_trip(DumpPage{api_status_ok, 9, true, {{"/a", value}, {"/b", value}}});
-    expect_round_trip(ClientStatus{1, 2, 3, 4, 5, true});
+    expect_round_trip(ClientStatus{1, 2, 3, true, 4, 5, true});
+    expect_round_trip(Farewell{api_status_denied, odd});
+    expect_round_trip(LimitStatus{"bytes", 1, 2, 3});
     expect_round_trip(WatchdogStatus{"dog", 2, 60, 1000, WatchdogState::gone});
     ServiceStatus status;
     status.database = odd;
+    status.durability = "full";
+    status.limits.resize(3);
     status.clients.resize(2);
     status.watchdogs.resize(1);
     expect_round_trip(status);
@@ -179,7 +183,7 @@ TEST(Messages, ABooleanIsZeroOrOne) {
 }
 
 TEST(Messages, AnUnknownStepOfATransactionIsMalformed) {
-    for (const char kind : {'\0', '\6', '\xff'}) {
+    for (const char kind : {'\0', '\x08', '\xff'}) {
         const std::string body = std::string(1, kind) + std::string("\0\0\0\0", 4);
         Reader reader(body);
         Item item;

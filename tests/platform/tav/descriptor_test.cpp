@@ -163,7 +163,10 @@ TEST_F(DescriptorTest, AClientThatNeverFetchesIsDisconnectedAndTheOthersAreNot) 
     }
     std::vector<toolkit::CEvent> events;
     EXPECT_LT(client->tav.events_get(events), 0);
-    EXPECT_TRUE(tavd->wait_for_error_text("does not fetch its events"));
+    EXPECT_TRUE(tavd->wait_for_error_text("was disconnected: the client did not fetch its events"));
+    ASSERT_EQ(reports().size(), 1U);
+    EXPECT_EQ(reports()[0].second,
+              "connection to the settings service lost: the client did not fetch its events");
     EXPECT_EQ(writer->get("/n/0/0"), "x");
     EXPECT_NE(tav({"status"}).output.find("overflows  1\n"), std::string::npos);
 }

@@ -103,7 +103,7 @@ protected:
     void settle() { fetched(); }
 
     Time now = Time(std::chrono::seconds(1000));
-    Session session{Ticket{1, 2}, 3, 4};
+    Session session{Ticket{1, 2}, Credentials{3, 4, 5, {}}, true};
 };
 
 } // namespace

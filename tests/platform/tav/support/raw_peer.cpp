@@ -71,6 +71,19 @@ std::string RawPeer::receive() {
     return receive_exactly(body, Reader(length).u32()) ? body : std::string();
 }
 
+std::string RawPeer::farewell() {
+    const std::string body = receive();
+    Reader reader(body);
+    tav::ReplyHeader header;
+    tav::Farewell farewell;
+    get(reader, header);
+    get(reader, farewell);
+    if (!reader.finished() || header.serial != tav::farewell_serial) {
+        return body.empty() ? "(nothing)" : "(another frame)";
+    }
+    return receive().empty() ? farewell.reason : "(frames after the farewell)";
+}
+
 bool RawPeer::closed() {
     std::string rest(4096, '\0');
     ssize_t got = 0;

@@ -22,6 +22,9 @@ public:
     bool send(const std::string &bytes) const;
     // The next frame's body; empty when the connection ended instead.
     std::string receive();
+    // The reason with which the service ended the connection, which must be its last frame;
+    // otherwise a text that says what came instead.
+    std::string farewell();
     // The other side closed the connection, given any amount of time.
     bool closed();
     void close() { socket.reset(); }

@@ -1,0 +1,55 @@
+#include "service/access.h"
+
+#include <grp.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+namespace tav {
+
+Credentials credentials_of(int fd) {
+    ucred peer{};
+    socklen_t length = sizeof peer;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) {
+        throw std::runtime_error(std::string("SO_PEERCRED: ") + std::strerror(errno));
+    }
+    Credentials who{peer.pid, peer.uid, peer.gid, std::vector<gid_t>(32)};
+    // When there is not enough room the kernel says how much is needed.
+    for (;;) {
+        length = static_cast<socklen_t>(who.groups.size() * sizeof(gid_t));
+        const int result = ::getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, who.groups.data(), &length);
+        if (result != 0 && errno != ERANGE) {
+            throw std::runtime_error(std::string("SO_PEERGROUPS: ") + std::strerror(errno));
+        }
+        who.groups.resize(length / sizeof(gid_t));
+        if (result == 0) {
+            return who;
+        }
+    }
+}
+
+Access Rights::of(const Credentials &who) const {
+    const auto member = [&who](const std::optional<gid_t> &group) {
+        return group && (who.gid == *group || std::find(who.groups.begin(), who.groups.end(),
+                                                        *group) != who.groups.end());
+    };
+    if (owns(who.uid) || member(write_group)) {
+        return Access::write;
+    }
+    return member(read_group) ? Access::read : Access::none;
+}
+
+gid_t group_named(const std::string &name) {
+    errno = 0;
+    const group *found = ::getgrnam(name.c_str()); // NOLINT(concurrency-mt-unsafe): no threads here
+    if (found == nullptr) {
+        throw std::runtime_error("there is no group '" + name + "'" +
+                                 (errno != 0 ? std::string(": ") + std::strerror(errno) : ""));
+    }
+    return found->gr_gid;
+}
+
+} // namespace tav

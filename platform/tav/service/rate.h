@@ -1,0 +1,41 @@
+// How many requests one client makes, in short slices of time.
+#ifndef TAV_SERVICE_RATE_H
+#define TAV_SERVICE_RATE_H
+
+#include <chrono>
+#include <cstdint>
+
+#include "protocol/limits.h"
+#include "service/wake.h"
+
+namespace tav {
+
+class Rate {
+public:
+    // The client has had its share of the current slice.
+    bool spent(Time now) {
+        if (now >= begun + slice) {
+            begun = now;
+            requests = 0;
+        }
+        return requests >= share;
+    }
+    // One request is served, right after spent().
+    void count() { ++requests; }
+    // When the next slice begins.
+    Time renewal() const { return begun + slice; }
+    // Requests in a second at the pace of the current slice.
+    std::uint64_t per_second() const { return requests * slices; }
+
+private:
+    static constexpr std::uint64_t slices = 10; // in a second
+    static constexpr std::chrono::milliseconds slice{1000 / slices};
+    static constexpr std::uint64_t share = limits::requests_per_second / slices;
+
+    Time begun;
+    std::uint64_t requests = 0;
+};
+
+} // namespace tav
+
+#endif

@@ -1,0 +1,78 @@
+#include "service/usage.h"
+
+#include <algorithm>
+
+#include "protocol/limits.h"
+#include "protocol/protocol.h"
+
+namespace tav {
+
+namespace {
+
+struct Known {
+    Limit limit;
+    const char *name;
+    std::uint64_t value;
+    api_status_t status; // what goes beyond it is answered with; none: it ends or slows a client
+};
+
+constexpr std::array<Known, static_cast<std::size_t>(Limit::number_)> table{{
+    {Limit::path_bytes, "bytes of a path", limits::path_bytes, api_status_path_too_long},
+    {Limit::depth, "names of a path", limits::depth, api_status_path_too_deep},
+    {Limit::name_bytes, "bytes of a name", limits::name_bytes, api_status_name_too_long},
+    {Limit::value_bytes, "bytes of a value", limits::value_bytes, api_status_value_too_long},
+    {Limit::children, "children of a node", limits::children_per_node,
+     api_status_too_many_children},
+    {Limit::elements, "elements in all", limits::elements, api_status_too_many_elements},
+    {Limit::registrations, "registrations of a client", limits::registrations_per_client,
+     api_status_too_many_registrations},
+    {Limit::connections, "connections in all", limits::connections,
+     api_status_too_many_connections},
+    {Limit::user_connections, "connections of a user", limits::connections_per_user,
+     api_status_too_many_connections},
+    {Limit::frame_bytes, "bytes of a message", limits::frame_bytes, api_status_too_large},
+    {Limit::request_rate, "requests of a client in a second", limits::requests_per_second,
+     api_status_none},
+    {Limit::pending_events, "events waiting for a client", limits::pending_events, api_status_none},
+    {Limit::pending_bytes, "bytes of events for a client", limits::pending_bytes, api_status_none},
+    {Limit::held_bytes, "bytes held for all clients", limits::held_bytes, api_status_none},
+    {Limit::greeting, "milliseconds to connect", greeting_time.count(), api_status_none},
+}};
+
+constexpr bool in_order() {
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        if (static_cast<std::size_t>(table[i].limit) != i) {
+            return false;
+        }
+    }
+    return true;
+}
+static_assert(in_order());
+
+} // namespace
+
+void Usage::raise(Limit limit, std::uint64_t used) {
+    at(limit).used = std::max(at(limit).used, used);
+}
+
+void Usage::count(api_status_t status) {
+    if (status == api_status_none || status == api_status_ok) {
+        return;
+    }
+    const auto *const known =
+        std::find_if(table.begin(), table.end(),
+                     [status](const Known &candidate) { return candidate.status == status; });
+    if (known != table.end()) {
+        refuse(known->limit);
+    }
+}
+
+std::vector<LimitStatus> Usage::status() const {
+    std::vector<LimitStatus> result;
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        result.push_back(LimitStatus{table[i].name, rows[i].used, table[i].value, rows[i].refused});
+    }
+    return result;
+}
+
+} // namespace tav

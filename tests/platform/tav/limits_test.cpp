@@ -1,0 +1,237 @@
+// What one client may take from the others, and that each limit is named and counted.
+#include "support/raw_peer.h"
+#include "support/store_fixture.h"
+
+#include <csignal>
+
+#include "client/admin.h"
+#include "protocol/limits.h"
+#include "service/rate.h"
+
+using namespace tavtest;
+using tav::Op;
+using tav::Writer;
+namespace limits = tav::limits;
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+class LimitsTest : public RunningStoreTest {
+protected:
+    void SetUp() override {
+        RunningStoreTest::SetUp();
+        good = std::make_unique<Client>();
+    }
+
+    tav::LimitStatus shown(const std::string &name) {
+        tav::ServiceStatus status;
+        EXPECT_EQ(tav::service_status(good->tav.handle, status), 0);
+        for (const tav::LimitStatus &limit : status.limits) {
+            if (limit.name == name) {
+                return limit;
+            }
+        }
+        ADD_FAILURE() << "no limit '" << name << "'";
+        return {};
+    }
+
+    std::unique_ptr<Client> good;
+};
+
+// A client's first connection, greeted.
+RawPeer half_connected(const std::string &socket) {
+    RawPeer calls(socket);
+    calls.send(request_frame(Op::hello, [](Writer &out) {
+        put(out, tav::Hello{tav::magic, tav::protocol_version});
+    }));
+    EXPECT_FALSE(calls.receive().empty());
+    return calls;
+}
+
+std::string many(const std::string &part, std::size_t times) {
+    std::string all;
+    for (std::size_t i = 0; i < times; ++i) {
+        all += part;
+    }
+    return all;
+}
+
+} // namespace
+
+TEST_F(LimitsTest, EachLimitOfTheTreeHasItsStatusAndItsCount) {
+    EXPECT_EQ(good->set("/" + std::string(limits::name_bytes, 'n'), "1"), api_status_ok);
+    EXPECT_EQ(shown("bytes of a name").used, limits::name_bytes);
+    EXPECT_EQ(good->set("/" + std::string(limits::name_bytes + 1, 'n'), "1"),
+              api_status_name_too_long);
+    EXPECT_EQ(shown("bytes of a name").refused, 1U);
+    EXPECT_EQ(good->set(many("/d", limits::depth), "1"), api_status_ok);
+    EXPECT_EQ(shown("names of a path").used, limits::depth);
+    EXPECT_EQ(good->set(many("/d", limits::depth + 1), "1"), api_status_path_too_deep);
+    EXPECT_EQ(shown("names of a path").refused, 1U);
+    const std::string longest = many("/" + std::string(255, 'p'), 16);
+    EXPECT_EQ(good->set(longest, "1"), api_status_ok);
+    EXPECT_EQ(shown("bytes of a path").used, limits::path_bytes);
+    EXPECT_EQ(good->set(longest + "/p", "1"), api_status_path_too_long);
+    EXPECT_EQ(shown("bytes of a path").refused, 1U);
+    EXPECT_EQ(good->set("/v", std::string(limits::value_bytes, 'v')), api_status_ok);
+    EXPECT_EQ(shown("bytes of a value").used, limits::value_bytes);
+    EXPECT_EQ(good->set("/v", std::string(limits::value_bytes + 1, 'v')),
+              api_status_value_too_long);
+    EXPECT_EQ(shown("bytes of a value").refused, 1U);
+}
+
+TEST_F(LimitsTest, AMarkOfTheLargestStaysWhereARefusedWriteWouldHaveRaisedIt) {
+    good->set("/v", std::string(100, 'v'));
+    EXPECT_EQ(good->set_all({"/v", "/v/below"}, {std::string(200, 'v'), "1"}),
+              (std::vector<api_status_t>{api_status_not_done, api_status_wrong_kind}));
+    EXPECT_EQ(shown("bytes of a value").used, 100U);
+    good->remove("/Software");
+    EXPECT_EQ(shown("elements in all").used, 2U);
+}
+
+TEST_F(LimitsTest, RegistrationsOfAClientAreLimited) {
+    for (std::size_t i = 0; i < limits::registrations_per_client; ++i) {
+        EXPECT_EQ(good->watch("/r" + std::to_string(i)), api_status_ok);
+    }
+    EXPECT_EQ(good->watch("/more"), api_status_too_many_registrations);
+    const tav::LimitStatus limit = shown("registrations of a client");
+    EXPECT_EQ(limit.used, limits::registrations_per_client);
+    EXPECT_EQ(limit.limit, limits::registrations_per_client);
+    EXPECT_EQ(limit.refused, 1U);
+}
+
+TEST_F(LimitsTest, AUserHasOnlySoManyConnectionsAndIsToldSo) {
+    std::vector<std::unique_ptr<Client>> all;
+    while (all.size() < limits::connections_per_user) {
+        auto client = std::make_unique<Client>();
+        if (!client->connected()) {
+            break;
+        }
+        all.push_back(std::move(client));
+    }
+    // Two each, and the fixture's own.
+    EXPECT_EQ(all.size(), limits::connections_per_user / 2 - 1);
+    ASSERT_EQ(reports().size(), 1U);
+    EXPECT_EQ(reports()[0].second, "cannot connect to the settings service at " + socket +
+                                       ": this user has as many connections as one may have");
+    const tav::LimitStatus limit = shown("connections of a user");
+    EXPECT_EQ(limit.used, limits::connections_per_user);
+    EXPECT_EQ(limit.refused, 1U);
+    all.pop_back();
+    // The service learns of the end in its own time.
+    Client fresh;
+    for (int i = 0; i < 6000 && !fresh.connected(); ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        fresh.tav.handle = mlr_init();
+    }
+    EXPECT_TRUE(fresh.connected());
+}
+
+TEST_F(LimitsTest, WhoDoesNotConnectCompletelyIsDisconnected) {
+    RawPeer silent(socket);
+    RawPeer half = half_connected(socket);
+    EXPECT_EQ(silent.farewell(), "the client did not connect in time");
+    EXPECT_EQ(half.farewell(), "the client did not connect in time");
+    EXPECT_EQ(shown("milliseconds to connect").refused, 2U);
+    EXPECT_EQ(good->set("/a", "1"), api_status_ok) << "whoever connected stays";
+}
+
+TEST_F(LimitsTest, AStrangerCannotMakeTheServiceHoldALargeFirstFrame) {
+    RawPeer stranger(socket);
+    stranger.send(std::string("\0\xff\xff\xff", 4) + std::string(100, 'x'));
+    EXPECT_EQ(stranger.farewell(), "what the client sent is no request");
+}
+
+TEST_F(LimitsTest, ClientsThatDoNotReadLargeRepliesAreEndedBeforeTheyCostTooMuch) {
+    good->set("/big", std::string(65536, 'x'));
+    const std::string request =
+        request_frame(Op::read, [](Writer &out) { put_all(out, Names(250, "/big")); });
+    std::vector<std::unique_ptr<RawClient>> deaf;
+    while (shown("bytes held for all clients").refused == 0) {
+        ASSERT_LT(deaf.size(), 20U);
+        deaf.push_back(std::make_unique<RawClient>(socket));
+        deaf.back()->calls.send(request);
+    }
+    EXPECT_GE(deaf.size(), 8U);
+    EXPECT_EQ(good->get("/big").size(), 65536U);
+}
+
+TEST_F(LimitsTest, WhoSendsAheadIsServedInTurnWithTheOthers) {
+    // Both requests and the flood are there when the service looks for the first time.
+    constexpr int ahead = 1000;
+    RawClient flood(socket);
+    RawClient other(socket);
+    tavd->signal(SIGSTOP);
+    std::string frames;
+    for (int i = 1; i <= ahead; ++i) {
+        frames += request_frame(Op::transact, [i](Writer &out) {
+            put_all(out,
+                    std::vector<tav::Item>{
+                        {tav::ItemKind::set, "/n", {element_type_integer, std::to_string(i), -1}}});
+        });
+    }
+    flood.calls.send(frames);
+    other.calls.send(request_frame(Op::read, [](Writer &out) { put_all(out, Names{"/n"}); }));
+    tavd->signal(SIGCONT);
+    const std::string body = other.calls.receive();
+    tav::Reader reader(body);
+    tav::ReplyHeader header;
+    std::vector<tav::LeafAnswer> answers;
+    get(reader, header);
+    get_all(reader, answers);
+    ASSERT_EQ(answers.size(), 1U);
+    const int done = answers[0].status == api_status_ok ? std::stoi(answers[0].value.text) : 0;
+    EXPECT_LT(done, 10) << "requests of the flood were served first";
+    for (int i = 0; i < ahead; ++i) {
+        ASSERT_FALSE(flood.calls.receive().empty());
+    }
+    EXPECT_EQ(good->get("/n"), std::to_string(ahead)) << "none of them is refused";
+}
+
+TEST(Rate, AShareOfEachSliceAndNoMore) {
+    tav::Rate rate;
+    tav::Time now{std::chrono::seconds(100)};
+    const auto take_all = [&] {
+        std::size_t taken = 0;
+        while (!rate.spent(now)) {
+            rate.count();
+            ++taken;
+        }
+        return taken;
+    };
+    std::size_t in_a_second = 0;
+    for (int slice = 0; slice < 10; ++slice) {
+        const std::size_t taken = take_all();
+        EXPECT_EQ(taken, limits::requests_per_second / 10);
+        in_a_second += taken;
+        EXPECT_EQ(rate.renewal() - now, std::chrono::milliseconds(100));
+        EXPECT_EQ(rate.per_second(), limits::requests_per_second);
+        now += std::chrono::milliseconds(99);
+        EXPECT_TRUE(rate.spent(now));
+        now += std::chrono::milliseconds(1);
+    }
+    EXPECT_EQ(in_a_second, limits::requests_per_second);
+}
+
+TEST_F(LimitsTest, AFloodIsSlowedDownAndLosesNothing) {
+    // More than two shares, while another client is served all the time.
+    constexpr int requests = limits::requests_per_second / 10 * 5 / 2;
+    RawClient flood(socket);
+    std::string frames;
+    for (int i = 0; i < requests; ++i) {
+        frames += request_frame(Op::events_get);
+    }
+    std::thread sending([&] { EXPECT_TRUE(flood.calls.send(frames)); });
+    std::thread calling([&] {
+        Client other;
+        for (int i = 0; i < 1000; ++i) {
+            other.get("/none");
+        }
+    });
+    for (int i = 0; i < requests; ++i) {
+        ASSERT_FALSE(flood.calls.receive().empty()) << i;
+    }
+    sending.join();
+    calling.join();
+}
