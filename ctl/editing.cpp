@@ -201,7 +201,7 @@ doomed_t find_interface(const store_view_t &store, const options_t &options) {
             continue;
         }
         doomed_t doomed{std::string(paths::interfaces) + "/" + interface.node,
-                        interface.gateway || !interface.strange.empty()};
+                        interface.holds_more || interface.gateway || !interface.strange.empty()};
         for (const stored_address_t &stored : interface.addresses) {
             doomed.has_settings =
                 doomed.has_settings || stored.fault || stored.address.type == type_static;

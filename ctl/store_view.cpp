@@ -159,12 +159,18 @@ stored_interface_t reader_t::read_interface(const std::string &node) {
     stored_interface_t interface;
     interface.node = node;
     interface.number = positive_number(node);
+    std::vector<toolkit::child_t> children;
+    list(std::string(paths::interfaces) + "/" + node, children);
+    for (const toolkit::child_t &child : children) {
+        interface.holds_more =
+            interface.holds_more || interface.number == 0 || "/" + child.first != paths::ipv6_part;
+    }
     if (interface.number == 0) {
         return interface;
     }
     interface.link = prefix + std::to_string(interface.number - 1);
     const std::string ipv6 = paths::ipv6(node);
-    std::vector<toolkit::child_t> children;
+    children.clear();
     list(ipv6, children);
     bool gateway_node = false;
     for (const toolkit::child_t &child : children) {

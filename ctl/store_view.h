@@ -44,6 +44,7 @@ struct stored_interface_t {
     boost::optional<stored_gateway_t> gateway;
     std::vector<stored_address_t> addresses; // in listing order
     std::vector<std::string> strange;        // paths of elements that the daemon does not look at
+    bool holds_more = false; // beside "IPv6"; of a node without a number, anything at all
 };
 
 struct store_view_t {

@@ -215,6 +215,16 @@ TEST_F(Editing, AnInterfaceNodeWithSettingsIsRemovedByForceOnly) {
     EXPECT_EQ(refused(1, ctl::interface_delete), "the store has no node for eth0");
 }
 
+TEST_F(Editing, OtherProgramsSettingsCountAsWell) {
+    fake_tav::put(at("1/IPv4/Value"), "192.0.2.1");
+    EXPECT_NE(refused(1, ctl::interface_delete), "");
+    fake_tav::put(at("wan/Value"), "x");
+    options.link.clear();
+    options.node = "wan";
+    EXPECT_NE(refused(1, ctl::interface_delete), "");
+    EXPECT_EQ(fake_tav::writes(), 0U);
+}
+
 TEST_F(Editing, AnInterfaceNodeOfTheKernelsAddressesAloneIsRemovedFreely) {
     store("1", "fe80::5/64", "Link-Local");
     EXPECT_EQ(ctl::interface_delete(options), 0);

@@ -1,0 +1,126 @@
+// Changes through tandrelctl, and what the kernel makes of them.
+#include "ctl_test.h"
+
+namespace {
+
+using Change = CtlTest;
+
+TEST_F(Change, AnAddressIsInTheKernelWhenAddReturns) {
+    start_daemon_and_wait();
+    done({"address", "add", "eth0", "2001:db8::5/64", "--node", "office", "--wait=60"});
+    EXPECT_TRUE(device.has_address("eth0", "2001:db8::5/64"));
+    EXPECT_TRUE(store.has_address(1, "2001:db8::5/64", "Static"));
+    EXPECT_EQ(store.node_of(1, "2001:db8::5/64"), "office");
+    done({"address", "replace", "eth0", "2001:db8::5/48", "--wait=60"});
+    EXPECT_TRUE(device.has_address("eth0", "2001:db8::5/48"));
+    EXPECT_FALSE(device.has_address("eth0", "2001:db8::5/64"));
+    EXPECT_EQ(store.node_of(1, "2001:db8::5/48"), "office");
+    done({"address", "del", "eth0", "2001:db8::5", "--wait=60"});
+    EXPECT_TRUE(neither_has(1, "2001:db8::5/48"));
+}
+
+TEST_F(Change, AGatewayIsInTheKernelWhenSetReturns) {
+    store.make_interface(1);
+    start_daemon_and_wait();
+    done({"gateway", "set", "eth0", "fe80::1", "--wait=60"});
+    EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
+    done({"gateway", "set", "eth0", "fe80::2", "--wait=60"});
+    EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::2"});
+    done({"gateway", "clear", "eth0", "--wait=60"});
+    EXPECT_TRUE(device.static_gateways("eth0").empty());
+    EXPECT_FALSE(store.gateway(1));
+}
+
+TEST_F(Change, AWaitInVainSaysWhy) {
+    store.make_interface(1);
+    start_daemon_and_wait();
+    const result_t refused = run({"gateway", "set", "eth0", "2001:db8:dead::1", "--wait=1"});
+    EXPECT_EQ(refused.status, 4);
+    EXPECT_TRUE(
+        contains(refused.errors, "no network of eth0 contains it, so the kernel refuses it"))
+        << refused.errors;
+    EXPECT_EQ(store.gateway(1), "2001:db8:dead::1") << "stored all the same";
+
+    const auto start = kt::clock_type::now();
+    const result_t absent = run({"address", "add", "eth5", "2001:db8::5/64", "--wait=3600"});
+    EXPECT_EQ(absent.status, 4);
+    EXPECT_TRUE(contains(absent.errors, "the kernel has no link eth5")) << absent.errors;
+    EXPECT_LT(kt::clock_type::now() - start, std::chrono::seconds(3000)) << "it need not wait";
+
+    ASSERT_EQ(stop_daemon(), 0);
+    const result_t alone = run({"address", "add", "eth0", "2001:db8::6/64", "--wait=1"});
+    EXPECT_EQ(alone.status, 4);
+    EXPECT_TRUE(contains(alone.errors, "tandrel: note: no such process runs here")) << alone.errors;
+}
+
+TEST_F(Change, ANewInterfaceNodeIsSynchronisedAtOnce) {
+    start_daemon_and_wait();
+    EXPECT_TRUE(contains(run({"interface", "list"}).output, "1\teth0\tno node in the store\n"));
+    EXPECT_TRUE(contains(run({"check"}).output, "eth0: the store has no node for it"));
+    done({"interface", "add", "eth0"});
+    EXPECT_TRUE(
+        becomes([&] { return store.has_address(1, device.link_local("eth0"), "Link-Local"); }));
+    EXPECT_TRUE(becomes([&] { return in_step(); })) << run({"check"}).output;
+    EXPECT_EQ(run({"interface", "list"}).output, "1\teth0\tsynchronised\n");
+    const result_t deleted = run({"interface", "del", "eth0"});
+    EXPECT_EQ(deleted.status, 0) << deleted.errors;
+    EXPECT_TRUE(contains(deleted.errors, "eth0 is not synchronised any more"));
+    EXPECT_TRUE(store.list(kt::paths::interfaces).empty() || !in_step());
+}
+
+TEST_F(Change, ANodeThatStopsTheDaemonIsFoundAndRemoved) {
+    rebuilds_allowed = true;
+    store.write(kt::paths::interfaces + "/wan port/IPv6/Label", "x");
+    store.set_address(1, "x", "2001:db8::5/64");
+    start_daemon();
+    const result_t checked = run({"check"});
+    EXPECT_EQ(checked.status, 1);
+    EXPECT_TRUE(contains(checked.output, "store: the interface node 'wan port' is not named by a "
+                                         "number"))
+        << checked.output;
+    EXPECT_TRUE(contains(checked.output, "    -> tandrelctl interface del --node 'wan port'\n"));
+    EXPECT_EQ(run({"interface", "del", "--node", "wan port"}).status, 1) << "settings stand in it";
+    done({"interface", "del", "--node", "wan port", "--force"});
+    EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::5/64"); }));
+    EXPECT_TRUE(becomes([&] { return in_step(); })) << run({"check"}).output;
+}
+
+TEST_F(Change, TheKernelsConfigurationIsImported) {
+    device.add_address("eth0", "2001:db8::5/64");
+    kt::address_options_t passing;
+    passing.valid_seconds = 3600;
+    device.add_address("eth0", "2001:db8::6/64", passing);
+    device.add_route({"::/0", "fe80::1", "eth0", 3}); // as "ip route add" makes it
+    const result_t shown = run({"import", "--from-kernel"});
+    EXPECT_EQ(shown.status, 0);
+    EXPECT_EQ(shown.output, "eth0  2001:db8::5/64  new\neth0  gateway fe80::1  new\n"
+                            "nothing was written; --write stores it\n");
+    EXPECT_EQ(store.addresses(1).size(), 0U);
+    EXPECT_EQ(run({"import"}).status, 2);
+    EXPECT_EQ(run({"import", "--from-kernel", "--write"}).status, 0);
+    EXPECT_TRUE(store.has_address(1, "2001:db8::5/64", "Static"));
+    EXPECT_EQ(store.gateway(1), "fe80::1");
+    EXPECT_EQ(store.addresses(1).size(), 1U);
+    EXPECT_EQ(run({"import", "--from-kernel"}).output,
+              "eth0  2001:db8::5/64  is stored already\neth0  gateway fe80::1  is stored "
+              "already\nnothing to store\n");
+}
+
+// The daemon ran first, and took the address for one of the kernel's own.
+TEST_F(Change, AnImportMakesStaticWhatTheDaemonRecordedAsAutomatic) {
+    device.add_address("eth0", "2001:db8::5/64");
+    store.make_interface(1);
+    start_daemon_and_wait();
+    ASSERT_TRUE(becomes([&] { return store.has_address(1, "2001:db8::5/64", "Automatic"); }));
+    const std::string node = store.node_of(1, "2001:db8::5/64");
+    const result_t written = run({"import", "--from-kernel", "--write"});
+    EXPECT_EQ(written.output,
+              "eth0  2001:db8::5/64  is stored as 2001:db8::5/64 Automatic; becomes Static\n"
+              "stored\n");
+    ASSERT_TRUE(settle());
+    EXPECT_TRUE(store.has_address(1, "2001:db8::5/64", "Static"));
+    EXPECT_EQ(store.node_of(1, "2001:db8::5/64"), node);
+    EXPECT_TRUE(device.has_address("eth0", "2001:db8::5/64"));
+}
+
+} // namespace

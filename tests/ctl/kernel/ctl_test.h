@@ -1,0 +1,52 @@
+// tandrelctl run as a user would, beside eth0, the service and (when a test starts it) the daemon.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "harness/world.h"
+
+class CtlTest : public kt::KernelTest {
+protected:
+    struct result_t {
+        int status;
+        std::string output; // lines, each with its newline
+        std::string errors;
+    };
+
+    void SetUp() override {
+        add_eth(0);
+        service.start();
+    }
+
+    std::unique_ptr<kt::Process> begin(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), TANDRELCTL);
+        kt::spawn_options_t options;
+        options.environment["TAV_SOCKET"] = service.socket();
+        // The library's patience with the service; the machine may be loaded.
+        options.environment["TAV_TIMEOUT_MS"] = "60000";
+        return std::make_unique<kt::Process>(sandbox, arguments, options);
+    }
+    result_t run(const std::vector<std::string> &arguments) {
+        const auto process = begin(arguments);
+        result_t result{process->wait_exit(std::chrono::seconds(120)), "", ""};
+        process->output().wait_finished();
+        for (const auto &line : process->output().lines()) {
+            result.output += line.text + "\n";
+        }
+        for (const auto &line : process->errors().lines()) {
+            result.errors += line.text + "\n";
+        }
+        return result;
+    }
+    // A command that is to succeed without a word.
+    void done(const std::vector<std::string> &arguments) {
+        const result_t result = run(arguments);
+        EXPECT_EQ(result.status, 0) << result.errors;
+        EXPECT_EQ(result.output + result.errors, "");
+    }
+    static bool contains(const std::string &text, const std::string &part) {
+        return text.find(part) != std::string::npos;
+    }
+    bool in_step() { return run({"check", "-q"}).status == 0; }
+};

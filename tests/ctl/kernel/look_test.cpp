@@ -1,0 +1,274 @@
+// What tandrelctl shows of a real kernel and a real store.
+#include <csignal>
+
+#include <linux/if_addr.h>
+#include <poll.h>
+#include <pty.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utmp.h>
+
+#include <nlohmann/json.hpp>
+
+#include "ctl_test.h"
+
+namespace {
+
+using Look = CtlTest;
+
+TEST_F(Look, AWorkingDaemonKeepsTheViewsInStep) {
+    store.set_address(1, "office", "2001:db8::5/64");
+    store.set_gateway(1, "fe80::1");
+    start_daemon_and_wait();
+    ASSERT_TRUE(becomes([&] { return in_step(); })) << run({"check"}).output;
+    const result_t shown = run({"show", "eth0"});
+    EXPECT_EQ(shown.status, 0) << shown.errors;
+    EXPECT_TRUE(contains(shown.output,
+                         "eth0, store interface 1, up, " + device.hardware_address("eth0") + "\n"))
+        << shown.output;
+    const std::string link_local = device.link_local("eth0");
+    std::vector<std::string> rows;
+    for (std::size_t at = 0; (at = shown.output.find("\n= ", at)) != std::string::npos; ++at) {
+        rows.push_back(shown.output.substr(at + 3, shown.output.find(' ', at + 3) - at - 3));
+    }
+    std::sort(rows.begin(), rows.end());
+    // The legend begins with the mark as well.
+    EXPECT_EQ(rows, (std::vector<std::string>{"2001:db8::5/64", "both", link_local, "via"}));
+    EXPECT_TRUE(contains(shown.output, "Static")) << shown.output;
+    EXPECT_TRUE(contains(shown.output, "office")) << shown.output;
+    EXPECT_EQ(run({"check", "--no-notes"}).output, "kernel and store agree\n");
+    EXPECT_FALSE(contains(shown.output, "\x1b")) << "no colour but on a terminal";
+    EXPECT_TRUE(contains(run({"--color=always", "show"}).output, "\x1b[32m= 2001:db8::5/64"));
+}
+
+TEST_F(Look, WithoutADaemonTheCheckSaysSoAndWhatDiffers) {
+    store.set_address(1, "office", "2001:db8::5/64");
+    store.set_address(1, "bad", "2001:db8::5", "Static");
+    const result_t checked = run({"check", "eth0"});
+    EXPECT_EQ(checked.status, 1);
+    EXPECT_TRUE(contains(checked.output, "eth0: 2001:db8::5/64 (Static, node 'office') is in the "
+                                         "store only"))
+        << checked.output;
+    EXPECT_TRUE(contains(checked.output, "eth0: the stored address 'bad' is skipped: '2001:db8::5' "
+                                         "lacks its prefix length"));
+    EXPECT_TRUE(contains(checked.output, "tandrel: note: no such process runs here"));
+    const auto json = nlohmann::json::parse(run({"check", "--json", "eth0"}).output);
+    EXPECT_EQ(json["agree"], false);
+    std::vector<std::string> reasons;
+    for (const auto &one : json["differences"]) {
+        reasons.push_back(one["reason"]);
+    }
+    std::sort(reasons.begin(), reasons.end());
+    EXPECT_EQ(reasons, (std::vector<std::string>{"address-not-in-kernel", "address-not-in-store",
+                                                 "address-without-prefix"}));
+    EXPECT_EQ(json["notes"].at(0)["reason"], "daemon-absent");
+    EXPECT_EQ(run({"check", "--quiet"}).output, "");
+}
+
+TEST_F(Look, LinksThatAreNotSynchronisedAreNamedWhenAskedFor) {
+    add_eth(7, "lan");
+    store.make_interface(1);
+    start_daemon_and_wait();
+    ASSERT_TRUE(becomes([&] { return in_step(); })) << run({"check"}).output;
+    EXPECT_FALSE(contains(run({"show"}).output, "lan7"));
+    EXPECT_TRUE(contains(run({"show", "--all"}).output, "lan7, no store interface, up"));
+    const result_t named = run({"check", "lan7"});
+    EXPECT_EQ(named.status, 1);
+    EXPECT_EQ(named.output.find("lan7: note: not synchronised: its name does not begin with 'eth'"),
+              0U)
+        << named.output;
+    EXPECT_EQ(run({"show", "eth9"}).status, 1);
+}
+
+TEST_F(Look, ALinkWhoseMtuForbidsIpv6IsSeen) {
+    store.make_interface(1);
+    device.set_mtu("eth0", 1000);
+    EXPECT_TRUE(contains(run({"check"}).output, "the kernel has no IPv6 on this link"));
+}
+
+TEST_F(Look, AnAddressThatAnotherHostHasIsSeen) {
+    kt::write_file("/proc/sys/net/ipv6/conf/eth0/accept_dad", "1");
+    neighbour.add_address("peer0", "2001:db8::5/64");
+    store.set_address(1, "x", "2001:db8::5/64");
+    start_daemon_and_wait();
+    const result_t waited = run({"address", "replace", "eth0", "2001:db8::5/64", "--wait=60"});
+    EXPECT_TRUE(becomes([&] {
+        return contains(run({"check"}).output,
+                        "eth0: 2001:db8::5/64: duplicate address detection failed");
+    })) << run({"check"}).output;
+    EXPECT_TRUE(contains(run({"show"}).output, "tentative dadfailed"));
+    EXPECT_EQ(waited.status, 4);
+}
+
+TEST_F(Look, AStoreThatCannotBeReachedHasAStatusOfItsOwn) {
+    service.stop();
+    for (const std::string command : {"show", "check", "nudge"}) {
+        const result_t result = run({command});
+        EXPECT_EQ(result.status, 3);
+        EXPECT_TRUE(contains(result.errors, "the settings store cannot be reached"))
+            << result.errors;
+    }
+    service.start();
+}
+
+TEST_F(Look, AWrongCommandLineHasAStatusOfItsOwn) {
+    for (const std::vector<std::string> &line : {std::vector<std::string>{},
+                                                 {"frobnicate"},
+                                                 {"address", "add", "eth0"},
+                                                 {"show", "--frobnicate"},
+                                                 {"address", "add", "eth0", "2001:db8::5"}}) {
+        const result_t result = run(line);
+        EXPECT_EQ(result.status, 2) << result.output;
+        EXPECT_NE(result.errors, "");
+    }
+    const result_t help = run({"--help"});
+    EXPECT_EQ(help.status, 0);
+    EXPECT_TRUE(contains(help.output, "Examples:"));
+}
+
+TEST_F(Look, WatchTellsEveryChangeOfEitherSideAndEndsCleanly) {
+    store.make_interface(1);
+    start_daemon_and_wait();
+    const auto watch = begin({"watch"});
+    kt::LineLog &lines = watch->output();
+    ASSERT_NE(lines.wait_for_containing(" + eth0 kernel: link (up)"), 0U);
+    ASSERT_NE(lines.wait_for_containing(" + store (answers)"), 0U);
+    device.add_address("eth0", "2001:db8::9/64");
+    EXPECT_NE(lines.wait_for_containing(" + eth0 kernel: 2001:db8::9/64"), 0U);
+    EXPECT_NE(lines.wait_for_containing("(2001:db8::9/64 Automatic)"), 0U);
+    store.set_gateway(1, "fe80::1");
+    EXPECT_NE(lines.wait_for_containing(" + eth0 store: gateway (fe80::1)"), 0U);
+    EXPECT_NE(lines.wait_for_containing(" + eth0 kernel: default route via fe80::1"), 0U);
+    device.delete_address("eth0", "2001:db8::9/64");
+    EXPECT_NE(lines.wait_for_containing(" - eth0 kernel: 2001:db8::9/64"), 0U);
+    watch->signal(SIGINT);
+    EXPECT_EQ(watch->wait_exit(), 0);
+}
+
+TEST_F(Look, WatchOutlivesTheStore) {
+    rebuilds_allowed = true;
+    store.set_address(1, "x", "2001:db8::5/64");
+    const auto watch = begin({"watch"});
+    kt::LineLog &lines = watch->output();
+    ASSERT_NE(lines.wait_for_containing(" + store (answers)"), 0U);
+    store.disconnect();
+    service.crash();
+    EXPECT_NE(lines.wait_for_containing(" ~ store (answers -> does not answer)"), 0U);
+    service.start();
+    EXPECT_NE(lines.wait_for_containing(" ~ store (does not answer -> answers)"), 0U);
+    // The store was in memory, and is empty now; this is what the watch then finds.
+    EXPECT_NE(lines.wait_for_containing(" - eth0 store: address node x"), 0U);
+    watch->signal(SIGTERM);
+    EXPECT_EQ(watch->wait_exit(), 0);
+}
+
+TEST_F(Look, WatchInJsonPrintsOneStateALine) {
+    store.make_interface(1);
+    const auto watch = begin({"watch", "--json", "eth0"});
+    ASSERT_TRUE(becomes([&] { return watch->output().size() >= 1; }));
+    device.add_address("eth0", "2001:db8::9/64");
+    ASSERT_NE(watch->output().wait_for_containing("2001:db8::9/64"), 0U);
+    for (const auto &line : watch->output().lines()) {
+        const auto json = nlohmann::json::parse(line.text);
+        EXPECT_EQ(json["store"], true);
+        EXPECT_EQ(json["interfaces"].at(0)["link"], "eth0");
+    }
+    watch->signal(SIGINT);
+    EXPECT_EQ(watch->wait_exit(), 0);
+}
+
+// A terminal of 20 rows and 60 columns.
+class Terminal {
+public:
+    Terminal() {
+        winsize size{};
+        size.ws_row = 20;
+        size.ws_col = 60;
+        if (openpty(&fd, &inside, nullptr, nullptr, &size) != 0) {
+            kt::fail("openpty");
+        }
+    }
+    ~Terminal() {
+        if (pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+        close(fd);
+        close(inside);
+    }
+    Terminal(const Terminal &) = delete;
+    Terminal &operator=(const Terminal &) = delete;
+
+    void start(const std::string &socket) {
+        pid = fork();
+        if (pid == 0) {
+            login_tty(inside);
+            setenv("TAV_SOCKET", socket.c_str(), 1);
+            unsetenv("NO_COLOR");
+            execl(TANDRELCTL, "tandrelctl", "watch", nullptr);
+            _exit(127);
+        }
+    }
+
+    // Reads until the text has come; what has come from then on counts for the next call.
+    bool shows(const std::string &text) {
+        return kt::eventually([&] {
+            read_more();
+            const std::size_t at = seen.find(text, from);
+            from = at != std::string::npos ? at + text.size() : from;
+            return at != std::string::npos;
+        });
+    }
+    // Control-C, as the terminal sends it; the exit status.
+    int interrupt() {
+        EXPECT_EQ(write(fd, "\x03", 1), 1);
+        int status = 0;
+        const bool ended = kt::eventually([&] {
+            read_more();
+            return waitpid(pid, &status, WNOHANG) == pid;
+        });
+        read_more();
+        if (!ended) {
+            return -1;
+        }
+        pid = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    std::string seen;
+
+private:
+    void read_more() {
+        pollfd entry{fd, POLLIN, 0};
+        char buffer[4096];
+        while (poll(&entry, 1, 0) > 0) {
+            const ssize_t count = read(fd, buffer, sizeof buffer);
+            if (count <= 0) {
+                return;
+            }
+            seen.append(buffer, static_cast<std::size_t>(count));
+        }
+    }
+    int fd = -1;
+    int inside = -1;
+    pid_t pid = -1;
+    std::size_t from = 0;
+};
+
+// The terminal is made before the sandbox, whose /dev has none.
+class LookOnATerminal : protected Terminal, public CtlTest {};
+
+TEST_F(LookOnATerminal, WatchRedrawsTheTableWithALogBelow) {
+    store.set_address(1, "x", "2001:db8::5/64");
+    start(service.socket());
+    ASSERT_TRUE(shows("\x1b[?1049h")) << "takes the whole screen";
+    ASSERT_TRUE(shows("eth0, store interface 1, up"));
+    ASSERT_TRUE(shows("\x1b[33mS -"));
+    device.add_address("eth0", "2001:db8::5/64");
+    EXPECT_TRUE(shows("\x1b[H")) << "drawn again from the top";
+    EXPECT_TRUE(shows("\x1b[32m= 2001:db8::5/64")) << seen;
+    EXPECT_TRUE(shows("+ eth0 kernel: 2001:db8::5/64")) << seen;
+    EXPECT_EQ(interrupt(), 0);
+    EXPECT_NE(seen.rfind("\x1b[?25h\x1b[?1049l"), std::string::npos) << "gives the screen back";
+}
+
+} // namespace
