@@ -43,13 +43,14 @@ void many(const std::string &body) {
 
 using target_t = void (*)(const std::string &);
 constexpr target_t targets[] = {
-    &one<tav::RequestHeader>, &one<tav::ReplyHeader>,    &one<tav::Hello>,
-    &one<tav::Ticket>,        &one<tav::Registration>,   &one<tav::WatchdogRequest>,
-    &one<tav::DumpRequest>,   &one<tav::DumpPage>,       &one<tav::ServiceStatus>,
-    &one<api_status_t>,       &one<std::string>,         &many<std::string>,
-    &many<tav::Item>,         &many<tav::LeafAnswer>,    &many<tav::Child>,
-    &many<tav::Event>,        &many<api_status_t>,       &many<tav::DumpElement>,
-    &many<tav::ClientStatus>, &many<tav::WatchdogStatus>};
+    &one<tav::RequestHeader>, &one<tav::ReplyHeader>,     &one<tav::Hello>,
+    &one<tav::Ticket>,        &one<tav::Registration>,    &one<tav::WatchdogRequest>,
+    &one<tav::DumpRequest>,   &one<tav::DumpPage>,        &one<tav::ServiceStatus>,
+    &one<api_status_t>,       &one<std::string>,          &many<std::string>,
+    &many<tav::Item>,         &many<tav::LeafAnswer>,     &many<tav::Child>,
+    &many<tav::Event>,        &many<api_status_t>,        &many<tav::DumpElement>,
+    &many<tav::ClientStatus>, &many<tav::WatchdogStatus>, &one<tav::Farewell>,
+    &one<tav::LimitStatus>};
 
 } // namespace
 

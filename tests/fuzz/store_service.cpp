@@ -175,7 +175,8 @@ void check_tree(const tav::Store &store) {
 // A client that is told of every change.
 class onlooker_t {
 public:
-    explicit onlooker_t(tav::Service &service) : session(service.open(2, 0)) {
+    explicit onlooker_t(tav::Service &service)
+        : session(service.open(tav::Credentials{2, 0, 0, {}}, true)) {
         session.register_events({"/", 1, true}, service.now());
     }
     void check(tav::Service &service) {
@@ -240,15 +241,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     tav::Service service(store, "",
                          [] { return tav::Time(std::chrono::milliseconds(++milliseconds)); });
     onlooker_t onlooker(service);
-    tav::Peer peer{tav::UniqueFd()};
-    const std::vector<std::string> taken = serve(peer, service, service.open(1, 0));
+    tav::Peer peer{tav::UniqueFd(), tav::Credentials{}, true, tav::Time{}};
+    const std::vector<std::string> taken =
+        serve(peer, service, service.open(tav::Credentials{1, 0, 0, {}}, true));
 
     const std::vector<std::string> expected = bodies(stream);
     require(taken.size() <= expected.size() &&
                 std::equal(taken.begin(), taken.end(), expected.begin()),
             "other requests than were sent");
     // Fewer are taken only when one of them was refused, which ends the connection.
-    require(taken.size() == expected.size() || !connection().incoming.empty() || peer.has_input(),
+    require(taken.size() == expected.size() || !connection().incoming.empty() || peer.held() > 0,
             "a request was not taken");
     onlooker.check(service);
     check_tree(store);
