@@ -3,7 +3,8 @@
 build_packages="g++ cmake ninja-build pkg-config libnl-3-dev libboost-dev libsqlite3-dev libcli11-dev
     nlohmann-json3-dev"
 demo_packages="iproute2 procps radvd"
-test_packages="libgtest-dev clang-format clang-tidy binutils iproute2 procps radvd"
+test_packages="libgtest-dev clang-format clang-tidy binutils iproute2 procps radvd
+    mandoc bash-completion"
 fuzz_packages="clang libclang-rt-dev"
 bench_packages="iproute2 binutils valgrind systemd keepalived"
 

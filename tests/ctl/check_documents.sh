@@ -1,0 +1,101 @@
+#!/bin/bash
+# check_documents.sh SOURCE-DIR TANDRELCTL: the manual pages are well-formed and say neither less nor
+# more than the programs; the completion knows the options.
+set -u
+source_dir=$1
+ctl=$2
+page=$source_dir/ctl/man/tandrelctl.1
+daemon_page=$source_dir/shell/man/tandrel.8
+failed=0
+fail() { printf 'FAILED: %s\n' "$*" >&2; failed=1; }
+
+mandoc -T lint -W warning "$page" "$daemon_page" >&2 || fail "mandoc finds fault with a page"
+
+commands=(show check watch 'address add' 'address replace' 'address del' 'gateway set'
+    'gateway clear' 'interface list' 'interface add' 'interface del' import nudge)
+text=$(mandoc -T ascii "$page" | sed 's/.\x08//g')
+long_options() { grep -oE -- '--[a-z][a-z-]*' | sort -u; }
+
+# --- tandrelctl(1) and --help tell of the same options
+helped=$({
+    "$ctl" --help
+    for command in "${commands[@]}"; do
+        # shellcheck disable=SC2086
+        "$ctl" $command --help
+    done
+} | long_options)
+[ "$(wc -l <<<"$helped")" -ge 10 ] || fail "few options were found: $helped"
+documented=$(long_options <<<"$text")
+[ "$helped" = "$documented" ] ||
+    fail "options differ: $(diff <(echo "$helped") <(echo "$documented"))"
+for command in "${commands[@]}"; do
+    grep -q "tandrelctl $command" <<<"$text" || fail "tandrelctl(1) lacks $command"
+done
+
+# --- the completion knows each command's options
+# shellcheck source=/dev/null
+. "$source_dir/ctl/completion/tandrelctl"
+for command in "${commands[@]}"; do
+    # shellcheck disable=SC2086
+    helped=$("$ctl" $command --help | grep -E '^ +-' | long_options | grep -v '^--help$')
+    completed=$(_tandrelctl_options "$command" | long_options |
+        grep -vE '^--(help|color|interface-prefix)$')
+    [ "$helped" = "$completed" ] || fail "completion of '$command': $completed; help: $helped"
+done
+
+# complete_words WORD...: what is offered for the last one, as bash would ask: it parts the words at
+# colons.
+# shellcheck source=/dev/null
+. /usr/share/bash-completion/bash_completion || fail "bash-completion is not installed"
+complete_words() {
+    COMP_LINE=$*
+    COMP_POINT=${#COMP_LINE}
+    mapfile -t COMP_WORDS < <(printf '%s\n' "$@" | sed 's/:/\n:\n/g')
+    COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
+    COMPREPLY=()
+    _tandrelctl
+    echo "${COMPREPLY[*]}"
+}
+# Stands in for the program, which the completion asks.
+# shellcheck disable=SC2317
+tandrelctl() {
+    case $* in
+    'interface list --all') printf '1\teth0\tsynchronised\n2\teth1\tno node in the store\n' ;;
+    'show eth0 --json') printf '   "kernel": {\n "address": "fe80::1/64"\n },\n   "store": {\n     "node": "x",\n     "address": "2001:db8::5/64",\n }\n' ;;
+    esac
+}
+expect() {
+    local wanted=$1 got
+    shift
+    got=$(complete_words "$@")
+    [ "$got" = "$wanted" ] || fail "completing '$*' offers '$got', not '$wanted'"
+}
+COMP_WORDBREAKS=' :'
+expect 'show' tandrelctl sh
+expect 'add replace del' tandrelctl address ''
+expect 'eth0 eth1' tandrelctl address add eth
+expect 'eth0 eth1' tandrelctl -i eth show ''
+expect '2001:db8::5/64' tandrelctl address del eth0 2001
+expect 'auto always never' tandrelctl --color ''
+expect '--from-kernel' tandrelctl import --f
+expect '' tandrelctl nudge ''
+expect ':5/64' tandrelctl address del eth0 2001:db8:
+
+# --- tandrel(8) lists every message up to level 3, and no other
+sources=$(cat "$source_dir"/{shell,netlink,store,sync}/*.cpp | tr '\n' ' ' | sed 's/"  *"//g')
+messages=$(grep -oP 'log_(info|notice|warning|error|critical)(_at)?\(\s*([0-3],\s*)?"(\\.|[^"\\])*"' \
+    <<<"$sources" | sed -E 's/^[^"]*"//; s/"$//' | sort -u)
+[ "$(wc -l <<<"$messages")" -ge 50 ] || fail "few messages were found"
+listed=$(sed -n 's/^\.It Li "\(.*\)"$/\1/p' "$daemon_page" | sort -u)
+while IFS= read -r message; do
+    grep -qxF -- "$message" <<<"$listed" || fail "tandrel(8) lacks: $message"
+done <<<"$messages"
+while IFS= read -r message; do
+    grep -qF -- "\"$message\"" <<<"$sources" || fail "tandrel(8) tells of a message that is none: $message"
+done <<<"$listed"
+usage=$(grep -oE '^\\t-[a-zA-Z]|"\\t-[a-zA-Z]' "$source_dir/shell/options.cpp" | grep -oE '[a-zA-Z]$' | sort -u)
+[ -n "$usage" ] || fail "no options were found in the usage text"
+for letter in $usage; do
+    grep -qE "^\.It Fl $letter( |\$)" "$daemon_page" || fail "tandrel(8) lacks -$letter"
+done
+exit "$failed"
