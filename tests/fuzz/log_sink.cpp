@@ -33,7 +33,7 @@ void take_message(int priority, std::uint32_t level, const char *format, va_list
 
 void take_message(int priority, std::uint32_t level, const char *format, va_list args) {
     recording_t &to = recording();
-    if (!to.on || level > to.level) {
+    if (!log_shows(level)) {
         return;
     }
     std::array<char, message_size> text;
@@ -52,6 +52,9 @@ void take_message(int priority, std::uint32_t level, const char *format, va_list
     } while (false)
 
 void open_log() {}
+bool log_shows(std::uint32_t level) {
+    return recording().on && level <= recording().level;
+}
 void log_message(int priority, const char *format, va_list args) {
     take_message(priority, 0, format, args);
 }
