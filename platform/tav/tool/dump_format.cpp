@@ -1,5 +1,6 @@
 #include "tool/dump_format.h"
 
+#include <cstdint>
 #include <iostream>
 #include <unordered_set>
 
@@ -34,7 +35,9 @@ Value value_of(const Json &entry, const std::string &what) {
     }
     const std::string value = text_of(entry, "value", what);
     const Json time = entry.value("time", Json(no_time));
-    if (!time.is_number_integer()) {
+    // A number without a sign may be one that signed 64 bits do not hold.
+    if (!time.is_number_integer() ||
+        (time.is_number_unsigned() && time.get<std::uint64_t>() > INT64_MAX)) {
         throw BadDump(what + ": the time is not a whole number of seconds");
     }
     return Value{*leaf, value, time.get<std::int64_t>()};
@@ -43,7 +46,7 @@ Value value_of(const Json &entry, const std::string &what) {
 Json parse_document(const std::string &text) {
     try {
         return Json::parse(text);
-    } catch (const Json::parse_error &error) {
+    } catch (const Json::exception &error) { // also of numbers that no double holds
         // Behind the library's own name for the error.
         const std::string message = error.what();
         const std::size_t name_end = message.find("] ");
