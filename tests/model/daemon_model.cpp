@@ -147,7 +147,6 @@ void DaemonModel::take_over(int index, const KernelModel &kernel,
     if (in_kernel == kernel.links.end()) {
         return;
     }
-    link.names_unsure = link.number == 0;
     for (const auto &address : in_kernel->second.addresses) {
         take_over(link, address, link.number == 0 ? StoredInterface{} : *mine);
     }

@@ -21,6 +21,10 @@ public:
         int length;
         int type; // 1 link-local, 2 automatic, 3 static
         std::string node;
+        bool operator==(const Known &other) const {
+            return text == other.text && length == other.length && type == other.type &&
+                   node == other.node;
+        }
     };
     struct Link {
         std::string name; // of its first sight
@@ -29,7 +33,11 @@ public:
         std::set<std::string> listed;
         std::optional<std::string> gateway;
         bool gateway_leaving = false;
-        bool names_unsure = false; // taken over while there was no node that shows them
+        bool operator==(const Link &other) const {
+            return name == other.name && number == other.number && addresses == other.addresses &&
+                   listed == other.listed && gateway == other.gateway &&
+                   gateway_leaving == other.gateway_leaving;
+        }
     };
 
     // Forgets everything, reads the kernel and synchronises.

@@ -10,6 +10,13 @@ namespace {
 
 constexpr int orders_tried = 120;
 
+bool declares_link_local_static(const DaemonModel::Link &link) {
+    return std::any_of(link.addresses.begin(), link.addresses.end(),
+                       [](const DaemonModel::Known &known) {
+                           return known.type == 3 && is_link_local(known.text);
+                       });
+}
+
 // One way in which the world may go.
 class Course {
 public:
@@ -18,6 +25,11 @@ public:
 
     // False when the kernel would have answered otherwise.
     bool run(const std::vector<Done> &burst) {
+        if (state.order_unseen) {
+            for (auto &item : state.daemon.links) {
+                std::shuffle(item.second.addresses.begin(), item.second.addresses.end(), random);
+            }
+        }
         // The last mark of the quiet before may have been fetched just now.
         state.daemon.busy = pace != Pace::settled && pick(2) == 0;
         for (const auto &done : burst) {
@@ -30,9 +42,11 @@ public:
             if (!state.daemon.busy && !state.store.events.empty()) {
                 woken = true;
             }
+            note_doubled();
             between();
         }
         drain();
+        note_doubled();
         state.kernel.expire();
         drain();
         return true;
@@ -65,6 +79,15 @@ private:
     }
 
     int pick(int limit) { return std::uniform_int_distribution<int>(0, limit - 1)(random); }
+
+    void note_doubled() {
+        for (const auto &item : state.daemon.links) {
+            const auto link = state.kernel.links.find(item.first);
+            if (link != state.kernel.links.end() && declares_link_local_static(item.second)) {
+                state.doubled.insert(link->second.slot);
+            }
+        }
+    }
 
     void drain() {
         announce_late();
@@ -222,6 +245,10 @@ void Course::apply_to_processes(const Operation &operation) {
     synchronisation_due = false;
     drain();
     daemon.busy = false;
+    if (daemon.running) {
+        state.order_unseen = false; // it has just read the kernel's order
+        state.doubled.clear();
+    }
 }
 
 std::string join(const std::set<std::string> &texts) {
@@ -319,11 +346,18 @@ void add_unknown(const State &state, const Outcome &outcome, std::set<std::strin
             doubtful.insert("gateway " + std::to_string(slot + 1));
         }
     }
-    for (const auto &item : state.daemon.links) {
-        const std::string names = "nodes " + std::to_string(item.second.number) + " ";
-        for (const auto &one : outcome) {
-            if (item.second.names_unsure && one.first.compare(0, names.size(), names) == 0) {
-                doubtful.insert(one.first);
+    std::set<int> unknown = state.unseen;
+    unknown.insert(state.doubled.begin(), state.doubled.end());
+    for (const int slot : unknown) {
+        const std::string number = std::to_string(slot + 1);
+        for (const auto &stem :
+             {"kernel slot " + std::to_string(slot), "routes slot " + std::to_string(slot),
+              "nodes " + number + " ", "store " + number + " ", "gateway " + number,
+              "leaf " + number + "/"}) {
+            for (const auto &one : outcome) {
+                if (one.first.compare(0, stem.size(), stem) == 0) {
+                    doubtful.insert(one.first);
+                }
             }
         }
     }
@@ -335,7 +369,7 @@ Prediction predict(const State &start, Pace pace, const std::vector<Done> &burst
                    std::uint32_t seed) {
     Prediction prediction;
     prediction.impossible = true;
-    const int orders = pace == Pace::settled ? 1 : orders_tried;
+    const int orders = pace == Pace::settled && !start.order_unseen ? 1 : orders_tried;
     for (int i = 0; i < orders; ++i) {
         Course course(start, pace, seed + static_cast<std::uint32_t>(i));
         if (!course.run(burst)) {
@@ -349,6 +383,8 @@ Prediction predict(const State &start, Pace pace, const std::vector<Done> &burst
             prediction.state = course.state;
             continue;
         }
+        prediction.hidden =
+            prediction.hidden || course.state.daemon.links != prediction.state.daemon.links;
         for (const auto &item : outcome) {
             const auto known = prediction.determined.find(item.first);
             if (known == prediction.determined.end() || known->second != item.second) {
@@ -374,12 +410,18 @@ State adopt(const State &before, const KernelModel &kernel, const StoreModel &st
     state.store = store;
     state.store.watched = true;
     state.daemon.running = true;
+    state.order_unseen = true;
+    state.doubled = before.doubled;
     const auto stored = store.read();
     for (const auto &item : before.daemon.links) {
         state.daemon.links[item.first].name = item.second.name;
     }
     for (auto &item : state.daemon.links) {
         state.daemon.take_over(item.first, kernel, stored);
+        const auto link = kernel.links.find(item.first);
+        if (item.second.number == 0 && link != kernel.links.end()) {
+            state.unseen.insert(link->second.slot);
+        }
     }
     return state;
 }

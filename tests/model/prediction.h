@@ -25,6 +25,12 @@ struct State {
     StoreModel store;
     DaemonModel daemon;
     bool store_up = true;
+    // Slots of which the store does not show what the daemon holds, when the state was taken over.
+    std::set<int> unseen;
+    // Slots whose link's own link-local address was declared Static: the daemon's table may then
+    // hold it twice, and hold one of the two for ever.
+    std::set<int> doubled;
+    bool order_unseen = false; // in which order the daemon holds its addresses
 };
 
 // Carries out a user's operation on the store.
@@ -37,6 +43,7 @@ Outcome describe(const KernelModel &kernel, const StoreModel &store);
 struct Prediction {
     Outcome determined;             // what is absent everywhere is not in it
     std::set<std::string> doubtful; // items for which the orders differ
+    bool hidden = false;            // the orders differ in what the daemon remembers
     bool impossible = false;        // the kernel's answers fit none of the orders tried
     State state;                    // of the first order
 };

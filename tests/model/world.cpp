@@ -120,6 +120,10 @@ void World::await_normal_operation(std::size_t from) {
     if (log().wait_for(normal_operation, from) == 0) {
         throw std::runtime_error("the daemon does not come into normal operation");
     }
+    // The line comes before the first synchronisation.
+    if (!settle()) {
+        throw std::runtime_error("the daemon does not come to rest");
+    }
 }
 
 // The carrier comes a moment after the link is set up, and the address with it.
@@ -248,6 +252,7 @@ Done World::carry_out(const Operation &operation) {
         done.answer = device.try_add_address(name, at(), options);
         break;
     case Kind::advertise:
+        await_link_local(); // before that nothing would arrive
         if (up.count(slot) == 0 ||
             advertise(sandbox.neighbour(), peers[slot], prefix_text(arguments[1]),
                       arguments[2] != 0 ? moment : long_life) != 0) {

@@ -1,0 +1,420 @@
+// What the rules make of some situations that a user may not expect. Each stands in the list of
+// known behaviours (ARCHITECTURE.md) with the administrator's remedy; these tests hold the list
+// to the truth.
+
+#include <linux/rtnetlink.h>
+
+#include "harness/world.h"
+
+namespace {
+
+using kt::stored_address_t;
+
+class KnownBehaviourTest : public kt::KernelTest {
+protected:
+    void SetUp() override {
+        add_eth(0);
+        service.start();
+        store.make_interface(1);
+        ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
+    }
+
+    void start(const kt::spawn_options_t &options = {}) {
+        start_daemon_and_wait({"-d", "-D", "4"}, options);
+    }
+
+    // Any edit brings a synchronisation.
+    void synchronise() {
+        store.set_gateway(9, "fe80::" + std::to_string(++edits)); // no link is of that number
+        ASSERT_TRUE(settle());
+    }
+
+    static void switch_on(const std::string &name) {
+        kt::write_file("/proc/sys/net/ipv6/" + name, "1");
+    }
+
+    void run_ip(const std::vector<std::string> &arguments) {
+        std::vector<std::string> all{"/usr/bin/env", "ip"};
+        all.insert(all.end(), arguments.begin(), arguments.end());
+        kt::Process ip(sandbox, all);
+        ASSERT_EQ(ip.wait_exit(), 0) << ip.errors().tail(5);
+    }
+
+    std::string type_of(const std::string &text) {
+        for (const auto &stored : store.addresses(1)) {
+            if (stored.address == text) {
+                return stored.type;
+            }
+        }
+        return "absent";
+    }
+
+    std::size_t times_stored(const std::string &text) {
+        std::size_t times = 0;
+        for (const auto &stored : store.addresses(1)) {
+            times += stored.address == text ? 1U : 0U;
+        }
+        return times;
+    }
+
+    const std::string address = "2001:db8::5/64";
+    int edits = 0;
+};
+
+// Links.
+
+class LinkDownTest : public KnownBehaviourTest {
+protected:
+    void go_down_with_address_and_gateway() {
+        store.set_address(1, "s", address);
+        store.set_gateway(1, "fe80::1");
+        start();
+        ASSERT_TRUE(becomes([&] { return both_have(1, address); }));
+        ASSERT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
+        device.set_up("eth0", false);
+        ASSERT_TRUE(settle());
+    }
+
+    void take_away(bool moved) {
+        if (moved) {
+            device.rename("eth0", "eth9"); // peers and their names stay apart
+            device.move_link("eth9", sandbox.neighbour());
+            neighbour.delete_link("eth9");
+        } else {
+            device.delete_link("eth0");
+        }
+        ASSERT_TRUE(settle());
+    }
+};
+
+TEST_F(LinkDownTest, ALinkSetDownTakesItsAddressesAndGatewayOutOfTheStore) {
+    go_down_with_address_and_gateway();
+    EXPECT_TRUE(becomes([&] { return neither_has(1, address) && !store.gateway(1); }));
+    device.set_up("eth0");
+    ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
+    synchronise();
+    EXPECT_TRUE(neither_has(1, address)) << "it does not come back with the link";
+}
+
+TEST_F(LinkDownTest, WithTheKernelToldToKeepThemTheyStay) {
+    switch_on("conf/eth0/keep_addr_on_down");
+    switch_on("route/skip_notify_on_dev_down");
+    go_down_with_address_and_gateway();
+    EXPECT_TRUE(both_have(1, address));
+    EXPECT_EQ(type_of(address), "Static");
+    EXPECT_EQ(store.gateway(1), "fe80::1");
+    device.set_up("eth0");
+    ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
+    synchronise();
+    EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
+}
+
+TEST_F(LinkDownTest, UnpluggingOrMovingALinkTakesItsAddressesWhateverTheKernelIsTold) {
+    for (const bool moved : {false, true}) {
+        switch_on("conf/all/keep_addr_on_down");
+        switch_on("conf/eth0/keep_addr_on_down");
+        store.set_address(1, "s", address);
+        store.set_gateway(1, "fe80::1");
+        start();
+        ASSERT_TRUE(becomes([&] { return both_have(1, address) && store.gateway(1); }));
+        take_away(moved);
+        EXPECT_TRUE(becomes([&] { return store.addresses(1).empty() && !store.gateway(1); }));
+        EXPECT_EQ(stop_daemon(), 0);
+        add_eth(0);
+        ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
+    }
+}
+
+TEST_F(LinkDownTest, TheGatewayStaysWhenTheKernelIsToldNotToReportItEvenWhenTheLinkIsGone) {
+    for (const bool moved : {false, true}) {
+        switch_on("route/skip_notify_on_dev_down");
+        store.set_gateway(1, "fe80::1");
+        start();
+        ASSERT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
+        take_away(moved);
+        EXPECT_EQ(store.gateway(1), "fe80::1");
+        EXPECT_EQ(stop_daemon(), 0);
+        add_eth(0);
+        ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
+    }
+}
+
+TEST_F(KnownBehaviourTest, AGatewayStoredWhileTheLinkIsDownWaitsForTheNextSynchronisation) {
+    start();
+    device.set_up("eth0", false);
+    store.set_gateway(1, "fe80::1");
+    ASSERT_TRUE(settle());
+    EXPECT_TRUE(logged_part("Kernel refused route via 'fe80::1'"));
+    device.set_up("eth0");
+    ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
+    ASSERT_TRUE(settle());
+    EXPECT_TRUE(device.static_gateways("eth0").empty());
+    EXPECT_EQ(store.gateway(1), "fe80::1");
+    synchronise();
+    EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
+}
+
+TEST_F(KnownBehaviourTest, ALinkThatLeavesABridgeLosesItsAutomaticAddressesInTheStore) {
+    store.set_address(1, "s", address);
+    start();
+    device.add_address("eth0", "2001:db8:7::7/64");
+    ASSERT_TRUE(becomes([&] { return type_of("2001:db8:7::7/64") == "Automatic"; }));
+    run_ip({"link", "add", "br0", "type", "bridge"});
+    run_ip({"link", "set", "eth0", "master", "br0"});
+    ASSERT_TRUE(settle());
+    const std::size_t from = log().size();
+    run_ip({"link", "set", "eth0", "nomaster"});
+    EXPECT_TRUE(logged_part("Erasing existing link: 'eth0'", from));
+    EXPECT_TRUE(logged_part("Adding new link: 'eth0'", from));
+    ASSERT_TRUE(settle());
+    EXPECT_TRUE(device.has_address("eth0", "2001:db8:7::7/64"));
+    EXPECT_EQ(type_of("2001:db8:7::7/64"), "absent");
+    EXPECT_TRUE(both_have(1, address)) << "what is Static stays";
+    // A new announcement, or a restart, brings them back.
+    EXPECT_EQ(stop_daemon(), 0);
+    start();
+    EXPECT_EQ(type_of("2001:db8:7::7/64"), "Automatic");
+}
+
+TEST_F(KnownBehaviourTest, ALinkThatIsRenamedOutOfThePrefixAndRemovedIsNeverForgotten) {
+    store.set_address(1, "s", address);
+    start();
+    device.set_up("eth0", false);
+    device.rename("eth0", "wan0");
+    device.delete_link("wan0");
+    ASSERT_TRUE(settle());
+    store.set_address(1, "s", address);
+    ASSERT_TRUE(settle());
+    add_eth(0);
+    ASSERT_TRUE(settle());
+    synchronise();
+    EXPECT_FALSE(device.has_address("eth0", address)) << "the old link still bears the name";
+    EXPECT_EQ(stop_daemon(), 0);
+    start();
+    EXPECT_TRUE(becomes([&] { return both_have(1, address); }));
+}
+
+// Addresses.
+
+TEST_F(KnownBehaviourTest, AStaticAddressRemovedWhileTheDaemonDoesNotRunComesBackAsAutomatic) {
+    store.set_address(1, "s", address);
+    start();
+    ASSERT_TRUE(becomes([&] { return both_have(1, address); }));
+    EXPECT_EQ(stop_daemon(), 0);
+    store.remove_address(1, "s");
+    start();
+    EXPECT_TRUE(device.has_address("eth0", address));
+    EXPECT_EQ(type_of(address), "Automatic");
+    // The remedy: declared Static and removed again, or deleted in the kernel.
+    store.write(kt::paths::type_value(1, store.node_of(1, address)), "Static");
+    ASSERT_TRUE(settle());
+    store.remove_address(1, store.node_of(1, address));
+    EXPECT_TRUE(becomes([&] { return neither_has(1, address); }));
+}
+
+TEST_F(KnownBehaviourTest, AnAutomaticAddressDeclaredStaticLeavesTheStoreWhenItExpires) {
+    start();
+    kt::address_options_t options;
+    options.valid_seconds = 3600;
+    device.add_address("eth0", address, options);
+    ASSERT_TRUE(becomes([&] { return type_of(address) == "Automatic"; }));
+    store.write(kt::paths::type_value(1, store.node_of(1, address)), "Static");
+    ASSERT_TRUE(settle());
+    options.valid_seconds = 1;
+    options.replace = true;
+    device.add_address("eth0", address, options);
+    EXPECT_TRUE(becomes([&] { return neither_has(1, address); }));
+}
+
+TEST_F(KnownBehaviourTest, AStaticAddressDeclaredOtherwiseLeavesBothSides) {
+    store.set_address(1, "s", address);
+    start();
+    store.write(kt::paths::type_value(1, "s"), "Automatic");
+    EXPECT_TRUE(becomes([&] { return neither_has(1, address); }));
+}
+
+TEST_F(KnownBehaviourTest,
+       AnAutomaticAddressDeclaredLinkLocalIsMissingUntilTheNextSynchronisation) {
+    start();
+    device.add_address("eth0", address);
+    ASSERT_TRUE(becomes([&] { return type_of(address) == "Automatic"; }));
+    ASSERT_TRUE(settle() && settle()); // the kernel announces a new address twice
+    store.write(kt::paths::type_value(1, store.node_of(1, address)), "Link-Local");
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(type_of(address), "absent");
+    synchronise();
+    EXPECT_EQ(type_of(address), "Automatic");
+}
+
+TEST_F(KnownBehaviourTest, TheLinksOwnLinkLocalAddressDeclaredStaticStandsTwice) {
+    start();
+    const std::string own = device.link_local("eth0");
+    ASSERT_EQ(type_of(own), "Link-Local");
+    store.set_address(1, "s", own);
+    ASSERT_TRUE(settle());
+    synchronise();
+    synchronise();
+    EXPECT_EQ(times_stored(own), 2U);
+    // Only a removal in the kernel, or by way of the Static node, takes it away.
+    store.remove_address(1, "s");
+    ASSERT_TRUE(settle());
+    EXPECT_TRUE(becomes([&] { return device.link_local("eth0").empty(); }));
+}
+
+TEST_F(KnownBehaviourTest, AnAddressWithAPeerIsKnownByItsPeer) {
+    start();
+    kt::address_options_t options;
+    options.peer = "2001:db8:8::2/64";
+    device.add_address("eth0", "2001:db8:8::1/64", options);
+    EXPECT_TRUE(becomes([&] { return type_of("2001:db8:8::2/64") == "Automatic"; }));
+    EXPECT_EQ(type_of("2001:db8:8::1/64"), "absent");
+}
+
+TEST_F(KnownBehaviourTest, AStaticAddressUnderTwoNodesComesBackWhenItIsDeletedInTheKernel) {
+    store.set_address(1, "a", address);
+    store.set_address(1, "b", address);
+    start();
+    EXPECT_EQ(times_stored(address), 2U);
+    device.delete_address("eth0", address);
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(times_stored(address), 1U);
+    EXPECT_FALSE(device.has_address("eth0", address));
+    synchronise();
+    EXPECT_TRUE(both_have(1, address));
+}
+
+TEST_F(KnownBehaviourTest, OfAStaticAddressUnderTwoNodesTheLaterPrefixLengthWins) {
+    store.set_address(1, "a", address);
+    store.set_address(1, "b", "2001:db8::5/48");
+    start();
+    for (int i = 0; i < 3; ++i) {
+        synchronise();
+    }
+    EXPECT_TRUE(store.has_address(1, "2001:db8::5/48", "Static"));
+    EXPECT_EQ(type_of(address), "absent");
+    EXPECT_TRUE(device.has_address("eth0", "2001:db8::5/48"));
+    const std::size_t from = log().size();
+    synchronise();
+    EXPECT_EQ(log().count_containing("Changing prefix length", from), 0U);
+}
+
+TEST_F(KnownBehaviourTest, ANodeWithoutAMirroredLeafIsNotKnownToTheNaming) {
+    start();
+    ASSERT_EQ(store.addresses(1).size(), 1U); // the link-local one, "1"
+    store.write(kt::paths::address(1, "2") + "/Note", "mine");
+    ASSERT_TRUE(settle());
+    device.add_address("eth0", address);
+    EXPECT_TRUE(becomes([&] { return store.node_of(1, address) == "2"; }));
+    EXPECT_EQ(store.read(kt::paths::address(1, "2") + "/Note"), "mine");
+}
+
+// Gateways.
+
+TEST_F(KnownBehaviourTest, ASecondGatewayOfEqualMetricMakesBothInvisibleToAStart) {
+    add_eth(1);
+    store.make_interface(2);
+    store.set_gateway(1, "fe80::1");
+    start();
+    store.set_gateway(2, "fe80::2");
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(device.static_gateways("eth1"), std::vector<std::string>{"fe80::2"});
+    EXPECT_EQ(stop_daemon(), 0);
+    store.remove_gateway(2);
+    start();
+    EXPECT_FALSE(store.gateway(2));
+    EXPECT_EQ(device.static_gateways("eth1"), std::vector<std::string>{"fe80::2"})
+        << "nobody removes it";
+    device.delete_route({"::/0", "fe80::2", "eth1"});
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(store.gateway(1), "fe80::1");
+}
+
+TEST_F(KnownBehaviourTest, AStaticDefaultRouteOfAnotherTableIsTakenForTheMainTables) {
+    start();
+    kt::kernel_route_t route{"::/0", "fe80::1", "eth0"};
+    route.table = 100;
+    device.add_route(route);
+    EXPECT_TRUE(becomes([&] { return store.gateway(1) == "fe80::1"; }));
+    synchronise();
+    EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"}); // of main
+}
+
+TEST_F(KnownBehaviourTest, AGatewayEqualToTheAdvertisedRouterTakesTheAdvertisedRouteAlong) {
+    start();
+    kt::kernel_route_t advertised{"::/0", "fe80::9", "eth0"};
+    advertised.protocol = RTPROT_RA;
+    device.add_route(advertised);
+    store.set_gateway(1, "fe80::9");
+    ASSERT_TRUE(settle());
+    store.remove_gateway(1);
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(device.try_delete_route(advertised), ESRCH);
+    EXPECT_EQ(store.gateway(1), "fe80::9") << "the kernel reported no static route as gone";
+    store.remove_gateway(1);
+    ASSERT_TRUE(settle());
+    EXPECT_FALSE(store.gateway(1)) << "the second removal finds nothing, and that counts";
+}
+
+TEST_F(KnownBehaviourTest, AStaticDefaultRouteOfAnotherMetricIsDoubledAndHalfRemoved) {
+    start();
+    kt::kernel_route_t route{"::/0", "fe80::1", "eth0"};
+    route.metric = 100;
+    device.add_route(route);
+    ASSERT_TRUE(becomes([&] { return store.gateway(1) == "fe80::1"; }));
+    synchronise();
+    EXPECT_EQ(device.static_gateways("eth0").size(), 2U);
+    store.remove_gateway(1);
+    ASSERT_TRUE(settle());
+    EXPECT_FALSE(store.gateway(1));
+    EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
+    EXPECT_EQ(stop_daemon(), 0);
+    start();
+    EXPECT_TRUE(becomes([&] { return device.static_gateways("eth0").empty(); }));
+    ASSERT_TRUE(settle());
+    EXPECT_FALSE(store.gateway(1));
+}
+
+// Interface nodes.
+
+TEST_F(KnownBehaviourTest, AnInterfaceNodeThatIsNoNumberStopsEveryRead) {
+    rebuilds_allowed = true;
+    kt::spawn_options_t options;
+    options.environment = {{"LD_PRELOAD", kt::program("PRELOAD")},
+                           {"KT_PAUSE_MS", "100"},
+                           {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+    start(options);
+    store.write(kt::paths::interfaces + "/eth/Label", "no number");
+    const std::size_t from = log().size();
+    store.set_address(1, "s", address);
+    std::size_t at = from;
+    for (int i = 0; i < 3; ++i) { // again and again
+        at = log().wait_for_containing("Caught exception", at);
+        ASSERT_NE(at, 0U);
+    }
+    EXPECT_FALSE(device.has_address("eth0", address));
+    store.remove(kt::paths::interfaces + "/eth");
+    EXPECT_TRUE(becomes([&] { return both_have(1, address); }));
+}
+
+TEST_F(KnownBehaviourTest, InterfaceNodesThatDifferInLeadingZerosAreOneInterface) {
+    const std::string twin = kt::paths::interfaces + "/01/IPv6/Addresses/s";
+    store.write({{twin + "/Address/Value", "2001:db8::6/64"}, {twin + "/Type/Value", "Static"}});
+    store.set_address(1, "s", address);
+    start();
+    for (int i = 0; i < 3; ++i) {
+        const std::size_t from = log().size();
+        synchronise();
+        EXPECT_GT(log().count_containing("Removing TAV addr", from), 0U) << "it never settles";
+    }
+}
+
+TEST_F(KnownBehaviourTest, InterfaceNumbersAreCutToThirtyTwoBits) {
+    device.add_veth("eth4294967296", "peer1", sandbox.neighbour()); // node 4294967297
+    store.write(kt::paths::interfaces + "/4294967297/Label", "test");
+    start();
+    device.add_address("eth4294967296", "2001:db8:9::9/64");
+    EXPECT_TRUE(becomes([&] { return type_of("2001:db8:9::9/64") == "Automatic"; }))
+        << "it is written under interface 1";
+}
+
+} // namespace

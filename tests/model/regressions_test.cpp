@@ -1,0 +1,77 @@
+// Sequences that failed once, shortened, with what went wrong.
+
+#include <gtest/gtest.h>
+
+#include "runner.h"
+
+namespace {
+
+void expect_as_foreseen(const char *text) {
+    const model::Verdict verdict = model::run(model::parse(text));
+    EXPECT_EQ(verdict.failure, "") << verdict.log;
+}
+
+// The carrier comes later than the link, and with it a link-local address that was removed.
+TEST(RegressionTest, ALinkLocalAddressThatIsRemovedBeforeTheCarrierComes) {
+    expect_as_foreseen(
+        "seed 918\nburst settled\n link-down 0\n store-set 0 2 8 64 3 0\n link-up 0\n"
+        " store-set 0 2 2 64 3 0\n");
+}
+
+// The kernel lists the youngest global address first, so that a restart names it first.
+TEST(RegressionTest, AddressesThatAppearWhileTheStoreIsAway) {
+    expect_as_foreseen("seed 4\nburst fast\n store-stop\n kernel-add 0 6 128 0\n"
+                       " kernel-add 0 0 64 0\n store-start\nburst settled\n"
+                       " store-set 0 0 0 64 3 0\n");
+}
+
+// Siblings are dumped as one route, of one protocol.
+TEST(RegressionTest, AStoredGatewayBesideARouteOfAnotherProtocol) {
+    expect_as_foreseen("seed 173\nburst fast\n route-add 0 1 9 0\nburst fast\n gateway-set 0 2 0\n"
+                       " store-set 0 0 6 128 3 0\n");
+}
+
+// The kernel announces an address of its own making later than one that was asked for.
+TEST(RegressionTest, AnAdvertisedAddressThatIsAnnouncedAfterALaterOne) {
+    expect_as_foreseen("seed 183\nburst frozen\n store-set 0 3 3 64 3 0\n advertise 0 0 0\n"
+                       " kernel-add 0 1 64 1\n");
+}
+
+// What is written between the daemon's fetch of the events and its reading counts already.
+TEST(RegressionTest, EditsThatComeBetweenTheFetchAndTheReading) {
+    expect_as_foreseen("seed 664\nburst settled\n advertise 0 1 0\nburst fast\n route-add 0 0 4 0\n"
+                       " store-address 0 1 1 64 0\n store-rename 0 1 2\n store-remove 0 0\n"
+                       " store-type 0 1 0\n store-set 0 5 5 64 1 0\n");
+}
+
+// The store wakes the daemon later when it has just been asked for something.
+TEST(RegressionTest, ANewAddressThatIsServedBeforeAnEditThatWasMadeEarlier) {
+    expect_as_foreseen("seed 27\nburst fast\n store-type 0 1 2\n store-address 0 0 0 64 0\n"
+                       " kernel-lifetime 1 1 48\n kernel-add 0 3 64 0\n");
+}
+
+// Killed between a user's removal and its own part in it, the daemon finds the address still there.
+TEST(RegressionTest, ADaemonThatIsKilledBeforeItHeardOfARemoval) {
+    expect_as_foreseen("seed 95\nburst settled\n store-set 0 1 1 128 3 0\nburst fast\n"
+                       " store-set 0 1 7 64 3 0\n daemon-stop 1\n daemon-start\n");
+}
+
+// An interface whose node was removed and comes back keeps what the daemon remembers of it.
+TEST(RegressionTest, AnInterfaceNodeThatIsRemovedAndComesBack) {
+    expect_as_foreseen("seed 100607\nburst slow\n store-type 0 0 3\n interface-drop 0\n"
+                       "burst frozen\n gateway-set 0 1 0\n");
+}
+
+// An edit right after a rebuild meets its first synchronisation.
+TEST(RegressionTest, EditsRightAfterAnOverflow) {
+    expect_as_foreseen("seed 101199\nburst fast\n kernel-add 1 4 128 0\n overflow\n"
+                       " store-set 0 0 0 48 1 1\n kernel-add 0 5 48 0\n");
+}
+
+// Routes are removed by metric, the lowest first.
+TEST(RegressionTest, AReplacedGatewayOfAnotherMetric) {
+    expect_as_foreseen("seed 78\ndelay 18\nburst fast\n route-add 0 1 4 100\n"
+                       " store-set 1 2 8 48 3 1\n route-add 0 2 4 0\n store-set 1 1 1 64 3 2\n");
+}
+
+} // namespace
