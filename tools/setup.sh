@@ -4,7 +4,7 @@ build_packages="g++ cmake ninja-build pkg-config libnl-3-dev libboost-dev libsql
     nlohmann-json3-dev"
 demo_packages="iproute2 procps radvd"
 test_packages="libgtest-dev clang-format clang-tidy binutils iproute2 procps radvd
-    mandoc bash-completion"
+    mandoc groff-base bash-completion"
 fuzz_packages="clang libclang-rt-dev"
 bench_packages="iproute2 binutils valgrind systemd keepalived"
 

@@ -10,7 +10,9 @@ fail() { printf 'FAILED: %s\n' "$*" >&2; exit 1; }
 cmake --install "$build" --prefix "$work/usr" >"$work/log" 2>&1 || { cat "$work/log"; fail install; }
 for file in sbin/tandrel sbin/tavd bin/tav bin/tandrelctl "$libdir/libtav.so" "$libdir/libtav++.so" \
     include/tav/mlr.h include/tav/toolkit.h share/man/man1/tandrelctl.1 share/man/man8/tandrel.8 \
-    share/bash-completion/completions/tandrelctl; do
+    share/bash-completion/completions/tandrelctl \
+    share/man/man1/tav.1 share/man/man3/libtav.3 share/man/man8/tavd.8 \
+    share/bash-completion/completions/tav; do
     [ -e "$work/usr/$file" ] || fail "$file is not installed"
 done
 
