@@ -76,8 +76,12 @@ _tav_offer_paths() {
         COMPREPLY+=("$typed$quoted")
     done < <(TAV_TIMEOUT_MS=2000 "${words[0]}" ls -l --color=never "${socket[@]}" -- "${parent:-/}" \
         2>/dev/null)
-    # Below a node there is more to come.
-    [[ ${#COMPREPLY[@]} -eq 1 && ${COMPREPLY[0]} == */ ]] && compopt -o nospace
+    [[ ${#COMPREPLY[@]} -eq 1 ]] || return
+    if [[ ${COMPREPLY[0]} == */ ]]; then
+        compopt -o nospace # below a node there is more to come
+    elif [[ $quote && ${COMPREPLY[0]} == *"$quote" ]]; then
+        COMPREPLY[0]+=$quote # readline would take the name's own quote for the closing one
+    fi
 }
 
 # The words of each command's options.
