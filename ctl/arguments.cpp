@@ -2,7 +2,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include <iostream>
 #include <utility>
+
+#include "ctl/text.h"
 
 #ifndef TANDREL_VERSION
 #error "the build gives the version"
@@ -30,14 +33,13 @@ public:
         app.set_version_flag("-V,--version", "tandrelctl " TANDREL_VERSION);
         app.add_option("-i,--interface-prefix", request.options.prefix,
                        "What the names of the links begin with, as tandrel -i has it (eth)")
+            ->type_name("PREFIX")
             ->check([](const std::string &text) {
                 return text.empty() ? std::string("must not be empty") : std::string();
             });
-        app.add_option("--color", request.options.colour, "auto (on a terminal), always or never")
-            ->transform(CLI::CheckedTransformer(
-                std::vector<std::pair<std::string, colour_t>>{{"auto", colour_t::automatic},
-                                                              {"always", colour_t::always},
-                                                              {"never", colour_t::never}}));
+        app.add_option("--color", colour, "auto (on a terminal), always or never")
+            ->type_name("WHEN")
+            ->check(CLI::IsMember({"auto", "always", "never"}).description(""));
         add_looking();
         add_address();
         add_gateway();
@@ -48,6 +50,10 @@ public:
     request_t parse(int argc, char **argv) {
         try {
             app.parse(argc, argv);
+        } catch (const CLI::RequiredError &error) {
+            request.result = complain(error);
+            request.command = nullptr;
+            return std::move(request);
         } catch (const CLI::ParseError &error) {
             // Help and version come this way, too, and are no errors.
             request.result = app.exit(error) == 0 ? exit_done : exit_usage;
@@ -55,12 +61,38 @@ public:
             return std::move(request);
         }
         if (waits()) {
-            request.options.patience = patience;
+            request.options.patience = std::stod(patience);
+        }
+        if (colour != "auto") {
+            request.options.colour = colour == "always" ? colour_t::always : colour_t::never;
         }
         return std::move(request);
     }
 
 private:
+    // The library says of a wrong command only that one is required.
+    int complain(const CLI::RequiredError &error) {
+        const std::vector<std::string> words = app.remaining(true);
+        if (app.get_subcommands().empty()) {
+            const std::string what =
+                words.empty() ? "a command is missing" : "'" + escaped(words.front()) + "' is none";
+            std::cerr << "tandrelctl: " << what << "; 'tandrelctl --help' lists the commands\n";
+            return exit_usage;
+        }
+        for (const CLI::App *group : app.get_subcommands()) {
+            if (group->get_require_subcommand_min() == 1 && group->get_subcommands().empty()) {
+                std::cerr << "tandrelctl: what about the " << group->get_name() << "?";
+                for (const CLI::App *choice : group->get_subcommands({})) {
+                    std::cerr << ' ' << choice->get_name();
+                }
+                std::cerr << " ('tandrelctl " << group->get_name() << " --help' tells more)\n";
+                return exit_usage;
+            }
+        }
+        app.exit(error);
+        return exit_usage;
+    }
+
     CLI::App *add(CLI::App &to, const char *name, const char *what, command_t command) {
         CLI::App *sub = to.add_subcommand(name, what);
         sub->fallthrough();
@@ -78,6 +110,7 @@ private:
     void add_link(CLI::App *sub, bool required = true) {
         sub->add_option("LINK", request.options.link,
                         required ? "The link (eth0)" : "The link (eth0); every link without it")
+            ->type_name("")
             ->required(required);
     }
 
@@ -90,7 +123,7 @@ private:
             sub->add_flag("--wait{10}", patience,
                           "Return when the kernel has followed, or say after 10 seconds why "
                           "it has not; --wait=S for another time");
-        flag->check(CLI::Range(0.0, 1e6));
+        flag->check(CLI::Range(0.0, 1e6).description(""));
         wait_flags.push_back(flag);
     }
 
@@ -131,9 +164,11 @@ private:
         CLI::App *sub = add(*group, "add", "Store a new Static address", address_add);
         add_link(sub);
         sub->add_option("ADDRESS/LENGTH", request.options.address, "Such as 2001:db8::5/64")
+            ->type_name("")
             ->required();
         sub->add_option("--node", request.options.node,
-                        "Name of its node (the smallest free number without it)");
+                        "Name of its node (the smallest free number without it)")
+            ->type_name("NAME");
         add_wait(sub);
         sub->footer("Example: tandrelctl address add eth0 2001:db8::5/64 --node office --wait");
 
@@ -143,15 +178,18 @@ private:
                   address_replace);
         add_link(sub);
         sub->add_option("ADDRESS/LENGTH", request.options.address, "Such as 2001:db8::5/48")
+            ->type_name("")
             ->required();
         add_wait(sub);
         sub->footer("Example: tandrelctl address replace eth0 2001:db8::5/48");
 
         sub = add(*group, "del", "Remove an address from the store", address_delete);
         add_link(sub);
-        sub->add_option("ADDRESS[/LENGTH]", request.options.address, "Such as 2001:db8::5");
+        sub->add_option("ADDRESS[/LENGTH]", request.options.address, "Such as 2001:db8::5")
+            ->type_name("");
         sub->add_option("--node", request.options.node,
-                        "The node by its name, whatever it holds, instead of the address");
+                        "The node by its name, whatever it holds, instead of the address")
+            ->type_name("NAME");
         sub->add_flag("--force", request.options.force,
                       "Also one that the kernel made, which comes back if the kernel keeps it");
         add_wait(sub);
@@ -165,6 +203,7 @@ private:
         CLI::App *sub = add(*group, "set", "Store the default gateway", gateway_set);
         add_link(sub);
         sub->add_option("ADDRESS", request.options.address, "The router's, such as fe80::1")
+            ->type_name("")
             ->required();
         add_wait(sub);
         sub = add(*group, "clear", "Remove the default gateway from the store", gateway_clear);
@@ -185,7 +224,8 @@ private:
                   interface_delete);
         add_link(sub, false);
         sub->add_option("--node", request.options.node,
-                        "The node by its name, for one that stands for no link");
+                        "The node by its name, for one that stands for no link")
+            ->type_name("NAME");
         sub->add_flag("--force", request.options.force, "Also when settings are stored in it");
     }
 
@@ -210,7 +250,8 @@ private:
                  "tandrelctl"};
     request_t request;
     std::vector<CLI::Option *> wait_flags;
-    double patience = 0;
+    std::string patience; // a text: a flag's number would lose its fraction
+    std::string colour = "auto";
     bool from_kernel = false;
 };
 

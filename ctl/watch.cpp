@@ -219,7 +219,7 @@ private:
             if (!on_terminal) {
                 std::cout << time << ' ' << line << std::endl; // at once: somebody waits for it
             } else if (!first) {
-                log.push_back(time + " " + line);
+                log.push_back(std::string(time).append(" ").append(line));
             }
         }
         while (log.size() > log_length) {

@@ -68,7 +68,7 @@ for ((i = 0; i < 200; i++)); do
 done
 # The tool reads the same through the same library.
 shown=$("$work/build/ctl/tandrelctl" show eth0)
-grep -q '^= 2001:db8:77::1/64  *2001:db8:77::1/64  *Static  *kit$' <<<"$shown" || { echo "$shown"; done=no; }
+grep -q '^= 2001:db8:77::1/64  *2001:db8:77::1/64  *Static  *kit\b' <<<"$shown" || { echo "$shown"; done=no; }
 kill -TERM "$daemon"
 wait "$daemon" || { echo "exit status $?"; done=no; }
 if [ "$done" = no ]; then

@@ -1,0 +1,81 @@
+// The command line: what it asks for, and what is wrong with it.
+#include "ctl/arguments.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+ctl::request_t parse(std::vector<std::string> words) {
+    words.insert(words.begin(), "tandrelctl");
+    std::vector<char *> pointers;
+    for (std::string &word : words) {
+        pointers.push_back(word.data());
+    }
+    return ctl::parse(static_cast<int>(pointers.size()), pointers.data());
+}
+
+// What is written to standard error on a wrong line.
+std::string complaint(const std::vector<std::string> &words) {
+    testing::internal::CaptureStderr();
+    const ctl::request_t request = parse(words);
+    const std::string text = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(request.command, nullptr);
+    EXPECT_EQ(request.result, 2);
+    return text;
+}
+
+TEST(CtlArguments, EachCommandIsTheOneNamed) {
+    EXPECT_EQ(parse({"show"}).command, ctl::show);
+    EXPECT_EQ(parse({"check"}).command, ctl::check);
+    EXPECT_EQ(parse({"watch"}).command, ctl::watch);
+    EXPECT_EQ(parse({"address", "add", "eth0", "a"}).command, ctl::address_add);
+    EXPECT_EQ(parse({"address", "replace", "eth0", "a"}).command, ctl::address_replace);
+    EXPECT_EQ(parse({"address", "del", "eth0"}).command, ctl::address_delete);
+    EXPECT_EQ(parse({"gateway", "set", "eth0", "a"}).command, ctl::gateway_set);
+    EXPECT_EQ(parse({"gateway", "clear", "eth0"}).command, ctl::gateway_clear);
+    EXPECT_EQ(parse({"interface", "list"}).command, ctl::interface_list);
+    EXPECT_EQ(parse({"interface", "add", "eth0"}).command, ctl::interface_add);
+    EXPECT_EQ(parse({"interface", "del"}).command, ctl::interface_delete);
+    EXPECT_EQ(parse({"import", "--from-kernel"}).command, ctl::import_kernel);
+    EXPECT_EQ(parse({"nudge"}).command, ctl::nudge);
+}
+
+TEST(CtlArguments, OptionsMayStandBeforeAndBehindTheCommand) {
+    const ctl::request_t request =
+        parse({"-i", "wlan", "address", "add", "--node", "office", "wlan0", "2001:db8::5/64",
+               "--wait=2.5", "--color", "never"});
+    EXPECT_EQ(request.options.prefix, "wlan");
+    EXPECT_EQ(request.options.link, "wlan0");
+    EXPECT_EQ(request.options.address, "2001:db8::5/64");
+    EXPECT_EQ(request.options.node, "office");
+    EXPECT_EQ(request.options.colour, ctl::colour_t::never);
+    ASSERT_TRUE(request.options.patience);
+    EXPECT_EQ(*request.options.patience, 2.5);
+}
+
+TEST(CtlArguments, AWaitWithoutATimeLastsTenSecondsAndTakesNoWordAway) {
+    const ctl::request_t request = parse({"gateway", "set", "--wait", "eth0", "fe80::1"});
+    EXPECT_EQ(request.options.link, "eth0");
+    ASSERT_TRUE(request.options.patience);
+    EXPECT_EQ(*request.options.patience, 10);
+    EXPECT_FALSE(parse({"gateway", "set", "eth0", "fe80::1"}).options.patience);
+}
+
+TEST(CtlArguments, AWrongLineIsToldFromWhatIsWrong) {
+    EXPECT_EQ(complaint({}),
+              "tandrelctl: a command is missing; 'tandrelctl --help' lists the commands\n");
+    EXPECT_EQ(complaint({"adress\x1b", "add"}),
+              "tandrelctl: 'adress\\x1b' is none; 'tandrelctl --help' lists the commands\n");
+    EXPECT_EQ(complaint({"address"}), "tandrelctl: what about the address? add replace del "
+                                      "('tandrelctl address --help' tells more)\n");
+    EXPECT_NE(complaint({"address", "add", "eth0"}).find("ADDRESS/LENGTH is required"),
+              std::string::npos);
+    EXPECT_NE(complaint({"import"}).find("--from-kernel is required"), std::string::npos);
+    EXPECT_NE(complaint({"--color", "blue", "show"}).find("blue not in {auto,always,never}"),
+              std::string::npos);
+    EXPECT_NE(complaint({"-i", "", "show"}).find("must not be empty"), std::string::npos);
+    EXPECT_NE(complaint({"gateway", "clear", "eth0", "--wait=-1"}).find("--wait"),
+              std::string::npos);
+}
+
+} // namespace
