@@ -169,3 +169,57 @@ TEST_F(FullDiskTest, WritesAreRefusedUntilThereIsRoom) {
     EXPECT_EQ(client.list("/n").size(), static_cast<std::size_t>(stored) + 1);
     EXPECT_EQ(client.get("/n/0"), std::string(60000, 'v'));
 }
+
+namespace {
+
+class DurabilityTest : public StoreTest {
+protected:
+    DurabilityTest() {
+        prefix = {"/usr/bin/env", "LD_PRELOAD=" TAV_DISK_PRELOAD, "TAV_DISK_FAULT=" + plan,
+                  "ASAN_OPTIONS=verify_asan_link_order=0"};
+    }
+    // What a write gives when nothing can be synced.
+    api_status_t write_without_sync(const Names &options) {
+        Names all{"--database", dir.file("store.db")};
+        all.insert(all.end(), options.begin(), options.end());
+        start(all);
+        Client client;
+        EXPECT_EQ(client.set("/a", "before"), api_status_ok);
+        std::ofstream(plan) << "sync 5";
+        const api_status_t status = client.set("/a", "after");
+        std::remove(plan.c_str());
+        return status;
+    }
+    std::string shown() { return tav({"status"}).output; }
+
+    const std::string plan = dir.file("plan");
+};
+
+} // namespace
+
+TEST_F(DurabilityTest, FullIsTheDefaultAndSyncsEachWrite) {
+    EXPECT_EQ(write_without_sync({}), api_status_failed);
+    EXPECT_NE(shown().find("durability full"), std::string::npos);
+}
+
+TEST_F(DurabilityTest, FullMayBeAskedFor) {
+    EXPECT_EQ(write_without_sync({"--durability=full"}), api_status_failed);
+}
+
+TEST_F(DurabilityTest, NormalDoesNotWaitForTheDisk) {
+    EXPECT_EQ(write_without_sync({"--durability", "normal"}), api_status_ok);
+    EXPECT_NE(shown().find("durability normal"), std::string::npos);
+}
+
+TEST_F(DurabilityTest, AWriteOfEitherKindSurvivesAKill) {
+    for (const char *mode : {"full", "normal"}) {
+        const Names options{"--database", dir.file("store.db"), "--durability", mode};
+        start(options);
+        EXPECT_EQ(Client().set("/a", mode), api_status_ok);
+        tavd->signal(SIGKILL);
+        tavd->wait();
+        start(options);
+        EXPECT_EQ(Client().get("/a"), mode);
+        EXPECT_EQ(stop(), 0);
+    }
+}

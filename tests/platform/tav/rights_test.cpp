@@ -4,13 +4,17 @@
 #include <gtest/gtest.h>
 
 #include <grp.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <csignal>
 #include <functional>
 
 #include "client/admin.h"
+#include "protocol/limits.h"
 #include "service/access.h"
 
 using namespace tavtest;
@@ -228,4 +232,72 @@ TEST_F(RightsTest, StatusTellsWhoMayWrite) {
     };
     EXPECT_EQ(as(stranger, no_group, {readers}, rights_shown), "reads");
     EXPECT_EQ(rights_shown(), "writes");
+}
+
+namespace {
+
+// Another user's process that holds as many clients as it was given.
+class Crowd {
+public:
+    explicit Crowd(uid_t user) {
+        int ends[2] = {-1, -1};
+        if (::pipe(ends) != 0) {
+            return;
+        }
+        child = ::fork();
+        if (child == 0) {
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+            hold(user, ends[1]);
+        }
+        ::close(ends[1]);
+        const ssize_t got = ::read(ends[0], &clients, sizeof clients);
+        EXPECT_EQ(got, static_cast<ssize_t>(sizeof clients));
+        ::close(ends[0]);
+    }
+    ~Crowd() {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+    }
+    Crowd(const Crowd &) = delete;
+    Crowd &operator=(const Crowd &) = delete;
+
+    std::size_t clients = 0;
+
+private:
+    [[noreturn]] static void hold(uid_t user, int tell) {
+        if (::setgroups(1, &writers) != 0 || ::setresuid(user, user, user) != 0) {
+            ::_exit(1);
+        }
+        std::vector<std::unique_ptr<Client>> all;
+        do {
+            all.push_back(std::make_unique<Client>());
+        } while (all.back()->connected());
+        const std::size_t held = all.size() - 1;
+        if (::write(tell, &held, sizeof held) < 0) {
+            ::_exit(1);
+        }
+        for (;;) {
+            ::pause();
+        }
+    }
+
+    pid_t child = -1;
+};
+
+} // namespace
+
+TEST_F(RightsTest, AllOthersTogetherLeaveConnectionsToRoot) {
+    start_with({"--write-group", name_of(writers)});
+    const std::size_t each = tav::limits::connections_per_user / 2;
+    std::size_t left = (tav::limits::connections - tav::limits::connections_kept) / 2;
+    std::vector<std::unique_ptr<Crowd>> crowds;
+    for (uid_t user = stranger; left > 0; ++user) {
+        crowds.push_back(std::make_unique<Crowd>(user));
+        EXPECT_EQ(crowds.back()->clients, std::min(each, left));
+        left -= std::min(each, left);
+    }
+    EXPECT_EQ(Crowd(stranger + 100).clients, 0U);
+    Client root;
+    ASSERT_TRUE(root.connected());
+    EXPECT_EQ(root.set("/a", "1"), api_status_ok);
 }

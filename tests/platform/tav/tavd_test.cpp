@@ -121,9 +121,10 @@ TEST_F(TavdTest, UsageIsPrintedAndMistakesAreRefused) {
     const Ran help = second({"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.output.find("Usage: tavd"), std::string::npos);
-    for (const Names &wrong :
-         {Names{}, Names{"--memory", "--database", database}, Names{"--what"},
-          Names{"--memory", "more"}, Names{"--memory", "--socket-mode", "9"}}) {
+    for (const Names &wrong : {Names{}, Names{"--memory", "--database", database}, Names{"--what"},
+                               Names{"--memory", "more"}, Names{"--memory", "--socket-mode", "9"},
+                               Names{"--memory", "--durability", "full"},
+                               Names{"--database", database, "--durability", "some"}}) {
         EXPECT_EQ(second(wrong).status, 2);
     }
 }
