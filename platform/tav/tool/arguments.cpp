@@ -97,6 +97,14 @@ public:
     }
 
 private:
+    // CLI11's own words for an option without its value are hard to follow.
+    static std::string words_for(const CLI::ParseError &error) {
+        const std::string words = error.what();
+        return error.get_name() == "ArgumentMismatch"
+                   ? shown(words.substr(0, words.find(':'))) + " needs a value"
+                   : shown(words);
+    }
+
     // Help comes this way, too, and is no error.
     int report(const CLI::ParseError &error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
@@ -105,10 +113,14 @@ private:
         }
         const std::vector<CLI::App *> chosen = app.get_subcommands();
         if (!chosen.empty()) {
-            complain(shown(error.what()) + "; try: tav " + chosen.front()->get_name() + " --help");
+            complain(words_for(error) + "; try: tav " + chosen.front()->get_name() + " --help");
             return exit_usage;
         }
         const std::vector<std::string> unknown = app.remaining();
+        if (!unknown.empty() && unknown.front() == "help") {
+            std::cout << app.help();
+            return exit_done;
+        }
         std::string known;
         for (const CLI::App *command : app.get_subcommands(nullptr)) {
             known += (known.empty() ? "" : ", ") + command->get_name();

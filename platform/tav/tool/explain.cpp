@@ -100,7 +100,7 @@ std::string common_advice(api_status_t status) {
     case api_status_too_many_children:
     case api_status_too_many_elements:
     case api_status_too_many_registrations:
-        return "see LIMITS in tav(1)";
+        return "the limits: tav status";
     default:
         return "";
     }

@@ -25,7 +25,9 @@ int carry_out(const tav::tool::Request &request) {
     using namespace tav::tool; // NOLINT: nothing but the tool's own names here
     Client client;
     if (!client.connected()) {
-        complain("is tavd running there? Another socket is named by --socket or TAV_SOCKET");
+        complain(
+            "is tavd running there, and may you use it? Another socket is named by --socket or "
+            "TAV_SOCKET");
         return exit_unreachable;
     }
     const int result = request.command(client, request.options);

@@ -261,9 +261,11 @@ TEST_F(ToolTest, AWrongCommandLineEndsWithTwo) {
     bad(2, {"rm"});
     bad(2, {"ls", "/a", "/b"});
     bad(2, {"watch", "--count", "x"});
+    EXPECT_EQ(bad(2, {"watch", "--count"}), "tav: --count needs a value; try: tav watch --help\n");
 }
 
 TEST_F(ToolTest, HelpIsPrintedForAllAndForEachCommand) {
+    EXPECT_EQ(good({"help"}), good({"--help"}));
     EXPECT_NE(good({"--help"}).find("Exit status: 0 done"), std::string::npos);
     for (const char *command : {"get", "set", "mknode", "touch", "ls", "tree", "rm", "apply",
                                 "watch", "dump", "load", "diff", "status"}) {
