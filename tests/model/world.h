@@ -45,7 +45,7 @@ private:
     void process_operation(const Operation &operation);
     void pause(Pace pace);
     void rest();
-    void await_link_local();
+    void await_kernel();
     void await_normal_operation(std::size_t from);
     void start_tandrel();
     void overflow();
