@@ -191,8 +191,18 @@ private:
     tav::Session &session;
 };
 
+// Whether behind the frames of a stream one is announced that is too large.
+bool ends_too_large(const std::string &stream) {
+    std::size_t at = 0;
+    for (const std::string &body : bodies(stream)) {
+        at += 4 + body.size();
+    }
+    return stream.size() - at >= 4 && number_at(stream, at) > 16777216;
+}
+
 // Serves the stream as the service's loop does. Returns the requests that were taken off it.
-std::vector<std::string> serve(tav::Peer &peer, tav::Service &service, tav::Session &session) {
+std::vector<std::string> serve(const std::string &stream, tav::Peer &peer, tav::Service &service,
+                               tav::Session &session) {
     std::vector<std::string> taken;
     while (peer.receive()) {
         std::string_view body;
@@ -211,9 +221,11 @@ std::vector<std::string> serve(tav::Peer &peer, tav::Service &service, tav::Sess
             require(connection().outgoing == reply, "another reply was sent");
         }
         if (state == tav::FrameState::too_large) {
+            require(ends_too_large(stream), "a frame was found too large");
             return taken;
         }
     }
+    require(!ends_too_large(stream), "a frame that is too large was waited for");
     return taken;
 }
 
@@ -243,7 +255,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     onlooker_t onlooker(service);
     tav::Peer peer{tav::UniqueFd(), tav::Credentials{}, true, tav::Time{}};
     const std::vector<std::string> taken =
-        serve(peer, service, service.open(tav::Credentials{1, 0, 0, {}}, true));
+        serve(stream, peer, service, service.open(tav::Credentials{1, 0, 0, {}}, true));
 
     const std::vector<std::string> expected = bodies(stream);
     require(taken.size() <= expected.size() &&
