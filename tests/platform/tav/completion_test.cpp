@@ -99,6 +99,7 @@ TEST_F(CompletionTest, PathsFromTheStoreWhateverTheirNamesHold) {
 TEST_F(CompletionTest, WhatSeveralNamesShareIsTypedAndAllAreShown) {
     good({"set", "/n/a b", "x", "/n/a(c", "x", "/n/other", "x"});
     EXPECT_EQ(completed("tav get /n/a\t b\t"), "<get></n/a b>") << last;
+    EXPECT_EQ(completed("tav get /n/a\t\t(\t"), "<get></n/a(c>") << last;
     EXPECT_NE(last.find("/n/a\\ b"), std::string::npos);
     EXPECT_NE(last.find("/n/a\\(c"), std::string::npos);
 }
