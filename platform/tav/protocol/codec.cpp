@@ -1,5 +1,7 @@
 #include "protocol/codec.h"
 
+#include <utility>
+
 #include "protocol/limits.h"
 #include "protocol/protocol.h"
 
@@ -7,10 +9,17 @@ namespace tav {
 
 namespace {
 
-void append_number(std::string &buffer, std::uint64_t value, std::size_t bytes) {
-    for (std::size_t shift = bytes * 8; shift > 0; shift -= 8) {
-        buffer.push_back(static_cast<char>(static_cast<unsigned char>(value >> (shift - 8))));
+void put_number(char *to, std::uint64_t value, std::size_t bytes) {
+    for (std::size_t i = bytes; i > 0; --i) {
+        to[i - 1] = static_cast<char>(static_cast<unsigned char>(value));
+        value >>= 8;
     }
+}
+
+void append_number(std::string &buffer, std::uint64_t value, std::size_t bytes) {
+    char digits[sizeof value];
+    put_number(static_cast<char *>(digits), value, bytes);
+    buffer.append(static_cast<const char *>(digits), bytes);
 }
 
 std::uint64_t number_at(std::string_view text, std::size_t bytes) {
@@ -23,7 +32,9 @@ std::uint64_t number_at(std::string_view text, std::size_t bytes) {
 
 } // namespace
 
-Writer::Writer() : buffer(length_bytes, '\0') {}
+Writer::Writer(std::string recycled) : buffer(std::move(recycled)) {
+    buffer.assign(length_bytes, '\0');
+}
 
 void Writer::u8(std::uint8_t value) {
     append_number(buffer, value, 1);
@@ -52,11 +63,9 @@ bool Writer::too_large() const {
 }
 
 std::string Writer::finish() {
-    std::string number;
-    append_number(number, size(), length_bytes);
-    buffer.replace(0, length_bytes, number);
-    std::string frame(length_bytes, '\0');
-    frame.swap(buffer);
+    put_number(buffer.data(), size(), length_bytes);
+    std::string frame = std::move(buffer);
+    buffer.assign(length_bytes, '\0');
     return frame;
 }
 

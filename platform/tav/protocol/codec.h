@@ -14,7 +14,8 @@ namespace tav {
 // frame needs no second copy.
 class Writer {
 public:
-    Writer();
+    // `recycled` is a frame that is no longer needed: its memory, not its content, is used again.
+    explicit Writer(std::string recycled = {});
 
     void u8(std::uint8_t value);
     void u32(std::uint32_t value);
