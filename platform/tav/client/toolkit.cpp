@@ -45,6 +45,7 @@ int CTav::get_leaves(const std::vector<tk_string> &paths, std::vector<api_status
         return answered_here(*connection);
     }
     std::vector<tav::LeafAnswer> answers;
+    answers.reserve(number);
     const int result = tav::perform(*connection, Op::read, request, [&](Reader &reader) {
         tav::get_all(reader, answers);
         if (answers.size() != number) {

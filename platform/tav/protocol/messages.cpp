@@ -135,11 +135,14 @@ void get(Reader &in, Item &value) {
     }
 }
 
-void put(Writer &out, const LeafAnswer &value) {
-    put(out, value.status);
-    if (value.status == api_status_ok) {
-        put(out, value.value);
+void put_leaf(Writer &out, api_status_t status, const Value *value) {
+    put(out, status);
+    if (status == api_status_ok) {
+        put(out, *value);
     }
+}
+void put(Writer &out, const LeafAnswer &value) {
+    put_leaf(out, value.status, &value.value);
 }
 void get(Reader &in, LeafAnswer &value) {
     get(in, value.status);

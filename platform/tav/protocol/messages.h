@@ -172,6 +172,8 @@ void put(Writer &out, const Event &value);
 void get(Reader &in, Event &value);
 void put(Writer &out, const Item &value);
 void get(Reader &in, Item &value);
+// A LeafAnswer whose value stays where it is; looked at only if the status is ok.
+void put_leaf(Writer &out, api_status_t status, const Value *value);
 void put(Writer &out, const LeafAnswer &value);
 void get(Reader &in, LeafAnswer &value);
 void put(Writer &out, const Child &value);

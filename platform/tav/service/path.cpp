@@ -27,19 +27,29 @@ api_status_t check_path(std::string_view path) {
     if (path == "/") {
         return api_status_ok;
     }
-    const std::vector<std::string_view> names = split_path(path);
-    if (std::any_of(names.begin(), names.end(), [](auto name) { return name.empty(); })) {
-        return api_status_bad_path;
+    std::size_t names = 0;
+    bool names_fit = true;
+    for (std::string_view rest = path; !rest.empty(); ++names) {
+        const std::string_view name = take_name(rest);
+        if (name.empty()) {
+            return api_status_bad_path;
+        }
+        names_fit = names_fit && name.size() <= limits::name_bytes;
     }
     if (path.size() > limits::path_bytes) {
         return api_status_path_too_long;
     }
-    if (names.size() > limits::depth) {
+    if (names > limits::depth) {
         return api_status_path_too_deep;
     }
-    const bool names_fit = std::all_of(names.begin(), names.end(),
-                                       [](auto name) { return name.size() <= limits::name_bytes; });
     return names_fit ? api_status_ok : api_status_name_too_long;
+}
+
+std::string_view take_name(std::string_view &path) {
+    path.remove_prefix(1); // the "/"
+    const std::string_view name = path.substr(0, path.find('/'));
+    path.remove_prefix(name.size());
+    return name;
 }
 
 std::vector<std::string_view> split_path(std::string_view path) {
@@ -48,10 +58,7 @@ std::vector<std::string_view> split_path(std::string_view path) {
         return names;
     }
     while (!path.empty()) {
-        path.remove_prefix(1); // the "/"
-        const std::string_view name = path.substr(0, path.find('/'));
-        names.push_back(name);
-        path.remove_prefix(name.size());
+        names.push_back(take_name(path));
     }
     return names;
 }

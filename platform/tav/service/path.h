@@ -14,6 +14,9 @@ namespace tav {
 // the limit: api_status_path_too_long, api_status_path_too_deep, api_status_name_too_long.
 api_status_t check_path(std::string_view path);
 
+// Takes the first name, with the "/" before it, off a text that begins with "/".
+std::string_view take_name(std::string_view &path);
+
 // The names of a path that check_path accepts; none for "/". They are parts of `path`.
 std::vector<std::string_view> split_path(std::string_view path);
 

@@ -122,24 +122,22 @@ void Service::answer(Writer &out, api_status_t status) {
 bool Service::handle_read(Reader &in, Writer &out) {
     constexpr std::size_t empty_answer = 1;
     constexpr std::size_t value_overhead = 13; // type, length of the text, time
-    std::vector<std::string> paths;
-    get_all(in, paths, limits::paths_per_request);
-    if (!in.finished()) {
+    const std::uint32_t paths = in.count(1);
+    if (paths > limits::paths_per_request) {
         return false;
     }
-    out.u32(static_cast<std::uint32_t>(paths.size()));
-    std::size_t unanswered = paths.size();
-    for (const std::string &path : paths) {
-        LeafAnswer answer = store.read(path);
-        const std::size_t size = answer.value.text.size() + value_overhead;
+    out.u32(paths);
+    for (std::size_t unanswered = paths; unanswered > 0 && in.ok(); --unanswered) {
+        const Value *value = nullptr;
+        api_status_t status = store.read(in.text(), value);
+        const std::size_t size = value_overhead + (value != nullptr ? value->text.size() : 0);
         if (out.size() + size + unanswered * empty_answer > limits::frame_bytes) {
-            answer.status = api_status_too_large;
+            status = api_status_too_large;
         }
-        limits_used.count(answer.status);
-        put(out, answer);
-        --unanswered;
+        limits_used.count(status);
+        put_leaf(out, status, value);
     }
-    return true;
+    return in.finished();
 }
 
 bool Service::handle_list(Reader &in, Writer &out) {

@@ -143,21 +143,21 @@ Outcome Store::transact(const std::vector<Item> &items,
     return outcome;
 }
 
-LeafAnswer Store::read(const std::string &path) const {
-    LeafAnswer answer;
-    answer.status = check_path(path);
-    if (answer.status != api_status_ok) {
-        return answer;
+api_status_t Store::read(std::string_view path, const Value *&value) const {
+    value = nullptr;
+    const api_status_t status = check_path(path);
+    if (status != api_status_ok) {
+        return status;
     }
     const Element *element = content.find(path);
     if (element == nullptr) {
-        answer.status = api_status_absent;
-    } else if (element->is_node()) {
-        answer.status = api_status_wrong_kind;
-    } else {
-        answer.value = element->value;
+        return api_status_absent;
     }
-    return answer;
+    if (element->is_node()) {
+        return api_status_wrong_kind;
+    }
+    value = &element->value;
+    return api_status_ok;
 }
 
 api_status_t Store::list(const std::string &path, std::vector<Child> &children) const {

@@ -44,7 +44,9 @@ public:
     Outcome transact(const std::vector<Item> &items,
                      const std::function<bool(const std::string &)> &unseen);
 
-    LeafAnswer read(const std::string &path) const;
+    // When the status is ok, `value` is the leaf's, which stays the store's and stands until the
+    // next transaction; null otherwise.
+    api_status_t read(std::string_view path, const Value *&value) const;
     api_status_t list(const std::string &path, std::vector<Child> &children) const;
     void dump(const DumpRequest &request, DumpPage &page) const;
 

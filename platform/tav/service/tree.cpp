@@ -36,8 +36,8 @@ Tree::Tree() {
 
 const Element *Tree::find(std::string_view path) const {
     const Element *element = &top;
-    for (const std::string_view name : split_path(path)) {
-        const auto child = element->children.find(name);
+    while (path.size() > 1) { // of the root only the "/"
+        const auto child = element->children.find(take_name(path));
         if (child == element->children.end()) {
             return nullptr;
         }

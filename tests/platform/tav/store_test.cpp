@@ -54,8 +54,15 @@ protected:
         return result;
     }
 
+    LeafAnswer read(const std::string &path) {
+        const Value *value = nullptr;
+        const api_status_t status = store->read(path, value);
+        EXPECT_EQ(value != nullptr, status == api_status_ok);
+        return {status, value != nullptr ? *value : Value()};
+    }
+
     std::string text(const std::string &path) {
-        const LeafAnswer answer = store->read(path);
+        const LeafAnswer answer = read(path);
         return answer.status == api_status_ok ? answer.value.text
                                               : "status " + std::to_string(answer.status);
     }
@@ -143,7 +150,7 @@ TEST_F(StoreUnit, AnotherTypeWithTheSameTextIsAChange) {
     write({set_item("/a", "1")});
     const Item other{ItemKind::set, "/a", Value{element_type_integer, "1", no_time}};
     EXPECT_EQ(events({other}), Names{"2 /a"});
-    EXPECT_EQ(store->read("/a").value.type, element_type_integer);
+    EXPECT_EQ(read("/a").value.type, element_type_integer);
 }
 
 TEST_F(StoreUnit, ANodeOutlivesItsLastLeaf) {
@@ -197,9 +204,9 @@ TEST_F(StoreUnit, EachFaultHasItsStatus) {
     EXPECT_EQ(status(item(ItemKind::remove_node, "/none")), api_status_absent);
     EXPECT_EQ(status(item(ItemKind::remove_node, "/a/leaf")), api_status_wrong_kind);
     EXPECT_EQ(status(item(ItemKind::touch, "/none")), api_status_absent);
-    EXPECT_EQ(store->read("/a").status, api_status_wrong_kind);
-    EXPECT_EQ(store->read("/a/leaf/x").status, api_status_absent);
-    EXPECT_EQ(store->read("x").status, api_status_bad_path);
+    EXPECT_EQ(read("/a").status, api_status_wrong_kind);
+    EXPECT_EQ(read("/a/leaf/x").status, api_status_absent);
+    EXPECT_EQ(read("x").status, api_status_bad_path);
     std::vector<Child> children;
     EXPECT_EQ(store->list("/a/leaf", children), api_status_wrong_kind);
     EXPECT_EQ(store->list("/none", children), api_status_absent);
@@ -240,8 +247,8 @@ TEST_F(StoreUnit, AWriteThatChangesNothingIsNeverStale) {
 
 TEST_F(StoreUnit, TimeStampsAreKeptOrGiven) {
     write({set_item("/a", "1", 1234), set_item("/b", "1")});
-    EXPECT_EQ(store->read("/a").value.time, 1234);
-    EXPECT_GT(store->read("/b").value.time, 1000000000);
+    EXPECT_EQ(read("/a").value.time, 1234);
+    EXPECT_GT(read("/b").value.time, 1000000000);
 }
 
 TEST_F(StoreUnit, AReplacedSubtreeKeepsTheGivenTimesAndReportsOnlyContent) {
@@ -250,7 +257,7 @@ TEST_F(StoreUnit, AReplacedSubtreeKeepsTheGivenTimesAndReportsOnlyContent) {
     EXPECT_EQ(events({item(ItemKind::remove, "/a"), set_item("/a/1", "x", 20),
                       set_item("/a/2", "y", 20)}),
               Names{"2 /a/2"});
-    EXPECT_EQ(store->read("/a/1").value.time, 20);
+    EXPECT_EQ(read("/a/1").value.time, 20);
     EXPECT_EQ(storage->commits, 1);
     // What was committed is what the memory holds.
     for (const Change &change : storage->last) {
@@ -263,10 +270,10 @@ TEST_F(StoreUnit, AReplacedSubtreeKeepsTheGivenTimesAndReportsOnlyContent) {
 TEST_F(StoreUnit, AGivenTimeIsTakenOverByEqualContentWithoutAnEvent) {
     write({set_item("/a", "x", 10)});
     EXPECT_EQ(events({set_item("/a", "x", 20)}), Names{});
-    EXPECT_EQ(store->read("/a").value.time, 20);
+    EXPECT_EQ(read("/a").value.time, 20);
     EXPECT_EQ(storage->last.size(), 1U);
     EXPECT_EQ(events({set_item("/a", "x")}), Names{});
-    EXPECT_EQ(store->read("/a").value.time, 20);
+    EXPECT_EQ(read("/a").value.time, 20);
 }
 
 TEST_F(StoreUnit, RemoveSingleTakesALeafOrAnEmptyNodeOnly) {
@@ -280,7 +287,7 @@ TEST_F(StoreUnit, RemoveSingleTakesALeafOrAnEmptyNodeOnly) {
     EXPECT_EQ(status("/a/empty"), api_status_ok);
     EXPECT_EQ(status("/a/leaf"), api_status_ok);
     EXPECT_EQ(status("/a"), api_status_ok);
-    EXPECT_EQ(store->read("/a").status, api_status_absent);
+    EXPECT_EQ(read("/a").status, api_status_absent);
 }
 
 TEST_F(StoreUnit, ClearEmptiesTheWholeStoreOrASubtreeAndIsContentWithNothing) {
