@@ -17,7 +17,7 @@ namespace bench {
 // Of every driver's command line.
 struct options_t {
     int rounds = 5;
-    int samples = 200; // of a round
+    int samples = 100; // of a round
     std::string durability = "normal";
     std::string plot; // file to draw into; empty: none
 };

@@ -65,8 +65,10 @@ api_status_t Edit::apply(const Item &item) {
     switch (item.kind) {
     case ItemKind::set:
         return set(item.path, item.value);
-    case ItemKind::make_node:
-        return make_node(item.path);
+    case ItemKind::make_node: {
+        Element *node = nullptr;
+        return make_node(item.path, node);
+    }
     case ItemKind::remove_node:
         return remove(item.path, true);
     case ItemKind::remove:
@@ -96,11 +98,9 @@ Element *Edit::parent_of(std::string_view path, std::string &name) {
     return tree.find_mutable(parent_path(path));
 }
 
-// Adds an element at a path where there is nothing, below a node that exists.
-api_status_t Edit::create(std::string_view path, Value value) {
-    std::string name;
-    Element *parent = parent_of(path, name);
-    if (parent->children.size() >= limits::children_per_node) {
+// Adds an element at a path where there is nothing; `parent` is the node above.
+api_status_t Edit::create(Element &parent, std::string_view path, Value value) {
+    if (parent.children.size() >= limits::children_per_node) {
         return api_status_too_many_children;
     }
     if (tree.elements() >= limits::elements) {
@@ -112,25 +112,28 @@ api_status_t Edit::create(std::string_view path, Value value) {
     trace(key, std::nullopt);
     undo.push_back(Undo{key, std::nullopt, nullptr});
     tree.count(*element, true);
-    parent->children.emplace(std::move(name), std::move(element));
+    parent.children.emplace(path.substr(path.rfind('/') + 1), std::move(element));
     return api_status_ok;
 }
 
-api_status_t Edit::make_node(std::string_view path) {
-    for (std::size_t end = 0; end < path.size();) {
-        end = std::min(path.find('/', end + 1), path.size());
-        const std::string_view prefix = path.substr(0, end);
-        const Element *element = tree.find(prefix);
-        if (element != nullptr) {
-            if (!element->is_node()) {
-                return api_status_wrong_kind;
+// Makes what is missing of the nodes down to `path`; `node` is then the one at `path`.
+api_status_t Edit::make_node(std::string_view path, Element *&node) {
+    node = &tree.top;
+    for (std::string_view rest = path; rest.size() > 1;) { // of the root only the "/"
+        const std::string_view name = take_name(rest);
+        auto child = node->children.find(name);
+        if (child == node->children.end()) {
+            const std::string_view prefix = path.substr(0, path.size() - rest.size());
+            const api_status_t status =
+                create(*node, prefix, Value{element_type_node, {}, no_time});
+            if (status != api_status_ok) {
+                return status;
             }
-            continue;
+            child = node->children.find(name);
+        } else if (!child->second->is_node()) {
+            return api_status_wrong_kind;
         }
-        const api_status_t status = create(prefix, Value{element_type_node, {}, no_time});
-        if (status != api_status_ok) {
-            return status;
-        }
+        node = child->second.get();
     }
     return api_status_ok;
 }
@@ -146,8 +149,9 @@ api_status_t Edit::set(const std::string &path, const Value &value) {
     }
     Element *element = tree.find_mutable(path);
     if (element == nullptr) {
-        const api_status_t status = make_node(parent_path(path));
-        return status == api_status_ok ? create(path, std::move(stamped)) : status;
+        Element *parent = nullptr;
+        const api_status_t status = make_node(parent_path(path), parent);
+        return status == api_status_ok ? create(*parent, path, std::move(stamped)) : status;
     }
     if (element->is_node()) {
         return api_status_wrong_kind;

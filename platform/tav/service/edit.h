@@ -66,12 +66,12 @@ private:
     };
 
     api_status_t set(const std::string &path, const Value &value);
-    api_status_t make_node(std::string_view path);
+    api_status_t make_node(std::string_view path, Element *&node);
     api_status_t remove(const std::string &path, bool node_only);
     api_status_t remove_single(const std::string &path);
     api_status_t clear(const std::string &path);
     api_status_t touch(const std::string &path);
-    api_status_t create(std::string_view path, Value value);
+    api_status_t create(Element &parent, std::string_view path, Value value);
     Trace &trace(const std::string &path, const std::optional<Value> &before);
     Element *parent_of(std::string_view path, std::string &name);
 
