@@ -44,6 +44,7 @@ bool Connection::establish(const std::string &path) {
     if (!greet(path, hello, calls, reply, deadline)) {
         return false;
     }
+    wait_in_receive(calls.get(), limit);
     Ticket ticket;
     Reader content(reply);
     get(content, ticket);
@@ -82,7 +83,7 @@ bool Connection::greet(const std::string &path, Writer &greeting, UniqueFd &sock
 }
 
 Writer Connection::request(Op op) {
-    Writer writer;
+    Writer writer(std::move(spare));
     if (++serial == farewell_serial) {
         ++serial;
     }
@@ -106,26 +107,22 @@ StreamResult Connection::converse(int fd, const std::string &frame, std::string_
 // reason in `why`.
 bool Connection::take_reply(std::string_view body, std::string_view &reply, std::string &why) {
     constexpr std::size_t header_bytes = 5;
-    why = malformed_reply;
     Reader reader(body);
     ReplyHeader header;
     get(reader, header);
+    if (reader.ok() && header.serial == serial && (!header.drain || wake.drain_one())) {
+        reply = body.substr(header_bytes);
+        return true;
+    }
+    why = malformed_reply;
     if (reader.ok() && header.serial == farewell_serial) {
         Farewell farewell;
         get(reader, farewell);
         if (reader.finished()) {
             why = farewell.reason;
         }
-        return false;
     }
-    if (!reader.ok() || header.serial != serial) {
-        return false;
-    }
-    if (header.drain && !wake.drain_one()) {
-        return false;
-    }
-    reply = body.substr(header_bytes);
-    return true;
+    return false;
 }
 
 bool Connection::call(const std::string &frame, std::string_view &reply) {
@@ -145,7 +142,10 @@ bool Connection::call(const std::string &frame, std::string_view &reply) {
 
 bool Connection::exchange(Op op, Writer &request, std::string_view &reply) {
     try {
-        if (!lost && call(request.finish(), reply)) {
+        spare = request.finish();
+        const bool answered = !lost && call(spare, reply);
+        recycle(spare);
+        if (answered) {
             return true;
         }
     } catch (...) {

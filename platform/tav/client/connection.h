@@ -59,6 +59,7 @@ private:
     bool lost = false;
     std::uint32_t serial = 0;
     std::string received;
+    std::string spare; // the last request, whose memory the next one uses
 };
 
 } // namespace tav

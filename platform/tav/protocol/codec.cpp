@@ -69,6 +69,14 @@ std::string Writer::finish() {
     return frame;
 }
 
+void recycle(std::string &buffer) {
+    constexpr std::size_t keep_capacity = std::size_t{256} << 10;
+    buffer.clear();
+    if (buffer.capacity() > keep_capacity) {
+        buffer.shrink_to_fit();
+    }
+}
+
 void Reader::fail() {
     failed = true;
     rest = {};

@@ -34,6 +34,10 @@ private:
     std::string buffer;
 };
 
+// Empties a buffer that is to be used again. It keeps its memory, but for that of the rare frame
+// that is large.
+void recycle(std::string &buffer);
+
 // Reads one body. The text that it was built over must outlive it. Reading past the end gives zeros
 // and empty texts and makes the reader fail for good, so that a decoder may check once at its end.
 class Reader {

@@ -10,15 +10,6 @@ namespace tav {
 namespace {
 
 constexpr std::size_t read_step = std::size_t{64} << 10;
-// Buffers above this size are given back when they are empty.
-constexpr std::size_t keep_capacity = std::size_t{256} << 10;
-
-void release(std::string &buffer) {
-    buffer.clear();
-    if (buffer.capacity() > keep_capacity) {
-        buffer.shrink_to_fit();
-    }
-}
 
 bool temporary(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
@@ -52,7 +43,7 @@ void Peer::consume(std::string_view body) {
     consumed += length_bytes + body.size();
     if (consumed == input.size()) {
         consumed = 0;
-        release(input);
+        recycle(input);
     }
 }
 
@@ -71,7 +62,7 @@ bool Peer::flush() {
         sent += static_cast<std::size_t>(done);
     }
     sent = 0;
-    release(output);
+    recycle(output);
     return true;
 }
 

@@ -43,6 +43,8 @@ public:
     // Queues a frame. There is at most one: further requests wait until it was sent, so that a
     // client that does not read its replies costs no more than one of them.
     void reply(std::string frame);
+    // A buffer to build the next reply in, when there is none to be sent.
+    std::string take_buffer() { return std::move(output); }
     bool has_output() const { return sent < output.size(); }
     // Sends as much as goes. False when the connection is over.
     bool flush();

@@ -196,7 +196,7 @@ bool Server::handle(PeerId id, Peer &peer, std::string_view body) {
         return false;
     }
     note_served(peer);
-    std::string reply;
+    std::string reply = peer.take_buffer();
     Session &session = *service.sessions().at(peer.session);
     if (!service.handle(session, body, reply)) {
         return false;

@@ -57,7 +57,7 @@ bool Service::handle(Session &session, std::string_view body, std::string &reply
     if (!in.ok()) {
         return false;
     }
-    Writer out;
+    Writer out(std::move(reply));
     const auto answer = [&out, &header](bool drain) {
         put(out, ReplyHeader{header.serial, drain});
     };
