@@ -7,19 +7,34 @@
 
 #include <arpa/inet.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace kt {
 
 Router::Router(Sandbox &owner, std::string on_link) : sandbox(owner), link(std::move(on_link)) {}
 
 void Router::start(const std::vector<std::string> &prefixes, bool as_gateway) {
+    const std::uint16_t router_lifetime = as_gateway ? 600 : 0;
+    {
+        const NamespaceVisit visit(sandbox.neighbour());
+        write_file("/proc/sys/net/ipv6/conf/all/forwarding", "1");
+    }
+    if (access(program("RADVD").c_str(), X_OK) == 0) {
+        start_daemon(prefixes, router_lifetime);
+    } else {
+        advertiser =
+            std::make_unique<Advertiser>(sandbox.neighbour(), link, prefixes, router_lifetime);
+    }
+}
+
+void Router::start_daemon(const std::vector<std::string> &prefixes, std::uint16_t router_lifetime) {
     const std::string configuration = sandbox.directory() + "/radvd." + link + ".conf";
     {
         std::ofstream file(configuration);
         // Intervals below the usual minimum are only taken together with the interval option.
         file << "interface " << link << " {\n  AdvSendAdvert on;\n  AdvIntervalOpt on;\n"
              << "  MinRtrAdvInterval 0.05;\n  MaxRtrAdvInterval 0.1;\n  MinDelayBetweenRAs 0.03;\n"
-             << "  AdvDefaultLifetime " << (as_gateway ? 600 : 0) << ";\n";
+             << "  AdvDefaultLifetime " << router_lifetime << ";\n";
         for (const auto &prefix : prefixes) {
             file << "  prefix " << prefix
                  << "/64 { AdvValidLifetime 3600; AdvPreferredLifetime 3600; };\n";
@@ -29,10 +44,6 @@ void Router::start(const std::vector<std::string> &prefixes, bool as_gateway) {
     // The router refuses a file that others could write.
     if (chmod(configuration.c_str(), 0644) != 0) {
         fail("chmod " + configuration);
-    }
-    {
-        const NamespaceVisit visit(sandbox.neighbour());
-        write_file("/proc/sys/net/ipv6/conf/all/forwarding", "1");
     }
     spawn_options_t options;
     options.network = sandbox.neighbour();
@@ -45,6 +56,7 @@ void Router::start(const std::vector<std::string> &prefixes, bool as_gateway) {
 
 void Router::stop() {
     process.reset();
+    advertiser.reset();
 }
 
 unsigned long received_advertisements() {

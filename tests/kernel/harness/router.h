@@ -1,10 +1,12 @@
 // The neighbour's router: advertises prefixes on a link of the neighbour's namespace.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "harness/advertiser.h"
 #include "harness/process.h"
 #include "harness/rtnl.h"
 
@@ -16,14 +18,18 @@ public:
     Router(Sandbox &sandbox, std::string link);
 
     // Advertises the /64 prefixes some ten times a second until stopped. With `as_gateway` false
-    // the router offers itself for no traffic, so that no default route comes of it.
+    // the router offers itself for no traffic, so that no default route comes of it. The router is
+    // radvd, or, where that is not installed, the test itself.
     void start(const std::vector<std::string> &prefixes, bool as_gateway = false);
     void stop();
 
 private:
+    void start_daemon(const std::vector<std::string> &prefixes, std::uint16_t router_lifetime);
+
     Sandbox &sandbox;
     std::string link;
     std::unique_ptr<Process> process;
+    std::unique_ptr<Advertiser> advertiser;
 };
 
 // How many advertisements the calling process's network namespace has received.

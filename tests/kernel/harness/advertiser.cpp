@@ -1,0 +1,88 @@
+#include "harness/advertiser.h"
+
+#include <stdexcept>
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netinet/icmp6.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "harness/message.h"
+#include "harness/sandbox.h"
+
+namespace kt {
+namespace {
+
+template <typename T>
+void append(std::vector<unsigned char> &bytes, const T &part) {
+    const auto *start = reinterpret_cast<const unsigned char *>(&part);
+    bytes.insert(bytes.end(), start, start + sizeof part);
+}
+
+std::vector<unsigned char> compose(const std::vector<std::string> &prefixes,
+                                   std::uint16_t router_lifetime) {
+    std::vector<unsigned char> bytes;
+    nd_router_advert head{};
+    head.nd_ra_type = ND_ROUTER_ADVERT; // the kernel adds the checksum
+    head.nd_ra_curhoplimit = 64;
+    head.nd_ra_router_lifetime = htons(router_lifetime);
+    append(bytes, head);
+    for (const auto &prefix : prefixes) {
+        nd_opt_prefix_info option{};
+        option.nd_opt_pi_type = ND_OPT_PREFIX_INFORMATION;
+        option.nd_opt_pi_len = sizeof option / 8;
+        option.nd_opt_pi_prefix_len = 64;
+        option.nd_opt_pi_flags_reserved = ND_OPT_PI_FLAG_ONLINK | ND_OPT_PI_FLAG_AUTO;
+        option.nd_opt_pi_valid_time = htonl(3600);
+        option.nd_opt_pi_preferred_time = htonl(3600);
+        option.nd_opt_pi_prefix = parse_prefix(prefix).address;
+        append(bytes, option);
+    }
+    return bytes;
+}
+
+int open_socket(const std::string &link) {
+    const int fd = socket(AF_INET6, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMPV6);
+    const int index = static_cast<int>(if_nametoindex(link.c_str()));
+    const int hops = 255; // advertisements with less are ignored: they might come from afar
+    if (fd < 0 || index == 0 ||
+        setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index) != 0 ||
+        setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &hops, sizeof hops) != 0) {
+        fail("a socket for advertisements on " + link);
+    }
+    return fd;
+}
+
+} // namespace
+
+Advertiser::Advertiser(int network, const std::string &link,
+                       const std::vector<std::string> &prefixes, std::uint16_t router_lifetime)
+    : advertisement(compose(prefixes, router_lifetime)) {
+    {
+        const NamespaceVisit visit(network);
+        fd = open_socket(link);
+    }
+    thread = std::thread([this] { work(); });
+}
+
+Advertiser::~Advertiser() {
+    stopping = true;
+    thread.join();
+    close(fd);
+}
+
+void Advertiser::work() const {
+    sockaddr_in6 everyone{};
+    everyone.sin6_family = AF_INET6;
+    everyone.sin6_addr = parse_prefix("ff02::1").address;
+    while (!stopping) {
+        // Refused until the link has its own address; the next one gets through then.
+        sendto(fd, advertisement.data(), advertisement.size(), 0,
+               reinterpret_cast<const sockaddr *>(&everyone), sizeof everyone);
+        usleep(75000);
+    }
+}
+
+} // namespace kt
