@@ -1,0 +1,25 @@
+# A release for small devices (-DTANDREL_SMALL=ON): optimised for size, without what nobody calls,
+# stripped. The symbols of each program and library stand beside it in <name>.debug, where a debugger
+# finds them.
+if(TANDREL_SMALL)
+  set(CMAKE_C_FLAGS_RELEASE "-Os -g -DNDEBUG")
+  set(CMAKE_CXX_FLAGS_RELEASE "-Os -g -DNDEBUG")
+  add_compile_options(-ffunction-sections -fdata-sections)
+  add_link_options(-Wl,--gc-sections -Wl,--as-needed)
+endif()
+
+# For each program and library that is installed. Names that a crash backtrace shows are among the
+# dynamic symbols, which stay.
+function(make_small)
+  if(NOT TANDREL_SMALL)
+    return()
+  endif()
+  foreach(target IN LISTS ARGN)
+    set(file $<TARGET_FILE:${target}>)
+    add_custom_command(TARGET ${target} POST_BUILD
+      COMMAND ${CMAKE_OBJCOPY} --only-keep-debug ${file} ${file}.debug
+      COMMAND ${CMAKE_STRIP} --strip-unneeded ${file}
+      COMMAND ${CMAKE_OBJCOPY} --add-gnu-debuglink=${file}.debug ${file}
+      VERBATIM)
+  endforeach()
+endfunction()
