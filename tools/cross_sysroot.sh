@@ -1,0 +1,98 @@
+#!/bin/bash
+# cross_sysroot.sh: builds the libraries that 32-bit PowerPC needs, which Debian has as source
+# packages only, into build/cache/powerpc-sysroot. Does nothing when they are there and neither this
+# file nor the compiler has changed.
+set -u
+cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
+. tools/setup.sh
+
+host=powerpc-linux-gnu
+root=$PWD/build/cache/powerpc-sysroot
+work=$PWD/build/cache/powerpc-sources
+tree=$PWD
+jobs=$(nproc)
+# shellcheck disable=SC2086
+need_packages $build_packages $powerpc_packages
+wanted="$(dpkg-query -W -f='${Version}' g++-$host) $(sha256sum <"$0")"
+[ "$(cat "$root/built-from" 2>/dev/null)" = "$wanted" ] && exit 0
+
+# The machine's own package sources, with source packages instead of binary ones: files of both
+# formats, in a directory of our own.
+own_sources() {
+    mkdir -p "$work/apt/sources.list.d" "$work/apt/lists/partial" "$work/apt/cache/archives/partial"
+    local file
+    for file in /etc/apt/sources.list /etc/apt/sources.list.d/*.list; do
+        [ -f "$file" ] && sed -En 's/^[[:space:]]*deb([[:space:]])/deb-src\1/p' "$file" \
+            >"$work/apt/sources.list.d/${file##*/}"
+    done
+    for file in /etc/apt/sources.list.d/*.sources; do
+        [ -f "$file" ] && sed -E 's/^Types:.*/Types: deb-src/I' "$file" \
+            >"$work/apt/sources.list.d/${file##*/}"
+    done
+    return 0
+}
+
+# apt-get over those sources, which needs no root and leaves the machine's own lists alone.
+own_apt() {
+    apt-get -q -o Dir::Etc::sourcelist=/dev/null -o Dir::Etc::sourceparts="$work/apt/sources.list.d" \
+        -o Dir::State::lists="$work/apt/lists" -o Dir::Cache="$work/apt/cache" \
+        -o Debug::NoLocking=true -o APT::Sandbox::User=root "$@"
+}
+
+fetch() {
+    own_sources
+    own_apt update || true # one source that fails need not be the one that matters
+    cd "$work" && own_apt source --download-only libnl3 sqlite3 || return
+    dpkg-source -x libnl3_*.dsc libnl && dpkg-source -x sqlite3_*.dsc sqlite
+}
+
+# The core library alone; the scanners and parsers of the others are not made.
+build_libnl() {
+    cd "$work/libnl" || return
+    ./configure --host=$host --prefix=/usr --sysconfdir=/etc --disable-cli --disable-static \
+        FLEX=: YACC=: || return
+    local no_autotools=(ACLOCAL=: AUTOCONF=: AUTOMAKE=: AUTOHEADER=:)
+    make "${no_autotools[@]}" -j"$jobs" lib/libnl-3.la &&
+        make "${no_autotools[@]}" DESTDIR="$root" lib_LTLIBRARIES=lib/libnl-3.la \
+            install-libLTLIBRARIES install-libnlinclude_netlinkHEADERS install-pkgconfigDATA
+}
+
+# One C file, generated on this machine.
+build_sqlite() {
+    cd "$work/sqlite" || return
+    ./configure --disable-tcl --disable-readline && make sqlite3.c sqlite3.h sqlite3.pc || return
+    local lib=$root/usr/lib
+    $host-gcc -O2 -fPIC -shared -DSQLITE_THREADSAFE=1 -Wl,-soname,libsqlite3.so.0 \
+        -o "$lib/libsqlite3.so.0" sqlite3.c -latomic && ln -sf libsqlite3.so.0 "$lib/libsqlite3.so" &&
+        cp sqlite3.h sqlite3ext.h "$root/usr/include/" &&
+        sed 's|^prefix=.*|prefix=/usr|; s|^exec_prefix=.*|exec_prefix=/usr|; s|^libdir=.*|libdir=/usr/lib|' \
+            sqlite3.pc >"$lib/pkgconfig/sqlite3.pc"
+}
+
+build_googletest() {
+    cmake -S /usr/src/googletest -B "$work/googletest" -G Ninja -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_TOOLCHAIN_FILE="$tree/cmake/toolchains/$host.cmake" -DTANDREL_SYSROOT="$root" \
+        -DCMAKE_INSTALL_PREFIX=/usr &&
+        cmake --build "$work/googletest" && DESTDIR=$root cmake --install "$work/googletest"
+}
+
+# step NAME FUNCTION: in a shell of its own, so that it may change the directory.
+step() {
+    say "  $1"
+    ("$2") >"$setup_log" 2>&1 || { tail -n 30 "$setup_log" >&2; die "failed: $1"; }
+}
+
+say "Building the libraries for PowerPC (once) ..."
+rm -rf "$root" "$work"
+mkdir -p "$root/usr/include" "$root/usr/lib" "$work"
+step "fetching the source packages" fetch
+step "libnl" build_libnl
+step "SQLite" build_sqlite
+step "GoogleTest" build_googletest
+# Headers alone, the same for every machine; copied together with the files by which CMake finds them.
+for name in include/boost include/CLI include/nlohmann share/cmake/CLI11 share/cmake/nlohmann_json; do
+    mkdir -p "$root/usr/${name%/*}"
+    cp -rL "/usr/$name" "$root/usr/$name" || die "no /usr/$name"
+done
+rm -rf "$work"
+printf '%s\n' "$wanted" >"$root/built-from"
