@@ -1,0 +1,108 @@
+#!/bin/bash
+# board.sh powerpc|amd64 [REGEX]: boots an emulated board with an older kernel and runs there every
+# test whose name matches. The last line says how many passed and failed; the exit status is 0 only
+# when none failed. Called by ./test --board.
+# board.sh powerpc|amd64 --program NAME: runs that program of tests/board there instead, and shows
+# what it prints.
+set -u
+cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
+. tools/setup.sh
+
+board=$1
+selected=${2:-.}
+program=board_memory
+[ "$selected" != --program ] || program=${3:?a name is missing}
+# Wall clock: for a machine that emulates slowly. What hangs inside is ended there before that.
+limit=5400
+work=$(mktemp -d)
+trap 'rm -rf "$work" "$setup_log"' EXIT
+mkdir -p "$work/extra/board"
+
+# prepare_BOARD: installs, builds, and sets `kernel`, `machine` (what to start), `console` and
+# `image` (arguments of board_image.sh).
+prepare_powerpc() {
+    # shellcheck disable=SC2086
+    need_packages $build_packages $powerpc_packages $board_powerpc_packages
+    tools/cross_sysroot.sh && tools/board_kernel.sh || exit 1
+    build_here powerpc
+    kernel=build/cache/powerpc-kernel/vmlinux
+    machine=(qemu-system-ppc -M ppce500 -cpu e500mc)
+    console=ttyS0
+    export STRIP=powerpc-linux-gnu-strip READELF=powerpc-linux-gnu-readelf
+    libraries=(build/cache/powerpc-sysroot/usr/lib /usr/powerpc-linux-gnu/lib)
+}
+
+prepare_amd64() {
+    # shellcheck disable=SC2086
+    need_packages $build_packages $test_packages $board_amd64_packages
+    tools/board_kernel_amd64.sh || exit 1
+    build_here release
+    local cache=build/cache/amd64-kernel
+    kernel=$cache/vmlinuz
+    cp -r "$cache/modules" "$work/extra/board/"
+    cp "$cache/module-list" "$work/extra/board/module-list"
+    machine=(qemu-system-x86_64 -M q35)
+    console=ttyS0
+    libraries=(/lib/x86_64-linux-gnu /usr/lib/x86_64-linux-gnu /lib64)
+}
+
+build_here() {
+    preset=$1
+    say "== $board board: building"
+    configure "$preset"
+    build "$preset"
+}
+
+# What ctest would run of the test programs, without the emulator that it would run them with.
+plan_tests() {
+    ctest --test-dir "build/$preset" --show-only=json-v1 --tests-regex "$selected" | jq -r '
+        .tests[] | .name as $name | (.command // []) as $words |
+        ($words | map(test("^/.*_tests$")) | index(true)) as $program | select($program != null) |
+        ["test", $name] + $words[$program:] | join("\t")'
+}
+
+case $board in
+powerpc | amd64) "prepare_$board" ;;
+*) die "no such board: $board (powerpc or amd64)" ;;
+esac
+# What is to run: see tests/board/README.md. The memory is reported with a run of all tests.
+plan=$work/extra/board/plan
+if [ "$selected" != --program ]; then
+    plan_tests >"$plan" || die "cannot list the tests"
+    [ -s "$plan" ] || die "no test that a board runs matches '$selected'"
+fi
+case $selected in
+. | --program)
+    printf 'show\t%s\t%s\n' "$program" "$PWD/build/$preset/tests/board/$program" >>"$plan"
+    ;;
+esac
+tools/board_image.sh "build/$preset" "$work/image" "$work/extra" "${libraries[@]}" ||
+    die "cannot pack the board's file system"
+
+say "== $board board: testing"
+# Time inside advances with the instructions, and skips waiting: limits there do not depend on how
+# busy this machine is.
+timeout --foreground "$limit" "${machine[@]}" -accel tcg -m 512 -nographic -no-reboot -nic none \
+    -icount shift=0,sleep=off -kernel "$kernel" -initrd "$work/image" \
+    -append "console=$console quiet panic=-1" </dev/null 2>&1 |
+    sed -u 's|\r||g' | tee "$work/console" | grep -v --line-buffered '^board: \(pass\|shown\|end$\)'
+
+count() { grep -c "^board: $1" "$work/console"; }
+planned=$(sed -n 's/^board: plan //p' "$work/console")
+passed=$(count 'pass ')
+failed=$(count 'FAIL ')
+left_out=$(count 'skip ')
+ended=$((passed + failed + left_out + $(count 'shown ')))
+failed=$((failed + $(count 'error ')))
+if ! grep -qx 'board: end' "$work/console"; then
+    say "the board did not come to its end; the last lines of its console:"
+    tail -n 30 "$work/console"
+    failed=$((failed + 1))
+elif [ "$ended" -ne "${planned:-0}" ]; then
+    say "of $planned entries of the plan $ended said how they ended"
+    failed=$((failed + 1))
+fi
+[ "$selected" != --program ] || exit $((failed > 0))
+say "$left_out left out"
+say "$passed passed, $failed failed"
+[ "$failed" -eq 0 ] && [ "$passed" -gt 0 ]
