@@ -130,6 +130,7 @@ void set_the_scene(kt::Sandbox &sandbox, kt::Kernel &device, kt::Kernel &neighbo
     device.add_address("eth0", "2001:db8:1::6/48");
     device.add_route({"::/0", "fe80::1", "eth0"});
     device.add_route({"2001:db8:7::/48", "fe80::2", "eth0"});
+    sleep(1); // the kernel adds the routes to its own addresses a moment after these
 }
 
 Message addition(int index, const std::string &text) {
