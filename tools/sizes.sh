@@ -11,11 +11,11 @@ tools/cross_sysroot.sh || exit 1
 printf '%-10s%-14s%10s%10s%10s%10s\n' machine file text data bss file
 for preset in small powerpc; do
     configure "$preset"
-    build "$preset" tandrel tavd tav_tool tav tavxx
+    build "$preset" tandrel tandrelctl tavd tav_tool tav tavxx
     machine=amd64
     tool=size
     [ "$preset" = small ] || { machine=powerpc tool=powerpc-linux-gnu-size; }
-    for file in tandrel platform/tav/{libtav.so.0,libtav++.so.0,tavd,tav}; do
+    for file in tandrel ctl/tandrelctl platform/tav/{libtav.so.0,libtav++.so.0,tavd,tav}; do
         "$tool" "build/$preset/$file" | awk -v machine="$machine" -v name="${file##*/}" \
             -v bytes="$(stat -Lc %s "build/$preset/$file")" \
             'NR == 2 { printf "%-10s%-14s%10d%10d%10d%10d\n", machine, name, $1, $2, $3, bytes }'
