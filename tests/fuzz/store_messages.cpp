@@ -14,6 +14,10 @@ void round_trip(const std::string &body, const Read &read, const Write &write) {
     require(in.ok() || !in.finished(), "a failed reader calls itself finished");
     require(in.ok() || (in.u64() == 0 && in.text().empty()), "a failed reader still gives bytes");
     if (!in.finished()) {
+        for (std::size_t left = 0; in.ok() && left <= body.size(); ++left) {
+            in.u8();
+        }
+        require(!in.ok(), "a reader gives more than there is");
         return;
     }
     tav::Writer out;
