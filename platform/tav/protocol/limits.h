@@ -56,7 +56,8 @@ constexpr std::size_t held_bytes = std::size_t{128} << 20;
 // read from the client for a while.
 constexpr std::size_t requests_per_second = 20000;
 
-// Watchdog names (api_status_name_too_long), and the departed watchdogs that are remembered for display.
+// Watchdog names (api_status_name_too_long), and the departed watchdogs that are remembered for
+// display.
 constexpr std::size_t watchdog_name_bytes = 64;
 constexpr std::size_t departed_watchdogs = 32;
 
