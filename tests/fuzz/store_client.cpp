@@ -317,6 +317,7 @@ std::string call(toolkit::CTav &tav, call_t which) {
         return tav::service_status(tav.handle, service_status) == 0 ? "done" : failure;
     }
     require(result == 0 || one == api_status_none, "a status of a failed call");
+    require(result == 0 || (children.empty() && elements.empty()), "a listing of a failed call");
     return result == 0 ? std::to_string(one) + "\n" + text : failure;
 }
 

@@ -51,6 +51,9 @@ int dump(mlr_client_t *client, const std::string &path, api_status_t &status,
         const int result = perform_with(*connection, Op::dump, DumpRequest{path, elements.size()},
                                         [&page](Reader &reader) { get(reader, page); });
         if (result != call_done) {
+            // What earlier pages brought is no answer.
+            status = api_status_none;
+            elements.clear();
             return result;
         }
         if (!elements.empty() && page.revision != revision) {
