@@ -407,6 +407,16 @@ State adopt(const State &before, const KernelModel &kernel, const StoreModel &st
     State state;
     state.kernel = kernel;
     state.kernel.heard = true;
+    state.kernel.routes_unsure = before.kernel.routes_unsure;
+    for (auto &route : state.kernel.routes) {
+        // Siblings are listed as one route, with the protocol of the first.
+        for (const auto &known : before.kernel.routes) {
+            if (known.link == route.link && known.gateway == route.gateway &&
+                known.metric == route.metric) {
+                route.protocol = known.protocol;
+            }
+        }
+    }
     state.store = store;
     state.store.watched = true;
     state.daemon.running = true;

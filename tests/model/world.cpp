@@ -13,7 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "advertiser.h"
+#include "harness/advertiser.h"
 #include "store_change.h"
 
 namespace model {
@@ -273,8 +273,8 @@ Done World::carry_out(const Operation &operation) {
     case Kind::advertise:
         await_kernel(); // before that nothing would arrive
         if (up.count(slot) == 0 ||
-            advertise(sandbox.neighbour(), peers[slot], prefix_text(arguments[1]),
-                      arguments[2] != 0 ? moment : long_life) != 0) {
+            kt::advertise_once(sandbox.neighbour(), peers[slot], prefix_text(arguments[1]),
+                               arguments[2] != 0 ? moment : long_life) != 0) {
             done.answer = -1;
         }
         break;

@@ -1,5 +1,6 @@
 #include "harness/advertiser.h"
 
+#include <cerrno>
 #include <stdexcept>
 
 #include <arpa/inet.h>
@@ -22,7 +23,8 @@ void append(std::vector<unsigned char> &bytes, const T &part) {
 }
 
 std::vector<unsigned char> compose(const std::vector<std::string> &prefixes,
-                                   std::uint16_t router_lifetime) {
+                                   std::uint16_t router_lifetime,
+                                   std::uint32_t valid_seconds = 3600) {
     std::vector<unsigned char> bytes;
     nd_router_advert head{};
     head.nd_ra_type = ND_ROUTER_ADVERT; // the kernel adds the checksum
@@ -35,8 +37,8 @@ std::vector<unsigned char> compose(const std::vector<std::string> &prefixes,
         option.nd_opt_pi_len = sizeof option / 8;
         option.nd_opt_pi_prefix_len = 64;
         option.nd_opt_pi_flags_reserved = ND_OPT_PI_FLAG_ONLINK | ND_OPT_PI_FLAG_AUTO;
-        option.nd_opt_pi_valid_time = htonl(3600);
-        option.nd_opt_pi_preferred_time = htonl(3600);
+        option.nd_opt_pi_valid_time = htonl(valid_seconds);
+        option.nd_opt_pi_preferred_time = htonl(valid_seconds);
         option.nd_opt_pi_prefix = parse_prefix(prefix).address;
         append(bytes, option);
     }
@@ -53,6 +55,17 @@ int open_socket(const std::string &link) {
         fail("a socket for advertisements on " + link);
     }
     return fd;
+}
+
+// Returns 0 or the errno value.
+int send_to_everyone(int fd, const std::vector<unsigned char> &advertisement) {
+    sockaddr_in6 everyone{};
+    everyone.sin6_family = AF_INET6;
+    everyone.sin6_addr = parse_prefix("ff02::1").address;
+    return sendto(fd, advertisement.data(), advertisement.size(), 0,
+                  reinterpret_cast<const sockaddr *>(&everyone), sizeof everyone) < 0
+               ? errno
+               : 0;
 }
 
 } // namespace
@@ -74,15 +87,20 @@ Advertiser::~Advertiser() {
 }
 
 void Advertiser::work() const {
-    sockaddr_in6 everyone{};
-    everyone.sin6_family = AF_INET6;
-    everyone.sin6_addr = parse_prefix("ff02::1").address;
     while (!stopping) {
         // Refused until the link has its own address; the next one gets through then.
-        sendto(fd, advertisement.data(), advertisement.size(), 0,
-               reinterpret_cast<const sockaddr *>(&everyone), sizeof everyone);
+        send_to_everyone(fd, advertisement);
         usleep(75000);
     }
+}
+
+int advertise_once(int network, const std::string &link, const std::string &prefix,
+                   std::uint32_t valid_seconds) {
+    const NamespaceVisit visit(network);
+    const int fd = open_socket(link);
+    const int error = send_to_everyone(fd, compose({prefix}, 0, valid_seconds));
+    close(fd);
+    return error;
 }
 
 } // namespace kt

@@ -28,4 +28,9 @@ private:
     std::thread thread;
 };
 
+// Sends a single one for a /64 prefix, and no offer to be a default router. Returns 0, or the errno
+// value when it could not be sent.
+int advertise_once(int network, const std::string &link, const std::string &prefix,
+                   std::uint32_t valid_seconds);
+
 } // namespace kt
