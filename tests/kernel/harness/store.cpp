@@ -6,8 +6,6 @@
 namespace kt {
 
 namespace paths {
-const std::string interfaces = "/Software/System Settings/Network/Interface";
-
 std::string ipv6(int interface) {
     return interfaces + "/" + std::to_string(interface) + "/IPv6";
 }
@@ -27,8 +25,6 @@ std::string type_value(int interface, const std::string &node) {
     return address(interface, node) + "/Type/Value";
 }
 } // namespace paths
-
-const std::string mark_path = paths::interfaces + "/Mark";
 
 namespace {
 

@@ -46,7 +46,8 @@ struct stored_address_t {
 };
 
 namespace paths {
-extern const std::string interfaces;
+// Defined here: tests make constants of their own from it before main.
+inline const std::string interfaces = "/Software/System Settings/Network/Interface";
 std::string ipv6(int interface);
 std::string gateway(int interface); // the leaf
 std::string addresses(int interface);
@@ -107,6 +108,6 @@ private:
 
 // The leaf that a test writes to see that the daemon has come so far: an event there is fetched
 // and logged, and starts nothing.
-extern const std::string mark_path;
+inline const std::string mark_path = paths::interfaces + "/Mark";
 
 } // namespace kt
