@@ -107,8 +107,8 @@ UniqueFd connect_stream(const std::string &path, Clock::time_point deadline) {
 void wait_in_receive(int fd, std::chrono::milliseconds limit) {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
     timeval time{};
-    time.tv_sec = seconds.count();
-    time.tv_usec = std::chrono::microseconds(limit - seconds).count();
+    time.tv_sec = static_cast<time_t>(seconds.count());
+    time.tv_usec = static_cast<suseconds_t>(std::chrono::microseconds(limit - seconds).count());
     const int flags = ::fcntl(fd, F_GETFL);
     // No time at all would mean for ever.
     if (limit.count() > 0 && flags >= 0 &&
