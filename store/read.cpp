@@ -1,6 +1,7 @@
 // Reading the whole stored configuration. A fault in one address or gateway spoils that item alone;
 // an interface node with an unusable name, or a failed store call, ends the whole read.
 
+#include <algorithm>
 #include <cstdio>
 #include <utility>
 
@@ -71,6 +72,7 @@ tavcfg_t CSync::read_tav_ipv6_interface(const tk_string &name) {
     }
     settings.addresses = read_tav_ipv6_addrs(ipv6_path);
     settings.listed_nodes = std::move(addr_listing);
+    settings.listing_refused = addr_listing_refused;
     addr_listing.clear();
     return settings;
 }
@@ -115,6 +117,8 @@ std::vector<CTavAddress> CSync::read_tav_ipv6_addrs(const tk_string &ipv6_path) 
                        path.c_str(), result));
     }
     std::vector<CTavAddress> addrs;
+    addr_listing_refused = status != tav_value::status_ok && status != tav_value::status_absent &&
+                           status != tav_value::status_unset;
     if (status != tav_value::status_ok) {
         log_info_at(4, "No addresses specified (%s).", path.c_str());
         return addrs;
@@ -184,4 +188,34 @@ CTavAddress CSync::read_tav_ipv6_addr(const tk_string &addresses_path, const tk_
     log_info_at(4, "Read TAV address %s ('%s') (%s) on '%s'", name.c_str(), address_text.c_str(),
                 type_text.c_str(), node_path.c_str());
     return addr;
+}
+
+// Whether the node that the address would be written to stands for anything else. Asked where the
+// listing was refused.
+bool CSync::holds_other_addr(const CTavInterface &ifc, const CTavAddress &addr) {
+    const tk_string addresses_path = paths::addresses(paths::ipv6(ifc.number));
+    const tk_string node_path = paths::address(addresses_path, addr.node);
+    std::vector<api_status_t> statuses;
+    std::vector<toolkit::CElement> values;
+    std::vector<element_property_t> properties;
+    const int result =
+        tav->get_leaves({paths::address_value(node_path), paths::type_value(node_path)}, statuses,
+                        values, properties);
+    if (result != 0) {
+        throw sync_err(
+            error_text("%s: CTav::get_leaves(%s) returned %d",
+                       "bool CSync::holds_other_addr(const CTavInterface&, const CTavAddress&)",
+                       node_path.c_str(), result));
+    }
+    if (std::count(statuses.begin(), statuses.end(), tav_value::status_ok) == 0) {
+        return false;
+    }
+    try {
+        const CTavAddress stored = read_tav_ipv6_addr(addresses_path, addr.node);
+        return !same_address(stored, addr) || stored.type != addr.type;
+    } catch (const sync_addr_err &) {
+        return true; // something is there that cannot be read
+    } catch (const sync_minor_err &) {
+        return true;
+    }
 }

@@ -116,6 +116,9 @@ void CSync::remove_kern_addr_from_tav(const CKernAddress &addr) {
         return;
     }
     ifcfg_t &entry = found->second;
+    if (settle_deletion(entry, addr)) {
+        return;
+    }
     // The entry that moves into an erased place is passed over: the table holds no two equal ones.
     for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
         if (!same_address(entry.addresses[i], addr) ||

@@ -40,9 +40,14 @@ void CSync::nl_addr_update(int type, const std::vector<CKernAddress> &addrs) {
 
 void CSync::add_kern_addr(const CKernAddress &addr) {
     ifcfg_t &entry = interfaces.at(addr.ifindex);
+    // Announced before the daemon replaced it by one of another prefix length.
+    const bool outdated = is_leaving(entry, addr);
     CFullAddress *match = nullptr;
     for (CFullAddress &known : entry.addresses) {
         if (same_address(known, addr)) {
+            if (outdated && known.prefix_len != addr.prefix_len) {
+                return;
+            }
             known.prefix_len = addr.prefix_len;
             match = &known;
         }
@@ -61,6 +66,9 @@ void CSync::add_kern_addr(const CKernAddress &addr) {
     fresh.prefix_len = addr.prefix_len;
     fresh.node = free_node_name(entry);
     fresh.type = addr.scope == RT_SCOPE_LINK ? type_link_local : type_automatic;
+    if (may_write_store(entry)) {
+        avoid_unlisted_node(entry, fresh);
+    }
     entry.addresses.push_back(fresh);
     if (may_write_store(entry)) {
         write_tav_ipv6_addr(entry.iface, fresh);

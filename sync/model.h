@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -82,6 +83,13 @@ struct tavcfg_t {
     boost::optional<CTavRoute> gateway;
     std::vector<CTavAddress> addresses;  // in listing order
     std::vector<tk_string> listed_nodes; // every child of "Addresses", readable or not
+    bool listing_refused = false;        // there may be children all the same
+};
+
+// A deletion that the kernel was asked for and has not answered yet.
+struct deletion_t {
+    CAddress addr;
+    bool undone = false; // an addition was asked for since
 };
 
 // One tracked interface as the engine knows it.
@@ -90,7 +98,9 @@ struct ifcfg_t {
     boost::optional<CFullRoute> gateway; // known to be, or just made, present in the kernel
     bool gateway_leaving = false;        // its deletion was asked for; the answer is still to come
     std::vector<CFullAddress> addresses;
+    std::deque<deletion_t> deletions; // in the order in which they were asked for
     std::set<tk_string> listed_nodes; // the store's node names as last listed, less own removals
+    bool listing_refused = false;     // there may be others
 };
 
 // Keyed by the position of the interface's node in the store's listing.

@@ -7,6 +7,7 @@
 
 #include <cstdio>
 
+#include "sync/errors.h"
 #include "sync/sync.h"
 
 namespace {
@@ -91,6 +92,7 @@ tk_string CSync::free_node_name(const ifcfg_t &entry) {
 
 void CSync::remember_listing(ifcfg_t &entry, const tavcfg_t &stored) {
     entry.listed_nodes = {stored.listed_nodes.begin(), stored.listed_nodes.end()};
+    entry.listing_refused = stored.listing_refused;
 }
 
 // A node is never renamed: the entry takes the name that it bears in the store. Of several nodes
@@ -110,6 +112,20 @@ void CSync::rename_unmatched(ifcfg_t &entry, const std::vector<bool> &seen) {
             }
             known.node = numbers->take();
         }
+    }
+}
+
+// A listing that the store refuses tells nothing of the names that are taken. Each is then looked
+// up before it is written under, or a user's node might be overwritten. A store that claims to have
+// every name is not believed for ever.
+void CSync::avoid_unlisted_node(ifcfg_t &entry, CFullAddress &known) {
+    constexpr int most_names = 1000;
+    for (int i = 0; entry.listing_refused && holds_other_addr(entry.iface, known); ++i) {
+        if (i == most_names) {
+            throw sync_minor_err(error_text("No free node name on interface %d", known.ifindex));
+        }
+        entry.listed_nodes.insert(known.node);
+        known.node = free_node_name(entry);
     }
 }
 

@@ -2,6 +2,7 @@
 // what the kernel carries. One snapshot of the store serves the whole run, also after the run's own
 // changes.
 
+#include <algorithm>
 #include <linux/rtnetlink.h>
 
 #include "shell/log.h"
@@ -128,7 +129,7 @@ void CSync::remove_unstored(ifcfg_t &entry, std::vector<bool> &seen) {
         log_info_at(3, "Removing TAV addr '%s' from kernel on interface %d",
                     in6addr_to_str(known.addr, known.prefix_len, true).c_str(),
                     entry.iface.ifindex);
-        netlink->modify_addr(known, false);
+        delete_from_kern(entry, known);
         leaving.mark(i);
     }
 }
@@ -138,15 +139,21 @@ bool CSync::sync_kernel_addr(ifcfg_t &entry, const CTavAddress &stored,
                              boost::optional<std::size_t> match) {
     if (match) {
         CFullAddress &known = entry.addresses[*match];
-        if (known.prefix_len == stored.prefix_len || known.type != type_static) {
+        if (known.type != type_static) {
+            return false;
+        }
+        if (known.prefix_len == stored.prefix_len) {
+            if (is_leaving(entry, known)) {
+                add_to_kern(entry, known);
+            }
             return false;
         }
         log_info_at(3, "Changing prefix length of address '%s' => %u",
                     in6addr_to_str(known.addr, known.prefix_len, true).c_str(), stored.prefix_len);
         // The kernel has no operation that changes a prefix.
-        netlink->modify_addr(known, false);
+        delete_from_kern(entry, known);
         known.prefix_len = stored.prefix_len;
-        netlink->modify_addr(known, true);
+        add_to_kern(entry, known);
         return false;
     }
     if (stored.type != type_static) {
@@ -164,7 +171,7 @@ bool CSync::sync_kernel_addr(ifcfg_t &entry, const CTavAddress &stored,
     static_cast<CTavAddress &>(fresh) = stored;
     fresh.ifindex = entry.iface.ifindex;
     entry.addresses.push_back(fresh);
-    netlink->modify_addr(fresh, true);
+    add_to_kern(entry, fresh);
     return true;
 }
 
@@ -208,6 +215,9 @@ void CSync::sync_tav_with_kernel(const tavcfg_map_t &snapshot, ifcfg_t &entry) {
                 stored->iface.number, entry.iface.ifindex, entry.iface.name.c_str());
     if (!may_write_store(entry)) {
         return; // another tracked link bears the same name, and the node is that one's
+    }
+    for (CFullAddress &known : entry.addresses) {
+        avoid_unlisted_node(entry, known);
     }
     write_kern_addrs_to_tav(*stored, entry);
     write_kern_route_to_tav(stored->iface, entry);

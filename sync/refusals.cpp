@@ -17,6 +17,11 @@ void CSync::handle_refusal(const unsigned char *buffer, int length) {
         route_refused(*refusal);
     } else if (refusal->request == RTM_NEWADDR) {
         addr_refused(*refusal);
+    } else if (refusal->request == RTM_DELADDR) {
+        const auto found = interfaces.find(refusal->addr.ifindex);
+        if (found != interfaces.end()) {
+            settle_deletion(found->second, refusal->addr); // no other report will come
+        }
     }
 }
 

@@ -69,6 +69,7 @@ protected:
     boost::optional<CTavRoute> read_tav_ipv6_gateway(const tk_string &ipv6_path);
     std::vector<CTavAddress> read_tav_ipv6_addrs(const tk_string &ipv6_path);
     CTavAddress read_tav_ipv6_addr(const tk_string &addresses_path, const tk_string &name);
+    bool holds_other_addr(const CTavInterface &ifc, const CTavAddress &addr);
 
     // Writing the store. A path that the store refuses is only logged; the next synchronisation
     // compares again.
@@ -108,7 +109,14 @@ protected:
     static void take_over_name(CFullAddress &known, const CTavAddress &stored);
     static tk_string free_node_name(const ifcfg_t &entry);
     static void rename_unmatched(ifcfg_t &entry, const std::vector<bool> &seen);
+    void avoid_unlisted_node(ifcfg_t &entry, CFullAddress &known);
     void note_removal(const CTavInterface &ifc, const tk_string &node, bool removed);
+
+    // Addresses whose deletion was asked for (sync/deletions.cpp).
+    void delete_from_kern(ifcfg_t &entry, const CKernAddress &addr);
+    void add_to_kern(ifcfg_t &entry, const CKernAddress &addr);
+    static bool is_leaving(const ifcfg_t &entry, const CAddress &addr);
+    static bool settle_deletion(ifcfg_t &entry, const CAddress &addr);
 
     // What the kernel refused (sync/refusals.cpp).
     void handle_refusal(const unsigned char *buffer, int length);
@@ -132,6 +140,7 @@ protected:
 
     // The names that read_tav_ipv6_addrs found last, for the interface being read.
     std::vector<tk_string> addr_listing;
+    bool addr_listing_refused = false;
 
     std::chrono::steady_clock::time_point last_dump_request;
     bool dump_incomplete = false;

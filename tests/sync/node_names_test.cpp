@@ -327,4 +327,62 @@ TEST_F(NodeNames, TwentyRestartsLeaveTheStoreAsItIs) {
     }
 }
 
+// A user's Static address once gave way to the kernel's own: a refused listing looked like one of
+// nothing, and every name like a free one.
+class NodeNamesUnderARefusedListing : public NodeNames {
+protected:
+    void SetUp() override {
+        NodeNames::SetUp();
+        store(1, "1", "2001:db8::9/64", "Static");
+        store_unreadable("2");
+        fake_tav::on_path("list_node", at("1/IPv6/Addresses")).statuses({api_status_refused});
+    }
+};
+
+TEST_F(NodeNamesUnderARefusedListing, AreLookedUpBeforeTheFirstWrite) {
+    know(3, "fe80::1", 64, 1, "1");
+    synchronise();
+    EXPECT_EQ(stored("1"), "2001:db8::9/64 Static");
+    EXPECT_EQ(stored("2"), "2001:db8::bad Static");
+    EXPECT_EQ(stored("3"), "fe80::1/64 Link-Local");
+    EXPECT_EQ(table(3), strings{"fe80::1/64 Link-Local 3"});
+}
+
+TEST_F(NodeNamesUnderARefusedListing, AreLookedUpForANewAddressToo) {
+    synchronise();
+    appear("2001:db8::5");
+    EXPECT_EQ(stored("1"), "2001:db8::9/64 Static");
+    EXPECT_EQ(stored("2"), "2001:db8::bad Static");
+    EXPECT_EQ(stored("3"), "2001:db8::5/64 Automatic");
+}
+
+TEST_F(NodeNamesUnderARefusedListing, StayWithTheAddressThatIsThereAlready) {
+    store(1, "4", "fe80::1/64", "Link-Local");
+    know(3, "fe80::1", 64, 1, "4");
+    synchronise();
+    EXPECT_EQ(table(3), strings{"fe80::1/64 Link-Local 4"});
+}
+
+TEST_F(NodeNamesUnderARefusedListing, AreNotLookedUpForEver) {
+    for (unsigned n = 1; n <= 4000; ++n) {
+        fake_tav::on_call("get_leaves", n).statuses({api_status_ok, api_status_ok});
+    }
+    know(3, "fe80::1", 64, 1, "1");
+    EXPECT_THROW(engine().sync_all(), sync_minor_err);
+    EXPECT_EQ(fake_tav::writes(), 0U);
+}
+
+TEST_F(NodeNamesUnderARefusedListing, AFailedLookUpIsTheCallersConcern) {
+    fake_tav::on_path("get_leaves", at("1/IPv6/Addresses/1/Address/Value")).returns(-1);
+    know(3, "fe80::1", 64, 1, "1");
+    EXPECT_THROW(engine().sync_all(), sync_err);
+}
+
+TEST_F(NodeNames, OfAnAbsentListingAreTakenAsTheyCome) {
+    know(3, "fe80::1", 64, 1, "1");
+    synchronise();
+    EXPECT_EQ(fake_tav::calls("get_leaves").size(), 0U);
+    EXPECT_EQ(stored("1"), "fe80::1/64 Link-Local");
+}
+
 } // namespace

@@ -277,4 +277,109 @@ TEST_F(SyncAddresses, AJunkNodeThatTheStoreKeepsDoesNotEndTheRun) {
               (strings{"remove_node(~/1/IPv6/Addresses/1)", "kernel: add 2001:db8::6/64 dev 3"}));
 }
 
+// The kernel's report of a deletion that the daemon had asked for once came when the address had
+// been added again, and took the user's node away.
+class SyncAddressesThatComeBack : public SyncAddresses {
+protected:
+    void SetUp() override {
+        SyncAddresses::SetUp();
+        store(1, "office", "2001:db8::5/64", "Static");
+        synchronise();
+        fake_tav::erase(at("1/IPv6/Addresses/office"));
+        synchronise();
+        ASSERT_EQ(changes(), strings{"kernel: delete 2001:db8::5/64 dev 3"});
+        deletion = fake_libnl::state().changes.back();
+        store(1, "office", "2001:db8::5/64", "Static");
+        synchronise();
+        forget();
+    }
+    void report_deletion(int prefix_len = 64) {
+        receive(fake_libnl::datagram_t().address(21, 3, "2001:db8::5", prefix_len));
+    }
+    fake_libnl::message_t deletion;
+};
+
+TEST_F(SyncAddressesThatComeBack, StayWhenTheirDeletionIsReported) {
+    report_deletion();
+    EXPECT_EQ(changes(), strings{});
+    EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static office"});
+}
+
+TEST_F(SyncAddressesThatComeBack, GoWithTheNextDeletion) {
+    report_deletion();
+    report_deletion();
+    EXPECT_EQ(changes(), strings{"remove_node(~/1/IPv6/Addresses/office)"});
+    EXPECT_EQ(table(3), strings{});
+}
+
+// An announcement from before the deletion makes the address look present: it must be added again.
+TEST_F(SyncAddressesThatComeBack, AreAddedThoughAnEarlierAnnouncementComesFirst) {
+    report_deletion();
+    fake_tav::erase(at("1/IPv6/Addresses/office"));
+    synchronise();
+    receive(fake_libnl::datagram_t().address(20, 3, "2001:db8::5", 64, 0));
+    EXPECT_EQ(table(3), strings{"2001:db8::5/64 Automatic 1"});
+    store(1, "office", "2001:db8::5/64", "Static");
+    synchronise();
+    EXPECT_EQ(changes().front(), "kernel: add 2001:db8::5/64 dev 3");
+    report_deletion();
+    synchronise();
+    EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static office"});
+    EXPECT_TRUE(fake_tav::exists(at("1/IPv6/Addresses/office")));
+    EXPECT_FALSE(fake_tav::exists(at("1/IPv6/Addresses/1")));
+}
+
+TEST_F(SyncAddressesThatComeBack, GoForGoodWhenOnlyAnEarlierAnnouncementBringsThemBack) {
+    report_deletion();
+    fake_tav::erase(at("1/IPv6/Addresses/office"));
+    synchronise();
+    receive(fake_libnl::datagram_t().address(20, 3, "2001:db8::5", 64, 0));
+    report_deletion();
+    EXPECT_EQ(table(3), strings{});
+    EXPECT_FALSE(fake_tav::exists(at("1/IPv6/Addresses/1")));
+}
+
+TEST_F(SyncAddressesThatComeBack, GoWhenTheDeletionAskedForWasRefused) {
+    receive(fake_libnl::datagram_t().error(-99, deletion));
+    report_deletion();
+    EXPECT_EQ(changes(), strings{"remove_node(~/1/IPv6/Addresses/office)"});
+}
+
+TEST_F(SyncAddressesThatComeBack, AreNotTakenForOnesOfAnotherPrefixLength) {
+    entry(3).addresses.at(0).prefix_len = 48;
+    report_deletion(48);
+    EXPECT_EQ(changes(), strings{"remove_node(~/1/IPv6/Addresses/office)"});
+}
+
+// The announcement of a prefix length that was corrected meanwhile once went over the user's last
+// word.
+TEST_F(SyncAddressesThatComeBack, KeepTheirPrefixLengthWhenAnEarlierOneIsAnnounced) {
+    report_deletion();
+    for (const char *text : {"2001:db8::5/56", "2001:db8::5/48"}) {
+        fake_tav::put(at("1/IPv6/Addresses/office/Address/Value"), text);
+        synchronise();
+    }
+    forget();
+    report_deletion(64);
+    receive(fake_libnl::datagram_t().address(20, 3, "2001:db8::5", 56, 0));
+    report_deletion(56);
+    EXPECT_EQ(changes(), strings{});
+    EXPECT_EQ(table(3), strings{"2001:db8::5/48 Static office"});
+    receive(fake_libnl::datagram_t().address(20, 3, "2001:db8::5", 56, 0));
+    EXPECT_EQ(table(3), strings{"2001:db8::5/56 Static office"}) << "somebody else's";
+}
+
+TEST_F(SyncAddressesThatComeBack, StayWhenTheirPrefixLengthIsChangedThereAndBack) {
+    report_deletion();
+    for (const char *text : {"2001:db8::5/48", "2001:db8::5/64"}) {
+        fake_tav::put(at("1/IPv6/Addresses/office/Address/Value"), text);
+        synchronise();
+    }
+    forget();
+    report_deletion(64);
+    report_deletion(48);
+    EXPECT_EQ(changes(), strings{});
+    EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static office"});
+}
+
 } // namespace
