@@ -77,10 +77,7 @@ TEST_F(BurstTest, WithASmallReceiveBufferAtMostOneRebuildIsNeeded) {
     add_eth(0);
     service.start();
     store.make_interface(1);
-    kt::spawn_options_t options;
-    options.environment = {{"LD_PRELOAD", kt::program("PRELOAD")},
-                           {"KT_RCVBUF_CAP", "212992"},
-                           {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+    const auto options = kt::preloaded({{"KT_RCVBUF_CAP", "212992"}});
     start_daemon_and_wait({"-d", "-D", "3"}, options);
     rebuilds_allowed = true;
     const double seconds = add_all();

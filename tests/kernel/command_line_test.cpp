@@ -217,20 +217,14 @@ TEST_F(CommandLineTest, AUserIsFoundByName) {
 }
 
 TEST_F(CommandLineTest, WithoutAProcessToSpareTheInvokingOneSaysSo) {
-    kt::spawn_options_t options;
-    options.environment = {{"LD_PRELOAD", kt::program("PRELOAD")},
-                           {"KT_FAIL_FORK", "1"},
-                           {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+    const auto options = kt::preloaded({{"KT_FAIL_FORK", "1"}});
     Process process = run({}, options);
     EXPECT_EQ(process.wait_exit(), 1);
     EXPECT_EQ(texts(process.errors().lines()), strings{"Error fork()ing new process"});
 }
 
 TEST_F(CommandLineTest, WithoutAnExitPipeTheDaemonStartsAllTheSame) {
-    kt::spawn_options_t options;
-    options.environment = {{"LD_PRELOAD", kt::program("PRELOAD")},
-                           {"KT_FAIL_PIPE", "1"},
-                           {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+    const auto options = kt::preloaded({{"KT_FAIL_PIPE", "1"}});
     service.start();
     start_daemon({"-d"}, options);
     EXPECT_TRUE(logged("Info: Starting tandrel daemon"));

@@ -37,14 +37,6 @@ protected:
             lines[static_cast<std::size_t>(end)].at - lines[static_cast<std::size_t>(begin)].at);
     }
 
-    static kt::spawn_options_t preload(const std::string &name, const std::string &value) {
-        kt::spawn_options_t options;
-        options.environment = {{"LD_PRELOAD", kt::program("PRELOAD")},
-                               {name, value},
-                               {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
-        return options;
-    }
-
     // After whatever has happened, both directions work.
     void expect_working() {
         EXPECT_TRUE(settle());
@@ -189,7 +181,7 @@ TEST_F(RunLoopTest, AnOverrunOfTheReceiveBufferRebuildsTheEngineAndNothingIsLost
 TEST_F(RunLoopTest, AfterAMessageThatCannotBeSentTheEngineIsBuiltAnew) {
     service.start();
     store.set_address(1, "1", "2001:db8::5/64");
-    start_daemon({"-d", "-D", "4"}, preload("KT_FAIL_SEND", "20:1"));
+    start_daemon({"-d", "-D", "4"}, kt::preloaded({{"KT_FAIL_SEND", "20:1"}}));
     ASSERT_TRUE(logged("Error: Failed to send ifa message: -5"));
     EXPECT_TRUE(logged("Error: Caught exception: nl_send_auto_complete"));
     EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::5/64"); }));
@@ -211,7 +203,7 @@ TEST_F(RunLoopTest, EachMessageThatCannotBeSentHasALineOfItsOwn) {
         {"24:1", "Error: Failed to send rtm message: -5", "nl_send_auto_complete"},
     };
     for (const auto &one : cases) {
-        start_daemon({"-d", "-D", "4"}, preload("KT_FAIL_SEND", one.plan));
+        start_daemon({"-d", "-D", "4"}, kt::preloaded({{"KT_FAIL_SEND", one.plan}}));
         EXPECT_TRUE(logged(one.line));
         EXPECT_TRUE(logged(std::string("Error: Caught exception: ") + one.exception));
         EXPECT_EQ(stop_daemon(), 0) << one.line;
@@ -220,10 +212,10 @@ TEST_F(RunLoopTest, EachMessageThatCannotBeSentHasALineOfItsOwn) {
 
 TEST_F(RunLoopTest, AChannelThatCannotBeSetUpIsReportedByTheNameOfTheCall) {
     service.start();
-    start_daemon({"-d", "-D", "4"}, preload("KT_FAIL_BIND", "1000"));
+    start_daemon({"-d", "-D", "4"}, kt::preloaded({{"KT_FAIL_BIND", "1000"}}));
     EXPECT_TRUE(logged("Error: Caught exception: nl_connect"));
     EXPECT_EQ(stop_daemon(), 0);
-    start_daemon({"-d", "-D", "4"}, preload("KT_FAIL_MEMBERSHIP", "1"));
+    start_daemon({"-d", "-D", "4"}, kt::preloaded({{"KT_FAIL_MEMBERSHIP", "1"}}));
     EXPECT_TRUE(logged("Error: Caught exception: nl_socket_add_memberships"));
     EXPECT_TRUE(logged(normal)) << "it works the next time";
     expect_working();
@@ -232,7 +224,7 @@ TEST_F(RunLoopTest, AChannelThatCannotBeSetUpIsReportedByTheNameOfTheCall) {
 // A dump that never ends: the request got lost.
 TEST_F(RunLoopTest, ADiscoveryThatDoesNotEndIsGivenUpAfterHalfAMinute) {
     service.start();
-    start_daemon({"-d", "-D", "4"}, preload("KT_LOSE_SEND", "22:1"));
+    start_daemon({"-d", "-D", "4"}, kt::preloaded({{"KT_LOSE_SEND", "22:1"}}));
     ASSERT_TRUE(logged("Info: void CSync::discover(): requesting addrs"));
     ASSERT_TRUE(logged("Error: Caught exception"));
     EXPECT_GE(between("Info: void CSync::discover(): requesting addrs", "Error: Caught exception"),
@@ -325,7 +317,7 @@ TEST_F(IdleTest, WithADeadStoreTheDaemonSleeps) {
 
 TEST_F(IdleTest, AStoreThatDiesDuringDiscoveryIsNoticedWithoutSpinning) {
     service.start();
-    start_daemon({"-d", "-D", "4"}, preload("KT_LOSE_SEND", "18:1"));
+    start_daemon({"-d", "-D", "4"}, kt::preloaded({{"KT_LOSE_SEND", "18:1"}}));
     ASSERT_TRUE(logged(link_request));
     store.write(kt::mark_path, "an event that stays unfetched");
     store.disconnect();

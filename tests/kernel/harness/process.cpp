@@ -78,6 +78,14 @@ struct child_plan_t {
 
 } // namespace
 
+spawn_options_t preloaded(std::map<std::string, std::string> environment) {
+    spawn_options_t options;
+    options.environment = std::move(environment);
+    options.environment["LD_PRELOAD"] = program("PRELOAD");
+    options.environment["ASAN_OPTIONS"] = "verify_asan_link_order=0";
+    return options;
+}
+
 Process::Process(Sandbox &sandbox, std::vector<std::string> arguments,
                  const spawn_options_t &options)
     : standard_error(std::make_shared<LineLog>()), standard_output(std::make_shared<LineLog>()) {
@@ -195,6 +203,7 @@ std::string program(const std::string &name) {
                                                           {"TAVD", KT_TAVD},
                                                           {"TAV", KT_TAV},
                                                           {"PRELOAD", KT_PRELOAD},
+                                                          {"TAVD_FAULTY", KT_TAVD_FAULTY},
                                                           {"RADVD", "/usr/sbin/radvd"}};
     return built.at(name);
 }

@@ -21,6 +21,9 @@ struct spawn_options_t {
     bool own_group = false;                         // a process group of its own
 };
 
+// With the preloaded library in front, which those variables tell what to do.
+spawn_options_t preloaded(std::map<std::string, std::string> environment);
+
 class Process {
 public:
     Process(Sandbox &sandbox, std::vector<std::string> arguments,

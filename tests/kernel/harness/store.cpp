@@ -44,15 +44,20 @@ mlr_client_t *connect_patiently(const std::string &socket_path) {
 Service::Service(Sandbox &owner, Keep what)
     : sandbox(owner), keep(what), socket_path(owner.directory() + "/tav.sock") {}
 
-void Service::start() {
-    std::vector<std::string> arguments{program("TAVD"), "--socket", socket_path};
+void Service::start(const std::string &fault_plan) {
+    spawn_options_t options;
+    if (!fault_plan.empty()) {
+        options.environment["TAVD_FAULT"] = fault_plan;
+    }
+    std::vector<std::string> arguments{program(fault_plan.empty() ? "TAVD" : "TAVD_FAULTY"),
+                                       "--socket", socket_path};
     if (keep == Keep::memory) {
         arguments.emplace_back("--memory");
     } else {
         arguments.emplace_back("--database");
         arguments.push_back(sandbox.directory() + "/tav.db");
     }
-    process = std::make_unique<Process>(sandbox, arguments);
+    process = std::make_unique<Process>(sandbox, arguments, options);
     Store probe(socket_path);
     if (!eventually([&] { return !process->running() || probe.reachable(); }) ||
         !process->running()) {

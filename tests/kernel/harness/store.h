@@ -20,8 +20,9 @@ public:
     enum class Keep { memory, database };
 
     Service(Sandbox &sandbox, Keep keep);
-    // Returns once the service answers.
-    void start();
+    // Returns once the service answers. With a plan (see faults/plan.h) it is the one that stages
+    // faults for the daemon's connection.
+    void start(const std::string &fault_plan = "");
     void stop();  // SIGTERM
     void crash(); // SIGKILL
     bool started() const { return process != nullptr; }

@@ -1,5 +1,6 @@
 #include "harness/world.h"
 
+#include <cstdlib>
 #include <iostream>
 #include <stdexcept>
 
@@ -54,6 +55,10 @@ Process &KernelTest::start_daemon(const std::vector<std::string> &arguments,
     std::vector<std::string> all{program("TANDREL")};
     all.insert(all.end(), arguments.begin(), arguments.end());
     spawn_options_t with_store = options;
+    // A whole run of the tests may ask for a shorter pause, or for calls of the store that fail.
+    if (std::getenv("KT_PAUSE_MS") != nullptr || std::getenv("KT_CALL_FAULT") != nullptr) {
+        with_store.environment = preloaded(options.environment).environment;
+    }
     with_store.environment["TAV_SOCKET"] = service.socket();
     daemon = std::make_unique<Process>(sandbox, all, with_store);
     return *daemon;

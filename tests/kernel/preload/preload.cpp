@@ -10,6 +10,8 @@
 //   KT_FAIL_PIPE=1              no pipe can be made
 //   KT_PAUSE_MS=<ms>            the pause of ten seconds before a rebuild takes that long
 //   KT_SELECT_DELAY=<ms>        every select begins that much later, as on a slow machine
+//
+// Calls of the store's client library: see store_calls.cpp.
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
