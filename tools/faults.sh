@@ -1,0 +1,86 @@
+#!/bin/bash
+# Runs the daemon's kernel tests against a store that does worse than the real one, and prints what
+# came of it. Called as ./test --faults [REGEX]; see tests/faults/plan.h for the plans.
+set -u
+cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
+
+pattern=${1:-.}
+explained=tests/faults/explained.txt
+
+# Name of the fault; plan of the service; plan of the calls. The first ones need no rebuild, so that
+# each test's own verdict holds. Each of the others strikes once, in the middle of a test.
+faults='
+Echoes                 echo                             -
+DuplicatedEvents       duplicate                        -
+ReorderedEvents        reorder                          -
+SpuriousReadiness      spurious                         -
+RefusedRegistrations   refuse:on=watchdog+ping:every=2  -
+RefusedWrites          refuse:on=write:after=3:limit=1  -
+SenselessReplies       garble:after=40:limit=1          -
+RepliesThatDoNotCome   hang:after=40:limit=1            -
+RepliesCutInTheMiddle  cut:after=40:limit=1             -
+Overflows              overflow:after=40:limit=1        -
+FailedReads            -                                fail:on=read+list:after=10:limit=1
+FailedWrites           -                                fail:on=write+remove:after=2:limit=1
+FailedFetches          -                                fail:on=events:after=2:limit=1:result=0'
+
+. tools/setup.sh
+# shellcheck disable=SC2086
+need_packages $build_packages $test_packages
+configure release
+build release kernel_tests
+
+results=$(mktemp)
+row='%-22s %6s %7s %10s %12s %9s %7s %5s\n'
+unexplained=0
+passed=0
+
+# What the tests under a fault printed, one line for each: "<name> <run|fail|...>".
+verdicts() { sed -n 's/.*<testcase name="\([^" ]*\).* status="\([a-z]*\)".*/\1 \2/p' "$results"; }
+
+# explain FAULT TEST: whether the list of explained failures has this one.
+explain() {
+    local fault test reason
+    while read -r fault test reason; do
+        [ -n "$reason" ] && [[ $1 =~ ^($fault)$ && $2 =~ ^kernel\.($test)$ ]] && return 0
+    done < <(grep -v '^#' "$explained")
+    return 1
+}
+
+# shellcheck disable=SC2059
+printf "$row" fault tests passed explained unexplained rebuilds Static lost
+while read -r name service calls; do
+    [[ -n $name && $name =~ $pattern ]] || continue
+    environment=(KT_REBUILDS=1 KT_PAUSE_MS=1000)
+    [ "$service" = - ] ||
+        environment+=("KT_TAVD=$PWD/build/release/tests/faults/tavd_faulty" "TAVD_FAULT=$service")
+    [ "$calls" = - ] || environment+=("KT_CALL_FAULT=$calls")
+    env "${environment[@]}" ctest --test-dir build/release --parallel $(($(nproc) * 4)) \
+        --tests-regex '^kernel\.' --exclude-regex 'FaultTest' --output-junit "$results" \
+        --test-output-size-passed 1000000 --test-output-size-failed 1000000 >/dev/null 2>&1 </dev/null
+    rebuilds=$(grep -o '^rebuilds: [0-9]*' "$results" | awk '{ sum += $2 } END { print sum + 0 }')
+    tests=0 fine=0 known=0 unknown=()
+    while read -r test status; do
+        tests=$((tests + 1))
+        if [ "$status" = run ]; then
+            fine=$((fine + 1))
+        elif explain "$name" "$test"; then
+            known=$((known + 1))
+        else
+            unknown+=("$test")
+        fi
+    done < <(verdicts)
+    # The same fault without end, under a user who edits.
+    scenario=$(build/release/tests/kernel/kernel_tests --gtest_filter="Store/FaultTest*/$name" 2>&1)
+    counts=$(sed -n 's/^fault .* rebuilds, \([0-9]*\) Static addresses, \([0-9]*\) lost$/\1 \2/p' <<<"$scenario")
+    grep -q '^\[  PASSED  \] 1 test' <<<"$scenario" || unknown+=("Store/FaultTest*/$name")
+    # shellcheck disable=SC2059,SC2086
+    printf "$row" "$name" "$tests" "$fine" "$known" ${#unknown[@]} "$rebuilds" ${counts:-? ?}
+    [ ${#unknown[@]} -eq 0 ] || printf '    unexplained: %s\n' "${unknown[@]}"
+    passed=$((passed + fine + known))
+    unexplained=$((unexplained + ${#unknown[@]}))
+done <<<"$faults"
+rm -f "$results"
+
+say "$passed passed, $unexplained failed"
+[ "$unexplained" -eq 0 ] && [ "$passed" -gt 0 ]
