@@ -8,9 +8,9 @@ addresses="$interface/IPv6/Addresses"
 gateway="$interface/IPv6/Default Gateway"
 
 if [ -t 1 ]; then
-    bold=$'\e[1m' dim=$'\e[2m' green=$'\e[32m' red=$'\e[31m' plain=$'\e[0m'
+    bold=$'\e[1m' dim=$'\e[2m' green=$'\e[32m' red=$'\e[31m' plain=$'\e[0m' colour=always
 else
-    bold='' dim='' green='' red='' plain=''
+    bold='' dim='' green='' red='' plain='' colour=never
 fi
 
 fail() {
@@ -45,38 +45,10 @@ in_step() {
         [ "$(kernel_gateway)" = "$(store_gateway)" ]
 }
 
-kernel_view() {
-    ip -6 -o address show dev eth0 | awk '{
-        note = ""
-        if (/ tentative/) note = " (being checked)"
-        else if (/ dynamic/) note = " (advertised)"
-        print $4 note }'
-    [ -z "$(kernel_gateway)" ] || printf 'default via %s\n' "$(kernel_gateway)"
-}
-store_view() {
-    local name text
-    if ! tav ls / >/dev/null 2>&1; then
-        printf '(the store does not answer)\n'
-        return
-    fi
-    for name in $(tav ls "$addresses" 2>/dev/null); do
-        text=$(store_address "$name")
-        printf '%-7s %s  %s\n' "$name" "$text" "$(tav get "$addresses/$name/Type/Value")"
-    done
-    [ -z "$(store_gateway)" ] || printf 'Default Gateway  %s\n' "$(store_gateway)"
-}
 # both_views WHEN: side by side.
 both_views() {
-    local left right
-    printf '   %s%-46s │ %s%s\n' "$dim" "$1: kernel, eth0" "store, Interface/1/IPv6" "$plain"
-    mapfile -t left < <(kernel_view)
-    mapfile -t right < <(store_view)
-    local count=${#left[@]} i
-    [ ${#right[@]} -gt "$count" ] && count=${#right[@]}
-    [ "$count" -gt 0 ] || printf '   %-46s │ %s\n' "(nothing)" "(nothing)"
-    for ((i = 0; i < count; i++)); do
-        printf '   %-46s │ %s\n' "${left[i]-}" "${right[i]-}"
-    done
+    printf '   %s%s%s\n' "$dim" "$1:" "$plain"
+    tandrelctl --color="$colour" show eth0 2>&1 | sed 's/^/   /'
 }
 
 # --- telling ------------------------------------------------------------------------------------
@@ -229,6 +201,7 @@ if [ "$DEMO_STAY" = yes ]; then
     cat <<TEXT
 
 ${bold}It keeps running; this shell is inside.${plain} Try:
+   tandrelctl show; tandrelctl check; tandrelctl watch
    tav tree /
    ip -6 address add 2001:db8:9::1/64 dev eth0; tav tree "\$addresses"
    tav set "\$addresses/desk/Address/Value" 2001:db8:4::1/64 "\$addresses/desk/Type/Value" Static
