@@ -30,7 +30,9 @@ public:
                 add(stored.link, nullptr);
             }
         }
-        explain_store(store, prefix, result.findings);
+        if (store.answered) {
+            explain_store(store, prefix, result.findings);
+        }
         return std::move(result);
     }
 
@@ -39,6 +41,7 @@ private:
         interface_view_t view;
         view.link = name;
         view.number = interface_number(name, prefix);
+        view.store_known = store.answered;
         if (link != nullptr) {
             view.kernel = *link;
             view.tracked = link->ethernet && !link->hwaddr.empty() && link->has_ipv6 &&
@@ -53,8 +56,18 @@ private:
         view.has_node = !nodes.empty();
         add_addresses(view, nodes);
         add_gateways(view, nodes);
-        explain_interface(view, nodes, kernel, prefix);
+        if (store.answered) {
+            explain_interface(view, nodes, kernel, prefix);
+        }
         result.interfaces.push_back(std::move(view));
+    }
+
+    // Of an item that only the kernel has, as far as is known. `wanted`: the daemon would take it.
+    static mark_t mark_of_kernels(const interface_view_t &view, bool wanted) {
+        if (!view.store_known) {
+            return mark_t::half_known;
+        }
+        return wanted && view.has_node && view.tracked ? mark_t::kernel_only : mark_t::left_alone;
     }
 
     void add_addresses(interface_view_t &view,
@@ -63,7 +76,7 @@ private:
             if (view.kernel && address.address.ifindex == view.kernel->index) {
                 address_row_t row;
                 row.kernel = address;
-                row.mark = view.has_node && view.tracked ? mark_t::kernel_only : mark_t::left_alone;
+                row.mark = mark_of_kernels(view, true);
                 view.addresses.push_back(row);
             }
         }
@@ -100,8 +113,7 @@ private:
             }
             gateway_row_t row;
             row.kernel = route;
-            row.mark = is_adopted(route) && view.has_node && view.tracked ? mark_t::kernel_only
-                                                                          : mark_t::left_alone;
+            row.mark = mark_of_kernels(view, is_adopted(route));
             view.gateways.push_back(row);
         }
         for (const stored_interface_t *node : nodes) {

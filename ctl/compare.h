@@ -17,7 +17,8 @@ enum class mark_t {
     store_only,  //
     differ,      // in both, but not the same
     unusable,    // in the store, and skipped by the daemon
-    left_alone   // in the kernel, and none of the daemon's business
+    left_alone,  // in the kernel, and none of the daemon's business
+    half_known   // in the kernel; the store did not answer
 };
 
 // One address, or one gateway: what each side has of it.
@@ -37,6 +38,7 @@ struct interface_view_t {
     boost::optional<kernel_link_t> kernel; // empty: there is no such link
     long number = 0;                       // of the store interface; 0: none can stand for it
     bool has_node = false;                 // which exists
+    bool store_known = true;               // false: the store did not answer
     bool tracked = false;                  // the daemon looks after the link
     std::vector<address_row_t> addresses;  // the kernel's order, then the store's
     std::vector<gateway_row_t> gateways;

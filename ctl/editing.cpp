@@ -1,5 +1,6 @@
 // The commands that change the store: address, gateway and interface.
 #include <cstdio>
+#include <cstring>
 #include <set>
 
 #include "ctl/edit.h"
@@ -67,10 +68,11 @@ std::vector<place_t> places(const store_view_t &store, const std::string &link) 
     return found;
 }
 
-// Whether the node holds that address, whatever is wrong with its type.
+// Whether the node holds that address, whatever is wrong with its prefix length or its type.
 bool holds(const stored_address_t &stored, const CAddress &address) {
-    CAddress there;
-    return !convert_address(stored.text, there) && same_address(there, address);
+    CRoute there;
+    return !convert_gateway(stored.text.substr(0, stored.text.find('/')), there) &&
+           std::memcmp(&there.gateway, &address.addr, sizeof address.addr) == 0;
 }
 
 std::string free_name(const std::vector<place_t> &taken) {
@@ -169,11 +171,11 @@ std::vector<std::string> nodes_to_remove(const std::vector<place_t> &stored,
                                          const CAddress &address, const options_t &options) {
     std::vector<std::string> paths;
     for (const place_t &place : stored) {
-        CAddress there;
-        if (convert_address(place.stored->text, there) || !same_address(there, address)) {
+        if (!holds(*place.stored, address)) {
             continue;
         }
-        if (address.prefix_len != 0 && address.prefix_len != there.prefix_len) {
+        if (address.prefix_len != 0 && !place.stored->fault &&
+            address.prefix_len != place.stored->address.prefix_len) {
             throw refusal("it is stored as '" + escaped(place.stored->text) + "'");
         }
         may_remove(*place.stored, options);

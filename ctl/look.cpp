@@ -59,7 +59,15 @@ void print_findings(const std::vector<finding_t> &findings, bool colour) {
 
 int show(const options_t &options) {
     client_t client;
-    client.require();
+    if (!client.connect()) {
+        if (!options.json) {
+            // Half of it is better than nothing.
+            const comparison_t kernel = compare(read_kernel(), store_view_t{}, options.prefix);
+            print(table_lines(chosen(kernel, options)), use_colour(options.colour));
+            std::cout << std::flush;
+        }
+        throw store_lost(store_unreachable);
+    }
     const comparison_t comparison = look(client, options);
     const auto interfaces = chosen(comparison, options);
     if (options.json) {

@@ -41,13 +41,14 @@ struct mark_text_t {
     const char *meaning;
 };
 
-constexpr std::array<mark_text_t, 6> marks{{
+constexpr std::array<mark_text_t, 7> marks{{
     {mark_t::both, '=', style_t::good, "both", "both agree"},
     {mark_t::kernel_only, 'K', style_t::warn, "kernel-only", "only in the kernel"},
     {mark_t::store_only, 'S', style_t::warn, "store-only", "only in the store"},
     {mark_t::differ, '!', style_t::bad, "differ", "in both, but different"},
     {mark_t::unusable, '?', style_t::bad, "unusable", "stored, but unusable"},
     {mark_t::left_alone, '.', style_t::dim, "left-alone", "left alone by tandrel"},
+    {mark_t::half_known, '-', style_t::dim, "half-known", "the store does not answer"},
 }};
 
 const mark_text_t &text_of_mark(mark_t mark) {
@@ -92,8 +93,10 @@ cells_t cells_of(const gateway_row_t &row) {
 
 std::string heading_of(const interface_view_t &interface) {
     std::string text = escaped(interface.link);
-    text += interface.has_node ? ", store interface " + std::to_string(interface.number)
-                               : ", no store interface";
+    if (interface.store_known) {
+        text += interface.has_node ? ", store interface " + std::to_string(interface.number)
+                                   : ", no store interface";
+    }
     if (!interface.kernel) {
         return text + ", no such link in the kernel";
     }

@@ -66,7 +66,8 @@ const std::vector<reason_text_t> table = {
      "tandrelctl interface add {link}"},
     {r::link_down, note, "link-down",
      "the link is down: the kernel uses none of its addresses and takes no gateway",
-     "ip link set {link} up"},
+     "ip link set {link} up; tandrel(8), CAVEATS, tells how settings outlive a link that goes "
+     "down"},
 
     {r::address_is_leaf, note, "address-is-leaf",
      "'{path}' is a leaf where the node of an address is expected; tandrel passes over it", ""},
@@ -84,11 +85,11 @@ const std::vector<reason_text_t> table = {
      "tandrelctl address replace {link} {text}"},
     {r::address_without_prefix, difference, "address-without-prefix",
      "the stored address '{node}' is skipped: '{text}' lacks its prefix length (such as /64)",
-     "tandrelctl address del {link} --node {node}, and add it with its prefix length"},
+     "tandrelctl address replace {link} {text}/64, or with the length that it is to have"},
     {r::address_bad_prefix, difference, "address-bad-prefix",
      "the stored address '{node}' is skipped: the prefix length of '{text}' is not a number from 1 "
      "to 128",
-     "tandrelctl address del {link} --node {node}, and add it with a good one"},
+     "tandrelctl address replace {link} with a good one"},
     {r::address_bad_text, difference, "address-bad-text",
      "the stored address '{node}' is skipped: '{text}' is not an IPv6 address",
      "tandrelctl address del {link} --node {node}"},

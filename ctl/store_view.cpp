@@ -187,6 +187,7 @@ stored_interface_t reader_t::read_interface(const std::string &node) {
 
 store_view_t reader_t::read() {
     store_view_t view;
+    view.answered = true;
     std::vector<toolkit::child_t> children;
     view.listed = list(paths::interfaces, children);
     for (const toolkit::child_t &child : children) {

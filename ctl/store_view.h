@@ -19,6 +19,8 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+constexpr const char *store_unreachable =
+    "the settings store cannot be reached; is its service running?";
 constexpr const char *store_silent = "the settings store does not answer";
 
 // One child of "Addresses".
@@ -48,7 +50,8 @@ struct stored_interface_t {
 };
 
 struct store_view_t {
-    bool listed = false; // the interfaces' node exists
+    bool answered = false; // otherwise nothing is known of it
+    bool listed = false;   // the interfaces' node exists
     std::vector<stored_interface_t> interfaces;
     std::vector<std::string> strange; // children of the interfaces' node that are no nodes
 };

@@ -16,7 +16,7 @@ bool client_t::connect() {
 
 void client_t::require() {
     if (!connect()) {
-        throw store_lost("the settings store cannot be reached; is its service running?");
+        throw store_lost(store_unreachable);
     }
 }
 

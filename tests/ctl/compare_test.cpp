@@ -70,6 +70,18 @@ TEST_F(Compare, NothingIsMissingOnALinkThatIsNotSynchronised) {
     EXPECT_EQ(marks(), ". .");
 }
 
+TEST_F(Compare, NothingIsSaidOfAStoreThatDidNotAnswer) {
+    address("fe80::5", 64);
+    route("fe80::1");
+    const ctl::comparison_t comparison = ctl::compare(kernel, ctl::store_view_t{}, "eth");
+    const ctl::interface_view_t &view = comparison.interfaces.at(0);
+    EXPECT_EQ(view.addresses.at(0).mark, mark_t::half_known);
+    EXPECT_EQ(view.gateways.at(0).mark, mark_t::half_known);
+    EXPECT_TRUE(view.findings.empty());
+    EXPECT_TRUE(comparison.findings.empty());
+    EXPECT_EQ(ctl::table_lines({&view}).front().text, "eth0, up, 02:00:00:00:00:05");
+}
+
 TEST_F(Compare, AddressesAndRoutesOfOtherLinksStayThere) {
     link("eth1");
     address("2001:db8::5", 64).address.ifindex = 2;

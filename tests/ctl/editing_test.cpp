@@ -115,6 +115,10 @@ TEST_F(Editing, ReplaceChangesTheNodeThatHoldsTheAddress) {
     options.address = "2001:db8::6/64";
     ctl::address_replace(options);
     EXPECT_EQ(fake_tav::text(below("Addresses/y/Type/Value")), "Static") << "mends a wrong type";
+    store("y", "2001:db8::6");
+    ctl::address_replace(options);
+    EXPECT_EQ(fake_tav::text(below("Addresses/y/Address/Value")), "2001:db8::6/64")
+        << "mends a missing prefix length";
     options.address = "2001:db8::7/64";
     ctl::address_replace(options);
     EXPECT_EQ(fake_tav::text(below("Addresses/1/Address/Value")), "2001:db8::7/64");

@@ -208,7 +208,8 @@ TEST_F(Reasons, ALinkIsDown) {
     kernel.links[0].up = kernel.links[0].carrier = false;
     expect(reason_t::link_down,
            "the link is down: the kernel uses none of its addresses and takes no gateway",
-           "ip link set eth0 up");
+           "ip link set eth0 up; tandrel(8), CAVEATS, tells how settings outlive a link that goes "
+           "down");
 }
 
 // --- stored addresses that are skipped ---
@@ -256,7 +257,7 @@ TEST_F(Reasons, AStoredAddressLacksItsPrefixLength) {
     store("x", "2001:db8::5");
     expect(reason_t::address_without_prefix,
            "the stored address 'x' is skipped: '2001:db8::5' lacks its prefix length (such as /64)",
-           "tandrelctl address del eth0 --node x, and add it with its prefix length");
+           "tandrelctl address replace eth0 2001:db8::5/64, or with the length that it is to have");
 }
 
 TEST_F(Reasons, AStoredAddressHasABadPrefixLength) {
@@ -264,7 +265,7 @@ TEST_F(Reasons, AStoredAddressHasABadPrefixLength) {
     expect(reason_t::address_bad_prefix,
            "the stored address 'x' is skipped: the prefix length of '2001:db8::5/129' is not a "
            "number from 1 to 128",
-           "tandrelctl address del eth0 --node x, and add it with a good one");
+           "tandrelctl address replace eth0 with a good one");
     for (const std::string text : {"2001:db8::5/0", "2001:db8::5/", "2001:db8::5/64x"}) {
         store("x", text);
         EXPECT_EQ(findings().at(0).fault.reason, reason_t::address_bad_prefix) << text;
@@ -292,7 +293,7 @@ TEST_F(Reasons, SkippedAddressesAreNamedAlsoWhenTheLinkIsAbsent) {
     store("x", "2001:db8::5", "Static", "4");
     expect(reason_t::address_without_prefix,
            "the stored address 'x' is skipped: '2001:db8::5' lacks its prefix length (such as /64)",
-           "tandrelctl address del eth3 --node x, and add it with its prefix length",
+           "tandrelctl address replace eth3 2001:db8::5/64, or with the length that it is to have",
            {reason_t::link_absent});
 }
 

@@ -89,6 +89,15 @@ TEST_F(Look, ALinkWhoseMtuForbidsIpv6IsSeen) {
 TEST_F(Look, AnAddressThatAnotherHostHasIsSeen) {
     kt::write_file("/proc/sys/net/ipv6/conf/eth0/accept_dad", "1");
     neighbour.add_address("peer0", "2001:db8::5/64");
+    // While the neighbour checks the address itself it does not defend it.
+    ASSERT_TRUE(becomes([&] {
+        for (const auto &one : neighbour.addresses("peer0")) {
+            if (one.text == "2001:db8::5/64") {
+                return (one.flags & IFA_F_TENTATIVE) == 0;
+            }
+        }
+        return false;
+    }));
     store.set_address(1, "x", "2001:db8::5/64");
     start_daemon_and_wait();
     const result_t waited = run({"address", "replace", "eth0", "2001:db8::5/64", "--wait=60"});
@@ -102,6 +111,8 @@ TEST_F(Look, AnAddressThatAnotherHostHasIsSeen) {
 
 TEST_F(Look, AStoreThatCannotBeReachedHasAStatusOfItsOwn) {
     service.stop();
+    EXPECT_TRUE(contains(run({"show"}).output, "- " + device.link_local("eth0")))
+        << "the kernel's half is shown";
     for (const std::string command : {"show", "check", "nudge"}) {
         const result_t result = run({command});
         EXPECT_EQ(result.status, 3);
