@@ -51,7 +51,7 @@ explain() {
 printf "$row" fault tests passed explained unexplained rebuilds Static lost
 while read -r name service calls; do
     [[ -n $name && $name =~ $pattern ]] || continue
-    environment=(KT_REBUILDS=1 KT_PAUSE_MS=1000)
+    environment=(KT_REBUILDS=1)
     [ "$service" = - ] ||
         environment+=("KT_TAVD=$PWD/build/release/tests/faults/tavd_faulty" "TAVD_FAULT=$service")
     [ "$calls" = - ] || environment+=("KT_CALL_FAULT=$calls")
