@@ -17,6 +17,7 @@ limit=5400
 work=$(mktemp -d)
 trap 'rm -rf "$work" "$setup_log"' EXIT
 mkdir -p "$work/extra/board"
+date +%s >"$work/extra/board/time"
 
 # prepare_BOARD: installs, builds, and sets `kernel`, `machine` (what to start), `console` and
 # `image` (arguments of board_image.sh).
