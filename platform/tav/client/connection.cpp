@@ -44,7 +44,6 @@ bool Connection::establish(const std::string &path) {
     if (!greet(path, hello, calls, reply, deadline)) {
         return false;
     }
-    wait_in_receive(calls.get(), limit);
     Ticket ticket;
     Reader content(reply);
     get(content, ticket);

@@ -1,9 +1,7 @@
 #include "client/stream.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <sys/un.h>
 
 #include <algorithm>
@@ -53,7 +51,7 @@ StreamResult receive_exactly(int fd, std::string &buffer, std::size_t wanted,
         const std::size_t before = buffer.size();
         const std::size_t room = std::min(wanted, step);
         buffer.resize(before + room);
-        const ssize_t got = ::recv(fd, &buffer[before], room, before == 0 ? 0 : MSG_DONTWAIT);
+        const ssize_t got = ::recv(fd, &buffer[before], room, MSG_DONTWAIT);
         const int error = errno;
         buffer.resize(before + (got > 0 ? static_cast<std::size_t>(got) : 0));
         if (got > 0) {
@@ -104,19 +102,6 @@ UniqueFd connect_stream(const std::string &path, Clock::time_point deadline) {
     }
 }
 
-void wait_in_receive(int fd, std::chrono::milliseconds limit) {
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(limit);
-    timeval time{};
-    time.tv_sec = static_cast<time_t>(seconds.count());
-    time.tv_usec = static_cast<suseconds_t>(std::chrono::microseconds(limit - seconds).count());
-    const int flags = ::fcntl(fd, F_GETFL);
-    // No time at all would mean for ever.
-    if (limit.count() > 0 && flags >= 0 &&
-        ::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time) == 0) {
-        ::fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
-    }
-}
-
 StreamResult send_all(int fd, std::string_view bytes, Clock::time_point deadline) {
     while (!bytes.empty()) {
         const ssize_t sent = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -138,6 +123,10 @@ StreamResult send_all(int fd, std::string_view bytes, Clock::time_point deadline
 StreamResult receive_frame(int fd, std::string &buffer, std::string_view &body,
                            Clock::time_point deadline) {
     recycle(buffer);
+    // A receive that waits by itself is woken once more, when the other side takes the request.
+    if (!wait_for(fd, POLLIN, deadline)) {
+        return StreamResult::timed_out;
+    }
     StreamResult result = receive_exactly(fd, buffer, length_bytes, deadline);
     if (result != StreamResult::done) {
         return result;

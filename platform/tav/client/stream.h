@@ -18,11 +18,6 @@ enum class StreamResult { done, timed_out, closed, failed, too_large };
 // Connects to the socket at `path`. Invalid, with errno set, when that fails.
 UniqueFd connect_stream(const std::string &path, std::chrono::steady_clock::time_point deadline);
 
-// Lets receive_frame wait for the first bytes of a frame in the very call that receives them, at
-// most `limit`, where it otherwise finds nothing, waits, and receives. Where the system refuses,
-// all stays as it was.
-void wait_in_receive(int fd, std::chrono::milliseconds limit);
-
 // Sends all of `bytes`, never raising SIGPIPE.
 StreamResult send_all(int fd, std::string_view bytes,
                       std::chrono::steady_clock::time_point deadline);
