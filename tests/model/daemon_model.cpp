@@ -240,9 +240,21 @@ void DaemonModel::address_appeared(StoreModel &store, int index, const std::stri
     }
 }
 
+void DaemonModel::delete_address(KernelModel &kernel, int index, const Known &known) {
+    if (kernel.delete_address(index, known.text, known.length) == 0) {
+        links[index].leaving.emplace_back(known.text, known.length);
+    }
+}
+
 void DaemonModel::address_vanished(StoreModel &store, int index, const std::string &text,
                                    int length) {
     Link &link = links[index];
+    const auto own =
+        std::find(link.leaving.begin(), link.leaving.end(), std::make_pair(text, length));
+    if (own != link.leaving.end()) {
+        link.leaving.erase(own);
+        return;
+    }
     for (std::size_t i = 0; i < link.addresses.size(); ++i) {
         if (link.addresses[i].text == text && link.addresses[i].length == length) {
             if (link.number != 0) {
@@ -328,7 +340,7 @@ void DaemonModel::store_into_kernel(KernelModel &kernel, StoreModel &store, int 
     for (std::size_t i = 0; i < link.addresses.size(); ++i) {
         const Known &known = link.addresses[i];
         if (!seen[i] && known.type == static_type) {
-            kernel.delete_address(index, known.text, known.length);
+            delete_address(kernel, index, known);
         } else {
             kept.push_back(known);
             kept_seen.push_back(seen[i]);
@@ -362,7 +374,7 @@ void DaemonModel::stored_address(KernelModel &kernel, StoreModel &store, int ind
         }
         seen[i] = true;
         if (known.type == static_type && known.length != stored.length) {
-            kernel.delete_address(index, known.text, known.length);
+            delete_address(kernel, index, known);
             known.length = stored.length;
             kernel.add_address(index, known.text, known.length, false);
         }

@@ -49,9 +49,6 @@ int KernelModel::set_up(int index, const std::string &link_local) {
     tell(Notice::link_new, index, link.name);
     if (!link.up) {
         link.up = true;
-        for (const auto &address : link.addresses) {
-            tell(Notice::address_new, index, address.text, address.length);
-        }
         add_address(index, link_local, 64, false);
     }
     return 0;

@@ -139,6 +139,23 @@ TEST_F(LateReportTest, AGatewaySetAgainBeforeItsRemovalIsReportedIsLost) {
     EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
 }
 
+// Another edit's synchronisation takes what was written back for the user's wish.
+TEST_F(LateReportTest, AGatewayComesBackWithAnotherEditBeforeItsRemovalIsReported) {
+    store.set_gateway(1, "fe80::1");
+    start_slow();
+    edit_behind_a_backlog([&] { store.remove_gateway(1); });
+    ASSERT_TRUE(becomes([&] { return store.gateway(1) == "fe80::1"; }));
+    store.set_address(1, "s", address);
+    expect_a_synchronisation_amid_the_backlog();
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(store.gateway(1), "fe80::1");
+    EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
+    store.remove_gateway(1); // the remedy: once more
+    ASSERT_TRUE(settle());
+    EXPECT_FALSE(store.gateway(1));
+    EXPECT_TRUE(device.static_gateways("eth0").empty());
+}
+
 TEST_F(LateReportTest, BesideAnotherGatewayOfEqualMetricItIsLostInTheStore) {
     add_eth(1);
     store.make_interface(2);
@@ -154,6 +171,22 @@ TEST_F(LateReportTest, BesideAnotherGatewayOfEqualMetricItIsLostInTheStore) {
     store.set_gateway(1, "fe80::1"); // the remedy: once more
     ASSERT_TRUE(settle());
     EXPECT_EQ(store.gateway(1), "fe80::1");
+}
+
+TEST_F(LateReportTest, AnAnnouncementQueuedBeforeAChangeOfLengthLeavesTheAddressStatic) {
+    store.set_address(1, "s", address);
+    start();
+    ASSERT_TRUE(settle());
+    meanwhile([&] {
+        kt::address_options_t options;
+        options.replace = true;
+        device.add_address("eth0", address, options);
+        store.write(kt::paths::address_value(1, "s"), "2001:db8::5/48");
+    });
+    ASSERT_TRUE(settle() && settle());
+
+    EXPECT_TRUE(device.has_address("eth0", "2001:db8::5/48"));
+    EXPECT_EQ(type_of("2001:db8::5/48"), "Static");
 }
 
 TEST_F(KnownGatewayTest, AGatewayOfAllZerosIsRefusedAndCanBeRemoved) {
