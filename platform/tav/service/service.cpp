@@ -173,6 +173,8 @@ bool Service::handle_transact(Session &session, Reader &in, Writer &out) {
         for (const Event &event : outcome.events) {
             client->offer(event, client.get() == &session, now);
         }
+        limits_used.raise(Limit::pending_events, client->pending_events());
+        limits_used.raise(Limit::pending_bytes, client->pending_bytes());
     }
     return true;
 }
@@ -218,10 +220,6 @@ void Service::note_usage() {
     limits_used.set(Limit::value_bytes, largest.value_bytes);
     limits_used.set(Limit::children, largest.children);
     limits_used.set(Limit::elements, store.tree().elements());
-    for (const auto &[number, client] : clients) {
-        limits_used.raise(Limit::pending_events, client->pending_events());
-        limits_used.raise(Limit::pending_bytes, client->pending_bytes());
-    }
 }
 
 void Service::put_status(Writer &out) {

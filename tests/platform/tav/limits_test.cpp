@@ -90,6 +90,16 @@ TEST_F(LimitsTest, AMarkOfTheLargestStaysWhereARefusedWriteWouldHaveRaisedIt) {
     EXPECT_EQ(shown("elements in all").used, 2U);
 }
 
+TEST_F(LimitsTest, TheMostThatEverWaitedForAClientIsShown) {
+    Client watcher;
+    watcher.watch("/");
+    watcher.settle();
+    good->set_all({"/a", "/b", "/c"}, {"1", "1", "1"});
+    watcher.fetch();
+    EXPECT_EQ(shown("events waiting for a client").used, 3U);
+    EXPECT_EQ(shown("bytes of events for a client").used, 3 * (tav::event_overhead + 2));
+}
+
 TEST_F(LimitsTest, RegistrationsOfAClientAreLimited) {
     for (std::size_t i = 0; i < limits::registrations_per_client; ++i) {
         EXPECT_EQ(good->watch("/r" + std::to_string(i)), api_status_ok);
