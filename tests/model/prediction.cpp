@@ -339,7 +339,8 @@ Outcome describe(const KernelModel &kernel, const StoreModel &store) {
 namespace {
 
 // Items of which a course cannot know, because the start did not.
-void add_unknown(const State &state, const Outcome &outcome, std::set<std::string> &doubtful) {
+void add_unknown(const State &state, const Outcome &outcome, Prediction &prediction) {
+    std::set<std::string> &doubtful = prediction.doubtful;
     if (state.kernel.routes_unsure) {
         for (int slot = 0; slot < slots; ++slot) {
             doubtful.insert("routes slot " + std::to_string(slot));
@@ -354,6 +355,7 @@ void add_unknown(const State &state, const Outcome &outcome, std::set<std::strin
              {"kernel slot " + std::to_string(slot), "routes slot " + std::to_string(slot),
               "nodes " + number + " ", "store " + number + " ", "gateway " + number,
               "leaf " + number + "/"}) {
+            prediction.open.insert(stem);
             for (const auto &one : outcome) {
                 if (one.first.compare(0, stem.size(), stem) == 0) {
                     doubtful.insert(one.first);
@@ -376,7 +378,7 @@ Prediction predict(const State &start, Pace pace, const std::vector<Done> &burst
             continue;
         }
         const Outcome outcome = describe(course.state.kernel, course.state.store);
-        add_unknown(course.state, outcome, prediction.doubtful);
+        add_unknown(course.state, outcome, prediction);
         if (prediction.impossible) {
             prediction.impossible = false;
             prediction.determined = outcome;

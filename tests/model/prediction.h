@@ -43,9 +43,10 @@ Outcome describe(const KernelModel &kernel, const StoreModel &store);
 struct Prediction {
     Outcome determined;             // what is absent everywhere is not in it
     std::set<std::string> doubtful; // items for which the orders differ
-    bool hidden = false;            // the orders differ in what the daemon remembers
-    bool impossible = false;        // the kernel's answers fit none of the orders tried
-    State state;                    // of the first order
+    std::set<std::string> open; // beginnings of items of which nothing is foreseen, absence neither
+    bool hidden = false;        // the orders differ in what the daemon remembers
+    bool impossible = false;    // the kernel's answers fit none of the orders tried
+    State state;                // of the first order
 };
 
 Prediction predict(const State &start, Pace pace, const std::vector<Done> &burst,

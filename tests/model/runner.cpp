@@ -86,7 +86,8 @@ private:
             return;
         }
         state = prediction.impossible ? state : prediction.state;
-        if (prediction.impossible || prediction.hidden || !judged.doubtful.empty()) {
+        if (prediction.impossible || prediction.hidden || !judged.doubtful.empty() ||
+            !judged.open.empty()) {
             check_fixed_point();
             state = adopt(state, world.seen_kernel(), world.seen_store());
         }
@@ -133,7 +134,11 @@ private:
             }
         }
         for (const auto &item : seen) {
-            if (prediction.determined.count(item.first) == 0 &&
+            const bool is_open = std::any_of(
+                prediction.open.begin(), prediction.open.end(), [&](const std::string &stem) {
+                    return item.first.compare(0, stem.size(), stem) == 0;
+                });
+            if (!is_open && prediction.determined.count(item.first) == 0 &&
                 prediction.doubtful.count(item.first) == 0) {
                 report(item.first + ": foreseen absent, is " + item.second);
             }
