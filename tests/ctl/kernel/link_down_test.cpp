@@ -123,6 +123,8 @@ TEST_F(LinkDownAtBoot, WithoutAFollowerTheStoredGatewayIsNotInstalled) {
 TEST_F(LinkDownAtBoot, WithAFollowerTheStoredGatewayIsInstalled) {
     const auto follower = begin({"nudge", "--follow"});
     ASSERT_NE(follower->output().wait_for("started: tandrel is told to synchronise"), 0U);
+    ASSERT_TRUE(settle()); // the first nudge must not do the work of the second
+    ASSERT_FALSE(gateway_there());
     device.set_up("eth0");
     EXPECT_TRUE(becomes([&] { return gateway_there(); }));
     follower->signal(SIGINT);
