@@ -74,4 +74,14 @@ TEST(RegressionTest, AReplacedGatewayOfAnotherMetric) {
                        " store-set 1 2 8 48 3 1\n route-add 0 2 4 0\n store-set 1 1 1 64 3 2\n");
 }
 
+// Two that a daemon broken on purpose failed, and random sequences seldom hold.
+TEST(RegressionTest, AnAddressOnALinkWhoseInterfaceNodeIsGone) {
+    expect_as_foreseen("seed 1\nburst settled\n interface-drop 0\n kernel-add 0 0 64 0\n");
+}
+
+TEST(RegressionTest, AGatewayWhoseRouteWasSomebodyElses) {
+    expect_as_foreseen("seed 1\nburst settled\n route-add 0 0 9 0\n gateway-set 0 0 0\n"
+                       " gateway-remove 0\n gateway-remove 0\n");
+}
+
 } // namespace
