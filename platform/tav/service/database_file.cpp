@@ -30,6 +30,15 @@ bool exists(const std::string &file) {
     throw DatabaseError("database '" + file + "' " + what + ": " + std::strerror(errno));
 }
 
+// SQLite would apply a log that was left behind to a new database.
+void refuse_orphan(const std::string &file, const std::string &log) {
+    if (exists(log)) {
+        throw DatabaseError("database '" + file + "' is missing, but there is '" + log +
+                            "', which holds the last changes made to it: put the database back,"
+                            " or move that file away as well");
+    }
+}
+
 // What another start left behind that was cut short.
 void remove_unfinished(const std::string &unfinished) {
     for (const char *suffix : {"", "-journal", "-wal"}) {
@@ -80,13 +89,7 @@ bool provide_database(const std::string &file) {
         return false;
     }
     for (const char *suffix : {"-wal", "-journal"}) {
-        if (exists(file + suffix)) {
-            // SQLite would apply it to the new database.
-            throw DatabaseError("database '" + file + "' is missing, but there is '" + file +
-                                suffix +
-                                "', which holds the last changes made to it: put the"
-                                " database back, or move that file away as well");
-        }
+        refuse_orphan(file, file + suffix);
     }
     const std::string unfinished = file + ".new";
     remove_unfinished(unfinished);

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "client/unique_fd.h"
 #include "protocol/codec.h"
@@ -44,7 +45,7 @@ public:
     // client that does not read its replies costs no more than one of them.
     void reply(std::string frame);
     // A buffer to build the next reply in, when there is none to be sent.
-    std::string take_buffer() { return std::move(output); }
+    std::string take_buffer() { return std::exchange(output, {}); }
     bool has_output() const { return sent < output.size(); }
     // Sends as much as goes. False when the connection is over.
     bool flush();
