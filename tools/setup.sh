@@ -6,11 +6,12 @@ demo_packages="iproute2 procps radvd"
 test_packages="libgtest-dev clang-format clang-tidy binutils iproute2 procps radvd
     mandoc groff-base bash-completion"
 fuzz_packages="clang libclang-rt-dev"
-bench_packages="iproute2 binutils valgrind systemd keepalived"
+bench_packages="iproute2 binutils valgrind systemd keepalived redis-server libhiredis-dev"
 # For ./test --powerpc and --board. The boards' kernels come from Debian's packages too.
 powerpc_packages="g++-powerpc-linux-gnu qemu-user googletest tcl xz-utils dpkg-dev gcc make"
 board_powerpc_packages="linux-source-6.1 bc flex bison make xz-utils cpio jq qemu-system-ppc"
 board_amd64_packages="cpio jq xz-utils qemu-system-x86"
+package_packages="debhelper dpkg-dev lintian"
 
 say() { printf '%s\n' "$*"; }
 die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
