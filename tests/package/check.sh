@@ -1,0 +1,78 @@
+#!/bin/bash
+# Tries the packages in the directory that is given: in a clean Debian tree with init scripts and
+# without a service manager, in another one that systemd boots, and under the units' restrictions.
+# Everything runs in namespaces of its own.
+set -u
+packages=$(readlink -f "$1")
+cd "$(dirname "$(readlink -f "$0")")/../.." || exit 1
+. tools/setup.sh
+[ "$(id -u)" -eq 0 ] || die "--check needs root"
+need_packages debootstrap systemd-container systemd libseccomp-dev
+
+cache=$PWD/build/cache
+work=$PWD/build/package/check
+export counts=$work/counts
+mkdir -p "$cache" "$work"
+: >"$counts"
+
+# A clean tree with what the packages depend on, so that all else needs no network.
+base=$cache/debian-tree
+if ! [ -e "$base/complete" ]; then
+    say "Making a clean Debian tree ..."
+    rm -rf "$base"
+    debootstrap --variant=minbase --include=adduser,iproute2,procps,libnl-3-200,libsqlite3-0 \
+        "$(. /etc/os-release && echo "$VERSION_CODENAME")" "$base" >"$work/debootstrap.log" 2>&1 ||
+        { tail -n 20 "$work/debootstrap.log" >&2; die "debootstrap failed"; }
+    touch "$base/complete"
+fi
+
+# tree NAME [PACKAGE...]: a copy with the built packages under /packages, and a newer edition of each
+# under /newer.
+tree() {
+    local root=$work/$1 package
+    shift
+    cp -a --reflink=auto "$base" "$root"
+    [ $# -eq 0 ] || chroot "$root" sh -c 'apt-get update -q && apt-get install -y -q --no-install-recommends "$@"' \
+        sh "$@" >"$work/apt.log" 2>&1 || { tail -n 20 "$work/apt.log" >&2; die "apt-get failed"; }
+    mkdir "$root/packages" "$root/newer"
+    for package in "$packages"/*.deb; do
+        case $package in *dbgsym*) continue ;; esac
+        cp "$package" "$root/packages/"
+        newer "$package" "$root/newer"
+    done
+    cp tests/package/expect.sh tests/package/inside_*.sh "$root/packages/"
+}
+
+# newer PACKAGE DIRECTORY: the same with a higher version.
+newer() {
+    local unpacked
+    unpacked=$(mktemp -d)
+    dpkg-deb -R "$1" "$unpacked/p"
+    sed -i 's/^Version: .*/&+newer1/; s/(= \([0-9.]*\))/(= \1+newer1)/' "$unpacked/p/DEBIAN/control"
+    dpkg-deb -b "$unpacked/p" "$2/$(basename "$1")" >/dev/null
+    rm -rf "$unpacked"
+}
+
+say "== exposure"
+for unit in tavd tandrel tandrel-nudge; do
+    systemd-analyze security --offline=yes --threshold=20 "packaging/systemd/$unit.service" 2>/dev/null |
+        sed -n 's/.*Overall/Overall/p'
+    if [ "${PIPESTATUS[0]}" -eq 0 ]; then echo "1 0"; else echo "0 1"; fi >>"$counts"
+done
+
+say "== life cycle, with init scripts"
+tree sysv
+unshare --net --mount --pid --fork --kill-child --uts bash tests/package/life_cycle.sh "$work/sysv"
+
+say "== services, by systemd"
+tree systemd systemd systemd-sysv dbus
+unshare --mount bash tests/package/boot.sh "$work/systemd"
+
+say "== the kernel tests under the units' restrictions"
+configure release
+build release kernel_tests confine
+bash tests/package/restrictions.sh build/release
+
+rm -rf "$work/sysv" "$work/systemd"
+say "$(awk '{p += $1; f += $2} END {print p " passed, " f " failed"}' "$counts")"
+awk '{f += $2} END {exit f != 0}' "$counts"

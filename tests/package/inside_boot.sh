@@ -1,0 +1,42 @@
+#!/bin/bash
+# Looks at the services in a system that systemd booted.
+set -u
+. /packages/expect.sh
+export LC_ALL=C
+
+main_pid() { systemctl show -P MainPID "$1"; }
+restarts() { [ "$(systemctl show -P NRestarts "$1")" -ge 1 ]; }
+messages() { journalctl -u "$1" -b --no-pager -o cat; }
+has_address() { ip -6 address show dev eth0 | grep -q "2001:db8::5/64"; }
+once() { [ "$(messages tandrel | grep -c "$1")" -eq 1 ]; }
+
+expect "the system is up" systemctl is-system-running --wait
+for unit in tavd tandrel tandrel-nudge; do
+    expect "$unit runs" eventually systemctl is-active "$unit"
+done
+expect "the daemon has one capability" \
+    grep -q '^CapEff:[[:space:]]*0000000000001000$' "/proc/$(main_pid tandrel)/status"
+expect "its system calls are filtered" grep -q '^Seccomp:[[:space:]]*2$' "/proc/$(main_pid tandrel)/status"
+expect "the store has none" grep -q '^CapEff:[[:space:]]*0000000000000000$' "/proc/$(main_pid tavd)/status"
+expect "the start is logged once" eventually once "starting"
+
+ip link add eth0 type veth peer name peer0
+ip link set eth0 up
+ip link set peer0 up
+expect "an interface is added" tandrelctl interface add eth0
+expect "an address is set and arrives in the kernel" tandrelctl address add eth0 2001:db8::5/64 --wait
+expect "ip(8) shows it" has_address
+expect "both views agree" eventually tandrelctl check
+
+kill -KILL "$(main_pid tavd)"
+expect "the killed store is restarted" eventually restarts tavd
+expect "with what was stored" eventually sh -c 'tav dump | grep -q 2001:db8::5/64'
+kill -KILL "$(main_pid tandrel)"
+expect "the killed daemon is restarted" eventually restarts tandrel
+expect "the daemon comes to terms with the new store" eventually tandrelctl check
+expect "a stopped daemon stays stopped" sh -c 'systemctl stop tandrel && ! pgrep -x tandrel'
+expect "it ended with status 0" test "$(systemctl show -P Result tandrel)" = success
+expect "it starts again" sh -c 'systemctl start tandrel && systemctl is-active tandrel'
+echo "-- journalctl -u tandrel"
+messages tandrel | tail -n 25
+finish
