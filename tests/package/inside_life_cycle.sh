@@ -17,9 +17,12 @@ installed_files() { find / -xdev \( -name '*tandrel*' -o -name 'tav*' -o -name '
     -not -path '/proc/*' -not -path '/packages/*' -not -path '/newer/*' -not -path '/sys/*' \
     -not -path '/var/cache/*' -not -path '/var/log/*' -not -path '/var/lib/dpkg/*' -not -path '/dev/*'; }
 
+# No init booted this tree, so that the packages start nothing by themselves.
+services() { service tavd "$1" && service tandrel "$1"; }
+
 expect "installs" install_from /packages
-expect "the store's service was started" service tavd status
-expect "the daemon was started" service tandrel status
+expect "the services start" services start
+expect "and say that they run" eventually services status
 expect "the daemon runs as a user of its own" pgrep -u tandrel -x tandrel
 expect "with one capability" grep -q '^CapEff:[[:space:]]*0000000000001000$' "/proc/$(pgrep -x tandrel)/status"
 expect "the service runs as a user of its own" pgrep -u tav -x tavd
@@ -32,20 +35,22 @@ expect "both views agree" tandrelctl check
 
 sed -i 's/-D 2/-D 3/' /etc/default/tandrel
 expect "upgrades" install_from /newer
-expect "the service runs again" eventually service tavd status
-expect "the daemon runs again" eventually service tandrel status
+expect "the services start again" services restart
+expect "and say that they run" eventually services status
 expect "the newer version is there" sh -c 'dpkg-query -W -f "\${Version}" tandrel | grep -q newer'
 expect "the database survived" eventually stored
 expect "so did the edited options" grep -q -- '-D 3' /etc/default/tandrel
 expect "which are in force" sh -c 'tr "\0" " " </proc/$(pgrep -x tandrel)/cmdline | grep -q -- "-d -D 3"'
 expect "the address is there" eventually has_address
 
+expect "the services stop" services stop
 expect "is removed" apt-get remove -y -q tandrel tavd
 expect "the service is gone" not pgrep -x tavd
 expect "the daemon is gone" not pgrep -x tandrel
 expect "the database stays" test -s /var/lib/tav/settings.db
 expect "the options stay" grep -q -- '-D 3' /etc/default/tandrel
 expect "is installed again" install_from /newer
+expect "the services start once more" services start
 expect "with what was stored" eventually stored
 
 expect "is purged" apt-get purge -y -q tandrel tavd libtav0 libtav-dev

@@ -19,8 +19,12 @@ export KT_TANDREL KT_TAVD
 
 expect "a socket of another family is refused" not "$build/tests/package/confine" \
     packaging/systemd/tandrel.service /usr/bin/env bash -c ': </dev/tcp/127.0.0.1/1'
+# Left out: -n, -r and -u take rights that the unit gives only when asked, and the usage text bears
+# the program's own path.
+left_out='CommandLineTest\.(TheUsageText|APriorityIs|TheLastScheduling|PriorityAndPolicy|AUserIsFound)'
+printf '  left out: %s\n' "$left_out"
 results=$wrappers/results.xml
-(cd "$build" && ctest -R '^kernel\.' --parallel "$(($(nproc) * 4))" --output-junit "$results" </dev/null |
+(cd "$build" && ctest -R '^kernel\.' -E "$left_out" --parallel "$(($(nproc) * 4))" --output-junit "$results" </dev/null |
     grep -vE ' Passed |Start +[0-9]+:')
 total=$(grep -c '<testcase ' "$results")
 bad=$(grep '<testcase ' "$results" | grep -vc 'status="run"')
