@@ -12,6 +12,7 @@ need_packages debootstrap systemd-container systemd libseccomp-dev
 cache=$PWD/build/cache
 work=$PWD/build/package/check
 export counts=$work/counts
+rm -rf "$work"
 mkdir -p "$cache" "$work"
 : >"$counts"
 
