@@ -57,7 +57,7 @@ constexpr char wake_byte = 'w';
 constexpr std::chrono::milliseconds greeting_time{5000};
 
 // After a wake-up that only a ping acknowledged the next one waits this long; after a request other
-// than a ping the next one waits until this long has passed without another request, ...
+// than a ping the next one waits until this long has passed without another request, or ping, ...
 constexpr std::chrono::milliseconds wake_pause{50};
 // ... but an event never waits longer than this for its wake-up on account of requests.
 constexpr std::chrono::milliseconds wake_wait_limit{1000};
