@@ -4,8 +4,9 @@ build_packages="g++ cmake ninja-build pkg-config libnl-3-dev libboost-dev libsql
     nlohmann-json3-dev"
 demo_packages="iproute2 procps radvd"
 test_packages="libgtest-dev clang-format clang-tidy binutils iproute2 procps radvd
-    mandoc groff-base bash-completion"
+    mandoc groff-base bash-completion python3"
 fuzz_packages="clang libclang-rt-dev"
+mutate_packages="lld"
 bench_packages="iproute2 binutils valgrind systemd keepalived redis-server libhiredis-dev"
 # For ./test --powerpc and --board. The boards' kernels come from Debian's packages too.
 powerpc_packages="g++-powerpc-linux-gnu qemu-user googletest tcl xz-utils dpkg-dev gcc make"
