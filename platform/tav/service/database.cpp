@@ -20,6 +20,8 @@ Database::Database(const std::string &file, Durability promised, Tree &tree, boo
     use_wal();
     database.execute(durability == Durability::full ? "PRAGMA synchronous = FULL"
                                                     : "PRAGMA synchronous = NORMAL");
+    begin = database.prepare("BEGIN IMMEDIATE");
+    end = database.prepare("COMMIT");
     replace_row = database.prepare(
         "INSERT OR REPLACE INTO element (path, type, text, time) VALUES (?, ?, ?, ?)");
     delete_row = database.prepare("DELETE FROM element WHERE path = ?");
@@ -94,13 +96,13 @@ bool Database::commit(const std::vector<Change> &changes) {
     try {
         // Until that has worked nothing can be promised to anybody.
         discard_refused();
-        database.execute("BEGIN IMMEDIATE");
+        database.run(begin.get());
         for (const Change &change : changes) {
             if (change.stored()) {
                 write(change);
             }
         }
-        database.execute("COMMIT");
+        database.run(end.get());
         return true;
     } catch (const DatabaseError &error) {
         log_line("cannot store a change: %s", error.what());

@@ -38,6 +38,8 @@ private:
     bool fresh_file;
     Durability durability;
     Sqlite database;
+    Sqlite::Statement begin;
+    Sqlite::Statement end;
     Sqlite::Statement replace_row;
     Sqlite::Statement delete_row;
     bool refused_in_log = false; // the log on disk may end with a commit that failed
