@@ -142,8 +142,10 @@ void check_paths(const std::string &left, const std::string &right) {
     if (path_status(left) != api_status_ok || path_status(right) != api_status_ok) {
         return;
     }
-    const auto views = tav::split_path(left);
-    const std::vector<std::string> names(views.begin(), views.end());
+    std::vector<std::string> names;
+    for (std::string_view rest = left; rest.size() > 1;) {
+        names.emplace_back(tav::take_name(rest));
+    }
     require(names == names_of(left), "other names of a path");
     const std::vector<std::string> above = names_of(right);
     const bool below =

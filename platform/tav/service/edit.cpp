@@ -48,9 +48,9 @@ Edit::~Edit() {
         Element *parent = parent_of(step->path, name);
         if (step->subtree) {
             tree.count(*step->subtree, true);
-            parent->children.emplace(name, std::move(step->subtree));
+            parent->children.emplace(PlacedName(name), std::move(step->subtree));
         } else {
-            const auto created = parent->children.find(name);
+            const auto created = parent->children.find(PlacedName(name));
             tree.count(*created->second, false);
             parent->children.erase(created);
         }
@@ -84,11 +84,13 @@ api_status_t Edit::apply(const Item &item) {
 }
 
 // Notes that `path` changes now; what it held before the transaction is noted the first time.
-Edit::Trace &Edit::trace(const std::string &path, const std::optional<Value> &before) {
+Edit::Trace &Edit::trace(const std::string &path, const std::optional<Value> &before,
+                         const Element *after) {
     const auto [entry, first] = traces.try_emplace(path);
     if (first) {
         entry->second.before = before;
     }
+    entry->second.after = after;
     entry->second.order = ++steps;
     return entry->second;
 }
@@ -99,7 +101,7 @@ Element *Edit::parent_of(std::string_view path, std::string &name) {
 }
 
 // Adds an element at a path where there is nothing; `parent` is the node above.
-api_status_t Edit::create(Element &parent, std::string_view path, Value value) {
+api_status_t Edit::create(Element &parent, std::string_view path, Value value, Element *&created) {
     if (parent.children.size() >= limits::children_per_node) {
         return api_status_too_many_children;
     }
@@ -109,10 +111,11 @@ api_status_t Edit::create(Element &parent, std::string_view path, Value value) {
     auto element = std::make_unique<Element>();
     element->value = std::move(value);
     const std::string key(path);
-    trace(key, std::nullopt);
+    created = element.get();
+    trace(key, std::nullopt, created);
     undo.push_back(Undo{key, std::nullopt, nullptr});
     tree.count(*element, true);
-    parent.children.emplace(path.substr(path.rfind('/') + 1), std::move(element));
+    parent.children.emplace(PlacedName(path.substr(path.rfind('/') + 1)), std::move(element));
     return api_status_ok;
 }
 
@@ -121,16 +124,17 @@ api_status_t Edit::make_node(std::string_view path, Element *&node) {
     node = &tree.top;
     for (std::string_view rest = path; rest.size() > 1;) { // of the root only the "/"
         const std::string_view name = take_name(rest);
-        auto child = node->children.find(name);
+        const auto child = node->children.find(PlacedName(name));
         if (child == node->children.end()) {
             const std::string_view prefix = path.substr(0, path.size() - rest.size());
             const api_status_t status =
-                create(*node, prefix, Value{element_type_node, {}, no_time});
+                create(*node, prefix, Value{element_type_node, {}, no_time}, node);
             if (status != api_status_ok) {
                 return status;
             }
-            child = node->children.find(name);
-        } else if (!child->second->is_node()) {
+            continue;
+        }
+        if (!child->second->is_node()) {
             return api_status_wrong_kind;
         }
         node = child->second.get();
@@ -151,7 +155,8 @@ api_status_t Edit::set(const std::string &path, const Value &value) {
     if (element == nullptr) {
         Element *parent = nullptr;
         const api_status_t status = make_node(parent_path(path), parent);
-        return status == api_status_ok ? create(*parent, path, std::move(stamped)) : status;
+        return status == api_status_ok ? create(*parent, path, std::move(stamped), element)
+                                       : status;
     }
     if (element->is_node()) {
         return api_status_wrong_kind;
@@ -160,7 +165,7 @@ api_status_t Edit::set(const std::string &path, const Value &value) {
     // gives tells since when the content stands.
     const bool other_time = value.time != no_time && value.time != element->value.time;
     if (other_time || !same_content(element->value, value)) {
-        trace(path, element->value);
+        trace(path, element->value, element);
         undo.push_back(Undo{path, element->value, nullptr});
         element->value = std::move(stamped);
     }
@@ -179,12 +184,12 @@ api_status_t Edit::remove(const std::string &path, bool node_only) {
         return api_status_wrong_kind;
     }
     walk(path, *element, [this](const std::string &below, const Element &gone) {
-        trace(below, gone.value);
+        trace(below, gone.value, nullptr);
         return true;
     });
     std::string name;
     Element *parent = parent_of(path, name);
-    const auto child = parent->children.find(name);
+    const auto child = parent->children.find(PlacedName(name));
     tree.count(*child->second, false);
     undo.push_back(Undo{path, std::nullopt, std::move(child->second)});
     parent->children.erase(child);
@@ -208,7 +213,7 @@ api_status_t Edit::clear(const std::string &path) {
         return remove(path, false);
     }
     while (!element->children.empty()) {
-        remove("/" + element->children.begin()->first, false);
+        remove("/" + element->children.begin()->first.text(), false);
     }
     return api_status_ok;
 }
@@ -220,7 +225,7 @@ api_status_t Edit::touch(const std::string &path) {
     }
     walk(path, *element, [this](const std::string &below, const Element &found) {
         if (!found.is_node()) {
-            trace(below, found.value).touched = true;
+            trace(below, found.value, &found).touched = true;
         }
         return true;
     });
@@ -231,9 +236,8 @@ std::vector<Change> Edit::changes() const {
     std::vector<std::pair<std::uint64_t, Change>> ordered;
     for (const auto &[path, traced] : traces) {
         Change change{path, traced.before, std::nullopt, traced.touched};
-        const Element *element = tree.find(path);
-        if (element != nullptr) {
-            change.after = element->value;
+        if (traced.after != nullptr) {
+            change.after = traced.after->value;
         }
         if (change.stored() || change.touched) {
             ordered.emplace_back(traced.order, std::move(change));

@@ -61,6 +61,7 @@ private:
     };
     struct Trace {
         std::optional<Value> before;
+        const Element *after = nullptr; // null: it is absent now
         std::uint64_t order = 0;
         bool touched = false;
     };
@@ -71,8 +72,8 @@ private:
     api_status_t remove_single(const std::string &path);
     api_status_t clear(const std::string &path);
     api_status_t touch(const std::string &path);
-    api_status_t create(Element &parent, std::string_view path, Value value);
-    Trace &trace(const std::string &path, const std::optional<Value> &before);
+    api_status_t create(Element &parent, std::string_view path, Value value, Element *&created);
+    Trace &trace(const std::string &path, const std::optional<Value> &before, const Element *after);
     Element *parent_of(std::string_view path, std::string &name);
 
     Tree &tree;

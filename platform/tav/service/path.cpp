@@ -8,14 +8,15 @@ namespace tav {
 
 namespace {
 
-bool is_number(std::string_view name) {
-    return !name.empty() &&
-           std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
+// Behind every number: none has as many digits.
+constexpr std::size_t no_number = std::string_view::npos;
 
-std::string_view without_zeros(std::string_view number) {
-    number.remove_prefix(std::min(number.find_first_not_of('0'), number.size()));
-    return number;
+std::size_t significant_digits(std::string_view name) {
+    if (name.empty() ||
+        !std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; })) {
+        return no_number;
+    }
+    return name.size() - std::min(name.find_first_not_of('0'), name.size());
 }
 
 } // namespace
@@ -52,17 +53,6 @@ std::string_view take_name(std::string_view &path) {
     return name;
 }
 
-std::vector<std::string_view> split_path(std::string_view path) {
-    std::vector<std::string_view> names;
-    if (path == "/") {
-        return names;
-    }
-    while (!path.empty()) {
-        names.push_back(take_name(path));
-    }
-    return names;
-}
-
 std::string_view parent_path(std::string_view path) {
     const std::size_t slash = path.rfind('/');
     return slash == 0 ? path.substr(0, 1) : path.substr(0, slash);
@@ -76,23 +66,20 @@ bool is_at_or_below(std::string_view path, std::string_view ancestor) {
            (path.size() == ancestor.size() || path[ancestor.size()] == '/');
 }
 
-bool NameLess::operator()(std::string_view left, std::string_view right) const {
-    const bool left_number = is_number(left);
-    const bool right_number = is_number(right);
-    if (left_number != right_number) {
-        return left_number;
+PlacedName::PlacedName(std::string_view name) : text(name), digits(significant_digits(name)) {}
+
+bool NameLess::operator()(const PlacedName &left, const PlacedName &right) const {
+    if (left.digits != right.digits) {
+        return left.digits < right.digits;
     }
-    if (left_number) {
-        const std::string_view a = without_zeros(left);
-        const std::string_view b = without_zeros(right);
-        if (a.size() != b.size()) {
-            return a.size() < b.size();
-        }
-        if (a != b) {
-            return a < b;
+    if (left.digits != no_number) {
+        const int order = left.text.substr(left.text.size() - left.digits)
+                              .compare(right.text.substr(right.text.size() - right.digits));
+        if (order != 0) {
+            return order < 0;
         }
     }
-    return left < right;
+    return left.text < right.text;
 }
 
 } // namespace tav

@@ -75,18 +75,20 @@ Store::Store(const std::string &file, Durability durability) {
         furnish();
     }
     walk("/", content.root(), [this](const std::string &path, const Element &element) {
-        measure(path, element);
+        measure(path, element.value, element.children.size());
         return true;
     });
 }
 
-void Store::measure(const std::string &path, const Element &element) {
-    const auto names = split_path(path);
+// `children`: of the node at `path`, or of the one above that has a new child.
+void Store::measure(std::string_view path, const Value &value, std::size_t children) {
+    const std::size_t name_bytes = path.size() - path.rfind('/') - 1;
+    const auto depth = static_cast<std::size_t>(std::count(path.begin(), path.end(), '/'));
     extents.path_bytes = std::max(extents.path_bytes, path.size());
-    extents.depth = std::max(extents.depth, names.size());
-    extents.name_bytes = std::max(extents.name_bytes, names.empty() ? 0 : names.back().size());
-    extents.value_bytes = std::max(extents.value_bytes, element.value.text.size());
-    extents.children = std::max(extents.children, element.children.size());
+    extents.depth = std::max(extents.depth, path == "/" ? 0 : depth);
+    extents.name_bytes = std::max(extents.name_bytes, name_bytes);
+    extents.value_bytes = std::max(extents.value_bytes, value.text.size());
+    extents.children = std::max(extents.children, children);
 }
 
 void Store::furnish() {
@@ -134,9 +136,8 @@ Outcome Store::transact(const std::vector<Item> &items,
     edit.keep();
     for (const Change &change : changes) {
         if (change.after && change.real()) {
-            measure(change.path, *content.find(change.path));
-            const std::string_view parent = parent_path(change.path);
-            measure(std::string(parent), *content.find(parent));
+            measure(change.path, *change.after,
+                    change.before ? 0 : content.find(parent_path(change.path))->children.size());
         }
     }
     outcome.events = std::move(events);
@@ -173,7 +174,7 @@ api_status_t Store::list(const std::string &path, std::vector<Child> &children) 
         return api_status_wrong_kind;
     }
     for (const auto &[name, child] : element->children) {
-        children.push_back(Child{name, child->value.type});
+        children.push_back(Child{name.text(), child->value.type});
     }
     return api_status_ok;
 }

@@ -5,6 +5,7 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "service/database.h"
@@ -59,7 +60,7 @@ public:
 
 private:
     void furnish();
-    void measure(const std::string &path, const Element &element);
+    void measure(std::string_view path, const Value &value, std::size_t children);
 
     Tree content;
     std::unique_ptr<Storage> storage;

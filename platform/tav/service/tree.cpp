@@ -16,7 +16,7 @@ bool walk_until(const std::string &path, const Element &element,
     }
     const std::string stem = path == "/" ? path : path + "/";
     for (const auto &[name, child] : element.children) {
-        if (!walk_until(stem + name, *child, visit)) {
+        if (!walk_until(stem + name.text(), *child, visit)) {
             return false;
         }
     }
@@ -37,7 +37,7 @@ Tree::Tree() {
 const Element *Tree::find(std::string_view path) const {
     const Element *element = &top;
     while (path.size() > 1) { // of the root only the "/"
-        const auto child = element->children.find(take_name(path));
+        const auto child = element->children.find(PlacedName(take_name(path)));
         if (child == element->children.end()) {
             return nullptr;
         }
@@ -50,12 +50,13 @@ Element *Tree::find_mutable(std::string_view path) {
     return const_cast<Element *>(find(path)); // NOLINT: one search for both
 }
 
+// The depth of the tree is limited, and with it that of the recursion.
 void Tree::count(const Element &subtree, bool added) {
-    walk("/", subtree, [this, added](const std::string &, const Element &element) {
-        std::size_t &number = element.is_node() ? nodes : leaves;
-        added ? ++number : --number;
-        return true;
-    });
+    std::size_t &number = subtree.is_node() ? nodes : leaves;
+    added ? ++number : --number;
+    for (const auto &[name, child] : subtree.children) {
+        count(*child, added);
+    }
 }
 
 } // namespace tav

@@ -16,7 +16,7 @@ namespace tav {
 
 // A node (value.type element_type_node, children) or a leaf (any other type, no children).
 struct Element {
-    using Children = std::map<std::string, std::unique_ptr<Element>, NameLess>;
+    using Children = std::map<Name, std::unique_ptr<Element>, NameLess>;
 
     Value value;
     Children children;

@@ -50,10 +50,12 @@ TEST(Path, EachLimitHoldsExactly) {
     EXPECT_EQ(check_path(longest.substr(0, longest.size() - 1) + "/x"), api_status_path_too_long);
 }
 
-TEST(Path, SplittingGivesTheNames) {
-    EXPECT_TRUE(split_path("/").empty());
-    const std::vector<std::string_view> names = split_path("/a/b c/d");
-    EXPECT_EQ(names, (std::vector<std::string_view>{"a", "b c", "d"}));
+TEST(Path, NamesAreTakenOffOneByOne) {
+    std::string_view rest = "/a/b c/d";
+    EXPECT_EQ(take_name(rest), "a");
+    EXPECT_EQ(take_name(rest), "b c");
+    EXPECT_EQ(take_name(rest), "d");
+    EXPECT_TRUE(rest.empty());
 }
 
 TEST(Path, BelowMeansWholeNames) {
