@@ -1,6 +1,7 @@
 #!/bin/bash
 # Runs the daemon's kernel tests against a store that does worse than the real one, and prints what
-# came of it. Called as ./test --faults [REGEX]; see tests/faults/plan.h for the plans.
+# came of it; what the tests printed stays in build/faults. Called as ./test --faults [REGEX]; see
+# tests/faults/plan.h for the plans.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 
@@ -30,19 +31,26 @@ need_packages $build_packages $test_packages
 configure release
 build release kernel_tests
 
-results=$(mktemp)
+kept=$PWD/build/faults
+mkdir -p "$kept"
 row='%-22s %6s %7s %10s %12s %9s %7s %5s\n'
 unexplained=0
 passed=0
 
-# What the tests under a fault printed, one line for each: "<name> <run|fail|...>".
+# What came of the tests under a fault, one line for each: "<name> <run|fail|...>".
 verdicts() { sed -n 's/.*<testcase name="\([^" ]*\).* status="\([a-z]*\)".*/\1 \2/p' "$results"; }
+
+# printed_by TEST: what it printed under the fault.
+printed_by() {
+    awk -v RS='</testcase>' -v start="<testcase name=\"$1\"" 'index($0, start)' "$results"
+}
 
 # explain FAULT TEST: whether the list of explained failures has this one.
 explain() {
-    local fault test reason
-    while read -r fault test reason; do
-        [ -n "$reason" ] && [[ $1 =~ ^($fault)$ && $2 =~ ^kernel\.($test)$ ]] && return 0
+    local fault test sign reason
+    while IFS=$'\t' read -r fault test sign reason; do
+        [ -n "$reason" ] && [[ $1 =~ ^($fault)$ && $2 =~ ^kernel\.($test)$ ]] &&
+            printed_by "$2" | grep -qE "$sign" && return 0
     done < <(grep -v '^#' "$explained")
     return 1
 }
@@ -51,6 +59,7 @@ explain() {
 printf "$row" fault tests passed explained unexplained rebuilds Static lost
 while read -r name service calls; do
     [[ -n $name && $name =~ $pattern ]] || continue
+    results=$kept/$name.xml
     environment=(KT_REBUILDS=1)
     [ "$service" = - ] ||
         environment+=("KT_TAVD=$PWD/build/release/tests/faults/tavd_faulty" "TAVD_FAULT=$service")
@@ -80,7 +89,6 @@ while read -r name service calls; do
     passed=$((passed + fine + known))
     unexplained=$((unexplained + ${#unknown[@]}))
 done <<<"$faults"
-rm -f "$results"
 
 say "$passed passed, $unexplained failed"
 [ "$unexplained" -eq 0 ] && [ "$passed" -gt 0 ]

@@ -44,6 +44,7 @@ void set_up() {
     mount_at("proc", "/proc");
     mount_at("sysfs", "/sys");
     mount_at("devtmpfs", "/dev");
+    mount_at("devpts", "/dev/pts");
     // The root is in memory and may be written to.
     mkdir("/tmp", 01777);
     chmod("/tmp", 01777);

@@ -38,7 +38,8 @@ std::optional<std::string> read_file(const std::string &file) {
         }
     }
     if (stream == nullptr || std::ferror(stream.get()) != 0) {
-        complain(file_name(file) + ": " + std::strerror(errno));
+        const int reason = errno; // showing the name may change it
+        complain(file_name(file) + ": " + std::strerror(reason));
         return std::nullopt;
     }
     return all;
