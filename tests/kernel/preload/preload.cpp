@@ -16,22 +16,14 @@
 #include <cstdlib>
 #include <cstring>
 
-#include <dlfcn.h>
 #include <linux/netlink.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-namespace {
+#include "fakes/next_function.h"
 
-// The C library's own function of that name.
-template <typename Function>
-Function next_function(const char *name) {
-    void *const found = dlsym(RTLD_NEXT, name);
-    Function function = nullptr;
-    std::memcpy(&function, &found, sizeof function);
-    return function;
-}
+namespace {
 
 long number(const char *variable) {
     const char *text = std::getenv(variable);

@@ -4,13 +4,11 @@
 // carried out, and has then filled its outputs.
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <optional>
-
-#include <dlfcn.h>
 
 #include <tav/toolkit.h>
 
+#include "fakes/next_function.h"
 #include "faults/plan.h"
 
 namespace {
@@ -34,13 +32,7 @@ int call(Operation operation, const char *name, toolkit::CTav *client, Arguments
     const bool fails = !inside && plan() && plan()->strikes(operation);
     int result = 0;
     if (!fails || !plan()->undone()) {
-        void *const found = dlsym(RTLD_NEXT, name);
-        if (found == nullptr) {
-            std::fprintf(stderr, "preload: no %s\n", name);
-            std::abort();
-        }
-        function_t function = nullptr;
-        std::memcpy(&function, &found, sizeof function);
+        const auto function = next_function<function_t>(name);
         const bool before = inside;
         inside = true;
         result = function(client, std::forward<Arguments>(arguments)...);

@@ -4,21 +4,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
-#include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace {
+#include "fakes/next_function.h"
 
-template <typename Function>
-Function next_function(const char *name) {
-    void *const found = dlsym(RTLD_NEXT, name);
-    Function function = nullptr;
-    std::memcpy(&function, &found, sizeof function);
-    return function;
-}
+namespace {
 
 bool is_regular_file(int fd) {
     struct stat info {};

@@ -1,0 +1,25 @@
+// For libraries that are preloaded into a program under test.
+#ifndef TESTS_FAKES_NEXT_FUNCTION_H
+#define TESTS_FAKES_NEXT_FUNCTION_H
+
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+// The function of that name that would be called without the preloaded one. `Function` is its
+// pointer type. Ends the program when there is none.
+template <typename Function>
+Function next_function(const char *name) {
+    void *const found = dlsym(RTLD_NEXT, name);
+    if (found == nullptr) {
+        std::fprintf(stderr, "preload: no %s\n", name);
+        std::abort();
+    }
+    Function function = nullptr;
+    std::memcpy(&function, &found, sizeof function);
+    return function;
+}
+
+#endif
