@@ -11,9 +11,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// The namespace as the kernel names it ("net:[4026531840]"); empty when it may not be looked at.
-std::string network_of(const fs::path &process) {
-    std::error_code error;
+// The namespace as the kernel names it ("net:[4026531840]"); empty with an error. A process that
+// has ended is in none, even while its parent has not asked for its status.
+std::string network_of(const fs::path &process, std::error_code &error) {
     return fs::read_symlink(process / "ns/net", error).string();
 }
 
@@ -27,8 +27,8 @@ std::string name_of(const fs::path &process) {
 } // namespace
 
 daemon_t find_daemon() {
-    const std::string own = network_of("/proc/self");
     std::error_code error;
+    const std::string own = network_of("/proc/self", error);
     daemon_t result = own.empty() ? daemon_t::unknown : daemon_t::absent;
     for (fs::directory_iterator entry("/proc", error), end; !error && entry != end;
          entry.increment(error)) {
@@ -37,11 +37,12 @@ daemon_t find_daemon() {
             name_of(entry->path()) != "tandrel") {
             continue;
         }
-        const std::string network = network_of(entry->path());
+        std::error_code hidden;
+        const std::string network = network_of(entry->path(), hidden);
         if (!network.empty() && network == own) {
             return daemon_t::running;
         }
-        if (network.empty()) {
+        if (hidden == std::errc::permission_denied) {
             result = daemon_t::unknown;
         }
     }

@@ -4,6 +4,7 @@
 #include <linux/if_addr.h>
 #include <poll.h>
 #include <pty.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utmp.h>
@@ -63,6 +64,19 @@ TEST_F(Look, WithoutADaemonTheCheckSaysSoAndWhatDiffers) {
                                                  "address-without-prefix"}));
     EXPECT_EQ(json["notes"].at(0)["reason"], "daemon-absent");
     EXPECT_EQ(run({"check", "--quiet"}).output, "");
+}
+
+TEST_F(Look, ADaemonThatHasEndedDoesNotCount) {
+    store.make_interface(1);
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_NAME, "tandrel");
+        _exit(0);
+    }
+    siginfo_t ended{};
+    ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
+    EXPECT_TRUE(contains(run({"check"}).output, "tandrel: note: no such process runs here"));
+    EXPECT_EQ(waitpid(child, nullptr, 0), child);
 }
 
 TEST_F(Look, LinksThatAreNotSynchronisedAreNamedWhenAskedFor) {
