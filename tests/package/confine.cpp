@@ -188,7 +188,8 @@ void restrict_calls(const Unit &unit) {
 }
 
 void restrict_capabilities(const Unit &unit) {
-    const std::map<std::string, unsigned int> known{{"CAP_NET_ADMIN", CAP_NET_ADMIN}};
+    const std::map<std::string, unsigned int> known{{"CAP_NET_ADMIN", CAP_NET_ADMIN},
+                                                    {"CAP_SYS_NICE", CAP_SYS_NICE}};
     std::uint32_t kept = 0;
     for (const std::string &name : words_of(unit, "CapabilityBoundingSet")) {
         kept |= 1U << known.at(name);

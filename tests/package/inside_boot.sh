@@ -8,6 +8,8 @@ main_pid() { systemctl show -P MainPID "$1"; }
 restarts() { [ "$(systemctl show -P NRestarts "$1")" -ge 1 ]; }
 messages() { journalctl -u "$1" -b --no-pager -o cat; }
 has_address() { ip -6 address show dev eth0 | grep -q "2001:db8::5/64"; }
+nice_is() { [ "$(awk '{print $19}' "/proc/$(main_pid tandrel)/stat")" = "$1" ]; }
+policy_is() { chrt -p "$(main_pid tandrel)" | grep -q "policy: $1"; }
 once() { [ "$(messages tandrel | grep -c "$1")" -eq 1 ]; }
 
 expect "the system is up" systemctl is-system-running --wait
@@ -37,6 +39,13 @@ expect "the daemon comes to terms with the new store" eventually tandrelctl chec
 expect "a stopped daemon stays stopped" sh -c 'systemctl stop tandrel && ! pgrep -x tandrel'
 expect "it ended with status 0" test "$(systemctl show -P Result tandrel)" = success
 expect "it starts again" sh -c 'systemctl start tandrel && systemctl is-active tandrel'
+mkdir -p /etc/systemd/system/tandrel.service.d
+cp /usr/share/doc/tandrel/examples/scheduling.conf /etc/systemd/system/tandrel.service.d/
+sed -i 's/-D 2/-D 2 -n -5 -r rr 7/' /etc/default/tandrel
+systemctl daemon-reload
+expect "with the drop-in it starts" systemctl restart tandrel
+expect "with the priority that -n names" eventually nice_is -5
+expect "and the policy that -r names" eventually policy_is SCHED_RR
 echo "-- journalctl -u tandrel"
 messages tandrel | tail -n 25
 finish
