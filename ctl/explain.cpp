@@ -79,7 +79,7 @@ bool explainer_t::explain_link(const std::string &prefix, bool anything_stored) 
         add(reason_t::no_ipv6);
     } else if (view.number == 0) {
         add(reason_t::no_node_fits, {{"prefix", prefix}});
-    } else if (!view.has_node && !view.addresses.empty()) {
+    } else if (!view.has_node) {
         add(reason_t::no_store_node);
     }
     if (!view.tracked || !view.has_node) {

@@ -16,6 +16,11 @@ bool is_passed_over(const finding_t &finding) {
            finding.fault.reason == reason_t::no_node_fits;
 }
 
+// A link without a store node that has no addresses either: one that nobody uses.
+bool is_unused(const interface_view_t &interface, const finding_t &finding) {
+    return finding.fault.reason == reason_t::no_store_node && interface.addresses.empty();
+}
+
 struct report_t {
     std::vector<finding_t> differences;
     std::vector<finding_t> notes;
@@ -40,7 +45,9 @@ report_t make_report(const comparison_t &comparison, const options_t &options) {
     every.all = true; // also links that are not synchronised but should be
     for (const interface_view_t *interface : chosen(comparison, every)) {
         for (const finding_t &finding : interface->findings) {
-            report.add(finding, options);
+            if (!options.link.empty() || !is_unused(*interface, finding)) {
+                report.add(finding, options);
+            }
         }
     }
     if (find_daemon() == daemon_t::absent) {

@@ -94,6 +94,16 @@ TEST_F(Look, LinksThatAreNotSynchronisedAreNamedWhenAskedFor) {
     EXPECT_EQ(run({"show", "eth9"}).status, 1);
 }
 
+TEST_F(Look, ALinkThatNobodyUsesCountsOnlyWhenNamed) {
+    device.add_veth("eth7", "peer7", sandbox.neighbour()); // down: without addresses
+    store.make_interface(1);
+    start_daemon_and_wait();
+    ASSERT_TRUE(becomes([&] { return in_step(); })) << run({"check"}).output;
+    const result_t named = run({"check", "eth7"});
+    EXPECT_EQ(named.status, 1);
+    EXPECT_TRUE(contains(named.output, "eth7: the store has no node for it (interface 8)"));
+}
+
 TEST_F(Look, ALinkWhoseMtuForbidsIpv6IsSeen) {
     store.make_interface(1);
     device.set_mtu("eth0", 1000);
