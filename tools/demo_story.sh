@@ -47,8 +47,56 @@ in_step() {
 
 # both_views WHEN: side by side.
 both_views() {
-    printf '   %s%s%s\n' "$dim" "$1:" "$plain"
+    printf '   %s%s:%s\n' "$dim" "$1" "$plain"
+    [ "$DEMO_SHOW" = no ] || printf '   $ tandrelctl show eth0\n'
     tandrelctl --color="$colour" show eth0 2>&1 | sed 's/^/   /'
+    [ "$DEMO_SHOW" = no ] || check_and_watch "$1"
+}
+
+# --- with --show --------------------------------------------------------------------------------
+
+# check_and_watch WHEN: what check says of this state, and what watch has printed since the last one.
+check_and_watch() {
+    local status text
+    # What is under way at the end of a step comes to rest; then the views must agree.
+    [ "$1" != after ] || expect 20 "tandrelctl check finds no difference." tandrelctl check --quiet eth0
+    sleep 0.3 # for the watch
+    text=$(tandrelctl --color="$colour" check eth0 2>&1)
+    status=$?
+    printf '$ tandrelctl check eth0\n%s\n(exit status %d)\n' "$text" "$status" | sed 's/^/   /'
+    printf '   $ tandrelctl watch eth0   (since the last step)\n'
+    tail -n "+$((watch_mark + 1))" "$dir/watch.log" | sed 's/^/   /'
+    watch_mark=$(wc -l <"$dir/watch.log")
+}
+start_watch() {
+    watch_mark=0
+    : >"$dir/watch.log"
+    tandrelctl watch eth0 >"$dir/watch.log" 2>&1 &
+}
+
+# last_screen FILE: what a terminal shows before it is given back, without colours.
+last_screen() {
+    tr -d '\r' <"$1" | sed 's/\x1b\[?1049l.*//; s/\x1b\[[0-9;]*[mKJ]//g; s/\x1b\[?[0-9]*[hl]//g' |
+        awk '/\033\[H/ { sub(/.*\033\[H/, ""); screen = $0; next } { screen = screen "\n" $0 }
+             END { print screen }'
+}
+# watch_on_a_terminal: one address comes and goes before the eyes of a watch that has a terminal.
+watch_on_a_terminal() {
+    local watcher screen=$dir/screen
+    : >"$screen"
+    printf '   $ tandrelctl watch eth0   (on a terminal, its last screen)\n'
+    script --quiet --flush --command 'stty rows 24 cols 110; exec tandrelctl --color=never watch eth0' \
+        "$screen" </dev/null >/dev/null &
+    watcher=$!
+    on_screen() { last_screen "$screen" | grep -qF -- "$1"; }
+    expect 20 "The watch draws its table." on_screen 'KERNEL'
+    ip address add 2001:db8:4::9/64 dev eth0
+    expect 20 "An address of the kernel's appears in it ..." on_screen '= 2001:db8:4::9/64'
+    ip address del 2001:db8:4::9/64 dev eth0
+    expect 20 "... and goes again." on_screen '- eth0 store: address node'
+    last_screen "$screen" | sed 's/^/   |/'
+    kill -INT "$(pgrep -P "$watcher" -x tandrelctl)"
+    wait "$watcher"
 }
 
 # --- telling ------------------------------------------------------------------------------------
@@ -138,6 +186,7 @@ printf '%s                       G="%s"%s\n' "$dim" "$gateway" "$plain"
 make_world
 start_store
 expect 5 "The settings store runs (tavd), empty." store_answers
+[ "$DEMO_SHOW" = no ] || start_watch
 
 tell "The kernel configures itself; the store learns it."
 both_views before
@@ -183,8 +232,8 @@ daemon_said 'REMOVING addr'
 tell "The store service is killed and comes back; the daemon recovers."
 both_views before
 printf ' $ kill -KILL <tavd>\n'
-kill -KILL "$store"
-wait "$store" 2>/dev/null
+# Without bash's own line about it.
+{ kill -KILL "$store"; wait "$store"; } 2>/dev/null
 noticed() { tail -n "+$((log_mark + 1))" "$dir/tandrel.log" | grep -q 'Caught exception'; }
 expect 5 "The daemon noticed; it tries again every ten seconds." noticed
 both_views between
@@ -197,6 +246,10 @@ expect 10 "Both views agree." in_step
 both_views after
 daemon_said 'Caught exception|beginning normal operation'
 
+if [ "$DEMO_SHOW" = yes ]; then
+    tell "An address comes and goes, and a terminal shows it."
+    watch_on_a_terminal
+fi
 if [ "$DEMO_STAY" = yes ]; then
     cat <<TEXT
 
@@ -221,7 +274,8 @@ wait "$daemon"
 status=$?
 [ "$status" -eq 0 ] || fail "the daemon ended with status $status"
 printf ' %s✓ It ended with status 0, and left both sides as they were.%s\n' "$green" "$plain"
-in_step || fail "the views differ"
+# Whoever stayed may have left them otherwise.
+[ "$DEMO_STAY" = yes ] || in_step || fail "the views differ"
 both_views after
 daemon_said 'exit signal|Exiting'
 
