@@ -64,7 +64,7 @@ class Parser {
 public:
     Parser() {
         app.require_subcommand(1);
-        app.set_version_flag("--version", "tav " TAV_VERSION, "Print the version");
+        app.set_version_flag("-V,--version", "tav " TAV_VERSION, "Print the version");
         app.option_defaults()->always_capture_default(false);
         app.get_formatter()->label("REQUIRED", "");
         app.get_formatter()->label("SUBCOMMAND", "COMMAND");

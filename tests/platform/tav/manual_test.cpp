@@ -128,7 +128,7 @@ TEST_F(ManualTest, EveryCommandOfTheToolStandsInItsPageAndTheReverse) {
 TEST_F(ManualTest, EveryOptionOfTheToolStandsInItsPageAndTheReverse) {
     EXPECT_EQ(options_in_page(part_of(page("tav.1"), ".Sh DESCRIPTION", {".Sh"})), common);
     Names general = common;
-    general.insert("--version");
+    general.insert({"-V", "--version"});
     EXPECT_EQ(options_in_help(good({"--help"})), general);
     for (const std::string &command : commands()) {
         // The command's own line is its synopsis; its options follow.
