@@ -6,33 +6,23 @@ set -u
 packages=$(readlink -f "$1")
 cd "$(dirname "$(readlink -f "$0")")/../.." || exit 1
 . tools/setup.sh
+. tools/debian_tree.sh
 [ "$(id -u)" -eq 0 ] || die "--check needs root"
 need_packages debootstrap systemd-container systemd libseccomp-dev
 
-cache=$PWD/build/cache
 work=$PWD/build/package/check
 export counts=$work/counts
 rm -rf "$work"
-mkdir -p "$cache" "$work"
+mkdir -p "$work"
 : >"$counts"
-
-# A clean tree with what the packages depend on, so that all else needs no network.
-base=$cache/debian-tree
-if ! [ -e "$base/complete" ]; then
-    say "Making a clean Debian tree ..."
-    rm -rf "$base"
-    debootstrap --variant=minbase --include=adduser,iproute2,procps,libnl-3-200,libsqlite3-0 \
-        "$(. /etc/os-release && echo "$VERSION_CODENAME")" "$base" >"$work/debootstrap.log" 2>&1 ||
-        { tail -n 20 "$work/debootstrap.log" >&2; die "debootstrap failed"; }
-    touch "$base/complete"
-fi
+debian_tree "$work/debootstrap.log"
 
 # tree NAME [PACKAGE...]: a copy with the built packages under /packages, and a newer edition of each
 # under /newer.
 tree() {
     local root=$work/$1 package
     shift
-    cp -a --reflink=auto "$base" "$root"
+    cp -a --reflink=auto build/cache/debian-tree "$root"
     [ $# -eq 0 ] || chroot "$root" sh -c 'apt-get update -q && apt-get install -y -q --no-install-recommends "$@"' \
         sh "$@" >"$work/apt.log" 2>&1 || { tail -n 20 "$work/apt.log" >&2; die "apt-get failed"; }
     mkdir "$root/packages" "$root/newer"
@@ -63,7 +53,8 @@ done
 
 say "== life cycle, with init scripts"
 tree sysv
-unshare --net --mount --pid --fork --kill-child --uts bash tests/package/life_cycle.sh "$work/sysv"
+unshare --net --mount --pid --fork --kill-child --uts \
+    bash tests/package/enter_tree.sh "$work/sysv" bash /packages/inside_life_cycle.sh
 
 say "== services, by systemd"
 tree systemd systemd systemd-sysv dbus

@@ -1,0 +1,60 @@
+#!/bin/bash
+# Runs README's commands exactly as they stand there, in a clean Debian tree and in namespaces of its
+# own, and compares what they print with what README shows.
+set -u
+cd "$(dirname "$(readlink -f "$0")")/../.." || exit 1
+. tools/setup.sh
+. tools/debian_tree.sh
+[ "$(id -u)" -eq 0 ] || die "--readme needs root"
+need_packages debootstrap
+
+work=$PWD/build/readme
+rm -rf "$work"
+mkdir -p "$work" build/cache/archives
+debian_tree "$work/debootstrap.log"
+tree=$work/tree
+cp -a --reflink=auto build/cache/debian-tree "$tree"
+mkdir -p "$tree/blocks" "$tree/root/tandrel"
+tests/readme/extract.sh README.md "$tree/blocks" || exit 1
+tar --exclude=./build --exclude=./.git -cf - . | tar -xf - -C "$tree/root/tandrel"
+
+# The packages that README's commands install are fetched before, for the network stays outside.
+say "Fetching packages ..."
+# shellcheck disable=SC2086
+unshare --mount bash tests/readme/fetch.sh "$tree" "$PWD/build/cache/archives" \
+    $build_packages $demo_packages $package_packages >"$work/fetch.log" 2>&1 ||
+    { tail -n 20 "$work/fetch.log" >&2; die "could not fetch the packages"; }
+
+say "Running README's commands ..."
+unshare --net --mount --pid --fork --kill-child --uts \
+    bash tests/package/enter_tree.sh "$tree" bash -c 'cd /root/tandrel && . tests/readme/in_tree.sh' \
+    >"$work/session.log" 2>&1 </dev/null
+
+passed=0
+failed=0
+for block in "$tree"/blocks/*.sh; do
+    name=${block%.sh}
+    title=$(head -n 1 "$block")
+    if [ -e "$name.reason" ]; then
+        say "  not run  $title: $(cat "$name.reason")"
+    elif ! [ -e "$name.done" ]; then
+        failed=$((failed + 1))
+        say "  FAIL     $title"
+        cat "$work/session.log" "$name.out" 2>/dev/null | tail -n 40
+        break
+    elif [ -e "$name.text" ] && ! difference=$(tests/readme/shown.sh "$name.text" "$name.out"); then
+        failed=$((failed + 1))
+        say "  FAIL     $title"
+        say "$difference"
+        cat "$name.out"
+    else
+        passed=$((passed + 1))
+        say "  ok       $title"
+    fi
+done
+rm -rf "$work/outputs"
+mkdir "$work/outputs"
+mv "$tree"/blocks/* "$work/outputs/"
+rm -rf "$tree"
+say "$passed passed, $failed failed"
+[ "$failed" -eq 0 ] && [ "$passed" -gt 0 ]
