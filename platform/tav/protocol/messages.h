@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "protocol/codec.h"
-#include "protocol/limits.h"
 #include "protocol/protocol.h"
 
 namespace tav {
@@ -209,16 +208,12 @@ void put_all(Writer &out, const std::vector<T> &values) {
     }
 }
 
-// `values` is replaced. More than `most` objects are malformed. No object takes less than one byte,
-// so the announced number is checked against what is there before any of them is made.
+// `values` is replaced. No object takes less than one byte, so the announced number is checked
+// against what is there before any of them is made.
 template <typename T>
-void get_all(Reader &in, std::vector<T> &values, std::size_t most = limits::frame_bytes) {
+void get_all(Reader &in, std::vector<T> &values) {
     values.clear();
     const std::uint32_t items = in.count(1);
-    if (items > most) {
-        in.fail();
-        return;
-    }
     for (std::uint32_t i = 0; i < items && in.ok(); ++i) {
         get(in, values.emplace_back());
     }

@@ -241,7 +241,6 @@ void Server::erase(PeerId id) {
     if (--user->second == 0) {
         user_connections.erase(user);
     }
-    throttled.erase(id);
     peers.erase(found); // closing takes it out of epoll, too
     service.usage().set(Limit::connections, peers.size());
 }

@@ -58,7 +58,7 @@ public:
     Role role = Role::stranger;
     std::uint64_t session = 0; // 0: none
     bool attached = false;     // calls: the wake-up connection is there
-    bool waiting = false;      // will have its turn without its socket being ready
+    bool waiting = false;      // has sent ahead and will have its turn
     Rate rate;
 
 private:

@@ -20,10 +20,8 @@ public:
         }
         return requests >= share;
     }
-    // One request is served, right after spent().
+    // One request is served.
     void count() { ++requests; }
-    // When the next slice begins.
-    Time renewal() const { return begun + slice; }
     // Requests in a second at the pace of the current slice.
     std::uint64_t per_second() const { return requests * slices; }
 

@@ -18,8 +18,6 @@ namespace {
 
 constexpr std::uint64_t listener_id = 0;
 constexpr std::uint64_t signals_id = 1;
-// How long after its last request a client counts as one that is served.
-constexpr std::chrono::seconds lately{1};
 
 [[noreturn]] void fail(const char *what) {
     throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
@@ -54,7 +52,6 @@ void Server::run() {
         if (ready < 0 && errno != EINTR) {
             fail("epoll_wait");
         }
-        // Those that were waiting already come first.
         give_turns();
         for (int i = 0; i < ready; ++i) {
             const PeerId id = events.at(static_cast<std::size_t>(i)).data.u64;
@@ -64,16 +61,14 @@ void Server::run() {
             if (id == listener_id) {
                 accept_all();
             } else {
-                serve_safely(id, true);
+                give_turn(id, true);
             }
-            // After each, not after all: a busy neighbour must not delay a wake-up.
-            wake_clients();
         }
+        give_late_turns();
         if (accept_again && service.now() >= *accept_again) {
             accept_again.reset();
             watch(listener.fd(), listener_id, EPOLLIN, EPOLL_CTL_MOD);
         }
-        end_throttles();
         end_slow_greetings();
         limit_held_bytes();
         service.watchdog().check(service.now());
@@ -81,71 +76,109 @@ void Server::run() {
     }
 }
 
-// What one client asks for must not end the service for the others: there may be no memory for a
-// huge request, say. Whoever asked loses the connection.
-void Server::serve_safely(PeerId id, bool ready) {
-    try {
-        serve(id, ready);
-    } catch (const std::exception &error) {
-        log_line("a request failed (%s), its client was disconnected", error.what());
-        drop(id);
+// One request of each client that has sent ahead. They were waiting already and come first.
+void Server::give_turns() {
+    for (std::size_t left = turns.size(); left > 0; --left) {
+        const PeerId id = turns.front();
+        turns.pop_front();
+        give_turn(id, false);
     }
 }
 
-// `ready`: its socket is; otherwise it is the client's turn.
-void Server::serve(PeerId id, bool ready) {
+// `ready`: its socket is; otherwise it has sent ahead. Whoever has had its share comes last.
+void Server::give_turn(PeerId id, bool ready) {
     const auto found = peers.find(id);
-    if (found == peers.end()) {
-        return; // dropped earlier in this round
+    if (found == peers.end() || (ready && found->second->waiting)) {
+        return; // dropped earlier in this round, or in line already
     }
-    Peer &peer = *found->second;
-    if (peer.waiting && ready) {
-        if (throttled.count(id) > 0) {
-            drop(id); // all that is reported while it is not read from: the other side is gone
-        }
+    if (has_had_share(*found->second)) {
+        late.push_back(Turn{id, ready});
         return;
     }
+    served_others = serve_safely(id) || served_others;
+    // After each, not after all: a busy neighbour must not delay a wake-up.
+    wake_clients();
+}
+
+// Those who have had their share are served only when nobody else had a request, and have a new
+// share soon: nobody waits for long, and nothing is idle while somebody waits.
+void Server::give_late_turns() {
+    for (const Turn &turn : late) {
+        if (!served_others) {
+            serve_safely(turn.id);
+            wake_clients();
+            continue;
+        }
+        service.usage().refuse(Limit::request_rate);
+        if (!turn.ready) {
+            turns.push_back(turn.id);
+        }
+    }
+    late.clear();
+    served_others = false;
+}
+
+bool Server::has_had_share(Peer &peer) const {
+    return peer.role == Peer::Role::calls && !peer.has_output() && peer.rate.spent(service.now());
+}
+
+// What one client asks for must not end the service for the others: there may be no memory for a
+// huge request, say. Whoever asked loses the connection.
+bool Server::serve_safely(PeerId id) {
+    try {
+        return serve(id);
+    } catch (const std::exception &error) {
+        log_line("a request failed (%s), its client was disconnected", error.what());
+        drop(id);
+        return true;
+    }
+}
+
+// True when there was a request.
+bool Server::serve(PeerId id) {
+    const auto found = peers.find(id);
+    if (found == peers.end()) {
+        return false; // dropped earlier in this round
+    }
+    Peer &peer = *found->second;
     peer.waiting = false;
     if (peer.has_output()) {
         if (!peer.flush()) {
             drop(id);
-            return;
+            return false;
         }
         if (peer.has_output()) {
-            return;
+            return false;
         }
         watch(peer.fd(), id, EPOLLIN, EPOLL_CTL_MOD);
     } else if (!peer.has_request() && !peer.receive()) {
         drop(id);
-        return;
+        return false;
     }
-    serve_request(id, peer);
+    return serve_request(id, peer);
 }
 
 // Carries out one request, if there is one. What else has arrived has its turn later.
-void Server::serve_request(PeerId id, Peer &peer) {
+bool Server::serve_request(PeerId id, Peer &peer) {
     std::string_view body;
     const FrameState state = peer.request(body);
     // A first frame is short. More from somebody who is not known is not worth keeping.
     const bool endless = peer.role == Peer::Role::stranger && peer.held() > limits::greeting_bytes;
     if (state == FrameState::incomplete && !endless) {
-        return;
-    }
-    if (state == FrameState::complete && is_throttled(id, peer)) {
-        return;
+        return false;
     }
     if (state == FrameState::too_large) {
         service.usage().refuse(Limit::frame_bytes);
     }
     if (endless || state != FrameState::complete || !handle(id, peer, body)) {
         dismiss(id, api_status_refused, "what the client sent is no request");
-        return;
+        return true;
     }
     service.usage().raise(Limit::frame_bytes, body.size());
     peer.consume(body);
     if (!peer.flush()) {
         drop(id);
-        return;
+        return true;
     }
     if (peer.has_output()) {
         // One reply at a time: until this one is out, no further request is read.
@@ -155,37 +188,7 @@ void Server::serve_request(PeerId id, Peer &peer) {
         peer.waiting = true;
         turns.push_back(id);
     }
-}
-
-bool Server::others_served(std::uint64_t session, Time now) const {
-    return now - (session == last_served ? other_time : last_time) < lately;
-}
-
-// Leaves a client alone that has had its share, as long as there are others. It is not read from
-// then, so that it will have to wait itself.
-bool Server::is_throttled(PeerId id, Peer &peer) {
-    const Time now = service.now();
-    if (peer.role != Peer::Role::calls) {
-        return false;
-    }
-    if (!peer.rate.spent(now) || !others_served(peer.session, now)) {
-        return false;
-    }
-    service.usage().refuse(Limit::request_rate);
-    peer.waiting = true;
-    throttled[id] = peer.rate.renewal();
-    watch(peer.fd(), id, 0, EPOLL_CTL_MOD);
     return true;
-}
-
-void Server::note_served(Peer &peer) {
-    peer.rate.count();
-    service.usage().raise(Limit::request_rate, peer.rate.per_second());
-    if (peer.session != last_served) {
-        other_time = last_time;
-        last_served = peer.session;
-    }
-    last_time = service.now();
 }
 
 bool Server::handle(PeerId id, Peer &peer, std::string_view body) {
@@ -195,7 +198,8 @@ bool Server::handle(PeerId id, Peer &peer, std::string_view body) {
     if (peer.role != Peer::Role::calls || !peer.attached) {
         return false;
     }
-    note_served(peer);
+    peer.rate.count();
+    service.usage().raise(Limit::request_rate, peer.rate.per_second());
     std::string reply = peer.take_buffer();
     Session &session = *service.sessions().at(peer.session);
     if (!service.handle(session, body, reply)) {
@@ -203,32 +207,6 @@ bool Server::handle(PeerId id, Peer &peer, std::string_view body) {
     }
     peer.reply(std::move(reply));
     return true;
-}
-
-// One request of each client that has sent ahead.
-void Server::give_turns() {
-    for (std::size_t left = turns.size(); left > 0; --left) {
-        const PeerId id = turns.front();
-        turns.pop_front();
-        serve_safely(id, false);
-        wake_clients();
-    }
-}
-
-void Server::end_throttles() {
-    const Time now = service.now();
-    for (auto entry = throttled.begin(); entry != throttled.end();) {
-        if (entry->second > now) {
-            ++entry;
-            continue;
-        }
-        const auto found = peers.find(entry->first);
-        if (found != peers.end()) {
-            watch(found->second->fd(), entry->first, EPOLLIN, EPOLL_CTL_MOD);
-            turns.push_back(entry->first);
-        }
-        entry = throttled.erase(entry);
-    }
 }
 
 // Sends the wake-up bytes that are due and ends the clients that let too many events wait.
@@ -275,9 +253,6 @@ std::optional<Time> Server::next_timer() const {
         // the service only wakes up once for nothing.
         const auto oldest = peers.find(greeting.front());
         consider(oldest != peers.end() ? oldest->second->accepted + greeting_time : service.now());
-    }
-    for (const auto &[id, until] : throttled) {
-        consider(until);
     }
     for (const auto &[number, session] : service.sessions()) {
         consider(session->wake_due());

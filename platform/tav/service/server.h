@@ -1,7 +1,7 @@
 // The service's event loop: connections, frames, wake-up bytes and timers, on one thread.
 //
-// Clients are served in turn, one request each, whatever one of them has sent ahead. Whoever makes
-// more requests than a share allows while others are served, too, is left alone for a while.
+// Clients are served in turn, one request each, whatever one of them has sent ahead. Whoever has
+// made more requests than its share comes after all others.
 #ifndef TAV_SERVICE_SERVER_H
 #define TAV_SERVICE_SERVER_H
 
@@ -39,18 +39,21 @@ private:
         PeerId calls = 0;
         PeerId wake = 0;
     };
+    struct Turn {
+        PeerId id = 0;
+        bool ready = false; // its socket is; otherwise it has sent ahead
+    };
 
     // server.cpp: the loop and the requests.
     void watch(int fd, PeerId id, std::uint32_t events, int operation);
-    void serve_safely(PeerId id, bool ready);
-    void serve(PeerId id, bool ready);
-    void serve_request(PeerId id, Peer &peer);
-    bool is_throttled(PeerId id, Peer &peer);
-    bool others_served(std::uint64_t session, Time now) const;
-    void note_served(Peer &peer);
-    bool handle(PeerId id, Peer &peer, std::string_view body);
     void give_turns();
-    void end_throttles();
+    void give_turn(PeerId id, bool ready);
+    void give_late_turns();
+    bool has_had_share(Peer &peer) const;
+    bool serve_safely(PeerId id);
+    bool serve(PeerId id);
+    bool serve_request(PeerId id, Peer &peer);
+    bool handle(PeerId id, Peer &peer, std::string_view body);
     void wake_clients();
     std::optional<Time> next_timer() const;
     int timeout() const;
@@ -79,14 +82,12 @@ private:
     PeerId next_peer = 2; // 0 and 1 stand for the listener and the signals
     std::optional<Time> accept_again;
 
-    std::deque<PeerId> turns;         // have a complete request already
-    std::map<PeerId, Time> throttled; // until when
-    std::deque<PeerId> greeting;      // not established when they were accepted; oldest first
+    std::deque<PeerId> turns;    // have a complete request already
+    std::deque<PeerId> greeting; // not established when they were accepted; oldest first
 
-    // Whose request was the last one, when it was, and when the last one of another client was.
-    std::uint64_t last_served = 0;
-    Time last_time;
-    Time other_time;
+    // Of one round of the loop: who has had its share, and whether others were served.
+    std::vector<Turn> late;
+    bool served_others = false;
 };
 
 } // namespace tav

@@ -119,11 +119,21 @@ void Service::answer(Writer &out, api_status_t status) {
     put(out, status);
 }
 
+// A library that keeps to the limits never sends more.
+bool Service::fits(std::size_t paths) {
+    limits_used.raise(Limit::request_paths, paths);
+    if (paths <= limits::paths_per_request) {
+        return true;
+    }
+    limits_used.refuse(Limit::request_paths);
+    return false;
+}
+
 bool Service::handle_read(Reader &in, Writer &out) {
     constexpr std::size_t empty_answer = 1;
     constexpr std::size_t value_overhead = 13; // type, length of the text, time
     const std::uint32_t paths = in.count(1);
-    if (paths > limits::paths_per_request) {
+    if (!fits(paths)) {
         return false;
     }
     out.u32(paths);
@@ -153,8 +163,11 @@ bool Service::handle_list(Reader &in, Writer &out) {
 }
 
 bool Service::handle_transact(Session &session, Reader &in, Writer &out) {
+    if (!fits(Reader(in).count(1))) {
+        return false; // before memory is taken for them
+    }
     std::vector<Item> items;
-    get_all(in, items, limits::paths_per_request);
+    get_all(in, items);
     if (!in.finished()) {
         return false;
     }

@@ -49,6 +49,7 @@ public:
     void count_overflow(const Session &session);
 
 private:
+    bool fits(std::size_t paths);
     bool handle_read(Reader &in, Writer &out);
     void answer(Writer &out, api_status_t status);
     bool handle_list(Reader &in, Writer &out);

@@ -31,6 +31,7 @@ constexpr std::array<Known, static_cast<std::size_t>(Limit::number_)> table{{
     {Limit::user_connections, "connections of a user", limits::connections_per_user,
      api_status_too_many_connections},
     {Limit::frame_bytes, "bytes of a message", limits::frame_bytes, api_status_too_large},
+    {Limit::request_paths, "paths of a call", limits::paths_per_request, api_status_none},
     {Limit::request_rate, "requests of a client in a second", limits::requests_per_second,
      api_status_none},
     {Limit::pending_events, "events waiting for a client", limits::pending_events, api_status_none},

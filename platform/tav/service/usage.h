@@ -24,6 +24,7 @@ enum class Limit : std::size_t {
     connections,
     user_connections,
     frame_bytes,
+    request_paths,
     request_rate,
     pending_events,
     pending_bytes,

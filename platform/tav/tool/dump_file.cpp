@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "client/admin.h"
+#include "protocol/limits.h"
 #include "service/path.h"
 #include "tool/dump_format.h"
 #include "tool/explain.h"

@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "client/admin.h"
+#include "protocol/limits.h"
 #include "tool/explain.h"
 #include "tool/file.h"
 #include "tool/screen.h"

@@ -103,19 +103,6 @@ TEST(Codec, ACountThatTheBodyCannotHoldIsRefusedBeforeMemoryIsReserved) {
     EXPECT_EQ(values.size(), 0U);
 }
 
-TEST(Codec, MoreObjectsThanAllowedAreMalformed) {
-    Writer writer;
-    put_all(writer, std::vector<std::string>{"a", "b", "c"});
-    const std::string body = body_of(writer);
-    std::vector<std::string> values;
-    Reader enough(body);
-    get_all(enough, values, 3);
-    EXPECT_TRUE(enough.finished());
-    Reader too_few(body);
-    get_all(too_few, values, 2);
-    EXPECT_FALSE(too_few.ok());
-}
-
 TEST(Codec, AFrameIsFoundOnlyWhenItIsComplete) {
     Writer writer;
     writer.text("hello");
