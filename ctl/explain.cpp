@@ -63,9 +63,7 @@ private:
 
 bool explainer_t::explain_link(const std::string &prefix, bool anything_stored) {
     if (!view.kernel) {
-        if (anything_stored) {
-            add(reason_t::link_absent);
-        }
+        add(reason_t::link_absent);
         return true;
     }
     const kernel_link_t &link = *view.kernel;

@@ -16,9 +16,12 @@ bool is_passed_over(const finding_t &finding) {
            finding.fault.reason == reason_t::no_node_fits;
 }
 
-// A link without a store node that has no addresses either: one that nobody uses.
+// A link without a store node that has no addresses either, or a node without a link in which
+// nothing stands: one that nobody uses.
 bool is_unused(const interface_view_t &interface, const finding_t &finding) {
-    return finding.fault.reason == reason_t::no_store_node && interface.addresses.empty();
+    return (finding.fault.reason == reason_t::no_store_node ||
+            finding.fault.reason == reason_t::link_absent) &&
+           interface.addresses.empty() && interface.gateways.empty();
 }
 
 struct report_t {

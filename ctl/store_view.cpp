@@ -144,7 +144,12 @@ void reader_t::read_addresses(const std::string &path, stored_interface_t &inter
     for (const toolkit::child_t &child : children) {
         const std::string node_path = paths::address(path, child.first);
         if (is_node(child)) {
-            interface.addresses.push_back(read_address(node_path, child.first));
+            const stored_address_t stored = read_address(node_path, child.first);
+            std::vector<toolkit::child_t> parts;
+            if (stored.fault && !list(node_path, parts)) {
+                continue; // removed while it was read
+            }
+            interface.addresses.push_back(stored);
             note_strange(node_path, {paths::address_part, paths::type_part}, interface);
         } else {
             stored_address_t leaf_only;

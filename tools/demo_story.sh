@@ -269,7 +269,7 @@ fi
 tell "The daemon is stopped."
 both_views before
 printf ' $ kill -TERM <tandrel>\n'
-kill -TERM "$daemon"
+kill -TERM "$daemon" 2>/dev/null
 wait "$daemon"
 status=$?
 [ "$status" -eq 0 ] || fail "the daemon ended with status $status"

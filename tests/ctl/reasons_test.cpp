@@ -142,8 +142,11 @@ TEST_F(Reasons, TheKernelHasNoSuchLink) {
            "");
 }
 
-TEST_F(Reasons, AnEmptyInterfaceNodeWithoutLinkIsNoDifference) {
-    fake_tav::put_node(at("4"));
+TEST_F(Reasons, AnAddressThatIsRemovedWhileItIsReadIsNone) {
+    store("x", "2001:db8::5/64");
+    fake_tav::on_path("get_leaf", at("1/IPv6/Addresses/x/Type/Value")).runs([] {
+        fake_tav::erase(at("1/IPv6/Addresses/x"));
+    });
     EXPECT_TRUE(findings().empty());
 }
 

@@ -97,11 +97,15 @@ TEST_F(Look, LinksThatAreNotSynchronisedAreNamedWhenAskedFor) {
 TEST_F(Look, ALinkThatNobodyUsesCountsOnlyWhenNamed) {
     device.add_veth("eth7", "peer7", sandbox.neighbour()); // down: without addresses
     store.make_interface(1);
+    store.make_interface(6);
     start_daemon_and_wait();
     ASSERT_TRUE(becomes([&] { return in_step(); })) << run({"check"}).output;
-    const result_t named = run({"check", "eth7"});
-    EXPECT_EQ(named.status, 1);
-    EXPECT_TRUE(contains(named.output, "eth7: the store has no node for it (interface 8)"));
+    const result_t without_node = run({"check", "eth7"});
+    EXPECT_EQ(without_node.status, 1);
+    EXPECT_TRUE(contains(without_node.output, "eth7: the store has no node for it (interface 8)"));
+    const result_t without_link = run({"check", "eth5"});
+    EXPECT_EQ(without_link.status, 1);
+    EXPECT_TRUE(contains(without_link.output, "eth5: the kernel has no link eth5"));
 }
 
 TEST_F(Look, ALinkWhoseMtuForbidsIpv6IsSeen) {
