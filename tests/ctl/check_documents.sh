@@ -81,18 +81,36 @@ expect '--from-kernel' tandrelctl import --f
 expect '' tandrelctl nudge ''
 expect ':5/64' tandrelctl address del eth0 2001:db8:
 
-# --- tandrel(8) lists every message up to level 3, and no other
+# --- tandrel(8) lists every message up to level 3 under its level, and no other
 sources=$(cat "$source_dir"/{shell,netlink,store,sync}/*.cpp | tr '\n' ' ' | sed 's/"  *"//g')
-messages=$(grep -oP 'log_(info|notice|warning|error|critical)(_at)?\(\s*([0-3],\s*)?"(\\.|[^"\\])*"' \
-    <<<"$sources" | sed -E 's/^[^"]*"//; s/"$//' | sort -u)
+# shellcheck disable=SC2016 # perl's own variables
+messages=$(perl -ne 'while (/log_(info|notice|warning|error|critical)(_at)?\(\s*(?:([0-3]),\s*)?"((?:\\.|[^"\\])*)"/g) {
+        my $level = $2 ? $3 : $1 =~ /info|notice/ ? 1 : 0; # the latter need any verbosity, or none
+        print "$level $4\n" if defined $level;
+    }' <<<"$sources" | sort -u)
 [ "$(wc -l <<<"$messages")" -ge 50 ] || fail "few messages were found"
-listed=$(sed -n 's/^\.It Li "\(.*\)"$/\1/p' "$daemon_page" | sort -u)
+listed=$(sed -n '/^\.Ss Always/,/^\.Ss Level 4/p' "$daemon_page" | awk '/^\.Ss Always/ { level = 0 } /^\.Ss Level/ { level = $3 + 0 }
+    /^\.It Li "/ { sub(/^\.It Li "/, ""); sub(/"$/, ""); print level " " $0 }' | sort -u)
+[ "$messages" = "$listed" ] ||
+    fail "messages by level differ (<: sources, >: tandrel(8)): $(diff <(echo "$messages") <(echo "$listed"))"
+# What stands in no log: texts on standard error. Those of the log itself and of a backtrace's lines
+# have no text of their own.
+# shellcheck disable=SC2016
+printed=$(perl -ne 'while (/(?:fputs\(|fprintf\(stderr,\s*)"((?:\\.|[^"\\])*?)(?:\\n)?"/g) { print "$1\n" }' <<<"$sources" |
+    grep -E '[A-Za-z]{4}' | sort -u)
+[ "$(wc -l <<<"$printed")" -ge 8 ] || fail "few texts on standard error were found"
 while IFS= read -r message; do
-    grep -qxF -- "$message" <<<"$listed" || fail "tandrel(8) lacks: $message"
-done <<<"$messages"
-while IFS= read -r message; do
-    grep -qF -- "\"$message\"" <<<"$sources" || fail "tandrel(8) tells of a message that is none: $message"
-done <<<"$listed"
+    grep -qF -- "${message%:}" "$daemon_page" || fail "tandrel(8) lacks what is printed: $message"
+done <<<"$printed"
+# An item without words before the list's end, or before a subject of another kind, explains nothing:
+# each list up to level 2 ends with words.
+awk '/^\.Ss Level 3/ { exit } /^\.El/ && before ~ /^\.It/ { print before; bad = 1 } { before = $0 } END { exit bad }' \
+    "$daemon_page" || fail "tandrel(8) does not explain the above"
+signals=$(grep -oE '\bSIG(SEGV|ILL|FPE|PIPE|HUP|INT|QUIT|TERM|[A-Z0-9]+)\b' "$source_dir/shell/signals.cpp" | sort -u)
+[ "$(wc -l <<<"$signals")" -ge 8 ] || fail "few signals were found"
+for signal in $signals; do
+    grep -qE "^\.It Dv .*\b$signal\b" "$daemon_page" || fail "tandrel(8) lacks $signal"
+done
 usage=$(grep -oE '^\\t-[a-zA-Z]|"\\t-[a-zA-Z]' "$source_dir/shell/options.cpp" | grep -oE '[a-zA-Z]$' | sort -u)
 [ -n "$usage" ] || fail "no options were found in the usage text"
 for letter in $usage; do
