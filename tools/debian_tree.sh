@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced, after tools/setup.sh: a clean Debian tree, kept for the next time.
 
 # debian_tree LOG: makes the tree build/cache/debian-tree unless it is there. It holds what the

@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # The story that ./demo tells, inside its namespaces. DEMO_DIR is a directory to work in.
 set -u
 

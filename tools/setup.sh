@@ -1,10 +1,11 @@
-# Sourced by ./demo, ./test and bench/run: installs what is missing and builds. Debian 12.
+# shellcheck shell=bash disable=SC2034
+# Sourced by ./demo, ./test, ./package and bench/run: installs what is missing and builds. Debian 12.
 
 build_packages="g++ cmake ninja-build pkg-config libnl-3-dev libboost-dev libsqlite3-dev libcli11-dev
     nlohmann-json3-dev"
 demo_packages="iproute2 procps radvd"
 test_packages="libgtest-dev clang-format clang-tidy binutils iproute2 procps radvd
-    mandoc groff-base bash-completion python3"
+    mandoc groff-base bash-completion python3 shellcheck"
 fuzz_packages="clang libclang-rt-dev"
 mutate_packages="lld"
 bench_packages="iproute2 binutils valgrind systemd keepalived redis-server libhiredis-dev"

@@ -10,6 +10,7 @@ mount -t tmpfs tmpfs /run/systemd
 install -m 755 tests/package/inside_boot.sh tests/package/expect.sh "$root/packages/"
 chroot "$root" sh -c 'DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends /packages/*.deb' \
     >"$root/../install.log" 2>&1 || { tail -n 20 "$root/../install.log" >&2; exit 1; }
+# shellcheck disable=SC2154 # the caller sets counts
 systemd-nspawn -q -D "$root" --boot --register=no --keep-unit --private-network \
     --console=read-only --bind="$counts:/counts" </dev/null >"$root/../console.log" 2>&1 &
 container=$!

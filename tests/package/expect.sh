@@ -1,3 +1,4 @@
+# shellcheck shell=bash
 # Sourced by the scripts that try the packages: counts what holds and what does not.
 
 passed=0
@@ -28,6 +29,7 @@ eventually() {
 
 not() { ! "$@"; }
 
+# shellcheck disable=SC2154 # the caller sets counts
 # Prints the counts, and appends them to the file that the caller adds up.
 finish() {
     printf '%s %s\n' "$passed" "$failed" >>"$counts"
