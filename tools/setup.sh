@@ -13,7 +13,7 @@ bench_packages="iproute2 binutils valgrind systemd keepalived redis-server libhi
 powerpc_packages="g++-powerpc-linux-gnu qemu-user googletest tcl xz-utils dpkg-dev gcc make"
 board_powerpc_packages="linux-source-6.1 bc flex bison make xz-utils cpio jq qemu-system-ppc"
 board_amd64_packages="cpio jq xz-utils qemu-system-x86"
-package_packages="debhelper dpkg-dev lintian"
+package_packages="build-essential debhelper dpkg-dev lintian"
 
 say() { printf '%s\n' "$*"; }
 die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }

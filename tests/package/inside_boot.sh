@@ -21,6 +21,7 @@ expect "the daemon has one capability" \
 expect "its system calls are filtered" grep -q '^Seccomp:[[:space:]]*2$' "/proc/$(main_pid tandrel)/status"
 expect "the store has none" grep -q '^CapEff:[[:space:]]*0000000000000000$' "/proc/$(main_pid tavd)/status"
 expect "the start is logged once" eventually once "Starting tandrel daemon"
+expect "the store answers" eventually tav ls /
 
 ip link add eth0 type veth peer name peer0
 ip link set eth0 up

@@ -28,6 +28,7 @@ expect "with one capability" grep -q '^CapEff:[[:space:]]*0000000000001000$' "/p
 expect "the service runs as a user of its own" pgrep -u tav -x tavd
 expect "the database is for its user only" test "$(stat -c '%U %a' /var/lib/tav)" = "tav 750"
 
+expect "the store answers" eventually tav ls /
 expect "an interface is added" tandrelctl interface add eth0
 expect "an address is set and arrives in the kernel" tandrelctl address add eth0 "$address" --wait
 expect "ip(8) shows it" eventually has_address
