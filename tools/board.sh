@@ -18,6 +18,9 @@ work=$(mktemp -d)
 trap 'rm -rf "$work" "$setup_log"' EXIT
 mkdir -p "$work/extra/board"
 date +%s >"$work/extra/board/time"
+# What the tests read of the source tree, where they look for it.
+mkdir -p "$work/extra$PWD/packaging"
+cp -r packaging/sysctl.d "$work/extra$PWD/packaging/"
 
 # prepare_BOARD: installs, builds, and sets `kernel`, `machine` (what to start), `console` and
 # `image` (arguments of board_image.sh).
