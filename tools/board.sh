@@ -104,7 +104,7 @@ say "== $board board: testing"
 timeout --foreground "$limit" "${machine[@]}" -accel tcg -m 512 -nographic -no-reboot -nic none \
     -icount shift=0,sleep=off -kernel "$kernel" -initrd "$work/image" \
     -append "console=$console quiet panic=-1" </dev/null 2>&1 |
-    sed -u 's|\r||g' | tee "$work/console" | grep -v --line-buffered '^board: \(pass\|shown\|end$\)'
+    sed -u 's/\r//g; s/\x1b\(c\|\[[?0-9;]*[a-zA-Z]\)//g' | tee "$work/console" | grep -v --line-buffered '^board: \(pass\|shown\|end$\)'
 
 count() { grep -c "^board: $1" "$work/console"; }
 planned=$(sed -n 's/^board: plan //p' "$work/console")

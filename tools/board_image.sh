@@ -16,6 +16,7 @@ mkdir -p "$root"/{board,dev,etc,lib,proc,root,sys,tmp,usr/lib} || exit 1
 printf 'root:x:0:0:root:/root:/bin/false\nnobody:x:65534:65534:nobody:/:/bin/false\n' >"$root/etc/passwd"
 printf 'root:x:0:\ndaemon:x:1:\nbin:x:2:\nnogroup:x:65534:\n' >"$root/etc/group"
 cp -r "$extra/." "$root/"
+chmod 755 "$root"
 
 # Copies an ELF file, stripped of what only a debugger reads, and what it is linked with.
 put() {
