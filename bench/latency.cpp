@@ -153,12 +153,13 @@ latencies_t kernel_to_store(bench::World &world, int samples) {
     return found;
 }
 
-// One request without content and its reply.
+// A read of nothing and its reply.
 double bare_exchange(tav::Connection &connection) {
-    tav::Writer request = connection.request(tav::Op::watchdog_ping);
+    tav::Writer request = connection.request(tav::Op::read);
+    request.u32(0);
     std::string_view reply;
     const time_point begin = clock_type::now();
-    if (!connection.exchange(tav::Op::watchdog_ping, request, reply)) {
+    if (!connection.exchange(tav::Op::read, request, reply)) {
         throw std::runtime_error("the service does not answer");
     }
     return seconds_between(begin, clock_type::now());

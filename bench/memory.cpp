@@ -96,8 +96,8 @@ void print_wakeups(bench::World &world, unsigned minutes) {
     world.stop_daemon();
     bench::table_row({"6. at rest, sleeps a minute", "tandrel",
                       bench::number_text(sleeps / minutes, 1), "", "",
-                      "4 are two waits, each ended by its time limit, and two answers to a ping: " +
-                          bench::verdict(sleeps / minutes / 4, 1)});
+                      "2 are two waits, each ended by its time limit: " +
+                          bench::verdict(sleeps / minutes / 2, 1)});
 }
 
 // Addresses come and go in the kernel, in batches that the daemon can follow.

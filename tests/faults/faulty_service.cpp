@@ -158,17 +158,9 @@ void FaultyService::cut(std::string &reply) {
 
 bool FaultyService::refuse(Session &session, const Request &request, std::string_view body,
                            std::string &reply) {
-    tav::ReplyHeader header{request.header.serial, false};
-    if (request.operation == Operation::events) {
-        return Service::handle(session, body, reply); // has no status
-    }
-    if (request.operation == Operation::ping) {
-        // Whether a wake-up is acknowledged is not the fault's business.
-        if (!Service::handle(session, body, reply)) {
-            return false;
-        }
-        Reader in(std::string_view(reply).substr(tav::length_bytes));
-        get(in, header);
+    const tav::ReplyHeader header{request.header.serial, false};
+    if (request.operation == Operation::events || request.operation == Operation::ping) {
+        return Service::handle(session, body, reply); // the one has no status, the other no reply
     }
     Writer out;
     put(out, header);
@@ -187,9 +179,7 @@ bool FaultyService::refuse(Session &session, const Request &request, std::string
             tav::put_all(out, std::vector<tav::Child>());
         }
     }
-    if (request.operation != Operation::ping) {
-        session.request(now());
-    }
+    session.request(now());
     reply = out.finish();
     return true;
 }

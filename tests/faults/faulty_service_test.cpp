@@ -76,15 +76,6 @@ TEST_F(FaultyServiceTest, ARefusedWriteOrRemovalChangesNothing) {
     EXPECT_EQ(other->get("/n/x"), "1");
 }
 
-TEST_F(FaultyServiceTest, ARefusedPingStillAcknowledgesAWakeUp) {
-    stage("refuse:on=ping");
-    EXPECT_EQ(other->set("/n/x", "1"), api_status_ok);
-    ASSERT_TRUE(becomes_readable(victim->fd()));
-    EXPECT_EQ(victim->ping(), api_status_refused);
-    EXPECT_EQ(victim->ping(), api_status_refused);
-    EXPECT_FALSE(readable(victim->fd()));
-}
-
 TEST_F(FaultyServiceTest, AReplyThatMakesNoSenseEndsTheConnection) {
     for (const char *seed : {"1", "2", "3", "4"}) {
         stage(std::string("garble:on=read:seed=") + seed);

@@ -74,14 +74,15 @@ std::string frame_of(const reply_t &reply, std::uint32_t serial) {
     return big_endian(body.size(), 4) + body;
 }
 
-// Answers each request that is complete.
+// Answers each request that is complete, but for pings.
 void serve(std::string &connection) {
     std::string &request = service().request;
     while (request.size() >= 4 && request.size() - 4 >= number_at(request, 0)) {
         require(number_at(request, 0) >= 5, "a request without a header");
         service().serial = number_at(request, 5);
+        const bool is_ping = static_cast<tav::Op>(request[4]) == tav::Op::watchdog_ping;
         request.erase(0, 4 + number_at(request, 0));
-        if (!service().replies.empty()) {
+        if (!is_ping && !service().replies.empty()) {
             const reply_t reply = service().replies.front();
             service().replies.pop_front();
             connection += frame_of(reply, service().serial);
@@ -133,11 +134,11 @@ ssize_t __wrap_read(int fd, void *buffer, std::size_t size) {
 }
 
 // Where nothing is left the service has gone.
-ssize_t __wrap_recv(int fd, void *buffer, std::size_t size, int) {
+ssize_t __wrap_recv(int fd, void *buffer, std::size_t size, int flags) {
     std::string &stream = stream_of(fd);
     const std::size_t given = std::min({size, service().portion, stream.size()});
     std::memcpy(buffer, stream.data(), given);
-    stream.erase(0, given);
+    stream.erase(0, (flags & MSG_PEEK) != 0 ? 0 : given);
     return static_cast<ssize_t>(given);
 }
 
@@ -202,10 +203,24 @@ private:
 
 const char *const failure = "failed";
 
+// What the library has to know of its connection.
+struct client_t {
+    bool lost = false;
+    bool has_watchdog = false;
+    bool found = false; // the last ping found a wake-up byte, and there was no fetch since
+    std::string behind; // came behind the last reply
+};
+
+// Takes the first frame off what came in; what is behind it comes before the next reply.
+void take_frame(client_t &client, const std::string &bytes) {
+    const std::size_t frame =
+        bytes.size() < 4 ? bytes.size() : 4 + std::size_t{number_at(bytes, 0)};
+    client.behind = bytes.substr(std::min(frame, bytes.size()));
+}
+
 // The content of the reply as the library has to see it; nothing when the connection is lost.
-bool content_of(const reply_t &reply, std::uint32_t serial, const std::string &wake_before,
-                std::string &content) {
-    const std::string bytes = frame_of(reply, serial);
+bool content_of(const reply_t &reply, const std::string &bytes, std::uint32_t serial,
+                const std::string &wake_before, std::string &content) {
     if (bytes.size() < 4) {
         return false;
     }
@@ -384,24 +399,55 @@ std::string expected(call_t which, const std::string &bytes) {
     }
 }
 
-void check_call(toolkit::CTav &tav, call_t which, const reply_t &reply, bool &lost) {
+// A ping has no reply, but the second one in a row that finds a wake-up byte acknowledges it.
+bool is_answered(client_t &client, call_t which, bool readable) {
+    if (which == events_get) {
+        client.found = false;
+    }
+    if (which != watchdog_ping) {
+        return true;
+    }
+    const bool again = readable && client.found;
+    client.found = readable && !again;
+    return again;
+}
+
+std::string expected_of_ping(const client_t &client, bool answered, bool there,
+                             const std::string &content) {
+    const bool fine = !answered || (there && content.empty());
+    return !fine ? failure : client.has_watchdog ? "1\n" : "2\n";
+}
+
+void check_call(toolkit::CTav &tav, call_t which, const reply_t &reply, client_t &client) {
     service().replies = {reply};
     const std::string wake_before = service().wake;
     const std::string text = call(tav, which);
-    if (lost) {
+    if (client.lost) {
         fuzz::require_same(text, failure, "a call on a lost connection");
         return;
     }
+    const bool answered = is_answered(client, which, !wake_before.empty());
     std::string content;
-    const bool there = content_of(reply, service().serial, wake_before, content);
+    bool there = false;
+    if (answered) {
+        const std::string bytes = client.behind + frame_of(reply, service().serial);
+        there = content_of(reply, bytes, service().serial, wake_before, content);
+        take_frame(client, bytes);
+    }
     if (which == dump || which == status) {
         require(there || text == failure, "a call without an answer");
-        lost = text == failure;
+        client.lost = text == failure;
         return;
     }
-    const std::string wanted = there ? expected(which, content) : failure;
+    const std::string wanted = which == watchdog_ping
+                                   ? expected_of_ping(client, answered, there, content)
+                               : there ? expected(which, content)
+                                       : failure;
     fuzz::require_same(text, wanted, "the reply was taken otherwise");
-    lost = wanted == failure;
+    client.lost = wanted == failure;
+    if (which == watchdog_register && wanted == "1\n") {
+        client.has_watchdog = true;
+    }
 }
 
 reply_t take_reply(fuzz::input_t &input) {
@@ -428,16 +474,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     } else {
         service().replies = {{true, false, "", std::string(16, 't')}, {true, false, "", ""}};
     }
+    const std::string hello = frame_of(service().replies.front(), 1);
     toolkit::CTav tav(mlr_init());
-    bool lost = tav.handle == nullptr;
-    require(!lost || (head & 0x80U) != 0, "could not connect");
-    // Of the first replies all bytes are to be taken; what is left is no part of the calls.
-    service().calls.clear();
+    client_t client;
+    client.lost = tav.handle == nullptr;
+    require(!client.lost || (head & 0x80U) != 0, "could not connect");
+    take_frame(client, hello);
     service().wake.clear();
     while (!input.empty()) {
         const auto which = static_cast<call_t>(input.byte() % calls_in_all);
-        check_call(tav, which, take_reply(input), lost);
-        service().calls.clear();
+        check_call(tav, which, take_reply(input), client);
     }
     mlr_close(tav.handle);
     return 0;

@@ -41,7 +41,7 @@ bool Connection::establish(const std::string &path) {
     Writer hello = request(Op::hello);
     put(hello, Hello{magic, protocol_version});
     std::string_view reply;
-    if (!greet(path, hello, calls, reply, deadline)) {
+    if (!greet(path, hello, calls, replies, reply, deadline)) {
         return false;
     }
     Ticket ticket;
@@ -55,7 +55,8 @@ bool Connection::establish(const std::string &path) {
     put(attach, Hello{magic, protocol_version});
     put(attach, ticket);
     UniqueFd second;
-    if (!greet(path, attach, second, reply, deadline)) {
+    FrameStream only_reply(false); // what follows it are wake-ups
+    if (!greet(path, attach, second, only_reply, reply, deadline)) {
         return false;
     }
     if (!reply.empty()) {
@@ -67,13 +68,13 @@ bool Connection::establish(const std::string &path) {
 
 // Makes one connection and the first exchange on it. False after reporting why it failed.
 bool Connection::greet(const std::string &path, Writer &greeting, UniqueFd &socket,
-                       std::string_view &reply, Deadline deadline) {
+                       FrameStream &frames, std::string_view &reply, Deadline deadline) {
     socket = connect_stream(path, deadline);
     if (!socket.valid()) {
         return report_failure(path, std::strerror(errno)); // NOLINT(concurrency-mt-unsafe)
     }
     std::string_view body;
-    const StreamResult result = converse(socket.get(), greeting.finish(), body, deadline);
+    const StreamResult result = converse(socket.get(), frames, greeting.finish(), body, deadline);
     if (result != StreamResult::done) {
         return report_failure(path, describe(result));
     }
@@ -90,16 +91,15 @@ Writer Connection::request(Op op) {
     return writer;
 }
 
-// Sends a frame and receives one, and not one byte more: on the wake-up connection what follows are
-// wake-ups. A service that ends the connection may have said why before, so that what it has sent
-// counts also when nothing can be sent to it any more.
-StreamResult Connection::converse(int fd, const std::string &frame, std::string_view &body,
-                                  Deadline deadline) {
+// Sends a frame and receives one. A service that ends the connection may have said why before, so
+// that what it has sent counts also when nothing can be sent to it any more.
+StreamResult Connection::converse(int fd, FrameStream &frames, const std::string &frame,
+                                  std::string_view &body, Deadline deadline) {
     const StreamResult sent = send_all(fd, frame, deadline);
     if (sent != StreamResult::done && sent != StreamResult::closed) {
         return sent;
     }
-    return receive_frame(fd, received, body, deadline);
+    return frames.receive(fd, body, deadline);
 }
 
 // Checks the header of a reply, drains what it acknowledges, and leaves the content. False with the
@@ -126,7 +126,7 @@ bool Connection::take_reply(std::string_view body, std::string_view &reply, std:
 
 bool Connection::call(const std::string &frame, std::string_view &reply) {
     std::string_view body;
-    const StreamResult result = converse(calls.get(), frame, body, Clock::now() + limit);
+    const StreamResult result = converse(calls.get(), replies, frame, body, Clock::now() + limit);
     if (result != StreamResult::done) {
         lose(describe(result));
         return false;
@@ -144,6 +144,9 @@ bool Connection::exchange(Op op, Writer &request, std::string_view &reply) {
         spare = request.finish();
         const bool answered = !lost && call(spare, reply);
         recycle(spare);
+        if (op == Op::events_get) {
+            wake.fetched();
+        }
         if (answered) {
             return true;
         }
@@ -151,11 +154,46 @@ bool Connection::exchange(Op op, Writer &request, std::string_view &reply) {
         // Out of memory in the middle of a frame: what follows in the stream has no meaning.
         lose("out of memory");
     }
-    if (op == Op::watchdog_ping) {
-        wake.failed_ping();
-    } else if (op == Op::events_get) {
-        wake.failed_fetch();
+    return false;
+}
+
+bool Connection::ping() {
+    const bool sent = !lost && send_ping();
+    if (wake.is_left_alone()) {
+        Writer acknowledgement = request(Op::wake_acknowledge);
+        std::string_view reply;
+        if (!exchange(Op::wake_acknowledge, acknowledgement, reply)) {
+            // This is the first ping of the lost connection.
+            static_cast<void>(wake.is_left_alone());
+        } else if (!reply.empty()) {
+            malformed();
+        }
     }
+    return sent && !lost;
+}
+
+bool Connection::send_ping() {
+    const Clock::time_point now = Clock::now();
+    // Nothing but this tells of a service that hangs while there is nothing to ask it for.
+    if (now > last_ping + limit && unread_bytes(calls.get()) > 0) {
+        lose(describe(StreamResult::timed_out));
+        return false;
+    }
+    last_ping = now;
+    spare = request(Op::watchdog_ping).finish();
+    StreamResult result = send_all(calls.get(), spare, now + limit);
+    recycle(spare);
+    if (result == StreamResult::done) {
+        return true;
+    }
+    std::string why = describe(result);
+    std::string_view body;
+    if (result == StreamResult::closed &&
+        replies.receive(calls.get(), body, now) == StreamResult::done) {
+        std::string_view reply;
+        take_reply(body, reply, why);
+    }
+    lose(why.c_str());
     return false;
 }
 

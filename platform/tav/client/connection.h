@@ -40,16 +40,23 @@ public:
     TAV_EXPORT bool exchange(Op op, Writer &request, std::string_view &reply);
     // Ends the connection because a reply made no sense.
     TAV_EXPORT void malformed();
+    // Tells the service that the client is alive. There is no reply, and no wait for one, unless a
+    // wake-up that the program leaves alone is to be acknowledged. False when the connection is
+    // lost, also because the service did not take the last ping within the time limit.
+    TAV_EXPORT bool ping();
+    // Whether the service knows this client by a watchdog: for the answer to a ping.
+    bool has_watchdog = false;
 
 private:
     explicit Connection(std::chrono::milliseconds call_limit) : limit(call_limit) {}
 
     bool establish(const std::string &path);
-    StreamResult converse(int fd, const std::string &frame, std::string_view &body,
-                          Deadline deadline);
-    bool greet(const std::string &path, Writer &greeting, UniqueFd &socket, std::string_view &reply,
-               Deadline deadline);
+    static StreamResult converse(int fd, FrameStream &frames, const std::string &frame,
+                                 std::string_view &body, Deadline deadline);
+    bool greet(const std::string &path, Writer &greeting, UniqueFd &socket, FrameStream &frames,
+               std::string_view &reply, Deadline deadline);
     bool call(const std::string &frame, std::string_view &reply);
+    bool send_ping();
     bool take_reply(std::string_view body, std::string_view &reply, std::string &why);
     void lose(const char *why);
 
@@ -58,8 +65,9 @@ private:
     Descriptor wake;
     bool lost = false;
     std::uint32_t serial = 0;
-    std::string received;
-    std::string spare; // the last request, whose memory the next one uses
+    FrameStream replies{true};
+    Deadline last_ping{}; // when it was sent
+    std::string spare;    // the last request, whose memory the next one uses
 };
 
 } // namespace tav

@@ -27,6 +27,7 @@ void Descriptor::lose() {
         return;
     }
     lost = true;
+    attention.reset();
     // dup3 closes the socket and keeps its number; it can fail here only transiently.
     while (::dup3(standin.get(), socket.get(), O_CLOEXEC) < 0 &&
            (errno == EINTR || errno == EBUSY)) {
@@ -34,18 +35,18 @@ void Descriptor::lose() {
     standin.reset();
 }
 
-void Descriptor::failed_ping() {
+bool Descriptor::is_left_alone() {
     if (!lost) {
-        return;
+        char byte = 0;
+        return attention.is_missing(::recv(socket.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) == 1);
     }
-    if (!pinged) {
-        pinged = true;
-        return;
+    if (attention.is_missing(true)) {
+        std::uint64_t value = 0;
+        // Fails when it is silent already, which is as good.
+        const ssize_t got = ::read(socket.get(), &value, sizeof value);
+        static_cast<void>(got);
     }
-    std::uint64_t value = 0;
-    // Fails when it is silent already, which is as good.
-    const ssize_t got = ::read(socket.get(), &value, sizeof value);
-    static_cast<void>(got);
+    return false;
 }
 
 } // namespace tav

@@ -7,6 +7,24 @@
 
 namespace tav {
 
+// Whether a program leaves alone what the descriptor shows it. Between two pings it has waited: was
+// the descriptor readable at both, then the wait said so.
+class Attention {
+public:
+    // A ping is made. True when it is the second one in a row that finds the descriptor readable.
+    bool is_missing(bool readable) {
+        const bool again = readable && pinged;
+        pinged = readable && !again;
+        return again;
+    }
+    // A fetch was made, or tried; or what is shown is another thing now.
+    void reset() { pinged = false; }
+    bool state() const { return pinged; }
+
+private:
+    bool pinged = false; // the last ping found it readable
+};
+
 class Descriptor {
 public:
     // Everything that losing the connection will need is acquired here, so that loss cannot fail.
@@ -25,17 +43,17 @@ public:
     // The connection is lost: the socket is closed, and its number becomes a readable descriptor
     // that has nothing to do with the service any more. Later calls do nothing.
     void lose();
-    // A ping was made that failed. The second one in a row silences the descriptor: the program was
-    // shown it readable between the two and did not fetch, so it must be free to wait for others.
-    void failed_ping();
-    // A fetch was made that failed: the program has been told.
-    void failed_fetch() { pinged = false; }
+    // A ping is made. True when the program leaves the wake-up byte alone, so that it is to be
+    // acknowledged. Of a lost connection the descriptor falls silent then, and this is false.
+    bool is_left_alone();
+    // A fetch was made, or tried.
+    void fetched() { attention.reset(); }
 
 private:
     UniqueFd socket;
     UniqueFd standin;
     bool lost = false;
-    bool pinged = false;
+    Attention attention;
 };
 
 } // namespace tav

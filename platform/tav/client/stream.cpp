@@ -1,6 +1,8 @@
 #include "client/stream.h"
 
+#include <linux/sockios.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -42,32 +44,12 @@ bool again(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
 }
 
-// Receives exactly `wanted` bytes behind what `buffer` holds. Grows the buffer with what arrives,
-// not with what is announced.
-StreamResult receive_exactly(int fd, std::string &buffer, std::size_t wanted,
-                             Clock::time_point deadline) {
-    constexpr std::size_t step = std::size_t{256} << 10;
-    while (wanted > 0) {
-        const std::size_t before = buffer.size();
-        const std::size_t room = std::min(wanted, step);
-        buffer.resize(before + room);
-        const ssize_t got = ::recv(fd, &buffer[before], room, MSG_DONTWAIT);
-        const int error = errno;
-        buffer.resize(before + (got > 0 ? static_cast<std::size_t>(got) : 0));
-        if (got > 0) {
-            wanted -= static_cast<std::size_t>(got);
-        } else if (got == 0 || (got < 0 && error == ECONNRESET)) {
-            return StreamResult::closed;
-        } else if (again(error)) {
-            if (!wait_for(fd, POLLIN, deadline)) {
-                return StreamResult::timed_out;
-            }
-        } else if (error != EINTR) {
-            errno = error;
-            return StreamResult::failed;
-        }
+// Of a frame of which only the beginning has arrived: its length, or what follows it.
+std::size_t missing_bytes(std::string_view beginning) {
+    if (beginning.size() < length_bytes) {
+        return length_bytes - beginning.size();
     }
-    return StreamResult::done;
+    return length_bytes + Reader(beginning).u32() - beginning.size();
 }
 
 } // namespace
@@ -120,27 +102,58 @@ StreamResult send_all(int fd, std::string_view bytes, Clock::time_point deadline
     return StreamResult::done;
 }
 
-StreamResult receive_frame(int fd, std::string &buffer, std::string_view &body,
-                           Clock::time_point deadline) {
-    recycle(buffer);
+// The buffer keeps its memory, but for that of the rare frame that is large.
+void FrameStream::discard_last() {
+    constexpr std::size_t keep = std::size_t{256} << 10;
+    buffer.erase(0, taken);
+    filled -= taken;
+    taken = 0;
+    if (filled == 0 && buffer.size() > keep) {
+        buffer.clear();
+        buffer.shrink_to_fit();
+    }
+}
+
+// Grows the buffer with what arrives, not with what is announced.
+void FrameStream::make_room() {
+    constexpr std::size_t least = 4096;
+    if (filled == buffer.size()) {
+        buffer.resize(std::max(least, 2 * buffer.size()));
+    }
+}
+
+StreamResult FrameStream::receive(int fd, std::string_view &body, Clock::time_point deadline) {
+    discard_last();
+    FrameState state = FrameState::incomplete;
     // A receive that waits by itself is woken once more, when the other side takes the request.
-    if (!wait_for(fd, POLLIN, deadline)) {
-        return StreamResult::timed_out;
+    bool wait = true;
+    while ((state = next_frame(arrived(), body)) == FrameState::incomplete) {
+        if (wait && !wait_for(fd, POLLIN, deadline)) {
+            return StreamResult::timed_out;
+        }
+        make_room();
+        const std::size_t room = buffer.size() - filled;
+        const std::size_t wanted = reads_ahead ? room : std::min(room, missing_bytes(arrived()));
+        const ssize_t got = ::recv(fd, &buffer[filled], wanted, MSG_DONTWAIT);
+        if (got == 0 || (got < 0 && errno == ECONNRESET)) {
+            return StreamResult::closed;
+        }
+        if (got < 0 && !again(errno) && errno != EINTR) {
+            return StreamResult::failed;
+        }
+        wait = got < 0;
+        filled += got > 0 ? static_cast<std::size_t>(got) : 0;
     }
-    StreamResult result = receive_exactly(fd, buffer, length_bytes, deadline);
-    if (result != StreamResult::done) {
-        return result;
-    }
-    Reader length(buffer);
-    const std::size_t announced = length.u32();
-    if (next_frame(buffer, body) == FrameState::too_large) {
+    if (state == FrameState::too_large) {
         return StreamResult::too_large;
     }
-    result = receive_exactly(fd, buffer, announced, deadline);
-    if (result == StreamResult::done) {
-        next_frame(buffer, body);
-    }
-    return result;
+    taken = length_bytes + body.size();
+    return StreamResult::done;
+}
+
+std::size_t unread_bytes(int fd) {
+    int bytes = 0;
+    return ::ioctl(fd, SIOCOUTQ, &bytes) == 0 && bytes > 0 ? static_cast<std::size_t>(bytes) : 0;
 }
 
 const char *describe(StreamResult result) {

@@ -22,10 +22,30 @@ UniqueFd connect_stream(const std::string &path, std::chrono::steady_clock::time
 StreamResult send_all(int fd, std::string_view bytes,
                       std::chrono::steady_clock::time_point deadline);
 
-// Receives exactly one frame into `buffer` (which it replaces); `body` is its content. Bytes behind
-// the frame are not read.
-StreamResult receive_frame(int fd, std::string &buffer, std::string_view &body,
-                           std::chrono::steady_clock::time_point deadline);
+// The frames that come in on one connection.
+class FrameStream {
+public:
+    // `ahead`: a receive takes what there is, so that one is enough for a frame. Otherwise not one
+    // byte behind a frame is received.
+    explicit FrameStream(bool ahead) : reads_ahead(ahead) {}
+
+    // Waits for the next frame; `body` is its content, valid until the next call.
+    StreamResult receive(int fd, std::string_view &body,
+                         std::chrono::steady_clock::time_point deadline);
+
+private:
+    void discard_last();
+    void make_room();
+    std::string_view arrived() const { return std::string_view(buffer).substr(0, filled); }
+
+    bool reads_ahead;
+    std::string buffer;
+    std::size_t filled = 0; // bytes of the buffer that were received, ...
+    std::size_t taken = 0;  // ... and of these the frame that was given last
+};
+
+// Bytes that were sent and that the other side has not received; 0 when that is not known.
+std::size_t unread_bytes(int fd);
 
 // A sentence for a report.
 const char *describe(StreamResult result);

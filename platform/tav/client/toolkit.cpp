@@ -209,6 +209,7 @@ int CTav::watchdog_register(api_status_t &status, const tk_string &name, int per
                                          [&answer](Reader &reader) { tav::get(reader, answer); });
     if (result == call_done) {
         status = answer;
+        connection->has_watchdog = answer == api_status_ok ? enabled : connection->has_watchdog;
     }
     return result;
 }
@@ -219,14 +220,11 @@ int CTav::watchdog_ping(api_status_t &status) {
     if (connection == nullptr) {
         return call_failed;
     }
-    Writer request = connection->request(Op::watchdog_ping);
-    api_status_t answer = api_status_none;
-    const int result = tav::perform(*connection, Op::watchdog_ping, request,
-                                    [&answer](Reader &reader) { tav::get(reader, answer); });
-    if (result == call_done) {
-        status = answer;
+    if (!connection->ping()) {
+        return call_failed;
     }
-    return result;
+    status = connection->has_watchdog ? api_status_ok : api_status_absent;
+    return call_done;
 }
 
 } // namespace toolkit

@@ -14,7 +14,7 @@ constexpr const char *socket_variable = "TAV_SOCKET";
 
 // First bytes of each connection's first frame, so that a stranger is recognised.
 constexpr std::uint32_t magic = 0x54415631; // "TAV1"
-constexpr std::uint32_t protocol_version = 1;
+constexpr std::uint32_t protocol_version = 2;
 
 // A frame: its length without these four bytes, most significant byte first, then the body.
 constexpr std::size_t length_bytes = 4;
@@ -34,9 +34,10 @@ enum class Op : std::uint8_t {
     event_register = 6,
     events_get = 7,
     watchdog_register = 8,
-    watchdog_ping = 9,
+    watchdog_ping = 9, // has no reply
     dump = 10,
     status = 11,
+    wake_acknowledge = 12, // the program was shown the wake-up byte and leaves its events alone
 };
 
 // The steps a transaction is made of.
@@ -56,8 +57,9 @@ constexpr char wake_byte = 'w';
 // A client that has not opened both of its connections within this time is disconnected.
 constexpr std::chrono::milliseconds greeting_time{5000};
 
-// After a wake-up that only a ping acknowledged the next one waits this long; after a request other
-// than a ping the next one waits until this long has passed without another request, or ping, ...
+// After a wake-up that was acknowledged without a fetch the next one waits this long; after a
+// request other than a ping the next one waits until this long has passed without another request,
+// or ping, ...
 constexpr std::chrono::milliseconds wake_pause{50};
 // ... but an event never waits longer than this for its wake-up on account of requests.
 constexpr std::chrono::milliseconds wake_wait_limit{1000};

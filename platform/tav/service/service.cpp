@@ -57,11 +57,22 @@ bool Service::handle(Session &session, std::string_view body, std::string &reply
     if (!in.ok()) {
         return false;
     }
+    if (header.op == Op::watchdog_ping) {
+        if (!in.finished()) {
+            return false;
+        }
+        // Without a reply: the client goes on at once, and nobody is woken.
+        const Time now = clock();
+        session.ping(now);
+        dog.ping(session.ticket().session, now);
+        reply.clear();
+        return true;
+    }
     Writer out(std::move(reply));
     const auto answer = [&out, &header](bool drain) {
         put(out, ReplyHeader{header.serial, drain});
     };
-    // Fetch and ping acknowledge wake-ups, each by its own rule; all other requests count as work.
+    // Fetch and acknowledgement have rules of their own; all other requests count as work.
     if (header.op == Op::events_get) {
         if (!in.finished()) {
             return false;
@@ -70,13 +81,11 @@ bool Service::handle(Session &session, std::string_view body, std::string &reply
         const std::vector<Event> events = session.fetch(clock(), drain);
         answer(drain);
         put_all(out, events);
-    } else if (header.op == Op::watchdog_ping) {
+    } else if (header.op == Op::wake_acknowledge) {
         if (!in.finished()) {
             return false;
         }
-        const Time now = clock();
-        answer(session.ping(now));
-        put(out, dog.ping(session.ticket().session, now));
+        answer(session.acknowledge(clock()));
     } else {
         answer(false);
         if (!dispatch(session, header.op, in, out)) {

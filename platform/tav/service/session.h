@@ -32,7 +32,8 @@ public:
 
     // The client's requests, after they were carried out; see Wake.
     void request(Time now) { wake.request(now, !queue.empty()); }
-    bool ping(Time now) { return wake.ping(now); }
+    void ping(Time now) { wake.ping(now); }
+    bool acknowledge(Time now) { return wake.acknowledge(now); }
     std::vector<Event> fetch(Time now, bool &drain);
 
     std::optional<Time> wake_due() const { return wake.due(); }

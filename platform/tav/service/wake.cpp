@@ -23,29 +23,26 @@ void Wake::request(Time now, bool unfetched) {
     }
 }
 
-bool Wake::ping(Time now) {
-    if (!outstanding) {
-        if (wanted_since && last_request) {
-            // Still serving what its last synchronisation brought about: a slow client takes
-            // longer than the pause for that, and each of its turns begins with a ping.
-            last_request = now;
-        }
-        return false;
+void Wake::ping(Time now) {
+    if (wanted_since && last_request) {
+        // Still serving what its last synchronisation brought about: a slow client takes longer
+        // than the pause for that, and each of its turns begins with a ping.
+        last_request = now;
     }
-    if (!seen_by_ping) {
-        seen_by_ping = true;
+}
+
+bool Wake::acknowledge(Time now) {
+    if (!outstanding) {
         return false;
     }
     outstanding = false;
-    seen_by_ping = false;
-    ping_acknowledged = now;
+    acknowledged = now;
     return true;
 }
 
 bool Wake::fetch(Time now) {
     const bool drain = outstanding;
     outstanding = false;
-    seen_by_ping = false;
     wanted_since.reset();
     last_request = now;
     return drain;
@@ -60,15 +57,14 @@ std::optional<Time> Wake::due() const {
         // A client that is busy with its last synchronisation is left alone, though not for ever.
         due = std::max(due, std::min(*last_request + wake_pause, *wanted_since + wake_wait_limit));
     }
-    if (ping_acknowledged) {
-        due = std::max(due, *ping_acknowledged + wake_pause);
+    if (acknowledged) {
+        due = std::max(due, *acknowledged + wake_pause);
     }
     return due;
 }
 
 void Wake::sent() {
     outstanding = true;
-    seen_by_ping = false;
     wanted_since.reset();
 }
 

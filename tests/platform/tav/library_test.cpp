@@ -28,7 +28,7 @@ protected:
         Client client;
         ASSERT_TRUE(client.connected());
         api_status_t status = api_status_ok;
-        EXPECT_LT(client.tav.watchdog_ping(status), 0);
+        EXPECT_LT(client.tav.watchdog_register(status, "x", 1, true), 0);
         EXPECT_EQ(status, api_status_none);
         std::vector<toolkit::CEvent> events;
         EXPECT_LT(client.tav.events_get(events), 0);
@@ -72,7 +72,59 @@ TEST_F(LibraryTest, AReplyThatDoesNotAcknowledgeLeavesTheByte) {
         calls.closed();
     });
     Client client;
-    EXPECT_EQ(client.ping(), api_status_ok);
+    EXPECT_EQ(client.watch("/a"), api_status_ok);
+    EXPECT_TRUE(readable(client.fd()));
+    client.close();
+}
+
+TEST_F(LibraryTest, APingIsNotAnsweredAndAcknowledgesWhatTwoOfThemFound) {
+    std::vector<tav::Op> asked;
+    auto fake = std::make_unique<FakeService>(socket, [&asked](RawPeer &calls, RawPeer &wake) {
+        const auto take = [&] {
+            const std::string body = calls.receive();
+            tav::Reader reader(body);
+            tav::RequestHeader header;
+            get(reader, header);
+            asked.push_back(header.op);
+            return header.serial;
+        };
+        wake.send(std::string(1, tav::wake_byte));
+        calls.send(reply_frame(take(), false, put_status));
+        take();
+        take();
+        calls.send(reply_frame(take(), true));
+        take();
+        calls.closed();
+    });
+    Client client;
+    EXPECT_EQ(client.watch("/a"), api_status_ok); // the byte is there then
+    client.ping();
+    EXPECT_TRUE(readable(client.fd())) << "no wait saw it for sure";
+    client.ping();
+    EXPECT_FALSE(readable(client.fd()));
+    client.ping();
+    client.close();
+    fake.reset(); // it has taken the last one, too
+    const auto ping = tav::Op::watchdog_ping;
+    EXPECT_EQ(asked, (std::vector<tav::Op>{tav::Op::event_register, ping, ping,
+                                           tav::Op::wake_acknowledge, ping}));
+}
+
+TEST_F(LibraryTest, AFetchBetweenTwoPingsKeepsTheNextByte) {
+    FakeService fake(socket, [](RawPeer &calls, RawPeer &wake) {
+        wake.send(std::string(2, tav::wake_byte)); // the second one stands for a later event
+        calls.receive();
+        const std::uint32_t serial = serial_of(calls.receive());
+        calls.send(reply_frame(serial, true, [](Writer &out) {
+            put_all(out, std::vector<tav::Event>{{mlr_event_set, "/a"}});
+        }));
+        calls.closed();
+    });
+    Client client;
+    ASSERT_TRUE(becomes_readable(client.fd()));
+    client.ping();
+    client.fetch();
+    client.ping();
     EXPECT_TRUE(readable(client.fd()));
     client.close();
 }

@@ -1,16 +1,18 @@
 // Every interleaving of a small world: a client that waits, pings, fetches and works as the
-// library's users do, a writer, the passing of time, and the service's wake-up rules, the real
-// ones.
+// library's users do, a writer, the passing of time, and the wake-up rules of service and library,
+// the real ones.
 //
 // The service handles a request at one moment; the reply reaches the client at a later one, and
-// anything may happen in between. The client is in normal operation (it fetches whenever its wait
-// saw the descriptor readable) or in discovery (it leaves events unfetched); it may pass from
-// discovery to normal operation once, which it begins with a request.
+// anything may happen in between. Pings have no reply: the client goes on, and the service handles
+// them some time before the next request. The client is in normal operation (it fetches whenever
+// its wait saw the descriptor readable) or in discovery (it leaves events unfetched); it may pass
+// from discovery to normal operation once, which it begins with a request.
 #include <gtest/gtest.h>
 
 #include <set>
 #include <vector>
 
+#include "client/descriptor.h"
 #include "protocol/protocol.h"
 #include "service/wake.h"
 
@@ -21,8 +23,9 @@ namespace {
 
 enum class Phase {
     waiting,       // in select
-    pinging,       // the ping is on its way
-    ping_answered, // its reply is on its way
+    pinging,       // the wait is over
+    acknowledging, // the request is on its way
+    acknowledged,  // the reply is on its way
     fetching,
     fetch_answered,
     requesting, // any other request
@@ -43,17 +46,19 @@ struct World {
     int pending = 0; // events in the client's queue
     int bytes = 0;   // in the wake-up connection
     Phase phase = Phase::waiting;
+    int pings = 0; // on their way
+    Attention attention;
     bool saw = false;      // the last wait saw the descriptor readable
     bool drain = false;    // the reply on its way says so
     int shown = 0;         // waits that saw the present byte
     int silent_since = -1; // events wait and the descriptor is silent; -1: not so
-    int acknowledged = -1; // when a ping acknowledged a byte
+    int acknowledged = -1; // when a byte was acknowledged without a fetch
 
     Time now() const { return Time(milliseconds(1000000 + time)); }
     auto key() const {
         return std::make_tuple(wake.state(), time, events, short_ticks, long_ticks, other_readiness,
-                               requests, discovery, resuming, pending, bytes, phase, saw, drain,
-                               shown, silent_since, acknowledged);
+                               requests, discovery, resuming, pending, bytes, phase, pings,
+                               attention.state(), saw, drain, shown, silent_since, acknowledged);
     }
 };
 
@@ -127,10 +132,16 @@ private:
             World next = world;
             next.wake.sent();
             ++next.bytes;
-            // (b) After an acknowledgement by a ping the next one takes its time.
+            // (b) After an acknowledgement without a fetch the next one takes its time.
             if (next.acknowledged >= 0) {
                 EXPECT_GE(next.time - next.acknowledged, wake_pause.count());
             }
+            visit(next);
+        }
+        if (world.pings > 0) {
+            World next = world;
+            --next.pings;
+            next.wake.ping(next.now());
             visit(next);
         }
         if (world.discovery && world.phase == Phase::waiting) {
@@ -158,37 +169,55 @@ private:
             next.phase = Phase::pinging;
             break;
         case Phase::pinging:
-            next.drain = next.wake.ping(next.now());
-            if (next.drain) {
-                next.acknowledged = next.time;
+            ++next.pings;
+            if (next.attention.is_missing(world.bytes > 0)) {
+                next.phase = Phase::acknowledging;
+                break;
             }
-            next.phase = Phase::ping_answered;
-            break;
-        case Phase::ping_answered:
+            after_ping(next);
+            return;
+        case Phase::acknowledged:
             take_reply(next);
-            if (world.saw && !world.discovery) {
-                next.phase = Phase::fetching;
-            } else {
-                go_on(next);
-                return;
-            }
-            break;
-        case Phase::fetching:
-            next.drain = next.wake.fetch(next.now());
-            next.pending = 0;
-            next.phase = Phase::fetch_answered;
-            break;
+            after_ping(next);
+            return;
         case Phase::fetch_answered:
             take_reply(next);
+            next.attention.reset();
             go_on(next);
             return;
-        case Phase::requesting:
-            next.wake.request(next.now(), next.pending > 0);
-            next.resuming = false;
-            next.phase = Phase::waiting;
-            break;
+        default:
+            if (world.pings > 0) {
+                return; // are handled first
+            }
+            handle_request(next);
         }
         visit(next);
+    }
+
+    static void handle_request(World &world) {
+        if (world.phase == Phase::acknowledging) {
+            world.drain = world.wake.acknowledge(world.now());
+            EXPECT_TRUE(world.drain) << "the byte that the ping found was acknowledged before";
+            world.acknowledged = world.time;
+            world.phase = Phase::acknowledged;
+        } else if (world.phase == Phase::fetching) {
+            world.drain = world.wake.fetch(world.now());
+            world.pending = 0;
+            world.phase = Phase::fetch_answered;
+        } else {
+            world.wake.request(world.now(), world.pending > 0);
+            world.resuming = false;
+            world.phase = Phase::waiting;
+        }
+    }
+
+    void after_ping(World world) {
+        if (!world.saw || world.discovery) {
+            go_on(world);
+            return;
+        }
+        world.phase = Phase::fetching;
+        visit(world);
     }
 
     static void take_reply(World &world) {

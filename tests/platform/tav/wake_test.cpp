@@ -65,33 +65,22 @@ TEST_F(WakeTest, AFetchAcknowledgesAndDrainsExactlyTheByteThatWasSent) {
     EXPECT_FALSE(wake.fetch(now));
 }
 
-TEST_F(WakeTest, APingAcknowledgesOnlyAByteThatThePreviousPingSaw) {
-    EXPECT_FALSE(wake.ping(now));
+TEST_F(WakeTest, APingLeavesTheByteAndAnAcknowledgementTakesIt) {
+    EXPECT_FALSE(wake.acknowledge(now)) << "nothing was sent yet";
     wake.event(now);
     send();
-    EXPECT_FALSE(wake.ping(now));
+    wake.ping(now);
+    wake.ping(now);
     EXPECT_TRUE(wake.signalled());
-    EXPECT_TRUE(wake.ping(now));
+    EXPECT_TRUE(wake.acknowledge(now));
     EXPECT_FALSE(wake.signalled());
-    EXPECT_FALSE(wake.ping(now));
+    EXPECT_FALSE(wake.acknowledge(now));
 }
 
-TEST_F(WakeTest, APingBeforeAFetchDoesNotCountForTheNextByte) {
+TEST_F(WakeTest, AfterAnAcknowledgementWithoutAFetchTheNextByteWaits50Milliseconds) {
     wake.event(now);
     send();
-    EXPECT_FALSE(wake.ping(now));
-    EXPECT_TRUE(wake.fetch(now));
-    pass(100);
-    wake.event(now);
-    send();
-    EXPECT_FALSE(wake.ping(now));
-}
-
-TEST_F(WakeTest, AfterAnAcknowledgementByPingTheNextByteWaits50Milliseconds) {
-    wake.event(now);
-    send();
-    wake.ping(now);
-    wake.ping(now);
+    wake.acknowledge(now);
     wake.event(now);
     EXPECT_EQ(wait(), 50);
     pass(20);
@@ -99,21 +88,19 @@ TEST_F(WakeTest, AfterAnAcknowledgementByPingTheNextByteWaits50Milliseconds) {
     EXPECT_EQ(wait(), 30);
 }
 
-TEST_F(WakeTest, WithoutANewEventNothingFollowsAnAcknowledgementByPing) {
+TEST_F(WakeTest, WithoutANewEventNothingFollowsAnAcknowledgement) {
     wake.event(now);
     send();
-    wake.ping(now);
-    wake.ping(now);
+    wake.acknowledge(now);
     EXPECT_EQ(wait(), -1);
-    EXPECT_FALSE(wake.ping(now));
+    wake.ping(now);
     EXPECT_EQ(wait(), -1) << "a ping is no request";
 }
 
-TEST_F(WakeTest, ARequestOtherThanAPingSignalsAgainWhatOnlyPingsAcknowledged) {
+TEST_F(WakeTest, ARequestSignalsAgainWhatWasOnlyAcknowledged) {
     wake.event(now);
     send();
-    wake.ping(now);
-    wake.ping(now);
+    wake.acknowledge(now);
     pass(500);
     wake.request(now, true);
     EXPECT_EQ(wait(), 50);
