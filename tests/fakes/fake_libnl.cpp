@@ -17,6 +17,7 @@
 #include <netlink/netlink.h>
 #include <netlink/socket.h>
 
+#include "fakes/fake_memory.h"
 #include "fakes/log_capture.h"
 
 // The library's two opaque types, as this fake has them.
@@ -144,6 +145,10 @@ std::size_t queued() {
     return inside().receptions.size();
 }
 
+void drop_datagrams() {
+    inside().receptions.clear();
+}
+
 } // namespace fake_libnl
 
 using namespace fake_libnl; // NOLINT(google-build-using-namespace)
@@ -151,6 +156,7 @@ using namespace fake_libnl; // NOLINT(google-build-using-namespace)
 extern "C" {
 
 nl_sock *nl_socket_alloc() {
+    const fake_memory::spare spare;
     journal::add("nl_socket_alloc()");
     if (state().failing_socket_allocs > 0) {
         --state().failing_socket_allocs;
@@ -162,6 +168,7 @@ nl_sock *nl_socket_alloc() {
 }
 
 void nl_socket_free(nl_sock *socket) {
+    const fake_memory::spare spare;
     journal::add("nl_socket_free()");
     if (socket == nullptr) {
         return; // as the library does
@@ -174,12 +181,14 @@ void nl_socket_free(nl_sock *socket) {
 }
 
 int nl_connect(nl_sock *socket, int protocol) {
+    const fake_memory::spare spare;
     journal::add("nl_connect(" + number(protocol) + ")");
     expect_alive(socket, "nl_connect");
     return answer(state().connect, 0);
 }
 
 int nl_socket_add_memberships(nl_sock *socket, int group, ...) {
+    const fake_memory::spare spare;
     std::string groups;
     va_list args;
     va_start(args, group);
@@ -193,17 +202,20 @@ int nl_socket_add_memberships(nl_sock *socket, int group, ...) {
 }
 
 int nl_socket_set_nonblocking(const nl_sock *socket) {
+    const fake_memory::spare spare;
     journal::add("nl_socket_set_nonblocking()");
     expect_alive(socket, "nl_socket_set_nonblocking");
     return answer(state().set_nonblocking, 0);
 }
 
 int nl_socket_get_fd(const nl_sock *socket) {
+    const fake_memory::spare spare;
     expect_alive(socket, "nl_socket_get_fd");
     return answer(state().get_fd, state().fd);
 }
 
 int nl_send_simple(nl_sock *socket, int type, int flags, void *data, size_t size) {
+    const fake_memory::spare spare;
     const message_t sent{type, flags, bytes_of(data, size)};
     journal::add("nl_send_simple(" + number(type) + ", " + number(flags) + ", " + hex(sent.body) +
                  ")");
@@ -216,6 +228,7 @@ int nl_send_simple(nl_sock *socket, int type, int flags, void *data, size_t size
 }
 
 int nl_recv(nl_sock *socket, sockaddr_nl *peer, unsigned char **buffer, ucred **credentials) {
+    const fake_memory::spare spare;
     journal::add("nl_recv()");
     expect_alive(socket, "nl_recv");
     EXPECT_NE(peer, nullptr);
@@ -234,6 +247,7 @@ int nl_recv(nl_sock *socket, sockaddr_nl *peer, unsigned char **buffer, ucred **
 }
 
 nl_msg *nlmsg_alloc_simple(int type, int flags) {
+    const fake_memory::spare spare;
     journal::add("nlmsg_alloc_simple(" + number(type) + ", " + number(flags) + ")");
     if (state().failing_message_allocs > 0) {
         --state().failing_message_allocs;
@@ -246,6 +260,7 @@ nl_msg *nlmsg_alloc_simple(int type, int flags) {
 }
 
 void nlmsg_free(nl_msg *message) {
+    const fake_memory::spare spare;
     journal::add("nlmsg_free()");
     if (message == nullptr) {
         return; // as the library does
@@ -258,6 +273,7 @@ void nlmsg_free(nl_msg *message) {
 }
 
 int nlmsg_append(nl_msg *message, void *data, size_t size, int pad) {
+    const fake_memory::spare spare;
     journal::add("nlmsg_append(" + hex(bytes_of(data, size)) + ", " + number(pad) + ")");
     expect_alive(message, "nlmsg_append");
     const int result = answer(state().append, 0);
@@ -268,6 +284,7 @@ int nlmsg_append(nl_msg *message, void *data, size_t size, int pad) {
 }
 
 int nla_put(nl_msg *message, int type, int size, const void *data) {
+    const fake_memory::spare spare;
     const auto length = static_cast<std::size_t>(size);
     journal::add("nla_put(" + number(type) + ", " + hex(bytes_of(data, length)) + ")");
     expect_alive(message, "nla_put");
@@ -282,6 +299,7 @@ int nla_put(nl_msg *message, int type, int size, const void *data) {
 }
 
 int nl_send_auto_complete(nl_sock *socket, nl_msg *message) {
+    const fake_memory::spare spare;
     journal::add("nl_send_auto_complete(" + number(message->content.type) + ")");
     expect_alive(socket, "nl_send_auto_complete");
     expect_alive(message, "nl_send_auto_complete");

@@ -68,6 +68,8 @@ void queue_recv_result(int result);
 // Datagrams and results that were not asked for yet. With none left nl_recv gives -4, as the
 // library does on an empty non-blocking socket.
 std::size_t queued();
+// Forgets them, as a socket does that is closed.
+void drop_datagrams();
 
 // Puts a datagram together, message after message. Lengths are right unless set_... is used.
 class datagram_t {

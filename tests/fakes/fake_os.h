@@ -2,7 +2,8 @@
 // through to the real one, unrecorded, until a test arms it; from then on it is entered in the
 // journal as "name(arguments)" and gives the results laid ready.
 //
-// syslog, openlog and closelog never reach the real ones: see log_capture.h.
+// syslog, openlog and closelog never reach the real ones: see log_capture.h. Nor does alarm, which
+// is always entered as "alarm(<seconds>)": a test process would die of it later.
 #pragma once
 
 #include <chrono>
@@ -56,6 +57,10 @@ public:
     select_script_t &ready(std::vector<int> descriptors, std::function<void()> before = nullptr);
     select_script_t &timeout(std::function<void()> before = nullptr);
     select_script_t &fail(int error, std::function<void()> before = nullptr);
+    // Every call is answered by this function instead: it fills in what the call finds readable and
+    // returns 0, or returns the errno value with which the call fails.
+    using answer_t = std::function<int(const select_call_t &, std::vector<int> &)>;
+    void answered_by(answer_t function);
     // Without a step: any call is one too many.
     void arm() { is_armed = true; }
     // Steps left over.
@@ -74,6 +79,7 @@ private:
     };
     bool is_armed = false;
     unsigned exhausted = 0; // calls without a step
+    answer_t answer;
     std::deque<step_t> steps;
     std::vector<select_call_t> made;
 };

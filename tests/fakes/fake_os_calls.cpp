@@ -22,6 +22,7 @@
 
 #include <tav/mlr.h>
 
+#include "fakes/fake_memory.h"
 #include "fakes/log_capture.h"
 #include "shell/signals.h"
 
@@ -73,6 +74,7 @@ int __wrap_select(int nfds, fd_set *reads, fd_set *writes, fd_set *excepts, time
     if (!state().select.armed()) {
         return __real_select(nfds, reads, writes, excepts, timeout);
     }
+    const fake_memory::spare spare;
     fake_os::select_call_t call;
     call.nfds = nfds;
     for (int fd = 0; reads != nullptr && fd < FD_SETSIZE; ++fd) {
@@ -119,6 +121,12 @@ int __wrap_sched_setscheduler(pid_t pid, int policy, const sched_param *param) {
     return static_cast<int>(
         called(stub, "sched_setscheduler",
                joined(text_of(pid), text_of(policy), text_of(param->sched_priority))));
+}
+
+unsigned int __wrap_alarm(unsigned int seconds);
+unsigned int __wrap_alarm(unsigned int seconds) {
+    journal::add("alarm(" + text_of(seconds) + ")");
+    return 0;
 }
 
 int __real_setuid(uid_t uid);

@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "fakes/fake_memory.h"
 #include "fakes/fake_tav_tree.h"
 #include "fakes/log_capture.h"
 
@@ -271,6 +272,7 @@ using namespace fake_tav; // NOLINT(google-build-using-namespace)
 extern "C" {
 
 mlr_client_t *mlr_init() {
+    const fake_memory::spare spare;
     journal::add("mlr_init()");
     if (state().failing_inits > 0) {
         --state().failing_inits;
@@ -283,6 +285,7 @@ mlr_client_t *mlr_init() {
 }
 
 int mlr_get_fd(const mlr_client_t *client) {
+    const fake_memory::spare spare;
     if (client == nullptr) {
         return -1;
     }
@@ -291,6 +294,7 @@ int mlr_get_fd(const mlr_client_t *client) {
 }
 
 void mlr_close(mlr_client_t *client) {
+    const fake_memory::spare spare;
     journal::add("mlr_close()");
     if (client == nullptr) {
         return; // as the library does
@@ -305,6 +309,7 @@ namespace toolkit {
 
 int CTav::get_leaf(const tk_string &path, api_status_t &status, CElement &value,
                    element_property_t &property) {
+    const fake_memory::spare spare;
     const arrival_t arrival({"get_leaf", {path}, {}, {}, "", handle});
     if (arrival.replaced()) {
         arrival.give(status);
@@ -319,6 +324,7 @@ int CTav::get_leaf(const tk_string &path, api_status_t &status, CElement &value,
 
 int CTav::get_leaves(const std::vector<tk_string> &paths, std::vector<api_status_t> &statuses,
                      std::vector<CElement> &values, std::vector<element_property_t> &properties) {
+    const fake_memory::spare spare;
     const arrival_t arrival({"get_leaves", paths, {}, {}, "", handle});
     if (arrival.replaced()) {
         if (arrival.give(statuses, paths.size())) {
@@ -342,6 +348,7 @@ int CTav::get_leaves(const std::vector<tk_string> &paths, std::vector<api_status
 }
 
 int CTav::list_node(const tk_string &path, api_status_t &status, std::vector<child_t> &children) {
+    const fake_memory::spare spare;
     const arrival_t arrival({"list_node", {path}, {}, {}, "", handle});
     if (arrival.replaced()) {
         arrival.give(status);
@@ -365,6 +372,7 @@ int CTav::list_node(const tk_string &path, api_status_t &status, std::vector<chi
 
 int CTav::set_leaf(const tk_string &path, const CElement &value, api_status_t &status,
                    mlr_tribool_t flag, const tk_string &reserved) {
+    const fake_memory::spare spare;
     const arrival_t arrival({"set_leaf", {path}, {value}, {flag}, reserved, handle});
     if (arrival.replaced()) {
         arrival.give(status);
@@ -377,6 +385,7 @@ int CTav::set_leaf(const tk_string &path, const CElement &value, api_status_t &s
 int CTav::set_leaves(const std::vector<tk_string> &paths, const std::vector<CElement> &values,
                      const std::vector<mlr_tribool_t> &flags, std::vector<api_status_t> &statuses,
                      const tk_string &reserved) {
+    const fake_memory::spare spare;
     const arrival_t arrival({"set_leaves", paths, values, flags, reserved, handle});
     EXPECT_EQ(paths.size(), values.size());
     EXPECT_EQ(paths.size(), flags.size());
@@ -395,6 +404,7 @@ int CTav::set_leaves(const std::vector<tk_string> &paths, const std::vector<CEle
 }
 
 int CTav::remove_node(const tk_string &path, api_status_t &status, const tk_string &reserved) {
+    const fake_memory::spare spare;
     const arrival_t arrival({"remove_node", {path}, {}, {}, reserved, handle});
     if (arrival.replaced()) {
         arrival.give(status);
@@ -406,6 +416,7 @@ int CTav::remove_node(const tk_string &path, api_status_t &status, const tk_stri
 
 int CTav::event_register(const tk_string &path, api_event_t event, bool own_changes,
                          api_status_t &status) {
+    const fake_memory::spare spare;
     const arrival_t arrival({"event_register", {path}, {}, {}, "", handle},
                             path + ", " + std::to_string(event) + ", " +
                                 (own_changes ? "true" : "false"));
@@ -418,6 +429,7 @@ int CTav::event_register(const tk_string &path, api_event_t event, bool own_chan
 }
 
 int CTav::events_get(std::vector<CEvent> &events) {
+    const fake_memory::spare spare;
     const arrival_t arrival({"events_get", {}, {}, {}, "", handle});
     EXPECT_TRUE(events.empty()) << "events_get into a vector that holds events";
     if (arrival.replaced() && arrival.result() <= 0) {
@@ -434,6 +446,7 @@ int CTav::events_get(std::vector<CEvent> &events) {
 }
 
 int CTav::watchdog_register(api_status_t &status, const tk_string &name, int period, bool enabled) {
+    const fake_memory::spare spare;
     const arrival_t arrival({"watchdog_register", {}, {}, {}, "", handle},
                             name + ", " + std::to_string(period) + ", " +
                                 (enabled ? "true" : "false"));
@@ -446,6 +459,7 @@ int CTav::watchdog_register(api_status_t &status, const tk_string &name, int per
 }
 
 int CTav::watchdog_ping(api_status_t &status) {
+    const fake_memory::spare spare;
     const arrival_t arrival({"watchdog_ping", {}, {}, {}, "", handle});
     if (arrival.replaced()) {
         arrival.give(status);

@@ -12,6 +12,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "fakes/fake_memory.h"
 #include "shell/signals.h"
 
 // Where the sanitizers report to; absent in a plain build.
@@ -22,6 +23,11 @@ namespace {
 std::vector<std::string> &journal_entries() {
     static std::vector<std::string> entries;
     return entries;
+}
+
+std::function<void()> &journal_observer() {
+    static std::function<void()> observer;
+    return observer;
 }
 
 std::vector<log_line_t> &log_lines() {
@@ -93,6 +99,7 @@ void __wrap_closelog() {
 }
 
 void __wrap_syslog(int priority, const char *format, ...) {
+    const fake_memory::spare spare;
     std::array<char, 16384> text{};
     va_list args;
     va_start(args, format);
@@ -110,7 +117,17 @@ void __wrap_syslog(int priority, const char *format, ...) {
 namespace journal {
 
 void add(std::string entry) {
+    const fake_memory::spare spare;
     journal_entries().push_back(std::move(entry));
+    if (journal_observer()) {
+        const auto observer = std::exchange(journal_observer(), nullptr);
+        observer();
+        journal_observer() = observer;
+    }
+}
+
+void on_add(std::function<void()> observer) {
+    journal_observer() = std::move(observer);
 }
 
 const std::vector<std::string> &entries() {
@@ -209,6 +226,7 @@ reset_hook::reset_hook(void (*reset)()) {
 
 void reset_all() {
     captured::on_log(nullptr);
+    journal::on_add(nullptr);
     for (const auto &reset : reset_functions()) {
         reset();
     }

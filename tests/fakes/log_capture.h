@@ -27,6 +27,8 @@ std::size_t count(const std::string &start);
 // The entries that begin with `start`, in order.
 std::vector<std::string> matching(const std::string &start);
 void clear();
+// Runs behind each entry that is made; what it enters itself does not make it run again.
+void on_add(std::function<void()> observer);
 
 } // namespace journal
 

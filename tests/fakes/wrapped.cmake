@@ -5,7 +5,7 @@ set(wrapped_calls
   select syslog openlog closelog
   setpriority sched_setscheduler setuid getuid getpwnam
   fork wait waitpid setsid chdir umask open dup close
-  pipe sigaction write backtrace backtrace_symbols abort exit _exit
+  pipe sigaction write alarm backtrace backtrace_symbols abort exit _exit
   setsockopt inet_ntop free mlr_init
   _ZNSt6chrono3_V212steady_clock3nowEv)
 list(TRANSFORM wrapped_calls PREPEND "-Wl,--wrap=")

@@ -1,0 +1,69 @@
+// The whole daemon, from its entry point to its end, over a small kernel and a small store that
+// remember what it does to them: every run of it that is disturbed must leave both as one that was
+// not.
+#pragma once
+
+#include <functional>
+#include <set>
+#include <string>
+#include <tuple>
+#include <vector>
+
+// The daemon's main, under the name that it is compiled with here.
+int tandrel_main(int argc, char *argv[]);
+
+// Fresh fakes with everything armed that a run calls. The kernel has eth0 (index 3) and eth1 (4),
+// the store the interfaces 1 to 3; a synchronisation has something to do in both directions. Lives
+// inside a DaemonTest; building another one begins anew.
+class WholeDaemon {
+public:
+    WholeDaemon();
+
+    // Runs when the daemon waits and nothing is left to be told; asks it to end unless replaced.
+    std::function<void()> when_idle;
+    // Runs before each datagram that the daemon finds: with the request that it answers (18 links,
+    // 22 addresses, 26 routes) and whether it is the last answer to it.
+    std::function<void(int, bool)> before_answer;
+    // Whether a select that a termination signal meets fails with EINTR; it finds the exit pipe
+    // readable otherwise, as one does that begins just behind the signal.
+    bool interrupts = true;
+
+    // Runs tandrel_main with these arguments: how it ended ("returned", "exit", ...) and its
+    // status.
+    struct end_t {
+        std::string how;
+        int status = 0;
+    };
+    end_t run(std::vector<std::string> arguments = {"-d", "-D", "4"});
+
+    // What the kernel has now: "3 2001:db8::5/64", "3 via fe80::1", in alphabetical order.
+    std::vector<std::string> kernel();
+    // What the store has: "1 office 2001:db8::6/48 Static", "1 via fe80::9", in alphabetical order.
+    // The daemon is free in the choice of a node's name: those of its choice, all under interface
+    // 2, are given as "*".
+    static std::vector<std::string> store();
+    // Sockets, messages and store connections that were opened and not released.
+    static int unreleased();
+
+private:
+    struct kernel_address_t {
+        int ifindex;
+        std::string text;
+        int length;
+        int scope;
+        bool operator<(const kernel_address_t &other) const {
+            return std::tie(ifindex, text, length) <
+                   std::tie(other.ifindex, other.text, other.length);
+        }
+    };
+
+    int select(long seconds, std::vector<int> &ready);
+    void answer_requests();
+    void follow_changes();
+
+    std::set<kernel_address_t> addresses;
+    std::set<std::pair<int, std::string>> gateways;
+    std::size_t requests_answered = 0, changes_followed = 0;
+    std::vector<int> answering; // the requests whose answers are queued
+    bool exit_was_requested = false;
+};
