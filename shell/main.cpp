@@ -8,6 +8,8 @@
 #include "shell/signals.h"
 
 int main(int argc, char *argv[]) {
+    // The exit pipe must not be closed as a standard descriptor when the process detaches.
+    occupy_standard_descriptors();
     register_handlers();
     if (!parse_options(argc, argv)) {
         return 1;

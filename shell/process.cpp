@@ -41,6 +41,15 @@ int leave_surroundings() {
 
 } // namespace
 
+void occupy_standard_descriptors() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (fcntl(fd, F_GETFD) == -1) {
+            // The lowest free descriptor is taken: this one. What cannot be opened stays as it was.
+            open("/dev/null", O_RDWR);
+        }
+    }
+}
+
 int daemonize() {
     const pid_t child = fork();
     if (child == -1) {

@@ -5,6 +5,10 @@
 
 #include "shell/options.h"
 
+// Opens /dev/null in the place of each of the descriptors 0 to 2 that the process was started
+// without: whatever is opened later must not be taken for one of them.
+void occupy_standard_descriptors();
+
 // Detaches by forking twice. Returns 0 in the surviving process and non-zero on failure; the
 // invoking process returns only on failure and otherwise exits with status 0.
 int daemonize();

@@ -18,6 +18,7 @@ namespace {
 constexpr int handled_signals[] = {SIGSEGV, SIGILL, SIGFPE,  SIGPIPE,
                                    SIGHUP,  SIGINT, SIGQUIT, SIGTERM};
 constexpr int max_frames = 512;
+constexpr unsigned int fault_seconds = 10;
 
 void install(void (*handler)(int)) {
     // No SA_RESTART: a signal must end the select that it interrupts.
@@ -26,6 +27,15 @@ void install(void (*handler)(int)) {
     for (const int signal : handled_signals) {
         sigaction(signal, &action, nullptr);
     }
+}
+
+// The interrupted code may hold a lock that the reports of a fault wait for, that of the system log
+// or of standard error. The process ends then all the same.
+void abort_unless_done_in_time() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { std::abort(); };
+    sigaction(SIGALRM, &action, nullptr);
+    alarm(fault_seconds);
 }
 
 struct free_deleter {
@@ -81,14 +91,17 @@ void signal_handler(int signal) {
         return;
     }
     case SIGILL:
+        abort_unless_done_in_time();
         std::fputs("Illegal Instruction\n", stderr);
         syslog(LOG_CRIT, "Illegal Instruction");
         print_backtrace();
     case SIGFPE:
+        abort_unless_done_in_time();
         std::fputs("FP Exception\n", stderr);
         syslog(LOG_CRIT, "FP Exception");
         print_backtrace();
     case SIGSEGV:
+        abort_unless_done_in_time();
         std::fputs("Segmentation Fault\n", stderr);
         syslog(LOG_CRIT, "Segmentation Fault");
         print_backtrace();

@@ -115,15 +115,14 @@ constexpr std::size_t initial_buckets = 10;
 // Calls visit(value) for every entry, bucket by bucket; stops early when visit returns true.
 // unordered_map's own iterators follow the order of insertion instead.
 template <typename Map, typename Visit>
-bool visit_in_bucket_order(Map &map, const Visit &visit) {
+void visit_in_bucket_order(Map &map, const Visit &visit) {
     for (std::size_t bucket = 0; bucket < map.bucket_count(); ++bucket) {
         for (auto entry = map.begin(bucket); entry != map.end(bucket); ++entry) {
             if (visit(entry->second)) {
-                return true;
+                return;
             }
         }
     }
-    return false;
 }
 
 // The first value whose interface bears the name, in bucket order; null when there is none.

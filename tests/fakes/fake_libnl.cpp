@@ -18,6 +18,7 @@
 #include <netlink/socket.h>
 
 #include "fakes/fake_memory.h"
+#include "fakes/fake_os.h"
 #include "fakes/log_capture.h"
 
 // The library's two opaque types, as this fake has them.
@@ -242,6 +243,9 @@ int nl_recv(nl_sock *socket, sockaddr_nl *peer, unsigned char **buffer, ucred **
     if (next.result > 0) {
         *buffer = static_cast<unsigned char *>(std::malloc(next.datagram.size()));
         std::memcpy(*buffer, next.datagram.data(), next.datagram.size());
+        if (state().watch_datagrams) {
+            fake_os::watch_free(*buffer);
+        }
     }
     return next.result;
 }

@@ -50,6 +50,9 @@ struct state_t {
     // What nl_socket_get_fd gives otherwise.
     int fd = 70;
 
+    // Set to have the release of each datagram entered in the journal (see fake_os::watch_free).
+    bool watch_datagrams = false;
+
     // What was sent: dump requests by nl_send_simple, changes by nl_send_auto_complete. A send that
     // was made to fail is not among them.
     std::vector<message_t> requests;

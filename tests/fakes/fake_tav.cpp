@@ -116,6 +116,9 @@ public:
     }
     // The element that replaces a value which the call had no reason to give.
     void fill(CElement &value) const { value = injection->filling().get_value_or(value); }
+    void fill(std::vector<toolkit::child_t> &children) const {
+        children.insert(children.end(), injection->listing().begin(), injection->listing().end());
+    }
     void shorten(std::vector<api_status_t> &statuses) const {
         if (injection != nullptr) {
             shorten(statuses, injection->most_statuses());
@@ -159,6 +162,11 @@ injection_t &injection_t::statuses(std::vector<int> values) {
 
 injection_t &injection_t::fills(CElement value) {
     element = std::move(value);
+    return *this;
+}
+
+injection_t &injection_t::lists(std::vector<toolkit::child_t> children) {
+    listed = std::move(children);
     return *this;
 }
 
@@ -352,6 +360,7 @@ int CTav::list_node(const tk_string &path, api_status_t &status, std::vector<chi
     const arrival_t arrival({"list_node", {path}, {}, {}, "", handle});
     if (arrival.replaced()) {
         arrival.give(status);
+        arrival.fill(children);
         return arrival.result();
     }
     children.clear();

@@ -42,6 +42,8 @@ public:
     injection_t &statuses(std::vector<int> values);
     // Beside injected statuses of a read: its values are this element, whatever the statuses say.
     injection_t &fills(toolkit::CElement value);
+    // Beside injected statuses of a listing: its children, whatever the statuses say.
+    injection_t &lists(std::vector<toolkit::child_t> children);
     // The call does its work, and then the vector of statuses, or that of values, keeps so many
     // items at most.
     injection_t &shortens_statuses(std::size_t items);
@@ -55,6 +57,7 @@ public:
     bool has_statuses() const { return !status_values.empty(); }
     api_status_t status(std::size_t i) const;
     const boost::optional<toolkit::CElement> &filling() const { return element; }
+    const std::vector<toolkit::child_t> &listing() const { return listed; }
     std::size_t most_statuses() const { return status_limit; }
     std::size_t most_values() const { return value_limit; }
 
@@ -64,6 +67,7 @@ private:
     boost::optional<int> result;
     std::vector<int> status_values;
     boost::optional<toolkit::CElement> element;
+    std::vector<toolkit::child_t> listed;
     std::size_t status_limit = no_limit, value_limit = no_limit;
     std::function<void()> before;
 };

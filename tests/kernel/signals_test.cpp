@@ -1,5 +1,11 @@
 // Termination signals, faults, and what they leave in the log.
 
+#include <cstdio>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 #include "harness/world.h"
 
 namespace {
@@ -95,6 +101,42 @@ TEST_F(SignalTest, SigillPrintsABacktraceThatNamesListenAndAborts) {
 }
 TEST_F(SignalTest, SigfpePrintsABacktraceThatNamesListenAndAborts) {
     crashes_on(SIGFPE, "FP Exception");
+}
+
+// A fault of the engine's own, deep in a synchronisation.
+TEST_F(SignalTest, ABacktraceNamesTheFunctionsOfTheEngineThatLedToTheFault) {
+    start_daemon({"-d", "-D", "4"}, kt::preloaded({{"KT_CRASH_ON", "list"}}));
+    ASSERT_EQ(daemon->wait_killed(), SIGABRT) << log().tail(20);
+    const std::size_t from = log().wait_for("Segmentation Fault");
+    ASSERT_NE(from, 0U);
+    for (const std::string function :
+         {"CSync::read_all_tav_ipv6_settings()", "CSync::sync_all()", "CSync::listen()"}) {
+        EXPECT_EQ(log().count_containing("]  " + function, from), 1U) << log().tail(30);
+        EXPECT_NE(sandbox.syslog().wait_for_containing("]  " + function), 0U);
+    }
+}
+
+// The fault's own report of it would wait for ever for the lock that the interrupted report holds.
+TEST_F(SignalTest, AFaultInTheMidstOfAReportToTheSystemLogEndsTheDaemonAllTheSame) {
+    // A log socket that nobody reads: after some reports the next one waits.
+    ASSERT_EQ(std::rename("/dev/log", "/dev/log.of-the-test"), 0);
+    const int unread = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const sockaddr_un address{AF_UNIX, "/dev/log"};
+    ASSERT_EQ(bind(unread, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    start_daemon();
+    std::size_t lines = 0;
+    ASSERT_TRUE(kt::eventually([&] {
+        const std::size_t before = lines;
+        lines = log().size();
+        const std::string stat = kt::read_file("/proc/" + std::to_string(daemon->pid()) + "/stat");
+        // It sleeps behind a line, before it could get to wait for anything else.
+        return lines > 0 && lines == before && stat.find(") S") != std::string::npos &&
+               log().lines().back().text != "Info: Entering select()...";
+    })) << log().tail(20);
+    daemon->signal(SIGSEGV);
+    EXPECT_EQ(daemon->wait_killed(), SIGABRT);
+    EXPECT_EQ(log().lines().back().text, "Segmentation Fault");
+    EXPECT_EQ(close(unread), 0);
 }
 
 TEST_F(SignalTest, ASecondTerminationSignalChangesNothing) {

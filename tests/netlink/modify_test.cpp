@@ -165,6 +165,14 @@ TEST_F(Modify, EachRequestIsAllocatedFilledSentAndFreedInThisOrder) {
     }
 }
 
+TEST_F(Modify, WhateverNumberOfBytesWasSentIsASuccess) {
+    for (const int sent : {1, 2, 1000}) {
+        fake_libnl::state().send_auto_complete.then(sent).then(sent);
+        EXPECT_NO_THROW(channel.modify_route(route_of(2, "fe80::1"), true)) << sent;
+        EXPECT_NO_THROW(channel.modify_addr(address_of(3, "2001:db8::5", 64, 0), true)) << sent;
+    }
+}
+
 TEST_F(Modify, SuccessLogsNothing) {
     verbosity = 9;
     fake_libnl::state().send_auto_complete.then(1);

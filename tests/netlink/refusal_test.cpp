@@ -89,6 +89,16 @@ TEST_F(Refusal, IsNotAnAcknowledgement) {
     EXPECT_FALSE(decoded(whole));
 }
 
+TEST_F(Refusal, StandsInAnErrorMessageAlone) {
+    for (const int type : {NLMSG_OVERRUN, NLMSG_NOOP, NLMSG_DONE, int{RTM_NEWADDR}}) {
+        bytes_t other = datagram_t().error(-EEXIST, addr_request(true));
+        ASSERT_TRUE(decoded(other));
+        const auto number = static_cast<std::uint16_t>(type);
+        std::memcpy(other.data() + offsetof(nlmsghdr, nlmsg_type), &number, sizeof number);
+        EXPECT_FALSE(decoded(other)) << type;
+    }
+}
+
 TEST_F(Refusal, OfWhichTheKernelKeptTheRequestBackTellsNothing) {
     for (const auto &request : {route_request(true), addr_request(true)}) {
         bytes_t capped = datagram_t().error(-EEXIST, request);

@@ -101,6 +101,21 @@ TEST_F(Main, InstallsTheHandlersBeforeParsingAndRestoresThemAfterTheRunLoop) {
     EXPECT_LT(restored, journal::find("close(80)"));
 }
 
+TEST_F(Main, OccupiesAMissingStandardDescriptorBeforeTheExitPipeCouldTakeItsPlace) {
+    os.close.clear();
+    os.dup.clear();
+    const int kept = dup(STDIN_FILENO);
+    ASSERT_EQ(close(STDIN_FILENO), 0);
+    os.close.returns(0);
+    run({"-d"});
+    os.close.clear();
+    EXPECT_EQ(dup2(kept, STDIN_FILENO), STDIN_FILENO);
+    close(kept);
+    EXPECT_EQ(journal::find("open(/dev/null, 2)"), 0U);
+    EXPECT_EQ(journal::find("pipe()"), 1U);
+    EXPECT_EQ(journal::count("open("), 1U);
+}
+
 TEST_F(Main, DetachesBeforeItOpensTheLog) {
     EXPECT_EQ(run({}), 0);
     EXPECT_EQ(

@@ -7,7 +7,9 @@
 
 #include <fcntl.h>
 #include <sched.h>
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include "fakes/fake_os.h"
 #include "fakes/log_capture.h"
@@ -62,6 +64,46 @@ TEST_F(Process, UserThatIsRefusedIsAnErrorAtEveryVerbosity) {
     expect_logged_at(0, LOG_ERR, "Error: Can't setuid(1000)", [] { switch_user(1000); });
     expect_logged_at(0, LOG_ERR, "Error: Can't setuid(4294967294)",
                      [] { switch_user(4294967294U); });
+}
+
+// The standard descriptors, of which this process lends one.
+
+class StandardDescriptors : public DaemonTest, public ::testing::WithParamInterface<int> {
+protected:
+    StandardDescriptors() : kept(fcntl(GetParam(), F_DUPFD_CLOEXEC, 100)) {
+        EXPECT_GE(kept, 0);
+        EXPECT_EQ(close(GetParam()), 0);
+    }
+    ~StandardDescriptors() override {
+        EXPECT_EQ(dup2(kept, GetParam()), GetParam());
+        EXPECT_EQ(close(kept), 0);
+    }
+    const int kept;
+};
+
+TEST_P(StandardDescriptors, ThatIsMissingIsOccupiedByTheNullDevice) {
+    occupy_standard_descriptors();
+    struct stat there {};
+    struct stat null {};
+    EXPECT_EQ(fstat(GetParam(), &there), 0);
+    EXPECT_EQ(stat("/dev/null", &null), 0);
+    EXPECT_EQ(there.st_rdev, null.st_rdev);
+    EXPECT_EQ(fcntl(GetParam(), F_GETFL) & O_ACCMODE, O_RDWR);
+}
+
+TEST_P(StandardDescriptors, ThatIsMissingStaysSoWithoutANullDevice) {
+    fake_os::state().open.returns(-1, ENOENT);
+    occupy_standard_descriptors();
+    EXPECT_EQ(fcntl(GetParam(), F_GETFD), -1);
+    EXPECT_EQ(journal::entries(), entries_t{"open(/dev/null, " + std::to_string(O_RDWR) + ")"});
+}
+
+INSTANTIATE_TEST_SUITE_P(All, StandardDescriptors, ::testing::Values(0, 1, 2));
+
+TEST_F(Process, StandardDescriptorsThatAreThereStayAsTheyAre) {
+    fake_os::state().open.returns(0);
+    occupy_standard_descriptors();
+    EXPECT_TRUE(journal::entries().empty());
 }
 
 // Daemonising, seen from each of the three processes.

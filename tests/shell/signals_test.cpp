@@ -187,6 +187,39 @@ TEST_F(Backtrace, FaultsAreNamedOnStandardErrorAndInTheSystemLogAndEndInAbort) {
     }
 }
 
+// What the fault interrupted may hold a lock for which its report waits.
+TEST_F(Backtrace, AFaultsReportIsGivenTenSecondsAndThenAbortedAnyway) {
+    for (const int signal : {SIGILL, SIGFPE, SIGSEGV}) {
+        fake_os::state().sigaction.returns(0);
+        journal::clear();
+        arm({"[0x7ffd]"});
+        fake_os::ending_of([signal] {
+            signal_handler(signal);
+            return 0;
+        });
+        ASSERT_GE(journal::entries().size(), 3U);
+        EXPECT_EQ(journal::entries()[0], "sigaction(14, another, 0, empty)");
+        EXPECT_EQ(journal::entries()[1], "alarm(10)");
+        EXPECT_EQ(journal::find("log 2 "), 2U);
+    }
+
+    fake_os::state().sigaction.clear();
+    arm({"[0x7ffd]"});
+    fake_os::ending_of([] {
+        signal_handler(SIGSEGV);
+        return 0;
+    });
+    struct sigaction in_force {};
+    ASSERT_EQ(sigaction(SIGALRM, nullptr, &in_force), 0);
+    ASSERT_EQ(::signal(SIGALRM, SIG_DFL), in_force.sa_handler);
+    ASSERT_NE(in_force.sa_handler, SIG_DFL);
+    EXPECT_EQ(fake_os::ending_of([&in_force] {
+                  in_force.sa_handler(SIGALRM);
+                  return 0;
+              }).how,
+              "abort");
+}
+
 // The system log may be what fails or hangs.
 TEST_F(Backtrace, EveryTextIsOnStandardErrorBeforeItIsInTheSystemLog) {
     for (const int signal : {SIGILL, SIGFPE, SIGSEGV}) {

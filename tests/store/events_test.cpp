@@ -88,6 +88,7 @@ TEST_F(StoreEvents, OnAnythingElseAreLoggedAndPassedOver) {
          "Ignoring TAV update to non-value attribute '" + at("1/IPv6/Addresses/7/Address/value") +
              "'"},
         {at("1/IPv6/Addresses/7/Label/Value"), 2, "Ignoring unknown sub-address path '/Label'"},
+        {at("1/IPv6/Addresses/7//Value"), 2, "Ignoring unknown sub-address path '/'"},
         {at("1/IPv6/Addresses/7/type/Value"), 2, "Ignoring unknown sub-address path '/type'"},
         {at("1/IPv6/Addresses/7/Label/Time"), 2,
          "Ignoring TAV update to non-value attribute '" + at("1/IPv6/Addresses/7/Label/Time") +

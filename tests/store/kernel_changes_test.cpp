@@ -57,6 +57,13 @@ protected:
     }
 };
 
+TEST_F(RemoveKernelRoute, OfAnUnknownInterfaceDoesNothing) {
+    engine().remove_kern_route_from_tav(kern_route(6, "fe80::1"));
+    engine().remove_kern_addr_from_tav(kern_addr(6, "2001:db8::5", 64));
+    EXPECT_EQ(effects(), strings{});
+    EXPECT_EQ(gateway(5), "fe80::1");
+}
+
 TEST_F(RemoveKernelRoute, TakesTheGatewayOutOfStoreAndTable) {
     engine().remove_kern_route_from_tav(kern_route(5, "fe80::1"));
     EXPECT_EQ(effects(), strings{"remove_node(~/1/IPv6/Default Gateway)"});

@@ -266,6 +266,18 @@ TEST_F(ReadAddresses, AreNoneWhereTheStoreHasNoSuchNode) {
                      [this] { read(); });
 }
 
+// Whatever stands in the listing of a store that has no such node, or refuses to list it.
+TEST_F(ReadAddresses, AreNoneWhateverARefusedListingHolds) {
+    store(1, "7", "2001:db8::5/64", "Static");
+    for (const int status : {0, 2, 5}) {
+        fake_tav::on_call("list_node")
+            .statuses({status})
+            .lists({{"7", {element_type_node, element_property_none}}});
+        EXPECT_TRUE(engine().read_tav_ipv6_addrs(ipv6).empty()) << status;
+    }
+    EXPECT_EQ(fake_tav::calls("get_leaves").size(), 0U);
+}
+
 TEST_F(ReadAddresses, LogTheListingAtLevelFour) {
     store(1, "9", "2001:db8::9/64", "Static");
     expect_logged_at(4, 6, "Info: Discovering TAV addresses on '" + ipv6 + "'", [this] { read(); });

@@ -203,6 +203,23 @@ TEST_F(Dispatch, AFailingReadIsTheCallersConcern) {
     EXPECT_EQ(lines(), strings{"recv: nl_recv(): -5"});
 }
 
+TEST_F(Dispatch, FreesEachDatagramAlsoWhenItsHandlerThrows) {
+    fake_libnl::state().watch_datagrams = true;
+    for (const int type : {16, 17, 19, 20, 21, 24, 25, 18, 26}) {
+        forget();
+        receive(other(type));
+        EXPECT_EQ(journal::count("free(watched)"), 1U) << type;
+    }
+    forget();
+    receive(datagram_t().error(-16, {18, 257, {}}));
+    EXPECT_EQ(journal::count("free(watched)"), 1U);
+    forget();
+    engine().state = 1;
+    fake_libnl::state().send_simple.then(-5);
+    EXPECT_THROW(receive(datagram_t().done()), netlink_err);
+    EXPECT_EQ(journal::count("free(watched)"), 1U);
+}
+
 TEST_F(Dispatch, ReadsOneDatagramAtATime) {
     fake_libnl::queue_datagram(datagram_t().address(20, 3, "2001:db8::5", 64));
     fake_libnl::queue_datagram(datagram_t().address(20, 3, "2001:db8::6", 64));

@@ -2,6 +2,7 @@
 // takes them over, and what the daemon names itself keeps clear of them. Without that, the
 // link-local address of a first start was written over a user's address stored under the name 1,
 // and a kernel that lists its addresses in another order had the nodes overwritten crosswise.
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -327,6 +328,40 @@ TEST_F(NodeNames, TwentyRestartsLeaveTheStoreAsItIs) {
     }
 }
 
+// Names that only look like the daemon's own keep no number from being given.
+TEST_F(NodeNames, ThatAreNoPlainNumbersOccupyNone) {
+    const struct {
+        const char *name;
+        int number; // that a careless reading takes it for
+    } names[] = {{":", 10}, {"1.", 8}, {"18446744073709551617", 1}, {"18446744073709551618", 2},
+                 {"03", 3}, {"", 0}};
+    for (const auto &one : names) {
+        restart_with_eth0(1);
+        ifcfg_t &link = entry(3);
+        link.listed_nodes = {one.name};
+        for (int number = 1; number < one.number; ++number) {
+            link.listed_nodes.insert(std::to_string(number));
+        }
+        engine().add_kern_addr(kern_addr(3, "2001:db8::5", 64));
+        EXPECT_EQ(table(3),
+                  strings{"2001:db8::5/64 Automatic " + std::to_string(std::max(one.number, 1))})
+            << one.name;
+    }
+}
+
+TEST_F(NodeNames, ThatAreLargerThanAllThatCanBeGivenAreOfNoConcern) {
+    for (int listed = 1; listed < 200; ++listed) {
+        restart_with_eth0(1);
+        ifcfg_t &link = entry(3);
+        // The number right behind those that are kept track of, and the next ones.
+        for (int i = 0; i < listed; ++i) {
+            link.listed_nodes.insert(std::to_string(listed + 2 + i));
+        }
+        engine().add_kern_addr(kern_addr(3, "2001:db8::5", 64));
+        EXPECT_EQ(table(3), strings{"2001:db8::5/64 Automatic 1"});
+    }
+}
+
 // A user's Static address once gave way to the kernel's own: a refused listing looked like one of
 // nothing, and every name like a free one.
 class NodeNamesUnderARefusedListing : public NodeNames {
@@ -368,14 +403,38 @@ TEST_F(NodeNamesUnderARefusedListing, AreNotLookedUpForEver) {
         fake_tav::on_call("get_leaves", n).statuses({api_status_ok, api_status_ok});
     }
     know(3, "fe80::1", 64, 1, "1");
-    EXPECT_THROW(engine().sync_all(), sync_minor_err);
+    EXPECT_EQ(thrown<sync_minor_err>([this] { engine().sync_all(); }),
+              "No free node name on interface 3");
     EXPECT_EQ(fake_tav::writes(), 0U);
+    // One look to see the node's state and one to read it, for each of a thousand names.
+    EXPECT_EQ(fake_tav::calls("get_leaves").size(), 2U * 1001U);
 }
 
 TEST_F(NodeNamesUnderARefusedListing, AFailedLookUpIsTheCallersConcern) {
     fake_tav::on_path("get_leaves", at("1/IPv6/Addresses/1/Address/Value")).returns(-1);
     know(3, "fe80::1", 64, 1, "1");
-    EXPECT_THROW(engine().sync_all(), sync_err);
+    EXPECT_EQ(thrown<sync_err>([this] { engine().sync_all(); }),
+              "bool CSync::holds_other_addr(const CTavInterface&, const CTavAddress&): "
+              "CTav::get_leaves(/Software/System Settings/Network/Interface/1/IPv6/Addresses/1) "
+              "returned -1");
+    EXPECT_EQ(fake_tav::writes(), 0U);
+}
+
+// A node is another's when either the address or the type is not the one to be written.
+TEST_F(NodeNamesUnderARefusedListing, AreNotTakenFromAnAddressOfAnotherType) {
+    store(1, "1", "fe80::1/64", "Automatic");
+    know(3, "fe80::1", 64, 1, "1");
+    synchronise();
+    EXPECT_EQ(stored("1"), "fe80::1/64 Automatic");
+    EXPECT_EQ(stored("3"), "fe80::1/64 Link-Local");
+}
+
+TEST_F(NodeNamesUnderARefusedListing, AreNotTakenFromAnotherAddressOfTheSameType) {
+    store(1, "1", "fe80::2/64", "Link-Local");
+    know(3, "fe80::1", 64, 1, "1");
+    synchronise();
+    EXPECT_EQ(stored("1"), "fe80::2/64 Link-Local");
+    EXPECT_EQ(stored("3"), "fe80::1/64 Link-Local");
 }
 
 TEST_F(NodeNames, OfAnAbsentListingAreTakenAsTheyCome) {

@@ -1,8 +1,11 @@
 // Reconciliation of addresses: Static ones follow the store, all others the kernel.
+#include <cstddef>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <linux/if_addr.h>
+#include <linux/rtnetlink.h>
 
 #include "fakes/engine_fixture.h"
 #include "sync/errors.h"
@@ -26,6 +29,8 @@ TEST_F(SyncAddresses, AStoredStaticOneIsAddedToTheKernel) {
     EXPECT_EQ(changes(), strings{"kernel: add 2001:db8::5/64 dev 3"});
     EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static office"});
     EXPECT_EQ(entry(3).addresses.at(0).ifindex, 3);
+    const auto header = fake_libnl::state().changes.at(0).body;
+    EXPECT_EQ(header.at(offsetof(ifaddrmsg, ifa_scope)), RT_SCOPE_UNIVERSE);
     expect_logged_at(4, 6, "Info: Adding TAV addr '2001:db8::5/64' to kernel on interface 3",
                      [this] {
                          restart_with_eth0();

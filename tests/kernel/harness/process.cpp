@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -71,6 +72,9 @@ struct child_plan_t {
     dup2(plan.errors, 2);
     if (null > 2) {
         close(null);
+    }
+    for (const int fd : plan.options->closed) {
+        close(fd);
     }
     execve(plan.arguments[0], plan.arguments, plan.environment);
     _exit(127);
@@ -175,6 +179,20 @@ bool eventually(const std::function<bool()> &condition, std::chrono::millisecond
         }
         usleep(pause);
     }
+}
+
+std::map<int, std::string> descriptors(pid_t pid) {
+    std::map<int, std::string> all;
+    std::error_code failure;
+    for (const auto &entry :
+         std::filesystem::directory_iterator("/proc/" + std::to_string(pid) + "/fd", failure)) {
+        std::error_code closed;
+        const auto target = std::filesystem::read_symlink(entry.path(), closed);
+        if (!closed) {
+            all[std::stoi(entry.path().filename())] = target;
+        }
+    }
+    return all;
 }
 
 double processor_seconds(pid_t pid) {

@@ -19,6 +19,7 @@ struct spawn_options_t {
     int network = -1;                               // namespace to live in; -1: the test's
     std::vector<int> dropped_capabilities;          // CAP_..., out of the bounding set
     bool own_group = false;                         // a process group of its own
+    std::vector<int> closed = {};                   // of the descriptors 0 to 2
 };
 
 // With the preloaded library in front, which those variables tell what to do.
@@ -56,6 +57,9 @@ private:
     std::shared_ptr<LineLog> standard_error;
     std::shared_ptr<LineLog> standard_output;
 };
+
+// The process's open descriptors and what each leads to, as /proc names it.
+std::map<int, std::string> descriptors(pid_t pid);
 
 // Polls until the condition holds; false after the limit.
 bool eventually(const std::function<bool()> &condition, std::chrono::milliseconds limit = patience);

@@ -1,7 +1,8 @@
 // Stands in front of the store's client library and makes single calls fail, as those of another
 // library may: the call returns a number, and the connection is fine all the same. KT_CALL_FAULT is
 // the plan (see faults/plan.h), whose mode is "fail"; a call that fails may nevertheless have been
-// carried out, and has then filled its outputs.
+// carried out, and has then filled its outputs. KT_CRASH_ON=<operation> makes the process touch
+// memory that is not there in the first such call.
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
@@ -22,6 +23,14 @@ std::optional<faults::Plan> &plan() {
     return plan;
 }
 
+void crash_if_told(Operation operation) {
+    static const char *const on = std::getenv("KT_CRASH_ON");
+    if (on != nullptr && std::strcmp(on, faults::name_of(operation)) == 0) {
+        volatile int *volatile nowhere = nullptr;
+        *nowhere = 1;
+    }
+}
+
 // The library's calls may use one another; only the program's own are struck.
 bool inside = false;
 
@@ -29,6 +38,7 @@ bool inside = false;
 template <typename... Arguments>
 int call(Operation operation, const char *name, toolkit::CTav *client, Arguments &&...arguments) {
     using function_t = int (*)(toolkit::CTav *, Arguments...);
+    crash_if_told(operation);
     const bool fails = !inside && plan() && plan()->strikes(operation);
     int result = 0;
     if (!fails || !plan()->undone()) {
