@@ -27,7 +27,7 @@ ip link add eth0 type veth peer name peer0
 ip link set eth0 up
 ip link set peer0 up
 expect "an interface is added" tandrelctl interface add eth0
-expect "an address is set and arrives in the kernel" tandrelctl address add eth0 2001:db8::5/64 --wait
+expect "an address is set and arrives in the kernel" tandrelctl address add eth0 2001:db8::5/64 --wait=60
 expect "ip(8) shows it" has_address
 expect "both views agree" eventually tandrelctl check
 

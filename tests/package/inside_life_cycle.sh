@@ -30,7 +30,7 @@ expect "the database is for its user only" test "$(stat -c '%U %a' /var/lib/tav)
 
 expect "the store answers" eventually tav ls /
 expect "an interface is added" tandrelctl interface add eth0
-expect "an address is set and arrives in the kernel" tandrelctl address add eth0 "$address" --wait
+expect "an address is set and arrives in the kernel" tandrelctl address add eth0 "$address" --wait=60
 expect "ip(8) shows it" eventually has_address
 expect "both views agree" tandrelctl check
 
