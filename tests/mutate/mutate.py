@@ -118,7 +118,7 @@ class Build:
     def compile_command(self, source, output, overlay=None):
         """Without optimisation; what the sanitizer build would find in a container is found."""
         words = [word for word in self.compile[source]
-                 if not re.match(r'-W(?!l,)|-O|-g|-M|.*ccache$', word)]
+                 if not re.match(r'-W(?!l,)|-O|-g|-M|-DNDEBUG$|.*ccache$', word)]
         words[words.index('-o') + 1] = str(output)
         if '-MF' in self.compile[source]:
             del words[words.index(self.compile[source][self.compile[source].index('-MF') + 1])]

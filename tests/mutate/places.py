@@ -7,7 +7,8 @@ between blanks, a template's angle brackets do not.
 import re
 from collections import namedtuple
 
-# Bytes [start, end) of the text become `new`; `change` says so in one line.
+# Bytes [start, end) of the text become `new`; `change` says so in one line. `source` is the line of
+# the text, behind the one before it where it is too short to be told from others.
 Place = namedtuple('Place', 'start end new kind change line source')
 
 _Token = namedtuple('_Token', 'kind text start end')
@@ -28,6 +29,7 @@ _LOGICAL = {'&&': '||', '||': '&&'}
 _BOOLEANS = {'true': 'false', 'false': 'true'}
 _TYPES = {'struct', 'class', 'enum', 'union'}
 _BEFORE_BLOCK = {')', '}', ']', 'const', 'noexcept', 'override', 'mutable', 'else', 'do', 'try'}
+_TELLING_LENGTH = 25
 _STATEMENT_WORDS = {'return', 'throw', 'continue', 'break', 'delete'}
 _DECLARING_WORDS = {'using', 'typedef', 'static_assert', 'const', 'constexpr', 'static', 'auto',
                     'template', 'if', 'for', 'while', 'switch', 'else', 'do', 'try', 'catch'}
@@ -105,6 +107,15 @@ def _declares(statement):
     return at < len(words) and statement[at].kind == 'word'
 
 
+def _source(text, start):
+    before, line_start = text[:start], text.rfind('\n', 0, start) + 1
+    lines = before[:line_start].splitlines()
+    source = ' '.join(text[line_start:text.find('\n', start)].split())
+    if len(source) >= _TELLING_LENGTH or not lines:
+        return source
+    return ' '.join(lines[-1].split()) + ' / ' + source
+
+
 class _Frame:
     """An open brace: what it is, and the statement around it."""
 
@@ -167,10 +178,8 @@ def places(text):
                 for statement in _statements(tokens)]
     found = []
     for start, end, new, kind, change in sorted(changes):
-        line_start = text.rfind('\n', 0, start) + 1
-        line_end = text.find('\n', start)
-        source = ' '.join(text[line_start:line_end].split())
-        found.append(Place(start, end, new, kind, change, text.count('\n', 0, start) + 1, source))
+        line = text.count('\n', 0, start) + 1
+        found.append(Place(start, end, new, kind, change, line, _source(text, start)))
     return found
 
 

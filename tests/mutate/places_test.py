@@ -78,12 +78,19 @@ class Statements(unittest.TestCase):
 
 class ExplainedTest(unittest.TestCase):
     def test_an_entry_is_known_by_line_and_change_wherever_it_stands(self):
-        explained = Explained('# comment\na.cpp: x =  1;\n  1 -> 2: because\n  removed: so\n')
-        for text in 'x = 1;\n', '\n\n  x = 1;\n':
+        explained = Explained('# comment\na.cpp: telling_name_of_it_all =  1;\n  1 -> 2: because\n  removed: so\n')
+        for text in 'telling_name_of_it_all = 1;  \n', '\n\n  telling_name_of_it_all =  1;\n':
             [place] = places(text)
             self.assertEqual(explained.reason('a.cpp', place), 'because')
             self.assertIsNone(explained.reason('b.cpp', place))
-        self.assertEqual(explained.unused([Path('a.cpp')]), [('a.cpp', 'x = 1;', 'removed')])
+        self.assertEqual(explained.unused([Path('a.cpp')]), [('a.cpp', 'telling_name_of_it_all = 1;', 'removed')])
+
+    def test_a_short_line_is_known_by_the_one_before_it(self):
+        explained = Explained('a.cpp: if (b) { / c = 1;\n  1 -> 2: because\n')
+        text = 'if (b) {\n  c = 1;\n} else {\nc = 1;\n}\n'
+        [place, other] = [one for one in places(text) if one.kind == 'number']
+        self.assertEqual(explained.reason('a.cpp', place), 'because')
+        self.assertIsNone(explained.reason('a.cpp', other))
 
     def test_every_entry_stands_for_a_place_that_there_is(self):
         root = Path(__file__).resolve().parents[2]

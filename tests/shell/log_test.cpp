@@ -1,14 +1,18 @@
 // The log: who is written when, with which priority and prefix, and where to.
 #include "shell/log.h"
 
+#include <array>
 #include <cstdarg>
+#include <cstdio>
 #include <cstring>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
 #include <syslog.h>
 #include <tav/mlr.h>
+#include <unistd.h>
 
 #include "fakes/log_capture.h"
 
@@ -197,6 +201,17 @@ TEST_F(Log, TheHighestLibraryLevelWrapsToTheOneThatIsAlwaysWritten) {
     verbosity = 0;
     mlr_err(4294967295U, "report");
     EXPECT_EQ(captured::log(), (std::vector<log_line_t>{{LOG_ERR, "Error: report"}}));
+}
+
+// Whatever standard error is, a message must be out before the next one is begun.
+TEST_F(Log, EveryMessageIsWrittenOutAtOnce) {
+    std::array<char, 65536> buffer{};
+    ASSERT_EQ(std::setvbuf(stderr, buffer.data(), _IOFBF, buffer.size()), 0);
+    log_error("text");
+    struct stat written {};
+    EXPECT_EQ(fstat(STDERR_FILENO, &written), 0);
+    EXPECT_EQ(std::setvbuf(stderr, nullptr, _IONBF, 0), 0);
+    EXPECT_EQ(written.st_size, 12); // "Error: text" and a newline
 }
 
 } // namespace

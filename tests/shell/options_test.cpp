@@ -350,6 +350,9 @@ TEST_F(Options, UnknownPolicyIsRefused) {
     expect_usage({"-r", "deadline", "1"});
     expect_usage({"-r", "FIFO", "1"});
     expect_usage({"-r", "1", "1"});
+    // Whatever priority comes with it.
+    expect_usage({"-r", "deadline", "0"});
+    expect_usage({"-r", "", "0"});
     EXPECT_EQ(rt_sched_request, nullptr);
 }
 

@@ -251,6 +251,9 @@ TEST_F(Daemonize, WithoutEitherDuplicateTheGrandchildReturnsOne) {
     os.dup.clear();
     os.dup.returns(1).returns(-1, EMFILE);
     EXPECT_EQ(daemonized().status, 1);
+    os.dup.clear();
+    os.dup.returns(-1, EMFILE).returns(1);
+    EXPECT_EQ(daemonized().status, 1);
     EXPECT_EQ(journal::count("umask("), 0U);
 }
 

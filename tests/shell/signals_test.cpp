@@ -1,12 +1,17 @@
 // Termination signals, faults and the backtrace.
 #include "shell/signals.h"
 
+#include <array>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
+#include <iterator>
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include "fakes/fake_os.h"
 #include "fakes/log_capture.h"
@@ -16,6 +21,10 @@ namespace {
 using entries_t = std::vector<std::string>;
 
 const int handled[] = {SIGSEGV, SIGILL, SIGFPE, SIGPIPE, SIGHUP, SIGINT, SIGQUIT, SIGTERM};
+
+// As the process started, before any test.
+const int exit_requested_at_start = exit_requested;
+const std::vector<int> exit_pipe_at_start(std::begin(exit_pipe), std::end(exit_pipe));
 
 class Signals : public DaemonTest {
 protected:
@@ -45,6 +54,11 @@ TEST_F(Signals, ThePipeIsMadeAndThenTheHandlersInTheirOrderWithoutRestart) {
     EXPECT_EQ(exit_pipe[0], 80);
     EXPECT_EQ(exit_pipe[1], 81);
     EXPECT_EQ(captured::standard_error(), "");
+}
+
+TEST_F(Signals, NoExitIsRequestedAndNoPipeIsThereBeforehand) {
+    EXPECT_EQ(exit_requested_at_start, 0);
+    EXPECT_EQ(exit_pipe_at_start, (std::vector<int>{0, 0}));
 }
 
 TEST_F(Signals, WithoutAPipeTheHandlersAreInstalledAllTheSame) {
@@ -284,11 +298,25 @@ TEST_F(Backtrace, AFrameThatCannotBeDemangledIsPrintedUnaltered) {
     EXPECT_EQ(shown("/lib/libc.so.6(+0x3bf90) [0x7f]"), "[0]  /lib/libc.so.6(+0x3bf90) [0x7f]\n");
     EXPECT_EQ(shown("x() [0x1]"), "[0]  x() [0x1]\n");
     EXPECT_EQ(shown("x(_Z) [0x1]"), "[0]  x(_Z) [0x1]\n");
+    EXPECT_EQ(shown("x(_ZN5CSync3runEv~+0x1) [0x1]"), "[0]  x(_ZN5CSync3runEv~+0x1) [0x1]\n");
 }
 
 TEST_F(Backtrace, WithoutAnEndOfTheNameTheWholeLineIsTheName) {
     EXPECT_EQ(shown("x(_ZN5CSync3runEv"), "[0]  x(_ZN5CSync3runEv\n");
     EXPECT_EQ(shown("_ZN5CSync3runEv"), "[0]  CSync::run()\n");
+}
+
+// Nothing writes out what a process that aborts has left in a buffer.
+TEST_F(Backtrace, IsWrittenOutBeforeTheAbort) {
+    std::array<char, 65536> buffer{};
+    ASSERT_EQ(std::setvbuf(stderr, buffer.data(), _IOFBF, buffer.size()), 0);
+    arm({"[0x7ffd]"});
+    EXPECT_EQ(print().how, "abort");
+    struct stat written {};
+    EXPECT_EQ(fstat(STDERR_FILENO, &written), 0);
+    EXPECT_EQ(std::setvbuf(stderr, nullptr, _IONBF, 0), 0);
+    EXPECT_EQ(captured::standard_error(), "Backtrace:\n[0]  [0x7ffd]\n");
+    EXPECT_EQ(written.st_size, static_cast<off_t>(captured::standard_error().size()));
 }
 
 TEST_F(Backtrace, PercentSignsInAFrameAreHarmless) {
