@@ -155,11 +155,12 @@ bool Server::serve(PeerId id) {
         drop(id);
         return false;
     }
-    return serve_request(id, peer);
+    return serve_request(id, peer, false);
 }
 
-// Carries out one request, if there is one. What else has arrived has its turn later.
-bool Server::serve_request(PeerId id, Peer &peer) {
+// Carries out one request, if there is one. What else has arrived has its turn later, but for what
+// is behind a ping, which costs next to nothing.
+bool Server::serve_request(PeerId id, Peer &peer, bool behind_ping) {
     std::string_view body;
     const FrameState state = peer.request(body);
     // A first frame is short. More from somebody who is not known is not worth keeping.
@@ -175,6 +176,7 @@ bool Server::serve_request(PeerId id, Peer &peer) {
         return true;
     }
     service.usage().raise(Limit::frame_bytes, body.size());
+    const bool answered = peer.has_output();
     peer.consume(body);
     if (!peer.flush()) {
         drop(id);
@@ -184,6 +186,8 @@ bool Server::serve_request(PeerId id, Peer &peer) {
         // One reply at a time: until this one is out, no further request is read.
         watch(peer.fd(), id, EPOLLOUT, EPOLL_CTL_MOD);
         limit_held_bytes();
+    } else if (!answered && !behind_ping) {
+        serve_request(id, peer, true);
     } else if (peer.has_request()) {
         peer.waiting = true;
         turns.push_back(id);

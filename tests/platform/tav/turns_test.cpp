@@ -164,3 +164,25 @@ TEST_F(TurnsTest, ThoseWhoHaveAllHadTheirShareTakeTurns) {
     EXPECT_GE(found[9], 10009);
     EXPECT_EQ(rate().refused, 0U);
 }
+
+TEST_F(TurnsTest, APingAndTheRequestBehindItAreOneTurn) {
+    ASSERT_TRUE(first->calls.send(request_frame(Op::watchdog_ping)));
+    send_writes(*first, 7, 8);
+    send_reads(*second, 1);
+    while_served([&] {
+        take_replies(*first, 2);
+        EXPECT_EQ(take_numbers(*second, 1), std::vector<int>{7});
+    });
+}
+
+TEST_F(TurnsTest, ManyPingsHoldUpNobody) {
+    for (int i = 0; i < 10; ++i) {
+        ASSERT_TRUE(first->calls.send(request_frame(Op::watchdog_ping)));
+    }
+    send_writes(*first, 7, 7);
+    send_reads(*second, 1);
+    while_served([&] {
+        EXPECT_EQ(take_numbers(*second, 1), std::vector<int>{-1});
+        take_replies(*first, 1);
+    });
+}
