@@ -219,3 +219,41 @@ void WholeDaemon::follow_changes() {
         }
     }
 }
+
+RebuildTest::RebuildTest() {
+    WholeDaemon undisturbed;
+    EXPECT_EQ(undisturbed.run().status, 0);
+    kernel_then = undisturbed.kernel();
+    store_then = WholeDaemon::store();
+    EXPECT_EQ(journal::count("log 3 "), 0U);
+}
+
+void RebuildTest::at_first_synchronisation(WholeDaemon &daemon, std::function<void()> action) {
+    daemon.before_answer = [action = std::move(action), done = false](int request,
+                                                                      bool last) mutable {
+        if (request == RTM_GETROUTE && last && !done) {
+            done = true;
+            action();
+        }
+    };
+}
+
+void RebuildTest::expect_one_rebuild_and_the_same_end(WholeDaemon &daemon,
+                                                      const std::string &caught) {
+    EXPECT_EQ(journal::matching("log 3 Error: Caught"),
+              std::vector<std::string>{"log 3 Error: " + caught});
+    // The store's connection goes first, the channel only behind the pause.
+    const std::size_t reported = journal::find("log 3 Error: Caught");
+    const std::size_t closed = journal::find("mlr_close()", reported);
+    const std::size_t paused = journal::find("select(10)", closed);
+    const std::size_t connected = journal::find("mlr_init()", paused);
+    EXPECT_EQ(closed, reported + 1);
+    EXPECT_EQ(paused, closed + 1);
+    EXPECT_NE(connected, journal::none);
+    EXPECT_EQ(journal::count("select(10)"), 2U); // this one, and the one at the end
+    EXPECT_EQ(journal::count("mlr_init()"), 2U);
+    EXPECT_EQ(WholeDaemon::unreleased(), 0);
+    EXPECT_EQ(daemon.kernel(), kernel_then);
+    EXPECT_EQ(WholeDaemon::store(), store_then);
+    EXPECT_EQ(captured::log_texts().back(), "Info: Exiting tandrel daemon");
+}

@@ -9,6 +9,8 @@
 #include <tuple>
 #include <vector>
 
+#include "fakes/log_capture.h"
+
 // The daemon's main, under the name that it is compiled with here.
 int tandrel_main(int argc, char *argv[]);
 
@@ -66,4 +68,19 @@ private:
     std::size_t requests_answered = 0, changes_followed = 0;
     std::vector<int> answering; // the requests whose answers are queued
     bool exit_was_requested = false;
+};
+
+// For tests that disturb a run in its first engine: the second one must put everything right.
+class RebuildTest : public DaemonTest {
+protected:
+    RebuildTest();
+    // Runs `action` where the first discovery ends and its synchronisation begins.
+    static void at_first_synchronisation(WholeDaemon &daemon, std::function<void()> action);
+    // One rebuild, reported by this line, after which kernel and store are as after a run that was
+    // not disturbed; nothing is left unreleased.
+    void expect_one_rebuild_and_the_same_end(WholeDaemon &daemon,
+                                             const std::string &caught = "Caught exception");
+
+    std::vector<std::string> kernel_then;
+    std::vector<std::string> store_then;
 };

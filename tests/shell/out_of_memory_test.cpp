@@ -16,39 +16,7 @@ namespace {
 
 using strings = std::vector<std::string>;
 
-class OutOfMemory : public DaemonTest {
-protected:
-    OutOfMemory() {
-        WholeDaemon undisturbed;
-        EXPECT_EQ(undisturbed.run().status, 0);
-        kernel_then = undisturbed.kernel();
-        store_then = WholeDaemon::store();
-        EXPECT_EQ(captured::log_count("Error: Caught exception"), 0U);
-    }
-
-    // The end of the first discovery begins the synchronisation.
-    static void at_first_synchronisation(WholeDaemon &daemon, const std::function<void()> &action) {
-        daemon.before_answer = [action, done = false](int request, bool last) mutable {
-            if (request == 26 && last && !done) {
-                done = true;
-                action();
-            }
-        };
-    }
-
-    void expect_one_rebuild_and_the_same_end(WholeDaemon &daemon) {
-        EXPECT_EQ(captured::log_count("Error: Caught exception"), 1U);
-        EXPECT_EQ(journal::count("select(10)"), 2U); // before the second engine, and at the end
-        EXPECT_EQ(journal::count("mlr_init()"), 2U);
-        EXPECT_EQ(WholeDaemon::unreleased(), 0);
-        EXPECT_EQ(daemon.kernel(), kernel_then);
-        EXPECT_EQ(WholeDaemon::store(), store_then);
-        EXPECT_EQ(captured::log_texts().back(), "Info: Exiting tandrel daemon");
-    }
-
-    strings kernel_then;
-    strings store_then;
-};
+class OutOfMemory : public RebuildTest {};
 
 TEST_F(OutOfMemory, AnUndisturbedRunChangesBothSides) {
     EXPECT_EQ(kernel_then, (strings{"3 2001:db8::5/64", "3 2001:db8::6/48", "3 fe80::1/64",
