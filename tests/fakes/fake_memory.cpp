@@ -12,7 +12,6 @@ namespace {
 bool armed = false;
 bool struck = false;
 std::size_t left = 0;
-unsigned spares = 0;
 
 bool strikes() {
     if (!armed || spares > 0 || --left > 0) {
@@ -39,14 +38,6 @@ void fail(std::size_t n) {
 bool stop() {
     armed = false;
     return struck;
-}
-
-spare::spare() {
-    ++spares;
-}
-
-spare::~spare() {
-    --spares;
 }
 
 } // namespace fake_memory

@@ -10,11 +10,13 @@ void fail(std::size_t n);
 // No allocation fails any more. Returns whether one has.
 bool stop();
 
+inline unsigned spares = 0; // how many `spare` live
+
 // While one lives, allocations succeed and are not counted: those of the fakes and of the test.
 class spare {
 public:
-    spare();
-    ~spare();
+    spare() { ++spares; }
+    ~spare() { --spares; }
     spare(const spare &) = delete;
     spare &operator=(const spare &) = delete;
 };

@@ -22,9 +22,6 @@ escape_t &escape() {
     return instance;
 }
 
-// Plain data: free is called before and after everything else of this file lives.
-const void *watched_pointer = nullptr;
-
 void reset() {
     state() = state_t{};
     watched_pointer = nullptr;
@@ -131,10 +128,6 @@ void clock_t::set(std::chrono::nanoseconds since_epoch) {
 
 void clock_t::advance(std::chrono::nanoseconds by) {
     set(time + by);
-}
-
-void watch_free(const void *pointer) {
-    watched_pointer = pointer;
 }
 
 ending_t ending_of(const std::function<int()> &call) {

@@ -131,8 +131,11 @@ struct state_t {
 state_t &state();
 
 // Enters "free(watched)" in the journal when this pointer is freed, once. Freeing it happens all
-// the same.
-void watch_free(const void *pointer);
+// the same. Plain data: free is called before and after everything else of the fakes lives.
+inline const void *watched_pointer = nullptr;
+inline void watch_free(const void *pointer) {
+    watched_pointer = pointer;
+}
 
 // How a call ended that may end the process. `how` is "returned", "exit", "_exit" or "abort".
 struct ending_t {

@@ -19,13 +19,13 @@ namespace limits = tav::limits;
 namespace {
 
 constexpr int share = limits::requests_per_second / 10;
-constexpr std::chrono::milliseconds share_time{100};
+constexpr int share_milliseconds = 100;
 
 class TurnsTest : public StoreTest {
 protected:
     TurnsTest()
-        : service(store, "", [this] { return tav::Time(milliseconds.load()); }), listener(socket),
-          end(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+        : service(store, "", [this] { return tav::Time(std::chrono::milliseconds(milliseconds)); }),
+          listener(socket), end(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
         listener.listen(0660);
         server = std::make_unique<tav::Server>(service, listener, end.get(), tav::Rights{});
         while_served([this] {
@@ -101,7 +101,7 @@ protected:
         });
     }
 
-    std::atomic<std::chrono::milliseconds> milliseconds{std::chrono::milliseconds(1000000)};
+    std::atomic<int> milliseconds{1000000}; // not every processor has atomic numbers of 64 bits
     tav::Store store;
     tav::Service service;
     tav::Listener listener;
@@ -139,7 +139,7 @@ TEST_F(TurnsTest, WhoHasHadItsShareComesAfterAllOthers) {
 
 TEST_F(TurnsTest, ANewShareBeginsSoon) {
     use_up_share(*first);
-    milliseconds = milliseconds.load() + share_time;
+    milliseconds += share_milliseconds;
     send_writes(*first, 10001, 10010);
     send_reads(*second, 20);
     std::vector<int> found;
