@@ -17,6 +17,8 @@ protected:
     void SetUp() override {
         add_eth(0);
         service.start();
+        // There is something to show, and a link that is used.
+        ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
     }
 
     std::unique_ptr<kt::Process> begin(std::vector<std::string> arguments) {
