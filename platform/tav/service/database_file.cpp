@@ -50,7 +50,9 @@ void remove_unfinished(const std::string &unfinished) {
 // be renamed.
 void create(const std::string &unfinished) {
     Sqlite database(unfinished, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
-    database.execute("PRAGMA locking_mode = EXCLUSIVE; PRAGMA synchronous = FULL;"
+    // Most commits change one leaf, hence one page, and write and sum up the whole of it.
+    database.execute("PRAGMA page_size = 1024;"
+                     "PRAGMA locking_mode = EXCLUSIVE; PRAGMA synchronous = FULL;"
                      "PRAGMA journal_mode = WAL");
     database.execute("BEGIN IMMEDIATE;"
                      "PRAGMA application_id = " +

@@ -62,6 +62,7 @@ bool text_fits_type(const Value &value) {
         return value.text.find('\0') == std::string::npos;
     case element_type_none:
     case element_type_node:
+    case element_type_min_:
     case element_type_max_:
         break;
     }

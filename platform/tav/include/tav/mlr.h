@@ -33,6 +33,9 @@ void mlr_close(mlr_client_t *client);
  * report; without a definition they are dropped. `level` is 0 for the gravest. */
 void mlr_err(unsigned int level, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
+/* The types of what a call gives back take every number of 32 bits, so that a program may look at
+ * whatever a service answers; hence their `_min_` and `_max_`, which nothing else uses. */
+
 /* What became of one path of a call. Only 1 means that the path exists (reading) or that the change
  * was made (writing); every other value is a fact about the tree and not a failure of the call. */
 typedef enum api_status_t {
@@ -58,6 +61,7 @@ typedef enum api_status_t {
     api_status_too_many_registrations = 18, /* of one client */
     api_status_too_many_connections = 19,   /* in all, or of one user */
     api_status_not_empty = 20, /* the node has children, and only an empty one was to be removed */
+    api_status_min_ = -0x7fffffff - 1,
     api_status_max_ = 0x7fffffff
 } api_status_t;
 
@@ -69,12 +73,14 @@ typedef enum element_type_t {
     element_type_integer = 4, /* a signed 64-bit number in decimal */
     element_type_real = 5,    /* a number in decimal notation */
     element_type_string = 6,  /* text */
+    element_type_min_ = -0x7fffffff - 1,
     element_type_max_ = 0x7fffffff
 } element_type_t;
 
 /* Properties of an element. This store knows none. */
 typedef enum element_property_t {
     element_property_none = 0,
+    element_property_min_ = -0x7fffffff - 1,
     element_property_max_ = 0x7fffffff
 } element_property_t;
 
