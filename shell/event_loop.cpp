@@ -47,7 +47,7 @@ int CSync::run() {
 int CSync::listen() {
     const int store_fd = tav->handle != nullptr ? mlr_get_fd(tav->handle) : -1;
     const int netlink_fd = netlink->fd();
-    const int exit_fd = exit_pipe[0];
+    const int exit_fd = exit_descriptor();
 
     fd_set readable;
     FD_ZERO(&readable);
@@ -73,7 +73,7 @@ int CSync::listen() {
     }
 
     // One source a cycle; the others stay ready.
-    if (FD_ISSET(exit_fd, &readable)) {
+    if (exit_fd >= 0 && FD_ISSET(exit_fd, &readable)) {
         return exit_requested != 0 ? 1 : 0;
     }
     if (store_fd >= 0 && FD_ISSET(store_fd, &readable)) {

@@ -47,9 +47,10 @@ void pause_on_exit_pipe() {
     FD_ZERO(&readable);
     int highest = -1;
     // A descriptor that the set cannot hold is not waited for; the signal itself still interrupts.
-    if (exit_pipe[0] < FD_SETSIZE) {
-        FD_SET(exit_pipe[0], &readable);
-        highest = exit_pipe[0];
+    const int exit_fd = exit_descriptor();
+    if (exit_fd >= 0 && exit_fd < FD_SETSIZE) {
+        FD_SET(exit_fd, &readable);
+        highest = exit_fd;
     }
     timeval timeout{pause_seconds, 0};
     select(highest + 1, &readable, nullptr, nullptr, &timeout);

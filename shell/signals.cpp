@@ -69,6 +69,10 @@ void register_handlers() {
     install(signal_handler);
 }
 
+int exit_descriptor() {
+    return exit_pipe[0] == 0 && exit_pipe[1] == 0 ? -1 : exit_pipe[0];
+}
+
 void unregister_handlers() {
     install(SIG_DFL);
     close(exit_pipe[0]);
@@ -85,7 +89,8 @@ void signal_handler(int signal) {
         const int interrupted_errno = errno;
         exit_requested = 1;
         const char byte = 0;
-        // One byte a signal and never read: a pipe holds 65,536 of them. A failure leaves the flag.
+        // One byte a signal and never read: a pipe holds 65,536 of them, and the first one ends the
+        // daemon. A failure leaves the flag.
         [[maybe_unused]] const ssize_t written = write(exit_pipe[1], &byte, 1);
         errno = interrupted_errno;
         return;

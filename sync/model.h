@@ -99,7 +99,7 @@ struct ifcfg_t {
     bool gateway_leaving = false;        // its deletion was asked for; the answer is still to come
     std::vector<CFullAddress> addresses;
     std::deque<deletion_t> deletions; // in the order in which they were asked for
-    std::set<tk_string> listed_nodes; // the store's node names as last listed, less own removals
+    std::set<tk_string> listed_nodes; // names taken in the store: as last listed or found since
     bool listing_refused = false;     // there may be others
 };
 

@@ -1,5 +1,6 @@
 // What the kernel refused of the daemon's own requests. The requests are recorded as done when they
-// are sent; here the table is put right, so that the next synchronisation tries again.
+// are sent; here the table is put right, so that the next synchronisation adds again what was
+// refused. A deletion is not asked for again: what it was of is no longer in the table.
 
 #include <algorithm>
 #include <cerrno>

@@ -17,6 +17,9 @@ struct mlr_client {
     unsigned number;
 };
 
+// What a reader must not look at, it had better not find in order.
+constexpr auto odd_property = static_cast<element_property_t>(7);
+
 namespace fake_tav {
 namespace {
 
@@ -325,7 +328,7 @@ int CTav::get_leaf(const tk_string &path, api_status_t &status, CElement &value,
         return arrival.result();
     }
     value = CElement();
-    property = element_property_none;
+    property = odd_property;
     status = inside().tree.read_leaf(path, value);
     return 0;
 }
@@ -340,13 +343,13 @@ int CTav::get_leaves(const std::vector<tk_string> &paths, std::vector<api_status
             for (CElement &value : values) {
                 arrival.fill(value);
             }
-            properties.assign(paths.size(), element_property_none);
+            properties.assign(paths.size(), odd_property);
         }
         return arrival.result();
     }
     statuses.assign(paths.size(), api_status_none);
     values.assign(paths.size(), CElement());
-    properties.assign(paths.size(), element_property_none);
+    properties.assign(paths.size(), odd_property);
     for (std::size_t i = 0; i < paths.size(); ++i) {
         statuses[i] = inside().tree.read_leaf(paths[i], values[i]);
     }
@@ -373,7 +376,7 @@ int CTav::list_node(const tk_string &path, api_status_t &status, std::vector<chi
         status = api_status_ok;
         for (const auto &child : node->children) {
             const auto type = child->is_node ? element_type_node : child->value.type();
-            children.push_back({child->name, {type, element_property_none}});
+            children.push_back({child->name, {type, odd_property}});
         }
     }
     return 0;

@@ -8,6 +8,7 @@
 #include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
 
+#include "fakes/daemon_main.h"
 #include "fakes/engine_fixture.h"
 #include "fakes/fake_libnl.h"
 #include "fakes/fake_memory.h"
@@ -79,15 +80,8 @@ WholeDaemon::WholeDaemon() {
     put("3", "1", "2001:db8:3::5/64", "Static");
 }
 
-WholeDaemon::end_t WholeDaemon::run(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), "tandrel");
-    std::vector<char *> argv;
-    for (auto &argument : arguments) {
-        argv.push_back(argument.data());
-    }
-    argv.push_back(nullptr);
-    const auto ending = fake_os::ending_of(
-        [&argv] { return tandrel_main(static_cast<int>(argv.size()) - 1, argv.data()); });
+WholeDaemon::end_t WholeDaemon::run(const std::vector<std::string> &arguments) {
+    const auto ending = ending_of_daemon(arguments);
     fake_memory::stop();
     follow_changes();
     return {ending.how, ending.status};

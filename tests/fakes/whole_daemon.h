@@ -11,9 +11,6 @@
 
 #include "fakes/log_capture.h"
 
-// The daemon's main, under the name that it is compiled with here.
-int tandrel_main(int argc, char *argv[]);
-
 // Fresh fakes with everything armed that a run calls. The kernel has eth0 (index 3) and eth1 (4),
 // the store the interfaces 1 to 3; a synchronisation has something to do in both directions. Lives
 // inside a DaemonTest; building another one begins anew.
@@ -36,7 +33,7 @@ public:
         std::string how;
         int status = 0;
     };
-    end_t run(std::vector<std::string> arguments = {"-d", "-D", "4"});
+    end_t run(const std::vector<std::string> &arguments = {"-d", "-D", "4"});
 
     // What the kernel has now: "3 2001:db8::5/64", "3 via fe80::1", in alphabetical order.
     std::vector<std::string> kernel();

@@ -225,10 +225,12 @@ TEST_F(CommandLineTest, WithoutAProcessToSpareTheInvokingOneSaysSo) {
 
 TEST_F(CommandLineTest, WithoutAnExitPipeTheDaemonStartsAllTheSame) {
     const auto options = kt::preloaded({{"KT_FAIL_PIPE", "1"}});
+    add_eth(0);
     service.start();
-    start_daemon({"-d"}, options);
-    EXPECT_TRUE(logged("Info: Starting tandrel daemon"));
+    store.make_interface(1);
+    start_daemon_and_wait({"-d", "-D", "4"}, options);
     EXPECT_EQ(log().lines().front().text, "register_handlers: Error: pipe returned errno 24");
+    expect_working();
 }
 
 class DaemonModeTest : public CommandLineTest {

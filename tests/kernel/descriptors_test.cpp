@@ -36,13 +36,6 @@ protected:
         }
         return fd;
     }
-    void expect_working() {
-        EXPECT_TRUE(settle());
-        store.set_address(1, "works", "2001:db8::77/64");
-        EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::77/64"); }));
-        device.add_address("eth0", "2001:db8::78/64");
-        EXPECT_TRUE(becomes([&] { return store.has_address(1, "2001:db8::78/64", "Automatic"); }));
-    }
 };
 
 TEST_F(DescriptorTest, NoneIsNeededInNormalOperation) {

@@ -36,15 +36,6 @@ protected:
         return std::chrono::duration_cast<std::chrono::milliseconds>(
             lines[static_cast<std::size_t>(end)].at - lines[static_cast<std::size_t>(begin)].at);
     }
-
-    // After whatever has happened, both directions work.
-    void expect_working() {
-        EXPECT_TRUE(settle());
-        store.set_address(1, "works", "2001:db8::77/64");
-        EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::77/64"); }));
-        device.add_address("eth0", "2001:db8::78/64");
-        EXPECT_TRUE(becomes([&] { return store.has_address(1, "2001:db8::78/64", "Automatic"); }));
-    }
 };
 
 TEST_F(RunLoopTest, AStoreThatIsDownAtTheStartIsWaitedFor) {

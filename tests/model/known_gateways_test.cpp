@@ -200,7 +200,43 @@ TEST_F(KnownGatewayTest, AGatewayOfAllZerosIsRefusedAndCanBeRemoved) {
     EXPECT_FALSE(store.gateway(1));
 }
 
+TEST_F(KnownGatewayTest, AnUnreadableTextInPlaceOfAGatewayTakesBothAway) {
+    store.set_gateway(1, "fe80::1");
+    start();
+    ASSERT_TRUE(becomes([&] { return device.static_gateways("eth0").size() == 1; }));
+    store.set_gateway(1, "router");
+    EXPECT_TRUE(becomes([&] { return !store.gateway(1); }));
+    EXPECT_TRUE(device.static_gateways("eth0").empty());
+}
+
+TEST_F(KnownGatewayTest, OnALinkWithoutANodeTheNewestStaticOneCountsToo) {
+    add_eth(1);
+    start();
+    device.add_route({"::/0", "fe80::1", "eth1"});
+    kt::kernel_route_t second{"::/0", "fe80::2", "eth1"};
+    second.metric = 2000;
+    device.add_route(second);
+    EXPECT_TRUE(becomes(
+        [&] { return device.static_gateways("eth1") == std::vector<std::string>{"fe80::2"}; }));
+}
+
 // Interface nodes.
+
+TEST_F(KnownGatewayTest, OneRemovedWithoutAMirroredLeafComesBackWithTheNextAddress) {
+    add_eth(1);
+    device.set_up("eth1", false);
+    store.make_interface(2);
+    start();
+    store.remove(kt::paths::interfaces + "/2");
+    ASSERT_TRUE(settle());
+    device.set_up("eth1");
+    EXPECT_TRUE(becomes([&] { return !store.addresses(2).empty(); }));
+    store.remove(kt::paths::interfaces + "/2"); // now of an address: the daemon is told
+    synchronise();
+    device.add_address("eth1", address);
+    ASSERT_TRUE(settle());
+    EXPECT_TRUE(store.addresses(2).empty());
+}
 
 TEST_F(KnownGatewayTest, AnInterfaceNodeThatIsNoNumberStopsEveryRead) {
     rebuilds_allowed = true;

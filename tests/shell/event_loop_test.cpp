@@ -37,6 +37,7 @@ class EventLoop : public DaemonTest {
 protected:
     EventLoop() {
         exit_pipe[0] = exit_fd;
+        exit_pipe[1] = exit_fd + 1;
         os.select.arm();
         fake_tav::state().fd = store_fd;
         fake_libnl::state().fd = netlink_fd;
@@ -233,7 +234,15 @@ TEST_F(EventLoop, ADescriptorThatTheSetCannotHoldIsAFailureOfTheCycle) {
     }
 }
 
-// Without an exit pipe its descriptor is 0; a store's library may have been given that number too.
+TEST_F(EventLoop, WithoutAnExitPipeTheOthersAreServed) {
+    exit_pipe[0] = exit_pipe[1] = 0;
+    os.select.ready({0, store_fd});
+    loop.state = 4;
+    EXPECT_EQ(listen_once(), 0);
+    EXPECT_EQ(os.select.calls().back().reading, (std::vector<int>{store_fd, netlink_fd}));
+    EXPECT_EQ(journal::entries(), (entries_t{"select(30)", "watchdog_ping()", "events_get()"}));
+}
+
 TEST_F(EventLoop, TheLowestDescriptorIsWaitedForLikeAnyOther) {
     exit_pipe[0] = 0;
     os.select.ready({0}, [] { exit_requested = 1; });

@@ -6,12 +6,10 @@
 
 #include <unistd.h>
 
+#include "fakes/daemon_main.h"
 #include "fakes/fake_os.h"
 #include "fakes/log_capture.h"
 #include "shell/signals.h"
-
-// The daemon's main, under the name that it is compiled with here.
-int tandrel_main(int argc, char *argv[]);
 
 namespace {
 
@@ -40,15 +38,8 @@ protected:
         os.getuid.returns(1000);
         run_as_uid = 1000;
     }
-    static int run(entries_t arguments) {
-        arguments.insert(arguments.begin(), "tandrel");
-        std::vector<char *> argv;
-        for (auto &argument : arguments) {
-            argv.push_back(argument.data());
-        }
-        argv.push_back(nullptr);
-        const auto ending = fake_os::ending_of(
-            [&argv] { return tandrel_main(static_cast<int>(argv.size()) - 1, argv.data()); });
+    static int run(const entries_t &arguments) {
+        const auto ending = ending_of_daemon(arguments);
         EXPECT_EQ(ending.how, "returned");
         return ending.status;
     }
@@ -153,9 +144,7 @@ TEST_F(Main, LeavesTheInvokingProcessWithStatusZero) {
     os.fork.clear();
     os.fork.returns(4711);
     os.wait.returns(4711);
-    char program[] = "tandrel";
-    char *argv[] = {program, nullptr};
-    const auto ending = fake_os::ending_of([&argv] { return tandrel_main(1, argv); });
+    const auto ending = ending_of_daemon({});
     EXPECT_EQ(ending.how, "exit");
     EXPECT_EQ(ending.status, 0);
     EXPECT_EQ(journal::count("openlog("), 0U);

@@ -230,8 +230,15 @@ TEST_F(Options, MinusOneBehindDIsTakenForAnUnknownOption) {
 // -n
 
 TEST_F(Options, NiceTakesMinusTwentyToNineteen) {
-    for (const auto &[text, value] : std::initializer_list<std::pair<const char *, int>>{
-             {"19", 19}, {"-20", -20}, {"0", 0}, {"abc", 0}, {"5x", 5}, {"-1", -1}}) {
+    for (const auto &[text, value] :
+         std::initializer_list<std::pair<const char *, int>>{{"19", 19},
+                                                             {"-20", -20},
+                                                             {"0", 0},
+                                                             {"abc", 0},
+                                                             {"5x", 5},
+                                                             {"-1", -1},
+                                                             {"012", 12},
+                                                             {"0x10", 0}}) {
         expect_accepted({"-n", text});
         EXPECT_EQ(nice_priority, value) << text;
     }
@@ -343,6 +350,9 @@ TEST_F(Options, RealTimePriorityIsConvertedLeniently) {
     EXPECT_EQ(rt_sched_request->priority, 0);
     expect_accepted({"-r", "rr", "7x"});
     EXPECT_EQ(rt_sched_request->priority, 7);
+    expect_accepted({"-r", "rr", "012"});
+    EXPECT_EQ(rt_sched_request->priority, 12);
+    expect_usage({"-r", "rr", "0x10"}); // 0
     expect_usage({"-r", "fifo", "abc"});
 }
 

@@ -128,6 +128,16 @@ TEST_F(RunLoop, AnExitPipeThatTheSetCannotHoldIsNotWaitedForInAPause) {
     }
 }
 
+TEST_F(RunLoop, WithoutAnExitPipeAPauseIsWaitedOutAllTheSame) {
+    exit_pipe[0] = exit_pipe[1] = 0;
+    fake_tav::state().failing_inits = 1;
+    os.select.timeout(request_exit);
+    run();
+    ASSERT_FALSE(os.select.calls().empty());
+    EXPECT_TRUE(os.select.calls().back().reading.empty());
+    EXPECT_EQ(os.select.calls().back().seconds, 10);
+}
+
 TEST_F(RunLoop, TheHighestDescriptorThatTheSetCanHoldIsWaitedForInAPause) {
     exit_pipe[0] = FD_SETSIZE - 1;
     fake_tav::state().failing_inits = 1;

@@ -150,6 +150,7 @@ TEST_F(KernelRoutes, AnAdoptedOneKeepsAllThatTheKernelSaidOfIt) {
     known.protocol = 9;
     known.ifindex = 7;
     announce(added, {kern_route(3, "fe80::2", 4, "::", 96)});
+    EXPECT_EQ(effects().front(), "kernel: delete ::/32 via fe80::1 dev 7");
     ASSERT_TRUE(entry(3).gateway);
     EXPECT_EQ(gateway(3), "fe80::2");
     EXPECT_EQ(text_of(entry(3).gateway->dst), "::");

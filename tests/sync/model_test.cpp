@@ -38,7 +38,7 @@ template <typename Base, typename Kernel, typename Store, typename Full>
 constexpr bool is_diamond =
     is_virtual_public_base<Base, Kernel> &&is_virtual_public_base<Base, Store>
         &&is_virtual_public_base<Base, Full> &&is_plain_public_base<Kernel, Full>
-            &&is_plain_public_base<Store, Full> && !std::is_polymorphic_v<Base> &&
+            &&is_plain_public_base<Store, Full> && !std::is_polymorphic_v<Full> &&
     !std::is_base_of_v<Kernel, Store> && !std::is_base_of_v<Store, Kernel>;
 
 static_assert(is_diamond<CAddress, CKernAddress, CTavAddress, CFullAddress>);

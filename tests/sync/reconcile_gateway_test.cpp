@@ -52,6 +52,29 @@ TEST_F(SyncGateway, TheSameOneIsSentToTheKernelAgain) {
     });
 }
 
+TEST_F(SyncGateway, WhatIsRecordedOfTheSameOneIsTheStores) {
+    know_gateway(3, "fe80::1");
+    entry(3).gateway->dst_len = 96;
+    store_gateway(1, "fe80::1");
+    synchronise();
+    EXPECT_EQ(entry(3).gateway->dst_len, 0);
+}
+
+TEST_F(SyncGateway, TheKernelsIsDeletedAsItWasAnnounced) {
+    for (const bool replaced : {false, true}) {
+        restart_with_eth0();
+        know_gateway(3, "fe80::1");
+        entry(3).gateway->dst_len = 96;
+        entry(3).gateway->ifindex = 7;
+        if (replaced) {
+            store_gateway(1, "fe80::2");
+        }
+        synchronise();
+        ASSERT_FALSE(changes().empty());
+        EXPECT_EQ(changes().front(), "kernel: delete ::/96 via fe80::1 dev 7") << replaced;
+    }
+}
+
 TEST_F(SyncGateway, AnotherOneOverridesTheKernels) {
     know_gateway(3, "fe80::1");
     store_gateway(1, "fe80::2");

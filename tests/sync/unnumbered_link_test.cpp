@@ -40,7 +40,7 @@ TEST_F(UnnumberedLink, ItsAddressesComeChangeAndGoInTheTableAlone) {
     expect_store_untouched();
 }
 
-TEST_F(UnnumberedLink, ItsGatewayComesChangesAndGoesInTheTableAlone) {
+TEST_F(UnnumberedLink, ItsGatewayComesChangesAndGoesWithoutTheStore) {
     receive(datagram_t().route(24, 4, "fe80::1"));
     EXPECT_EQ(gateway(4), "fe80::1");
     receive(datagram_t().route(24, 4, "fe80::2"));

@@ -155,6 +155,14 @@ bool KernelTest::neither_has(int interface, const std::string &address) {
            store.node_of(interface, address).empty();
 }
 
+void KernelTest::expect_working() {
+    EXPECT_TRUE(settle());
+    store.set_address(1, "works", "2001:db8::77/64");
+    EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::77/64"); }));
+    device.add_address("eth0", "2001:db8::78/64");
+    EXPECT_TRUE(becomes([&] { return store.has_address(1, "2001:db8::78/64", "Automatic"); }));
+}
+
 std::vector<unsigned char> forged_link(const std::string &name, std::uint16_t type) {
     ifinfomsg header{};
     header.ifi_type = ARPHRD_ETHER;

@@ -56,6 +56,9 @@ protected:
     // Store and kernel, for eth<interface - 1>: a condition to poll.
     bool both_have(int interface, const std::string &address);
     bool neither_has(int interface, const std::string &address);
+    // After whatever has happened, both directions work: an address in the store, another in the
+    // kernel, both of interface 1, arrive on the other side.
+    void expect_working();
 
     Sandbox sandbox;
     Kernel device;

@@ -165,6 +165,14 @@ TEST_F(TurnsTest, ThoseWhoHaveAllHadTheirShareTakeTurns) {
     EXPECT_EQ(rate().refused, 0U);
 }
 
+TEST_F(TurnsTest, WhoHasSentHalfARequestKeepsNobodyWaiting) {
+    use_up_share(*first);
+    send_writes(*first, 10001, 10010);
+    ASSERT_TRUE(second->calls.send(request_frame(Op::watchdog_ping).substr(0, 2)));
+    while_served([&] { take_replies(*first, 10); });
+    EXPECT_EQ(rate().refused, 0U);
+}
+
 TEST_F(TurnsTest, APingAndTheRequestBehindItAreOneTurn) {
     ASSERT_TRUE(first->calls.send(request_frame(Op::watchdog_ping)));
     send_writes(*first, 7, 8);
