@@ -68,6 +68,9 @@ int CSync::listen() {
 
     api_status_t status = tav_value::status_unset;
     tav->watchdog_ping(status);
+    if (exit_fd < 0 && exit_requested != 0) {
+        return 1; // without a pipe a signal that came just before the wait did not end it
+    }
     if (ready == 0) {
         return 0;
     }

@@ -243,6 +243,13 @@ TEST_F(EventLoop, WithoutAnExitPipeTheOthersAreServed) {
     EXPECT_EQ(journal::entries(), (entries_t{"select(30)", "watchdog_ping()", "events_get()"}));
 }
 
+TEST_F(EventLoop, WithoutAnExitPipeTheExitFlagIsLookedAtAfterEachWait) {
+    exit_pipe[0] = exit_pipe[1] = 0;
+    os.select.timeout([] { exit_requested = 1; });
+    EXPECT_EQ(listen_once(), 1);
+    EXPECT_EQ(journal::entries(), (entries_t{"select(30)", "watchdog_ping()"}));
+}
+
 TEST_F(EventLoop, TheLowestDescriptorIsWaitedForLikeAnyOther) {
     exit_pipe[0] = 0;
     os.select.ready({0}, [] { exit_requested = 1; });
