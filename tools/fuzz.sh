@@ -69,7 +69,7 @@ merge() {
     local merged
     prepare "$1"
     merged=$(mktemp -d)
-    "$program" -merge=1 -timeout=20 -max_len=4096 "$merged" "${inputs[@]}" \
+    "$program" -set_cover_merge=1 -timeout=20 -max_len=4096 "$merged" "${inputs[@]}" \
         >"$setup_log" 2>&1 || { tail -n 20 "$setup_log" >&2; die "could not merge: $1"; }
     rm -rf "$corpus"
     mv "$merged" "$corpus"
