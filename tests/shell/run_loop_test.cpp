@@ -138,14 +138,17 @@ TEST_F(RunLoop, WithoutAnExitPipeAPauseIsWaitedOutAllTheSame) {
     EXPECT_EQ(os.select.calls().back().seconds, 10);
 }
 
-TEST_F(RunLoop, TheHighestDescriptorThatTheSetCanHoldIsWaitedForInAPause) {
-    exit_pipe[0] = FD_SETSIZE - 1;
-    fake_tav::state().failing_inits = 1;
-    os.select.timeout(request_exit);
-    run();
-    ASSERT_FALSE(os.select.calls().empty());
-    EXPECT_EQ(os.select.calls().back().reading, std::vector<int>{FD_SETSIZE - 1});
-    EXPECT_EQ(os.select.calls().back().nfds, FD_SETSIZE);
+TEST_F(RunLoop, AnyDescriptorThatTheSetCanHoldIsWaitedForInAPause) {
+    for (const int fd : {0, FD_SETSIZE - 1}) {
+        exit_requested = 0;
+        exit_pipe[0] = fd;
+        fake_tav::state().failing_inits = 1;
+        os.select.timeout(request_exit);
+        run();
+        ASSERT_FALSE(os.select.calls().empty());
+        EXPECT_EQ(os.select.calls().back().reading, std::vector<int>{fd});
+        EXPECT_EQ(os.select.calls().back().nfds, fd + 1);
+    }
 }
 
 TEST_F(RunLoop, FirstAndLastMessageAreAlwaysLogged) {
