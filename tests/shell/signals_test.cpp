@@ -73,6 +73,18 @@ TEST_F(Signals, WithoutAPipeTheHandlersAreInstalledAllTheSame) {
     EXPECT_EQ(exit_pipe[1], 0);
 }
 
+TEST_F(Signals, ThePipeIsToBeWaitedForUnlessItWasNotMade) {
+    const struct {
+        int ends[2];
+        int expected;
+    } cases[] = {{{0, 0}, -1}, {{0, 5}, 0}, {{5, 0}, 5}, {{1, 2}, 1}, {{7, 8}, 7}};
+    for (const auto &one : cases) {
+        exit_pipe[0] = one.ends[0];
+        exit_pipe[1] = one.ends[1];
+        EXPECT_EQ(exit_descriptor(), one.expected);
+    }
+}
+
 TEST_F(Signals, DefaultsAreRestoredInTheSameOrderAndThePipeIsClosedReadEndFirst) {
     register_handlers();
     journal::clear();
