@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "protocol/limits.h"
+#include "service/path.h"
 
 namespace tav {
 
@@ -29,14 +30,24 @@ bool EventQueue::add(const Event &event, bool foreign) {
     return true;
 }
 
-bool EventQueue::holds_foreign(const std::string &path) const {
-    const auto known = by_path.find(path);
-    if (known == by_path.end()) {
-        return false;
-    }
-    return std::any_of(known->second.begin(), known->second.end(), [this](const auto &position) {
+bool EventQueue::is_foreign(const Positions &positions) const {
+    return std::any_of(positions.begin(), positions.end(), [this](const auto &position) {
         return position.first != mlr_event_notice && entries.at(position.second).foreign;
     });
+}
+
+bool EventQueue::holds_foreign(const std::string &path) const {
+    const auto known = by_path.find(path);
+    if (known != by_path.end() && is_foreign(known->second)) {
+        return true;
+    }
+    for (auto below = by_path.lower_bound(path + '/');
+         below != by_path.end() && is_at_or_below(below->first, path); ++below) {
+        if (is_foreign(below->second)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 std::vector<Event> EventQueue::take() {

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <map>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "protocol/messages.h"
@@ -19,7 +18,7 @@ public:
     // left of each transaction stays together. `foreign`: the change was another client's. False
     // when the queue would pass its limits; it is then as it was.
     bool add(const Event &event, bool foreign);
-    // A change of that leaf by somebody else is waiting.
+    // A change by somebody else of a leaf at or below that path is waiting.
     bool holds_foreign(const std::string &path) const;
     // Everything, in order; the queue is empty afterwards.
     std::vector<Event> take();
@@ -37,8 +36,10 @@ private:
     // Positions of the waiting events on one path, by command.
     using Positions = std::map<std::int32_t, std::uint64_t>;
 
+    bool is_foreign(const Positions &positions) const;
+
     std::map<std::uint64_t, Entry> entries;
-    std::unordered_map<std::string, Positions> by_path;
+    std::map<std::string, Positions> by_path;
     std::uint64_t next = 0;
     std::size_t bytes = 0;
 };

@@ -38,20 +38,17 @@ bool apply_all(Edit &edit, const std::vector<Item> &items, std::vector<api_statu
     return true;
 }
 
-// Which items would change one of the `stale` leaves.
+// Which items would change one of the `stale` leaves, or make one of the `stale` nodes.
 std::vector<api_status_t> stale_statuses(const std::vector<Item> &items,
                                          const std::unordered_set<std::string> &stale) {
     std::vector<api_status_t> statuses(items.size(), api_status_not_done);
     for (std::size_t i = 0; i < items.size(); ++i) {
         const Item &item = items[i];
-        const bool removes = item.kind != ItemKind::set && item.kind != ItemKind::make_node &&
-                             item.kind != ItemKind::touch;
-        const bool concerned = removes ? std::any_of(stale.begin(), stale.end(),
-                                                     [&item](const std::string &path) {
-                                                         return is_at_or_below(path, item.path);
-                                                     })
-                                       : item.kind == ItemKind::set && stale.count(item.path) > 0;
-        if (concerned) {
+        const bool removes = item.kind != ItemKind::set && item.kind != ItemKind::make_node;
+        const auto concerns = [&item, removes](const std::string &path) {
+            return removes ? is_at_or_below(path, item.path) : is_at_or_below(item.path, path);
+        };
+        if (item.kind != ItemKind::touch && std::any_of(stale.begin(), stale.end(), concerns)) {
             statuses[i] = api_status_stale;
         }
     }
@@ -111,7 +108,9 @@ Outcome Store::transact(const std::vector<Item> &items,
     std::unordered_set<std::string> stale;
     for (const Change &change : changes) {
         const bool of_leaf = change.leaf_set() || change.leaf_removed();
-        if (of_leaf && change.real() && unseen(change.path)) {
+        // The writer may believe that the node is there still, and everything else below it.
+        const bool makes_node = !change.before && change.after && !of_leaf;
+        if ((makes_node || (of_leaf && change.real())) && unseen(change.path)) {
             stale.insert(change.path);
         }
     }

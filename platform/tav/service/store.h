@@ -39,9 +39,9 @@ public:
     // A store in memory over another storage.
     explicit Store(std::unique_ptr<Storage> other);
 
-    // Performs all items or none. `unseen` tells for the path of a leaf whether the writer has not
-    // yet fetched somebody else's event on it: when the transaction would really change such a
-    // leaf, it is refused as a whole with api_status_stale.
+    // Performs all items or none. `unseen` tells for a path whether the writer has not yet fetched
+    // somebody else's event on it or on a leaf below: when the transaction would really change such
+    // a leaf, or make such a node, it is refused as a whole with api_status_stale.
     Outcome transact(const std::vector<Item> &items,
                      const std::function<bool(const std::string &)> &unseen);
 

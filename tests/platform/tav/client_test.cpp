@@ -327,6 +327,23 @@ TEST_F(StaleTest, ANodeThatSomebodyIsJustAddingIsNotOverwritten) {
     EXPECT_EQ(other->get("/n/3/b"), "theirs");
 }
 
+TEST_F(StaleTest, ANodeThatSomebodyJustRemovedIsNotMadeAnewByAWriteBelowIt) {
+    client->fetch();
+    other->remove("/n/1");
+    EXPECT_EQ(client->set("/n/1/x/c", "mine"), api_status_stale);
+    EXPECT_EQ(client->set_all({"/n/2/a", "/n/1/c"}, {"mine", "mine"}),
+              (Statuses{api_status_not_done, api_status_stale}));
+    EXPECT_EQ(client->set("/n/10/c", "mine"), api_status_ok) << "that is another one";
+    EXPECT_EQ(client->fetch(), (Names{"3 /n/1/a", "3 /n/1/b"}));
+    EXPECT_EQ(client->set("/n/1/x/c", "mine"), api_status_ok);
+}
+
+TEST_F(StaleTest, BesideALeafThatSomebodyJustRemovedOthersAreWritten) {
+    client->fetch();
+    other->remove("/n/1/a");
+    EXPECT_EQ(client->set("/n/1/c", "mine"), api_status_ok) << "the node is there";
+}
+
 TEST_F(StaleTest, ALeafThatSomebodyJustRemovedIsNotBroughtBack) {
     client->fetch();
     other->remove("/n/2");
