@@ -244,7 +244,8 @@ void Course::apply_to_processes(const Operation &operation) {
     woken = false;
     synchronisation_due = false;
     drain();
-    daemon.busy = false;
+    // The notice behind its registration may have been fetched just now.
+    daemon.busy = pace != Pace::settled && pick(2) == 0;
     if (daemon.running) {
         state.order_unseen = false; // it has just read the kernel's order
         state.doubled.clear();
@@ -414,7 +415,7 @@ State adopt(const State &before, const KernelModel &kernel, const StoreModel &st
         // Siblings are listed as one route, with the protocol of the first.
         for (const auto &known : before.kernel.routes) {
             if (known.link == route.link && known.gateway == route.gateway &&
-                known.metric == route.metric) {
+                known.metric == route.metric && kernel.has_siblings(route)) {
                 route.protocol = known.protocol;
             }
         }

@@ -84,4 +84,20 @@ TEST(RegressionTest, AGatewayWhoseRouteWasSomebodyElses) {
                        " gateway-remove 0\n gateway-remove 0\n");
 }
 
+// The notice that follows a rebuild's registration keeps the daemon from the store's next wake-up.
+TEST(RegressionTest, AnEditBehindARebuildThatIsServedAfterTheKernelsReports) {
+    expect_as_foreseen("seed 5000594\nburst settled\n kernel-add 0 4 64 0\nburst settled\n"
+                       " store-set 0 4 4 48 3 0\nburst fast\n kernel-add 0 7 64 0\n"
+                       " gateway-set 2 2 0\n kernel-add 0 7 64 0\n overflow\n"
+                       " store-malformed 0 2 0\n kernel-add 0 2 64 0\n link-down 0\n");
+}
+
+// What the daemon remembers of a gateway outlives its interface's node, and replaces the route of
+// another protocol once the node is there again.
+TEST(RegressionTest, AGatewayOfAnotherProtocolThatBecomesStaticBehindAnInterfaceThatComesBack) {
+    expect_as_foreseen("seed 5001457\nburst settled\n store-set 0 1 1 48 3 0\n route-add 0 2 3 0\n"
+                       "burst settled\n gateway-set 0 2 0\n interface-drop 0\nburst settled\n"
+                       " store-set 0 0 0 64 2 0\nburst settled\n");
+}
+
 } // namespace
