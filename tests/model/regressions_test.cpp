@@ -100,4 +100,10 @@ TEST(RegressionTest, AGatewayOfAnotherProtocolThatBecomesStaticBehindAnInterface
                        " store-set 0 0 0 64 2 0\nburst settled\n");
 }
 
+// An address written back into an interface's node that is just being removed made the node anew.
+TEST(RegressionTest, AnInterfaceNodeThatIsRemovedWhileItsAddressIsWrittenBack) {
+    expect_as_foreseen("seed 5002136\nburst fast\n store-remove 0 0\n interface-drop 0\n"
+                       " store-set 2 2 2 64 3 0\n kernel-add 1 3 64 0\nburst fast\n link-down 0\n");
+}
+
 } // namespace
