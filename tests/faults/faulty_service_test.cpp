@@ -17,7 +17,7 @@ protected:
     void stage(const std::string &plan) {
         ::setenv("TAVD_FAULT", plan.c_str(), 1);
         start();
-        ::setenv("TAV_TIMEOUT_MS", "2000", 1);
+        ::setenv("TAV_TIMEOUT_MS", "5000", 1);
         victim = std::make_unique<Client>();
         ::unsetenv("TAV_TIMEOUT_MS");
         ASSERT_TRUE(victim->connected());

@@ -248,6 +248,7 @@ void Course::apply_to_processes(const Operation &operation) {
     daemon.busy = pace != Pace::settled && pick(2) == 0;
     if (daemon.running) {
         state.order_unseen = false; // it has just read the kernel's order
+        state.doubled_before.insert(state.doubled.begin(), state.doubled.end());
         state.doubled.clear();
     }
 }
@@ -350,6 +351,7 @@ void add_unknown(const State &state, const Outcome &outcome, Prediction &predict
     }
     std::set<int> unknown = state.unseen;
     unknown.insert(state.doubled.begin(), state.doubled.end());
+    unknown.insert(state.doubled_before.begin(), state.doubled_before.end());
     for (const int slot : unknown) {
         const std::string number = std::to_string(slot + 1);
         for (const auto &stem :

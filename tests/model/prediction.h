@@ -30,6 +30,8 @@ struct State {
     // Slots whose link's own link-local address was declared Static: the daemon's table may then
     // hold it twice, and hold one of the two for ever.
     std::set<int> doubled;
+    // Those for which a restart in this burst has ended that: what came of it before is unknown.
+    std::set<int> doubled_before;
     bool order_unseen = false; // in which order the daemon holds its addresses
 };
 

@@ -106,4 +106,11 @@ TEST(RegressionTest, AnInterfaceNodeThatIsRemovedWhileItsAddressIsWrittenBack) {
                        " store-set 2 2 2 64 3 0\n kernel-add 1 3 64 0\nburst fast\n link-down 0\n");
 }
 
+// A restart ends the doubt about a link-local address that was declared Static, but not about what
+// was done before.
+TEST(RegressionTest, ARestartBehindALinkLocalAddressThatWasDeclaredStatic) {
+    expect_as_foreseen("seed 6002097\nburst fast\n store-set 0 2 8 48 3 0\n link-down 0\n"
+                       "burst settled\n store-set 0 2 2 128 3 0\n link-delete 0\n overflow\n");
+}
+
 } // namespace
