@@ -112,15 +112,20 @@ TEST_F(RunLoop, ThePauseLeavesTheByteInTheExitPipe) {
     EXPECT_EQ(pipe.bytes_left(), 1);
 }
 
+// The wait of a pause with an exit pipe of these ends.
+fake_os::select_call_t pause_with(int read_end, int write_end) {
+    exit_requested = 0;
+    exit_pipe[0] = read_end;
+    exit_pipe[1] = write_end;
+    fake_tav::state().failing_inits = 1;
+    fake_os::state().select.timeout([] { exit_requested = 1; });
+    EXPECT_EQ(run_daemon(), 0);
+    return fake_os::state().select.calls().back();
+}
+
 TEST_F(RunLoop, AnExitPipeThatTheSetCannotHoldIsNotWaitedForInAPause) {
     for (const int fd : {FD_SETSIZE, FD_SETSIZE + 1, FD_SETSIZE + 64, 2 * FD_SETSIZE}) {
-        exit_requested = 0;
-        exit_pipe[0] = fd;
-        fake_tav::state().failing_inits = 1;
-        os.select.timeout(request_exit);
-        run();
-        ASSERT_FALSE(os.select.calls().empty());
-        const auto &call = os.select.calls().back();
+        const auto call = pause_with(fd, 81);
         EXPECT_TRUE(call.reading.empty()) << fd;
         EXPECT_EQ(call.nfds, 0) << fd; // a negative number would fail at once, without the pause
         EXPECT_TRUE(call.has_timeout);
@@ -129,25 +134,16 @@ TEST_F(RunLoop, AnExitPipeThatTheSetCannotHoldIsNotWaitedForInAPause) {
 }
 
 TEST_F(RunLoop, WithoutAnExitPipeAPauseIsWaitedOutAllTheSame) {
-    exit_pipe[0] = exit_pipe[1] = 0;
-    fake_tav::state().failing_inits = 1;
-    os.select.timeout(request_exit);
-    run();
-    ASSERT_FALSE(os.select.calls().empty());
-    EXPECT_TRUE(os.select.calls().back().reading.empty());
-    EXPECT_EQ(os.select.calls().back().seconds, 10);
+    const auto call = pause_with(0, 0);
+    EXPECT_TRUE(call.reading.empty());
+    EXPECT_EQ(call.seconds, 10);
 }
 
 TEST_F(RunLoop, AnyDescriptorThatTheSetCanHoldIsWaitedForInAPause) {
     for (const int fd : {0, FD_SETSIZE - 1}) {
-        exit_requested = 0;
-        exit_pipe[0] = fd;
-        fake_tav::state().failing_inits = 1;
-        os.select.timeout(request_exit);
-        run();
-        ASSERT_FALSE(os.select.calls().empty());
-        EXPECT_EQ(os.select.calls().back().reading, std::vector<int>{fd});
-        EXPECT_EQ(os.select.calls().back().nfds, fd + 1);
+        const auto call = pause_with(fd, 81);
+        EXPECT_EQ(call.reading, std::vector<int>{fd});
+        EXPECT_EQ(call.nfds, fd + 1);
     }
 }
 
