@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "client/short_wait.h"
 #include "protocol/codec.h"
 #include "protocol/protocol.h"
 
@@ -125,8 +126,9 @@ void FrameStream::make_room() {
 StreamResult FrameStream::receive(int fd, std::string_view &body, Clock::time_point deadline) {
     discard_last();
     FrameState state = FrameState::incomplete;
+    ShortWait short_wait;
     // A receive that waits by itself is woken once more, when the other side takes the request.
-    bool wait = true;
+    bool wait = !short_wait.goes_on();
     while ((state = next_frame(arrived(), body)) == FrameState::incomplete) {
         if (wait && !wait_for(fd, POLLIN, deadline)) {
             return StreamResult::timed_out;
@@ -141,7 +143,7 @@ StreamResult FrameStream::receive(int fd, std::string_view &body, Clock::time_po
         if (got < 0 && !again(errno) && errno != EINTR) {
             return StreamResult::failed;
         }
-        wait = got < 0;
+        wait = got < 0 && !short_wait.goes_on();
         filled += got > 0 ? static_cast<std::size_t>(got) : 0;
     }
     if (state == FrameState::too_large) {

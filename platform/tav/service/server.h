@@ -5,6 +5,9 @@
 #ifndef TAV_SERVICE_SERVER_H
 #define TAV_SERVICE_SERVER_H
 
+#include <sys/epoll.h>
+
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -44,7 +47,10 @@ private:
         bool ready = false; // its socket is; otherwise it has sent ahead
     };
 
+    using Events = std::array<epoll_event, 64>;
+
     // server.cpp: the loop and the requests.
+    int wait_for(Events &events);
     void watch(int fd, PeerId id, std::uint32_t events, int operation);
     void give_turns();
     void give_turn(PeerId id, bool ready);
@@ -76,6 +82,7 @@ private:
     int signal_fd;
     Rights rights;
     UniqueFd epoll;
+    bool served_lately = false; // a request came since the last sleep
     std::map<PeerId, std::unique_ptr<Peer>> peers;
     std::map<std::uint64_t, Connections> connections;
     std::map<uid_t, std::size_t> user_connections;
