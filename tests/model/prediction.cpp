@@ -39,6 +39,12 @@ public:
             if (!apply(done)) {
                 return false;
             }
+            // Nobody knows whether this gateway was still there, and its edit an event.
+            const Kind kind = done.operation.kind;
+            if (state.kernel.routes_unsure && state.store_up && state.daemon.running &&
+                (kind == Kind::gateway_remove || kind == Kind::gateway_set)) {
+                synchronisation_due = synchronisation_due || pick(2) == 0;
+            }
             if (!state.daemon.busy && !state.store.events.empty()) {
                 woken = true;
             }
@@ -374,7 +380,14 @@ Prediction predict(const State &start, Pace pace, const std::vector<Done> &burst
                    std::uint32_t seed) {
     Prediction prediction;
     prediction.impossible = true;
-    const int orders = pace == Pace::settled && !start.order_unseen ? 1 : orders_tried;
+    const std::vector<KernelRoute> &routes = start.kernel.routes;
+    const bool siblings =
+        std::any_of(routes.begin(), routes.end(), [&](const KernelRoute &route) {
+            return start.kernel.has_siblings(route);
+        });
+    const bool one_order = pace == Pace::settled && !start.order_unseen &&
+                           !start.kernel.routes_unsure && !siblings;
+    const int orders = one_order ? 1 : orders_tried;
     for (int i = 0; i < orders; ++i) {
         Course course(start, pace, seed + static_cast<std::uint32_t>(i));
         if (!course.run(burst)) {

@@ -113,4 +113,12 @@ TEST(RegressionTest, ARestartBehindALinkLocalAddressThatWasDeclaredStatic) {
                        "burst settled\n store-set 0 2 2 128 3 0\n link-delete 0\n overflow\n");
 }
 
+// Routes of one metric hide each other's end: whether the gateway is still stored is unknown then,
+// and whether its removal makes the daemon synchronise, which brings back a second node's address.
+TEST(RegressionTest, AGatewayThatIsRemovedBehindRoutesThatHidEachOther) {
+    expect_as_foreseen("seed 7001586\nburst fast\n store-set 0 4 4 64 3 0\n gateway-set 1 2 0\n"
+                       " gateway-set 0 0 0\n kernel-lifetime 0 4 128\nburst settled\n"
+                       " link-down 0\n gateway-remove 0\n");
+}
+
 } // namespace
