@@ -381,12 +381,11 @@ Prediction predict(const State &start, Pace pace, const std::vector<Done> &burst
     Prediction prediction;
     prediction.impossible = true;
     const std::vector<KernelRoute> &routes = start.kernel.routes;
-    const bool siblings =
-        std::any_of(routes.begin(), routes.end(), [&](const KernelRoute &route) {
-            return start.kernel.has_siblings(route);
-        });
-    const bool one_order = pace == Pace::settled && !start.order_unseen &&
-                           !start.kernel.routes_unsure && !siblings;
+    const bool siblings = std::any_of(routes.begin(), routes.end(), [&](const KernelRoute &route) {
+        return start.kernel.has_siblings(route);
+    });
+    const bool one_order =
+        pace == Pace::settled && !start.order_unseen && !start.kernel.routes_unsure && !siblings;
     const int orders = one_order ? 1 : orders_tried;
     for (int i = 0; i < orders; ++i) {
         Course course(start, pace, seed + static_cast<std::uint32_t>(i));
