@@ -62,6 +62,7 @@ public:
 
 private:
     bool apply(const Done &done);
+    void drop_while_read(int number);
     void set_back(Kind kind, std::size_t known_notices);
     void announce_late();
     bool apply_to_kernel(const Done &done, const std::vector<int> &arguments);
@@ -168,11 +169,32 @@ bool Course::apply(const Done &done) {
         return as_foreseen;
     }
     if (is_store_side(done.operation.kind)) {
+        if (done.operation.kind == Kind::interface_drop && synchronisation_due && pick(2) == 0) {
+            drop_while_read(done.operation.arguments[0] + 1);
+        }
         apply_to_store(state.store, done.operation);
     } else {
         apply_to_processes(done.operation);
     }
     return true;
+}
+
+// The interface's node was listed when it went: the gateway, and the first of the addresses, may
+// have been read by then, the others are not found.
+void Course::drop_while_read(int number) {
+    for (const auto &stored : state.store.read()) {
+        if (stored.number != number) {
+            continue;
+        }
+        if (pick(2) == 0) {
+            state.store.user_remove(gateway_node(number));
+        }
+        const int found = static_cast<int>(stored.listed.size());
+        for (int i = pick(found + 1); i < found; ++i) {
+            state.store.user_remove(address_node(number, stored.listed[static_cast<size_t>(i)]));
+        }
+    }
+    step();
 }
 
 int Course::apply_to_link(const Done &done, int index, int slot) {

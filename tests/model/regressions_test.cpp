@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "prediction.h"
 #include "runner.h"
 
 namespace {
@@ -119,6 +120,28 @@ TEST(RegressionTest, AGatewayThatIsRemovedBehindRoutesThatHidEachOther) {
     expect_as_foreseen("seed 7001586\nburst fast\n store-set 0 4 4 64 3 0\n gateway-set 1 2 0\n"
                        " gateway-set 0 0 0\n kernel-lifetime 0 4 128\nburst settled\n"
                        " link-down 0\n gateway-remove 0\n");
+}
+
+// A synchronisation that has listed an interface's node and then finds nothing below it takes the
+// Static addresses out of the kernel; one that does not find the node leaves them.
+TEST(RegressionTest, AnInterfaceNodeThatGoesWhileItIsRead) {
+    expect_as_foreseen("seed 8000463\nburst slow\n store-set 0 0 0 64 3 0\n"
+                       " store-set 0 3 3 48 3 0\nburst fast\n kernel-lifetime 0 0 128\n"
+                       " store-set 0 5 5 128 3 0\n interface-drop 0\n");
+}
+
+TEST(RegressionTest, WhatBecomesOfAnInterfaceThatGoesWhileItIsReadIsOpen) {
+    model::State seen;
+    seen.kernel.links[2] = {"eth0", 0, true, {{model::address_text(0, 0), 64, false}}};
+    model::apply_to_store(seen.store, {model::Kind::store_set, {0, 0, 0, 64, 3, 0}});
+    model::State first;
+    first.daemon.links[2].name = "eth0";
+    const model::State start = model::adopt(first, seen.kernel, seen.store);
+    const model::Prediction prediction = model::predict(
+        start, model::Pace::fast,
+        {{{model::Kind::store_set, {0, 5, 5, 128, 3, 0}}}, {{model::Kind::interface_drop, {0}}}},
+        1);
+    EXPECT_EQ(prediction.doubtful.count("kernel slot 0 " + model::address_text(0, 0)), 1U);
 }
 
 } // namespace
