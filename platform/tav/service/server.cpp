@@ -45,14 +45,16 @@ void Server::watch(int fd, PeerId id, std::uint32_t events, int operation) {
     }
 }
 
-// Whoever was just served mostly asks for more: it runs first, and may be back before this sleeps.
+// Whoever was just served mostly asks for more, and is back before this has slept.
 int Server::wait_for(Events &events) {
     const auto size = static_cast<int>(events.size());
-    if (served_lately && has_second_processor()) {
-        ::sched_yield();
-        const int ready = ::epoll_wait(epoll.get(), events.data(), size, 0);
-        if (ready != 0) {
-            return ready;
+    if (served_lately && turns.empty()) {
+        ShortWait wait;
+        while (wait.goes_on()) {
+            const int ready = ::epoll_wait(epoll.get(), events.data(), size, 0);
+            if (ready != 0) {
+                return ready;
+            }
         }
     }
     served_lately = false;
