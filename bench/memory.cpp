@@ -1,10 +1,13 @@
 // What the daemon takes at rest and with many addresses, beside systemd-networkd and keepalived;
 // how often it wakes up; and whether its memory grows over many events.
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <stdexcept>
 
+#include <signal.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "support/footprint.h"
@@ -24,7 +27,36 @@ struct use_t {
 };
 
 struct comparison_t {
-    use_t daemon, service, networkd, keepalived;
+    use_t detached, daemon, service, networkd, keepalived;
+};
+
+// The daemon as it is without -d. What its starting touched counts for processes that are gone.
+class Detached {
+public:
+    explicit Detached(bench::World &world) : invoked(world.start_daemon({})) {
+        const auto stays = [&] {
+            const auto all = world.sandbox.processes();
+            const auto is_daemon = [](const auto &process) { return process.name == "tandrel"; };
+            const auto found = std::find_if(all.begin(), all.end(), is_daemon);
+            number = found == all.end() ? -1 : found->pid;
+            return std::count_if(all.begin(), all.end(), is_daemon) == 1;
+        };
+        if (invoked.wait_exit() != 0 || !kt::eventually(stays)) {
+            throw std::runtime_error("the daemon does not detach itself");
+        }
+    }
+    ~Detached() {
+        kill(number, SIGTERM);
+        waitpid(number, nullptr, 0); // the sandbox's orphans are this process's children
+    }
+    Detached(const Detached &) = delete;
+    Detached &operator=(const Detached &) = delete;
+
+    pid_t pid() const { return number; }
+
+private:
+    kt::Process &invoked;
+    pid_t number = -1;
 };
 
 // The work that follows the last address must be over.
@@ -46,6 +78,14 @@ void measure(bench::World &world, int count, comparison_t &found) {
     found.daemon.add(bench::memory_of(world.daemon->pid()));
     found.service.add(bench::memory_of(world.tavd.pid()));
     world.stop_daemon();
+
+    world.renew_link();
+    {
+        const Detached daemon(world);
+        world.wait_for_stored(wanted + 1);
+        rest();
+        found.detached.add(bench::memory_of(daemon.pid()));
+    }
 
     world.renew_link();
     watcher.drain();
@@ -72,12 +112,13 @@ void print(int count, const comparison_t &found) {
                           bench::memory_text(use.proportional),
                           bench::memory_text(use.private_only), ratio});
     };
-    const double ratio = found.daemon.resident.middle() / found.networkd.resident.middle();
-    row("tandrel", found.daemon,
-        count == 0
-            ? "resident to networkd's: " + bench::verdict(ratio, 0.4) + "; private to 1 MB: " +
-                  bench::verdict(found.daemon.private_only.middle() / 1024, 1)
-            : "");
+    const auto verdicts = [&](const use_t &use) {
+        return "resident to networkd's: " +
+               bench::verdict(use.resident.middle() / found.networkd.resident.middle(), 0.4) +
+               "; private to 1 MB: " + bench::verdict(use.private_only.middle() / 1024, 1);
+    };
+    row("tandrel, detached", found.detached, count == 0 ? verdicts(found.detached) : "");
+    row("tandrel -d", found.daemon, count == 0 ? verdicts(found.daemon) : "");
     row("tavd", found.service, "");
     row("systemd-networkd", found.networkd, "");
     row("keepalived, the working process", found.keepalived, "");

@@ -96,12 +96,13 @@ void World::renew_link() {
     usleep(500000);
 }
 
-kt::Process &World::start_daemon() {
+kt::Process &World::start_daemon(const std::vector<std::string> &options) {
     last_session = tavd.session_of(-1);
-    kt::spawn_options_t options;
-    options.environment["TAV_SOCKET"] = tavd.socket();
-    daemon = std::make_unique<kt::Process>(
-        sandbox, std::vector<std::string>{kt::program("TANDREL"), "-d"}, options);
+    std::vector<std::string> command{kt::program("TANDREL")};
+    command.insert(command.end(), options.begin(), options.end());
+    kt::spawn_options_t surroundings;
+    surroundings.environment["TAV_SOCKET"] = tavd.socket();
+    daemon = std::make_unique<kt::Process>(sandbox, command, surroundings);
     return *daemon;
 }
 

@@ -51,7 +51,7 @@ public:
     // eth0, up, as if newly plugged in: without any address but its link-local one.
     void renew_link();
     int link_index() { return device.index("eth0"); }
-    kt::Process &start_daemon();
+    kt::Process &start_daemon(const std::vector<std::string> &options = {"-d"});
     // Waits until the store has so many addresses, the link-local one included.
     void wait_for_stored(std::size_t addresses);
     // Ends it in the orderly way; throws std::runtime_error when it had to rebuild its engine.

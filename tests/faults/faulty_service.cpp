@@ -46,7 +46,7 @@ bool holds_change(const std::vector<Event> &events) {
 } // namespace
 
 FaultyService::FaultyService(tav::Store &served, std::string database, Plan staged)
-    : Service(served, std::move(database), std::chrono::steady_clock::now),
+    : Service(served, std::move(database), std::chrono::steady_clock::now), store(served),
       plan(std::move(staged)) {}
 
 // False for what no plan names.
@@ -113,7 +113,9 @@ bool FaultyService::handle(Session &session, std::string_view body, std::string 
     if (struck) {
         tav::log_line("fault: %s on %s", name_of(plan.mode()), name_of(request.operation));
     }
-    if (struck && !concerns_events(plan.mode())) {
+    if (struck && plan.mode() == Mode::vanish) {
+        remove_as_somebody_else();
+    } else if (struck && !concerns_events(plan.mode())) {
         return stage(session, request, body, reply);
     }
     if (!Service::handle(session, body, reply)) {
@@ -232,6 +234,19 @@ void FaultyService::alter_events(Session &session, Victim &victim, bool struck,
         make_readable(session, victim);
     }
     reply = reply_with(header, events);
+}
+
+void FaultyService::remove_as_somebody_else() {
+    tav::Item item;
+    item.kind = tav::ItemKind::remove;
+    item.path = plan.path();
+    const tav::Outcome outcome =
+        store.transact({item}, [](const std::string & /*path*/) { return false; });
+    for (const auto &[number, client] : sessions()) {
+        for (const Event &event : outcome.events) {
+            client->offer(event, false, now());
+        }
+    }
 }
 
 // A notice carries no change: to the client it is as if nothing were there. The wake-up itself

@@ -41,9 +41,11 @@ private:
     void garble(std::string &reply);
     void cut(std::string &reply);
     void alter_events(tav::Session &session, Victim &victim, bool struck, std::string &reply);
+    void remove_as_somebody_else();
     void make_readable(tav::Session &session, const Victim &victim);
     void end(tav::Session &session, const Victim &victim);
 
+    tav::Store &store;
     Plan plan;
     std::map<std::uint64_t, Victim> victims; // by session
 };

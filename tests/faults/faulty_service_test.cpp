@@ -162,6 +162,17 @@ TEST_F(FaultyServiceTest, SpuriousReadinessHasNothingBehindIt) {
     }
 }
 
+TEST_F(FaultyServiceTest, WhatVanishesIsGoneBeforeTheCallAndItsEventsComeAsEver) {
+    stage("vanish:on=list:limit=1:path=/n/sub");
+    EXPECT_EQ(other->set("/n/sub/x", "1"), api_status_ok);
+    EXPECT_EQ(other->set("/n/y", "1"), api_status_ok);
+    victim->wait_events(2);
+    EXPECT_EQ(victim->get("/n/sub/x"), "1");
+    EXPECT_EQ(victim->list("/n"), std::vector<std::string>{"y"});
+    EXPECT_EQ(other->get("/n/sub/x"), "status 2");
+    EXPECT_EQ(victim->wait_events(1), std::vector<std::string>{"3 /n/sub/x"});
+}
+
 TEST_F(FaultyServiceTest, APlanCountsAndEndsWithItsFile) {
     const std::string file = dir.file("faults");
     std::ofstream(file) << "on";

@@ -16,6 +16,7 @@ constexpr std::pair<Mode, const char *> modes[] = {
     {Mode::cut, "cut"},         {Mode::overflow, "overflow"},
     {Mode::echo, "echo"},       {Mode::duplicate, "duplicate"},
     {Mode::reorder, "reorder"}, {Mode::spurious, "spurious"},
+    {Mode::vanish, "vanish"},
 };
 
 constexpr std::pair<Operation, const char *> operations[] = {
@@ -99,6 +100,9 @@ Plan::Plan(const std::string &text) {
     if (where.empty()) {
         where = usual_operations(what);
     }
+    if ((what == Mode::vanish) != !removed.empty()) {
+        throw std::invalid_argument("fault plan: 'vanish' needs a path, and nothing else has one");
+    }
 }
 
 void Plan::set(const std::string &key, const std::string &value) {
@@ -123,6 +127,8 @@ void Plan::set(const std::string &key, const std::string &value) {
         returned = static_cast<int>(number(value, -1000));
     } else if (key == "status") {
         given_status = static_cast<api_status_t>(number(value, 0));
+    } else if (key == "path") {
+        removed = value;
     } else if (key == "while") {
         while_file = value;
     } else {

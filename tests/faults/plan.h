@@ -2,7 +2,7 @@
 // any number of settings:
 //
 //   MODE[:on=OPERATION[+OPERATION...]][:after=N][:every=N][:limit=N][:chance=PERCENT][:seed=N]
-//       [:undone][:result=N][:status=N][:while=FILE]
+//       [:undone][:result=N][:status=N][:path=PATH][:while=FILE]
 //
 //   on      the operations that the fault strikes (all; of the modes about events, the one that
 //           the mode is about)
@@ -15,6 +15,7 @@
 //           lost)
 //   result  what a failing call returns (-1)
 //   status  what a refused path gets (api_status_refused)
+//   path    what is removed (needed by the mode about it)
 //   while   faults are staged only while this file exists
 #ifndef TESTS_FAULTS_PLAN_H
 #define TESTS_FAULTS_PLAN_H
@@ -38,7 +39,8 @@ enum class Mode {
     echo,      // the client is told of its own changes
     duplicate, // each event comes twice, and once more later
     reorder,   // the events of one fetch come in any order
-    spurious   // the descriptor is readable although nothing has happened
+    spurious,  // the descriptor is readable although nothing has happened
+    vanish     // somebody else removes `path` right before the call
 };
 
 enum class Operation { read, list, write, remove, enlist, events, watchdog, ping };
@@ -55,6 +57,7 @@ public:
     bool undone() const { return without_effect; }
     int result() const { return returned; }
     api_status_t status() const { return given_status; }
+    const std::string &path() const { return removed; }
 
     // Whether the fault strikes this operation, which is counted; to be asked once for each.
     bool strikes(Operation operation);
@@ -73,6 +76,7 @@ private:
     bool without_effect = false;
     int returned = -1;
     api_status_t given_status = api_status_refused;
+    std::string removed;
     std::string while_file;
 
     std::uint64_t seen = 0;

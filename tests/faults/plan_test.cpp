@@ -26,11 +26,13 @@ TEST(FaultPlanTest, StrikesWhereTheModeMakesSense) {
     EXPECT_TRUE(Plan("reorder").strikes(Operation::events));
     EXPECT_FALSE(Plan("reorder").strikes(Operation::write));
     EXPECT_TRUE(Plan("echo").strikes(Operation::enlist));
+    EXPECT_TRUE(Plan("vanish:path=/n").strikes(Operation::list));
 }
 
 TEST(FaultPlanTest, RefusesWhatItDoesNotKnow) {
-    for (const char *text : {"", "nothing", "hang:on=lunch", "hang:every=0", "hang:every=x",
-                             "hang:every=3x", "hang:limit=-1", "hang:often", "hang:limit="}) {
+    for (const char *text :
+         {"", "nothing", "hang:on=lunch", "hang:every=0", "hang:every=x", "hang:every=3x",
+          "hang:limit=-1", "hang:often", "hang:limit=", "vanish", "hang:path=/n"}) {
         EXPECT_THROW(Plan{text}, std::invalid_argument) << text;
     }
 }

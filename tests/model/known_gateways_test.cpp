@@ -2,6 +2,8 @@
 
 #include <linux/rtnetlink.h>
 
+#include <fstream>
+
 #include "known_behaviours.h"
 
 namespace {
@@ -236,6 +238,27 @@ TEST_F(KnownGatewayTest, OneRemovedWithoutAMirroredLeafComesBackWithTheNextAddre
     device.add_address("eth1", address);
     ASSERT_TRUE(settle());
     EXPECT_TRUE(store.addresses(2).empty());
+}
+
+TEST_F(KnownGatewayTest, OneRemovedWhileItIsReadTakesItsStaticAddressesOutOfTheKernel) {
+    const std::string node = kt::paths::interfaces + "/1";
+    const std::string now = sandbox.directory() + "/now";
+    service.stop();
+    store.disconnect();
+    // Between the list of the interfaces and that of its addresses.
+    service.start("vanish:on=list:after=1:limit=1:path=" + node + ":while=" + now);
+    store.set_address(1, "s", address);
+    start();
+    ASSERT_TRUE(becomes([&] { return both_have(1, address); }));
+    store.remove(node);
+    synchronise();
+    EXPECT_TRUE(device.has_address("eth0", address)) << "removed at any other time it leaves them";
+    store.set_address(1, "s", address);
+    ASSERT_TRUE(settle());
+    std::ofstream{now};
+    synchronise();
+    EXPECT_FALSE(store.read(kt::paths::address_value(1, "s")));
+    EXPECT_FALSE(device.has_address("eth0", address));
 }
 
 TEST_F(KnownGatewayTest, AnInterfaceNodeThatIsNoNumberStopsEveryRead) {
