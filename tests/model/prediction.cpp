@@ -21,7 +21,8 @@ bool declares_link_local_static(const DaemonModel::Link &link) {
 class Course {
 public:
     Course(const State &start, Pace how_fast, std::uint32_t seed)
-        : state(start), pace(how_fast), random(seed), eagerness(eagernesses[pick(4)]) {}
+        : state(start), pace(how_fast), random(seed), eagerness(eagernesses[pick(4)]),
+          wakes_late(pick(2) == 0) {}
 
     // False when the kernel would have answered otherwise.
     bool run(const std::vector<Done> &burst) {
@@ -77,7 +78,8 @@ private:
             drain();
             state.daemon.busy = false;
         } else if (pace != Pace::frozen) {
-            for (int steps = pick(eagerness + 1); steps > 0 && step(); --steps) {
+            const bool hears_store = !wakes_late || !state.daemon.busy || woken;
+            for (int steps = pick(eagerness + 1); steps > 0 && step(hears_store); --steps) {
             }
             if (pace == Pace::slow && pick(2) == 0) {
                 state.daemon.busy = false;
@@ -98,11 +100,11 @@ private:
 
     void drain() {
         announce_late();
-        while (step()) {
+        while (step(true)) {
         }
     }
 
-    bool step() {
+    bool step(bool hears_store) {
         if (!state.daemon.running) {
             return false;
         }
@@ -112,7 +114,7 @@ private:
             return true;
         }
         const bool kernel_waits = !state.kernel.notices.empty();
-        const bool store_waits = state.store_up && !state.store.events.empty();
+        const bool store_waits = hears_store && state.store_up && !state.store.events.empty();
         if (!kernel_waits && !store_waits) {
             return false;
         }
@@ -134,6 +136,9 @@ private:
     Pace pace;
     std::mt19937 random;
     const int eagerness; // of the daemon: what it gets done at most between two operations
+    // The store's wake-up, which waits for a pause after the daemon's requests, comes after the
+    // burst.
+    const bool wakes_late;
     bool woken = false;
     bool synchronisation_due = false;
     std::deque<Notice> late;
@@ -194,7 +199,7 @@ void Course::drop_while_read(int number) {
             state.store.user_remove(address_node(number, stored.listed[static_cast<size_t>(i)]));
         }
     }
-    step();
+    step(true);
 }
 
 int Course::apply_to_link(const Done &done, int index, int slot) {

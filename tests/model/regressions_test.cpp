@@ -130,6 +130,15 @@ TEST(RegressionTest, AnInterfaceNodeThatGoesWhileItIsRead) {
                        " store-set 0 5 5 128 3 0\n interface-drop 0\n");
 }
 
+// The kernel's notices are served while the store still waits with its wake-up: the new address was
+// given the node that the user then wrote to.
+TEST(RegressionTest, AnEditOfTheNodeThatANewAddressWasJustGiven) {
+    expect_as_foreseen("seed 10002268\nburst settled\n store-set 1 1 1 48 3 0\n"
+                       " kernel-add 0 1 128 0\nburst fast\n store-set 0 0 0 64 2 0\n"
+                       " store-rename 1 0 2\n gateway-set 0 1 0\n kernel-add 0 3 64 0\n"
+                       " kernel-add 0 3 128 0\n store-address 0 2 8 64 0\n");
+}
+
 TEST(RegressionTest, WhatBecomesOfAnInterfaceThatGoesWhileItIsReadIsOpen) {
     model::State seen;
     seen.kernel.links[2] = {"eth0", 0, true, {{model::address_text(0, 0), 64, false}}};
