@@ -453,12 +453,19 @@ State adopt(const State &before, const KernelModel &kernel, const StoreModel &st
     state.kernel.heard = true;
     state.kernel.routes_unsure = before.kernel.routes_unsure;
     for (auto &route : state.kernel.routes) {
+        if (!kernel.has_siblings(route)) {
+            continue;
+        }
         // Siblings are listed as one route, with the protocol of the first.
-        for (const auto &known : before.kernel.routes) {
-            if (known.link == route.link && known.gateway == route.gateway &&
-                known.metric == route.metric && kernel.has_siblings(route)) {
-                route.protocol = known.protocol;
-            }
+        const auto known = std::find_if(
+            before.kernel.routes.begin(), before.kernel.routes.end(), [&](const KernelRoute &one) {
+                return one.link == route.link && one.gateway == route.gateway &&
+                       one.metric == route.metric;
+            });
+        if (known != before.kernel.routes.end()) {
+            route.protocol = known->protocol;
+        } else {
+            state.kernel.routes_unsure = true;
         }
     }
     state.store = store;

@@ -139,6 +139,23 @@ TEST(RegressionTest, AnEditOfTheNodeThatANewAddressWasJustGiven) {
                        " kernel-add 0 3 128 0\n store-address 0 2 8 64 0\n");
 }
 
+// One of two routes of one metric came in a way that was not foreseen, and is listed with the
+// other's protocol (11000215): what it is on its own is unknown.
+TEST(RegressionTest, TheProtocolOfASiblingThatWasNotForeseenIsOpen) {
+    const model::KernelRoute first{2, "fe80::2", 3, 1024};
+    const model::KernelRoute second{2, "fe80::1", 4, 1024};
+    model::KernelModel seen;
+    seen.links[2] = {"eth0", 0, true, {}};
+    seen.routes = {first, {2, "fe80::1", 3, 1024}};
+    model::State before;
+    before.kernel = seen;
+    before.kernel.routes = {first, second};
+    EXPECT_EQ(model::adopt(before, seen, {}).kernel.routes.back(), second);
+    EXPECT_FALSE(model::adopt(before, seen, {}).kernel.routes_unsure);
+    before.kernel.routes = {first};
+    EXPECT_TRUE(model::adopt(before, seen, {}).kernel.routes_unsure);
+}
+
 TEST(RegressionTest, WhatBecomesOfAnInterfaceThatGoesWhileItIsReadIsOpen) {
     model::State seen;
     seen.kernel.links[2] = {"eth0", 0, true, {{model::address_text(0, 0), 64, false}}};
