@@ -253,8 +253,11 @@ TEST_F(KnownGatewayTest, OneRemovedWhileItIsReadTakesItsStaticAddressesOutOfTheK
     store.remove(node);
     synchronise();
     EXPECT_TRUE(device.has_address("eth0", address)) << "removed at any other time it leaves them";
+    store.set_address(1, "t", "2001:db8::6/64");
+    EXPECT_TRUE(becomes([&] { return !device.has_address("eth0", address); }))
+        << "until there is a node again, which lacks them";
     store.set_address(1, "s", address);
-    ASSERT_TRUE(settle());
+    ASSERT_TRUE(becomes([&] { return both_have(1, address); }));
     std::ofstream{now};
     synchronise();
     EXPECT_FALSE(store.read(kt::paths::address_value(1, "s")));

@@ -38,7 +38,10 @@ public:
                 continue;
             }
             if (!apply(done)) {
-                return false;
+                if (!is_open(done.operation)) {
+                    return false;
+                }
+                state.kernel.routes_unsure = true;
             }
             // Nobody knows whether this gateway was still there, and its edit an event.
             const Kind kind = done.operation.kind;
@@ -63,6 +66,16 @@ public:
 
 private:
     bool apply(const Done &done);
+    // What the daemon holds of the operation's link is unknown, and so is what it did to it.
+    bool is_open(const Operation &operation) const {
+        if (!is_kernel_side(operation.kind)) {
+            return false;
+        }
+        const int slot = operation.arguments[0];
+        return state.unseen.count(slot) + state.doubled.count(slot) +
+                   state.doubled_before.count(slot) >
+               0;
+    }
     void drop_while_read(int number);
     void set_back(Kind kind, std::size_t known_notices);
     void announce_late();

@@ -139,6 +139,14 @@ TEST(RegressionTest, AnEditOfTheNodeThatANewAddressWasJustGiven) {
                        " kernel-add 0 3 128 0\n store-address 0 2 8 64 0\n");
 }
 
+// While an interface has no node nothing shows what the daemon holds for Static on its link, and
+// removes from the kernel when the node comes back.
+TEST(RegressionTest, AnAddressThatIsAddedAgainBehindAnInterfaceThatComesBack) {
+    expect_as_foreseen("seed 10002960\nburst settled\n store-set 0 5 5 64 3 0\nburst settled\n"
+                       " interface-drop 0\nburst settled\n store-set 0 3 3 64 3 0\n"
+                       " kernel-add 0 5 64 1\n");
+}
+
 // One of two routes of one metric came in a way that was not foreseen, and is listed with the
 // other's protocol (11000215): what it is on its own is unknown.
 TEST(RegressionTest, TheProtocolOfASiblingThatWasNotForeseenIsOpen) {
