@@ -139,6 +139,30 @@ TEST(RegressionTest, AnEditOfTheNodeThatANewAddressWasJustGiven) {
                        " kernel-add 0 3 128 0\n store-address 0 2 8 64 0\n");
 }
 
+// Foreseen whatever the orders are drawn from.
+TEST(RegressionTest, ANewAddressMayBeServedBeforeAllEditsOfABurst) {
+    const std::string own = model::address_text(0, model::address_link_local);
+    model::State seen;
+    seen.kernel.links[2] = {"eth0", 0, true, {{model::address_text(0, 1), 128}, {own, 64}}};
+    model::apply_to_store(seen.store, {model::Kind::store_set, {0, 0, 8, 64, 1, 0}});
+    model::apply_to_store(seen.store, {model::Kind::store_set, {0, 1, 1, 128, 2, 0}});
+    model::State first;
+    first.daemon.links[2].name = "eth0";
+    const model::State start = model::adopt(first, seen.kernel, seen.store);
+    for (std::uint32_t seed = 1; seed <= 5000; seed += 500) {
+        const model::Prediction prediction =
+            model::predict(start, model::Pace::fast,
+                           {{{model::Kind::store_set, {0, 0, 0, 64, 2, 0}}},
+                            {{model::Kind::store_type, {0, 1, 2}}},
+                            {{model::Kind::gateway_set, {0, 1, 0}}},
+                            {{model::Kind::kernel_add, {0, 3, 64, 0}}},
+                            {{model::Kind::kernel_add, {0, 3, 128, 0}}, 17},
+                            {{model::Kind::store_address, {0, 2, 8, 64, 0}}}},
+                           seed);
+        EXPECT_EQ(prediction.doubtful.count("store 1 " + own), 1U) << seed;
+    }
+}
+
 // While an interface has no node nothing shows what the daemon holds for Static on its link, and
 // removes from the kernel when the node comes back.
 TEST(RegressionTest, AnAddressThatIsAddedAgainBehindAnInterfaceThatComesBack) {
