@@ -1,6 +1,8 @@
 // The commands show, check and interface list.
 #include <iostream>
 
+#include <nlohmann/json.hpp>
+
 #include "ctl/daemon_process.h"
 #include "ctl/output.h"
 #include "ctl/text.h"

@@ -8,6 +8,8 @@
 
 #include <unistd.h>
 
+#include <nlohmann/json.hpp>
+
 #include "ctl/text.h"
 #include "store/paths.h"
 

@@ -7,6 +7,8 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <nlohmann/json.hpp>
+
 #include "ctl/changes.h"
 #include "ctl/output.h"
 #include "ctl/text.h"

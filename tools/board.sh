@@ -14,8 +14,7 @@ program=board_memory
 [ "$selected" != --program ] || program=${3:?a name is missing}
 # Wall clock: for a machine that emulates slowly. What hangs inside is ended there before that.
 limit=5400
-work=$(mktemp -d)
-trap 'rm -rf "$work" "$setup_log"' EXIT
+work=$scratch
 mkdir -p "$work/extra/board"
 date +%s >"$work/extra/board/time"
 # What the tests read of the source tree, where they look for it.
@@ -28,7 +27,7 @@ prepare_powerpc() {
     # shellcheck disable=SC2086
     need_packages $build_packages $powerpc_packages $board_powerpc_packages
     tools/cross_sysroot.sh && tools/board_kernel.sh || exit 1
-    build_here powerpc
+    build_here test-powerpc
     kernel=build/cache/powerpc-kernel/vmlinux
     machine=(qemu-system-ppc -M ppce500 -cpu e500mc)
     console=ttyS0
@@ -40,7 +39,7 @@ prepare_amd64() {
     # shellcheck disable=SC2086
     need_packages $build_packages $test_packages $board_amd64_packages
     tools/board_kernel_amd64.sh || exit 1
-    build_here release
+    build_here test
     local cache=build/cache/amd64-kernel
     kernel=$cache/vmlinuz
     cp -r "$cache/modules" "$work/extra/board/"
@@ -52,7 +51,6 @@ prepare_amd64() {
 
 build_here() {
     preset=$1
-    say "== $board board: building"
     configure "$preset"
     build "$preset" board
 }
@@ -98,16 +96,27 @@ esac
 tools/board_image.sh "build/$preset" "$work/image" "$work/extra" "${libraries[@]}" ||
     die "cannot pack the board's file system"
 
-say "== $board board: testing"
 # Time inside advances with the instructions, and skips waiting: limits there do not depend on how
 # busy this machine is.
-timeout --foreground "$limit" "${machine[@]}" -accel tcg -m 512 -nographic -no-reboot -nic none \
-    -icount shift=0,sleep=off -kernel "$kernel" -initrd "$work/image" \
-    -append "console=$console quiet panic=-1" </dev/null 2>&1 |
-    sed -u 's/\r//g; s/\x1b\(c\|\[[?0-9;]*[a-zA-Z]\)//g' | tee "$work/console" | grep -v --line-buffered '^board: \(pass\|shown\|end$\)'
+: >"$work/console"
+note_board() {
+    local line
+    line=$(sed 's/\r//g; s/\x1b\(c\|\[[?0-9;]*[a-zA-Z]\)//g' <<<"$1")
+    printf '%s\n' "$line" >>"$work/console"
+    case $line in
+    'board: plan '*) planned=${line##* } ;;
+    'board: FAIL '*) failures=$((failures + 1)) ended=$((ended + 1)) ;;
+    'board: pass '* | 'board: skip '* | 'board: shown '*) ended=$((ended + 1)) ;;
+    esac
+    state="$ended of ${planned:-?}, $failures failed"
+    case $line in 'board: pass'* | 'board: shown'* | 'board: end') ;; *) pass_on "$line" ;; esac
+}
+planned='' ended=0
+step board "Testing on the $board board" timeout "$limit" "${machine[@]}" -accel tcg -m 512 -nographic \
+    -no-reboot -nic none -icount shift=0,sleep=off -kernel "$kernel" -initrd "$work/image" \
+    -append "console=$console quiet panic=-1"
 
 count() { grep -c "^board: $1" "$work/console"; }
-planned=$(sed -n 's/^board: plan //p' "$work/console")
 passed=$(count 'pass ')
 failed=$(count 'FAIL ')
 left_out=$(count 'skip ')

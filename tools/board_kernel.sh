@@ -13,18 +13,17 @@ need_packages $powerpc_packages $board_powerpc_packages
 wanted="$(dpkg-query -W -f='${Version}' linux-source-6.1) $(sha256sum <"$config")"
 [ "$(cat "$cache/built-from" 2>/dev/null)" = "$wanted" ] && exit 0
 
-say "Building the board's kernel (minutes, once) ..."
 rm -rf "$cache"
 mkdir -p "$cache/source"
+cross_make=(make -C "$cache/source" ARCH=powerpc CROSS_COMPILE=powerpc-linux-gnu-
+    KBUILD_BUILD_USER=board KBUILD_BUILD_HOST=board)
 {
-    tar -xJf /usr/src/linux-source-6.1.tar.xz -C "$cache/source" --strip-components=1 &&
-        cross_make() {
-            make -C "$cache/source" ARCH=powerpc CROSS_COMPILE=powerpc-linux-gnu- \
-                KBUILD_BUILD_USER=board KBUILD_BUILD_HOST=board "$@"
-        } &&
-        cross_make KCONFIG_ALLCONFIG="$config" allnoconfig &&
-        cross_make -j"$(nproc)" vmlinux
-} >"$setup_log" 2>&1 || { tail -n 30 "$setup_log" >&2; die "the kernel does not build"; }
+    step log "Unpacking the board's kernel" \
+        tar -xJf /usr/src/linux-source-6.1.tar.xz -C "$cache/source" --strip-components=1 &&
+        step make "Configuring the board's kernel" \
+            "${cross_make[@]}" KCONFIG_ALLCONFIG="$config" allnoconfig &&
+        step make "Building the board's kernel (once)" "${cross_make[@]}" -j"$(nproc)" vmlinux
+} || { tail -n 30 "$step_log" >&2; die "the kernel does not build"; }
 
 # An option whose own requirements are missing is dropped in silence.
 while read -r option; do

@@ -12,12 +12,12 @@ package=$(apt-cache depends --important linux-image-cloud-amd64 |
     sed -n 's/^ *Depends: \(linux-image-.*\)$/\1/p' | head -n 1)
 [ -n "$package" ] || die "no package of an amd64 kernel in the package lists; see apt-get update"
 
-say "Fetching the amd64 board's kernel (once) ..."
 rm -rf "$cache"
 mkdir -p "$cache/modules"
-{
-    (cd "$cache" && apt-get download "$package") && dpkg-deb -x "$cache"/*.deb "$cache/unpacked"
-} >"$setup_log" 2>&1 || { tail -n 20 "$setup_log" >&2; die "cannot fetch $package"; }
+# shellcheck disable=SC2016
+step log "Fetching the amd64 board's kernel (once)" env -C "$cache" \
+    sh -c 'apt-get download "$1" && dpkg-deb -x ./*.deb unpacked' sh "$package" ||
+    { tail -n 20 "$step_log" >&2; die "cannot fetch $package"; }
 cp "$cache"/unpacked/boot/vmlinuz-* "$cache/vmlinuz" || exit 1
 for module in veth dummy; do
     file=$(find "$cache/unpacked" -name "$module.ko" -print -quit)

@@ -7,17 +7,13 @@ cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 . tools/setup.sh
 # shellcheck disable=SC2086
 need_packages $build_packages $test_packages gcovr
-say "== coverage: building"
 configure coverage
 build coverage unit_tests kernel_tests
 find build/coverage -name '*.gcda' -delete
 
-say "== coverage: testing"
-results=build/coverage/results.txt
-ctest --test-dir build/coverage --parallel $(($(nproc) * 4)) --tests-regex '^(unit|kernel)\.' \
-    --exclude-regex '^kernel\.ctl\.' </dev/null >"$results" 2>&1
+step ctest "Testing build/coverage" ctest --test-dir build/coverage --parallel $(($(nproc) * 4)) \
+    --tests-regex '^(unit|kernel)\.' --exclude-regex '^kernel\.ctl\.'
 status=$?
-grep -E 'tests passed|Failed\)|\*\*\*' "$results"
 gcovr --root . --filter '(shell|netlink|store|sync)/' --txt - \
     build/coverage || die "no coverage"
 exit "$status"

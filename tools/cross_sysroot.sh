@@ -76,19 +76,19 @@ build_googletest() {
         cmake --build "$work/googletest" && DESTDIR=$root cmake --install "$work/googletest"
 }
 
-# step NAME FUNCTION: in a shell of its own, so that it may change the directory.
-step() {
-    say "  $1"
-    ("$2") >"$setup_log" 2>&1 || { tail -n 30 "$setup_log" >&2; die "failed: $1"; }
+# make_one WHAT FUNCTION: in a shell of its own, so that it may change the directory.
+make_one() {
+    step log "$1 for PowerPC (once)" bash -c "$variables; $(declare -f own_sources own_apt "$2"); $2" ||
+        { tail -n 30 "$step_log" >&2; die "failed: $1"; }
 }
+variables=$(declare -p host root work tree jobs)
 
-say "Building the libraries for PowerPC (once) ..."
 rm -rf "$root" "$work"
 mkdir -p "$root/usr/include" "$root/usr/lib" "$work"
-step "fetching the source packages" fetch
-step "libnl" build_libnl
-step "SQLite" build_sqlite
-step "GoogleTest" build_googletest
+make_one "Fetching sources" fetch
+make_one "Building libnl" build_libnl
+make_one "Building SQLite" build_sqlite
+make_one "Building GoogleTest" build_googletest
 # Headers alone, the same for every machine; copied together with the files by which CMake finds them.
 for name in include/boost include/CLI include/nlohmann share/cmake/CLI11 share/cmake/nlohmann_json; do
     mkdir -p "$root/usr/${name%/*}"

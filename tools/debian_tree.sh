@@ -1,16 +1,16 @@
-# shellcheck shell=bash
+# shellcheck shell=bash disable=SC2154
 # Sourced, after tools/setup.sh: a clean Debian tree, kept for the next time.
 
-# debian_tree LOG: makes the tree build/cache/debian-tree unless it is there. It holds what the
+# debian_tree: makes the tree build/cache/debian-tree unless it is there. It holds what the
 # packages depend on, so that trying them needs no network.
 debian_tree() {
     local base=$PWD/build/cache/debian-tree
     [ ! -e "$base/complete" ] || return 0
-    say "Making a clean Debian tree ..."
     rm -rf "$base"
     mkdir -p "$base"
-    debootstrap --variant=minbase --include=adduser,iproute2,procps,libnl-3-200,libsqlite3-0 \
-        "$(. /etc/os-release && echo "$VERSION_CODENAME")" "$base" >"$1" 2>&1 ||
-        { tail -n 20 "$1" >&2; die "debootstrap failed"; }
+    step debootstrap "Making a clean Debian tree" debootstrap --variant=minbase \
+        --include=adduser,iproute2,procps,libnl-3-200,libsqlite3-0 \
+        "$(. /etc/os-release && echo "$VERSION_CODENAME")" "$base" ||
+        { tail -n 20 "$step_log" >&2; die "debootstrap failed"; }
     touch "$base/complete"
 }

@@ -1,6 +1,7 @@
 # shellcheck shell=bash
 # The story that ./demo tells, inside its namespaces. DEMO_DIR is a directory to work in.
 set -u
+trap 'exit 130' INT TERM
 
 dir=$DEMO_DIR
 export TAV_SOCKET=$dir/tav.sock
@@ -127,15 +128,19 @@ daemon_said() {
     tail -n "+$((log_mark + 1))" "$dir/tandrel.log" | grep -E "$1" | awk '!seen[$0]++' |
         head -n 4 | sed "s/^/   ${dim}tandrel: /; s/\$/${plain}/"
 }
+# waiting TEXT: rewrites the terminal's last line.
+waiting() { [ ! -t 2 ] || printf '\r%s\e[K' "${1:0:79}" >&2; }
 # expect SECONDS SENTENCE COMMAND...: the sentence comes true, or the demo fails.
 expect() {
-    local seconds=$1 sentence=$2 deadline
+    local seconds=$1 sentence=$2 began=$SECONDS waited
     shift 2
-    deadline=$((SECONDS + seconds))
     until "$@"; do
-        [ "$SECONDS" -lt "$deadline" ] || { both_views now; fail "not within $seconds s: $sentence"; }
+        waited=$((SECONDS - began))
+        [ "$waited" -lt "$seconds" ] || { both_views now; fail "not within $seconds s: $sentence"; }
+        [ "$waited" -lt 2 ] || waiting "   waiting, $waited of at most $seconds s: $sentence"
         sleep 0.1
     done
+    waiting ''
     printf ' %s✓ %s%s\n' "$green" "$sentence" "$plain"
 }
 not() { ! "$@"; }

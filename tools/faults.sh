@@ -28,14 +28,17 @@ FailedFetches          -                                fail:on=events:after=2:l
 . tools/setup.sh
 # shellcheck disable=SC2086
 need_packages $build_packages $test_packages
-configure release
-build release kernel_tests
+configure test
+build test kernel_tests
 
 kept=$PWD/build/faults
 mkdir -p "$kept"
 row='%-22s %6s %7s %10s %12s %9s %7s %5s\n'
 unexplained=0
 passed=0
+
+# What the failing ones print is judged below.
+note_quiet_ctest() { note_ctest "$1" >/dev/null; }
 
 # What came of the tests under a fault, one line for each: "<name> <run|fail|...>".
 verdicts() { sed -n 's/.*<testcase name="\([^" ]*\).* status="\([a-z]*\)".*/\1 \2/p' "$results"; }
@@ -62,11 +65,11 @@ while read -r name service calls; do
     results=$kept/$name.xml
     environment=(KT_REBUILDS=1)
     [ "$service" = - ] ||
-        environment+=("KT_TAVD=$PWD/build/release/tests/faults/tavd_faulty" "TAVD_FAULT=$service")
+        environment+=("KT_TAVD=$PWD/build/test/tests/faults/tavd_faulty" "TAVD_FAULT=$service")
     [ "$calls" = - ] || environment+=("KT_CALL_FAULT=$calls")
-    env "${environment[@]}" ctest --test-dir build/release --parallel $(($(nproc) * 4)) \
-        --tests-regex '^kernel\.' --exclude-regex 'FaultTest' --output-junit "$results" \
-        --test-output-size-passed 1000000 --test-output-size-failed 1000000 >/dev/null 2>&1 </dev/null
+    step quiet_ctest "Testing with $name" env "${environment[@]}" ctest --test-dir build/test \
+        --parallel $(($(nproc) * 4)) --label-regex '^kernel$' --exclude-regex 'FaultTest' \
+        --output-junit "$results" --test-output-size-passed 1000000 --test-output-size-failed 1000000
     rebuilds=$(grep -o '^rebuilds: [0-9]*' "$results" | awk '{ sum += $2 } END { print sum + 0 }')
     tests=0 fine=0 known=0 unknown=()
     while read -r test status; do
@@ -80,7 +83,9 @@ while read -r name service calls; do
         fi
     done < <(verdicts)
     # The same fault without end, under a user who edits.
-    scenario=$(build/release/tests/kernel/kernel_tests --gtest_filter="Store/FaultTest*/$name" 2>&1)
+    step log "A user edits under $name" build/test/tests/kernel/kernel_tests \
+        --gtest_filter="Store/FaultTest*/$name"
+    scenario=$(<"$step_log")
     counts=$(sed -n 's/^fault .* rebuilds, \([0-9]*\) Static addresses, \([0-9]*\) lost$/\1 \2/p' <<<"$scenario")
     grep -q '^\[  PASSED  \] 1 test' <<<"$scenario" || unknown+=("Store/FaultTest*/$name")
     # shellcheck disable=SC2059,SC2086

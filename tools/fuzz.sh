@@ -17,7 +17,6 @@ shift
 . tools/setup.sh
 # shellcheck disable=SC2086
 need_packages $build_packages $test_packages $fuzz_packages
-say "== fuzz: building"
 configure fuzz
 build fuzz fuzz_targets
 
@@ -50,18 +49,21 @@ prepare() {
 
 # search TARGET: adds to the counts.
 search() {
-    local log
     prepare "$1"
-    log=build/fuzz/findings/$1.log
-    if "$program" "${options[@]}" "-max_total_time=$seconds" -print_final_stats=1 \
-        "${inputs[@]}" >"$log" 2>&1; then
+    if step fuzz "Fuzzing $1 for $(clock "$seconds") ($2 of ${#targets[@]})" "$program" "${options[@]}" \
+        "-max_total_time=$seconds" -print_final_stats=1 "${inputs[@]}"; then
         passed=$((passed + 1))
-        say "$1: $(awk '/number_of_executed_units/ { print $2 }' "$log") inputs, no finding"
+        say "$1: $(awk '/number_of_executed_units/ { print $2 }' "$step_log") inputs, nothing found"
     else
         failed=$((failed + 1))
-        grep -vE '^(#|INFO|NEW_FUNC)' "$log" | tail -n 60
-        say "$1: a finding"
+        grep -vE '^(#|INFO|NEW_FUNC)' "$step_log" | tail -n 60
+        say "$1: found an input, see above"
     fi
+    cp "$step_log" "build/fuzz/findings/$1.log"
+}
+note_fuzz() {
+    note_log "$1"
+    [[ ! $1 =~ ^#([0-9]+) ]] || state="${BASH_REMATCH[1]} inputs"
 }
 
 # merge TARGET: the smallest set of inputs that reaches everything.
@@ -69,16 +71,18 @@ merge() {
     local merged
     prepare "$1"
     merged=$(mktemp -d)
-    "$program" -set_cover_merge=1 -timeout=20 -max_len=4096 "$merged" "${inputs[@]}" \
-        >"$setup_log" 2>&1 || { tail -n 20 "$setup_log" >&2; die "could not merge: $1"; }
+    step log "Merging $1" "$program" -set_cover_merge=1 -timeout=20 -max_len=4096 "$merged" \
+        "${inputs[@]}" || { tail -n 20 "$step_log" >&2; die "could not merge: $1"; }
     rm -rf "$corpus"
     mv "$merged" "$corpus"
     chmod 755 "$corpus"
     say "$1: $(find "$corpus" -type f | wc -l) inputs, $(du -bs "$corpus" | cut -f1) bytes"
 }
 
+number=0
 for target in "${targets[@]}"; do
-    if [ "$seconds" = --merge ]; then merge "$target"; else search "$target"; fi
+    number=$((number + 1))
+    if [ "$seconds" = --merge ]; then merge "$target"; else search "$target" "$number"; fi
 done
 [ "$seconds" = --merge ] && exit 0
 say "$passed passed, $failed failed"

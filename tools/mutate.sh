@@ -7,6 +7,13 @@ cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 . tools/setup.sh
 # shellcheck disable=SC2086
 need_packages $build_packages $test_packages $mutate_packages
-configure release
-build release unit_tests
-nice python3 tests/mutate/mutate.py "$@"
+configure test
+build test unit_tests
+# It says after each place how many it has tried.
+note_mutate() {
+    case $1 in
+    '# '*) state=${1#'# '} ;;
+    *) pass_on "$1" ;;
+    esac
+}
+step mutate "Changing one place at a time" nice python3 tests/mutate/mutate.py "$@"

@@ -1,11 +1,14 @@
 # shellcheck shell=bash disable=SC2034
-# Sourced by ./demo, ./test, ./package and bench/run: installs what is missing and builds. Debian 12.
+# Sourced by ./demo, ./test, ./package, bench/run and what these call: installs what is missing,
+# configures and builds.
+. "$PWD/tools/progress.sh"
 
 build_packages="g++ cmake ninja-build pkg-config libnl-3-dev libboost-dev libsqlite3-dev libcli11-dev
     nlohmann-json3-dev"
 demo_packages="iproute2 procps radvd"
-test_packages="libgtest-dev clang-format clang-tidy binutils iproute2 procps radvd
-    mandoc groff-base bash-completion python3 shellcheck"
+test_packages="libgtest-dev binutils iproute2 procps radvd python3"
+# Their checks are skipped where these cannot be had.
+lint_packages="clang-format clang-tidy mandoc groff-base bash-completion shellcheck"
 fuzz_packages="clang libclang-rt-dev"
 mutate_packages="lld"
 bench_packages="iproute2 binutils valgrind systemd keepalived redis-server libhiredis-dev"
@@ -15,33 +18,84 @@ board_powerpc_packages="linux-source-6.1 bc flex bison make xz-utils cpio jq qem
 board_amd64_packages="cpio jq xz-utils qemu-system-x86"
 package_packages="build-essential debhelper dpkg-dev lintian"
 
-say() { printf '%s\n' "$*"; }
-die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
-
-# Installs those of the named packages that are not there; needs no network when none is missing.
-need_packages() {
-    local package missing=()
-    for package in "$@"; do
-        [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
-            missing+=("$package")
-    done
-    [ ${#missing[@]} -eq 0 ] && return
-    say "Installing: ${missing[*]}"
-    local as_root=()
-    if [ "$(id -u)" -ne 0 ]; then
-        command -v sudo >/dev/null || die "not root and no sudo; please install: ${missing[*]}"
-        as_root=(sudo)
-    fi
-    # A package list that was never fetched, or is out of date, names files that are not to be had.
-    "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive sh -c '
-        install() { apt-get install -y -q --no-install-recommends "$@"; }
-        { apt-get update -q && install "$@"; }' sh "${missing[@]}" >"$setup_log" 2>&1 ||
-        { tail -n 20 "$setup_log" >&2; die "could not install: ${missing[*]}"; }
+# need_root WHAT, need_namespaces, need_space MEGABYTES: say early what cannot be done here.
+need_root() { [ "$(id -u)" -eq 0 ] || die "$1 needs root"; }
+need_namespaces() {
+    local spaces=(--net --mount --pid --fork --kill-child --mount-proc)
+    [ "$(id -u)" -eq 0 ] || spaces+=(--user --map-root-user)
+    unshare "${spaces[@]}" true 2>/dev/null ||
+        die "cannot make namespaces here: run it as root, or allow users to make them" \
+            "(sysctl -w kernel.unprivileged_userns_clone=1; in a container: --privileged)"
+}
+need_space() {
+    local there
+    there=$(df --output=avail -m . | tail -n 1)
+    [ "$there" -ge "$1" ] || die "needs $1 MB of disk space in $PWD; there are $((there)) MB"
 }
 
-# configure PRESET: makes build/PRESET ready to be built.
+on_debian_12() { (. /etc/os-release && [ "$ID-$VERSION_ID" = debian-12 ]) 2>/dev/null; }
+
+# missing_of PACKAGE...: those that are not installed, or not to the end.
+missing_of() {
+    local package
+    for package in "$@"; do
+        [ "$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null)" = installed ] ||
+            printf '%s ' "$package"
+    done
+}
+
+# need_packages PACKAGE...: installs those that are missing; needs no network when none is.
+need_packages() {
+    command -v apt-get >/dev/null && command -v dpkg-query >/dev/null ||
+        die "cannot install packages here: this is not Debian. Install what these packages of" \
+            "Debian's contain, and then build with CMake as README says: $*"
+    local missing
+    missing=$(missing_of "$@")
+    # shellcheck disable=SC2086
+    [ -z "$missing" ] || install $missing ||
+        { tail -n 20 "$step_log" >&2; die "could not install: $missing"; }
+}
+
+# want_packages PACKAGE...: the same, but those that cannot be had are left out.
+want_packages() {
+    local missing package
+    missing=$(missing_of "$@")
+    # shellcheck disable=SC2086
+    [ -n "$missing" ] || return 0
+    can_install && install $missing && return
+    for package in $missing; do
+        can_install && install "$package" || say "without $package: it could not be installed"
+    done
+}
+
+can_install() { [ "$(id -u)" -eq 0 ] || command -v sudo >/dev/null; }
+
+# install PACKAGE...
+install() {
+    local as_root=() start_by=unboxed end_with=INT
+    if [ "$(id -u)" -ne 0 ]; then
+        command -v sudo >/dev/null || die "not root, and no sudo; please install: $*"
+        as_root=(sudo)
+        sudo -v || die "sudo refuses; please install: $*"
+    fi
+    # The first command repairs an installation that was interrupted. A package list that was never
+    # fetched, or is out of date, names files that are no longer there.
+    # shellcheck disable=SC2016
+    step apt "Installing $*" "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive sh -c '
+        apt="apt-get -y -q -o DPkg::Lock::Timeout=300 --no-install-recommends"
+        dpkg --configure -a && $apt update && $apt install --fix-broken "$@"' sh "$@"
+}
+# Not in a box: what apt-get starts belongs to the system, and it ends in good order by itself.
+unboxed() { exec env --default-signal=INT --default-signal=QUIT "$@"; }
+
+# configure PRESET: makes build/PRESET ready to be built. Warnings are errors, where the preset says
+# so, for the compiler that this is developed with; another one may see more.
 configure() {
-    cmake --preset "$1" >"$setup_log" 2>&1 || { cat "$setup_log" >&2; die "cmake failed"; }
+    local lenient=()
+    on_debian_12 || lenient=(--compile-no-warning-as-error)
+    step log "Configuring build/$1" cmake --preset "$1" "${lenient[@]}" ||
+        { cat "$step_log" >&2; die "cmake failed"; }
+    [ "${STOP_AFTER:-}" != configure ] || exit 0 # tools/fresh.sh looks at the configuration alone
 }
 
 # build PRESET [TARGET...]
@@ -49,9 +103,6 @@ build() {
     local preset=$1 target arguments=()
     shift
     for target in "$@"; do arguments+=(--target "$target"); done
-    cmake --build "build/$preset" "${arguments[@]}" >"$setup_log" 2>&1 ||
-        { tail -n 60 "$setup_log" >&2; die "the build failed"; }
+    step ninja "Building build/$preset" cmake --build "build/$preset" "${arguments[@]}" ||
+        { tail -n 60 "$step_log" >&2; die "the build failed"; }
 }
-
-setup_log=$(mktemp)
-trap 'rm -f "$setup_log"' EXIT

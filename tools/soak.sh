@@ -10,7 +10,7 @@ case $minutes in
 '' | *[!0-9]*) echo "usage: ./test --soak MINUTES" >&2; exit 2 ;;
 esac
 
-preset=${SOAK_PRESET:-release}
+preset=${SOAK_PRESET:-test}
 jobs=${SOAK_JOBS:-$(($(nproc) * 8))} # they mostly wait
 first=${SOAK_SEED:-$(date +%s)}
 
@@ -19,19 +19,18 @@ first=${SOAK_SEED:-$(date +%s)}
 need_packages $build_packages $test_packages
 configure "$preset"
 build "$preset" model_tests
-runner=build/$preset/tests/model/model_tests
+program=build/$preset/tests/model/model_tests
 
-reports=${SOAK_LOG:-$(mktemp -d)}
+reports=${SOAK_LOG:-build/soak}
 mkdir -p "$reports"
 say "$jobs at once from seed $first for $minutes minutes; failures are kept in $reports"
-end=$((SECONDS + minutes * 60))
 
 # work NUMBER: every jobs-th seed, a line each; the report of a failure goes to a file of its own.
 work() {
     local seed=$((first + $1)) report
-    while [ $SECONDS -lt $end ]; do
+    while [ $SECONDS -lt $((minutes * 60)) ]; do
         report=$reports/$seed.txt
-        timeout 600 "$runner" --replay "$seed" >"$report" 2>&1
+        timeout 600 "$program" --replay "$seed" >"$report" 2>&1
         if head -n 1 "$report" | grep '^passed'; then
             rm -f "$report"
         else
@@ -40,17 +39,28 @@ work() {
         seed=$((seed + jobs))
     done
 }
+work_all() {
+    local job
+    for ((job = 0; job < jobs; job++)); do work "$job" & done
+    wait
+}
 
-lines=$(mktemp)
-for ((job = 0; job < jobs; job++)); do
-    work "$job" &
-done >"$lines"
-wait
+lines=$scratch/lines
+sequences=0
+: >"$lines"
+note_sequence() {
+    printf '%s\n' "$1" >>"$lines"
+    sequences=$((sequences + 1))
+    case $1 in FAILED*) failures=$((failures + 1)); pass_on "$1" ;; esac
+    state="$sequences sequences, $failures failed"
+}
+step sequence "Soaking for $minutes minutes" \
+    bash -c "$(declare -p first jobs minutes program reports); $(declare -f work work_all); work_all"
 
 failing=$(sed -n 's/^FAILED: seed \([0-9]*\),.*/\1/p' "$lines" | sort -n)
 for seed in $(head -n 3 <<<"$failing"); do
     say "seed $seed, shortened:"
-    "$runner" --shrink "$seed"
+    step lines "Shortening $seed" "$program" --shrink "$seed"
 done
 awk -v failed="$(wc -w <<<"$failing")" -v seeds="$(tr '\n' ' ' <<<"$failing")" '
     /^passed/ { gsub(",", ""); operations += $5; items += $7; undetermined += $9; refused += $11 }
@@ -59,6 +69,3 @@ awk -v failed="$(wc -w <<<"$failing")" -v seeds="$(tr '\n' ' ' <<<"$failing")" '
           printf "%d left open, %d refused by the kernel\n", undetermined, refused
           if (failed > 0) print "failing seeds: " seeds
           exit failed > 0 || NR == 0 }' "$lines"
-status=$?
-rm -f "$lines"
-exit $status

@@ -14,7 +14,7 @@ target_link_options(unit_tests PRIVATE ${wrapped_calls})
 # The entry point, under a name of its own, so that its order of operations can be tested.
 target_sources(unit_tests PRIVATE ${PROJECT_SOURCE_DIR}/shell/main.cpp)
 set_source_files_properties(${PROJECT_SOURCE_DIR}/shell/main.cpp
-  PROPERTIES COMPILE_DEFINITIONS main=tandrel_main)
+  PROPERTIES COMPILE_DEFINITIONS main=tandrel_main SKIP_PRECOMPILE_HEADERS ON)
 
 # What the built daemon exports is tested on the daemon itself, and on a library that refers to it.
 add_library(mlr_err_caller MODULE ${CMAKE_CURRENT_SOURCE_DIR}/shell/mlr_err_caller.c)

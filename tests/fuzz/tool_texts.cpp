@@ -3,6 +3,8 @@
 #include <iostream>
 #include <sstream>
 
+#include <nlohmann/json.hpp>
+
 #include "fuzz/fuzz.h"
 #include "service/path.h"
 #include "tool/dump_format.h"

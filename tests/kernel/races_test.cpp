@@ -56,7 +56,7 @@ protected:
             one_millisecond();
             store.write(leaf, "2001:db8::5/64");
             ASSERT_TRUE(quiet());
-            if (!has_only("2001:db8::5/64")) {
+            if (!becomes([&] { return has_only("2001:db8::5/64"); })) {
                 ++lost;
                 store.set_address(1, "1", "2001:db8::5/64");
                 ASSERT_TRUE(quiet());
@@ -77,7 +77,7 @@ TEST_F(RaceTest, AStaticAddressRemovedAndAddedAgainStaysStatic) {
         one_millisecond();
         store.set_address(1, "1", "2001:db8::5/64");
         ASSERT_TRUE(quiet());
-        if (!has_only("2001:db8::5/64")) {
+        if (!becomes([&] { return has_only("2001:db8::5/64"); })) {
             ++lost;
             store.set_address(1, "1", "2001:db8::5/64");
             ASSERT_TRUE(quiet());
@@ -95,7 +95,7 @@ TEST_F(RaceTest, APrefixLengthCorrectedTwiceInARowEndsAsTheUserSaid) {
         one_millisecond();
         store.write(leaf, last);
         ASSERT_TRUE(quiet());
-        if (!has_only(last)) {
+        if (!becomes([&] { return has_only(last); })) {
             ++lost;
             store.set_address(1, "1", last);
             ASSERT_TRUE(quiet());
@@ -116,8 +116,10 @@ TEST_F(RaceTest, AGatewayRemovedJustBeforeAnotherEditStaysAway) {
         one_millisecond();
         store.set_address(1, "other", other);
         ASSERT_TRUE(quiet());
-        const bool right =
-            !store.gateway(1) && device.static_gateways("eth0").empty() && both_have(1, other);
+        const bool right = becomes([&] {
+            return !store.gateway(1) && device.static_gateways("eth0").empty() &&
+                   both_have(1, other);
+        });
         lost += right ? 0 : 1;
         store.set_gateway(1, "fe80::1");
         ASSERT_TRUE(quiet());
@@ -140,9 +142,11 @@ TEST_F(RaceTest, ANodeThatTheUserIsJustAddingIsNotOverwritten) {
         store.set_address(1, "4", users);
         device.add_address("eth0", kernels);
         ASSERT_TRUE(quiet());
-        const bool right = store.node_of(1, users) == "4" && both_have(1, users) &&
-                           store.has_address(1, users, "Static") && both_have(1, kernels) &&
-                           store.has_address(1, kernels, "Automatic");
+        const bool right = becomes([&] {
+            return store.node_of(1, users) == "4" && both_have(1, users) &&
+                   store.has_address(1, users, "Static") && both_have(1, kernels) &&
+                   store.has_address(1, kernels, "Automatic");
+        });
         lost += right ? 0 : 1;
         store.remove_address(1, "4");
         device.delete_address("eth0", kernels);

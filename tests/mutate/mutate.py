@@ -286,7 +286,7 @@ def main():
     parser.add_argument('--seed', type=int, help='of the sample')
     parser.add_argument('--jobs', type=int, default=os.cpu_count())
     parser.add_argument('--list', action='store_true', help='print the places, and try none')
-    parser.add_argument('--build', type=Path, default=ROOT / 'build' / 'release')
+    parser.add_argument('--build', type=Path, default=ROOT / 'build' / 'test')
     arguments = parser.parse_args()
     if arguments.all:
         arguments.what = ['all']
@@ -316,6 +316,7 @@ def main():
                 verdict = 'explained'
             key = (file.parts[0], verdict)
             counts[key] = counts.get(key, 0) + 1
+            print(f'# {sum(counts.values())} of {len(chosen)}', flush=True)
             if verdict == 'unnoticed':
                 print(f'{file}:{place.line}: {place.change} | {place.source}', flush=True)
     for laboratory in laboratories:

@@ -7,7 +7,7 @@ packages=$(readlink -f "$1")
 cd "$(dirname "$(readlink -f "$0")")/../.." || exit 1
 . tools/setup.sh
 . tools/debian_tree.sh
-[ "$(id -u)" -eq 0 ] || die "--check needs root"
+need_root --check
 need_packages debootstrap systemd-container systemd libseccomp-dev
 
 work=$PWD/build/package/check
@@ -15,7 +15,7 @@ export counts=$work/counts
 rm -rf "$work"
 mkdir -p "$work"
 : >"$counts"
-debian_tree "$work/debootstrap.log"
+debian_tree
 
 # tree NAME [PACKAGE...]: a copy with the built packages under /packages, and a newer edition of each
 # under /newer.
@@ -23,8 +23,10 @@ tree() {
     local root=$work/$1 package
     shift
     cp -a --reflink=auto build/cache/debian-tree "$root"
-    [ $# -eq 0 ] || chroot "$root" sh -c 'apt-get update -q && apt-get install -y -q --no-install-recommends "$@"' \
-        sh "$@" >"$work/apt.log" 2>&1 || { tail -n 20 "$work/apt.log" >&2; die "apt-get failed"; }
+    # shellcheck disable=SC2016
+    [ $# -eq 0 ] || step apt "Installing $* there" chroot "$root" sh -c \
+        'apt-get update -q && apt-get install -y -q --no-install-recommends "$@"' sh "$@" ||
+        { tail -n 20 "$step_log" >&2; die "apt-get failed"; }
     mkdir "$root/packages" "$root/newer"
     for package in "$packages"/*.deb; do
         case $package in *dbgsym*) continue ;; esac
@@ -53,17 +55,17 @@ done
 
 say "== life cycle, with init scripts"
 tree sysv
-unshare --net --mount --pid --fork --kill-child --uts \
-    bash tests/package/enter_tree.sh "$work/sysv" bash /packages/inside_life_cycle.sh
+step lines "Trying the packages with init scripts" unshare --net --mount --pid --fork --kill-child \
+    --uts bash tests/package/enter_tree.sh "$work/sysv" bash /packages/inside_life_cycle.sh
 
 say "== services, by systemd"
 tree systemd systemd systemd-sysv dbus
-unshare --mount bash tests/package/boot.sh "$work/systemd"
+step lines "Trying the packages with systemd" unshare --mount bash tests/package/boot.sh "$work/systemd"
 
 say "== the kernel tests under the units' restrictions"
-configure release
-build release kernel_tests confine
-bash tests/package/restrictions.sh build/release
+configure test
+build test kernel_tests confine
+step lines "Testing under the units' restrictions" bash tests/package/restrictions.sh build/test
 
 rm -rf "$work/sysv" "$work/systemd"
 say "$(awk '{p += $1; f += $2} END {print p " passed, " f " failed"}' "$counts")"

@@ -5,13 +5,13 @@ set -u
 cd "$(dirname "$(readlink -f "$0")")/../.." || exit 1
 . tools/setup.sh
 . tools/debian_tree.sh
-[ "$(id -u)" -eq 0 ] || die "--readme needs root"
+need_root --readme
 need_packages debootstrap
 
 work=$PWD/build/readme
 rm -rf "$work"
 mkdir -p "$work" build/cache/archives
-debian_tree "$work/debootstrap.log"
+debian_tree
 tree=$work/tree
 cp -a --reflink=auto build/cache/debian-tree "$tree"
 mkdir -p "$tree/blocks" "$tree/root/tandrel"
@@ -19,16 +19,18 @@ tests/readme/extract.sh README.md "$tree/blocks" || exit 1
 tar --exclude=./build --exclude=./.git -cf - . | tar -xf - -C "$tree/root/tandrel"
 
 # The packages that README's commands install are fetched before, for the network stays outside.
-say "Fetching packages ..."
 # shellcheck disable=SC2086
-unshare --mount bash tests/readme/fetch.sh "$tree" "$PWD/build/cache/archives" \
-    $build_packages $demo_packages $package_packages >"$work/fetch.log" 2>&1 ||
-    { tail -n 20 "$work/fetch.log" >&2; die "could not fetch the packages"; }
+step apt "Fetching packages" unshare --mount bash tests/readme/fetch.sh "$tree" "$PWD/build/cache/archives" \
+    $build_packages $demo_packages $package_packages ||
+    { tail -n 20 "$step_log" >&2; die "could not fetch the packages"; }
 
-say "Running README's commands ..."
-unshare --net --mount --pid --fork --kill-child --uts \
-    bash tests/package/enter_tree.sh "$tree" bash -c 'cd /root/tandrel && . tests/readme/in_tree.sh' \
-    >"$work/session.log" 2>&1 </dev/null
+note_block() {
+    note_log "$1"
+    case $1 in 'block '*) state=$1 ;; esac
+}
+step block "Running README's commands" unshare --net --mount --pid --fork --kill-child --uts \
+    bash tests/package/enter_tree.sh "$tree" bash -c 'cd /root/tandrel && . tests/readme/in_tree.sh'
+cp "$step_log" "$work/session.log"
 
 passed=0
 failed=0

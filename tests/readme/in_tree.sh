@@ -39,6 +39,7 @@ settle() {
 for block in /blocks/*.sh; do
     name=${block%.sh}
     [ ! -e "$name.reason" ] || continue
+    printf 'echo block %s\n' "$(basename "$name")"
     printf 'block=%q\nprepare "$block"\nset -e\n{\n' "$name.sh"
     cat "$block"
     printf '} >%q 2>&1 </dev/null\nset +e\nsettle "$block"\ntouch %q\n' \

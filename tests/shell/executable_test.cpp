@@ -1,6 +1,7 @@
 // What the built daemon offers to the libraries that it loads.
 #include <cstdlib>
 #include <elf.h>
+#include <filesystem>
 #include <fstream>
 #include <link.h>
 #include <sstream>
@@ -42,12 +43,13 @@ std::vector<char *> pointers(strings &texts) {
 
 // Calls that the unit tests do not wrap, and no shell: not every machine that runs this has one.
 outcome_t run(strings words, strings environment = {}) {
-    char directory[] = "/tmp/executable-test-XXXXXX";
-    if (mkdtemp(static_cast<char *>(directory)) == nullptr) {
+    std::string directory =
+        (std::filesystem::temp_directory_path() / "executable-test-XXXXXX").string();
+    if (mkdtemp(directory.data()) == nullptr) {
         return {-1, "mkdtemp", ""};
     }
-    const std::string output = std::string(static_cast<char *>(directory)) + "/output";
-    const std::string errors = std::string(static_cast<char *>(directory)) + "/errors";
+    const std::string output = directory + "/output";
+    const std::string errors = directory + "/errors";
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);
     posix_spawn_file_actions_addopen(&files, 1, output.c_str(), O_WRONLY | O_CREAT, 0600);
@@ -64,7 +66,7 @@ outcome_t run(strings words, strings environment = {}) {
                             content(output), content(errors)};
     unlink(output.c_str());
     unlink(errors.c_str());
-    rmdir(static_cast<char *>(directory));
+    rmdir(directory.c_str());
     return outcome;
 }
 

@@ -4,6 +4,8 @@
 #include <iostream>
 #include <unordered_set>
 
+#include <nlohmann/json.hpp>
+
 #include "service/path.h"
 #include "tool/screen.h"
 

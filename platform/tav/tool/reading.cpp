@@ -2,6 +2,8 @@
 #include <algorithm>
 #include <iostream>
 
+#include <nlohmann/json.hpp>
+
 #include "client/admin.h"
 #include "tool/dump_format.h"
 #include "tool/explain.h"

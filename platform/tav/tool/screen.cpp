@@ -8,6 +8,8 @@
 #include <cstring>
 #include <iostream>
 
+#include <nlohmann/json.hpp>
+
 #include "tool/escape.h"
 
 namespace tav::tool {

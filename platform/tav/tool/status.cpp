@@ -2,6 +2,8 @@
 #include <iomanip>
 #include <iostream>
 
+#include <nlohmann/json.hpp>
+
 #include "client/admin.h"
 #include "tool/screen.h"
 #include "tool/tool.h"

@@ -4,7 +4,7 @@
 
 #include <tav/mlr.h>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 
 #include <optional>
 #include <string>

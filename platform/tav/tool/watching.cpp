@@ -7,6 +7,8 @@
 #include <cmath>
 #include <iostream>
 
+#include <nlohmann/json.hpp>
+
 #include "tool/explain.h"
 #include "tool/screen.h"
 #include "tool/tool.h"

@@ -1,4 +1,6 @@
 // The rule by which the tool writes bytes as text.
+#include <nlohmann/json.hpp>
+
 #include "tool/escape.h"
 #include "tool/hex.h"
 #include "tool/screen.h"

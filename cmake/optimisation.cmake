@@ -1,3 +1,7 @@
+# The level that Debian's packages are built with, rather than CMake's own -O3.
+set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
+set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
+
 # A release for small devices (-DTANDREL_SMALL=ON): optimised for size, without what nobody calls,
 # stripped. The symbols of each program and library stand beside it in <name>.debug, where a debugger
 # finds them.
