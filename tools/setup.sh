@@ -95,7 +95,7 @@ configure() {
     on_debian_12 || lenient=(--compile-no-warning-as-error)
     step log "Configuring build/$1" cmake --preset "$1" "${lenient[@]}" ||
         { cat "$step_log" >&2; die "cmake failed"; }
-    [ "${STOP_AFTER:-}" != configure ] || exit 0 # tools/fresh.sh looks at the configuration alone
+    [ "${STOP_AFTER:-}" != configure ] || exit 0 # for tests/fresh
 }
 
 # build PRESET [TARGET...]
@@ -105,4 +105,5 @@ build() {
     for target in "$@"; do arguments+=(--target "$target"); done
     step ninja "Building build/$preset" cmake --build "build/$preset" "${arguments[@]}" ||
         { tail -n 60 "$step_log" >&2; die "the build failed"; }
+    [ "${STOP_AFTER:-}" != build ] || exit 0
 }

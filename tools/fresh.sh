@@ -1,0 +1,103 @@
+#!/bin/bash
+# ./test --fresh [NAME...]: README's two commands on fresh machines: see tests/fresh/README.md.
+set -u
+cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
+. tools/setup.sh
+. tests/fresh/trees.sh
+need_root --fresh
+need_space 8000
+commit=$(git rev-parse HEAD) || die "needs a git checkout"
+need_packages debootstrap
+
+cache=$PWD/build/cache/fresh
+results=$PWD/build/fresh/results/$commit
+logs=$PWD/build/fresh/logs/$commit
+shared=$PWD/build/fresh/shared/$commit
+mkdir -p "$cache" "$results" "$logs" "$shared/built"
+export FRESH_SHARED=$shared
+
+names=()
+while read -r name _; do
+    if [ $# -eq 0 ]; then
+        grep -q FAILED "$results/$name" 2>/dev/null || [ ! -e "$results/$name" ] || continue
+        names+=("$name")
+    else
+        # shellcheck disable=SC2053 # a pattern is meant
+        for wanted in "$@"; do [[ $name != $wanted ]] || names+=("$name"); done
+    fi
+done < <(tree_table)
+[ ${#names[@]} -gt 0 ] || [ $# -eq 0 ] || die "no such tree: $*; there are: $(tree_table | awk '{printf "%s ", $1}')"
+
+# What is committed, and nothing else.
+rm -rf "$shared/source.git"
+git clone -q --bare . "$shared/source.git" 2>/dev/null && git archive -o "$shared/source.tar" HEAD || exit 1
+git log -1 --format=%ct >"$shared/time"
+
+# base BASE: makes it unless it is there.
+base() {
+    local suite=${1%-full} path=$cache/$1
+    export FRESH_ARCHIVES=$cache/archives-$suite
+    mkdir -p "$FRESH_ARCHIVES/partial"
+    [ ! -e "$path.complete" ] || return 0
+    rm -rf "$path"
+    mkdir -p "$path"
+    if [ "$1" = "$suite" ]; then
+        step debootstrap "Making a $suite tree" debootstrap --variant=minbase --include=git,ca-certificates \
+            "$suite" "$path" || { tail -n 20 "$step_log" >&2; die "debootstrap failed"; }
+        cp /etc/resolv.conf "$path/etc/resolv.conf"
+    else
+        base "$suite"
+        # shellcheck disable=SC2016,SC2086
+        step apt "Making a $1 tree" bash tests/fresh/enter.sh "$cache/$suite" "$path.made" env \
+            DEBIAN_FRONTEND=noninteractive HOME=/root sh -c \
+            'apt-get -q update && apt-get -y -q install --no-install-recommends "$@" && cp -ax / /shared/full' sh \
+            $build_packages $demo_packages $test_packages $lint_packages ||
+            { tail -n 20 "$step_log" >&2; die "apt-get failed"; }
+        rm -rf "$path" "$path.made"
+        mv "$shared/full" "$path"
+    fi
+    touch "$path.complete"
+}
+
+note_fresh() {
+    note_log "$1"
+    case $1 in
+    '== '*) printf '%s\n' "${1#== }" >>"$results/$name.new" ;;
+    *', '[0-9]*:[0-9][0-9]) state=${1%, *} ;;
+    esac
+}
+
+number=0
+for name in "${names[@]}"; do
+    number=$((number + 1))
+    read -r _ base how commands < <(tree_table | awk -v name="$name" '$1 == name')
+    base "$base"
+    rm -rf "$scratch/tree" "$results/$name.new"
+    mkdir "$scratch/tree"
+    cp tests/fresh/in_tree.sh "$shared/"
+    set -f # the commands' marks are no patterns
+    # shellcheck disable=SC2086
+    step fresh "$name ($number of ${#names[@]})" bash tests/fresh/enter.sh "$cache/$base" "$scratch/tree" \
+        bash /shared/in_tree.sh "$how" $commands
+    status=$?
+    set +f
+    cp "$step_log" "$logs/$name"
+    if [ "$status" -ne 0 ] && ! grep -q FAILED "$results/$name.new" 2>/dev/null; then
+        echo "- 0 FAILED: see $logs/$name" >>"$results/$name.new"
+    fi
+    mv "$results/$name.new" "$results/$name"
+done
+
+passed=0
+failed=0
+printf '%-24s %-24s %7s  %s\n' tree command seconds result
+while read -r name _; do
+    [ -e "$results/$name" ] || continue
+    while read -r command seconds result; do
+        printf '%-24s %-24s %7s  %s\n' "$name" "$command" "$seconds" "$result"
+        case $result in *FAILED*) failed=$((failed + 1)) ;; *) passed=$((passed + 1)) ;; esac
+    done <"$results/$name"
+done < <(tree_table)
+say "at $commit; * with the objects of an equal configuration"
+say "$passed passed, $failed failed"
+[ "$failed" -eq 0 ] && [ "$passed" -gt 0 ]
