@@ -49,7 +49,7 @@ base() {
         base "$suite"
         # shellcheck disable=SC2016,SC2086
         step apt "Making a $1 tree" bash tests/fresh/enter.sh "$cache/$suite" "$path.made" env \
-            DEBIAN_FRONTEND=noninteractive HOME=/root sh -c \
+            DEBIAN_FRONTEND=noninteractive sh -c \
             'apt-get -q update && apt-get -y -q install --no-install-recommends "$@" && cp -ax / /shared/full' sh \
             $build_packages $demo_packages $test_packages $lint_packages ||
             { tail -n 20 "$step_log" >&2; die "apt-get failed"; }

@@ -21,4 +21,5 @@ mount --bind "$FRESH_ARCHIVES" var/cache/apt/archives
 pivot_root . old
 cd /
 umount -l old
-exec "$@"
+rmdir old
+exec env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root "$@" # nothing of the host's

@@ -5,7 +5,7 @@
 set -u
 how=$1
 shift
-export DEBIAN_FRONTEND=noninteractive HOME=/root LANG=C.UTF-8 TERM=dumb
+export DEBIAN_FRONTEND=noninteractive LANG=C.UTF-8 TERM=dumb
 place=/src/tandrel
 as=()
 
@@ -46,7 +46,7 @@ key() {
 # run COMMAND MODE: see trees.sh. Sets result.
 run() {
     local command=$1 mode=$2 preset=release log=/tmp/$1.log known
-    [ "$command" = demo ] || preset=test
+    [ "$command" = demo ] || preset="test"
     marks=''
     if [ "$mode" != whole ]; then
         "${as[@]}" env STOP_AFTER=configure "./$command" >"$log" 2>&1 ||
