@@ -148,11 +148,12 @@ note_ctest() {
     *) pass_on "$text" ;;
     esac
 }
+apt_total=0
 note_apt() {
     note_log "$1"
     case $1 in
     *' newly installed'*) [[ ! $1 =~ ([0-9]+)\ newly ]] || apt_total=${BASH_REMATCH[1]} ;;
-    Get:*) apt_is fetching ;;
+    Get:*) if [ "$apt_total" -gt 0 ]; then apt_is fetching; else state="fetching package lists"; fi ;;
     'Unpacking '*) apt_is unpacking ;;
     'Setting up '*) apt_is 'setting up' ;;
     esac
