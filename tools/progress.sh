@@ -16,7 +16,7 @@ doing=''  # the step at work, for the reader
 runner='' # its process
 drawn=no  # whether there is a line to rewrite
 
-trap 'rm -rf "$scratch"' EXIT
+trap clean_up EXIT
 trap 'interrupted 130' INT
 trap 'interrupted 143' TERM
 trap 'interrupted 129' HUP
@@ -24,13 +24,16 @@ trap 'interrupted 129' HUP
 interrupted() {
     trap '' INT TERM HUP
     clear_line
+    printf '%s: interrupted%s\n' "${0##*/}" "${doing:+: ${doing,}}" >&2
+    exit "$1"
+}
+clean_up() {
     if [ -n "$runner" ]; then
         kill "-${end_with:-KILL}" "$runner" 2>/dev/null
         # Once all that could write there has ended, nothing of the step is left.
         cat <&"$step_output" >/dev/null
     fi
-    printf '%s: interrupted%s\n' "${0##*/}" "${doing:+ while ${doing,}}" >&2
-    exit "$1"
+    rm -rf "$scratch"
 }
 
 on_a_terminal() { [ -t 2 ] && [ "${TERM:-dumb}" != dumb ]; }
@@ -148,12 +151,12 @@ note_ctest() {
     *) pass_on "$text" ;;
     esac
 }
-apt_total=0
+apt_total=0 apt_count=0
 note_apt() {
     note_log "$1"
     case $1 in
     *' newly installed'*) [[ ! $1 =~ ([0-9]+)\ newly ]] || apt_total=${BASH_REMATCH[1]} ;;
-    Get:*) if [ "$apt_total" -gt 0 ]; then apt_is fetching; else state="fetching package lists"; fi ;;
+    Get:*) if [ "$apt_total" -gt 0 ]; then apt_is fetching; else state="reading package lists"; fi ;;
     'Unpacking '*) apt_is unpacking ;;
     'Setting up '*) apt_is 'setting up' ;;
     esac
