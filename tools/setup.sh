@@ -80,8 +80,9 @@ install() {
     fi
     # The first command repairs an installation that was interrupted. A package list that was never
     # fetched, or is out of date, names files that are no longer there.
+    say "Installing: $*"
     # shellcheck disable=SC2016
-    step apt "Installing $*" "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive sh -c '
+    step apt "Installing" "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive sh -c '
         apt="apt-get -y -q -o DPkg::Lock::Timeout=300 --no-install-recommends"
         dpkg --configure -a && $apt update && $apt install --fix-broken "$@"' sh "$@"
 }
