@@ -5,6 +5,7 @@
 // Changes come apart by more than the 50 ms that the service leaves between a client's request and
 // its next wake-up, as a user's do.
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <exception>

@@ -1,9 +1,11 @@
 #include "ctl/kernel_view.h"
 
 #include <algorithm>
+#include <array>
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <new>
 #include <stdexcept>
 
 #include <linux/if.h>

@@ -1,5 +1,6 @@
 #include "support/peers.h"
 
+#include <cstdlib>
 #include <fstream>
 #include <stdexcept>
 

@@ -1,6 +1,7 @@
 // How much memory the daemon takes, in normal operation. A report, not a test: it holds no limit.
 #include <cstdio>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 
 #include "harness/world.h"

@@ -1,6 +1,7 @@
 // What the tool reads of the kernel's messages beside the daemon's decoders.
 #include "ctl/kernel_view.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include <gtest/gtest.h>

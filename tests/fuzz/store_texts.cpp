@@ -1,4 +1,5 @@
 // The texts that the store's service checks or compares: paths, names, values.
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 

@@ -1,5 +1,8 @@
 // Many addresses at once.
 
+#include <cstdio>
+#include <iostream>
+
 #include "harness/world.h"
 
 namespace {

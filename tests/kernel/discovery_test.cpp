@@ -1,6 +1,7 @@
 // From the start to normal operation, on whatever kernel this is.
 
 #include <atomic>
+#include <iostream>
 #include <thread>
 
 #include <linux/rtnetlink.h>

@@ -2,7 +2,9 @@
 // daemon may rebuild as often as it must; it may not spin, hang, crash or lose what the user has
 // configured, and once the store behaves again everything must come to agree.
 
+#include <cstdio>
 #include <fstream>
+#include <iostream>
 #include <map>
 #include <set>
 #include <thread>

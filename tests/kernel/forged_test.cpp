@@ -2,6 +2,7 @@
 // Whoever administers a network namespace may send to its groups, and the daemon does not look at
 // the sender.
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 

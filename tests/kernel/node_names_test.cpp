@@ -1,6 +1,7 @@
 // Which node of the store an address belongs to, and links that have none.
 
 #include <algorithm>
+#include <iostream>
 #include <map>
 
 #include "harness/world.h"

@@ -1,5 +1,6 @@
 // A user's edits that come while the daemon is still at the one before.
 
+#include <iostream>
 #include <thread>
 
 #include "harness/world.h"

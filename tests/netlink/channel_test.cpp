@@ -146,7 +146,7 @@ TEST_P(DumpRequest, SendsAZeroFilledHeaderOfTheIpv6FamilyWithTheRootFlagOnly) {
     EXPECT_EQ(sent.type, GetParam().type);
     EXPECT_EQ(sent.flags, 257);
     fake_libnl::bytes_t body(GetParam().body_size, 0);
-    body.front() = AF_INET6;
+    body.at(0) = AF_INET6;
     EXPECT_EQ(sent.body, body);
 }
 

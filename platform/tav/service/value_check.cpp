@@ -1,5 +1,6 @@
 #include "service/value_check.h"
 
+#include <algorithm>
 #include <charconv>
 
 #include "protocol/limits.h"

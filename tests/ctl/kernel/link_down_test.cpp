@@ -1,5 +1,6 @@
 // A link that goes down takes its Static addresses and its gateway along, and nothing brings the
 // gateway back. The two remedies, each with and without.
+#include <algorithm>
 #include <fstream>
 
 #include "ctl_test.h"

@@ -1,4 +1,5 @@
 // What tandrelctl shows of a real kernel and a real store.
+#include <algorithm>
 #include <csignal>
 
 #include <linux/if_addr.h>

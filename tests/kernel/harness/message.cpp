@@ -8,10 +8,8 @@
 namespace kt {
 
 Message::Message(std::uint16_t type, std::uint16_t flags) {
-    nlmsghdr header{};
-    header.nlmsg_type = type;
-    header.nlmsg_flags = flags;
-    append_bytes(&header, sizeof header);
+    head.nlmsg_type = type;
+    head.nlmsg_flags = flags;
 }
 
 void Message::append_bytes(const void *data, std::size_t size) {
@@ -49,9 +47,11 @@ void Message::end(std::size_t nest) {
 }
 
 std::vector<unsigned char> Message::bytes() const {
-    auto result = content;
-    const auto length = static_cast<std::uint32_t>(result.size());
-    std::memcpy(result.data(), &length, sizeof length);
+    auto filled_in = head;
+    filled_in.nlmsg_len = static_cast<std::uint32_t>(sizeof filled_in + content.size());
+    std::vector<unsigned char> result(sizeof filled_in);
+    std::memcpy(result.data(), &filled_in, sizeof filled_in);
+    result.insert(result.end(), content.begin(), content.end());
     return result;
 }
 

@@ -34,7 +34,8 @@ public:
     std::vector<unsigned char> bytes() const;
 
 private:
-    std::vector<unsigned char> content;
+    nlmsghdr head{};
+    std::vector<unsigned char> content; // what follows the header
 };
 
 // Copies a T from wherever it lies.

@@ -2,10 +2,12 @@
 // everything that was acknowledged, and no transaction in part.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <random>
+#include <stdexcept>
 #include <thread>
 
 #include "stress/service.h"
