@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include <linux/if_addr.h>
+#include <unistd.h>
 
 #include "ctl/changes.h"
 #include "ctl/daemon_process.h"
@@ -101,6 +102,42 @@ void say_why(const comparison_t &comparison, const interface_view_t &interface) 
     }
 }
 
+// Says on standard error that the wait goes on, and for how long: on a terminal from two seconds
+// on, in one line that is rewritten; elsewhere in a line every 15 seconds.
+class progress_t {
+public:
+    explicit progress_t(double patience) : patience(patience) {}
+    ~progress_t() {
+        if (drawn) {
+            std::fprintf(stderr, "\r\033[K");
+        }
+    }
+    progress_t(const progress_t &) = delete;
+    progress_t &operator=(const progress_t &) = delete;
+
+    void show() {
+        const auto now = clock_type::now();
+        if (now < next) {
+            return;
+        }
+        next = now + (on_terminal ? std::chrono::seconds(1) : std::chrono::seconds(15));
+        const auto waited = std::chrono::duration_cast<std::chrono::seconds>(now - begin).count();
+        std::fprintf(stderr, "%standrelctl: waiting for the kernel, %lld of %.0f s%s",
+                     on_terminal ? "\r" : "", static_cast<long long>(waited), patience,
+                     on_terminal ? "\033[K" : "\n");
+        drawn = on_terminal;
+    }
+    clock_type::time_point next_time() const { return next; }
+
+private:
+    const bool on_terminal = isatty(STDERR_FILENO) == 1;
+    const clock_type::time_point begin = clock_type::now();
+    clock_type::time_point next =
+        begin + (on_terminal ? std::chrono::seconds(2) : std::chrono::seconds(15));
+    const double patience;
+    bool drawn = false;
+};
+
 } // namespace
 
 bool is_reached(const goal_t &goal, const comparison_t &comparison) {
@@ -119,6 +156,8 @@ int wait_for(const goal_t &goal, client_t &client, const options_t &options) {
     changes_t changes(client);
     const auto end = clock_type::now() +
                      std::chrono::milliseconds(static_cast<long long>(*options.patience * 1000));
+    boost::optional<progress_t> progress;
+    progress.emplace(*options.patience);
     for (;;) {
         const comparison_t comparison = look(client, options);
         if (is_reached(goal, comparison)) {
@@ -128,10 +167,12 @@ int wait_for(const goal_t &goal, client_t &client, const options_t &options) {
         static const interface_view_t nothing;
         const interface_view_t &view = interface != nullptr ? *interface : nothing;
         if (is_hopeless(comparison, view) || clock_type::now() >= end) {
+            progress.reset(); // before anything else is written
             say_why(comparison, view);
             return exit_not_there;
         }
-        changes.wait(end);
+        progress->show();
+        changes.wait(std::min(end, progress->next_time()));
         if (!client.connected()) {
             throw store_lost(store_silent);
         }

@@ -61,10 +61,11 @@ base() {
 
 note_fresh() {
     note_log "$1"
-    case $1 in
-    '== '*) printf '%s\n' "${1#== }" >>"$results/$name.new" ;;
-    *', '[0-9]*:[0-9][0-9]) state=${1%, *} ;;
-    esac
+    if [[ $1 =~ ^(Installing|Configuring|Building|Testing).*,\ [0-9]+:[0-9][0-9]$ ]]; then
+        state=${1%, *}
+    elif [[ $1 == '== '* ]]; then
+        printf '%s\n' "${1#== }" >>"$results/$name.new"
+    fi
 }
 
 number=0

@@ -53,6 +53,17 @@ TEST_F(Change, AWaitInVainSaysWhy) {
     EXPECT_TRUE(contains(alone.errors, "tandrel: note: no such process runs here")) << alone.errors;
 }
 
+TEST_F(Change, ALongWaitSaysThatItGoesOn) {
+    store.make_interface(1);
+    start_daemon_and_wait();
+    const auto process = begin({"gateway", "set", "eth0", "2001:db8:dead::1", "--wait=20"});
+    EXPECT_EQ(process->wait_exit(std::chrono::seconds(120)), 4);
+    process->errors().wait_finished();
+    const std::string first = process->errors().lines().front().text;
+    EXPECT_EQ(first.compare(0, 35, "tandrelctl: waiting for the kernel,"), 0) << first;
+    EXPECT_TRUE(contains(first, " of 20 s")) << first;
+}
+
 TEST_F(Change, ANewInterfaceNodeIsSynchronisedAtOnce) {
     start_daemon_and_wait();
     EXPECT_TRUE(contains(run({"interface", "list"}).output, "1\teth0\tno node in the store\n"));
