@@ -106,7 +106,7 @@ void say_why(const comparison_t &comparison, const interface_view_t &interface) 
 // on, in one line that is rewritten; elsewhere in a line every 15 seconds.
 class progress_t {
 public:
-    explicit progress_t(double patience) : patience(patience) {}
+    explicit progress_t(double seconds) : patience(seconds) {}
     ~progress_t() {
         if (drawn) {
             std::fprintf(stderr, "\r\033[K");

@@ -49,9 +49,9 @@ void Message::end(std::size_t nest) {
 std::vector<unsigned char> Message::bytes() const {
     auto filled_in = head;
     filled_in.nlmsg_len = static_cast<std::uint32_t>(sizeof filled_in + content.size());
-    std::vector<unsigned char> result(sizeof filled_in);
+    std::vector<unsigned char> result(filled_in.nlmsg_len);
     std::memcpy(result.data(), &filled_in, sizeof filled_in);
-    result.insert(result.end(), content.begin(), content.end());
+    std::copy(content.begin(), content.end(), result.begin() + sizeof filled_in);
     return result;
 }
 
