@@ -23,3 +23,6 @@ endfunction()
 # The property of tests that compute: ./test runs one of them at a time on each processor, and beside
 # them those that mostly wait.
 set(computes RESOURCE_GROUPS processors:1)
+
+# The property of tests that wait, many of them for long: they start before the others.
+set(waits COST 100)

@@ -56,12 +56,12 @@ TEST_F(Change, AWaitInVainSaysWhy) {
 TEST_F(Change, ALongWaitSaysThatItGoesOn) {
     store.make_interface(1);
     start_daemon_and_wait();
-    const auto process = begin({"gateway", "set", "eth0", "2001:db8:dead::1", "--wait=20"});
+    const auto process = begin({"gateway", "set", "eth0", "2001:db8:dead::1", "--wait=16"});
     EXPECT_EQ(process->wait_exit(std::chrono::seconds(120)), 4);
     process->errors().wait_finished();
     const std::string first = process->errors().lines().front().text;
     EXPECT_EQ(first.compare(0, 35, "tandrelctl: waiting for the kernel,"), 0) << first;
-    EXPECT_TRUE(contains(first, " of 20 s")) << first;
+    EXPECT_TRUE(contains(first, " of 16 s")) << first;
 }
 
 TEST_F(Change, ANewInterfaceNodeIsSynchronisedAtOnce) {

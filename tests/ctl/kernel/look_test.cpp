@@ -129,7 +129,7 @@ TEST_F(Look, AnAddressThatAnotherHostHasIsSeen) {
     }));
     store.set_address(1, "x", "2001:db8::5/64");
     start_daemon_and_wait();
-    const result_t waited = run({"address", "replace", "eth0", "2001:db8::5/64", "--wait=60"});
+    const result_t waited = run({"address", "replace", "eth0", "2001:db8::5/64", "--wait=5"});
     EXPECT_TRUE(becomes([&] {
         return contains(run({"check"}).output,
                         "eth0: 2001:db8::5/64: duplicate address detection failed");
