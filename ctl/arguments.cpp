@@ -3,9 +3,11 @@
 #include <CLI/CLI.hpp>
 
 #include <iostream>
+#include <memory>
 #include <utility>
 
 #include "ctl/text.h"
+#include "platform/tav/tool/help.h"
 
 #ifndef TANDREL_VERSION
 #error "the build gives the version"
@@ -29,6 +31,7 @@ class parser_t {
 public:
     parser_t() {
         app.require_subcommand(1);
+        app.formatter(std::make_shared<tav::tool::HelpFormatter>());
         app.footer(ending);
         app.set_version_flag("-V,--version", "tandrelctl " TANDREL_VERSION);
         app.add_option("-i,--interface-prefix", request.options.prefix,
@@ -95,6 +98,7 @@ private:
 
     CLI::App *add(CLI::App &to, const char *name, const char *what, command_t command) {
         CLI::App *sub = to.add_subcommand(name, what);
+        sub->group("Subcommands");
         sub->fallthrough();
         sub->callback([this, command] { request.command = command; });
         return sub;
@@ -102,6 +106,7 @@ private:
 
     CLI::App *add_group(const char *name, const char *what) {
         CLI::App *group = app.add_subcommand(name, what);
+        group->group("Subcommands");
         group->require_subcommand(1);
         group->fallthrough();
         return group;

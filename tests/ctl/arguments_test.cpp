@@ -78,4 +78,17 @@ TEST(CtlArguments, AWrongLineIsToldFromWhatIsWrong) {
               std::string::npos);
 }
 
+TEST(CtlArguments, HelpKeepsItsLinesWhateverTheLibrarysVersion) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(parse({"--help"}).result, 0);
+    const std::string text = testing::internal::GetCapturedStdout();
+    EXPECT_NE(text.find("\nUsage: tandrelctl [OPTIONS] SUBCOMMAND\n\nOptions:\n  -h,--help  "),
+              std::string::npos)
+        << text;
+    EXPECT_NE(text.find("\n\nSubcommands:\n  show  "), std::string::npos) << text;
+    EXPECT_NE(text.find("\nExamples:\n  tandrelctl show eth0\n  tandrelctl check\n"),
+              std::string::npos)
+        << text;
+}
+
 } // namespace

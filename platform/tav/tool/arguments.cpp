@@ -4,9 +4,11 @@
 
 #include <cstdlib>
 #include <iostream>
+#include <memory>
 
 #include "protocol/protocol.h"
 #include "tool/escape.h"
+#include "tool/help.h"
 #include "tool/screen.h"
 #include "tool/script.h"
 
@@ -44,11 +46,11 @@ constexpr const char *get_footer =
     "\\xHH.";
 
 // The words of 'set' are no options that CLI11 knows of.
-class SetFormatter : public CLI::Formatter {
+class SetFormatter : public HelpFormatter {
 public:
     std::string make_usage(const CLI::App *app, std::string name) const override {
-        std::string usage = Formatter::make_usage(app, std::move(name));
-        usage.erase(usage.find_last_not_of('\n') + 1);
+        std::string usage = HelpFormatter::make_usage(app, std::move(name));
+        usage.pop_back();
         return usage + " PATH VALUE [PATH VALUE]...\n";
     }
 };
@@ -66,6 +68,7 @@ public:
         app.require_subcommand(1);
         app.set_version_flag("-V,--version", "tav " TAV_VERSION, "Print the version");
         app.option_defaults()->always_capture_default(false);
+        app.formatter(std::make_shared<HelpFormatter>());
         app.get_formatter()->label("REQUIRED", "");
         app.get_formatter()->label("SUBCOMMAND", "COMMAND");
         app.get_formatter()->label("Subcommands", "Commands");
@@ -140,7 +143,8 @@ private:
     }
 
     void add_common(CLI::App &to) {
-        const char *group = &to == &app ? "Options" : "Options of every command";
+        const std::string group =
+            &to == &app ? to.option_defaults()->get_group() : "Options of every command";
         to.add_option("--socket", socket,
                       "The service's socket (else TAV_SOCKET, else " + std::string(default_socket) +
                           ")")

@@ -270,6 +270,9 @@ TEST_F(ToolTest, AWrongCommandLineEndsWithTwo) {
 TEST_F(ToolTest, HelpIsPrintedForAllAndForEachCommand) {
     EXPECT_EQ(good({"help"}), good({"--help"}));
     EXPECT_NE(good({"--help"}).find("Exit status: 0 done"), std::string::npos);
+    EXPECT_NE(
+        good({"--help"}).find("\n  tav load --replace saved                   and back again\n"),
+        std::string::npos);
     for (const char *command : {"get", "set", "mknode", "touch", "ls", "tree", "rm", "apply",
                                 "watch", "dump", "load", "diff", "status"}) {
         EXPECT_NE(good({command, "--help"}).find("Usage: tav " + std::string(command)),
