@@ -29,9 +29,12 @@ done < <(tree_table)
 [ ${#names[@]} -gt 0 ] || [ $# -eq 0 ] || die "no such tree: $*; there are: $(tree_table | awk '{printf "%s ", $1}')"
 
 # What is committed, and nothing else.
-rm -rf "$shared/source.git"
-git clone -q --bare . "$shared/source.git" 2>/dev/null && git archive -o "$shared/source.tar" HEAD || exit 1
-git log -1 --format=%ct >"$shared/time"
+if [ ! -e "$shared/time" ]; then
+    rm -rf "$shared/source.git"
+    { git clone -q --bare . "$shared/source.git" 2>/dev/null && git archive -o "$shared/source.tar" HEAD; } ||
+        die "cannot copy the sources"
+    git log -1 --format=%ct >"$shared/time"
+fi
 
 # base BASE: makes it unless it is there.
 base() {

@@ -10,8 +10,8 @@
 
 namespace tav::tool {
 
-// CLI11 changes its layout from version to version; newer ones even fill the lines of what stands
-// at the end, examples and all. This looks the same with each of them.
+// CLI11's own layout differs between versions; newer ones even join the lines of the examples at
+// the end. This layout is the same with each of them.
 class HelpFormatter : public CLI::Formatter {
 public:
     HelpFormatter() { label("POSITIONALS", "Positionals"); }
