@@ -28,13 +28,14 @@ while read -r name _; do
 done < <(tree_table)
 [ ${#names[@]} -gt 0 ] || [ $# -eq 0 ] || die "no such tree: $*; there are: $(tree_table | awk '{printf "%s ", $1}')"
 
-# What is committed, and nothing else.
-if [ ! -e "$shared/time" ]; then
+# What is committed, and nothing else. Runs for other trees of this commit may be under way.
+(
+    flock 9
+    [ ! -e "$shared/time" ] || exit 0
     rm -rf "$shared/source.git"
-    { git clone -q --bare . "$shared/source.git" 2>/dev/null && git archive -o "$shared/source.tar" HEAD; } ||
-        die "cannot copy the sources"
-    git log -1 --format=%ct >"$shared/time"
-fi
+    git clone -q --bare . "$shared/source.git" && git archive -o "$shared/source.tar" HEAD &&
+        git log -1 --format=%ct >"$shared/time"
+) 9>"$shared/lock" || die "cannot copy the sources"
 
 # base BASE: makes it unless it is there.
 base() {
