@@ -92,7 +92,9 @@ unboxed() { exec env --default-signal=INT --default-signal=QUIT "$@"; }
 # configure PRESET: makes build/PRESET ready to be built. Warnings are errors, where the preset says
 # so, for the compiler that this is developed with; another one may see more.
 configure() {
-    local lenient=()
+    local lenient=() cache=build/$1/CMakeCache.txt
+    # A checkout that was moved is built anew.
+    [ ! -e "$cache" ] || grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$PWD" "$cache" || rm -rf "build/$1"
     on_debian_12 || lenient=(--compile-no-warning-as-error)
     step log "Configuring build/$1" cmake --preset "$1" "${lenient[@]}" ||
         { cat "$step_log" >&2; die "cmake failed"; }
