@@ -132,7 +132,12 @@ TEST_F(DiscoveryTest, AddressesThatWereThereAllTheTimeSurviveStartsUnderChurn) {
     kt::Kernel churning(sandbox.device());
     std::size_t repeated = 0;
     int starts = 0;
-    for (; starts < 80 && repeated < 6; ++starts) {
+    // On a busy machine fewer dumps are interrupted; there one is enough.
+    const auto patience = kt::clock_type::now() + std::chrono::minutes(1);
+    const auto shown = [&] {
+        return repeated >= 6 || (repeated > 0 && kt::clock_type::now() > patience);
+    };
+    for (; starts < 80 && !shown(); ++starts) {
         {
             start_daemon({"-d", "-D", "3"});
             const Churn churn(churning, "other1", log());
