@@ -49,6 +49,8 @@ base() {
         step debootstrap "Making a $suite tree" debootstrap --variant=minbase --include=git,ca-certificates \
             "$suite" "$path" || { tail -n 20 "$step_log" >&2; die "debootstrap failed"; }
         cp /etc/resolv.conf "$path/etc/resolv.conf"
+        # A mirror may be behind.
+        echo 'Acquire::Check-Valid-Until "false";' >"$path/etc/apt/apt.conf.d/90mirror"
     else
         base "$suite"
         # shellcheck disable=SC2016,SC2086
