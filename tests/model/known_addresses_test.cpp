@@ -8,6 +8,9 @@ using model::KnownBehaviourTest;
 
 // Links.
 
+constexpr const char *not_settable =
+    "the kernel lets only the machine's own root change these settings";
+
 class LinkDownTest : public KnownBehaviourTest {
 protected:
     void go_down_with_address_and_gateway() {
@@ -42,6 +45,9 @@ TEST_F(LinkDownTest, ALinkSetDownTakesItsAddressesAndGatewayOutOfTheStore) {
 }
 
 TEST_F(LinkDownTest, WithTheKernelToldToKeepThemTheyStay) {
+    if (!kt::Sandbox::is_real_root()) {
+        GTEST_SKIP() << not_settable;
+    }
     switch_on("conf/eth0/keep_addr_on_down");
     switch_on("route/skip_notify_on_dev_down");
     go_down_with_address_and_gateway();
@@ -71,6 +77,9 @@ TEST_F(LinkDownTest, UnpluggingOrMovingALinkTakesItsAddressesWhateverTheKernelIs
 }
 
 TEST_F(LinkDownTest, TheGatewayStaysWhenTheKernelIsToldNotToReportItEvenWhenTheLinkIsGone) {
+    if (!kt::Sandbox::is_real_root()) {
+        GTEST_SKIP() << not_settable;
+    }
     for (const bool moved : {false, true}) {
         switch_on("route/skip_notify_on_dev_down");
         store.set_gateway(1, "fe80::1");

@@ -50,7 +50,9 @@ TEST_F(Change, AWaitInVainSaysWhy) {
     ASSERT_EQ(stop_daemon(), 0);
     const result_t alone = run({"address", "add", "eth0", "2001:db8::6/64", "--wait=1"});
     EXPECT_EQ(alone.status, 4);
-    EXPECT_TRUE(contains(alone.errors, "tandrel: note: no such process runs here")) << alone.errors;
+    EXPECT_TRUE(!sees_all_processes() ||
+                contains(alone.errors, "tandrel: note: no such process runs here"))
+        << alone.errors;
 }
 
 TEST_F(Change, ALongWaitSaysThatItGoesOn) {

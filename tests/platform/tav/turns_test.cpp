@@ -27,7 +27,8 @@ protected:
         : service(store, "", [this] { return tav::Time(std::chrono::milliseconds(milliseconds)); }),
           listener(socket), end(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
         listener.listen(0660);
-        server = std::make_unique<tav::Server>(service, listener, end.get(), tav::Rights{});
+        server = std::make_unique<tav::Server>(service, listener, end.get(),
+                                               tav::Rights{::geteuid(), {}, {}});
         while_served([this] {
             first = std::make_unique<RawClient>(socket);
             second = std::make_unique<RawClient>(socket);
