@@ -40,8 +40,15 @@ done < <(tree_table)
 # base BASE: makes it unless it is there.
 base() {
     local suite=${1%-full} path=$cache/$1
+    # apt locks it: of two runs at once the second goes without what was fetched before.
     export FRESH_ARCHIVES=$cache/archives-$suite
     mkdir -p "$FRESH_ARCHIVES/partial"
+    if [ ! -e "$FRESH_ARCHIVES/of" ] || ! kill -0 "$(<"$FRESH_ARCHIVES/of")" 2>/dev/null; then
+        echo $$ >"$FRESH_ARCHIVES/of"
+    elif [ "$(<"$FRESH_ARCHIVES/of")" != $$ ]; then
+        FRESH_ARCHIVES=$scratch/archives-$suite
+        mkdir -p "$FRESH_ARCHIVES/partial"
+    fi
     [ ! -e "$path.complete" ] || return 0
     rm -rf "$path"
     mkdir -p "$path"
