@@ -14,9 +14,12 @@ int main(int argc, char *argv[]) {
     if (!parse_options(argc, argv)) {
         return 1;
     }
-    if (daemon_mode && daemonize() != 0) {
-        std::fputs("Error fork()ing new process\n", stderr);
-        return 1;
+    if (daemon_mode) {
+        if (daemonize() != 0) {
+            std::fputs("Error fork()ing new process\n", stderr);
+            return 1;
+        }
+        renew_exit_pipe();
     }
     // Only now, so that the connection to the system log belongs to the process that stays.
     open_log();

@@ -29,6 +29,16 @@ void install(void (*handler)(int)) {
     }
 }
 
+// Both descriptors are 0 when there can be no pipe.
+void make_exit_pipe(const char *caller) {
+    int fresh[2] = {0, 0};
+    if (pipe(fresh) != 0) {
+        std::fprintf(stderr, "%s: Error: pipe returned errno %d\n", caller, errno);
+    }
+    exit_pipe[0] = fresh[0];
+    exit_pipe[1] = fresh[1];
+}
+
 // The interrupted code may hold a lock that the reports of a fault wait for, that of the system log
 // or of standard error. The process ends then all the same.
 void abort_unless_done_in_time() {
@@ -63,10 +73,18 @@ std::unique_ptr<char, free_deleter> demangled_name(char *line) {
 } // namespace
 
 void register_handlers() {
-    if (pipe(exit_pipe) != 0) {
-        std::fprintf(stderr, "%s: Error: pipe returned errno %d\n", "register_handlers", errno);
-    }
+    make_exit_pipe("register_handlers");
     install(signal_handler);
+}
+
+void renew_exit_pipe() {
+    const int inherited[2] = {exit_pipe[0], exit_pipe[1]};
+    const bool had_pipe = exit_descriptor() != -1;
+    make_exit_pipe("renew_exit_pipe");
+    if (had_pipe) {
+        close(inherited[0]);
+        close(inherited[1]);
+    }
 }
 
 int exit_descriptor() {

@@ -17,6 +17,11 @@ int exit_descriptor();
 // Creates the exit pipe and installs signal_handler for the handled signals.
 void register_handlers();
 
+// Replaces the pipe that a detached process inherited. A signal to the invoking process or to the
+// intermediate child may have left a byte in that one, which this process would find readable for
+// ever. A signal of its own before this has set exit_requested, which is never cleared.
+void renew_exit_pipe();
+
 // Restores the default dispositions and closes the pipe.
 void unregister_handlers();
 

@@ -317,4 +317,50 @@ TEST_F(DaemonModeTest, TheDetachedDaemonDoesItsWork) {
     EXPECT_TRUE(kt::eventually([&] { return waitpid(pid, nullptr, WNOHANG) == pid; }));
 }
 
+// A signal while it detaches.
+class DetachingTest : public DaemonModeTest {
+protected:
+    // Starts the daemon and returns its intermediate process, which takes its time.
+    pid_t detach_slowly() {
+        service.start();
+        start_daemon({"-D", "4"}, kt::preloaded({{"KT_SETSID_DELAY", "900"}}));
+        pid_t intermediate = -1;
+        EXPECT_TRUE(kt::eventually([&] {
+            for (const auto &process : sandbox.processes()) {
+                if (process.name == "tandrel" && process.pid != daemon->pid()) {
+                    intermediate = process.pid;
+                }
+            }
+            return intermediate != -1;
+        }));
+        return intermediate;
+    }
+    std::size_t cycles() { return sandbox.syslog().count("Info: Entering select()..."); }
+};
+
+// The byte in the inherited pipe once kept the daemon spinning, deaf to everything else.
+TEST_F(DetachingTest, ASignalToTheInvokingProcessIsNotForTheDaemon) {
+    const pid_t intermediate = detach_slowly();
+    ASSERT_GT(intermediate, 0);
+    daemon->signal(SIGTERM);
+    EXPECT_EQ(daemon->wait_exit(), 0);
+    ASSERT_NE(sandbox.syslog().wait_for("Info: void CSync::discover(): beginning normal operation"),
+              0U);
+    EXPECT_TRUE(kt::eventually([&] {
+        const std::size_t before = cycles();
+        usleep(300000);
+        return cycles() == before;
+    })) << "it sleeps between events";
+    EXPECT_EQ(sandbox.syslog().count("Info: Exiting tandrel daemon"), 0U);
+}
+
+TEST_F(DetachingTest, ASignalToTheIntermediateProcessEndsTheDaemonThatItMakes) {
+    const pid_t intermediate = detach_slowly();
+    ASSERT_GT(intermediate, 0);
+    kill(intermediate, SIGTERM);
+    EXPECT_EQ(daemon->wait_exit(), 0);
+    EXPECT_NE(sandbox.syslog().wait_for("Info: Exiting tandrel daemon"), 0U);
+    EXPECT_EQ(sandbox.syslog().count("Info: void CSync::discover(): requesting link state"), 0U);
+}
+
 } // namespace

@@ -109,12 +109,26 @@ TEST_F(Main, OccupiesAMissingStandardDescriptorBeforeTheExitPipeCouldTakeItsPlac
 
 TEST_F(Main, DetachesBeforeItOpensTheLog) {
     EXPECT_EQ(run({}), 0);
-    EXPECT_EQ(
-        journal_without_sigactions(),
-        (entries_t{"pipe()", "fork()", "setsid()", "fork()", "chdir(/)", "close(0)", "close(1)",
-                   "close(2)", "open(/dev/null, 2)", "dup(0)", "dup(0)", "umask(18)",
-                   "openlog(tandrel, 3, 24)", "log 6 Info: Starting tandrel daemon",
-                   "log 6 Info: Exiting tandrel daemon", "close(80)", "close(81)"}));
+    EXPECT_EQ(journal_without_sigactions(), (entries_t{"pipe()",
+                                                       "fork()",
+                                                       "setsid()",
+                                                       "fork()",
+                                                       "chdir(/)",
+                                                       "close(0)",
+                                                       "close(1)",
+                                                       "close(2)",
+                                                       "open(/dev/null, 2)",
+                                                       "dup(0)",
+                                                       "dup(0)",
+                                                       "umask(18)",
+                                                       "pipe()",
+                                                       "close(80)",
+                                                       "close(81)",
+                                                       "openlog(tandrel, 3, 24)",
+                                                       "log 6 Info: Starting tandrel daemon",
+                                                       "log 6 Info: Exiting tandrel daemon",
+                                                       "close(80)",
+                                                       "close(81)"}));
 }
 
 TEST_F(Main, DoesNotDetachWithD) {

@@ -73,6 +73,44 @@ TEST_F(Signals, WithoutAPipeTheHandlersAreInstalledAllTheSame) {
     EXPECT_EQ(exit_pipe[1], 0);
 }
 
+TEST_F(Signals, TheInheritedPipeGivesWayToANewOne) {
+    exit_pipe[0] = 70;
+    exit_pipe[1] = 71;
+    fake_os::state().close.returns(0);
+    renew_exit_pipe();
+    EXPECT_EQ(journal::entries(), (entries_t{"pipe()", "close(70)", "close(71)"}));
+    EXPECT_EQ(exit_pipe[0], 80);
+    EXPECT_EQ(exit_pipe[1], 81);
+    EXPECT_EQ(exit_requested, 0);
+}
+
+TEST_F(Signals, AnInheritedRequestToExitIsKept) {
+    exit_requested = 1;
+    fake_os::state().close.returns(0);
+    renew_exit_pipe();
+    EXPECT_EQ(exit_requested, 1);
+}
+
+TEST_F(Signals, WithoutANewPipeTheInheritedOneIsNotWaitedForEither) {
+    exit_pipe[0] = 70;
+    exit_pipe[1] = 71;
+    fake_os::state().pipe.clear();
+    fake_os::state().pipe.returns(-1, EMFILE);
+    fake_os::state().close.returns(0);
+    renew_exit_pipe();
+    EXPECT_EQ(captured::standard_error(),
+              "renew_exit_pipe: Error: pipe returned errno " + std::to_string(EMFILE) + "\n");
+    EXPECT_EQ(journal::entries(), (entries_t{"pipe()", "close(70)", "close(71)"}));
+    EXPECT_EQ(exit_descriptor(), -1);
+}
+
+TEST_F(Signals, WithoutAnInheritedPipeNothingElseIsClosed) {
+    exit_pipe[0] = exit_pipe[1] = 0;
+    renew_exit_pipe();
+    EXPECT_EQ(journal::entries(), entries_t{"pipe()"});
+    EXPECT_EQ(exit_pipe[0], 80);
+}
+
 TEST_F(Signals, ThePipeIsToBeWaitedForUnlessItWasNotMade) {
     const struct {
         int ends[2];

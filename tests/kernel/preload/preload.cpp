@@ -8,13 +8,18 @@
 //   KT_FAIL_MEMBERSHIP=<n>      the first n group memberships are refused
 //   KT_FAIL_FORK=1              no process can be forked
 //   KT_FAIL_PIPE=1              no pipe can be made
+//   KT_SETSID_DELAY=<ms>        setsid takes that long
 //   KT_PAUSE_MS=<ms>            the pause of ten seconds before a rebuild takes that long
+//   KT_CLOCK_RATE=<n>           the monotonic clock runs that many times as fast
+//   KT_SYSLOG_DELAY=<us>        each line to the system log takes that much longer
 //   KT_SELECT_DELAY=<ms>        every select begins that much later, as on a slow machine
 //
 // Calls of the store's client library: see store_calls.cpp.
 #include <cerrno>
+#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include <linux/netlink.h>
 #include <sys/select.h>
@@ -120,6 +125,15 @@ pid_t fork() noexcept {
     return next();
 }
 
+pid_t setsid() noexcept {
+    static const auto next = next_function<pid_t (*)()>("setsid");
+    // Whole, whatever signals come meanwhile.
+    timespec left{0, number("KT_SETSID_DELAY") * 1000000};
+    while (nanosleep(&left, &left) != 0) {
+    }
+    return next();
+}
+
 int pipe(int ends[2]) noexcept {
     static const auto next = next_function<int (*)(int *)>("pipe");
     if (number("KT_FAIL_PIPE") != 0) {
@@ -127,6 +141,30 @@ int pipe(int ends[2]) noexcept {
         return -1;
     }
     return next(ends);
+}
+
+int clock_gettime(clockid_t clock, timespec *time) noexcept {
+    static const auto next = next_function<int (*)(clockid_t, timespec *)>("clock_gettime");
+    static const long rate = number("KT_CLOCK_RATE");
+    const int result = next(clock, time);
+    if (rate > 0 && clock == CLOCK_MONOTONIC && result == 0) {
+        const long long nanoseconds = (time->tv_sec * 1000000000LL + time->tv_nsec) * rate;
+        time->tv_sec = static_cast<time_t>(nanoseconds / 1000000000);
+        time->tv_nsec = static_cast<long>(nanoseconds % 1000000000);
+    }
+    return result;
+}
+
+void syslog(int priority, const char *format, ...) {
+    static const auto next = next_function<void (*)(int, const char *, va_list)>("vsyslog");
+    static const long delay = number("KT_SYSLOG_DELAY");
+    if (delay > 0) {
+        usleep(static_cast<useconds_t>(delay));
+    }
+    va_list arguments;
+    va_start(arguments, format);
+    next(priority, format, arguments);
+    va_end(arguments);
 }
 
 int select(int count, fd_set *readable, fd_set *writable, fd_set *exceptional, timeval *limit) {
