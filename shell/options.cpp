@@ -1,8 +1,11 @@
 #include "shell/options.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <pwd.h>
 #include <sched.h>
 #include <unistd.h>
@@ -38,6 +41,27 @@ private:
     char **end;
 };
 
+// Stores the number that a text begins with; text after it is let pass on purpose. False when there
+// is none, or neither `long` nor `value` can hold it.
+bool parse_number(const char *text, std::uint32_t &value) {
+    char *end = nullptr;
+    errno = 0;
+    const std::int64_t number = std::strtol(text, &end, 10);
+    if (end == text || errno == ERANGE || number < 0 ||
+        number > std::numeric_limits<std::uint32_t>::max()) {
+        return false;
+    }
+    value = static_cast<std::uint32_t>(number);
+    return true;
+}
+
+// Like atoi(3), except that a number beyond the range of int gives the end of the range.
+int parse_int(const char *text) {
+    using limits = std::numeric_limits<int>;
+    return static_cast<int>(
+        std::clamp<long>(std::strtol(text, nullptr, 10), limits::min(), limits::max()));
+}
+
 bool parse_user(arguments &args) {
     const char *user = args.take_required();
     if (user == nullptr) {
@@ -48,14 +72,10 @@ bool parse_user(arguments &args) {
         return true;
     }
     std::fprintf(stderr, "No user named '%s'\n", user);
-    char *end = nullptr;
-    const long uid = std::strtol(user, &end, 10);
-    // Text behind the number is let pass on purpose.
-    if (end == user || uid < 0) {
+    if (!parse_number(user, run_as_uid)) {
         return false;
     }
-    std::fprintf(stderr, "(Using UID = %ld)\n", uid);
-    run_as_uid = static_cast<std::uint32_t>(uid);
+    std::fprintf(stderr, "(Using UID = %ld)\n", static_cast<long>(run_as_uid));
     return true;
 }
 
@@ -64,7 +84,7 @@ bool parse_nice(arguments &args) {
     if (text == nullptr) {
         return false;
     }
-    nice_priority = std::atoi(text);
+    nice_priority = parse_int(text);
     return static_cast<std::uint32_t>(nice_priority) + 20U <= 39U;
 }
 
@@ -78,7 +98,7 @@ bool parse_rt_scheduling(arguments &args) {
     if (text == nullptr) {
         return false;
     }
-    const int priority = std::atoi(text);
+    const int priority = parse_int(text);
     if (priority < sched_get_priority_min(policy) || priority > sched_get_priority_max(policy)) {
         return false;
     }
@@ -110,13 +130,10 @@ bool parse_verbosity(arguments &args) {
         return true;
     }
     args.take();
-    char *end = nullptr;
-    const long level = std::strtol(text, &end, 10);
-    if (end == text || level < 0) {
+    if (!parse_number(text, verbosity)) {
         std::fprintf(stderr, "Error: bad verbosity '%s'\n", text);
         return false;
     }
-    verbosity = static_cast<std::uint32_t>(level);
     return true;
 }
 

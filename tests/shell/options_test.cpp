@@ -198,18 +198,24 @@ TEST_F(Options, VerbosityIsIncrementedOrSet) {
     EXPECT_EQ(interface_string, "wlan");
 }
 
-// Settings are unsigned, of 32 bits. Where a long has no more, numbers end with its largest.
-std::uint32_t highest_up_to(std::uint32_t wanted) {
-    constexpr long highest = std::numeric_limits<long>::max();
-    return highest < std::int64_t{wanted} ? static_cast<std::uint32_t>(highest) : wanted;
-}
+// Settings are unsigned, of 32 bits. A long may have no more than 31.
+const std::vector<std::string> highest_numbers =
+    sizeof(long) > 4 ? std::vector<std::string>{"2147483647", "2147483648", "4294967295"}
+                     : std::vector<std::string>{"2147483647"};
+const std::vector<std::string> numbers_too_high =
+    sizeof(long) > 4 ? std::vector<std::string>{"4294967296", "4294967297", "9223372036854775807",
+                                                "9223372036854775808", "18446744073709551617"}
+                     : std::vector<std::string>{"2147483648", "4294967295", "4294967296"};
 
 TEST_F(Options, VerbosityTakesNumbersOfThirtyTwoBits) {
-    for (const std::uint32_t level : {2147483647U, 2147483648U, 4294967295U}) {
-        expect_accepted({"-D", std::to_string(level)});
-        EXPECT_EQ(verbosity, highest_up_to(level));
-        log_info_at(9, "%u", level);
-        EXPECT_EQ(captured::log_count("Info: " + std::to_string(level)), 1U) << level;
+    for (const auto &level : highest_numbers) {
+        expect_accepted({"-D", level.c_str()});
+        EXPECT_EQ(std::to_string(verbosity), level);
+        log_info_at(9, "%s", level.c_str());
+        EXPECT_EQ(captured::log_count("Info: " + level), 1U) << level;
+    }
+    for (const auto &level : numbers_too_high) {
+        expect_usage({"-D", level.c_str()}, "Error: bad verbosity '" + level + "'\n");
     }
 }
 
@@ -249,7 +255,10 @@ TEST_F(Options, NiceOutsideItsRangeIsRefusedButAlreadyStored) {
         expect_usage({"-n", std::to_string(value)});
         EXPECT_EQ(nice_priority, value);
     }
-    expect_usage({"-n", "-2147483648"});
+    for (const char *text : {"-2147483648", "2147483648", "4294967301", "-4294967291",
+                             "18446744073709551621", "-99999999999999999999"}) {
+        expect_usage({"-n", text});
+    }
 }
 
 // -u
@@ -282,16 +291,25 @@ TEST_F(Options, UnknownUserIsTriedAsANumber) {
 
 TEST_F(Options, UserIdsOfThirtyTwoBitsAreTaken) {
     know_users({});
-    for (const std::uint32_t uid : {2147483647U, 2147483648U, 4294967294U}) {
-        const auto text = std::to_string(uid);
-        expect_accepted({"-u", text});
-        EXPECT_EQ(run_as_uid, highest_up_to(uid));
-        EXPECT_EQ(captured::standard_error(), "No user named '" + text + "'\n(Using UID = " +
-                                                  std::to_string(highest_up_to(uid)) + ")\n");
+    for (const auto &uid : highest_numbers) {
+        expect_accepted({"-u", uid.c_str()});
+        EXPECT_EQ(std::to_string(run_as_uid), uid);
+        EXPECT_EQ(captured::standard_error(),
+                  "No user named '" + uid + "'\n(Using UID = " + uid + ")\n");
     }
     know_users({{"nobody", 4294967294U}});
     expect_accepted({"-u", "nobody"});
     EXPECT_EQ(run_as_uid, 4294967294U);
+}
+
+// 4294967296 once ran the daemon as root.
+TEST_F(Options, HigherUserIdsAreNoNumbers) {
+    know_users({});
+    const auto before = run_as_uid;
+    for (const auto &uid : numbers_too_high) {
+        expect_usage({"-u", uid.c_str()}, "No user named '" + uid + "'\n");
+    }
+    EXPECT_EQ(run_as_uid, before);
 }
 
 TEST_F(Options, UserThatIsNeitherNameNorNumberIsRefused) {
@@ -342,6 +360,12 @@ TEST_F(Options, RealTimePriorityLiesInThePolicysRangeBothEndsIncluded) {
         }
         expect_usage({"-r", one.name, std::to_string(lowest - 1)});
         expect_usage({"-r", one.name, std::to_string(highest + 1)});
+    }
+}
+
+TEST_F(Options, RealTimePriorityBeyondThirtyTwoBitsIsOutOfRange) {
+    for (const char *text : {"2147483648", "4294967297", "-4294967295", "18446744073709551617"}) {
+        expect_usage({"-r", "fifo", text});
     }
 }
 
