@@ -15,8 +15,7 @@ namespace {
 constexpr const char *malformed_reply = "the service sent a malformed reply";
 
 bool report_failure(const std::string &path, const char *why) {
-    report(report_unreachable, "cannot connect to the settings service at %s: %s", path.c_str(),
-           why);
+    report_attempt(("cannot connect to the settings service at " + path + ": " + why).c_str());
     return false;
 }
 
@@ -26,12 +25,14 @@ std::unique_ptr<Connection> Connection::open(const std::string &path,
                                              std::chrono::milliseconds limit) {
     std::unique_ptr<Connection> connection(new Connection(limit));
     if (!connection->wake.valid()) {
-        report(report_unreachable, "cannot create an event descriptor: %s", std::strerror(errno));
+        report_attempt(
+            (std::string("cannot create an event descriptor: ") + std::strerror(errno)).c_str());
         return nullptr;
     }
     if (!connection->establish(path)) {
         return nullptr;
     }
+    report_attempt(nullptr);
     return connection;
 }
 

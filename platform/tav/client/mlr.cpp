@@ -45,7 +45,7 @@ TAV_EXPORT mlr_client_t *mlr_init(void) {
         client->connection = tav::Connection::open(socket_path(), time_limit());
         return client->connection ? client.release() : nullptr;
     } catch (...) {
-        tav::report(tav::report_unreachable, "cannot connect: out of memory");
+        tav::report_attempt("cannot connect: out of memory");
         return nullptr;
     }
 }

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 #include <tav/mlr.h>
 
@@ -24,6 +25,16 @@ void report(unsigned int level, const char *format, ...) {
     const int length = vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
     mlr_err(level, "%s", length < 0 ? format : message);
+}
+
+void report_attempt(const char *failure) {
+    thread_local char last_failure[512] = "";
+    char text[sizeof last_failure];
+    snprintf(text, sizeof text, "%s", failure != nullptr ? failure : "");
+    if (*text != '\0' && std::strcmp(text, last_failure) != 0) {
+        report(report_unreachable, "%s", text);
+    }
+    std::memcpy(last_failure, text, sizeof text);
 }
 
 } // namespace tav

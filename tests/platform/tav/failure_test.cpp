@@ -283,6 +283,25 @@ TEST_F(NoServiceTest, ConnectingFailsAndSaysWhy) {
                                        ": No such file or directory");
 }
 
+TEST_F(NoServiceTest, TheSameFailureIsReportedOnceUntilItChanges) {
+    const auto attempt = [this](std::size_t new_reports) {
+        const std::size_t before = reports().size();
+        mlr_close(mlr_init());
+        EXPECT_EQ(reports().size(), before + new_reports);
+    };
+    attempt(1);
+    attempt(0);
+    ::setenv("TAV_SOCKET", "/dev/null", 1);
+    attempt(1);
+    attempt(0);
+    ::setenv("TAV_SOCKET", socket.c_str(), 1);
+    attempt(1);
+    start();
+    attempt(0);
+    stop();
+    attempt(1);
+}
+
 TEST_F(NoServiceTest, AProgramWithoutTheHookGoesOn) {
     EXPECT_EQ(run(dir, {TAV_NO_HOOK_PROGRAM}).status, 0);
 }
