@@ -25,10 +25,12 @@ struct Engine : CSync {
     using CSync::sync_all;
 };
 
-// The addresses of `interfaces` links, dealt out in turn.
+// The addresses of `interfaces` links, dealt out in turn. `unanswered` deletions of other addresses
+// have been sent on each link, and the kernel has not answered them yet.
 struct size_case_t {
     int addresses;
     int interfaces;
+    int unanswered = 0;
 };
 
 void fill_store(kt::Store &store, const size_case_t &size) {
@@ -58,6 +60,12 @@ void fill_table(Engine &engine, const size_case_t &size) {
         address.node = std::to_string(i / size.interfaces + 1);
         entry.addresses.push_back(address);
     }
+    for (auto &item : engine.interfaces) {
+        for (int i = 1; i <= size.unanswered; ++i) {
+            const CAddress gone = CSync::str_to_addr(bench::address_text(size.addresses + i), true);
+            item.second.deletions[gone].unanswered = 1;
+        }
+    }
     engine.state = 4;
 }
 
@@ -77,8 +85,12 @@ int run_once(const size_case_t &size, int runs) {
 }
 
 std::vector<std::string> once(const size_case_t &size, int runs) {
-    return {"/proc/" + std::to_string(getpid()) + "/exe", "--once", std::to_string(size.addresses),
-            std::to_string(size.interfaces), std::to_string(runs)};
+    return {"/proc/" + std::to_string(getpid()) + "/exe",
+            "--once",
+            std::to_string(size.addresses),
+            std::to_string(size.interfaces),
+            std::to_string(runs),
+            std::to_string(size.unanswered)};
 }
 
 std::vector<kt::line_t> lines_of(bench::World &world, const std::vector<std::string> &arguments,
@@ -156,6 +168,15 @@ void print(const bench::options_t &options, const std::string &plot_file) {
                  addresses == 10000 ? bench::verdict(point.instructions / at_hundred, 1.3) : ""});
         }
     }
+    for (const int addresses : {1000, 2000, 4000}) {
+        if (addresses <= options.samples) {
+            const point_t point = measure(options, {addresses, 1, addresses});
+            bench::table_row(
+                {std::to_string(addresses) + " addresses, as many deletions unanswered",
+                 bench::time_text(point.seconds),
+                 std::to_string(static_cast<long>(point.instructions)), ""});
+        }
+    }
     if (!plot_file.empty()) {
         bench::write_plot(plot_file, {{"Thousand instructions per address", instructions},
                                       {"Microseconds per address", times}});
@@ -166,8 +187,9 @@ void print(const bench::options_t &options, const std::string &plot_file) {
 
 int main(int argc, char **argv) {
     try {
-        if (argc == 5 && std::strcmp(argv[1], "--once") == 0) {
-            return run_once({std::atoi(argv[2]), std::atoi(argv[3])}, std::atoi(argv[4]));
+        if (argc == 6 && std::strcmp(argv[1], "--once") == 0) {
+            return run_once({std::atoi(argv[2]), std::atoi(argv[3]), std::atoi(argv[5])},
+                            std::atoi(argv[4]));
         }
         const bench::options_t options = bench::parse_options(
             argc, argv,

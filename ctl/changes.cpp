@@ -4,11 +4,12 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
+
+#include "netlink/wire.h"
 
 namespace ctl {
 
@@ -21,7 +22,6 @@ constexpr std::chrono::seconds reconnect_interval{1};
 changes_t::changes_t(client_t &store) : client(store), kernel(std::make_unique<CNetlink>()) {}
 
 changes_t::~changes_t() {
-    std::free(datagram); // NOLINT: malloc'd by libnl
     if (signals >= 0) {
         close(signals);
     }
@@ -66,9 +66,9 @@ changes_t::seen_t changes_t::wait(clock_type::time_point deadline) {
 void changes_t::drain_kernel() {
     pollfd entry{kernel->fd(), POLLIN, 0};
     while (poll(&entry, 1, 0) > 0) {
-        int length = 0;
+        wire::owned_datagram_t datagram;
         try {
-            kernel->recv(datagram, length);
+            kernel->recv(datagram.bytes, datagram.length);
         } catch (const netlink_err &) {
             // Some notifications were lost: a change all the same. The error is gone once taken.
             return;

@@ -36,7 +36,6 @@ private:
 
     client_t &client;
     std::unique_ptr<CNetlink> kernel;
-    unsigned char *datagram = nullptr;
     int signals = -1;
 };
 

@@ -59,14 +59,13 @@ private:
     // Reads one datagram; false when the dump has ended.
     bool receive(const visit_t &visit, bool &whole) {
         sockaddr_nl peer{};
-        unsigned char *bytes = nullptr;
-        const int length = nl_recv(sock.get(), &peer, &bytes, nullptr);
-        const std::unique_ptr<unsigned char, decltype(&std::free)> owner(bytes, std::free);
-        if (length <= 0) {
+        wire::owned_datagram_t received;
+        received.length = nl_recv(sock.get(), &peer, &received.bytes, nullptr);
+        if (received.length <= 0) {
             throw std::runtime_error("the kernel does not answer");
         }
-        whole = whole && !dump_is_incomplete(bytes, length);
-        const wire::datagram_t datagram{bytes, static_cast<std::size_t>(length)};
+        const wire::datagram_t datagram = received;
+        whole = whole && !read_dump_marks(datagram).incomplete;
         std::size_t at = 0;
         while (datagram.length - at >= sizeof(nlmsghdr)) {
             const auto header = wire::read_at<nlmsghdr>(datagram, at);
@@ -77,7 +76,7 @@ private:
             if (header.nlmsg_type == NLMSG_ERROR) {
                 throw std::runtime_error("the kernel refused to answer");
             }
-            visit(bytes + at, static_cast<int>(header.nlmsg_len));
+            visit(datagram.bytes + at, static_cast<int>(header.nlmsg_len));
             at = std::min<std::size_t>(at + NLMSG_ALIGN(header.nlmsg_len), datagram.length);
         }
         return true;
@@ -120,7 +119,7 @@ ifinfomsg links_of(unsigned char family) {
 
 kernel_link_t link_of_message(const unsigned char *bytes, int length) {
     kernel_link_t link;
-    const wire::message_walk message(bytes, length);
+    const wire::message_walk message({bytes, length});
     const auto header = message.payload<ifinfomsg>();
     link.index = header.ifi_index;
     link.ethernet = header.ifi_type == ARPHRD_ETHER;
@@ -144,7 +143,7 @@ kernel_link_t link_of_message(const unsigned char *bytes, int length) {
 
 kernel_address_t address_of_message(const unsigned char *bytes, int length) {
     kernel_address_t address;
-    const wire::message_walk message(bytes, length);
+    const wire::message_walk message({bytes, length});
     const auto header = message.payload<ifaddrmsg>();
     address.flags = header.ifa_flags;
     address.valid = address.preferred = forever;
@@ -174,7 +173,7 @@ kernel_address_t address_of_message(const unsigned char *bytes, int length) {
 
 kernel_route_t route_of_message(const unsigned char *bytes, int length) {
     kernel_route_t route;
-    const wire::message_walk message(bytes, length);
+    const wire::message_walk message({bytes, length});
     const auto header = message.payload<rtmsg>();
     route.table = header.rtm_table;
     route.type = header.rtm_type;

@@ -56,17 +56,16 @@ public:
     bool receive(const Visit &visit) {
         for (;;) {
             sockaddr_nl peer{};
-            unsigned char *bytes = nullptr;
-            const int length = nl_recv(sock.get(), &peer, &bytes, nullptr);
-            const std::unique_ptr<unsigned char, decltype(&std::free)> owner(bytes, std::free);
-            if (length <= 0) {
-                return length == 0 || length == -NLE_AGAIN;
+            wire::owned_datagram_t datagram;
+            datagram.length = nl_recv(sock.get(), &peer, &datagram.bytes, nullptr);
+            if (datagram.length <= 0) {
+                return datagram.length == 0 || datagram.length == -NLE_AGAIN;
             }
             // A notification is a datagram of its own.
-            const wire::message_walk message(bytes, length);
+            const wire::message_walk message(datagram);
             if (message.header().nlmsg_type == RTM_NEWLINK &&
                 message.payload<ifinfomsg>().ifi_family == AF_UNSPEC) {
-                visit(link_of_message(bytes, length));
+                visit(link_of_message(datagram.bytes, datagram.length));
             }
         }
     }

@@ -110,7 +110,7 @@ int CNetlink::recv(unsigned char *&buffer, int &length) {
     buffer = fresh;
     std::free(previous);
 
-    const int type = wire::message_walk(buffer, length).header().nlmsg_type;
+    const int type = wire::message_walk({buffer, length}).header().nlmsg_type;
     switch (type) {
     case NLMSG_ERROR:
     case NLMSG_OVERRUN:

@@ -27,7 +27,7 @@ tk_string string_at(const wire::datagram_t &datagram, std::size_t offset) {
 
 std::vector<CKernInterface> decode_links(const unsigned char *buffer, int length) {
     std::vector<CKernInterface> links;
-    for (wire::message_walk message(buffer, length); !message.at_end(); message.next()) {
+    for (wire::message_walk message({buffer, length}); !message.at_end(); message.next()) {
         const auto header = message.payload<ifinfomsg>();
         if (header.ifi_type != ARPHRD_ETHER) {
             log_info_at(2, "Ignoring unknown interface type %d", header.ifi_type);
@@ -58,7 +58,7 @@ std::vector<CKernInterface> decode_links(const unsigned char *buffer, int length
 
 std::vector<CKernAddress> decode_addrs(const unsigned char *buffer, int length) {
     std::vector<CKernAddress> addrs;
-    for (wire::message_walk message(buffer, length); !message.at_end(); message.next()) {
+    for (wire::message_walk message({buffer, length}); !message.at_end(); message.next()) {
         const auto header = message.payload<ifaddrmsg>();
         CKernAddress addr;
         addr.ifindex = static_cast<std::int32_t>(header.ifa_index);
@@ -83,7 +83,7 @@ std::vector<CKernAddress> decode_addrs(const unsigned char *buffer, int length) 
 
 std::vector<CKernRoute> decode_routes(const unsigned char *buffer, int length) {
     std::vector<CKernRoute> routes;
-    for (wire::message_walk message(buffer, length); !message.at_end(); message.next()) {
+    for (wire::message_walk message({buffer, length}); !message.at_end(); message.next()) {
         const auto header = message.payload<rtmsg>();
         CKernRoute route;
         route.ifindex = -1;

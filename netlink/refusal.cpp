@@ -4,7 +4,6 @@
 #include <cstdint>
 
 #include "netlink/decode.h"
-#include "netlink/wire.h"
 
 namespace {
 
@@ -13,8 +12,8 @@ constexpr std::size_t request_offset = sizeof(std::int32_t);
 
 } // namespace
 
-boost::optional<refusal_t> decode_refusal(const unsigned char *buffer, int length) {
-    const wire::message_walk message(buffer, length);
+boost::optional<refusal_t> decode_refusal(const wire::datagram_t &datagram) {
+    const wire::message_walk message(datagram);
     if (message.at_end() || message.header().nlmsg_type != NLMSG_ERROR ||
         (message.header().nlmsg_flags & NLM_F_CAPPED) != 0) {
         return boost::none;
@@ -30,29 +29,22 @@ boost::optional<refusal_t> decode_refusal(const unsigned char *buffer, int lengt
     refusal.request = request.nlmsg_type;
 
     // The request alone: what may follow it in the datagram is not part of it.
-    constexpr int start = NLMSG_HDRLEN + static_cast<int>(request_offset);
-    const auto request_length = static_cast<int>(std::min<std::uint32_t>(
-        request.nlmsg_len, static_cast<std::uint32_t>(std::max(length - start, 0))));
-    switch (refusal.request) {
-    case RTM_NEWADDR:
-    case RTM_DELADDR: {
-        const auto addrs = decode_addrs(buffer + start, request_length);
-        if (addrs.empty()) {
-            return boost::none;
+    const std::size_t start = std::min(NLMSG_HDRLEN + request_offset, datagram.length);
+    const unsigned char *const bytes = datagram.bytes + start;
+    const auto length =
+        static_cast<int>(std::min<std::size_t>(request.nlmsg_len, datagram.length - start));
+    if (refusal.request == RTM_NEWADDR || refusal.request == RTM_DELADDR) {
+        const auto addrs = decode_addrs(bytes, length);
+        if (!addrs.empty()) {
+            refusal.addr = addrs.front();
+            return refusal;
         }
-        refusal.addr = addrs.front();
-        return refusal;
-    }
-    case RTM_NEWROUTE:
-    case RTM_DELROUTE: {
-        const auto routes = decode_routes(buffer + start, request_length);
-        if (routes.empty()) {
-            return boost::none;
+    } else if (refusal.request == RTM_NEWROUTE || refusal.request == RTM_DELROUTE) {
+        const auto routes = decode_routes(bytes, length);
+        if (!routes.empty()) {
+            refusal.route = routes.front();
+            return refusal;
         }
-        refusal.route = routes.front();
-        return refusal;
     }
-    default:
-        return boost::none;
-    }
+    return boost::none;
 }

@@ -3,6 +3,7 @@
 
 #include <boost/optional.hpp>
 
+#include "netlink/wire.h"
 #include "sync/model.h"
 
 // One refused request. `request` is the type of the request (RTM_...); of `route` and `addr` the
@@ -17,4 +18,4 @@ struct refusal_t {
 // The refused change of an address or a route, when the datagram's first message is one. Empty for
 // acknowledgements, for refusals of other requests (dumps) and when the kernel did not send the
 // request back.
-boost::optional<refusal_t> decode_refusal(const unsigned char *buffer, int length);
+boost::optional<refusal_t> decode_refusal(const wire::datagram_t &datagram);

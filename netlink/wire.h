@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 
 #include <linux/netlink.h>
@@ -13,8 +14,24 @@
 namespace wire {
 
 struct datagram_t {
+    // A negative length counts as 0.
+    datagram_t(const unsigned char *buffer, int size)
+        : bytes(buffer), length(size > 0 ? static_cast<std::size_t>(size) : 0) {}
+
     const unsigned char *bytes; // borrowed
     std::size_t length;         // number of bytes received
+};
+
+// A received datagram that is freed with its owner: what CNetlink::recv and nl_recv fill.
+struct owned_datagram_t {
+    owned_datagram_t() = default;
+    owned_datagram_t(const owned_datagram_t &) = delete;
+    owned_datagram_t &operator=(const owned_datagram_t &) = delete;
+    ~owned_datagram_t() { std::free(bytes); }
+    operator datagram_t() const { return {bytes, length}; }
+
+    unsigned char *bytes = nullptr;
+    int length = 0;
 };
 
 // Copies sizeof(T) bytes from `offset`; bytes beyond the datagram are zero.
@@ -33,9 +50,7 @@ T read_at(const datagram_t &datagram, std::size_t offset) {
 // that reaches the end of the datagram.
 class message_walk {
 public:
-    // A negative length counts as 0.
-    message_walk(const unsigned char *bytes, int length)
-        : datagram{bytes, length > 0 ? static_cast<std::size_t>(length) : 0} {
+    explicit message_walk(const datagram_t &received) : datagram(received) {
         if (!at_end()) {
             message = read_at<nlmsghdr>(datagram, position);
         }

@@ -39,7 +39,9 @@ int CSync::run() {
     discover();
     int result = 0;
     while ((result = listen()) == 0) {
-        check_discovery_time();
+        if (state != state_normal && dumps.is_overdue()) {
+            throw sync_err(error_text("%s: discovery did not end in time", "int CSync::run()"));
+        }
     }
     return result;
 }

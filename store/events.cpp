@@ -9,23 +9,30 @@
 
 namespace {
 
-// What is left of a path below "<N>/IPv6/Addresses/": "<name>/Address/Value" and
-// "<name>/Type/Value" are mirrored.
-bool is_mirrored_address_leaf(const tk_string &path, tk_string rest) {
-    std::size_t slash = rest.find('/');
-    if (slash == tk_string::npos) {
+// The parts of a text between its slashes; without a slash the whole text is the one part.
+std::vector<tk_string> split(const tk_string &text) {
+    std::vector<tk_string> parts;
+    std::size_t start = 0;
+    for (std::size_t slash = 0; slash != tk_string::npos; start = slash + 1) {
+        slash = text.find('/', start);
+        parts.push_back(text.substr(start, slash - start));
+    }
+    return parts;
+}
+
+// Mirrored below "<N>/IPv6/Addresses" are "<name>/Address/Value" and "<name>/Type/Value", whatever
+// the name.
+bool is_mirrored_address_leaf(const tk_string &path, const std::vector<tk_string> &parts) {
+    if (parts.size() < 5) {
         log_info_at(2, "Bad addrlist index tail: '%s'", path.c_str());
         return false;
     }
-    rest.erase(0, slash); // the node's name, whatever it is
-    slash = rest.find('/', 1);
-    if (slash == tk_string::npos) {
+    if (parts.size() < 6) {
         log_info_at(2, "Bad addrlist subpath: '%s'", path.c_str());
         return false;
     }
-    const tk_string leaf_node = rest.substr(0, slash);
-    rest.erase(0, slash);
-    if (rest != paths::value_part) {
+    const tk_string leaf_node = "/" + parts[4];
+    if (parts.size() > 6 || "/" + parts[5] != paths::value_part) {
         log_info_at(2, "Ignoring TAV update to non-value attribute '%s'", path.c_str());
         return false;
     }
@@ -36,54 +43,42 @@ bool is_mirrored_address_leaf(const tk_string &path, tk_string rest) {
     return true;
 }
 
-// What is left of a path below "<N>/IPv6", beginning with "/".
-bool is_mirrored_ipv6_leaf(const tk_string &path, tk_string rest) {
-    const std::size_t slash = rest.find('/', 1);
-    if (slash == tk_string::npos) {
-        log_info_at(2, "Bad subpath component: '%s'", path.c_str());
-        return false;
-    }
-    const tk_string subpath = rest.substr(0, slash);
-    rest.erase(0, slash);
-    if (subpath == paths::gateway_part) {
-        if (rest == paths::value_part) {
-            return true;
-        }
-        log_info_at(2, "Ignoring TAV update to non-value attribute '%s'", path.c_str());
-        return false;
-    }
-    if (subpath != paths::addresses_part) {
-        log_info_at(2, "Ignoring TAV update to unknown node '%s'", subpath.c_str());
-        return false;
-    }
-    return is_mirrored_address_leaf(path, rest.substr(1));
-}
-
 bool is_mirrored_leaf(const tk_string &path) {
     const tk_string prefix = tk_string(paths::interfaces) + "/";
     if (path.compare(0, prefix.size(), prefix) != 0) {
         log_warning_at(1, "Unexpected event path: '%s'", path.c_str());
         return false;
     }
-    tk_string rest = path.substr(prefix.size());
-    std::size_t slash = rest.find('/');
-    if (slash == tk_string::npos || slash == 0) {
+    const std::vector<tk_string> parts = split(path.substr(prefix.size()));
+    if (parts.size() < 2 || parts[0].empty()) {
         log_info_at(2, "Bad interface path component: '%s'", path.c_str());
         return false;
     }
-    const tk_string number = rest.substr(0, slash);
-    if (positive_number(number) == 0) {
-        log_info_at(2, "Bad interface number: '%s'", number.c_str());
+    if (positive_number(parts[0]) == 0) {
+        log_info_at(2, "Bad interface number: '%s'", parts[0].c_str());
         return false;
     }
-    rest.erase(0, slash);
-    slash = rest.find('/', 1);
-    if (slash == tk_string::npos || rest.compare(0, slash, paths::ipv6_part) != 0) {
+    if (parts.size() < 3 || "/" + parts[1] != paths::ipv6_part) {
         log_info_at(4, "Ignoring update to non-IPv6 settings");
         return false;
     }
-    rest.erase(0, slash);
-    return is_mirrored_ipv6_leaf(path, rest);
+    if (parts.size() < 4) {
+        log_info_at(2, "Bad subpath component: '%s'", path.c_str());
+        return false;
+    }
+    const tk_string subpath = "/" + parts[2];
+    if (subpath == paths::addresses_part) {
+        return is_mirrored_address_leaf(path, parts);
+    }
+    if (subpath != paths::gateway_part) {
+        log_info_at(2, "Ignoring TAV update to unknown node '%s'", subpath.c_str());
+        return false;
+    }
+    if (parts.size() > 4 || "/" + parts[3] != paths::value_part) {
+        log_info_at(2, "Ignoring TAV update to non-value attribute '%s'", path.c_str());
+        return false;
+    }
+    return true;
 }
 
 } // namespace

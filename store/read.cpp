@@ -1,7 +1,6 @@
 // Reading the whole stored configuration. A fault in one address or gateway spoils that item alone;
 // an interface node with an unusable name, or a failed store call, ends the whole read.
 
-#include <algorithm>
 #include <cstdio>
 #include <utility>
 
@@ -21,6 +20,21 @@ T item_at(const std::vector<T> &items, std::size_t index) {
 
 bool is_node(const toolkit::child_t &child) {
     return child.second.first == tav_value::type_node;
+}
+
+// Reads one item of an interface. An item that is missing or unusable is logged and skipped.
+template <typename Read>
+void read_or_ignore(const char *item, const Read &read) {
+    const auto ignore = [item](const std::exception &fault) {
+        log_info_at(2, "Ignoring %s: '%s'", item, fault.what());
+    };
+    try {
+        read();
+    } catch (const sync_addr_err &fault) {
+        ignore(fault);
+    } catch (const sync_minor_err &fault) {
+        ignore(fault);
+    }
 }
 
 } // namespace
@@ -60,20 +74,9 @@ tavcfg_t CSync::read_tav_ipv6_interface(const tk_string &name) {
     settings.iface.name = kernel_name;
     settings.iface.number = static_cast<std::int32_t>(number);
 
-    const auto ignore_gateway = [](const std::exception &fault) {
-        log_info_at(2, "Ignoring gateway: '%s'", fault.what());
-    };
-    try {
-        settings.gateway = read_tav_ipv6_gateway(ipv6_path);
-    } catch (const sync_addr_err &fault) {
-        ignore_gateway(fault);
-    } catch (const sync_minor_err &fault) {
-        ignore_gateway(fault);
-    }
+    read_or_ignore("gateway", [&] { settings.gateway = read_tav_ipv6_gateway(ipv6_path); });
     settings.addresses = read_tav_ipv6_addrs(ipv6_path);
     settings.listed_nodes = std::move(addr_listing);
-    settings.listing_refused = addr_listing_refused;
-    addr_listing.clear();
     return settings;
 }
 
@@ -117,30 +120,19 @@ std::vector<CTavAddress> CSync::read_tav_ipv6_addrs(const tk_string &ipv6_path) 
                        path.c_str(), result));
     }
     std::vector<CTavAddress> addrs;
-    addr_listing_refused = status != tav_value::status_ok && status != tav_value::status_absent &&
-                           status != tav_value::status_unset;
     if (status != tav_value::status_ok) {
         log_info_at(4, "No addresses specified (%s).", path.c_str());
         return addrs;
     }
 
-    const auto ignore_address = [](const std::exception &fault) {
-        log_info_at(2, "Ignoring address: '%s'", fault.what());
-    };
     for (const toolkit::child_t &child : children) {
-        // A name is taken whatever bears it.
+        // A name counts as taken even if its element is a leaf or cannot be read.
         addr_listing.push_back(child.first);
         if (!is_node(child)) {
             continue;
         }
         log_info_at(4, "Found TAV address '%s'", child.first.c_str());
-        try {
-            addrs.push_back(read_tav_ipv6_addr(path, child.first));
-        } catch (const sync_addr_err &fault) {
-            ignore_address(fault);
-        } catch (const sync_minor_err &fault) {
-            ignore_address(fault);
-        }
+        read_or_ignore("address", [&] { addrs.push_back(read_tav_ipv6_addr(path, child.first)); });
     }
     return addrs;
 }
@@ -188,34 +180,4 @@ CTavAddress CSync::read_tav_ipv6_addr(const tk_string &addresses_path, const tk_
     log_info_at(4, "Read TAV address %s ('%s') (%s) on '%s'", name.c_str(), address_text.c_str(),
                 type_text.c_str(), node_path.c_str());
     return addr;
-}
-
-// Whether the node that the address would be written to stands for anything else. Asked where the
-// listing was refused.
-bool CSync::holds_other_addr(const CTavInterface &ifc, const CTavAddress &addr) {
-    const tk_string addresses_path = paths::addresses(paths::ipv6(ifc.number));
-    const tk_string node_path = paths::address(addresses_path, addr.node);
-    std::vector<api_status_t> statuses;
-    std::vector<toolkit::CElement> values;
-    std::vector<element_property_t> properties;
-    const int result =
-        tav->get_leaves({paths::address_value(node_path), paths::type_value(node_path)}, statuses,
-                        values, properties);
-    if (result != 0) {
-        throw sync_err(
-            error_text("%s: CTav::get_leaves(%s) returned %d",
-                       "bool CSync::holds_other_addr(const CTavInterface&, const CTavAddress&)",
-                       node_path.c_str(), result));
-    }
-    if (std::count(statuses.begin(), statuses.end(), tav_value::status_ok) == 0) {
-        return false;
-    }
-    try {
-        const CTavAddress stored = read_tav_ipv6_addr(addresses_path, addr.node);
-        return !same_address(stored, addr) || stored.type != addr.type;
-    } catch (const sync_addr_err &) {
-        return true; // something is there that cannot be read
-    } catch (const sync_minor_err &) {
-        return true;
-    }
 }

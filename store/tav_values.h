@@ -10,9 +10,6 @@ namespace tav_value {
 
 constexpr auto status_unset = static_cast<api_status_t>(0);
 constexpr auto status_ok = static_cast<api_status_t>(1); // exists, or done
-// Nothing at that path, as the store of platform/tav says it. Another provider's may say it by any
-// number but 1, and then costs a look-up of each new address's name.
-constexpr auto status_absent = static_cast<api_status_t>(2);
 
 constexpr auto type_node = static_cast<element_type_t>(2);
 constexpr auto type_string = static_cast<element_type_t>(6);

@@ -1,12 +1,13 @@
 // Carrying kernel-side changes into the store.
 
+#include <linux/rtnetlink.h>
+
 #include "shell/log.h"
 #include "store/paths.h"
 #include "store/tav_values.h"
+#include "sync/deletions.h"
 #include "sync/errors.h"
 #include "sync/sync.h"
-
-#include <linux/rtnetlink.h>
 
 namespace {
 
@@ -14,7 +15,7 @@ toolkit::CElement string_element(const tk_string &text) {
     return toolkit::CElement(text, toolkit::CElement::_invalid_time);
 }
 
-// Removes a node with its leaves and returns whether the store did so.
+// Removes a node with all below it and returns whether the store did so.
 bool remove_node(toolkit::CTav &tav, const tk_string &path, const char *signature) {
     api_status_t status = tav_value::status_unset;
     const int result = tav.remove_node(path, status, tk_string());
@@ -79,10 +80,16 @@ void CSync::write_tav_ipv6_addr(const CTavInterface &ifc, const CTavAddress &add
 }
 
 void CSync::remove_tav_ipv6_addr(const CTavInterface &ifc, const CTavAddress &addr) {
-    const bool removed =
-        remove_node(*tav, node_path(ifc, addr),
-                    "void CSync::remove_tav_ipv6_addr(const CTavInterface&, const CTavAddress&)");
-    note_removal(ifc, addr.node, removed);
+    if (!remove_node(
+            *tav, node_path(ifc, addr),
+            "void CSync::remove_tav_ipv6_addr(const CTavInterface&, const CTavAddress&)")) {
+        return;
+    }
+    for (auto &item : interfaces) {
+        if (item.second.iface.number == ifc.number) {
+            item.second.listed_nodes.erase(addr.node); // the name is free again
+        }
+    }
 }
 
 void CSync::write_kern_route_to_tav(const CTavInterface &ifc, const ifcfg_t &entry) {

@@ -1,10 +1,13 @@
 // Addresses and routes that the kernel reports, by a dump or on its own. During discovery they only
 // fill the table; in normal operation each change is written to the store at once.
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <linux/rtnetlink.h>
 
 #include "shell/log.h"
+#include "sync/deletions.h"
+#include "sync/node_names.h"
 #include "sync/sync.h"
 
 namespace {
@@ -40,38 +43,30 @@ void CSync::nl_addr_update(int type, const std::vector<CKernAddress> &addrs) {
 
 void CSync::add_kern_addr(const CKernAddress &addr) {
     ifcfg_t &entry = interfaces.at(addr.ifindex);
-    // Announced before the daemon replaced it by one of another prefix length.
-    const bool outdated = is_leaving(entry, addr);
+    std::vector<CFullAddress> &known = entry.addresses;
+    if (is_leaving(entry, addr) &&
+        std::any_of(known.begin(), known.end(), [&](const CFullAddress &present) {
+            return same_address(present, addr) && present.prefix_len != addr.prefix_len;
+        })) {
+        return; // announced before the daemon replaced it by one of another prefix length
+    }
     CFullAddress *match = nullptr;
-    for (CFullAddress &known : entry.addresses) {
-        if (same_address(known, addr)) {
-            if (outdated && known.prefix_len != addr.prefix_len) {
-                return;
-            }
-            known.prefix_len = addr.prefix_len;
-            match = &known;
+    for (CFullAddress &present : known) {
+        if (same_address(present, addr)) {
+            present.prefix_len = addr.prefix_len;
+            match = &present;
         }
     }
-    if (match != nullptr) {
-        if (may_write_store(entry)) {
-            write_tav_ipv6_addr(entry.iface, *match);
-        }
-        return;
+    if (match == nullptr) {
+        CFullAddress fresh;
+        static_cast<CKernAddress &>(fresh) = addr;
+        fresh.node = free_node_name(entry);
+        fresh.type = addr.scope == RT_SCOPE_LINK ? type_link_local : type_automatic;
+        known.push_back(fresh);
+        match = &known.back();
     }
-
-    CFullAddress fresh;
-    fresh.ifindex = addr.ifindex;
-    fresh.scope = addr.scope;
-    fresh.addr = addr.addr;
-    fresh.prefix_len = addr.prefix_len;
-    fresh.node = free_node_name(entry);
-    fresh.type = addr.scope == RT_SCOPE_LINK ? type_link_local : type_automatic;
     if (may_write_store(entry)) {
-        avoid_unlisted_node(entry, fresh);
-    }
-    entry.addresses.push_back(fresh);
-    if (may_write_store(entry)) {
-        write_tav_ipv6_addr(entry.iface, fresh);
+        write_tav_ipv6_addr(entry.iface, *match);
     }
 }
 
@@ -125,15 +120,10 @@ void CSync::add_kern_route(const CKernRoute &route) {
         log_info_at(1, "Replaced exising static route with a new one - removing old route");
         netlink->modify_route(*entry.gateway, false);
     }
-    CFullRoute adopted;
-    adopted.ifindex = route.ifindex;
-    adopted.protocol = route.protocol;
-    adopted.dst = route.dst;
-    adopted.dst_len = route.dst_len;
-    adopted.gateway = route.gateway;
-    entry.gateway = adopted;
+    entry.gateway.emplace();
+    static_cast<CKernRoute &>(*entry.gateway) = route;
     entry.gateway_leaving = false;
     if (may_write_store(entry)) {
-        write_tav_ipv6_gateway(entry.iface, adopted);
+        write_tav_ipv6_gateway(entry.iface, *entry.gateway);
     }
 }

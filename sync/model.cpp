@@ -2,8 +2,6 @@
 
 #include <cstring>
 
-#include "sync/address_index.h"
-
 namespace {
 
 bool same_bytes(const in6_addr &left, const in6_addr &right) {
@@ -20,8 +18,9 @@ bool same_address(const CAddress &left, const CAddress &right) {
     return same_bytes(left.addr, right.addr);
 }
 
-bool address_less::operator()(const in6_addr &left, const in6_addr &right) const {
-    return std::memcmp(&left, &right, sizeof left) < 0;
+bool address_and_prefix_less::operator()(const CAddress &left, const CAddress &right) const {
+    const int order = std::memcmp(&left.addr, &right.addr, sizeof left.addr);
+    return order != 0 ? order < 0 : left.prefix_len < right.prefix_len;
 }
 
 bool is_default_route(const CRoute &route) {

@@ -6,8 +6,10 @@
 // side. All are plain values; copying fails only for want of memory.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdint>
-#include <deque>
+#include <map>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -83,14 +85,19 @@ struct tavcfg_t {
     boost::optional<CTavRoute> gateway;
     std::vector<CTavAddress> addresses;  // in listing order
     std::vector<tk_string> listed_nodes; // every child of "Addresses", readable or not
-    bool listing_refused = false;        // there may be children all the same
 };
 
-// A deletion that the kernel was asked for and has not answered yet.
-struct deletion_t {
-    CAddress addr;
-    bool undone = false; // an addition was asked for since
+// Deletions of one address with one prefix length that the kernel has not answered yet.
+struct deletions_t {
+    std::size_t unanswered = 0;
+    std::size_t added_again = 0; // so many of the oldest were followed by an addition
 };
+
+// Orders by address and prefix length.
+struct address_and_prefix_less {
+    bool operator()(const CAddress &left, const CAddress &right) const;
+};
+using deletion_map_t = std::map<CAddress, deletions_t, address_and_prefix_less>;
 
 // One tracked interface as the engine knows it.
 struct ifcfg_t {
@@ -98,9 +105,8 @@ struct ifcfg_t {
     boost::optional<CFullRoute> gateway; // known to be, or just made, present in the kernel
     bool gateway_leaving = false;        // its deletion was asked for; the answer is still to come
     std::vector<CFullAddress> addresses;
-    std::deque<deletion_t> deletions; // in the order in which they were asked for
-    std::set<tk_string> listed_nodes; // names taken in the store: as last listed or found since
-    bool listing_refused = false;     // there may be others
+    deletion_map_t deletions;         // the daemon's own (sync/deletions.h)
+    std::set<tk_string> listed_nodes; // names taken in the store, as last listed
 };
 
 // Keyed by the position of the interface's node in the store's listing.
@@ -112,30 +118,27 @@ using ifcfg_map_t = std::unordered_map<std::int32_t, ifcfg_t>;
 // hashes to itself, and its bucket is the key modulo the bucket count.
 constexpr std::size_t initial_buckets = 10;
 
-// Calls visit(value) for every entry, bucket by bucket; stops early when visit returns true.
-// unordered_map's own iterators follow the order of insertion instead.
-template <typename Map, typename Visit>
-void visit_in_bucket_order(Map &map, const Visit &visit) {
+// The map's values, bucket by bucket; valid until the map changes. unordered_map's own iterators
+// follow the order of insertion instead.
+template <typename Map>
+auto in_bucket_order(Map &map) {
+    std::vector<decltype(&map.begin()->second)> values;
+    values.reserve(map.size());
     for (std::size_t bucket = 0; bucket < map.bucket_count(); ++bucket) {
         for (auto entry = map.begin(bucket); entry != map.end(bucket); ++entry) {
-            if (visit(entry->second)) {
-                return;
-            }
+            values.push_back(&entry->second);
         }
     }
+    return values;
 }
 
-// The first value whose interface bears the name, in bucket order; null when there is none.
-template <typename Value, typename Map>
-Value *find_by_name(Map &map, const tk_string &name) {
-    Value *found = nullptr;
-    visit_in_bucket_order(map, [&](Value &value) {
-        if (value.iface.name == name) {
-            found = &value;
-        }
-        return found != nullptr;
-    });
-    return found;
+// The first value in bucket order whose interface has the name; null when there is none.
+template <typename Map>
+auto find_by_name(Map &map, const tk_string &name) {
+    const auto values = in_bucket_order(map);
+    const auto found = std::find_if(values.begin(), values.end(),
+                                    [&](const auto *value) { return value->iface.name == name; });
+    return found != values.end() ? *found : nullptr;
 }
 
 // The same address: the prefix length is content, not identity.

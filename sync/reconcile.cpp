@@ -2,49 +2,85 @@
 // what the kernel carries. One snapshot of the store serves the whole run, also after the run's own
 // changes.
 
-#include <algorithm>
+#include <cstring>
 #include <linux/rtnetlink.h>
+#include <map>
+#include <set>
+#include <utility>
 
 #include "shell/log.h"
-#include "sync/address_index.h"
+#include "sync/deletions.h"
+#include "sync/node_names.h"
 #include "sync/sync.h"
 
 namespace {
 
-template <typename List>
-void erase_marked(List &list, const std::vector<bool> &marks) {
-    std::size_t kept = 0;
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        if (marks[i]) {
-            continue;
-        }
-        if (kept != i) {
-            list[kept] = std::move(list[i]);
-        }
-        ++kept;
+struct address_less {
+    bool operator()(const in6_addr &left, const in6_addr &right) const {
+        return std::memcmp(&left, &right, sizeof left) < 0;
     }
-    list.erase(list.begin() + static_cast<std::ptrdiff_t>(kept), list.end());
-}
+};
 
-// Entries of the table that are to go, and with each its mark in `seen`. They go together at the
-// end, also when an exception brings it on: one by one, each would move all that stand behind it.
-class erasure {
+// One link's known addresses while its stored ones are compared with them: where each stands, and
+// whether the store has it.
+class address_pass {
 public:
-    erasure(std::vector<CFullAddress> &table, std::vector<bool> &table_seen)
-        : addresses(table), seen(table_seen), gone(table.size(), false) {}
-    erasure(const erasure &) = delete;
-    erasure &operator=(const erasure &) = delete;
-    ~erasure() {
-        erase_marked(addresses, gone);
-        erase_marked(seen, gone);
+    explicit address_pass(ifcfg_t &link) : known(link.addresses) { include_new(false); }
+
+    // Takes in what was appended to the table.
+    void include_new(bool in_store) {
+        for (std::size_t i = seen.size(); i < known.size(); ++i) {
+            positions.emplace(known[i].addr, i);
+            seen.push_back(in_store);
+        }
     }
 
-    void mark(std::size_t position) { gone[position] = true; }
+    // Marks and returns the entry that a stored address matches: the first of the same address and
+    // type. An address that the kernel made by itself but the store declares Static becomes Static.
+    boost::optional<std::size_t> match(const CTavAddress &stored) {
+        const auto same = positions.equal_range(stored.addr); // in the table's order
+        for (auto at = same.first; at != same.second; ++at) {
+            const std::size_t i = at->second;
+            if (known[i].type == type_automatic && stored.type == type_static) {
+                known[i].type = type_static;
+            }
+            if (known[i].type == stored.type) {
+                if (!seen[i]) {
+                    known[i].node = stored.node; // a node is never renamed
+                }
+                seen[i] = true;
+                return i;
+            }
+        }
+        return boost::none;
+    }
+
+    // Calls leaves(entry, whether the store has it) for each entry in order, and then erases those
+    // for which it returned true. One by one, each would move all that follow it. Ends the
+    // matching.
+    template <typename Leaves>
+    void erase_if(const Leaves &leaves) {
+        std::size_t kept = 0;
+        for (std::size_t i = 0; i < known.size(); ++i) {
+            if (leaves(known[i], seen[i])) {
+                continue;
+            }
+            if (kept != i) {
+                known[kept] = std::move(known[i]);
+                seen[kept] = seen[i];
+            }
+            ++kept;
+        }
+        known.resize(kept);
+        seen.resize(kept);
+    }
+
+    const std::vector<bool> &in_store() const { return seen; }
 
 private:
-    std::vector<CFullAddress> &addresses;
-    std::vector<bool> &seen;
-    std::vector<bool> gone;
+    std::vector<CFullAddress> &known;
+    std::vector<bool> seen;
+    std::multimap<in6_addr, std::size_t, address_less> positions;
 };
 
 } // namespace
@@ -52,20 +88,18 @@ private:
 void CSync::sync_all() {
     log_info_at(4, "Synchronizing kernel & TAV settings...");
     const tavcfg_map_t snapshot = read_all_tav_ipv6_settings();
-    forget_absent_store_interfaces(snapshot);
-    visit_in_bucket_order(snapshot, [&](const tavcfg_t &stored) {
-        sync_kernel_with_tav(stored);
-        return false;
-    });
-    visit_in_bucket_order(interfaces, [&](ifcfg_t &entry) {
-        sync_tav_with_kernel(snapshot, entry);
-        return false;
-    });
+    forget_absent_store_interfaces(interfaces, snapshot);
+    for (const tavcfg_t *stored : in_bucket_order(snapshot)) {
+        sync_kernel_with_tav(*stored);
+    }
+    for (ifcfg_t *entry : in_bucket_order(interfaces)) {
+        sync_tav_with_kernel(snapshot, *entry);
+    }
 }
 
 void CSync::sync_kernel_with_tav(const tavcfg_t &stored) {
     log_info_at(4, "Synchronizing kernel with TAV...");
-    ifcfg_t *const entry = find_by_name<ifcfg_t>(interfaces, stored.iface.name);
+    ifcfg_t *const entry = find_by_name(interfaces, stored.iface.name);
     if (entry == nullptr) {
         return;
     }
@@ -76,91 +110,57 @@ void CSync::sync_kernel_with_tav(const tavcfg_t &stored) {
     sync_kernel_gateway(*entry, stored);
 }
 
-// Marks and returns the entry that a stored address stands for: the first with the same address and
-// type. An address that the kernel made by itself but the store declares Static becomes Static.
-boost::optional<std::size_t> CSync::match_stored(ifcfg_t &entry, const address_index &index,
-                                                 const CTavAddress &stored,
-                                                 std::vector<bool> &seen) {
-    const auto same = index.equal_range(stored.addr);
-    for (auto at = same.first; at != same.second; ++at) {
-        const std::size_t i = at->second;
-        CFullAddress &known = entry.addresses[i];
-        if (known.type == type_automatic && stored.type == type_static) {
-            known.type = type_static;
-        }
-        if (known.type == stored.type) {
-            if (!seen[i]) {
-                take_over_name(known, stored);
-            }
-            seen[i] = true;
-            return i;
-        }
-    }
-    return boost::none;
-}
-
 void CSync::sync_kernel_addrs(ifcfg_t &entry, const tavcfg_t &stored) {
-    remember_listing(entry, stored);
-    std::vector<bool> seen(entry.addresses.size(), false);
-    address_index index = index_of(entry.addresses);
+    entry.listed_nodes = {stored.listed_nodes.begin(), stored.listed_nodes.end()};
+    address_pass pass(entry);
     for (const CTavAddress &addr : stored.addresses) {
-        const boost::optional<std::size_t> match = match_stored(entry, index, addr, seen);
-        if (sync_kernel_addr(entry, addr, match)) {
-            seen.push_back(true);
-            index.emplace(addr.addr, entry.addresses.size() - 1);
-        }
+        sync_kernel_addr(entry, addr, pass.match(addr));
+        pass.include_new(true);
     }
-    remove_unstored(entry, seen);
-    rename_unmatched(entry, seen);
-}
-
-void CSync::remove_unstored(ifcfg_t &entry, std::vector<bool> &seen) {
-    erasure leaving(entry.addresses, seen);
-    for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
-        const CFullAddress &known = entry.addresses[i];
+    pass.erase_if([&](const CFullAddress &known, bool in_store) {
         if (log_shows(4)) {
             log_info_at(4, "Comparing address '%s' (%d) (%s)",
                         in6addr_to_str(known.addr, known.prefix_len, true).c_str(), known.type,
-                        seen[i] ? "IN TAV" : "NOT IN TAV");
+                        in_store ? "IN TAV" : "NOT IN TAV");
         }
-        if (seen[i] || known.type != type_static) {
-            continue;
+        if (in_store || known.type != type_static) {
+            return false;
         }
         log_info_at(3, "Removing TAV addr '%s' from kernel on interface %d",
                     in6addr_to_str(known.addr, known.prefix_len, true).c_str(),
                     entry.iface.ifindex);
-        delete_from_kern(entry, known);
-        leaving.mark(i);
-    }
+        delete_from_kern(*netlink, entry, known);
+        return true;
+    });
+    rename_unmatched(entry, pass.in_store());
 }
 
-// Returns whether an entry was appended.
-bool CSync::sync_kernel_addr(ifcfg_t &entry, const CTavAddress &stored,
+void CSync::sync_kernel_addr(ifcfg_t &entry, const CTavAddress &stored,
                              boost::optional<std::size_t> match) {
     if (match) {
         CFullAddress &known = entry.addresses[*match];
         if (known.type != type_static) {
-            return false;
+            return;
         }
         if (known.prefix_len == stored.prefix_len) {
             if (is_leaving(entry, known)) {
-                add_to_kern(entry, known);
+                add_to_kern(*netlink, entry, known);
             }
-            return false;
+            return;
         }
         log_info_at(3, "Changing prefix length of address '%s' => %u",
                     in6addr_to_str(known.addr, known.prefix_len, true).c_str(), stored.prefix_len);
         // The kernel has no operation that changes a prefix.
-        delete_from_kern(entry, known);
+        delete_from_kern(*netlink, entry, known);
         known.prefix_len = stored.prefix_len;
-        add_to_kern(entry, known);
-        return false;
+        add_to_kern(*netlink, entry, known);
+        return;
     }
     if (stored.type != type_static) {
         log_info_at(1, "Removing unknown/junk node from TAV on interface %d (%s)",
                     entry.iface.ifindex, entry.iface.name.c_str());
         remove_tav_ipv6_addr(entry.iface, stored);
-        return false;
+        return;
     }
     if (log_shows(4)) {
         log_info_at(4, "Adding TAV addr '%s' to kernel on interface %d",
@@ -171,8 +171,7 @@ bool CSync::sync_kernel_addr(ifcfg_t &entry, const CTavAddress &stored,
     static_cast<CTavAddress &>(fresh) = stored;
     fresh.ifindex = entry.iface.ifindex;
     entry.addresses.push_back(fresh);
-    add_to_kern(entry, fresh);
-    return true;
+    add_to_kern(*netlink, entry, fresh);
 }
 
 void CSync::sync_kernel_gateway(ifcfg_t &entry, const tavcfg_t &stored) {
@@ -207,26 +206,26 @@ void CSync::sync_kernel_gateway(ifcfg_t &entry, const tavcfg_t &stored) {
 
 void CSync::sync_tav_with_kernel(const tavcfg_map_t &snapshot, ifcfg_t &entry) {
     log_info_at(4, "Synchronizing TAV with kernel settings...");
-    const auto *const stored = find_by_name<const tavcfg_t>(snapshot, entry.iface.name);
+    const tavcfg_t *const stored = find_by_name(snapshot, entry.iface.name);
     if (stored == nullptr) {
         return;
     }
     log_info_at(3, "Synchronizing TAV interface (%d) with kernel interface (%d): %s",
                 stored->iface.number, entry.iface.ifindex, entry.iface.name.c_str());
     if (!may_write_store(entry)) {
-        return; // another tracked link bears the same name, and the node is that one's
-    }
-    for (CFullAddress &known : entry.addresses) {
-        avoid_unlisted_node(entry, known);
+        return; // another tracked link has the same name, and the store's interface is that one's
     }
     write_kern_addrs_to_tav(*stored, entry);
     write_kern_route_to_tav(stored->iface, entry);
 }
 
 void CSync::write_kern_addrs_to_tav(const tavcfg_t &stored, const ifcfg_t &entry) {
-    const address_index index = index_of(stored.addresses);
+    std::set<in6_addr, address_less> present;
+    for (const CTavAddress &addr : stored.addresses) {
+        present.insert(addr.addr);
+    }
     for (const CFullAddress &known : entry.addresses) {
-        if (index.count(known.addr) == 0) {
+        if (present.count(known.addr) == 0) {
             log_info_at(4, "Writing kernel addr to TAV on interface %d", entry.iface.number);
             write_tav_ipv6_addr(stored.iface, known);
         }

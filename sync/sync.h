@@ -7,9 +7,7 @@
 // sync_addr_err, std::bad_alloc), after which the engine is to be destroyed and built anew.
 #pragma once
 
-#include <chrono>
 #include <cstddef>
-#include <cstdint>
 #include <vector>
 
 #include <boost/optional.hpp>
@@ -17,8 +15,8 @@
 #include <tav/toolkit.h>
 
 #include "netlink/channel.h"
-#include "netlink/refusal.h"
-#include "sync/address_index.h"
+#include "netlink/wire.h"
+#include "sync/dump_watch.h"
 #include "sync/model.h"
 
 class CSync {
@@ -40,88 +38,67 @@ public:
     static CAddress str_to_addr(const tk_string &text, bool prefix_required);
 
 protected:
+    // --- shell/event_loop.cpp
     // One cycle of waiting for the three descriptors and serving one of them: 0 to be called again,
     // 1 when the daemon is to exit. Kept out of line so that a crash backtrace names it.
     [[gnu::noinline]] int listen();
 
-    // Discovery: links, then addresses, then routes, each as a dump; one step per call.
+    // --- sync/discovery.cpp: links, then addresses, then routes, each as a dump; a step per call
     void discover();
-    void handle_netlink();
-    void dispatch(int type, const unsigned char *buffer, int length);
+    void request_dump(int awaiting);
     void handle_dump_end();
+    void handle_netlink();
 
-    // Links.
+    // --- sync/links.cpp
     void nl_link_update(int type, const std::vector<CKernInterface> &links);
     void add_link(const CKernInterface &link);
     void erase_link(const CKernInterface &link);
 
-    // Addresses and routes that the kernel reports.
+    // --- What the kernel reports, and its mirror: the first of each pair is in
+    // sync/kernel_events.cpp, the second in store/write.cpp
     void nl_addr_update(int type, const std::vector<CKernAddress> &addrs);
-    void nl_route_update(int type, const std::vector<CKernRoute> &routes);
     void add_kern_addr(const CKernAddress &addr);
-    void add_kern_route(const CKernRoute &route);
     void remove_kern_addr_from_tav(const CKernAddress &addr);
+    void nl_route_update(int type, const std::vector<CKernRoute> &routes);
+    void add_kern_route(const CKernRoute &route);
     void remove_kern_route_from_tav(const CKernRoute &route);
 
-    // Reading the store.
+    // --- sync/refusals.cpp: what the kernel refused
+    void handle_refusal(const wire::datagram_t &datagram);
+
+    // --- store/events.cpp: the store's change events
+    void handle_tav_update();
+
+    // --- store/read.cpp
     tavcfg_map_t read_all_tav_ipv6_settings();
     tavcfg_t read_tav_ipv6_interface(const tk_string &name);
     boost::optional<CTavRoute> read_tav_ipv6_gateway(const tk_string &ipv6_path);
     std::vector<CTavAddress> read_tav_ipv6_addrs(const tk_string &ipv6_path);
     CTavAddress read_tav_ipv6_addr(const tk_string &addresses_path, const tk_string &name);
-    bool holds_other_addr(const CTavInterface &ifc, const CTavAddress &addr);
 
-    // Writing the store. A path that the store refuses is only logged; the next synchronisation
+    // --- store/write.cpp. A path that the store refuses is only logged; the next synchronisation
     // compares again.
     void write_tav_ipv6_gateway(const CTavInterface &ifc, const CTavRoute &route);
     void remove_tav_ipv6_gateway(const CTavInterface &ifc);
     void write_tav_ipv6_addr(const CTavInterface &ifc, const CTavAddress &addr);
     void remove_tav_ipv6_addr(const CTavInterface &ifc, const CTavAddress &addr);
-    void write_kern_route_to_tav(const CTavInterface &ifc, const ifcfg_t &entry);
 
-    // The store's change events.
-    void handle_tav_update();
-
-    // Reconciliation: first the store into the kernel, then the kernel into the store.
+    // --- sync/reconcile.cpp: first the store into the kernel, then the kernel into the store
     void sync_all();
     void sync_kernel_with_tav(const tavcfg_t &stored);
-    void sync_tav_with_kernel(const tavcfg_map_t &snapshot, ifcfg_t &entry);
     void sync_kernel_addrs(ifcfg_t &entry, const tavcfg_t &stored);
-    static boost::optional<std::size_t> match_stored(ifcfg_t &entry, const address_index &index,
-                                                     const CTavAddress &stored,
-                                                     std::vector<bool> &seen);
-    void remove_unstored(ifcfg_t &entry, std::vector<bool> &seen);
-    bool sync_kernel_addr(ifcfg_t &entry, const CTavAddress &stored,
+    void sync_kernel_addr(ifcfg_t &entry, const CTavAddress &stored,
                           boost::optional<std::size_t> match);
     void sync_kernel_gateway(ifcfg_t &entry, const tavcfg_t &stored);
+    void sync_tav_with_kernel(const tavcfg_map_t &snapshot, ifcfg_t &entry);
     void write_kern_addrs_to_tav(const tavcfg_t &stored, const ifcfg_t &entry);
+    void write_kern_route_to_tav(const CTavInterface &ifc, const ifcfg_t &entry); // store/write.cpp
 
-    // Dumps that fail or may be incomplete (sync/dump_watch.cpp).
-    void note_dump_request();
-    void note_incomplete_dump(const unsigned char *buffer, int length);
-    bool repeat_incomplete_dump();
-    void check_discovery_time() const;
-
-    // Links without a store interface, and node names (sync/node_names.cpp).
-    bool may_write_store(const ifcfg_t &entry) const;
-    void forget_absent_store_interfaces(const tavcfg_map_t &snapshot);
-    static void remember_listing(ifcfg_t &entry, const tavcfg_t &stored);
-    static void take_over_name(CFullAddress &known, const CTavAddress &stored);
-    static tk_string free_node_name(const ifcfg_t &entry);
-    static void rename_unmatched(ifcfg_t &entry, const std::vector<bool> &seen);
-    void avoid_unlisted_node(ifcfg_t &entry, CFullAddress &known);
-    void note_removal(const CTavInterface &ifc, const tk_string &node, bool removed);
-
-    // Addresses whose deletion was asked for (sync/deletions.cpp).
-    void delete_from_kern(ifcfg_t &entry, const CKernAddress &addr);
-    void add_to_kern(ifcfg_t &entry, const CKernAddress &addr);
-    static bool is_leaving(const ifcfg_t &entry, const CAddress &addr);
-    static bool settle_deletion(ifcfg_t &entry, const CAddress &addr);
-
-    // What the kernel refused (sync/refusals.cpp).
-    void handle_refusal(const unsigned char *buffer, int length);
-    void route_refused(const refusal_t &refusal);
-    void addr_refused(const refusal_t &refusal);
+    // Whether kernel events of the link are written through: in normal operation, and only while
+    // the store has an interface for it. A write would create one that every later read chokes on.
+    bool may_write_store(const ifcfg_t &entry) const {
+        return state == state_normal && entry.iface.number != 0;
+    }
 
     // States of the discovery; it only moves forward.
     enum {
@@ -138,11 +115,8 @@ protected:
     int state = state_idle;
     tk_string if_prefix;
 
-    // The names that read_tav_ipv6_addrs found last, for the interface being read.
+    dump_watch dumps;
+    // The names that read_tav_ipv6_addrs listed last. A member because what that function returns
+    // is the readable addresses alone.
     std::vector<tk_string> addr_listing;
-    bool addr_listing_refused = false;
-
-    std::chrono::steady_clock::time_point last_dump_request;
-    bool dump_incomplete = false;
-    int dump_repeats = 0; // of the present step
 };

@@ -52,7 +52,7 @@ struct Engine : CSync {
     using CSync::sync_kernel_with_tav;
     using CSync::sync_tav_with_kernel;
 
-    using CSync::check_discovery_time;
+    using CSync::dumps;
 
     using CSync::if_prefix;
     using CSync::interfaces;

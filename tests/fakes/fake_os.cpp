@@ -121,15 +121,6 @@ void select_script_t::clear() {
     *this = select_script_t{};
 }
 
-void clock_t::set(std::chrono::nanoseconds since_epoch) {
-    is_armed = true;
-    time = since_epoch;
-}
-
-void clock_t::advance(std::chrono::nanoseconds by) {
-    set(time + by);
-}
-
 ending_t ending_of(const std::function<int()> &call) {
     auto &to = escape();
     to.armed = true;

@@ -53,7 +53,7 @@ struct select_call_t {
 class select_script_t {
 public:
     // The call finds these descriptors readable, and all others not. Runs `before` first (to raise
-    // an exit request, advance the clock, ...).
+    // an exit request, ...).
     select_script_t &ready(std::vector<int> descriptors, std::function<void()> before = nullptr);
     select_script_t &timeout(std::function<void()> before = nullptr);
     select_script_t &fail(int error, std::function<void()> before = nullptr);
@@ -84,20 +84,6 @@ private:
     std::vector<select_call_t> made;
 };
 
-// std::chrono::steady_clock, standing still unless moved.
-class clock_t {
-public:
-    void set(std::chrono::nanoseconds since_epoch);
-    void advance(std::chrono::nanoseconds by);
-    bool armed() const { return is_armed; }
-    std::chrono::nanoseconds now() const { return time; }
-    void clear() { is_armed = false; }
-
-private:
-    bool is_armed = false;
-    std::chrono::nanoseconds time{};
-};
-
 struct state_t {
     stub_t setpriority, sched_setscheduler, setuid, getuid, fork, setsid, chdir, umask, open, dup,
         close, sigaction, write, setsockopt;
@@ -125,7 +111,6 @@ struct state_t {
     std::vector<std::string> frames;
 
     select_script_t select;
-    clock_t clock;
 };
 
 state_t &state();

@@ -359,13 +359,3 @@ mlr_client_t *__wrap_mlr_init() {
 
 } // extern "C"
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
-
-// Declared as ordinary functions under the symbols' names: their result is an object.
-std::chrono::steady_clock::time_point real_steady_now() noexcept
-    __asm__("__real__ZNSt6chrono3_V212steady_clock3nowEv");
-std::chrono::steady_clock::time_point wrapped_steady_now() noexcept
-    __asm__("__wrap__ZNSt6chrono3_V212steady_clock3nowEv");
-std::chrono::steady_clock::time_point wrapped_steady_now() noexcept {
-    const auto &clock = state().clock;
-    return clock.armed() ? std::chrono::steady_clock::time_point(clock.now()) : real_steady_now();
-}

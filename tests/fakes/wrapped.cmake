@@ -6,8 +6,7 @@ set(wrapped_calls
   setpriority sched_setscheduler setuid getuid getpwnam
   fork wait waitpid setsid chdir umask open dup close
   pipe sigaction write alarm backtrace backtrace_symbols abort exit _exit
-  setsockopt inet_ntop free mlr_init
-  _ZNSt6chrono3_V212steady_clock3nowEv)
+  setsockopt inet_ntop free mlr_init)
 list(TRANSFORM wrapped_calls PREPEND "-Wl,--wrap=")
 target_link_options(unit_tests PRIVATE ${wrapped_calls})
 

@@ -87,12 +87,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     compare(&decode_links, &reference::links, copy, datagram);
     compare(&decode_addrs, &reference::addrs, copy, datagram);
     compare(&decode_routes, &reference::routes, copy, datagram);
-    require(dump_ends_behind_first(copy.bytes(), copy.size()) ==
-                reference::ends_behind_first(datagram),
+    const wire::datagram_t received(copy.bytes(), copy.size());
+    const dump_marks_t marks = read_dump_marks(received);
+    require(marks.ends_after_first == reference::ends_behind_first(datagram),
             "the end of the dump differs");
-    require(dump_is_incomplete(copy.bytes(), copy.size()) == reference::incomplete(datagram),
+    require(marks.incomplete == reference::incomplete(datagram),
             "the completeness of the dump differs");
-    require_same(described(decode_refusal(copy.bytes(), copy.size())), reference::refusal(datagram),
+    require_same(described(decode_refusal(received)), reference::refusal(datagram),
                  "the refusal differs");
     return 0;
 }

@@ -83,6 +83,30 @@ TEST_F(DiscoveryTest, ADumpOfManyDatagramsIsReadToItsEnd) {
     EXPECT_TRUE(becomes([&] { return store.addresses(1).size() >= count; }));
 }
 
+// A router's table at -D 2, where each route is a line, and a system log that takes its time. For
+// the daemon time passes sixty times as fast, so that its thirty seconds are half a second. It once
+// gave up after them, however far it had come, and began anew for ever.
+TEST_F(DiscoveryTest, AFullTableOverASlowLogTakesAsLongAsItTakes) {
+    add_eth(0);
+    service.start();
+    store.set_address(1, "1", "2001:db8::1/64");
+    ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
+    constexpr int count = 100000;
+    for (int i = 0; i < count; ++i) {
+        kt::kernel_route_t route;
+        route.destination = "2001:db8:" + std::to_string(1 + i / 10000) + ":" +
+                            std::to_string(i % 10000) + "::/64";
+        route.link = "eth0";
+        device.add_route(route);
+    }
+    start_daemon({"-d", "-D", "2"},
+                 kt::preloaded({{"KT_CLOCK_RATE", "60"}, {"KT_SYSLOG_DELAY", "20"}}));
+    EXPECT_TRUE(kt::eventually([&] { return device.has_address("eth0", "2001:db8::1/64"); },
+                               std::chrono::minutes(5)));
+    EXPECT_GE(log().count_containing("Info: ADDING route ["), std::size_t{count});
+    EXPECT_EQ(log().count_containing("Caught exception"), 0U);
+}
+
 // Adds and deletes addresses until it is told to stop, or the daemon has its list of addresses:
 // more would only fill the daemon's receive buffer.
 class Churn {
@@ -145,7 +169,7 @@ TEST_F(DiscoveryTest, AddressesThatWereThereAllTheTimeSurviveStartsUnderChurn) {
         }
         ASSERT_TRUE(settle());
         const std::size_t repeats =
-            log().count("Info: bool CSync::repeat_incomplete_dump(): dump was interrupted, "
+            log().count("Info: void CSync::handle_dump_end(): dump was interrupted, "
                         "requested it again");
         EXPECT_LE(repeats, 3U * 3U) << "at most three times for each of the three dumps";
         repeated += repeats;

@@ -61,8 +61,6 @@ void DaemonModel::remove_address(StoreModel &store, Link &link, const std::strin
     busy = true;
     if (store.daemon_remove(address_node(link.number, node))) {
         link.listed.erase(node);
-    } else {
-        link.listed.insert(node);
     }
 }
 

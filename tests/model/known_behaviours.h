@@ -1,6 +1,5 @@
-// What the tests of the known behaviours start from: one link and a service. Each behaviour stands
-// in the list in ARCHITECTURE.md with the administrator's remedy; the tests hold the list to the
-// truth.
+// What the tests of the known behaviours start from: one link and a service. tandrel(8)
+// lists each behaviour and its remedy under CAVEATS; these tests keep that list true.
 #pragma once
 
 #include "harness/world.h"

@@ -179,7 +179,7 @@ public:
         return found;
     }
     texts_t refusal() const {
-        const auto refused = decode_refusal(start, length);
+        const auto refused = decode_refusal({start, length});
         if (!refused) {
             return {};
         }
@@ -187,8 +187,8 @@ public:
                 std::to_string(refused->addr.ifindex) + " " + text(refused->addr.addr) + "/" +
                 std::to_string(refused->addr.prefix_len)};
     }
-    bool ends() const { return dump_ends_behind_first(start, length); }
-    bool incomplete() const { return dump_is_incomplete(start, length); }
+    bool ends() const { return read_dump_marks({start, length}).ends_after_first; }
+    bool incomplete() const { return read_dump_marks({start, length}).incomplete; }
 
 private:
     bytes_t block;
@@ -256,14 +256,12 @@ protected:
     static std::string course(const std::string &kind) {
         CNetlink channel;
         std::ostringstream seen;
-        unsigned char *buffer = nullptr;
-        int length = 0;
+        wire::owned_datagram_t received;
         for (const auto &datagram : of_kind(kind)) {
             fake_libnl::queue_datagram(datagram);
-            seen << channel.recv(buffer, length)
-                 << (dump_ends_behind_first(buffer, length) ? "+ " : " ");
+            seen << channel.recv(received.bytes, received.length)
+                 << (read_dump_marks(received).ends_after_first ? "+ " : " ");
         }
-        std::free(buffer);
         return seen.str();
     }
 };

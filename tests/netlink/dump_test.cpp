@@ -15,12 +15,12 @@ using fake_libnl::datagram_t;
 
 bool ends(const bytes_t &datagram, bool odd = false) {
     const exact_buffer buffer(datagram, odd);
-    return dump_ends_behind_first(buffer.bytes(), buffer.length());
+    return read_dump_marks({buffer.bytes(), buffer.length()}).ends_after_first;
 }
 
 bool incomplete(const bytes_t &datagram, bool odd = false) {
     const exact_buffer buffer(datagram, odd);
-    return dump_is_incomplete(buffer.bytes(), buffer.length());
+    return read_dump_marks({buffer.bytes(), buffer.length()}).incomplete;
 }
 
 datagram_t addresses(int count, int flags = NLM_F_MULTI) {
@@ -29,6 +29,11 @@ datagram_t addresses(int count, int flags = NLM_F_MULTI) {
         datagram.address(RTM_NEWADDR, 2 + i, "2001:db8::1", 64, 0, flags);
     }
     return datagram;
+}
+
+bool multipart(const bytes_t &datagram) {
+    const exact_buffer buffer(datagram);
+    return read_dump_marks({buffer.bytes(), buffer.length()}).multipart;
 }
 
 class DumpEnd : public DaemonTest {};
@@ -78,6 +83,14 @@ TEST_F(DumpEnd, ReadsStayInsideTheDatagramAtAnyAddress) {
         EXPECT_EQ(ends(cut), wanted) << size;
         EXPECT_EQ(ends(cut, true), wanted) << size;
     }
+}
+
+TEST_F(DumpEnd, AnswersToARequestHaveAMarkThatNotificationsLack) {
+    EXPECT_TRUE(multipart(addresses(1)));
+    EXPECT_TRUE(multipart(datagram_t().done(0, NLM_F_MULTI)));
+    EXPECT_FALSE(multipart(addresses(2, 0)));
+    EXPECT_FALSE(multipart(datagram_t().error(-16, {RTM_GETADDR, 257, {}})));
+    EXPECT_FALSE(multipart({}));
 }
 
 TEST_F(DumpCompleteness, AnUndisturbedDumpIsComplete) {

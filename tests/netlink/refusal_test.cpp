@@ -25,7 +25,7 @@ using fake_libnl::message_t;
 
 boost::optional<refusal_t> decoded(const bytes_t &datagram, bool odd = false) {
     const exact_buffer buffer(datagram, odd);
-    return decode_refusal(buffer.bytes(), buffer.length());
+    return decode_refusal({buffer.bytes(), buffer.length()});
 }
 
 void expect_addr(const in6_addr &got, const std::string &text) {

@@ -1,13 +1,10 @@
 // Dumps that may lack records are asked for again; dumps that never end are given up.
-#include <chrono>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "fakes/engine_fixture.h"
-#include "fakes/fake_os.h"
-#include "sync/errors.h"
 
 namespace {
 
@@ -145,7 +142,7 @@ TEST_F(DumpRepeat, DoesNotLogTheStepAgainBeforeItIsTaken) {
 
 TEST_F(DumpRepeat, IsLoggedAtLevelThree) {
     expect_logged_at(3, 6,
-                     "Info: bool CSync::repeat_incomplete_dump(): dump was interrupted, requested "
+                     "Info: void CSync::handle_dump_end(): dump was interrupted, requested "
                      "it again",
                      [this] {
                          reach(1);
@@ -196,72 +193,6 @@ TEST_F(DumpBeforeAnyRequest, ThatIsIncompleteBeginsTheDiscovery) {
     }
     receive(datagram_t().done(-4));
     EXPECT_EQ(engine().state, 2);
-}
-
-class DumpTime : public EngineTest {
-protected:
-    void SetUp() override {
-        EngineTest::SetUp();
-        fake_os::state().clock.set(std::chrono::hours(100));
-        restart();
-    }
-    static void pass(std::chrono::nanoseconds time) { fake_os::state().clock.advance(time); }
-    void check() { engine().check_discovery_time(); }
-};
-
-constexpr std::chrono::nanoseconds a_bit(1);
-constexpr std::chrono::nanoseconds nearly = std::chrono::seconds(30) - a_bit;
-
-TEST_F(DumpTime, EndsThirtySecondsAfterTheLastRequest) {
-    for (const int state : {1, 2, 3}) {
-        restart();
-        while (engine().state < state) {
-            engine().discover();
-        }
-        EXPECT_NO_THROW(check());
-        pass(nearly);
-        EXPECT_NO_THROW(check()) << "state " << state;
-        pass(a_bit);
-        EXPECT_THROW(check(), sync_err) << "state " << state;
-    }
-}
-
-TEST_F(DumpTime, IsThrownInTheNameOfTheLoop) {
-    engine().discover();
-    pass(nearly + a_bit);
-    EXPECT_EQ(thrown<sync_err>([this] { check(); }),
-              "int CSync::run(): discovery did not end in time");
-}
-
-TEST_F(DumpTime, BeginsAgainWithEachRequest) {
-    engine().discover();
-    for (int i = 0; i < 2; ++i) {
-        pass(nearly);
-        receive(datagram_t().done(-4));
-        EXPECT_NO_THROW(check());
-    }
-    pass(nearly);
-    receive(datagram_t().done());
-    pass(nearly);
-    EXPECT_NO_THROW(check());
-    pass(a_bit);
-    EXPECT_THROW(check(), sync_err);
-}
-
-TEST_F(DumpTime, IsNotProlongedByRecordsAlone) {
-    engine().discover();
-    pass(nearly);
-    receive(link());
-    pass(a_bit);
-    EXPECT_THROW(check(), sync_err);
-}
-
-TEST_F(DumpTime, DoesNotMatterInNormalOperation) {
-    while (engine().state < 4) {
-        engine().discover();
-    }
-    pass(std::chrono::hours(1));
-    EXPECT_NO_THROW(check());
 }
 
 } // namespace

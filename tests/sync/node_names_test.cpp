@@ -154,6 +154,20 @@ TEST_F(NodeNames, OfJunkThatTheStoreDidNotRemoveAreStillTaken) {
     EXPECT_EQ(stored("2"), "fe80::1/64 Link-Local");
 }
 
+// The name stayed taken for ever once: the node had been removed as junk, so that the store had
+// nothing to remove when the kernel deleted the address.
+TEST_F(NodeNames, AreFreeAgainThoughTheStoreHadNoNodeToRemove) {
+    synchronise();
+    engine().add_kern_addr(kern_addr(3, "fe80::1", 64, 253));
+    ASSERT_EQ(stored("1"), "fe80::1/64 Link-Local");
+    fake_tav::put(at("1/IPv6/Addresses/1/Type/Value"), "Automatic");
+    synchronise();
+    ASSERT_EQ(stored("1"), "(absent) (absent)");
+    engine().remove_kern_addr_from_tav(kern_addr(3, "fe80::1", 64, 253));
+    appear("2001:db8::5");
+    EXPECT_EQ(stored("1"), "2001:db8::5/64 Automatic");
+}
+
 TEST_F(NodeNames, AreSettledBeforeAnythingIsWritten) {
     know(3, "fe80::1", 64, 1, "1");
     know(3, "2001:db8::a", 64, 2, "2");
@@ -222,18 +236,6 @@ TEST_F(NodeNames, WhoseRemovalWasRefusedAreStillTaken) {
     vanish("2001:db8::a");
     appear("2001:db8::b");
     EXPECT_EQ(table(3), strings{"2001:db8::b/64 Automatic 2"});
-}
-
-TEST_F(NodeNames, OfNodesYoungerThanTheListingAreTakenWhenTheirRemovalWasRefused) {
-    synchronise();
-    appear("2001:db8::a");
-    ASSERT_EQ(stored("1"), "2001:db8::a/64 Automatic");
-    fake_tav::put(at("1/IPv6/Addresses/1/Type/Value"), "Static"); // a user claims it
-    fake_tav::on_call("remove_node").statuses({api_status_stale});
-    vanish("2001:db8::a");
-    appear("2001:db8::b");
-    EXPECT_EQ(stored("1"), "2001:db8::a/64 Static");
-    EXPECT_EQ(stored("2"), "2001:db8::b/64 Automatic");
 }
 
 TEST_F(NodeNames, AreChosenAfterTheStaticOnesThatLeftTheStoreAreGone) {
@@ -360,81 +362,6 @@ TEST_F(NodeNames, ThatAreLargerThanAllThatCanBeGivenAreOfNoConcern) {
         engine().add_kern_addr(kern_addr(3, "2001:db8::5", 64));
         EXPECT_EQ(table(3), strings{"2001:db8::5/64 Automatic 1"});
     }
-}
-
-// A user's Static address once gave way to the kernel's own: a refused listing looked like one of
-// nothing, and every name like a free one.
-class NodeNamesUnderARefusedListing : public NodeNames {
-protected:
-    void SetUp() override {
-        NodeNames::SetUp();
-        store(1, "1", "2001:db8::9/64", "Static");
-        store_unreadable("2");
-        fake_tav::on_path("list_node", at("1/IPv6/Addresses")).statuses({api_status_refused});
-    }
-};
-
-TEST_F(NodeNamesUnderARefusedListing, AreLookedUpBeforeTheFirstWrite) {
-    know(3, "fe80::1", 64, 1, "1");
-    synchronise();
-    EXPECT_EQ(stored("1"), "2001:db8::9/64 Static");
-    EXPECT_EQ(stored("2"), "2001:db8::bad Static");
-    EXPECT_EQ(stored("3"), "fe80::1/64 Link-Local");
-    EXPECT_EQ(table(3), strings{"fe80::1/64 Link-Local 3"});
-}
-
-TEST_F(NodeNamesUnderARefusedListing, AreLookedUpForANewAddressToo) {
-    synchronise();
-    appear("2001:db8::5");
-    EXPECT_EQ(stored("1"), "2001:db8::9/64 Static");
-    EXPECT_EQ(stored("2"), "2001:db8::bad Static");
-    EXPECT_EQ(stored("3"), "2001:db8::5/64 Automatic");
-}
-
-TEST_F(NodeNamesUnderARefusedListing, StayWithTheAddressThatIsThereAlready) {
-    store(1, "4", "fe80::1/64", "Link-Local");
-    know(3, "fe80::1", 64, 1, "4");
-    synchronise();
-    EXPECT_EQ(table(3), strings{"fe80::1/64 Link-Local 4"});
-}
-
-TEST_F(NodeNamesUnderARefusedListing, AreNotLookedUpForEver) {
-    for (unsigned n = 1; n <= 4000; ++n) {
-        fake_tav::on_call("get_leaves", n).statuses({api_status_ok, api_status_ok});
-    }
-    know(3, "fe80::1", 64, 1, "1");
-    EXPECT_EQ(thrown<sync_minor_err>([this] { engine().sync_all(); }),
-              "No free node name on interface 3");
-    EXPECT_EQ(fake_tav::writes(), 0U);
-    // One look to see the node's state and one to read it, for each of a thousand names.
-    EXPECT_EQ(fake_tav::calls("get_leaves").size(), 2U * 1001U);
-}
-
-TEST_F(NodeNamesUnderARefusedListing, AFailedLookUpIsTheCallersConcern) {
-    fake_tav::on_path("get_leaves", at("1/IPv6/Addresses/1/Address/Value")).returns(-1);
-    know(3, "fe80::1", 64, 1, "1");
-    EXPECT_EQ(thrown<sync_err>([this] { engine().sync_all(); }),
-              "bool CSync::holds_other_addr(const CTavInterface&, const CTavAddress&): "
-              "CTav::get_leaves(/Software/System Settings/Network/Interface/1/IPv6/Addresses/1) "
-              "returned -1");
-    EXPECT_EQ(fake_tav::writes(), 0U);
-}
-
-// A node is another's when either the address or the type is not the one to be written.
-TEST_F(NodeNamesUnderARefusedListing, AreNotTakenFromAnAddressOfAnotherType) {
-    store(1, "1", "fe80::1/64", "Automatic");
-    know(3, "fe80::1", 64, 1, "1");
-    synchronise();
-    EXPECT_EQ(stored("1"), "fe80::1/64 Automatic");
-    EXPECT_EQ(stored("3"), "fe80::1/64 Link-Local");
-}
-
-TEST_F(NodeNamesUnderARefusedListing, AreNotTakenFromAnotherAddressOfTheSameType) {
-    store(1, "1", "fe80::2/64", "Link-Local");
-    know(3, "fe80::1", 64, 1, "1");
-    synchronise();
-    EXPECT_EQ(stored("1"), "fe80::2/64 Link-Local");
-    EXPECT_EQ(stored("3"), "fe80::1/64 Link-Local");
 }
 
 TEST_F(NodeNames, OfAnAbsentListingAreTakenAsTheyCome) {

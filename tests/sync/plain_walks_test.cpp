@@ -187,7 +187,6 @@ private:
             listed.erase(node);
         } else {
             log("Error when removing '" + path + "': 2");
-            listed.insert(node);
         }
     }
 
@@ -287,8 +286,7 @@ protected:
         return text;
     }
 
-    void expect_same(const Plain &plain) {
-        EXPECT_EQ(record(), plain.done);
+    void expect_same_table(const Plain &plain) {
         EXPECT_EQ(table(ifindex), table_of(plain));
         EXPECT_EQ(entry(ifindex).listed_nodes, plain.listed);
     }
@@ -329,7 +327,10 @@ TEST_F(PlainWalks, BringTheSameSynchronisation) {
             plain_failed = true;
         }
         EXPECT_EQ(failed, plain_failed);
-        expect_same(plain);
+        EXPECT_EQ(record(), plain.done);
+        if (!failed) {
+            expect_same_table(plain); // an engine that failed is destroyed with its table
+        }
         faults += failed ? 1 : 0;
         runs_with_effect += effects().empty() ? 0 : 1;
         fake_libnl::state().send_auto_complete.clear();
@@ -359,7 +360,8 @@ TEST_F(PlainWalks, AnswerTheKernelsEventsAlike) {
                 plain.appear(addr);
             }
         }
-        expect_same(plain);
+        EXPECT_EQ(record(), plain.done);
+        expect_same_table(plain);
     }
 }
 

@@ -387,4 +387,40 @@ TEST_F(SyncAddressesThatComeBack, StayWhenTheirPrefixLengthIsChangedThereAndBack
     EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static office"});
 }
 
+// Of two entries for one address the first once took the length that the second was kept from.
+TEST_F(SyncAddressesThatComeBack, KeepTheLengthOfEachEqualEntryWhenAnEarlierOneIsAnnounced) {
+    report_deletion();
+    fake_tav::put(at("1/IPv6/Addresses/office/Address/Value"), "2001:db8::5/48");
+    synchronise();
+    know(3, "2001:db8::5", 64, 1, "7");
+    std::swap(entry(3).addresses[0], entry(3).addresses[1]);
+    const strings before = table(3);
+    forget();
+    receive(fake_libnl::datagram_t().address(20, 3, "2001:db8::5", 64, 0));
+    EXPECT_EQ(changes(), strings{});
+    EXPECT_EQ(table(3), before);
+}
+
+TEST_F(SyncAddressesThatComeBack, AreForgottenWithTheirLink) {
+    engine().erase_link(kern_link(3, "eth0"));
+    engine().add_link(kern_link(3, "eth0"));
+    forget();
+    report_deletion();
+    EXPECT_EQ(changes(), strings{"remove_node(~/1/IPv6/Addresses/office)"});
+}
+
+// Each report answers one request, oldest first.
+TEST_F(SyncAddressesThatComeBack, StayThroughEachOfTheirDeletions) {
+    fake_tav::erase(at("1/IPv6/Addresses/office"));
+    synchronise();
+    store(1, "office", "2001:db8::5/64", "Static");
+    synchronise();
+    forget();
+    report_deletion();
+    receive(fake_libnl::datagram_t().error(-99, deletion));
+    EXPECT_EQ(changes(), strings{});
+    report_deletion();
+    EXPECT_EQ(changes(), strings{"remove_node(~/1/IPv6/Addresses/office)"});
+}
+
 } // namespace

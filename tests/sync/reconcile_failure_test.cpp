@@ -39,15 +39,6 @@ TEST_F(SyncFailure, AnAddressIsRecordedBeforeTheKernelIsAskedToAddIt) {
     EXPECT_EQ(table(3), (strings{"2001:db8::5/64 Static 1", "2001:db8::6/64 Static 2"}));
 }
 
-TEST_F(SyncFailure, AnAddressStaysOnRecordUntilTheKernelWasAskedToDeleteIt) {
-    know(3, "2001:db8::5", 64, 3, "1");
-    know(3, "2001:db8::6", 64, 3, "2");
-    know(3, "2001:db8::7", 64, 3, "3");
-    fake_libnl::state().send_auto_complete.then(sent).then(failed);
-    fail_to_synchronise();
-    EXPECT_EQ(table(3), (strings{"2001:db8::6/64 Static 2", "2001:db8::7/64 Static 3"}));
-}
-
 TEST_F(SyncFailure, AnOldPrefixLengthStaysUntilTheKernelWasAskedToDeleteIt) {
     know(3, "2001:db8::5", 64, 3, "1");
     store(1, "1", "2001:db8::5/48", "Static");
