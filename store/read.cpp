@@ -2,7 +2,6 @@
 // an interface node with an unusable name, or a failed store call, ends the whole read.
 
 #include <cstdio>
-#include <utility>
 
 #include "shell/log.h"
 #include "store/paths.h"
@@ -22,19 +21,17 @@ bool is_node(const toolkit::child_t &child) {
     return child.second.first == tav_value::type_node;
 }
 
-// Reads one item of an interface. An item that is missing or unusable is logged and skipped.
+// Reads one item of an interface. Returns the text of the fault when it is missing or unusable.
 template <typename Read>
-void read_or_ignore(const char *item, const Read &read) {
-    const auto ignore = [item](const std::exception &fault) {
-        log_info_at(2, "Ignoring %s: '%s'", item, fault.what());
-    };
+boost::optional<tk_string> fault_of(const Read &read) {
     try {
         read();
     } catch (const sync_addr_err &fault) {
-        ignore(fault);
+        return tk_string(fault.what());
     } catch (const sync_minor_err &fault) {
-        ignore(fault);
+        return tk_string(fault.what());
     }
+    return boost::none;
 }
 
 } // namespace
@@ -74,9 +71,12 @@ tavcfg_t CSync::read_tav_ipv6_interface(const tk_string &name) {
     settings.iface.name = kernel_name;
     settings.iface.number = static_cast<std::int32_t>(number);
 
-    read_or_ignore("gateway", [&] { settings.gateway = read_tav_ipv6_gateway(ipv6_path); });
+    const auto fault = fault_of([&] { settings.gateway = read_tav_ipv6_gateway(ipv6_path); });
+    if (fault) {
+        log_info_at(2, "Ignoring gateway: '%s'", fault->c_str());
+    }
     settings.addresses = read_tav_ipv6_addrs(ipv6_path);
-    settings.listed_nodes = std::move(addr_listing);
+    settings.listed_nodes = addr_listing;
     return settings;
 }
 
@@ -132,7 +132,11 @@ std::vector<CTavAddress> CSync::read_tav_ipv6_addrs(const tk_string &ipv6_path) 
             continue;
         }
         log_info_at(4, "Found TAV address '%s'", child.first.c_str());
-        read_or_ignore("address", [&] { addrs.push_back(read_tav_ipv6_addr(path, child.first)); });
+        const auto fault =
+            fault_of([&] { addrs.push_back(read_tav_ipv6_addr(path, child.first)); });
+        if (fault) {
+            log_info_at(2, "Ignoring address: '%s'", fault->c_str());
+        }
     }
     return addrs;
 }

@@ -1,4 +1,5 @@
 // The command line: the settings that it leaves, what it prints, and whether it is accepted.
+#include <algorithm>
 #include <cstdio>
 #include <pwd.h>
 #include <unistd.h>
@@ -136,6 +137,21 @@ bool policy_of(const std::string &name, int &policy, int &least, int &most) {
     return real_time || name == "normal" || name == "batch";
 }
 
+// The number that a text begins with, when 32 bits can hold it.
+bool take_number(const std::string &text, std::uint32_t &to) {
+    const fuzz::decimal_t number = fuzz::decimal(text);
+    if (number.consumed == 0 || number.value < 0 || number.value > 0xffffffff) {
+        return false;
+    }
+    to = static_cast<std::uint32_t>(number.value);
+    return true;
+}
+
+std::int32_t nearest_int(const std::string &text) {
+    return static_cast<std::int32_t>(
+        std::clamp<std::int64_t>(fuzz::decimal(text).value, -0x80000000LL, 0x7fffffffLL));
+}
+
 // Takes one option and its arguments off the front of the words; false when they do not do.
 bool expect_option(std::vector<std::string> &words, outcome_t &to) {
     const std::string option = words.front();
@@ -157,14 +173,11 @@ bool expect_option(std::vector<std::string> &words, outcome_t &to) {
             return true;
         }
         const std::string level = take();
-        const fuzz::decimal_t number = fuzz::decimal(level);
-        if (!level.empty() && (number.consumed == 0 || number.value < 0)) {
+        const bool fits = take_number(level, to.verbosity);
+        if (!level.empty() && !fits) {
             to.standard_error += "Error: bad verbosity '" + level + "'\n";
         }
-        if (number.consumed > 0 && number.value >= 0) {
-            to.verbosity = static_cast<std::uint32_t>(number.value);
-        }
-        return number.consumed > 0 && number.value >= 0;
+        return fits;
     }
     if (option == "-i") {
         const std::string name = take();
@@ -174,7 +187,7 @@ bool expect_option(std::vector<std::string> &words, outcome_t &to) {
     if (option == "-n") {
         const std::string priority = take();
         if (!priority.empty()) {
-            to.nice = static_cast<std::int32_t>(fuzz::decimal(priority).value);
+            to.nice = nearest_int(priority);
         }
         return !priority.empty() && to.nice >= -20 && to.nice <= 19;
     }
@@ -186,7 +199,7 @@ bool expect_option(std::vector<std::string> &words, outcome_t &to) {
             return false;
         }
         const std::string priority = take();
-        const auto number = static_cast<std::int32_t>(fuzz::decimal(priority).value);
+        const std::int32_t number = nearest_int(priority);
         if (priority.empty() || number < least || number > most) {
             return false;
         }
@@ -197,7 +210,6 @@ bool expect_option(std::vector<std::string> &words, outcome_t &to) {
     }
     if (option == "-u") {
         const std::string user = take();
-        const fuzz::decimal_t number = fuzz::decimal(user);
         if (user.empty()) {
             return false;
         }
@@ -206,11 +218,10 @@ bool expect_option(std::vector<std::string> &words, outcome_t &to) {
             return true;
         }
         to.standard_error += "No user named '" + user + "'\n";
-        if (number.consumed == 0 || number.value < 0) {
+        if (!take_number(user, to.uid)) {
             return false;
         }
-        to.standard_error += "(Using UID = " + std::to_string(number.value) + ")\n";
-        to.uid = static_cast<std::uint32_t>(number.value);
+        to.standard_error += "(Using UID = " + std::to_string(to.uid) + ")\n";
         return true;
     }
     return false;

@@ -94,8 +94,8 @@ TEST_F(DiscoveryTest, AFullTableOverASlowLogTakesAsLongAsItTakes) {
     constexpr int count = 100000;
     for (int i = 0; i < count; ++i) {
         kt::kernel_route_t route;
-        route.destination = "2001:db8:" + std::to_string(1 + i / 10000) + ":" +
-                            std::to_string(i % 10000) + "::/64";
+        route.destination =
+            "2001:db8:" + std::to_string(1 + i / 10000) + ":" + std::to_string(i % 10000) + "::/64";
         route.link = "eth0";
         device.add_route(route);
     }

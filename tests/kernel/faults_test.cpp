@@ -26,7 +26,6 @@ struct fault_t {
 const fault_t faults[] = {
     {"RefusedWrites", "refuse:on=write+remove:every=2", "", false},
     {"RefusedReads", "refuse:on=read:every=3", "", false},
-    {"RefusedListings", "refuse:on=list:every=5", "", true},
     {"RefusedRegistrations", "refuse:on=register+watchdog:every=2", "", false},
     {"SenselessReplies", "garble:every=31", "", true},
     {"RepliesThatDoNotCome", "hang:every=37", "", true},

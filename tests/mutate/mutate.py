@@ -65,23 +65,22 @@ def run(command, timeout=None, check=False, environment=None):
 class Explained:
     """Changes that no test can notice, or that another kind of test notices, and why.
 
-    Known by file, source line and change, so that an entry holds wherever its line moves to.
+    Identified by file, function (type, constant) and change, so that an entry survives edits.
     """
 
     def __init__(self, text):
-        self.reasons, self.used, line = {}, set(), None
+        self.reasons, self.used, owner = {}, set(), None
         for row in text.splitlines():
             if not row.strip() or row.startswith('#'):
                 continue
             if not row.startswith(' '):
-                file, _, source = row.partition(': ')
-                line = (file, ' '.join(source.split()))
+                owner = tuple(row.split(': '))
             else:
                 change, _, reason = row.strip().partition(': ')
-                self.reasons[line + (change,)] = reason
+                self.reasons[owner + (change,)] = reason
 
     def reason(self, file, place):
-        key = (str(file), place.source, place.change)
+        key = (str(file), place.owner, place.change)
         if key in self.reasons:
             self.used.add(key)
         return self.reasons.get(key)
@@ -294,7 +293,7 @@ def main():
     chosen, whole_files = choose(arguments)
     if arguments.list:
         for file, place in chosen:
-            print(f'{file}:{place.line}: {place.change} | {place.source}')
+            print(f'{file}: {place.owner}: {place.change} | line {place.line}: {place.source}')
         return 0
 
     explained = Explained(EXPLAINED.read_text())
@@ -318,14 +317,15 @@ def main():
             counts[key] = counts.get(key, 0) + 1
             print(f'# {sum(counts.values())} of {len(chosen)}', flush=True)
             if verdict == 'unnoticed':
-                print(f'{file}:{place.line}: {place.change} | {place.source}', flush=True)
+                print(f'{file}: {place.owner}: {place.change} | line {place.line}: {place.source}',
+                      flush=True)
     for laboratory in laboratories:
         shutil.rmtree(laboratory.directory)
     print_counts(counts)
 
     stale = explained.unused(whole_files)
-    for file, source, change in stale:
-        print(f'explained, but noticed or not there: {file}: {source}: {change}')
+    for entry in stale:
+        print('explained, but noticed or not there: ' + ': '.join(entry))
     return 1 if stale or any(verdict == 'unnoticed' for _, verdict in counts) else 0
 
 

@@ -7,9 +7,9 @@ between blanks, a template's angle brackets do not.
 import re
 from collections import namedtuple
 
-# Bytes [start, end) of the text become `new`; `change` says so in one line. `source` is the line of
-# the text, behind the one before it where it is too short to be told from others.
-Place = namedtuple('Place', 'start end new kind change line source')
+# Bytes [start, end) of the text become `new`; `change` says so in one line. `owner` is the function,
+# type or constant that the place belongs to, `source` its line.
+Place = namedtuple('Place', 'start end new kind change line owner source')
 
 _Token = namedtuple('_Token', 'kind text start end')
 
@@ -29,7 +29,6 @@ _LOGICAL = {'&&': '||', '||': '&&'}
 _BOOLEANS = {'true': 'false', 'false': 'true'}
 _TYPES = {'struct', 'class', 'enum', 'union'}
 _BEFORE_BLOCK = {')', '}', ']', 'const', 'noexcept', 'override', 'mutable', 'else', 'do', 'try'}
-_TELLING_LENGTH = 25
 _STATEMENT_WORDS = {'return', 'throw', 'continue', 'break', 'delete'}
 _DECLARING_WORDS = {'using', 'typedef', 'static_assert', 'const', 'constexpr', 'static', 'auto',
                     'template', 'if', 'for', 'while', 'switch', 'else', 'do', 'try', 'catch'}
@@ -107,13 +106,19 @@ def _declares(statement):
     return at < len(words) and statement[at].kind == 'word'
 
 
-def _source(text, start):
-    before, line_start = text[:start], text.rfind('\n', 0, start) + 1
-    lines = before[:line_start].splitlines()
-    source = ' '.join(text[line_start:text.find('\n', start)].split())
-    if len(source) >= _TELLING_LENGTH or not lines:
-        return source
-    return ' '.join(lines[-1].split()) + ' / ' + source
+# What a line declares that begins at the margin.
+_DECLARED = re.compile(r'(?:struct|class|enum|union) (?:\[\[\w+\]\] )?(\w+)|(?:.*?\W)??~?(\w+)\(|'
+                       r'.*?(\w+)(?:\[\w*\])* ?(?:=|;|\{)')
+
+
+def _owners(text):
+    """For each line, what the last line at the margin up to it declares."""
+    owner = ''
+    for line in text.splitlines():
+        if re.match(r'[A-Za-z_]', line) and not line.startswith(('namespace', 'template', 'extern "')):
+            found = _DECLARED.match(line)
+            owner = next(name for name in found.groups() if name) if found else owner
+        yield owner
 
 
 class _Frame:
@@ -174,12 +179,14 @@ def places(text):
     tokens = _tokens(text)
     changes = [(start, end, new, kind, f'{text[start:end]} -> {new or "(nothing)"}')
                for start, end, new, kind in _token_changes(text, tokens)]
-    changes += [(statement[0].start, statement[-1].end, ';', 'statement', 'removed')
+    changes += [(statement[0].start, statement[-1].end, ';', 'statement',
+                 'removed ' + ' '.join(text[statement[0].start:statement[-1].end].split())[:60])
                 for statement in _statements(tokens)]
-    found = []
+    found, lines, owners = [], text.splitlines(), list(_owners(text))
     for start, end, new, kind, change in sorted(changes):
         line = text.count('\n', 0, start) + 1
-        found.append(Place(start, end, new, kind, change, line, _source(text, start)))
+        found.append(Place(start, end, new, kind, change, line, owners[line - 1],
+                           ' '.join(lines[line - 1].split())))
     return found
 
 

@@ -77,20 +77,27 @@ class Statements(unittest.TestCase):
 
 
 class ExplainedTest(unittest.TestCase):
-    def test_an_entry_is_known_by_line_and_change_wherever_it_stands(self):
-        explained = Explained('# comment\na.cpp: telling_name_of_it_all =  1;\n  1 -> 2: because\n  removed: so\n')
-        for text in 'telling_name_of_it_all = 1;  \n', '\n\n  telling_name_of_it_all =  1;\n':
-            [place] = places(text)
-            self.assertEqual(explained.reason('a.cpp', place), 'because')
-            self.assertIsNone(explained.reason('b.cpp', place))
-        self.assertEqual(explained.unused([Path('a.cpp')]), [('a.cpp', 'telling_name_of_it_all = 1;', 'removed')])
+    def test_an_entry_is_identified_by_owner_and_change(self):
+        explained = Explained('# comment\na.cpp: f\n  1 -> 2: because\n  removed c();: so\n')
+        text = 'int f(int a) {\n    b();\n    return 1;\n}\n\nint g() {\n    return 1;\n}\n'
+        reasons = {(place.owner, place.change): explained.reason('a.cpp', place)
+                   for place in places(text)}
+        self.assertEqual(reasons[('f', '1 -> 2')], 'because')
+        self.assertIsNone(reasons[('g', '1 -> 2')])
+        self.assertEqual(explained.unused([Path('a.cpp')]), [('a.cpp', 'f', 'removed c();')])
 
-    def test_a_short_line_is_known_by_the_one_before_it(self):
-        explained = Explained('a.cpp: if (b) { / c = 1;\n  1 -> 2: because\n')
-        text = 'if (b) {\n  c = 1;\n} else {\nc = 1;\n}\n'
-        [place, other] = [one for one in places(text) if one.kind == 'number']
-        self.assertEqual(explained.reason('a.cpp', place), 'because')
-        self.assertIsNone(explained.reason('a.cpp', other))
+    def test_an_owner_is_a_function_a_type_or_a_constant(self):
+        for text, owner in (('tk_string CSync::f(const a &b) {\n    c(1);\n}\n', 'f'),
+                            ('std::unique_ptr<a, b> f(c *d) {\n    c(1);\n}\n', 'f'),
+                            ('CSync::CSync(int a)\n    : b(1) {}\n', 'CSync'),
+                            ('struct a {\n    int b = 1;\n};\n', 'a'),
+                            ('class [[nodiscard]] a : b {\n    int b = 1;\n};\n', 'a'),
+                            ('constexpr a b = 1;\n', 'b'),
+                            ('int b[2] = {0};\n', 'b'),
+                            ('using a = std::array<char, 6>;\n', 'a'),
+                            ('template <typename T>\nT f(a b) {\n    c(1);\n}\n', 'f')):
+            with self.subTest(text):
+                self.assertEqual({place.owner for place in places(text)}, {owner})
 
     def test_every_entry_stands_for_a_place_that_there_is(self):
         root = Path(__file__).resolve().parents[2]
