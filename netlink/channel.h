@@ -21,7 +21,7 @@ public:
 class CNetlink {
 public:
     // What recv found: nothing to handle, the end of a dump, or else the rtnetlink message type of
-    // the datagram's first message (RTM_..., never below 16).
+    // the datagram's first message (RTM_..., 16 and above).
     static constexpr int nothing = 0;
     static constexpr int end_of_dump = 1;
 

@@ -14,7 +14,7 @@
 namespace wire {
 
 struct datagram_t {
-    // A negative length counts as 0.
+    // A negative size is taken for 0.
     datagram_t(const unsigned char *buffer, int size)
         : bytes(buffer), length(size > 0 ? static_cast<std::size_t>(size) : 0) {}
 
@@ -67,16 +67,16 @@ public:
         }
     }
 
-    // Reads what follows the message's netlink header, `offset` bytes behind it.
+    // Reads what follows the message's netlink header, `offset` bytes after it.
     template <typename T>
     T payload(std::size_t offset = 0) const {
         return read_at<T>(datagram, position + NLMSG_HDRLEN + offset);
     }
 
-    // Calls visit(type, datagram, offset of the payload) for each attribute behind a family header
+    // Calls visit(type, datagram, offset of the payload) for each attribute after a family header
     // of `family_size` bytes. The walk ends at the first attribute whose length is below 4 or
-    // beyond the length that the message claims; that claim is taken as it stands, unsigned,
-    // however far beyond the datagram it reaches.
+    // beyond the length that the message claims; that claim is used unchanged, as an unsigned
+    // number, however far beyond the datagram it reaches.
     template <typename Visit>
     void for_each_attribute(std::size_t family_size, const Visit &visit) const {
         const std::size_t start = NLMSG_HDRLEN + family_size;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <initializer_list>
 #include <sys/select.h>
 
 #include <tav/mlr.h>
@@ -21,14 +22,26 @@ constexpr time_t select_seconds = 30;
 
 constexpr const char *listen_signature = "int CSync::listen()";
 
-// A descriptor that select's set cannot hold would be written behind its end.
-void watch(int fd, fd_set &set) {
-    if (fd >= FD_SETSIZE) {
-        throw sync_err(error_text("%s: descriptor %d does not fit select()", listen_signature, fd));
+// Waits until one of the descriptors is readable; a negative one is none. Returns the result of
+// select(2), whose error is in errno.
+int wait_for(std::initializer_list<int> descriptors, fd_set &readable) {
+    FD_ZERO(&readable);
+    for (const int fd : descriptors) {
+        if (fd >= FD_SETSIZE) { // FD_SET would write past the end of the set
+            throw sync_err(
+                error_text("%s: descriptor %d does not fit select()", listen_signature, fd));
+        }
+        if (fd >= 0) {
+            FD_SET(fd, &readable);
+        }
     }
-    if (fd >= 0) {
-        FD_SET(fd, &set);
-    }
+    timeval timeout{select_seconds, 0};
+    log_info_at(4, "Entering select()...");
+    const int ready = select(std::max(descriptors) + 1, &readable, nullptr, nullptr, &timeout);
+    const int select_errno = errno;
+    log_info_at(4, "select() returned.");
+    errno = select_errno;
+    return ready;
 }
 
 } // namespace
@@ -52,20 +65,10 @@ int CSync::listen() {
     const int exit_fd = exit_descriptor();
 
     fd_set readable;
-    FD_ZERO(&readable);
-    watch(store_fd, readable);
-    watch(netlink_fd, readable);
-    watch(exit_fd, readable);
-    timeval timeout{select_seconds, 0};
-
-    log_info_at(4, "Entering select()...");
-    const int ready = select(std::max({store_fd, netlink_fd, exit_fd}) + 1, &readable, nullptr,
-                             nullptr, &timeout);
-    const int select_errno = errno;
-    log_info_at(4, "select() returned.");
+    const int ready = wait_for({store_fd, netlink_fd, exit_fd}, readable);
     if (ready < 0) {
         // A termination signal ends up here as well; the run loop honours it.
-        throw sync_err(error_text("%s: select() returned %d", listen_signature, select_errno));
+        throw sync_err(error_text("%s: select() returned %d", listen_signature, errno));
     }
 
     api_status_t status = tav_value::status_unset;

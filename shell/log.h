@@ -16,8 +16,8 @@ void open_log();
 void log_message(int priority, const char *format, va_list args)
     __attribute__((format(printf, 2, 0)));
 
-// Whether a message of this level is written. Only for messages of which there are many and whose
-// text takes longer to make than the work that they tell of.
+// Whether a message of this level is written. Only for frequent messages whose text costs more than
+// the work that they report.
 bool log_shows(std::uint32_t level);
 
 // Written when level <= verbosity.
@@ -42,7 +42,7 @@ void log_error(const char *format, ...) __attribute__((format(printf, 1, 2)));
 void log_critical(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 // Where the store's client library reports its errors (declared by <tav/mlr.h> as well): level 0
-// needs one -D, and every report is shown from -D 5 on. Exported and weak: the library's own
-// reference is to resolve to it.
+// needs one -D, and every report is shown from -D 5 on. Exported and weak, so that the library's
+// own reference resolves to it.
 extern "C" void mlr_err(unsigned int level, const char *format, ...)
     __attribute__((weak, visibility("default"), format(printf, 2, 3)));

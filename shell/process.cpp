@@ -14,8 +14,9 @@
 
 namespace {
 
-// Waits for the intermediate child; non-zero when it was ended by a signal or reported a failure. A
-// child that was reaped elsewhere (an ignored SIGCHLD is inherited) has reported none.
+// Waits for the intermediate child; returns non-zero when a signal ended it or it reported a
+// failure. If wait fails because SIGCHLD is ignored (an inherited setting), the child is taken for
+// successful.
 int wait_for_child() {
     int status = 0;
     while (wait(&status) == -1 && errno == EINTR) {
@@ -23,7 +24,7 @@ int wait_for_child() {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : 1;
 }
 
-// Leaves the invoking shell's directory, descriptors and file mode mask behind.
+// Gives up the invoking shell's directory, descriptors and file mode mask.
 int leave_surroundings() {
     if (chdir("/") != 0) {
         return -1;

@@ -46,7 +46,8 @@ void pause_on_exit_pipe() {
     fd_set readable;
     FD_ZERO(&readable);
     int highest = -1;
-    // A descriptor that the set cannot hold is not waited for; the signal itself still interrupts.
+    // A descriptor that the set cannot hold is not waited for. A signal that arrives during the
+    // wait still ends it.
     const int exit_fd = exit_descriptor();
     if (exit_fd >= 0 && exit_fd < FD_SETSIZE) {
         FD_SET(exit_fd, &readable);

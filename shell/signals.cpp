@@ -107,8 +107,8 @@ void signal_handler(int signal) {
         const int interrupted_errno = errno;
         exit_requested = 1;
         const char byte = 0;
-        // One byte a signal and never read: a pipe holds 65,536 of them, and the first one ends the
-        // daemon. A failure leaves the flag.
+        // A pipe holds thousands of these bytes, and the first one ends the daemon. If the write
+        // fails, the flag is set all the same.
         [[maybe_unused]] const ssize_t written = write(exit_pipe[1], &byte, 1);
         errno = interrupted_errno;
         return;

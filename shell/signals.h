@@ -10,8 +10,8 @@ extern volatile std::sig_atomic_t exit_requested;
 // wait on [0] returns at once. Both are 0 when no pipe could be made.
 extern int exit_pipe[2];
 
-// What to wait on: the pipe's [0], or -1 without a pipe, when 0 is some other descriptor, which may
-// be ready all the time.
+// The descriptor to wait on: the pipe's [0], or -1 without a pipe. (Descriptor 0 is then some other
+// file, which may be readable all the time.)
 int exit_descriptor();
 
 // Creates the exit pipe and installs signal_handler for the handled signals.

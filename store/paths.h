@@ -15,7 +15,7 @@ namespace paths {
 // The node whose children are the interfaces; no trailing "/".
 extern const char *const interfaces;
 
-// What stands below it, each with its leading "/"; a leaf's last part is "/Value".
+// The parts of the paths below it, each with its leading "/"; a leaf's last part is "/Value".
 extern const char *const ipv6_part;
 extern const char *const gateway_part;
 extern const char *const addresses_part;

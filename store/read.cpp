@@ -34,6 +34,41 @@ boost::optional<tk_string> fault_of(const Read &read) {
     return boost::none;
 }
 
+constexpr const char *addr_signature =
+    "CTavAddress CSync::read_tav_ipv6_addr(const tk_string&, const tk_string&)";
+
+// The texts of the leaves of an address node: the address, then the type.
+std::vector<tk_string> read_address_leaves(toolkit::CTav &tav, const tk_string &node_path) {
+    const std::vector<tk_string> leaves = {paths::address_value(node_path),
+                                           paths::type_value(node_path)};
+    std::vector<api_status_t> statuses;
+    std::vector<toolkit::CElement> values;
+    std::vector<element_property_t> properties;
+    const int result = tav.get_leaves(leaves, statuses, values, properties);
+    const api_status_t address_status = item_at(statuses, 0);
+    const api_status_t type_status = item_at(statuses, 1);
+    if (result != 0 || address_status != tav_value::status_ok ||
+        type_status != tav_value::status_ok) {
+        const tk_string text =
+            error_text("%s: CTav::get_leaves(%s) returned %d/%d/%d", addr_signature,
+                       node_path.c_str(), result, address_status, type_status);
+        if (result != 0) {
+            throw sync_err(text);
+        }
+        throw sync_minor_err(text);
+    }
+    std::vector<tk_string> texts;
+    for (std::size_t i = 0; i < leaves.size(); ++i) {
+        const toolkit::CElement value = item_at(values, i);
+        if (value.type() != tav_value::type_string) {
+            throw sync_minor_err(
+                error_text("%s: '%s' is not a string type", addr_signature, leaves[i].c_str()));
+        }
+        texts.push_back(value.to_string());
+    }
+    return texts;
+}
+
 } // namespace
 
 tavcfg_map_t CSync::read_all_tav_ipv6_settings() {
@@ -142,46 +177,18 @@ std::vector<CTavAddress> CSync::read_tav_ipv6_addrs(const tk_string &ipv6_path) 
 }
 
 CTavAddress CSync::read_tav_ipv6_addr(const tk_string &addresses_path, const tk_string &name) {
-    constexpr const char *signature =
-        "CTavAddress CSync::read_tav_ipv6_addr(const tk_string&, const tk_string&)";
     const tk_string node_path = paths::address(addresses_path, name);
     log_info_at(4, "Discovering TAV addr on '%s'", node_path.c_str());
-
-    const std::vector<tk_string> leaves = {paths::address_value(node_path),
-                                           paths::type_value(node_path)};
-    std::vector<api_status_t> statuses;
-    std::vector<toolkit::CElement> values;
-    std::vector<element_property_t> properties;
-    const int result = tav->get_leaves(leaves, statuses, values, properties);
-    const api_status_t address_status = item_at(statuses, 0);
-    const api_status_t type_status = item_at(statuses, 1);
-    if (result != 0 || address_status != tav_value::status_ok ||
-        type_status != tav_value::status_ok) {
-        const tk_string text = error_text("%s: CTav::get_leaves(%s) returned %d/%d/%d", signature,
-                                          node_path.c_str(), result, address_status, type_status);
-        if (result != 0) {
-            throw sync_err(text);
-        }
-        throw sync_minor_err(text);
-    }
-    for (std::size_t i = 0; i < leaves.size(); ++i) {
-        if (item_at(values, i).type() != tav_value::type_string) {
-            throw sync_minor_err(
-                error_text("%s: '%s' is not a string type", signature, leaves[i].c_str()));
-        }
-    }
-
-    const tk_string address_text = values[0].to_string();
-    const tk_string type_text = values[1].to_string();
+    const std::vector<tk_string> texts = read_address_leaves(*tav, node_path);
     CTavAddress addr;
-    static_cast<CAddress &>(addr) = str_to_addr(address_text, true);
-    addr.type = str_to_type(type_text);
+    static_cast<CAddress &>(addr) = str_to_addr(texts[0], true);
+    addr.type = str_to_type(texts[1]);
     if (addr.type == type_unset) {
         throw sync_minor_err(
-            error_text("%s: Unknown addr type '%s'", signature, type_text.c_str()));
+            error_text("%s: Unknown addr type '%s'", addr_signature, texts[1].c_str()));
     }
     addr.node = name;
-    log_info_at(4, "Read TAV address %s ('%s') (%s) on '%s'", name.c_str(), address_text.c_str(),
-                type_text.c_str(), node_path.c_str());
+    log_info_at(4, "Read TAV address %s ('%s') (%s) on '%s'", name.c_str(), texts[0].c_str(),
+                texts[1].c_str(), node_path.c_str());
     return addr;
 }

@@ -126,7 +126,7 @@ void CSync::remove_kern_addr_from_tav(const CKernAddress &addr) {
     if (settle_deletion(entry, addr)) {
         return;
     }
-    // The entry that moves into an erased place is passed over: the table holds no two equal ones.
+    // The entry that moves into an erased place is skipped, on purpose.
     for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
         if (!same_address(entry.addresses[i], addr) ||
             entry.addresses[i].prefix_len != addr.prefix_len) {

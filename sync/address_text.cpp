@@ -49,7 +49,7 @@ CAddress CSync::str_to_addr(const tk_string &text, bool prefix_required) {
     const tk_string prefix_part = text.substr(slash + 1);
     char *end = nullptr;
     const long prefix_len = std::strtol(prefix_part.c_str(), &end, 10);
-    // A length of 0 is refused on purpose: it stands for "unknown".
+    // A length of 0 is refused on purpose: it means "unknown".
     if (end != prefix_part.c_str() + prefix_part.size() || prefix_len < 1 ||
         prefix_len > max_prefix_len) {
         throw sync_addr_err(

@@ -1,8 +1,9 @@
 // The daemon's own deletions of addresses, from the request until the kernel reports or refuses it.
 //
-// The kernel reports a deletion later, perhaps when the table holds the same address again. Taken
-// for the end of that one, the report would remove a user's node. Each function takes constant time
-// in the number of unanswered deletions, logarithm aside. What is remembered goes with the entry.
+// The kernel reports a deletion later, perhaps when the table has the same address again. If that
+// report were taken for the end of the new address, it would remove a user's node. The cost of each
+// function grows with the logarithm of the number of unanswered deletions. They are forgotten with
+// the entry.
 #pragma once
 
 #include "netlink/channel.h"

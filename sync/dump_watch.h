@@ -1,4 +1,4 @@
-// Watches the dumps that discovery requests: one that never ends, and one that lacks records.
+// Watches the dumps that discovery requests: one may never end, another may lack records.
 #pragma once
 
 #include <chrono>
@@ -20,8 +20,8 @@ public:
     // missing. Under steady churn no dump is ever complete, so it says so three times at most for
     // one step.
     bool repeats();
-    // Whether nothing has come for thirty seconds. A request that the kernel answers by an error
-    // alone has no end to wait for.
+    // Whether thirty seconds have passed since the last request and the last datagram of a dump. A
+    // request that the kernel answers with an error alone has no end to wait for.
     bool is_overdue() const;
 
 private:

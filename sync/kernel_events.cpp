@@ -1,5 +1,5 @@
-// Addresses and routes that the kernel reports, by a dump or on its own. During discovery they only
-// fill the table; in normal operation each change is written to the store at once.
+// Addresses and routes that the kernel reports, in a dump or by a notification. In normal operation
+// each change is written to the store at once; during discovery it is only recorded.
 
 #include <algorithm>
 #include <arpa/inet.h>

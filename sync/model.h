@@ -119,7 +119,7 @@ using ifcfg_map_t = std::unordered_map<std::int32_t, ifcfg_t>;
 constexpr std::size_t initial_buckets = 10;
 
 // The map's values, bucket by bucket; valid until the map changes. unordered_map's own iterators
-// follow the order of insertion instead.
+// depend on the order of insertion as well.
 template <typename Map>
 auto in_bucket_order(Map &map) {
     std::vector<decltype(&map.begin()->second)> values;

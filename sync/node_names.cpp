@@ -7,7 +7,7 @@ namespace {
 // The numbers that are no node's name, lowest first.
 class free_numbers {
 public:
-    // Each address gets one number at most, so that one of so many numbers is free every time.
+    // As many numbers as there can be names, before and after each address has taken one.
     explicit free_numbers(const ifcfg_t &entry)
         : taken(2 * entry.addresses.size() + entry.listed_nodes.size() + 2, false) {
         for (const CFullAddress &known : entry.addresses) {

@@ -10,10 +10,10 @@
 
 #include "sync/model.h"
 
-// Sets the store number of each link to 0 that has no interface in the snapshot, or whose name
-// another link has taken over in the kernel meanwhile (an entry keeps the name of its first sight).
-// Written under its old number, the first would create the node anew, and the second would write to
-// the other link's node.
+// Sets the store number to 0, and forgets the listing, of each link that has no interface in the
+// snapshot, and of each but the first, in bucket order, of the links with one name (an entry keeps
+// the name of its first sight). Written under its old number, the former would create the node
+// again, and the latter would write to the other link's node.
 void forget_absent_store_interfaces(ifcfg_map_t &interfaces, const tavcfg_map_t &snapshot);
 
 // The smallest number that neither the table nor the store's listing has as a name.

@@ -21,8 +21,8 @@ struct address_less {
     }
 };
 
-// One link's known addresses while its stored ones are compared with them: where each stands, and
-// whether the store has it.
+// One link's known addresses during their comparison with the stored ones: the position of each,
+// and whether the store has it.
 class address_pass {
 public:
     explicit address_pass(ifcfg_t &link) : known(link.addresses) { include_new(false); }
@@ -55,9 +55,8 @@ public:
         return boost::none;
     }
 
-    // Calls leaves(entry, whether the store has it) for each entry in order, and then erases those
-    // for which it returned true. One by one, each would move all that follow it. Ends the
-    // matching.
+    // Erases the entries for which leaves(entry, whether the store has it) returns true, in one
+    // pass over all of them in order. To be called after the last match.
     template <typename Leaves>
     void erase_if(const Leaves &leaves) {
         std::size_t kept = 0;

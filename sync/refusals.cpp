@@ -1,6 +1,6 @@
 // What the kernel refused of the daemon's own requests. A request is recorded as done when it is
 // sent; here the table is corrected, so that the next synchronisation adds again what was refused.
-// A refused deletion is not repeated: the table no longer has what it was to delete.
+// The refused deletion of an address is not repeated: the table no longer has that address.
 
 #include <algorithm>
 #include <cerrno>
