@@ -3,7 +3,8 @@
 # tools/fuzz.sh --merge [TARGET...]: takes what the runs found worth keeping into the corpora.
 #
 # What a run comes upon is kept in build/fuzz/found/TARGET, the inputs of findings in
-# build/fuzz/findings. `build/fuzz/tests/fuzz/fuzz_TARGET FILE` repeats one.
+# build/fuzz/findings. To repeat one: fuzz_TARGET FILE, with the program in build/fuzz/tests/fuzz or
+# build/fuzz/platform/tav/tests/fuzz.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 
@@ -21,7 +22,7 @@ configure fuzz
 build fuzz fuzz_targets
 
 targets=("$@")
-[ ${#targets[@]} -gt 0 ] || for program in build/fuzz/tests/fuzz/fuzz_*; do
+[ ${#targets[@]} -gt 0 ] || for program in build/fuzz/{tests,platform/tav/tests}/fuzz/fuzz_*; do
     targets+=("${program##*/fuzz_}")
 done
 
@@ -35,16 +36,18 @@ failed=0
 
 # prepare TARGET: sets program, corpus, inputs and the options of a run.
 prepare() {
-    program=build/fuzz/tests/fuzz/fuzz_$1
-    corpus=tests/fuzz/corpus/$1
-    seeds=tests/fuzz/seeds/$1
+    local folder=tests/fuzz
+    [ -e "$folder/$1.cpp" ] || folder=platform/tav/tests/fuzz
+    program=build/fuzz/$folder/fuzz_$1
+    corpus=$folder/corpus/$1
+    seeds=$folder/seeds/$1
     found=build/fuzz/found/$1
     [ -x "$program" ] || die "no such target: $1"
     mkdir -p "$corpus" "$found" build/fuzz/findings
     inputs=("$found" "$corpus")
     [ -d "$seeds" ] && inputs+=("$seeds")
     options=(-max_len=512 -timeout=20 "-artifact_prefix=build/fuzz/findings/$1-")
-    [ -f "tests/fuzz/$1.dict" ] && options+=("-dict=tests/fuzz/$1.dict")
+    [ -f "$folder/$1.dict" ] && options+=("-dict=$folder/$1.dict")
 }
 
 # search TARGET: adds to the counts.

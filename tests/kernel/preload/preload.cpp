@@ -26,7 +26,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "fakes/next_function.h"
+#include "support/preload/next_function.h"
 
 namespace {
 

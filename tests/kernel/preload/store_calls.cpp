@@ -9,8 +9,8 @@
 
 #include <tav/toolkit.h>
 
-#include "fakes/next_function.h"
 #include "faults/plan.h"
+#include "support/preload/next_function.h"
 
 namespace {
 

@@ -2,10 +2,10 @@
 set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
 
-# A release for small devices (-DTANDREL_SMALL=ON): optimised for size, without what nobody calls,
+# A release for small devices (-DTAV_SMALL=ON): optimised for size, without what nobody calls,
 # stripped. The symbols of each program and library stand beside it in <name>.debug, where a debugger
 # finds them.
-if(TANDREL_SMALL)
+if(TAV_SMALL)
   set(CMAKE_C_FLAGS_RELEASE "-Os -g -DNDEBUG")
   set(CMAKE_CXX_FLAGS_RELEASE "-Os -g -DNDEBUG")
   add_compile_options(-ffunction-sections -fdata-sections)
@@ -15,7 +15,7 @@ endif()
 # For each program and library that is installed. Names that a crash backtrace shows are among the
 # dynamic symbols, which stay.
 function(make_small)
-  if(NOT TANDREL_SMALL)
+  if(NOT TAV_SMALL)
     return()
   endif()
   foreach(target IN LISTS ARGN)

@@ -1,15 +1,15 @@
-# The builds that find errors while they run: -DTANDREL_SANITIZE=ON, and -DTANDREL_FUZZ=ON with clang.
-if(TANDREL_SANITIZE)
+# The builds that find errors while they run: -DTAV_SANITIZE=ON, and -DTAV_FUZZ=ON with clang.
+if(TAV_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all
     -fno-omit-frame-pointer)
   # The check of an object's dynamic type makes a pipe to find out whether memory can be read. Where a
-  # test leaves the daemon no descriptor, that fails, and the check reports a valid object.
+  # test leaves a program no descriptor, that fails, and the check reports a valid object.
   # AddressSanitizer still sees virtual calls on dead objects.
   add_compile_options(-fno-sanitize=vptr)
   add_link_options(-fsanitize=address,undefined)
 endif()
 
-if(TANDREL_FUZZ)
+if(TAV_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-sanitize-recover=all
     -fno-omit-frame-pointer -g)
   add_compile_definitions(_GLIBCXX_ASSERTIONS)

@@ -8,7 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "fakes/next_function.h"
+#include "support/preload/next_function.h"
 
 namespace {
 
