@@ -19,7 +19,7 @@ const std::vector<reason_text_t> table = {
     {r::interfaces_absent, difference, "interfaces-absent",
      "the store has no node '{path}', so tandrel can read nothing and starts over every ten "
      "seconds",
-     "tandrelctl interface add {prefix}0"},
+     "tav mknode {path}, or tandrelctl interface add {prefix}0, which makes it as well"},
     {r::bad_interface_node, difference, "bad-interface-node",
      "the interface node '{node}' is not named by a number from 1 on; tandrel's whole read fails "
      "because of it, nothing at all is synchronised, and it starts over every ten seconds",

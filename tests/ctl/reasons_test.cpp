@@ -68,7 +68,9 @@ TEST_F(Reasons, TheInterfacesNodeIsAbsent) {
     expect(reason_t::interfaces_absent,
            "the store has no node '/Software/System Settings/Network/Interface', so tandrel can "
            "read nothing and starts over every ten seconds",
-           "tandrelctl interface add eth0", {reason_t::no_store_node});
+           "tav mknode '/Software/System Settings/Network/Interface', or tandrelctl interface add "
+           "eth0, which makes it as well",
+           {reason_t::no_store_node});
 }
 
 TEST_F(Reasons, AnInterfaceNodeIsNotNamedByANumber) {

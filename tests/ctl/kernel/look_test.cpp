@@ -70,6 +70,28 @@ TEST_F(Look, WithoutADaemonTheCheckSaysSoAndWhatDiffers) {
     EXPECT_EQ(run({"check", "--quiet"}).output, "");
 }
 
+TEST_F(Look, AMissingInterfacesNodeIsNamedAndTheRemedyMakesIt) {
+    const auto is_missing = [this] {
+        return contains(run({"check", "--json"}).output, "\"interfaces-absent\"");
+    };
+    EXPECT_FALSE(is_missing()) << "the service was started with --initial-node";
+    store.remove(kt::paths::interfaces);
+    EXPECT_TRUE(is_missing());
+    const result_t checked = run({"check"});
+    EXPECT_EQ(checked.status, 1);
+    EXPECT_TRUE(contains(checked.output, "the store has no node '" + kt::paths::interfaces + "'"))
+        << checked.output;
+    const std::string remedy = "tav mknode '" + kt::paths::interfaces + "'";
+    EXPECT_TRUE(contains(checked.output, "    -> " + remedy + ", or ")) << checked.output;
+    kt::spawn_options_t options;
+    options.environment["TAV_SOCKET"] = service.socket();
+    kt::Process shell(sandbox,
+                      {"/bin/sh", "-c", "tav() { " + kt::program("TAV") + " \"$@\"; }; " + remedy},
+                      options);
+    EXPECT_EQ(shell.wait_exit(), 0) << shell.errors().tail(5);
+    EXPECT_FALSE(is_missing());
+}
+
 TEST_F(Look, ADaemonThatHasEndedDoesNotCount) {
     if (!sees_all_processes()) {
         GTEST_SKIP() << sees_not_all;
