@@ -175,7 +175,8 @@ CONF
     in_neighbour radvd -n -C "$dir/radvd.conf" -p "$dir/radvd.pid" -m stderr >"$dir/radvd.log" 2>&1 &
 }
 start_store() {
-    tavd --socket "$TAV_SOCKET" --database "$dir/settings.db" 2>>"$dir/tavd.log" &
+    tavd --socket "$TAV_SOCKET" --database "$dir/settings.db" --initial-node "${interface%/1}" \
+        2>>"$dir/tavd.log" &
     store=$!
 }
 store_answers() { tav ls / >/dev/null 2>&1; }

@@ -39,8 +39,13 @@ Tavd::Tavd(kt::Sandbox &sandbox, const std::string &durability, const std::strin
     : socket_path(sandbox.directory() + "/" + name + ".sock") {
     kt::spawn_options_t options;
     options.network = network;
-    std::vector<std::string> arguments{kt::program("TAVD"), "--socket", socket_path, "--database",
-                                       sandbox.directory() + "/" + name + ".db"};
+    std::vector<std::string> arguments{kt::program("TAVD"),
+                                       "--socket",
+                                       socket_path,
+                                       "--database",
+                                       sandbox.directory() + "/" + name + ".db",
+                                       "--initial-node",
+                                       kt::paths::interfaces};
     if (durability != "full") { // full is what it does unasked
         arguments.push_back("--durability=" + durability);
     }

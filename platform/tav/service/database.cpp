@@ -7,10 +7,20 @@
 
 namespace tav {
 
-Database::Database(const std::string &file, Durability promised, Tree &tree, bool &fresh)
-    : fresh_file(provide_database(file)), durability(promised),
-      database(file, SQLITE_OPEN_READWRITE) {
-    fresh = fresh_file;
+namespace {
+
+// Gives the name of a file that exists.
+const std::string &provided(const std::string &file,
+                            const std::vector<std::string> &initial_nodes) {
+    provide_database(file, initial_nodes);
+    return file;
+}
+
+} // namespace
+
+Database::Database(const std::string &file, Durability promised,
+                   const std::vector<std::string> &initial_nodes, Tree &tree)
+    : durability(promised), database(provided(file, initial_nodes), SQLITE_OPEN_READWRITE) {
     // As long as the file may turn out not to be usable, closing must not write into it either.
     sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     // One service owns the file for as long as it runs; a second one is refused here.

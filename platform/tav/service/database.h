@@ -3,6 +3,7 @@
 #define TAV_SERVICE_DATABASE_H
 
 #include <string>
+#include <vector>
 
 #include "service/sqlite.h"
 #include "service/storage.h"
@@ -18,11 +19,12 @@ enum class Durability {
 
 class Database : public Storage {
 public:
-    // Opens `file`, creating it and its directory when it does not exist, and reads its content
-    // into `tree`, which holds nothing but the root. `fresh` tells whether it was created now.
-    // Throws DatabaseError when the file cannot be used: not a database of this kind, damaged, or
-    // used by another service. A file that cannot be used is left as it is.
-    Database(const std::string &file, Durability promised, Tree &tree, bool &fresh);
+    // Opens `file` and reads its content into `tree`, which holds nothing but the root. A file that
+    // does not exist is created with its directory; it then holds the `initial_nodes`. Throws
+    // DatabaseError when the file cannot be used: not a database of this kind, damaged, or used by
+    // another service. A file that cannot be used is left as it is.
+    Database(const std::string &file, Durability promised,
+             const std::vector<std::string> &initial_nodes, Tree &tree);
 
     // False when it failed, for want of space say: the changes are not there then, also not after a
     // later start.
@@ -35,7 +37,6 @@ private:
     void write(const Change &change);
     void discard_refused();
 
-    bool fresh_file;
     Durability durability;
     Sqlite database;
     Sqlite::Statement begin;

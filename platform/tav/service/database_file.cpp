@@ -11,7 +11,9 @@
 #include <cstring>
 
 #include "client/unique_fd.h"
+#include "protocol/messages.h"
 #include "service/directory.h"
+#include "service/path.h"
 
 namespace tav {
 
@@ -46,9 +48,23 @@ void remove_unfinished(const std::string &unfinished) {
     }
 }
 
+// The rows of the node at `path` and of those above it, the root apart.
+void add_nodes(Sqlite &database, const std::string &path) {
+    const Sqlite::Statement row =
+        database.prepare("INSERT OR IGNORE INTO element (path, type, text, time) VALUES"
+                         " (?, ?, x'', ?)");
+    for (std::string_view node = path; node != "/"; node = parent_path(node)) {
+        const std::string key(node);
+        bind_bytes(row.get(), 1, key);
+        sqlite3_bind_int(row.get(), 2, element_type_node);
+        sqlite3_bind_int64(row.get(), 3, no_time);
+        database.run(row.get());
+    }
+}
+
 // In WAL mode from the start, so that whoever opens it has it alone. Closing it leaves one file to
 // be renamed.
-void create(const std::string &unfinished) {
+void create(const std::string &unfinished, const std::vector<std::string> &initial_nodes) {
     Sqlite database(unfinished, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
     // Most commits change one leaf, hence one page, and write and sum up the whole of it.
     database.execute("PRAGMA page_size = 1024;"
@@ -62,8 +78,11 @@ void create(const std::string &unfinished) {
                      std::to_string(format) +
                      ";"
                      "CREATE TABLE element (path BLOB PRIMARY KEY, type INTEGER NOT NULL,"
-                     " text BLOB NOT NULL, time INTEGER NOT NULL) WITHOUT ROWID;"
-                     "COMMIT");
+                     " text BLOB NOT NULL, time INTEGER NOT NULL) WITHOUT ROWID");
+    for (const std::string &path : initial_nodes) {
+        add_nodes(database, path);
+    }
+    database.execute("COMMIT");
 }
 
 } // namespace
@@ -71,7 +90,7 @@ void create(const std::string &unfinished) {
 const char *const empty_transaction = "BEGIN IMMEDIATE; PRAGMA user_version = 1; COMMIT";
 static_assert(format == 1, "the empty transaction writes the format");
 
-bool provide_database(const std::string &file) {
+void provide_database(const std::string &file, const std::vector<std::string> &initial_nodes) {
     try {
         make_directory_of(file);
     } catch (const std::runtime_error &error) {
@@ -88,19 +107,18 @@ bool provide_database(const std::string &file) {
         throw DatabaseError("database '" + file + "' is not a regular file");
     }
     if (exists(file)) {
-        return false;
+        return;
     }
     for (const char *suffix : {"-wal", "-journal"}) {
         refuse_orphan(file, file + suffix);
     }
     const std::string unfinished = file + ".new";
     remove_unfinished(unfinished);
-    create(unfinished);
+    create(unfinished, initial_nodes);
     if (::rename(unfinished.c_str(), file.c_str()) != 0) {
         fail(file, "cannot be created");
     }
     sync_directory(directory);
-    return true;
 }
 
 void check_database(Sqlite &database) {

@@ -3,16 +3,17 @@
 #define TAV_SERVICE_DATABASE_FILE_H
 
 #include <string>
+#include <vector>
 
 #include "service/sqlite.h"
 
 namespace tav {
 
-// Sees to it that `file` exists, making its directory and an empty database when it does not. True
-// when it was made now. Under its own name the file is never there in part: an existing one that is
-// empty or cut short is a damaged one. Throws DatabaseError, also when there is a write-ahead log
-// without the database that it belongs to.
-bool provide_database(const std::string &file);
+// Makes `file` and its directory unless the file exists: a database that holds nothing but the
+// `initial_nodes`, paths that check_path accepts, and the nodes above them. Under its own name the
+// file is never there in part: an existing one that is empty or cut short is a damaged one. Throws
+// DatabaseError, also when there is a write-ahead log without the database that it belongs to.
+void provide_database(const std::string &file, const std::vector<std::string> &initial_nodes);
 
 // Throws DatabaseError unless the file bears the marks of this service's databases, in a format
 // that this version reads, can be written, and is found intact by SQLite.

@@ -12,11 +12,13 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "protocol/protocol.h"
 #include "service/access.h"
 #include "service/listener.h"
 #include "service/log.h"
+#include "service/path.h"
 #include "service/server.h"
 #include "service/service.h"
 #include "service/store.h"
@@ -42,6 +44,9 @@ const char usage[] =
     "ones,\n"
     "                       never half of one. Faster, and easier on flash memory.\n"
     "  --memory             in memory: they are gone with the service\n"
+    "  --initial-node PATH  a fresh store, one that is created now, has the node PATH. May be "
+    "given\n"
+    "                       several times.\n"
     "\n"
     "Who may use them: root and the user that the service runs as, and with\n"
     "  --write-group NAME   whoever is in this group\n"
@@ -62,6 +67,7 @@ struct Options {
     std::string socket;
     std::string database;
     std::optional<tav::Durability> durability; // only with a database
+    std::vector<std::string> initial_nodes;
     std::string write_group;
     std::string read_group;
     bool memory = false;
@@ -103,6 +109,13 @@ bool take(int found, const char *argument, Options &options) {
     case 'm':
         options.memory = true;
         return true;
+    case 'n':
+        options.initial_nodes.emplace_back(argument);
+        if (tav::check_path(argument) != api_status_ok) {
+            tav::log_line("'%s' is not the path of a node", argument);
+            return false;
+        }
+        return true;
     case 's':
         options.socket = argument;
         return true;
@@ -133,6 +146,7 @@ std::optional<Options> parse(int argc, char **argv) {
                                    {"write-group", required_argument, nullptr, 'w'},
                                    {"read-group", required_argument, nullptr, 'r'},
                                    {"memory", no_argument, nullptr, 'm'},
+                                   {"initial-node", required_argument, nullptr, 'n'},
                                    {"socket", required_argument, nullptr, 's'},
                                    {"socket-mode", required_argument, nullptr, 'p'},
                                    {"help", no_argument, nullptr, 'h'},
@@ -207,10 +221,10 @@ void serve(const Options &options) {
     raise_descriptor_limit();
     // Claimed first: whoever is second hears that, and not that the database is in use.
     tav::Listener listener(options.socket, rights.socket_group());
-    const auto store =
-        options.memory ? std::make_unique<tav::Store>()
-                       : std::make_unique<tav::Store>(
-                             options.database, options.durability.value_or(tav::Durability::full));
+    const auto durability = options.durability.value_or(tav::Durability::full);
+    const auto store = options.memory ? std::make_unique<tav::Store>(options.initial_nodes)
+                                      : std::make_unique<tav::Store>(options.database, durability,
+                                                                     options.initial_nodes);
     const auto service = tav::make_service(*store, options.database);
     listener.listen(options.mode);
     tav::Server server(*service, listener, signals.get(), rights);

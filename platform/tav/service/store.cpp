@@ -10,9 +10,6 @@ namespace tav {
 
 namespace {
 
-// What a device's store holds from the factory.
-constexpr const char *factory_node = "/Software/System Settings/Network/Interface";
-
 std::vector<Event> events_of(const std::vector<Change> &changes) {
     std::vector<Event> events;
     for (const Change &change : changes) {
@@ -57,20 +54,16 @@ std::vector<api_status_t> stale_statuses(const std::vector<Item> &items,
 
 } // namespace
 
-Store::Store() : storage(std::make_unique<NoStorage>()) {
-    furnish();
-}
-
-Store::Store(std::unique_ptr<Storage> other) : storage(std::move(other)) {
-    furnish();
-}
-
-Store::Store(const std::string &file, Durability durability) {
-    bool fresh = false;
-    storage = std::make_unique<Database>(file, durability, content, fresh);
-    if (fresh) {
-        furnish();
+Store::Store(const Nodes &initial_nodes) : storage(std::make_unique<NoStorage>()) {
+    for (const std::string &path : initial_nodes) {
+        transact({Item{ItemKind::make_node, path, {}}}, [](const std::string &) { return false; });
     }
+}
+
+Store::Store(std::unique_ptr<Storage> other) : storage(std::move(other)) {}
+
+Store::Store(const std::string &file, Durability durability, const Nodes &initial_nodes)
+    : storage(std::make_unique<Database>(file, durability, initial_nodes, content)) {
     walk("/", content.root(), [this](const std::string &path, const Element &element) {
         measure(path, element.value, element.children.size());
         return true;
@@ -86,13 +79,6 @@ void Store::measure(std::string_view path, const Value &value, std::size_t child
     extents.name_bytes = std::max(extents.name_bytes, name_bytes);
     extents.value_bytes = std::max(extents.value_bytes, value.text.size());
     extents.children = std::max(extents.children, children);
-}
-
-void Store::furnish() {
-    Item item;
-    item.kind = ItemKind::make_node;
-    item.path = factory_node;
-    transact({item}, [](const std::string &) { return false; });
 }
 
 Outcome Store::transact(const std::vector<Item> &items,

@@ -32,11 +32,16 @@ struct Extents {
 
 class Store {
 public:
-    // A store in memory only, in the state of a fresh one.
-    Store();
-    // A store kept in `file`. Throws DatabaseError.
-    explicit Store(const std::string &file, Durability durability = Durability::full);
-    // A store in memory over another storage.
+    // Paths of nodes, which check_path accepts.
+    using Nodes = std::vector<std::string>;
+
+    // A store in memory only, which holds the `initial_nodes`.
+    explicit Store(const Nodes &initial_nodes = {});
+    // A store kept in `file`, which holds the `initial_nodes` if it is created now. Throws
+    // DatabaseError.
+    explicit Store(const std::string &file, Durability durability = Durability::full,
+                   const Nodes &initial_nodes = {});
+    // An empty store in memory over another storage.
     explicit Store(std::unique_ptr<Storage> other);
 
     // Performs all items or none. `unseen` tells for a path whether the writer has not yet fetched
@@ -59,7 +64,6 @@ public:
     std::uint64_t revision() const { return changed; }
 
 private:
-    void furnish();
     void measure(std::string_view path, const Value &value, std::size_t children);
 
     Tree content;

@@ -78,14 +78,14 @@ TEST_F(CompletionTest, CommandsAndOptions) {
 }
 
 TEST_F(CompletionTest, PathsFromTheStoreWhateverTheirNamesHold) {
-    good({"set", "/Software/System Settings/Host Name", "x", "/2001:db8::1/leaf", "x",
-          "/it's \"$x\"", "x", "/new\nline", "x", "/\xc3\xa4h", "x"});
-    const std::string name = "</Software/System Settings/Host Name>";
-    EXPECT_EQ(completed("tav get /Sof\tSys\tHo\t"), "<get>" + name);
-    EXPECT_EQ(completed("tav get \"/Sof\tSys\tHo\t"), "<get>" + name);
-    EXPECT_EQ(completed("tav get '/Sof\tSys\tHo\t"), "<get>" + name);
-    EXPECT_EQ(completed("tav get /Software/System\\ Set\tHo\t"), "<get>" + name);
-    EXPECT_EQ(completed("tav get /Software/\"System Settings\"/Ho\t"), "<get>" + name);
+    good({"set", "/Office/Ceiling Lamp/Host Name", "x", "/2001:db8::1/leaf", "x", "/it's \"$x\"",
+          "x", "/new\nline", "x", "/\xc3\xa4h", "x"});
+    const std::string name = "</Office/Ceiling Lamp/Host Name>";
+    EXPECT_EQ(completed("tav get /Off\tCei\tHo\t"), "<get>" + name);
+    EXPECT_EQ(completed("tav get \"/Off\tCei\tHo\t"), "<get>" + name);
+    EXPECT_EQ(completed("tav get '/Off\tCei\tHo\t"), "<get>" + name);
+    EXPECT_EQ(completed("tav get /Office/Ceiling\\ La\tHo\t"), "<get>" + name);
+    EXPECT_EQ(completed("tav get /Office/\"Ceiling Lamp\"/Ho\t"), "<get>" + name);
     EXPECT_EQ(completed("tav get /2001:d\tle\t"), "<get></2001:db8::1/leaf>");
     EXPECT_EQ(completed("tav get /20\t\t"), "<get></2001:db8::1/leaf>");
     EXPECT_EQ(completed("tav get /it\t"), "<get></it's \"$x\">");

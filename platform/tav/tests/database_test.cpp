@@ -65,10 +65,20 @@ TEST_F(DatabaseTest, EverythingIsThereAgainAfterReopening) {
     EXPECT_EQ(before.find("gone"), std::string::npos);
 }
 
-TEST_F(DatabaseTest, TheFactoryNodeIsMadeOnceOnly) {
-    { Store(file).transact({Item{ItemKind::remove, "/Software", {}}}, nothing_unseen); }
+TEST_F(DatabaseTest, InitialNodesAreMadeWithTheFileAndNeverAgain) {
+    const Store::Nodes nodes{"/a b/c", "/a b/d", "/"};
+    {
+        Store fresh(file, Durability::full, nodes);
+        EXPECT_EQ(picture(fresh), "/=2:@-1\n/a b=2:@-1\n/a b/c=2:@-1\n/a b/d=2:@-1\n");
+        fresh.transact({Item{ItemKind::remove, "/a b/c", {}}}, nothing_unseen);
+    }
+    const Store again(file, Durability::full, nodes);
+    EXPECT_EQ(picture(again), "/=2:@-1\n/a b=2:@-1\n/a b/d=2:@-1\n");
+}
+
+TEST_F(DatabaseTest, AFreshFileHoldsNothingElse) {
     const Store store(file);
-    EXPECT_EQ(store.tree().node_count(), 1U);
+    EXPECT_EQ(picture(store), "/=2:@-1\n");
 }
 
 TEST_F(DatabaseTest, ItIsInWalMode) {

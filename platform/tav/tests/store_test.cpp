@@ -88,10 +88,11 @@ using Names = std::vector<std::string>;
 
 } // namespace
 
-TEST_F(StoreUnit, AFreshStoreHoldsTheInterfaceNode) {
-    std::vector<Child> children;
-    EXPECT_EQ(store->list("/Software/System Settings/Network/Interface", children), api_status_ok);
-    EXPECT_TRUE(children.empty());
+TEST_F(StoreUnit, AStoreInMemoryBeginsWithItsInitialNodes) {
+    store = std::make_unique<Store>(Store::Nodes{"/a/b", "/c"});
+    EXPECT_EQ(picture(), "/=2:@-1\n/a=2:@-1\n/a/b=2:@-1\n/c=2:@-1\n4/0");
+    store = std::make_unique<Store>();
+    EXPECT_EQ(picture(), "/=2:@-1\n1/0");
 }
 
 TEST_F(StoreUnit, AWriteCreatesMissingParents) {
@@ -177,10 +178,10 @@ TEST_F(StoreUnit, ATransactionIsDoneWholeOrNotAtAll) {
 }
 
 TEST_F(StoreUnit, AFailedCommitChangesNothing) {
-    write({set_item("/a/b", "old")});
+    write({set_item("/a/b", "old"), set_item("/gone/x", "1")});
     const std::string before = picture();
     storage->refuse = true;
-    const Outcome outcome = write({set_item("/a/b", "new"), item(ItemKind::remove, "/Software")});
+    const Outcome outcome = write({set_item("/a/b", "new"), item(ItemKind::remove, "/gone")});
     EXPECT_EQ(outcome.statuses, (Statuses{api_status_failed, api_status_failed}));
     EXPECT_TRUE(outcome.events.empty());
     EXPECT_EQ(picture(), before);

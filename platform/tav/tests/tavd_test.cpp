@@ -124,9 +124,31 @@ TEST_F(TavdTest, UsageIsPrintedAndMistakesAreRefused) {
     for (const Names &wrong : {Names{}, Names{"--memory", "--database", database}, Names{"--what"},
                                Names{"--memory", "more"}, Names{"--memory", "--socket-mode", "9"},
                                Names{"--memory", "--durability", "full"},
-                               Names{"--database", database, "--durability", "some"}}) {
+                               Names{"--database", database, "--durability", "some"},
+                               Names{"--memory", "--initial-node", "no/path"}}) {
         EXPECT_EQ(second(wrong).status, 2);
     }
+    EXPECT_FALSE(exists(database));
+}
+
+TEST_F(TavdTest, InitialNodesAreThereInAFreshStoreOnly) {
+    const Names nodes{"--initial-node", "/a b/c", "--initial-node", "/d"};
+    Names in_memory{"--memory"};
+    Names in_file = on_disk;
+    in_memory.insert(in_memory.end(), nodes.begin(), nodes.end());
+    in_file.insert(in_file.end(), nodes.begin(), nodes.end());
+    const std::string everything = "/\n  a b\n    c\n  d\n";
+    for (const Names &arguments : {in_memory, in_file}) {
+        start(arguments);
+        EXPECT_EQ(tav({"tree"}).output, everything);
+        EXPECT_EQ(tav({"rm", "/d"}).status, 0);
+        EXPECT_EQ(stop(), 0);
+    }
+    start(in_file);
+    EXPECT_EQ(tav({"ls"}).output, "a b\n");
+    EXPECT_EQ(stop(), 0);
+    start(on_disk);
+    EXPECT_EQ(tav({"ls"}).output, "a b\n") << "what is there stays without the option, too";
 }
 
 TEST_F(TavdTest, ADatabaseThatCannotBeUsedIsNamedAndLeftAlone) {

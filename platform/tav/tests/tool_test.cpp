@@ -141,7 +141,7 @@ TEST_F(ToolTest, LsPrintsOneNameALine) {
     good({"set", "/n/b", "1", "/n/10/x", "1", "/n/9", "1"});
     EXPECT_EQ(good({"ls", "/n"}), "9\n10\nb\n");
     EXPECT_EQ(good({"ls", "-l", "/n"}), "string\t9\nnode\t10\nstring\tb\n");
-    EXPECT_EQ(good({"ls"}), "Software\nn\n");
+    EXPECT_EQ(good({"ls"}), "n\n");
     EXPECT_EQ(Json::parse(good({"ls", "--json", "/n"})),
               Json::parse(R"([{"name":"9","type":"string"},{"name":"10","type":"node"},
                               {"name":"b","type":"string"}])"));
@@ -167,7 +167,7 @@ TEST_F(ToolTest, MknodeTouchAndRm) {
     EXPECT_EQ(good({"ls", "/a"}), "b\n") << "a node outlives its last leaf";
     EXPECT_EQ(bad(1, {"rm", "/c", "/a"}),
               "tav: /a: not empty; to remove all below it, too: tav rm -r /a\n");
-    EXPECT_EQ(good({"ls"}), "Software\na\nc\n") << "all or nothing";
+    EXPECT_EQ(good({"ls"}), "a\nc\n") << "all or nothing";
     good({"rm", "-r", "/a", "/c"});
     bad(1, {"ls", "/a"});
     bad(1, {"rm", "/a"});
@@ -181,7 +181,7 @@ TEST_F(ToolTest, TreeShowsAll) {
     good({"set", "/a/b/c", "x"});
     good({"set", "-t", "integer", "/a/i", "5"});
     EXPECT_EQ(good({"tree", "/a"}), "/a\n  b\n    c = x (string)\n  i = 5 (integer)\n");
-    EXPECT_EQ(good({"tree"}).substr(0, 13), "/\n  Software\n");
+    EXPECT_EQ(good({"tree"}).substr(0, 6), "/\n  a\n");
     const Json all = Json::parse(good({"tree", "--json", "/a"}));
     ASSERT_EQ(all.size(), 4U);
     EXPECT_EQ(all[3]["path"], "/a/i");
@@ -232,7 +232,7 @@ TEST_F(ToolTest, StatusShowsClientsQueuesAndWatchdogs) {
     client.watch("/");
     client.settle();
     api_status_t status = api_status_none;
-    client.tav.watchdog_register(status, "tandrel", 60, true);
+    client.tav.watchdog_register(status, "worker", 60, true);
     good({"set", "/a", "1", "/b", "1"});
     const Json all = Json::parse(good({"status", "--json"}));
     EXPECT_EQ(all["pid"], tavd->pid());
@@ -243,12 +243,12 @@ TEST_F(ToolTest, StatusShowsClientsQueuesAndWatchdogs) {
     EXPECT_EQ(all["clients"][0]["registrations"], 1);
     EXPECT_EQ(all["clients"][0]["pending_events"], 2);
     ASSERT_EQ(all["watchdogs"].size(), 1U);
-    EXPECT_EQ(all["watchdogs"][0]["name"], "tandrel");
+    EXPECT_EQ(all["watchdogs"][0]["name"], "worker");
     EXPECT_EQ(all["watchdogs"][0]["period_s"], 60);
     EXPECT_EQ(all["watchdogs"][0]["state"], "fine");
     const std::string text = good({"status"});
     EXPECT_NE(text.find("clients    2\n"), std::string::npos);
-    EXPECT_NE(text.find("  tandrel  process "), std::string::npos);
+    EXPECT_NE(text.find("  worker  process "), std::string::npos);
     EXPECT_NE(text.find("pending 2"), std::string::npos);
 }
 
@@ -292,7 +292,7 @@ TEST_F(ToolTest, WithoutAServiceItEndsWithThree) {
 
 TEST_F(ToolTest, TheSocketOptionNamesTheService) {
     ::setenv("TAV_SOCKET", "/nowhere", 1);
-    EXPECT_EQ(good({"--socket", socket, "ls"}), "Software\n");
-    EXPECT_EQ(good({"ls", "--socket", socket}), "Software\n");
     EXPECT_EQ(good({"set", "--socket", socket, "/a", "1"}), "");
+    EXPECT_EQ(good({"--socket", socket, "ls"}), "a\n");
+    EXPECT_EQ(good({"ls", "--socket", socket}), "a\n");
 }

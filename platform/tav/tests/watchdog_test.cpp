@@ -32,13 +32,13 @@ protected:
 } // namespace
 
 TEST_F(WatchdogTest, KeepsNamePeriodAndTheTimeSinceTheLastPing) {
-    EXPECT_EQ(announce(1, "tandrel"), api_status_ok);
+    EXPECT_EQ(announce(1, "worker"), api_status_ok);
     now += seconds(10);
     EXPECT_EQ(dog.ping(1, now), api_status_ok);
     now += seconds(5);
     const std::vector<WatchdogStatus> all = dog.status(now);
     ASSERT_EQ(all.size(), 1U);
-    EXPECT_EQ(all[0].name, "tandrel");
+    EXPECT_EQ(all[0].name, "worker");
     EXPECT_EQ(all[0].pid, 42U);
     EXPECT_EQ(all[0].period, 60);
     EXPECT_EQ(all[0].since, 5000U);
@@ -46,26 +46,26 @@ TEST_F(WatchdogTest, KeepsNamePeriodAndTheTimeSinceTheLastPing) {
 }
 
 TEST_F(WatchdogTest, OneThatIsOverdueIsLoggedOnceAndOnceWhenItIsBack) {
-    announce(1, "tandrel");
+    announce(1, "worker");
     EXPECT_EQ(dog.next_check(), now + seconds(60));
     now += seconds(59);
     EXPECT_EQ(logged([this] { dog.check(now); }), "");
     now += seconds(1);
     EXPECT_EQ(logged([this] { dog.check(now); }),
-              "tavd: watchdog 'tandrel' (process 42) is overdue: no ping for 60 s\n");
+              "tavd: watchdog 'worker' (process 42) is overdue: no ping for 60 s\n");
     EXPECT_EQ(state(), WatchdogState::overdue);
     now += seconds(1000);
     EXPECT_EQ(logged([this] { dog.check(now); }), "");
     EXPECT_FALSE(dog.next_check());
     EXPECT_EQ(logged([this] { dog.ping(1, now); }),
-              "tavd: watchdog 'tandrel' (process 42) pings again\n");
+              "tavd: watchdog 'worker' (process 42) pings again\n");
     EXPECT_EQ(logged([this] { dog.ping(1, now); }), "");
     EXPECT_EQ(state(), WatchdogState::fine);
 }
 
 TEST_F(WatchdogTest, OneThatIsGoneIsLoggedAndShownUntilItsNameIsBack) {
-    announce(1, "tandrel");
-    EXPECT_EQ(logged([this] { dog.depart(1); }), "tavd: watchdog 'tandrel' (process 42) is gone\n");
+    announce(1, "worker");
+    EXPECT_EQ(logged([this] { dog.depart(1); }), "tavd: watchdog 'worker' (process 42) is gone\n");
     EXPECT_EQ(logged([this] { dog.depart(1); }), "");
     EXPECT_EQ(state(), WatchdogState::gone);
     now += seconds(1000);
@@ -73,18 +73,18 @@ TEST_F(WatchdogTest, OneThatIsGoneIsLoggedAndShownUntilItsNameIsBack) {
     EXPECT_EQ(dog.ping(1, now), api_status_absent);
     announce(2, "other");
     EXPECT_EQ(dog.status(now).size(), 2U);
-    announce(3, "tandrel");
+    announce(3, "worker");
     ASSERT_EQ(dog.status(now).size(), 2U);
     EXPECT_EQ(state(0), WatchdogState::fine);
     EXPECT_EQ(state(1), WatchdogState::fine);
 }
 
 TEST_F(WatchdogTest, AWithdrawnOneIsForgottenWithoutAWord) {
-    announce(1, "tandrel");
-    EXPECT_EQ(dog.announce(1, 42, WatchdogRequest{"tandrel", 60, false}, now), api_status_ok);
+    announce(1, "worker");
+    EXPECT_EQ(dog.announce(1, 42, WatchdogRequest{"worker", 60, false}, now), api_status_ok);
     EXPECT_TRUE(dog.status(now).empty());
     EXPECT_EQ(logged([this] { dog.depart(1); }), "");
-    EXPECT_EQ(dog.announce(1, 42, WatchdogRequest{"tandrel", 60, false}, now), api_status_absent);
+    EXPECT_EQ(dog.announce(1, 42, WatchdogRequest{"worker", 60, false}, now), api_status_absent);
 }
 
 TEST_F(WatchdogTest, AClientHasOneWatchdogAndMayChangeIt) {

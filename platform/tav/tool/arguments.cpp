@@ -24,7 +24,7 @@ constexpr const char *overview =
     "Examples:\n"
     "  tav tree                                   everything that is stored\n"
     "  tav set /office/lamp on                    write a value, creating what is missing above\n"
-    "  tav get -r '/Software/System Settings'     all values below a node\n"
+    "  tav get -r '/Main Hall'                    all values below a node\n"
     "  tav dump >saved; tav diff saved            what has changed since\n"
     "  tav load --replace saved                   and back again\n"
     "\n"

@@ -50,7 +50,8 @@ void Service::start(const std::string &fault_plan) {
         options.environment["TAVD_FAULT"] = fault_plan;
     }
     std::vector<std::string> arguments{program(fault_plan.empty() ? "TAVD" : "TAVD_FAULTY"),
-                                       "--socket", socket_path};
+                                       "--socket", socket_path, "--initial-node",
+                                       paths::interfaces};
     if (keep == Keep::memory) {
         arguments.emplace_back("--memory");
     } else {
