@@ -1,10 +1,11 @@
 #!/bin/bash
-# ./test --fuzz SECONDS [TARGET...]: runs the fuzz targets one after the other, so long each.
-# tools/fuzz.sh --merge [TARGET...]: takes what the runs found worth keeping into the corpora.
+# ./test --fuzz SECONDS [TARGET...]: runs the fuzz targets one after the other, for that many seconds each.
+# tools/fuzz.sh --merge [TARGET...]: leaves of what the runs found the fewest inputs that reach code which
+# no seed reaches. One that is worth keeping is copied to the seeds under a name that says what it shows.
 #
-# What a run comes upon is kept in build/fuzz/found/TARGET, the inputs of findings in
-# build/fuzz/findings. To repeat one: fuzz_TARGET FILE, with the program in build/fuzz/tests/fuzz or
-# build/fuzz/platform/tav/tests/fuzz.
+# Everything that a run finds goes to build/fuzz: inputs that reach something new to found/TARGET, the
+# inputs of findings to findings. The seeds, past failures among them, are only read. To repeat a finding:
+# fuzz_TARGET FILE, with the program in build/fuzz/tests/fuzz or build/fuzz/platform/tav/tests/fuzz.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 
@@ -34,33 +35,30 @@ ASAN_OPTIONS+=:max_redzone=64:allocator_release_to_os_interval_ms=-1
 passed=0
 failed=0
 
-# prepare TARGET: sets program, corpus, inputs and the options of a run.
+# prepare TARGET: sets program, seeds, found and the options of a run.
 prepare() {
     local folder=tests/fuzz
     [ -e "$folder/$1.cpp" ] || folder=platform/tav/tests/fuzz
     program=build/fuzz/$folder/fuzz_$1
-    corpus=$folder/corpus/$1
     seeds=$folder/seeds/$1
     found=build/fuzz/found/$1
     [ -x "$program" ] || die "no such target: $1"
-    mkdir -p "$corpus" "$found" build/fuzz/findings
-    inputs=("$found" "$corpus")
-    [ -d "$seeds" ] && inputs+=("$seeds")
+    mkdir -p "$found" build/fuzz/findings
     options=(-max_len=512 -timeout=20 "-artifact_prefix=build/fuzz/findings/$1-")
-    [ -f "$folder/$1.dict" ] && options+=("-dict=$folder/$1.dict")
+    [ ! -f "$folder/$1.dict" ] || options+=("-dict=$folder/$1.dict")
 }
 
 # search TARGET: adds to the counts.
 search() {
     prepare "$1"
     if step fuzz "Fuzzing $1 for $(clock "$seconds") ($2 of ${#targets[@]})" "$program" "${options[@]}" \
-        "-max_total_time=$seconds" -print_final_stats=1 "${inputs[@]}"; then
+        "-max_total_time=$seconds" -print_final_stats=1 "$found" "$seeds"; then
         passed=$((passed + 1))
         say "$1: $(awk '/number_of_executed_units/ { print $2 }' "$step_log") inputs, nothing found"
     else
         failed=$((failed + 1))
         grep -vE '^(#|INFO|NEW_FUNC)' "$step_log" | tail -n 60
-        say "$1: found an input, see above"
+        say "$1: found an input, see above; once it is understood, copy it to $seeds under a name"
     fi
     cp "$step_log" "build/fuzz/findings/$1.log"
 }
@@ -69,17 +67,17 @@ note_fuzz() {
     [[ ! $1 =~ ^#([0-9]+) ]] || state="${BASH_REMATCH[1]} inputs"
 }
 
-# merge TARGET: the smallest set of inputs that reaches everything.
+# merge TARGET: the seeds are merged into first, and taken away again.
 merge() {
-    local merged
+    local merged=$scratch/$1
     prepare "$1"
-    merged=$(mktemp -d)
-    step log "Merging $1" "$program" -set_cover_merge=1 -timeout=20 -max_len=4096 "$merged" \
-        "${inputs[@]}" || { tail -n 20 "$step_log" >&2; die "could not merge: $1"; }
-    rm -rf "$corpus"
-    mv "$merged" "$corpus"
-    chmod 755 "$corpus"
-    say "$1: $(find "$corpus" -type f | wc -l) inputs, $(du -bs "$corpus" | cut -f1) bytes"
+    cp -r "$seeds" "$merged"
+    step log "Merging $1" "$program" -set_cover_merge=1 -timeout=20 -max_len=4096 "$merged" "$found" ||
+        { tail -n 20 "$step_log" >&2; die "could not merge: $1"; }
+    (cd "$seeds" && printf '%s\0' *) | (cd "$merged" && xargs -0 rm -f --)
+    rm -rf "$found"
+    cp -r "$merged" "$found"
+    say "$1: $(find "$found" -type f | wc -l) inputs in $found reach what no seed reaches"
 }
 
 number=0

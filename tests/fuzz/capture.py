@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes the datagrams that the kernel sends a routing socket into files: seeds for the corpora.
+"""Writes the datagrams that the kernel sends a routing socket into files: candidates for seeds.
 
     unshare -n python3 capture.py DIRECTORY
 

@@ -18,9 +18,8 @@ target_link_libraries(fuzz_support PRIVATE fuzz_harness)
 
 add_custom_target(fuzz_targets)
 
-# fuzz_target(NAME OBJECTS...): NAME.cpp of the current folder with these objects. The inputs found for
-# it are in corpus/NAME, those that it began with and is to keep, if any, in seeds/NAME, its dictionary
-# in NAME.dict.
+# fuzz_target(NAME OBJECTS...): NAME.cpp of the current folder with these objects. The inputs that it
+# begins with are in seeds/NAME, past failures among them, its dictionary is NAME.dict.
 function(fuzz_target name)
   add_executable(fuzz_${name} ${name}.cpp $<TARGET_OBJECTS:fuzz_support> ${ARGN})
   target_link_libraries(fuzz_${name} PRIVATE fuzz_harness)
@@ -28,11 +27,7 @@ function(fuzz_target name)
   if(TAV_FUZZ)
     target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
   else()
-    set(inputs ${CMAKE_CURRENT_SOURCE_DIR}/corpus/${name})
-    if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/seeds/${name})
-      list(APPEND inputs ${CMAKE_CURRENT_SOURCE_DIR}/seeds/${name})
-    endif()
-    add_test(NAME fuzz.${name} COMMAND fuzz_${name} ${inputs})
+    add_test(NAME fuzz.${name} COMMAND fuzz_${name} ${CMAKE_CURRENT_SOURCE_DIR}/seeds/${name})
     set_tests_properties(fuzz.${name} PROPERTIES TIMEOUT 300 LABELS fuzz ${computes})
   endif()
 endfunction()

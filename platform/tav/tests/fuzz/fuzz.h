@@ -1,7 +1,7 @@
 // What the fuzz targets share. A target is one file with an LLVMFuzzerTestOneInput that takes any
 // bytes, hands them to the code under test and compares the outcome with a second, plainly written
-// version of it. Linked with libFuzzer it searches for inputs (preset "fuzz", tools/fuzz.sh);
-// linked with replay.cpp it runs the inputs of a corpus as an ordinary test.
+// version of it. Linked with libFuzzer it searches for inputs (-DTAV_FUZZ=ON);
+// linked with replay.cpp it runs the seeds as an ordinary test.
 #pragma once
 
 #include <cstddef>
