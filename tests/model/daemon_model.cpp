@@ -220,6 +220,12 @@ void DaemonModel::serve_notice(KernelModel &kernel, StoreModel &store) {
 void DaemonModel::address_appeared(StoreModel &store, int index, const std::string &text,
                                    int length) {
     Link &link = links[index];
+    if (is_leaving(link, text, length) &&
+        std::any_of(link.addresses.begin(), link.addresses.end(), [&](const Known &known) {
+            return known.text == text && known.length != length;
+        })) {
+        return; // announced before the daemon gave it another length
+    }
     Known *match = nullptr;
     for (auto &known : link.addresses) {
         if (known.text == text) {
@@ -240,18 +246,38 @@ void DaemonModel::address_appeared(StoreModel &store, int index, const std::stri
 
 void DaemonModel::delete_address(KernelModel &kernel, int index, const Known &known) {
     if (kernel.delete_address(index, known.text, known.length) == 0) {
-        links[index].leaving.emplace_back(known.text, known.length);
+        links[index].leaving.push_back({known.text, known.length, false});
     }
+}
+
+int DaemonModel::add_address(KernelModel &kernel, int index, const Known &known) {
+    for (Deletion &deletion : links[index].leaving) {
+        if (deletion.text == known.text && deletion.length == known.length) {
+            deletion.added_again = true;
+        }
+    }
+    return kernel.add_address(index, known.text, known.length, false);
+}
+
+bool DaemonModel::is_leaving(const Link &link, const std::string &text, int length) {
+    return std::any_of(link.leaving.begin(), link.leaving.end(), [&](const Deletion &deletion) {
+        return deletion.text == text && deletion.length == length && !deletion.added_again;
+    });
 }
 
 void DaemonModel::address_vanished(StoreModel &store, int index, const std::string &text,
                                    int length) {
     Link &link = links[index];
     const auto own =
-        std::find(link.leaving.begin(), link.leaving.end(), std::make_pair(text, length));
+        std::find_if(link.leaving.begin(), link.leaving.end(), [&](const Deletion &deletion) {
+            return deletion.text == text && deletion.length == length;
+        });
     if (own != link.leaving.end()) {
+        const bool added_again = own->added_again;
         link.leaving.erase(own);
-        return;
+        if (added_again) {
+            return; // the report is not of what was added since
+        }
     }
     for (std::size_t i = 0; i < link.addresses.size(); ++i) {
         if (link.addresses[i].text == text && link.addresses[i].length == length) {
@@ -374,7 +400,9 @@ void DaemonModel::stored_address(KernelModel &kernel, StoreModel &store, int ind
         if (known.type == static_type && known.length != stored.length) {
             delete_address(kernel, index, known);
             known.length = stored.length;
-            kernel.add_address(index, known.text, known.length, false);
+            add_address(kernel, index, known);
+        } else if (known.type == static_type && is_leaving(link, known.text, known.length)) {
+            add_address(kernel, index, known);
         }
         return;
     }
@@ -384,7 +412,7 @@ void DaemonModel::stored_address(KernelModel &kernel, StoreModel &store, int ind
     }
     link.addresses.push_back({stored.text, stored.length, static_type, stored.node});
     seen.push_back(true);
-    const int error = kernel.add_address(index, stored.text, stored.length, false);
+    const int error = add_address(kernel, index, link.addresses.back());
     if (error != 0 && error != EEXIST) {
         kernel.notices.push_back({Notice::address_refused, index, stored.text, stored.length});
     }

@@ -26,13 +26,17 @@ public:
                    node == other.node;
         }
     };
+    struct Deletion {
+        std::string text;
+        int length;
+        bool added_again; // since
+    };
     struct Link {
         std::string name; // of its first sight
         int number = 0;   // of the store's node; 0: none
         std::vector<Known> addresses;
-        // Deletions asked for whose report is still to come; it says nothing of what was added
-        // since.
-        std::vector<std::pair<std::string, int>> leaving;
+        // The daemon's deletions that the kernel has not reported yet, oldest first.
+        std::vector<Deletion> leaving;
         std::set<std::string> listed;
         std::optional<std::string> gateway;
         bool gateway_leaving = false;
@@ -65,6 +69,8 @@ private:
     std::vector<int> order() const;
     int find_by_name(const std::string &name) const;
     void delete_address(KernelModel &kernel, int index, const Known &known);
+    int add_address(KernelModel &kernel, int index, const Known &known);
+    static bool is_leaving(const Link &link, const std::string &text, int length);
     static std::string free_name(const Link &link);
     static void take_over(Link &link, const KernelAddress &address, const StoredInterface &stored);
     void store_into_kernel(KernelModel &kernel, StoreModel &store, int index,
