@@ -18,14 +18,15 @@ namespace ctl {
 namespace {
 
 constexpr const char *ending =
-    "Exit status: 0 done, or the views agree; 1 the views differ, or refused; 2 wrong usage;\n"
-    "3 the store does not answer; 4 stored, but not in the kernel within the time of --wait.\n\n"
+    "Exit status: 0 done, or the views agree; 1 the views differ, or the change was refused;\n"
+    "2 wrong usage; 3 the store or the kernel does not answer; 4 stored, but not in the kernel\n"
+    "within the time of --wait.\n\n"
     "Examples:\n"
     "  tandrelctl show eth0\n"
     "  tandrelctl check\n"
     "  tandrelctl address add eth0 2001:db8::5/64 --wait\n"
     "  tandrelctl gateway set eth0 fe80::1\n"
-    "'tandrelctl COMMAND --help' tells more, tandrelctl(1) everything.";
+    "For more see 'tandrelctl COMMAND --help' and tandrelctl(1).";
 
 class parser_t {
 public:
@@ -35,7 +36,7 @@ public:
         app.footer(ending);
         app.set_version_flag("-V,--version", "tandrelctl " TANDREL_VERSION);
         app.add_option("-i,--interface-prefix", request.options.prefix,
-                       "What the names of the links begin with, as tandrel -i has it (eth)")
+                       "Manage links whose names begin with PREFIX, as with tandrel -i (eth)")
             ->type_name("PREFIX")
             ->check([](const std::string &text) {
                 return text.empty() ? std::string("must not be empty") : std::string();
@@ -77,18 +78,21 @@ private:
     int complain(const CLI::RequiredError &error) {
         const std::vector<std::string> words = app.remaining(true);
         if (app.get_subcommands().empty()) {
-            const std::string what =
-                words.empty() ? "a command is missing" : "'" + escaped(words.front()) + "' is none";
+            const std::string what = words.empty()
+                                         ? "a command is missing"
+                                         : "'" + escaped(words.front()) + "' is not a command";
             std::cerr << "tandrelctl: " << what << "; 'tandrelctl --help' lists the commands\n";
             return exit_usage;
         }
         for (const CLI::App *group : app.get_subcommands()) {
             if (group->get_require_subcommand_min() == 1 && group->get_subcommands().empty()) {
-                std::cerr << "tandrelctl: what about the " << group->get_name() << "?";
+                std::cerr << "tandrelctl: '" << group->get_name() << "' needs one of";
+                const char *separator = ": ";
                 for (const CLI::App *choice : group->get_subcommands({})) {
-                    std::cerr << ' ' << choice->get_name();
+                    std::cerr << separator << choice->get_name();
+                    separator = ", ";
                 }
-                std::cerr << " ('tandrelctl " << group->get_name() << " --help' tells more)\n";
+                std::cerr << " (see 'tandrelctl " << group->get_name() << " --help')\n";
                 return exit_usage;
             }
         }
@@ -114,7 +118,8 @@ private:
 
     void add_link(CLI::App *sub, bool required = true) {
         sub->add_option("LINK", request.options.link,
-                        required ? "The link (eth0)" : "The link (eth0); every link without it")
+                        required ? "The link, such as eth0"
+                                 : "The link, such as eth0 (default: all links)")
             ->type_name("")
             ->required(required);
     }
@@ -126,8 +131,8 @@ private:
     void add_wait(CLI::App *sub) {
         CLI::Option *flag =
             sub->add_flag("--wait{10}", patience,
-                          "Return when the kernel has followed, or say after 10 seconds why "
-                          "it has not; --wait=S for another time");
+                          "Wait until the kernel has made the change, or say after 10 seconds why "
+                          "it has not; --wait=S sets another time");
         flag->check(CLI::Range(0.0, 1e6).description(""));
         wait_flags.push_back(flag);
     }
@@ -144,20 +149,22 @@ private:
     void add_looking() {
         CLI::App *sub = add(app, "show", "Show both views side by side", show);
         add_link(sub, false);
-        sub->add_flag("-a,--all", request.options.all, "Also links that are not synchronised");
+        sub->add_flag("-a,--all", request.options.all, "Include links that are not synchronised");
         add_json(sub);
 
-        sub = add(app, "check", "Say whether the views agree, and why not", check);
+        sub = add(app, "check", "Say whether kernel and store agree, and if not, why", check);
         add_link(sub, false);
         sub->add_flag("-a,--all", request.options.all,
-                      "Also note the links that tandrel passes over by design");
+                      "Include notes on links that tandrel ignores by design");
         sub->add_flag("--no-notes", request.options.no_notes,
-                      "Leave out what is no difference, but left alone by design");
-        sub->add_flag("-q,--quiet", request.options.quiet, "Print nothing; the status tells");
+                      "Omit the notes on entries that tandrel ignores by design");
+        sub->add_flag("-q,--quiet", request.options.quiet,
+                      "Print nothing; only set the exit status");
         add_json(sub);
         sub->footer("Exit status 0: kernel and store agree; 1: they differ.");
 
-        sub = add(app, "watch", "Show both views, again at every change, until interrupted", watch);
+        sub = add(app, "watch",
+                  "Show both views and update them at every change, until interrupted", watch);
         add_link(sub, false);
         add_json(sub, "Print the state as one line of JSON at every change");
         sub->footer("On a terminal the table is redrawn, with the latest changes below it; "
@@ -172,7 +179,7 @@ private:
             ->type_name("")
             ->required();
         sub->add_option("--node", request.options.node,
-                        "Name of its node (the smallest free number without it)")
+                        "Name of its node (default: the smallest free number)")
             ->type_name("NAME");
         add_wait(sub);
         sub->footer("Example: tandrelctl address add eth0 2001:db8::5/64 --node office --wait");
@@ -192,11 +199,14 @@ private:
         add_link(sub);
         sub->add_option("ADDRESS[/LENGTH]", request.options.address, "Such as 2001:db8::5")
             ->type_name("");
-        sub->add_option("--node", request.options.node,
-                        "The node by its name, whatever it holds, instead of the address")
+        sub->add_option(
+               "--node", request.options.node,
+               "Remove the node with this name, whatever it contains, instead of an address")
             ->type_name("NAME");
-        sub->add_flag("--force", request.options.force,
-                      "Also one that the kernel made, which comes back if the kernel keeps it");
+        sub->add_flag(
+            "--force", request.options.force,
+            "Also remove an address that the kernel assigned itself; it comes back if the "
+            "kernel keeps it");
         add_wait(sub);
         sub->footer("Examples: tandrelctl address del eth0 2001:db8::5\n"
                     "          tandrelctl address del eth0 --node office");
@@ -220,39 +230,39 @@ private:
         CLI::App *group =
             add_group("interface", "List, add or delete interface nodes of the store");
         CLI::App *sub = add(*group, "list", "List links and interface nodes", interface_list);
-        sub->add_flag("-a,--all", request.options.all, "Also links that are not synchronised");
+        sub->add_flag("-a,--all", request.options.all, "Include links that are not synchronised");
         add_json(sub);
-        sub = add(*group, "add", "Make the node of a link, so that it is synchronised",
+        sub = add(*group, "add", "Create the node of a link, so that tandrel manages the link",
                   interface_add);
         add_link(sub);
         sub = add(*group, "del", "Remove a link's node with all that is stored for the link",
                   interface_delete);
         add_link(sub, false);
         sub->add_option("--node", request.options.node,
-                        "The node by its name, for one that stands for no link")
+                        "Remove the node with this name, for a node that belongs to no link")
             ->type_name("NAME");
-        sub->add_flag("--force", request.options.force, "Also when settings are stored in it");
+        sub->add_flag("--force", request.options.force,
+                      "Remove the node even if it contains settings");
     }
 
     void add_rest() {
         CLI::App *sub =
-            add(app, "import", "Show what of the kernel's settings can be stored", import_kernel);
+            add(app, "import", "Show which of the kernel's settings can be stored", import_kernel);
         add_link(sub, false);
         // The only source there is; said all the same, because of what it does to the store.
         sub->add_flag("--from-kernel", from_kernel,
-                      "Take the kernel's lasting addresses and "
-                      "default gateway (required)")
+                      "Read the kernel's permanent addresses and default gateway (required)")
             ->required();
         sub->add_flag("--write", request.options.write, "Store them as Static");
 
         sub = add(app, "nudge", "Make tandrel synchronise now", nudge);
         sub->add_flag("--follow", request.options.follow,
-                      "Stay, and do so each time a link comes up");
+                      "Keep running, and do this each time a link comes up");
     }
 
-    CLI::App app{"Shows, checks and changes a device's IPv6 settings: the kernel's and the stored "
-                 "ones.",
-                 "tandrelctl"};
+    CLI::App app{
+        "Shows a device's IPv6 settings in the kernel and in the store, and changes the store.",
+        "tandrelctl"};
     request_t request;
     std::vector<CLI::Option *> wait_flags;
     std::string patience; // a text: a flag's number would lose its fraction

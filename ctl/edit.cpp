@@ -70,7 +70,7 @@ void carry_out(client_t &client, const options_t &options,
         }
     }
     throw refusal("the store refused to change '" + escaped(outcome.refused_path) + "' (status " +
-                  std::to_string(outcome.status) + ")");
+                  std::to_string(outcome.status) + "); try again");
 }
 
 void put_address(step_t &step, const std::string &node_path, const CAddress &address) {

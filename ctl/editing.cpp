@@ -16,9 +16,9 @@ namespace {
 long number_of(const options_t &options) {
     const long number = interface_number(options.link, options.prefix);
     if (number == 0) {
-        throw refusal("no store interface can stand for '" + escaped(options.link) +
-                          "', only for " + options.prefix + "0, " + options.prefix +
-                          "1 and so on (-i for another " + "beginning)",
+        throw refusal("'" + escaped(options.link) + "' cannot have a store interface; only " +
+                          options.prefix + "0, " + options.prefix +
+                          "1 and so on can (use -i for another prefix)",
                       exit_usage);
     }
     return number;
@@ -31,8 +31,8 @@ CAddress parse_address(const options_t &options) {
         const std::string text = "'" + escaped(options.address) + "'";
         switch (fault->reason) {
         case reason_t::address_without_prefix:
-            throw refusal(text + " lacks its prefix length; write " + escaped(options.address) +
-                              "/64, say",
+            throw refusal(text + " has no prefix length; write for example " +
+                              escaped(options.address) + "/64",
                           exit_usage);
         case reason_t::address_bad_prefix:
             throw refusal("the prefix length of " + text + " is not a number from 1 to 128",
@@ -43,7 +43,7 @@ CAddress parse_address(const options_t &options) {
     }
     if (const char *kind = unfit_kind(address.addr)) {
         throw refusal("'" + escaped(options.address) + "' is " + kind +
-                          ", which the kernel gives no link",
+                          ", which a link cannot have",
                       exit_usage);
     }
     return address;
@@ -92,11 +92,11 @@ std::string new_node(const options_t &options, const std::vector<place_t> &taken
         return free_name(taken);
     }
     if (options.node.find('/') != std::string::npos) {
-        throw refusal("a node's name holds no '/'", exit_usage);
+        throw refusal("a node name cannot contain '/'", exit_usage);
     }
     for (const place_t &place : taken) {
         if (place.stored->node == options.node) {
-            throw refusal("there is a node '" + escaped(options.node) + "' already, holding '" +
+            throw refusal("node '" + escaped(options.node) + "' already exists and contains '" +
                           escaped(place.stored->text) + "'");
         }
     }
@@ -115,10 +115,10 @@ int put(const options_t &options, bool may_exist) {
                 continue;
             }
             if (!may_exist) {
-                throw refusal("'" + escaped(place.stored->text) + "' is stored already (" +
+                throw refusal("'" + escaped(place.stored->text) + "' is already stored (" +
                               escaped(place.stored->type_text) + ", node '" +
                               escaped(place.stored->node) +
-                              "'); 'tandrelctl address replace' changes it");
+                              "'); use 'tandrelctl address replace' to change it");
             }
             put_address(step, place.path, address);
             return step;
@@ -134,10 +134,11 @@ int put(const options_t &options, bool may_exist) {
 void may_remove(const stored_address_t &stored, const options_t &options) {
     const bool kernels_own = !stored.fault && stored.address.type != type_static;
     if (kernels_own && !options.force) {
-        throw refusal("'" + escaped(stored.text) + "' is " + stored.type_text +
-                      ": the kernel made it, and tandrel would store it again. Delete it in the "
-                      "kernel (ip -6 address del " +
-                      escaped(stored.text) + " dev " + escaped(options.link) + "), or use --force");
+        throw refusal(
+            "'" + escaped(stored.text) + "' is " + stored.type_text +
+            ": the kernel assigned it, and tandrel would store it again. Delete it in the "
+            "kernel (ip -6 address del " +
+            escaped(stored.text) + " dev " + escaped(options.link) + "), or use --force");
     }
 }
 
@@ -309,7 +310,7 @@ int interface_add(const options_t &options) {
     client_t client;
     client.require();
     if (has_node(read_store(client.tav, options.prefix), number)) {
-        throw refusal("the store has a node for " + escaped(options.link) + " already (interface " +
+        throw refusal("the store already has a node for " + escaped(options.link) + " (interface " +
                       std::to_string(number) + ")");
     }
     // The plain interface knows no empty nodes: what stays of a leaf that is removed again.
@@ -329,14 +330,15 @@ int interface_delete(const options_t &options) {
     carry_out(client, options, [&](const store_view_t &store) {
         const doomed_t doomed = find_interface(store, options);
         if (doomed.has_settings && !options.force) {
-            throw refusal("settings are stored in '" + escaped(doomed.path) +
-                          "' and would be lost; --force removes them, too");
+            throw refusal("'" + escaped(doomed.path) +
+                          "' contains settings that would be lost; use --force to remove them too");
         }
         return step_t{{}, {doomed.path}};
     });
     if (!options.link.empty()) {
         std::fprintf(stderr,
-                     "tandrelctl: %s is not synchronised any more; the kernel keeps what it has\n",
+                     "tandrelctl: %s is no longer synchronised; the kernel keeps its addresses and "
+                     "its gateway\n",
                      escaped(options.link).c_str());
     }
     return exit_done;

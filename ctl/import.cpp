@@ -68,10 +68,10 @@ private:
         if (row.stored) {
             node = row.stored->node;
             if (row.mark == mark_t::both && row.stored->address.type == type_static) {
-                lines.push_back({style_t::dim, what + "  is stored already"});
+                lines.push_back({style_t::dim, what + "  already stored"});
                 return;
             }
-            lines.push_back({style_t::good, what + "  is stored as " + row.stored->text + " " +
+            lines.push_back({style_t::good, what + "  stored as " + row.stored->text + " " +
                                                 row.stored->type_text + "; becomes Static"});
         } else {
             std::size_t number = 1;
@@ -92,14 +92,14 @@ private:
             std::find_if(interface.gateways.begin(), interface.gateways.end(),
                          [](const gateway_row_t &one) { return one.stored.has_value(); });
         if (others) {
-            lines.push_back({style_t::warn, what + "  left out: a link has one gateway"});
+            lines.push_back({style_t::warn, what + "  skipped: a link has only one gateway"});
         } else if (stored != interface.gateways.end()) {
             const bool equal =
                 !stored->stored->fault && same_gateway(stored->stored->route, row.kernel->route);
-            lines.push_back(
-                {equal ? style_t::dim : style_t::warn,
-                 what + (equal ? "  is stored already"
-                               : "  left out: " + escaped(stored->stored->text) + " is stored")});
+            lines.push_back({equal ? style_t::dim : style_t::warn,
+                             what + (equal ? "  already stored"
+                                           : "  skipped: " + escaped(stored->stored->text) +
+                                                 " is already stored")});
         } else {
             lines.push_back({style_t::good, what + "  new"});
             const std::string ipv6 = paths::ipv6(static_cast<std::int32_t>(interface.number));
@@ -132,11 +132,12 @@ int import_kernel(const options_t &options) {
     }
     print(importer.lines, use_colour(options.colour));
     if (importer.lines.empty()) {
-        std::cout << "the kernel has no lasting address and no configured gateway\n";
+        std::cout << "the kernel has no permanent address and no configured gateway\n";
     } else if (importer.step.leaves.empty()) {
         std::cout << "nothing to store\n";
     } else {
-        std::cout << (options.write ? "stored\n" : "nothing was written; --write stores it\n");
+        std::cout << (options.write ? "stored\n"
+                                    : "nothing was written; use --write to store these settings\n");
     }
     return exit_done;
 }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -38,16 +39,19 @@ public:
         if (sock == nullptr) {
             throw std::bad_alloc();
         }
-        if (nl_connect(sock.get(), NETLINK_ROUTE) != 0) {
-            throw std::runtime_error("cannot ask the kernel");
+        if (const int error = nl_connect(sock.get(), NETLINK_ROUTE)) {
+            throw std::runtime_error(std::string("cannot open a netlink socket: ") +
+                                     nl_geterror(error));
         }
     }
 
     // Asks for one dump and visits its messages. False when it may lack records.
     template <typename Header>
     bool dump(int type, Header header, const visit_t &visit) {
-        if (nl_send_simple(sock.get(), type, NLM_F_DUMP, &header, sizeof header) <= 0) {
-            throw std::runtime_error("cannot ask the kernel");
+        const int sent = nl_send_simple(sock.get(), type, NLM_F_DUMP, &header, sizeof header);
+        if (sent <= 0) {
+            throw std::runtime_error(std::string("cannot send a request to the kernel: ") +
+                                     nl_geterror(sent));
         }
         bool whole = true;
         while (receive(visit, whole)) {
@@ -74,7 +78,9 @@ private:
                 return false;
             }
             if (header.nlmsg_type == NLMSG_ERROR) {
-                throw std::runtime_error("the kernel refused to answer");
+                const auto body = wire::read_at<nlmsgerr>(datagram, at + NLMSG_HDRLEN);
+                throw std::runtime_error(std::string("the kernel refused the request: ") +
+                                         std::strerror(-body.error));
             }
             visit(datagram.bytes + at, static_cast<int>(header.nlmsg_len));
             at = std::min<std::size_t>(at + NLMSG_ALIGN(header.nlmsg_len), datagram.length);

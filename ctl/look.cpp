@@ -93,8 +93,8 @@ int show(const options_t &options) {
     const bool colour = use_colour(options.colour);
     print(table_lines(interfaces), colour);
     if (interfaces.empty()) {
-        std::cout << "no link whose name begins with '" << escaped(options.prefix)
-                  << "', and no store interface (-i for another name, --all for every link)\n";
+        std::cout << "there is no link whose name begins with '" << escaped(options.prefix)
+                  << "', and no store interface; try -i PREFIX, or --all for all links\n";
     }
     const std::size_t differences = make_report(comparison, options).differences.size();
     if (differences > 0) {

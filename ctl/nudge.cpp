@@ -6,6 +6,7 @@
 #include <iostream>
 #include <map>
 #include <memory>
+#include <new>
 
 #include <netlink/netlink.h>
 #include <netlink/socket.h>
@@ -33,19 +34,20 @@ void nudge_once(const options_t &options) {
             return;
         }
     }
-    throw refusal("the store has no interface node, so there is nothing to synchronise; "
-                  "'tandrelctl interface add' makes one");
+    throw refusal("the store has no interface node, so there is nothing to synchronise; create one "
+                  "with 'tandrelctl interface add'");
 }
 
 // Hears of links.
 class link_socket_t {
 public:
     link_socket_t() : sock(nl_socket_alloc(), nl_socket_free) {
-        if (sock == nullptr || nl_connect(sock.get(), NETLINK_ROUTE) != 0 ||
-            nl_socket_add_memberships(sock.get(), RTNLGRP_LINK, 0) != 0 ||
-            nl_socket_set_nonblocking(sock.get()) != 0) {
-            throw std::runtime_error("cannot watch the kernel's links");
+        if (sock == nullptr) {
+            throw std::bad_alloc();
         }
+        require(nl_connect(sock.get(), NETLINK_ROUTE));
+        require(nl_socket_add_memberships(sock.get(), RTNLGRP_LINK, 0));
+        require(nl_socket_set_nonblocking(sock.get()));
     }
 
     int fd() const { return nl_socket_get_fd(sock.get()); }
@@ -71,6 +73,13 @@ public:
     }
 
 private:
+    static void require(int result) {
+        if (result != 0) {
+            throw std::runtime_error(std::string("cannot watch the kernel's links: ") +
+                                     nl_geterror(result));
+        }
+    }
+
     std::unique_ptr<nl_sock, decltype(&nl_socket_free)> sock;
 };
 
@@ -129,7 +138,7 @@ private:
     void try_nudge() {
         try {
             nudge_once(options);
-            std::cout << reason << ": tandrel is told to synchronise" << std::endl;
+            std::cout << reason << ": asked tandrel to synchronise" << std::endl;
             reason.clear();
             complained = false;
         } catch (const std::exception &error) {

@@ -48,8 +48,8 @@ constexpr std::array<mark_text_t, 7> marks{{
     {mark_t::kernel_only, 'K', style_t::warn, "kernel-only", "only in the kernel"},
     {mark_t::store_only, 'S', style_t::warn, "store-only", "only in the store"},
     {mark_t::differ, '!', style_t::bad, "differ", "in both, but different"},
-    {mark_t::unusable, '?', style_t::bad, "unusable", "stored, but unusable"},
-    {mark_t::left_alone, '.', style_t::dim, "left-alone", "left alone by tandrel"},
+    {mark_t::unusable, '?', style_t::bad, "unusable", "stored, but cannot be used"},
+    {mark_t::left_alone, '.', style_t::dim, "left-alone", "ignored by tandrel"},
     {mark_t::half_known, '-', style_t::dim, "half-known", "the store does not answer"},
 }};
 
@@ -186,7 +186,7 @@ std::vector<const interface_view_t *> chosen(const comparison_t &comparison,
     }
     if (interfaces.empty() && !options.link.empty()) {
         throw refusal("neither the kernel nor the store has a link '" + escaped(options.link) +
-                      "'; 'tandrelctl interface list' shows those there are");
+                      "'; 'tandrelctl interface list' lists the links");
     }
     return interfaces;
 }

@@ -21,22 +21,21 @@ const std::vector<reason_text_t> table = {
      "seconds",
      "tav mknode {path}, or tandrelctl interface add {prefix}0, which makes it as well"},
     {r::bad_interface_node, difference, "bad-interface-node",
-     "the interface node '{node}' is not named by a number from 1 on; tandrel's whole read fails "
-     "because of it, nothing at all is synchronised, and it starts over every ten seconds",
+     "the name of the interface node '{node}' is not a number from 1 on; because of it tandrel "
+     "cannot read the store, synchronises nothing, and starts over every ten seconds",
      "tandrelctl interface del --node {node}"},
     {r::interface_is_leaf, note, "interface-is-leaf",
-     "'{path}' is a leaf, not a node; tandrel passes over it", ""},
+     "'{path}' is a leaf, not a node; tandrel ignores it", ""},
     {r::odd_interface_number, difference, "odd-interface-number",
      "the interface node '{node}' is read for {link}, but tandrel writes to the node '{number}'",
      "store its settings with tandrelctl (they go to node {number}), then tandrelctl interface del "
      "--node {node}"},
     {r::interface_twice, difference, "interface-twice",
-     "the interface nodes '{other}' and '{node}' both stand for {link}; each synchronisation does "
-     "what the one says, then what the other says",
+     "the interface nodes '{other}' and '{node}' are both for {link}; each synchronisation applies "
+     "the first, then the second",
      "tandrelctl interface del --node {node}"},
     {r::strange_element, note, "strange-element",
-     "'{path}' is nothing that tandrel knows; it is left alone, and a change there starts nothing",
-     ""},
+     "tandrel does not know '{path}'; it ignores the element and changes to it", ""},
 
     {r::link_absent, difference, "link-absent",
      "the kernel has no link {link}; what is stored for it (interface {number}) waits until the "
@@ -45,11 +44,9 @@ const std::vector<reason_text_t> table = {
      ""},
     {r::wrong_prefix, note, "wrong-prefix",
      "not synchronised: its name does not begin with '{prefix}'",
-     "start tandrel with -i and the beginning of the name, if it is to look after such links "
-     "instead"},
+     "to manage such links instead, start tandrel with -i PREFIX"},
     {r::no_node_fits, note, "no-node-fits",
-     "not synchronised: no store node can stand for it, only for {prefix}0, {prefix}1 and so on",
-     ""},
+     "not synchronised: it cannot have a store node; only {prefix}0, {prefix}1 and so on can", ""},
     {r::not_ethernet, difference, "not-ethernet", "not synchronised: it is not an Ethernet link",
      ""},
     {r::no_hardware_address, difference, "no-hardware-address",
@@ -61,16 +58,15 @@ const std::vector<reason_text_t> table = {
      "IPv6 is disabled on this link, so the kernel refuses every address and gateway",
      "sysctl -w net.ipv6.conf.{link}.disable_ipv6=0, then tandrelctl nudge"},
     {r::no_store_node, difference, "no-store-node",
-     "the store has no node for it (interface {number}), and tandrel never makes one: nothing of "
-     "this link is synchronised",
+     "the store has no node for it (interface {number}), and tandrel never creates one; the link "
+     "is not synchronised",
      "tandrelctl interface add {link}"},
     {r::link_down, note, "link-down",
-     "the link is down: the kernel uses none of its addresses and takes no gateway",
-     "ip link set {link} up; tandrel(8), CAVEATS, tells how settings outlive a link that goes "
-     "down"},
+     "the link is down: the kernel does not use its addresses and accepts no gateway",
+     "ip link set {link} up; tandrel(8), CAVEATS, says how to keep settings while a link is down"},
 
     {r::address_is_leaf, note, "address-is-leaf",
-     "'{path}' is a leaf where the node of an address is expected; tandrel passes over it", ""},
+     "'{path}' is a leaf where an address node is expected; tandrel ignores it", ""},
     {r::address_leaf_missing, difference, "address-leaf-missing",
      "the stored address '{node}' is skipped: it has no leaf Address/Value",
      "tandrelctl address del {link} --node {node}"},
@@ -84,18 +80,18 @@ const std::vector<reason_text_t> table = {
      "the stored address '{node}' ('{text}') is skipped: its leaf Type/Value is not a string",
      "tandrelctl address replace {link} {text}"},
     {r::address_without_prefix, difference, "address-without-prefix",
-     "the stored address '{node}' is skipped: '{text}' lacks its prefix length (such as /64)",
-     "tandrelctl address replace {link} {text}/64, or with the length that it is to have"},
+     "the stored address '{node}' is skipped: '{text}' has no prefix length (such as /64)",
+     "tandrelctl address replace {link} {text}/64, or with the right length"},
     {r::address_bad_prefix, difference, "address-bad-prefix",
      "the stored address '{node}' is skipped: the prefix length of '{text}' is not a number from 1 "
      "to 128",
-     "tandrelctl address replace {link} with a good one"},
+     "tandrelctl address replace {link}, with a length from 1 to 128"},
     {r::address_bad_text, difference, "address-bad-text",
      "the stored address '{node}' is skipped: '{text}' is not an IPv6 address",
      "tandrelctl address del {link} --node {node}"},
     {r::type_unknown, difference, "type-unknown",
      "the stored address '{node}' ('{text}') is skipped: its type '{type}' is none of Static, "
-     "Automatic and Link-Local (capitals count)",
+     "Automatic and Link-Local (case matters)",
      "tandrelctl address replace {link} {text}"},
 
     {r::address_not_in_kernel, difference, "address-not-in-kernel",
@@ -104,10 +100,10 @@ const std::vector<reason_text_t> table = {
      "tandrelctl nudge, if it stays (a refused address is tried again only then; tandrel's log at "
      "-D 2 shows the refusal)"},
     {r::address_unfit, difference, "address-unfit",
-     "{address} (node '{node}') is in the store only: the kernel gives no link {type}",
+     "{address} (node '{node}') is in the store only: a link cannot have {type}",
      "tandrelctl address del {link} --node {node}"},
     {r::address_left_over, difference, "address-left-over",
-     "{address} ({type}, node '{node}') is in the store only; the kernel has the last word on such "
+     "{address} ({type}, node '{node}') is in the store only; the kernel decides on such "
      "addresses, so tandrel removes it at its next synchronisation",
      "tandrelctl address replace {link} {address}, to keep it as a Static one"},
     {r::address_stored_twice, difference, "address-stored-twice",
@@ -117,7 +113,7 @@ const std::vector<reason_text_t> table = {
      "{address} is in the kernel only; tandrel writes it to the store as {type} within moments",
      "tandrelctl nudge, if it stays"},
     {r::address_listed_empty, note, "address-listed-empty",
-     "the kernel listed an address without its bytes; tandrel skips it", ""},
+     "the kernel listed an entry that contains no address; tandrel skips it", ""},
     {r::prefix_static, difference, "prefix-static",
      "the kernel has {other}, the store {address} (Static, node '{node}'): the store's prefix "
      "length "
@@ -128,8 +124,8 @@ const std::vector<reason_text_t> table = {
      "length counts, and tandrel stores it when the kernel next announces the address",
      ""},
     {r::type_differs, difference, "type-differs",
-     "{address} is stored as {type} (node '{node}'), but for the kernel it is {other}: tandrel "
-     "removes the node as junk, and then records the address anew",
+     "{address} is stored as {type} (node '{node}'), but the kernel has it as {other}: tandrel "
+     "removes the node and then stores the address again",
      ""},
     {r::duplicate_found, difference, "duplicate-found",
      "{address}: duplicate address detection failed; another host on the link has it, and the "
@@ -141,26 +137,26 @@ const std::vector<reason_text_t> table = {
      "up and connected",
      ""},
     {r::address_has_peer, note, "address-has-peer",
-     "{address} is the peer of a point-to-point address; tandrel takes it for the link's own", ""},
+     "{address} is the peer of a point-to-point address; tandrel treats it as the link's own", ""},
 
     {r::gateway_leaf_missing, difference, "gateway-leaf-missing",
-     "the stored gateway has no leaf Value, which counts as no gateway",
+     "the stored gateway has no leaf Value; tandrel treats it as no gateway",
      "tandrelctl gateway clear {link}, or tandrelctl gateway set"},
     {r::gateway_not_text, difference, "gateway-not-text",
      "the stored gateway is skipped: its leaf Value is not a string",
      "tandrelctl gateway clear {link}, or tandrelctl gateway set"},
     {r::gateway_bad_prefix, difference, "gateway-bad-prefix",
-     "the stored gateway is skipped: '{text}' has a bad prefix length, and needs none",
+     "the stored gateway is skipped: '{text}' has an invalid prefix length; a gateway needs none",
      "tandrelctl gateway set {link} with the address alone"},
     {r::gateway_bad_text, difference, "gateway-bad-text",
      "the stored gateway is skipped: '{text}' is not an IPv6 address",
      "tandrelctl gateway clear {link}, or tandrelctl gateway set"},
     {r::gateway_unfit, difference, "gateway-unfit",
-     "the gateway {gateway} is in the store only: the kernel refuses it, being {type}",
+     "the gateway {gateway} is in the store only: the kernel refuses it because it is {type}",
      "tandrelctl gateway set {link} with the router's address"},
     {r::gateway_link_down, difference, "gateway-link-down",
-     "the gateway {gateway} is in the store only: the kernel takes no route over a link that is "
-     "down, and tandrel does not try again by itself when it comes up",
+     "the gateway {gateway} is in the store only: the kernel accepts no route over a link that is "
+     "down, and tandrel does not try again when the link comes up",
      "ip link set {link} up, then tandrelctl nudge (tandrelctl nudge --follow does it each time)"},
     {r::gateway_unreachable, difference, "gateway-unreachable",
      "the gateway {gateway} is in the store only: no network of {link} contains it, so the kernel "
@@ -170,7 +166,7 @@ const std::vector<reason_text_t> table = {
     {r::gateway_taken, difference, "gateway-taken",
      "the gateway {gateway} is in the store, but the kernel has the same route with protocol "
      "{protocol}, and refuses a second, static one",
-     "none needed while that route is there; tandrelctl nudge once it is gone"},
+     "none while that route exists; after it is removed: tandrelctl nudge"},
     {r::gateway_not_in_kernel, difference, "gateway-not-in-kernel",
      "the gateway {gateway} is in the store only; tandrel adds the route at its next "
      "synchronisation",
@@ -183,26 +179,25 @@ const std::vector<reason_text_t> table = {
      "replaces the kernel's at its next synchronisation",
      "tandrelctl nudge, if it stays"},
     {r::gateway_second, difference, "gateway-second",
-     "the kernel has one more static default route, via {gateway}; tandrel looks after one of a "
-     "link, the newest",
+     "the kernel has another static default route, via {gateway}; tandrel manages only the newest "
+     "one of a link",
      "ip -6 route del default via {gateway} dev {link} proto static"},
     {r::route_other_protocol, note, "route-other-protocol",
-     "the default route via {gateway} has protocol {protocol}; tandrel looks after static ones "
-     "only",
-     "tandrelctl gateway set {link} {gateway}, if it is to be kept in the store"},
+     "the default route via {gateway} has protocol {protocol}; tandrel manages only static ones",
+     "to store it: tandrelctl gateway set {link} {gateway}"},
     {r::route_with_destination, note, "route-with-destination",
-     "the route to {address} is left alone; tandrel looks after default routes only", ""},
+     "tandrel ignores the route to {address}; it manages only default routes", ""},
     {r::route_without_gateway, note, "route-without-gateway",
-     "a default route without gateway is left alone", ""},
+     "tandrel ignores a default route without a gateway", ""},
     {r::route_multipath, note, "route-multipath",
-     "a default route with several gateways is left alone: it has no single output link", ""},
+     "tandrel ignores a default route with several gateways: it has no single output link", ""},
     {r::route_other_table, note, "route-other-table",
-     "the default route via {gateway} stands in table {text}; tandrel takes it for one of the main "
+     "the default route via {gateway} is in table {text}; tandrel treats it as a route of the main "
      "table",
      ""},
 
     {r::daemon_absent, note, "daemon-absent",
-     "no such process runs here, so nothing will change by itself",
+     "it does not run here, so nothing will be synchronised",
      "start it: systemctl start tandrel, or, to watch it, tandrel -d -D 3"},
 };
 

@@ -81,7 +81,8 @@ bool may_be_why(const finding_t &finding) {
 }
 
 void say_why(const comparison_t &comparison, const interface_view_t &interface) {
-    std::fprintf(stderr, "tandrelctl: the store is changed, but the kernel has not followed:\n");
+    std::fprintf(stderr,
+                 "tandrelctl: the change is stored, but the kernel does not have it yet:\n");
     std::vector<finding_t> findings = comparison.findings;
     findings.insert(findings.end(), interface.findings.begin(), interface.findings.end());
     if (find_daemon() == daemon_t::absent) {

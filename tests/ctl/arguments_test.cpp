@@ -64,10 +64,11 @@ TEST(CtlArguments, AWaitWithoutATimeLastsTenSecondsAndTakesNoWordAway) {
 TEST(CtlArguments, AWrongLineIsToldFromWhatIsWrong) {
     EXPECT_EQ(complaint({}),
               "tandrelctl: a command is missing; 'tandrelctl --help' lists the commands\n");
-    EXPECT_EQ(complaint({"adress\x1b", "add"}),
-              "tandrelctl: 'adress\\x1b' is none; 'tandrelctl --help' lists the commands\n");
-    EXPECT_EQ(complaint({"address"}), "tandrelctl: what about the address? add replace del "
-                                      "('tandrelctl address --help' tells more)\n");
+    EXPECT_EQ(
+        complaint({"adress\x1b", "add"}),
+        "tandrelctl: 'adress\\x1b' is not a command; 'tandrelctl --help' lists the commands\n");
+    EXPECT_EQ(complaint({"address"}), "tandrelctl: 'address' needs one of: add, replace, del "
+                                      "(see 'tandrelctl address --help')\n");
     EXPECT_NE(complaint({"address", "add", "eth0"}).find("ADDRESS/LENGTH is required"),
               std::string::npos);
     EXPECT_NE(complaint({"import"}).find("--from-kernel is required"), std::string::npos);

@@ -60,9 +60,9 @@ TEST_F(Editing, ANodeMayBeNamed) {
     EXPECT_EQ(fake_tav::text(below("Addresses/office/Address/Value")), "2001:db8::5/64");
     options.address = "2001:db8::6/64";
     EXPECT_EQ(refused(1, ctl::address_add),
-              "there is a node 'office' already, holding '2001:db8::5/64'");
+              "node 'office' already exists and contains '2001:db8::5/64'");
     options.node = "a/b";
-    EXPECT_EQ(refused(2, ctl::address_add), "a node's name holds no '/'");
+    EXPECT_EQ(refused(2, ctl::address_add), "a node name cannot contain '/'");
 }
 
 TEST_F(Editing, TheInterfaceNodeComesWithTheAddress) {
@@ -74,14 +74,14 @@ TEST_F(Editing, TheInterfaceNodeComesWithTheAddress) {
 
 TEST_F(Editing, WhatTheDaemonOrTheKernelWouldNotTakeIsRefusedBeforehand) {
     const std::vector<std::pair<std::string, std::string>> cases{
-        {"2001:db8::5", "'2001:db8::5' lacks its prefix length; write 2001:db8::5/64, say"},
+        {"2001:db8::5", "'2001:db8::5' has no prefix length; write for example 2001:db8::5/64"},
         {"2001:db8::5/0", "the prefix length of '2001:db8::5/0' is not a number from 1 to 128"},
         {"2001:db8::5/129", "the prefix length of '2001:db8::5/129' is not a number from 1 to 128"},
         {"192.0.2.1/24", "'192.0.2.1/24' is not an IPv6 address"},
         {"router/64", "'router/64' is not an IPv6 address"},
-        {"ff02::1/64", "'ff02::1/64' is a multicast address, which the kernel gives no link"},
-        {"::/64", "'::/64' is the unspecified address, which the kernel gives no link"},
-        {"::1/128", "'::1/128' is the loopback address, which the kernel gives no link"}};
+        {"ff02::1/64", "'ff02::1/64' is a multicast address, which a link cannot have"},
+        {"::/64", "'::/64' is the unspecified address, which a link cannot have"},
+        {"::1/128", "'::1/128' is the loopback address, which a link cannot have"}};
     for (const auto &[text, reason] : cases) {
         options.address = text;
         EXPECT_EQ(refused(2, ctl::address_add), reason);
@@ -89,18 +89,16 @@ TEST_F(Editing, WhatTheDaemonOrTheKernelWouldNotTakeIsRefusedBeforehand) {
     }
     options.address = "2001:db8::5/64";
     options.link = "wlan0";
-    EXPECT_EQ(refused(2, ctl::address_add),
-              "no store interface can stand for 'wlan0', only for eth0, eth1 and so on (-i for "
-              "another beginning)");
+    EXPECT_EQ(refused(2, ctl::address_add), "'wlan0' cannot have a store interface; only eth0, "
+                                            "eth1 and so on can (use -i for another prefix)");
     EXPECT_EQ(fake_tav::writes(), 0U);
 }
 
 TEST_F(Editing, AnAddressIsNotStoredTwice) {
     store("x", "2001:db8::5/48", "Automatic");
     options.address = "2001:db8::5/64";
-    EXPECT_EQ(refused(1, ctl::address_add),
-              "'2001:db8::5/48' is stored already (Automatic, node 'x'); 'tandrelctl address "
-              "replace' changes it");
+    EXPECT_EQ(refused(1, ctl::address_add), "'2001:db8::5/48' is already stored (Automatic, node "
+                                            "'x'); use 'tandrelctl address replace' to change it");
     EXPECT_EQ(fake_tav::writes(), 0U);
 }
 
@@ -151,9 +149,10 @@ TEST_F(Editing, OnlyWhatIsMeantIsDeleted) {
     options.address = "nonsense";
     EXPECT_EQ(refused(2, ctl::address_delete), "'nonsense' is not an IPv6 address");
     options.address = "fe80::5";
-    EXPECT_EQ(refused(1, ctl::address_delete),
-              "'fe80::5/64' is Link-Local: the kernel made it, and tandrel would store it again. "
-              "Delete it in the kernel (ip -6 address del fe80::5/64 dev eth0), or use --force");
+    EXPECT_EQ(
+        refused(1, ctl::address_delete),
+        "'fe80::5/64' is Link-Local: the kernel assigned it, and tandrel would store it again. "
+        "Delete it in the kernel (ip -6 address del fe80::5/64 dev eth0), or use --force");
     options.node = "x";
     EXPECT_EQ(refused(2, ctl::address_delete), "give either the address or --node");
     options.address.clear();
@@ -189,7 +188,7 @@ TEST_F(Editing, AGatewayThatCannotBeOneIsRefused) {
 
 TEST_F(Editing, AnInterfaceNodeIsMadeOnceAndStaysEmpty) {
     EXPECT_EQ(refused(1, ctl::interface_add),
-              "the store has a node for eth0 already (interface 1)");
+              "the store already has a node for eth0 (interface 1)");
     options.link = "eth1";
     EXPECT_EQ(ctl::interface_add(options), 0);
     EXPECT_EQ(stored(), (strings{at("1/"), at("2/IPv6/Addresses/")}));
@@ -209,13 +208,13 @@ TEST_F(Editing, AStoreThatKeepsNoEmptyNodesIsSeenThrough) {
 TEST_F(Editing, AnInterfaceNodeWithSettingsIsRemovedByForceOnly) {
     store("x", "2001:db8::5/64");
     EXPECT_EQ(refused(1, ctl::interface_delete),
-              "settings are stored in '/Software/System Settings/Network/Interface/1' and would "
-              "be lost; --force removes them, too");
+              "'/Software/System Settings/Network/Interface/1' contains settings that would be "
+              "lost; use --force to remove them too");
     options.force = true;
     EXPECT_EQ(ctl::interface_delete(options), 0);
     EXPECT_FALSE(fake_tav::exists(at("1")));
-    EXPECT_EQ(captured::standard_error(),
-              "tandrelctl: eth0 is not synchronised any more; the kernel keeps what it has\n");
+    EXPECT_EQ(captured::standard_error(), "tandrelctl: eth0 is no longer synchronised; the kernel "
+                                          "keeps its addresses and its gateway\n");
     EXPECT_EQ(refused(1, ctl::interface_delete), "the store has no node for eth0");
 }
 
@@ -259,7 +258,7 @@ TEST_F(Editing, ARefusalThatStaysIsReportedWithItsPath) {
     options.address = "2001:db8::5/64";
     EXPECT_EQ(refused(1, ctl::address_add), "the store refused to change '" +
                                                 below("Addresses/1/Address/Value") +
-                                                "' (status 9)");
+                                                "' (status 9); try again");
     EXPECT_EQ(fake_tav::calls("set_leaves").size(), 5U);
 }
 
@@ -290,9 +289,8 @@ TEST_F(Editing, ANudgeChangesNothingThatTheDaemonLooksAt) {
 
 TEST_F(Editing, WithoutAnInterfaceNodeThereIsNothingToNudge) {
     fake_tav::erase(at("1"));
-    EXPECT_EQ(refused(1, ctl::nudge),
-              "the store has no interface node, so there is nothing to synchronise; 'tandrelctl "
-              "interface add' makes one");
+    EXPECT_EQ(refused(1, ctl::nudge), "the store has no interface node, so there is nothing to "
+                                      "synchronise; create one with 'tandrelctl interface add'");
 }
 
 } // namespace

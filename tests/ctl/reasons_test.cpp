@@ -76,9 +76,8 @@ TEST_F(Reasons, TheInterfacesNodeIsAbsent) {
 TEST_F(Reasons, AnInterfaceNodeIsNotNamedByANumber) {
     fake_tav::put_node(at("wan port"));
     expect(reason_t::bad_interface_node,
-           "the interface node 'wan port' is not named by a number from 1 on; tandrel's whole read "
-           "fails because of it, nothing at all is synchronised, and it starts over every ten "
-           "seconds",
+           "the name of the interface node 'wan port' is not a number from 1 on; because of it "
+           "tandrel cannot read the store, synchronises nothing, and starts over every ten seconds",
            "tandrelctl interface del --node 'wan port'");
     fake_tav::erase(at("wan port"));
     for (const std::string name : {"0", "-1", "1a"}) {
@@ -92,7 +91,7 @@ TEST_F(Reasons, ALeafStandsAmongTheInterfaces) {
     fake_tav::put(at("Count"), "1");
     expect(reason_t::interface_is_leaf,
            "'/Software/System Settings/Network/Interface/Count' is a leaf, not a node; tandrel "
-           "passes over it",
+           "ignores it",
            "");
 }
 
@@ -108,16 +107,16 @@ TEST_F(Reasons, AnInterfaceNumberIsSpeltOddly) {
 TEST_F(Reasons, TwoInterfaceNodesStandForOneLink) {
     fake_tav::put_node(at("+1"));
     expect(reason_t::interface_twice,
-           "the interface nodes '1' and '+1' both stand for eth0; each synchronisation does what "
-           "the one says, then what the other says",
+           "the interface nodes '1' and '+1' are both for eth0; each synchronisation applies the "
+           "first, then the second",
            "tandrelctl interface del --node +1", {reason_t::odd_interface_number});
 }
 
 TEST_F(Reasons, AnElementIsNothingThatTheDaemonKnows) {
     fake_tav::put(at("1/IPv6/DNS"), "2001:db8::53");
     expect(reason_t::strange_element,
-           "'/Software/System Settings/Network/Interface/1/IPv6/DNS' is nothing that tandrel "
-           "knows; it is left alone, and a change there starts nothing",
+           "tandrel does not know '/Software/System Settings/Network/Interface/1/IPv6/DNS'; it "
+           "ignores the element and changes to it",
            "");
 }
 
@@ -155,8 +154,7 @@ TEST_F(Reasons, AnAddressThatIsRemovedWhileItIsReadIsNone) {
 TEST_F(Reasons, ALinkHasAnotherPrefix) {
     link("wlan0");
     expect(reason_t::wrong_prefix, "not synchronised: its name does not begin with 'eth'",
-           "start tandrel with -i and the beginning of the name, if it is to look after such links "
-           "instead");
+           "to manage such links instead, start tandrel with -i PREFIX");
 }
 
 TEST_F(Reasons, ThePrefixIsWhatTheCommandLineSays) {
@@ -169,7 +167,7 @@ TEST_F(Reasons, ThePrefixIsWhatTheCommandLineSays) {
 TEST_F(Reasons, NoNumberCanNameALink) {
     link("eth0.5");
     expect(reason_t::no_node_fits,
-           "not synchronised: no store node can stand for it, only for eth0, eth1 and so on", "");
+           "not synchronised: it cannot have a store node; only eth0, eth1 and so on can", "");
 }
 
 TEST_F(Reasons, ALinkIsNotAnEthernetOne) {
@@ -202,17 +200,17 @@ TEST_F(Reasons, Ipv6IsDisabledOnTheLink) {
 TEST_F(Reasons, TheStoreHasNoNodeForALink) {
     fake_tav::erase(at("1"));
     expect(reason_t::no_store_node,
-           "the store has no node for it (interface 1), and tandrel never makes one: nothing of "
-           "this link is synchronised",
+           "the store has no node for it (interface 1), and tandrel never creates one; the link is "
+           "not synchronised",
            "tandrelctl interface add eth0");
 }
 
 TEST_F(Reasons, ALinkIsDown) {
     kernel.links[0].up = kernel.links[0].carrier = false;
-    expect(reason_t::link_down,
-           "the link is down: the kernel uses none of its addresses and takes no gateway",
-           "ip link set eth0 up; tandrel(8), CAVEATS, tells how settings outlive a link that goes "
-           "down");
+    expect(
+        reason_t::link_down,
+        "the link is down: the kernel does not use its addresses and accepts no gateway",
+        "ip link set eth0 up; tandrel(8), CAVEATS, says how to keep settings while a link is down");
 }
 
 // --- stored addresses that are skipped ---
@@ -220,8 +218,8 @@ TEST_F(Reasons, ALinkIsDown) {
 TEST_F(Reasons, ALeafStandsAmongTheAddresses) {
     fake_tav::put(at("1/IPv6/Addresses/7"), "2001:db8::5/64");
     expect(reason_t::address_is_leaf,
-           "'/Software/System Settings/Network/Interface/1/IPv6/Addresses/7' is a leaf where the "
-           "node of an address is expected; tandrel passes over it",
+           "'/Software/System Settings/Network/Interface/1/IPv6/Addresses/7' is a leaf where an "
+           "address node is expected; tandrel ignores it",
            "");
 }
 
@@ -259,8 +257,8 @@ TEST_F(Reasons, AStoredTypeIsNotAString) {
 TEST_F(Reasons, AStoredAddressLacksItsPrefixLength) {
     store("x", "2001:db8::5");
     expect(reason_t::address_without_prefix,
-           "the stored address 'x' is skipped: '2001:db8::5' lacks its prefix length (such as /64)",
-           "tandrelctl address replace eth0 2001:db8::5/64, or with the length that it is to have");
+           "the stored address 'x' is skipped: '2001:db8::5' has no prefix length (such as /64)",
+           "tandrelctl address replace eth0 2001:db8::5/64, or with the right length");
 }
 
 TEST_F(Reasons, AStoredAddressHasABadPrefixLength) {
@@ -268,7 +266,7 @@ TEST_F(Reasons, AStoredAddressHasABadPrefixLength) {
     expect(reason_t::address_bad_prefix,
            "the stored address 'x' is skipped: the prefix length of '2001:db8::5/129' is not a "
            "number from 1 to 128",
-           "tandrelctl address replace eth0 with a good one");
+           "tandrelctl address replace eth0, with a length from 1 to 128");
     for (const std::string text : {"2001:db8::5/0", "2001:db8::5/", "2001:db8::5/64x"}) {
         store("x", text);
         EXPECT_EQ(findings().at(0).fault.reason, reason_t::address_bad_prefix) << text;
@@ -288,15 +286,15 @@ TEST_F(Reasons, AStoredTypeIsUnknown) {
     store("x", "2001:db8::5/64", "static");
     expect(reason_t::type_unknown,
            "the stored address 'x' ('2001:db8::5/64') is skipped: its type 'static' is none of "
-           "Static, Automatic and Link-Local (capitals count)",
+           "Static, Automatic and Link-Local (case matters)",
            "tandrelctl address replace eth0 2001:db8::5/64");
 }
 
 TEST_F(Reasons, SkippedAddressesAreNamedAlsoWhenTheLinkIsAbsent) {
     store("x", "2001:db8::5", "Static", "4");
     expect(reason_t::address_without_prefix,
-           "the stored address 'x' is skipped: '2001:db8::5' lacks its prefix length (such as /64)",
-           "tandrelctl address replace eth3 2001:db8::5/64, or with the length that it is to have",
+           "the stored address 'x' is skipped: '2001:db8::5' has no prefix length (such as /64)",
+           "tandrelctl address replace eth3 2001:db8::5/64, or with the right length",
            {reason_t::link_absent});
 }
 
@@ -314,8 +312,7 @@ TEST_F(Reasons, AStaticAddressIsInTheStoreOnly) {
 TEST_F(Reasons, TheKernelGivesNoLinkSuchAnAddress) {
     store("x", "ff02::5/64");
     expect(reason_t::address_unfit,
-           "ff02::5/64 (node 'x') is in the store only: the kernel gives no link a multicast "
-           "address",
+           "ff02::5/64 (node 'x') is in the store only: a link cannot have a multicast address",
            "tandrelctl address del eth0 --node x");
     store("x", "::/64");
     EXPECT_EQ(findings().at(0).fault.words.at("type"), "the unspecified address");
@@ -326,8 +323,8 @@ TEST_F(Reasons, TheKernelGivesNoLinkSuchAnAddress) {
 TEST_F(Reasons, AnAutomaticAddressIsInTheStoreOnly) {
     store("x", "2001:db8::5/64", "Automatic");
     expect(reason_t::address_left_over,
-           "2001:db8::5/64 (Automatic, node 'x') is in the store only; the kernel has the last "
-           "word on such addresses, so tandrel removes it at its next synchronisation",
+           "2001:db8::5/64 (Automatic, node 'x') is in the store only; the kernel decides on such "
+           "addresses, so tandrel removes it at its next synchronisation",
            "tandrelctl address replace eth0 2001:db8::5/64, to keep it as a Static one");
 }
 
@@ -354,7 +351,7 @@ TEST_F(Reasons, AnAddressIsInTheKernelOnly) {
 TEST_F(Reasons, TheKernelListsAnAddressWithoutItsBytes) {
     address("::", 64).has_address = false;
     expect(reason_t::address_listed_empty,
-           "the kernel listed an address without its bytes; tandrel skips it", "");
+           "the kernel listed an entry that contains no address; tandrel skips it", "");
 }
 
 TEST_F(Reasons, AStaticAddressHasAnotherPrefixLengthInTheKernel) {
@@ -381,8 +378,8 @@ TEST_F(Reasons, AnAddressIsStoredUnderAnotherTypeThanTheKernels) {
     address("fe80::5", 64);
     store("x", "fe80::5/64", "Automatic");
     expect(reason_t::type_differs,
-           "fe80::5/64 is stored as Automatic (node 'x'), but for the kernel it is Link-Local: "
-           "tandrel removes the node as junk, and then records the address anew",
+           "fe80::5/64 is stored as Automatic (node 'x'), but the kernel has it as Link-Local: "
+           "tandrel removes the node and then stores the address again",
            "");
 }
 
@@ -411,7 +408,7 @@ TEST_F(Reasons, AnAddressHasAPeer) {
     address("2001:db8::9", 64).has_peer = true;
     store("x", "2001:db8::9/64");
     expect(reason_t::address_has_peer,
-           "2001:db8::9/64 is the peer of a point-to-point address; tandrel takes it for the "
+           "2001:db8::9/64 is the peer of a point-to-point address; tandrel treats it as the "
            "link's own",
            "");
 }
@@ -421,7 +418,7 @@ TEST_F(Reasons, AnAddressHasAPeer) {
 TEST_F(Reasons, TheStoredGatewayHasNoLeaf) {
     fake_tav::put_node(at("1/IPv6/Default Gateway"));
     expect(reason_t::gateway_leaf_missing,
-           "the stored gateway has no leaf Value, which counts as no gateway",
+           "the stored gateway has no leaf Value; tandrel treats it as no gateway",
            "tandrelctl gateway clear eth0, or tandrelctl gateway set");
 }
 
@@ -435,7 +432,8 @@ TEST_F(Reasons, TheStoredGatewayIsNotAString) {
 TEST_F(Reasons, TheStoredGatewayHasABadPrefixLength) {
     store_gateway("fe80::1/0");
     expect(reason_t::gateway_bad_prefix,
-           "the stored gateway is skipped: 'fe80::1/0' has a bad prefix length, and needs none",
+           "the stored gateway is skipped: 'fe80::1/0' has an invalid prefix length; a gateway "
+           "needs none",
            "tandrelctl gateway set eth0 with the address alone");
     route("fe80::1");
     store_gateway("fe80::1/64");
@@ -452,7 +450,7 @@ TEST_F(Reasons, TheStoredGatewayIsNoAddress) {
 TEST_F(Reasons, TheKernelTakesNoSuchGateway) {
     store_gateway("::");
     expect(reason_t::gateway_unfit,
-           "the gateway :: is in the store only: the kernel refuses it, being the "
+           "the gateway :: is in the store only: the kernel refuses it because it is the "
            "unspecified address",
            "tandrelctl gateway set eth0 with the router's address");
     store_gateway("2001:db8::5");
@@ -465,8 +463,8 @@ TEST_F(Reasons, TheLinkOfTheGatewayIsDown) {
     kernel.links[0].up = kernel.links[0].carrier = false;
     store_gateway("fe80::1");
     expect(reason_t::gateway_link_down,
-           "the gateway fe80::1 is in the store only: the kernel takes no route over a link that "
-           "is down, and tandrel does not try again by itself when it comes up",
+           "the gateway fe80::1 is in the store only: the kernel accepts no route over a link that "
+           "is down, and tandrel does not try again when the link comes up",
            "ip link set eth0 up, then tandrelctl nudge (tandrelctl nudge --follow does it each "
            "time)",
            {reason_t::link_down});
@@ -493,7 +491,7 @@ TEST_F(Reasons, TheKernelHasTheGatewayUnderAnotherProtocol) {
     expect(reason_t::gateway_taken,
            "the gateway fe80::1 is in the store, but the kernel has the same route with protocol "
            "ra, and refuses a second, static one",
-           "none needed while that route is there; tandrelctl nudge once it is gone",
+           "none while that route exists; after it is removed: tandrelctl nudge",
            {reason_t::route_other_protocol});
 }
 
@@ -527,16 +525,16 @@ TEST_F(Reasons, TheKernelHasASecondStaticDefaultRoute) {
     route("fe80::1");
     store_gateway("fe80::1");
     expect(reason_t::gateway_second,
-           "the kernel has one more static default route, via fe80::2; tandrel looks after one of "
-           "a link, the newest",
+           "the kernel has another static default route, via fe80::2; tandrel manages only the "
+           "newest one of a link",
            "ip -6 route del default via fe80::2 dev eth0 proto static");
 }
 
 TEST_F(Reasons, ADefaultRouteHasAnotherProtocol) {
     route("fe80::1", RTPROT_BOOT);
     expect(reason_t::route_other_protocol,
-           "the default route via fe80::1 has protocol boot; tandrel looks after static ones only",
-           "tandrelctl gateway set eth0 fe80::1, if it is to be kept in the store");
+           "the default route via fe80::1 has protocol boot; tandrel manages only static ones",
+           "to store it: tandrelctl gateway set eth0 fe80::1");
 }
 
 TEST_F(Reasons, AStaticRouteHasADestination) {
@@ -544,15 +542,15 @@ TEST_F(Reasons, AStaticRouteHasADestination) {
     one.route.dst = bytes("2001:db8:5::");
     one.route.dst_len = 48;
     expect(reason_t::route_with_destination,
-           "the route to 2001:db8:5::/48 is left alone; tandrel looks after default routes only",
-           "");
+           "tandrel ignores the route to 2001:db8:5::/48; it manages only default routes", "");
     one.route.protocol = RTPROT_KERNEL;
     EXPECT_TRUE(findings().empty()) << "the kernel's own routes are no news";
 }
 
 TEST_F(Reasons, ADefaultRouteHasNoGateway) {
     route("::");
-    expect(reason_t::route_without_gateway, "a default route without gateway is left alone", "");
+    expect(reason_t::route_without_gateway, "tandrel ignores a default route without a gateway",
+           "");
 }
 
 TEST_F(Reasons, ADefaultRouteHasSeveralGateways) {
@@ -560,21 +558,22 @@ TEST_F(Reasons, ADefaultRouteHasSeveralGateways) {
     one.multipath = true;
     one.has_index = false;
     expect(reason_t::route_multipath,
-           "a default route with several gateways is left alone: it has no single output link", "");
+           "tandrel ignores a default route with several gateways: it has no single output link",
+           "");
 }
 
 TEST_F(Reasons, ADefaultRouteStandsInAnotherTable) {
     route("fe80::1").table = 100;
     store_gateway("fe80::1");
     expect(reason_t::route_other_table,
-           "the default route via fe80::1 stands in table 100; tandrel takes it for one of the "
+           "the default route via fe80::1 is in table 100; tandrel treats it as a route of the "
            "main table",
            "");
 }
 
 TEST_F(Reasons, NoDaemonRuns) {
     const ctl::finding_t finding{"", {reason_t::daemon_absent, {}}};
-    EXPECT_EQ(finding.sentence(), "no such process runs here, so nothing will change by itself");
+    EXPECT_EQ(finding.sentence(), "it does not run here, so nothing will be synchronised");
     EXPECT_EQ(finding.remedy(),
               "start it: systemctl start tandrel, or, to watch it, tandrel -d -D 3");
 }

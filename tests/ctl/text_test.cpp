@@ -79,7 +79,7 @@ TEST_F(Table, ShowsBothViewsSideBySide) {
         "? -               2001:db8::6/64\\x1b  Static      wan port",
         "= via fe80::1     fe80::1             Gateway     -         protocol static",
         "",
-        "= both agree   K only in the kernel   ? stored, but unusable"};
+        "= both agree   K only in the kernel   ? stored, but cannot be used"};
     EXPECT_EQ(lines(), expected);
 }
 

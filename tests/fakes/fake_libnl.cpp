@@ -181,6 +181,10 @@ void nl_socket_free(nl_sock *socket) {
     }
 }
 
+const char *nl_geterror(int error) {
+    return error == 0 ? "Success" : "Unspecific failure";
+}
+
 int nl_connect(nl_sock *socket, int protocol) {
     const fake_memory::spare spare;
     journal::add("nl_connect(" + number(protocol) + ")");

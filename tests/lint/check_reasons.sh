@@ -14,7 +14,7 @@ for reason in $reasons; do
     # Found by looking at processes, which only tests/ctl/kernel can have.
     daemon_absent)
         grep -qF '{reason_t::daemon_absent, {}}' <<<"$tests" &&
-            grep -qF 'tandrel: note: no such process runs here' tests/ctl/kernel/look_test.cpp ;;
+            grep -qF 'tandrel: note: it does not run here' tests/ctl/kernel/look_test.cpp ;;
     *) grep -qE "^ *expect\(reason_t::$reason,( \"|\$)" <<<"$tests" ;;
     esac || fail "no test holds the sentence of $reason"
 done

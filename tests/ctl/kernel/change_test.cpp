@@ -51,7 +51,7 @@ TEST_F(Change, AWaitInVainSaysWhy) {
     const result_t alone = run({"address", "add", "eth0", "2001:db8::6/64", "--wait=1"});
     EXPECT_EQ(alone.status, 4);
     EXPECT_TRUE(!sees_all_processes() ||
-                contains(alone.errors, "tandrel: note: no such process runs here"))
+                contains(alone.errors, "tandrel: note: it does not run here"))
         << alone.errors;
 }
 
@@ -107,7 +107,7 @@ TEST_F(Change, TheKernelsConfigurationIsImported) {
     const result_t shown = run({"import", "--from-kernel"});
     EXPECT_EQ(shown.status, 0);
     EXPECT_EQ(shown.output, "eth0  2001:db8::5/64  new\neth0  gateway fe80::1  new\n"
-                            "nothing was written; --write stores it\n");
+                            "nothing was written; use --write to store these settings\n");
     EXPECT_EQ(store.addresses(1).size(), 0U);
     EXPECT_EQ(run({"import"}).status, 2);
     EXPECT_EQ(run({"import", "--from-kernel", "--write"}).status, 0);
@@ -115,8 +115,8 @@ TEST_F(Change, TheKernelsConfigurationIsImported) {
     EXPECT_EQ(store.gateway(1), "fe80::1");
     EXPECT_EQ(store.addresses(1).size(), 1U);
     EXPECT_EQ(run({"import", "--from-kernel"}).output,
-              "eth0  2001:db8::5/64  is stored already\neth0  gateway fe80::1  is stored "
-              "already\nnothing to store\n");
+              "eth0  2001:db8::5/64  already stored\neth0  gateway fe80::1  already stored\n"
+              "nothing to store\n");
 }
 
 // The daemon ran first, and took the address for one of the kernel's own.
@@ -128,7 +128,7 @@ TEST_F(Change, AnImportMakesStaticWhatTheDaemonRecordedAsAutomatic) {
     const std::string node = store.node_of(1, "2001:db8::5/64");
     const result_t written = run({"import", "--from-kernel", "--write"});
     EXPECT_EQ(written.output,
-              "eth0  2001:db8::5/64  is stored as 2001:db8::5/64 Automatic; becomes Static\n"
+              "eth0  2001:db8::5/64  stored as 2001:db8::5/64 Automatic; becomes Static\n"
               "stored\n");
     ASSERT_TRUE(settle());
     EXPECT_TRUE(store.has_address(1, "2001:db8::5/64", "Static"));

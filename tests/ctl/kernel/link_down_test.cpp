@@ -81,14 +81,14 @@ TEST_F(LinkDown, WithBothRemediesEverythingComesBack) {
     }
     start_with_address_and_gateway();
     const auto follower = begin({"nudge", "--follow"});
-    ASSERT_NE(follower->output().wait_for("started: tandrel is told to synchronise"), 0U);
+    ASSERT_NE(follower->output().wait_for("started: asked tandrel to synchronise"), 0U);
     for (int i = 0; i < 3; ++i) {
         const std::size_t seen = follower->output().size();
         device.set_up("eth0", false);
         ASSERT_TRUE(settle());
         EXPECT_FALSE(gateway_there());
         device.set_up("eth0");
-        EXPECT_NE(follower->output().wait_for("eth0 came up: tandrel is told to synchronise", seen),
+        EXPECT_NE(follower->output().wait_for("eth0 came up: asked tandrel to synchronise", seen),
                   0U);
         EXPECT_TRUE(becomes([&] { return gateway_there(); }));
         EXPECT_TRUE(both_have(1, "2001:db8::5/64"));
@@ -114,7 +114,7 @@ protected:
 
 TEST_F(LinkDownAtBoot, WithoutAFollowerTheStoredGatewayIsNotInstalled) {
     EXPECT_TRUE(
-        contains(run({"check"}).output, "the kernel takes no route over a link that is down"));
+        contains(run({"check"}).output, "the kernel accepts no route over a link that is down"));
     device.set_up("eth0");
     ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
     ASSERT_TRUE(settle());
@@ -123,7 +123,7 @@ TEST_F(LinkDownAtBoot, WithoutAFollowerTheStoredGatewayIsNotInstalled) {
 
 TEST_F(LinkDownAtBoot, WithAFollowerTheStoredGatewayIsInstalled) {
     const auto follower = begin({"nudge", "--follow"});
-    ASSERT_NE(follower->output().wait_for("started: tandrel is told to synchronise"), 0U);
+    ASSERT_NE(follower->output().wait_for("started: asked tandrel to synchronise"), 0U);
     ASSERT_TRUE(settle()); // the first nudge must not do the work of the second
     ASSERT_FALSE(gateway_there());
     device.set_up("eth0");
@@ -141,7 +141,7 @@ TEST_F(LinkDownAtBoot, AFollowerThatFindsNoStoreTriesUntilThereIsOne) {
     ASSERT_NE(follower->errors().wait_for_containing("trying again every second"), 0U);
     service.start();
     store.set_gateway(1, "fe80::1"); // it was in memory
-    EXPECT_NE(follower->output().wait_for("started: tandrel is told to synchronise"), 0U);
+    EXPECT_NE(follower->output().wait_for("started: asked tandrel to synchronise"), 0U);
     follower->signal(SIGTERM);
     EXPECT_EQ(follower->wait_exit(), 0);
 }

@@ -54,9 +54,10 @@ TEST_F(Look, WithoutADaemonTheCheckSaysSoAndWhatDiffers) {
     EXPECT_TRUE(contains(checked.output, "eth0: 2001:db8::5/64 (Static, node 'office') is in the "
                                          "store only"))
         << checked.output;
-    EXPECT_TRUE(contains(checked.output, "eth0: the stored address 'bad' is skipped: '2001:db8::5' "
-                                         "lacks its prefix length"));
-    EXPECT_TRUE(contains(checked.output, "tandrel: note: no such process runs here"));
+    EXPECT_TRUE(
+        contains(checked.output,
+                 "eth0: the stored address 'bad' is skipped: '2001:db8::5' has no prefix length"));
+    EXPECT_TRUE(contains(checked.output, "tandrel: note: it does not run here"));
     const auto json = nlohmann::json::parse(run({"check", "--json", "eth0"}).output);
     EXPECT_EQ(json["agree"], false);
     std::vector<std::string> reasons;
@@ -104,7 +105,7 @@ TEST_F(Look, ADaemonThatHasEndedDoesNotCount) {
     }
     siginfo_t ended{};
     ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
-    EXPECT_TRUE(contains(run({"check"}).output, "tandrel: note: no such process runs here"));
+    EXPECT_TRUE(contains(run({"check"}).output, "tandrel: note: it does not run here"));
     EXPECT_EQ(waitpid(child, nullptr, 0), child);
 }
 
