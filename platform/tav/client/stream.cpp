@@ -167,7 +167,7 @@ const char *describe(StreamResult result) {
     case StreamResult::failed:
         return std::strerror(errno); // NOLINT(concurrency-mt-unsafe): no threads here
     case StreamResult::too_large:
-        return "the service sent an oversized frame";
+        return "the service sent a message that is too large";
     case StreamResult::done:
         break;
     }

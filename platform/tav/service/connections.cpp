@@ -58,12 +58,12 @@ const char *Server::why_full(const Credentials &who) {
         rights.owns(who.uid) ? limits::connections : limits::connections - limits::connections_kept;
     if (peers.size() >= most) {
         service.usage().refuse(Limit::connections);
-        return "the service has as many connections as it may have";
+        return "the service has reached its limit of connections";
     }
     const auto own = user_connections.find(who.uid);
     if (own != user_connections.end() && own->second >= limits::connections_per_user) {
         service.usage().refuse(Limit::user_connections);
-        return "this user has as many connections as one may have";
+        return "this user has reached the limit of connections per user";
     }
     return nullptr;
 }
@@ -72,8 +72,8 @@ void Server::admit(UniqueFd fd) {
     const Credentials who = credentials_of(fd.get());
     const Access access = rights.of(who);
     if (access == Access::none) {
-        log_line("process %d of user %u has no right to connect", who.pid, who.uid);
-        say_farewell(fd.get(), api_status_denied, "this user has no right to use it");
+        log_line("process %d of user %u may not connect", who.pid, who.uid);
+        say_farewell(fd.get(), api_status_denied, "this user may not use the store");
         return;
     }
     const char *const full = why_full(who);
@@ -187,7 +187,7 @@ void Server::limit_held_bytes() {
             return left.second.bytes < right.second.bytes;
         });
     service.usage().refuse(Limit::held_bytes);
-    dismiss(most->second.client, api_status_refused, "the service had to hold too much for it");
+    dismiss(most->second.client, api_status_refused, "too much data was waiting for this client");
 }
 
 // Ends a connection, and tells the client why if it can be told.

@@ -46,7 +46,8 @@ void Database::use_wal() {
     const Sqlite::Statement statement = database.prepare("PRAGMA journal_mode = WAL");
     // A file system may not offer what WAL needs. The classic journal promises no less, slower.
     if (!database.next(statement.get()) || column_text(statement.get(), 0) != "wal") {
-        log_line("database '%s': no write-ahead log on this file system", database.name().c_str());
+        log_line("database '%s': this file system does not support a write-ahead log",
+                 database.name().c_str());
     }
 }
 

@@ -100,7 +100,7 @@ void provide_database(const std::string &file, const std::vector<std::string> &i
     const std::string directory = directory_of(file);
     const UniqueFd lock(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!lock.valid() || ::flock(lock.get(), LOCK_EX) != 0) {
-        fail(file, "cannot be looked for in directory '" + directory + "'");
+        fail(file, "cannot be opened: cannot lock directory '" + directory + "'");
     }
     struct stat info {};
     if (::stat(file.c_str(), &info) == 0 && !S_ISREG(info.st_mode)) {
@@ -131,7 +131,7 @@ void check_database(Sqlite &database) {
         refuse_database(database.name(), "is empty, which no database of this service ever is");
     }
     if (database.number("PRAGMA application_id") != application_id) {
-        refuse_database(database.name(), "is another program's");
+        refuse_database(database.name(), "belongs to another program");
     }
     const std::int64_t version = database.number("PRAGMA user_version");
     if (version != format) {

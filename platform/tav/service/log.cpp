@@ -51,7 +51,7 @@ void log_line(const char *format, ...) {
     vsnprintf(text, sizeof text, format, arguments);
     va_end(arguments);
     if (left_out > 0) {
-        std::fprintf(stderr, "tavd: %lu lines like the next one were left out\n", left_out);
+        std::fprintf(stderr, "tavd: %lu lines like the next one were omitted\n", left_out);
     }
     // One call for the whole line: several processes may share the stream. When it cannot be
     // written there is nobody to tell.

@@ -5,9 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <memory>
 #include <optional>
@@ -33,31 +35,29 @@ const char usage[] =
     "\n"
     "Serves the settings store until SIGTERM, SIGINT or SIGHUP.\n"
     "\n"
-    "Where the settings are kept. Whatever is chosen, a write is answered only once it is done, "
-    "and\n"
-    "it is done whole or not at all.\n"
-    "  --database FILE      in FILE, which is created when it does not exist. What was answered\n"
-    "                       survives the death of the service.\n"
-    "  --durability full    it survives a crash of the machine and a power cut as well (the "
-    "default)\n"
-    "  --durability normal  these may cost the last writes before them: never one but the last "
-    "ones,\n"
-    "                       never half of one. Faster, and easier on flash memory.\n"
-    "  --memory             in memory: they are gone with the service\n"
-    "  --initial-node PATH  a fresh store, one that is created now, has the node PATH. May be "
-    "given\n"
-    "                       several times.\n"
+    "Where to keep the settings. A write is answered after it is done, and is done completely\n"
+    "or not at all.\n"
+    "  --database FILE      in FILE, which is created if it does not exist. A write that was\n"
+    "                       answered survives the death of the service.\n"
+    "  --durability full    a write that was answered also survives a crash of the machine and\n"
+    "                       a power cut (the default)\n"
+    "  --durability normal  a crash or a power cut may lose the last writes, but never an\n"
+    "                       earlier one and never half of one. Faster, and wears flash memory\n"
+    "                       less.\n"
+    "  --memory             in memory: the settings are lost when the service ends\n"
+    "  --initial-node PATH  a store that is created now has the node PATH. May be given several\n"
+    "                       times.\n"
     "\n"
-    "Who may use them: root and the user that the service runs as, and with\n"
-    "  --write-group NAME   whoever is in this group\n"
-    "  --read-group NAME    whoever is in this group, though without changing anything. When both\n"
-    "                       are given the socket is this group's, and writers are in it, too.\n"
+    "Who may use them: root, the user that the service runs as, and\n"
+    "  --write-group NAME   members of this group\n"
+    "  --read-group NAME    members of this group, for reading only. If both groups are given,\n"
+    "                       the socket belongs to the read group, and writers must be members\n"
+    "                       of both.\n"
     "\n"
-    "Where they are served:\n"
-    "  --socket PATH        at PATH (else TAV_SOCKET, else /run/tav/tav.sock). A directory that "
-    "is\n"
-    "                       missing is made, with mode 0750.\n"
-    "  --socket-mode MODE   with these permissions of the socket, octal (0660)\n"
+    "Where to serve them:\n"
+    "  --socket PATH        at PATH (default: TAV_SOCKET, or /run/tav/tav.sock). A missing\n"
+    "                       directory is created with mode 0750.\n"
+    "  --socket-mode MODE   with these permissions of the socket, octal (default: 0660)\n"
     "\n"
     "  --help               print this text\n"
     "\n"
@@ -103,7 +103,7 @@ bool take(int found, const char *argument, Options &options) {
     case 'D':
         options.durability = parse_durability(argument);
         if (!options.durability) {
-            tav::log_line("'%s' is no durability: full or normal", argument);
+            tav::log_line("'%s' is not a durability; use full or normal", argument);
         }
         return options.durability.has_value();
     case 'm':
@@ -165,11 +165,11 @@ std::optional<Options> parse(int argc, char **argv) {
         }
     }
     if (optind != argc || options.memory == !options.database.empty()) {
-        tav::log_line("exactly one of --database and --memory is needed, and nothing else");
+        tav::log_line("give exactly one of --database and --memory, and no other arguments");
         return std::nullopt;
     }
     if (options.memory && options.durability) {
-        tav::log_line("--durability is for a --database: --memory promises nothing");
+        tav::log_line("--durability needs --database; --memory keeps nothing");
         return std::nullopt;
     }
     return options;
@@ -216,7 +216,7 @@ void serve(const Options &options) {
     const tav::Rights rights = rights_of(options);
     const tav::UniqueFd signals = catch_signals();
     if (!signals.valid()) {
-        throw std::runtime_error("no signalfd");
+        throw std::runtime_error(std::string("cannot create a signalfd: ") + std::strerror(errno));
     }
     raise_descriptor_limit();
     // Claimed first: whoever is second hears that, and not that the database is in use.
@@ -231,7 +231,7 @@ void serve(const Options &options) {
     tav::log_line("serving on %s (%s%s)", options.socket.c_str(),
                   options.memory ? "memory only" : "database ", options.database.c_str());
     server.run();
-    tav::log_line("ending");
+    tav::log_line("exiting");
 }
 
 } // namespace

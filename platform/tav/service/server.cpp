@@ -188,7 +188,7 @@ bool Server::serve_request(PeerId id, Peer &peer, bool behind_ping) {
         service.usage().refuse(Limit::frame_bytes);
     }
     if (endless || state != FrameState::complete || !handle(id, peer, body)) {
-        dismiss(id, api_status_refused, "what the client sent is no request");
+        dismiss(id, api_status_refused, "the client sent an invalid request");
         return true;
     }
     service.usage().raise(Limit::frame_bytes, body.size());

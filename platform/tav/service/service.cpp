@@ -3,6 +3,8 @@
 #include <sys/random.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <stdexcept>
 #include <utility>
 
@@ -16,7 +18,7 @@ std::uint64_t random_token() {
     std::uint64_t token = 0;
     // A request this small is neither interrupted nor cut once the kernel's source is ready.
     if (::getrandom(&token, sizeof token, 0) != static_cast<ssize_t>(sizeof token)) {
-        throw std::runtime_error("no random numbers");
+        throw std::runtime_error(std::string("cannot get random numbers: ") + std::strerror(errno));
     }
     return token;
 }

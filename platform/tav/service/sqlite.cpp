@@ -16,9 +16,8 @@ void Sqlite::Closer::operator()(sqlite3_stmt *statement) const {
 
 void refuse_database(const std::string &file, const std::string &what) {
     throw DatabaseError("database '" + file + "' " + what +
-                        "; it was left as it is. To go on without it, start tavd with --database"
-                        " and the name of a file that does not exist yet, and load a dump into it"
-                        " (tav load)");
+                        "; it was not changed. To continue without it, start tavd with --database "
+                        "and the name of a new file, and load a dump into it (tav load)");
 }
 
 Sqlite::Sqlite(std::string file, int flags) : file_name(std::move(file)) {

@@ -72,7 +72,7 @@ void Watchdog::depart(std::uint64_t session) {
         return;
     }
     entry->state = WatchdogState::gone;
-    log_line("watchdog '%s' (process %u) is gone", entry->name.c_str(), entry->pid);
+    log_line("watchdog '%s' (process %u) disconnected", entry->name.c_str(), entry->pid);
     const auto is_gone = [](const Entry &e) { return e.state == WatchdogState::gone; };
     const auto departed = std::count_if(entries.begin(), entries.end(), is_gone);
     if (static_cast<std::size_t>(departed) > limits::departed_watchdogs) {

@@ -107,9 +107,9 @@ TEST_F(DamageTest, ItIsNoDatabase) {
 TEST_F(DamageTest, ItIsAnotherProgramsDatabase) {
     std::filesystem::remove(database);
     sql(database, "CREATE TABLE theirs (x)");
-    expect_refused("is another program's");
+    expect_refused("belongs to another program");
     sql(database, "PRAGMA application_id = 7");
-    expect_refused("is another program's");
+    expect_refused("belongs to another program");
 }
 
 TEST_F(DamageTest, ANewerServiceWroteIt) {

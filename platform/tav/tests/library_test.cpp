@@ -156,7 +156,7 @@ TEST_F(LibraryTest, AnAcknowledgementWithoutAByteIsRefused) {
 
 TEST_F(LibraryTest, AnOversizedFrameIsRefusedByItsLength) {
     play_answer([](std::uint32_t) { return std::string("\x7f\xff\xff\xff", 4); });
-    expect_refused("oversized");
+    expect_refused("too large");
 }
 
 TEST_F(LibraryTest, AConnectionThatEndsInTheMiddleOfAReplyIsLost) {

@@ -125,7 +125,7 @@ TEST_F(LimitsTest, ACallHasOnlySoManyPaths) {
          {request_frame(Op::read, reading), request_frame(Op::transact, writing)}) {
         RawClient other(socket);
         other.calls.send(frame);
-        EXPECT_EQ(other.calls.farewell(), "what the client sent is no request");
+        EXPECT_EQ(other.calls.farewell(), "the client sent an invalid request");
     }
     EXPECT_EQ(shown("paths of a call").refused, 2U);
 }
@@ -143,7 +143,7 @@ TEST_F(LimitsTest, AUserHasOnlySoManyConnectionsAndIsToldSo) {
     EXPECT_EQ(all.size(), limits::connections_per_user / 2 - 1);
     ASSERT_EQ(reports().size(), 1U);
     EXPECT_EQ(reports()[0].second, "cannot connect to the settings service at " + socket +
-                                       ": this user has as many connections as one may have");
+                                       ": this user has reached the limit of connections per user");
     const tav::LimitStatus limit = shown("connections of a user");
     EXPECT_EQ(limit.used, limits::connections_per_user);
     EXPECT_EQ(limit.refused, 1U);
@@ -169,7 +169,7 @@ TEST_F(LimitsTest, WhoDoesNotConnectCompletelyIsDisconnected) {
 TEST_F(LimitsTest, AStrangerCannotMakeTheServiceHoldALargeFirstFrame) {
     RawPeer stranger(socket);
     stranger.send(std::string("\0\xff\xff\xff", 4) + std::string(100, 'x'));
-    EXPECT_EQ(stranger.farewell(), "what the client sent is no request");
+    EXPECT_EQ(stranger.farewell(), "the client sent an invalid request");
 }
 
 TEST_F(LimitsTest, ClientsThatDoNotReadLargeRepliesAreEndedBeforeTheyCostTooMuch) {

@@ -147,8 +147,8 @@ TEST_F(RightsTest, WithoutAGroupOnlyOwnerAndRootReachTheSocket) {
 TEST_F(RightsTest, WhoHasNoRightIsRefusedWithAReasonAlsoWhenTheSocketIsOpenToAll) {
     ::mkdir(dir.file("run").c_str(), 0755);
     start_with({"--socket-mode", "0666"});
-    EXPECT_EQ(as(stranger, no_group, {}, connect), refusal("this user has no right to use it"));
-    EXPECT_TRUE(tavd->wait_for_error_text("of user 54321 has no right to connect"));
+    EXPECT_EQ(as(stranger, no_group, {}, connect), refusal("this user may not use the store"));
+    EXPECT_TRUE(tavd->wait_for_error_text("of user 54321 may not connect"));
     EXPECT_EQ(connect(), "connected");
 }
 

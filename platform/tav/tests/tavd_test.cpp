@@ -230,7 +230,7 @@ TEST_F(TavdTest, AWriteThatChangesNothingDoesNotReachTheDisk) {
 
 namespace {
 
-constexpr const char *no_request = "what the client sent is no request";
+constexpr const char *no_request = "the client sent an invalid request";
 
 class MisbehaviourTest : public TavdTest {
 protected:
@@ -423,6 +423,6 @@ TEST_F(TavdTest, AnOverdueWatchdogIsLoggedAndShownAndSoIsOneThatIsGone) {
     client.ping();
     EXPECT_TRUE(tavd->wait_for_error_text("pings again"));
     client.close();
-    EXPECT_TRUE(tavd->wait_for_error_text("is gone"));
+    EXPECT_TRUE(tavd->wait_for_error_text("disconnected"));
     EXPECT_NE(tav({"status"}).output.find("gone"), std::string::npos);
 }

@@ -142,11 +142,11 @@ TEST_F(ToolFilesTest, LoadNamesWhatIsWrongAndChangesNothing) {
         {R"({"format":"tav-dump","version":2,"path":"/","elements":[]})", "another version"},
         {R"({"format":"tav-dump","version":1,"path":"/"})", "no list of \"elements\""},
         {R"({"format":"tav-dump","version":1,"elements":[]})", "the dump has no \"path\""},
-        {dump_of("a", ""), "\"a\" is no path"},
+        {dump_of("a", ""), "\"a\" is not a path"},
         {dump_of("/", "7"), "element 1 is not an object"},
         {dump_of("/", R"({"type":"node"})"), "element 1 has no \"path\""},
         {dump_of("/", R"({"path":"/a"})"), "element 1 (/a) has no \"type\""},
-        {dump_of("/", R"({"path":"/a","type":"strin"})"), "\"strin\" is no type"},
+        {dump_of("/", R"({"path":"/a","type":"strin"})"), "\"strin\" is not a type"},
         {dump_of("/", R"({"path":"/a","type":"string"})"), "element 1 (/a) has no \"value\""},
         {dump_of("/", R"({"path":"/a","type":"string","value":5})"), "no \"value\""},
         {dump_of("/", R"({"path":"/a","type":"string","value":"1","time":"x"})"), "the time"},
@@ -157,11 +157,11 @@ TEST_F(ToolFilesTest, LoadNamesWhatIsWrongAndChangesNothing) {
         {dump_of("/", R"({"path_hex":"zz","type":"node"})"), "element 1 has no \"path\""},
         {dump_of("/a", R"({"path":"/ab","type":"node"})"), "is not below /a"},
         {dump_of("/", R"({"path":"/a","type":"node"},{"path":"/a","type":"node"})"),
-         "element 2 (/a) is there twice"},
+         "element 2 (/a) occurs twice"},
         {dump_of("/", R"({"path":"/ok","type":"node"},{"path":"/ok//x","type":"node"})"),
          "bad path"},
         {dump_of("/", R"({"path":"/ok","type":"node"},{"path":"/i","type":"integer","value":"x"})"),
-         "'x' is no integer"}};
+         "'x' is not an integer"}};
     for (const auto &[text, reason] : cases) {
         const std::string errors = bad(1, {"load"}, text);
         EXPECT_NE(errors.find(reason), std::string::npos) << text << '\n' << errors;
@@ -181,7 +181,7 @@ TEST_F(ToolFilesTest, WhatOneTransactionCannotHoldIsRefusedWholeAndLoadedInParts
     }
     elements.pop_back();
     const std::string name = file(dump_of("/big", elements));
-    EXPECT_NE(bad(1, {"load", name}).find("nothing was changed: one transaction holds at most"),
+    EXPECT_NE(bad(1, {"load", name}).find("nothing was changed: one transaction has at most"),
               std::string::npos);
     EXPECT_EQ(good({"ls"}), "");
     good({"set", "/big/extra", "1"});
@@ -255,10 +255,10 @@ TEST_F(ToolFilesTest, ApplyNamesTheLineOfEachErrorAndChangesNothing) {
                                    "set /a 1\nfrob\nset /b\nset -t colour /c 1\nrm\nmknode\n"
                                    "set /d \"open\nset /e \\q\n\nset\nrm -r\nset \x1b[m 1 2\n");
     for (const char *part :
-         {"line 2: 'frob' is no step", "line 3: set needs pairs", "line 4: -t needs",
-          "line 5: rm needs a path", "line 6: mknode needs a path",
-          "line 7: a \" has no counterpart", "line 8: '\\\\q' holds a backslash",
-          "line 10: set needs", "line 11: rm needs", "line 12: set needs", "nothing was changed"}) {
+         {"line 2: 'frob' is not a step", "line 3: set needs pairs", "line 4: -t needs",
+          "line 5: rm needs a path", "line 6: mknode needs a path", "line 7: a \" is not closed",
+          "line 8: '\\\\q' contains a backslash", "line 10: set needs", "line 11: rm needs",
+          "line 12: set needs", "nothing was changed"}) {
         EXPECT_NE(errors.find(part), std::string::npos) << part << '\n' << errors;
     }
     EXPECT_EQ(errors.find('\x1b'), std::string::npos);

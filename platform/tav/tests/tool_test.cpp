@@ -27,14 +27,13 @@ TEST_F(ToolTest, SetWritesAStringUnlessToldOtherwise) {
 
 TEST_F(ToolTest, SetIsOneTransaction) {
     good({"mknode", "/node"});
-    EXPECT_EQ(
-        bad(1, {"set", "/a", "1", "/node", "2", "/b", "3"}),
-        "tav: /node: wrong kind; it is a node, and a node has no value; to see what it holds: "
-        "tav ls /node\n");
+    EXPECT_EQ(bad(1, {"set", "/a", "1", "/node", "2", "/b", "3"}),
+              "tav: /node: wrong kind; it is a node, and a node has no value; to list it: tav ls "
+              "/node\n");
     bad(1, {"get", "/a"});
     EXPECT_EQ(
         bad(1, {"set", "-t", "integer", "/a", "x"}),
-        "tav: /a: bad value; 'x' is no integer; write a whole number of at most 64 bits, like "
+        "tav: /a: bad value; 'x' is not an integer; write a whole number of at most 64 bits, like "
         "-5\n");
 }
 
@@ -45,12 +44,11 @@ TEST_F(ToolTest, ValuesMayBeginWithADashOrBeEmptyOrOdd) {
 
 TEST_F(ToolTest, GetOfWhatIsAbsentOrANodeEndsWithOne) {
     good({"set", "/a/b", "1"});
-    EXPECT_EQ(bad(1, {"get", "/none"}),
-              "tav: /none: absent; / is there; to see what it holds: tav ls /\n");
+    EXPECT_EQ(bad(1, {"get", "/none"}), "tav: /none: absent; / exists; to list it: tav ls /\n");
     EXPECT_EQ(bad(1, {"get", "/a/b/c"}),
               "tav: /a/b/c: absent; /a/b is a leaf, and nothing is below a leaf\n");
     EXPECT_EQ(bad(1, {"get", "/a"}),
-              "tav: /a: wrong kind; it is a node; to read all below it: tav get -r /a\n");
+              "tav: /a: wrong kind; it is a node; to read everything below it: tav get -r /a\n");
     EXPECT_EQ(bad(1, {"get", "a"}),
               "tav: a: bad path; a path is / or /name/name..., without empty names\n");
     const Ran mixed = tav({"get", "/a/b", "/none"});
@@ -166,14 +164,15 @@ TEST_F(ToolTest, MknodeTouchAndRm) {
     good({"rm", "/a/b/leaf"});
     EXPECT_EQ(good({"ls", "/a"}), "b\n") << "a node outlives its last leaf";
     EXPECT_EQ(bad(1, {"rm", "/c", "/a"}),
-              "tav: /a: not empty; to remove all below it, too: tav rm -r /a\n");
+              "tav: /a: not empty; to remove it with everything below it: tav rm -r /a\n");
     EXPECT_EQ(good({"ls"}), "a\nc\n") << "all or nothing";
     good({"rm", "-r", "/a", "/c"});
     bad(1, {"ls", "/a"});
     bad(1, {"rm", "/a"});
     for (const char *option : {"-e", "-r"}) {
-        EXPECT_EQ(bad(1, {"rm", option, "/"}),
-                  "tav: /: refused; the root always stays; remove what is below it: tav ls /\n");
+        EXPECT_EQ(
+            bad(1, {"rm", option, "/"}),
+            "tav: /: refused; the root cannot be removed; to list what is below it: tav ls /\n");
     }
 }
 
@@ -254,7 +253,7 @@ TEST_F(ToolTest, StatusShowsClientsQueuesAndWatchdogs) {
 
 TEST_F(ToolTest, AWrongCommandLineEndsWithTwo) {
     bad(2, {});
-    EXPECT_NE(bad(2, {"frobnicate"}).find("there is no 'frobnicate'"), std::string::npos);
+    EXPECT_NE(bad(2, {"frobnicate"}).find("'frobnicate' is not a command"), std::string::npos);
     EXPECT_NE(bad(2, {"get"}).find("try: tav get --help"), std::string::npos);
     bad(2, {"get"});
     bad(2, {"set"});
@@ -285,7 +284,7 @@ TEST_F(ToolTest, WithoutAServiceItEndsWithThree) {
     for (const char *command : {"ls", "status", "dump", "tree"}) {
         EXPECT_NE(bad(3, {command}).find("cannot connect"), std::string::npos);
     }
-    EXPECT_NE(bad(3, {"get", "/a"}).find("is tavd running"), std::string::npos);
+    EXPECT_NE(bad(3, {"get", "/a"}).find("check that tavd runs"), std::string::npos);
     bad(2, {"diff", "/no/such/file"});
     bad(3, {"set", "/a", "1"});
 }

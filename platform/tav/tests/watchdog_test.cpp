@@ -65,7 +65,8 @@ TEST_F(WatchdogTest, OneThatIsOverdueIsLoggedOnceAndOnceWhenItIsBack) {
 
 TEST_F(WatchdogTest, OneThatIsGoneIsLoggedAndShownUntilItsNameIsBack) {
     announce(1, "worker");
-    EXPECT_EQ(logged([this] { dog.depart(1); }), "tavd: watchdog 'worker' (process 42) is gone\n");
+    EXPECT_EQ(logged([this] { dog.depart(1); }),
+              "tavd: watchdog 'worker' (process 42) disconnected\n");
     EXPECT_EQ(logged([this] { dog.depart(1); }), "");
     EXPECT_EQ(state(), WatchdogState::gone);
     now += seconds(1000);

@@ -17,33 +17,32 @@ namespace tav::tool {
 namespace {
 
 constexpr const char *overview =
-    "Exit status: 0 done, 1 something absent or refused, 2 wrong usage, 3 no service.\n"
-    "             diff: 0 the same, 1 different, 2 trouble.\n"
-    "Every change is one transaction: done whole or not at all.\n"
+    "Exit status: 0 done, 1 absent or refused, 2 wrong usage, 3 no service;\n"
+    "             of diff: 0 no differences, 1 differences, 2 an error.\n"
+    "Every change is one transaction: it is done completely or not at all.\n"
     "\n"
     "Examples:\n"
     "  tav tree                                   everything that is stored\n"
-    "  tav set /office/lamp on                    write a value, creating what is missing above\n"
+    "  tav set /office/lamp on                    write a value, and create missing parent nodes\n"
     "  tav get -r '/Main Hall'                    all values below a node\n"
     "  tav dump >saved; tav diff saved            what has changed since\n"
     "  tav load --replace saved                   and back again\n"
     "\n"
-    "'tav COMMAND --help' tells more about one; tav(1) tells everything.";
+    "For more see 'tav COMMAND --help' and tav(1).";
 
 constexpr const char *set_footer =
-    "Everything from the first path on is taken as it stands, so a value may begin with '-'.\n"
+    "No options are read after the first path, so a value may begin with '-'.\n"
     "Example: tav set -t integer /a/b -5 /a/c 7";
 
-constexpr const char *apply_footer = "One step a line, all of them one transaction:\n"
+constexpr const char *apply_footer = "One step per line; all steps are one transaction:\n"
                                      "  set [-t TYPE] PATH VALUE [PATH VALUE]...\n"
                                      "  mknode PATH...    rm [-r] PATH...    touch PATH...\n"
-                                     "Words that hold blanks stand in \"\"; \\n \\t \\\\ \\\" and "
-                                     "\\xHH mean what listings mean by them.\n"
+                                     "Put words that contain blanks in \"\". The escapes \\n \\t "
+                                     "\\\\ \\\" and \\xHH are those of listings.\n"
                                      "Lines that begin with # are comments.";
 
-constexpr const char *get_footer =
-    "Values are printed with control characters, backslashes and what is no UTF-8 as \\n \\t \\\\ "
-    "\\xHH.";
+constexpr const char *get_footer = "Control characters, backslashes and bytes that are not UTF-8 "
+                                   "are printed as \\n \\t \\\\ \\xHH.";
 
 // The words of 'set' are no options that CLI11 knows of.
 class SetFormatter : public HelpFormatter {
@@ -128,8 +127,8 @@ private:
         for (const CLI::App *command : app.get_subcommands(nullptr)) {
             known += (known.empty() ? "" : ", ") + command->get_name();
         }
-        complain((unknown.empty() ? "a command is needed"
-                                  : "there is no '" + shown(unknown.front()) + "'") +
+        complain((unknown.empty() ? "a command is missing"
+                                  : "'" + shown(unknown.front()) + "' is not a command") +
                  std::string("; the commands are ") + known + "; try: tav --help");
         return exit_usage;
     }
@@ -146,8 +145,8 @@ private:
         const std::string group =
             &to == &app ? to.option_defaults()->get_group() : "Options of every command";
         to.add_option("--socket", socket,
-                      "The service's socket (else TAV_SOCKET, else " + std::string(default_socket) +
-                          ")")
+                      "The service's socket (default: TAV_SOCKET, or " +
+                          std::string(default_socket) + ")")
             ->type_name("FILE")
             ->group(group);
         to.add_option("--color", color, "Colours: always, never, or auto (on a terminal)")
@@ -158,7 +157,7 @@ private:
 
     void add_escaped(CLI::App *sub) {
         sub->add_flag("-e,--escaped", escaped_words,
-                      "The paths and values given are escaped, as listings print them");
+                      "Read escapes in paths and values, as listings print them");
     }
 
     void add_paths(CLI::App *sub) {
@@ -168,7 +167,7 @@ private:
 
     void add_path(CLI::App *sub) {
         add_escaped(sub);
-        sub->add_option("PATH", path, "Where; / when not given")->type_name("");
+        sub->add_option("PATH", path, "The path (default: /)")->type_name("");
     }
 
     void add_json(CLI::App *sub, const char *what = "Print JSON") {
@@ -176,17 +175,17 @@ private:
     }
 
     void add_reading() {
-        CLI::App *sub = add("get", "Print the values of leaves, one a line", get);
+        CLI::App *sub = add("get", "Print the values of leaves, one per line", get);
         sub->add_flag("-r,--recursive", request.options.recursive,
-                      "Print path and value of every leaf at and below");
+                      "Print path and value of every leaf at and below the paths");
         sub->add_flag("--raw", request.options.raw,
                       "Print the bytes of one value and nothing else (not to a terminal)");
         sub->footer(get_footer);
         add_json(sub);
         add_paths(sub);
 
-        sub = add("ls", "Print the names of a node's children, one a line", list);
-        sub->add_flag("-l,--long", request.options.long_listing, "Print their types, too");
+        sub = add("ls", "Print the names of a node's children, one per line", list);
+        sub->add_flag("-l,--long", request.options.long_listing, "Also print their types");
         add_json(sub);
         add_path(sub);
 
@@ -205,14 +204,14 @@ private:
         setter->formatter(std::make_shared<SetFormatter>());
         setter->footer(set_footer);
 
-        add_paths(add("mknode", "Create nodes, with what is missing above them", make_node));
-        add_paths(add("touch", "Make change events for leaves without changing them", touch));
+        add_paths(add("mknode", "Create nodes and their missing parent nodes", make_node));
+        add_paths(add("touch", "Send change events for leaves without changing them", touch));
         CLI::App *sub = add("rm", "Remove leaves and empty nodes", remove);
         sub->add_flag("-r,--recursive", request.options.recursive,
-                      "Remove nodes with all below them");
+                      "Remove nodes with everything below them");
         add_paths(sub);
         sub = add("apply", "Carry out the steps of a file as one transaction", apply);
-        add_file(sub, "The steps; standard input when not given, or for -");
+        add_file(sub, "The steps (default, and for -: standard input)");
         sub->footer(apply_footer);
     }
 
@@ -223,32 +222,32 @@ private:
 
     void add_files() {
         CLI::App *sub = add("dump", "Print a subtree as JSON that 'load' reads", dump);
-        sub->add_flag("--no-time", request.options.no_time, "Leave the time stamps out");
+        sub->add_flag("--no-time", request.options.no_time, "Omit the time stamps");
         add_path(sub);
 
-        sub = add("load", "Write what a dump holds", load);
-        sub->add_flag("--replace", request.options.replace,
-                      "Remove what the dump does not hold at and below its path");
-        sub->add_flag("--merge", merge, "Let other elements stay (the default)");
+        sub = add("load", "Write the elements of a dump", load);
+        sub->add_flag(
+            "--replace", request.options.replace,
+            "Remove elements at and below the dump's path that the dump does not contain");
+        sub->add_flag("--merge", merge, "Keep other elements (the default)");
         sub->add_flag("--parts", request.options.parts,
                       "Use several transactions, for a dump that is too large for one");
-        add_file(sub, "The dump; standard input when not given, or for -");
+        add_file(sub, "The dump (default, and for -: standard input)");
 
         sub = add("diff", "Print what differs between a dump and the store", diff);
         add_file(sub, "The dump; - for standard input")->required();
         sub->footer("Lines with - are in the dump only, lines with + in the store only.\n"
-                    "Exit status: 0 the same, 1 different, 2 trouble.");
+                    "Exit status: 0 no differences, 1 differences, 2 an error.");
     }
 
     void add_rest() {
         CLI::App *sub = add("watch", "Print the changes of leaves at or below a path", watch);
-        sub->add_option("--count", request.options.count, "End after so many changes")
-            ->type_name("N");
+        sub->add_option("--count", request.options.count, "Exit after N changes")->type_name("N");
         sub->add_option("--timeout", timeout,
-                        "End after so many seconds; with status 1 when --count was not reached")
+                        "Exit after that many seconds, with status 1 if --count was not reached")
             ->check(CLI::Range(0.0, 1e9).description(""))
             ->type_name("SECONDS");
-        add_json(sub, "Print one JSON object a line");
+        add_json(sub, "Print one JSON object per line");
         add_path(sub);
 
         sub = add("status", "Print clients, queues and watchdogs", status);
@@ -262,7 +261,8 @@ private:
         }
         const std::optional<std::string> plain = unescaped(given);
         if (!plain) {
-            throw CLI::ValidationError("'" + given + "' holds a backslash that begins no escape");
+            throw CLI::ValidationError("'" + given +
+                                       "' contains a backslash that does not begin an escape");
         }
         return *plain;
     }
@@ -274,7 +274,7 @@ private:
             throw CLI::ValidationError("--raw prints one value, without -r and --json");
         }
         if (merge && options.replace) {
-            throw CLI::ValidationError("either --merge or --replace");
+            throw CLI::ValidationError("--merge and --replace exclude each other");
         }
     }
 
@@ -307,7 +307,7 @@ private:
             options.words[i + 1] = word(options.words[i + 1]);
             if (options.words[i].empty() || options.words[i].front() != '/') {
                 throw CLI::ValidationError("'" + options.words[i] +
-                                           "' is no path: a path begins with /");
+                                           "' is not a path: a path begins with /");
             }
         }
     }

@@ -71,7 +71,7 @@ int perform_in_parts(Client &client, const std::vector<Item> &items) {
         const int result = perform(client, part);
         if (result != exit_done) {
             complain(std::to_string(first) + " of " + std::to_string(items.size()) +
-                     " steps were done before");
+                     " steps were done before the failure");
             return result;
         }
         first += part.size();

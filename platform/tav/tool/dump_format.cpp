@@ -20,7 +20,7 @@ constexpr int format_version = 1;
 std::string text_of(const Json &entry, const std::string &key, const std::string &what) {
     const std::optional<std::string> text = find_text(entry, key);
     if (!text) {
-        throw BadDump(what + " has no \"" + key + "\" that is a text");
+        throw BadDump(what + " has no \"" + key + "\", or it is not a text");
     }
     return *text;
 }
@@ -33,7 +33,7 @@ Value value_of(const Json &entry, const std::string &what) {
     const std::optional<element_type_t> leaf = leaf_type(type);
     if (!leaf) {
         throw BadDump(what + ": \"" + shown(type) +
-                      "\" is no type; there are node, string, boolean, integer and real");
+                      "\" is not a type; the types are node, string, boolean, integer and real");
     }
     const std::string value = text_of(entry, "value", what);
     const Json time = entry.value("time", Json(no_time));
@@ -93,7 +93,7 @@ Dump parse_dump(const std::string &text) {
     Dump dump;
     dump.path = text_of(document, "path", "the dump");
     if (check_path(dump.path) != api_status_ok) {
-        throw BadDump("\"" + shown(dump.path) + "\" is no path");
+        throw BadDump("\"" + shown(dump.path) + "\" is not a path");
     }
     std::unordered_set<std::string> seen;
     for (const Json &entry : elements) {
@@ -104,10 +104,10 @@ Dump parse_dump(const std::string &text) {
         const std::string path = text_of(entry, "path", what);
         what += " (" + shown(path) + ")";
         if (!is_at_or_below(path, dump.path)) {
-            throw BadDump(what + " is not below " + shown(dump.path) + ", which the dump is of");
+            throw BadDump(what + " is not below " + shown(dump.path) + ", the path of the dump");
         }
         if (!seen.insert(path).second) {
-            throw BadDump(what + " is there twice");
+            throw BadDump(what + " occurs twice");
         }
         dump.elements.push_back(DumpElement{path, value_of(entry, what)});
     }

@@ -38,7 +38,7 @@ std::pair<std::string, api_status_t> nearest(Client &client, std::string path) {
 std::string advice_for_absent(Client &client, const std::string &path) {
     const auto [found, status] = nearest(client, path);
     if (status == api_status_ok) {
-        return shown(found) + " is there; to see what it holds: " + command_on("ls", found);
+        return shown(found) + " exists; to list it: " + command_on("ls", found);
     }
     return status == api_status_wrong_kind
                ? shown(found) + " is a leaf, and nothing is below a leaf"
@@ -47,7 +47,7 @@ std::string advice_for_absent(Client &client, const std::string &path) {
 
 std::string advice_for_kind(const std::string &path, Wanted wanted) {
     if (wanted == Wanted::leaf) {
-        return "it is a node; to read all below it: " + command_on("get -r", path);
+        return "it is a node; to read everything below it: " + command_on("get -r", path);
     }
     return "it is a leaf; to read it: " + command_on("get", path);
 }
@@ -56,8 +56,7 @@ std::string advice_for_kind(const std::string &path, Wanted wanted) {
 std::string advice_for_clash(Client &client, const std::string &path) {
     switch (node_status(client, path)) {
     case api_status_ok:
-        return "it is a node, and a node has no value; to see what it holds: " +
-               command_on("ls", path);
+        return "it is a node, and a node has no value; to list it: " + command_on("ls", path);
     case api_status_wrong_kind:
         return "it is a leaf, not a node";
     default:
@@ -70,7 +69,9 @@ std::string advice_for_clash(Client &client, const std::string &path) {
 }
 
 std::string advice_for_value(const Value &value) {
-    std::string what = "'" + shown(value.text) + "' is no " + type_name(value.type);
+    const char *const article = value.type == element_type_integer ? "an " : "a ";
+    const std::string what =
+        "'" + shown(value.text) + "' is not " + article + type_name(value.type);
     switch (value.type) {
     case element_type_boolean:
         return what + "; write true or false";
@@ -89,7 +90,7 @@ std::string common_advice(api_status_t status) {
     case api_status_bad_path:
         return "a path is / or /name/name..., without empty names";
     case api_status_denied:
-        return "root, the service's own user and its write group may";
+        return "only root, the service's own user and members of its write group may do this";
     case api_status_failed:
         return "nothing was changed; the service's log says why";
     case api_status_too_large:
@@ -100,7 +101,7 @@ std::string common_advice(api_status_t status) {
     case api_status_too_many_children:
     case api_status_too_many_elements:
     case api_status_too_many_registrations:
-        return "the limits: tav status";
+        return "'tav status' lists the limits";
     default:
         return "";
     }
@@ -136,9 +137,9 @@ void complain_writing(Client &client, const Item &item, api_status_t status,
     } else if (status == api_status_bad_value) {
         advice = advice_for_value(item.value);
     } else if (status == api_status_refused) {
-        advice = "the root always stays; remove what is below it: tav ls /";
+        advice = "the root cannot be removed; to list what is below it: tav ls /";
     } else if (status == api_status_not_empty) {
-        advice = "to remove all below it, too: " + command_on("rm -r", item.path);
+        advice = "to remove it with everything below it: " + command_on("rm -r", item.path);
     }
     complain_about(place, item.path, status, advice);
 }

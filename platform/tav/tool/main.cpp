@@ -25,9 +25,8 @@ int carry_out(const tav::tool::Request &request) {
     using namespace tav::tool; // NOLINT: nothing but the tool's own names here
     Client client;
     if (!client.connected()) {
-        complain(
-            "is tavd running there, and may you use it? Another socket is named by --socket or "
-            "TAV_SOCKET");
+        complain("check that tavd runs and that you may use its socket; --socket or TAV_SOCKET "
+                 "names another socket");
         return exit_unreachable;
     }
     const int result = request.command(client, request.options);

@@ -36,7 +36,7 @@ std::string take_word(std::string_view &rest) {
         rest.remove_prefix(taken);
     }
     if (quoted) {
-        throw BadLine("a \" has no counterpart");
+        throw BadLine("a \" is not closed");
     }
     return word;
 }
@@ -51,8 +51,9 @@ Words words_of(std::string_view line) {
         const std::string word = take_word(line);
         const std::optional<std::string> plain = unescaped(word);
         if (!plain) {
-            throw BadLine("'" + shown(word) +
-                          "' holds a backslash that begins no escape; a backslash itself is \\\\");
+            throw BadLine(
+                "'" + shown(word) +
+                "' contains a backslash that does not begin an escape; a backslash itself is \\\\");
         }
         words.push_back(*plain);
     }
@@ -80,7 +81,8 @@ void add_values(const Words &words, std::vector<Item> &items) {
         first = 3;
     }
     if (first >= words.size() || (words.size() - first) % 2 != 0) {
-        throw BadLine("set needs pairs of a path and a value; what holds blanks stands in \"\"");
+        throw BadLine(
+            "set needs pairs of a path and a value; put words that contain blanks in \"\"");
     }
     for (std::size_t i = first; i < words.size(); i += 2) {
         items.push_back(
@@ -100,7 +102,8 @@ void add_step(const Words &words, std::vector<Item> &items) {
         const bool all = words.size() > 1 && words[1] == "-r";
         add_paths(words, all ? 2 : 1, all ? ItemKind::remove : ItemKind::remove_single, items);
     } else {
-        throw BadLine("'" + shown(verb) + "' is no step; there are set, mknode, rm and touch");
+        throw BadLine("'" + shown(verb) +
+                      "' is not a step; the steps are set, mknode, rm and touch");
     }
 }
 

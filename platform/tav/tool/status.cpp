@@ -88,7 +88,7 @@ void print_text(const ServiceStatus &status) {
     std::cout << "clients    " << status.clients.size() << '\n';
     for (const ClientStatus &client : status.clients) {
         std::cout << "  session " << client.session << "  process " << client.pid << "  user "
-                  << client.uid << (client.may_write ? "" : "  reads only") << "  registrations "
+                  << client.uid << (client.may_write ? "" : "  read-only") << "  registrations "
                   << client.registrations << "  pending " << client.pending
                   << (client.signalled ? "  signalled" : "") << '\n';
     }

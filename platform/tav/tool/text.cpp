@@ -18,7 +18,7 @@ constexpr std::array<std::pair<element_type_t, const char *>, 5> types{{
 }};
 
 constexpr std::array<std::pair<api_status_t, const char *>, 21> statuses{{
-    {api_status_none, "not looked at"},
+    {api_status_none, "not processed"},
     {api_status_ok, "ok"},
     {api_status_absent, "absent"},
     {api_status_wrong_kind, "wrong kind"},
@@ -29,7 +29,7 @@ constexpr std::array<std::pair<api_status_t, const char *>, 21> statuses{{
     {api_status_stale, "stale"},
     {api_status_not_done, "not done"},
     {api_status_failed, "could not store"},
-    {api_status_denied, "no right to do this"},
+    {api_status_denied, "permission denied"},
     {api_status_path_too_long, "path too long"},
     {api_status_path_too_deep, "path too deep"},
     {api_status_name_too_long, "name too long"},

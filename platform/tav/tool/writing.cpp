@@ -21,7 +21,7 @@ int perform(Client &client, const std::vector<Item> &items, const Place &place) 
         return [wanted](api_status_t status) { return status == wanted; };
     };
     if (!items.empty() && std::all_of(statuses.begin(), statuses.end(), is(api_status_too_large))) {
-        complain("nothing was changed: one transaction holds at most " +
+        complain("nothing was changed: one transaction has at most " +
                  std::to_string(limits::paths_per_request) + " steps and " +
                  std::to_string(limits::frame_bytes >> 20U) + " MiB");
         return exit_refused;
@@ -89,7 +89,7 @@ int apply(Client &client, const Options &options) {
         complain(error);
     }
     if (!script.errors.empty()) {
-        complain("nothing was changed; the form of a step: tav apply --help");
+        complain("nothing was changed; for the form of a step see tav apply --help");
         return exit_refused;
     }
     return perform(client, script.items, [&script](std::size_t i) {
