@@ -71,7 +71,7 @@ leave_out() {
         { for (name in reasons) if ($2 ~ name) { print "left out: " $2 ": " reasons[name]; next }
           print >kept }' tests/board/left-out "$plan" && mv "$plan.kept" "$plan"
     [ "$selected" != . ] || cat <<'TEXT'
-left out: lint., provider., install., bench.: they are about the build machine and its tools
+left out: lint., provider., install., bench.: they test the build machine and its tools
 left out: fuzz.: their inputs are files of the source tree
 left out: model.: random sequences, which take long; ./test runs them
 TEXT
@@ -123,14 +123,14 @@ left_out=$(count 'skip ')
 ended=$((passed + failed + left_out + $(count 'shown ')))
 failed=$((failed + $(count 'error ')))
 if ! grep -qx 'board: end' "$work/console"; then
-    say "the board did not come to its end; the last lines of its console:"
+    say "the board did not finish; the last lines of its console:"
     tail -n 30 "$work/console"
     failed=$((failed + 1))
 elif [ "$ended" -ne "${planned:-0}" ]; then
-    say "of $planned entries of the plan $ended said how they ended"
+    say "only $ended of $planned entries of the plan reported a result"
     failed=$((failed + 1))
 fi
 [ "$selected" != --program ] || exit $((failed > 0))
-say "$left_out left themselves out"
+say "$left_out skipped"
 say "$passed passed, $failed failed"
 [ "$failed" -eq 0 ] && [ "$passed" -gt 0 ]

@@ -112,6 +112,6 @@ while read -r name _; do
         case $result in *FAILED*) failed=$((failed + 1)) ;; *) passed=$((passed + 1)) ;; esac
     done <"$results/$name"
 done < <(tree_table)
-say "at $commit; * with the objects of an equal configuration"
+say "at $commit; * reused the objects of a tree with the same configuration"
 say "$passed passed, $failed failed"
 [ "$failed" -eq 0 ] && [ "$passed" -gt 0 ]

@@ -24,18 +24,18 @@ need_namespaces() {
     local spaces=(--net --mount --pid --fork --kill-child --mount-proc)
     [ "$(id -u)" -eq 0 ] || spaces+=(--user --map-root-user)
     unshare "${spaces[@]}" true 2>/dev/null ||
-        die "cannot make namespaces here: run it as root, or allow users to make them" \
+        die "cannot create namespaces: run this as root, or allow users to create them" \
             "(sysctl -w kernel.unprivileged_userns_clone=1; in a container: --privileged)"
 }
 need_space() {
     local there
     there=$(df --output=avail -m . | tail -n 1)
-    [ "$there" -ge "$1" ] || die "needs $1 MB of disk space in $PWD; there are $((there)) MB"
+    [ "$there" -ge "$1" ] || die "needs $1 MB of free disk space in $PWD; only $((there)) MB are free"
 }
 
 on_debian_12() { (. /etc/os-release && [ "$ID-$VERSION_ID" = debian-12 ]) 2>/dev/null; }
 
-# missing_of PACKAGE...: those that are not installed, or not to the end.
+# missing_of PACKAGE...: those that are not installed, or not completely.
 missing_of() {
     local package
     for package in "$@"; do
@@ -47,8 +47,8 @@ missing_of() {
 # need_packages PACKAGE...: installs those that are missing; needs no network when none is.
 need_packages() {
     command -v apt-get >/dev/null && command -v dpkg-query >/dev/null ||
-        die "cannot install packages here: this is not Debian. Install what these packages of" \
-            "Debian's contain, and then build with CMake as README says: $*"
+        die "cannot install packages: this is not Debian. Install what these Debian packages" \
+            "contain, and build with CMake as README.md says: $*"
     local missing
     missing=$(missing_of "$@")
     # shellcheck disable=SC2086
@@ -56,7 +56,7 @@ need_packages() {
         { tail -n 20 "$step_log" >&2; die "could not install: $missing"; }
 }
 
-# want_packages PACKAGE...: the same, but those that cannot be had are left out.
+# want_packages PACKAGE...: the same, but skips those that cannot be installed.
 want_packages() {
     local missing package
     missing=$(missing_of "$@")
@@ -64,7 +64,7 @@ want_packages() {
     [ -n "$missing" ] || return 0
     can_install && install $missing && return
     for package in $missing; do
-        can_install && install "$package" || say "without $package: it could not be installed"
+        can_install && install "$package" || say "continuing without $package: it could not be installed"
     done
 }
 
@@ -74,9 +74,9 @@ can_install() { [ "$(id -u)" -eq 0 ] || command -v sudo >/dev/null; }
 install() {
     local as_root=() start_by=unboxed end_with=INT
     if [ "$(id -u)" -ne 0 ]; then
-        command -v sudo >/dev/null || die "not root, and no sudo; please install: $*"
+        command -v sudo >/dev/null || die "this needs root or sudo to install: $*"
         as_root=(sudo)
-        sudo -v || die "sudo refuses; please install: $*"
+        sudo -v || die "sudo failed; install these packages as root: $*"
     fi
     # The first command repairs an installation that was interrupted. A package list that was never
     # fetched, or is out of date, names files that are no longer there.

@@ -23,7 +23,7 @@ program=build/$preset/tests/model/model_tests
 
 reports=${SOAK_LOG:-build/soak}
 mkdir -p "$reports"
-say "$jobs at once from seed $first for $minutes minutes; failures are kept in $reports"
+say "$jobs sequences at a time, from seed $first, for $minutes minutes; failures are kept in $reports"
 
 # work NUMBER: every jobs-th seed, a line each; the report of a failure goes to a file of its own.
 work() {
@@ -66,6 +66,6 @@ awk -v failed="$(wc -w <<<"$failing")" -v seeds="$(tr '\n' ' ' <<<"$failing")" '
     /^passed/ { gsub(",", ""); operations += $5; items += $7; undetermined += $9; refused += $11 }
     END { printf "%d sequences, %d failed; %d operations, %d items compared, ", NR, failed,
               operations, items - undetermined
-          printf "%d left open, %d refused by the kernel\n", undetermined, refused
+          printf "%d undetermined, %d refused by the kernel\n", undetermined, refused
           if (failed > 0) print "failing seeds: " seeds
           exit failed > 0 || NR == 0 }' "$lines"

@@ -9,7 +9,7 @@ daemon_page=$source_dir/shell/man/tandrel.8
 failed=0
 fail() { printf 'FAILED: %s\n' "$*" >&2; failed=1; }
 
-mandoc -T lint -W warning "$page" "$daemon_page" >&2 || fail "mandoc finds fault with a page"
+mandoc -T lint -W warning "$page" "$daemon_page" >&2 || fail "mandoc reports errors in a page"
 
 commands=(show check watch 'address add' 'address replace' 'address del' 'gateway set'
     'gateway clear' 'interface list' 'interface add' 'interface del' import nudge)

@@ -1,7 +1,7 @@
 #!/bin/bash
-# judge.sh PACKAGE... -- COMMAND...: runs a check with the tools of these packages. Newer editions
-# judge differently, so that only Debian 12's count: elsewhere, and where one is missing, the check is
-# skipped (status 77) and says why.
+# judge.sh PACKAGE... -- COMMAND...: runs a check with the tools of these packages. Newer versions
+# report other things, so only Debian 12's versions are used: with any other version, or when a package
+# is missing, the check is skipped (status 77) and the reason is printed.
 set -u
 declare -A judges=(
     [bash-completion]=1:2.11 [clang-format]=1:14.0 [clang-tidy]=1:14.0 [groff-base]=1.22.4
@@ -12,7 +12,7 @@ while [ "$1" != -- ]; do
     case $version in
     '') reason="$1 is not installed" ;;
     "${judges[$1]:?}"*) reason='' ;;
-    *) reason="judged by Debian 12's $1 (${judges[$1]}) only; here is $version" ;;
+    *) reason="only Debian 12's $1 (${judges[$1]}) decides; this is $version" ;;
     esac
     [ -z "$reason" ] || { printf 'skipped: %s\n' "$reason"; exit 77; }
     shift
