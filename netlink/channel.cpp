@@ -16,14 +16,13 @@ namespace {
 
 constexpr int max_bad_types = 10;
 
-// Only the root bit, not all of NLM_F_DUMP; the kernel takes it for a dump request all the same.
+// Only the root bit, not all of NLM_F_DUMP; the kernel treats this as a dump request too.
 constexpr int dump_flags = NLM_F_REQUEST | NLM_F_ROOT;
 
 std::uint32_t bad_type_count = 0;
 
-// Logs and drops an error or overrun message. The count is put back on every call and so never
-// reaches the limit: a run of refusals, which is what these messages usually are, must not end the
-// engine.
+// Logs and drops an error or overrun message. The count is reset on every call and so never reaches
+// the limit: these messages are usually refusals, and a series of refusals must not end the engine.
 void drop_bad_type(int type) {
     if (++bad_type_count > max_bad_types) {
         bad_type_count = 0;

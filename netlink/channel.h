@@ -26,12 +26,13 @@ public:
     static constexpr int end_of_dump = 1;
 
     // Allocates, connects and subscribes a non-blocking socket. Throws netlink_err or
-    // std::bad_alloc, without a log line; no socket remains then.
+    // std::bad_alloc, without a log line; no socket is left open then.
     CNetlink();
     CNetlink(const CNetlink &) = delete;
     CNetlink &operator=(const CNetlink &) = delete;
 
-    // The descriptor to wait on; stays the channel's. Throws netlink_err, as do all that follow.
+    // The descriptor to wait on; the channel owns it. Throws netlink_err, as do all functions
+    // below.
     int fd() const;
 
     // Each asks for one dump and returns the number of bytes sent. The answer arrives through recv.
@@ -41,8 +42,8 @@ public:
 
     // Reads one datagram and classifies it by its first message. `buffer` must be null or the
     // datagram of an earlier call: it is freed and replaced once a new datagram has been read, and
-    // left alone otherwise. `length` receives the new datagram's size in bytes. The caller releases
-    // the last buffer with free(), also after an exception.
+    // otherwise not touched. `length` receives the new datagram's size in bytes. The caller
+    // releases the last buffer with free(), also after an exception.
     int recv(unsigned char *&buffer, int &length);
 
     // Add (or delete) a default route, or an address. They do not wait: the kernel's answer and the

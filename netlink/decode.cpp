@@ -14,7 +14,7 @@ namespace {
 
 using mac_t = std::array<unsigned char, 6>;
 
-// Text up to its NUL, or up to the end of the datagram.
+// The text up to its NUL, or up to the end of the datagram.
 tk_string string_at(const wire::datagram_t &datagram, std::size_t offset) {
     tk_string text;
     for (; offset < datagram.length && datagram.bytes[offset] != 0; ++offset) {

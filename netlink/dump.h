@@ -1,4 +1,4 @@
-// What a datagram says about the dump that it belongs to, beside the records that it carries.
+// What a datagram says about the dump that it belongs to, besides its records.
 #pragma once
 
 #include "netlink/wire.h"
@@ -6,8 +6,8 @@
 struct dump_marks_t {
     // It answers a dump request; no notification has this mark.
     bool multipart = false;
-    // The dump may lack records: the kernel marks its messages when the table changed while they
-    // were gathered, and its end when gathering failed.
+    // The dump may lack records: the kernel marks the messages if the table changed during the
+    // dump, and marks the end of the dump if the dump failed.
     bool incomplete = false;
     // The dump ends after the first message. Kernels since 6.9 put the end of a dump of IPv6 links
     // or addresses after the last record, in the same datagram; older ones send it alone, and recv

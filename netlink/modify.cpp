@@ -29,7 +29,7 @@ rtmsg route_header(const CKernRoute &route, bool add) {
         header.rtm_scope = RT_SCOPE_UNIVERSE;
         header.rtm_type = RTN_UNICAST;
     } else {
-        // Whatever protocol and type the route has.
+        // Matches a route of any protocol and type.
         header.rtm_protocol = RTPROT_UNSPEC;
         header.rtm_scope = RT_SCOPE_NOWHERE;
         header.rtm_type = RTN_UNSPEC;

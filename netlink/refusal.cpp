@@ -28,7 +28,7 @@ boost::optional<refusal_t> decode_refusal(const wire::datagram_t &datagram) {
     const auto request = message.payload<nlmsghdr>(request_offset);
     refusal.request = request.nlmsg_type;
 
-    // The request alone: what may follow it in the datagram is not part of it.
+    // Only the request: anything that follows it in the datagram is not part of it.
     const std::size_t start = std::min(NLMSG_HDRLEN + request_offset, datagram.length);
     const unsigned char *const bytes = datagram.bytes + start;
     const auto length =

@@ -6,8 +6,8 @@
 #include "netlink/wire.h"
 #include "sync/model.h"
 
-// One refused request. `request` is the type of the request (RTM_...); of `route` and `addr` the
-// one is filled that the type calls for.
+// One refused request. `request` is the type of the request (RTM_...); only the one of `route` and
+// `addr` that this type concerns is filled.
 struct refusal_t {
     int error = 0; // errno value, positive
     int request = 0;

@@ -1,6 +1,6 @@
 // Reading netlink messages (netlink(7), rtnetlink(7)) out of a received datagram without leaving
-// it. Lengths in the messages are not trusted: whatever lies beyond the bytes that were received
-// reads as zero. Nothing is cast in place, so a datagram may stand at any address.
+// it. Lengths in the messages are not trusted: bytes beyond those that were received read as zero.
+// Nothing is cast in place, so a datagram may start at any address.
 #pragma once
 
 #include <cstddef>
@@ -46,7 +46,7 @@ T read_at(const datagram_t &datagram, std::size_t offset) {
 }
 
 // Walks the messages of a datagram. The last message visited is the first one whose aligned length,
-// taken as a signed 32-bit number, is 0 or less (from there no step leads forward), or else the one
+// taken as a signed 32-bit number, is 0 or less (the walk cannot go on from there), or else the one
 // that reaches the end of the datagram.
 class message_walk {
 public:

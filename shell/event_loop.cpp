@@ -74,13 +74,13 @@ int CSync::listen() {
     api_status_t status = tav_value::status_unset;
     tav->watchdog_ping(status);
     if (exit_fd < 0 && exit_requested != 0) {
-        return 1; // without a pipe a signal that came just before the wait did not end it
+        return 1; // without a pipe, a signal that arrived just before select did not interrupt it
     }
     if (ready == 0) {
         return 0;
     }
 
-    // One source a cycle; the others stay ready.
+    // One source per cycle; the others stay ready.
     if (exit_fd >= 0 && FD_ISSET(exit_fd, &readable)) {
         return exit_requested != 0 ? 1 : 0;
     }

@@ -27,7 +27,7 @@ const char *prefix_of(int priority) {
     }
 }
 
-// The body that the entry points share: they differ in priority and filter alone.
+// The body that the entry points share: they differ only in priority and filter.
 #define WRITE_MESSAGE(priority)                                                                    \
     do {                                                                                           \
         va_list args;                                                                              \
@@ -112,7 +112,7 @@ void log_critical(const char *format, ...) {
 }
 
 void mlr_err(unsigned int level, const char *format, ...) {
-    // One level more than the library's, so that its gravest errors need one -D; the sum may wrap.
+    // One level above the library's, so that its most serious errors need one -D; the sum may wrap.
     const std::uint32_t effective = std::min<std::uint32_t>(level + 1U, 5U);
     if (effective <= verbosity) {
         WRITE_MESSAGE(LOG_ERR);

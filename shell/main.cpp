@@ -21,7 +21,7 @@ int main(int argc, char *argv[]) {
         }
         renew_exit_pipe();
     }
-    // Only now, so that the connection to the system log belongs to the process that stays.
+    // Only now, so that the connection to the system log belongs to the process that keeps running.
     open_log();
 
     // The calls that need privileges come before the one that drops them.

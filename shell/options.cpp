@@ -41,8 +41,8 @@ private:
     char **end;
 };
 
-// Stores the number that a text begins with; text after it is let pass on purpose. False when there
-// is none, or neither `long` nor `value` can hold it.
+// Stores the number that a text begins with; any text after it is ignored on purpose. False when
+// there is none, or neither `long` nor `value` can hold it.
 bool parse_number(const char *text, std::uint32_t &value) {
     char *end = nullptr;
     errno = 0;

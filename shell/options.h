@@ -23,11 +23,12 @@ extern std::int32_t nice_priority; // -n: -20..19, or nice_not_requested
 extern std::unique_ptr<rt_sched_request_t> rt_sched_request; // -r: null when not requested
 
 // Reads the arguments into the settings. Returns false, after printing the usage text to standard
-// output, when an argument is not acceptable; settings read before it keep their new values.
+// output, when an argument is not acceptable; settings from earlier arguments keep their new
+// values.
 bool parse_options(int argc, char *argv[]);
 
 // Stores the SCHED_ value for "normal", "batch", "fifo" or "rr" and returns 0; returns 1 for any
-// other name and leaves `policy` alone.
+// other name and does not change `policy`.
 int parse_sched_policy(const char *name, int &policy);
 
 void print_usage(const char *program);

@@ -32,7 +32,7 @@ int leave_surroundings() {
     close(0);
     close(1);
     close(2);
-    // The lowest free descriptors are taken in turn: 0, then 1 and 2.
+    // Each call takes the lowest free descriptor: 0, then 1, then 2.
     if (open("/dev/null", O_RDWR) == -1 || dup(0) == -1 || dup(0) == -1) {
         return 1;
     }
@@ -45,7 +45,8 @@ int leave_surroundings() {
 void occupy_standard_descriptors() {
     for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (fcntl(fd, F_GETFD) == -1) {
-            // The lowest free descriptor is taken: this one. What cannot be opened stays as it was.
+            // open takes the lowest free descriptor, which is this one. If it fails, the descriptor
+            // stays closed.
             open("/dev/null", O_RDWR);
         }
     }
@@ -63,7 +64,7 @@ int daemonize() {
         std::exit(0);
     }
 
-    // A session of its own, then a process that does not lead it and so can never gain a terminal.
+    // First a new session, then a process that does not lead it and so can never gain a terminal.
     setsid();
     const pid_t grandchild = fork();
     if (grandchild != 0) {
@@ -87,7 +88,7 @@ void set_rt_scheduling(const rt_sched_request_t &request) {
 }
 
 void switch_user(std::uint32_t uid) {
-    // The daemon is of more use under the wrong identity than not at all.
+    // A daemon with the wrong identity is more useful than no daemon.
     if (setuid(uid) != 0) {
         log_error("Can't setuid(%u)", uid);
     }

@@ -41,7 +41,8 @@ private:
     bool register_failure_reported = false;
 };
 
-// Ends at once, now and ever after, when a termination signal has written to the exit pipe.
+// Returns at once, in this and every later call, when a termination signal has written to the exit
+// pipe.
 void pause_on_exit_pipe() {
     fd_set readable;
     FD_ZERO(&readable);
@@ -57,9 +58,9 @@ void pause_on_exit_pipe() {
     select(highest + 1, &readable, nullptr, nullptr, &timeout);
 }
 
-// A synchronisation that adds many addresses is answered by several datagrams for each; libnl's
-// 32 KiB hold some forty additions. Refused where the right or the limit is missing, which only
-// makes an overrun, and so a rebuild, more likely.
+// The kernel sends several datagrams for each address that a synchronisation adds; libnl's 32 KiB
+// hold about forty additions. If the call fails, because the privilege is missing or the limit too
+// low, an overrun, and so a rebuild, is only more likely.
 void widen_receive_buffer(int fd) {
     const int size = receive_buffer_bytes;
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0) {
@@ -156,7 +157,8 @@ int run_daemon() {
     try {
         return daemon.run();
     } catch (...) {
-        // Not the loop's to mend. Release by hand: nothing further up unwinds the stack.
+        // The loop cannot recover from this. Release by hand: no caller catches it, so the stack
+        // may not be unwound.
         daemon.release();
         throw;
     }

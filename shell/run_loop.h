@@ -1,5 +1,5 @@
-// Connects to the store and the kernel, runs the engine over both, and builds everything anew ten
-// seconds after whatever went wrong.
+// Connects to the store and the kernel, runs the engine over both, and rebuilds everything ten
+// seconds after any failure.
 #pragma once
 
 // Returns 0 once a termination signal has been honoured. Exceptions that do not derive from

@@ -29,7 +29,7 @@ void install(void (*handler)(int)) {
     }
 }
 
-// Both descriptors are 0 when there can be no pipe.
+// Both descriptors are 0 if no pipe can be created.
 void make_exit_pipe(const char *caller) {
     int fresh[2] = {0, 0};
     if (pipe(fresh) != 0) {
@@ -39,8 +39,8 @@ void make_exit_pipe(const char *caller) {
     exit_pipe[1] = fresh[1];
 }
 
-// The interrupted code may hold a lock that the reports of a fault wait for, that of the system log
-// or of standard error. The process ends then all the same.
+// The interrupted code may hold the lock of the system log or of standard error, which the reports
+// of a fault wait for. The alarm ends the process even then.
 void abort_unless_done_in_time() {
     struct sigaction action {};
     action.sa_handler = [](int) { std::abort(); };

@@ -1,5 +1,5 @@
-// The store's change events. Their paths are parsed to filter and to report; a synchronisation
-// always covers everything.
+// The store's change events. Their paths are parsed only to filter and to report them; a
+// synchronisation always covers everything.
 
 #include "shell/log.h"
 #include "store/paths.h"
@@ -20,8 +20,8 @@ std::vector<tk_string> split(const tk_string &text) {
     return parts;
 }
 
-// Mirrored below "<N>/IPv6/Addresses" are "<name>/Address/Value" and "<name>/Type/Value", whatever
-// the name.
+// Below "<N>/IPv6/Addresses", "<name>/Address/Value" and "<name>/Type/Value" are mirrored, for any
+// name.
 bool is_mirrored_address_leaf(const tk_string &path, const std::vector<tk_string> &parts) {
     if (parts.size() < 5) {
         log_info_at(2, "Bad addrlist index tail: '%s'", path.c_str());
@@ -86,7 +86,7 @@ bool is_mirrored_leaf(const tk_string &path) {
 void CSync::handle_tav_update() {
     log_info_at(4, "New TAV event arrived");
     if (state != state_normal) {
-        return; // the events stay with the store's client; discovery ends in a full read anyway
+        return; // the store's client keeps the events; discovery ends with a full read anyway
     }
     std::vector<toolkit::CEvent> events;
     if (tav->events_get(events) <= 0) {

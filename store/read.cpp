@@ -11,7 +11,7 @@
 
 namespace {
 
-// A store that answers for fewer paths than it was asked for must not be read beyond its answer.
+// The store may answer for fewer paths than were asked for: do not read beyond its answer.
 template <typename T>
 T item_at(const std::vector<T> &items, std::size_t index) {
     return index < items.size() ? items[index] : T();
@@ -96,7 +96,7 @@ tavcfg_t CSync::read_tav_ipv6_interface(const tk_string &name) {
     const tk_string ipv6_path = paths::ipv6(name);
     const long number = positive_number(name);
     if (number == 0) {
-        // No signature here.
+        // Unlike the other exceptions, this text does not begin with the function's signature.
         throw sync_minor_err(error_text("Ignoring unknown interface path '%s'", name.c_str()));
     }
 

@@ -15,7 +15,7 @@ toolkit::CElement string_element(const tk_string &text) {
     return toolkit::CElement(text, toolkit::CElement::_invalid_time);
 }
 
-// Removes a node with all below it and returns whether the store did so.
+// Removes a node with everything below it and returns whether the store did so.
 bool remove_node(toolkit::CTav &tav, const tk_string &path, const char *signature) {
     api_status_t status = tav_value::status_unset;
     const int result = tav.remove_node(path, status, tk_string());
@@ -58,7 +58,7 @@ void CSync::remove_tav_ipv6_gateway(const CTavInterface &ifc) {
 
 void CSync::write_tav_ipv6_addr(const CTavInterface &ifc, const CTavAddress &addr) {
     const tk_string node = node_path(ifc, addr);
-    // Both leaves in one call: nobody sees an address without its type.
+    // Both leaves in one call: no client sees an address without its type.
     const std::vector<tk_string> leaves = {paths::address_value(node), paths::type_value(node)};
     const std::vector<toolkit::CElement> values = {
         string_element(in6addr_to_str(addr.addr, addr.prefix_len, true)),

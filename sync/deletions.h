@@ -17,6 +17,6 @@ void add_to_kern(CNetlink &netlink, ifcfg_t &entry, const CKernAddress &addr);
 // still announce it.
 bool is_leaving(const ifcfg_t &entry, const CAddress &addr);
 
-// Called once for each deletion that the kernel reports or refuses; answers the oldest request.
+// Called once for each deletion that the kernel reports or refuses; removes the oldest request.
 // Returns whether the address was added again after that request.
 bool settle_deletion(ifcfg_t &entry, const CAddress &addr);

@@ -1,4 +1,4 @@
-// The engine's start, and what becomes of each datagram that the kernel sends.
+// The engine's start, and the handling of each datagram from the kernel.
 
 #include <linux/rtnetlink.h>
 #include <utility>

@@ -3,8 +3,8 @@
 void dump_watch::handled(const dump_marks_t &marks) {
     incomplete = incomplete || marks.incomplete;
     if (marks.multipart) {
-        // Now, not when it came: the log lines of one datagram alone can take longer than the
-        // limit.
+        // The time after handling the datagram, not of its arrival: writing the log lines of one
+        // datagram can take longer than the limit.
         last_progress = now();
     }
 }

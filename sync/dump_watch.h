@@ -17,8 +17,8 @@ public:
     void handled(const dump_marks_t &marks);
 
     // Called at the end of a dump: whether to send the same request again, because records may be
-    // missing. Under steady churn no dump is ever complete, so it says so three times at most for
-    // one step.
+    // missing. If the table changes all the time, no dump is ever complete, so it returns true at
+    // most three times per step.
     bool repeats();
     // Whether thirty seconds have passed since the last request and the last datagram of a dump. A
     // request that the kernel answers with an error alone has no end to wait for.
@@ -28,5 +28,5 @@ private:
     time_point (*now)();
     time_point last_progress{};
     bool incomplete = false;
-    int repeat_count = 0; // of the present step
+    int repeat_count = 0; // of the current step
 };

@@ -1,5 +1,6 @@
 // The engine's exceptions: siblings, so that a handler for one does not catch another. Their text
-// begins with the signature of the throwing function, except where noted at the throw.
+// begins with the signature of the throwing function, except where a comment at the throw says
+// otherwise.
 #pragma once
 
 #include <stdexcept>

@@ -1,9 +1,9 @@
 // Addresses, routes and interfaces as each side sees them.
 //
-// Each exists in a kernel view (CKern..., filled by the netlink decoders), a store view (CTav...,
-// filled by the store readers) and a full view that is both at once. The views share their base
-// virtually, so that a full object holds one address and can be handed to the writers of either
-// side. All are plain values; copying fails only for want of memory.
+// Each exists as a kernel view (CKern..., filled by the netlink decoders), a store view (CTav...,
+// filled by the store readers) and a full view, which is both at once. The views inherit their base
+// virtually, so a full object has one address and can be passed to the writers of either side. All
+// are plain values; copying throws only std::bad_alloc.
 #pragma once
 
 #include <algorithm>
@@ -61,7 +61,7 @@ struct CFullRoute : public CKernRoute, public CTavRoute {};
 struct CInterface {
     CInterface() = default;
     // Copied, never moved: assigning a full interface assigns this base once for each view, and the
-    // second move would find the name gone.
+    // second move would move from an empty name.
     CInterface(const CInterface &) = default;
     CInterface &operator=(const CInterface &) = default;
 
@@ -79,7 +79,7 @@ struct CTavInterface : virtual public CInterface {
 
 struct CFullInterface : public CKernInterface, public CTavInterface {};
 
-// One interface as the store has it.
+// One interface in the store.
 struct tavcfg_t {
     CTavInterface iface;
     boost::optional<CTavRoute> gateway;
@@ -90,7 +90,7 @@ struct tavcfg_t {
 // Deletions of one address with one prefix length that the kernel has not answered yet.
 struct deletions_t {
     std::size_t unanswered = 0;
-    std::size_t added_again = 0; // so many of the oldest were followed by an addition
+    std::size_t added_again = 0; // number of the oldest deletions that were followed by an addition
 };
 
 // Orders by address and prefix length.
@@ -99,10 +99,10 @@ struct address_and_prefix_less {
 };
 using deletion_map_t = std::map<CAddress, deletions_t, address_and_prefix_less>;
 
-// One tracked interface as the engine knows it.
+// One tracked interface in the engine's table.
 struct ifcfg_t {
     CFullInterface iface;
-    boost::optional<CFullRoute> gateway; // known to be, or just made, present in the kernel
+    boost::optional<CFullRoute> gateway; // present in the kernel, or requested there
     bool gateway_leaving = false;        // its deletion was asked for; the answer is still to come
     std::vector<CFullAddress> addresses;
     deletion_map_t deletions;         // the daemon's own (sync/deletions.h)
@@ -143,7 +143,7 @@ auto find_by_name(Map &map, const tk_string &name) {
 
 // The same address: the prefix length is content, not identity.
 bool same_address(const CAddress &left, const CAddress &right);
-// A default route by its destination's bytes; its length is not looked at.
+// A default route by its destination's bytes; the prefix length is ignored.
 bool is_default_route(const CRoute &route);
 bool has_gateway(const CRoute &route);
 bool same_gateway(const CRoute &left, const CRoute &right);

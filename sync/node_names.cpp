@@ -4,7 +4,7 @@
 
 namespace {
 
-// The numbers that are no node's name, lowest first.
+// Yields the numbers that are not the name of any node, lowest first.
 class free_numbers {
 public:
     // As many numbers as there can be names, before and after each address has taken one.
@@ -55,7 +55,7 @@ tk_string free_node_name(const ifcfg_t &entry) {
 }
 
 void rename_unmatched(ifcfg_t &entry, const std::vector<bool> &matched) {
-    // A name that is given up stays taken: the store lists it.
+    // A name that an entry gives up is still taken: the store lists it.
     boost::optional<free_numbers> numbers;
     for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
         CFullAddress &known = entry.addresses[i];

@@ -1,9 +1,9 @@
 // Which store interface a link has, and the names of the address nodes that the daemon creates.
 //
 // A node is written and removed under the name that it has in the store. The table names an address
-// before the store is known (at start, in the kernel's order), so a synchronisation takes over the
-// stored names, and entries that the store lacks make way for every name that it lists. A name
-// counts as taken even if its element is a leaf or cannot be read.
+// before the store is known (at start, in the kernel's order), so a synchronisation adopts the
+// stored names, and gives the other entries names that the store does not list. A name counts as
+// taken even if its element is a leaf or cannot be read.
 #pragma once
 
 #include <vector>

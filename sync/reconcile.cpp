@@ -1,6 +1,6 @@
-// Reconciliation: the kernel is made to carry what the store says, then the store is made to record
-// what the kernel carries. One snapshot of the store serves the whole run, also after the run's own
-// changes.
+// Reconciliation: first the store's settings are applied to the kernel, then the kernel's are
+// written to the store. The whole run uses one snapshot of the store, even after its own changes to
+// the store.
 
 #include <cstring>
 #include <linux/rtnetlink.h>
@@ -27,7 +27,7 @@ class address_pass {
 public:
     explicit address_pass(ifcfg_t &link) : known(link.addresses) { include_new(false); }
 
-    // Takes in what was appended to the table.
+    // Adds the entries that were appended to the table.
     void include_new(bool in_store) {
         for (std::size_t i = seen.size(); i < known.size(); ++i) {
             positions.emplace(known[i].addr, i);
@@ -36,7 +36,7 @@ public:
     }
 
     // Marks and returns the entry that a stored address matches: the first of the same address and
-    // type. An address that the kernel made by itself but the store declares Static becomes Static.
+    // type. An address that the kernel assigned itself but that is stored as Static becomes Static.
     boost::optional<std::size_t> match(const CTavAddress &stored) {
         const auto same = positions.equal_range(stored.addr); // in the table's order
         for (auto at = same.first; at != same.second; ++at) {
@@ -149,7 +149,7 @@ void CSync::sync_kernel_addr(ifcfg_t &entry, const CTavAddress &stored,
         }
         log_info_at(3, "Changing prefix length of address '%s' => %u",
                     in6addr_to_str(known.addr, known.prefix_len, true).c_str(), stored.prefix_len);
-        // The kernel has no operation that changes a prefix.
+        // The kernel has no operation that changes a prefix length.
         delete_from_kern(*netlink, entry, known);
         known.prefix_len = stored.prefix_len;
         add_to_kern(*netlink, entry, known);
@@ -188,7 +188,7 @@ void CSync::sync_kernel_gateway(ifcfg_t &entry, const tavcfg_t &stored) {
             log_info_at(2, "New TAV route overriding existing one");
             netlink->modify_route(*entry.gateway, false);
         } else {
-            // Sent again all the same: the kernel refuses a duplicate and puts back a lost one.
+            // Sent again on purpose: the kernel refuses a duplicate, and a lost route is restored.
             log_info_at(4, "Skipping already-configured gateway...");
         }
     }

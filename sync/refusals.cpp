@@ -19,8 +19,8 @@ void route_addition_refused(ifcfg_t &entry, const CKernRoute &route, int error) 
     }
     log_info_at(2, "Kernel refused route via '%s' on interface %d: error %d",
                 CSync::in6addr_to_str(route.gateway, 0, false).c_str(), route.ifindex, error);
-    // A gateway recorded since then is not the refused one. And if its deletion was sent since
-    // then, the answer to that removes it from table and store.
+    // If another gateway was recorded since then, it is not the refused one. If a deletion of the
+    // gateway was sent since then, the answer to that deletion removes it from table and store.
     if (entry.gateway && same_gateway(*entry.gateway, route) && !entry.gateway_leaving) {
         entry.gateway = boost::none;
     }

@@ -1,10 +1,10 @@
 // The engine: keeps the kernel's and the store's view of the IPv6 configuration in agreement.
 //
 // The store wins for Static addresses and for the default gateway, the kernel wins for Link-Local
-// and Automatic addresses, and a stored address of another type that the kernel does not carry is
-// removed from the store. A fault of one stored address or gateway is logged and that item passed
-// over; every other failure leaves as an exception (netlink_err, sync_err, sync_minor_err,
-// sync_addr_err, std::bad_alloc), after which the engine is to be destroyed and built anew.
+// and Automatic addresses, and a stored address of another type that the kernel does not have is
+// removed from the store. If one stored address or gateway is faulty, the fault is logged and the
+// item skipped; every other failure is thrown (netlink_err, sync_err, sync_minor_err,
+// sync_addr_err, std::bad_alloc). After an exception, destroy the engine and build a new one.
 #pragma once
 
 #include <cstddef>
@@ -21,7 +21,7 @@
 
 class CSync {
 public:
-    // `tav_client` and `channel` stay the caller's and must outlive the engine. Only kernel links
+    // The caller owns `tav_client` and `channel`; both must outlive the engine. Only kernel links
     // whose name begins with `interface_prefix` are tracked.
     CSync(toolkit::CTav *tav_client, CNetlink *channel, tk_string interface_prefix);
     CSync(const CSync &) = delete;
@@ -39,11 +39,11 @@ public:
 
 protected:
     // --- shell/event_loop.cpp
-    // One cycle of waiting for the three descriptors and serving one of them: 0 to be called again,
-    // 1 when the daemon is to exit. Kept out of line so that a crash backtrace names it.
+    // Waits for the three descriptors and serves one of them. Returns 0 to be called again, 1 when
+    // the daemon must exit. Not inlined, so that a crash backtrace names it.
     [[gnu::noinline]] int listen();
 
-    // --- sync/discovery.cpp: links, then addresses, then routes, each as a dump; a step per call
+    // --- sync/discovery.cpp: links, then addresses, then routes, each as a dump; one step per call
     void discover();
     void request_dump(int awaiting);
     void handle_dump_end();
@@ -95,7 +95,8 @@ protected:
     void write_kern_route_to_tav(const CTavInterface &ifc, const ifcfg_t &entry); // store/write.cpp
 
     // Whether kernel events of the link are written through: in normal operation, and only while
-    // the store has an interface for it. A write would create one that every later read chokes on.
+    // the store has an interface for it. Without one, the write would create a node that makes
+    // every later read fail.
     bool may_write_store(const ifcfg_t &entry) const {
         return state == state_normal && entry.iface.number != 0;
     }
@@ -116,7 +117,7 @@ protected:
     tk_string if_prefix;
 
     dump_watch dumps;
-    // The names that read_tav_ipv6_addrs listed last. A member because what that function returns
-    // is the readable addresses alone.
+    // The names that read_tav_ipv6_addrs listed last. A member because that function returns only
+    // the readable addresses.
     std::vector<tk_string> addr_listing;
 };
