@@ -59,7 +59,7 @@ public:
             request.command = nullptr;
             return std::move(request);
         } catch (const CLI::ParseError &error) {
-            // Help and version come this way, too, and are no errors.
+            // CLI11 also throws for help and version, which are not errors.
             request.result = app.exit(error) == 0 ? exit_done : exit_usage;
             request.command = nullptr;
             return std::move(request);
@@ -74,7 +74,7 @@ public:
     }
 
 private:
-    // The library says of a wrong command only that one is required.
+    // For a wrong command CLI11 only says that a command is required.
     int complain(const CLI::RequiredError &error) {
         const std::vector<std::string> words = app.remaining(true);
         if (app.get_subcommands().empty()) {
@@ -249,7 +249,7 @@ private:
         CLI::App *sub =
             add(app, "import", "Show which of the kernel's settings can be stored", import_kernel);
         add_link(sub, false);
-        // The only source there is; said all the same, because of what it does to the store.
+        // The only source, but required: with --write the command changes the store.
         sub->add_flag("--from-kernel", from_kernel,
                       "Read the kernel's permanent addresses and default gateway (required)")
             ->required();
@@ -265,7 +265,7 @@ private:
         "tandrelctl"};
     request_t request;
     std::vector<CLI::Option *> wait_flags;
-    std::string patience; // a text: a flag's number would lose its fraction
+    std::string patience; // a text, because CLI11 would cut the fraction off a flag's number
     std::string colour = "auto";
     bool from_kernel = false;
 };

@@ -7,8 +7,8 @@ namespace ctl {
 
 using command_t = int (*)(const options_t &);
 
-// What a command line asks for. Without a command (help, or a wrong line) everything has been said,
-// and `result` is the exit code.
+// A parsed command line. Without a command (help, or a wrong line) everything has been printed, and
+// `result` is the exit code.
 struct request_t {
     command_t command = nullptr;
     options_t options;

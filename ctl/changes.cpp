@@ -62,7 +62,7 @@ changes_t::seen_t changes_t::wait(clock_type::time_point deadline) {
     return seen_t::change;
 }
 
-// What came is not looked at: the caller reads both views afresh.
+// The content does not matter: the caller reads both views again.
 void changes_t::drain_kernel() {
     pollfd entry{kernel->fd(), POLLIN, 0};
     while (poll(&entry, 1, 0) > 0) {
@@ -70,7 +70,7 @@ void changes_t::drain_kernel() {
         try {
             kernel->recv(datagram.bytes, datagram.length);
         } catch (const netlink_err &) {
-            // Some notifications were lost: a change all the same. The error is gone once taken.
+            // Some notifications were lost, which is a change too. Reading the error clears it.
             return;
         }
     }

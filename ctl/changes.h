@@ -11,10 +11,10 @@ namespace ctl {
 
 using clock_type = std::chrono::steady_clock;
 
-// Hears of every change of the kernel's links, IPv6 addresses and IPv6 routes, and of every leaf
-// below the interfaces' node, as long as the client is subscribed. A store that has gone away
-// counts as a change; without one `wait` returns after a second at most, for the caller to
-// subscribe again.
+// Receives every change of the kernel's links, IPv6 addresses and IPv6 routes, and of every leaf
+// below the interfaces' node, as long as the client is subscribed. Losing the store is a change
+// too; without a store `wait` returns after at most a second, so that the caller can subscribe
+// again.
 class changes_t {
 public:
     // The client must outlive the object. Throws netlink_err, as does `wait`.

@@ -1,4 +1,4 @@
-// Pairs the two views: links with store interfaces, and what stands on each.
+// Pairs the two views: links with store interfaces, and their addresses and gateways.
 #include "ctl/compare.h"
 
 #include <algorithm>
@@ -10,7 +10,8 @@ namespace ctl {
 
 namespace {
 
-// The stored addresses that are the same address; the first decides, the others are doubles.
+// Whether the node stores this kernel address. If several nodes do, the first one is used and the
+// others are duplicates.
 bool same(const stored_address_t &stored, const kernel_address_t &address) {
     return !stored.fault && address.has_address && same_address(stored.address, address.address);
 }
@@ -62,7 +63,8 @@ private:
         result.interfaces.push_back(std::move(view));
     }
 
-    // Of an item that only the kernel has, as far as is known. `wanted`: the daemon would take it.
+    // The mark of an item that only the kernel has, as far as is known. `wanted`: the daemon would
+    // store it.
     static mark_t mark_of_kernels(const interface_view_t &view, bool wanted) {
         if (!view.store_known) {
             return mark_t::half_known;
@@ -127,7 +129,8 @@ private:
         gateway_row_t *beside = nullptr;
         for (gateway_row_t &row : view.gateways) {
             const bool free = !stored.fault && row.kernel && !row.stored && is_adopted(*row.kernel);
-            // The kernel may have several; the one that is meant comes first.
+            // The kernel may have several static ones: take the one via the stored gateway,
+            // otherwise the first.
             if (free && (beside == nullptr || same_gateway(row.kernel->route, stored.route))) {
                 beside = &row;
             }

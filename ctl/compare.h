@@ -17,11 +17,11 @@ enum class mark_t {
     store_only,  //
     differ,      // in both, but not the same
     unusable,    // in the store, and skipped by the daemon
-    left_alone,  // in the kernel, and none of the daemon's business
+    left_alone,  // in the kernel, and ignored by the daemon by design
     half_known   // in the kernel; the store did not answer
 };
 
-// One address, or one gateway: what each side has of it.
+// One address, or one gateway, on each side.
 struct address_row_t {
     mark_t mark = mark_t::both;
     boost::optional<kernel_address_t> kernel;
@@ -36,10 +36,10 @@ struct gateway_row_t {
 struct interface_view_t {
     std::string link;                      // its name in the kernel
     boost::optional<kernel_link_t> kernel; // empty: there is no such link
-    long number = 0;                       // of the store interface; 0: none can stand for it
-    bool has_node = false;                 // which exists
+    long number = 0;                       // of the store interface; 0: the link cannot have one
+    bool has_node = false;                 // the store interface exists
     bool store_known = true;               // false: the store did not answer
-    bool tracked = false;                  // the daemon looks after the link
+    bool tracked = false;                  // the daemon manages the link
     std::vector<address_row_t> addresses;  // the kernel's order, then the store's
     std::vector<gateway_row_t> gateways;
     std::vector<finding_t> findings;
@@ -52,16 +52,16 @@ struct comparison_t {
     const interface_view_t *find(const std::string &link) const;
 };
 
-// `prefix`: what the names of the links begin with that the daemon looks after.
+// `prefix`: the prefix of the names of the links that the daemon manages.
 comparison_t compare(const kernel_view_t &kernel, const store_view_t &store,
                      const std::string &prefix);
 
-// The store interface whose link has that name: N for prefix and N - 1 in decimal; 0 for a name of
-// another form.
+// The number of the store interface of a link: N for the prefix followed by N - 1 in decimal; 0 for
+// any other name.
 long interface_number(const std::string &link, const std::string &prefix);
 
-// Why the kernel gives no link this address and takes no such gateway ("a multicast address", ...);
-// null when it does.
+// Why the kernel does not accept this address on a link or as a gateway ("a multicast address",
+// ...); null when it does.
 const char *unfit_kind(const in6_addr &address);
 
 } // namespace ctl

@@ -12,7 +12,7 @@ namespace {
 namespace fs = std::filesystem;
 
 // The namespace as the kernel names it ("net:[4026531840]"); empty with an error. A process that
-// has ended is in none, even while its parent has not asked for its status.
+// has ended has none, even before its parent has waited for it.
 std::string network_of(const fs::path &process, std::error_code &error) {
     return fs::read_symlink(process / "ns/net", error).string();
 }

@@ -9,7 +9,7 @@ namespace ctl {
 namespace {
 
 struct outcome_t {
-    std::string refused_path; // empty: all was done
+    std::string refused_path; // empty: everything was done
     int status = 0;
 };
 

@@ -10,16 +10,16 @@
 
 namespace ctl {
 
-// What is to be done: the leaves in one transaction, then the removals of nodes.
+// A change of the store: the leaves are written in one transaction, then the nodes are removed.
 struct step_t {
     std::vector<std::pair<std::string, std::string>> leaves; // path, text
     std::vector<std::string> removals;                       // paths
 };
 
-// Reads the store, lets `decide` say what to do, and does it. When the store refuses, because
-// another client was faster or for another reason, all of it is done again, a few times; so
-// `decide` may be called more than once, each time with what is stored then. Throws store_lost, and
-// refusal when the store keeps refusing.
+// Reads the store, calls `decide` for the change to make, and makes it. If the store refuses, for
+// example because another client was faster, all of this is repeated a few times. `decide` may
+// therefore be called more than once, each time with the current content of the store. Throws
+// store_lost, and refusal if the store keeps refusing.
 void carry_out(client_t &client, const options_t &options,
                const std::function<step_t(const store_view_t &)> &decide);
 
@@ -29,10 +29,10 @@ void put_address(step_t &step, const std::string &node_path, const CAddress &add
 // The path of the node "Addresses" of a store interface.
 std::string addresses_path(long interface);
 
-// Makes the daemon synchronise, without changing anything that it looks at: a leaf that it hears of
-// is made below the interface's addresses, and removed again. The address node that it would belong
-// to is incomplete, and is skipped. A real change, because a store need not tell of a leaf that is
-// written with the text that it has.
+// Makes the daemon synchronise without changing a setting: creates a leaf below the interface's
+// addresses, for which the daemon gets an event, and removes it again. The daemon skips the
+// incomplete address node that the leaf belongs to. The change is a real one, because a store need
+// not send an event for a leaf that is written without a change.
 void touch_interface(client_t &client, const options_t &options, long interface);
 
 } // namespace ctl

@@ -12,7 +12,7 @@ namespace ctl {
 
 namespace {
 
-// The store interface of the link that the command line names.
+// The number of the store interface of the link on the command line.
 long number_of(const options_t &options) {
     const long number = interface_number(options.link, options.prefix);
     if (number == 0) {
@@ -24,7 +24,7 @@ long number_of(const options_t &options) {
     return number;
 }
 
-// An address that the kernel would take, with its prefix length.
+// Parses an address with its prefix length. Refuses one that the kernel would not accept.
 CAddress parse_address(const options_t &options) {
     CAddress address;
     if (const auto fault = convert_address(options.address, address)) {
@@ -68,7 +68,7 @@ std::vector<place_t> places(const store_view_t &store, const std::string &link) 
     return found;
 }
 
-// Whether the node holds that address, whatever is wrong with its prefix length or its type.
+// Whether the node contains this address, even if its prefix length or its type is invalid.
 bool holds(const stored_address_t &stored, const CAddress &address) {
     CRoute there;
     return !convert_gateway(stored.text.substr(0, stored.text.find('/')), there) &&
@@ -130,7 +130,7 @@ int put(const options_t &options, bool may_exist) {
     return wait_for({options.link, false, true, address.addr}, client, options);
 }
 
-// Whether the node may go: with `force` any, else not one that the daemon would write again.
+// Refuses the removal of an address that the daemon would write again, unless `force` is set.
 void may_remove(const stored_address_t &stored, const options_t &options) {
     const bool kernels_own = !stored.fault && stored.address.type != type_static;
     if (kernels_own && !options.force) {
@@ -153,7 +153,7 @@ std::string node_to_remove(const std::vector<place_t> &stored, const options_t &
                   escaped(options.link));
 }
 
-// What `address del` names: an address with or without prefix length (then 0).
+// The address given to `address del`; the prefix length is 0 if none was given.
 CAddress parse_existing(const options_t &options) {
     CRoute parsed;
     CAddress address;
@@ -189,8 +189,8 @@ std::vector<std::string> nodes_to_remove(const std::vector<place_t> &stored,
     return paths;
 }
 
-// The path of the interface node that `interface del` names, and whether anything stands in it that
-// a person has stored.
+// The path of the interface node given to `interface del`, and whether it contains settings that a
+// person stored.
 struct doomed_t {
     std::string path;
     bool has_settings = false;
@@ -260,7 +260,7 @@ int address_delete(const options_t &options) {
         return step_t{{}, {path}};
     });
     if (!has_address) {
-        return exit_done; // it never reached the kernel
+        return exit_done; // the address never reached the kernel
     }
     return wait_for({options.link, false, false, address.addr}, client, options);
 }
@@ -313,7 +313,8 @@ int interface_add(const options_t &options) {
         throw refusal("the store already has a node for " + escaped(options.link) + " (interface " +
                       std::to_string(number) + ")");
     }
-    // The plain interface knows no empty nodes: what stays of a leaf that is removed again.
+    // The client interface cannot create an empty node, so create a leaf in it and remove that leaf
+    // again.
     touch_interface(client, options, number);
     if (!has_node(read_store(client.tav, options.prefix), number)) {
         throw refusal("this store keeps no empty nodes; store an address or a gateway for " +

@@ -14,7 +14,7 @@ namespace ctl {
 
 namespace {
 
-// The type that the daemon gives an address of the kernel's.
+// The type under which the daemon stores an address of the kernel.
 std::int32_t type_of_scope(std::uint8_t scope) {
     return scope == RT_SCOPE_LINK ? type_link_local : type_automatic;
 }
@@ -40,7 +40,8 @@ public:
         view.findings.push_back(finding_t{view.link, fault_t{reason, std::move(words)}});
     }
 
-    // What keeps the whole link from being synchronised. True when nothing on it need be explained.
+    // Adds what prevents synchronisation of the whole link. True when its addresses and gateways
+    // need no explanation of their own.
     bool explain_link(const std::string &prefix, bool anything_stored);
     void explain_nodes(const std::vector<const stored_interface_t *> &nodes);
     void explain_address(const address_row_t &row);
@@ -54,7 +55,7 @@ private:
     void explain_stored_gateway(const stored_gateway_t &stored);
     void explain_kernel_route(const kernel_route_t &route);
     bool reachable(const in6_addr &gateway) const;
-    // A node of the same address that comes before this one in the store.
+    // A node with the same address that precedes this one in the store; null if there is none.
     const stored_address_t *earlier(const stored_address_t &stored) const;
 
     interface_view_t &view;
@@ -188,7 +189,7 @@ void explainer_t::explain_address(const address_row_t &row) {
     }
 }
 
-// As the kernel judges it: by any route without gateway on the link that covers it.
+// Whether the kernel would accept the gateway: some route of the link without a gateway covers it.
 bool explainer_t::reachable(const in6_addr &gateway) const {
     if (IN6_IS_ADDR_LINKLOCAL(&gateway)) {
         return true;
@@ -268,7 +269,7 @@ void explainer_t::explain_gateway(const gateway_row_t &row) {
     }
 }
 
-// Routes that a person made and that have no row of their own.
+// Routes that a person made and that are not in the table.
 void explainer_t::explain_other_routes() {
     for (const kernel_route_t &route : kernel.routes) {
         const std::uint8_t protocol = route.route.protocol;

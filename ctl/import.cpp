@@ -1,4 +1,4 @@
-// The command import: a device that is taken over, with its settings in the kernel alone.
+// The command import: stores the settings of a device that has them only in the kernel.
 #include <algorithm>
 #include <iostream>
 #include <set>
@@ -15,19 +15,19 @@ namespace ctl {
 
 namespace {
 
-// Of the origins that newer kernels tell: 1 loopback, 2 router advertisement, 3 link-local.
+// Newer kernels report the origin: 1 loopback, 2 router advertisement, 3 link-local.
 bool kernel_made_it(const kernel_address_t &address) {
     return address.origin >= 1 && address.origin <= 3;
 }
 
-// An address that somebody gave the link for good.
+// A permanent address that a person or a script set.
 bool is_configured(const address_row_t &row) {
     return row.kernel && row.kernel->has_address && !row.kernel->has_peer &&
            row.kernel->address.scope == RT_SCOPE_UNIVERSE &&
            (row.kernel->flags & IFA_F_PERMANENT) != 0 && !kernel_made_it(*row.kernel);
 }
 
-// A default gateway that somebody gave the link: with the protocol of scripts, or of "ip route".
+// A default gateway that a person or a script set: protocol static, or boot as "ip route" uses.
 bool is_configured(const gateway_row_t &row) {
     return row.kernel && !row.kernel->multipath && row.kernel->table == RT_TABLE_MAIN &&
            (row.kernel->route.protocol == RTPROT_STATIC ||

@@ -30,7 +30,7 @@ namespace ctl {
 
 namespace {
 
-// Called with one message: from its netlink header on, and its length.
+// Called with one message, beginning at its netlink header, and its length.
 using visit_t = std::function<void(const unsigned char *, int)>;
 
 class socket_t {
@@ -91,7 +91,8 @@ private:
     std::unique_ptr<nl_sock, decltype(&nl_socket_free)> sock;
 };
 
-// Under churn the kernel marks dumps that may lack records: asked again, a few times at most.
+// If its tables change during a dump, the kernel marks the dump as possibly incomplete. Repeat it
+// then, a few times at most.
 template <typename Record, typename Header>
 std::vector<Record> dump(int type, Header header, Record (*read)(const unsigned char *, int)) {
     constexpr int attempts = 5;
@@ -197,8 +198,8 @@ kernel_route_t route_of_message(const unsigned char *bytes, int length) {
                                        route.table = wire::read_at<std::uint32_t>(datagram, offset);
                                    } else if (type == RTA_MULTIPATH) {
                                        route.multipath = true;
-                                       // The first of its gateways names the link, for want of a
-                                       // better one.
+                                       // The route has no single link; use that of its first
+                                       // gateway.
                                        const auto hop = wire::read_at<rtnexthop>(datagram, offset);
                                        route.route.ifindex = hop.rtnh_ifindex;
                                    } else if (type == RTA_DST && !route.has_index) {
@@ -211,7 +212,7 @@ kernel_route_t route_of_message(const unsigned char *bytes, int length) {
 kernel_view_t read_kernel() {
     kernel_view_t view;
     view.links = dump(RTM_GETLINK, links_of(AF_UNSPEC), link_of_message);
-    // Listed for the family IPv6 is a link only when IPv6 exists on it.
+    // A dump for the family IPv6 lists only links that have IPv6.
     const std::vector<kernel_link_t> with_ipv6 =
         dump(RTM_GETLINK, links_of(AF_INET6), link_of_message);
     for (kernel_link_t &link : view.links) {

@@ -12,14 +12,14 @@ namespace ctl {
 
 namespace {
 
-// Reasons that speak of a link which the daemon passes over by design.
+// Reasons about a link that the daemon ignores by design.
 bool is_passed_over(const finding_t &finding) {
     return finding.fault.reason == reason_t::wrong_prefix ||
            finding.fault.reason == reason_t::no_node_fits;
 }
 
-// A link without a store node that has no addresses either, or a node without a link in which
-// nothing stands: one that nobody uses.
+// A link that nobody uses: without a store node and without addresses, or an empty node without a
+// link.
 bool is_unused(const interface_view_t &interface, const finding_t &finding) {
     return (finding.fault.reason == reason_t::no_store_node ||
             finding.fault.reason == reason_t::link_absent) &&
@@ -31,7 +31,7 @@ struct report_t {
     std::vector<finding_t> notes;
 
     void add(const finding_t &finding, const options_t &options) {
-        // Whoever names such a link wants it synchronised.
+        // A user who names such a link wants it synchronised.
         const bool named = !options.link.empty() && is_passed_over(finding);
         if (named || finding.severity() == severity_t::difference) {
             differences.push_back(finding);
@@ -73,7 +73,7 @@ int show(const options_t &options) {
     client_t client;
     if (!client.connect()) {
         if (!options.json) {
-            // Half of it is better than nothing.
+            // Show the kernel's view even if the store does not answer.
             const comparison_t kernel = compare(read_kernel(), store_view_t{}, options.prefix);
             print(table_lines(chosen(kernel, options)), use_colour(options.colour));
             std::cout << std::flush;

@@ -1,4 +1,4 @@
-// tandrelctl: both views of a device's IPv6 settings, for a person or a script.
+// tandrelctl: shows both views of a device's IPv6 settings, and changes the store.
 #include <cstdarg>
 #include <cstdio>
 #include <exception>
@@ -7,7 +7,7 @@
 #include "ctl/text.h"
 #include "ctl/tool.h"
 
-// Where the store's library reports to.
+// The store's library reports its errors here.
 extern "C" __attribute__((visibility("default"))) void mlr_err(unsigned int level,
                                                                const char *format, ...) {
     static_cast<void>(level);

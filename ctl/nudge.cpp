@@ -24,7 +24,7 @@ namespace ctl {
 
 namespace {
 
-// Which interface is touched does not matter: the daemon synchronises all of them.
+// Any interface will do: the daemon synchronises all of them.
 void nudge_once(const options_t &options) {
     client_t client;
     client.require();
@@ -38,7 +38,7 @@ void nudge_once(const options_t &options) {
                   "with 'tandrelctl interface add'");
 }
 
-// Hears of links.
+// Receives notifications about links.
 class link_socket_t {
 public:
     link_socket_t() : sock(nl_socket_alloc(), nl_socket_free) {
@@ -52,7 +52,7 @@ public:
 
     int fd() const { return nl_socket_get_fd(sock.get()); }
 
-    // Takes what is pending and visits each link that was announced. False when announcements were
+    // Reads all pending notifications and visits each link in them. False when notifications were
     // lost.
     template <typename Visit>
     bool receive(const Visit &visit) {
@@ -63,7 +63,7 @@ public:
             if (datagram.length <= 0) {
                 return datagram.length == 0 || datagram.length == -NLE_AGAIN;
             }
-            // A notification is a datagram of its own.
+            // Each notification is a separate datagram.
             const wire::message_walk message(datagram);
             if (message.header().nlmsg_type == RTM_NEWLINK &&
                 message.payload<ifinfomsg>().ifi_family == AF_UNSPEC) {
@@ -86,7 +86,7 @@ private:
 class follower_t {
 public:
     explicit follower_t(const options_t &given) : options(given) {
-        library_reports = false; // each failed attempt would be reported
+        library_reports = false; // otherwise each failed attempt would be reported
     }
 
     int run() {
@@ -97,7 +97,7 @@ public:
         sigprocmask(SIG_BLOCK, &set, nullptr);
         const int signals = signalfd(-1, &set, SFD_CLOEXEC);
         look_at_all();
-        // For whatever came up before this process.
+        // For links that came up before this process started.
         reason = "started";
         for (;;) {
             if (!reason.empty()) {
@@ -124,8 +124,8 @@ private:
         }
     }
 
-    // Up, and connected: the kernel takes routes from the first on, and answers only from the
-    // second.
+    // Administratively up, then connected: the kernel accepts routes after the first, and uses them
+    // after the second.
     void see(const kernel_link_t &link) {
         const int now = (link.up ? 1 : 0) + (link.carrier ? 1 : 0);
         int &before = states[link.index];
@@ -150,9 +150,9 @@ private:
     }
 
     const options_t &options;
-    link_socket_t socket; // before the first look, so that nothing is missed in between
+    link_socket_t socket; // opened before the first look, so that no change in between is missed
     std::map<std::int32_t, int> states;
-    std::string reason; // why the daemon is to be nudged; empty: it is not
+    std::string reason; // why the daemon must be nudged; empty: it need not be
     bool complained = false;
 };
 

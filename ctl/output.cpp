@@ -57,7 +57,7 @@ const mark_text_t &text_of_mark(mark_t mark) {
     return marks.at(static_cast<std::size_t>(mark));
 }
 
-// One row of a table: what stands in each column.
+// One row of a table: the text in each column.
 struct cells_t {
     mark_t mark;
     std::array<std::string, 5> columns; // kernel, store, type, node, state
@@ -110,7 +110,7 @@ std::string heading_of(const interface_view_t &interface) {
     return text + (interface.tracked ? "" : ", not synchronised");
 }
 
-// Columns that a terminal needs for the text: one a character.
+// Columns that a terminal needs for the text: one per character.
 std::size_t width_of(const std::string &text) {
     return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char letter) {
         return (static_cast<unsigned char>(letter) & 0xc0U) != 0x80U;
@@ -144,7 +144,7 @@ void add_table(const std::vector<cells_t> &rows, lines_t &lines) {
     }
 }
 
-// A link that is of interest to somebody who did not name one.
+// Whether to show the link when the user named none.
 bool is_of_interest(const interface_view_t &interface) {
     return interface.tracked || interface.has_node;
 }

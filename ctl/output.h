@@ -29,17 +29,18 @@ std::vector<const interface_view_t *> chosen(const comparison_t &comparison,
 
 // The table of each interface, and a legend of the marks that occur.
 lines_t table_lines(const std::vector<const interface_view_t *> &interfaces);
-// What a finding says: its sentence behind `where`, and its remedy on a line of its own.
+// The text of a finding: the link and the sentence, and the remedy on a line of its own.
 lines_t finding_lines(const finding_t &finding);
 // The letter of a mark.
 char mark_letter(mark_t mark);
 
-// Keeps the keys in their order: output stays the same from run to run.
+// Keeps the keys in the order in which they were added, so that the output is the same in every
+// run.
 using json_t = nlohmann::ordered_json;
 json_t interface_json(const interface_view_t &interface);
 json_t finding_json(const finding_t &finding);
-// Prints it; text that is no valid UTF-8 is shown with replacement characters. `indent` -1: on one
-// line.
+// Prints JSON; text that is not valid UTF-8 is shown with replacement characters. `indent` -1: on
+// one line.
 void print_json(const json_t &json, int indent = 2);
 
 } // namespace ctl

@@ -12,9 +12,9 @@ constexpr auto difference = severity_t::difference;
 constexpr auto note = severity_t::note;
 using r = reason_t;
 
-// {link}: the kernel link; {prefix}: the beginning of the names that tandrel looks after; {node},
-// {path}, {text}: of the element in the store; {address}, {gateway}: as text; {type}: of an
-// address; {other}: what stands against it.
+// {link}: the kernel link; {prefix}: the prefix of the names of the links that tandrel manages;
+// {node}, {path}, {text}: name, path and text of the element in the store; {address}, {gateway}: as
+// text; {type}: of an address; {other}: the other side's or the other node's value.
 const std::vector<reason_text_t> table = {
     {r::interfaces_absent, difference, "interfaces-absent",
      "the store has no node '{path}', so tandrel can read nothing and starts over every ten "

@@ -1,5 +1,5 @@
-// Why the two views differ, or why something is left alone: one table of reasons, each with its
-// sentence and with what to do.
+// Why the two views differ, or why the daemon ignores something: one table of reasons, each with
+// its sentence and its remedy.
 #pragma once
 
 #include <map>
@@ -74,7 +74,7 @@ enum class reason_t {
 
 enum class severity_t {
     difference, // the views differ, or cannot come to agree
-    note        // left alone by design
+    note        // ignored by design
 };
 
 struct reason_text_t {
@@ -82,14 +82,14 @@ struct reason_text_t {
     severity_t severity;
     const char *name;     // for scripts; never changes
     const char *sentence; // with {words}
-    const char *remedy;   // likewise; empty when there is nothing to do
+    const char *remedy;   // with {words}; empty when there is nothing to do
 };
 
 // Every reason, in the order of the enumeration.
 const std::vector<reason_text_t> &reasons();
 const reason_text_t &text_of(reason_t reason);
 
-// What stands in place of the {words} of a sentence.
+// The texts that replace the {words} of a sentence.
 using words_t = std::map<std::string, std::string>;
 
 // A reason with its words.
@@ -98,7 +98,7 @@ struct fault_t {
     words_t words;
 };
 
-// A fault at its place.
+// A fault and the link that it concerns.
 struct finding_t {
     std::string link; // empty: it concerns the store as a whole
     fault_t fault;

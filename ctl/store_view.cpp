@@ -33,11 +33,11 @@ private:
     bool list(const std::string &path, std::vector<toolkit::child_t> &children);
     leaf_t leaf(const std::string &path);
     stored_interface_t read_interface(const std::string &node);
-    // `listed`: the gateway's node exists, so that a missing leaf is a fault.
+    // `listed`: the gateway's node exists, so a missing leaf is a fault.
     void read_gateway(const std::string &path, bool listed, stored_interface_t &interface);
     void read_addresses(const std::string &path, stored_interface_t &interface);
     stored_address_t read_address(const std::string &path, const std::string &node);
-    // Notes every child of the node but those known.
+    // Records every child of the node that the daemon does not know.
     void note_strange(const std::string &path, const std::vector<std::string> &known,
                       stored_interface_t &interface);
 
@@ -115,7 +115,7 @@ stored_address_t reader_t::read_address(const std::string &path, const std::stri
         stored.fault =
             fault_t{reason, {{"node", node}, {"text", stored.text}, {"type", stored.type_text}}};
     };
-    // In the order in which the daemon looks.
+    // In the order in which the daemon reads them.
     if (!address.there) {
         fault(reason_t::address_leaf_missing);
     } else if (!type.there) {
@@ -205,7 +205,8 @@ store_view_t reader_t::read() {
     return view;
 }
 
-// Converts with the daemon's own function; on failure tells by a second try which part was bad.
+// Converts with the daemon's own function; after a failure a second conversion finds out which part
+// was invalid.
 boost::optional<bool> convert(const std::string &text, bool prefix_required, CAddress &address) {
     try {
         address = CSync::str_to_addr(text, prefix_required);

@@ -1,5 +1,5 @@
-// The store's view: everything that stands below the interfaces' node, also what the daemon cannot
-// use, with the reason.
+// The store's view: everything below the interfaces' node, including what the daemon cannot use,
+// with the reason.
 #pragma once
 
 #include <stdexcept>
@@ -26,8 +26,8 @@ constexpr const char *store_silent = "the settings store does not answer";
 // One child of "Addresses".
 struct stored_address_t {
     std::string node;
-    std::string text;               // of its address leaf; empty when there is none
-    std::string type_text;          // likewise
+    std::string text;               // text of its address leaf; empty when there is none
+    std::string type_text;          // text of its type leaf; empty when there is none
     CTavAddress address;            // meaningful without a fault
     boost::optional<fault_t> fault; // why the daemon skips it
 };
@@ -41,26 +41,26 @@ struct stored_gateway_t {
 // One child node of the interfaces' node.
 struct stored_interface_t {
     std::string node;
-    long number = 0;  // 0: its name is no number, and the daemon's whole read fails
-    std::string link; // the kernel link that it stands for
+    long number = 0;  // 0: the name is not a number, so the daemon cannot read the store
+    std::string link; // name of the kernel link that the node is for
     boost::optional<stored_gateway_t> gateway;
     std::vector<stored_address_t> addresses; // in listing order
-    std::vector<std::string> strange;        // paths of elements that the daemon does not look at
-    bool holds_more = false; // beside "IPv6"; of a node without a number, anything at all
+    std::vector<std::string> strange;        // paths of elements that the daemon ignores
+    bool holds_more = false; // other children than "IPv6"; in a node without a number, any child
 };
 
 struct store_view_t {
-    bool answered = false; // otherwise nothing is known of it
+    bool answered = false; // if false, nothing else here is known
     bool listed = false;   // the interfaces' node exists
     std::vector<stored_interface_t> interfaces;
-    std::vector<std::string> strange; // children of the interfaces' node that are no nodes
+    std::vector<std::string> strange; // children of the interfaces' node that are not nodes
 };
 
-// `prefix`: what the names of the links begin with. Throws store_lost.
+// `prefix`: the prefix of the names of the links. Throws store_lost.
 store_view_t read_store(toolkit::CTav &tav, const std::string &prefix);
 
-// Converts the text of an address or gateway leaf by the daemon's rules; a fault tells what is
-// wrong, and leaves the output alone.
+// Converts the text of an address or gateway leaf by the daemon's rules; returns the fault if there
+// is one, and then does not change the output.
 boost::optional<fault_t> convert_address(const std::string &text, CAddress &address);
 boost::optional<fault_t> convert_gateway(const std::string &text, CRoute &route);
 

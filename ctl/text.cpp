@@ -36,7 +36,7 @@ std::string escaped(const std::string &text) {
     unsigned char before = 0;
     for (const char letter : text) {
         const auto byte = static_cast<unsigned char>(letter);
-        // U+0080 to U+009F are control characters, too.
+        // U+0080 to U+009F are control characters as well.
         const bool second_set = before == 0xc2 && byte >= 0x80 && byte < 0xa0;
         if (letter == '\\') {
             result += "\\\\";

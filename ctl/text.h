@@ -8,10 +8,10 @@
 
 namespace ctl {
 
-// Makes control characters and backslashes visible (\n, \x1b, \\): what is stored must not tell a
-// terminal what to do.
+// Makes control characters and backslashes visible (\n, \x1b, \\): stored text must not control the
+// terminal.
 std::string escaped(const std::string &text);
-// As one word of a shell's command line.
+// The text as one word of a shell's command line.
 std::string shell_word(const std::string &text);
 
 std::string address_text(const in6_addr &address);

@@ -13,19 +13,19 @@ namespace ctl {
 
 // Exit codes. They are part of the tool's interface.
 constexpr int exit_done = 0;        // done; the views agree
-constexpr int exit_differs = 1;     // the views differ; refused; nothing of that kind there
+constexpr int exit_differs = 1;     // the views differ; the change was refused; no such item
 constexpr int exit_usage = 2;       // the command line is wrong
 constexpr int exit_unreachable = 3; // the settings store, or the kernel, does not answer
-constexpr int exit_not_there = 4;   // stored, but the kernel did not follow in the time of --wait
+constexpr int exit_not_there = 4;   // stored, but not in the kernel within the time of --wait
 
 enum class colour_t { automatic, always, never };
 
-// Everything that a command line can say.
+// All options of the command line.
 struct options_t {
     std::string prefix = "eth";
     bool json = false;
     colour_t colour = colour_t::automatic;
-    bool all = false;                 // show, check: also links that the daemon passes over
+    bool all = false;                 // show, check: include links that the daemon ignores
     bool no_notes = false;            // check
     bool quiet = false;               // check
     bool force = false;               // interface del, address del
@@ -37,7 +37,7 @@ struct options_t {
     boost::optional<double> patience; // --wait: seconds
 };
 
-// What the tool cannot do; the text says why, and what to do instead.
+// A request that the tool refuses; the text says why, and what to do instead.
 class refusal : public std::runtime_error {
 public:
     explicit refusal(const std::string &text, int exit_code = exit_differs)
@@ -45,7 +45,7 @@ public:
     int code;
 };
 
-// A connection to the store that can be made anew.
+// A connection to the store that can be opened again after it is lost.
 class client_t {
 public:
     client_t() = default;
@@ -58,9 +58,9 @@ public:
     // The same, or throws store_lost.
     void require();
     // Connects and asks for events on every leaf below the interfaces' node; from then on the store
-    // tells of changes, and may refuse a write that another client's change has overtaken.
+    // reports changes, and may refuse a write if another client has changed the store first.
     bool subscribe();
-    // Takes the waiting events. Throws store_lost.
+    // Fetches the pending events. Throws store_lost.
     void take_events();
     void disconnect();
     bool connected() const { return tav.handle != nullptr; }
@@ -74,7 +74,7 @@ private:
 // While false the reports of the store's library are dropped (mlr_err).
 extern bool library_reports;
 
-// Both views of this moment. Throws store_lost.
+// Reads both views. Throws store_lost.
 comparison_t look(client_t &client, const options_t &options);
 
 // The commands. Each prints its own output and returns an exit code; failures are thrown.

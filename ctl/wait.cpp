@@ -20,7 +20,7 @@ bool equal(const in6_addr &left, const in6_addr &right) {
     return std::memcmp(&left, &right, sizeof left) == 0;
 }
 
-// Whether the kernel still checks the address, and can.
+// Whether the kernel is still checking the address for duplicates, and can.
 bool is_being_checked(const address_row_t &row, const interface_view_t &interface) {
     return row.kernel && (row.kernel->flags & (IFA_F_TENTATIVE | IFA_F_DADFAILED)) != 0 &&
            interface.kernel->carrier;
@@ -52,7 +52,7 @@ bool gateway_reached(const goal_t &goal, const interface_view_t &interface) {
     return goal.present ? on_both : !anywhere;
 }
 
-// Nothing will come of waiting as long as one of these holds.
+// Waiting is useless as long as one of these reasons applies.
 bool is_hopeless(const comparison_t &comparison, const interface_view_t &interface) {
     const auto hopeless = [](const finding_t &finding) {
         switch (finding.fault.reason) {
@@ -73,7 +73,7 @@ bool is_hopeless(const comparison_t &comparison, const interface_view_t &interfa
     return any(comparison.findings) || any(interface.findings);
 }
 
-// Whether a finding may be why: a difference, or what goes with one.
+// Whether a finding may be the reason: it is a difference, or may explain one.
 bool may_be_why(const finding_t &finding) {
     const reason_t reason = finding.fault.reason;
     return finding.severity() == severity_t::difference || reason == reason_t::link_down ||
@@ -103,8 +103,8 @@ void say_why(const comparison_t &comparison, const interface_view_t &interface) 
     }
 }
 
-// Says on standard error that the wait goes on, and for how long: on a terminal from two seconds
-// on, in one line that is rewritten; elsewhere in a line every 15 seconds.
+// Reports the time waited on standard error: on a terminal, after two seconds, in one line that is
+// rewritten; elsewhere in a line every 15 seconds.
 class progress_t {
 public:
     explicit progress_t(double seconds) : patience(seconds) {}
@@ -153,7 +153,7 @@ int wait_for(const goal_t &goal, client_t &client, const options_t &options) {
     if (!options.patience) {
         return exit_done;
     }
-    // Hears of everything that happens after the first look.
+    // Subscribe before the first look, so that no change is missed.
     changes_t changes(client);
     const auto end = clock_type::now() +
                      std::chrono::milliseconds(static_cast<long long>(*options.patience * 1000));

@@ -19,11 +19,10 @@ namespace {
 
 constexpr std::size_t log_length = 100;
 
-// The remaining life times run without any event.
+// The remaining life times change without any event, so redraw at least this often.
 constexpr std::chrono::seconds redraw_interval{30};
 
-// What there is on either side: what it is, and its state. Compared with an earlier one it tells
-// what changed.
+// The items of both sides, each with its state. Comparing two of these shows what changed.
 using items_t = std::map<std::string, std::string>;
 
 struct state_t {
@@ -72,7 +71,7 @@ items_t items_of(const state_t &state, const options_t &options) {
     return items;
 }
 
-// What is stored is not gone only because the store does not answer.
+// If the store does not answer, its items are unknown, not removed.
 void keep_stored_items(const items_t &before, items_t &now) {
     for (const auto &item : before) {
         if (item.first.find(" store: ") != std::string::npos) {
@@ -81,7 +80,7 @@ void keep_stored_items(const items_t &before, items_t &now) {
     }
 }
 
-// The changes between two states, a line each: + came, - went, ~ changed.
+// The changes between two states, one line each: + added, - removed, ~ changed.
 std::vector<std::string> changes_between(const items_t &before, const items_t &now) {
     std::vector<std::string> lines;
     const auto with_state = [](const std::string &name, const std::string &state) {
@@ -113,7 +112,7 @@ std::string time_of_day() {
     return text;
 }
 
-// The first characters of a text, so many columns wide.
+// The beginning of a text, at most `width` columns.
 std::string cut(const std::string &text, std::size_t columns) {
     std::size_t used = 0;
     std::size_t at = 0;
@@ -126,7 +125,8 @@ std::string cut(const std::string &text, std::size_t columns) {
     return text.substr(0, at);
 }
 
-// The whole terminal while it lives; what was there before comes back.
+// Uses the terminal's alternate screen during its lifetime; then the previous content is shown
+// again.
 class screen_t {
 public:
     screen_t() { std::cout << "\x1b[?1049h\x1b[?25l" << std::flush; }
@@ -134,7 +134,7 @@ public:
     screen_t(const screen_t &) = delete;
     screen_t &operator=(const screen_t &) = delete;
 
-    // The table, and below it as many of the latest log lines as there is room for.
+    // Shows the table, and below it as many of the latest log lines as fit.
     static void draw(const lines_t &table, const std::deque<std::string> &log, bool colour) {
         winsize size{};
         if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0) {
@@ -143,7 +143,7 @@ public:
         }
         lines_t lines = table;
         lines.push_back({style_t::plain, ""});
-        const std::size_t rows = size.ws_row - 1U; // the last one stays empty, so nothing scrolls
+        const std::size_t rows = size.ws_row - 1U; // the last line stays empty, so nothing scrolls
         const std::size_t room = rows > lines.size() ? rows - lines.size() : 0;
         const std::size_t first = log.size() > room ? log.size() - room : 0;
         for (std::size_t i = first; i < log.size(); ++i) {
@@ -164,7 +164,7 @@ class watcher_t {
 public:
     explicit watcher_t(const options_t &given)
         : options(given), changes(client), on_terminal(!given.json && isatty(STDOUT_FILENO) == 1) {
-        // It comes and goes; the log says so.
+        // The store may come and go; the log shows it.
         library_reports = false;
     }
 
@@ -219,7 +219,8 @@ private:
         const std::string time = time_of_day();
         for (const std::string &line : lines) {
             if (!on_terminal) {
-                std::cout << time << ' ' << line << std::endl; // at once: somebody waits for it
+                std::cout << time << ' ' << line
+                          << std::endl; // flush each line at once for the reader
             } else if (!first) {
                 log.push_back(std::string(time).append(" ").append(line));
             }
@@ -233,7 +234,7 @@ private:
         try {
             return chosen(state.comparison, options);
         } catch (const refusal &) {
-            return {}; // the link is not there at present
+            return {}; // the link does not exist at the moment
         }
     }
 
