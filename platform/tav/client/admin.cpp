@@ -51,13 +51,13 @@ int dump(mlr_client_t *client, const std::string &path, api_status_t &status,
         const int result = perform_with(*connection, Op::dump, DumpRequest{path, elements.size()},
                                         [&page](Reader &reader) { get(reader, page); });
         if (result != call_done) {
-            // What earlier pages brought is no answer.
+            // Earlier pages are not an answer.
             status = api_status_none;
             elements.clear();
             return result;
         }
         if (!elements.empty() && page.revision != revision) {
-            // The store changed between two pages: they do not fit together.
+            // The store changed between two pages, so start again.
             elements.clear();
             ++attempt;
             continue;

@@ -15,8 +15,8 @@ namespace tav {
 TAV_EXPORT int transact(mlr_client_t *client, const std::vector<Item> &items,
                         std::vector<api_status_t> &statuses);
 
-// All elements of the subtree at `path`, itself included, in tree order, of one and the same
-// moment. Under a writer that never pauses the status is api_status_refused.
+// All elements of the subtree at `path`, including itself, in tree order, as of one moment. If the
+// store changes all the time, the status is api_status_refused.
 TAV_EXPORT int dump(mlr_client_t *client, const std::string &path, api_status_t &status,
                     std::vector<DumpElement> &elements);
 

@@ -1,4 +1,5 @@
-// What all typed calls share: one exchange, whose reply is read completely or ends the connection.
+// The exchange that all typed calls share: its reply is read completely, or the connection is
+// ended.
 #ifndef TAV_CLIENT_CALLS_H
 #define TAV_CLIENT_CALLS_H
 
@@ -27,7 +28,8 @@ int perform(Connection &connection, Op op, Writer &request, Read read) {
     try {
         read(reader);
     } catch (...) {
-        // The service counts this reply as received (fetched events, say): it cannot be skipped.
+        // The service regards this reply as received (for example fetched events), so it cannot be
+        // skipped.
         connection.malformed();
         throw;
     }

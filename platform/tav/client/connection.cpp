@@ -36,7 +36,7 @@ std::unique_ptr<Connection> Connection::open(const std::string &path,
     return connection;
 }
 
-// Opens the connection for calls, is given a ticket, and presents it on the second connection.
+// Opens the connection for calls, receives a ticket, and presents it on the second connection.
 bool Connection::establish(const std::string &path) {
     const Clock::time_point deadline = Clock::now() + limit;
     Writer hello = request(Op::hello);
@@ -56,7 +56,7 @@ bool Connection::establish(const std::string &path) {
     put(attach, Hello{magic, protocol_version});
     put(attach, ticket);
     UniqueFd second;
-    FrameStream only_reply(false); // what follows it are wake-ups
+    FrameStream only_reply(false); // only wake-ups follow it
     if (!greet(path, attach, second, only_reply, reply, deadline)) {
         return false;
     }
@@ -92,8 +92,8 @@ Writer Connection::request(Op op) {
     return writer;
 }
 
-// Sends a frame and receives one. A service that ends the connection may have said why before, so
-// that what it has sent counts also when nothing can be sent to it any more.
+// Sends a frame and receives one. A service that ends the connection may have sent the reason
+// before, so read what it has sent even if the frame cannot be sent.
 StreamResult Connection::converse(int fd, FrameStream &frames, const std::string &frame,
                                   std::string_view &body, Deadline deadline) {
     const StreamResult sent = send_all(fd, frame, deadline);
@@ -152,7 +152,7 @@ bool Connection::exchange(Op op, Writer &request, std::string_view &reply) {
             return true;
         }
     } catch (...) {
-        // Out of memory in the middle of a frame: what follows in the stream has no meaning.
+        // Out of memory in the middle of a frame: the rest of the stream cannot be interpreted.
         lose("out of memory");
     }
     return false;
@@ -175,7 +175,7 @@ bool Connection::ping() {
 
 bool Connection::send_ping() {
     const Clock::time_point now = Clock::now();
-    // Nothing but this tells of a service that hangs while there is nothing to ask it for.
+    // This is the only way to notice a service that hangs while there are no calls.
     if (now > last_ping + limit && unread_bytes(calls.get()) > 0) {
         lose(describe(StreamResult::timed_out));
         return false;
@@ -202,8 +202,8 @@ void Connection::malformed() {
     lose(malformed_reply);
 }
 
-// After this every call fails at once: a reply that comes too late can never be taken for the
-// answer of a later call, and the service learns that the client is gone.
+// After this every call fails at once. A late reply can therefore never be mistaken for the answer
+// to a later call, and the service notices that the client is gone.
 void Connection::lose(const char *why) {
     if (lost) {
         return;

@@ -29,22 +29,22 @@ public:
 
     int descriptor() const { return wake.get(); }
 
-    // Not lost yet, as far as is known.
+    // Not known to be lost.
     bool usable() const { return !lost; }
 
-    // A request of this kind, header written; the caller adds the content.
+    // A request of this kind with its header; the caller adds the content.
     TAV_EXPORT Writer request(Op op);
     // Sends the request and waits for its reply, whose content (without header) is then in `reply`,
-    // valid until the next exchange. False when the connection is lost, be it now or earlier: the
-    // first time with a report. A request too large for a frame must not get here.
+    // valid until the next exchange. False when the connection is lost, now or earlier; the loss is
+    // reported once. The request must fit a frame.
     TAV_EXPORT bool exchange(Op op, Writer &request, std::string_view &reply);
-    // Ends the connection because a reply made no sense.
+    // Ends the connection because of an invalid reply.
     TAV_EXPORT void malformed();
-    // Tells the service that the client is alive. There is no reply, and no wait for one, unless a
-    // wake-up that the program leaves alone is to be acknowledged. False when the connection is
+    // Tells the service that the client is alive. There is no reply, and no wait for one, except
+    // when a wake-up that the program ignores must be acknowledged. False when the connection is
     // lost, also because the service did not take the last ping within the time limit.
     TAV_EXPORT bool ping();
-    // Whether the service knows this client by a watchdog: for the answer to a ping.
+    // Whether this client has announced a watchdog to the service; decides the answer to a ping.
     bool has_watchdog = false;
 
 private:
@@ -67,7 +67,7 @@ private:
     std::uint32_t serial = 0;
     FrameStream replies{true};
     Deadline last_ping{}; // when it was sent
-    std::string spare;    // the last request, whose memory the next one uses
+    std::string spare;    // the last request; the next one reuses its memory
 };
 
 } // namespace tav

@@ -42,7 +42,7 @@ bool Descriptor::is_left_alone() {
     }
     if (attention.is_missing(true)) {
         std::uint64_t value = 0;
-        // Fails when it is silent already, which is as good.
+        // Fails when it is already not readable, which is equally good.
         const ssize_t got = ::read(socket.get(), &value, sizeof value);
         static_cast<void>(got);
     }

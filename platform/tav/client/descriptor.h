@@ -1,5 +1,5 @@
-// The descriptor that a program waits on: the library's end of the wake-up connection, and, once
-// the connection is lost, a stand-in under the same number.
+// The descriptor that a program waits on: the library's end of the wake-up connection, or, once the
+// connection is lost, a substitute with the same number.
 #ifndef TAV_CLIENT_DESCRIPTOR_H
 #define TAV_CLIENT_DESCRIPTOR_H
 
@@ -7,17 +7,17 @@
 
 namespace tav {
 
-// Whether a program leaves alone what the descriptor shows it. Between two pings it has waited: was
-// the descriptor readable at both, then the wait said so.
+// Whether a program ignores the descriptor. It waits between two pings: if the descriptor was
+// readable at both, the wait has reported it.
 class Attention {
 public:
-    // A ping is made. True when it is the second one in a row that finds the descriptor readable.
+    // Called at a ping. True when it is the second one in a row that finds the descriptor readable.
     bool is_missing(bool readable) {
         const bool again = readable && pinged;
         pinged = readable && !again;
         return again;
     }
-    // A fetch was made, or tried; or what is shown is another thing now.
+    // Called when a fetch was made or tried, or when the descriptor was replaced.
     void reset() { pinged = false; }
     bool state() const { return pinged; }
 
@@ -27,7 +27,7 @@ private:
 
 class Descriptor {
 public:
-    // Everything that losing the connection will need is acquired here, so that loss cannot fail.
+    // Acquires everything that losing the connection needs, so that handling the loss cannot fail.
     // Check valid() afterwards.
     Descriptor();
 
@@ -36,17 +36,18 @@ public:
     void adopt(UniqueFd connected) { socket = std::move(connected); }
     int get() const { return socket.get(); }
 
-    // Takes exactly one wake-up byte, which the service says is there. More would swallow the
-    // wake-up of an event that arrived since. False when it is not there.
+    // Reads exactly one wake-up byte, which the service has announced. Reading more would lose the
+    // wake-up for a later event. False when there is none.
     bool drain_one() const;
 
     // The connection is lost: the socket is closed, and its number becomes a readable descriptor
     // that has nothing to do with the service any more. Later calls do nothing.
     void lose();
-    // A ping is made. True when the program leaves the wake-up byte alone, so that it is to be
-    // acknowledged. Of a lost connection the descriptor falls silent then, and this is false.
+    // Called at a ping. True when the program ignores the wake-up byte, which must then be
+    // acknowledged. If the connection is lost, the descriptor stops being readable instead, and the
+    // result is false.
     bool is_left_alone();
-    // A fetch was made, or tried.
+    // Called when a fetch was made or tried.
     void fetched() { attention.reset(); }
 
 private:

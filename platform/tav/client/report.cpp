@@ -6,7 +6,7 @@
 
 #include <tav/mlr.h>
 
-// Belongs to the program. Weak here, so that a program without one can link with the library too;
+// Defined by the program. Weak here, so that a program without it can link with the library too;
 // the address is then null.
 extern "C" void mlr_err(unsigned int level, const char *format, ...)
     __attribute__((weak, visibility("default")));
@@ -20,8 +20,8 @@ void report(unsigned int level, const char *format, ...) {
     char message[512];
     va_list arguments;
     va_start(arguments, format);
-    // The program's function takes no va_list, so the text is made here.
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start stands right above
+    // The program's function takes no va_list, so format the text here.
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is right above
     const int length = vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
     mlr_err(level, "%s", length < 0 ? format : message);

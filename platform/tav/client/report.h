@@ -1,4 +1,4 @@
-// Reports of the library's own errors to the program it is part of.
+// Reports the library's errors to the program.
 #ifndef TAV_CLIENT_REPORT_H
 #define TAV_CLIENT_REPORT_H
 
@@ -8,16 +8,16 @@ namespace tav {
 
 // An established connection is lost: every later call on it fails.
 constexpr unsigned int report_lost = 0;
-// No connection could be made; callers try again on their own.
+// No connection could be made; callers try again by themselves.
 constexpr unsigned int report_unreachable = 1;
-// One call could not be made as asked for; the connection is fine.
+// One call could not be made as requested; the connection still works.
 constexpr unsigned int report_call = 2;
 
-// Reports, at report_unreachable, that no connection could be made; nothing when the last attempt
-// of this thread failed for the same reason, or with null, which stands for a success.
+// Reports, at report_unreachable, that no connection could be made. Reports nothing if the last
+// attempt of this thread failed for the same reason. A null reason means success.
 void report_attempt(const char *failure);
 
-// Hands a message to the program's mlr_err, if it has one.
+// Passes a message to the program's mlr_err, if it has one.
 TAV_EXPORT void report(unsigned int level, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 

@@ -1,8 +1,8 @@
-// Looking again for a moment before sleeping, where there is a second processor.
+// Polling for a moment before sleeping, if there is a second processor.
 //
-// A reply mostly comes within microseconds, while a processor that went idle takes some 50 to run a
-// process again (a virtual one, that is: with a reply to wait for, each exchange pays this twice).
-// So whoever waits lets others run first, here as well, and looks once more.
+// A reply usually arrives within microseconds, but an idle virtual processor takes about 50 to run
+// a process again, and an exchange with a reply pays this twice. So a waiting process first lets
+// others run and polls again.
 #ifndef TAV_CLIENT_SHORT_WAIT_H
 #define TAV_CLIENT_SHORT_WAIT_H
 
@@ -12,8 +12,8 @@
 
 namespace tav {
 
-// Whether this process may run on more than one processor; of one, sleeping is the only way to let
-// the other side run. Asked once in a process.
+// Whether this process may run on more than one processor; with only one, sleeping is the only way
+// to let the other side run. Determined once per process.
 inline bool has_second_processor() {
     static const bool has = [] {
         cpu_set_t usable;
@@ -25,8 +25,8 @@ inline bool has_second_processor() {
 // One wait.
 class ShortWait {
 public:
-    // True after letting others run: look once more. False when it is time to sleep: after 100 µs,
-    // as soon as somebody else wants this processor, or always where it is the only one.
+    // True after letting others run: poll again. False when it is time to sleep: after 100 µs, as
+    // soon as another process wants this processor, or always if it is the only one.
     bool goes_on() {
         if (!has_second_processor()) {
             return false;
@@ -46,7 +46,7 @@ public:
 private:
     using Clock = std::chrono::steady_clock;
     static constexpr std::chrono::microseconds longest{100};
-    // Two looks are not further apart unless somebody else ran between them.
+    // Two polls are at most this far apart unless another process ran in between.
     static constexpr std::chrono::microseconds alone{5};
 
     bool looked = false;

@@ -33,7 +33,7 @@ bool wait_for(int fd, short events, Clock::time_point deadline) {
         const int left = remaining(deadline);
         const int ready = ::poll(&entry, 1, left);
         if (ready > 0 || (ready < 0 && errno != EINTR)) {
-            return true; // whatever it is, the next operation will tell
+            return true; // the next operation reports any error
         }
         if (left == 0) {
             return false;
@@ -45,7 +45,7 @@ bool again(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
 }
 
-// Of a frame of which only the beginning has arrived: its length, or what follows it.
+// The bytes still missing of a frame that has partly arrived: of its length field, or of its body.
 std::size_t missing_bytes(std::string_view beginning) {
     if (beginning.size() < length_bytes) {
         return length_bytes - beginning.size();
@@ -103,7 +103,7 @@ StreamResult send_all(int fd, std::string_view bytes, Clock::time_point deadline
     return StreamResult::done;
 }
 
-// The buffer keeps its memory, but for that of the rare frame that is large.
+// The buffer keeps its memory, except after a rare large frame.
 void FrameStream::discard_last() {
     constexpr std::size_t keep = std::size_t{256} << 10;
     buffer.erase(0, taken);
@@ -115,7 +115,7 @@ void FrameStream::discard_last() {
     }
 }
 
-// Grows the buffer with what arrives, not with what is announced.
+// Grows the buffer with the bytes that arrive, not by the announced length.
 void FrameStream::make_room() {
     constexpr std::size_t least = 4096;
     if (filled == buffer.size()) {
@@ -127,7 +127,7 @@ StreamResult FrameStream::receive(int fd, std::string_view &body, Clock::time_po
     discard_last();
     FrameState state = FrameState::incomplete;
     ShortWait short_wait;
-    // A receive that waits by itself is woken once more, when the other side takes the request.
+    // Wait with poll: a blocking receive would also be woken when the other side reads the request.
     bool wait = !short_wait.goes_on();
     while ((state = next_frame(arrived(), body)) == FrameState::incomplete) {
         if (wait && !wait_for(fd, POLLIN, deadline)) {

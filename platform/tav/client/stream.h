@@ -1,5 +1,5 @@
-// Moving bytes over a non-blocking stream socket before a deadline. An interrupted wait goes on
-// with what is left of the time.
+// Moving bytes over a non-blocking stream socket before a deadline. An interrupted wait continues
+// for the remaining time.
 #ifndef TAV_CLIENT_STREAM_H
 #define TAV_CLIENT_STREAM_H
 
@@ -11,8 +11,8 @@
 
 namespace tav {
 
-// What became of it. `timed_out` and `closed` (by the other side) are told apart only for the
-// report; `failed` leaves the reason in errno, `too_large` is a frame beyond the limits.
+// The result of an operation. `timed_out` and `closed` (by the other side) differ only in the
+// report; `failed` leaves the reason in errno; `too_large` means a frame beyond the limits.
 enum class StreamResult { done, timed_out, closed, failed, too_large };
 
 // Connects to the socket at `path`. Invalid, with errno set, when that fails.
@@ -22,11 +22,11 @@ UniqueFd connect_stream(const std::string &path, std::chrono::steady_clock::time
 StreamResult send_all(int fd, std::string_view bytes,
                       std::chrono::steady_clock::time_point deadline);
 
-// The frames that come in on one connection.
+// The frames received on one connection.
 class FrameStream {
 public:
-    // `ahead`: a receive takes what there is, so that one is enough for a frame. Otherwise not one
-    // byte behind a frame is received.
+    // `ahead`: a receive takes all available bytes, so that one is enough for a frame. Otherwise no
+    // byte after a frame is received.
     explicit FrameStream(bool ahead) : reads_ahead(ahead) {}
 
     // Waits for the next frame; `body` is its content, valid until the next call.
@@ -41,10 +41,10 @@ private:
     bool reads_ahead;
     std::string buffer;
     std::size_t filled = 0; // bytes of the buffer that were received, ...
-    std::size_t taken = 0;  // ... and of these the frame that was given last
+    std::size_t taken = 0;  // ... and the frame among them that was returned last
 };
 
-// Bytes that were sent and that the other side has not received; 0 when that is not known.
+// Bytes that were sent but not yet received by the other side; 0 if that is unknown.
 std::size_t unread_bytes(int fd);
 
 // A sentence for a report.

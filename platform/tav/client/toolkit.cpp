@@ -20,7 +20,7 @@ using tav::Writer;
 
 namespace {
 
-// An answer that the library gives itself; it must not hide that the connection is lost.
+// An answer that the library gives without the service; it must not hide a lost connection.
 int answered_here(const Connection &connection) {
     return connection.usable() ? call_done : call_failed;
 }
@@ -183,7 +183,7 @@ int CTav::events_get(std::vector<CEvent> &events) {
         return result;
     }
     if (fetched.empty()) {
-        // Nothing was pending. That is no failure, so it is not reported as nothing.
+        // Nothing was pending. Report that as a notice, so that it is not mistaken for a failure.
         fetched.push_back(tav::Event{mlr_event_notice, {}});
     }
     events.reserve(fetched.size());

@@ -1,12 +1,12 @@
 # Completion of tav(1) for bash: commands, options, and paths from the running store.
 #
-# The names in a store hold blanks, colons and whatever else, and readline cuts words at some of
-# these. So the line is taken apart here, and what is offered is always what was typed so far with
-# the rest behind it, quoted as the word was begun.
+# Names in a store may contain blanks, colons and other characters at which readline splits words.
+# So the line is split here, and every completion is the typed text followed by the rest, in the
+# quotes with which the word begins.
 
-# Takes the line up to the cursor apart as the shell would: words without their quotes in `words`,
-# the last of which is being completed; the kind of quote that is open in `quote`; whether it ends in
-# a backslash that still waits for its character in `pending`.
+# Splits the line up to the cursor as the shell would: `words` has the words without their quotes,
+# and the last one is being completed; `quote` is the kind of quote that is open; `pending` says
+# whether the line ends with a backslash that still needs its character.
 _tav_words() {
     local line=${COMP_LINE:0:COMP_POINT} i c word='' started=''
     words=() quote='' pending=''
@@ -32,7 +32,7 @@ _tav_words() {
     words+=("$word")
 }
 
-# Quotes a text as the rest of a word whose open quote is `quote`; the result in `quoted`.
+# Quotes a text as the rest of a word whose open quote is `quote`; the result is in `quoted`.
 _tav_quote() {
     local text=$1 i
     quoted=''
@@ -67,7 +67,7 @@ _tav_offer_paths() {
     parent=${word%/*}
     # A store that hangs must not hang the shell.
     while IFS=$'\t' read -r type name; do
-        # The tool's escapes are among those that printf knows.
+        # printf knows all of the tool's escapes.
         printf -v name '%b' "$name"
         path=$parent/$name
         [[ $path == "$word"* ]] || continue
@@ -78,9 +78,9 @@ _tav_offer_paths() {
         2>/dev/null)
     [[ ${#COMPREPLY[@]} -eq 1 ]] || return
     if [[ ${COMPREPLY[0]} == */ ]]; then
-        compopt -o nospace # below a node there is more to come
+        compopt -o nospace # a node has children to complete
     elif [[ $quote && ${COMPREPLY[0]} == *"$quote" ]]; then
-        COMPREPLY[0]+=$quote # readline would take the name's own quote for the closing one
+        COMPREPLY[0]+=$quote # readline would mistake the name's own quote for the closing one
     fi
 }
 
@@ -109,10 +109,10 @@ _tav() {
     COMPREPLY=()
     _tav_words
     word=${words[-1]}
-    # Such a backslash came from what several names had in common; it is written anew.
+    # Such a backslash comes from the common beginning of several names; it is written again.
     [[ $pending ]] && typed=${typed%\\}
 
-    # What came before: the command, and how many of its own arguments.
+    # The words before the cursor: the command, and the number of its arguments.
     for ((i = 1; i < ${#words[@]} - 1; i++)); do
         case ${words[i]} in
         --socket) socket=(--socket "${words[++i]}") ;;

@@ -1,5 +1,5 @@
-// Writing and reading the body of a frame. Numbers go most significant byte first; texts carry
-// their length in front. Neither side ever leaves its buffer.
+// Writing and reading the body of a frame. Numbers are written most significant byte first; a text
+// follows its length. Neither side ever leaves its buffer.
 #ifndef TAV_PROTOCOL_CODEC_H
 #define TAV_PROTOCOL_CODEC_H
 
@@ -10,11 +10,11 @@
 
 namespace tav {
 
-// Builds one frame. The space for the length is kept free from the start, so that the finished
-// frame needs no second copy.
+// Builds one frame. The space for the length is reserved at the start, so that the finished frame
+// need not be copied.
 class Writer {
 public:
-    // `recycled` is a frame that is no longer needed: its memory, not its content, is used again.
+    // `recycled` is a frame that is no longer needed; only its memory is reused.
     explicit Writer(std::string recycled = {});
 
     void u8(std::uint8_t value);
@@ -25,7 +25,7 @@ public:
 
     // Bytes of the body so far.
     std::size_t size() const;
-    // Body beyond limits::frame_bytes; such a frame must not be sent.
+    // The body is larger than limits::frame_bytes; such a frame must not be sent.
     bool too_large() const;
     // The complete frame, length included. The writer is empty afterwards.
     std::string finish();
@@ -34,12 +34,11 @@ private:
     std::string buffer;
 };
 
-// Empties a buffer that is to be used again. It keeps its memory, but for that of the rare frame
-// that is large.
+// Empties a buffer for reuse. It keeps its memory, except after a rare large frame.
 void recycle(std::string &buffer);
 
-// Reads one body. The text that it was built over must outlive it. Reading past the end gives zeros
-// and empty texts and makes the reader fail for good, so that a decoder may check once at its end.
+// Reads one body. The text must outlive the reader. Reading past the end returns zeros and empty
+// texts, and the reader has failed from then on, so that a decoder needs only one check at its end.
 class Reader {
 public:
     explicit Reader(std::string_view body) : rest(body) {}
@@ -49,12 +48,12 @@ public:
     std::uint64_t u64();
     std::int64_t i64();
     std::string_view text();
-    // The number of items that follow, each of which takes at least `least` bytes: a number that
-    // the rest of the body cannot hold fails here, before anybody reserves memory for it.
+    // The number of items that follow, each of which takes at least `least` bytes. Fails if the
+    // rest of the body is too short for that number, before memory is reserved for it.
     std::uint32_t count(std::size_t least);
 
     bool ok() const { return !failed; }
-    // Everything was read and nothing was missing.
+    // Everything was read, and nothing was missing.
     bool finished() const { return !failed && rest.empty(); }
     void fail();
 
@@ -65,7 +64,7 @@ private:
     bool failed = false;
 };
 
-// What the first bytes of a stream hold.
+// The content of the first bytes of a stream.
 enum class FrameState { incomplete, complete, too_large };
 
 // Looks for a frame at the start of `stream`; when complete, `body` is its content, a part of

@@ -4,8 +4,8 @@ namespace tav {
 
 namespace {
 
-// Types and statuses travel as one byte. Numbers that this version does not know are passed on as
-// they are: the enumerations reserve the room, and who uses them treats them as "something else".
+// Types and statuses are sent as one byte. Numbers that this version does not know are passed on
+// unchanged: the enumerations can hold them, and their users treat them as "something else".
 element_type_t get_type(Reader &in) {
     return static_cast<element_type_t>(in.u8());
 }

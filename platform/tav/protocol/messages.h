@@ -1,5 +1,5 @@
 // The content of requests and replies: for each kind of object its writer and its reader side by
-// side. A reader leaves its verdict in the Reader (Reader::ok, Reader::finished).
+// side. The Reader says whether reading succeeded (Reader::ok, Reader::finished).
 #ifndef TAV_PROTOCOL_MESSAGES_H
 #define TAV_PROTOCOL_MESSAGES_H
 
@@ -36,15 +36,15 @@ struct RequestHeader {
     std::uint32_t serial = 0;
 };
 
-// `drain`: one wake-up byte was acknowledged by this exchange and is to be read from the wake-up
-// connection, where it already lies: it was sent before the reply was.
+// `drain`: this exchange acknowledged one wake-up byte. The client must read it from the wake-up
+// connection, where it has already arrived: it was sent before the reply.
 struct ReplyHeader {
     std::uint32_t serial = 0;
     bool drain = false;
 };
 
 // The content of the frame with the serial number farewell_serial, the last one of a connection:
-// why the service ends it, or never took it.
+// why the service ends or refuses the connection.
 struct Farewell {
     api_status_t status = api_status_none;
     std::string reason; // a sentence for the client's report
@@ -56,21 +56,21 @@ struct Hello {
     std::uint32_t version = 0;
 };
 
-// Names a session; presented on the second connection. The token is random, so that only who was
-// given it can attach.
+// Names a session; presented on the second connection. The token is random, so that only the client
+// that received it can attach.
 struct Ticket {
     std::uint64_t session = 0;
     std::uint64_t token = 0;
 };
 
-// One step of a transaction; the value counts for ItemKind::set only.
+// One step of a transaction; the value is used for ItemKind::set only.
 struct Item {
     ItemKind kind = ItemKind::set;
     std::string path;
     Value value;
 };
 
-// The answer for one path of a read; the value counts only if the status is ok.
+// The answer for one path of a read; the value is meaningful only if the status is ok.
 struct LeafAnswer {
     api_status_t status = api_status_none;
     Value value;
@@ -104,7 +104,7 @@ struct DumpElement {
     Value value; // of type node for a node
 };
 
-// A page of a dump. Pages of equal revision fit together.
+// A page of a dump. Only pages of the same revision belong together.
 struct DumpPage {
     api_status_t status = api_status_none;
     std::uint64_t revision = 0;
@@ -132,19 +132,19 @@ struct WatchdogStatus {
     WatchdogState state = WatchdogState::fine;
 };
 
-// One of the store's limits. `used`: what counts against it now, or, of the sizes of single things
-// and of what one client or user may have, the largest since the service started.
+// One of the store's limits. `used`: the present use; for limits on the size of a single item, and
+// for limits per client or user, the largest value since the service started.
 struct LimitStatus {
     std::string name;
     std::uint64_t used = 0;
     std::uint64_t limit = 0;
-    std::uint64_t refused = 0; // how often somebody met the limit since the service started
+    std::uint64_t refused = 0; // how often a request exceeded the limit since the service started
 };
 
 struct ServiceStatus {
     std::uint32_t pid = 0;
     std::string database;     // file name, empty when the store lives in memory only
-    std::string durability;   // what a commit promises: "full", "normal" or "none"
+    std::string durability;   // the durability of a commit: "full", "normal" or "none"
     std::uint64_t uptime = 0; // seconds
     std::uint64_t revision = 0;
     std::uint64_t nodes = 0;
@@ -171,7 +171,7 @@ void put(Writer &out, const Event &value);
 void get(Reader &in, Event &value);
 void put(Writer &out, const Item &value);
 void get(Reader &in, Item &value);
-// A LeafAnswer whose value stays where it is; looked at only if the status is ok.
+// A LeafAnswer that refers to its value; used only if the status is ok.
 void put_leaf(Writer &out, api_status_t status, const Value *value);
 void put(Writer &out, const LeafAnswer &value);
 void get(Reader &in, LeafAnswer &value);
@@ -208,8 +208,8 @@ void put_all(Writer &out, const std::vector<T> &values) {
     }
 }
 
-// `values` is replaced. No object takes less than one byte, so the announced number is checked
-// against what is there before any of them is made.
+// `values` is replaced. Every object takes at least one byte, so the announced number is checked
+// against the remaining bytes before any object is created.
 template <typename T>
 void get_all(Reader &in, std::vector<T> &values) {
     values.clear();

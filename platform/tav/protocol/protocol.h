@@ -8,11 +8,11 @@
 
 namespace tav {
 
-// The service's socket where neither option nor environment names another one.
+// The service's socket if neither an option nor the environment names another one.
 constexpr const char *default_socket = "/run/tav/tav.sock";
 constexpr const char *socket_variable = "TAV_SOCKET";
 
-// First bytes of each connection's first frame, so that a stranger is recognised.
+// First bytes of each connection's first frame, so that a foreign program is recognised.
 constexpr std::uint32_t magic = 0x54415631; // "TAV1"
 constexpr std::uint32_t protocol_version = 2;
 
@@ -23,8 +23,8 @@ constexpr std::size_t length_bytes = 4;
 // own serial numbers begin at 1.
 constexpr std::uint32_t farewell_serial = 0;
 
-// What a request asks for. The first two open the two connections of a client, the first of them
-// the one for calls, the second the one whose only later content is wake-up bytes.
+// The kinds of requests. The first two open the two connections of a client: the first one is for
+// calls, and the second one transfers only wake-up bytes afterwards.
 enum class Op : std::uint8_t {
     hello = 1,
     attach = 2,
@@ -37,18 +37,19 @@ enum class Op : std::uint8_t {
     watchdog_ping = 9, // has no reply
     dump = 10,
     status = 11,
-    wake_acknowledge = 12, // the program was shown the wake-up byte and leaves its events alone
+    wake_acknowledge = 12, // the program saw the wake-up byte and ignores its events
 };
 
-// The steps a transaction is made of.
+// The steps of a transaction.
 enum class ItemKind : std::uint8_t {
     set = 1,         // write a leaf
-    make_node = 2,   // create a node; one that exists is fine
-    remove_node = 3, // remove a node and all below it; a leaf is the wrong kind
-    remove = 4,      // the same, but a leaf may be removed too
+    make_node = 2,   // create a node; an existing node is no error
+    remove_node = 3, // remove a node and everything below it; a leaf is the wrong kind
+    remove = 4,      // remove a node and everything below it, or a leaf
     touch = 5, // a change event for the leaf, or for each leaf below the node, without a change
     remove_single = 6, // remove a leaf, or a node that has no children
-    clear = 7, // remove whatever is at and below the path, be it nothing; the root itself stays
+    clear =
+        7, // remove everything at and below the path, if there is anything; the root itself stays
 };
 
 // The byte that makes a client's descriptor readable.
@@ -57,11 +58,11 @@ constexpr char wake_byte = 'w';
 // A client that has not opened both of its connections within this time is disconnected.
 constexpr std::chrono::milliseconds greeting_time{5000};
 
-// After a wake-up that was acknowledged without a fetch the next one waits this long; after a
-// request other than a ping the next one waits until this long has passed without another request,
+// After a wake-up that was acknowledged without a fetch, the next one waits this long. After a
+// request other than a ping, the next one waits until this long has passed without another request
 // or ping, ...
 constexpr std::chrono::milliseconds wake_pause{50};
-// ... but an event never waits longer than this for its wake-up on account of requests.
+// ... but because of requests an event never waits longer than this for its wake-up.
 constexpr std::chrono::milliseconds wake_wait_limit{1000};
 
 } // namespace tav

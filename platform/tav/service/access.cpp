@@ -17,7 +17,7 @@ Credentials credentials_of(int fd) {
         throw std::runtime_error(std::string("SO_PEERCRED: ") + std::strerror(errno));
     }
     Credentials who{peer.pid, peer.uid, peer.gid, std::vector<gid_t>(32)};
-    // When there is not enough room the kernel says how much is needed.
+    // If there is not enough room, the kernel returns the size that is needed.
     for (;;) {
         length = static_cast<socklen_t>(who.groups.size() * sizeof(gid_t));
         const int result = ::getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, who.groups.data(), &length);

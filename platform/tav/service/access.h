@@ -1,4 +1,4 @@
-// Who may use the store: decided by the kernel's word on the process at the other end.
+// Who may use the store: decided by what the kernel reports about the process at the other end.
 #ifndef TAV_SERVICE_ACCESS_H
 #define TAV_SERVICE_ACCESS_H
 
@@ -23,7 +23,8 @@ Credentials credentials_of(int fd);
 
 enum class Access { none, read, write };
 
-// The user that the service runs as and root may do everything, others what a group of theirs may.
+// Root and the user that the service runs as may do everything; other users may do what one of
+// their groups may do.
 struct Rights {
     uid_t owner = 0;
     std::optional<gid_t> write_group;

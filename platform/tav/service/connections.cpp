@@ -16,7 +16,7 @@ namespace tav {
 namespace {
 
 constexpr std::uint64_t listener_id = 0;
-// How long to leave waiting connections alone when there are no descriptors left.
+// How long to wait before accepting again when there are no descriptors left.
 constexpr std::chrono::milliseconds accept_pause{100};
 
 // The last frame of a connection. One that cannot be sent at once is not sent at all.
@@ -36,8 +36,8 @@ void Server::accept_all() {
         UniqueFd fd(::accept4(listener.fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!fd.valid()) {
             if (errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS) {
-                // The connection stays in the backlog, so the listener would be reported at once
-                // again and again.
+                // The connection stays in the backlog, so the listener would be reported again
+                // immediately.
                 log_line("cannot accept a connection: %s", std::strerror(errno));
                 accept_again = service.now() + accept_pause;
                 watch(listener.fd(), listener_id, 0, EPOLL_CTL_MOD);
@@ -153,7 +153,7 @@ void Server::end_slow_greetings() {
     }
 }
 
-// Ends one client when all of them together cost too much memory.
+// Ends one client if all clients together use too much memory.
 void Server::limit_held_bytes() {
     struct Share {
         std::size_t bytes = 0;   // of all of the user's clients
@@ -198,7 +198,7 @@ void Server::dismiss(PeerId id, api_status_t status, const char *reason) {
     }
     Peer &peer = *found->second;
     log_line("process %d of user %u was disconnected: %s", peer.who.pid, peer.who.uid, reason);
-    // A wake-up connection carries nothing but wake-ups; half a reply cannot be followed by this.
+    // A wake-up connection transfers only wake-ups, and this frame cannot follow half a reply.
     const auto session = connections.find(peer.session);
     const auto calls = peers.find(session != connections.end() ? session->second.calls : id);
     if (calls != peers.end() && !calls->second->has_output()) {
@@ -219,7 +219,7 @@ void Server::drop(PeerId id) {
     }
 }
 
-// A client's two connections live and die together.
+// A client's two connections end together.
 void Server::drop_session(std::uint64_t session) {
     const auto found = connections.find(session);
     if (found == connections.end()) {
@@ -241,7 +241,7 @@ void Server::erase(PeerId id) {
     if (--user->second == 0) {
         user_connections.erase(user);
     }
-    peers.erase(found); // closing takes it out of epoll, too
+    peers.erase(found); // closing also removes it from epoll
     service.usage().set(Limit::connections, peers.size());
 }
 

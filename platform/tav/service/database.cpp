@@ -9,7 +9,7 @@ namespace tav {
 
 namespace {
 
-// Gives the name of a file that exists.
+// Creates the file if it does not exist, and returns its name.
 const std::string &provided(const std::string &file,
                             const std::vector<std::string> &initial_nodes) {
     provide_database(file, initial_nodes);
@@ -21,9 +21,9 @@ const std::string &provided(const std::string &file,
 Database::Database(const std::string &file, Durability promised,
                    const std::vector<std::string> &initial_nodes, Tree &tree)
     : durability(promised), database(provided(file, initial_nodes), SQLITE_OPEN_READWRITE) {
-    // As long as the file may turn out not to be usable, closing must not write into it either.
+    // Until the file is known to be usable, not even closing may write to it.
     sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    // One service owns the file for as long as it runs; a second one is refused here.
+    // A service locks the file while it runs; a second one fails here.
     database.execute("PRAGMA locking_mode = EXCLUSIVE");
     check_database(database);
     load(tree);
@@ -44,7 +44,7 @@ const char *Database::promise() const {
 
 void Database::use_wal() {
     const Sqlite::Statement statement = database.prepare("PRAGMA journal_mode = WAL");
-    // A file system may not offer what WAL needs. The classic journal promises no less, slower.
+    // A file system may not support WAL. The classic journal is equally safe, but slower.
     if (!database.next(statement.get()) || column_text(statement.get(), 0) != "wal") {
         log_line("database '%s': this file system does not support a write-ahead log",
                  database.name().c_str());
@@ -52,8 +52,8 @@ void Database::use_wal() {
 }
 
 // The rows come in bytewise order of their paths, so that parents precede their children, each of
-// which has a row of its own. Each passes the same checks as a client's write: a row that does not
-// is damage.
+// which has a row of its own. Each must pass the same checks as a client's write; a row that does
+// not pass means a damaged database.
 void Database::load(Tree &tree) {
     Edit edit(tree, no_time);
     const Sqlite::Statement statement =
@@ -92,9 +92,9 @@ void Database::write(const Change &change) {
     database.run(replace_row.get());
 }
 
-// A commit can fail after all of it was written: when the log could not be synced. SQLite forgets
-// it, but in the file it stands there complete, and the next start would take it for done. Another
-// commit overwrites it, and breaks the chain of checksums behind itself.
+// A commit can fail after all of it was written, if the log could not be synced. SQLite discards
+// it, but the log still has it completely, and the next start would treat it as done. Another
+// commit overwrites it and breaks the chain of checksums after itself.
 void Database::discard_refused() {
     if (!refused_in_log) {
         return;
@@ -105,7 +105,7 @@ void Database::discard_refused() {
 
 bool Database::commit(const std::vector<Change> &changes) {
     try {
-        // Until that has worked nothing can be promised to anybody.
+        // Until that commit succeeds, no write can be confirmed.
         discard_refused();
         database.run(begin.get());
         for (const Change &change : changes) {

@@ -10,24 +10,24 @@
 
 namespace tav {
 
-// What a successful commit promises. Either way it survives the death of the service, transactions
-// are kept in their order, and none is ever kept in part.
+// What a successful commit guarantees. In both modes it survives the death of the service,
+// transactions are stored in their order, and none is ever stored in part.
 enum class Durability {
-    full,  // each commit is synced: it survives a crash of the machine and a power cut, too
-    normal // synced now and then: a power cut may take the last commits
+    full,  // each commit is synced: it also survives a crash of the machine and a power cut
+    normal // synced from time to time: a power cut may lose the last commits
 };
 
 class Database : public Storage {
 public:
-    // Opens `file` and reads its content into `tree`, which holds nothing but the root. A file that
-    // does not exist is created with its directory; it then holds the `initial_nodes`. Throws
+    // Opens `file` and reads its content into `tree`, which contains only the root. A file that
+    // does not exist is created with its directory; it then contains the `initial_nodes`. Throws
     // DatabaseError when the file cannot be used: not a database of this kind, damaged, or used by
-    // another service. A file that cannot be used is left as it is.
+    // another service. A file that cannot be used is not changed.
     Database(const std::string &file, Durability promised,
              const std::vector<std::string> &initial_nodes, Tree &tree);
 
-    // False when it failed, for want of space say: the changes are not there then, also not after a
-    // later start.
+    // False if it failed, for example because the disk is full: the changes are not stored then,
+    // and do not appear after a later start either.
     bool commit(const std::vector<Change> &changes) override;
     const char *promise() const override;
 

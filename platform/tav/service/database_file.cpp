@@ -19,7 +19,7 @@ namespace tav {
 
 namespace {
 
-// "tavd" in the file's header, so that no other program's database is taken for ours.
+// "tavd" in the file's header, so that another program's database is not mistaken for ours.
 constexpr std::int64_t application_id = 0x74617664;
 constexpr std::int64_t format = 1;
 
@@ -32,7 +32,7 @@ bool exists(const std::string &file) {
     throw DatabaseError("database '" + file + "' " + what + ": " + std::strerror(errno));
 }
 
-// SQLite would apply a log that was left behind to a new database.
+// SQLite would apply the log of a lost database to a new one.
 void refuse_orphan(const std::string &file, const std::string &log) {
     if (exists(log)) {
         throw DatabaseError("database '" + file + "' is missing, but there is '" + log +
@@ -41,14 +41,14 @@ void refuse_orphan(const std::string &file, const std::string &log) {
     }
 }
 
-// What another start left behind that was cut short.
+// Removes the files of an earlier start that was interrupted.
 void remove_unfinished(const std::string &unfinished) {
     for (const char *suffix : {"", "-journal", "-wal"}) {
         ::unlink((unfinished + suffix).c_str());
     }
 }
 
-// The rows of the node at `path` and of those above it, the root apart.
+// Adds the rows of the node at `path` and of its parents, except the root.
 void add_nodes(Sqlite &database, const std::string &path) {
     const Sqlite::Statement row =
         database.prepare("INSERT OR IGNORE INTO element (path, type, text, time) VALUES"
@@ -62,11 +62,11 @@ void add_nodes(Sqlite &database, const std::string &path) {
     }
 }
 
-// In WAL mode from the start, so that whoever opens it has it alone. Closing it leaves one file to
-// be renamed.
+// In WAL mode from the start, so that the first process to open it has it exclusively. After
+// closing there is only one file to rename.
 void create(const std::string &unfinished, const std::vector<std::string> &initial_nodes) {
     Sqlite database(unfinished, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
-    // Most commits change one leaf, hence one page, and write and sum up the whole of it.
+    // Most commits change one leaf, and so write one page and compute its checksum.
     database.execute("PRAGMA page_size = 1024;"
                      "PRAGMA locking_mode = EXCLUSIVE; PRAGMA synchronous = FULL;"
                      "PRAGMA journal_mode = WAL");
@@ -96,7 +96,7 @@ void provide_database(const std::string &file, const std::vector<std::string> &i
     } catch (const std::runtime_error &error) {
         throw DatabaseError("database '" + file + "': " + error.what());
     }
-    // Two services may start at once: whoever is second finds the file.
+    // Two services may start at once: the second one finds the file.
     const std::string directory = directory_of(file);
     const UniqueFd lock(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!lock.valid() || ::flock(lock.get(), LOCK_EX) != 0) {

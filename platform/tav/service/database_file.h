@@ -1,4 +1,4 @@
-// The file of the database: what marks it as one of this service, and how it comes into being.
+// The database file: how it is recognised as one of this service, and how it is created.
 #ifndef TAV_SERVICE_DATABASE_FILE_H
 #define TAV_SERVICE_DATABASE_FILE_H
 
@@ -9,17 +9,17 @@
 
 namespace tav {
 
-// Makes `file` and its directory unless the file exists: a database that holds nothing but the
-// `initial_nodes`, paths that check_path accepts, and the nodes above them. Under its own name the
-// file is never there in part: an existing one that is empty or cut short is a damaged one. Throws
-// DatabaseError, also when there is a write-ahead log without the database that it belongs to.
+// Creates `file`, with its directory, unless it exists: a database that contains only the
+// `initial_nodes`, which are paths that check_path accepts, and their parents. The file gets its
+// name only when it is complete, so an existing file that is empty or truncated is damaged. Throws
+// DatabaseError, also if there is a write-ahead log without its database.
 void provide_database(const std::string &file, const std::vector<std::string> &initial_nodes);
 
-// Throws DatabaseError unless the file bears the marks of this service's databases, in a format
-// that this version reads, can be written, and is found intact by SQLite.
+// Throws DatabaseError unless the file is a database of this service, has a format that this
+// version reads, can be written, and passes SQLite's integrity check.
 void check_database(Sqlite &database);
 
-// A transaction that changes nothing but writes the head of the file once more.
+// A transaction that changes nothing, but writes the header of the file again.
 extern const char *const empty_transaction;
 
 } // namespace tav

@@ -18,10 +18,10 @@ namespace {
     throw std::runtime_error(what + ": " + std::strerror(errno));
 }
 
-// Makes one directory; false when it exists.
+// Creates one directory; false if it exists.
 bool make(const std::string &directory, mode_t mode) {
     if (::mkdir(directory.c_str(), mode) == 0) {
-        // The process's umask may have taken something away.
+        // The process's umask may have removed permissions.
         if (::chmod(directory.c_str(), mode) != 0) {
             fail("cannot set the permissions of directory '" + directory + "'");
         }
@@ -70,7 +70,7 @@ void sync_directory(const std::string &directory) {
     if (!fd.valid()) {
         fail("cannot open directory '" + directory + "'");
     }
-    // Some file systems know nothing of it (EINVAL), and then there is nothing to be done.
+    // Some file systems do not support this (EINVAL); then nothing can be done.
     if (::fsync(fd.get()) != 0 && errno != EINVAL) {
         fail("cannot sync directory '" + directory + "'");
     }

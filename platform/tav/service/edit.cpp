@@ -83,7 +83,8 @@ api_status_t Edit::apply(const Item &item) {
     return api_status_refused;
 }
 
-// Notes that `path` changes now; what it held before the transaction is noted the first time.
+// Records that `path` changes now; the first time it also records the content before the
+// transaction.
 Edit::Trace &Edit::trace(const std::string &path, const std::optional<Value> &before,
                          const Element *after) {
     const auto [entry, first] = traces.try_emplace(path);
@@ -119,7 +120,7 @@ api_status_t Edit::create(Element &parent, std::string_view path, Value value, E
     return api_status_ok;
 }
 
-// Makes what is missing of the nodes down to `path`; `node` is then the one at `path`.
+// Creates the missing nodes down to `path`; `node` is then the one at `path`.
 api_status_t Edit::make_node(std::string_view path, Element *&node) {
     node = &tree.top;
     for (std::string_view rest = path; rest.size() > 1;) { // of the root only the "/"
@@ -161,8 +162,8 @@ api_status_t Edit::set(const std::string &path, const Value &value) {
     if (element->is_node()) {
         return api_status_wrong_kind;
     }
-    // A time stamp that the writer names counts even when the content stays; one that the store
-    // gives tells since when the content stands.
+    // A time stamp given by the writer is stored even if the content does not change; the store's
+    // own time stamp changes only with the content.
     const bool other_time = value.time != no_time && value.time != element->value.time;
     if (other_time || !same_content(element->value, value)) {
         trace(path, element->value, element);

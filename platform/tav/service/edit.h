@@ -15,40 +15,40 @@
 
 namespace tav {
 
-// The net difference that a transaction makes to one path. An absent element has no value, a node
-// one of type node.
+// The net change of one path by a transaction. An absent element has no value; a node has one of
+// type node.
 struct Change {
     std::string path;
     std::optional<Value> before;
     std::optional<Value> after;
-    bool touched = false; // an event is wanted although the content stays
+    bool touched = false; // an event is wanted even if the content does not change
 
     // The element appears, disappears or has other content.
     bool real() const;
-    // What is kept on disk differs: besides the above, a leaf that was removed and written again
-    // with equal content bears another time stamp.
+    // Whether the stored data differs: besides the above, a leaf that was removed and written again
+    // with equal content has another time stamp.
     bool stored() const;
-    // The part of it that concerns a leaf: what events are made of.
+    // The part of a difference that concerns a leaf; events are made from it.
     bool leaf_set() const;
     bool leaf_removed() const;
 };
 
 class Edit {
 public:
-    // `now`: the time stamp of values that bring none, in seconds since 1970.
+    // `now`: the time stamp of values without one, in seconds since 1970.
     Edit(Tree &edited, std::int64_t current_time) : tree(edited), now(current_time) {}
     // Undoes everything, in reverse order, unless kept.
     ~Edit();
     Edit(const Edit &) = delete;
     Edit &operator=(const Edit &) = delete;
 
-    // One step, the path and value unchecked so far. Anything but api_status_ok means that the step
-    // had no effect, except that parents may have been created: the whole edit is then to be
-    // dropped.
+    // One step, the path and value unchecked so far. Any result except api_status_ok means that the
+    // step had no effect, except that parents may have been created: the caller must then drop the
+    // whole edit.
     api_status_t apply(const Item &item);
 
     // The differences so far, in the order in which the paths were last changed or touched; paths
-    // whose content is what it was before are left out unless touched.
+    // with unchanged content are included only if touched.
     std::vector<Change> changes() const;
 
     void keep() { kept = true; }

@@ -14,9 +14,9 @@ namespace tav {
 class EventQueue {
 public:
     // Adds an event to the end. A waiting event of the same path and command is merged into it: it
-    // moves to the end, so that the last event on a path always tells how things stand, and what is
-    // left of each transaction stays together. `foreign`: the change was another client's. False
-    // when the queue would pass its limits; it is then as it was.
+    // moves to the end, so that the last event on a path always describes its present state, and
+    // the remaining events of each transaction stay together. `foreign`: another client made the
+    // change. False if the queue would exceed its limits; it is then unchanged.
     bool add(const Event &event, bool foreign);
     // A change by somebody else of a leaf at or below that path is waiting.
     bool holds_foreign(const std::string &path) const;
@@ -25,7 +25,7 @@ public:
 
     std::size_t size() const { return entries.size(); }
     bool empty() const { return entries.empty(); }
-    // Of the events as they will be sent.
+    // The size of the encoded events.
     std::size_t size_bytes() const { return bytes; }
 
 private:

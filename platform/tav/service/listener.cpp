@@ -65,22 +65,23 @@ Listener::~Listener() {
     if (listening) {
         ::unlink(path.c_str());
     }
-    // Still locked, so that nobody can be between looking and locking unnoticed (see take_lock).
+    // Remove it while it is still locked, so that take_lock can detect the removal.
     ::unlink(lock_path.c_str());
 }
 
 void Listener::listen(mode_t mode) {
     const std::string unfinished = path + unfinished_suffix;
     listen_at(unfinished, mode);
-    // Renaming puts the socket, which already accepts, in the place of one left behind.
+    // Renaming replaces the socket of a dead service with this one, which already accepts
+    // connections.
     if (::rename(unfinished.c_str(), path.c_str()) != 0) {
         fail("cannot create '" + path + "'");
     }
     listening = true;
 }
 
-// The lock says who serves: unlike a connection attempt it cannot be fooled by a service that is
-// just starting. It ends with the process that holds it.
+// The holder of the lock is the service: unlike a connection attempt, this also works while another
+// service is starting. The lock ends with the process that holds it.
 void Listener::take_lock() {
     for (;;) {
         lock = UniqueFd(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
@@ -103,8 +104,8 @@ void Listener::take_lock() {
     }
 }
 
-// Looks at what is there: somebody may serve without our lock, and a file that is no socket is not
-// ours to replace.
+// Checks the existing file: another program may serve without our lock, and a file that is not a
+// socket must not be replaced.
 void Listener::refuse_served() const {
     struct stat existing {};
     if (::lstat(path.c_str(), &existing) != 0) {
@@ -117,7 +118,7 @@ void Listener::refuse_served() const {
     const sockaddr_un address = address_of(path);
     const int result =
         ::connect(probe.get(), reinterpret_cast<const sockaddr *>(&address), sizeof address);
-    // A full backlog gives EAGAIN: alive, too.
+    // A full backlog gives EAGAIN: that service is alive too.
     if (result == 0 || errno == EAGAIN) {
         throw ListenError("another service is serving at '" + path + "'");
     }

@@ -1,4 +1,4 @@
-// The service's listening socket and its place in the file system.
+// The service's listening socket and its file.
 #ifndef TAV_SERVICE_LISTENER_H
 #define TAV_SERVICE_LISTENER_H
 
@@ -18,12 +18,12 @@ class ListenError : public std::runtime_error {
 
 class Listener {
 public:
-    // Claims `path`, creating missing directories (see make_directory_of). `group`: whose the
-    // directory, if it is created, and the socket are to be. ListenError when another service is
-    // serving there, or when something else than a socket is.
+    // Claims `path`, creating missing directories (see make_directory_of). `group`: the group of
+    // the socket, and of the directory if it is created. Throws ListenError if another service is
+    // serving there, or if `path` is not a socket.
     explicit Listener(const std::string &path, std::optional<gid_t> group = {});
-    // Listens, with the permissions `mode`. A socket left behind by a service that is dead is
-    // replaced; it appears under its name only once it accepts connections. Throws ListenError.
+    // Listens, with the permissions `mode`. The socket of a dead service is replaced. The new
+    // socket gets its name only when it accepts connections. Throws ListenError.
     void listen(mode_t mode);
     // Removes the socket, if it was created, and gives up the claim.
     ~Listener();

@@ -20,7 +20,7 @@ struct Spent {
     unsigned long left_out = 0;
 };
 
-// Tells whether one more line of this format may be written now.
+// Whether one more line of this format may be written now.
 bool is_due(const char *format, unsigned long &left_out) {
     static std::map<const char *, Spent> all;
     Spent &spent = all[format];
@@ -53,8 +53,8 @@ void log_line(const char *format, ...) {
     if (left_out > 0) {
         std::fprintf(stderr, "tavd: %lu lines like the next one were omitted\n", left_out);
     }
-    // One call for the whole line: several processes may share the stream. When it cannot be
-    // written there is nobody to tell.
+    // One call for the whole line: several processes may share the stream. If it cannot be written,
+    // nobody can be informed.
     std::fprintf(stderr, "tavd: %s\n", text);
 }
 

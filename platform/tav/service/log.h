@@ -4,8 +4,8 @@
 
 namespace tav {
 
-// Lines of one format are limited, because clients can cause most of them at will: what comes too
-// often is left out, and how many these were is told with the next one. `format` is a literal.
+// Lines of one format are limited, because clients can cause most of them at will: lines that come
+// too often are omitted, and their number is printed with the next one. `format` is a literal.
 void log_line(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 } // namespace tav

@@ -94,7 +94,7 @@ std::optional<tav::Durability> parse_durability(const std::string &text) {
     return std::nullopt;
 }
 
-// Takes over one option with its argument; false when it is wrong, which has been said then.
+// Stores one option with its argument. False, after a message, if the argument is wrong.
 bool take(int found, const char *argument, Options &options) {
     switch (found) {
     case 'd':
@@ -139,7 +139,7 @@ bool take(int found, const char *argument, Options &options) {
     }
 }
 
-// Empty when the command line is wrong, which has been said then.
+// Empty, after a message, if the command line is wrong.
 std::optional<Options> parse(int argc, char **argv) {
     static const option known[] = {{"database", required_argument, nullptr, 'd'},
                                    {"durability", required_argument, nullptr, 'D'},
@@ -175,7 +175,7 @@ std::optional<Options> parse(int argc, char **argv) {
     return options;
 }
 
-// The signals that end the service arrive as readiness of this descriptor.
+// This descriptor is readable when a signal that ends the service has arrived.
 tav::UniqueFd catch_signals() {
     sigset_t set;
     sigemptyset(&set);
@@ -183,12 +183,12 @@ tav::UniqueFd catch_signals() {
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGHUP);
     sigprocmask(SIG_BLOCK, &set, nullptr);
-    // A log that nobody reads any more must not end the service.
+    // A log whose reader has exited must not end the service.
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
     return tav::UniqueFd(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-// Room for every connection that the limits allow, if the system lets us.
+// Allows as many descriptors as there may be connections, if the system permits it.
 void raise_descriptor_limit() {
     constexpr rlim_t wanted = 4096;
     rlimit limit{};
@@ -211,7 +211,7 @@ tav::Rights rights_of(const Options &options) {
 }
 
 void serve(const Options &options) {
-    // What others may not ask the service for they may not read in its files either.
+    // Users without access to the service must not be able to read its files either.
     ::umask(027);
     const tav::Rights rights = rights_of(options);
     const tav::UniqueFd signals = catch_signals();
@@ -219,7 +219,7 @@ void serve(const Options &options) {
         throw std::runtime_error(std::string("cannot create a signalfd: ") + std::strerror(errno));
     }
     raise_descriptor_limit();
-    // Claimed first: whoever is second hears that, and not that the database is in use.
+    // Claimed first, so that a second service reports the socket and not the database as in use.
     tav::Listener listener(options.socket, rights.socket_group());
     const auto durability = options.durability.value_or(tav::Durability::full);
     const auto store = options.memory ? std::make_unique<tav::Store>(options.initial_nodes)

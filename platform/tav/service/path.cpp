@@ -8,7 +8,7 @@ namespace tav {
 
 namespace {
 
-// Behind every number: none has as many digits.
+// Sorts after every number: no number has as many digits.
 constexpr std::size_t no_number = std::string_view::npos;
 
 std::size_t significant_digits(std::string_view name) {

@@ -10,33 +10,32 @@
 
 namespace tav {
 
-// "/" or "/" followed by names separated by single "/", within the limits: api_status_ok;
-// otherwise api_status_bad_path or that of
-// the limit: api_status_path_too_long, api_status_path_too_deep, api_status_name_too_long.
+// api_status_ok for "/", or "/" followed by names separated by single "/", within the limits.
+// Otherwise api_status_bad_path, or the status of the limit: api_status_path_too_long,
+// api_status_path_too_deep, api_status_name_too_long.
 api_status_t check_path(std::string_view path);
 
-// Takes the first name, with the "/" before it, off a text that begins with "/".
+// Removes the first name, with the "/" before it, from a text that begins with "/".
 std::string_view take_name(std::string_view &path);
 
-// That of the node which holds `path`; "/" for itself.
+// The path of the parent node; "/" for "/".
 std::string_view parent_path(std::string_view path);
 
 // Whether `path` is `ancestor` or lies below it.
 bool is_at_or_below(std::string_view path, std::string_view ancestor);
 
-// A name with what its place in a listing depends on, so that this is found out once for many
-// comparisons.
+// A name with its sorting key, so that the key is computed once for many comparisons.
 struct PlacedName {
     explicit PlacedName(std::string_view name);
 
     PlacedName(std::string_view name, std::size_t known) : text(name), digits(known) {}
 
     std::string_view text;
-    std::size_t
-        digits; // of a decimal number, without zeros in front; more than any for other names
+    std::size_t digits; // of a decimal number, without leading zeros; larger than any number's for
+                        // other names
 };
 
-// A name that is kept with its place.
+// A name that is stored with its sorting key.
 class Name {
 public:
     explicit Name(const PlacedName &name) : characters(name.text), digits(name.digits) {}

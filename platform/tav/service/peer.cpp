@@ -18,7 +18,7 @@ bool temporary(int error) {
 } // namespace
 
 bool Peer::receive() {
-    // Shared by all, so that a connection holds no more than what it was sent.
+    // Shared by all connections, so that a connection uses memory only for what it has received.
     static std::array<char, read_step> buffer;
     const ssize_t got = ::recv(socket.get(), buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (got <= 0) {

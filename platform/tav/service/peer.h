@@ -20,7 +20,7 @@ public:
     enum class Role {
         stranger, // has not sent its first frame
         calls,    // a client's connection for calls
-        wake,     // a client's wake-up connection: sends nothing any more
+        wake,     // a client's wake-up connection: the client sends nothing more on it
     };
 
     Peer(UniqueFd connected, Credentials other, bool writer, Time now)
@@ -28,13 +28,13 @@ public:
 
     int fd() const { return socket.get(); }
 
-    // Reads what is there, a bounded part at a time. False when the connection is over.
+    // Reads the available bytes, a bounded number at a time. False when the connection is over.
     bool receive();
     // The next complete request; FrameState::too_large ends the connection. `body` is valid until
     // consume().
     FrameState request(std::string_view &body) const;
     void consume(std::string_view body);
-    // There is something to be looked at: a complete request, or one that is too large.
+    // There is a complete request, or one that is too large.
     bool has_request() const;
     // Bytes of requests that were received and not consumed, and of replies that were not sent.
     std::size_t held() const { return input.size() - consumed + output.size() - sent; }
@@ -42,14 +42,14 @@ public:
     bool established() const { return attached || role == Role::wake; }
 
     // Queues a frame. There is at most one: further requests wait until it was sent, so that a
-    // client that does not read its replies costs no more than one of them.
+    // client that does not read its replies uses memory for only one.
     void reply(std::string frame);
-    // A buffer to build the next reply in, when there is none to be sent.
+    // A buffer for building the next reply, if no reply is waiting to be sent.
     std::string take_buffer() { return std::exchange(output, {}); }
     bool has_output() const { return sent < output.size(); }
-    // Sends as much as goes. False when the connection is over.
+    // Sends as much as possible. False when the connection is over.
     bool flush();
-    // Sends one byte at once, past the queue. False when the connection is over or blocked.
+    // Sends one byte at once, ahead of the queue. False when the connection is over or blocked.
     bool send_byte(char byte) const;
 
     const Credentials who;
@@ -57,8 +57,8 @@ public:
     const Time accepted;
     Role role = Role::stranger;
     std::uint64_t session = 0; // 0: none
-    bool attached = false;     // calls: the wake-up connection is there
-    bool waiting = false;      // has sent ahead and will have its turn
+    bool attached = false;     // for a connection for calls: the wake-up connection exists
+    bool waiting = false;      // has more requests and is waiting for its turn
     Rate rate;
 
 private:

@@ -12,7 +12,7 @@ namespace tav {
 
 class Rate {
 public:
-    // The client has had its share of the current slice.
+    // The client has used up its share of the current slice.
     bool spent(Time now) {
         if (now >= begun + slice) {
             begun = now;
@@ -20,9 +20,9 @@ public:
         }
         return requests >= share;
     }
-    // One request is served.
+    // Counts one request.
     void count() { ++requests; }
-    // Requests in a second at the pace of the current slice.
+    // Requests per second at the rate of the current slice.
     std::uint64_t per_second() const { return requests * slices; }
 
 private:

@@ -45,7 +45,7 @@ void Server::watch(int fd, PeerId id, std::uint32_t events, int operation) {
     }
 }
 
-// Whoever was just served mostly asks for more, and is back before this has slept.
+// A client that was just served usually sends another request before this process could sleep.
 int Server::wait_for(Events &events) {
     const auto size = static_cast<int>(events.size());
     if (served_lately && turns.empty()) {
@@ -92,7 +92,7 @@ void Server::run() {
     }
 }
 
-// One request of each client that has sent ahead. They were waiting already and come first.
+// One request of each client that has sent several. They were waiting already, so they come first.
 void Server::give_turns() {
     for (std::size_t left = turns.size(); left > 0; --left) {
         const PeerId id = turns.front();
@@ -101,23 +101,24 @@ void Server::give_turns() {
     }
 }
 
-// `ready`: its socket is; otherwise it has sent ahead. Whoever has had its share comes last.
+// `ready`: its socket is readable; otherwise it has more requests. A client that has used up its
+// share comes last.
 void Server::give_turn(PeerId id, bool ready) {
     const auto found = peers.find(id);
     if (found == peers.end() || (ready && found->second->waiting)) {
-        return; // dropped earlier in this round, or in line already
+        return; // dropped earlier in this round, or already waiting for its turn
     }
     if (has_had_share(*found->second)) {
         late.push_back(Turn{id, ready});
         return;
     }
     served_others = serve_safely(id) || served_others;
-    // After each, not after all: a busy neighbour must not delay a wake-up.
+    // After each client, not after all: a busy client must not delay another one's wake-up.
     wake_clients();
 }
 
-// Those who have had their share are served only when nobody else had a request, and have a new
-// share soon: nobody waits for long, and nothing is idle while somebody waits.
+// Clients that have used up their share are served only if no other client had a request. They soon
+// get a new share, so no client waits for long, and the service is never idle while a client waits.
 void Server::give_late_turns() {
     for (const Turn &turn : late) {
         if (!served_others) {
@@ -138,8 +139,8 @@ bool Server::has_had_share(Peer &peer) const {
     return peer.role == Peer::Role::calls && !peer.has_output() && peer.rate.spent(service.now());
 }
 
-// What one client asks for must not end the service for the others: there may be no memory for a
-// huge request, say. Whoever asked loses the connection.
+// A request of one client must not end the service for the others, for example if there is not
+// enough memory for it. That client loses its connection.
 bool Server::serve_safely(PeerId id) {
     try {
         return serve(id);
@@ -174,12 +175,12 @@ bool Server::serve(PeerId id) {
     return serve_request(id, peer, false);
 }
 
-// Carries out one request, if there is one. What else has arrived has its turn later, but for what
-// is behind a ping, which costs next to nothing.
+// Carries out one request, if there is one. Further requests wait for the client's next turn,
+// except one after a ping, which costs almost nothing.
 bool Server::serve_request(PeerId id, Peer &peer, bool behind_ping) {
     std::string_view body;
     const FrameState state = peer.request(body);
-    // A first frame is short. More from somebody who is not known is not worth keeping.
+    // A first frame is short: do not keep more from a connection that has not identified itself.
     const bool endless = peer.role == Peer::Role::stranger && peer.held() > limits::greeting_bytes;
     if (state == FrameState::incomplete && !endless) {
         return false;
@@ -199,7 +200,7 @@ bool Server::serve_request(PeerId id, Peer &peer, bool behind_ping) {
         return true;
     }
     if (peer.has_output()) {
-        // One reply at a time: until this one is out, no further request is read.
+        // One reply at a time: no further request is read until this one has been sent.
         watch(peer.fd(), id, EPOLLOUT, EPOLL_CTL_MOD);
         limit_held_bytes();
     } else if (!answered && !behind_ping) {
@@ -230,7 +231,7 @@ bool Server::handle(PeerId id, Peer &peer, std::string_view body) {
     return true;
 }
 
-// Sends the wake-up bytes that are due and ends the clients that let too many events wait.
+// Sends the wake-up bytes that are due, and ends clients with too many waiting events.
 void Server::wake_clients() {
     const Time now = service.now();
     std::vector<std::uint64_t> broken;
@@ -244,7 +245,7 @@ void Server::wake_clients() {
         if (!due || *due > now) {
             continue;
         }
-        // With at most one byte under way the connection cannot be full.
+        // With at most one unread byte the connection cannot be full.
         if (peers.at(connections.at(number).wake)->send_byte(wake_byte)) {
             session->wake_sent();
         } else {
@@ -270,8 +271,8 @@ std::optional<Time> Server::next_timer() const {
     };
     consider(accept_again);
     if (!greeting.empty()) {
-        // All that were accepted are in this queue, so that the first one may be long gone: then
-        // the service only wakes up once for nothing.
+        // The queue contains all accepted connections, so the first one may have been closed long
+        // ago: then the service wakes up once for nothing.
         const auto oldest = peers.find(greeting.front());
         consider(oldest != peers.end() ? oldest->second->accepted + greeting_time : service.now());
     }

@@ -1,7 +1,7 @@
 // The service's event loop: connections, frames, wake-up bytes and timers, on one thread.
 //
-// Clients are served in turn, one request each, whatever one of them has sent ahead. Whoever has
-// made more requests than its share comes after all others.
+// Clients are served in turn, one request each, no matter how many requests one of them has sent. A
+// client that has made more requests than its share comes after all others.
 #ifndef TAV_SERVICE_SERVER_H
 #define TAV_SERVICE_SERVER_H
 
@@ -26,17 +26,17 @@ namespace tav {
 
 class Server {
 public:
-    // Serves `service` at `listener` to those whom `granted` allows, until one of the signals
-    // arrives that `signals` (a signalfd) is made for. All three must outlive the server. Throws
-    // std::runtime_error when the loop cannot be set up.
+    // Serves `service` at `listener` to the users that `granted` allows, until a signal arrives on
+    // `signals` (a signalfd). All three must outlive the server. Throws std::runtime_error when the
+    // loop cannot be set up.
     Server(Service &served, const Listener &listening, int signals, const Rights &granted);
 
-    // Returns when a signal asked for the end. Throws std::runtime_error when waiting fails.
+    // Returns when a signal has arrived. Throws std::runtime_error when waiting fails.
     void run();
 
 private:
-    // Peers go by numbers that are never used again: a descriptor may be closed and given out anew
-    // within one round of events.
+    // Peers have numbers that are never reused: a descriptor may be closed and reused within one
+    // round of events.
     using PeerId = std::uint64_t;
     struct Connections {
         PeerId calls = 0;
@@ -44,7 +44,7 @@ private:
     };
     struct Turn {
         PeerId id = 0;
-        bool ready = false; // its socket is; otherwise it has sent ahead
+        bool ready = false; // its socket is readable; otherwise it has more requests
     };
 
     using Events = std::array<epoll_event, 64>;
@@ -64,7 +64,7 @@ private:
     std::optional<Time> next_timer() const;
     int timeout() const;
 
-    // connections.cpp: how they begin and end.
+    // connections.cpp: how connections begin and end.
     void accept_all();
     void admit(UniqueFd fd);
     const char *why_full(const Credentials &who);
@@ -86,13 +86,14 @@ private:
     std::map<PeerId, std::unique_ptr<Peer>> peers;
     std::map<std::uint64_t, Connections> connections;
     std::map<uid_t, std::size_t> user_connections;
-    PeerId next_peer = 2; // 0 and 1 stand for the listener and the signals
+    PeerId next_peer = 2; // 0 and 1 are the listener and the signals
     std::optional<Time> accept_again;
 
     std::deque<PeerId> turns;    // have a complete request already
-    std::deque<PeerId> greeting; // not established when they were accepted; oldest first
+    std::deque<PeerId> greeting; // oldest first; some may be established or closed
 
-    // Of one round of the loop: who has had its share, and whether others were served.
+    // For one round of the loop: clients that have used up their share, and whether others were
+    // served.
     std::vector<Turn> late;
     bool served_others = false;
 };

@@ -63,7 +63,7 @@ bool Service::handle(Session &session, std::string_view body, std::string &reply
         if (!in.finished()) {
             return false;
         }
-        // Without a reply: the client goes on at once, and nobody is woken.
+        // No reply: the client continues at once and is not woken.
         const Time now = clock();
         session.ping(now);
         dog.ping(session.ticket().session, now);
@@ -74,7 +74,7 @@ bool Service::handle(Session &session, std::string_view body, std::string &reply
     const auto answer = [&out, &header](bool drain) {
         put(out, ReplyHeader{header.serial, drain});
     };
-    // Fetch and acknowledgement have rules of their own; all other requests count as work.
+    // Fetches and acknowledgements have their own rules; all other requests are work.
     if (header.op == Op::events_get) {
         if (!in.finished()) {
             return false;
@@ -93,7 +93,7 @@ bool Service::handle(Session &session, std::string_view body, std::string &reply
         if (!dispatch(session, header.op, in, out)) {
             return false;
         }
-        // The time after the work: a write may have taken long.
+        // The time after carrying out the request: a write may have taken long.
         session.request(clock());
     }
     reply = out.finish();
@@ -130,7 +130,7 @@ void Service::answer(Writer &out, api_status_t status) {
     put(out, status);
 }
 
-// A library that keeps to the limits never sends more.
+// The library obeys the limits and never sends more.
 bool Service::fits(std::size_t paths) {
     limits_used.raise(Limit::request_paths, paths);
     if (paths <= limits::paths_per_request) {
@@ -175,7 +175,7 @@ bool Service::handle_list(Reader &in, Writer &out) {
 
 bool Service::handle_transact(Session &session, Reader &in, Writer &out) {
     if (!fits(Reader(in).count(1))) {
-        return false; // before memory is taken for them
+        return false; // before memory is reserved for them
     }
     std::vector<Item> items;
     get_all(in, items);

@@ -1,4 +1,4 @@
-// The service without its sockets: sessions, and what each request does.
+// The service without its sockets: sessions, and the execution of requests.
 #ifndef TAV_SERVICE_SERVICE_H
 #define TAV_SERVICE_SERVICE_H
 
@@ -28,22 +28,22 @@ public:
     Service &operator=(const Service &) = delete;
     virtual ~Service() = default;
 
-    // A new client, which may read, and write if `writer`. The session lives until close().
+    // Adds a client, which may read, and may write if `writer`. The session lives until close().
     Session &open(const Credentials &peer, bool writer);
-    // The session a ticket was made out for, or null.
+    // The session of a ticket, or null.
     Session *find(const Ticket &ticket) const;
     // The client is gone; the session is destroyed.
     void close(std::uint64_t session);
 
-    // Carries out one request and leaves the complete reply frame in `reply`. False when the
-    // request is malformed: the client is then to be disconnected, and nothing was done. An empty
-    // reply is none at all. Overridden to stage faults, not in what is installed.
+    // Carries out one request and leaves the complete reply frame in `reply`. False if the request
+    // is malformed: nothing was done, and the caller must disconnect the client. An empty reply
+    // means that there is no reply. Virtual so that tests can inject faults.
     virtual bool handle(Session &session, std::string_view body, std::string &reply);
 
     const Sessions &sessions() const { return clients; }
     Watchdog &watchdog() { return dog; }
     Time now() const { return clock(); }
-    // The limits' counts, for display: those of connections are the caller's to keep.
+    // The use of the limits, for display; the caller updates that of connections.
     Usage &usage() { return limits_used; }
     // A client was disconnected because it did not fetch its events; counted for display.
     void count_overflow(const Session &session);
@@ -72,8 +72,8 @@ private:
     Usage limits_used;
 };
 
-// The service that the program serves with. Its definition is linked apart from everything else, so
-// that a test build can put another service in its place. Throws std::runtime_error.
+// Creates the service of the program. The definition is in a file of its own, so that a test build
+// can replace it. Throws std::runtime_error.
 std::unique_ptr<Service> make_service(Store &served, std::string database);
 
 } // namespace tav

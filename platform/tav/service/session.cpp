@@ -44,7 +44,7 @@ void Session::add(const Event &event, bool foreign, Time now) {
     try {
         overflow = !queue.add(event, foreign) || overflow;
     } catch (const std::bad_alloc &) {
-        // The change is made: a client that cannot be told of it must start afresh.
+        // The change has been made: a client that cannot be informed of it must start again.
         overflow = true;
     }
     wake.event(now);

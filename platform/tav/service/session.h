@@ -1,4 +1,4 @@
-// What the service knows of one client: its registrations, its waiting events and its wake-ups.
+// The service's data about one client: its registrations, its waiting events and its wake-ups.
 #ifndef TAV_SERVICE_SESSION_H
 #define TAV_SERVICE_SESSION_H
 
@@ -23,14 +23,15 @@ public:
     std::uint32_t uid() const { return user; }
     bool may_write() const { return writes; }
 
-    // Registers, or changes the flag of the registration of that path, and queues the notice.
+    // Adds a registration or changes the flag of the existing one for the path, and queues the
+    // notice.
     api_status_t register_events(const Registration &registration, Time now);
     // Queues an event if the client has registered for it; `own`: this client caused it.
     void offer(const Event &event, bool own, Time now);
-    // A change of that leaf by another client was not fetched yet.
+    // The client has not yet fetched a change of this leaf by another client.
     bool unseen(const std::string &path) const { return queue.holds_foreign(path); }
 
-    // The client's requests, after they were carried out; see Wake.
+    // Called after the client's requests were carried out; see Wake.
     void request(Time now) { wake.request(now, !queue.empty()); }
     void ping(Time now) { wake.ping(now); }
     bool acknowledge(Time now) { return wake.acknowledge(now); }

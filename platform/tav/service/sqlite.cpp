@@ -21,7 +21,7 @@ void refuse_database(const std::string &file, const std::string &what) {
 }
 
 Sqlite::Sqlite(std::string file, int flags) : file_name(std::move(file)) {
-    // The service has one thread. Refused, which does no harm, once SQLite is in use.
+    // The service has one thread. The call fails, harmlessly, once SQLite is in use.
     sqlite3_config(SQLITE_CONFIG_SINGLETHREAD);
     sqlite3 *opened = nullptr;
     const int result = sqlite3_open_v2(file_name.c_str(), &opened, flags, nullptr);
@@ -40,14 +40,14 @@ void Sqlite::fail() const {
     switch (sqlite3_errcode(connection.get())) {
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
-    case SQLITE_ERROR: // the statements are right, so that the tables are not
+    case SQLITE_ERROR: // the statements are correct, so the tables must be wrong
         refuse_database(file_name, "is damaged, or no database: " + reason);
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
         throw DatabaseError("database '" + file_name + "' is in use by another process");
     case SQLITE_CANTOPEN:
     case SQLITE_IOERR:
-        // SQLite's own text says no more than that it did not work.
+        // SQLite's own text only says that it failed.
         throw DatabaseError("database '" + file_name + "': " + reason +
                             (system != 0 ? std::string(": ") + std::strerror(system) : ""));
     default:
@@ -79,7 +79,7 @@ std::int64_t Sqlite::number(const char *sql) {
 
 void Sqlite::run(sqlite3_stmt *statement) {
     const int result = sqlite3_step(statement);
-    // Gives the same error again, if there was one; the connection keeps its text.
+    // Returns the error of the last step again, if there was one; the connection keeps its text.
     sqlite3_reset(statement);
     if (result != SQLITE_DONE) {
         fail();
@@ -96,7 +96,7 @@ bool Sqlite::next(sqlite3_stmt *statement) {
 }
 
 void Sqlite::roll_back() noexcept {
-    // Fails when SQLite has rolled back by itself.
+    // Fails if SQLite has already rolled back.
     sqlite3_exec(connection.get(), "ROLLBACK", nullptr, nullptr, nullptr);
 }
 

@@ -17,11 +17,11 @@ class DatabaseError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Throws the error of a file whose content is not what it must be, with the way to go on without
-// it. `what` follows the name of the file.
+// Throws the error for a file with invalid content, including how to continue without it. `what`
+// follows the name of the file.
 [[noreturn]] void refuse_database(const std::string &file, const std::string &what);
 
-// Every member throws DatabaseError: for a damaged file that of refuse_database.
+// Every member throws DatabaseError; for a damaged file it is that of refuse_database.
 class Sqlite {
 public:
     struct Closer {
@@ -37,11 +37,11 @@ public:
     Statement prepare(const char *sql);
     // The first column of the only row.
     std::int64_t number(const char *sql);
-    // Carries out a statement that gives no rows, and makes it ready for the next time.
+    // Executes a statement without result rows, and resets it for the next use.
     void run(sqlite3_stmt *statement);
     // The next row; false at the end.
     bool next(sqlite3_stmt *statement);
-    // Ends a transaction that may have failed anywhere, or ended by itself.
+    // Rolls back a transaction that may have failed anywhere, or has already ended.
     void roll_back() noexcept;
 
     sqlite3 *get() const { return connection.get(); }
@@ -54,10 +54,10 @@ private:
     std::unique_ptr<sqlite3, Closer> connection;
 };
 
-// A column's bytes, valid until the statement goes on.
+// A column's bytes, valid until the statement's next step.
 std::string_view column_text(sqlite3_stmt *statement, int column);
-// Texts are any bytes, so they are kept as blobs. The memory must live until the statement was
-// stepped.
+// Texts may contain any bytes, so they are stored as blobs. The memory must stay valid until the
+// statement was stepped.
 void bind_bytes(sqlite3_stmt *statement, int index, const std::string &text);
 
 } // namespace tav

@@ -1,4 +1,4 @@
-// Where the tree is kept besides memory: the seam between the store and its database.
+// Permanent storage of the tree: the interface between the store and its database.
 #ifndef TAV_SERVICE_STORAGE_H
 #define TAV_SERVICE_STORAGE_H
 
@@ -15,13 +15,13 @@ public:
     Storage &operator=(const Storage &) = delete;
     virtual ~Storage() = default;
 
-    // Makes the changes durable, all or none. False when that failed (logged): nothing was kept.
+    // Makes the changes durable, all or none. False if that failed (logged): nothing was stored.
     virtual bool commit(const std::vector<Change> &changes) = 0;
-    // What such a commit promises, in a word for display: "none", "normal" or "full".
+    // The durability of a commit, for display: "none", "normal" or "full".
     virtual const char *promise() const { return "none"; }
 };
 
-// For a store that lives in memory only.
+// For a store in memory only.
 class NoStorage : public Storage {
 public:
     bool commit(const std::vector<Change> &) override { return true; }

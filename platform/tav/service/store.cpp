@@ -22,7 +22,7 @@ std::vector<Event> events_of(const std::vector<Change> &changes) {
     return events;
 }
 
-// Applies the items until one is refused; the others of the call are then not done either.
+// Applies the items until one is refused; then none of the call's items is done.
 bool apply_all(Edit &edit, const std::vector<Item> &items, std::vector<api_status_t> &statuses) {
     for (std::size_t i = 0; i < items.size(); ++i) {
         const api_status_t status = edit.apply(items[i]);
@@ -35,7 +35,7 @@ bool apply_all(Edit &edit, const std::vector<Item> &items, std::vector<api_statu
     return true;
 }
 
-// Which items would change one of the `stale` leaves, or make one of the `stale` nodes.
+// Finds the items that would change one of the `stale` leaves, or create one of the `stale` nodes.
 std::vector<api_status_t> stale_statuses(const std::vector<Item> &items,
                                          const std::unordered_set<std::string> &stale) {
     std::vector<api_status_t> statuses(items.size(), api_status_not_done);
@@ -94,7 +94,7 @@ Outcome Store::transact(const std::vector<Item> &items,
     std::unordered_set<std::string> stale;
     for (const Change &change : changes) {
         const bool of_leaf = change.leaf_set() || change.leaf_removed();
-        // The writer may believe that the node is there still, and everything else below it.
+        // The writer may assume that the node still exists with everything below it.
         const bool makes_node = !change.before && change.after && !of_leaf;
         if ((makes_node || (of_leaf && change.real())) && unseen(change.path)) {
             stale.insert(change.path);
@@ -105,11 +105,11 @@ Outcome Store::transact(const std::vector<Item> &items,
         return outcome;
     }
 
-    // A write that changes nothing must not reach the disk: the same values are written again and
-    // again, and flash wears out.
+    // A write that changes nothing must not reach the disk: clients write the same values again and
+    // again, and flash memory wears out.
     const bool changed_something = std::any_of(
         changes.begin(), changes.end(), [](const Change &change) { return change.stored(); });
-    // Made before the commit: after it nothing may fail.
+    // Created before the commit, because nothing may fail after it.
     std::vector<Event> events = events_of(changes);
     if (changed_something) {
         if (!storage->commit(changes)) {

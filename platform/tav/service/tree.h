@@ -24,7 +24,8 @@ struct Element {
     bool is_node() const { return value.type == element_type_node; }
 };
 
-// The same type and text. The time stamp is not content: it tells since when the content stands.
+// The same type and text. The time stamp is not part of the content: it is the time of the last
+// change of the content.
 bool same_content(const Value &left, const Value &right);
 
 // Calls `visit` with the path of `element` and of everything below it, parents first, in the order
@@ -32,14 +33,14 @@ bool same_content(const Value &left, const Value &right);
 void walk(const std::string &path, const Element &element,
           const std::function<bool(const std::string &, const Element &)> &visit);
 
-// Elements are changed by an Edit only, which keeps the counts.
+// Only an Edit changes elements; it also updates the counts.
 class Tree {
 public:
-    // The root, and nothing else.
+    // Creates a tree with only the root.
     Tree();
 
     const Element &root() const { return top; }
-    // Null when there is nothing at `path`, which check_path accepts.
+    // Null if there is nothing at `path`, which must be a path that check_path accepts.
     const Element *find(std::string_view path) const;
     // Nodes and leaves, the root included.
     std::size_t elements() const { return nodes + leaves; }

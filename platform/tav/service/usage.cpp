@@ -13,7 +13,8 @@ struct Known {
     Limit limit;
     const char *name;
     std::uint64_t value;
-    api_status_t status; // what goes beyond it is answered with; none: it ends or slows a client
+    api_status_t
+        status; // the status of a refused request; none: the client is disconnected or slowed down
 };
 
 constexpr std::array<Known, static_cast<std::size_t>(Limit::number_)> table{{

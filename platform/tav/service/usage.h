@@ -1,4 +1,4 @@
-// How much of each limit is used, and how often somebody met it.
+// How much of each limit is used, and how often a request exceeded it.
 #ifndef TAV_SERVICE_USAGE_H
 #define TAV_SERVICE_USAGE_H
 
@@ -12,7 +12,7 @@
 
 namespace tav {
 
-// In the order of their table, which says more of each.
+// In the order of their table, which describes each.
 enum class Limit : std::size_t {
     path_bytes,
     depth,
@@ -30,18 +30,18 @@ enum class Limit : std::size_t {
     pending_bytes,
     held_bytes,
     greeting,
-    number_ // how many there are
+    number_ // number of limits
 };
 
 class Usage {
 public:
-    // What is used now.
+    // Sets the present use.
     void set(Limit limit, std::uint64_t used) { at(limit).used = used; }
-    // What is remembered is the most that ever was.
+    // Raises the largest use so far.
     void raise(Limit limit, std::uint64_t used);
-    // Somebody met the limit.
+    // Counts a request that exceeded the limit.
     void refuse(Limit limit) { ++at(limit).refused; }
-    // A path of a call was given this status; counts if it is that of a limit.
+    // Counts a path of a call with this status, if it is the status of a limit.
     void count(api_status_t status);
 
     std::vector<LimitStatus> status() const;

@@ -16,7 +16,7 @@ bool converts(std::string_view text) {
     return error == std::errc() && end == text.data() + text.size();
 }
 
-// Takes the decimal digits at the start of `text`; false when there is none.
+// Removes the decimal digits at the start of `text`; false if there is none.
 bool take_digits(std::string_view &text) {
     const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
     text.remove_prefix(digits);

@@ -7,7 +7,7 @@
 namespace tav {
 
 // api_status_ok, api_status_value_too_long, or api_status_bad_value for a text that the type does
-// not allow or a type that is none of a leaf's:
+// not allow, or a type that leaves cannot have:
 //   boolean  "true" or "false"
 //   integer  an optional "-", decimal digits; within signed 64 bits
 //   real     an optional "-", digits, optionally "." and digits, optionally "e" or "E", an optional

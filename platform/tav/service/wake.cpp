@@ -25,8 +25,8 @@ void Wake::request(Time now, bool unfetched) {
 
 void Wake::ping(Time now) {
     if (wanted_since && last_request) {
-        // Still serving what its last synchronisation brought about: a slow client takes longer
-        // than the pause for that, and each of its turns begins with a ping.
+        // The client is still handling the results of its last synchronisation: a slow client takes
+        // longer than the pause for that, and each of its cycles begins with a ping.
         last_request = now;
     }
 }
@@ -54,7 +54,8 @@ std::optional<Time> Wake::due() const {
     }
     Time due = *wanted_since;
     if (last_request) {
-        // A client that is busy with its last synchronisation is left alone, though not for ever.
+        // A client that is busy with its last synchronisation is not woken, but only for a limited
+        // time.
         due = std::max(due, std::min(*last_request + wake_pause, *wanted_since + wake_wait_limit));
     }
     if (acknowledged) {

@@ -1,9 +1,9 @@
-// When a client is woken: the rules of its descriptor, without sockets and without a clock of their
-// own. PROTOCOL.md says why they are right.
+// When a client is woken: the rules for its descriptor, without sockets and without a clock.
+// PROTOCOL.md gives the reasons for these rules.
 //
-// A client is "signalled" from the moment the wake-up byte was sent until it acknowledged it, with
-// a fetch or without, and at no time is there more than one byte that was not acknowledged. Every
-// member takes the current time, which never goes back.
+// A client is "signalled" from the moment when the wake-up byte is sent until the client
+// acknowledges it, with or without a fetch. There is never more than one unacknowledged byte. The
+// time passed to the members must never go back.
 #ifndef TAV_SERVICE_WAKE_H
 #define TAV_SERVICE_WAKE_H
 
@@ -19,35 +19,35 @@ class Wake {
 public:
     // An event was added to the client's queue.
     void event(Time now);
-    // The client made a request other than a ping, an acknowledgement or a fetch; `unfetched` tells
-    // whether events wait for it. Those that it only acknowledged are signalled again: a client
-    // that works on asks for its events, and the descriptor must not stay silent about them.
+    // The client made a request other than a ping, an acknowledgement or a fetch; `unfetched` says
+    // whether events wait for it. Events that it only acknowledged are signalled again: a client
+    // that continues to work may want its events, and the descriptor must report them.
     void request(Time now, bool unfetched);
-    // The client pinged. While a byte waits for the client's pause after a request, that counts as
-    // one: the client is still at work.
+    // The client pinged. While a byte waits for a pause in the client's requests, a ping is treated
+    // like a request: the client is still working.
     void ping(Time now);
-    // The client was shown the byte and leaves its events alone. True when there is one to drain.
+    // The client saw the byte and ignores its events. True if there is a byte to drain.
     bool acknowledge(Time now);
-    // The client fetched everything. True when there is a byte to drain.
+    // The client fetched everything. True if there is a byte to drain.
     bool fetch(Time now);
 
-    // When the byte is due, if one is to be sent at all.
+    // The time when the byte is due; empty if none must be sent.
     std::optional<Time> due() const;
-    // To be called right before the byte is sent, not before due().
+    // Call this right before the byte is sent, and not before due().
     void sent();
 
     bool signalled() const { return outstanding; }
 
-    // Everything that the object remembers, so that states can be compared and counted.
+    // The object's complete state, so that tests can compare and count states.
     using State = std::tuple<bool, std::optional<Time>, std::optional<Time>, std::optional<Time>>;
     State state() const { return {outstanding, wanted_since, last_request, acknowledged}; }
 
 private:
     void want(Time now);
 
-    bool outstanding = false;         // a byte was sent and not acknowledged
-    std::optional<Time> wanted_since; // a byte is to be sent; never while one is outstanding
-    std::optional<Time> last_request; // or ping that counts as one
+    bool outstanding = false;         // a byte was sent and is not yet acknowledged
+    std::optional<Time> wanted_since; // a byte must be sent; never while one is outstanding
+    std::optional<Time> last_request; // or of a ping that is treated like one
     std::optional<Time> acknowledged; // without a fetch
 };
 

@@ -1,4 +1,4 @@
-// The watchdog: which clients promised to ping, and which of them do.
+// The watchdog: clients that announced to ping, and whether they do.
 #ifndef TAV_SERVICE_WATCHDOG_H
 #define TAV_SERVICE_WATCHDOG_H
 
@@ -11,21 +11,21 @@
 
 namespace tav {
 
-// Reports through the log: once when a client is overdue, once when it pings again, once when it is
-// gone (its connection ended without a withdrawal).
+// Logs one line when a client is overdue, when it pings again, and when it disconnects without a
+// withdrawal.
 class Watchdog {
 public:
     // Announces, changes or (not enabled) withdraws the watchdog of a client, which has at most
-    // one. A name that was left behind by a client that is gone is taken over.
+    // one. A client may reuse the name of a client that has disconnected.
     api_status_t announce(std::uint64_t session, std::uint32_t pid, const WatchdogRequest &request,
                           Time now);
     // api_status_absent for a client that has announced nothing.
     api_status_t ping(std::uint64_t session, Time now);
     // The client's connection ended.
     void depart(std::uint64_t session);
-    // Looks for overdue ones.
+    // Checks for overdue clients.
     void check(Time now);
-    // When the next one will be overdue.
+    // The time when the next client will be overdue.
     std::optional<Time> next_check() const;
 
     std::vector<WatchdogStatus> status(Time now) const;
@@ -44,7 +44,7 @@ private:
     static Time deadline(const Entry &entry);
     void forget(const std::string &name);
 
-    std::vector<Entry> entries; // those that are gone included, up to their limit
+    std::vector<Entry> entries; // includes disconnected ones, up to their limit
 };
 
 } // namespace tav

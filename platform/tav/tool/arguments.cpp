@@ -44,7 +44,7 @@ constexpr const char *apply_footer = "One step per line; all steps are one trans
 constexpr const char *get_footer = "Control characters, backslashes and bytes that are not UTF-8 "
                                    "are printed as \\n \\t \\\\ \\xHH.";
 
-// The words of 'set' are no options that CLI11 knows of.
+// CLI11 does not know the words of 'set', so add them to the usage line.
 class SetFormatter : public HelpFormatter {
 public:
     std::string make_usage(const CLI::App *app, std::string name) const override {
@@ -99,7 +99,7 @@ public:
     }
 
 private:
-    // CLI11's own words for an option without its value are hard to follow.
+    // CLI11's own message for an option without a value is hard to understand.
     static std::string words_for(const CLI::ParseError &error) {
         const std::string words = error.what();
         return error.get_name() == "ArgumentMismatch"
@@ -107,7 +107,7 @@ private:
                    : shown(words);
     }
 
-    // Help comes this way, too, and is no error.
+    // CLI11 also throws for help, which is not an error.
     int report(const CLI::ParseError &error) {
         if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {
             app.exit(error);
@@ -267,7 +267,7 @@ private:
         return *plain;
     }
 
-    // What CLI11 would say of these in its help is no help.
+    // Checked here, because CLI11's own checks would clutter the help.
     void check_choices() const {
         const Options &options = request.options;
         if (options.raw && (options.json || options.recursive || options.paths.size() > 1)) {
@@ -291,7 +291,7 @@ private:
         }
     }
 
-    // What CLI11 does not sort out by itself.
+    // Takes the pairs of 'set' from the words that CLI11 did not parse.
     void take_pairs() {
         if (!setter->parsed()) {
             return;

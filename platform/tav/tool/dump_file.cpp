@@ -17,7 +17,7 @@ namespace tav::tool {
 
 namespace {
 
-// The dump in a file; empty after a complaint.
+// Reads the dump in a file. Empty, after a message, if that fails.
 std::optional<Dump> dump_in(const std::string &file) {
     const std::optional<std::string> text = read_file(file);
     if (!text) {
@@ -31,8 +31,8 @@ std::optional<Dump> dump_in(const std::string &file) {
     }
 }
 
-// The steps that write a dump's elements. A node that another element lies below needs none: it is
-// created with that one.
+// The steps that write a dump's elements. A node with elements below it needs no step: it is
+// created with them.
 std::vector<Item> items_of(const Dump &dump) {
     std::vector<Item> items;
     for (std::size_t i = 0; i < dump.elements.size(); ++i) {
@@ -47,13 +47,13 @@ std::vector<Item> items_of(const Dump &dump) {
     return items;
 }
 
-// About what an item takes of a request; its fixed part is rounded up.
+// The approximate size of an item in a request; its fixed part is rounded up.
 std::size_t bytes_of(const Item &item) {
     constexpr std::size_t fixed = 64;
     return item.path.size() + item.value.text.size() + fixed;
 }
 
-// The items that begin at `first` and fit one transaction with a good margin.
+// The items from `first` on that fit one transaction with a good margin.
 std::vector<Item> next_part(const std::vector<Item> &items, std::size_t first) {
     std::vector<Item> part;
     std::size_t bytes = 0;
@@ -98,7 +98,8 @@ void print_side(const char *sign, const Elements::value_type &element, Tone tone
               << '\n';
 }
 
-// Prints what only one side has; a leaf of other type or value is there on both.
+// Prints the elements that only one side has. A leaf whose type or value differs is printed for
+// both sides.
 bool print_differences(const Elements &before, const Elements &now) {
     bool same = true;
     const auto differs = [](const Elements::value_type &element, const Elements &others) {
@@ -154,7 +155,7 @@ int diff(Client &client, const Options &options) {
     if (tav::dump(client.handle(), dump->path, status, current) != 0) {
         return exit_trouble;
     }
-    // Nothing there is a difference, and no trouble.
+    // An absent path is a difference, not an error.
     if (status != api_status_ok && status != api_status_absent) {
         complain_reading(client, dump->path, status, Wanted::anything);
         return exit_trouble;

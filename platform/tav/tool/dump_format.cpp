@@ -37,7 +37,7 @@ Value value_of(const Json &entry, const std::string &what) {
     }
     const std::string value = text_of(entry, "value", what);
     const Json time = entry.value("time", Json(no_time));
-    // A number without a sign may be one that signed 64 bits do not hold.
+    // An unsigned number may be too large for signed 64 bits.
     if (!time.is_number_integer() ||
         (time.is_number_unsigned() && time.get<std::uint64_t>() > INT64_MAX)) {
         throw BadDump(what + ": the time is not a whole number of seconds");
@@ -48,8 +48,8 @@ Value value_of(const Json &entry, const std::string &what) {
 Json parse_document(const std::string &text) {
     try {
         return Json::parse(text);
-    } catch (const Json::exception &error) { // also of numbers that no double holds
-        // Behind the library's own name for the error.
+    } catch (const Json::exception &error) { // also for numbers too large for a double
+        // The message follows the library's own name for the error.
         const std::string message = error.what();
         const std::size_t name_end = message.find("] ");
         throw BadDump(

@@ -1,12 +1,13 @@
-// The form of a dump: JSON, one element a line, so that two dumps can be compared line by line.
+// The format of a dump: JSON with one element per line, so that two dumps can be compared line by
+// line.
 //
 //   {"format":"tav-dump","version":1,"path":"/a","elements":[
 //   {"path":"/a","type":"node"},
 //   {"path":"/a/b","type":"string","value":"x","time":1700000000}
 //   ]}
 //
-// "path" is what was dumped; every element is it or lies below it. The root itself is not listed.
-// Texts that are no UTF-8 stand in hexadecimal under "path_hex" and "value_hex". "time" is in
+// "path" is the dumped path; every element is at or below it. The root itself is not listed. Texts
+// that are not UTF-8 are written in hexadecimal under "path_hex" and "value_hex". "time" is in
 // seconds since 1970 and may be missing.
 #ifndef TAV_TOOL_DUMP_FORMAT_H
 #define TAV_TOOL_DUMP_FORMAT_H
@@ -25,12 +26,12 @@ struct Dump {
     std::vector<DumpElement> elements;
 };
 
-// What is wrong with a dump, in words for the user.
+// The error in a dump, as a message for the user.
 struct BadDump : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// One element as it stands in a dump.
+// One element as it is written in a dump.
 Json element_json(const DumpElement &element, bool with_time);
 
 // Throws BadDump.

@@ -15,7 +15,8 @@ struct Range {
     char32_t last;
 };
 
-// What UTF-8 can spell that must not reach a terminal, or a reader unseen.
+// Characters that UTF-8 can encode but that are not printed: they control a terminal or are
+// invisible.
 constexpr std::array<Range, 6> hidden{{
     {0x80, 0x9f},     // control characters
     {0x61c, 0x61c},   // direction mark
@@ -25,7 +26,7 @@ constexpr std::array<Range, 6> hidden{{
     {0xd800, 0xdfff}, // halves of a pair: not UTF-8
 }};
 
-// The smallest character that a sequence of so many bytes may spell; by length.
+// The smallest character that a sequence may encode, by the number of its bytes.
 constexpr std::array<char32_t, 5> smallest{0, 0, 0x80, 0x800, 0x10000};
 constexpr char32_t largest = 0x10ffff;
 
@@ -39,8 +40,8 @@ std::size_t length_announced(unsigned char first) {
     return first >= 0xf0 && first < 0xf8 ? 4 : 1;
 }
 
-// The bytes at the start of `text`, whose first is 0x80 or above, that spell one character which
-// may be shown; 0 when there is none.
+// The number of bytes at the start of `text` that encode one printable character from U+0080 on; 0
+// if they do not.
 std::size_t shown_character(std::string_view text) {
     const auto first = static_cast<unsigned char>(text.front());
     const std::size_t length = length_announced(first);

@@ -1,12 +1,12 @@
 // The one rule by which the tool writes names and values as text, and reads them back.
 //
 //   \n \t \\    newline, tab, backslash
-//   \xHH        any other byte that is not shown as it is, two hexadecimal digits
+//   \xHH any other byte that is not printed unchanged, two hexadecimal digits
 //
-// Shown as it is: printable ASCII and well-formed UTF-8, except control characters (U+0000 to
-// U+001F, U+007F to U+009F), line and paragraph separators, and the invisible marks that turn the
-// direction of writing. So a line stays a line, a terminal is never told what to do, and what is
-// written can be read back to the byte.
+// Printed unchanged: printable ASCII and well-formed UTF-8, except control characters (U+0000 to
+// U+001F, U+007F to U+009F), line and paragraph separators, and the invisible marks that change the
+// direction of writing. So one line is printed as one line, no text controls the terminal, and the
+// output can be read back byte for byte.
 #ifndef TAV_TOOL_ESCAPE_H
 #define TAV_TOOL_ESCAPE_H
 
@@ -16,15 +16,16 @@
 
 namespace tav::tool {
 
-// `ascii_only`: for a terminal that does not understand UTF-8, to which every byte from 0x80 on may
-// be a control character.
+// `ascii_only`: for a terminal that does not understand UTF-8, where every byte from 0x80 on may be
+// a control character.
 std::string escaped(std::string_view text, bool ascii_only = false);
 
-// Whether there is a byte from 0x7f on that `escaped` would not show as it is.
+// Whether there is a byte from 0x7f on that `escaped` would not print unchanged.
 bool holds_hidden(std::string_view text);
 
 // The reverse of `escaped`. Also takes \" and "\ ", which quoted words of a script need. Empty for
-// a backslash that begins none of these, and for \x00: neither names nor values hold that byte.
+// a backslash that does not begin any of these, and for \x00: neither names nor values may contain
+// that byte.
 std::optional<std::string> unescaped(std::string_view text);
 
 // `text` as one word of a shell's command line (as bash reads it), so that a suggested command can

@@ -14,7 +14,7 @@ std::string command_on(const char *command, const std::string &path) {
 api_status_t node_status(Client &client, const std::string &path) {
     api_status_t status = api_status_none;
     std::vector<toolkit::child_t> children;
-    // A lost connection leaves api_status_none: then there is simply no advice.
+    // A lost connection leaves api_status_none; then there is no advice.
     client.tav.list_node(path, status, children);
     return status;
 }
@@ -52,7 +52,7 @@ std::string advice_for_kind(const std::string &path, Wanted wanted) {
     return "it is a leaf; to read it: " + command_on("get", path);
 }
 
-// Why a write met the wrong kind of element.
+// Why a write found the wrong kind of element.
 std::string advice_for_clash(Client &client, const std::string &path) {
     switch (node_status(client, path)) {
     case api_status_ok:
@@ -84,7 +84,7 @@ std::string advice_for_value(const Value &value) {
     }
 }
 
-// What does not depend on the command.
+// Advice that does not depend on the command.
 std::string common_advice(api_status_t status) {
     switch (status) {
     case api_status_bad_path:

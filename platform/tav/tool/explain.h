@@ -1,4 +1,4 @@
-// Complaints about paths: what was wrong, and what to do about it.
+// Error messages about paths: what was wrong, and what to do about it.
 #ifndef TAV_TOOL_EXPLAIN_H
 #define TAV_TOOL_EXPLAIN_H
 
@@ -11,10 +11,11 @@ namespace tav::tool {
 
 enum class Wanted { leaf, node, anything };
 
-// A path could not be read as what was wanted. Looks around in the store for advice.
+// Reports that a path could not be read. Reads the store to find advice.
 void complain_reading(Client &client, const std::string &path, api_status_t status, Wanted wanted);
 
-// A step of a transaction was refused. `place` comes before the path ("line 3: ").
+// Reports that a step of a transaction was refused. `place` is printed before the path ("line 3:
+// ").
 void complain_writing(Client &client, const Item &item, api_status_t status,
                       const std::string &place = "");
 

@@ -38,7 +38,7 @@ std::optional<std::string> read_file(const std::string &file) {
         }
     }
     if (stream == nullptr || std::ferror(stream.get()) != 0) {
-        const int reason = errno; // showing the name may change it
+        const int reason = errno; // showing the name may change errno
         complain(file_name(file) + ": " + std::strerror(reason));
         return std::nullopt;
     }

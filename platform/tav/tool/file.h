@@ -1,4 +1,4 @@
-// Files given to a command.
+// Input files of a command.
 #ifndef TAV_TOOL_FILE_H
 #define TAV_TOOL_FILE_H
 
@@ -7,7 +7,8 @@
 
 namespace tav::tool {
 
-// All of a file, or of standard input for "-". Empty, after a complaint, when it cannot be read.
+// The content of a file, or of standard input for "-". Empty, after a message, if it cannot be
+// read.
 std::optional<std::string> read_file(const std::string &file);
 
 // A file's name for messages.

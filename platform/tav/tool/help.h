@@ -1,4 +1,4 @@
-// How --help is laid out, for the tools of this project.
+// The layout of --help for the tools of this project.
 #ifndef TAV_TOOL_HELP_H
 #define TAV_TOOL_HELP_H
 
@@ -24,7 +24,7 @@ public:
                (end.empty() ? "" : "\n" + end + "\n");
     }
 
-    // Some versions put empty lines around it, and the first word only where there is no name.
+    // Some versions put empty lines around it, and print "Usage:" only if there is no name.
     std::string make_usage(const CLI::App *app, std::string name) const override {
         std::string usage = Formatter::make_usage(app, std::move(name));
         usage.erase(0, usage.find_first_not_of('\n'));

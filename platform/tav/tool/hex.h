@@ -8,10 +8,10 @@
 
 namespace tav::tool {
 
-// Two lower-case digits a byte.
+// Two lower-case digits per byte.
 std::string to_hex(std::string_view bytes);
 
-// The reverse, upper case allowed; empty when the text is anything else.
+// The reverse, upper case allowed; empty if the text is not hexadecimal.
 std::optional<std::string> from_hex(std::string_view hex);
 
 } // namespace tav::tool

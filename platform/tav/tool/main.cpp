@@ -7,7 +7,7 @@
 #include "tool/screen.h"
 #include "tool/tool.h"
 
-// Where the client library reports to.
+// The client library reports its errors here.
 extern "C" __attribute__((visibility("default"))) void mlr_err(unsigned int level,
                                                                const char *format, ...) {
     static_cast<void>(level);
@@ -43,7 +43,7 @@ int main(int argc, char **argv) {
             return request.result;
         }
         const int result = carry_out(request);
-        // To whoever compares, everything else is the same trouble.
+        // For diff every other result is the same error.
         return request.command == diff && result != exit_done && result != exit_different
                    ? exit_trouble
                    : result;

@@ -38,14 +38,15 @@ Json leaf_json(const std::string &path, element_type_t type, const std::string &
     return entry;
 }
 
-// Two columns, already fit to be shown: padded for people, with a tab between for programs.
+// Prints two columns, which must already be escaped: padded for people, separated by a tab for
+// programs.
 struct Row {
     std::string left;
     Tone left_tone = Tone::plain;
     std::string right;
 };
 
-// Characters, for padding: UTF-8's continuation bytes do not count.
+// The number of characters, for padding: UTF-8's continuation bytes are not counted.
 std::size_t width(const std::string &text) {
     return static_cast<std::size_t>(std::count_if(text.begin(), text.end(), [](char c) {
         return (static_cast<unsigned char>(c) & 0xc0U) != 0x80;
@@ -53,7 +54,7 @@ std::size_t width(const std::string &text) {
 }
 
 void print_rows(const std::vector<Row> &rows) {
-    constexpr std::size_t widest = 60; // one long path does not push all values off the screen
+    constexpr std::size_t widest = 60; // one long path must not push all values off the screen
     std::size_t column = 0;
     for (const Row &row : rows) {
         column = std::max(column, std::min(width(row.left), widest));
@@ -96,7 +97,7 @@ int get_below(Client &client, const Options &options) {
     return result;
 }
 
-// The bytes as they are, for programs. A terminal is protected from them.
+// The unchanged bytes, for programs. They are not written to a terminal.
 void print_raw(const std::string &text) {
     if (on_terminal()) {
         std::cout << shown(text) << '\n';

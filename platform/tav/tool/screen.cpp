@@ -34,7 +34,7 @@ const char *code(Tone tone) {
     return "";
 }
 
-// A terminal that is not told to expect UTF-8 takes some of its bytes for control characters.
+// A terminal that does not expect UTF-8 may treat some of its bytes as control characters.
 bool ascii_only() {
     static const bool result = [] {
         const bool terminal = on_terminal() || ::isatty(STDERR_FILENO) == 1;
@@ -76,7 +76,7 @@ std::string painted(std::string_view words, Tone tone) {
 
 std::string json_text(const Json &json, int indent) {
     std::string text = json.dump(indent, ' ', ascii_only());
-    // Left to itself JSON escapes only what is below U+0020.
+    // By default JSON escapes only characters below U+0020.
     return holds_hidden(text) ? json.dump(indent, ' ', true) : text;
 }
 

@@ -1,4 +1,4 @@
-// Where the tool's output goes, and how it may look there.
+// The tool's output: escaping, colours and standard error.
 #ifndef TAV_TOOL_SCREEN_H
 #define TAV_TOOL_SCREEN_H
 
@@ -11,17 +11,17 @@ namespace tav::tool {
 
 enum class Color { automatic, always, never };
 
-// What a piece of output is; decides its colour, if there are colours.
+// The kind of a piece of output; decides its colour, if there are colours.
 enum class Tone { plain, node, type, added, removed };
 
-// To be called once, before anything is shown. Automatic: on a terminal other than a dumb one, and
-// unless NO_COLOR is set in the environment and not empty.
+// Call this once, before any output. Automatic: colours on a terminal that is not dumb, unless
+// NO_COLOR is set in the environment and not empty.
 void choose_color(Color color);
 
 // Whether standard output is a terminal: columns are for people.
 bool on_terminal();
 
-// A name or value as text (see escape.h), in a colour where there are colours.
+// A name or value as text (see escape.h), in a colour if there are colours.
 std::string shown(std::string_view text, Tone tone = Tone::plain);
 
 // The same without escaping, for words of the tool's own.
@@ -37,7 +37,7 @@ std::string element_line(std::string_view name, element_type_t type, std::string
 // Prints on standard error, after "tav: " and before a newline.
 void complain(std::string_view message);
 
-// Brings out what is still buffered; false, after a complaint, when output was lost.
+// Writes buffered output; false, after a message, if output was lost.
 bool finish_output();
 
 } // namespace tav::tool

@@ -15,12 +15,12 @@ using Words = std::vector<std::string>;
 
 constexpr std::string_view blanks = " \t\r";
 
-// The wrong line's own text comes from a file and is shown like any other text.
+// Text of the wrong line comes from a file and is escaped like any other text.
 struct BadLine : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Takes one word off the front of `rest`, quotes removed and escapes still in place.
+// Removes one word from the front of `rest`; the result has no quotes, but still has its escapes.
 std::string take_word(std::string_view &rest) {
     std::string word;
     bool quoted = false;

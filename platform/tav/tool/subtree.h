@@ -10,8 +10,8 @@
 
 namespace tav::tool {
 
-// All elements at and below `path`, of one moment, in the order of listings. Complains when that
-// fails, and returns the exit code.
+// Reads all elements at and below `path`, as of one moment, in the order of listings. Prints a
+// message if that fails. Returns the exit code.
 int read_subtree(Client &client, const std::string &path, std::vector<DumpElement> &elements);
 
 } // namespace tav::tool

@@ -22,13 +22,13 @@ const char *type_name(element_type_t type);
 // The leaf types by name only.
 std::optional<element_type_t> leaf_type(std::string_view name);
 
-// "ok", "absent", ...: a few words per status, "status N" for one that this version does not know.
+// "ok", "absent", ...: a few words per status; "status N" for one that this version does not know.
 std::string status_name(api_status_t status);
 
-// Adds a text under `key`. JSON holds Unicode only, but names and values may hold any bytes: what
-// is no valid UTF-8 goes under `key` with "_hex" appended, in hexadecimal.
+// Adds a text under `key`. JSON can contain only Unicode, but names and values may contain any
+// bytes: a text that is not valid UTF-8 is added in hexadecimal under `key` with "_hex" appended.
 void add_text(Json &object, const std::string &key, const std::string &text);
-// The reverse; empty when neither key is there or the content is no text.
+// The reverse; empty if neither key exists or its content is not a text.
 std::optional<std::string> find_text(const Json &object, const std::string &key);
 
 } // namespace tav::tool

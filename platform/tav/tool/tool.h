@@ -1,4 +1,4 @@
-// What the commands of the tool share: the connection, the exit codes, and the commands themselves.
+// The commands of the tool, their exit codes, and the connection that they share.
 #ifndef TAV_TOOL_TOOL_H
 #define TAV_TOOL_TOOL_H
 
@@ -16,11 +16,11 @@ constexpr int exit_done = 0;
 constexpr int exit_refused = 1; // something absent or refused; watch: fewer changes than asked for
 constexpr int exit_usage = 2;   // the command line is wrong
 constexpr int exit_unreachable = 3; // no service, or it went away
-// diff, as diff(1) has it:
+// diff, like diff(1):
 constexpr int exit_different = 1;
-constexpr int exit_trouble = 2; // any trouble at all
+constexpr int exit_trouble = 2; // any error
 
-// Everything a command line can say.
+// All options of the command line.
 struct Options {
     std::vector<std::string> paths;
     // set: path, value, path, value, ...
@@ -34,7 +34,7 @@ struct Options {
     bool raw = false;
     bool replace = false;
     bool parts = false;
-    std::uint64_t count = 0;       // 0: without end
+    std::uint64_t count = 0;       // 0: unlimited
     std::optional<double> timeout; // seconds
 };
 

@@ -11,10 +11,10 @@
 
 namespace tav::tool {
 
-// What to print before the path of the item of that index, "line 3: " for example.
+// The text to print before the path of the item with this index, for example "line 3: ".
 using Place = std::function<std::string(std::size_t)>;
 
-// Performs all items or none, complains about those refused, and returns the exit code.
+// Performs all items or none, reports the refused ones, and returns the exit code.
 int perform(
     Client &client, const std::vector<Item> &items,
     const Place &place = [](std::size_t) { return std::string(); });

@@ -35,7 +35,7 @@ void print_event(const toolkit::CEvent &event, bool json) {
         Json entry = Json::object();
         entry["event"] = event_name(event.command);
         add_text(entry, "path", event.path);
-        std::cout << json_text(entry) << std::endl; // each line at once: somebody waits for it
+        std::cout << json_text(entry) << std::endl; // flush each line at once for the reader
     } else {
         const Tone tone = event.command == mlr_event_removed ? Tone::removed : Tone::added;
         std::cout << painted(event_name(event.command), tone) << ' ' << shown(event.path)
@@ -43,7 +43,7 @@ void print_event(const toolkit::CEvent &event, bool json) {
     }
 }
 
-// Waits for the descriptor; false when the time is over.
+// Waits until the descriptor is readable; false if the time is over.
 bool wait_readable(int fd, const std::optional<Clock::time_point> &end) {
     for (;;) {
         int left = -1;
@@ -91,14 +91,14 @@ int watch(Client &client, const Options &options) {
             }
             print_event(event, options.json);
             if (!std::cout) {
-                return exit_refused; // main says why
+                return exit_refused; // main prints the reason
             }
             if (++seen == options.count) {
                 return exit_done;
             }
         }
     }
-    // Fewer than were asked for.
+    // Fewer changes than requested.
     return options.count > 0 ? exit_refused : exit_done;
 }
 

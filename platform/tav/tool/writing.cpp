@@ -26,7 +26,7 @@ int perform(Client &client, const std::vector<Item> &items, const Place &place) 
                  std::to_string(limits::frame_bytes >> 20U) + " MiB");
         return exit_refused;
     }
-    // Not a matter of one path, and the same for all of them.
+    // This does not concern a single path: all of them have the same status.
     if (!items.empty() && std::all_of(statuses.begin(), statuses.end(), is(api_status_failed))) {
         complain_writing(client, items.front(), api_status_failed, place(0));
         return exit_refused;
@@ -37,7 +37,7 @@ int perform(Client &client, const std::vector<Item> &items, const Place &place) 
             continue;
         }
         result = exit_refused;
-        // The others of the transaction are only not done because of the one that was refused.
+        // The others were only not done because of the refused one.
         if (statuses[i] != api_status_not_done) {
             complain_writing(client, items[i], statuses[i], place(i));
         }
@@ -82,7 +82,7 @@ int remove(Client &client, const Options &options) {
 int apply(Client &client, const Options &options) {
     const std::optional<std::string> text = read_file(options.file);
     if (!text) {
-        return exit_refused; // it has been said
+        return exit_refused; // read_file has printed a message
     }
     const Script script = parse_script(*text);
     for (const std::string &error : script.errors) {

@@ -23,7 +23,7 @@ public:
     // The time of an element without a time stamp.
     static constexpr std::int64_t _invalid_time = -1;
 
-    // No value: type element_type_none, empty text.
+    // No value: type element_type_none and an empty text.
     CElement() = default;
     // A string element. `time`: seconds since 1970, or _invalid_time.
     CElement(tk_string text, std::int64_t time) : _text(std::move(text)), _time(time) {
@@ -43,23 +43,23 @@ private:
     std::int64_t _time = _invalid_time;
 };
 
-// One change event: what happened (mlr_event_...) and the full path of the leaf it happened to.
+// One change event: what happened (mlr_event_...) and the full path of the leaf.
 struct CEvent {
     std::int32_t command = 0;
     tk_string path;
 };
 
-// One child of a node, as list_node gives it.
+// One child of a node, as list_node returns it.
 using child_t = std::pair<tk_string, std::pair<element_type_t, element_property_t>>;
 
-// The operations on one connection. The object does not own the connection: who called mlr_init
+// The operations on one connection. The object does not own the connection: the caller of mlr_init
 // calls mlr_close.
 //
-// Every call returns 0 when it went through (events_get: see there) and a negative number when it
-// did not: no connection, service gone, no answer in time. After such a failure every later call on
-// the same connection fails at once. What became of each path stands in a status (api_status_t),
-// which is meaningful only when the call went through. Output vectors are replaced; on success they
-// hold exactly one element per path, in the order of the paths.
+// Every call returns 0 on success (for events_get see there) and a negative number on failure: no
+// connection, service gone, no answer in time. After a failure every later call on the same
+// connection fails at once. On success an api_status_t holds the result for each path. Output
+// vectors are replaced; on success they have exactly one element per path, in the order of the
+// paths.
 //
 // The last argument of the writes and removals is reserved; pass an empty string. The three-valued
 // flag is reserved too; pass 2.
@@ -88,12 +88,13 @@ public:
     // Removes a node with everything below it.
     int remove_node(const tk_string &path, api_status_t &status, const tk_string &reserved);
 
-    // Asks for events on every leaf at or below `path`; with `own_changes` false the changes made
-    // through this connection are left out.
+    // Asks for events on every leaf at or below `path`; if `own_changes` is false, changes made
+    // through this connection cause no events.
     int event_register(const tk_string &path, api_event_t event, bool own_changes,
                        api_status_t &status);
-    // Replaces `events` by everything pending and returns its number, which is at least 1 (a single
-    // mlr_event_notice when nothing was pending). A negative number on failure, never 0.
+    // Replaces `events` with all pending events and returns their number, which is at least 1 (a
+    // single mlr_event_notice if nothing was pending). Returns a negative number on failure, and
+    // never 0.
     int events_get(std::vector<CEvent> &events);
 
     // Announces the caller to the service's watchdog under `name`: a ping is expected at least
