@@ -1,4 +1,4 @@
-// The command line: what it asks for, and what is wrong with it.
+// The command line: parsing, and the messages for wrong ones.
 #include "ctl/arguments.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 #!/bin/bash
-# check_documents.sh SOURCE-DIR TANDRELCTL: the manual pages are well-formed and say neither less nor
-# more than the programs; the completion knows the options.
+# check_documents.sh SOURCE-DIR TANDRELCTL: the manual pages are well-formed and describe exactly
+# what the programs have; the completion knows the options.
 set -u
 source_dir=$1
 ctl=$2
@@ -16,7 +16,7 @@ commands=(show check watch 'address add' 'address replace' 'address del' 'gatewa
 text=$(mandoc -T ascii "$page" | sed 's/.\x08//g')
 long_options() { grep -oE -- '--[a-z][a-z-]*' | sort -u; }
 
-# --- tandrelctl(1) and --help tell of the same options
+# --- tandrelctl(1) and --help have the same options
 helped=$({
     "$ctl" --help
     for command in "${commands[@]}"; do
@@ -43,8 +43,8 @@ for command in "${commands[@]}"; do
     [ "$helped" = "$completed" ] || fail "completion of '$command': $completed; help: $helped"
 done
 
-# complete_words WORD...: what is offered for the last one, as bash would ask: it parts the words at
-# colons.
+# complete_words WORD...: prints the completions of the last word, as bash would ask for them: it
+# splits words at colons.
 # shellcheck source=/dev/null
 . /usr/share/bash-completion/bash_completion || fail "bash-completion is not installed"
 complete_words() {
@@ -56,7 +56,7 @@ complete_words() {
     _tandrelctl
     echo "${COMPREPLY[*]}"
 }
-# Stands in for the program, which the completion asks.
+# Replaces the program that the completion calls.
 # shellcheck disable=SC2317
 tandrelctl() {
     case $* in
@@ -93,8 +93,8 @@ listed=$(sed -n '/^\.Ss Always/,/^\.Ss Level 4/p' "$daemon_page" | awk '/^\.Ss A
     /^\.It Li "/ { sub(/^\.It Li "/, ""); sub(/"$/, ""); print level " " $0 }' | sort -u)
 [ "$messages" = "$listed" ] ||
     fail "messages by level differ (<: sources, >: tandrel(8)): $(diff <(echo "$messages") <(echo "$listed"))"
-# What stands in no log: texts on standard error. Those of the log itself and of a backtrace's lines
-# have no text of their own.
+# Texts on standard error that are not logged. Those of the log itself and of a backtrace's lines
+# have no fixed text.
 # shellcheck disable=SC2016
 printed=$(perl -ne 'while (/(?:fputs\(|fprintf\(stderr,\s*)"((?:\\.|[^"\\])*?)(?:\\n)?"/g) { print "$1\n" }' <<<"$sources" |
     grep -E '[A-Za-z]{4}' | sort -u)
@@ -102,8 +102,7 @@ printed=$(perl -ne 'while (/(?:fputs\(|fprintf\(stderr,\s*)"((?:\\.|[^"\\])*?)(?
 while IFS= read -r message; do
     grep -qF -- "${message%:}" "$daemon_page" || fail "tandrel(8) lacks what is printed: $message"
 done <<<"$printed"
-# An item without words before the list's end, or before a subject of another kind, explains nothing:
-# each list up to level 2 ends with words.
+# Each list up to level 2 must end with an explanation, not with an item that has none.
 awk '/^\.Ss Level 3/ { exit } /^\.El/ && before ~ /^\.It/ { print before; bad = 1 } { before = $0 } END { exit bad }' \
     "$daemon_page" || fail "tandrel(8) does not explain the above"
 signals=$(grep -oE '\bSIG(SEGV|ILL|FPE|PIPE|HUP|INT|QUIT|TERM|[A-Z0-9]+)\b' "$source_dir/shell/signals.cpp" | sort -u)

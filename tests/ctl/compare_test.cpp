@@ -1,4 +1,4 @@
-// Which rows come of two views, and their marks.
+// The rows that result from two views, and their marks.
 #include "ctl/look_fixture.h"
 #include "ctl/output.h"
 

@@ -14,7 +14,8 @@ protected:
     static strings stored() { return fake_tav::dump(); }
     static std::string below(const std::string &path) { return at("1/IPv6/" + path); }
 
-    // The exit code and the text that the command refuses with; "" when it does not.
+    // The text with which the command refuses, after checking its exit code; "" if it does not
+    // refuse.
     std::string refused(int code, int (*command)(const ctl::options_t &)) {
         try {
             command(options);
@@ -240,8 +241,8 @@ TEST_F(Editing, AnInterfaceNodeOfTheKernelsAddressesAloneIsRemovedFreely) {
     EXPECT_EQ(refused(1, ctl::interface_delete), "the store has no interface node '0'");
 }
 
-// Another client took the name in the meantime: the store refuses the write, and the next name is
-// taken. The other's node stays as it is.
+// Another client used the name in the meantime: the store refuses the write, and the command uses
+// the next name. The other client's node is not changed.
 TEST_F(Editing, ANodeThatSomebodyElseIsJustMakingIsNotOverwritten) {
     fake_tav::on_call("set_leaves").statuses({8, 8}).runs([] { store("1", "2001:db8::77/64"); });
     options.address = "2001:db8::5/64";

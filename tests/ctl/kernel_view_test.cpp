@@ -1,4 +1,4 @@
-// What the tool reads of the kernel's messages beside the daemon's decoders.
+// What the tool reads from the kernel's messages in addition to the daemon's decoders.
 #include "ctl/kernel_view.h"
 
 #include <algorithm>
@@ -40,7 +40,7 @@ public:
         return attribute(type, &content, sizeof content);
     }
 
-    // The message as the tool is given it, cut after so many bytes.
+    // Decodes the message, cut to `length` bytes.
     template <typename Record>
     Record read(Record (*reader)(const unsigned char *, int), std::size_t length = 1 << 16) {
         const auto whole = static_cast<std::uint32_t>(bytes.size());
@@ -158,7 +158,7 @@ TEST(KernelRoute, HasItsTableAndItsShape) {
     EXPECT_EQ(several.route.protocol, RTPROT_STATIC);
 }
 
-// Under the address sanitizer this sees every byte that is read too far.
+// The address sanitizer reports every byte that is read beyond the message.
 TEST(KernelMessages, ThatAreCutShortAreNeverReadBeyondTheirEnd) {
     for (std::size_t length = 0; length < 100; ++length) {
         message_t(RTM_NEWADDR, address_header())

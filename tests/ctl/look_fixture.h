@@ -1,4 +1,4 @@
-// A kernel's view made up by the test, and the fake store read by the tool's own reader.
+// A kernel view made by the test, and the fake store read by the tool's reader.
 #pragma once
 
 #include <algorithm>
@@ -16,7 +16,7 @@
 
 class LookTest : public DaemonTest {
 protected:
-    // eth0, up, tracked, with a store node, in step.
+    // eth0: up, tracked, with a store node, and without differences.
     LookTest() {
         link("eth0");
         fake_tav::put_node(at("1"));

@@ -1,4 +1,4 @@
-// Every reason of `check`: what brings it about, and its sentence and remedy to the letter.
+// Every reason of `check`: its cause, and the exact sentence and remedy.
 #include <functional>
 #include <map>
 #include <ostream>
@@ -13,7 +13,7 @@ using toolkit::CElement;
 
 class Reasons : public LookTest {
 protected:
-    // The state that the test made has this finding, and no other (further ones: `more`).
+    // Expects exactly this finding, and those in `more`.
     void expect(reason_t reason, const std::string &sentence, const std::string &remedy,
                 std::vector<reason_t> more = {}) {
         const std::vector<ctl::finding_t> all = findings();

@@ -1,4 +1,4 @@
-// An engine over the fake netlink library and the fake store, and its doings as one readable
+// An engine over the fake netlink library and the fake store, with its actions as one readable
 // record.
 #pragma once
 
@@ -17,7 +17,7 @@
 #include "netlink/channel.h"
 #include "sync/sync.h"
 
-// The engine with everything opened that a test calls or looks at.
+// The engine with public access to everything that a test calls or examines.
 struct Engine : CSync {
     using CSync::CSync;
 
@@ -68,12 +68,11 @@ tk_string at(const tk_string &rest);
 //   - each call of the store as in the journal (see fake_tav.h);
 //   - each message to the kernel: "kernel: add 2001:db8::5/64 dev 3", "kernel: delete ...",
 //     "kernel: add ::/0 via fe80::1 dev 3", "kernel: dump links" (addrs, routes);
-// with "~" for the path of the interfaces' node. What else the netlink library was asked is left
-// out.
+// with "~" for the path of the interfaces' node. Other calls of the netlink library are omitted.
 std::vector<std::string> record();
-// The same without the log lines.
+// The record without the log lines.
 std::vector<std::string> effects();
-// The effects without what was only read from the store.
+// The effects without reads of the store.
 std::vector<std::string> changes();
 // The texts of the log lines alone, without prefix.
 std::vector<std::string> lines();
@@ -83,33 +82,33 @@ protected:
     void SetUp() override;
     void TearDown() override;
 
-    // A new engine in the place of the present one, with nothing on record. The store's tree stays.
+    // Replaces the engine by a new one, with an empty record. The store's tree is kept.
     void restart(const tk_string &prefix = "eth");
-    // The same in normal operation, with the link eth0 (index 3) tracked; with a number, that store
-    // node is known for it.
+    // A new engine in normal operation that tracks the link eth0 (index 3); `number`, if not 0, is
+    // its store interface.
     void restart_with_eth0(std::int32_t number = 0);
-    // Forgets journal, logs, sent messages and recorded store calls.
+    // Clears the journal, logs, sent messages and recorded store calls.
     void forget();
-    // One full synchronisation, of which alone the record then tells.
+    // One full synchronisation; the record then contains nothing else.
     void synchronise();
     Engine &engine() { return *the_engine; }
 
     // Links as the kernel announces them, without log lines or records: "eth0" with index 3, ...
     void track(std::int32_t ifindex, const tk_string &name);
-    // The same, and the store's node `number` is known for it.
+    // The same, with store interface `number`.
     void track(std::int32_t ifindex, const tk_string &name, std::int32_t number);
     ifcfg_t &entry(std::int32_t ifindex);
 
-    // Appends to what the table knows of a link.
+    // Appends an address to the table's entry of a link.
     void know(std::int32_t ifindex, const std::string &text, int prefix_len, std::int32_t type,
               const tk_string &node);
     void know_gateway(std::int32_t ifindex, const std::string &gateway);
     // The addresses of a link in the table: "<address>/<length> <type text> <node>", in order.
     std::vector<std::string> table(std::int32_t ifindex);
-    // Its gateway there, "" when none.
+    // The gateway of a link in the table, "" if it has none.
     std::string gateway(std::int32_t ifindex);
 
-    // Lays an address (or the gateway) into the store under interface `number`.
+    // Puts an address (or the gateway) into the store under interface `number`.
     static void store(int number, const tk_string &node, const tk_string &address,
                       const tk_string &type);
     static void store_gateway(int number, const tk_string &gateway);
@@ -139,8 +138,7 @@ std::string address_write(const std::string &node, const std::string &address,
 // Text of an address, made without the code under test.
 std::string text_of(const in6_addr &address);
 
-// What `action` throws as an Error: its text. Fails the test when it throws nothing or another
-// kind.
+// The text of the Error that `action` throws. Fails the test if it throws nothing or another type.
 template <typename Error, typename Action>
 std::string thrown(const Action &action) {
     try {

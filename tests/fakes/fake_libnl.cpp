@@ -21,7 +21,7 @@
 #include "fakes/fake_os.h"
 #include "fakes/log_capture.h"
 
-// The library's two opaque types, as this fake has them.
+// This fake's definitions of the library's two opaque types.
 struct nl_sock {
     int number;
 };
@@ -37,7 +37,7 @@ struct reception_t {
     bytes_t datagram;
 };
 
-// What lives on between two calls, beside the part that tests see.
+// State between two calls, in addition to the part that tests see.
 struct inside_t {
     std::deque<reception_t> receptions;
     std::set<const nl_sock *> sockets;
@@ -427,7 +427,7 @@ datagram_t &datagram_t::error(int error, const message_t &request) {
     nlmsghdr header{};
     header.nlmsg_len = static_cast<std::uint32_t>(NLMSG_HDRLEN + request.body.size());
     header.nlmsg_type = static_cast<std::uint16_t>(request.type);
-    // As the library completes a request.
+    // Completes a request like the library.
     header.nlmsg_flags = static_cast<std::uint16_t>(request.flags | NLM_F_REQUEST | NLM_F_ACK);
     append_padded(content, &header, sizeof header, NLMSG_ALIGNTO);
     if (error != 0) {

@@ -1,5 +1,5 @@
-// The netlink library as the daemon uses it: records every call in the journal, keeps what was sent
-// and answers with what the test lays ready. No socket is opened.
+// The netlink library as the daemon uses it: records every call in the journal, keeps sent
+// messages, and answers with what the test has prepared. No socket is opened.
 #pragma once
 
 #include <cstddef>
@@ -15,20 +15,20 @@ namespace fake_libnl {
 
 using bytes_t = std::vector<unsigned char>;
 
-// A request as the daemon handed it over: before the library completes it with port, sequence
-// number and further flags. `body` is what stands behind the 16 bytes of the netlink header.
+// A request as the daemon passed it: before the library completes it with port, sequence number and
+// further flags. `body` is the part after the 16 bytes of the netlink header.
 struct message_t {
     int type = 0;
     int flags = 0;
     bytes_t body;
 };
 
-// Results for the coming calls of one function; without any, the call does what the library does.
+// Results for the next calls of one function; without any, the call behaves like the library.
 class results_t {
 public:
-    // The next call that has no result yet gives this one.
+    // The next call that has no result yet returns this one.
     results_t &then(int result);
-    // Every call gives this result once those of then() are used up.
+    // Every call returns this result once those of then() are used up.
     void always(int result);
     bool next(int &result);
     void clear();
@@ -47,14 +47,14 @@ struct state_t {
     unsigned failing_socket_allocs = 0;
     unsigned failing_message_allocs = 0;
 
-    // What nl_socket_get_fd gives otherwise.
+    // The default result of nl_socket_get_fd.
     int fd = 70;
 
-    // Set to have the release of each datagram entered in the journal (see fake_os::watch_free).
+    // If set, the release of each datagram is entered in the journal (see fake_os::watch_free).
     bool watch_datagrams = false;
 
-    // What was sent: dump requests by nl_send_simple, changes by nl_send_auto_complete. A send that
-    // was made to fail is not among them.
+    // Sent messages: dump requests by nl_send_simple, changes by nl_send_auto_complete. A send that
+    // was made to fail is not included.
     std::vector<message_t> requests;
     std::vector<message_t> changes;
 
@@ -64,27 +64,27 @@ struct state_t {
 
 state_t &state();
 
-// nl_recv gives this datagram, in a buffer from malloc of exactly its size.
+// nl_recv returns this datagram, in a buffer from malloc of exactly its size.
 void queue_datagram(const bytes_t &datagram);
-// nl_recv gives this result (0 or below) without a buffer.
+// nl_recv returns this result (0 or below) without a buffer.
 void queue_recv_result(int result);
-// Datagrams and results that were not asked for yet. With none left nl_recv gives -4, as the
-// library does on an empty non-blocking socket.
+// The number of datagrams and results not yet received. With none left nl_recv returns -4, like the
+// library on an empty non-blocking socket.
 std::size_t queued();
-// Forgets them, as a socket does that is closed.
+// Discards them, like closing the socket.
 void drop_datagrams();
 
-// Puts a datagram together, message after message. Lengths are right unless set_... is used.
+// Builds a datagram, message after message. Lengths are correct unless set_... is used.
 class datagram_t {
 public:
-    // A message with this family header; attributes are added behind it.
+    // A message with this family header; attributes are added after it.
     datagram_t &message(int type, const void *family_header, std::size_t size, int flags = 0);
     datagram_t &attribute(int type, const void *payload, std::size_t size);
     datagram_t &attribute(int type, const std::string &text); // with its NUL
     datagram_t &attribute(int type, std::int32_t number);
     datagram_t &attribute(int type, const in6_addr &address);
 
-    // Complete messages as the kernel sends them. Empty texts leave the attribute out.
+    // Complete messages as the kernel sends them. An empty text omits the attribute.
     datagram_t &link(int type, int ifindex, const std::string &name,
                      std::initializer_list<unsigned char> hwaddr = {0x02, 0, 0, 0, 0, 1},
                      int flags = 0);

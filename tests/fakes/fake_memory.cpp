@@ -8,7 +8,7 @@
 namespace fake_memory {
 namespace {
 
-// Plain data: memory is allocated before and after everything else of this file lives.
+// Plain data: memory is also allocated before and after the lifetime of this file's objects.
 bool armed = false;
 bool struck = false;
 std::size_t left = 0;

@@ -1,18 +1,19 @@
-// Memory that runs out: operator new of the unit tests fails where a test says so.
+// Memory that runs out: operator new of the unit tests fails where a test requests it.
 #pragma once
 
 #include <cstddef>
 
 namespace fake_memory {
 
-// The n-th allocation from now on fails with std::bad_alloc (1 is the next), and it alone.
+// Only the n-th allocation from now on fails with std::bad_alloc (1 is the next).
 void fail(std::size_t n);
 // No allocation fails any more. Returns whether one has.
 bool stop();
 
-inline unsigned spares = 0; // how many `spare` live
+inline unsigned spares = 0; // number of existing `spare` objects
 
-// While one lives, allocations succeed and are not counted: those of the fakes and of the test.
+// While such an object exists, allocations succeed and are not counted: for those of the fakes and
+// of the test.
 class spare {
 public:
     spare() { ++spares; }

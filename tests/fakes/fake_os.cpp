@@ -11,7 +11,7 @@
 namespace fake_os {
 namespace {
 
-// Where an armed exit or abort goes on.
+// Where execution continues after an armed exit or abort.
 struct escape_t {
     bool armed = false;
     sigjmp_buf target{};
@@ -29,7 +29,7 @@ void reset() {
 }
 const fakes::reset_hook hook(&reset);
 
-// Goes back to ending_of instead of ending the process.
+// Returns to ending_of instead of ending the process.
 [[noreturn]] void leave(const char *how, int status, const std::string &arguments) {
     auto &to = escape();
     journal::add(std::string(how) + "(" + arguments + ")");
@@ -91,7 +91,7 @@ int select_script_t::take(select_call_t call, std::vector<int> &ready_descriptor
         return static_cast<int>(ready_descriptors.size());
     }
     if (steps.empty()) {
-        // Who goes on all the same would do so for ever.
+        // Code that continued after this would do so for ever.
         if (++exhausted > 100) {
             std::fputs("select was called again and again without a script\n", stdout);
             std::fflush(stdout);

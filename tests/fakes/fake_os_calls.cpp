@@ -1,4 +1,4 @@
-// The replaced calls themselves. Those that end the process stand beside ending_of (fake_os.cpp).
+// The replaced calls. Those that end the process are in fake_os.cpp, next to ending_of.
 #include "fakes/fake_os.h"
 
 #include <algorithm>
@@ -48,13 +48,13 @@ const char *handler_name(void (*handler)(int)) {
     return handler == &signal_handler ? "signal_handler" : "another";
 }
 
-// Enters an armed call and takes its result.
+// Records an armed call and takes its result.
 long called(fake_os::stub_t &stub, const std::string &name, const std::string &arguments) {
     journal::add(name + "(" + arguments + ")");
     return stub.take();
 }
 
-// A wait that failed leaves the status as it was.
+// A wait that fails does not change the status.
 pid_t waited(pid_t child, int *status) {
     if (child != -1 && status != nullptr) {
         *status = state().wait_status;
@@ -137,7 +137,7 @@ int __wrap_setuid(uid_t uid) {
                         : __real_setuid(uid);
 }
 
-// Not in the journal: reading one's own id is no act.
+// Not in the journal: reading the user ID has no effect.
 uid_t __real_getuid();
 uid_t __wrap_getuid();
 uid_t __wrap_getuid() {
@@ -320,7 +320,7 @@ int __wrap_backtrace(void **frames, int size) {
     return static_cast<int>(state().frames.size());
 }
 
-// One block from malloc holds the pointers and behind them the texts, as the real one's does.
+// Like the real call, one block from malloc with the pointers and, after them, the texts.
 char **__real_backtrace_symbols(void *const *frames, int size);
 char **__wrap_backtrace_symbols(void *const *frames, int size);
 char **__wrap_backtrace_symbols(void *const *frames, int size) {

@@ -12,12 +12,12 @@
 #include "fakes/fake_tav_tree.h"
 #include "fakes/log_capture.h"
 
-// The library's opaque connection, as this fake has it.
+// This fake's definition of the library's opaque connection.
 struct mlr_client {
     unsigned number;
 };
 
-// What a reader must not look at, it had better not find in order.
+// Invalid content for outputs that a reader must not use.
 constexpr auto odd_property = static_cast<element_property_t>(7);
 
 namespace fake_tav {
@@ -32,7 +32,7 @@ struct scheduled_t {
     std::unique_ptr<injection_t> injection;
 };
 
-// What lives on between two calls, beside the part that tests see.
+// State between two calls, in addition to the part that tests see.
 struct inside_t {
     tree_t tree;
     std::vector<scheduled_t> schedule;
@@ -63,7 +63,7 @@ std::string joined(const call_t &call) {
     return text;
 }
 
-// Takes the injection that this call is due, if there is one. The oldest one wins.
+// Takes the oldest injection for this call, if there is one.
 std::unique_ptr<injection_t> due(const call_t &call) {
     std::unique_ptr<injection_t> found;
     auto &schedule = inside().schedule;
@@ -84,7 +84,7 @@ std::unique_ptr<injection_t> due(const call_t &call) {
     return found;
 }
 
-// One call on its way: enters it in the records and holds what is to happen instead.
+// One call in progress: records it and keeps the injection that replaces its work.
 class arrival_t {
 public:
     explicit arrival_t(const call_t &call, const std::string &arguments = "") {
@@ -106,7 +106,7 @@ public:
             status = injection->status(0);
         }
     }
-    // True when the outputs are to have one element for each path.
+    // True if the outputs must have one element for each path.
     bool give(std::vector<api_status_t> &statuses, std::size_t paths) const {
         if (!injection->has_statuses()) {
             return false;
@@ -117,7 +117,7 @@ public:
         }
         return true;
     }
-    // The element that replaces a value which the call had no reason to give.
+    // The element for a value that the call has no reason to return.
     void fill(CElement &value) const { value = injection->filling().get_value_or(value); }
     void fill(std::vector<toolkit::child_t> &children) const {
         children.insert(children.end(), injection->listing().begin(), injection->listing().end());
@@ -134,7 +134,8 @@ public:
     }
 
 private:
-    // Into memory of the exact size, so that the address sanitizer sees each look beyond the end.
+    // Copies to memory of the exact size, so that the address sanitizer reports each read beyond
+    // the end.
     template <typename Item>
     static void shorten(std::vector<Item> &items, std::size_t most) {
         if (items.size() > most) {

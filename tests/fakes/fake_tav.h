@@ -1,5 +1,6 @@
 // The settings store's client library as the daemon uses it, over a tree in memory. Every call is
-// entered in the journal and kept with its arguments; any call can be made to give another result.
+// entered in the journal and kept with its arguments; any call can be made to return another
+// result.
 //
 // In the journal: "mlr_init()", "mlr_close()", "get_leaf(<path>)", "get_leaves(<path>, <path>)",
 // "list_node(<path>)", "set_leaf(<path> = <text>)", "set_leaves(<path> = <text>, ...)",
@@ -19,7 +20,7 @@
 
 namespace fake_tav {
 
-// One call of a CTav member with the arguments that went in. What an operation does not take stays
+// One call of a CTav member with its input arguments. Fields that the operation does not have are
 // empty.
 struct call_t {
     std::string operation; // "set_leaf", ...
@@ -33,22 +34,22 @@ struct call_t {
 // What a call does instead of its work.
 class injection_t {
 public:
-    // The call gives this result and has no effect. Unless statuses are laid ready as well, its
-    // outputs stay as the caller had them, whatever that is. events_get with a result above 0
-    // delivers the pending events all the same.
+    // The call returns this result and has no effect. Unless statuses are prepared as well, it does
+    // not change its outputs. events_get with a result above 0 still delivers the pending events.
     injection_t &returns(int result);
-    // The call gives these statuses, one for each path (the last one serves the rest too), and has
-    // no effect; its result is 0 unless returns() says otherwise.
+    // The call gives these statuses, one for each path (the last one also for all further paths),
+    // and has no effect; its result is 0 unless returns() sets another one.
     injection_t &statuses(std::vector<int> values);
-    // Beside injected statuses of a read: its values are this element, whatever the statuses say.
+    // With injected statuses of a read: its values are this element, for any status.
     injection_t &fills(toolkit::CElement value);
-    // Beside injected statuses of a listing: its children, whatever the statuses say.
+    // With injected statuses of a listing: its children, for any status.
     injection_t &lists(std::vector<toolkit::child_t> children);
-    // The call does its work, and then the vector of statuses, or that of values, keeps so many
-    // items at most.
+    // The call does its work, and then the vector of statuses, or of values, is cut to at most this
+    // many items.
     injection_t &shortens_statuses(std::size_t items);
     injection_t &shortens_values(std::size_t items);
-    // Runs first; may throw, or change the tree under the call. Alone it leaves the call its work.
+    // Runs before the call; may throw, or change the tree. Without other injections the call then
+    // does its work.
     injection_t &runs(std::function<void()> action);
 
     bool replaces() const { return result || !status_values.empty(); }
@@ -72,18 +73,18 @@ private:
     std::function<void()> before;
 };
 
-// Applies to the n-th call of the operation from now on, and to it alone.
+// Applies only to the n-th call of the operation from now on.
 injection_t &on_call(const std::string &operation, unsigned n = 1);
 // Applies to every call of the operation that names the path.
 injection_t &on_path(const std::string &operation, const tk_string &path);
 
 struct state_t {
-    // What mlr_get_fd gives.
+    // The result of mlr_get_fd.
     int fd = 60;
-    // Whether a call on a null connection is let pass; a failure of the test otherwise.
+    // Whether a call on a null connection is allowed; otherwise it fails the test.
     bool null_client_allowed = false;
 
-    // Set to make the next mlr_init give null (the count goes down with each).
+    // Set to make the next calls of mlr_init return null (the count goes down with each).
     unsigned failing_inits = 0;
     unsigned clients_opened = 0, clients_closed = 0;
     std::vector<call_t> calls;
@@ -93,26 +94,26 @@ state_t &state();
 
 // The calls of one operation, in order.
 std::vector<call_t> calls(const std::string &operation);
-// How many calls wrote to the tree or tried to: set_leaf, set_leaves, remove_node.
+// The number of calls that wrote to the tree or tried to: set_leaf, set_leaves, remove_node.
 std::size_t writes();
 void forget_calls();
 
-// The tree. At the start of a test it holds the empty node
-// "/Software/System Settings/Network/Interface". Children are listed in the order of their making,
-// so that a test decides it. None of this is a call of the daemon.
+// The tree. At the start of a test it has the empty node "/Software/System
+// Settings/Network/Interface". Children are listed in the order of their creation, so that a test
+// can choose it. These functions are not recorded as calls of the daemon.
 void put_node(const tk_string &path);                            // with its parents
-void put(const tk_string &path, const tk_string &text);          // a string leaf, likewise
+void put(const tk_string &path, const tk_string &text);          // a string leaf, with its parents
 void put(const tk_string &path, const toolkit::CElement &value); // any leaf
-void erase(const tk_string &path);                               // with all below
+void erase(const tk_string &path);                               // with everything below it
 bool exists(const tk_string &path);
-// The names of what stands directly below a node; none when there is no such node.
+// The names of a node's children; empty if there is no such node.
 std::vector<tk_string> children(const tk_string &path);
 // The text of a leaf; "(absent)" when there is no such leaf.
 tk_string text(const tk_string &path);
 // Every leaf as "<path> = <text>" and every node without children as "<path>/", in listing order.
 std::vector<std::string> dump();
 
-// A change event that waits for events_get. With none waiting events_get gives one of command 1.
+// Adds a change event for events_get. Without waiting events, events_get returns one of command 1.
 void queue_event(int command, const tk_string &path);
 std::size_t pending_events();
 

@@ -1,5 +1,5 @@
-// The tree behind the fake store client: named nodes whose leaves hold elements, listed in the
-// order of their making. Paths begin with "/".
+// The tree behind the fake store client: named nodes and leaves with elements, listed in the order
+// of their creation. Paths begin with "/".
 #pragma once
 
 #include <memory>
@@ -24,11 +24,11 @@ class tree_t {
 public:
     // Null when there is nothing at the path.
     element_t *find(const tk_string &path);
-    // Makes a node with its parents; null when a leaf stands in the way.
+    // Creates a node with its parents; null if a leaf is in the way.
     element_t *make(const tk_string &path);
-    // False when a node with children, or a leaf above it, stands in the way.
+    // False if a node with children, or a leaf above it, is in the way.
     bool make_leaf(const tk_string &path, const toolkit::CElement &value);
-    // Leaves `value` alone unless the result is api_status_ok.
+    // Changes `value` only if the result is api_status_ok.
     api_status_t read_leaf(const tk_string &path, toolkit::CElement &value);
     api_status_t remove(const tk_string &path);
     // Every leaf as "<path> = <text>" and every node without children as "<path>/".

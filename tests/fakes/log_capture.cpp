@@ -15,7 +15,7 @@
 #include "fakes/fake_memory.h"
 #include "shell/signals.h"
 
-// Where the sanitizers report to; absent in a plain build.
+// Sets the sanitizers' output; absent in a plain build.
 extern "C" void __sanitizer_set_report_fd(void *fd) __attribute__((weak));
 
 namespace {
@@ -242,7 +242,7 @@ void expect_logged_at(std::uint32_t level, int priority, const std::string &line
         try {
             action();
         } catch (const std::exception &) {
-            // What is thrown beside the line is checked where the line is not the subject.
+            // Exceptions are checked in other tests; this one is about the line.
         }
     };
     run_at(level);

@@ -130,7 +130,7 @@ int WholeDaemon::unreleased() {
 
 int WholeDaemon::select(long seconds, std::vector<int> &ready) {
     if (exit_requested != 0) {
-        // The first select that meets the signal may be the one that it interrupts.
+        // The first select after the signal may be the one that it interrupts.
         if (interrupts && !exit_was_requested) {
             exit_was_requested = true;
             return EINTR;
@@ -139,7 +139,7 @@ int WholeDaemon::select(long seconds, std::vector<int> &ready) {
         return 0;
     }
     if (seconds == pause_seconds) {
-        fake_libnl::drop_datagrams(); // the socket has gone, or is about to
+        fake_libnl::drop_datagrams(); // the socket is closed, or is about to be
         requests_answered = fake_libnl::state().requests.size();
         answering.clear();
         return 0;
@@ -159,7 +159,7 @@ int WholeDaemon::select(long seconds, std::vector<int> &ready) {
     return 0;
 }
 
-// Each dump as two datagrams: what there is, and its end.
+// Each dump as two datagrams: the records, and its end.
 void WholeDaemon::answer_requests() {
     follow_changes();
     const auto &requests = fake_libnl::state().requests;
@@ -187,7 +187,7 @@ void WholeDaemon::answer_requests() {
     }
 }
 
-// The kernel does what it was asked for.
+// The kernel carries out the requests.
 void WholeDaemon::follow_changes() {
     const auto &changes = fake_libnl::state().changes;
     for (; changes_followed < changes.size(); ++changes_followed) {
@@ -236,7 +236,7 @@ void RebuildTest::expect_one_rebuild_and_the_same_end(WholeDaemon &daemon,
                                                       const std::string &caught) {
     EXPECT_EQ(journal::matching("log 3 Error: Caught"),
               std::vector<std::string>{"log 3 Error: " + caught});
-    // The store's connection goes first, the channel only behind the pause.
+    // The store's connection is closed first, the channel only after the pause.
     const std::size_t reported = journal::find("log 3 Error: Caught");
     const std::size_t closed = journal::find("mlr_close()", reported);
     const std::size_t paused = journal::find("select(10)", closed);

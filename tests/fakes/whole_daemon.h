@@ -1,6 +1,5 @@
-// The whole daemon, from its entry point to its end, over a small kernel and a small store that
-// remember what it does to them: every run of it that is disturbed must leave both as one that was
-// not.
+// The whole daemon, from its entry point to its end, over a small kernel and a small store with
+// state: a disturbed run must leave both in the same state as an undisturbed one.
 #pragma once
 
 #include <functional>
@@ -12,19 +11,20 @@
 #include "fakes/log_capture.h"
 
 // Fresh fakes with everything armed that a run calls. The kernel has eth0 (index 3) and eth1 (4),
-// the store the interfaces 1 to 3; a synchronisation has something to do in both directions. Lives
-// inside a DaemonTest; building another one begins anew.
+// the store the interfaces 1 to 3; a synchronisation has something to do in both directions. Must
+// exist inside a DaemonTest; each new object starts with the initial state.
 class WholeDaemon {
 public:
     WholeDaemon();
 
-    // Runs when the daemon waits and nothing is left to be told; asks it to end unless replaced.
+    // Runs when the daemon waits and there is nothing left to report; by default it asks the daemon
+    // to end.
     std::function<void()> when_idle;
-    // Runs before each datagram that the daemon finds: with the request that it answers (18 links,
-    // 22 addresses, 26 routes) and whether it is the last answer to it.
+    // Runs before each datagram that the daemon receives, with the request that it answers (18
+    // links, 22 addresses, 26 routes) and whether it is the last answer to it.
     std::function<void(int, bool)> before_answer;
-    // Whether a select that a termination signal meets fails with EINTR; it finds the exit pipe
-    // readable otherwise, as one does that begins just behind the signal.
+    // Whether a select during a termination signal fails with EINTR; otherwise it finds the exit
+    // pipe readable, as if it had begun just after the signal.
     bool interrupts = true;
 
     // Runs tandrel_main with these arguments: how it ended ("returned", "exit", ...) and its
@@ -38,8 +38,8 @@ public:
     // What the kernel has now: "3 2001:db8::5/64", "3 via fe80::1", in alphabetical order.
     std::vector<std::string> kernel();
     // What the store has: "1 office 2001:db8::6/48 Static", "1 via fe80::9", in alphabetical order.
-    // The daemon is free in the choice of a node's name: those of its choice, all under interface
-    // 2, are given as "*".
+    // The daemon may choose the names of nodes: the names that it chose, all under interface 2, are
+    // shown as "*".
     static std::vector<std::string> store();
     // Sockets, messages and store connections that were opened and not released.
     static int unreleased();
@@ -67,14 +67,14 @@ private:
     bool exit_was_requested = false;
 };
 
-// For tests that disturb a run in its first engine: the second one must put everything right.
+// For tests that disturb a run in its first engine: the second engine must correct everything.
 class RebuildTest : public DaemonTest {
 protected:
     RebuildTest();
-    // Runs `action` where the first discovery ends and its synchronisation begins.
+    // Runs `action` between the first discovery and its synchronisation.
     static void at_first_synchronisation(WholeDaemon &daemon, std::function<void()> action);
-    // One rebuild, reported by this line, after which kernel and store are as after a run that was
-    // not disturbed; nothing is left unreleased.
+    // Expects one rebuild, reported by this line, after which kernel and store are as after an
+    // undisturbed run, and everything was released.
     void expect_one_rebuild_and_the_same_end(WholeDaemon &daemon,
                                              const std::string &caught = "Caught exception");
 

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::size_t request_header_bytes = 5;
 
-// Takes the event list out of a reply to a fetch, and puts one in.
+// Removes the event list from a reply to a fetch, and inserts one.
 std::vector<Event> events_in(const std::string &reply, tav::ReplyHeader &header) {
     Reader in(std::string_view(reply).substr(tav::length_bytes));
     std::vector<Event> events;
@@ -49,7 +49,7 @@ FaultyService::FaultyService(tav::Store &served, std::string database, Plan stag
     : Service(served, std::move(database), std::chrono::steady_clock::now), store(served),
       plan(std::move(staged)) {}
 
-// False for what no plan names.
+// False for operations that no plan can name.
 bool FaultyService::look_at(std::string_view body, Request &request) {
     Reader in(body);
     get(in, request.header);
@@ -88,7 +88,7 @@ bool FaultyService::look_at(std::string_view body, Request &request) {
     }
 }
 
-// Null for a client that is to be spared.
+// Null for a client that gets no faults.
 FaultyService::Victim *FaultyService::victim_of(const Session &session, const Request &request) {
     const std::uint64_t number = session.ticket().session;
     if (request.operation == Operation::enlist) {
@@ -151,8 +151,8 @@ bool FaultyService::stage(Session &session, const Request &request, std::string_
     return true;
 }
 
-// The service's farewell follows what was sent. The reply announces so much that it stays
-// incomplete with it.
+// The service sends a farewell frame afterwards. The length in the reply is so large that the reply
+// stays incomplete even with that frame.
 void FaultyService::cut(std::string &reply) {
     reply.replace(0, tav::length_bytes, std::string("\0\xff\xff\xff", tav::length_bytes));
     reply.resize(tav::length_bytes + plan.below(reply.size() - tav::length_bytes));
@@ -162,7 +162,8 @@ bool FaultyService::refuse(Session &session, const Request &request, std::string
                            std::string &reply) {
     const tav::ReplyHeader header{request.header.serial, false};
     if (request.operation == Operation::events || request.operation == Operation::ping) {
-        return Service::handle(session, body, reply); // the one has no status, the other no reply
+        return Service::handle(session, body,
+                               reply); // the first has no status, the second no reply
     }
     Writer out;
     put(out, header);
@@ -249,14 +250,13 @@ void FaultyService::remove_as_somebody_else() {
     }
 }
 
-// A notice carries no change: to the client it is as if nothing were there. The wake-up itself
-// keeps to the rules that hold for all.
+// A notice reports no change: for the client nothing is pending. The wake-up itself follows the
+// normal rules.
 void FaultyService::make_readable(Session &session, const Victim &victim) {
     session.offer(Event{mlr_event_notice, victim.registered}, false, now());
 }
 
-// As many events as no client may leave unfetched: the server disconnects it when it has sent what
-// the reply holds.
+// More events than a client may leave unfetched: the server disconnects it after sending the reply.
 void FaultyService::end(Session &session, const Victim &victim) {
     for (std::uint64_t i = 0; !session.overflowed() && !victim.registered.empty(); ++i) {
         session.offer(Event{mlr_event_notice, victim.registered + "/" + std::to_string(i)}, false,

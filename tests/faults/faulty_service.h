@@ -1,5 +1,6 @@
-// The settings store's service, staging the faults of a plan for those clients that have registered
-// for events or with the watchdog. All others are served as ever, so that a test sees the truth.
+// The settings store's service, which injects the faults of a plan for clients that have registered
+// for events or with the watchdog. All others are served normally, so that a test can read the real
+// state.
 #ifndef TESTS_FAULTS_FAULTY_SERVICE_H
 #define TESTS_FAULTS_FAULTY_SERVICE_H
 
@@ -22,7 +23,7 @@ public:
 private:
     struct Victim {
         std::string registered;       // a path that it has registered for, if any
-        std::vector<tav::Event> late; // to be given once more with the next fetch
+        std::vector<tav::Event> late; // sent once more with the next fetch
     };
     struct Request {
         tav::RequestHeader header;

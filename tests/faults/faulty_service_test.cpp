@@ -1,5 +1,5 @@
-// What a client sees of each fault that the test build of the service stages, and that all others
-// see nothing of it.
+// The effect of each fault that the test build of the service injects on its client; other clients
+// are not affected.
 #include "support/store_fixture.h"
 
 #include <algorithm>
@@ -14,7 +14,7 @@ namespace {
 
 class FaultyServiceTest : public StoreTest {
 protected:
-    // Serves with that plan; the one client registers, the other one does not.
+    // Serves with this plan; one client registers, the other one does not.
     void stage(const std::string &plan) {
         ::setenv("TAVD_FAULT", plan.c_str(), 1);
         start();
@@ -110,7 +110,7 @@ TEST_F(FaultyServiceTest, AReplyIsCutInTheMiddle) {
 TEST_F(FaultyServiceTest, AnOverflowEndsTheConnectionBehindTheReply) {
     stage("overflow:on=read:limit=1");
     EXPECT_EQ(read_result(), 0);
-    expect_lost(""); // how it looks depends on when the next request meets the end
+    expect_lost(""); // the result depends on when the next request finds the connection ended
 }
 
 TEST_F(FaultyServiceTest, AnEchoTellsAClientOfItsOwnEffectiveChangesOnce) {

@@ -1,4 +1,4 @@
-// What makes tavd a service with faults: the environment's TAVD_FAULT is the plan.
+// Turns tavd into a service with faults: the environment variable TAVD_FAULT is the plan.
 #include <cstdlib>
 #include <stdexcept>
 

@@ -60,7 +60,7 @@ long number(const std::string &text, long least) {
     return value;
 }
 
-// Where a fault strikes unless the plan says it.
+// The default operations of a fault.
 std::set<Operation> usual_operations(Mode mode) {
     switch (mode) {
     case Mode::echo:

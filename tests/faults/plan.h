@@ -1,22 +1,21 @@
-// Which fault is staged, where, how often and for how long. A plan is one line of text, a mode and
-// any number of settings:
+// Which fault is injected, where, how often and for how long. A plan is one line of text, a mode
+// and any number of settings:
 //
 //   MODE[:on=OPERATION[+OPERATION...]][:after=N][:every=N][:limit=N][:chance=PERCENT][:seed=N]
 //       [:undone][:result=N][:status=N][:path=PATH][:while=FILE]
 //
-//   on      the operations that the fault strikes (all; of the modes about events, the one that
-//           the mode is about)
-//   after   so many of them are spared at the start (0)
-//   every   each so-manieth of the others is struck (1)
-//   limit   so many faults at most (no limit)
-//   chance  one that would be struck is, with this likelihood (100)
+//   on      the operations that the fault affects (default: all; for modes about events, the one
+//           that the mode is about)
+//   after   number of operations at the start that are not affected (0)
+//   every   only every Nth of the others is affected (1)
+//   limit   largest number of faults (no limit)
+//   chance  probability that such an operation is affected, in percent (100)
 //   seed    of the random choices (1)
-//   undone  an operation that is struck has no effect (otherwise it has, and only its outcome is
-//           lost)
-//   result  what a failing call returns (-1)
-//   status  what a refused path gets (api_status_refused)
-//   path    what is removed (needed by the mode about it)
-//   while   faults are staged only while this file exists
+//   undone  an affected operation has no effect (otherwise it has, and only its result is lost)
+//   result  result of a failing call (-1)
+//   status  status of a refused path (api_status_refused)
+//   path    the path to remove (required by the mode that removes)
+//   while   faults are injected only while this file exists
 #ifndef TESTS_FAULTS_PLAN_H
 #define TESTS_FAULTS_PLAN_H
 
@@ -30,17 +29,17 @@
 namespace faults {
 
 enum class Mode {
-    fail,      // the call returns `result`, its connection is fine
-    refuse,    // the call goes through, each of its paths has `status`
-    garble,    // the reply makes no sense
+    fail,      // the call returns `result`, its connection still works
+    refuse,    // the call succeeds, each of its paths has `status`
+    garble,    // the reply is malformed
     hang,      // there is no reply
     cut,       // the connection ends in the middle of the reply
     overflow,  // the connection ends because of events that were not fetched
-    echo,      // the client is told of its own changes
-    duplicate, // each event comes twice, and once more later
-    reorder,   // the events of one fetch come in any order
+    echo,      // the client gets events for its own changes
+    duplicate, // each event is sent twice, and once more later
+    reorder,   // the events of one fetch are in random order
     spurious,  // the descriptor is readable although nothing has happened
-    vanish     // somebody else removes `path` right before the call
+    vanish     // another client removes `path` right before the call
 };
 
 enum class Operation { read, list, write, remove, enlist, events, watchdog, ping };
@@ -50,7 +49,7 @@ const char *name_of(Operation operation);
 
 class Plan {
 public:
-    // Throws std::invalid_argument, whose text tells what is wrong.
+    // Throws std::invalid_argument, whose text says what is wrong.
     explicit Plan(const std::string &text);
 
     Mode mode() const { return what; }
@@ -59,7 +58,8 @@ public:
     api_status_t status() const { return given_status; }
     const std::string &path() const { return removed; }
 
-    // Whether the fault strikes this operation, which is counted; to be asked once for each.
+    // Whether the fault affects this operation, which is counted; call this once for each
+    // operation.
     bool strikes(Operation operation);
     // A random number from 0 to `bound` - 1; `bound` is at least 1.
     std::size_t below(std::size_t bound);

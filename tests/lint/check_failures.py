@@ -12,7 +12,7 @@ listing = subprocess.run([ctest, '--test-dir', build, '--show-only'], check=True
 tests = re.findall(r'^ *Test +#\d+: (.*)$', listing, re.MULTILINE)
 with open(document, encoding='utf-8') as file:
     named = re.findall(r'`((?:unit|kernel|tav|model)\.[^`]*)`', file.read())
-# A test of several parameters bears their name, and at times their value, behind its own.
+# The name of a parameterised test is followed by the parameter's name, and sometimes its value.
 missing = [name for name in named if not fnmatch.filter(tests, name)]
 for name in missing:
     print(f'there is no test {name}')

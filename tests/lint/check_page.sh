@@ -1,5 +1,5 @@
 #!/bin/bash
-# check_page.sh PAGE: neither mandoc nor groff has anything to say about a manual page.
+# check_page.sh PAGE: mandoc and groff report nothing about a manual page.
 set -u
 mandoc -T lint -W warning "$1" || exit 1
 complaints=$(groff -ww -mdoc -z -Tutf8 "$1" 2>&1)

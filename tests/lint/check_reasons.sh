@@ -1,6 +1,6 @@
 #!/bin/bash
-# check_reasons.sh SOURCE-DIR: every reason of `tandrelctl check` has a test that brings it about and
-# holds its sentence to the letter.
+# check_reasons.sh SOURCE-DIR: every reason of `tandrelctl check` has a test that causes it and
+# compares its exact sentence.
 set -u
 cd "$1" || exit 1
 failed=0
@@ -11,7 +11,7 @@ reasons=$(sed -n '/^enum class reason_t/,/^};/s/^ *\([a-z_][a-z_0-9]*\),\{0,1\}.
 [ "$(wc -l <<<"$reasons")" -ge 50 ] || fail "few reasons were found"
 for reason in $reasons; do
     case $reason in
-    # Found by looking at processes, which only tests/ctl/kernel can have.
+    # Depends on the processes, which only tests/ctl/kernel can start.
     daemon_absent)
         grep -qF '{reason_t::daemon_absent, {}}' <<<"$tests" &&
             grep -qF 'tandrel: note: it does not run here' tests/ctl/kernel/look_test.cpp ;;

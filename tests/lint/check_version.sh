@@ -25,7 +25,7 @@ for library in libtav.so libtav++.so; do
     [ -e "$build/platform/tav/$library.$version" ] || fail "$library does not bear the version"
 done
 
-# With a point before or behind it is another number.
+# With a point before or after it, it is another number.
 elsewhere=$(cd "$source_dir" &&
     grep -rnE --exclude-dir=build --exclude-dir=.git "(^|[^0-9.])${version//./\\.}([^0-9.]|\$)" \
         CMakeLists.txt cmake shell netlink store sync ctl platform packaging debian tools test demo package |

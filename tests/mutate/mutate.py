@@ -26,7 +26,8 @@ from places import changed, places
 ROOT = Path(__file__).resolve().parents[2]
 EXPLAINED = Path(__file__).with_name('explained.txt')
 FOLDERS = ('shell', 'netlink', 'store', 'sync')
-# The built daemon's own exports, which no change of an object reaches, and the other programs'.
+# Tests of the exports of the built daemon, which mutated objects do not affect, and of other
+# programs.
 NOT_OF_THE_DAEMON = 'Executable.*'
 MEMORY_BYTES = 4 << 30
 VERDICTS = ('noticed', 'hung', 'explained', 'unnoticed', 'not built')

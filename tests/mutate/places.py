@@ -106,7 +106,7 @@ def _declares(statement):
     return at < len(words) and statement[at].kind == 'word'
 
 
-# What a line declares that begins at the margin.
+# The name that an unindented line declares.
 _DECLARED = re.compile(r'(?:struct|class|enum|union) (?:\[\[\w+\]\] )?(\w+)|(?:.*?\W)??~?(\w+)\(|'
                        r'.*?(\w+)(?:\[\w*\])* ?(?:=|;|\{)')
 

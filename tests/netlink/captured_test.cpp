@@ -1,5 +1,5 @@
 // Datagrams of real kernels (captured/README.md): of either byte order, with the end of a dump
-// alone or behind the last record. All tell the same, wherever they stand in memory.
+// alone or after the last record. All are decoded alike, at any address in memory.
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -58,8 +58,8 @@ bytes_t from_hex(const std::string &hex) {
     return bytes;
 }
 
-// Turns a datagram of a machine of the other byte order into what this machine's kernel would have
-// sent: every number of the headers, and of the attributes those that are numbers to the decoders.
+// Converts a datagram from a machine with the other byte order: every number in the headers, and
+// the attributes that the decoders read as numbers.
 class Swapper {
 public:
     explicit Swapper(bytes_t &datagram) : bytes(datagram) {}
@@ -71,7 +71,7 @@ public:
     }
 
 private:
-    // Each gives the number as this machine reads it.
+    // Each returns the number as this machine reads it.
     std::uint32_t four(std::size_t at) {
         std::swap(bytes.at(at), bytes.at(at + 3));
         std::swap(bytes.at(at + 1), bytes.at(at + 2));
@@ -142,7 +142,7 @@ std::string text(const in6_addr &address) {
     return inet_ntop(AF_INET6, &address, buffer.data(), buffer.size());
 }
 
-// What the decoders make of a datagram that starts at an address of that remainder modulo 16.
+// The decoders' results for a datagram at an address with this remainder modulo 16.
 using texts_t = std::vector<std::string>;
 
 class Placed {
@@ -235,7 +235,7 @@ protected:
         return found;
     }
 
-    // What a decoder makes of all datagrams of a kind: the same at every address.
+    // A decoder's results for all datagrams of a kind: the same at every address.
     template <typename Decode>
     static texts_t decoded(const std::string &kind, const Decode &decode) {
         std::array<texts_t, 16> found;
@@ -251,8 +251,7 @@ protected:
         return found[0];
     }
 
-    // How the datagrams of a dump look to the channel: the code of each; "+" where the end stands
-    // behind the last record.
+    // The channel's codes of the datagrams of a dump; "+" where the end is after the last record.
     static std::string course(const std::string &kind) {
         CNetlink channel;
         std::ostringstream seen;
@@ -307,7 +306,7 @@ TEST_P(Captured, TheEndOfADumpIsSeenInEitherPlace) {
     }
 }
 
-// So that nothing above is satisfied by accident: the files differ as their names say.
+// Ensures that nothing above passes by accident: the files differ as their names say.
 TEST_P(Captured, IsOfTheByteOrderThatItsNameSays) {
     for (const auto &captured : GetParam().datagrams) {
         const bytes_t bytes = from_hex(captured.hex);

@@ -29,7 +29,7 @@ static_assert(!std::is_polymorphic_v<CNetlink>);
 static_assert(std::is_base_of_v<std::runtime_error, netlink_err>);
 static_assert(sizeof(netlink_err) == sizeof(std::runtime_error), "it adds no members");
 
-// What a call throws, as text; "none" when it does not.
+// The text of the exception that a call throws; "none" if it throws none.
 template <typename Call>
 std::string thrown_by(const Call &call) {
     try {

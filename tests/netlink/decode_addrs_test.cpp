@@ -106,12 +106,12 @@ TEST_F(DecodeAddrs, TypeFamilyAndFlagsAreNotLookedAt) {
 }
 
 TEST_F(DecodeAddrs, SixteenBytesAreCopiedWhateverTheAttributesLength) {
-    // Two bytes of address in front of the end of the datagram, behind which zeros are read.
+    // The datagram ends after two bytes of the address; zeros are read after it.
     const auto cut =
         decoded(datagram_t().address(RTM_NEWADDR, 2, "", 64).attribute(IFA_ADDRESS, "\x20\x01", 2));
     ASSERT_EQ(cut.size(), 1U);
     expect_addr(cut[0].addr, "2001::");
-    // None at all in front of 12 more bytes.
+    // No bytes of the address before 12 more bytes.
     const auto follows = decoded(datagram_t()
                                      .address(RTM_NEWADDR, 2, "", 64)
                                      .attribute(IFA_ADDRESS, "", 0)

@@ -1,4 +1,4 @@
-// Link messages: which are reported, and what of them.
+// Link messages: which are reported, and which of their fields.
 #include "netlink/decode.h"
 
 #include <array>
@@ -170,7 +170,7 @@ TEST_F(DecodeLinks, ANameWithoutItsNulEndsWithTheDatagram) {
 }
 
 TEST_F(DecodeLinks, ANameMayBeOfAnyLength) {
-    // 15 characters are the most that the kernel itself gives a link.
+    // The kernel's own limit for a link's name is 15 characters.
     for (const std::size_t size : {15U, 16U, 17U, 31U, 255U, 5000U}) {
         const std::string name(size, 'x');
         const auto links = decoded(datagram_t().link(RTM_NEWLINK, 2, name));
@@ -188,12 +188,12 @@ TEST_F(DecodeLinks, ATrailingEndOfDumpIsIgnoredWithItsLogLine) {
 }
 
 TEST_F(DecodeLinks, SixBytesOfAHardwareAddressAreReadWhateverItsLength) {
-    // Two bytes, then (as padding and next attribute) what stands behind them.
+    // Two bytes, then the following bytes (padding and the next attribute).
     const bytes_t bytes =
         datagram_t().link(RTM_NEWLINK, 2, "eth0", {}).attribute(IFLA_ADDRESS, "\xaa\xbb", 2);
     const auto links = decoded(bytes);
     ASSERT_EQ(links.size(), 1U);
-    EXPECT_EQ(links[0].hwaddr, "aa:bb:00:00:00:00"); // zeros behind the datagram
+    EXPECT_EQ(links[0].hwaddr, "aa:bb:00:00:00:00"); // zeros after the datagram
     const std::array<unsigned char, 20> infiniband = {1, 2, 3, 4, 5, 6, 7, 8};
     const auto longer = decoded(datagram_t()
                                     .link(RTM_NEWLINK, 2, "eth0", {})

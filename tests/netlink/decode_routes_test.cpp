@@ -138,7 +138,7 @@ TEST_F(DecodeRoutes, OfARepeatedAttributeTheLastOneCounts) {
 }
 
 TEST_F(DecodeRoutes, FourBytesOfAnInterfaceAreReadWhateverTheAttributesLength) {
-    // Only its first byte is inside the datagram; zeros are read behind it.
+    // Only its first byte is inside the datagram; zeros are read after it.
     bytes_t bytes = datagram_t().route(RTM_NEWROUTE, -1, "").attribute(RTA_OIF, "\x05", 1);
     bytes.resize(bytes.size() - 3);
     const auto routes = decoded(bytes);

@@ -1,4 +1,4 @@
-// The end of a dump behind its last record, and dumps that may lack records.
+// The end of a dump after its last record, and dumps that may lack records.
 #include "netlink/dump.h"
 
 #include <linux/netlink.h>
@@ -77,7 +77,7 @@ TEST_F(DumpEnd, ReadsStayInsideTheDatagramAtAnyAddress) {
     for (std::size_t size = 0; size <= whole.size(); ++size) {
         bytes_t cut = whole;
         cut.resize(size);
-        // The end's type stands 4 bytes behind its start, 20 bytes in front of the datagram's end.
+        // The end's type is 4 bytes after its start, 20 bytes before the datagram's end.
         const std::size_t type_at = whole.size() - 20 + 4;
         const bool wanted = size > type_at + (whole[type_at] != 0 ? 0 : 1);
         EXPECT_EQ(ends(cut), wanted) << size;

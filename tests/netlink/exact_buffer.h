@@ -1,5 +1,5 @@
-// A datagram in a block of memory that ends with it, so that the address sanitizer sees every byte
-// that is read behind it.
+// A datagram at the end of its block of memory, so that the address sanitizer reports every byte
+// that is read after it.
 #pragma once
 
 #include <cstddef>

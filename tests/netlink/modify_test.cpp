@@ -1,4 +1,4 @@
-// The requests that change the kernel: every byte of them, and every way in which they fail.
+// The requests that change the kernel: each byte of them, and all their failures.
 #include "netlink/channel.h"
 
 #include <cstring>
@@ -188,7 +188,7 @@ struct failure_t {
     const char *name;
     bool route;
     void (*arm)();
-    const char *line; // of the log, behind the prefix
+    const char *line; // the log line, after the prefix
     const char *thrown;
     unsigned freed;
 };

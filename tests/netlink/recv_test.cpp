@@ -22,7 +22,7 @@ class Recv : public DaemonTest {
 protected:
     ~Recv() override { std::free(buffer); }
 
-    // Lays a datagram ready and reads it.
+    // Prepares a datagram and reads it.
     int recv_of(const bytes_t &datagram) {
         fake_libnl::queue_datagram(datagram);
         return channel.recv(buffer, length);
@@ -162,7 +162,7 @@ TEST_F(Recv, LongRunsOfBadTypesBetweenGoodOnesNeverThrow) {
     }
 }
 
-// The address sanitizer sees each byte that is read behind a buffer of exactly this size.
+// The address sanitizer reports each byte that is read after a buffer of exactly this size.
 TEST_F(Recv, DatagramsShorterThanAHeaderAreReadAsIfZerosFollowed) {
     for (std::size_t size = 1; size < 6; ++size) {
         bytes_t sent(size, 0);

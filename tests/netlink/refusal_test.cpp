@@ -147,7 +147,7 @@ TEST_F(Refusal, IsOnlyLookedForInTheFirstMessage) {
     EXPECT_FALSE(decoded({}));
 }
 
-// The kernel appends its own attributes (an explanation, say) behind the request.
+// The kernel appends its own attributes (for example an explanation) after the request.
 TEST_F(Refusal, IsReadAlsoWithAttributesBehindTheRequest) {
     const auto refusal =
         decoded(datagram_t().error(-EINVAL, route_request(true)).attribute(1, "Invalid gateway"));
@@ -173,7 +173,7 @@ TEST_F(Refusal, DoesNotReadAttributesBehindTheRequestAsTheRequests) {
     expect_addr(route->route.dst, "::");
 }
 
-// A refused request of nothing but `size` zeros as its family header, and `behind` it.
+// A refused request with only `size` zeros as its family header, followed by `behind`.
 bytes_t refusal_followed_by(int type, std::size_t size, const bytes_t &behind) {
     bytes_t all = datagram_t().error(-EEXIST, {type, 0, bytes_t(size, 0)});
     all.insert(all.end(), behind.begin(), behind.end());
@@ -184,7 +184,7 @@ TEST_F(Refusal, EndsWithTheRequestsOwnLength) {
     verbosity = 9;
     const bytes_t address = datagram_t().address(RTM_NEWADDR, 2, "2001:db8::bad", 64);
     const bytes_t route = datagram_t().route(RTM_NEWROUTE, 2, "2001:db8::bad");
-    // No record of another message, and one message alone is looked at.
+    // Only the first message is examined, and records of other messages are not used.
     EXPECT_FALSE(decoded(refusal_followed_by(RTM_NEWADDR, sizeof(ifaddrmsg), address)));
     EXPECT_EQ(captured::log().size(), 1U);
     captured::clear();

@@ -1,5 +1,5 @@
-// What the three decoders have in common: the way from message to message and from attribute to
-// attribute, without leaving the datagram.
+// What the three decoders have in common: walking from message to message and from attribute to
+// attribute without leaving the datagram.
 #include "netlink/decode.h"
 
 #include <algorithm>
@@ -32,7 +32,7 @@ std::string hex(const in6_addr &address) {
     return text.str();
 }
 
-// What a decoder found, and the log lines of what it skipped, as one text for each message.
+// A decoder's records, and the log lines of skipped ones, as one text for each message.
 using findings_t = std::vector<std::string>;
 
 findings_t with_log(findings_t records) {
@@ -72,7 +72,7 @@ findings_t routes(const exact_buffer &buffer) {
 struct decoder_t {
     const char *name;
     findings_t (*decode)(const exact_buffer &);
-    std::size_t headers; // bytes in front of the first attribute
+    std::size_t headers; // bytes before the first attribute
     // Bytes of the last attribute of `append`, with its padding. Without it a message is skipped
     // with the line `skipped`.
     std::size_t last;
@@ -114,8 +114,8 @@ protected:
     }
 };
 
-// The reference for a datagram that was cut off: the same bytes with zeros behind them, up to the
-// end of the only message.
+// The reference for a truncated datagram: the same bytes followed by zeros up to the end of the
+// only message.
 TEST_P(Walk, BytesBehindTheDatagramAreReadAsZero) {
     const bytes_t whole = one();
     for (std::size_t size = 1; size <= whole.size(); ++size) {
@@ -205,7 +205,7 @@ TEST_P(Walk, AnAttributeLengthBelowFourOrBehindTheMessageEndsItsAttributesOnly) 
         GetParam().append(datagram, 3);
         const auto found = decode(datagram);
         ASSERT_EQ(found.size(), 2U) << length;
-        EXPECT_EQ(found[0], decode(one())[0]) << length; // judged by what stood in front
+        EXPECT_EQ(found[0], decode(one())[0]) << length; // decided by the attributes before it
         EXPECT_EQ(found[1], decode(one(3))[0]) << length;
     }
 }
@@ -213,7 +213,7 @@ TEST_P(Walk, AnAttributeLengthBelowFourOrBehindTheMessageEndsItsAttributesOnly) 
 TEST_P(Walk, AttributesBehindABadOneAreNotSeen) {
     using number_t = std::uint16_t;
     for (const number_t length : {number_t{0}, number_t{3}, number_t{0xffff}}) {
-        // The bad attribute stands in front of everything.
+        // The invalid attribute comes first.
         const bytes_t good = one();
         bytes_t bad = good;
         const std::size_t first = GetParam().headers;
@@ -239,13 +239,13 @@ TEST_P(Walk, AnAttributeThatIsOneByteTooLongForItsMessageIsNotSeen) {
 
 TEST_P(Walk, AnAttributeMayFillItsMessageToTheLastByte) {
     datagram_t datagram = one();
-    // Without the padding of the last attribute: rta_len equals what is left.
+    // Without the padding of the last attribute: rta_len equals the remaining length.
     datagram.attribute(77, "x", 1);
     datagram.set_message_length(static_cast<std::uint32_t>(datagram.bytes().size() - 3));
     EXPECT_EQ(decode(datagram), decode(one()));
 }
 
-// Its payload is then what stands behind it: here the end of the datagram, so zeros.
+// Its payload is then read from the bytes after it: here after the end of the datagram, so zeros.
 TEST_P(Walk, AnAttributeOfNothingButItsHeaderIsSeenAtTheVeryEnd) {
     const std::size_t payload = GetParam().last - sizeof(rtattr);
     bytes_t zeros = one();
@@ -261,7 +261,7 @@ TEST_P(Walk, AnAttributeOfNothingButItsHeaderIsSeenAtTheVeryEnd) {
 
 TEST_P(Walk, AMessageShorterThanItsHeadersHasNoAttributes) {
     EXPECT_EQ(decode(one().set_message_length(0)), findings_t{GetParam().skipped});
-    // The step leads into the family header, to zeros, and ends there.
+    // The walk continues in the family header, reads zeros, and ends there.
     for (std::uint32_t length = NLMSG_HDRLEN + 1; length <= GetParam().headers - 4; ++length) {
         bytes_t datagram = one().set_message_length(length);
         const auto family_header = datagram.begin() + NLMSG_HDRLEN;
@@ -269,7 +269,7 @@ TEST_P(Walk, AMessageShorterThanItsHeadersHasNoAttributes) {
         std::fill(family_header + 4, attributes, 0);
         const auto found = decode(datagram);
         ASSERT_EQ(found.size(), 2U) << length;
-        EXPECT_EQ(found[0], GetParam().skipped) << length; // records would stand in front
+        EXPECT_EQ(found[0], GetParam().skipped) << length; // records would come before it
     }
     // No attribute fits in here either.
     for (std::uint32_t more = 0; more < sizeof(rtattr); ++more) {
@@ -280,7 +280,7 @@ TEST_P(Walk, AMessageShorterThanItsHeadersHasNoAttributes) {
     }
 }
 
-// Unsigned for the attributes, although no step leads on from such a message.
+// Unsigned for the attributes, although the walk ends at such a message.
 TEST_P(Walk, AnEnormousLengthStillCoversTheMessagesAttributes) {
     for (const std::uint32_t length : {0x7ffffff0U, 0x7ffffffdU, 0x7fffffffU, 0x80000000U,
                                        0x80000001U, 0xfffffff0U, 0xfffffffdU, 0xffffffffU}) {

@@ -1,4 +1,4 @@
-// A discovery that makes no progress: some dump is not answered to its end.
+// A discovery that makes no progress: the answer to a dump does not end.
 #include <chrono>
 #include <functional>
 
@@ -31,7 +31,7 @@ protected:
     }
     // A cycle that ends by time-out after this time.
     void quiet(std::chrono::nanoseconds time) { os.select.timeout(after(time)); }
-    // One that receives this datagram after this time.
+    // A cycle that receives this datagram after this time.
     void receives(const fake_libnl::bytes_t &datagram, std::chrono::nanoseconds time) {
         fake_libnl::queue_datagram(datagram);
         os.select.ready({fake_libnl::state().fd}, after(time));
@@ -40,7 +40,7 @@ protected:
     static datagram_t record() {
         return datagram_t().address(RTM_NEWADDR, 5, "2001:db8::1", 64, 0, NLM_F_MULTI);
     }
-    // Discovery ends in failure, and not before the last of the cycles.
+    // Discovery fails in the last of the cycles, and not before.
     void expect_failure() {
         EXPECT_EQ(thrown<sync_err>([this] { engine().run(); }),
                   "int CSync::run(): discovery did not end in time");

@@ -1,4 +1,4 @@
-// One cycle of waiting and serving, and the loop of them.
+// One cycle of waiting and serving, and the loop around it.
 #include <algorithm>
 #include <cerrno>
 #include <string>
@@ -129,7 +129,7 @@ TEST_F(EventLoop, TheErrorNumberIsTheSelectsWhateverTheLogDoes) {
     }
 }
 
-// In normal operation; before that its events stay unfetched.
+// In normal operation; before that its events are not fetched.
 TEST_F(EventLoop, AStoreEventIsServedAlone) {
     loop.state = 4;
     os.select.ready({store_fd});
@@ -179,7 +179,7 @@ TEST_F(EventLoop, AnExitRequestWithoutAByteInThePipeDoesNotEndIt) {
     EXPECT_EQ(listen_once(), 0);
 }
 
-// The pause of the run loop must find the byte as well.
+// The run loop's pause must find the byte too.
 TEST_F(EventLoop, TheByteInTheExitPipeStaysThere) {
     const exit_pipe_with_a_byte pipe;
     for (const int requested : {1, 0, 1}) {
@@ -195,7 +195,7 @@ TEST_F(EventLoop, WithoutAStoreConnectionTheNetlinkSocketIsServedAllTheSame) {
     tav.handle = nullptr;
     fake_tav::state().null_client_allowed = true;
     loop.state = 4;
-    // As a bit of the set, -1 would be that of 63.
+    // In the set, -1 would be the bit of 63.
     for (const int fd : {netlink_fd, 63}) {
         fake_libnl::state().fd = fd;
         fake_libnl::queue_datagram(fake_libnl::datagram_t().link(RTM_NEWLINK, 2, "veth0"));

@@ -1,4 +1,4 @@
-// What the built daemon offers to the libraries that it loads.
+// What the built daemon exports to the libraries that it loads.
 #include <cstdlib>
 #include <elf.h>
 #include <filesystem>
@@ -41,7 +41,7 @@ std::vector<char *> pointers(strings &texts) {
     return all;
 }
 
-// Calls that the unit tests do not wrap, and no shell: not every machine that runs this has one.
+// Uses calls that the unit tests do not wrap, and no shell, which not every machine has.
 outcome_t run(strings words, strings environment = {}) {
     std::string directory =
         (std::filesystem::temp_directory_path() / "executable-test-XXXXXX").string();
@@ -110,7 +110,7 @@ TEST(Executable, ExportsMlrErrUnmangledAndWeak) {
     EXPECT_EQ(ELF32_ST_BIND(found[0].st_info), STB_WEAK); // the same in 64-bit files
 }
 
-// The sanitizers' runtime need not come first here: it is loaded by the library as well.
+// The sanitizers' runtime need not be loaded first here: the library loads it as well.
 TEST(Executable, ReceivesTheReportOfALibrary) {
     const auto outcome = run({TANDREL_EXECUTABLE, "-x"}, {"LD_PRELOAD=" MLR_ERR_CALLER,
                                                           "ASAN_OPTIONS=verify_asan_link_order=0"});

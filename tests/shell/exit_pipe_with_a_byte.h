@@ -1,5 +1,4 @@
-// A real pipe in the place of the exit pipe, as a termination signal leaves it: with one byte
-// inside.
+// A real pipe as exit pipe, in its state after a termination signal: with one byte inside.
 #pragma once
 
 #include <fcntl.h>
@@ -13,7 +12,7 @@
 class exit_pipe_with_a_byte {
 public:
     exit_pipe_with_a_byte() {
-        // Whoever reads more than there is must not wait for it.
+        // A read of more bytes than there are must not block.
         EXPECT_EQ(pipe2(exit_pipe, O_CLOEXEC | O_NONBLOCK), 0);
         own[0] = exit_pipe[0];
         own[1] = exit_pipe[1];

@@ -1,5 +1,5 @@
 // Every call of the netlink library and of the store that can fail, failing once in a whole run:
-// the call's own log line, what the run loop says and does next, and what is left at the end.
+// the call's own log line, the run loop's message and reaction, and the final state.
 #include <ostream>
 #include <string>
 #include <vector>
@@ -15,10 +15,10 @@ constexpr int sent = 24; // a size that the netlink library could have sent
 
 struct row_t {
     const char *name;
-    bool in_synchronisation; // armed where the first one begins; at the start otherwise
+    bool in_synchronisation; // armed when the first one begins; otherwise at the start
     void (*arm)();
     const char *line;   // the log line of the call; "" when it has none
-    const char *caught; // what the run loop says
+    const char *caught; // the run loop's log line
 };
 
 void PrintTo(const row_t &row, std::ostream *out) {

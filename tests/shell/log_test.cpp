@@ -1,4 +1,4 @@
-// The log: who is written when, with which priority and prefix, and where to.
+// The log: which messages are written, with which priority and prefix, and where.
 #include "shell/log.h"
 
 #include <array>
@@ -56,7 +56,7 @@ const entry_point_t entry_points[] = {
 
 class LogEntryPoint : public DaemonTest, public ::testing::WithParamInterface<entry_point_t> {
 protected:
-    // Whether a message of this level comes through at this verbosity; checks it when it does.
+    // Whether a message of this level is written at this verbosity; if so, checks it.
     static bool written(std::uint32_t at_verbosity, std::uint32_t level) {
         verbosity = at_verbosity;
         captured::clear();
@@ -203,7 +203,7 @@ TEST_F(Log, TheHighestLibraryLevelWrapsToTheOneThatIsAlwaysWritten) {
     EXPECT_EQ(captured::log(), (std::vector<log_line_t>{{LOG_ERR, "Error: report"}}));
 }
 
-// Whatever standard error is, a message must be out before the next one is begun.
+// A message must be written before the next one begins, whatever kind of file standard error is.
 TEST_F(Log, EveryMessageIsWrittenOutAtOnce) {
     std::array<char, 65536> buffer{};
     ASSERT_EQ(std::setvbuf(stderr, buffer.data(), _IOFBF, buffer.size()), 0);

@@ -17,7 +17,7 @@ using entries_t = std::vector<std::string>;
 
 class Main : public DaemonTest {
 protected:
-    // An exit request that is there already makes the run loop return at once.
+    // With an existing exit request the run loop returns at once.
     Main() {
         exit_requested = 1;
         os.pipe.returns(0);
@@ -43,7 +43,7 @@ protected:
         EXPECT_EQ(ending.how, "returned");
         return ending.status;
     }
-    // The same with the usage text kept from the terminal.
+    // The same, without printing the usage text to the terminal.
     static int run_silently(const entries_t &arguments) {
         // Capturing needs the real ones.
         auto close = fake_os::state().close;

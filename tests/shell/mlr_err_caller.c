@@ -1,5 +1,5 @@
 /* A library that reports an error as soon as it is loaded, as the store's client library would, and
- * shows on standard output what the program then hands to the system log. */
+ * prints on standard output what the program then passes to the system log. */
 #include <limits.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -21,6 +21,6 @@ __attribute__((constructor)) static void report(void) {
         puts("mlr_err is not there");
         return;
     }
-    /* The one level that is reported before any option was read. */
+    /* The only level that is reported before any option was read. */
     mlr_err(UINT_MAX, "the library's number is %d", 42);
 }

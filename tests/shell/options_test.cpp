@@ -1,4 +1,4 @@
-// The command line: six option words, lenient and strict as each of them is.
+// The command line: its six options, and how leniently each is parsed.
 #include "shell/options.h"
 
 #include <initializer_list>
@@ -184,7 +184,7 @@ TEST_F(Options, VerbosityIsIncrementedOrSet) {
         {{"-D", "-D", "0"}, 0},
         {{"-D", "5", "-D", "1"}, 1}, // set, not added
         {{"-D", "7abc"}, 7},         // trailing text is accepted
-        {{"-D", " 4"}, 4},           // as strtol reads it
+        {{"-D", " 4"}, 4},           // as strtol parses it
         {{"-D", "-d"}, 1},           // the next option is not its argument
         {{"-D", "-i", "wlan"}, 1},   // nor this one
         {{"-D", "012"}, 12},         // decimal
@@ -384,7 +384,7 @@ TEST_F(Options, UnknownPolicyIsRefused) {
     expect_usage({"-r", "deadline", "1"});
     expect_usage({"-r", "FIFO", "1"});
     expect_usage({"-r", "1", "1"});
-    // Whatever priority comes with it.
+    // With any priority.
     expect_usage({"-r", "deadline", "0"});
     expect_usage({"-r", "", "0"});
     EXPECT_EQ(rt_sched_request, nullptr);

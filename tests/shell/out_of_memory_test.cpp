@@ -1,5 +1,5 @@
-// Memory that runs out in the midst of a synchronisation, and a store's library that throws there:
-// the daemon builds everything anew, and nothing of what was half done stays behind.
+// Memory that runs out during a synchronisation, and a store's library that throws then: the daemon
+// rebuilds everything, and nothing remains half done.
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -48,7 +48,7 @@ TEST_F(OutOfMemory, AtEachAllocationOfASynchronisationLeadsToANewEngineThatPutsA
     EXPECT_GT(allocations, 100U);
 }
 
-// As another provider's library may, or this one when memory runs out inside it.
+// Another provider's library may throw, and this one when memory runs out inside it.
 TEST_F(OutOfMemory, InTheStoresLibraryLeadsToANewEngineThatPutsAllRight) {
     for (const char *operation :
          {"list_node", "get_leaf", "get_leaves", "set_leaf", "set_leaves", "remove_node"}) {
@@ -81,7 +81,7 @@ TEST_F(OutOfMemory, InTheStoresLibraryLeadsToANewEngineThatPutsAllRight) {
     }
 }
 
-// What is no std::exception ends the process; the connections are released first.
+// An exception that is not a std::exception ends the process; the connections are released first.
 TEST_F(OutOfMemory, AnythingElseThatIsThrownInASynchronisationLeavesTheDaemonAfterTheRelease) {
     WholeDaemon daemon;
     at_first_synchronisation(daemon,

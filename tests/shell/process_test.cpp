@@ -66,7 +66,7 @@ TEST_F(Process, UserThatIsRefusedIsAnErrorAtEveryVerbosity) {
                      [] { switch_user(4294967294U); });
 }
 
-// The standard descriptors, of which this process lends one.
+// The standard descriptors; tests close one of this process's own.
 
 class StandardDescriptors : public DaemonTest, public ::testing::WithParamInterface<int> {
 protected:
@@ -174,7 +174,7 @@ TEST_F(Daemonize, AnInterruptedWaitIsTakenUpAgain) {
     EXPECT_EQ(daemonized().how, "exit");
     EXPECT_EQ(journal::count("wait"), 3U);
 
-    // What the child died of is known only then.
+    // The child's status is known only then.
     os.fork.clear();
     os.wait.clear();
     os.wait.returns(-1, EINTR);

@@ -1,4 +1,4 @@
-// The run loop: connecting, pausing, building anew and ending.
+// The run loop: connecting, pausing, rebuilding and ending.
 #include "shell/run_loop.h"
 
 #include <cerrno>
@@ -54,7 +54,7 @@ protected:
         EXPECT_EQ(fake_libnl::state().sockets_freed, fake_libnl::state().sockets_allocated);
         EXPECT_EQ(fake_tav::state().clients_closed, fake_tav::state().clients_opened);
     }
-    // The journal without what this file is not about.
+    // The journal without calls that do not concern this file.
     static entries_t story() {
         entries_t entries;
         for (const auto &entry : journal::entries()) {
@@ -97,7 +97,7 @@ TEST_F(RunLoop, PausesTenSecondsOnTheReadEndOfTheExitPipe) {
     EXPECT_FALSE(call.exceptions);
 }
 
-// Whatever waits next must find it readable, too.
+// The next wait must find it readable too.
 TEST_F(RunLoop, ThePauseLeavesTheByteInTheExitPipe) {
     const exit_pipe_with_a_byte pipe;
     fake_tav::state().failing_inits = 3;
@@ -449,7 +449,7 @@ TEST_F(RunLoop, ASignalDuringTheEnginesSelectIsCaughtAndThenHonoured) {
                          "Info: Exiting tandrel daemon"}));
 }
 
-// What is no std::exception is not the run loop's to catch.
+// The run loop does not catch exceptions that are not a std::exception.
 
 TEST_F(RunLoop, OtherThrownObjectsLeaveItAfterBothConnectionsWereReleased) {
     verbosity = 2;
@@ -486,7 +486,7 @@ TEST_F(RunLoop, ExceptionsOfTheConnectLeaveIt) {
     EXPECT_EQ(journal::count("log 3 "), 0U);
 }
 
-// What the engine is given.
+// The engine's arguments.
 
 TEST_F(RunLoop, TheEngineTracksTheInterfacesOfTheCommandLine) {
     verbosity = 3;

@@ -17,7 +17,7 @@ namespace {
 
 using strings = std::vector<std::string>;
 
-// What happens to the daemon beside the signal.
+// What else happens to the daemon.
 struct course_t {
     const char *name;
     void (*arm)();
@@ -49,11 +49,11 @@ const course_t courses[] = {
 
 class SignalAtEveryMoment : public DaemonTest, public ::testing::WithParamInterface<course_t> {
 protected:
-    // The journal's entry behind which the handlers are in force.
+    // The journal's entry after which the handlers are installed.
     static constexpr const char *last_handler = "sigaction(15, signal_handler, 0, empty)";
 
-    // Runs the course with the signals behind the n-th entry from then on; false when the run is
-    // over before.
+    // Runs the daemon with the signals after the n-th entry from then on; false if the run ends
+    // before that.
     static bool run(std::size_t n, const std::vector<int> &signals, bool interrupts) {
         WholeDaemon daemon;
         daemon.interrupts = interrupts;
@@ -94,7 +94,7 @@ protected:
         ASSERT_GE(texts.size(), 2U);
         EXPECT_EQ(texts[texts.size() - 2], "Info: Caught user-initiated exit signal...");
         EXPECT_EQ(texts.back(), "Info: Exiting tandrel daemon");
-        // At most one wait more in the engine, and the pause behind it; never another engine.
+        // At most one more wait in the engine and the pause after it; never another engine.
         std::size_t waits = 0;
         std::size_t connections = 0;
         for (std::size_t i = signalled_at; i < journal::entries().size(); ++i) {

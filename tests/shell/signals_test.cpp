@@ -22,7 +22,7 @@ using entries_t = std::vector<std::string>;
 
 const int handled[] = {SIGSEGV, SIGILL, SIGFPE, SIGPIPE, SIGHUP, SIGINT, SIGQUIT, SIGTERM};
 
-// As the process started, before any test.
+// The state before any test.
 const int exit_requested_at_start = exit_requested;
 const std::vector<int> exit_pipe_at_start(std::begin(exit_pipe), std::end(exit_pipe));
 
@@ -34,7 +34,7 @@ protected:
         fake_os::state().write.returns(1);
         fake_os::state().close.returns(0);
     }
-    // The installation (or removal) of all handlers, as the journal has it.
+    // The journal's entries for installing (or removing) all handlers.
     static entries_t actions(const std::string &handler) {
         entries_t all;
         for (const int signal : handled) {
@@ -177,7 +177,7 @@ TEST_F(Signals, ABrokenPipeAndAnyOtherSignalHaveNoEffect) {
     EXPECT_EQ(captured::standard_error(), "");
 }
 
-// Through a real signal and a real pipe: the byte stays there for everyone who waits.
+// With a real signal and a real pipe: the byte stays in the pipe for every wait.
 TEST_F(Signals, ASignalMakesTheExitPipeReadable) {
     auto &os = fake_os::state();
     os.pipe.clear();
@@ -213,7 +213,7 @@ protected:
     static fake_os::ending_t print() {
         return fake_os::ending_of([]() -> int { print_backtrace(); });
     }
-    // What one frame line becomes, on standard error; the system log must have the same.
+    // How one frame line is printed on standard error; the system log must have the same.
     static std::string shown(const std::string &frame) {
         captured::clear();
         arm({frame});
@@ -251,7 +251,7 @@ TEST_F(Backtrace, FaultsAreNamedOnStandardErrorAndInTheSystemLogAndEndInAbort) {
     }
 }
 
-// What the fault interrupted may hold a lock for which its report waits.
+// The interrupted code may hold a lock that the report waits for.
 TEST_F(Backtrace, AFaultsReportIsGivenTenSecondsAndThenAbortedAnyway) {
     for (const int signal : {SIGILL, SIGFPE, SIGSEGV}) {
         fake_os::state().sigaction.returns(0);
@@ -356,7 +356,7 @@ TEST_F(Backtrace, WithoutAnEndOfTheNameTheWholeLineIsTheName) {
     EXPECT_EQ(shown("_ZN5CSync3runEv"), "[0]  CSync::run()\n");
 }
 
-// Nothing writes out what a process that aborts has left in a buffer.
+// Nothing flushes the buffers of a process that aborts.
 TEST_F(Backtrace, IsWrittenOutBeforeTheAbort) {
     std::array<char, 65536> buffer{};
     ASSERT_EQ(std::setvbuf(stderr, buffer.data(), _IOFBF, buffer.size()), 0);

@@ -1,4 +1,4 @@
-// What carries a change of the kernel into the store, and when the store is left alone.
+// Which changes of the kernel are written to the store, and which are not.
 #include <string>
 #include <vector>
 

@@ -193,7 +193,7 @@ TEST_F(ReadAddress, TheStatusesAreJudgedBeforeTheValues) {
     }
 }
 
-// The address sanitizer sees a look beyond the end.
+// The address sanitizer reports a read beyond the end.
 TEST_F(ReadAddress, AnAnswerForFewerLeavesIsAMinorError) {
     store(1, "7", "2001:db8::5/64", "Static");
     const std::string returned =
@@ -266,7 +266,7 @@ TEST_F(ReadAddresses, AreNoneWhereTheStoreHasNoSuchNode) {
                      [this] { read(); });
 }
 
-// Whatever stands in the listing of a store that has no such node, or refuses to list it.
+// The content of the listing must be ignored if the store has no such node, or refuses to list it.
 TEST_F(ReadAddresses, AreNoneWhateverARefusedListingHolds) {
     store(1, "7", "2001:db8::5/64", "Static");
     for (const int status : {0, 2, 5}) {

@@ -29,7 +29,7 @@ CTavAddress address(const std::string &text, int prefix_len, std::int32_t type,
     return result;
 }
 
-// What every write passes beside paths and texts.
+// The arguments of every write besides paths and texts.
 void expect_plain_write(const fake_tav::call_t &call) {
     EXPECT_EQ(call.reserved, "");
     EXPECT_EQ(call.values.size(), call.paths.size());

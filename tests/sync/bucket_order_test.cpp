@@ -1,5 +1,5 @@
-// The order in which the engine goes through its table and through the store's snapshot: bucket
-// after bucket, the key modulo a prime that grows with the number of entries.
+// The order in which the engine goes through its table and through the store's snapshot: bucket by
+// bucket, where the bucket is the key modulo a prime that grows with the number of entries.
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,18 +14,18 @@ using numbers = std::vector<int>;
 
 class BucketOrder : public EngineTest {
 protected:
-    // One link and one stored interface for each index, of the same name.
+    // One link and one stored interface for each index, with the same name.
     void follow(const numbers &indices) {
         for (const int index : indices) {
             engine().add_link(kern_link(index, "eth" + std::to_string(index)));
             fake_tav::put_node(at(std::to_string(index + 1)));
         }
     }
-    // The kernel indices in the order of the pass from the kernel into the store.
+    // The kernel indices in the order in which the kernel's settings are written to the store.
     numbers into_store() {
         return indices_of("log 6 Info: Synchronizing TAV interface (", " kernel interface (");
     }
-    // The kernel indices in the order of the pass from the store into the kernel.
+    // The kernel indices in the order in which the store's settings are applied to the kernel.
     numbers into_kernel() {
         return indices_of("log 6 Info: Synchronizing kernel interface (", " kernel interface (");
     }

@@ -1,4 +1,4 @@
-// The steps of discovery, and what becomes of each datagram.
+// The steps of discovery, and the handling of each datagram.
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -86,7 +86,7 @@ protected:
         track(3, "eth0");
         forget();
     }
-    // A datagram of a type that no handler is for.
+    // A datagram of a type without a handler.
     static bytes_t other(int type) {
         const std::int32_t body = 0;
         return datagram_t().message(type, &body, sizeof body);
@@ -228,7 +228,7 @@ TEST_F(Dispatch, ReadsOneDatagramAtATime) {
     EXPECT_EQ(fake_libnl::queued(), 1U);
 }
 
-// The sanitizers' leak check sees a datagram that is not released.
+// The sanitizers' leak check reports a datagram that is not released.
 TEST_F(Dispatch, AnExceptionOfAHandlerPassesOn) {
     engine().state = 4;
     entry(3).iface.number = 1;

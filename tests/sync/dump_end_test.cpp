@@ -1,5 +1,5 @@
-// Where the end of a dump may stand: in a datagram of its own (older kernels, and every route
-// dump), or behind the last record (kernels since 6.9, link and address dumps).
+// Where the end of a dump may be: in a separate datagram (older kernels, and every route dump), or
+// after the last record (kernels since 6.9, link and address dumps).
 #include <string>
 #include <vector>
 
@@ -136,7 +136,7 @@ TEST_F(EndOfDump, InNormalOperationIsWarnedAboutOncePerDatagram) {
 }
 
 TEST_F(EndOfDump, IsNotSeenBehindAMessageThatEndsTheWalk) {
-    // Sizes that would not lead forward: 0, and one that is negative as a signed number.
+    // Sizes with which the walk would not advance: 0, and one that is negative as a signed number.
     for (const std::uint32_t size : {0U, 0x80000000U, 0xfffffff0U, 0xffffffffU}) {
         restart();
         engine().state = 2;

@@ -1,4 +1,4 @@
-// Dumps that may lack records are asked for again; dumps that never end are given up.
+// Dumps that may lack records are requested again; dumps that never end are given up.
 #include <string>
 #include <vector>
 
@@ -180,13 +180,13 @@ TEST_F(DumpRepeat, AFailingRequestIsTheCallersConcern) {
 
 class DumpBeforeAnyRequest : public EngineTest {};
 
-// Nothing was asked for that could be asked for again.
+// There is no request that could be repeated.
 TEST_F(DumpBeforeAnyRequest, ThatIsIncompleteBeginsTheDiscovery) {
     verbosity = 3;
     receive(datagram_t().done(-4));
     EXPECT_EQ(record(), (strings{"6 Info: void CSync::discover(): requesting link state",
                                  "kernel: dump links"}));
-    // Nor does it count as a repeat.
+    // It is not counted as a repetition either.
     for (int i = 0; i < 3; ++i) {
         receive(datagram_t().done(-4));
         EXPECT_EQ(engine().state, 1);

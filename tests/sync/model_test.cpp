@@ -16,7 +16,7 @@ namespace {
 
 using fake_libnl::addr;
 
-// A static cast down to a class is refused when the base is virtual.
+// A static_cast to a derived class does not compile if the base is virtual.
 template <typename Base, typename Derived, typename = void>
 struct casts_down : std::false_type {};
 template <typename Base, typename Derived>
@@ -33,7 +33,7 @@ template <typename Base, typename Derived>
 constexpr bool is_plain_public_base =
     is_public_base<Base, Derived> &&casts_down<Base, Derived>::value;
 
-// A shared base that conversion reaches at all is there once: with two it would be ambiguous.
+// If the conversion to a shared base compiles, there is only one: with two it would be ambiguous.
 template <typename Base, typename Kernel, typename Store, typename Full>
 constexpr bool is_diamond =
     is_virtual_public_base<Base, Kernel> &&is_virtual_public_base<Base, Store>

@@ -1,7 +1,7 @@
-// Under which name an address stands in the store. Names of stored nodes are the store's: the table
-// takes them over, and what the daemon names itself keeps clear of them. Without that, the
-// link-local address of a first start was written over a user's address stored under the name 1,
-// and a kernel that lists its addresses in another order had the nodes overwritten crosswise.
+// The names of address nodes in the store. The table adopts the names of stored nodes, and the
+// daemon gives other addresses names that are not stored. Without that, the link-local address of a
+// first start once overwrote a user's address stored under the name 1, and when a kernel listed its
+// addresses in another order, the daemon overwrote the nodes with each other's addresses.
 #include <algorithm>
 #include <string>
 #include <vector>
@@ -30,7 +30,7 @@ protected:
     void vanish(const std::string &address, int prefix_len = 64) {
         receive(datagram_t().address(21, 3, address, prefix_len));
     }
-    // What the store has under a node: "<address> <type>".
+    // The content of a stored node: "<address> <type>".
     static std::string stored(const std::string &node) {
         const std::string path = at("1/IPv6/Addresses/" + node);
         return fake_tav::text(path + "/Address/Value") + " " + fake_tav::text(path + "/Type/Value");
@@ -154,8 +154,8 @@ TEST_F(NodeNames, OfJunkThatTheStoreDidNotRemoveAreStillTaken) {
     EXPECT_EQ(stored("2"), "fe80::1/64 Link-Local");
 }
 
-// The name stayed taken for ever once: the node had been removed as junk, so that the store had
-// nothing to remove when the kernel deleted the address.
+// The name once stayed taken for ever: the node had been removed as not matching the kernel, so the
+// store had nothing to remove when the kernel deleted the address.
 TEST_F(NodeNames, AreFreeAgainThoughTheStoreHadNoNodeToRemove) {
     synchronise();
     engine().add_kern_addr(kern_addr(3, "fe80::1", 64, 253));
@@ -330,11 +330,11 @@ TEST_F(NodeNames, TwentyRestartsLeaveTheStoreAsItIs) {
     }
 }
 
-// Names that only look like the daemon's own keep no number from being given.
+// Names that only look like the daemon's own do not prevent the use of a number.
 TEST_F(NodeNames, ThatAreNoPlainNumbersOccupyNone) {
     const struct {
         const char *name;
-        int number; // that a careless reading takes it for
+        int number; // as which a careless parser reads it
     } names[] = {{":", 10}, {"1.", 8}, {"18446744073709551617", 1}, {"18446744073709551618", 2},
                  {"03", 3}, {"", 0}};
     for (const auto &one : names) {
@@ -355,7 +355,7 @@ TEST_F(NodeNames, ThatAreLargerThanAllThatCanBeGivenAreOfNoConcern) {
     for (int listed = 1; listed < 200; ++listed) {
         restart_with_eth0(1);
         ifcfg_t &link = entry(3);
-        // The number right behind those that are kept track of, and the next ones.
+        // The number after those that are tracked, and the following ones.
         for (int i = 0; i < listed; ++i) {
             link.listed_nodes.insert(std::to_string(listed + 2 + i));
         }

@@ -282,8 +282,8 @@ TEST_F(SyncAddresses, AJunkNodeThatTheStoreKeepsDoesNotEndTheRun) {
               (strings{"remove_node(~/1/IPv6/Addresses/1)", "kernel: add 2001:db8::6/64 dev 3"}));
 }
 
-// The kernel's report of a deletion that the daemon had asked for once came when the address had
-// been added again, and took the user's node away.
+// The kernel's report of a deletion by the daemon once arrived after the address had been added
+// again, and the user's node was removed.
 class SyncAddressesThatComeBack : public SyncAddresses {
 protected:
     void SetUp() override {
@@ -356,8 +356,8 @@ TEST_F(SyncAddressesThatComeBack, AreNotTakenForOnesOfAnotherPrefixLength) {
     EXPECT_EQ(changes(), strings{"remove_node(~/1/IPv6/Addresses/office)"});
 }
 
-// The announcement of a prefix length that was corrected meanwhile once went over the user's last
-// word.
+// The announcement of a prefix length that had been corrected since then once overwrote the user's
+// last edit.
 TEST_F(SyncAddressesThatComeBack, KeepTheirPrefixLengthWhenAnEarlierOneIsAnnounced) {
     report_deletion();
     for (const char *text : {"2001:db8::5/56", "2001:db8::5/48"}) {
@@ -387,7 +387,8 @@ TEST_F(SyncAddressesThatComeBack, StayWhenTheirPrefixLengthIsChangedThereAndBack
     EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static office"});
 }
 
-// Of two entries for one address the first once took the length that the second was kept from.
+// With two entries for one address, the first once took the prefix length that the second was
+// protected from.
 TEST_F(SyncAddressesThatComeBack, KeepTheLengthOfEachEqualEntryWhenAnEarlierOneIsAnnounced) {
     report_deletion();
     fake_tav::put(at("1/IPv6/Addresses/office/Address/Value"), "2001:db8::5/48");
@@ -409,7 +410,7 @@ TEST_F(SyncAddressesThatComeBack, AreForgottenWithTheirLink) {
     EXPECT_EQ(changes(), strings{"remove_node(~/1/IPv6/Addresses/office)"});
 }
 
-// Each report answers one request, oldest first.
+// Each report belongs to one request, oldest first.
 TEST_F(SyncAddressesThatComeBack, StayThroughEachOfTheirDeletions) {
     fake_tav::erase(at("1/IPv6/Addresses/office"));
     synchronise();

@@ -1,5 +1,5 @@
-// What the table holds when the kernel cannot be asked in the midst of a reconciliation of
-// addresses, and stored addresses that no reading of the store would give.
+// The table when requests to the kernel fail during a reconciliation of addresses, and stored
+// addresses that the store's reader never returns.
 #include <string>
 #include <vector>
 
@@ -63,7 +63,7 @@ protected:
         track(3, "eth0");
         engine().state = 4;
     }
-    // Interface 1 with one address of type 0, as the reader never gives it.
+    // Interface 1 with one address of type 0, which the reader never returns.
     static tavcfg_t stored() {
         tavcfg_t result;
         result.iface.name = "eth0";

@@ -1,4 +1,4 @@
-// What the kernel refuses: the table is kept true, so that the next synchronisation tries again.
+// Refusals by the kernel: the table is corrected, so that the next synchronisation tries again.
 #include <string>
 #include <vector>
 
@@ -33,7 +33,7 @@ protected:
             fake_tav::put_node(at("1"));
         }
     }
-    // Synchronises and gives the last message that went to the kernel.
+    // Synchronises and returns the last message that was sent to the kernel.
     message_t last_request() {
         synchronise();
         EXPECT_FALSE(fake_libnl::state().changes.empty());

@@ -1,5 +1,5 @@
 // A tracked link that has no interface in the store: its table follows the kernel, and the store is
-// not written for it. Once its addresses came to stand under an interface 0, which then made every
+// not written for it. Its addresses were once stored under an interface 0, which then made every
 // reading of the store fail.
 #include <string>
 #include <vector>

@@ -1,7 +1,7 @@
 // The one rule by which the tool writes names and values as text, and reads them back.
 //
 //   \n \t \\    newline, tab, backslash
-//   \xHH any other byte that is not printed unchanged, two hexadecimal digits
+//   \xHH        any other byte that is not printed unchanged, two hexadecimal digits
 //
 // Printed unchanged: printable ASCII and well-formed UTF-8, except control characters (U+0000 to
 // U+001F, U+007F to U+009F), line and paragraph separators, and the invisible marks that change the

@@ -1,4 +1,4 @@
-// Changes through tandrelctl, and what the kernel makes of them.
+// Changes through tandrelctl, and their effect in the kernel.
 #include "ctl_test.h"
 
 namespace {
@@ -119,7 +119,7 @@ TEST_F(Change, TheKernelsConfigurationIsImported) {
               "nothing to store\n");
 }
 
-// The daemon ran first, and took the address for one of the kernel's own.
+// The daemon ran first, and stored the address as one that the kernel assigned itself.
 TEST_F(Change, AnImportMakesStaticWhatTheDaemonRecordedAsAutomatic) {
     device.add_address("eth0", "2001:db8::5/64");
     store.make_interface(1);

@@ -1,4 +1,4 @@
-// tandrelctl run as a user would, beside eth0, the service and (when a test starts it) the daemon.
+// Runs tandrelctl as a user would, with eth0, the service and (if a test starts it) the daemon.
 #pragma once
 
 #include <string>
@@ -17,7 +17,7 @@ protected:
     void SetUp() override {
         add_eth(0);
         service.start();
-        // There is something to show, and a link that is used.
+        // The link has a store node and is up.
         ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
     }
 
@@ -25,7 +25,7 @@ protected:
         arguments.insert(arguments.begin(), TANDRELCTL);
         kt::spawn_options_t options;
         options.environment["TAV_SOCKET"] = service.socket();
-        // The library's patience with the service; the machine may be loaded.
+        // The library's time limit for the service; the machine may be loaded.
         options.environment["TAV_TIMEOUT_MS"] = "60000";
         return std::make_unique<kt::Process>(sandbox, arguments, options);
     }
@@ -37,14 +37,14 @@ protected:
             result.output += line.text + "\n";
         }
         for (const auto &line : process->errors().lines()) {
-            // On a busy machine a wait may last.
+            // On a busy machine a wait may take long.
             if (!contains(line.text, "tandrelctl: waiting for the kernel, ")) {
                 result.errors += line.text + "\n";
             }
         }
         return result;
     }
-    // A command that is to succeed without a word.
+    // Runs a command that must succeed without output.
     void done(const std::vector<std::string> &arguments) {
         const result_t result = run(arguments);
         EXPECT_EQ(result.status, 0) << result.errors;
@@ -53,8 +53,8 @@ protected:
     static bool contains(const std::string &text, const std::string &part) {
         return text.find(part) != std::string::npos;
     }
-    // Otherwise a daemon of another test, in a user namespace of its own, may be one of this
-    // network: the tool cannot tell, and does not say that none runs.
+    // Otherwise the tool cannot find out whether a daemon of another test, in another user
+    // namespace, is in this network namespace, and does not report that none runs.
     static bool sees_all_processes() { return kt::Sandbox::is_real_root(); }
     static constexpr const char *sees_not_all =
         "only the machine's own root sees the network of every process";

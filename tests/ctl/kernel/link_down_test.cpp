@@ -1,5 +1,5 @@
-// A link that goes down takes its Static addresses and its gateway along, and nothing brings the
-// gateway back. The two remedies, each with and without.
+// When a link goes down, the kernel removes its Static addresses and its gateway, and the gateway
+// is not restored. Tests with and without each of the two remedies.
 #include <algorithm>
 #include <fstream>
 
@@ -9,7 +9,7 @@ namespace {
 
 class LinkDown : public CtlTest {
 protected:
-    // False where the kernel does not let the settings be changed.
+    // False if the kernel does not permit changing the settings.
     static bool apply_sysctl_file() {
         std::ifstream file(SYSCTL_FILE);
         std::string line;
@@ -140,7 +140,7 @@ TEST_F(LinkDownAtBoot, AFollowerThatFindsNoStoreTriesUntilThereIsOne) {
     const auto follower = begin({"nudge", "--follow"});
     ASSERT_NE(follower->errors().wait_for_containing("trying again every second"), 0U);
     service.start();
-    store.set_gateway(1, "fe80::1"); // it was in memory
+    store.set_gateway(1, "fe80::1"); // the store was in memory and is now empty
     EXPECT_NE(follower->output().wait_for("started: asked tandrel to synchronise"), 0U);
     follower->signal(SIGTERM);
     EXPECT_EQ(follower->wait_exit(), 0);

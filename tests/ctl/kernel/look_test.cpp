@@ -34,7 +34,7 @@ TEST_F(Look, AWorkingDaemonKeepsTheViewsInStep) {
         rows.push_back(shown.output.substr(at + 3, shown.output.find(' ', at + 3) - at - 3));
     }
     std::sort(rows.begin(), rows.end());
-    // The legend begins with the mark as well.
+    // A line of the legend also begins with the mark.
     EXPECT_EQ(rows, (std::vector<std::string>{"2001:db8::5/64", "both", link_local, "via"}));
     EXPECT_TRUE(contains(shown.output, "Static")) << shown.output;
     EXPECT_TRUE(contains(shown.output, "office")) << shown.output;
@@ -147,7 +147,7 @@ TEST_F(Look, ALinkWhoseMtuForbidsIpv6IsSeen) {
 TEST_F(Look, AnAddressThatAnotherHostHasIsSeen) {
     kt::write_file("/proc/sys/net/ipv6/conf/eth0/accept_dad", "1");
     neighbour.add_address("peer0", "2001:db8::5/64");
-    // While the neighbour checks the address itself it does not defend it.
+    // The neighbour does not defend the address while it checks the address itself.
     ASSERT_TRUE(becomes([&] {
         for (const auto &one : neighbour.addresses("peer0")) {
             if (one.text == "2001:db8::5/64") {
@@ -225,7 +225,7 @@ TEST_F(Look, WatchOutlivesTheStore) {
     EXPECT_NE(lines.wait_for_containing(" ~ store (answers -> does not answer)"), 0U);
     service.start();
     EXPECT_NE(lines.wait_for_containing(" ~ store (does not answer -> answers)"), 0U);
-    // The store was in memory, and is empty now; this is what the watch then finds.
+    // The store was in memory and is empty now; the watch finds this change.
     EXPECT_NE(lines.wait_for_containing(" - eth0 store: address node x"), 0U);
     watch->signal(SIGTERM);
     EXPECT_EQ(watch->wait_exit(), 0);
@@ -279,7 +279,7 @@ public:
         }
     }
 
-    // Reads until the text has come; what has come from then on counts for the next call.
+    // Reads until the text has arrived; the next call begins with the text after it.
     bool shows(const std::string &text) {
         return kt::eventually([&] {
             read_more();
@@ -323,7 +323,7 @@ private:
     std::size_t from = 0;
 };
 
-// The terminal is made before the sandbox, whose /dev has none.
+// Create the terminal before the sandbox, whose /dev has none.
 class LookOnATerminal : protected Terminal, public CtlTest {};
 
 TEST_F(LookOnATerminal, WatchRedrawsTheTableWithALogBelow) {

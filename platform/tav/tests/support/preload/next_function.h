@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-// The function of that name that would be called without the preloaded one. `Function` is its
+// The function of this name that would be called without the preloaded one. `Function` is its
 // pointer type. Ends the program when there is none.
 template <typename Function>
 Function next_function(const char *name) {
