@@ -66,7 +66,7 @@ TEST_F(BurstTest, AThousandStaticAddressesInOneTransactionReachTheKernelWithoutA
     const double seconds = add_all();
     expect_all();
     const std::size_t exceptions = log().count_containing("Caught exception");
-    // Without the right to force the buffer's size the machine's limit decides.
+    // Without the privilege to force the buffer's size, the machine's limit applies.
     if (kt::Sandbox::is_real_root()) {
         EXPECT_EQ(exceptions, 0U);
     } else {
@@ -84,7 +84,7 @@ TEST_F(BurstTest, WithASmallReceiveBufferAtMostOneRebuildIsNeeded) {
     start_daemon_and_wait({"-d", "-D", "3"}, options);
     rebuilds_allowed = true;
     const double seconds = add_all();
-    // The kernel has them all, perhaps, before the daemon notices what it missed.
+    // The kernel may have them all before the daemon notices what it missed.
     expect_all();
     const std::size_t exceptions = log().count_containing("Caught exception");
     EXPECT_LE(exceptions, 1U);

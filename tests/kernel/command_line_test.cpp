@@ -1,4 +1,4 @@
-// What can be asked for on the command line, seen from outside.
+// The effects of the command line's options, seen from outside.
 
 #include <sched.h>
 #include <sys/resource.h>
@@ -140,7 +140,7 @@ TEST_F(CommandLineTest, WithoutVerbosityOnlyStartAndEndAreLogged) {
 }
 
 TEST_F(CommandLineTest, EachVerbosityOptionAddsOneUnlessItBringsANumber) {
-    // Level 2 is reached in each way: it shows the exception that a signal in select makes.
+    // Each form sets level 2, which shows the exception that a signal in select causes.
     service.start();
     for (const auto &options :
          {strings{"-D", "-D"}, strings{"-D", "2"}, strings{"-D", "1", "-D"}, strings{"-D", "2x"}}) {
@@ -235,7 +235,7 @@ TEST_F(CommandLineTest, WithoutAnExitPipeTheDaemonStartsAllTheSame) {
 
 class DaemonModeTest : public CommandLineTest {
 protected:
-    // Starts the daemon as a service would and returns the process that stays.
+    // Starts the daemon as a service would and returns the process that keeps running.
     pid_t detach(const strings &arguments) {
         umask(077);
         const strings options = arguments;
@@ -244,7 +244,7 @@ protected:
         umask(022);
         EXPECT_NE(sandbox.syslog().wait_for("Info: Starting tandrel daemon"), 0U);
         std::vector<pid_t> found;
-        // The intermediate process may still be on its way out.
+        // The intermediate process may still be exiting.
         kt::eventually([&] {
             found.clear();
             for (const auto &process : sandbox.processes()) {
@@ -295,7 +295,7 @@ TEST_F(DaemonModeTest, TheSystemLogAloneTellsOfIt) {
     ASSERT_EQ(lines.size(), 2U);
     const int daemon_info = 24 + 6;
     for (const auto &line : lines) {
-        // Opened by the process that stays, so that its number is the right one.
+        // Opened by the process that keeps running, so that its number is the right one.
         EXPECT_EQ(line.sender, "tandrel[" + std::to_string(pid) + "]");
         EXPECT_EQ(line.priority, daemon_info);
     }

@@ -1,4 +1,4 @@
-// Descriptors that run out, and standard ones that were never there.
+// Descriptors that run out, and missing standard descriptors.
 
 #include <algorithm>
 
@@ -28,7 +28,8 @@ protected:
         ASSERT_EQ(prlimit(daemon->pid(), RLIMIT_NOFILE, &limit, nullptr), 0);
     }
     std::map<int, std::string> open_now() const { return kt::descriptors(daemon->pid()); }
-    // The limit is one of numbers: the lowest free one is taken, if it lies below.
+    // The limit applies to the descriptor's number: open takes the lowest free one, if it is below
+    // the limit.
     static int lowest_free(const std::map<int, std::string> &open) {
         int fd = 0;
         while (open.count(fd) != 0) {
@@ -106,7 +107,7 @@ protected:
         for (const int fd : GetParam()) {
             EXPECT_EQ(all.at(fd), "/dev/null") << fd;
         }
-        // Both ends of one pipe, none of them in a standard place.
+        // Both ends of one pipe, neither of them a standard descriptor.
         std::map<std::string, int> ends;
         for (const auto &[fd, target] : all) {
             ends[target] += fd > 2 && target.rfind("pipe:", 0) == 0 ? 1 : 0;

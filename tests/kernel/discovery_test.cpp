@@ -1,4 +1,4 @@
-// From the start to normal operation, on whatever kernel this is.
+// From the start to normal operation, on the running kernel.
 
 #include <atomic>
 #include <iostream>
@@ -83,9 +83,9 @@ TEST_F(DiscoveryTest, ADumpOfManyDatagramsIsReadToItsEnd) {
     EXPECT_TRUE(becomes([&] { return store.addresses(1).size() >= count; }));
 }
 
-// A router's table at -D 2, where each route is a line, and a system log that takes its time. For
-// the daemon time passes sixty times as fast, so that its thirty seconds are half a second. It once
-// gave up after them, however far it had come, and began anew for ever.
+// A router's table at -D 2, where each route is a line, and a slow system log. For the daemon time
+// passes sixty times as fast, so that its thirty seconds are half a second. It once gave up after
+// them, regardless of its progress, and started again for ever.
 TEST_F(DiscoveryTest, AFullTableOverASlowLogTakesAsLongAsItTakes) {
     add_eth(0);
     service.start();
@@ -134,9 +134,9 @@ private:
     std::thread thread;
 };
 
-// While addresses come and go, the kernel's list of them may lack some that were there all the
-// time; taken for complete, their nodes would be removed as junk. The churn is on a link that is
-// not tracked, so that it alone cannot change the store.
+// While addresses are added and removed, the kernel's list may lack some that existed all the time;
+// if the daemon treated it as complete, it would remove their nodes. The changes are on a link that
+// is not tracked, so that they alone cannot change the store.
 TEST_F(DiscoveryTest, AddressesThatWereThereAllTheTimeSurviveStartsUnderChurn) {
     add_eth(0);
     add_eth(1, "other");
@@ -152,7 +152,7 @@ TEST_F(DiscoveryTest, AddressesThatWereThereAllTheTimeSurviveStartsUnderChurn) {
     ASSERT_EQ(stop_daemon(), 0);
     const std::string before = store.dump();
 
-    rebuilds_allowed = true; // where no large receive buffer is to be had, churn overruns it
+    rebuilds_allowed = true; // without a large receive buffer these changes overrun it
     kt::Kernel churning(sandbox.device());
     std::size_t repeated = 0;
     int starts = 0;

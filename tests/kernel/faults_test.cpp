@@ -1,6 +1,6 @@
-// A store that does worse than the real one, and a user and a kernel that go on all the while. The
-// daemon may rebuild as often as it must; it may not spin, hang, crash or lose what the user has
-// configured, and once the store behaves again everything must come to agree.
+// A store with more faults than the real one, while a user and the kernel continue to make changes.
+// The daemon may rebuild as often as necessary; it must not spin, hang, crash or lose the user's
+// settings, and once the store works again, both sides must agree.
 
 #include <cstdio>
 #include <fstream>
@@ -15,12 +15,12 @@ namespace {
 
 const std::string normal = "Info: void CSync::discover(): beginning normal operation";
 
-// What goes wrong: a plan of the service's, or of the calls (see faults/plan.h).
+// The fault: a plan of the service's, or of the calls (see faults/plan.h).
 struct fault_t {
     const char *name;
     const char *service;
     const char *calls;
-    bool rebuilds; // the daemon cannot but rebuild
+    bool rebuilds; // the daemon must rebuild
 };
 
 const fault_t faults[] = {
@@ -81,7 +81,7 @@ protected:
         statics.erase({interface, node});
     }
 
-    // One step of a user who edits and of a kernel that changes, neither of whom waits.
+    // One edit by a user and one change in the kernel, without waiting.
     void step(int i) {
         const std::string number = std::to_string(i);
         device.add_address("eth0", "2001:db8:a::" + number + "/64");
@@ -104,7 +104,7 @@ protected:
         }
     }
 
-    // The user's addresses that the store does not hold any more, as the user wrote them.
+    // The user's addresses that the store no longer contains as the user wrote them.
     std::size_t lost() {
         std::size_t count = 0;
         for (const auto &[where, address] : statics) {
@@ -156,7 +156,7 @@ protected:
         return true;
     }
 
-    // Processor time and cycles while nobody does anything: a loop that spins makes thousands.
+    // Processor time and cycles while nothing happens: a loop that spins makes thousands.
     void expect_no_spinning() {
         constexpr int seconds = 3;
         const double before = kt::processor_seconds(daemon->pid());
@@ -185,7 +185,7 @@ TEST_P(FaultTest, NothingTheUserConfiguredIsLostAndAllAgreesInTheEnd) {
     ASSERT_EQ(std::remove(faults_file.c_str()), 0);
     const std::size_t faulty = staged();
     const std::size_t rebuilt = rebuilds();
-    // What a refusal left undone is put right by the next synchronisation.
+    // The next synchronisation completes what a refusal prevented.
     set_static(1, "last", "2001:db8::1a57/64");
     EXPECT_TRUE(becomes([&] { return statics_in_kernel(); }));
     EXPECT_TRUE(becomes([&] { return agree(1) && agree(2) && agree(3); })) << store.dump();

@@ -1,6 +1,6 @@
-// Messages that this kernel does not send by itself, put on the daemon's socket by the test.
-// Whoever administers a network namespace may send to its groups, and the daemon does not look at
-// the sender.
+// Messages that this kernel does not send by itself, sent to the daemon's socket by the test. The
+// administrator of a network namespace may send to its groups, and the daemon does not check the
+// sender.
 
 #include <algorithm>
 #include <cstring>
@@ -104,7 +104,7 @@ TEST_F(ForgedTest, ASetLinkMessageIsNoChange) {
     ASSERT_TRUE(settle());
     EXPECT_EQ(log().count("Info: Received netlink update (type 19)", from), 2U);
     EXPECT_EQ(log().count("Info: Skipping update for link 'wlan7'", from), 1U);
-    // The link itself may still be announced by the kernel; the message brings no line of its own.
+    // The link itself may still be announced by the kernel; the message itself causes no log line.
     const long at = log().find("Info: Received netlink update (type 19)", from);
     ASSERT_GE(at, 0);
     EXPECT_EQ(log().lines(static_cast<std::size_t>(at) + 1).front().text,
@@ -151,8 +151,8 @@ TEST_F(ForgedTest, ADeletionWithAnotherPrefixLengthLeavesTheStore) {
     EXPECT_TRUE(store.has_address(1, "2001:db8::7/64", "Automatic"));
 }
 
-// Bytes without sense, in datagrams of every length: none may end the engine or reach beyond what
-// was received.
+// Random bytes, in datagrams of every length: none may end the engine or make it read beyond the
+// datagram.
 TEST_F(ForgedTest, GarbageIsSurvived) {
     std::mt19937 random(1);
     for (int i = 0; i < 1500; ++i) {

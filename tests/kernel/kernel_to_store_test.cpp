@@ -116,8 +116,8 @@ TEST_F(KernelToStoreTest, AStaticDefaultRouteBecomesTheStoresGatewayUntilItIsDel
     EXPECT_TRUE(store.list(kt::paths::ipv6(1) + "/Default Gateway").empty());
 }
 
-// The store wins for the gateway. What it says at the end counts: the recorded gateway is written
-// for a moment, until the kernel reports that it is gone.
+// The store wins for the gateway. Only its final value matters: the recorded gateway is written for
+// a moment, until the kernel reports that it is gone.
 TEST_F(KernelToStoreTest, AStaticDefaultRouteThatTheStoreDoesNotKnowIsRemovedAtTheStart) {
     device.add_route({"::/0", "fe80::1", "eth0"});
     start_with_link_local();

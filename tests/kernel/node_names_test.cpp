@@ -15,13 +15,13 @@ protected:
         add_eth(1);
         service.start();
         store.make_interface(1);
-        // What a link forms of itself comes about a second after it went up.
+        // The link's own link-local address appears about a second after the link goes up.
         ASSERT_TRUE(becomes([&] {
             return !device.link_local("eth0").empty() && !device.link_local("eth1").empty();
         }));
     }
 
-    // What the kernel may do to a link, and undo.
+    // Changes of a link in the kernel, and their reversal.
     void change_everything_on(const std::string &link) {
         device.add_address(link, "2001:db8:2::7/64");
         device.add_address(link, "2001:db8:2::8/64");
@@ -57,7 +57,7 @@ TEST_F(LinkWithoutNodeTest, ItsAddressesAndRoutesStayOutOfTheStoreUntilThereIsAN
     ASSERT_TRUE(settle());
     EXPECT_EQ(store.node_of(2, "2001:db8:2::8/64"), "");
     EXPECT_EQ(store.node_of(2, "2001:db8:2::5/64"), "s");
-    // For the gateway the store wins, and it says nothing of one.
+    // For the gateway the store wins, and it has none.
     EXPECT_TRUE(
         becomes([&] { return device.static_gateways("eth1").empty() && !store.gateway(2); }));
     EXPECT_TRUE(store.list(kt::paths::interfaces + "/0").empty());
@@ -164,8 +164,8 @@ TEST_F(NodeNameTest, AnAddressThatAppearsWhileAUserTakesItsNameGetsAnother) {
     EXPECT_TRUE(store.has_address(1, "2001:db8::5/64", "Static"));
 }
 
-// The kernel lists its addresses in another order than the store, and every advertisement announces
-// each automatic address again: neither may move a node.
+// The kernel lists its addresses in another order than the store, and announces each automatic
+// address again at every advertisement: neither may move a node.
 TEST_F(NodeNameTest, TwentyRestartsAmongAdvertisementsLeaveTheStoreAsItIs) {
     kt::Router router(sandbox, "peer0");
     router.start({"2001:db8:1::", "2001:db8:2::"});

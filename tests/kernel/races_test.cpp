@@ -1,4 +1,4 @@
-// A user's edits that come while the daemon is still at the one before.
+// A user's edits while the daemon is still handling the previous one.
 
 #include <iostream>
 #include <thread>
@@ -22,10 +22,11 @@ protected:
 
     static void one_millisecond() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
 
-    // Quiet: nothing is left that either side could still tell the daemon, nor what came of it.
+    // Quiet: neither side has anything left to report to the daemon, and the daemon has handled
+    // everything.
     bool quiet() {
         const bool quiet = settle() && settle();
-        // A slowed daemon is not back in its wait at once.
+        // A slowed daemon does not return to its wait at once.
         std::this_thread::sleep_for(rest);
         return quiet;
     }
@@ -130,14 +131,16 @@ TEST_F(RaceTest, AGatewayRemovedJustBeforeAnotherEditStaysAway) {
     report(lost);
 }
 
-// A new address of the kernel's takes the name of the node that the user is just adding: the store
-// refuses the daemon's write, because the daemon has not yet fetched the user's.
+// The daemon gives a new address of the kernel the name of the node that the user is just adding:
+// the store refuses the daemon's write, because the daemon has not yet fetched the event of the
+// user's.
 TEST_F(RaceTest, ANodeThatTheUserIsJustAddingIsNotOverwritten) {
     int lost = 0;
     for (int i = 0; i < rounds; ++i) {
         const std::string users = "2001:db8:1::" + std::to_string(i + 1) + "/64";
         const std::string kernels = "2001:db8:2::" + std::to_string(i + 1) + "/64";
-        // Something that makes the daemon write, so that it is told of the edit a little later.
+        // Something that makes the daemon write, so that it gets the event of the edit a little
+        // later.
         device.add_address("eth0", "2001:db8:3::1/64");
         ASSERT_TRUE(becomes([&] { return store.node_of(1, "2001:db8:3::1/64") == "3"; }));
         store.set_address(1, "4", users);
@@ -161,8 +164,8 @@ TEST_F(RaceTest, ANodeThatTheUserIsJustAddingIsNotOverwritten) {
         << "the edit never came between, so nothing was shown";
 }
 
-// A machine on which every turn of the daemon's loop takes its time, so that the kernel's echoes of
-// one synchronisation are served for longer than the pause between two wake-ups.
+// A machine on which every cycle of the daemon is slow, so that handling the kernel's notifications
+// of one synchronisation takes longer than the pause between two wake-ups.
 class SlowRaceTest : public RaceTest {
 protected:
     SlowRaceTest() : RaceTest(20) {
@@ -177,7 +180,7 @@ TEST_F(SlowRaceTest, APrefixLengthCorrectedThereAndBackEndsAsTheUserSaid) {
     correct_the_prefix_length_there_and_back();
 }
 
-// The same without rest between the rounds; the last word counts.
+// The same without a pause between the rounds; the last edit must win.
 TEST_F(RaceTest, AUserWhoNeverRestsHasTheLastWord) {
     for (int i = 0; i < rounds; ++i) {
         store.remove_address(1, "1");
@@ -187,7 +190,7 @@ TEST_F(RaceTest, AUserWhoNeverRestsHasTheLastWord) {
         if (i % 2 == 0) {
             store.remove_gateway(1);
         } else {
-            // Another one each time: set to the same as before, it may be lost.
+            // A different one each time: setting the same value again may be lost.
             store.set_gateway(1, "fe80::" + std::to_string(100 + i));
         }
         one_millisecond();

@@ -1,4 +1,4 @@
-// What the kernel refuses of the daemon's requests.
+// The daemon's requests that the kernel refuses.
 
 #include "harness/world.h"
 
@@ -21,7 +21,7 @@ protected:
     std::string index;
 };
 
-// Were it kept in the table, its removal would find nothing to delete in the kernel, hence no
+// If it stayed in the table, its removal would find nothing to delete in the kernel and cause no
 // report of a deletion, and it would be written back for ever.
 TEST_F(RefusalTest, AGatewayThatTheKernelRefusesIsGoneForGoodOnceItIsRemoved) {
     store.set_gateway(1, "2001:db8:dead::1");
@@ -33,7 +33,7 @@ TEST_F(RefusalTest, AGatewayThatTheKernelRefusesIsGoneForGoodOnceItIsRemoved) {
     store.remove_gateway(1);
     ASSERT_TRUE(settle());
     EXPECT_FALSE(store.gateway(1));
-    // Also not with the next synchronisations.
+    // Nor with the next synchronisations.
     for (int i = 0; i < 3; ++i) {
         store.set_address(1, "x", "2001:db8::" + std::to_string(i + 1) + "/64");
         ASSERT_TRUE(settle());
@@ -76,7 +76,7 @@ TEST_F(RefusalTest, AGatewayThatTheKernelHasLostAlreadyCanBeRemoved) {
     store.set_gateway(1, "fe80::1");
     ASSERT_TRUE(becomes([&] { return !device.static_gateways("eth0").empty(); }));
     ASSERT_TRUE(settle());
-    // For the daemon both at once: it deletes a route that is gone.
+    // The daemon sees both at once: it deletes a route that is already gone.
     meanwhile([&] {
         device.delete_route({"::/0", "fe80::1", "eth0"});
         store.remove_gateway(1);
@@ -100,7 +100,7 @@ TEST_F(RefusalTest, ARefusedAddressIsTriedAgainAtTheNextSynchronisation) {
     ASSERT_TRUE(settle());
     EXPECT_TRUE(store.has_address(1, "2001:db8::5/64", "Static"));
     switch_ipv6(true);
-    store.set_address(1, "t", "2001:db8::6/64"); // any edit brings a synchronisation
+    store.set_address(1, "t", "2001:db8::6/64"); // any edit causes a synchronisation
     EXPECT_TRUE(becomes([&] {
         return device.has_address("eth0", "2001:db8::5/64") &&
                device.has_address("eth0", "2001:db8::6/64");
@@ -109,7 +109,8 @@ TEST_F(RefusalTest, ARefusedAddressIsTriedAgainAtTheNextSynchronisation) {
 }
 
 TEST_F(RefusalTest, AnAddressThatTheKernelHasAlreadyIsNoRefusal) {
-    // The daemon hears of the kernel's address only after it has asked for the same.
+    // The daemon gets the notification of the kernel's address only after it has requested the same
+    // address.
     meanwhile([&] {
         store.set_address(1, "s", "2001:db8::5/64");
         device.add_address("eth0", "2001:db8::5/64");

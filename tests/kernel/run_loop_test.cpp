@@ -12,7 +12,7 @@ namespace {
 const std::string link_request = "Info: void CSync::discover(): requesting link state";
 const std::string normal = "Info: void CSync::discover(): beginning normal operation";
 
-// The pause, less what the reading of the two lines may be late.
+// The pause, minus the possible delay in reading the two lines.
 constexpr std::chrono::milliseconds least_pause{9500};
 
 class RunLoopTest : public kt::KeptStoreTest {
@@ -22,7 +22,7 @@ protected:
         add_eth(0);
     }
 
-    // Time between two lines, each the first at or behind `from`.
+    // Time between two lines, each the first one from `from` on.
     std::chrono::milliseconds between(const std::string &first, const std::string &second) {
         const auto lines = log().lines();
         const long begin = log().find(first);
@@ -59,7 +59,7 @@ TEST_F(RunLoopTest, RetriesAreSilent) {
     start_daemon({"-d", "-D", "5"}, kt::preloaded({{"KT_PAUSE_MS", "20"}}));
     ASSERT_TRUE(logged("Error: Can't connect to TAV, sleeping"));
     const std::size_t lines = log().size();
-    sleep(1); // some forty attempts
+    sleep(1); // about forty attempts
     EXPECT_EQ(log().size(), lines) << log().tail(5);
 }
 
@@ -280,7 +280,7 @@ TEST_F(WatchdogTest, TheDaemonIsShownWithItsPeriodWhileItLivesAndAsGoneAfterward
     }));
 }
 
-// Neither with nothing to do nor with a dead store may the loop spin.
+// The loop must not spin when idle or when the store is dead.
 class IdleTest : public RunLoopTest {
 protected:
     void expect_idle(std::chrono::seconds time) {
@@ -325,7 +325,7 @@ TEST_F(IdleTest, AStoreThatDiesDuringDiscoveryIsNoticedWithoutSpinning) {
     expect_working();
 }
 
-// The store has priority over the kernel, and events stay unfetched until discovery is over.
+// The store has priority over the kernel, and events are not fetched before discovery is over.
 TEST_F(IdleTest, DiscoveryEndsWhileAWriterNeverRests) {
     service.start();
     store.make_interface(1);

@@ -1,4 +1,4 @@
-// Termination signals, faults, and what they leave in the log.
+// Termination signals, faults, and their log lines.
 
 #include <cstdio>
 
@@ -22,8 +22,8 @@ protected:
     // The daemon waits in select.
     void start_and_idle() {
         start_daemon_and_wait();
-        // A fault inside syslog itself, whose lock is then held, would never get into the log: the
-        // line must have left, and the process must sleep again.
+        // A fault inside syslog, which holds its lock, would never be logged: wait until the line
+        // was sent and the process sleeps again.
         ASSERT_TRUE(kt::eventually([this] {
             const std::string idle = "Info: Entering select()...";
             const std::string stat =
@@ -39,7 +39,7 @@ protected:
         const std::size_t from = log().size();
         daemon->signal(number);
         EXPECT_EQ(daemon->wait_exit(), 0);
-        // The signal interrupts the select, which is an exception like others.
+        // The signal interrupts the select, which throws an exception like others.
         const long interrupted = log().find("Error: Caught exception", from);
         const long caught = log().find("Info: Caught user-initiated exit signal...", from);
         const long exiting = log().find("Info: Exiting tandrel daemon", from);
@@ -68,7 +68,7 @@ protected:
         }
         EXPECT_TRUE(listening) << log().tail(20);
 
-        // The system log got the same, at the gravest priority.
+        // The system log got the same, at the highest priority.
         ASSERT_TRUE(sandbox.syslog().wait_for_containing("  CSync::listen()"));
         const long first = sandbox.syslog().find(text);
         ASSERT_GE(first, 0);
@@ -103,7 +103,7 @@ TEST_F(SignalTest, SigfpePrintsABacktraceThatNamesListenAndAborts) {
     crashes_on(SIGFPE, "FP Exception");
 }
 
-// A fault of the engine's own, deep in a synchronisation.
+// A fault inside the engine, during a synchronisation.
 TEST_F(SignalTest, ABacktraceNamesTheFunctionsOfTheEngineThatLedToTheFault) {
     start_daemon({"-d", "-D", "4"}, kt::preloaded({{"KT_CRASH_ON", "list"}}));
     ASSERT_EQ(daemon->wait_killed(), SIGABRT) << log().tail(20);
@@ -116,7 +116,7 @@ TEST_F(SignalTest, ABacktraceNamesTheFunctionsOfTheEngineThatLedToTheFault) {
     }
 }
 
-// The fault's own report of it would wait for ever for the lock that the interrupted report holds.
+// The fault's report would wait for ever for the lock that the interrupted report holds.
 TEST_F(SignalTest, AFaultInTheMidstOfAReportToTheSystemLogEndsTheDaemonAllTheSame) {
     // A log socket that nobody reads: after some reports the next one waits.
     ASSERT_EQ(std::rename("/dev/log", "/dev/log.of-the-test"), 0);
@@ -129,7 +129,7 @@ TEST_F(SignalTest, AFaultInTheMidstOfAReportToTheSystemLogEndsTheDaemonAllTheSam
         const std::size_t before = lines;
         lines = log().size();
         const std::string stat = kt::read_file("/proc/" + std::to_string(daemon->pid()) + "/stat");
-        // It sleeps behind a line, before it could get to wait for anything else.
+        // It sleeps in the call that logs a line, before it can wait for anything else.
         return lines > 0 && lines == before && stat.find(") S") != std::string::npos &&
                log().lines().back().text != "Info: Entering select()...";
     })) << log().tail(20);
@@ -160,7 +160,7 @@ TEST_F(SignalTest, ASignalDuringThePauseEndsIt) {
 }
 
 TEST_F(SignalTest, SigpipeDoesNotEndTheDaemon) {
-    rebuilds_allowed = true; // an interrupted select rebuilds the engine, whatever the signal
+    rebuilds_allowed = true; // an interrupted select rebuilds the engine, for any signal
     start_and_idle();
     daemon->signal(SIGPIPE);
     const std::size_t from = log().wait_for("Error: Caught exception");

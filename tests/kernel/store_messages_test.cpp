@@ -1,4 +1,5 @@
-// What the daemon says, and does not do, about things in the store that it cannot use.
+// The daemon's messages about things in the store that it cannot use, and that it does not act on
+// them.
 
 #include "harness/world.h"
 
@@ -19,7 +20,7 @@ protected:
         service.start();
     }
 
-    // Whatever else is wrong, this address must still be read.
+    // This address must still be read, in spite of the faults.
     void start_beside_a_good_address() {
         store.set_address(1, "good", "2001:db8::5/64");
         start_daemon_and_wait();
@@ -179,7 +180,8 @@ TEST_F(StoreEventTest, AnEventOnAnInterfaceWhoseNameIsNoNumberIsNamed) {
 TEST_F(StoreEventTest, AnEventOutsideTheInterfacesIsUnexpected) {
     start_daemon_and_wait();
     const std::size_t from = log().size();
-    // The only leaf beside those below the interfaces' node of which the daemon is told.
+    // The only other leaf, besides those below the interfaces' node, for which the daemon gets
+    // events.
     store.remove(stem);
     store.write(stem, "a leaf");
     EXPECT_TRUE(logged("Info: Processing TAV event: cmd = 2, path = '" + stem + "'", from));

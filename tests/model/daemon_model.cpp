@@ -109,7 +109,7 @@ void DaemonModel::take_over(Link &link, const KernelAddress &address,
                             const StoredInterface &stored) {
     Known known{address.text, address.length,
                 is_link_local(address.text) ? link_local_type : automatic_type, ""};
-    std::vector<Known> declared; // Static ones that stand beside a link-local one
+    std::vector<Known> declared; // Static entries for the same address as a link-local one
     for (const auto &one : stored.addresses) {
         if (one.text != address.text) {
             continue;
@@ -284,7 +284,7 @@ void DaemonModel::address_vanished(StoreModel &store, int index, const std::stri
             if (link.number != 0) {
                 remove_address(store, link, link.addresses[i].node);
             }
-            // The one that moves into its place is not looked at, as the rule has it.
+            // Like the daemon, do not examine the entry that moves into its position.
             link.addresses.erase(link.addresses.begin() + static_cast<std::ptrdiff_t>(i));
         }
     }

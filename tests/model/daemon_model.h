@@ -1,6 +1,6 @@
-// What the daemon is to do, written down plainly from the rules of precedence and of events: for
-// Static addresses and the gateway the store wins, for the others the kernel; a stored entry that
-// is not Static and that the kernel lacks is removed.
+// What the daemon must do, written plainly from the rules of precedence and of events: for Static
+// addresses and the gateway the store wins, for the others the kernel; a stored entry that is not
+// Static and that the kernel lacks is removed.
 #pragma once
 
 #include <map>
@@ -50,19 +50,19 @@ public:
     // Forgets everything, reads the kernel and synchronises.
     void start(KernelModel &kernel, StoreModel &store);
     void stop(KernelModel &kernel, StoreModel &store);
-    // Takes the store's events; whether they ask for a synchronisation.
+    // Fetches the store's events; whether they require a synchronisation.
     bool fetch(StoreModel &store);
     void serve_notice(KernelModel &kernel, StoreModel &store);
     void synchronise(KernelModel &kernel, StoreModel &store);
 
-    // Fills the entry of a link from what a quiet world shows.
+    // Fills the entry of a link from the state of a quiet world.
     void take_over(int index, const KernelModel &kernel,
                    const std::vector<StoredInterface> &stored);
 
     bool running = false;
     std::map<int, Link> links;
-    // Whether it has asked the store for something since this was cleared: its next wake-up then
-    // waits until the kernel's notices are served.
+    // Whether it has made a request to the store since this was cleared: its next wake-up then
+    // waits until the kernel's notifications are handled.
     bool busy = false;
 
 private:

@@ -60,7 +60,7 @@ private:
 
     void add_restart(Burst &burst) {
         if (burst.pace == Pace::frozen) {
-            burst.pace = Pace::fast; // who stands still cannot be restarted
+            burst.pace = Pace::fast; // a stopped process cannot be restarted
         }
         auto &operations = burst.operations;
         const auto place = operations.begin() + below(static_cast<int>(operations.size()) + 1);

@@ -1,5 +1,5 @@
-// The part of the kernel that matters here, as it was seen to behave: links, their IPv6 addresses,
-// default routes, and what it tells a listener. Every call returns an errno value.
+// The relevant part of the kernel, with its observed behaviour: links, their IPv6 addresses,
+// default routes, and the notifications to a listener. Every call returns an errno value.
 #pragma once
 
 #include <deque>
@@ -68,7 +68,7 @@ public:
 
     int add_address(int index, const std::string &text, int length, bool expires);
     int delete_address(int index, const std::string &text, int length);
-    // Announces it again; adds it when it is not there.
+    // Announces the address again; adds it if it does not exist.
     int refresh_address(int index, const std::string &text, int length);
     int advertise(int index, const std::string &text, bool expires);
     void expire();
@@ -77,10 +77,10 @@ public:
 
     // `exclusive`: refuses a second route of the same metric.
     int add_route(const KernelRoute &route, bool exclusive);
-    // Protocol and metric 0 stand for any.
+    // Protocol and metric 0 mean any.
     int delete_route(const KernelRoute &route);
 
-    // Whether a default route has others of its metric beside it; the kernel then announces and
+    // Whether there are other default routes of the same metric; the kernel then announces and
     // lists them as one, without a link.
     bool has_siblings(const KernelRoute &route) const;
 
@@ -88,8 +88,8 @@ public:
     std::vector<KernelRoute> routes; // by metric
     bool heard = false;              // whether anybody listens
     std::deque<Notice> notices;      // for the listener
-    // Set when something happened whose outcome this model does not know: a link went away or down
-    // under a route with siblings on other links.
+    // Set when something happened whose result this model does not know: a link disappeared or went
+    // down while a route on it had siblings on other links.
     bool routes_unsure = false;
 
 private:

@@ -1,4 +1,4 @@
-// What the rules make of links and addresses that a user may not expect.
+// Effects of the rules on links and addresses that a user may not expect.
 
 #include "known_behaviours.h"
 

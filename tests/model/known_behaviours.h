@@ -1,5 +1,5 @@
-// What the tests of the known behaviours start from: one link and a service. tandrel(8)
-// lists each behaviour and its remedy under CAVEATS; these tests keep that list true.
+// The start of the tests of known behaviours: one link and a service. tandrel(8) lists each
+// behaviour and its remedy under CAVEATS; these tests keep that list correct.
 #pragma once
 
 #include "harness/world.h"
@@ -19,9 +19,9 @@ protected:
         start_daemon_and_wait({"-d", "-D", "4"}, options);
     }
 
-    // Any edit brings a synchronisation.
+    // Any edit causes a synchronisation.
     void synchronise() {
-        store.set_gateway(9, "fe80::" + std::to_string(++edits)); // no link is of that number
+        store.set_gateway(9, "fe80::" + std::to_string(++edits)); // no link has this number
         ASSERT_TRUE(settle());
     }
 

@@ -1,4 +1,4 @@
-// What the rules make of gateways and of interface nodes that a user may not expect.
+// Effects of the rules on gateways and interface nodes that a user may not expect.
 
 #include <linux/rtnetlink.h>
 
@@ -78,8 +78,8 @@ TEST_F(KnownGatewayTest, AStaticDefaultRouteOfAnotherMetricIsDoubledAndHalfRemov
     EXPECT_FALSE(store.gateway(1));
 }
 
-// A daemon that is a second and more behind the kernel: every turn of its loop takes its time, and
-// much waits to be served.
+// A daemon that is a second or more behind the kernel: every cycle is slow, and many notifications
+// are waiting.
 class LateReportTest : public KnownBehaviourTest {
 protected:
     void start_slow() {
@@ -126,7 +126,8 @@ TEST_F(LateReportTest, AGatewayChangedThereAndBackIsRestoredByTheKernelsLastRepo
 }
 
 // A synchronisation that finds no gateway writes the recorded one back until the kernel has
-// reported its removal. What the user sets meanwhile is there already, so nobody hears of it.
+// reported its removal. If the user sets the same one in the meantime, nothing changes, so there is
+// no event.
 TEST_F(LateReportTest, AGatewaySetAgainBeforeItsRemovalIsReportedIsLost) {
     store.set_gateway(1, "fe80::1");
     start_slow();
@@ -141,7 +142,8 @@ TEST_F(LateReportTest, AGatewaySetAgainBeforeItsRemovalIsReportedIsLost) {
     EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
 }
 
-// Another edit's synchronisation takes what was written back for the user's wish.
+// The synchronisation of another edit takes the gateway that was written back for the user's
+// setting.
 TEST_F(LateReportTest, AGatewayComesBackWithAnotherEditBeforeItsRemovalIsReported) {
     store.set_gateway(1, "fe80::1");
     start_slow();
@@ -233,7 +235,7 @@ TEST_F(KnownGatewayTest, OneRemovedWithoutAMirroredLeafComesBackWithTheNextAddre
     ASSERT_TRUE(settle());
     device.set_up("eth1");
     EXPECT_TRUE(becomes([&] { return !store.addresses(2).empty(); }));
-    store.remove(kt::paths::interfaces + "/2"); // now of an address: the daemon is told
+    store.remove(kt::paths::interfaces + "/2"); // now an address changes: the daemon gets an event
     synchronise();
     device.add_address("eth1", address);
     ASSERT_TRUE(settle());

@@ -2,7 +2,7 @@
 // sequences of operations, and the text form in which they are kept and replayed.
 //
 // A sequence is a list of bursts. Within a burst the operations follow each other at the burst's
-// pace; after it the world is left alone until it is quiet.
+// pace; after it nothing is done until the world is quiet.
 #pragma once
 
 #include <cstdint>
@@ -35,7 +35,7 @@ enum class Kind {
     gateway_set,     // slot, gateway, spelling
     gateway_bad,     // slot, which malformed text
     gateway_remove,  // slot
-    foreign,         // slot, which: something beside the mirrored leaves
+    foreign,         // slot, which: something other than the mirrored leaves
     interface_drop,  // slot: the interface's whole node
     touch,           // asks for a synchronisation
     daemon_stop,     // 1: killed; 0: in the orderly way
@@ -51,7 +51,7 @@ struct Operation {
 };
 
 // settled: quiet after each operation. slow: 20 to 80 ms between two. fast: up to 2 ms. frozen: the
-// daemon stands still meanwhile.
+// daemon is stopped meanwhile.
 enum class Pace { settled, slow, fast, frozen };
 
 struct Burst {
@@ -61,13 +61,14 @@ struct Burst {
 
 struct Sequence {
     std::uint32_t seed = 0; // also of the pauses within the bursts
-    int turn_delay = 0;     // milliseconds by which each turn of the daemon's loop is slowed down
+    int turn_delay = 0;     // milliseconds by which each cycle of the daemon is slowed down
     std::vector<Burst> bursts;
 };
 
 constexpr int slots = 3;
-constexpr int kernel_addresses = 6;   // 0..5 are anybody's
-constexpr int address_advertised = 6; // 6 and 7: what the slot's link forms in prefix 0 and 1
+constexpr int kernel_addresses = 6; // 0..5 are for any link
+constexpr int address_advertised =
+    6; // 6 and 7: the addresses that the slot's link forms in prefixes 0 and 1
 constexpr int address_link_local = 8; // the slot's own
 constexpr int prefixes = 2;
 
@@ -77,14 +78,14 @@ std::string gateway_text(int gateway);
 std::string prefix_text(int prefix);
 std::string hardware_address(int slot);
 std::string node_name(int node);
-std::string type_text(int type);          // 1..3; others are no type that is known
+std::string type_text(int type);          // 1..3; all others are unknown types
 std::string malformed_address(int which); // never a readable address
 std::string malformed_gateway(int which);
 // Another spelling of the same text; 0 is the kernel's.
 std::string spelled(const std::string &text, int spelling);
 
 // Relative to the node that holds the interfaces: a leaf that the daemon does not mirror; and the
-// one on which a touch asks for a synchronisation, of an interface that no link stands for.
+// leaf whose touch causes a synchronisation, of an interface without a link.
 std::string foreign_leaf(int number, int which);
 std::string touched_leaf();
 

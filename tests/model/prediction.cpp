@@ -17,14 +17,14 @@ bool declares_link_local_static(const DaemonModel::Link &link) {
                        });
 }
 
-// One way in which the world may go.
+// One possible course of events.
 class Course {
 public:
     Course(const State &start, Pace how_fast, std::uint32_t seed)
         : state(start), pace(how_fast), random(seed), eagerness(eagernesses[pick(4)]),
           wakes_late(pick(2) == 0) {}
 
-    // False when the kernel would have answered otherwise.
+    // False if the kernel would have answered differently.
     bool run(const std::vector<Done> &burst) {
         if (state.order_unseen) {
             for (auto &item : state.daemon.links) {
@@ -43,7 +43,8 @@ public:
                 }
                 state.kernel.routes_unsure = true;
             }
-            // Nobody knows whether this gateway was still there, and its edit an event.
+            // It is unknown whether this gateway was still there, and whether its edit caused an
+            // event.
             const Kind kind = done.operation.kind;
             if (state.kernel.routes_unsure && state.store_up && state.daemon.running &&
                 (kind == Kind::gateway_remove || kind == Kind::gateway_set)) {
@@ -66,7 +67,7 @@ public:
 
 private:
     bool apply(const Done &done);
-    // What the daemon holds of the operation's link is unknown, and so is what it did to it.
+    // The daemon's entry of the operation's link is unknown, and so are its changes of that link.
     bool is_open(const Operation &operation) const {
         if (!is_kernel_side(operation.kind)) {
             return false;
@@ -131,12 +132,12 @@ private:
         if (!kernel_waits && !store_waits) {
             return false;
         }
-        // Once the daemon has asked the store for something its next wake-up waits until it has
-        // served the kernel's notices, unless it was sent before.
+        // Once the daemon has made a request to the store, its next wake-up waits until it has
+        // handled the kernel's notifications, unless it was sent before.
         const bool store_first = !kernel_waits || ((woken || !state.daemon.busy) && pick(2) == 0);
         if (store_waits && store_first) {
             woken = false;
-            // Something may still be written before what was fetched is looked at.
+            // Something may still be written between the fetch and the reading.
             synchronisation_due = state.daemon.fetch(state.store);
         } else {
             state.daemon.serve_notice(state.kernel, state.store);
@@ -148,7 +149,7 @@ private:
 
     Pace pace;
     std::mt19937 random;
-    const int eagerness; // of the daemon: what it gets done at most between two operations
+    const int eagerness; // the most that the daemon can do between two operations
     // The store's wake-up, which waits for a pause after the daemon's requests, comes after the
     // burst.
     const bool wakes_late;
@@ -290,7 +291,7 @@ void Course::apply_to_processes(const Operation &operation) {
     woken = false;
     synchronisation_due = false;
     drain();
-    // The notice behind its registration may have been fetched just now.
+    // The notice after its registration may have been fetched just now.
     daemon.busy = pace != Pace::settled && pick(2) == 0;
     if (daemon.running) {
         state.order_unseen = false; // it has just read the kernel's order
@@ -386,7 +387,7 @@ Outcome describe(const KernelModel &kernel, const StoreModel &store) {
 
 namespace {
 
-// Items of which a course cannot know, because the start did not.
+// Items that a course cannot know, because they were unknown at its start.
 void add_unknown(const State &state, const Outcome &outcome, Prediction &prediction) {
     std::set<std::string> &doubtful = prediction.doubtful;
     if (state.kernel.routes_unsure) {

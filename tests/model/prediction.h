@@ -1,6 +1,6 @@
-// What has to come of a burst. The operations are carried out on models of kernel, store and
-// daemon, in many of the orders in which the daemon may have heard of them; where all of them agree
-// the outcome is determined.
+// The expected result of a burst. The operations are carried out on models of kernel, store and
+// daemon, in many of the orders in which the daemon may have been notified; where all orders agree,
+// the result is determined.
 #pragma once
 
 #include <map>
@@ -13,7 +13,7 @@
 
 namespace model {
 
-// An operation as it really went.
+// An operation with its real result.
 struct Done {
     Operation operation;
     int answer = 0; // the kernel's, an errno value; negative: there was nothing to do it on
@@ -25,14 +25,15 @@ struct State {
     StoreModel store;
     DaemonModel daemon;
     bool store_up = true;
-    // Slots of which the store does not show what the daemon holds, when the state was taken over.
+    // Slots for which the store did not show the daemon's entry when the state was adopted.
     std::set<int> unseen;
     // Slots whose link's own link-local address was declared Static: the daemon's table may then
-    // hold it twice, and hold one of the two for ever.
+    // have it twice, and keep one of the two for ever.
     std::set<int> doubled;
-    // Those for which a restart in this burst has ended that: what came of it before is unknown.
+    // Slots for which a restart in this burst has ended that: the effects before the restart are
+    // unknown.
     std::set<int> doubled_before;
-    bool order_unseen = false; // in which order the daemon holds its addresses
+    bool order_unseen = false; // the order of the addresses in the daemon's table
 };
 
 // Carries out a user's operation on the store.
@@ -43,19 +44,20 @@ using Outcome = std::map<std::string, std::string>;
 Outcome describe(const KernelModel &kernel, const StoreModel &store);
 
 struct Prediction {
-    Outcome determined;             // what is absent everywhere is not in it
+    Outcome determined;             // without items that are absent everywhere
     std::set<std::string> doubtful; // items for which the orders differ
-    std::set<std::string> open; // beginnings of items of which nothing is foreseen, absence neither
-    bool hidden = false;        // the orders differ in what the daemon remembers
-    bool impossible = false;    // the kernel's answers fit none of the orders tried
-    State state;                // of the first order
+    std::set<std::string>
+        open;                // prefixes of items about which nothing is predicted, not even absence
+    bool hidden = false;     // the orders differ in the daemon's state
+    bool impossible = false; // the kernel's answers fit none of the orders tried
+    State state;             // of the first order
 };
 
 Prediction predict(const State &start, Pace pace, const std::vector<Done> &burst,
                    std::uint32_t seed);
 
-// The state that stands behind a quiet world. `before` gives what cannot be seen: the names under
-// which the daemon knows the links.
+// The state of a quiet world. `before` supplies what cannot be seen: the names of the links in the
+// daemon's table.
 State adopt(const State &before, const KernelModel &kernel, const StoreModel &store);
 
 } // namespace model

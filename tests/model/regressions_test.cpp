@@ -1,4 +1,4 @@
-// Sequences that failed once, shortened, with what went wrong.
+// Shortened sequences that once failed, with the cause.
 
 #include <gtest/gtest.h>
 
@@ -38,26 +38,27 @@ TEST(RegressionTest, AnAdvertisedAddressThatIsAnnouncedAfterALaterOne) {
                        " kernel-add 0 1 64 1\n");
 }
 
-// What is written between the daemon's fetch of the events and its reading counts already.
+// A change between the daemon's fetch of the events and its reading is already included.
 TEST(RegressionTest, EditsThatComeBetweenTheFetchAndTheReading) {
     expect_as_foreseen("seed 664\nburst settled\n advertise 0 1 0\nburst fast\n route-add 0 0 4 0\n"
                        " store-address 0 1 1 64 0\n store-rename 0 1 2\n store-remove 0 0\n"
                        " store-type 0 1 0\n store-set 0 5 5 64 1 0\n");
 }
 
-// The store wakes the daemon later when it has just been asked for something.
+// The store wakes the daemon later if the daemon has just made a request.
 TEST(RegressionTest, ANewAddressThatIsServedBeforeAnEditThatWasMadeEarlier) {
     expect_as_foreseen("seed 27\nburst fast\n store-type 0 1 2\n store-address 0 0 0 64 0\n"
                        " kernel-lifetime 1 1 48\n kernel-add 0 3 64 0\n");
 }
 
-// Killed between a user's removal and its own part in it, the daemon finds the address still there.
+// If the daemon is killed between a user's removal and its own deletion, it finds the address still
+// there.
 TEST(RegressionTest, ADaemonThatIsKilledBeforeItHeardOfARemoval) {
     expect_as_foreseen("seed 95\nburst settled\n store-set 0 1 1 128 3 0\nburst fast\n"
                        " store-set 0 1 7 64 3 0\n daemon-stop 1\n daemon-start\n");
 }
 
-// An interface whose node was removed and comes back keeps what the daemon remembers of it.
+// An interface whose node was removed and created again keeps its entry in the daemon's table.
 TEST(RegressionTest, AnInterfaceNodeThatIsRemovedAndComesBack) {
     expect_as_foreseen("seed 100607\nburst slow\n store-type 0 0 3\n interface-drop 0\n"
                        "burst frozen\n gateway-set 0 1 0\n");
@@ -75,7 +76,7 @@ TEST(RegressionTest, AReplacedGatewayOfAnotherMetric) {
                        " store-set 1 2 8 48 3 1\n route-add 0 2 4 0\n store-set 1 1 1 64 3 2\n");
 }
 
-// Two that a daemon broken on purpose failed, and random sequences seldom hold.
+// Two sequences that a deliberately broken daemon failed, and that random sequences seldom contain.
 TEST(RegressionTest, AnAddressOnALinkWhoseInterfaceNodeIsGone) {
     expect_as_foreseen("seed 1\nburst settled\n interface-drop 0\n kernel-add 0 0 64 0\n");
 }
@@ -85,7 +86,7 @@ TEST(RegressionTest, AGatewayWhoseRouteWasSomebodyElses) {
                        " gateway-remove 0\n gateway-remove 0\n");
 }
 
-// The notice that follows a rebuild's registration keeps the daemon from the store's next wake-up.
+// The notice that follows a rebuild's registration delays the store's next wake-up.
 TEST(RegressionTest, AnEditBehindARebuildThatIsServedAfterTheKernelsReports) {
     expect_as_foreseen("seed 5000594\nburst settled\n kernel-add 0 4 64 0\nburst settled\n"
                        " store-set 0 4 4 48 3 0\nburst fast\n kernel-add 0 7 64 0\n"
@@ -93,22 +94,22 @@ TEST(RegressionTest, AnEditBehindARebuildThatIsServedAfterTheKernelsReports) {
                        " store-malformed 0 2 0\n kernel-add 0 2 64 0\n link-down 0\n");
 }
 
-// What the daemon remembers of a gateway outlives its interface's node, and replaces the route of
-// another protocol once the node is there again.
+// The daemon's record of a gateway outlives its interface's node, and replaces the route of another
+// protocol once the node exists again.
 TEST(RegressionTest, AGatewayOfAnotherProtocolThatBecomesStaticBehindAnInterfaceThatComesBack) {
     expect_as_foreseen("seed 5001457\nburst settled\n store-set 0 1 1 48 3 0\n route-add 0 2 3 0\n"
                        "burst settled\n gateway-set 0 2 0\n interface-drop 0\nburst settled\n"
                        " store-set 0 0 0 64 2 0\nburst settled\n");
 }
 
-// An address written back into an interface's node that is just being removed made the node anew.
+// An address written back while its interface's node was being removed created the node again.
 TEST(RegressionTest, AnInterfaceNodeThatIsRemovedWhileItsAddressIsWrittenBack) {
     expect_as_foreseen("seed 5002136\nburst fast\n store-remove 0 0\n interface-drop 0\n"
                        " store-set 2 2 2 64 3 0\n kernel-add 1 3 64 0\nburst fast\n link-down 0\n");
 }
 
-// A restart ends the doubt about a link-local address that was declared Static, but not about what
-// was done before.
+// After a restart the state of a link-local address that was declared Static is known again, but
+// not what was done before.
 TEST(RegressionTest, ARestartBehindALinkLocalAddressThatWasDeclaredStatic) {
     expect_as_foreseen("seed 6002097\nburst fast\n store-set 0 2 8 48 3 0\n link-down 0\n"
                        "burst settled\n store-set 0 2 2 128 3 0\n link-delete 0\n overflow\n");
@@ -122,16 +123,16 @@ TEST(RegressionTest, AGatewayThatIsRemovedBehindRoutesThatHidEachOther) {
                        " link-down 0\n gateway-remove 0\n");
 }
 
-// A synchronisation that has listed an interface's node and then finds nothing below it takes the
-// Static addresses out of the kernel; one that does not find the node leaves them.
+// A synchronisation that has listed an interface's node and then finds nothing below it removes the
+// Static addresses from the kernel; one that does not find the node keeps them.
 TEST(RegressionTest, AnInterfaceNodeThatGoesWhileItIsRead) {
     expect_as_foreseen("seed 8000463\nburst slow\n store-set 0 0 0 64 3 0\n"
                        " store-set 0 3 3 48 3 0\nburst fast\n kernel-lifetime 0 0 128\n"
                        " store-set 0 5 5 128 3 0\n interface-drop 0\n");
 }
 
-// The kernel's notices are served while the store still waits with its wake-up: the new address was
-// given the node that the user then wrote to.
+// The kernel's notifications are handled while the store still delays its wake-up: the new address
+// was given the node that the user then wrote to.
 TEST(RegressionTest, AnEditOfTheNodeThatANewAddressWasJustGiven) {
     expect_as_foreseen("seed 10002268\nburst settled\n store-set 1 1 1 48 3 0\n"
                        " kernel-add 0 1 128 0\nburst fast\n store-set 0 0 0 64 2 0\n"
@@ -139,7 +140,7 @@ TEST(RegressionTest, AnEditOfTheNodeThatANewAddressWasJustGiven) {
                        " kernel-add 0 3 128 0\n store-address 0 2 8 64 0\n");
 }
 
-// Foreseen whatever the orders are drawn from.
+// Predicted for any choice of random orders.
 TEST(RegressionTest, ANewAddressMayBeServedBeforeAllEditsOfABurst) {
     const std::string own = model::address_text(0, model::address_link_local);
     model::State seen;
@@ -163,16 +164,16 @@ TEST(RegressionTest, ANewAddressMayBeServedBeforeAllEditsOfABurst) {
     }
 }
 
-// While an interface has no node nothing shows what the daemon holds for Static on its link, and
-// removes from the kernel when the node comes back.
+// While an interface has no node, it is not visible which addresses of its link the daemon regards
+// as Static, and removes from the kernel when the node is created again.
 TEST(RegressionTest, AnAddressThatIsAddedAgainBehindAnInterfaceThatComesBack) {
     expect_as_foreseen("seed 10002960\nburst settled\n store-set 0 5 5 64 3 0\nburst settled\n"
                        " interface-drop 0\nburst settled\n store-set 0 3 3 64 3 0\n"
                        " kernel-add 0 5 64 1\n");
 }
 
-// One of two routes of one metric came in a way that was not foreseen, and is listed with the
-// other's protocol (11000215): what it is on its own is unknown.
+// One of two routes of one metric appeared in an unpredicted way, and is listed with the other's
+// protocol (11000215): its own protocol is unknown.
 TEST(RegressionTest, TheProtocolOfASiblingThatWasNotForeseenIsOpen) {
     const model::KernelRoute first{2, "fe80::2", 3, 1024};
     const model::KernelRoute second{2, "fe80::1", 4, 1024};

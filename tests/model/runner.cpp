@@ -23,7 +23,7 @@ bool is_stored(const StoreModel &store, int number, const std::string &address) 
     return false;
 }
 
-// Everything of one run that outlives a burst.
+// The state of one run between bursts.
 class Runner {
 public:
     explicit Runner(const Sequence &wanted) : sequence(wanted), world(wanted) {}
@@ -145,8 +145,8 @@ private:
         }
     }
 
-    // A user's edit may come in the middle of a synchronisation; the names that it gives then are
-    // not foreseen.
+    // A user's edit may occur during a synchronisation; the names that the daemon then chooses are
+    // not predicted.
     static void leave_names_open(const std::vector<Done> &done, Prediction &prediction) {
         for (const auto &one : done) {
             if (!is_store_side(one.operation.kind) || one.operation.arguments.empty()) {
@@ -163,7 +163,7 @@ private:
         }
     }
 
-    // A Static address that nobody but the user touched, and the user last wrote, is on both sides.
+    // A Static address that only the user changed, and that was last written, is on both sides.
     void check_last_words(const std::vector<Done> &done, const KernelModel &kernel,
                           const StoreModel &store);
     // Store and kernel say the same, per link with a node of its own.
@@ -204,7 +204,7 @@ void Runner::check_last_words(const std::vector<Done> &done, const KernelModel &
             return whole_link || same_address || one.operation.kind == Kind::advertise ||
                    one.operation.kind == Kind::store_rename;
         });
-        // What the user's own operations leave in the store, later ones included, is the measure.
+        // Compare with the result of all the user's operations on the store.
         StoreModel wish = state.store;
         for (const auto &one : done) {
             if (is_store_side(one.operation.kind) && one.answer == 0) {
@@ -325,7 +325,8 @@ bool fails(const Sequence &sequence, int &tries) {
     return !run(sequence).failure.empty();
 }
 
-// Leaves out as large a part of the list as can be spared, then ever smaller ones.
+// Omits parts of the list as long as the sequence still fails: first large parts, then ever smaller
+// ones.
 template <typename Item, typename Try>
 void reduce(std::vector<Item> &items, const Try &still_fails) {
     for (std::size_t size = items.size(); size > 0; size /= 2) {

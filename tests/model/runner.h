@@ -1,4 +1,4 @@
-// Carries a sequence out and judges what came of it.
+// Carries out a sequence and checks the result.
 #pragma once
 
 #include <cstddef>
@@ -10,8 +10,8 @@ namespace model {
 
 struct Verdict {
     std::string failure;          // empty: nothing was wrong
-    std::size_t items = 0;        // compared with the prediction or left open
-    std::size_t undetermined = 0; // left open, because the order of events was
+    std::size_t items = 0;        // compared with the prediction, or undetermined
+    std::size_t undetermined = 0; // not compared, because the order of events was unknown
     std::size_t operations = 0;
     std::size_t refused = 0; // Static addresses that the kernel refused
     std::string log;         // the daemon's last lines, when it failed
@@ -19,7 +19,7 @@ struct Verdict {
 
 Verdict run(const Sequence &sequence);
 
-// The shortest sequence found that still fails, trying at most so many.
+// The shortest sequence found that still fails, after at most this many attempts.
 Sequence shrink(const Sequence &failing, int tries);
 
 } // namespace model

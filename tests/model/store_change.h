@@ -1,4 +1,4 @@
-// What an operation of a user changes in the store; the model and the real world share it.
+// A user's operation as changes of the store, for both the model and the real store.
 #pragma once
 
 #include <functional>
@@ -16,8 +16,8 @@ struct StoreChange {
     std::string removed;                                    // then this node; empty: none
 };
 
-// `read` gives the present text of a leaf. Paths are relative to the node that holds the
-// interfaces. Kind::touch is not for here.
+// `read` returns the present text of a leaf. Paths are relative to the node that holds the
+// interfaces. Not for Kind::touch.
 StoreChange change_of(const Operation &operation,
                       const std::function<std::optional<std::string>(const std::string &)> &read);
 

@@ -12,7 +12,7 @@
 
 namespace model {
 
-// What the daemon can make of an interface's node.
+// The settings that the daemon can read from an interface's node.
 struct StoredAddress {
     std::string node;
     std::string text; // in the kernel's spelling
@@ -32,7 +32,7 @@ std::string type_leaf(int number, const std::string &node);
 std::string address_node(int number, const std::string &node);
 std::string gateway_node(int number);
 std::string gateway_leaf(int number);
-// An address text with its length, or a gateway's text without; nothing when it is malformed.
+// An address text with its length, or a gateway's text without one; empty if it is malformed.
 std::optional<std::pair<std::string, int>> read_address(const std::string &text, bool with_length);
 
 class StoreModel {
@@ -48,7 +48,7 @@ public:
     bool daemon_write(const pairs_t &leaves);
     bool daemon_remove(const std::string &node);
 
-    // Takes the waiting events; whether one of them is on a leaf that the daemon mirrors.
+    // Fetches the waiting events; whether one of them is on a leaf that the daemon mirrors.
     bool fetch();
 
     std::vector<StoredInterface> read() const;

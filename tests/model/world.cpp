@@ -100,7 +100,7 @@ void World::start() {
         up.insert(slot);
         coming_up.insert(slot);
     }
-    // A link that the daemon does not look at, for the noise that overflows its buffer.
+    // A link that the daemon ignores, for the notifications that overflow its buffer.
     device.add_veth("noise0", "noisepeer0", sandbox.neighbour());
     service.start();
     store_runs = true;
@@ -139,7 +139,7 @@ void World::await_kernel() {
         if (!kt::eventually([&] { return is_running(names[slot]); })) {
             throw std::runtime_error("no carrier on " + names[slot]);
         }
-        // Somebody may have deleted the address, so that it never comes.
+        // The address may have been deleted, so that it never appears.
         kt::eventually([&] { return !device.link_local(names[slot]).empty(); },
                        std::chrono::seconds(3));
     }
@@ -158,7 +158,7 @@ void World::await_kernel() {
     }
 }
 
-// Until nothing is left that anybody could still tell the daemon, nor what came of it.
+// Until nobody has anything left to report to the daemon, and it has handled everything.
 void World::rest() {
     await_kernel();
     if (!store_runs || daemon == nullptr) {
@@ -168,7 +168,7 @@ void World::rest() {
         throw std::runtime_error("the daemon does not come to rest");
     }
     if (sequence.turn_delay > 0) {
-        wait_milliseconds(100); // a slowed daemon is not back in its wait at once
+        wait_milliseconds(100); // a slowed daemon does not return to its wait at once
     }
 }
 
@@ -195,7 +195,7 @@ std::vector<Done> World::run(const Burst &burst) {
         pause(burst.pace);
     }
     if (burst.pace == Pace::frozen) {
-        wait_milliseconds(100); // the service may still hold the wake-up back
+        wait_milliseconds(100); // the service may still delay the wake-up
         daemon->thaw();
     }
     if (!store_runs) {
@@ -303,7 +303,7 @@ void World::link_operation(const Operation &operation, Done &done) {
         if (operation.kind == Kind::link_delete) {
             device.delete_link(names[slot]);
         } else {
-            // Out of the way of the next one that comes there.
+            // Give it another name, so that the next link moved there has room.
             const std::string other = "eth9" + std::to_string(++moved);
             device.rename(names[slot], other);
             device.move_link(other, sandbox.neighbour());
@@ -398,7 +398,7 @@ void World::process_operation(const Operation &operation) {
     }
 }
 
-// More notifications than the receive buffer takes, while the daemon stands still.
+// More notifications than fit the receive buffer, while the daemon is stopped.
 void World::overflow() {
     if (daemon == nullptr || !store_runs) {
         return;
@@ -500,8 +500,8 @@ std::string World::trouble() {
         found += "the daemon has " + std::to_string(descriptors) + " descriptors, it had " +
                  std::to_string(usual_descriptors) + "\n";
     }
-    // What the allocator and the C library keep for themselves is far less; AddressSanitizer,
-    // which keeps what was freed, has a search for leaks of its own.
+    // The allocator and the C library keep far less; AddressSanitizer, which keeps freed memory,
+    // has its own search for leaks.
     constexpr long tolerance = 16L << 10U;
     if (!under_sanitizer && memory > usual_memory + tolerance) {
         found += "the daemon's memory grew from " + std::to_string(usual_memory) + " to " +

@@ -1,4 +1,4 @@
-// Carries a sequence out on a real kernel, with the real daemon and the real store between it.
+// Carries out a sequence on a real kernel, with the real daemon and the real store.
 #pragma once
 
 #include <map>
@@ -19,18 +19,18 @@ public:
 
     // Two links, their store nodes, the store and the daemon, quiet.
     void start();
-    // Carries out one burst, starts again whatever stands still, and waits until all is quiet.
+    // Carries out one burst, starts everything that is stopped, and waits until all is quiet.
     std::vector<Done> run(const Burst &burst);
     // A synchronisation without a change, and quiet again.
     void touch();
-    // Ends the daemon in the orderly way; what was wrong, or nothing.
+    // Ends the daemon normally; returns what was wrong, or nothing.
     std::string finish();
 
     KernelModel seen_kernel();
     StoreModel seen_store();
 
-    // What must hold whatever was done: alive, no descriptor and no memory more than before, no
-    // rebuild that the last burst did not make. Nothing when all is well.
+    // Checks what must always hold: the daemon lives, has no more descriptors or memory than
+    // before, and has not rebuilt except because of the last burst. Empty if all is well.
     std::string trouble();
     // The daemon's lines since the last burst or touch began.
     std::vector<kt::line_t> recent_lines();

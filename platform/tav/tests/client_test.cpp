@@ -273,7 +273,7 @@ TEST_F(ClientTest, BadRegistrationsAreRefused) {
 
 namespace {
 
-// A client that watches "/n", and a change by somebody else that it has not fetched.
+// A client that watches "/n", with an unfetched change by another client.
 class StaleTest : public RunningStoreTest {
 protected:
     void SetUp() override {

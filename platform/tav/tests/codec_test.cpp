@@ -32,7 +32,7 @@ void expect_round_trip(const T &value) {
     EXPECT_EQ(body_of(second), bytes);
 
     for (std::size_t length = 0; length < bytes.size(); ++length) {
-        // A copy of exactly this size, so that a read beyond it is a read beyond an allocation.
+        // A copy of exactly this size, so that the address sanitizer reports a read beyond it.
         const std::string part = bytes.substr(0, length);
         Reader cut(part);
         T ignored{};

@@ -24,7 +24,8 @@ protected:
                                          "bind 'set show-all-if-ambiguous on'\n"
                                          "bind 'set page-completions off'\n"
                                          "source " TAV_COMPLETION "\n";
-        // Completion, known by its time limit, gets the real tool; the finished line is shown.
+        // Completion, which is recognised by its time limit, calls the real tool; the finished
+        // command line is printed.
         std::filesystem::create_directory(dir.file("bin"));
         std::ofstream(dir.file("bin/tav"))
             << "#!/bin/sh\n"
@@ -41,7 +42,8 @@ protected:
         ::setenv("PATH", path.c_str(), 1);
     }
 
-    // What the shell passes to the command after `line`, with its tabs, was typed.
+    // The arguments that the shell passes to the command after `line`, including its tabs, was
+    // typed.
     std::string completed(const std::string &line) {
         ::setenv("PATH", (dir.file("bin:") + path).c_str(), 1);
         Terminal shell({"/bin/bash", "--noprofile", "--rcfile", dir.file("rc"), "-i"});
@@ -118,7 +120,7 @@ TEST_F(CompletionTest, WithoutAServiceNothingIsOffered) {
 }
 
 TEST_F(CompletionTest, OffersEveryCommandAndLongOptionThatHelpLists) {
-    // The two functions, asked without a terminal.
+    // The two functions, called without a terminal.
     const auto offered = [this](const std::string &line) {
         const Ran ran = run(dir, {"/bin/bash", "-c",
                                   "source " TAV_COMPLETION

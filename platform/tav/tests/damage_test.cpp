@@ -1,4 +1,5 @@
-// A database that cannot be used: the service says so, says what to do, and leaves it alone.
+// A database that cannot be used: the service reports it, says what to do, and does not change the
+// file.
 #include "support/store_fixture.h"
 
 #include <sqlite3.h>
@@ -28,7 +29,7 @@ void write_file(const std::string &file, const std::string &content) {
 
 class DamageTest : public StoreTest {
 protected:
-    // A database of many pages, its service ended in good order.
+    // A database of many pages, whose service has exited normally.
     void SetUp() override {
         start(on_disk);
         Names paths;

@@ -1,5 +1,5 @@
-// The descriptor that a client waits on, against the real service. No verdict here comes from
-// something having been quick: lower bounds only.
+// The descriptor that a client waits on, against the real service. No test here depends on speed:
+// times are compared with lower bounds only.
 #include "support/store_fixture.h"
 
 #include <atomic>
@@ -73,7 +73,7 @@ TEST_F(DescriptorTest, WhoLeavesEventsUnfetchedIsLeftInPeaceAfterTwoPings) {
     client->ping();
     std::this_thread::sleep_for(milliseconds(120));
     EXPECT_FALSE(readable(client->fd()));
-    // A later fetch delivers all the same.
+    // A later fetch still delivers the events.
     EXPECT_EQ(client->fetch(), Names{"2 /n/1"});
 }
 

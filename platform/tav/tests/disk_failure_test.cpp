@@ -1,5 +1,5 @@
-// The service on a disk that fails it: nothing that was refused is ever there, what was there stays
-// readable, and when the disk is well again so is the service.
+// The service on a failing disk: a refused write is never stored, the existing content stays
+// readable, and when the disk works again, so does the service.
 #include "support/store_fixture.h"
 
 #include <cerrno>
@@ -101,7 +101,7 @@ TEST_P(FailingDiskTest, WhenTheDiskIsWellAgainWritesAreAccepted) {
 TEST_P(FailingDiskTest, WhatWasRefusedIsNotThereAfterAKillEither) {
     fail();
     expect_refused();
-    // The disk stays ill until the service is dead.
+    // The disk keeps failing until the service is dead.
     client.reset();
     tavd->signal(SIGKILL);
     tavd->wait();
@@ -125,7 +125,7 @@ TEST_P(FailingDiskTest, ItCanBeStoppedAndStartedAgain) {
 
 namespace {
 
-// A file system of half a megabyte that only the service sees; the test looks into it through the
+// A file system of half a megabyte that only the service sees; the test reads it through the
 // service's root directory.
 class FullDiskTest : public StoreTest {
 protected:
@@ -178,7 +178,7 @@ protected:
         prefix = {"/usr/bin/env", "LD_PRELOAD=" TAV_DISK_PRELOAD, "TAV_DISK_FAULT=" + plan,
                   "ASAN_OPTIONS=verify_asan_link_order=0"};
     }
-    // What a write gives when nothing can be synced.
+    // The result of a write when nothing can be synced.
     api_status_t write_without_sync(const Names &options) {
         Names all{"--database", dir.file("store.db")};
         all.insert(all.end(), options.begin(), options.end());

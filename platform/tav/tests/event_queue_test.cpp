@@ -1,4 +1,4 @@
-// The queue of a client's events, and which events get there.
+// The queue of a client's events, and which events are added to it.
 #include <gtest/gtest.h>
 
 #include "protocol/limits.h"

@@ -1,4 +1,4 @@
-// The client library against a service that is played by hand.
+// The client library against a service that the test plays.
 #include "support/raw_peer.h"
 #include "support/store_fixture.h"
 
@@ -13,8 +13,8 @@ namespace {
 
 class LibraryTest : public StoreTest {
 protected:
-    // A client of a service that answers one request with whatever `answer` makes of its serial
-    // number, then leaves the connections open until the client closes them.
+    // A client of a service that answers one request with the result of `answer` for its serial
+    // number, then keeps the connections open until the client closes them.
     void play_answer(std::function<std::string(std::uint32_t)> answer) {
         service = std::make_unique<FakeService>(
             socket, [answer = std::move(answer)](RawPeer &calls, RawPeer &) {
@@ -23,7 +23,7 @@ protected:
             });
     }
 
-    // The answer makes the connection useless: this call fails, and each later one.
+    // The answer makes the connection unusable: this call fails, and each later one.
     void expect_refused(const std::string &why) {
         Client client;
         ASSERT_TRUE(client.connected());
@@ -46,7 +46,7 @@ void put_status(Writer &out) {
 } // namespace
 
 TEST_F(LibraryTest, AReplyThatAcknowledgesDrainsExactlyOneByte) {
-    // The second byte stands for an event that came between the reply and the drain.
+    // The second byte belongs to an event between the reply and the drain.
     FakeService fake(socket, [](RawPeer &calls, RawPeer &wake) {
         const std::uint32_t serial = serial_of(calls.receive());
         wake.send(std::string(2, tav::wake_byte));
@@ -112,7 +112,7 @@ TEST_F(LibraryTest, APingIsNotAnsweredAndAcknowledgesWhatTwoOfThemFound) {
 
 TEST_F(LibraryTest, AFetchBetweenTwoPingsKeepsTheNextByte) {
     FakeService fake(socket, [](RawPeer &calls, RawPeer &wake) {
-        wake.send(std::string(2, tav::wake_byte)); // the second one stands for a later event
+        wake.send(std::string(2, tav::wake_byte)); // the second one belongs to a later event
         calls.receive();
         const std::uint32_t serial = serial_of(calls.receive());
         calls.send(reply_frame(serial, true, [](Writer &out) {

@@ -1,4 +1,4 @@
-// What one client may take from the others, and that each limit is named and counted.
+// How far one client may affect the others, and that each limit is named and counted.
 #include "support/raw_peer.h"
 #include "support/store_fixture.h"
 
@@ -114,7 +114,7 @@ TEST_F(LimitsTest, ACallHasOnlySoManyPaths) {
     const Names most(limits::paths_per_request, "/n");
     EXPECT_EQ(good->set_all(most, Names(most.size(), "x")).back(), api_status_ok);
     EXPECT_EQ(shown("paths of a call").used, limits::paths_per_request);
-    // The library does not send more, and another one that does is no client.
+    // The library never sends more, so a client that does is disconnected.
     Names more = most;
     more.push_back("/n");
     EXPECT_EQ(good->set_all(more, Names(more.size(), "x")).back(), api_status_too_large);
@@ -139,7 +139,7 @@ TEST_F(LimitsTest, AUserHasOnlySoManyConnectionsAndIsToldSo) {
         }
         all.push_back(std::move(client));
     }
-    // Two each, and the fixture's own.
+    // Two per client, and those of the fixture.
     EXPECT_EQ(all.size(), limits::connections_per_user / 2 - 1);
     ASSERT_EQ(reports().size(), 1U);
     EXPECT_EQ(reports()[0].second, "cannot connect to the settings service at " + socket +
@@ -148,7 +148,7 @@ TEST_F(LimitsTest, AUserHasOnlySoManyConnectionsAndIsToldSo) {
     EXPECT_EQ(limit.used, limits::connections_per_user);
     EXPECT_EQ(limit.refused, 1U);
     all.pop_back();
-    // The service learns of the end in its own time.
+    // The service notices the end after a while.
     Client fresh;
     for (int i = 0; i < 6000 && !fresh.connected(); ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
@@ -187,7 +187,7 @@ TEST_F(LimitsTest, ClientsThatDoNotReadLargeRepliesAreEndedBeforeTheyCostTooMuch
 }
 
 TEST_F(LimitsTest, WhoSendsAheadIsServedInTurnWithTheOthers) {
-    // Both requests and the flood are there when the service looks for the first time.
+    // Both requests and the flood have arrived before the service reads for the first time.
     constexpr int ahead = 1000;
     RawClient flood(socket);
     RawClient other(socket);
@@ -243,7 +243,7 @@ TEST(Rate, AShareOfEachSliceAndNoMore) {
 }
 
 TEST_F(LimitsTest, AFloodLosesNothing) {
-    // More than two shares, while another client is served all the time.
+    // More than two shares, while another client is always served.
     constexpr int requests = limits::requests_per_second / 10 * 5 / 2;
     RawClient flood(socket);
     std::string frames;

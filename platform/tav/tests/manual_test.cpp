@@ -1,4 +1,4 @@
-// The manual pages say what the programs do.
+// The manual pages agree with the programs.
 #include "support/tool_fixture.h"
 
 #include "protocol/limits.h"

@@ -29,7 +29,7 @@ using Names = std::vector<std::string>;
 constexpr uid_t stranger = 54321;
 constexpr gid_t no_group = 54321;
 
-// Groups that every system of this kind has.
+// Groups that every such system has.
 constexpr gid_t writers = 1;
 constexpr gid_t readers = 2;
 
@@ -56,7 +56,7 @@ protected:
         start(all);
     }
 
-    // What `act` gives when another user does it.
+    // The result of `act` when another user runs it.
     static std::string as(uid_t user, gid_t group, const std::vector<gid_t> &groups,
                           const std::function<std::string()> &act) {
         int ends[2] = {-1, -1};
@@ -236,7 +236,7 @@ TEST_F(RightsTest, StatusTellsWhoMayWrite) {
 
 namespace {
 
-// Another user's process that holds as many clients as it was given.
+// Another user's process with the given number of clients.
 class Crowd {
 public:
     explicit Crowd(uid_t user) {

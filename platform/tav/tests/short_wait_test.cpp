@@ -1,4 +1,4 @@
-// Looking again before sleeping.
+// Polling before sleeping.
 #include <gtest/gtest.h>
 
 #include <sched.h>
@@ -29,7 +29,7 @@ TEST(ShortWaitTest, ThereIsALookWhereAnotherProcessorCanBringSomething) {
     EXPECT_EQ(wait.goes_on(), usable_processors() > 1);
 }
 
-// In a process of its own: the number of processors is asked for once.
+// In a separate process: the number of processors is determined once per process.
 TEST(ShortWaitTest, ThereIsNoneOnTheOnlyProcessor) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(

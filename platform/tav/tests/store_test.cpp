@@ -67,7 +67,7 @@ protected:
                                               : "status " + std::to_string(answer.status);
     }
 
-    // Everything the tree holds, to compare before and after.
+    // The complete content of the tree, to compare before and after.
     std::string picture() {
         std::string all;
         walk("/", store->tree().root(), [&all](const std::string &path, const Element &element) {
@@ -260,7 +260,7 @@ TEST_F(StoreUnit, AReplacedSubtreeKeepsTheGivenTimesAndReportsOnlyContent) {
               Names{"2 /a/2"});
     EXPECT_EQ(read("/a/1").value.time, 20);
     EXPECT_EQ(storage->commits, 1);
-    // What was committed is what the memory holds.
+    // The committed content is the content in memory.
     for (const Change &change : storage->last) {
         if (change.path == "/a/1") {
             EXPECT_EQ(change.after->time, 20);

@@ -1,4 +1,4 @@
-// The service as a process: start, end, what survives, and clients that misbehave.
+// The service as a process: start, exit, what survives, and clients that misbehave.
 #include "support/raw_peer.h"
 #include "support/store_fixture.h"
 
@@ -203,7 +203,7 @@ TEST_F(TavdTest, AnAcknowledgedWriteSurvivesAKillAndNoTransactionIsThereInPart) 
         Client client;
         const std::string a = client.get("/n/a");
         EXPECT_EQ(a, client.get("/n/b"));
-        // The last one may have been committed without anybody having been told.
+        // The last one may have been committed without being acknowledged.
         EXPECT_GE(std::stoi(a), acknowledged);
         EXPECT_LE(std::stoi(a), acknowledged + 1);
         last = std::stoi(a);

@@ -1,5 +1,6 @@
-// Who is served when: the service's loop with real connections and a clock that the test moves.
-// What clients send while the loop does not run is there when it looks for the first time.
+// Which client is served when: the service's loop with real connections and a clock that the test
+// moves. What clients send while the loop does not run has arrived when it reads for the first
+// time.
 #include "support/raw_peer.h"
 #include "support/store_fixture.h"
 
@@ -72,7 +73,7 @@ protected:
             ASSERT_FALSE(client.calls.receive().empty()) << i;
         }
     }
-    // What each of so many reads found.
+    // The values found by `count` reads.
     static std::vector<int> take_numbers(RawClient &client, int number) {
         std::vector<int> found;
         for (int i = 0; i < number; ++i) {
@@ -92,7 +93,7 @@ protected:
         return service.usage().status().at(static_cast<std::size_t>(tav::Limit::request_rate));
     }
 
-    // In parts, each served before the next: no more than a socket's buffer holds at once.
+    // In parts that fit a socket's buffer, each served before the next.
     void use_up_share(RawClient &client) {
         while_served([&] {
             for (int done = 0; done < share; done += 100) {
@@ -102,7 +103,7 @@ protected:
         });
     }
 
-    std::atomic<int> milliseconds{1000000}; // not every processor has atomic numbers of 64 bits
+    std::atomic<int> milliseconds{1000000}; // not every processor has 64-bit atomics
     tav::Store store;
     tav::Service service;
     tav::Listener listener;
@@ -115,7 +116,7 @@ protected:
 } // namespace
 
 TEST_F(TurnsTest, AClientThatIsAloneIsServedBeyondItsShare) {
-    // Others are connected, and were served a moment ago.
+    // Other clients are connected, and were just served.
     send_reads(*second, 1);
     while_served([&] { take_replies(*second, 1); });
     for (int i = 0; i < 3; ++i) {

@@ -1,12 +1,12 @@
-// Every interleaving of a small world: a client that waits, pings, fetches and works as the
-// library's users do, a writer, the passing of time, and the wake-up rules of service and library,
-// the real ones.
+// Every interleaving of a small world: a client that waits, pings, fetches and works like the
+// library's users, a writer, the passing of time, and the real wake-up rules of service and
+// library.
 //
 // The service handles a request at one moment; the reply reaches the client at a later one, and
-// anything may happen in between. Pings have no reply: the client goes on, and the service handles
-// them some time before the next request. The client is in normal operation (it fetches whenever
-// its wait saw the descriptor readable) or in discovery (it leaves events unfetched); it may pass
-// from discovery to normal operation once, which it begins with a request.
+// anything may happen in between. Pings have no reply: the client continues, and the service
+// handles them at some time before the next request. The client is in normal operation (it fetches
+// whenever its wait saw the descriptor readable) or in discovery (it does not fetch events); it may
+// change from discovery to normal operation once, with a request.
 #include <gtest/gtest.h>
 
 #include <set>
@@ -41,7 +41,7 @@ struct World {
     int other_readiness = 0; // waits that end because of another descriptor
     int requests = 0;
     bool discovery = false;
-    bool resuming = false; // discovery is over, but the service has not heard of it
+    bool resuming = false; // discovery is over, but the service does not know yet
 
     int pending = 0; // events in the client's queue
     int bytes = 0;   // in the wake-up connection
@@ -49,7 +49,7 @@ struct World {
     int pings = 0; // on their way
     Attention attention;
     bool saw = false;      // the last wait saw the descriptor readable
-    bool drain = false;    // the reply on its way says so
+    bool drain = false;    // the pending reply says so
     int shown = 0;         // waits that saw the present byte
     int silent_since = -1; // events wait and the descriptor is silent; -1: not so
     int acknowledged = -1; // when a byte was acknowledged without a fetch
@@ -92,13 +92,13 @@ private:
     }
 
     static void check(const World &world) {
-        // The descriptor is readable exactly while the service holds the client for signalled,
+        // The descriptor is readable exactly while the service regards the client as signalled,
         // except between a reply that acknowledges and the drain.
         EXPECT_EQ(world.bytes, (world.wake.signalled() ? 1 : 0) + (world.drain ? 1 : 0));
-        // (b) A byte is shown to two waits at most when nobody fetches.
+        // (b) Without a fetch, at most two waits see a byte.
         EXPECT_LE(world.shown, 2);
-        // (a), (d) While a client in normal operation waits, a byte is under way for what it has
-        // not fetched, and comes in time.
+        // (a), (d) While a client in normal operation waits, a byte is on its way for unfetched
+        // events, and arrives in time.
         if (!world.discovery && world.phase == Phase::waiting && world.silent_since >= 0) {
             const auto due = world.wake.due();
             ASSERT_TRUE(due.has_value()) << "events would stay unfetched for ever";
@@ -132,7 +132,7 @@ private:
             World next = world;
             next.wake.sent();
             ++next.bytes;
-            // (b) After an acknowledgement without a fetch the next one takes its time.
+            // (b) After an acknowledgement without a fetch the next byte is delayed.
             if (next.acknowledged >= 0) {
                 EXPECT_GE(next.time - next.acknowledged, wake_pause.count());
             }
@@ -225,11 +225,11 @@ private:
             ASSERT_GT(world.bytes, 0) << "the byte to drain is not there";
             --world.bytes;
             world.drain = false;
-            world.shown = 0; // a byte that is left is a new one
+            world.shown = 0; // a remaining byte is a new one
         }
     }
 
-    // After its turn the client may make a request, or waits again.
+    // After its cycle the client may make a request, or wait again.
     void go_on(World world) {
         if (world.requests > 0 && !world.discovery) {
             World working = world;

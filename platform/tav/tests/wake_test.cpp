@@ -15,7 +15,7 @@ class WakeTest : public ::testing::Test {
 protected:
     void pass(int ms) { now += milliseconds(ms); }
     bool is_due() const { return wake.due() && *wake.due() <= now; }
-    // Milliseconds from now until the byte is due; -1 when none is wanted.
+    // Milliseconds from now until the byte is due; -1 if none is.
     long long wait() const {
         return wake.due() ? std::chrono::duration_cast<milliseconds>(*wake.due() - now).count()
                           : -1;
@@ -130,7 +130,7 @@ TEST_F(WakeTest, ButAtMostOneSecondInAll) {
     EXPECT_EQ(wait_while([&] { wake.request(now, true); }), 1000);
 }
 
-// A slow client needs longer than the pause for what its last synchronisation brought about.
+// A slow client needs longer than the pause to handle the results of its last synchronisation.
 TEST_F(WakeTest, APingShowsThatTheClientIsStillAtWork) {
     wake.request(now, false);
     wake.event(now);

@@ -48,7 +48,8 @@ std::vector<unsigned char> compose(const std::vector<std::string> &prefixes,
 int open_socket(const std::string &link) {
     const int fd = socket(AF_INET6, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_ICMPV6);
     const int index = static_cast<int>(if_nametoindex(link.c_str()));
-    const int hops = 255; // advertisements with less are ignored: they might come from afar
+    const int hops =
+        255; // advertisements with less are ignored, because they might come from another network
     if (fd < 0 || index == 0 ||
         setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, &index, sizeof index) != 0 ||
         setsockopt(fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, &hops, sizeof hops) != 0) {
@@ -88,7 +89,7 @@ Advertiser::~Advertiser() {
 
 void Advertiser::work() const {
     while (!stopping) {
-        // Refused until the link has its own address; the next one gets through then.
+        // Refused until the link has its own address; a later one succeeds.
         send_to_everyone(fd, advertisement);
         usleep(75000);
     }

@@ -1,5 +1,5 @@
-// What the processes under test write, collected line by line while the test does something else:
-// the standard error of each, and the messages that reach the private log socket.
+// The output of the processes under test, collected line by line while the test does something
+// else: the standard error of each, and the messages that reach the private log socket.
 #pragma once
 
 #include <chrono>
@@ -15,8 +15,8 @@ namespace kt {
 
 using clock_type = std::chrono::steady_clock;
 
-// How long a test waits for something that is to happen. Reached only when the test fails, so it
-// leaves room for a loaded machine and an instrumented build.
+// How long a test waits for an expected event. It is reached only if the test fails, so it is long
+// enough for a loaded machine and an instrumented build.
 constexpr std::chrono::seconds patience{60};
 
 struct line_t {
@@ -42,8 +42,8 @@ public:
     long find(const std::string &whole_line, std::size_t from = 0) const;
     long find_containing(const std::string &part, std::size_t from = 0) const;
 
-    // Each waits until the line is there, at or behind `from`, and returns its position plus one
-    // (so that the next wait may continue behind it), or 0 after `limit`.
+    // Each waits for the line, from position `from` on, and returns its position plus one (so that
+    // the next wait can continue after it), or 0 after `limit`.
     std::size_t wait_for(const std::string &whole_line, std::size_t from = 0,
                          std::chrono::milliseconds limit = patience);
     std::size_t wait_for_containing(const std::string &part, std::size_t from = 0,

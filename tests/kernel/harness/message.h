@@ -1,4 +1,4 @@
-// Netlink messages: building what a test sends, taking apart what the kernel answers.
+// Netlink messages: building those that a test sends, and parsing the kernel's answers.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@
 
 namespace kt {
 
-// Builds one netlink message: a header of type T behind the netlink header, then attributes.
+// Builds one netlink message: a header of type T after the netlink header, then attributes.
 class Message {
 public:
     Message(std::uint16_t type, std::uint16_t flags);
@@ -25,7 +25,7 @@ public:
     Message &attribute(std::uint16_t type, const void *data, std::size_t size);
     Message &attribute(std::uint16_t type, const std::string &text); // with its terminator
     Message &attribute(std::uint16_t type, std::uint32_t value);
-    // An attribute that holds attributes: everything added until the matching end.
+    // An attribute that contains attributes: everything added until the matching end.
     std::size_t begin(std::uint16_t type);
     void end(std::size_t nest);
     void append_bytes(const void *data, std::size_t size);
@@ -38,7 +38,7 @@ private:
     std::vector<unsigned char> content; // what follows the header
 };
 
-// Copies a T from wherever it lies.
+// Copies a T from any address.
 template <typename T>
 T read_as(const unsigned char *bytes) {
     T value{};

@@ -22,7 +22,7 @@ struct spawn_options_t {
     std::vector<int> closed = {};                   // of the descriptors 0 to 2
 };
 
-// With the preloaded library in front, which those variables tell what to do.
+// With the preloaded library, which these variables control.
 spawn_options_t preloaded(std::map<std::string, std::string> environment);
 
 class Process {
@@ -40,9 +40,9 @@ public:
     void freeze() const;
     void thaw() const { signal(SIGCONT); }
 
-    // Waits for the end; the result of waitpid, or -1 when it goes on living.
+    // Waits for the end; the result of waitpid, or -1 if it keeps running.
     int wait(std::chrono::milliseconds limit = patience);
-    // The exit status, or -1 when it did not exit by itself in time.
+    // The exit status, or -1 if it did not exit by itself in time.
     int wait_exit(std::chrono::milliseconds limit = patience);
     // The signal that ended it, or -1.
     int wait_killed(std::chrono::milliseconds limit = patience);

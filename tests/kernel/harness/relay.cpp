@@ -69,7 +69,7 @@ bool Relay::pass(const pair_t &pair, bool from_client) {
     if (length <= 0) {
         return false;
     }
-    // The client waits for each answer, so that what arrives at once is one request.
+    // The client waits for each answer, so bytes that arrive together are one request.
     if (from_client && cuts_left > 0 && ++requests == 3) {
         requests = 0;
         --cuts_left;
@@ -90,7 +90,7 @@ void Relay::work() {
         if (poll(polled.data(), polled.size(), 20) <= 0) {
             continue;
         }
-        // One source a round: serving it may change the list.
+        // One source per round: serving it may change the list.
         for (std::size_t i = 0; i < polled.size(); ++i) {
             if (polled[i].revents == 0) {
                 continue;

@@ -1,4 +1,4 @@
-// Stands between a client and the service's socket and cuts the connections in the middle.
+// Relays between a client and the service's socket, and cuts connections in the middle.
 #pragma once
 
 #include <atomic>
@@ -10,9 +10,9 @@ namespace kt {
 
 class Relay {
 public:
-    // Listens at `path` and passes everything on to `service`. A client's third request, counted
-    // over all its connections, is not passed on: its connections are closed instead. After that
-    // has happened `cuts` times everything is passed on.
+    // Listens at `path` and relays everything to `service`. A client's third request, counted over
+    // all its connections, is not relayed: its connections are closed instead. After that has
+    // happened `cuts` times, everything is relayed.
     Relay(const std::string &path, std::string service, int cuts);
     ~Relay();
     Relay(const Relay &) = delete;
@@ -26,7 +26,7 @@ private:
 
     void work();
     void accept_client();
-    // False when the pair has come to its end.
+    // False when one connection of the pair has ended.
     bool pass(const pair_t &pair, bool from_client);
     void close_all();
 

@@ -18,8 +18,8 @@ public:
     Router(Sandbox &sandbox, std::string link);
 
     // Advertises the /64 prefixes some ten times a second until stopped. With `as_gateway` false
-    // the router offers itself for no traffic, so that no default route comes of it. The router is
-    // radvd, or, where that is not installed, the test itself.
+    // the router does not offer itself as a default router, so that no default route results. The
+    // router is radvd or, if that is not installed, the test itself.
     void start(const std::vector<std::string> &prefixes, bool as_gateway = false);
     void stop();
 

@@ -1,7 +1,6 @@
-// Requests to the kernel's routing subsystem as a test makes them: links, addresses and routes of
-// one network namespace. Waits for the kernel's answer to each. Everything throws
-// std::runtime_error when the kernel refuses, but for the try_ functions, which return the errno
-// value (0: done).
+// A test's requests to the kernel's routing subsystem: links, addresses and routes of one network
+// namespace. Waits for the kernel's answer to each. Everything throws std::runtime_error if the
+// kernel refuses, except the try_ functions, which return the errno value (0: done).
 #pragma once
 
 #include <cstdint>
@@ -21,7 +20,7 @@ struct kernel_link_t {
     std::string hardware_address; // "00:1a:2b:3c:4d:5e"
 };
 
-// An IPv6 address of a link, as the kernel has it.
+// An IPv6 address of a link in the kernel.
 struct kernel_address_t {
     std::string text;        // "2001:db8::5/64"
     std::uint32_t flags = 0; // IFA_F_...
@@ -29,7 +28,7 @@ struct kernel_address_t {
     std::uint32_t valid_seconds = 0; // 0xffffffff: for ever
 };
 
-// What may be said about an address that is added.
+// Options for adding an address.
 struct address_options_t {
     std::uint32_t flags = 0;
     std::uint32_t valid_seconds = 0; // 0: no life times are sent
@@ -41,7 +40,7 @@ struct address_options_t {
 struct kernel_route_t {
     std::string destination = "::/0";
     std::string gateway{}; // empty: none
-    std::string link{};    // name; empty: none (a multipath route, say)
+    std::string link{};    // name; empty: none (for example a multipath route)
     std::uint8_t protocol = 4;
     std::uint32_t metric = 0; // 0: the kernel's own choice
     std::uint32_t table = 254;

@@ -90,8 +90,8 @@ std::vector<process_info_t> processes_in(const std::set<ino_t> &namespaces) {
     return found;
 }
 
-// Ends every process of the namespaces but those spared, also those that are being forked
-// meanwhile.
+// Ends every process of the namespaces except `spared`, including those that are forked in the
+// meantime.
 void kill_processes(const std::set<ino_t> &namespaces, const std::set<pid_t> &spared) {
     for (int round = 0; round < 500; ++round) {
         bool any = false;
@@ -234,8 +234,8 @@ void Sandbox::make_private_dev() {
     lines->watch_log_socket(fd, log);
 }
 
-// A process that outlives the test by a moment: when the test is gone, for whatever reason, it ends
-// what is left in the namespaces and removes the directory.
+// A process that outlives the test: when the test has ended for any reason, it ends the remaining
+// processes in the namespaces and removes the directory.
 void Sandbox::start_guard() {
     int ends[2];
     if (pipe2(static_cast<int *>(ends), O_CLOEXEC) != 0) {
@@ -251,7 +251,7 @@ void Sandbox::start_guard() {
         return;
     }
     close(ends[1]);
-    setsid(); // an interrupt from the terminal is the test's business
+    setsid(); // the test handles an interrupt from the terminal
     const pid_t test = getppid();
     char byte = 0;
     while (read(ends[0], &byte, 1) < 0 && errno == EINTR) {

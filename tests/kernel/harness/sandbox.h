@@ -1,10 +1,10 @@
-// A world of its own for one test: private network namespaces (the device's, which the test itself
-// lives in from then on, and a neighbour's), a private /dev with a log socket that the test reads,
-// and a directory for sockets and databases. Needs root or the right to create user namespaces.
+// A private environment for one test: network namespaces (the device's, which the test itself
+// enters, and a neighbour's), a /dev with a log socket that the test reads, and a directory for
+// sockets and databases. Needs root or permission to create user namespaces.
 //
-// Every process that lives in one of the two network namespaces belongs to the test. All of them
-// are ended, and the directory is removed, when the sandbox is destroyed, and also when the test
-// process dies before that.
+// Every process in one of the two network namespaces belongs to the test. All of them are ended,
+// and the directory is removed, when the sandbox is destroyed, and also when the test process dies
+// before that.
 #pragma once
 
 #include <memory>
@@ -40,10 +40,10 @@ public:
     // Without a trailing "/".
     const std::string &directory() const { return dir; }
     Collector &collector() { return *lines; }
-    // What arrived on /dev/log.
+    // The messages received on /dev/log.
     LineLog &syslog() { return *log; }
 
-    // All processes of the two namespaces but the test itself.
+    // All processes of the two namespaces except the test itself.
     std::vector<process_info_t> processes() const;
 
     // Whether the test has the privileges of the machine's root, not only of a user namespace.
@@ -69,7 +69,7 @@ void write_file(const std::string &path, const std::string &text);
 // The file's content; empty when it cannot be read.
 std::string read_file(const std::string &path);
 
-// While it lives, the calling thread is in another network namespace.
+// During its lifetime the calling thread is in another network namespace.
 class NamespaceVisit {
 public:
     explicit NamespaceVisit(int namespace_fd);

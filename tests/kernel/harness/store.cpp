@@ -28,8 +28,8 @@ std::string type_value(int interface, const std::string &node) {
 
 namespace {
 
-// The test's own calls may take their time on a loaded machine; the library reads both variables
-// when it connects. The processes under test do not inherit them.
+// The test's own calls may be slow on a loaded machine; the library reads both variables when it
+// connects. The processes under test do not inherit them.
 mlr_client_t *connect_patiently(const std::string &socket_path) {
     setenv("TAV_SOCKET", socket_path.c_str(), 1);
     setenv("TAV_TIMEOUT_MS", "60000", 1);

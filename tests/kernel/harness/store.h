@@ -20,8 +20,8 @@ public:
     enum class Keep { memory, database };
 
     Service(Sandbox &sandbox, Keep keep);
-    // Returns once the service answers. With a plan (see faults/plan.h) it is the one that stages
-    // faults for the daemon's connection.
+    // Returns once the service answers. With a plan (see faults/plan.h) it is the service that
+    // injects faults into the daemon's connection.
     void start(const std::string &fault_plan = "");
     void stop();  // SIGTERM
     void crash(); // SIGKILL
@@ -81,7 +81,7 @@ public:
     std::optional<std::string> read(const std::string &path);
     std::vector<toolkit::child_t> list(const std::string &path);
 
-    // Shorthands for an interface's settings.
+    // Short forms for an interface's settings.
     void make_interface(int interface); // a node, without a setting that the daemon looks at
     void set_address(int interface, const std::string &node, const std::string &address,
                      const std::string &type = "Static");
@@ -95,7 +95,7 @@ public:
     std::optional<std::string> gateway(int interface);
 
     // Everything below the interfaces, a line each, without time stamps. The leaf that `World`
-    // writes as a mark is left out.
+    // writes as a mark is omitted.
     std::string dump();
 
 private:
@@ -107,8 +107,8 @@ private:
     toolkit::CTav tav;
 };
 
-// The leaf that a test writes to see that the daemon has come so far: an event there is fetched
-// and logged, and starts nothing.
+// The leaf that a test writes to find out how far the daemon has come: the daemon fetches and logs
+// an event there, and does nothing else.
 inline const std::string mark_path = paths::interfaces + "/Mark";
 
 } // namespace kt

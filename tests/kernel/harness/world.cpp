@@ -27,7 +27,7 @@ void KernelTest::TearDown() {
         std::cout << "The daemon's last lines:\n" << log().tail(60);
     }
     if (daemon != nullptr && daemon->running()) {
-        // A whole run of the tests under a fault says that each may rebuild, and counts.
+        // When all tests run under a fault, each may rebuild, and rebuilds are counted.
         if (std::getenv("KT_REBUILDS") != nullptr) {
             std::cout << "rebuilds: " << log().count_containing("Caught exception") << "\n";
         } else if (!rebuilds_allowed) {
@@ -70,7 +70,7 @@ Process &KernelTest::start_daemon(const std::vector<std::string> &arguments,
 Process &KernelTest::start_daemon_and_wait(const std::vector<std::string> &arguments,
                                            const spawn_options_t &options) {
     start_daemon(arguments, options);
-    // Nothing that a test does after this makes sense without it.
+    // Nothing after this makes sense without it.
     if (!logged("Info: void CSync::discover(): beginning normal operation") || !settle()) {
         throw std::runtime_error("the daemon did not get into normal operation");
     }
@@ -82,7 +82,7 @@ int KernelTest::stop_daemon() {
     return daemon->wait_exit();
 }
 
-// What waiting for one line came to.
+// The result of waiting for one line.
 enum class KernelTest::Seen { line, rebuild, nothing };
 
 KernelTest::Seen KernelTest::see(const std::string &line, std::size_t from) {
@@ -101,12 +101,12 @@ KernelTest::Seen KernelTest::see_kernel_mark(std::size_t from) {
 }
 
 bool KernelTest::settle() {
-    // A rebuild between loses the mark together with everything else that was under way.
+    // A rebuild in between loses the mark and everything else in progress.
     for (int attempt = 0; attempt < 5; ++attempt) {
         const std::size_t from = log().size();
         store.write(mark_path, std::to_string(++marks));
-        // The line comes before the synchronisation that the events behind it ask for; the first
-        // mark of the kernel's is seen after that, and the second after the kernel's answers to it.
+        // The line precedes the synchronisation that the events after it cause; the kernel's first
+        // mark is seen after that, and the second one after the kernel's answers to it.
         Seen seen = see("Info: Processing TAV event: cmd = 2, path = '" + mark_path + "'", from);
         for (int i = 0; i < 2 && seen == Seen::line; ++i) {
             seen = see_kernel_mark(from);
@@ -121,7 +121,7 @@ bool KernelTest::settle() {
 void KernelTest::meanwhile(const std::function<void()> &changes) {
     daemon->freeze();
     changes();
-    // The service lets a moment of rest pass between a client's request and the next wake-up.
+    // The service pauses between a client's request and the next wake-up.
     usleep(300000);
     daemon->thaw();
 }

@@ -1,5 +1,5 @@
-// What a kernel test starts from: a device's network namespace with Ethernet links whose other ends
-// a neighbour holds, the settings store, and the daemon in between.
+// The start of a kernel test: a device's network namespace with Ethernet links whose other ends are
+// in a neighbour's, the settings store, and the daemon in between.
 #pragma once
 
 #include <memory>
@@ -19,8 +19,8 @@ namespace kt {
 class KernelTest : public ::testing::Test {
 protected:
     explicit KernelTest(Service::Keep keep = Service::Keep::memory);
-    // Ends the daemon and the service in the orderly way; each must end with status 0, and the
-    // daemon must not have rebuilt its engine unless the test said that it may.
+    // Ends the daemon and the service normally; each must exit with status 0, and the daemon must
+    // not have rebuilt its engine unless the test permits it.
     void TearDown() override;
 
     // Adds eth<number>, up, with peer<number> in the neighbour's namespace, up. `prefix` replaces
@@ -31,7 +31,7 @@ protected:
     // The daemon in the foreground at verbosity 4, unless `arguments` say otherwise.
     Process &start_daemon(const std::vector<std::string> &arguments = {"-d", "-D", "4"},
                           const spawn_options_t &options = {});
-    // The same, and waits until its first synchronisation is done; throws when it never is.
+    // The same, and waits until its first synchronisation is done; throws if that does not happen.
     Process &start_daemon_and_wait(const std::vector<std::string> &arguments = {"-d", "-D", "4"},
                                    const spawn_options_t &options = {});
     // SIGTERM; the exit status.
@@ -39,12 +39,12 @@ protected:
     LineLog &log() { return daemon->errors(); }
 
     // Waits until the daemon, in normal operation at verbosity 3 or more, has handled everything
-    // that the store and the kernel told it before this call, and what came of it. False when it
-    // does not come to that.
+    // that the store and the kernel reported before this call, and its consequences. False if that
+    // does not happen.
     bool settle();
 
-    // Lets the daemon stand still while the function changes store and kernel, so that it finds
-    // both changes at once and serves the store first.
+    // Stops the daemon while the function changes store and kernel, so that it finds both changes
+    // at once and serves the store first.
     void meanwhile(const std::function<void()> &changes);
 
     // Waits for a line of the daemon's standard error.
@@ -56,8 +56,8 @@ protected:
     // Store and kernel, for eth<interface - 1>: a condition to poll.
     bool both_have(int interface, const std::string &address);
     bool neither_has(int interface, const std::string &address);
-    // After whatever has happened, both directions work: an address in the store, another in the
-    // kernel, both of interface 1, arrive on the other side.
+    // Both directions still work: an address in the store and another in the kernel, both of
+    // interface 1, arrive on the other side.
     void expect_working();
 
     Sandbox sandbox;
@@ -81,7 +81,7 @@ protected:
     KeptStoreTest() : KernelTest(Service::Keep::database) {}
 };
 
-// A link announcement that no kernel object stands behind.
+// A link announcement without a kernel object.
 std::vector<unsigned char> forged_link(const std::string &name, std::uint16_t type = 16);
 
 } // namespace kt

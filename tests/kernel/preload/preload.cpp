@@ -1,5 +1,5 @@
-// Stands between the daemon and the C library and makes single system calls behave as they do on
-// other machines or under shortage. The environment says which:
+// Preloaded into the daemon, makes single system calls behave as they do on other machines or under
+// shortage. Environment variables select them:
 //
 //   KT_RCVBUF_CAP=<bytes>       SO_RCVBUFFORCE is refused and SO_RCVBUF is cut at that size
 //   KT_FAIL_SEND=<type>:<n>     the first n netlink messages of that type cannot be sent
@@ -44,7 +44,7 @@ bool is_netlink(const void *address, socklen_t length) {
     return family == AF_NETLINK;
 }
 
-// Whether the message is one of the first so many of their type that the variable speaks of.
+// Whether the message is one of the first of its type to which the variable applies.
 bool is_planned(const char *variable, const msghdr *message, long &failed) {
     const char *plan = std::getenv(variable);
     const char *colon = plan != nullptr ? std::strchr(plan, ':') : nullptr;
@@ -127,7 +127,7 @@ pid_t fork() noexcept {
 
 pid_t setsid() noexcept {
     static const auto next = next_function<pid_t (*)()>("setsid");
-    // Whole, whatever signals come meanwhile.
+    // The whole time, even if signals arrive.
     timespec left{0, number("KT_SETSID_DELAY") * 1000000};
     while (nanosleep(&left, &left) != 0) {
     }

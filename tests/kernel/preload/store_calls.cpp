@@ -1,8 +1,8 @@
-// Stands in front of the store's client library and makes single calls fail, as those of another
-// library may: the call returns a number, and the connection is fine all the same. KT_CALL_FAULT is
-// the plan (see faults/plan.h), whose mode is "fail"; a call that fails may nevertheless have been
-// carried out, and has then filled its outputs. KT_CRASH_ON=<operation> makes the process touch
-// memory that is not there in the first such call.
+// Preloaded before the store's client library, makes single calls fail, as those of another library
+// may: the call returns a number, and the connection still works. KT_CALL_FAULT is the plan (see
+// faults/plan.h), whose mode is "fail"; a call that fails may nevertheless have been carried out,
+// and has then filled its outputs. KT_CRASH_ON=<operation> makes the process access invalid memory
+// in the first such call.
 #include <cstdio>
 #include <cstdlib>
 #include <optional>
@@ -31,10 +31,11 @@ void crash_if_told(Operation operation) {
     }
 }
 
-// The library's calls may use one another; only the program's own are struck.
+// The library's calls may use one another; only the program's own calls are affected.
 bool inside = false;
 
-// Calls the library's own member function, unless the plan says otherwise. `name` is its symbol.
+// Calls the library's own member function, unless the plan requires a failure. `name` is its
+// symbol.
 template <typename... Arguments>
 int call(Operation operation, const char *name, toolkit::CTav *client, Arguments &&...arguments) {
     using function_t = int (*)(toolkit::CTav *, Arguments...);

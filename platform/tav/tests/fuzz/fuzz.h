@@ -1,7 +1,7 @@
 // What the fuzz targets share. A target is one file with an LLVMFuzzerTestOneInput that takes any
-// bytes, hands them to the code under test and compares the outcome with a second, plainly written
-// version of it. Linked with libFuzzer it searches for inputs (-DTAV_FUZZ=ON);
-// linked with replay.cpp it runs the seeds as an ordinary test.
+// bytes, passes them to the code under test and compares the result with a second, plain version of
+// it. Linked with libFuzzer it searches for inputs (-DTAV_FUZZ=ON); linked with replay.cpp it runs
+// the seeds as an ordinary test.
 #pragma once
 
 #include <cstddef>
@@ -13,12 +13,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 
 namespace fuzz {
 
-// Reports a finding, which ends the process, unless `fine`.
+// Reports an error and ends the process, unless `fine`.
 void require(bool fine, const char *what);
-// The same for two texts that have to be equal; both are shown.
+// The same for two texts that must be equal; both are printed.
 void require_same(const std::string &got, const std::string &expected, const char *what);
 
-// Takes an input apart. Behind its end everything reads as zero and empty.
+// Splits an input. After its end everything reads as zero and empty.
 class input_t {
 public:
     input_t(const std::uint8_t *data, std::size_t size) : at(data), end(data + size) {}
@@ -27,9 +27,9 @@ public:
     std::uint8_t byte();
     // Two bytes, the less significant one first.
     std::uint16_t number();
-    // So many bytes, or what is left when that is less.
+    // This many bytes, or fewer at the end.
     std::string bytes(std::size_t wanted);
-    // A text in front of which its length stands in one byte.
+    // A text that follows its length in one byte.
     std::string text() { return bytes(byte()); }
     std::string rest() { return bytes(static_cast<std::size_t>(end - at)); }
 
@@ -41,14 +41,14 @@ private:
 // The parts between the separators: always one more than there are separators.
 std::vector<std::string> split(const std::string &text, char separator);
 
-// What strtol in base 10 makes of a text, written out: leading white space, a sign, digits.
+// The result of strtol in base 10, implemented plainly: leading white space, a sign, digits.
 struct decimal_t {
     std::size_t consumed = 0; // characters, 0 when there is no digit
-    std::int64_t value = 0;   // at the end of its range when the digits say more
+    std::int64_t value = 0;   // at the end of its range if the digits exceed it
 };
 decimal_t decimal(const std::string &text);
 
-// As snprintf makes it, cut at `size` - 1 characters; texts end at their first NUL.
+// The text as snprintf writes it, cut at `size` - 1 characters; texts end at their first NUL.
 std::string format(std::size_t size, const char *pattern, ...)
     __attribute__((format(printf, 2, 3)));
 

@@ -1,5 +1,5 @@
-// Runs a fuzz target over the files of the named directories, in the order of their names. A
-// finding ends the process; the file at fault is then the last one that was named.
+// Runs a fuzz target over the files of the named directories, in the order of their names. An error
+// ends the process; the failing file is then the last one printed.
 #include <algorithm>
 #include <cstdio>
 #include <filesystem>
@@ -18,7 +18,7 @@ void replay(const std::filesystem::path &file) {
     std::ostringstream buffer;
     buffer << stream.rdbuf();
     const std::string content = buffer.str();
-    // In memory of the exact size, so that the address sanitizer sees each look beyond the end.
+    // In memory of the exact size, so that the address sanitizer reports each read beyond the end.
     const std::vector<std::uint8_t> bytes(content.begin(), content.end());
     LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
 }

@@ -1,6 +1,6 @@
 // What a service may send the store's client library: frames in any portions, replies of any
-// content. Each call either gives exactly what the reply says or fails, and after a failure every
-// call does.
+// content. Each call either returns exactly the content of the reply or fails, and after a failure
+// every call fails.
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
@@ -20,17 +20,17 @@ namespace {
 
 using fuzz::require;
 
-// Numbers that no real descriptor has. The first socket made carries the calls, the second the
-// wake-ups; a third descriptor stands in for the second once the connection is lost.
+// Numbers that no real descriptor has. The first socket is for the calls, the second for the
+// wake-ups; a third descriptor replaces the second once the connection is lost.
 constexpr int calls_fd = 100001;
 constexpr int wake_fd = 100002;
 constexpr int standin_fd = 100003;
 
-// One reply as the input gives it.
+// One reply from the input.
 struct reply_t {
     bool well_formed = true; // its content is put into a frame with the right serial number
     bool drain = false;      // the header says that a wake-up byte is to be taken
-    std::string wake;        // what lies on the wake-up connection by then
+    std::string wake;        // bytes on the wake-up connection by then
     std::string bytes;       // the content, or all bytes of the reply
 };
 
@@ -74,7 +74,7 @@ std::string frame_of(const reply_t &reply, std::uint32_t serial) {
     return big_endian(body.size(), 4) + body;
 }
 
-// Answers each request that is complete, but for pings.
+// Answers each complete request except pings.
 void serve(std::string &connection) {
     std::string &request = service().request;
     while (request.size() >= 4 && request.size() - 4 >= number_at(request, 0)) {
@@ -133,7 +133,7 @@ ssize_t __wrap_read(int fd, void *buffer, std::size_t size) {
     return fd >= calls_fd ? -1 : __real_read(fd, buffer, size);
 }
 
-// Where nothing is left the service has gone.
+// When no bytes are left, the service has closed the connection.
 ssize_t __wrap_recv(int fd, void *buffer, std::size_t size, int flags) {
     std::string &stream = stream_of(fd);
     const std::size_t given = std::min({size, service().portion, stream.size()});
@@ -173,7 +173,7 @@ public:
         return value;
     }
     std::string text() { return take(number(4)); }
-    // A value as described(): nothing but the type is there of one that is left out.
+    // A value as described(); an omitted value has only a type.
     std::string value() {
         const std::uint64_t type = number(1);
         const std::string content = text();
@@ -203,22 +203,22 @@ private:
 
 const char *const failure = "failed";
 
-// What the library has to know of its connection.
+// What the library must know about its connection.
 struct client_t {
     bool lost = false;
     bool has_watchdog = false;
     bool found = false; // the last ping found a wake-up byte, and there was no fetch since
-    std::string behind; // came behind the last reply
+    std::string behind; // arrived after the last reply
 };
 
-// Takes the first frame off what came in; what is behind it comes before the next reply.
+// Removes the first frame from the received bytes; the bytes after it precede the next reply.
 void take_frame(client_t &client, const std::string &bytes) {
     const std::size_t frame =
         bytes.size() < 4 ? bytes.size() : 4 + std::size_t{number_at(bytes, 0)};
     client.behind = bytes.substr(std::min(frame, bytes.size()));
 }
 
-// The content of the reply as the library has to see it; nothing when the connection is lost.
+// The content of the reply that the library must see; empty if the connection is lost.
 bool content_of(const reply_t &reply, const std::string &bytes, std::uint32_t serial,
                 const std::string &wake_before, std::string &content) {
     if (bytes.size() < 4) {
@@ -235,7 +235,7 @@ bool content_of(const reply_t &reply, const std::string &bytes, std::uint32_t se
     return true;
 }
 
-// The calls, by number; each gives its outcome as text.
+// The calls, by number; each returns its result as text.
 enum call_t {
     get_leaves,
     list_node,
@@ -379,7 +379,8 @@ std::string expected_events(content_t &content) {
     return !content.read_exactly() ? failure : text.empty() ? "1 \n" : text;
 }
 
-// Of dump and status, which take more than one reply or say much, only the failure is foretold.
+// For dump and status, which need more than one reply or return much, only the failure is
+// predicted.
 std::string expected(call_t which, const std::string &bytes) {
     content_t content(bytes);
     switch (which) {
@@ -462,8 +463,8 @@ reply_t take_reply(fuzz::input_t &input) {
 
 } // namespace
 
-// An input is the size of the portions, then calls: which, flags, length and bytes of the reply.
-// The highest bit of the first byte gives the two replies to the connecting from the input as well.
+// An input is the size of the portions, then calls: which, flags, length and bytes of the reply. If
+// the highest bit of the first byte is set, the two replies to connecting also come from the input.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     fuzz::input_t input(data, size);
     const unsigned head = input.byte();

@@ -1,5 +1,5 @@
-// Each kind of message of the store's protocol: what is read in full is written as the same bytes
-// again, and what is read in part leaves nothing behind but a verdict.
+// Each kind of message of the store's protocol: a message that is read completely is written as the
+// same bytes again, and one that is read partly only yields an error.
 #include "fuzz/fuzz.h"
 #include "protocol/messages.h"
 

@@ -1,5 +1,5 @@
 // What a client may send the store's service: bytes in any portions become frames, frames become
-// requests, and requests leave a sound tree.
+// requests, and requests leave a consistent tree.
 #include <algorithm>
 #include <cstring>
 #include <set>
@@ -16,8 +16,8 @@ namespace {
 
 using fuzz::require;
 
-// The connection: what is still to be received, what was sent, and how many bytes at most the next
-// calls move. Each of those portions serves one call; behind the last one a call moves them all.
+// The connection: bytes still to be received, bytes sent, and the most bytes that each of the next
+// calls moves. After the last of these portions a call moves all bytes.
 struct connection_t {
     std::string incoming;
     std::string outgoing;
@@ -78,7 +78,7 @@ std::string framed(const std::string &body) {
     return frame + body;
 }
 
-// The bodies of the frames in a stream, up to its end or to a frame that is too large.
+// The bodies of the frames in a stream, up to its end or a frame that is too large.
 std::vector<std::string> bodies(const std::string &stream) {
     std::vector<std::string> found;
     for (std::size_t at = 0; stream.size() - at >= 4;) {
@@ -148,8 +148,8 @@ void check_reply(const std::string &request, const std::string &frame) {
     require(answers(static_cast<tav::Op>(request[0]), in), "a reply of another kind");
 }
 
-// Every element's parent is a node that stands before it, every path and value is one that the
-// service accepts, and the counts are right.
+// Every element's parent is a node before it, the service accepts every path and value, and the
+// counts are correct.
 void check_tree(const tav::Store &store) {
     std::set<std::string> nodes;
     std::set<std::string> leaves;
@@ -173,7 +173,7 @@ void check_tree(const tav::Store &store) {
     require(leaves.size() == store.tree().leaf_count(), "another number of leaves");
 }
 
-// A client that is told of every change.
+// A client that gets an event for every change.
 class onlooker_t {
 public:
     explicit onlooker_t(tav::Service &service)
@@ -192,7 +192,7 @@ private:
     tav::Session &session;
 };
 
-// Whether behind the frames of a stream one is announced that is too large.
+// Whether the frames of a stream are followed by one that is too large.
 bool ends_too_large(const std::string &stream) {
     std::size_t at = 0;
     for (const std::string &body : bodies(stream)) {
@@ -201,7 +201,7 @@ bool ends_too_large(const std::string &stream) {
     return stream.size() - at >= 4 && number_at(stream, at) > 16777216;
 }
 
-// Serves the stream as the service's loop does. Returns the requests that were taken off it.
+// Serves the stream as the service's loop does. Returns the requests that were read from it.
 std::vector<std::string> serve(const std::string &stream, tav::Peer &peer, tav::Service &service,
                                tav::Session &session) {
     std::vector<std::string> taken;

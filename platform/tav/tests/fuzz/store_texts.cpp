@@ -12,8 +12,8 @@ namespace {
 using fuzz::require;
 using fuzz::split;
 
-// So that a short input reaches the limits: FF, a number, a byte stand for four times that number
-// of those bytes. Cut at 5,000 bytes.
+// Lets a short input reach the limits: FF, a number and a byte mean four times that number of this
+// byte. Cut at 5,000 bytes.
 std::string expanded(const std::uint8_t *data, std::size_t size) {
     fuzz::input_t input(data, size);
     std::string text;
@@ -70,7 +70,7 @@ bool has_nothing_but_digits(const std::string &text) {
     return !text.empty();
 }
 
-// Numbers with zeros in front compare as they read.
+// Numbers with leading zeros are compared by their value.
 bool is_less(std::string left, std::string right) {
     const std::string left_name = left;
     const std::string right_name = right;
@@ -156,8 +156,7 @@ void check_paths(const std::string &left, const std::string &right) {
 
 } // namespace
 
-// The input is taken for a value of each type, and, parted at a newline, for two paths and two
-// names.
+// The input is used as a value of each type and, split at a newline, as two paths and two names.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     const std::string text = expanded(data, size);
     for (int type = 0; type < 8; ++type) {

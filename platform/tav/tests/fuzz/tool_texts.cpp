@@ -1,5 +1,5 @@
 // What the store's command-line tool reads: dumps and transactions as text; and its escapes, which
-// have to lose nothing and to keep a terminal safe.
+// must lose nothing and keep a terminal safe.
 #include <iostream>
 #include <sstream>
 
@@ -35,8 +35,8 @@ std::string printed(const tav::tool::Dump &dump) {
     return out.str();
 }
 
-// A dump that is read is one of paths below its own, each there once, and prints as one that reads
-// the same.
+// A dump that is accepted has only paths at or below its own, each once, and is printed as a dump
+// that reads the same.
 void read_dump(const std::string &text) {
     tav::tool::Dump dump;
     try {
@@ -58,7 +58,7 @@ void read_dump(const std::string &text) {
     require_same(described(again), described(dump), "what was printed reads otherwise");
 }
 
-// A text as the store holds them.
+// A text that the store may contain.
 std::string without_nul(std::string text) {
     for (char &one : text) {
         one = one == '\0' ? '0' : one;
@@ -66,7 +66,7 @@ std::string without_nul(std::string text) {
     return text;
 }
 
-// Any elements print as a dump that reads the same.
+// Any elements are printed as a dump that reads the same.
 void write_dump(fuzz::input_t input) {
     tav::tool::Dump dump;
     dump.path = "/";
@@ -110,7 +110,7 @@ void escape(const std::string &text) {
             "an escape for NUL was taken");
 }
 
-// The same word in double quotes, as one who writes a transaction puts it.
+// The same word in double quotes, as in a transaction.
 std::string quoted(const std::string &text) {
     std::string word = "\"";
     for (const char one : tav::tool::escaped(text)) {
@@ -145,7 +145,7 @@ void write_script(const std::string &text) {
 
 } // namespace
 
-// An input is what to do with the rest, in its first byte.
+// The first byte of an input selects what to do with the rest.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     fuzz::input_t input(data, size);
     const unsigned what = input.byte();

@@ -1,5 +1,5 @@
-// Kills the service again and again while clients write, and looks at what is there afterwards:
-// everything that was acknowledged, and no transaction in part.
+// Kills the service again and again while clients write, and checks the store afterwards: it must
+// have everything that was acknowledged, and no partial transaction.
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
@@ -17,7 +17,7 @@ namespace {
 using Strings = std::vector<std::string>;
 
 // Transactions of one client have the numbers 1, 2, 3, ... Each writes the same number to several
-// leaves: two that stay, one whose value is often larger than a page, and one of a ring, so that
+// leaves: two fixed ones, one whose value is often larger than a page, and one of a ring, so that
 // older transactions can be checked as well.
 constexpr int ring = 40;
 
@@ -57,14 +57,14 @@ struct Counts {
     long acknowledged = 0;
     long lost = 0;
     long partial = 0;
-    long kept_unasked = 0; // committed, but nobody was told any more
+    long kept_unasked = 0; // committed, but no longer acknowledged
 };
 
 int number_in(const std::string &text) {
     return text.empty() ? 0 : std::atoi(text.c_str());
 }
 
-// Compares what is there with what the writer was told, and lets it go on from there.
+// Compares the store with what was acknowledged to the writer, and lets it continue from there.
 void check(stress::Client &client, Writer &writer, Counts &counts) {
     Strings all{writer.node + "/a", writer.node + "/b", writer.node + "/padded"};
     for (int slot = 0; slot < ring; ++slot) {
@@ -83,7 +83,7 @@ void check(stress::Client &client, Writer &writer, Counts &counts) {
         const std::size_t slot = 3 + static_cast<std::size_t>(number % ring);
         whole = whole && values[slot].to_string() == std::to_string(number);
     }
-    // A slot that is ahead of the rest belongs to a transaction that is there in part.
+    // A slot that is ahead of the rest belongs to a partial transaction.
     for (std::size_t slot = 3; slot < values.size(); ++slot) {
         whole = whole && number_in(values[slot].to_string()) <= there;
     }
@@ -112,7 +112,7 @@ void round(stress::Service &service, std::vector<std::unique_ptr<Writer>> &write
     }
     counts.acknowledged -= before;
     if (random() % 4 == 0) {
-        // While it starts, and reads what the last kill has left.
+        // While it starts and reads the database as the last kill left it.
         service.start(false);
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
         service.kill();

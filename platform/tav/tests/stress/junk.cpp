@@ -1,6 +1,6 @@
-// Sends the service what no client would: random bytes, frames that are cut or altered, and
-// connections that end anywhere. Beside it a client makes proper calls, each of which must be
-// answered rightly.
+// Sends the service what no client would send: random bytes, frames that are cut or altered, and
+// connections that end anywhere. At the same time a client makes proper calls, each of which must
+// be answered correctly.
 #include <CLI/CLI.hpp>
 
 #include <atomic>
@@ -78,7 +78,7 @@ std::string hello() {
     });
 }
 
-// Cut, altered in some bits, with another length, followed by something, or left as it is.
+// Cut, altered in some bits, with another length, followed by other bytes, or unchanged.
 std::string spoil(Random &random, std::string frame) {
     switch (random() % 5) {
     case 0:
@@ -105,7 +105,7 @@ std::string spoil(Random &random, std::string frame) {
 void misbehave(Random &random, const std::string &socket) {
     switch (random() % 6) {
     case 0:
-        break; // ends without a word
+        break; // closes the connection without sending anything
     case 1:
         RawPeer(socket).send(random_bytes(random, 300));
         return;
@@ -129,7 +129,7 @@ void misbehave(Random &random, const std::string &socket) {
     const RawPeer silent(socket);
 }
 
-// Makes proper calls until told to stop; counts them, and those that went wrong.
+// Makes proper calls until stopped; counts them, and those that failed.
 void behave(const std::atomic<bool> &stop, std::atomic<long> &calls, std::atomic<long> &wrong) {
     stress::Client client;
     for (long number = 1; !stop; ++number) {
@@ -150,7 +150,7 @@ void behave(const std::atomic<bool> &stop, std::atomic<long> &calls, std::atomic
     }
 }
 
-// The service has let go of all connections but this one's two, given some time.
+// Waits until the service has closed all connections except the two of this client.
 bool lets_go_of_all() {
     stress::Client client;
     for (int attempt = 0; attempt < 3000; ++attempt) {

@@ -1,5 +1,5 @@
-// What a well-behaved client feels of the others: the time of its reads and writes alone, beside
-// clients that flood the service, and beside clients that do not take what they asked for.
+// How other clients affect a well-behaved one: the time of its reads and writes alone, next to
+// clients that flood the service, and next to clients that do not read their replies.
 #include <CLI/CLI.hpp>
 
 #include <sys/socket.h>
@@ -36,7 +36,7 @@ struct Measured {
     bool served = true;
 };
 
-// One read after the other, every tenth call a write, for so long.
+// One read after the other, every tenth call a write, for this time.
 Measured measure(std::chrono::seconds span) {
     Measured measured;
     stress::Client client;
@@ -61,7 +61,7 @@ Measured measure(std::chrono::seconds span) {
     return measured;
 }
 
-// Sends `request` without a pause and throws the replies away, until told to stop.
+// Sends `request` without a pause and discards the replies, until stopped.
 void flood(const std::string &socket, const std::function<std::string(int)> &request,
            const std::atomic<bool> &stop) {
     const tavtest::RawClient client(socket);
@@ -94,7 +94,7 @@ std::string write_request(int number) {
     });
 }
 
-// Clients that are told of everything and ask for much, and read nothing of it.
+// Clients that register for all events and request much, and read nothing of it.
 struct Deaf {
     explicit Deaf(const std::string &socket) : client(socket) {
         client.calls.send(tavtest::request_frame(Op::event_register, [](tav::Writer &out) {

@@ -10,7 +10,7 @@ namespace stress {
 Service::Service(std::string program, std::vector<std::string> options)
     : path(dir.file("run/s")), arguments{std::move(program)} {
     for (std::string &option : options) {
-        // "%" stands for the service's own directory.
+        // "%" is replaced by the service's own directory.
         const std::size_t mark = option.find('%');
         arguments.push_back(mark == std::string::npos ? option
                                                       : option.replace(mark, 1, dir.file("")));

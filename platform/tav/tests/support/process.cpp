@@ -18,7 +18,7 @@
 namespace tavtest {
 
 TempDir::TempDir() {
-    // Short: the path of a socket has little room.
+    // Short, because the path of a socket is limited.
     std::string name = (std::filesystem::temp_directory_path() / "tavtest.XXXXXX").string();
     if (::mkdtemp(name.data()) == nullptr) {
         throw std::runtime_error("mkdtemp");

@@ -9,7 +9,7 @@
 
 namespace tavtest {
 
-// Nothing here takes longer than this unless it hangs; generous, because the machine may be busy.
+// Nothing takes longer than this unless it hangs; generous, because the machine may be busy.
 constexpr int patience_ms = 60000;
 
 class TempDir {
@@ -46,7 +46,7 @@ public:
     bool running();
     std::string output() const { return read_file(output_file); }
     std::string errors() const { return read_file(errors_file); }
-    // Waits until the text is in the standard error output; false when the process ended without.
+    // Waits until the text is in the standard error output; false if the process ended without it.
     bool wait_for_error_text(const std::string &text);
 
 private:

@@ -1,4 +1,4 @@
-// One end of the protocol by hand: to play a service that misbehaves, or a client that does.
+// One end of the protocol by hand: plays a service or a client that misbehaves.
 #ifndef TESTS_TAV_SUPPORT_RAW_PEER_H
 #define TESTS_TAV_SUPPORT_RAW_PEER_H
 
@@ -23,9 +23,9 @@ public:
     // The next frame's body; empty when the connection ended instead.
     std::string receive();
     // The reason with which the service ended the connection, which must be its last frame;
-    // otherwise a text that says what came instead.
+    // otherwise a text that describes what arrived instead.
     std::string farewell();
-    // The other side closed the connection, given any amount of time.
+    // Waits until the other side closes the connection.
     bool closed();
     void close() { socket.reset(); }
 

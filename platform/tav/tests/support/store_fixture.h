@@ -20,7 +20,7 @@ std::vector<std::pair<unsigned int, std::string>> &reports();
 
 // The descriptor is readable now.
 bool readable(int fd);
-// It becomes so, given any amount of time; false means never.
+// Waits until the descriptor is readable; false if it never is.
 bool becomes_readable(int fd);
 
 // A connected client with the calls that tests need, failing the test when a call does not go
@@ -47,9 +47,9 @@ public:
     std::vector<std::string> list(const std::string &path);
     api_status_t watch(const std::string &path, bool own_changes = false);
     api_status_t ping();
-    // What a fetch gives, each as "command path"; notices left out.
+    // The events of a fetch, each as "command path", without notices.
     std::vector<std::string> fetch();
-    // Fetches until nothing but notices came, so that the next event is a new one.
+    // Fetches until there are only notices, so that the next event is a new one.
     void settle();
     // Waits for the descriptor, then fetches; until `number` events came.
     std::vector<std::string> wait_events(std::size_t number);
@@ -71,7 +71,7 @@ protected:
 
     TempDir dir;
     std::string socket;
-    // Put before the service's command line: a program that executes the rest.
+    // A program that executes the service's command line, which follows it.
     std::vector<std::string> prefix;
     std::unique_ptr<Process> tavd;
 

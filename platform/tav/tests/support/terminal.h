@@ -19,8 +19,8 @@ public:
     Terminal &operator=(const Terminal &) = delete;
 
     void type(const std::string &keys) const;
-    // Waits until the program has printed `text` since the last call that found something; false
-    // when it ended, or stayed silent too long, without.
+    // Waits until the program has printed `text` since the last call that found something; false if
+    // it ended, or printed nothing for too long, without it.
     bool wait_for(const std::string &text);
     // Waits for the end of the program; all that it printed, with its newlines as \r\n.
     std::string finish();

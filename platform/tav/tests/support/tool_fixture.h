@@ -8,14 +8,14 @@ namespace tavtest {
 
 class ToolTest : public RunningStoreTest {
 protected:
-    // Runs the tool, which must succeed without a word of complaint.
+    // Runs the tool, which must succeed without an error message.
     std::string good(const std::vector<std::string> &arguments, const std::string &input = "") {
         const Ran ran = tav(arguments, input);
         EXPECT_EQ(ran.status, 0) << ran.errors;
         EXPECT_EQ(ran.errors, "");
         return ran.output;
     }
-    // Runs the tool, which must end with `status` and say something on standard error only.
+    // Runs the tool, which must exit with `status` and print only on standard error.
     std::string bad(int status, const std::vector<std::string> &arguments,
                     const std::string &input = "") {
         const Ran ran = tav(arguments, input);

@@ -1,6 +1,6 @@
-// Stands between the service and the C library and makes writing to files fail. What fails stands
-// in the file that the environment's TAV_DISK_FAULT names, and may change at any time: "write N" or
-// "sync N" makes every such call fail with errno N; nothing fails while there is no such file.
+// Preloaded into the service, makes writing to files fail. The file named by the environment
+// variable TAV_DISK_FAULT says what fails, and may change at any time: "write N" or "sync N" makes
+// every such call fail with errno N; nothing fails while there is no such file.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -17,7 +17,7 @@ bool is_regular_file(int fd) {
     return fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
 }
 
-// Sets errno and gives true when this kind of call is to fail now.
+// Sets errno and returns true if this kind of call must fail now.
 bool fails(const char *kind) {
     const char *const plan = std::getenv("TAV_DISK_FAULT");
     std::FILE *const file = plan != nullptr ? std::fopen(plan, "re") : nullptr;
