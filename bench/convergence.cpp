@@ -1,6 +1,6 @@
-// How long many addresses take: stored ones into the kernel from the start of the daemon, beside
-// `ip -batch`, systemd-networkd and keepalived with the same addresses; and those that `ip -batch`
-// adds to the kernel into the store, beside `ip -batch` alone.
+// How long many addresses take: from the store into the kernel, measured from the start of the
+// daemon and compared with `ip -batch`, systemd-networkd and keepalived; and from the kernel, where
+// `ip -batch` adds them, into the store, compared with `ip -batch` alone.
 
 #include <cstdio>
 #include <exception>
@@ -20,7 +20,7 @@ struct start_t {
     bench::series_t daemon, ip, networkd, keepalived;
 };
 
-// Each into a link that is new, with nothing of the others left.
+// Each on a new link, so that nothing of the others is left.
 void start_round(bench::World &world, int count, start_t &found) {
     bench::Watcher watcher;
     const auto fresh = [&] {

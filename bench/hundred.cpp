@@ -1,5 +1,5 @@
-// Many devices on one machine: each with a namespace, a link, a store and a daemon of its own, all
-// of them under steady changes from both sides.
+// Many devices on one machine: each with its own namespace, link, store and daemon, all with steady
+// changes on both sides.
 
 #include <algorithm>
 #include <cstdio>
@@ -42,7 +42,8 @@ public:
     int fd = -1;
 };
 
-// One device; its changes go round in four steps, so that it is as before after the fourth.
+// One device; its changes are a cycle of four steps, so that its state is the same after the
+// fourth.
 class Device {
 public:
     Device(kt::Sandbox &sandbox, const std::string &durability, int number)
@@ -89,7 +90,7 @@ public:
         since = clock_type::now();
     }
 
-    // Whether the other side has followed the last change; then the next one may come.
+    // Whether the last change has reached the other side; then the next one may be made.
     bool followed() {
         const bool done = step == 0   ? stored() == 2
                           : step == 1 ? kernel.has_address("eth0", in_store)
@@ -122,7 +123,7 @@ private:
 
 using devices_t = std::deque<std::unique_ptr<Device>>;
 
-// Gives each device its changes for some time; how long each took.
+// Makes the changes of each device for some time, and records how long each took.
 std::vector<double> churn(devices_t &devices, double seconds) {
     std::vector<double> latencies;
     std::deque<Device *> waiting;

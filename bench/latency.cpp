@@ -1,9 +1,9 @@
-// How long one change takes to the other side: from the kernel into the store beside what
-// `ip -6 monitor` needs to print the same event, and from the store into the kernel beside a bare
-// request to the kernel and a bare round trip to the service.
+// How long one change takes to reach the other side: from the kernel to the store, compared with
+// the time that `ip -6 monitor` needs to print the same event, and from the store to the kernel,
+// compared with a bare request to the kernel and a bare round trip to the service.
 //
-// Changes come apart by more than the 50 ms that the service leaves between a client's request and
-// its next wake-up, as a user's do.
+// Like a user's, the changes are more than 50 ms apart, the time that the service leaves between a
+// client's request and its next wake-up.
 
 #include <algorithm>
 #include <array>
@@ -29,7 +29,7 @@ using bench::time_point;
 
 constexpr useconds_t between_changes_us = 70000;
 
-// A client that is told of every change of the store.
+// A client that gets an event for every change of the store.
 class Listener {
 public:
     explicit Listener(const std::string &socket) {
@@ -91,7 +91,7 @@ private:
     int output = -1;
 };
 
-// Waits until each descriptor has become readable and gives the time of each.
+// Waits until each descriptor is readable, and returns the time of each.
 template <std::size_t number>
 std::array<time_point, number> times_of(const std::array<int, number> &fds) {
     std::array<pollfd, number> waiting{};
@@ -115,9 +115,9 @@ std::array<time_point, number> times_of(const std::array<int, number> &fds) {
     return times;
 }
 
-// The same while `change` is made, by a thread that runs before everybody else on this processor:
-// the notification that gives the zero interrupts the very request that causes it, instead of
-// being seen when whoever else was woken lets this process go on.
+// The same while `change` is made, in a thread that runs before all others on this processor: the
+// notification that defines time zero is then seen during the request that causes it, and not only
+// when other woken processes let this one continue.
 template <std::size_t number, class Change>
 std::array<time_point, number> times_after(const std::array<int, number> &fds, Change change) {
     cpu_set_t all;
@@ -146,7 +146,7 @@ struct latencies_t {
     std::vector<double> exchange; // the bare round trip to the service
 };
 
-// Takes away what the last change left to read, once it is complete.
+// Reads the rest of the last change's output, once it is complete.
 void settle(bench::Watcher &watcher, Listener &listener, const Monitor *monitor) {
     usleep(between_changes_us / 2);
     watcher.drain();
@@ -204,7 +204,7 @@ latencies_t store_to_kernel(bench::World &world, int samples) {
         world.tavd.store().set_address(1, "bench", address);
         const time_point returned = clock_type::now();
         const auto times = times_of<1>({watcher.fd()});
-        // It may be there before the call returned.
+        // It may have arrived before the call returned.
         found.ours.push_back(std::max(0.0, seconds_between(returned, times[0])));
 
         settle(watcher, listener, nullptr);

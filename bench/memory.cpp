@@ -1,5 +1,5 @@
-// What the daemon takes at rest and with many addresses, beside systemd-networkd and keepalived;
-// how often it wakes up; and whether its memory grows over many events.
+// The daemon's memory at rest and with many addresses, compared with systemd-networkd and
+// keepalived; how often it wakes up; and whether its memory grows over many events.
 
 #include <algorithm>
 #include <cstdio>
@@ -30,7 +30,8 @@ struct comparison_t {
     use_t detached, daemon, service, networkd, keepalived;
 };
 
-// The daemon as it is without -d. What its starting touched counts for processes that are gone.
+// The daemon as it runs without -d: the memory that its start touched belongs to processes that
+// have exited.
 class Detached {
 public:
     explicit Detached(bench::World &world) : invoked(world.start_daemon({})) {
@@ -59,7 +60,7 @@ private:
     pid_t number = -1;
 };
 
-// The work that follows the last address must be over.
+// The work after the last address must be finished.
 void rest() {
     sleep(1);
 }
@@ -141,7 +142,7 @@ void print_wakeups(bench::World &world, unsigned minutes) {
                           bench::verdict(sleeps / minutes / 2, 1)});
 }
 
-// Addresses come and go in the kernel, in batches that the daemon can follow.
+// Addresses are added and removed in the kernel, in batches that the daemon can handle in time.
 void print_growth(bench::World &world, int events) {
     constexpr int batch = 200;
     world.clear_store();

@@ -1,6 +1,5 @@
-// The settings store beside what a program could use instead over a Unix socket, or without one:
-// reads, writes, transactions, listing everything, the way from a write to a wake-up, and many
-// clients at once.
+// The settings store compared with alternatives over a Unix socket, or without one: reads, writes,
+// transactions, listing everything, the time from a write to a wake-up, and many clients at once.
 #include <poll.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -40,7 +39,7 @@ double time_of(const std::function<void()> &what) {
     return seconds_between(begin, clock_type::now());
 }
 
-// p50 and p99 of one operation, a value of each a round.
+// p50 and p99 of one operation, one value of each per round.
 struct operation_t {
     bench::series_t p50, p99;
     void add(const std::vector<double> &times) {
@@ -49,7 +48,7 @@ struct operation_t {
     }
 };
 
-// A store that is measured, with everything that was found.
+// A store that is measured, with all its results.
 struct subject_t {
     std::string name;
     std::unique_ptr<bench::StoreTarget> target;
@@ -91,8 +90,8 @@ void measure_one_client(subject_t &subject, int samples) {
     subject.all.add(all);
 }
 
-// From the call of the write until another client's descriptor tells of it. The writer's commit is
-// part of that.
+// From the call of the write until another client's descriptor reports it. The writer's commit is
+// included.
 void measure_wake_up(subject_t &subject, int samples) {
     const auto writer = subject.target->connect();
     const auto listener = subject.target->connect();
@@ -102,7 +101,7 @@ void measure_wake_up(subject_t &subject, int samples) {
     }
     std::vector<double> times;
     for (int i = 0; i < samples; ++i) {
-        usleep(60000); // a wake-up comes at once only after 50 ms of quiet
+        usleep(60000); // a wake-up is immediate only after 50 ms without requests
         listener->take_events();
         usleep(60000);
         const time_point begin = clock_type::now();
@@ -115,7 +114,7 @@ void measure_wake_up(subject_t &subject, int samples) {
     subject.wake.add(times);
 }
 
-// So many processes, each with a connection of its own, for as long as `seconds`; the operations a
+// This many processes, each with its own connection, for `seconds`; returns the operations per
 // second of all together.
 double throughput(subject_t &subject, int clients, double seconds, bool writing) {
     struct shared_t {

@@ -1,6 +1,6 @@
-// What a full synchronisation costs that has nothing to change: the engine over the real store, its
-// table filled by hand, because the kernel itself takes half a minute for 10,000 addresses on one
-// link. Instructions are those of the daemon's side, counted by callgrind.
+// The cost of a full synchronisation without a change: the engine over the real store, with a table
+// filled by the benchmark, because the kernel takes half a minute for 10,000 addresses on one link.
+// Instructions are those of the daemon, counted by callgrind.
 
 #include <cstdio>
 #include <cstring>
@@ -25,8 +25,8 @@ struct Engine : CSync {
     using CSync::sync_all;
 };
 
-// The addresses of `interfaces` links, dealt out in turn. `unanswered` deletions of other addresses
-// have been sent on each link, and the kernel has not answered them yet.
+// The addresses, distributed over `interfaces` links. On each link `unanswered` deletions of other
+// addresses have been sent, which the kernel has not answered yet.
 struct size_case_t {
     int addresses;
     int interfaces;
@@ -69,7 +69,7 @@ void fill_table(Engine &engine, const size_case_t &size) {
     engine.state = 4;
 }
 
-// In a process of its own, over the store that TAV_SOCKET names: prints the seconds of each run.
+// In a separate process, over the store that TAV_SOCKET names: prints the seconds of each run.
 int run_once(const size_case_t &size, int runs) {
     toolkit::CTav tav(mlr_init());
     CNetlink channel;

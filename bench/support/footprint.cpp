@@ -12,7 +12,7 @@
 namespace bench {
 namespace {
 
-// The number behind "<name>:" in a file of such lines; 0 when there is none.
+// The number after "<name>:" in a file of such lines; 0 if there is none.
 double field(const std::string &text, const std::string &name) {
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {

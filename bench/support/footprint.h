@@ -1,4 +1,4 @@
-// What a process takes of the machine.
+// A process's use of memory and processor.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ struct memory_t {
 };
 memory_t memory_of(pid_t process);
 
-// How often it has gone to sleep of its own accord.
+// How often it has gone to sleep voluntarily.
 std::uint64_t sleeps_of(pid_t process);
 
 // The size of a copy of the program without symbols, in bytes.

@@ -6,7 +6,7 @@
 namespace bench {
 namespace {
 
-// Three digits are more than the spread deserves.
+// More than three digits would be meaningless with this spread.
 std::string short_text(double value) {
     return number_text(value, value >= 100 ? 0 : value >= 10 ? 1 : 2);
 }

@@ -15,13 +15,13 @@ constexpr double top = 40;
 constexpr double chart_width = left + width + 30;
 constexpr double total_height = top + height + 90;
 
-// One colour for either ground; the rest follows the reader's scheme.
+// One colour for light and dark backgrounds; the rest follows the reader's colour scheme.
 const char *const colours[] = {"#2f81c7", "#d0722a", "#3a9a5b"};
 const char *const style = "<style>text{font:12px sans-serif;fill:#333}.title{font-size:13px}"
                           ".axis{stroke:#999}.grid{stroke:#8884}"
                           "@media(prefers-color-scheme:dark){text{fill:#ccc}}</style>\n";
 
-// 1, 2 or 5 times a power of ten: the distance of the grid's lines.
+// The distance of the grid lines: 1, 2 or 5 times a power of ten.
 double step_for(double highest) {
     const double power = std::pow(10, std::floor(std::log10(highest)));
     for (const double factor : {0.2, 0.5, 1.0}) {

@@ -1,4 +1,4 @@
-// Line charts as one SVG file that reads well on light and dark ground.
+// Line charts as one SVG file that is readable on light and dark backgrounds.
 #pragma once
 
 #include <string>
@@ -13,7 +13,7 @@ struct line_t {
 };
 
 struct chart_t {
-    std::string title; // what the vertical axis counts, from 0
+    std::string title; // the label of the vertical axis, which starts at 0
     std::vector<line_t> lines;
 };
 

@@ -21,7 +21,7 @@ Context connection(const std::string &socket) {
     return context;
 }
 
-// One key an address, a hash of its two texts; a set lists the addresses.
+// One key per address, a hash of its two texts; a set lists the addresses.
 class RedisClient : public StoreClient {
 public:
     explicit RedisClient(std::string path)
@@ -44,7 +44,7 @@ public:
         }
     }
 
-    // The lookups are sent in one go, as a client that cares for speed does.
+    // The lookups are pipelined, as in a client that is built for speed.
     std::size_t read_all() override {
         const Reply list = command({"SMEMBERS", "addresses"});
         for (std::size_t i = 0; i < list->elements; ++i) {

@@ -1,6 +1,5 @@
-// What a program could keep its settings in, all behind one interface: this store, Redis, and
-// SQLite opened by the program itself. The same addresses are kept in each: two texts, address and
-// type.
+// Alternatives for storing a program's settings, with one interface: this store, Redis, and SQLite
+// opened by the program itself. Each stores the same addresses: two texts, address and type.
 #pragma once
 
 #include <memory>
@@ -18,17 +17,17 @@ public:
     virtual ~StoreClient() = default;
     virtual std::string read(int address) = 0; // the text of the address
     virtual void write(int address, const std::string &text) = 0;
-    // Both texts, at once or not at all.
+    // Writes both texts, together or not at all.
     virtual void write_both(int address, const std::string &text, const std::string &type) = 0;
-    // Lists all addresses and reads both texts of each; gives the number of texts.
+    // Lists all addresses and reads both texts of each; returns the number of texts.
     virtual std::size_t read_all() = 0;
-    // Asks to be told of changes, and gives the descriptor that tells. -1: not offered.
+    // Registers for changes, and returns the descriptor that reports them. -1: not supported.
     virtual int subscribe() = 0;
-    // Takes away what the descriptor told.
+    // Reads what the descriptor reported.
     virtual void take_events() = 0;
 };
 
-// A store, kept in a directory of the sandbox, with its service where it has one.
+// A store in a directory of the sandbox, with its service if it has one.
 class StoreTarget {
 public:
     virtual ~StoreTarget() = default;

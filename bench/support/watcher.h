@@ -1,5 +1,5 @@
-// The benchmark's own netlink sockets: one that listens, which gives the time at which the kernel
-// announced something, and one that asks and waits for the answer.
+// The benchmark's own netlink sockets: one listens and returns the time at which the kernel
+// announced something; the other sends requests and waits for the answers.
 #pragma once
 
 #include <chrono>
@@ -20,7 +20,7 @@ inline double seconds_between(time_point from, time_point to) {
 // "2001:db8:0:1::<number>/64"
 std::string address_text(int number);
 
-// Hears what happens to the addresses of one network namespace.
+// Receives notifications about the addresses of one network namespace.
 class Watcher {
 public:
     // In the calling process's namespace.
@@ -30,10 +30,11 @@ public:
     Watcher &operator=(const Watcher &) = delete;
 
     int fd() const { return socket_fd; }
-    // Forgets what has been announced so far.
+    // Discards all announcements so far.
     void drain();
-    // Waits until so many different global addresses have been announced since the last drain; the
-    // time at which the last of them was read. Throws std::runtime_error after two minutes.
+    // Waits until this many different global addresses have been announced since the last drain;
+    // returns the time at which the last of them was read. Throws std::runtime_error after two
+    // minutes.
     time_point wait_for_addresses(std::size_t count);
 
 private:

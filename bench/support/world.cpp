@@ -46,7 +46,7 @@ Tavd::Tavd(kt::Sandbox &sandbox, const std::string &durability, const std::strin
                                        sandbox.directory() + "/" + name + ".db",
                                        "--initial-node",
                                        kt::paths::interfaces};
-    if (durability != "full") { // full is what it does unasked
+    if (durability != "full") { // full is the default
         arguments.push_back("--durability=" + durability);
     }
     process = std::make_unique<kt::Process>(sandbox, arguments, options);
@@ -97,7 +97,7 @@ void World::renew_link() {
     if (!kt::eventually([this] { return !device.link_local("eth0").empty(); })) {
         throw std::runtime_error("eth0 has no link-local address");
     }
-    // The kernel goes on clearing away the old link, with locks that additions need as well.
+    // The kernel is still removing the old link, with locks that additions need as well.
     usleep(500000);
 }
 
@@ -123,7 +123,7 @@ void World::wait_for_stored(std::size_t addresses) {
 }
 
 void World::stop_daemon() {
-    // A rebuilt engine has a connection of its own.
+    // A rebuilt engine has a new connection.
     const bool rebuilt = tavd.session_of(daemon->pid()) != last_session + 1;
     daemon->signal(SIGTERM);
     if (daemon->wait_exit() != 0) {

@@ -1,4 +1,4 @@
-// What a row starts from: a network namespace with links, the settings store in a database, and the
+// The start of a row: a network namespace with links, the settings store in a database, and the
 // daemon between them. Nothing of it touches the host's network.
 #pragma once
 
@@ -14,7 +14,7 @@
 
 namespace bench {
 
-// Of every driver's command line.
+// The options of every driver.
 struct options_t {
     int rounds = 5;
     int samples = 100; // of a round
@@ -27,15 +27,15 @@ options_t parse_options(int argc, char **argv, const char *description, options_
 // tavd with its database, and a client that edits as a user would.
 class Tavd {
 public:
-    // Started in `network` (a namespace's descriptor; -1: the caller's). `name` tells several
-    // apart.
+    // Started in `network` (a namespace's descriptor; -1: the caller's). `name` distinguishes
+    // several.
     Tavd(kt::Sandbox &sandbox, const std::string &durability, const std::string &name = "tav",
          int network = -1);
     kt::Store &store() { return *client; }
     const std::string &socket() const { return socket_path; }
     pid_t pid() const { return process->pid(); }
-    // The session of that process; -1 stands for the caller's own, made for the purpose and the
-    // newest of all. 0 when it has none.
+    // The session of this process; -1: the caller's own, which is created for this and is the
+    // newest. 0 if it has none.
     std::uint64_t session_of(pid_t process);
 
 private:
@@ -48,13 +48,13 @@ class World {
 public:
     explicit World(const std::string &durability);
 
-    // eth0, up, as if newly plugged in: without any address but its link-local one.
+    // eth0, up, as if just connected: with only its link-local address.
     void renew_link();
     int link_index() { return device.index("eth0"); }
     kt::Process &start_daemon(const std::vector<std::string> &options = {"-d"});
-    // Waits until the store has so many addresses, the link-local one included.
+    // Waits until the store has this many addresses, including the link-local one.
     void wait_for_stored(std::size_t addresses);
-    // Ends it in the orderly way; throws std::runtime_error when it had to rebuild its engine.
+    // Ends it normally; throws std::runtime_error if it had to rebuild its engine.
     void stop_daemon();
     // Under the nodes 1 to `count` of interface 1.
     void store_static(int count);
@@ -70,7 +70,7 @@ private:
     std::uint64_t last_session = 0; // before the daemon was started
 };
 
-// Runs `ip -batch` to its end, and gives the time that it took in seconds. Throws
+// Runs `ip -batch` to its end, and returns the time that it took in seconds. Throws
 // std::runtime_error unless it ends with status 0.
 double run_batch(const std::string &path);
 // A file of `ip -batch` that adds the addresses 1 to `count` to eth0; its path.
