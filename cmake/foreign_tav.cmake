@@ -1,5 +1,6 @@
-# The store client library of another provider, under the prefix TAV_ROOT. What it lacks is said
-# here, in one sentence, before anything is built. docs/device-build.md lists what it must offer.
+# The store client library of another provider, under the prefix TAV_ROOT. If it lacks something,
+# this stops with one sentence before anything is built. docs/device-build.md lists what it must
+# have.
 set(kit_lib_dirs ${TAV_ROOT}/lib ${TAV_ROOT}/${CMAKE_INSTALL_LIBDIR})
 find_path(TAV_INCLUDE_DIR NAMES tav/toolkit.h PATHS ${TAV_ROOT}/include NO_DEFAULT_PATH
   NO_CMAKE_FIND_ROOT_PATH)
@@ -26,7 +27,8 @@ if(kit_lacks)
     "${kit_lacks} not found there.")
 endif()
 
-# kit_try(RESULT OUTPUT TARGET-TYPE): compiles, and for EXECUTABLE links, a use of everything.
+# kit_try(RESULT OUTPUT TARGET-TYPE): compiles a use of everything, and links it if the type is
+# EXECUTABLE.
 function(kit_try result output type)
   set(CMAKE_TRY_COMPILE_TARGET_TYPE ${type})
   unset(kit_works CACHE)

@@ -1,5 +1,5 @@
-// Everything that the daemon takes from a store client library, used once, as the daemon uses it:
-// cmake/foreign_tav.cmake compiles and links this to tell early and plainly what a library lacks.
+// Uses everything that the daemon needs from a store client library once, like the daemon.
+// cmake/foreign_tav.cmake compiles and links this, to say early and plainly what a library lacks.
 #include <cstdint>
 #include <string>
 #include <type_traits>

@@ -1,9 +1,8 @@
 #!/bin/bash
-# board.sh powerpc|amd64 [REGEX]: boots an emulated board with an older kernel and runs there every
-# test whose name matches. The last line says how many passed and failed; the exit status is 0 only
-# when none failed. Called by ./test --board.
-# board.sh powerpc|amd64 --program NAME: runs that program of tests/board there instead, and shows
-# what it prints.
+# board.sh powerpc|amd64 [REGEX]: boots an emulated board with an older kernel and runs every test
+# whose name matches there. The last line says how many passed and failed; the exit status is 0 only
+# when none failed. Called by ./test --board. board.sh powerpc|amd64 --program NAME: runs this
+# program of tests/board there instead, and shows its output.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 . tools/setup.sh
@@ -12,12 +11,13 @@ board=$1
 selected=${2:-.}
 program=board_memory
 [ "$selected" != --program ] || program=${3:?a name is missing}
-# Wall clock: for a machine that emulates slowly. What hangs inside is ended there before that.
+# Wall-clock time, for a machine that emulates slowly. A hanging test is ended on the board before
+# that.
 limit=5400
 work=$scratch
 mkdir -p "$work/extra/board"
 date +%s >"$work/extra/board/time"
-# What the tests read of the source tree, where they look for it.
+# The files of the source tree that the tests read, where they expect them.
 mkdir -p "$work/extra$PWD/packaging"
 cp -r packaging/sysctl.d "$work/extra$PWD/packaging/"
 
@@ -55,7 +55,7 @@ build_here() {
     build "$preset" board
 }
 
-# What ctest would run of the test programs, without the emulator that it would run them with.
+# The tests of the test programs that ctest would run, without its emulator.
 plan_tests() {
     ctest --test-dir "build/$preset" --show-only=json-v1 --tests-regex "$selected" | jq -r '
         .tests[] | .name as $name | (.command // []) as $words |
@@ -63,7 +63,8 @@ plan_tests() {
         select($name | test("^(unit|tav|kernel)\\.")) |
         ["test", $name] + $words[$program:] | join("\t")'
 }
-# Takes the tests that cannot run there out of the plan, and says so of each, and of whole groups.
+# Removes the tests that cannot run there from the plan, and reports each of them and each omitted
+# group.
 leave_out() {
     awk -F'\t' -v kept="$plan.kept" '
         BEGIN { printf "" >kept }
@@ -81,7 +82,7 @@ case $board in
 powerpc | amd64) "prepare_$board" ;;
 *) die "no such board: $board (powerpc or amd64)" ;;
 esac
-# What is to run: see tests/board/README.md. The memory is reported with a run of all tests.
+# The plan: see tests/board/README.md. The memory is reported in a run of all tests.
 plan=$work/extra/board/plan
 if [ "$selected" != --program ]; then
     plan_tests >"$plan" || die "cannot list the tests"
@@ -96,8 +97,8 @@ esac
 tools/board_image.sh "build/$preset" "$work/image" "$work/extra" "${libraries[@]}" ||
     die "cannot pack the board's file system"
 
-# Time inside advances with the instructions, and skips waiting: limits there do not depend on how
-# busy this machine is.
+# Time on the board advances with its instructions and skips waiting, so time limits do not depend
+# on the load of this machine.
 : >"$work/console"
 note_board() {
     local line

@@ -1,8 +1,8 @@
 #!/bin/bash
 # board_image.sh BUILD-DIR IMAGE EXTRA-DIR LIBRARY-DIR...: packs an initial file system for an
 # emulated board: the first process, every program of the build, and the libraries that they need.
-# What was built stands under the path at which it was built, so that the tests find the programs that
-# they start; libraries of the LIBRARY-DIRs stand in /lib. EXTRA-DIR is copied into the root.
+# Built files have the same path as in the build, so that the tests find the programs that they
+# start; libraries of the LIBRARY-DIRs are in /lib. EXTRA-DIR is copied into the root.
 set -u
 build=$(readlink -f "$1")
 image=$2
@@ -18,7 +18,7 @@ printf 'root:x:0:\ndaemon:x:1:\nbin:x:2:\nnogroup:x:65534:\n' >"$root/etc/group"
 cp -r "$extra/." "$root/"
 chmod 755 "$root"
 
-# Copies an ELF file, stripped of what only a debugger reads, and what it is linked with.
+# Copies an ELF file without debugging information, and the libraries that it needs.
 put() {
     local file=$1 target=$2 name directory
     [ -e "$root$target" ] && return
@@ -32,7 +32,7 @@ put() {
         [ -e "$root/lib/$name" ] || [ -n "$(find "$build" -name "$name" -print -quit)" ] ||
             die "$file needs $name"
     done < <("${READELF:-readelf}" -d "$file" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')
-    # The dynamic loader stands where the program says.
+    # The dynamic loader is at the path that the program names.
     name=$("${READELF:-readelf}" -l "$file" 2>/dev/null | sed -n 's/.*program interpreter: \(.*\)\]/\1/p')
     [ -z "$name" ] || [ -e "$root$name" ] || {
         mkdir -p "$root${name%/*}"
@@ -43,7 +43,7 @@ put() {
     }
 }
 
-# Every program and library of the build but those of CMake's own experiments.
+# Every program and library of the build except those of CMake's own checks.
 while read -r file; do
     [ "$(head -c 4 "$file")" = $'\x7fELF' ] && put "$file" "$file"
 done < <(find "$build" -path '*/CMakeFiles' -prune -o -type f \( -perm -u+x -o -name '*.so*' \) -print)

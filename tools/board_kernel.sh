@@ -1,7 +1,7 @@
 #!/bin/bash
-# board_kernel.sh: builds the kernel of the emulated PowerPC board from Debian's source package, with
-# tests/board/powerpc.config. Result: build/cache/powerpc-kernel/vmlinux. Does nothing when it is
-# there and neither source nor configuration has changed.
+# board_kernel.sh: builds the kernel of the emulated PowerPC board from Debian's source package,
+# with tests/board/powerpc.config. Result: build/cache/powerpc-kernel/vmlinux. Does nothing if that
+# exists and neither source nor configuration has changed.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 . tools/setup.sh
@@ -25,7 +25,7 @@ cross_make=(make -C "$cache/source" ARCH=powerpc CROSS_COMPILE=powerpc-linux-gnu
         step make "Building the board's kernel (once)" "${cross_make[@]}" -j"$(nproc)" vmlinux
 } || { tail -n 30 "$step_log" >&2; die "the kernel does not build"; }
 
-# An option whose own requirements are missing is dropped in silence.
+# An option with missing requirements is dropped silently.
 while read -r option; do
     grep -qx "$option" "$cache/source/.config" || die "the kernel was built without $option"
 done < <(grep '^CONFIG_' "$config")

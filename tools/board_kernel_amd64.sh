@@ -1,7 +1,7 @@
 #!/bin/bash
-# board_kernel_amd64.sh: fetches Debian's packaged amd64 kernel for virtual machines and takes out of
-# it the kernel itself and the modules that the tests need. Result, in build/cache/amd64-kernel:
-# vmlinuz, modules/ and module-list, the order to load them in. Does nothing when they are there.
+# board_kernel_amd64.sh: fetches Debian's packaged amd64 kernel for virtual machines and extracts
+# the kernel itself and the modules that the tests need. Result, in build/cache/amd64-kernel:
+# vmlinuz, modules/ and module-list, the order to load them in. Does nothing if they exist.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 . tools/setup.sh

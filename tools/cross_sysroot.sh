@@ -1,7 +1,7 @@
 #!/bin/bash
-# cross_sysroot.sh: builds the libraries that 32-bit PowerPC needs, which Debian has as source
-# packages only, into build/cache/powerpc-sysroot. Does nothing when they are there and neither this
-# file nor the compiler has changed.
+# cross_sysroot.sh: builds the libraries for 32-bit PowerPC, which Debian has only as source
+# packages, into build/cache/powerpc-sysroot. Does nothing if they exist and neither this file nor
+# the compiler has changed.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 . tools/setup.sh
@@ -17,7 +17,7 @@ wanted="$(dpkg-query -W -f='${Version}' g++-$host) $(sha256sum <"$0")"
 [ "$(cat "$root/built-from" 2>/dev/null)" = "$wanted" ] && exit 0
 
 # The machine's own package sources, with source packages instead of binary ones: files of both
-# formats, in a directory of our own.
+# formats, in a separate directory.
 own_sources() {
     mkdir -p "$work/apt/sources.list.d" "$work/apt/lists/partial" "$work/apt/cache/archives/partial"
     local file
@@ -32,7 +32,7 @@ own_sources() {
     return 0
 }
 
-# apt-get over those sources, which needs no root and leaves the machine's own lists alone.
+# apt-get with those sources, which needs no root and does not change the machine's own lists.
 own_apt() {
     apt-get -q -o Dir::Etc::sourcelist=/dev/null -o Dir::Etc::sourceparts="$work/apt/sources.list.d" \
         -o Dir::State::lists="$work/apt/lists" -o Dir::Cache="$work/apt/cache" \
@@ -41,12 +41,12 @@ own_apt() {
 
 fetch() {
     own_sources
-    own_apt update || true # one source that fails need not be the one that matters
+    own_apt update || true # a source that fails may not be needed
     cd "$work" && own_apt source --download-only libnl3 sqlite3 || return
     dpkg-source -x libnl3_*.dsc libnl && dpkg-source -x sqlite3_*.dsc sqlite
 }
 
-# The core library alone; the scanners and parsers of the others are not made.
+# Only the core library; the scanners and parsers of the others are not built.
 build_libnl() {
     cd "$work/libnl" || return
     ./configure --host=$host --prefix=/usr --sysconfdir=/etc --disable-cli --disable-static \
@@ -89,7 +89,8 @@ make_one "Fetching sources" fetch
 make_one "Building libnl" build_libnl
 make_one "Building SQLite" build_sqlite
 make_one "Building GoogleTest" build_googletest
-# Headers alone, the same for every machine; copied together with the files by which CMake finds them.
+# Only headers, which are the same for every machine; copied with the files by which CMake finds
+# them.
 for name in include/boost include/CLI include/nlohmann share/cmake/CLI11 share/cmake/nlohmann_json; do
     mkdir -p "$root/usr/${name%/*}"
     cp -rL "/usr/$name" "$root/usr/$name" || die "no /usr/$name"

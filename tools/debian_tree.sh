@@ -1,8 +1,8 @@
 # shellcheck shell=bash disable=SC2154
 # Sourced, after tools/setup.sh: a clean Debian tree, kept for the next time.
 
-# debian_tree: makes the tree build/cache/debian-tree unless it is there. It holds what the
-# packages depend on, so that trying them needs no network.
+# debian_tree: creates the tree build/cache/debian-tree unless it exists. It contains the packages'
+# dependencies, so that testing them needs no network.
 debian_tree() {
     local base=$PWD/build/cache/debian-tree
     [ ! -e "$base/complete" ] || return 0

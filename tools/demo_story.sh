@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# The story that ./demo tells, inside its namespaces. DEMO_DIR is a directory to work in.
+# The demonstration of ./demo, inside its namespaces. DEMO_DIR is its working directory.
 set -u
 trap 'exit 130' INT TERM
 
@@ -57,10 +57,10 @@ both_views() {
 
 # --- with --show --------------------------------------------------------------------------------
 
-# check_and_watch WHEN: what check says of this state, and what watch has printed since the last one.
+# check_and_watch WHEN: the output of check for this state, and of watch since the last one.
 check_and_watch() {
     local status text
-    # What is under way at the end of a step comes to rest; then the views must agree.
+    # Waits until everything in progress is finished; then the views must agree.
     [ "$1" != after ] || expect 20 "tandrelctl check finds no difference." tandrelctl check --quiet eth0
     sleep 0.3 # for the watch
     text=$(tandrelctl --color="$colour" check eth0 2>&1)
@@ -76,13 +76,13 @@ start_watch() {
     tandrelctl watch eth0 >"$dir/watch.log" 2>&1 &
 }
 
-# last_screen FILE: what a terminal shows before it is given back, without colours.
+# last_screen FILE: the last content of a terminal's alternate screen, without colours.
 last_screen() {
     tr -d '\r' <"$1" | sed 's/\x1b\[?1049l.*//; s/\x1b\[[0-9;]*[mKJ]//g; s/\x1b\[?[0-9]*[hl]//g' |
         awk '/\033\[H/ { sub(/.*\033\[H/, ""); screen = $0; next } { screen = screen "\n" $0 }
              END { print screen }'
 }
-# watch_on_a_terminal: one address comes and goes before the eyes of a watch that has a terminal.
+# watch_on_a_terminal: one address is added and removed during a watch on a terminal.
 watch_on_a_terminal() {
     local watcher screen=$dir/screen
     : >"$screen"
@@ -101,7 +101,7 @@ watch_on_a_terminal() {
     wait "$watcher"
 }
 
-# --- telling ------------------------------------------------------------------------------------
+# --- output -------------------------------------------------------------------------------------
 
 chapter=0
 log_mark=0
@@ -110,7 +110,7 @@ tell() {
     printf '\n%s%d. %s%s\n' "$bold" "$chapter" "$*" "$plain"
     log_mark=$(wc -l <"$dir/tandrel.log" 2>/dev/null || echo 0)
 }
-# Shows the command as one would type it, with the long paths as $A and $G, and runs it.
+# Shows the command as a user would type it, with the long paths as $A and $G, and runs it.
 do_it() {
     local word line=''
     for word in "$@"; do
@@ -130,7 +130,7 @@ daemon_said() {
 }
 # waiting TEXT: rewrites the terminal's last line.
 waiting() { [ ! -t 2 ] || printf '\r%s\e[K' "${1:0:79}" >&2; }
-# expect SECONDS SENTENCE COMMAND...: the sentence comes true, or the demo fails.
+# expect SECONDS SENTENCE COMMAND...: the sentence becomes true in this time, or the demo fails.
 expect() {
     local seconds=$1 sentence=$2 began=$SECONDS waited
     shift 2
@@ -151,7 +151,7 @@ make_world() {
     ip link set lo up
     unshare --net sleep infinity &
     neighbour=$!
-    # The neighbour's namespace exists once it differs from ours.
+    # The neighbour's namespace exists as soon as it differs from ours.
     until [ "$(readlink /proc/$neighbour/ns/net)" != "$(readlink /proc/self/ns/net)" ]; do
         sleep 0.02
     done
@@ -239,7 +239,7 @@ daemon_said 'REMOVING addr'
 tell "The store service is killed and comes back; the daemon recovers."
 both_views before
 printf ' $ kill -KILL <tavd>\n'
-# Without bash's own line about it.
+# Suppresses bash's own message about it.
 { kill -KILL "$store"; wait "$store"; } 2>/dev/null
 noticed() { tail -n "+$((log_mark + 1))" "$dir/tandrel.log" | grep -q 'Caught exception'; }
 expect 5 "The daemon noticed; it tries again every ten seconds." noticed
@@ -281,7 +281,7 @@ wait "$daemon"
 status=$?
 [ "$status" -eq 0 ] || fail "the daemon ended with status $status"
 printf ' %s✓ It ended with status 0, and left both sides as they were.%s\n' "$green" "$plain"
-# Whoever stayed may have left them otherwise.
+# A user of --stay may have changed them.
 [ "$DEMO_STAY" = yes ] || in_step || fail "the views differ"
 both_views after
 daemon_said 'exit signal|Exiting'

@@ -1,15 +1,15 @@
 #!/bin/bash
-# Runs the daemon's kernel tests against a store that does worse than the real one, and prints what
-# came of it; what the tests printed stays in build/faults. Called as ./test --faults [REGEX]; see
-# tests/faults/plan.h for the plans.
+# Runs the daemon's kernel tests against a store with faults, and prints the results; the tests'
+# output is kept in build/faults. Called as ./test --faults [REGEX]; see tests/faults/plan.h for the
+# plans.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 
 pattern=${1:-.}
 explained=tests/faults/explained.txt
 
-# Name of the fault; plan of the service; plan of the calls. The first ones need no rebuild, so that
-# each test's own verdict holds. Each of the others strikes once, in the middle of a test.
+# Name of the fault; plan of the service; plan of the calls. The first ones cause no rebuild, so
+# each test's own result is valid. Each of the others occurs once, in the middle of a test.
 faults='
 Echoes                 echo                             -
 DuplicatedEvents       duplicate                        -
@@ -37,13 +37,13 @@ row='%-22s %6s %7s %10s %12s %9s %7s %5s\n'
 unexplained=0
 passed=0
 
-# What the failing ones print is judged below.
+# The output of failing tests is examined below.
 note_quiet_ctest() { note_ctest "$1" >/dev/null; }
 
-# What came of the tests under a fault, one line for each: "<name> <run|fail|...>".
+# The results of the tests under a fault, one line for each: "<name> <run|fail|...>".
 verdicts() { sed -n 's/.*<testcase name="\([^" ]*\).* status="\([a-z]*\)".*/\1 \2/p' "$results"; }
 
-# printed_by TEST: what it printed under the fault.
+# printed_by TEST: its output under the fault.
 printed_by() {
     awk -v RS='</testcase>' -v start="<testcase name=\"$1\"" 'index($0, start)' "$results"
 }
@@ -82,7 +82,7 @@ while read -r name service calls; do
             unknown+=("$test")
         fi
     done < <(verdicts)
-    # The same fault without end, under a user who edits.
+    # The same fault without end, while a user makes edits.
     step log "A user edits under $name" build/test/tests/kernel/kernel_tests \
         --gtest_filter="Store/FaultTest*/$name"
     scenario=$(<"$step_log")

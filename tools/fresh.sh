@@ -28,7 +28,7 @@ while read -r name _; do
 done < <(tree_table)
 [ ${#names[@]} -gt 0 ] || [ $# -eq 0 ] || die "no such tree: $*; there are: $(tree_table | awk '{printf "%s ", $1}')"
 
-# What is committed, and nothing else. Runs for other trees of this commit may be under way.
+# Only committed files. Runs for other trees of this commit may be in progress.
 (
     flock 9
     [ ! -e "$shared/time" ] || exit 0
@@ -37,10 +37,10 @@ done < <(tree_table)
         git log -1 --format=%ct >"$shared/time"
 ) 9>"$shared/lock" || die "cannot copy the sources"
 
-# base BASE: makes it unless it is there.
+# base BASE: creates it unless it exists.
 base() {
     local suite=${1%-full} path=$cache/$1
-    # apt locks it: of two runs at once the second goes without what was fetched before.
+    # apt locks it: of two simultaneous runs, the second cannot use previously fetched files.
     export FRESH_ARCHIVES=$cache/archives-$suite
     mkdir -p "$FRESH_ARCHIVES/partial"
     if [ ! -e "$FRESH_ARCHIVES/of" ] || ! kill -0 "$(<"$FRESH_ARCHIVES/of")" 2>/dev/null; then
@@ -56,7 +56,7 @@ base() {
         step debootstrap "Making a $suite tree" debootstrap --variant=minbase --include=git,ca-certificates \
             "$suite" "$path" || { tail -n 20 "$step_log" >&2; die "debootstrap failed"; }
         cp /etc/resolv.conf "$path/etc/resolv.conf"
-        # A mirror may be behind.
+        # A mirror may be out of date.
         echo 'Acquire::Check-Valid-Until "false";' >"$path/etc/apt/apt.conf.d/90mirror"
     else
         base "$suite"

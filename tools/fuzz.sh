@@ -1,11 +1,13 @@
 #!/bin/bash
-# ./test --fuzz SECONDS [TARGET...]: runs the fuzz targets one after the other, for that many seconds each.
-# tools/fuzz.sh --merge [TARGET...]: leaves of what the runs found the fewest inputs that reach code which
-# no seed reaches. One that is worth keeping is copied to the seeds under a name that says what it shows.
+# ./test --fuzz SECONDS [TARGET...]: runs the fuzz targets one after the other, for that many
+# seconds each. tools/fuzz.sh --merge [TARGET...]: reduces the found inputs to the fewest that reach
+# code which no seed reaches. Copy one that is worth keeping to the seeds, under a name that says
+# what it shows.
 #
-# Everything that a run finds goes to build/fuzz: inputs that reach something new to found/TARGET, the
-# inputs of findings to findings. The seeds, past failures among them, are only read. To repeat a finding:
-# fuzz_TARGET FILE, with the program in build/fuzz/tests/fuzz or build/fuzz/platform/tav/tests/fuzz.
+# Everything that a run finds goes to build/fuzz: inputs that reach something new to found/TARGET,
+# the inputs of failures to findings. The seeds, including past failures, are only read. To repeat a
+# failure: fuzz_TARGET FILE, with the program in build/fuzz/tests/fuzz or
+# build/fuzz/platform/tav/tests/fuzz.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 
@@ -27,7 +29,7 @@ targets=("$@")
     targets+=("${program##*/fuzz_}")
 done
 
-# For speed: no record of where memory was allocated, and little freed memory held back. A finding is
+# For speed: no record of where memory was allocated, and little freed memory kept. A failure is
 # repeated without these.
 export ASAN_OPTIONS=malloc_context_size=0:quarantine_size_mb=1:thread_local_quarantine_size_kb=16
 ASAN_OPTIONS+=:max_redzone=64:allocator_release_to_os_interval_ms=-1
@@ -67,7 +69,7 @@ note_fuzz() {
     [[ ! $1 =~ ^#([0-9]+) ]] || state="${BASH_REMATCH[1]} inputs"
 }
 
-# merge TARGET: the seeds are merged into first, and taken away again.
+# merge TARGET: the found inputs are first merged with the seeds, which are removed again.
 merge() {
     local merged=$scratch/$1
     prepare "$1"

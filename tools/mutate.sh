@@ -9,7 +9,7 @@ cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 need_packages $build_packages $test_packages $mutate_packages
 configure test
 build test unit_tests
-# It says after each place how many it has tried.
+# After each place it prints how many it has tried.
 note_mutate() {
     case $1 in
     '# '*) state=${1#'# '} ;;

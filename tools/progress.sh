@@ -1,8 +1,8 @@
 # shellcheck shell=bash
-# Sourced by the commands (through setup.sh): runs their long steps. A step says on standard error what
-# it does, how far it is and for how long it has been at it: on a terminal in one line that is
-# rewritten, elsewhere in a line every 15 seconds. Whatever interrupts a command, nothing of it is left
-# behind: its processes live in a process namespace of their own, its files in one directory.
+# Sourced by the commands (through setup.sh): runs their long steps. A step reports on standard
+# error what it does, how far it is and how long it has taken: on a terminal in one line that is
+# rewritten, elsewhere in a line every 15 seconds. If a command is interrupted, nothing of it
+# remains: its processes are in their own process namespace, its files in one directory.
 
 say() { printf '%s\n' "$*"; }
 die() { clear_line; printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
@@ -12,7 +12,7 @@ chmod 711 "$scratch" # some tests run programs as other users
 export TMPDIR=$scratch
 step_log=$scratch/step.log # what the last step printed
 
-doing=''  # the step at work, for the reader
+doing=''  # the name of the running step, for the reader
 runner='' # its process
 drawn=no  # whether there is a line to rewrite
 
@@ -30,7 +30,7 @@ interrupted() {
 clean_up() {
     if [ -n "$runner" ]; then
         kill "-${end_with:-KILL}" "$runner" 2>/dev/null
-        # Once all that could write there has ended, nothing of the step is left.
+        # When every process that could write there has ended, nothing of the step remains.
         cat <&"$step_output" >/dev/null
     fi
     rm -rf "$scratch"
@@ -56,23 +56,24 @@ draw() {
     fi
 }
 
-# The namespaces of a step. Where we are not root, a user namespace lends the right to make them.
+# The namespaces of a step. If we are not root, a user namespace gives the privilege to create them.
 box=(--pid --fork --kill-child --mount --mount-proc)
 [ "$(id -u)" -eq 0 ] || box+=(--user --map-current-user)
 unshare "${box[@]}" true 2>/dev/null || box=()
 
-# boxed COMMAND...: ends, with everything that it has started, when the process that runs it is killed.
-# The shell that starts a step in the background lets it ignore the terminal's signals: undone here.
+# boxed COMMAND...: ends, with everything that it has started, when the process that runs it is
+# killed. The shell makes a background step ignore the terminal's signals; this undoes that.
 boxed() {
     local plainly=(env --default-signal=INT --default-signal=QUIT)
     [ ${#box[@]} -gt 0 ] || exec "${plainly[@]}" "$@"
-    # The first process of the namespace must reap what others leave behind, as a shell does.
+    # The first process of the namespace must reap orphans, as a shell does.
     # shellcheck disable=SC2016
     exec unshare "${box[@]}" "${plainly[@]}" bash -c '"$@"; exit "$?"' step "$@"
 }
 
-# step KIND WHAT COMMAND...: runs a command; its status. note_KIND takes each line that it prints.
-# $start_by and $end_with are the function that starts it and the signal that ends it, if not in a box.
+# step KIND WHAT COMMAND...: runs a command and returns its status. note_KIND handles each line that
+# it prints. $start_by and $end_with are the function that starts it and the signal that ends it, if
+# not in a box.
 step() {
     local kind=$1 status width
     doing=$2
@@ -89,7 +90,7 @@ step() {
     status=$?
     runner=''
     exec {step_output}<&-
-    # What took long stays to be seen.
+    # Long steps stay visible.
     if [ "$drawn" = yes ] && [ $((SECONDS - began)) -ge 2 ]; then
         draw
         printf '\n' >&2
@@ -116,13 +117,13 @@ follow() {
     done
 }
 
-# pass_on TEXT: a line for the reader among the progress.
+# pass_on TEXT: prints a line for the reader between the progress lines.
 pass_on() {
     clear_line
     printf '%s\n' "$1"
 }
 
-# Kinds of steps. $state is what the reader sees of how far it is.
+# Kinds of steps. $state shows the reader how far the step is.
 note_log() { printf '%s\n' "$1" >>"$step_log"; }
 note_lines() {
     note_log "$1"
@@ -136,7 +137,7 @@ note_make() {
     note_log "$1"
     case $1 in *' CC '* | *' LD '* | *' AR '*) state="$((${state%% *} + 1)) files" ;; esac
 }
-# Of ctest's lines, those of tests that fail are passed on.
+# Of ctest's lines, those of failing tests are printed.
 note_ctest() {
     local text=$1
     if [[ $text =~ ^\ *([0-9]+)/([0-9]+)\ Test\ +#[0-9]+:\ ([^ ]+)\ [.]*(.*) ]]; then

@@ -1,13 +1,13 @@
 # shellcheck shell=bash disable=SC2034
-# Sourced by ./demo, ./test, ./package, bench/run and what these call: installs what is missing,
-# configures and builds.
+# Sourced by ./demo, ./test, ./package, bench/run and the scripts that they call: installs what is
+# missing, configures and builds.
 . "$PWD/tools/progress.sh"
 
 build_packages="g++ cmake ninja-build pkg-config libnl-3-dev libboost-dev libsqlite3-dev libcli11-dev
     nlohmann-json3-dev"
 demo_packages="iproute2 procps radvd"
 test_packages="libgtest-dev binutils iproute2 procps radvd python3"
-# Their checks are skipped where these cannot be had.
+# Their checks are skipped if these cannot be installed.
 lint_packages="clang-format clang-tidy mandoc groff-base bash-completion shellcheck"
 fuzz_packages="clang libclang-rt-dev"
 mutate_packages="lld"
@@ -18,7 +18,7 @@ board_powerpc_packages="linux-source-6.1 bc flex bison make xz-utils cpio jq qem
 board_amd64_packages="cpio jq xz-utils qemu-system-x86"
 package_packages="build-essential debhelper dpkg-dev lintian"
 
-# need_root WHAT, need_namespaces, need_space MEGABYTES: say early what cannot be done here.
+# need_root WHAT, need_namespaces, need_space MEGABYTES: report early what cannot be done here.
 need_root() { [ "$(id -u)" -eq 0 ] || die "$1 needs root"; }
 need_namespaces() {
     local spaces=(--net --mount --pid --fork --kill-child --mount-proc)
@@ -78,22 +78,22 @@ install() {
         as_root=(sudo)
         sudo -v || die "sudo failed; install these packages as root: $*"
     fi
-    # The first command repairs an installation that was interrupted. A package list that was never
-    # fetched, or is out of date, names files that are no longer there.
+    # The first command repairs an installation that was interrupted. A package list that is missing
+    # or out of date may name files that no longer exist.
     say "Installing: $*"
     # shellcheck disable=SC2016
     step apt "Installing" "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive sh -c '
         apt="apt-get -y -q -o DPkg::Lock::Timeout=300 --no-install-recommends"
         dpkg --configure -a && $apt update && $apt install --fix-broken "$@"' sh "$@"
 }
-# Not in a box: what apt-get starts belongs to the system, and it ends in good order by itself.
+# Not in a box: processes that apt-get starts belong to the system, and it exits cleanly by itself.
 unboxed() { exec env --default-signal=INT --default-signal=QUIT "$@"; }
 
-# configure PRESET: makes build/PRESET ready to be built. Warnings are errors, where the preset says
-# so, for the compiler that this is developed with; another one may see more.
+# configure PRESET: prepares build/PRESET. If the preset says so, warnings are errors with the
+# compiler that this is developed with; another one may have more warnings.
 configure() {
     local lenient=() cache=build/$1/CMakeCache.txt
-    # A checkout that was moved is built anew.
+    # A checkout that was moved is rebuilt.
     [ ! -e "$cache" ] || grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$PWD" "$cache" || rm -rf "build/$1"
     on_debian_12 || lenient=(--compile-no-warning-as-error)
     step log "Configuring build/$1" cmake --preset "$1" "${lenient[@]}" ||

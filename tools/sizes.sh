@@ -1,6 +1,6 @@
 #!/bin/bash
-# sizes.sh: builds the release for small devices for amd64 and for 32-bit PowerPC and prints what
-# each program and library takes, in bytes: code and constants, data, zeroed data, and the file.
+# sizes.sh: builds the release for small devices for amd64 and for 32-bit PowerPC and prints the
+# size of each program and library, in bytes: code and constants, data, zeroed data, and the file.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 . tools/setup.sh

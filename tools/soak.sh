@@ -1,7 +1,7 @@
 #!/bin/bash
-# Carries out random sequences, each in a world of its own, for so many minutes: ./test --soak.
-# SOAK_SEED gives the first seed (else the time does), SOAK_PRESET the build, SOAK_JOBS how many
-# run at once, SOAK_LOG the directory in which each failure's report is kept.
+# Carries out random sequences, each in its own environment, for the given number of minutes: ./test
+# --soak. SOAK_SEED is the first seed (default: from the time), SOAK_PRESET the build, SOAK_JOBS the
+# number of sequences at a time, SOAK_LOG the directory for the reports of failures.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 
@@ -25,7 +25,7 @@ reports=${SOAK_LOG:-build/soak}
 mkdir -p "$reports"
 say "$jobs sequences at a time, from seed $first, for $minutes minutes; failures are kept in $reports"
 
-# work NUMBER: every jobs-th seed, a line each; the report of a failure goes to a file of its own.
+# work NUMBER: every jobs-th seed, a line each; the report of a failure goes to a separate file.
 work() {
     local seed=$((first + $1)) report
     while [ $SECONDS -lt $((minutes * 60)) ]; do

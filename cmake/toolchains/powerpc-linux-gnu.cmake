@@ -9,7 +9,7 @@ set(TANDREL_SYSROOT "${CMAKE_CURRENT_LIST_DIR}/../../build/cache/powerpc-sysroot
   "Prefix (with usr/ below it) of the libraries for the device")
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES TANDREL_SYSROOT)
 
-# Nothing of the build machine's own libraries and headers.
+# Do not use the build machine's own libraries and headers.
 cmake_path(ABSOLUTE_PATH TANDREL_SYSROOT NORMALIZE OUTPUT_VARIABLE sysroot)
 set(CMAKE_FIND_ROOT_PATH ${sysroot} /usr/powerpc-linux-gnu)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
@@ -20,7 +20,7 @@ set(ENV{PKG_CONFIG_DIR} "")
 set(ENV{PKG_CONFIG_LIBDIR} ${sysroot}/usr/lib/pkgconfig)
 set(ENV{PKG_CONFIG_SYSROOT_DIR} ${sysroot})
 
-# What the build machine's emulator can run of the tests: see ./test --powerpc.
+# Runs tests in the build machine's emulator: see ./test --powerpc.
 find_program(TANDREL_EMULATOR qemu-ppc)
 if(TANDREL_EMULATOR)
   set(CMAKE_CROSSCOMPILING_EMULATOR ${TANDREL_EMULATOR} -L /usr/powerpc-linux-gnu)

@@ -1,5 +1,5 @@
-# What a build of the store has in common with a build that contains the store. Whoever includes it
-# first decides for the folders below.
+# Settings for a build of the store and for a build that contains the store. The first project that
+# includes this decides for the folders below.
 include_guard(GLOBAL)
 
 option(TAV_SMALL "Optimised for size, stripped, symbols in separate files" OFF)

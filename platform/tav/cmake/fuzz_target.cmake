@@ -6,7 +6,7 @@ add_library(fuzz_harness INTERFACE)
 target_include_directories(fuzz_harness INTERFACE ${CMAKE_CURRENT_LIST_DIR}/../tests)
 target_link_libraries(fuzz_harness INTERFACE project_warnings)
 if(TAV_FUZZ)
-  # The code around the code under test need not guide the search, nor slow it down.
+  # Only the code under test guides the search; the rest is not instrumented, for speed.
   target_compile_options(fuzz_harness INTERFACE -fno-sanitize=all)
 endif()
 
@@ -18,8 +18,8 @@ target_link_libraries(fuzz_support PRIVATE fuzz_harness)
 
 add_custom_target(fuzz_targets)
 
-# fuzz_target(NAME OBJECTS...): NAME.cpp of the current folder with these objects. The inputs that it
-# begins with are in seeds/NAME, past failures among them, its dictionary is NAME.dict.
+# fuzz_target(NAME OBJECTS...): NAME.cpp of the current folder with these objects. Its first inputs,
+# including past failures, are in seeds/NAME, and its dictionary is NAME.dict.
 function(fuzz_target name)
   add_executable(fuzz_${name} ${name}.cpp $<TARGET_OBJECTS:fuzz_support> ${ARGN})
   target_link_libraries(fuzz_${name} PRIVATE fuzz_harness)

@@ -2,9 +2,9 @@
 set(CMAKE_C_FLAGS_RELEASE "-O2 -DNDEBUG")
 set(CMAKE_CXX_FLAGS_RELEASE "-O2 -DNDEBUG")
 
-# A release for small devices (-DTAV_SMALL=ON): optimised for size, without what nobody calls,
-# stripped. The symbols of each program and library stand beside it in <name>.debug, where a debugger
-# finds them.
+# A release for small devices (-DTAV_SMALL=ON): optimised for size, without unused code, stripped.
+# The symbols of each program and library are next to it in <name>.debug, where a debugger finds
+# them.
 if(TAV_SMALL)
   set(CMAKE_C_FLAGS_RELEASE "-Os -g -DNDEBUG")
   set(CMAKE_CXX_FLAGS_RELEASE "-Os -g -DNDEBUG")
@@ -12,8 +12,8 @@ if(TAV_SMALL)
   add_link_options(-Wl,--gc-sections -Wl,--as-needed)
 endif()
 
-# For each program and library that is installed. Names that a crash backtrace shows are among the
-# dynamic symbols, which stay.
+# Call this for each program and library that is installed. The names in a crash backtrace are
+# dynamic symbols, which are kept.
 function(make_small)
   if(NOT TAV_SMALL)
     return()

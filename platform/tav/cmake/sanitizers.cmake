@@ -2,8 +2,8 @@
 if(TAV_SANITIZE)
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all
     -fno-omit-frame-pointer)
-  # The check of an object's dynamic type makes a pipe to find out whether memory can be read. Where a
-  # test leaves a program no descriptor, that fails, and the check reports a valid object.
+  # The check of an object's dynamic type creates a pipe to find out whether memory can be read. If
+  # a test leaves a program no free descriptor, that fails, and the check reports a valid object.
   # AddressSanitizer still sees virtual calls on dead objects.
   add_compile_options(-fno-sanitize=vptr)
   add_link_options(-fsanitize=address,undefined)

@@ -1,16 +1,16 @@
-# What the programs of the tests have in common.
+# Common settings of the test programs.
 
 find_package(GTest REQUIRED)
 include(GoogleTest)
 
-# They are compiled for a short build rather than a short run. The programs under test stay as they
-# are shipped.
+# They are compiled for a short build rather than a short run. The programs under test are compiled
+# as they are shipped.
 if(NOT TAV_FUZZ AND NOT CMAKE_CROSSCOMPILING)
   add_compile_options($<$<CONFIG:Release>:-O0>)
 endif()
 
-# The headers that most tests include, compiled once. Programs and libraries can share them only when
-# both are compiled for the same position.
+# The headers that most tests include, compiled once. Programs and libraries can share them only if
+# both are position-independent in the same way.
 unset(CMAKE_POSITION_INDEPENDENT_CODE)
 if(NOT TARGET test_headers)
   file(TOUCH ${CMAKE_CURRENT_BINARY_DIR}/test_headers.cpp)
@@ -26,7 +26,7 @@ function(test_program target)
 endfunction()
 
 # The property of tests that compute: ctest --resource-spec-file runs one of them at a time on each
-# processor, and beside them those that mostly wait.
+# processor, in parallel with tests that mostly wait.
 set(computes RESOURCE_GROUPS processors:1)
 
 # The property of tests that wait, many of them for long: they start before the others.

@@ -1,6 +1,6 @@
-# What everything of this project is compiled with. C code gets the part that C knows. A warning is an
-# error only with CMAKE_COMPILE_WARNING_AS_ERROR, which the developers' presets set: the warnings of a
-# newer compiler break nobody's build.
+# The warnings for all code of this project; C code gets those that C has. A warning is an error
+# only with CMAKE_COMPILE_WARNING_AS_ERROR, which the developers' presets set, so that new warnings
+# of a newer compiler do not break other builds.
 add_library(project_warnings INTERFACE)
 target_compile_options(project_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wnull-dereference
