@@ -1,7 +1,6 @@
-// Prints what this machine's kernel answers to the daemon's requests, as the datagrams that arrive:
-// a line for each, with its kind and its bytes in hexadecimal digits, as C++ wants them. The links,
-// addresses and routes are always the same, so that the answers of different kernels can be
-// compared.
+// Prints the kernel's answers to the daemon's requests: a line for each datagram, with its kind and
+// its bytes in hexadecimal digits, in C++ syntax. The links, addresses and routes are always the
+// same, so that the answers of different kernels can be compared.
 #include <cerrno>
 #include <cstdio>
 #include <stdexcept>
@@ -28,7 +27,7 @@ using datagram_t = std::vector<unsigned char>;
 class Channel {
 public:
     explicit Channel(int group = 0) : fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, 0)) {
-        // Bound: the kernel tells a socket without a port of nothing.
+        // Bound, because the kernel sends no notifications to a socket without a port.
         sockaddr_nl own{};
         own.nl_family = AF_NETLINK;
         if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr *>(&own), sizeof own) != 0 ||
@@ -69,7 +68,7 @@ void print(const char *kind, const datagram_t &datagram) {
     std::printf("\"},\n");
 }
 
-// What the messages of a datagram say of the dump.
+// What the messages of a datagram say about the dump.
 void look_at(const datagram_t &datagram, bool &done, bool &interrupted) {
     for (std::size_t at = 0; at + sizeof(nlmsghdr) <= datagram.size();) {
         const auto header = kt::read_as<nlmsghdr>(datagram.data() + at);
@@ -114,7 +113,7 @@ void set_hardware_address(int index) {
     }
 }
 
-// One link, up, with one address formed by itself and two given ones, and two routes.
+// One link, up, with its own link-local address, two configured addresses and two routes.
 void set_the_scene(kt::Sandbox &sandbox, kt::Kernel &device, kt::Kernel &neighbour) {
     for (const std::string which : {"all", "default"}) {
         kt::write_file("/proc/sys/net/ipv6/conf/" + which + "/accept_dad", "0");
@@ -130,7 +129,7 @@ void set_the_scene(kt::Sandbox &sandbox, kt::Kernel &device, kt::Kernel &neighbo
     device.add_address("eth0", "2001:db8:1::6/48");
     device.add_route({"::/0", "fe80::1", "eth0"});
     device.add_route({"2001:db8:7::/48", "fe80::2", "eth0"});
-    sleep(1); // the kernel adds the routes to its own addresses a moment after these
+    sleep(1); // the kernel adds the routes of its own addresses a moment later
 }
 
 Message addition(int index, const std::string &text) {

@@ -1,5 +1,5 @@
 // The first process of the emulated board: sets the system up, runs what /board/plan lists one by
-// one, says on the console how each ended, and switches the board off. README.md describes the
+// one, reports each result on the console, and switches the board off. README.md describes the
 // lines.
 #include <cerrno>
 #include <csignal>
@@ -28,7 +28,7 @@ constexpr char plan_path[] = "/board/plan";
 constexpr char output_path[] = "/tmp/output";
 constexpr int limit_seconds = 300;
 
-// Only the console tells what went on here, so whatever fails is said there.
+// The console is the only output, so all failures are reported there.
 void complain(const std::string &what) {
     std::printf("board: error %s: %s\n", what.c_str(), std::strerror(errno));
 }
@@ -48,14 +48,14 @@ void set_up() {
     // The root is in memory and may be written to.
     mkdir("/tmp", 01777);
     chmod("/tmp", 01777);
-    // Nothing of the kernel's but its last words may come between the lines.
+    // Only the kernel's messages about a crash may appear between the lines.
     constexpr int set_console_level = 8;
     klogctl(set_console_level, nullptr, 1);
     setenv("PATH", "/usr/sbin:/usr/bin:/sbin:/bin", 1);
     setenv("HOME", "/", 1);
 }
 
-// Without a clock of its own the board is in 1970; the time of its image will do.
+// The board has no clock and starts in 1970; use the time of its image.
 void set_clock() {
     std::ifstream file("/board/time");
     timespec now{};
@@ -64,7 +64,7 @@ void set_clock() {
     }
 }
 
-// Modules in the order in which they need each other, a path in each line.
+// Modules in the order of their dependencies, one path per line.
 void load_modules() {
     std::ifstream list("/board/module-list");
     for (std::string path; std::getline(list, path);) {
@@ -109,8 +109,8 @@ void describe() {
     _exit(127);
 }
 
-// Waits for the child and for whatever it leaves behind; the result of wait(2), or -1 after the
-// limit.
+// Waits for the child and for all processes that it leaves; returns the child's status, or -1 after
+// the limit.
 int wait_for(pid_t child) {
     timespec limit{};
     clock_gettime(CLOCK_MONOTONIC, &limit);
@@ -142,7 +142,7 @@ std::string output() {
     return text.str();
 }
 
-// Indented, so that no line of it passes for one of ours.
+// Indented, so that no line of it is mistaken for one of ours.
 void show(const std::string &text) {
     std::istringstream lines(text);
     for (std::string line; std::getline(lines, line);) {
@@ -150,7 +150,7 @@ void show(const std::string &text) {
     }
 }
 
-// The line that the test gave with its skipping: the one behind the place in the source.
+// The test's reason for skipping: the line after the place in the source.
 std::string reason_for_skipping(const std::string &text) {
     const auto place = text.find(": Skipped\n");
     if (place == std::string::npos) {

@@ -1,4 +1,4 @@
-// How much memory the daemon takes, in normal operation. A report, not a test: it holds no limit.
+// How much memory the daemon takes, in normal operation. A report, not a test: it checks no limit.
 #include <cstdio>
 #include <sstream>
 #include <stdexcept>

@@ -1,8 +1,8 @@
 #!/bin/bash
-# enter.sh LOWER UPPER COMMAND...: runs a command in a tree whose files are LOWER's and whose changes go
-# to UPPER, with /proc, /sys, /dev and a /run of its own. In a mount and process namespace of its own.
-# Changes the root itself, where chroot would take from users the right to make user namespaces.
-# FRESH_SHARED is there as /shared, FRESH_ARCHIVES as apt's archives.
+# enter.sh LOWER UPPER COMMAND...: runs a command in a tree whose files are LOWER's and whose
+# changes go to UPPER, with /proc, /sys, /dev and a /run of its own. In a mount and process
+# namespace of its own. Changes the root itself, because after chroot users could not create user
+# namespaces. FRESH_SHARED is mounted as /shared, FRESH_ARCHIVES as apt's archives.
 set -eu
 lower=$1
 upper=$2

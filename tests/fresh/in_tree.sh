@@ -32,7 +32,7 @@ else
     git clone -q /shared/source.git "$place"
 fi || exit 1
 cd "$place" || exit 1
-# Objects are as old as the run that built them: the sources must be older.
+# Objects have the time of the run that built them: the sources must be older.
 find . -path ./.git -prune -o -type f -exec touch -d "@$(cat /shared/time)" {} +
 [ ${#as[@]} -eq 0 ] || { chown -R dev: . && export HOME=/home/dev; }
 

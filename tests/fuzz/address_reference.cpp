@@ -29,7 +29,7 @@ address_t address(const std::string &text, bool prefix_required) {
     }
     const std::string prefix = text.substr(parts[0].size() + 1);
     const fuzz::decimal_t length = fuzz::decimal(prefix);
-    // Without a digit nothing is consumed, which is all of an empty text; its value is 0 then.
+    // Without a digit nothing is consumed, so an empty text is consumed completely; its value is 0.
     if (length.consumed == prefix.size() && length.value >= 1 && length.value <= 128) {
         result.prefix_len = static_cast<int>(length.value);
     } else {

@@ -1,4 +1,4 @@
-// A second version of the reading of address texts.
+// A second version of the parser of address texts.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 namespace reference {
 
 struct address_t {
-    std::string fault; // the exception's text; empty when the text is fine
+    std::string fault; // the exception's text; empty if the text is valid
     in6_addr addr{};
     int prefix_len = 0;
 };

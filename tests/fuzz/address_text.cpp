@@ -28,7 +28,7 @@ std::string expected(const std::string &text, bool prefix_required) {
     return result.fault.empty() ? outcome(result.addr, result.prefix_len) : result.fault;
 }
 
-// What is written reads as the same again, and stands for these bytes.
+// The written text reads as the same address again, and has these bytes.
 void write_and_read(const std::string &bytes, int prefix_len) {
     in6_addr addr{};
     bytes.copy(reinterpret_cast<char *>(&addr), sizeof addr);

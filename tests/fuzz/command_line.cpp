@@ -1,4 +1,4 @@
-// The command line: the settings that it leaves, what it prints, and whether it is accepted.
+// The command line: the resulting settings, the output, and whether it is accepted.
 #include <algorithm>
 #include <cstdio>
 #include <pwd.h>
@@ -128,7 +128,7 @@ outcome_t actual(std::vector<std::string> words) {
     return result;
 }
 
-// The numbers that Linux gives: policy, least and greatest priority.
+// Linux's numbers: policy, lowest and highest priority.
 bool policy_of(const std::string &name, int &policy, int &least, int &most) {
     const bool real_time = name == "fifo" || name == "rr";
     policy = name == "batch" ? 3 : name == "fifo" ? 1 : name == "rr" ? 2 : 0;
@@ -137,7 +137,7 @@ bool policy_of(const std::string &name, int &policy, int &least, int &most) {
     return real_time || name == "normal" || name == "batch";
 }
 
-// The number that a text begins with, when 32 bits can hold it.
+// The number that a text begins with, if it fits 32 bits.
 bool take_number(const std::string &text, std::uint32_t &to) {
     const fuzz::decimal_t number = fuzz::decimal(text);
     if (number.consumed == 0 || number.value < 0 || number.value > 0xffffffff) {
@@ -152,7 +152,7 @@ std::int32_t nearest_int(const std::string &text) {
         std::clamp<std::int64_t>(fuzz::decimal(text).value, -0x80000000LL, 0x7fffffffLL));
 }
 
-// Takes one option and its arguments off the front of the words; false when they do not do.
+// Takes one option and its arguments from the front of the words; false if they are not valid.
 bool expect_option(std::vector<std::string> &words, outcome_t &to) {
     const std::string option = words.front();
     words.erase(words.begin());
@@ -161,7 +161,7 @@ bool expect_option(std::vector<std::string> &words, outcome_t &to) {
         if (!words.empty()) {
             words.erase(words.begin());
         }
-        return word; // an argument that is missing is as good as an empty one
+        return word; // a missing argument is treated like an empty one
     };
     if (option == "-d") {
         to.daemon_mode = false;

@@ -1,5 +1,5 @@
 // One datagram through each decoder of netlink messages. The references read it through one
-// function that gives a byte, zero behind the end.
+// function that returns a byte, or zero after the end.
 #include <array>
 #include <cstring>
 #include <memory>

@@ -1,6 +1,6 @@
 // The whole engine: datagrams of any content in any state of it, between changes of the store,
-// change events and failing calls. It must fail by its own exceptions alone, and touch nothing but
-// what is its own.
+// change events and failing calls. It must fail only with its own exceptions, and change only what
+// it manages.
 #include <cstring>
 #include <memory>
 #include <set>
@@ -18,7 +18,7 @@ namespace {
 using fake_libnl::datagram_t;
 using fuzz::require;
 
-// As the run loop does: the engine and its channel are built anew after a failure.
+// Like the run loop, rebuild the engine and its channel after a failure.
 class world_t {
 public:
     world_t() : tav(mlr_init()), other(mlr_init()) { build(); }
@@ -31,7 +31,7 @@ public:
 
     Engine &engine() { return *the_engine; }
 
-    // Carries out one step of the engine and looks at what it did.
+    // Carries out one step of the engine and checks its effects.
     template <typename Step>
     void step(const Step &action) {
         fake_tav::forget_calls();
@@ -55,7 +55,7 @@ public:
 
     void receive(const std::string &datagram, bool check_type) {
         if (datagram.empty()) {
-            return; // the channel gives no empty datagram
+            return; // the channel never returns an empty datagram
         }
         fake_libnl::queue_datagram({datagram.begin(), datagram.end()});
         step([&] {
@@ -72,7 +72,7 @@ public:
         log_sink::take();
     }
 
-    // The store as somebody else changes it.
+    // Changes of the store by another client.
     void put(const tk_string &path, const toolkit::CElement &value) {
         api_status_t status = api_status_none;
         other.set_leaf(path, value, status, mlr_tribool_unset, "");
@@ -106,8 +106,8 @@ private:
         return log_sink::info(4, "Received netlink update (type " + std::to_string(code) + ")");
     }
 
-    // The numbers of the interfaces' nodes, and the names of what bears none. A node whose name has
-    // zeros in front ("01") is written as the number that it stands for.
+    // The numbers of the interfaces' nodes, and the names of other children. A node whose name has
+    // leading zeros ("01") is listed by its number.
     static std::set<tk_string> interface_nodes() {
         std::set<tk_string> nodes;
         for (const tk_string &name : fake_tav::children(interfaces_node)) {
@@ -123,7 +123,7 @@ private:
         for (const fake_libnl::message_t &change : fake_libnl::state().changes) {
             std::int32_t ifindex = 0;
             const bool address = change.type == RTM_NEWADDR || change.type == RTM_DELADDR;
-            // The index stands in an address's header, and in a route's first attribute.
+            // The index is in an address's header, and in a route's first attribute.
             std::memcpy(&ifindex, change.body.data() + (address ? 4 : 16), sizeof ifindex);
             require(engine().interfaces.count(ifindex) == 1, "a change of a link not tracked");
         }
@@ -187,8 +187,8 @@ void discover(world_t &world) {
     }
 }
 
-// Lets the next call of an operation fail. The fake allows one such plan for an operation at a
-// time, so each is used once in a run.
+// Makes the next call of an operation fail. The fake allows one such plan per operation at a time,
+// so each is used once in a run.
 class failures_t {
 public:
     void plan(fuzz::input_t &input) {
@@ -254,8 +254,8 @@ void carry_out(world_t &world, failures_t &failures, fuzz::input_t &input) {
 
 } // namespace
 
-// An input is what the store holds at first and whether discovery is over (its first byte), then
-// operations.
+// The first byte of an input is the initial content of the store and whether discovery is over;
+// then operations follow.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     fuzz::input_t input(data, size);
     fakes::reset_all();

@@ -10,7 +10,7 @@
 
 namespace {
 
-// As long as the log makes a message.
+// The length at which the log cuts a message.
 constexpr std::size_t message_size = 4096;
 
 struct recording_t {

@@ -1,5 +1,4 @@
-// Takes the place of the daemon's log: the calls of shell/log.h, without system log or standard
-// error.
+// Replaces the daemon's log: the calls of shell/log.h, without system log or standard error.
 #pragma once
 
 #include <cstdint>
@@ -8,12 +7,12 @@
 
 namespace log_sink {
 
-// Nothing is kept, and hardly anything formatted, until this is called: from then on the messages
-// up to that level are.
+// Before this is called, no message is kept and almost none formatted; afterwards the messages up
+// to this level are kept.
 void record_up_to(std::uint32_t level);
 // Each message as "<priority> <level> <text>", and the end of recording.
 std::vector<std::string> take();
-// One message as take() gives it, of informational priority.
+// One informational message as take() returns it.
 std::string info(std::uint32_t level, const std::string &text);
 std::string warning(std::uint32_t level, const std::string &text);
 

@@ -9,7 +9,7 @@
 #include "fuzz/fuzz.h"
 #include "fuzz/log_sink.h"
 
-// Numbers instead of names throughout: the names are what the decoders use. See netlink(7) and
+// Numbers instead of names throughout, because the decoders use the names. See netlink(7) and
 // rtnetlink(7).
 namespace reference {
 
@@ -55,7 +55,7 @@ std::int64_t rounded_up(std::int64_t length) {
     return (length + 3) / 4 * 4;
 }
 
-// Where the messages begin.
+// The offsets of the messages.
 std::vector<std::size_t> messages(const std::string &datagram) {
     constexpr std::int64_t signed_end = std::int64_t{1} << 31;
     std::vector<std::size_t> starts;
@@ -64,14 +64,15 @@ std::vector<std::size_t> messages(const std::string &datagram) {
         starts.push_back(static_cast<std::size_t>(at));
         const std::int64_t step = rounded_up(u32(datagram, static_cast<std::size_t>(at)));
         if (step == 0 || step >= signed_end) {
-            break; // such a length leads nowhere, or, as a signed number, backwards
+            break; // with such a length the walk would stop or, as a signed number, go backwards
         }
         at += step;
     }
     return starts;
 }
 
-// Type of each attribute to the place of its payload; the last of a type counts.
+// Maps the type of each attribute to the offset of its payload; the last attribute of a type is
+// used.
 std::map<unsigned, std::size_t> attributes(const std::string &datagram, std::size_t message,
                                            std::size_t family_header) {
     std::map<unsigned, std::size_t> found;
@@ -119,7 +120,7 @@ std::string route_record(std::int64_t ifindex, unsigned protocol, unsigned dst_l
 
 const std::string no_address(16, '\0');
 
-// Nothing for a message that lacks the address.
+// Empty for a message that lacks the address.
 std::string addr(const std::string &datagram, std::size_t message) {
     auto found = attributes(datagram, message, 8);
     if (found.count(1) == 0) {
@@ -129,7 +130,7 @@ std::string addr(const std::string &datagram, std::size_t message) {
                        u8(datagram, message + 17), bytes(datagram, found[1], 16));
 }
 
-// Nothing for a message that lacks the link.
+// Empty for a message that lacks the link.
 std::string route(const std::string &datagram, std::size_t message) {
     auto found = attributes(datagram, message, 12);
     if (found.count(4) == 0) {
@@ -214,7 +215,8 @@ std::string refusal(const std::string &datagram) {
     if (datagram.empty() || type(datagram) != 2 || capped || error >= 0) {
         return "none";
     }
-    // The request, cut at its own length. The first record counts, whichever message gives it.
+    // The request, cut at its own length. The first record is used, from whichever message it
+    // comes.
     const std::string behind = datagram.size() > 20 ? datagram.substr(20) : "";
     const std::string request =
         behind.substr(0, static_cast<std::size_t>(static_cast<std::uint32_t>(u32(behind, 0))));

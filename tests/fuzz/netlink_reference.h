@@ -1,4 +1,4 @@
-// Second versions of the netlink decoders, as plain as can be, that give texts.
+// Second, plain versions of the netlink decoders that return texts.
 #pragma once
 
 #include <string>

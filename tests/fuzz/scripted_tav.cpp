@@ -20,7 +20,7 @@ answer_t next(const char *operation, const std::vector<tk_string> &paths) {
     return answer;
 }
 
-// The calls that reading does not make.
+// The calls that the readers do not make.
 int unexpected() {
     fuzz::require(false, "a call that reading has no reason for");
     return -1;

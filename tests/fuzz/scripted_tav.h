@@ -1,4 +1,4 @@
-// A store client that gives prepared answers, whatever they are, in the place of the fake store.
+// A store client with arbitrary prepared answers, in place of the fake store.
 #pragma once
 
 #include <deque>
@@ -9,8 +9,8 @@
 
 namespace scripted_tav {
 
-// What one call is to be asked and what it then gives. When `result` is not 0 the outputs stay as
-// the caller had them.
+// The expected arguments of one call, and its answer. If `result` is not 0, the outputs are not
+// changed.
 struct answer_t {
     std::string operation;        // "get_leaf", "get_leaves" or "list_node"
     std::vector<tk_string> paths; // the arguments expected
@@ -20,7 +20,7 @@ struct answer_t {
     std::vector<toolkit::child_t> children;
 };
 
-// The answers still to be given. A call that finds none, or another one's, is a finding.
+// The remaining answers. A call without an answer, or with one for another call, is an error.
 std::deque<answer_t> &script();
 
 } // namespace scripted_tav

@@ -1,4 +1,4 @@
-// The paths of the store's change events: what is logged of each, and whether a synchronisation
+// The paths of the store's change events: the log line of each, and whether a synchronisation
 // follows.
 #include "fakes/engine_fixture.h"
 #include "fuzz/fuzz.h"
@@ -16,8 +16,8 @@ struct event_t {
     std::string path;
 };
 
-// An input is a list of lines, each a byte for the command and a path, in which a leading "~"
-// stands for the interfaces' node.
+// An input is a list of lines, each a byte for the command and a path, in which a leading "~" means
+// the interfaces' node.
 std::vector<event_t> events_of(const std::uint8_t *data, std::size_t size) {
     std::vector<event_t> events;
     for (const std::string &line : fuzz::split(std::string(data, data + size), '\n')) {
@@ -48,8 +48,8 @@ bool is_interface_number(const std::string &text) {
     return number.consumed == text.size() && number.value > 0;
 }
 
-// The line that tells why the path is passed over; nothing when it is mirrored. The path's parts
-// behind the prefix: number, "IPv6", subpath, name, leaf node, "Value".
+// The log line that says why the path is skipped; empty if it is mirrored. The path's parts after
+// the prefix: number, "IPv6", subpath, name, leaf node, "Value".
 std::string rejection(const std::string &path) {
     if (path.substr(0, prefix.size()) != prefix) {
         return log_sink::joined(
@@ -115,7 +115,7 @@ std::string expected_log(const std::vector<event_t> &events) {
 } // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
-    // Nothing of a run stays behind in these: the store's tree is empty, and there are no links.
+    // These keep no state between runs: the store's tree is empty, and there are no links.
     static toolkit::CTav tav((fakes::reset_all(), mlr_init()));
     static CNetlink channel;
     static Engine engine(&tav, &channel, "eth");

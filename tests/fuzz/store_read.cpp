@@ -1,5 +1,5 @@
-// The reading of the whole store, over a store client that gives any answers: listings, statuses,
-// types, texts, failures.
+// Reading the whole store, over a store client with arbitrary answers: listings, statuses, types,
+// texts, failures.
 #include <map>
 
 #include "fakes/engine_fixture.h"
@@ -14,7 +14,7 @@ namespace {
 using fuzz::format;
 using scripted_tav::answer_t;
 
-// Takes answers off the input, mostly such as a store gives in good health.
+// Takes answers from the input, mostly those of a working store.
 class source_t {
 public:
     source_t(const std::uint8_t *data, std::size_t size) : input(data, size) {}
@@ -33,11 +33,11 @@ public:
         }
         return listed;
     }
-    // How many items of two an answer has.
+    // How many of two items an answer has.
     std::size_t items() { return static_cast<std::size_t>(mostly(2)) % 3; }
 
 private:
-    // One of the last 32 values of a byte stands for another number, 0 to 31.
+    // The last 32 values of a byte mean another number, 0 to 31.
     int mostly(int usual) {
         const int byte = input.byte();
         return byte < 224 ? usual : byte - 224;
@@ -46,7 +46,7 @@ private:
     fuzz::input_t input;
 };
 
-// What a read ends with: the settings as text, or an exception.
+// The result of a read: the settings as text, or an exception.
 struct fault_t {
     std::string text; // kind and message
     bool ends_all;    // more than this item is lost

@@ -1,5 +1,6 @@
 #!/bin/bash
-# check_install.sh BUILD-DIR LIBDIR: what an installation holds, and that it works from there.
+# check_install.sh BUILD-DIR LIBDIR: checks the content of an installation, and that it works from
+# there.
 set -u
 build=$1
 libdir=$2
@@ -23,7 +24,7 @@ grep -q "^Usage: $work/usr/sbin/tandrel \[-u <user>\]" "$work/usage" || fail "no
 "$work/usr/bin/tav" --help >/dev/null || fail "tav --help"
 "$work/usr/bin/tandrelctl" --help >/dev/null || fail "tandrelctl --help"
 
-# A program of one's own builds against the installed headers and libraries.
+# A client program builds against the installed headers and libraries.
 cat >"$work/own.cpp" <<'SOURCE'
 #include <tav/toolkit.h>
 #include <cstdio>

@@ -1,5 +1,5 @@
 #!/bin/bash
-# Boots the tree with systemd, in a container, and looks at the services there. In a mount namespace
+# Boots the tree with systemd, in a container, and checks the services there. In a mount namespace
 # of its own.
 set -u
 root=$1

@@ -1,7 +1,7 @@
 #!/bin/bash
-# Tries the packages in the directory that is given: in a clean Debian tree with init scripts and
-# without a service manager, in another one that systemd boots, and under the units' restrictions.
-# Everything runs in namespaces of its own.
+# Tests the packages in the given directory: in a clean Debian tree with init scripts and without a
+# service manager, in another one that systemd boots, and under the units' restrictions. Everything
+# runs in its own namespaces.
 set -u
 packages=$(readlink -f "$1")
 cd "$(dirname "$(readlink -f "$0")")/../.." || exit 1
@@ -17,8 +17,8 @@ mkdir -p "$work"
 : >"$counts"
 debian_tree
 
-# tree NAME [PACKAGE...]: a copy with the built packages under /packages, and a newer edition of each
-# under /newer.
+# tree NAME [PACKAGE...]: a copy with the built packages under /packages, and a newer version of
+# each under /newer.
 tree() {
     local root=$work/$1 package
     shift

@@ -1,12 +1,13 @@
-// Runs a program under the restrictions of a systemd unit, in its own process: as the unit would,
-// but without a service manager, so that a test can start, signal and look at it as at any other.
+// Runs a program under the restrictions of a systemd unit, in its own process: like the unit, but
+// without a service manager, so that a test can start, signal and examine it like any other
+// process.
 //
 //   confine UNIT PROGRAM ARGUMENT...
 //
 // In force: CapabilityBoundingSet, AmbientCapabilities, NoNewPrivileges, SystemCallFilter,
 // RestrictAddressFamilies, RestrictNamespaces, RestrictRealtime, MemoryDenyWriteExecute, and
 // ProtectSystem=strict, for which everything but the directories of --database and --socket becomes
-// read-only. Any other user than the caller's is not switched to: the capabilities are what counts.
+// read-only. The user is not changed: only the capabilities matter.
 #include <fcntl.h>
 #include <linux/capability.h>
 #include <linux/mount.h>
@@ -81,7 +82,7 @@ Words words_of(const Unit &unit, const std::string &key) {
     return found != unit.end() ? found->second.back() : Words();
 }
 
-// The calls of a set such as "@system-service", which may name other sets.
+// The calls of a set such as "@system-service", which may refer to other sets.
 void add_set(const std::string &name, std::set<std::string> &calls) {
     const std::string command = "systemd-analyze syscall-filter " + name;
     const std::unique_ptr<FILE, int (*)(FILE *)> output(popen(command.c_str(), "r"), pclose);

@@ -1,10 +1,10 @@
 # shellcheck shell=bash
-# Sourced by the scripts that try the packages: counts what holds and what does not.
+# Sourced by the scripts that test the packages: counts successes and failures.
 
 passed=0
 failed=0
 
-# expect WHAT COMMAND...: the command must succeed. What it printed is shown when it does not.
+# expect WHAT COMMAND...: the command must succeed. Its output is shown if it does not.
 expect() {
     local what=$1 output
     shift

@@ -1,5 +1,5 @@
 #!/bin/bash
-# Looks at the services in a system that systemd booted.
+# Checks the services in a system that systemd booted.
 set -u
 . /packages/expect.sh
 export LC_ALL=C

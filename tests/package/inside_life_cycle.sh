@@ -1,6 +1,6 @@
 #!/bin/bash
-# The packages' life in a clean tree without a service manager: installed, used, upgraded, removed,
-# installed again, purged.
+# The packages' life cycle in a clean tree without a service manager: installed, used, upgraded,
+# removed, installed again, purged.
 set -u
 . /packages/expect.sh
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C
@@ -17,7 +17,7 @@ installed_files() { find / -xdev \( -name '*tandrel*' -o -name 'tav*' -o -name '
     -not -path '/proc/*' -not -path '/packages/*' -not -path '/newer/*' -not -path '/sys/*' \
     -not -path '/var/cache/*' -not -path '/var/log/*' -not -path '/var/lib/dpkg/*' -not -path '/dev/*'; }
 
-# No init booted this tree, so that the packages start nothing by themselves.
+# No init booted this tree, so the packages start nothing by themselves.
 services() { service tavd "$1" && service tandrel "$1"; }
 
 expect "installs" install_from /packages

@@ -21,8 +21,8 @@ export KT_TANDREL KT_TAVD
 
 expect "a socket of another family is refused" not "$build/tests/package/confine" \
     packaging/systemd/tandrel.service /usr/bin/env bash -c ': </dev/tcp/127.0.0.1/1'
-# What cannot hold under the restrictions, and why. Each is tried all the same, and must fail: the
-# list is no longer than it has to be.
+# Tests that cannot pass under the restrictions, and why. Each is run anyway and must fail, so that
+# the list is no longer than necessary.
 scheduling='-n and -r take rights that scheduling.conf grants'
 user_right='-u takes CAP_SETUID, which the unit never gives: it has a user of its own'
 declare -A left_out=(
@@ -32,7 +32,7 @@ declare -A left_out=(
     [PriorityAndPolicyAreSetBeforeThePrivilegesAreGivenUp]="$scheduling; $user_right"
     [AUserIsFoundByName]=$user_right
 )
-# Back to priority 0 takes the right only from another one.
+# Setting priority 0 needs the privilege only if the priority is another one.
 [ "$(nice)" -eq 0 ] || left_out[APriorityThatIsNotANumberIsZero]=$scheduling
 one_test() { (cd "$build" && ctest --output-on-failure --no-tests=error -R "^kernel\.CommandLineTest\.$1\$"); }
 fails() { one_test "$1" | grep '^0% tests passed, 1 tests failed'; }

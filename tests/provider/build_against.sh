@@ -1,6 +1,6 @@
 #!/bin/bash
 # build_against.sh SOURCE-DIR COMPILER: builds the daemon against the second provider of the store's
-# client library, and lets it work with it in a network namespace of its own.
+# client library, and runs it with that library in its own network namespace.
 set -u
 source_dir=$1
 compiler=$2
@@ -16,8 +16,7 @@ cp -r "$source_dir/tests/provider/kit/tav" "$prefix/include/"
 "$compiler" -std=c++17 -shared -fPIC -I"$prefix/include" -Wl,-soname,libtav++.so \
     -o "$prefix/lib/libtav++.so" "$source_dir/tests/provider/lib/toolkit.cpp" || fail "libtav++.so"
 
-# A prefix that lacks something is refused by a sentence that says what.
-# refused PREFIX TEXT
+# A prefix that lacks something is refused with a sentence that names it. refused PREFIX TEXT
 refused() {
     rm -rf "$work/refused"
     cmake -S "$source_dir" -B "$work/refused" -G Ninja -DCMAKE_CXX_COMPILER="$compiler" \

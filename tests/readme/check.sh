@@ -1,6 +1,6 @@
 #!/bin/bash
-# Runs README's commands exactly as they stand there, in a clean Debian tree and in namespaces of its
-# own, and compares what they print with what README shows.
+# Runs README's commands exactly as written there, in a clean Debian tree and in its own namespaces,
+# and compares their output with README.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/../.." || exit 1
 . tools/setup.sh
@@ -18,7 +18,8 @@ mkdir -p "$tree/blocks" "$tree/root/tandrel"
 tests/readme/extract.sh README.md "$tree/blocks" || exit 1
 tar --exclude=./build --exclude=./.git -cf - . | tar -xf - -C "$tree/root/tandrel"
 
-# The packages that README's commands install are fetched before, for the network stays outside.
+# The packages that README's commands install are fetched before, because there is no network
+# inside.
 # shellcheck disable=SC2086
 step apt "Fetching packages" unshare --mount bash tests/readme/fetch.sh "$tree" "$PWD/build/cache/archives" \
     $build_packages $demo_packages $package_packages ||

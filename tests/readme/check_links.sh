@@ -1,6 +1,6 @@
 #!/bin/bash
-# check_links.sh SOURCE-DIR: README's blocks are such as ./test --readme runs, each of them parses,
-# and what the documents link to is there.
+# check_links.sh SOURCE-DIR: ./test --readme can run README's blocks, each of them parses, and the
+# targets of the documents' links exist.
 set -u
 cd "$1" || exit 1
 failed=0

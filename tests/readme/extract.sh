@@ -1,7 +1,7 @@
 #!/bin/bash
-# extract.sh README DIRECTORY: parts README's blocks into files. NN.sh holds a block of commands,
-# NN.text what README shows of their output, NN.reason why they are not to be run
-# ("<!-- not run: WHY -->" on the line above the block).
+# extract.sh README DIRECTORY: writes README's blocks to files. NN.sh has a block of commands,
+# NN.text the part of their output that README shows, NN.reason why they are not run ("<!-- not run:
+# WHY -->" on the line above the block).
 set -u
 awk -v out="$2" '
     function fail(what) { print FILENAME ":" FNR ": " what >"/dev/stderr"; failed = 1; exit 1 }

@@ -1,19 +1,19 @@
 #!/bin/bash
-# Runs README's blocks in a clean Debian tree, one after the other in one shell, as a reader would
-# who types them. /blocks holds them; the working directory is the source tree.
+# Runs README's blocks in a clean Debian tree, one after the other in one shell, as if a reader
+# typed them. They are in /blocks; the working directory is the source tree.
 set -u
 export DEBIAN_FRONTEND=noninteractive LC_ALL=C.UTF-8 HOME=/root
 
-# The host of the reader: its link eth0, and a router behind it.
+# The reader's host: its link eth0, and a router on that link.
 ip link set lo up
 ip link add eth0 address 02:00:00:00:00:05 type veth peer name router
 ip address add fe80::1/64 dev router nodad
-# On a machine that is busy, the check for duplicates may outlast the time of --wait.
+# On a busy machine the check for duplicates may take longer than the time of --wait.
 echo 0 >/proc/sys/net/ipv6/conf/eth0/accept_dad
 ip link set router up
 ip link set eth0 up
 
-# What the reader is taken to have when a block names it.
+# Things that README assumes the reader to have.
 prepare() {
     grep -q /opt/device-kit "$1" || return 0
     mkdir -p /opt/device-kit/{include,lib}
@@ -25,8 +25,8 @@ prepare() {
     done
 }
 
-# No init runs here: it would start the services of packages that were just installed. And a reader
-# takes longer to the next command than the store to start.
+# No init runs here, which would start the services of packages that were just installed. The wait
+# replaces the reader's time between two commands, in which the store starts.
 settle() {
     if grep -q 'apt-get install' "$1"; then
         service tavd start && service tandrel start || exit 1

@@ -1,7 +1,7 @@
 #!/bin/bash
-# shown.sh EXPECTED OUTPUT: every line that README shows came, in this order; a line "[...]" stands
-# for any number of lines. What differs from run to run counts for nothing: life times, the state
-# "tentative", the width of columns.
+# shown.sh EXPECTED OUTPUT: the output has every line that README shows, in this order; a line
+# "[...]" means any number of lines. Parts that differ from run to run are ignored: life times, the
+# state "tentative", the width of columns.
 set -u
 plain() {
     sed -E 's/\x1b\[[0-9;]*m//g; s/\btentative\b//g; s/\b(valid|preferred) [0-9a-z]+/\1 TIME/g; s/[[:space:]]+/ /g; s/ $//' "$1"

@@ -1,4 +1,4 @@
-// A store of one interface with one Static address. What is written to it goes to standard output.
+// A store of one interface with one Static address. Writes to it are printed on standard output.
 
 #include <tav/toolkit.h>
 

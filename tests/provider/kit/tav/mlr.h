@@ -1,5 +1,5 @@
-// A second provider of the store's client interface, as small as the daemon allows: other names for
-// the values, the same numbers.
+// A second, minimal provider of the store's client interface: other names for the values, but the
+// same numbers.
 #pragma once
 
 struct kit_connection;
