@@ -40,7 +40,7 @@ TEST(CtlArguments, EachCommandIsTheOneNamed) {
     EXPECT_EQ(parse({"nudge"}).command, ctl::nudge);
 }
 
-TEST(CtlArguments, OptionsMayStandBeforeAndBehindTheCommand) {
+TEST(CtlArguments, OptionsMayPrecedeOrFollowTheCommand) {
     const ctl::request_t request =
         parse({"-i", "wlan", "address", "add", "--node", "office", "wlan0", "2001:db8::5/64",
                "--wait=2.5", "--color", "never"});
@@ -53,7 +53,7 @@ TEST(CtlArguments, OptionsMayStandBeforeAndBehindTheCommand) {
     EXPECT_EQ(*request.options.patience, 2.5);
 }
 
-TEST(CtlArguments, AWaitWithoutATimeLastsTenSecondsAndTakesNoWordAway) {
+TEST(CtlArguments, AWaitWithoutATimeLastsTenSecondsAndDoesNotReadTheNextWord) {
     const ctl::request_t request = parse({"gateway", "set", "--wait", "eth0", "fe80::1"});
     EXPECT_EQ(request.options.link, "eth0");
     ASSERT_TRUE(request.options.patience);
@@ -61,7 +61,7 @@ TEST(CtlArguments, AWaitWithoutATimeLastsTenSecondsAndTakesNoWordAway) {
     EXPECT_FALSE(parse({"gateway", "set", "eth0", "fe80::1"}).options.patience);
 }
 
-TEST(CtlArguments, AWrongLineIsToldFromWhatIsWrong) {
+TEST(CtlArguments, AWrongLineIsReportedWithItsFault) {
     EXPECT_EQ(complaint({}),
               "tandrelctl: a command is missing; 'tandrelctl --help' lists the commands\n");
     EXPECT_EQ(
@@ -79,7 +79,7 @@ TEST(CtlArguments, AWrongLineIsToldFromWhatIsWrong) {
               std::string::npos);
 }
 
-TEST(CtlArguments, HelpKeepsItsLinesWhateverTheLibrarysVersion) {
+TEST(CtlArguments, HelpKeepsItsLinesWithAnyVersionOfTheLibrary) {
     testing::internal::CaptureStdout();
     EXPECT_EQ(parse({"--help"}).result, 0);
     const std::string text = testing::internal::GetCapturedStdout();

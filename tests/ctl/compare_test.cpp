@@ -43,7 +43,7 @@ TEST_F(Compare, AnAddressOfAnotherTypeIsNoMatch) {
     EXPECT_EQ(marks(), "= ") << "whatever is Static is as the user said";
 }
 
-TEST_F(Compare, TheStoredGatewayStandsBesideTheStaticRouteItNames) {
+TEST_F(Compare, TheStoredGatewayIsPairedWithItsStaticRoute) {
     route("fe80::9", RTPROT_RA);
     route("fe80::2");
     route("fe80::1");
@@ -57,7 +57,7 @@ TEST_F(Compare, AnotherStoredGatewayDiffersFromTheStaticRoute) {
     EXPECT_EQ(marks(), " !");
 }
 
-TEST_F(Compare, AnUnusableGatewayStandsAlone) {
+TEST_F(Compare, AnUnusableGatewayHasARowOfItsOwn) {
     route("fe80::1");
     store_gateway("router");
     EXPECT_EQ(marks(), " K?");
@@ -70,7 +70,7 @@ TEST_F(Compare, NothingIsMissingOnALinkThatIsNotSynchronised) {
     EXPECT_EQ(marks(), ". .");
 }
 
-TEST_F(Compare, NothingIsSaidOfAStoreThatDidNotAnswer) {
+TEST_F(Compare, AStoreThatDidNotAnswerCausesNoFindings) {
     address("fe80::5", 64);
     route("fe80::1");
     const ctl::comparison_t comparison = ctl::compare(kernel, ctl::store_view_t{}, "eth");
@@ -92,7 +92,7 @@ TEST_F(Compare, AddressesAndRoutesOfOtherLinksStayThere) {
     EXPECT_EQ(comparison.interfaces.at(1).gateways.size(), 1U);
 }
 
-TEST_F(Compare, ALinkOfTheStoreAloneComesLast) {
+TEST_F(Compare, ALinkThatOnlyTheStoreHasComesLast) {
     store("x", "2001:db8::5/64", "Static", "3");
     const ctl::comparison_t comparison = look();
     ASSERT_EQ(comparison.interfaces.size(), 2U);
@@ -101,7 +101,7 @@ TEST_F(Compare, ALinkOfTheStoreAloneComesLast) {
     EXPECT_EQ(comparison.interfaces[1].number, 3);
 }
 
-TEST(InterfaceNumber, IsOneMoreThanTheNumberBehindThePrefix) {
+TEST(InterfaceNumber, IsOneMoreThanTheNumberAfterThePrefix) {
     EXPECT_EQ(ctl::interface_number("eth0", "eth"), 1);
     EXPECT_EQ(ctl::interface_number("eth41", "eth"), 42);
     EXPECT_EQ(ctl::interface_number("wlan0", "wlan"), 1);

@@ -73,7 +73,7 @@ TEST_F(Editing, TheInterfaceNodeComesWithTheAddress) {
     EXPECT_EQ(fake_tav::text(at("3/IPv6/Addresses/1/Type/Value")), "Static");
 }
 
-TEST_F(Editing, WhatTheDaemonOrTheKernelWouldNotTakeIsRefusedBeforehand) {
+TEST_F(Editing, UnusableAddressesAreRefused) {
     const std::vector<std::pair<std::string, std::string>> cases{
         {"2001:db8::5", "'2001:db8::5' has no prefix length; write for example 2001:db8::5/64"},
         {"2001:db8::5/0", "the prefix length of '2001:db8::5/0' is not a number from 1 to 128"},
@@ -140,7 +140,7 @@ TEST_F(Editing, AnAddressIsDeletedByItsBytesOrItsNode) {
     EXPECT_EQ(fake_tav::calls("remove_node").size(), 3U);
 }
 
-TEST_F(Editing, OnlyWhatIsMeantIsDeleted) {
+TEST_F(Editing, OnlyTheGivenAddressIsDeleted) {
     store("x", "2001:db8::5/64");
     store("y", "fe80::5/64", "Link-Local");
     options.address = "2001:db8::5/48";
@@ -195,7 +195,7 @@ TEST_F(Editing, AnInterfaceNodeIsMadeOnceAndStaysEmpty) {
     EXPECT_EQ(stored(), (strings{at("1/"), at("2/IPv6/Addresses/")}));
 }
 
-TEST_F(Editing, AStoreThatKeepsNoEmptyNodesIsSeenThrough) {
+TEST_F(Editing, AStoreThatKeepsNoEmptyNodesIsReported) {
     options.link = "eth1";
     fake_tav::on_path("remove_node", at("2/IPv6/Addresses/tandrelctl-nudge")).runs([] {
         fake_tav::erase(at("2"));
@@ -219,7 +219,7 @@ TEST_F(Editing, AnInterfaceNodeWithSettingsIsRemovedByForceOnly) {
     EXPECT_EQ(refused(1, ctl::interface_delete), "the store has no node for eth0");
 }
 
-TEST_F(Editing, OtherProgramsSettingsCountAsWell) {
+TEST_F(Editing, OtherProgramsSettingsAreProtectedToo) {
     fake_tav::put(at("1/IPv4/Value"), "192.0.2.1");
     EXPECT_NE(refused(1, ctl::interface_delete), "");
     fake_tav::put(at("wan/Value"), "x");
@@ -229,7 +229,7 @@ TEST_F(Editing, OtherProgramsSettingsCountAsWell) {
     EXPECT_EQ(fake_tav::writes(), 0U);
 }
 
-TEST_F(Editing, AnInterfaceNodeOfTheKernelsAddressesAloneIsRemovedFreely) {
+TEST_F(Editing, AnInterfaceNodeWithOnlyTheKernelsAddressesIsRemovedWithoutForce) {
     store("1", "fe80::5/64", "Link-Local");
     EXPECT_EQ(ctl::interface_delete(options), 0);
     fake_tav::put_node(at("wan port"));
@@ -243,7 +243,7 @@ TEST_F(Editing, AnInterfaceNodeOfTheKernelsAddressesAloneIsRemovedFreely) {
 
 // Another client used the name in the meantime: the store refuses the write, and the command uses
 // the next name. The other client's node is not changed.
-TEST_F(Editing, ANodeThatSomebodyElseIsJustMakingIsNotOverwritten) {
+TEST_F(Editing, ANodeThatAnotherClientJustCreatedIsNotOverwritten) {
     fake_tav::on_call("set_leaves").statuses({8, 8}).runs([] { store("1", "2001:db8::77/64"); });
     options.address = "2001:db8::5/64";
     EXPECT_EQ(ctl::address_add(options), 0);
@@ -252,7 +252,7 @@ TEST_F(Editing, ANodeThatSomebodyElseIsJustMakingIsNotOverwritten) {
     EXPECT_EQ(fake_tav::calls("events_get").size(), 2U) << "the events were taken before each try";
 }
 
-TEST_F(Editing, ARefusalThatStaysIsReportedWithItsPath) {
+TEST_F(Editing, APersistentRefusalIsReportedWithItsPath) {
     for (unsigned i = 1; i <= 5; ++i) {
         fake_tav::on_call("set_leaves", i).statuses({9, 10});
     }
@@ -263,7 +263,7 @@ TEST_F(Editing, ARefusalThatStaysIsReportedWithItsPath) {
     EXPECT_EQ(fake_tav::calls("set_leaves").size(), 5U);
 }
 
-TEST_F(Editing, AStoreThatGoesAwayIsNoRefusal) {
+TEST_F(Editing, LosingTheStoreIsNotARefusal) {
     options.address = "2001:db8::5/64";
     for (const std::string call : {"set_leaves", "list_node", "events_get", "get_leaf"}) {
         store("z", "2001:db8::9/64");
@@ -275,7 +275,7 @@ TEST_F(Editing, AStoreThatGoesAwayIsNoRefusal) {
     EXPECT_EQ(fake_tav::state().clients_opened, fake_tav::state().clients_closed);
 }
 
-TEST_F(Editing, ANudgeChangesNothingThatTheDaemonLooksAt) {
+TEST_F(Editing, ANudgeChangesNoSetting) {
     store("x", "2001:db8::5/64");
     const strings before = stored();
     options.link.clear();

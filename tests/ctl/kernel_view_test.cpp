@@ -89,7 +89,7 @@ TEST(KernelAddress, HasItsFlagsAndTimes) {
     EXPECT_FALSE(address.has_peer);
 }
 
-TEST(KernelAddress, WithoutThemTheHeadersFlagsCountAndItLivesForEver) {
+TEST(KernelAddress, WithoutThemTheHeadersFlagsAreUsedAndItNeverExpires) {
     const auto address = message_t(RTM_NEWADDR, address_header())
                              .value(IFA_ADDRESS, some_address)
                              .value(IFA_LOCAL, some_address)
@@ -159,7 +159,7 @@ TEST(KernelRoute, HasItsTableAndItsShape) {
 }
 
 // The address sanitizer reports every byte that is read beyond the message.
-TEST(KernelMessages, ThatAreCutShortAreNeverReadBeyondTheirEnd) {
+TEST(KernelMessages, AreNeverReadBeyondTheirEnd) {
     for (std::size_t length = 0; length < 100; ++length) {
         message_t(RTM_NEWADDR, address_header())
             .value(IFA_ADDRESS, some_address)

@@ -42,7 +42,7 @@ protected:
     }
 };
 
-TEST_F(Reasons, ViewsInStepHaveNone) {
+TEST_F(Reasons, ThereIsNoneWhenTheViewsAgree) {
     address("fe80::5", 64);
     address("2001:db8::5", 64);
     route("fe80::1");
@@ -52,7 +52,7 @@ TEST_F(Reasons, ViewsInStepHaveNone) {
     EXPECT_TRUE(findings().empty());
 }
 
-TEST_F(Reasons, TheTableHoldsEachReasonInItsPlaceWithANameOfItsOwn) {
+TEST_F(Reasons, TheTableHasEachReasonInOrderWithAUniqueName) {
     std::map<std::string, int> names;
     ASSERT_EQ(ctl::reasons().size(), static_cast<std::size_t>(reason_t::count_));
     for (std::size_t i = 0; i < ctl::reasons().size(); ++i) {
@@ -87,7 +87,7 @@ TEST_F(Reasons, AnInterfaceNodeIsNotNamedByANumber) {
     }
 }
 
-TEST_F(Reasons, ALeafStandsAmongTheInterfaces) {
+TEST_F(Reasons, ALeafIsAmongTheInterfaces) {
     fake_tav::put(at("Count"), "1");
     expect(reason_t::interface_is_leaf,
            "'/Software/System Settings/Network/Interface/Count' is a leaf, not a node; tandrel "
@@ -104,7 +104,7 @@ TEST_F(Reasons, AnInterfaceNumberIsSpeltOddly) {
            "--node 01");
 }
 
-TEST_F(Reasons, TwoInterfaceNodesStandForOneLink) {
+TEST_F(Reasons, TwoInterfaceNodesAreForOneLink) {
     fake_tav::put_node(at("+1"));
     expect(reason_t::interface_twice,
            "the interface nodes '1' and '+1' are both for eth0; each synchronisation applies the "
@@ -112,7 +112,7 @@ TEST_F(Reasons, TwoInterfaceNodesStandForOneLink) {
            "tandrelctl interface del --node +1", {reason_t::odd_interface_number});
 }
 
-TEST_F(Reasons, AnElementIsNothingThatTheDaemonKnows) {
+TEST_F(Reasons, AnElementIsUnknownToTheDaemon) {
     fake_tav::put(at("1/IPv6/DNS"), "2001:db8::53");
     expect(reason_t::strange_element,
            "tandrel does not know '/Software/System Settings/Network/Interface/1/IPv6/DNS'; it "
@@ -143,7 +143,7 @@ TEST_F(Reasons, TheKernelHasNoSuchLink) {
            "");
 }
 
-TEST_F(Reasons, AnAddressThatIsRemovedWhileItIsReadIsNone) {
+TEST_F(Reasons, AnAddressRemovedDuringTheReadIsNotReported) {
     store("x", "2001:db8::5/64");
     fake_tav::on_path("get_leaf", at("1/IPv6/Addresses/x/Type/Value")).runs([] {
         fake_tav::erase(at("1/IPv6/Addresses/x"));
@@ -215,7 +215,7 @@ TEST_F(Reasons, ALinkIsDown) {
 
 // --- stored addresses that are skipped ---
 
-TEST_F(Reasons, ALeafStandsAmongTheAddresses) {
+TEST_F(Reasons, ALeafIsAmongTheAddresses) {
     fake_tav::put(at("1/IPv6/Addresses/7"), "2001:db8::5/64");
     expect(reason_t::address_is_leaf,
            "'/Software/System Settings/Network/Interface/1/IPv6/Addresses/7' is a leaf where an "
@@ -254,7 +254,7 @@ TEST_F(Reasons, AStoredTypeIsNotAString) {
            "tandrelctl address replace eth0 2001:db8::5/64");
 }
 
-TEST_F(Reasons, AStoredAddressLacksItsPrefixLength) {
+TEST_F(Reasons, AStoredAddressHasNoPrefixLength) {
     store("x", "2001:db8::5");
     expect(reason_t::address_without_prefix,
            "the stored address 'x' is skipped: '2001:db8::5' has no prefix length (such as /64)",
@@ -273,7 +273,7 @@ TEST_F(Reasons, AStoredAddressHasABadPrefixLength) {
     }
 }
 
-TEST_F(Reasons, AStoredAddressIsNone) {
+TEST_F(Reasons, AStoredAddressIsInvalid) {
     store("x", "router\x1b[31m/64");
     expect(reason_t::address_bad_text,
            "the stored address 'x' is skipped: 'router\\x1b[31m/64' is not an IPv6 address",
@@ -309,7 +309,7 @@ TEST_F(Reasons, AStaticAddressIsInTheStoreOnly) {
            "log at -D 2 shows the refusal)");
 }
 
-TEST_F(Reasons, TheKernelGivesNoLinkSuchAnAddress) {
+TEST_F(Reasons, ALinkCannotHaveSuchAnAddress) {
     store("x", "ff02::5/64");
     expect(reason_t::address_unfit,
            "ff02::5/64 (node 'x') is in the store only: a link cannot have a multicast address",
@@ -440,14 +440,14 @@ TEST_F(Reasons, TheStoredGatewayHasABadPrefixLength) {
     EXPECT_TRUE(findings().empty()) << "a good one is let pass";
 }
 
-TEST_F(Reasons, TheStoredGatewayIsNoAddress) {
+TEST_F(Reasons, TheStoredGatewayIsInvalid) {
     store_gateway("router");
     expect(reason_t::gateway_bad_text,
            "the stored gateway is skipped: 'router' is not an IPv6 address",
            "tandrelctl gateway clear eth0, or tandrelctl gateway set");
 }
 
-TEST_F(Reasons, TheKernelTakesNoSuchGateway) {
+TEST_F(Reasons, TheKernelAcceptsNoSuchGateway) {
     store_gateway("::");
     expect(reason_t::gateway_unfit,
            "the gateway :: is in the store only: the kernel refuses it because it is the "
@@ -562,7 +562,7 @@ TEST_F(Reasons, ADefaultRouteHasSeveralGateways) {
            "");
 }
 
-TEST_F(Reasons, ADefaultRouteStandsInAnotherTable) {
+TEST_F(Reasons, ADefaultRouteIsInAnotherTable) {
     route("fe80::1").table = 100;
     store_gateway("fe80::1");
     expect(reason_t::route_other_table,

@@ -83,7 +83,7 @@ TEST_F(Table, ShowsBothViewsSideBySide) {
     EXPECT_EQ(lines(), expected);
 }
 
-TEST_F(Table, LeavesOutWhatIsNeitherTrackedNorStoredUnlessAsked) {
+TEST_F(Table, OmitsUntrackedAndUnstoredLinksUnlessRequested) {
     link("wlan0");
     EXPECT_EQ(lines().size(), 2U);
     options.all = true;
@@ -96,7 +96,7 @@ TEST_F(Table, LeavesOutWhatIsNeitherTrackedNorStoredUnlessAsked) {
     EXPECT_THROW(lines(), ctl::refusal);
 }
 
-TEST_F(Table, JsonHoldsTheSame) {
+TEST_F(Table, JsonHasTheSameContent) {
     ctl::kernel_address_t &one = address("2001:db8::5", 64);
     one.valid = 60;
     one.preferred = 30;
@@ -121,7 +121,7 @@ TEST_F(Table, JsonHoldsTheSame) {
     EXPECT_EQ(gateway["store"]["gateway"], "fe80::1");
 }
 
-TEST(Colour, StandsAroundALineOnlyWhenWanted) {
+TEST(Colour, EnclosesALineOnlyIfRequested) {
     EXPECT_EQ(ctl::coloured({ctl::style_t::bad, "x"}, false), "x");
     EXPECT_EQ(ctl::coloured({ctl::style_t::bad, "x"}, true), "\x1b[31mx\x1b[0m");
     EXPECT_EQ(ctl::coloured({ctl::style_t::plain, "x"}, true), "x");

@@ -77,7 +77,7 @@ TEST_F(FaultyServiceTest, ARefusedWriteOrRemovalChangesNothing) {
     EXPECT_EQ(other->get("/n/x"), "1");
 }
 
-TEST_F(FaultyServiceTest, AReplyThatMakesNoSenseEndsTheConnection) {
+TEST_F(FaultyServiceTest, AMalformedReplyEndsTheConnection) {
     for (const char *seed : {"1", "2", "3", "4"}) {
         stage(std::string("garble:on=read:seed=") + seed);
         expect_lost("the service sent a malformed reply");
@@ -94,7 +94,7 @@ TEST_F(FaultyServiceTest, ACallWithoutAReplyHasBeenDone) {
     expect_lost("the service did not answer in time");
 }
 
-TEST_F(FaultyServiceTest, OrHasNotBeenDoneWhereThePlanSaysSo) {
+TEST_F(FaultyServiceTest, ACallWithoutAReplyHasNotBeenDoneIfThePlanSaysSo) {
     stage("hang:on=write:undone");
     api_status_t status = api_status_ok;
     EXPECT_LT(
@@ -107,13 +107,13 @@ TEST_F(FaultyServiceTest, AReplyIsCutInTheMiddle) {
     expect_lost("the service closed the connection");
 }
 
-TEST_F(FaultyServiceTest, AnOverflowEndsTheConnectionBehindTheReply) {
+TEST_F(FaultyServiceTest, AnOverflowEndsTheConnectionAfterTheReply) {
     stage("overflow:on=read:limit=1");
     EXPECT_EQ(read_result(), 0);
     expect_lost(""); // the result depends on when the next request finds the connection ended
 }
 
-TEST_F(FaultyServiceTest, AnEchoTellsAClientOfItsOwnEffectiveChangesOnce) {
+TEST_F(FaultyServiceTest, AnEchoSendsAClientOneEventForEachOfItsOwnChanges) {
     stage("echo");
     EXPECT_EQ(victim->set("/n/x", "1"), api_status_ok);
     EXPECT_EQ(victim->wait_events(1), std::vector<std::string>{"2 /n/x"});
@@ -155,7 +155,7 @@ TEST_F(FaultyServiceTest, ReorderedEventsAreTheSameInAnotherOrder) {
     EXPECT_EQ(events, expected);
 }
 
-TEST_F(FaultyServiceTest, SpuriousReadinessHasNothingBehindIt) {
+TEST_F(FaultyServiceTest, SpuriousReadinessComesWithoutAnEvent) {
     stage("spurious");
     for (int i = 0; i < 3; ++i) {
         ASSERT_TRUE(becomes_readable(victim->fd()));
@@ -163,7 +163,7 @@ TEST_F(FaultyServiceTest, SpuriousReadinessHasNothingBehindIt) {
     }
 }
 
-TEST_F(FaultyServiceTest, WhatVanishesIsGoneBeforeTheCallAndItsEventsComeAsEver) {
+TEST_F(FaultyServiceTest, ARemovedPathIsGoneBeforeTheCallAndCausesItsEvents) {
     stage("vanish:on=list:limit=1:path=/n/sub");
     EXPECT_EQ(other->set("/n/sub/x", "1"), api_status_ok);
     EXPECT_EQ(other->set("/n/y", "1"), api_status_ok);
@@ -192,7 +192,7 @@ TEST_F(FaultyServiceTest, APlanCountsAndEndsWithItsFile) {
     EXPECT_EQ(victim->set("/n/x", "1"), ok);
 }
 
-TEST_F(FaultyServiceTest, ChanceIsSomewhereBetweenNeverAndAlways) {
+TEST_F(FaultyServiceTest, ChanceAffectsSomeCallsButNotAll) {
     stage("refuse:on=write:chance=50");
     std::set<api_status_t> seen;
     for (int i = 0; i < 64; ++i) {
@@ -201,7 +201,7 @@ TEST_F(FaultyServiceTest, ChanceIsSomewhereBetweenNeverAndAlways) {
     EXPECT_EQ(seen, (std::set<api_status_t>{api_status_ok, api_status_refused}));
 }
 
-TEST_F(FaultyServiceTest, AnnouncingAWatchdogMakesAVictimToo) {
+TEST_F(FaultyServiceTest, AClientWithAWatchdogGetsFaultsToo) {
     stage("refuse:on=read");
     api_status_t status = api_status_none;
     EXPECT_EQ(other->get("/n/x"), "status 2");

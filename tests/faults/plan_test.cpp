@@ -21,7 +21,7 @@ TEST(FaultPlanTest, ReadsWhatItIsGiven) {
     EXPECT_FALSE(plan.strikes(Operation::write));
 }
 
-TEST(FaultPlanTest, StrikesWhereTheModeMakesSense) {
+TEST(FaultPlanTest, AffectsTheOperationsOfItsMode) {
     EXPECT_TRUE(Plan("hang").strikes(Operation::ping));
     EXPECT_TRUE(Plan("reorder").strikes(Operation::events));
     EXPECT_FALSE(Plan("reorder").strikes(Operation::write));

@@ -81,7 +81,7 @@ TEST_F(CommandLineTest, TheUsageTextIsPrintedToTheLetter) {
     EXPECT_EQ(process.errors().size(), 0U);
 }
 
-TEST_F(CommandLineTest, WhateverIsNotAcceptableEndsWithTheUsageTextAndStatusOne) {
+TEST_F(CommandLineTest, UnacceptableArgumentsEndWithTheUsageTextAndStatusOne) {
     const std::vector<strings> wrong{{"word"},
                                      {"-dD"},
                                      {"--"},
@@ -119,7 +119,7 @@ TEST_F(CommandLineTest, AnUnknownUserIsNamedOnStandardError) {
     EXPECT_EQ(texts(process.errors().lines()), strings{"No user named 'no-such-user'"});
 }
 
-TEST_F(CommandLineTest, AnUnknownUserThatIsANumberIsTakenAsOne) {
+TEST_F(CommandLineTest, AnUnknownUserThatIsANumberIsUsedAsUserId) {
     start_at_zero({"-u", "0"});
     EXPECT_EQ(texts(log().lines()),
               (strings{"No user named '0'", "(Using UID = 0)", "Info: Starting tandrel daemon"}));
@@ -173,7 +173,7 @@ TEST_F(CommandLineTest, TheLastSchedulingPolicyWins) {
     EXPECT_EQ(log().size(), 1U);
 }
 
-TEST_F(CommandLineTest, WhatThePrivilegesDoNotAllowIsLoggedAndTheDaemonCarriesOn) {
+TEST_F(CommandLineTest, SettingsWithoutPrivilegesAreLoggedAndTheDaemonContinues) {
     kt::spawn_options_t options;
     options.dropped_capabilities = {CAP_SYS_NICE, CAP_SETUID};
     start_at_zero({"-n", "-5", "-r", "rr", "5", "-u", "65534"}, options);
@@ -216,14 +216,14 @@ TEST_F(CommandLineTest, AUserIsFoundByName) {
     EXPECT_EQ(log().count_containing("No user named"), 0U);
 }
 
-TEST_F(CommandLineTest, WithoutAProcessToSpareTheInvokingOneSaysSo) {
+TEST_F(CommandLineTest, AFailedForkIsReportedByTheInvokingProcess) {
     const auto options = kt::preloaded({{"KT_FAIL_FORK", "1"}});
     Process process = run({}, options);
     EXPECT_EQ(process.wait_exit(), 1);
     EXPECT_EQ(texts(process.errors().lines()), strings{"Error fork()ing new process"});
 }
 
-TEST_F(CommandLineTest, WithoutAnExitPipeTheDaemonStartsAllTheSame) {
+TEST_F(CommandLineTest, TheDaemonStartsWithoutAnExitPipe) {
     const auto options = kt::preloaded({{"KT_FAIL_PIPE", "1"}});
     add_eth(0);
     service.start();
@@ -283,7 +283,7 @@ TEST_F(DaemonModeTest, ExactlyOneDetachedProcessStays) {
     EXPECT_NE(getsid(pid), pid) << "that it does not lead";
 }
 
-TEST_F(DaemonModeTest, TheSystemLogAloneTellsOfIt) {
+TEST_F(DaemonModeTest, OnlyTheSystemLogHasIt) {
     const pid_t pid = detach({});
     ASSERT_GT(pid, 0);
     kill(pid, SIGTERM);
@@ -339,7 +339,7 @@ protected:
 };
 
 // The byte in the inherited pipe once kept the daemon spinning, deaf to everything else.
-TEST_F(DetachingTest, ASignalToTheInvokingProcessIsNotForTheDaemon) {
+TEST_F(DetachingTest, ASignalToTheInvokingProcessDoesNotReachTheDaemon) {
     const pid_t intermediate = detach_slowly();
     ASSERT_GT(intermediate, 0);
     daemon->signal(SIGTERM);

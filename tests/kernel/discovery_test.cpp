@@ -86,7 +86,7 @@ TEST_F(DiscoveryTest, ADumpOfManyDatagramsIsReadToItsEnd) {
 // A router's table at -D 2, where each route is a line, and a slow system log. For the daemon time
 // passes sixty times as fast, so that its thirty seconds are half a second. It once gave up after
 // them, regardless of its progress, and started again for ever.
-TEST_F(DiscoveryTest, AFullTableOverASlowLogTakesAsLongAsItTakes) {
+TEST_F(DiscoveryTest, ALargeTableWithASlowLogIsReadToItsEnd) {
     add_eth(0);
     service.start();
     store.set_address(1, "1", "2001:db8::1/64");
@@ -137,7 +137,7 @@ private:
 // While addresses are added and removed, the kernel's list may lack some that existed all the time;
 // if the daemon treated it as complete, it would remove their nodes. The changes are on a link that
 // is not tracked, so that they alone cannot change the store.
-TEST_F(DiscoveryTest, AddressesThatWereThereAllTheTimeSurviveStartsUnderChurn) {
+TEST_F(DiscoveryTest, ExistingAddressesSurviveStartsWhileOthersChange) {
     add_eth(0);
     add_eth(1, "other");
     service.start();

@@ -170,7 +170,7 @@ protected:
     std::map<std::pair<int, std::string>, std::string> statics; // interface and node: address
 };
 
-TEST_P(FaultTest, NothingTheUserConfiguredIsLostAndAllAgreesInTheEnd) {
+TEST_P(FaultTest, TheUsersSettingsSurviveAndBothSidesAgreeAtTheEnd) {
     constexpr int steps = 20;
     for (int i = 1; i <= steps; ++i) {
         step(i);

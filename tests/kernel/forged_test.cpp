@@ -71,7 +71,7 @@ TEST_F(ForgedTest, AnOverrunMessageIsABadTypeHoweverOftenItComes) {
     EXPECT_EQ(log().count("Error: recv: bad msg type: 4", from), 30U);
 }
 
-TEST_F(ForgedTest, AMessageThatSaysNothingAndUnknownOnesAreDropped) {
+TEST_F(ForgedTest, EmptyAndUnknownMessagesAreDropped) {
     send(kt::Message(NLMSG_NOOP, 0).append(0));
     send(kt::Message(RTM_GETLINK, 0).append(ifinfomsg{}));
     send(kt::Message(RTM_NEWNEIGH, 0).append(ifinfomsg{}));
@@ -90,7 +90,7 @@ TEST_F(ForgedTest, ALinkMessageWithoutNameOrAddressIsSkipped) {
     EXPECT_EQ(log().count("Info: Skipping link msg with no addr/name", from), 2U);
 }
 
-TEST_F(ForgedTest, OnlyEthernetLinksAreTaken) {
+TEST_F(ForgedTest, OnlyEthernetLinksAreTracked) {
     send(link_message(RTM_NEWLINK, ARPHRD_TUNNEL6));
     EXPECT_TRUE(logged("Info: Ignoring unknown interface type 769", from));
 }
@@ -153,7 +153,7 @@ TEST_F(ForgedTest, ADeletionWithAnotherPrefixLengthLeavesTheStore) {
 
 // Random bytes, in datagrams of every length: none may end the engine or make it read beyond the
 // datagram.
-TEST_F(ForgedTest, GarbageIsSurvived) {
+TEST_F(ForgedTest, RandomBytesDoNotEndTheEngine) {
     std::mt19937 random(1);
     for (int i = 0; i < 1500; ++i) {
         std::vector<unsigned char> datagram(1 + random() % 120);

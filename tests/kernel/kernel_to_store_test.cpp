@@ -216,7 +216,7 @@ TEST_F(KernelToStoreTest, EventsOnLinksThatAreNotTrackedAreIgnored) {
     EXPECT_EQ(store.addresses(1).size(), 1U);
 }
 
-TEST_F(KernelToStoreTest, ALinkThatGoesDownTakesItsAddressesAndGatewayOutOfTheStore) {
+TEST_F(KernelToStoreTest, ALinkThatGoesDownLosesItsAddressesAndGatewayInTheStore) {
     start_with_link_local();
     device.add_address("eth0", "2001:db8::7/64");
     device.add_route({"::/0", "fe80::1", "eth0"});

@@ -181,7 +181,7 @@ TEST_F(SlowRaceTest, APrefixLengthCorrectedThereAndBackEndsAsTheUserSaid) {
 }
 
 // The same without a pause between the rounds; the last edit must win.
-TEST_F(RaceTest, AUserWhoNeverRestsHasTheLastWord) {
+TEST_F(RaceTest, TheLastOfManyEditsWins) {
     for (int i = 0; i < rounds; ++i) {
         store.remove_address(1, "1");
         one_millisecond();

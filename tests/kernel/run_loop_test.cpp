@@ -88,7 +88,7 @@ TEST_F(RunLoopTest, AStoreThatIsKilledAndComesBackIsFoundAgain) {
     expect_working();
 }
 
-TEST_F(RunLoopTest, AStoreThatStopsInOrderIsAFailureToo) {
+TEST_F(RunLoopTest, AStoreThatExitsNormallyIsAFailureToo) {
     service.start();
     start_daemon_and_wait();
     store.disconnect();
@@ -174,7 +174,7 @@ TEST_F(RunLoopTest, AnOverrunOfTheReceiveBufferRebuildsTheEngineAndNothingIsLost
     expect_working();
 }
 
-TEST_F(RunLoopTest, AfterAMessageThatCannotBeSentTheEngineIsBuiltAnew) {
+TEST_F(RunLoopTest, AfterAMessageThatCannotBeSentTheEngineIsRebuilt) {
     service.start();
     store.set_address(1, "1", "2001:db8::5/64");
     start_daemon({"-d", "-D", "4"}, kt::preloaded({{"KT_FAIL_SEND", "20:1"}}));

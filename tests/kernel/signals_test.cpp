@@ -117,7 +117,7 @@ TEST_F(SignalTest, ABacktraceNamesTheFunctionsOfTheEngineThatLedToTheFault) {
 }
 
 // The fault's report would wait for ever for the lock that the interrupted report holds.
-TEST_F(SignalTest, AFaultInTheMidstOfAReportToTheSystemLogEndsTheDaemonAllTheSame) {
+TEST_F(SignalTest, AFaultDuringAReportToTheSystemLogStillEndsTheDaemon) {
     // A log socket that nobody reads: after some reports the next one waits.
     ASSERT_EQ(std::rename("/dev/log", "/dev/log.of-the-test"), 0);
     const int unread = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);

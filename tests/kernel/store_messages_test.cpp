@@ -79,7 +79,7 @@ TEST_F(StoreReadingTest, AnAddressOfAnUnknownTypeIsIgnored) {
     EXPECT_FALSE(device.has_address("eth0", "2001:db8::9/64"));
 }
 
-TEST_F(StoreReadingTest, AnAddressTextThatIsNoneIsIgnored) {
+TEST_F(StoreReadingTest, AnInvalidAddressTextIsIgnored) {
     store.set_address(1, "a", "2001:db8::9");
     store.set_address(1, "b", "2001:db8::9/0");
     store.set_address(1, "c", "2001:db8::9/129");
@@ -98,7 +98,7 @@ TEST_F(StoreReadingTest, AnAddressTextThatIsNoneIsIgnored) {
     }
 }
 
-TEST_F(StoreReadingTest, AGatewayThatIsNoneIsIgnored) {
+TEST_F(StoreReadingTest, AnInvalidGatewayIsIgnored) {
     store.set_gateway(1, "not-an-address");
     add_eth(1);
     store.write_typed(kt::paths::gateway(2), element_type_integer, "7");
@@ -111,7 +111,7 @@ TEST_F(StoreReadingTest, AGatewayThatIsNoneIsIgnored) {
     EXPECT_EQ(store.gateway(1), "not-an-address") << "left as it is";
 }
 
-TEST_F(StoreReadingTest, LeavesAmongTheInterfacesAndAddressesArePassedOver) {
+TEST_F(StoreReadingTest, LeavesAmongTheInterfacesAndAddressesAreSkipped) {
     store.write(stem + "/0", "a leaf");
     store.write(kt::paths::addresses(1) + "/7", "a leaf");
     start_beside_a_good_address();
@@ -144,7 +144,7 @@ protected:
     }
 };
 
-TEST_F(StoreEventTest, EventsOnOtherLeavesAreNamedAndStartNothing) {
+TEST_F(StoreEventTest, EventsOnOtherLeavesAreOnlyLogged) {
     start_daemon_and_wait();
     ignores(stem + "/5", "Info: Bad interface path component: '" + stem + "/5'");
     ignores(stem + "/1/IPv4/Address", "Info: Ignoring update to non-IPv6 settings");
@@ -188,7 +188,7 @@ TEST_F(StoreEventTest, AnEventOutsideTheInterfacesIsUnexpected) {
     EXPECT_TRUE(logged("Warning: Unexpected event path: '" + stem + "'", from));
 }
 
-TEST_F(StoreEventTest, ARemovedNodeIsToldLeafByLeaf) {
+TEST_F(StoreEventTest, ARemovedNodeCausesAnEventForEachLeaf) {
     store.set_address(1, "4", "2001:db8::5/64");
     start_daemon_and_wait();
     store.remove_address(1, "4");
@@ -199,7 +199,7 @@ TEST_F(StoreEventTest, ARemovedNodeIsToldLeafByLeaf) {
     EXPECT_TRUE(becomes([&] { return !device.has_address("eth0", "2001:db8::5/64"); }));
 }
 
-TEST_F(StoreEventTest, TheNoticeAfterTheRegistrationIsPassedOver) {
+TEST_F(StoreEventTest, TheNoticeAfterTheRegistrationIsIgnored) {
     start_daemon();
     ASSERT_TRUE(logged("Info: void CSync::discover(): beginning normal operation"));
     EXPECT_TRUE(logged("Info: New TAV event arrived"));
@@ -208,7 +208,7 @@ TEST_F(StoreEventTest, TheNoticeAfterTheRegistrationIsPassedOver) {
     EXPECT_EQ(log().count_containing("Processing TAV event"), 1U) << "the test's own mark";
 }
 
-TEST_F(StoreEventTest, OnesOwnChangesAreNotToldToTheDaemon) {
+TEST_F(StoreEventTest, TheDaemonsOwnChangesCauseNoEvents) {
     store.make_interface(1);
     start_daemon_and_wait();
     device.add_address("eth0", "2001:db8::7/64");

@@ -52,7 +52,7 @@ TEST_F(StoreToKernelTest, AStaticAddressThatExistsAtTheStartIsAddedToTheKernel) 
     EXPECT_TRUE(logged("Info: Comparing address '2001:db8::5/64' (3) (IN TAV)", from));
 }
 
-TEST_F(StoreToKernelTest, ANewPrefixLengthIsCarriedOverByDeletingAndAdding) {
+TEST_F(StoreToKernelTest, ANewPrefixLengthIsAppliedByDeletingAndAdding) {
     store.set_address(1, "1", "2001:db8::5/64");
     start();
     store.write(kt::paths::address_value(1, "1"), "2001:db8::5/48");
@@ -151,7 +151,7 @@ TEST_F(StoreToKernelTest, StoredAddressesOfOtherTypesThatTheKernelLacksAreJunk) 
     EXPECT_FALSE(device.has_address("eth0", "2001:db8::6/64"));
 }
 
-TEST_F(StoreToKernelTest, AnAutomaticAddressThatIsDeclaredStaticIsAdoptedAsSuch) {
+TEST_F(StoreToKernelTest, AnAutomaticAddressThatIsDeclaredStaticBecomesStatic) {
     device.add_address("eth0", "2001:db8::7/64");
     start();
     const std::string node = store.node_of(1, "2001:db8::7/64");
@@ -283,7 +283,7 @@ TEST_F(LinkTest, AKnownLinkKeepsTheNameOfItsFirstSight) {
         << "for the daemon it is still eth0";
 }
 
-TEST_F(LinkTest, OfTwoLinksThatBearOneNameForTheDaemonTheStoreHearsOfOne) {
+TEST_F(LinkTest, OfTwoLinksWithTheSameNameOnlyOneIsWrittenToTheStore) {
     store.set_address(1, "1", "2001:db8::1/64");
     start();
     device.set_up("eth0", false);
@@ -307,7 +307,7 @@ TEST_F(LinkTest, OfTwoLinksThatBearOneNameForTheDaemonTheStoreHearsOfOne) {
     })) << "with the old link gone the name is the new one's";
 }
 
-TEST_F(LinkTest, ALinkRenamedIntoThePrefixIsTakenUp) {
+TEST_F(LinkTest, ALinkRenamedIntoThePrefixIsTracked) {
     store.set_address(2, "1", "2001:db8::2/64");
     add_eth(9, "other");
     start();

@@ -35,7 +35,7 @@ protected:
     }
 };
 
-TEST_F(LinkDownTest, ALinkSetDownTakesItsAddressesAndGatewayOutOfTheStore) {
+TEST_F(LinkDownTest, SettingALinkDownRemovesItsAddressesAndGatewayFromTheStore) {
     go_down_with_address_and_gateway();
     EXPECT_TRUE(becomes([&] { return neither_has(1, address) && !store.gateway(1); }));
     device.set_up("eth0");
@@ -44,7 +44,7 @@ TEST_F(LinkDownTest, ALinkSetDownTakesItsAddressesAndGatewayOutOfTheStore) {
     EXPECT_TRUE(neither_has(1, address)) << "it does not come back with the link";
 }
 
-TEST_F(LinkDownTest, WithTheKernelToldToKeepThemTheyStay) {
+TEST_F(LinkDownTest, AddressesStayWithTheSettingThatKeepsThem) {
     if (!kt::Sandbox::is_real_root()) {
         GTEST_SKIP() << not_settable;
     }
@@ -60,7 +60,7 @@ TEST_F(LinkDownTest, WithTheKernelToldToKeepThemTheyStay) {
     EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
 }
 
-TEST_F(LinkDownTest, UnpluggingOrMovingALinkTakesItsAddressesWhateverTheKernelIsTold) {
+TEST_F(LinkDownTest, UnpluggingOrMovingALinkRemovesItsAddressesInSpiteOfThatSetting) {
     for (const bool moved : {false, true}) {
         switch_on("conf/all/keep_addr_on_down");
         switch_on("conf/eth0/keep_addr_on_down");
@@ -76,7 +76,7 @@ TEST_F(LinkDownTest, UnpluggingOrMovingALinkTakesItsAddressesWhateverTheKernelIs
     }
 }
 
-TEST_F(LinkDownTest, TheGatewayStaysWhenTheKernelIsToldNotToReportItEvenWhenTheLinkIsGone) {
+TEST_F(LinkDownTest, TheGatewayStaysStoredIfTheKernelDoesNotReportItsRemovalEvenWhenTheLinkIsGone) {
     if (!kt::Sandbox::is_real_root()) {
         GTEST_SKIP() << not_settable;
     }
@@ -200,7 +200,7 @@ TEST_F(KnownBehaviourTest,
     EXPECT_EQ(type_of(address), "Automatic");
 }
 
-TEST_F(KnownBehaviourTest, TheLinksOwnLinkLocalAddressDeclaredStaticStandsTwice) {
+TEST_F(KnownBehaviourTest, TheLinksOwnLinkLocalAddressDeclaredStaticIsStoredTwice) {
     start();
     const std::string own = device.link_local("eth0");
     ASSERT_EQ(type_of(own), "Link-Local");
@@ -252,7 +252,7 @@ TEST_F(KnownBehaviourTest, OfAStaticAddressUnderTwoNodesTheLaterPrefixLengthWins
     EXPECT_EQ(log().count_containing("Changing prefix length", from), 0U);
 }
 
-TEST_F(KnownBehaviourTest, ANodeWithoutAMirroredLeafIsNotKnownToTheNaming) {
+TEST_F(KnownBehaviourTest, ANodeWithoutAMirroredLeafIsIgnoredByTheNaming) {
     start();
     ASSERT_EQ(store.addresses(1).size(), 1U); // the link-local one, "1"
     store.write(kt::paths::address(1, "2") + "/Note", "mine");

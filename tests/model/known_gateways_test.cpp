@@ -33,7 +33,7 @@ TEST_F(KnownGatewayTest, ASecondGatewayOfEqualMetricMakesBothInvisibleToAStart) 
     EXPECT_EQ(store.gateway(1), "fe80::1");
 }
 
-TEST_F(KnownGatewayTest, AStaticDefaultRouteOfAnotherTableIsTakenForTheMainTables) {
+TEST_F(KnownGatewayTest, AStaticDefaultRouteOfAnotherTableIsTreatedAsOneOfTheMainTable) {
     start();
     kt::kernel_route_t route{"::/0", "fe80::1", "eth0"};
     route.table = 100;
@@ -43,7 +43,7 @@ TEST_F(KnownGatewayTest, AStaticDefaultRouteOfAnotherTableIsTakenForTheMainTable
     EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"}); // of main
 }
 
-TEST_F(KnownGatewayTest, AGatewayEqualToTheAdvertisedRouterTakesTheAdvertisedRouteAlong) {
+TEST_F(KnownGatewayTest, RemovingAGatewayEqualToTheAdvertisedRouterRemovesTheAdvertisedRoute) {
     start();
     kt::kernel_route_t advertised{"::/0", "fe80::9", "eth0"};
     advertised.protocol = RTPROT_RA;
@@ -204,7 +204,7 @@ TEST_F(KnownGatewayTest, AGatewayOfAllZerosIsRefusedAndCanBeRemoved) {
     EXPECT_FALSE(store.gateway(1));
 }
 
-TEST_F(KnownGatewayTest, AnUnreadableTextInPlaceOfAGatewayTakesBothAway) {
+TEST_F(KnownGatewayTest, AnUnreadableTextInPlaceOfAGatewayRemovesBoth) {
     store.set_gateway(1, "fe80::1");
     start();
     ASSERT_TRUE(becomes([&] { return device.static_gateways("eth0").size() == 1; }));

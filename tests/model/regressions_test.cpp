@@ -53,7 +53,7 @@ TEST(RegressionTest, ANewAddressThatIsServedBeforeAnEditThatWasMadeEarlier) {
 
 // If the daemon is killed between a user's removal and its own deletion, it finds the address still
 // there.
-TEST(RegressionTest, ADaemonThatIsKilledBeforeItHeardOfARemoval) {
+TEST(RegressionTest, ADaemonKilledBeforeItSeesARemoval) {
     expect_as_foreseen("seed 95\nburst settled\n store-set 0 1 1 128 3 0\nburst fast\n"
                        " store-set 0 1 7 64 3 0\n daemon-stop 1\n daemon-start\n");
 }
@@ -87,7 +87,7 @@ TEST(RegressionTest, AGatewayWhoseRouteWasSomebodyElses) {
 }
 
 // The notice that follows a rebuild's registration delays the store's next wake-up.
-TEST(RegressionTest, AnEditBehindARebuildThatIsServedAfterTheKernelsReports) {
+TEST(RegressionTest, AnEditAfterARebuildIsHandledAfterTheKernelsReports) {
     expect_as_foreseen("seed 5000594\nburst settled\n kernel-add 0 4 64 0\nburst settled\n"
                        " store-set 0 4 4 48 3 0\nburst fast\n kernel-add 0 7 64 0\n"
                        " gateway-set 2 2 0\n kernel-add 0 7 64 0\n overflow\n"
@@ -96,7 +96,7 @@ TEST(RegressionTest, AnEditBehindARebuildThatIsServedAfterTheKernelsReports) {
 
 // The daemon's record of a gateway outlives its interface's node, and replaces the route of another
 // protocol once the node exists again.
-TEST(RegressionTest, AGatewayOfAnotherProtocolThatBecomesStaticBehindAnInterfaceThatComesBack) {
+TEST(RegressionTest, AGatewayOfAnotherProtocolBecomesStaticAfterItsInterfaceComesBack) {
     expect_as_foreseen("seed 5001457\nburst settled\n store-set 0 1 1 48 3 0\n route-add 0 2 3 0\n"
                        "burst settled\n gateway-set 0 2 0\n interface-drop 0\nburst settled\n"
                        " store-set 0 0 0 64 2 0\nburst settled\n");
@@ -110,14 +110,14 @@ TEST(RegressionTest, AnInterfaceNodeThatIsRemovedWhileItsAddressIsWrittenBack) {
 
 // After a restart the state of a link-local address that was declared Static is known again, but
 // not what was done before.
-TEST(RegressionTest, ARestartBehindALinkLocalAddressThatWasDeclaredStatic) {
+TEST(RegressionTest, ARestartAfterALinkLocalAddressWasDeclaredStatic) {
     expect_as_foreseen("seed 6002097\nburst fast\n store-set 0 2 8 48 3 0\n link-down 0\n"
                        "burst settled\n store-set 0 2 2 128 3 0\n link-delete 0\n overflow\n");
 }
 
 // Routes of one metric hide each other's end: whether the gateway is still stored is unknown then,
 // and whether its removal makes the daemon synchronise, which brings back a second node's address.
-TEST(RegressionTest, AGatewayThatIsRemovedBehindRoutesThatHidEachOther) {
+TEST(RegressionTest, AGatewayIsRemovedAfterRoutesHidEachOther) {
     expect_as_foreseen("seed 7001586\nburst fast\n store-set 0 4 4 64 3 0\n gateway-set 1 2 0\n"
                        " gateway-set 0 0 0\n kernel-lifetime 0 4 128\nburst settled\n"
                        " link-down 0\n gateway-remove 0\n");
@@ -125,7 +125,7 @@ TEST(RegressionTest, AGatewayThatIsRemovedBehindRoutesThatHidEachOther) {
 
 // A synchronisation that has listed an interface's node and then finds nothing below it removes the
 // Static addresses from the kernel; one that does not find the node keeps them.
-TEST(RegressionTest, AnInterfaceNodeThatGoesWhileItIsRead) {
+TEST(RegressionTest, AnInterfaceNodeRemovedWhileItIsRead) {
     expect_as_foreseen("seed 8000463\nburst slow\n store-set 0 0 0 64 3 0\n"
                        " store-set 0 3 3 48 3 0\nburst fast\n kernel-lifetime 0 0 128\n"
                        " store-set 0 5 5 128 3 0\n interface-drop 0\n");
@@ -166,7 +166,7 @@ TEST(RegressionTest, ANewAddressMayBeServedBeforeAllEditsOfABurst) {
 
 // While an interface has no node, it is not visible which addresses of its link the daemon regards
 // as Static, and removes from the kernel when the node is created again.
-TEST(RegressionTest, AnAddressThatIsAddedAgainBehindAnInterfaceThatComesBack) {
+TEST(RegressionTest, AnAddressIsAddedAgainAfterItsInterfaceComesBack) {
     expect_as_foreseen("seed 10002960\nburst settled\n store-set 0 5 5 64 3 0\nburst settled\n"
                        " interface-drop 0\nburst settled\n store-set 0 3 3 64 3 0\n"
                        " kernel-add 0 5 64 1\n");
@@ -174,7 +174,7 @@ TEST(RegressionTest, AnAddressThatIsAddedAgainBehindAnInterfaceThatComesBack) {
 
 // One of two routes of one metric appeared in an unpredicted way, and is listed with the other's
 // protocol (11000215): its own protocol is unknown.
-TEST(RegressionTest, TheProtocolOfASiblingThatWasNotForeseenIsOpen) {
+TEST(RegressionTest, TheProtocolOfAnUnpredictedSiblingIsUndetermined) {
     const model::KernelRoute first{2, "fe80::2", 3, 1024};
     const model::KernelRoute second{2, "fe80::1", 4, 1024};
     model::KernelModel seen;
@@ -189,7 +189,7 @@ TEST(RegressionTest, TheProtocolOfASiblingThatWasNotForeseenIsOpen) {
     EXPECT_TRUE(model::adopt(before, seen, {}).kernel.routes_unsure);
 }
 
-TEST(RegressionTest, WhatBecomesOfAnInterfaceThatGoesWhileItIsReadIsOpen) {
+TEST(RegressionTest, TheResultForAnInterfaceRemovedWhileItIsReadIsUndetermined) {
     model::State seen;
     seen.kernel.links[2] = {"eth0", 0, true, {{model::address_text(0, 0), 64, false}}};
     model::apply_to_store(seen.store, {model::Kind::store_set, {0, 0, 0, 64, 3, 0}});

@@ -11,7 +11,7 @@ constexpr std::uint32_t sequences = 48;
 
 class SequenceTest : public ::testing::TestWithParam<std::uint32_t> {};
 
-TEST_P(SequenceTest, EndsAsForeseen) {
+TEST_P(SequenceTest, EndsAsPredicted) {
     const model::Sequence sequence = model::generate(GetParam());
     const model::Verdict verdict = model::run(sequence);
     RecordProperty("items", static_cast<int>(verdict.items));

@@ -83,7 +83,7 @@ TEST_F(DecodeAddrs, LocalAddressLabelAndCacheInfoAreIgnored) {
     expect_addr(addrs[0].addr, "2001:db8::5");
 }
 
-TEST_F(DecodeAddrs, OfARepeatedAddressTheLastOneCounts) {
+TEST_F(DecodeAddrs, TheLastOfRepeatedAddressesIsUsed) {
     const auto addrs = decoded(datagram_t()
                                    .address(RTM_NEWADDR, 2, "2001:db8::1", 64)
                                    .attribute(IFA_ADDRESS, addr("2001:db8::2")));
@@ -91,7 +91,7 @@ TEST_F(DecodeAddrs, OfARepeatedAddressTheLastOneCounts) {
     expect_addr(addrs[0].addr, "2001:db8::2");
 }
 
-TEST_F(DecodeAddrs, TypeFamilyAndFlagsAreNotLookedAt) {
+TEST_F(DecodeAddrs, TypeFamilyAndFlagsAreIgnored) {
     for (const int type : {int{RTM_NEWADDR}, int{RTM_DELADDR}, int{RTM_NEWROUTE}, 0}) {
         ifaddrmsg header{};
         header.ifa_family = AF_INET;
@@ -105,7 +105,7 @@ TEST_F(DecodeAddrs, TypeFamilyAndFlagsAreNotLookedAt) {
     }
 }
 
-TEST_F(DecodeAddrs, SixteenBytesAreCopiedWhateverTheAttributesLength) {
+TEST_F(DecodeAddrs, SixteenBytesAreCopiedForAnyAttributeLength) {
     // The datagram ends after two bytes of the address; zeros are read after it.
     const auto cut =
         decoded(datagram_t().address(RTM_NEWADDR, 2, "", 64).attribute(IFA_ADDRESS, "\x20\x01", 2));

@@ -63,14 +63,14 @@ TEST_F(DecodeLinks, SeveralLinksComeInTheirOrder) {
     EXPECT_EQ(links[2].ifindex, 5);
 }
 
-TEST_F(DecodeLinks, TheMessageTypeIsNotLookedAt) {
+TEST_F(DecodeLinks, TheMessageTypeIsIgnored) {
     for (const int type :
          {int{RTM_NEWLINK}, int{RTM_DELLINK}, int{RTM_SETLINK}, int{RTM_NEWADDR}, 0}) {
         EXPECT_EQ(decoded(datagram_t().link(type, 2, "eth0")).size(), 1U) << type;
     }
 }
 
-TEST_F(DecodeLinks, TheFamilyIsNotLookedAt) {
+TEST_F(DecodeLinks, TheFamilyIsIgnored) {
     for (const int family : {AF_UNSPEC, AF_BRIDGE, AF_INET}) {
         bytes_t bytes = datagram_t().link(RTM_DELLINK, 2, "eth0");
         bytes[NLMSG_HDRLEN] = static_cast<unsigned char>(family);
@@ -128,7 +128,7 @@ TEST_F(DecodeLinks, ADecodedLinkLogsNothing) {
     EXPECT_TRUE(captured::log().empty());
 }
 
-TEST_F(DecodeLinks, OfARepeatedAttributeTheLastOneCounts) {
+TEST_F(DecodeLinks, TheLastOfRepeatedAttributesIsUsed) {
     const auto links = decoded(datagram_t()
                                    .link(RTM_NEWLINK, 2, "old", {1, 1, 1, 1, 1, 1})
                                    .attribute(IFLA_IFNAME, "eth0")
@@ -138,7 +138,7 @@ TEST_F(DecodeLinks, OfARepeatedAttributeTheLastOneCounts) {
     EXPECT_EQ(links[0].hwaddr, "02:02:02:02:02:02");
 }
 
-TEST_F(DecodeLinks, UnusedAttributesArePassedOver) {
+TEST_F(DecodeLinks, UnusedAttributesAreSkipped) {
     const auto links = decoded(datagram_t()
                                    .link(RTM_NEWLINK, 2, "eth0", {2, 0, 0, 0, 0, 1})
                                    .attribute(IFLA_MTU, 1500)
@@ -187,7 +187,7 @@ TEST_F(DecodeLinks, ATrailingEndOfDumpIsIgnoredWithItsLogLine) {
               (std::vector<std::string>{"Info: Ignoring unknown interface type 0"}));
 }
 
-TEST_F(DecodeLinks, SixBytesOfAHardwareAddressAreReadWhateverItsLength) {
+TEST_F(DecodeLinks, SixBytesOfAHardwareAddressAreReadForAnyLength) {
     // Two bytes, then the following bytes (padding and the next attribute).
     const bytes_t bytes =
         datagram_t().link(RTM_NEWLINK, 2, "eth0", {}).attribute(IFLA_ADDRESS, "\xaa\xbb", 2);

@@ -71,7 +71,7 @@ TEST_F(DecodeRoutes, ARouteWithoutOutputInterfaceIsSkipped) {
                      [&datagram] { decoded(datagram); });
 }
 
-TEST_F(DecodeRoutes, AnOutputInterfaceOfMinusOneIsOne) {
+TEST_F(DecodeRoutes, AnOutputInterfaceOfMinusOneIsAccepted) {
     const auto routes = decoded(
         datagram_t().route(RTM_NEWROUTE, -1, "fe80::1").attribute(RTA_OIF, std::int32_t{-1}));
     ASSERT_EQ(routes.size(), 1U);
@@ -103,7 +103,7 @@ TEST_F(DecodeRoutes, SeveralMessagesComeInOrderAndShareNothing) {
     expect_addr(routes[1].dst, "::");
 }
 
-TEST_F(DecodeRoutes, FamilyTableScopeTypeAndOtherAttributesAreNotLookedAt) {
+TEST_F(DecodeRoutes, FamilyTableScopeTypeAndOtherAttributesAreIgnored) {
     rtmsg header{};
     header.rtm_family = AF_INET;
     header.rtm_src_len = 64;
@@ -125,7 +125,7 @@ TEST_F(DecodeRoutes, FamilyTableScopeTypeAndOtherAttributesAreNotLookedAt) {
     expect_addr(routes[0].gateway, "::");
 }
 
-TEST_F(DecodeRoutes, OfARepeatedAttributeTheLastOneCounts) {
+TEST_F(DecodeRoutes, TheLastOfRepeatedAttributesIsUsed) {
     const auto routes = decoded(datagram_t()
                                     .route(RTM_NEWROUTE, 2, "fe80::1", 4, "2001:db8::", 32)
                                     .attribute(RTA_OIF, 3)
@@ -137,7 +137,7 @@ TEST_F(DecodeRoutes, OfARepeatedAttributeTheLastOneCounts) {
     expect_addr(routes[0].dst, "2001:db9::");
 }
 
-TEST_F(DecodeRoutes, FourBytesOfAnInterfaceAreReadWhateverTheAttributesLength) {
+TEST_F(DecodeRoutes, FourBytesOfAnInterfaceAreReadForAnyAttributeLength) {
     // Only its first byte is inside the datagram; zeros are read after it.
     bytes_t bytes = datagram_t().route(RTM_NEWROUTE, -1, "").attribute(RTA_OIF, "\x05", 1);
     bytes.resize(bytes.size() - 3);

@@ -39,13 +39,13 @@ bool multipart(const bytes_t &datagram) {
 class DumpEnd : public DaemonTest {};
 class DumpCompleteness : public DaemonTest {};
 
-TEST_F(DumpEnd, IsSeenBehindTheLastRecord) {
+TEST_F(DumpEnd, IsSeenAfterTheLastRecord) {
     EXPECT_TRUE(ends(addresses(1).done()));
     EXPECT_TRUE(ends(addresses(5).done()));
     EXPECT_TRUE(ends(datagram_t().link(RTM_NEWLINK, 2, "eth0").done()));
 }
 
-TEST_F(DumpEnd, InADatagramOfItsOwnIsNotBehindAnything) {
+TEST_F(DumpEnd, InASeparateDatagramIsNotAfterARecord) {
     EXPECT_FALSE(ends(datagram_t().done()));
 }
 
@@ -55,7 +55,7 @@ TEST_F(DumpEnd, IsNotInAnEarlierDatagramOfTheDumpNorInANotification) {
     EXPECT_FALSE(ends({}));
 }
 
-TEST_F(DumpEnd, CountsWhateverItsResultIs) {
+TEST_F(DumpEnd, IsSeenWithAnyResult) {
     EXPECT_TRUE(ends(addresses(1).done(-4)));
 }
 
@@ -64,7 +64,7 @@ TEST_F(DumpEnd, IsFoundBetweenOtherMessages) {
     EXPECT_TRUE(ends(datagram_t().done().done()));
 }
 
-TEST_F(DumpEnd, IsNotReachedBehindALengthThatLeadsNowhere) {
+TEST_F(DumpEnd, IsNotReachedAfterALengthThatEndsTheWalk) {
     for (const std::uint32_t length : {0U, 0x80000000U, 0xfffffffdU, 0x7fffffffU}) {
         datagram_t datagram = addresses(1);
         datagram.set_message_length(length).done();
@@ -115,7 +115,7 @@ TEST_F(DumpCompleteness, ANegativeResultAtItsEndMakesItIncomplete) {
     EXPECT_FALSE(incomplete(datagram_t().done(1)));
 }
 
-TEST_F(DumpCompleteness, OnlyTheEndsResultCounts) {
+TEST_F(DumpCompleteness, OnlyTheResultOfTheEndMatters) {
     // A record whose first four bytes would be a negative number.
     const std::int32_t negative = -1;
     EXPECT_FALSE(

@@ -73,11 +73,11 @@ TEST_F(Recv, DoneYieldsOne) {
     EXPECT_EQ(recv_of(datagram_t().done()), 1);
 }
 
-TEST_F(Recv, DoneInFrontYieldsOneWhateverFollows) {
+TEST_F(Recv, DoneAsFirstMessageYieldsOne) {
     EXPECT_EQ(recv_of(datagram_t().done().address(RTM_NEWADDR, 2, "fe80::1", 64)), 1);
 }
 
-TEST_F(Recv, OnlyTheFirstMessageIsLookedAt) {
+TEST_F(Recv, OnlyTheFirstMessageIsExamined) {
     EXPECT_EQ(recv_of(datagram_t().address(RTM_NEWADDR, 2, "fe80::1", 64).done()), RTM_NEWADDR);
     EXPECT_EQ(recv_of(message_of_type(NLMSG_NOOP).address(RTM_NEWADDR, 2, "fe80::1", 64)), 0);
 }
@@ -96,7 +96,7 @@ TEST_F(Recv, FailureIsLoggedAndThrown) {
     });
 }
 
-TEST_F(Recv, FailureLeavesTheCallersBufferAlone) {
+TEST_F(Recv, FailureDoesNotChangeTheCallersBuffer) {
     unsigned char *const earlier = hold_earlier_buffer();
     const int earlier_length = length;
     fake_libnl::queue_recv_result(-4);
@@ -106,7 +106,7 @@ TEST_F(Recv, FailureLeavesTheCallersBufferAlone) {
     EXPECT_EQ(journal::count("free(watched)"), 0U);
 }
 
-TEST_F(Recv, EmptyReadLeavesTheCallersBufferAloneAndLogsNothing) {
+TEST_F(Recv, EmptyReadDoesNotChangeTheCallersBufferAndLogsNothing) {
     verbosity = 9;
     unsigned char *const earlier = hold_earlier_buffer();
     const int earlier_length = length;

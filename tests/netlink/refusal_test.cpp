@@ -89,7 +89,7 @@ TEST_F(Refusal, IsNotAnAcknowledgement) {
     EXPECT_FALSE(decoded(whole));
 }
 
-TEST_F(Refusal, StandsInAnErrorMessageAlone) {
+TEST_F(Refusal, IsReadFromErrorMessagesOnly) {
     for (const int type : {NLMSG_OVERRUN, NLMSG_NOOP, NLMSG_DONE, int{RTM_NEWADDR}}) {
         bytes_t other = datagram_t().error(-EEXIST, addr_request(true));
         ASSERT_TRUE(decoded(other));
@@ -99,7 +99,7 @@ TEST_F(Refusal, StandsInAnErrorMessageAlone) {
     }
 }
 
-TEST_F(Refusal, OfWhichTheKernelKeptTheRequestBackTellsNothing) {
+TEST_F(Refusal, WithoutTheRequestsContentGivesNoRecord) {
     for (const auto &request : {route_request(true), addr_request(true)}) {
         bytes_t capped = datagram_t().error(-EEXIST, request);
         ASSERT_TRUE(decoded(capped));
@@ -120,7 +120,7 @@ TEST_F(Refusal, CarriesANegativeErrorNumber) {
     }
 }
 
-TEST_F(Refusal, OfADumpIsNobodysConcern) {
+TEST_F(Refusal, OfADumpIsIgnored) {
     channel.request_links();
     channel.request_addrs();
     channel.request_routes();
@@ -130,7 +130,7 @@ TEST_F(Refusal, OfADumpIsNobodysConcern) {
     }
 }
 
-TEST_F(Refusal, WithoutTheRequestInsideTellsNothing) {
+TEST_F(Refusal, WithoutTheRequestInsideGivesNoRecord) {
     for (const bool add : {true, false}) {
         EXPECT_FALSE(
             decoded(datagram_t().error(-EPERM, {add ? RTM_NEWROUTE : RTM_DELROUTE, 0, {}})));
@@ -138,7 +138,7 @@ TEST_F(Refusal, WithoutTheRequestInsideTellsNothing) {
     }
 }
 
-TEST_F(Refusal, IsOnlyLookedForInTheFirstMessage) {
+TEST_F(Refusal, IsReadFromTheFirstMessageOnly) {
     bytes_t behind = datagram_t().address(RTM_NEWADDR, 2, "2001:db8::1", 64);
     const bytes_t error = datagram_t().error(-ENETDOWN, route_request(true));
     behind.insert(behind.end(), error.begin(), error.end());
@@ -148,7 +148,7 @@ TEST_F(Refusal, IsOnlyLookedForInTheFirstMessage) {
 }
 
 // The kernel appends its own attributes (for example an explanation) after the request.
-TEST_F(Refusal, IsReadAlsoWithAttributesBehindTheRequest) {
+TEST_F(Refusal, IsReadAlsoWithAttributesAfterTheRequest) {
     const auto refusal =
         decoded(datagram_t().error(-EINVAL, route_request(true)).attribute(1, "Invalid gateway"));
     ASSERT_TRUE(refusal);
@@ -157,7 +157,7 @@ TEST_F(Refusal, IsReadAlsoWithAttributesBehindTheRequest) {
 }
 
 // NLMSGERR_ATTR_MSG and IFA_ADDRESS are both 1, and so on: what follows would be misread.
-TEST_F(Refusal, DoesNotReadAttributesBehindTheRequestAsTheRequests) {
+TEST_F(Refusal, DoesNotReadAttributesAfterTheRequestAsTheRequests) {
     const auto address = decoded(
         datagram_t().error(-EEXIST, addr_request(true)).attribute(1, addr("2001:db8::bad")));
     ASSERT_TRUE(address);
@@ -213,7 +213,7 @@ TEST_F(Refusal, LogsNothing) {
     EXPECT_TRUE(captured::log().empty());
 }
 
-TEST_F(Refusal, LogsNothingOfWhatTheKernelAddedBehindTheRequest) {
+TEST_F(Refusal, LogsNothingAboutAttributesAfterTheRequest) {
     const bytes_t datagram =
         datagram_t().error(-EINVAL, addr_request(true)).attribute(1, "IPv6: address already here");
     verbosity = 9;

@@ -116,7 +116,7 @@ protected:
 
 // The reference for a truncated datagram: the same bytes followed by zeros up to the end of the
 // only message.
-TEST_P(Walk, BytesBehindTheDatagramAreReadAsZero) {
+TEST_P(Walk, BytesAfterTheDatagramAreReadAsZero) {
     const bytes_t whole = one();
     for (std::size_t size = 1; size <= whole.size(); ++size) {
         bytes_t cut = whole;
@@ -129,7 +129,7 @@ TEST_P(Walk, BytesBehindTheDatagramAreReadAsZero) {
     }
 }
 
-TEST_P(Walk, ADatagramMayStandAtAnOddAddress) {
+TEST_P(Walk, ADatagramMayBeAtAnOddAddress) {
     datagram_t datagram = one();
     GetParam().append(datagram, 3);
     const bytes_t whole = datagram;
@@ -143,7 +143,7 @@ TEST_P(Walk, ADatagramMayStandAtAnOddAddress) {
     }
 }
 
-TEST_P(Walk, ALengthThatLeadsNowhereEndsTheWalkBehindThatMessage) {
+TEST_P(Walk, ALengthOfZeroOrLessEndsTheWalkAfterThatMessage) {
     // Aligned and taken as signed 32-bit numbers these are 0 or less.
     for (const std::uint32_t length :
          {0U, 0x80000000U, 0xfffffff0U, 0xfffffffdU, 0xffffffffU, 0x7fffffffU, 0x7ffffffdU}) {
@@ -154,7 +154,7 @@ TEST_P(Walk, ALengthThatLeadsNowhereEndsTheWalkBehindThatMessage) {
     }
 }
 
-TEST_P(Walk, ALengthThatLeadsBackwardsNeverDoes) {
+TEST_P(Walk, NoLengthMakesTheWalkGoBackwards) {
     for (const std::uint32_t length : {0U, 0x80000000U, 0xfffffff0U, 0xffffffe0U, 0xffffffc0U}) {
         datagram_t datagram = one(7);
         GetParam().append(datagram, 8).set_message_length(length);
@@ -166,7 +166,7 @@ TEST_P(Walk, ALengthThatLeadsBackwardsNeverDoes) {
     }
 }
 
-TEST_P(Walk, ALengthBehindTheEndMakesTheMessageTheLastOne) {
+TEST_P(Walk, ALengthBeyondTheEndMakesTheMessageTheLastOne) {
     datagram_t datagram = one();
     datagram.set_message_length(static_cast<std::uint32_t>(datagram.bytes().size() + 4));
     EXPECT_EQ(decode(datagram), decode(one()));
@@ -184,7 +184,7 @@ TEST_P(Walk, ShortLengthsStillLeadToTheEnd) {
     }
 }
 
-TEST_P(Walk, MessagesAreSteppedOverByTheirAlignedLength) {
+TEST_P(Walk, TheWalkStepsByTheAlignedLength) {
     datagram_t datagram = one();
     // One more attribute of 5 bytes: its padding belongs to the message but not to its length.
     datagram.attribute(77, "x", 1);
@@ -196,7 +196,7 @@ TEST_P(Walk, MessagesAreSteppedOverByTheirAlignedLength) {
     EXPECT_EQ(found[1], decode(one(3))[0]);
 }
 
-TEST_P(Walk, AnAttributeLengthBelowFourOrBehindTheMessageEndsItsAttributesOnly) {
+TEST_P(Walk, AnAttributeLengthBelowFourOrBeyondTheMessageEndsItsAttributesOnly) {
     using number_t = std::uint16_t;
     for (const number_t length :
          {number_t{0}, number_t{1}, number_t{3}, number_t{12}, number_t{0xffff}}) {
@@ -210,7 +210,7 @@ TEST_P(Walk, AnAttributeLengthBelowFourOrBehindTheMessageEndsItsAttributesOnly) 
     }
 }
 
-TEST_P(Walk, AttributesBehindABadOneAreNotSeen) {
+TEST_P(Walk, AttributesAfterAnInvalidOneAreNotRead) {
     using number_t = std::uint16_t;
     for (const number_t length : {number_t{0}, number_t{3}, number_t{0xffff}}) {
         // The invalid attribute comes first.
@@ -246,7 +246,7 @@ TEST_P(Walk, AnAttributeMayFillItsMessageToTheLastByte) {
 }
 
 // Its payload is then read from the bytes after it: here after the end of the datagram, so zeros.
-TEST_P(Walk, AnAttributeOfNothingButItsHeaderIsSeenAtTheVeryEnd) {
+TEST_P(Walk, AnAttributeWithOnlyAHeaderIsReadAtTheEnd) {
     const std::size_t payload = GetParam().last - sizeof(rtattr);
     bytes_t zeros = one();
     std::fill(zeros.end() - static_cast<std::ptrdiff_t>(payload), zeros.end(), 0);
@@ -293,7 +293,7 @@ TEST_P(Walk, AnEnormousLengthStillCoversTheMessagesAttributes) {
     }
 }
 
-TEST_P(Walk, AnAttributesTypeIsTakenWithItsFlags) {
+TEST_P(Walk, AnAttributesTypeIncludesItsFlags) {
     for (const int flags :
          {NLA_F_NESTED, NLA_F_NET_BYTEORDER, int{NLA_F_NESTED} | int{NLA_F_NET_BYTEORDER}}) {
         bytes_t datagram = one();

@@ -88,7 +88,7 @@ TEST_F(DiscoveryTime, BeginsAgainWithEachDatagramOfTheDump) {
 }
 
 // The lines of one datagram's records can take longer than thirty seconds on a slow console.
-TEST_F(DiscoveryTime, BeginsWhenADatagramIsHandledNotWhenItCame) {
+TEST_F(DiscoveryTime, BeginsWhenADatagramIsHandledNotWhenItArrives) {
     verbosity = 3;
     engine().dumps = dump_watch([] {
         const std::size_t lines = journal::count("log 6 Info: void CSync::nl_addr_update");

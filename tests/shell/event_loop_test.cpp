@@ -71,7 +71,7 @@ TEST_F(EventLoop, WaitsThirtySecondsForThreeDescriptors) {
     EXPECT_FALSE(call.exceptions);
 }
 
-TEST_F(EventLoop, CountsUpToTheHighestOfTheThreeWhicheverThatIs) {
+TEST_F(EventLoop, SelectsUpToTheHighestOfTheThreeDescriptors) {
     fake_tav::state().fd = 200;
     os.select.timeout();
     listen_once();
@@ -117,7 +117,7 @@ TEST_F(EventLoop, AFailedSelectThrowsWithTheErrorNumberAndPingsNobody) {
     }
 }
 
-TEST_F(EventLoop, TheErrorNumberIsTheSelectsWhateverTheLogDoes) {
+TEST_F(EventLoop, TheErrorNumberIsThatOfSelectEvenIfTheLogChangesIt) {
     verbosity = 4;
     captured::on_log([] { errno = EPIPE; });
     os.select.fail(EINTR);
@@ -190,7 +190,7 @@ TEST_F(EventLoop, TheByteInTheExitPipeStaysThere) {
     }
 }
 
-TEST_F(EventLoop, WithoutAStoreConnectionTheNetlinkSocketIsServedAllTheSame) {
+TEST_F(EventLoop, TheNetlinkSocketIsServedWithoutAStoreConnection) {
     mlr_client_t *const handle = tav.handle;
     tav.handle = nullptr;
     fake_tav::state().null_client_allowed = true;
@@ -266,7 +266,7 @@ TEST_F(EventLoop, TheLowestDescriptorIsWaitedForLikeAnyOther) {
     EXPECT_EQ(journal::entries(), (entries_t{"select(30)", "watchdog_ping()", "events_get()"}));
 }
 
-TEST_F(EventLoop, TheWatchdogsAnswersAreOfNoConcern) {
+TEST_F(EventLoop, TheWatchdogsAnswersAreIgnored) {
     fake_tav::on_call("watchdog_register").returns(-1).statuses({5});
     fake_tav::on_call("watchdog_ping", 1).returns(-1);
     fake_tav::on_call("watchdog_ping", 2).statuses({5});

@@ -98,7 +98,7 @@ protected:
     }
 };
 
-TEST_P(FailureTable, IsReportedAndTheNextEnginePutsAllRight) {
+TEST_P(FailureTable, IsReportedAndTheNextEngineCorrectsEverything) {
     WholeDaemon daemon;
     run(daemon, "2");
     expect_one_rebuild_and_the_same_end(daemon, GetParam().caught);

@@ -192,14 +192,14 @@ TEST_F(Main, DoesNotSwitchToTheUserThatItIs) {
     EXPECT_EQ(journal::count("setuid("), 0U);
 }
 
-TEST_F(Main, RunsAsUidZeroWhenToldByNumber) {
+TEST_F(Main, RunsAsUserZeroWhenGivenByNumber) {
     run({"-d", "-u", "0"});
     EXPECT_EQ(journal::count("setuid(0)"), 1U);
     const std::string text = captured::standard_error();
     EXPECT_EQ(text.rfind("No user named '0'\n(Using UID = 0)\n", 0), 0U) << text;
 }
 
-TEST_F(Main, CarriesOnWhenPriorityPolicyAndUserAreRefused) {
+TEST_F(Main, ContinuesWhenPriorityPolicyAndUserAreRefused) {
     os.setpriority.clear();
     os.setpriority.returns(-1, EACCES);
     os.sched_setscheduler.clear();

@@ -102,7 +102,7 @@ protected:
     }
 };
 
-TEST_F(Options, TheDefaultsStandBeforeAnythingIsRead) {
+TEST_F(Options, TheDefaultsApplyBeforeAnythingIsRead) {
     EXPECT_EQ(defaults->level, 0U);
     EXPECT_TRUE(defaults->detaches);
     EXPECT_EQ(defaults->interfaces, "eth");
@@ -228,7 +228,7 @@ TEST_F(Options, VerbosityMustBeANumberThatIsNotNegative) {
     EXPECT_EQ(verbosity, 0U);
 }
 
-TEST_F(Options, MinusOneBehindDIsTakenForAnUnknownOption) {
+TEST_F(Options, MinusOneAfterDIsReadAsAnUnknownOption) {
     expect_usage({"-D", "-1"});
     EXPECT_EQ(verbosity, 1U);
 }
@@ -289,7 +289,7 @@ TEST_F(Options, UnknownUserIsTriedAsANumber) {
     EXPECT_EQ(captured::standard_error(), "No user named '33x'\n(Using UID = 33)\n");
 }
 
-TEST_F(Options, UserIdsOfThirtyTwoBitsAreTaken) {
+TEST_F(Options, UserIdsOfThirtyTwoBitsAreAccepted) {
     know_users({});
     for (const auto &uid : highest_numbers) {
         expect_accepted({"-u", uid.c_str()});

@@ -29,7 +29,7 @@ TEST_F(OutOfMemory, AnUndisturbedRunChangesBothSides) {
                                    "2 via fe80::22", "3 1 2001:db8:3::5/64 Static"}));
 }
 
-TEST_F(OutOfMemory, AtEachAllocationOfASynchronisationLeadsToANewEngineThatPutsAllRight) {
+TEST_F(OutOfMemory, AtEachAllocationOfASynchronisationLeadsToANewEngineThatCorrectsEverything) {
     std::size_t allocations = 0;
     for (bool struck = true; struck && !HasFailure(); ++allocations) {
         WholeDaemon daemon;
@@ -49,7 +49,7 @@ TEST_F(OutOfMemory, AtEachAllocationOfASynchronisationLeadsToANewEngineThatPutsA
 }
 
 // Another provider's library may throw, and this one when memory runs out inside it.
-TEST_F(OutOfMemory, InTheStoresLibraryLeadsToANewEngineThatPutsAllRight) {
+TEST_F(OutOfMemory, InTheStoresLibraryLeadsToANewEngineThatCorrectsEverything) {
     for (const char *operation :
          {"list_node", "get_leaf", "get_leaves", "set_leaf", "set_leaves", "remove_node"}) {
         const std::string name = operation;

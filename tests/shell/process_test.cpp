@@ -100,7 +100,7 @@ TEST_P(StandardDescriptors, ThatIsMissingStaysSoWithoutANullDevice) {
 
 INSTANTIATE_TEST_SUITE_P(All, StandardDescriptors, ::testing::Values(0, 1, 2));
 
-TEST_F(Process, StandardDescriptorsThatAreThereStayAsTheyAre) {
+TEST_F(Process, OpenStandardDescriptorsAreNotChanged) {
     fake_os::state().open.returns(0);
     occupy_standard_descriptors();
     EXPECT_TRUE(journal::entries().empty());
@@ -168,7 +168,7 @@ TEST_F(Daemonize, TheInvokingProcessFailsWhenTheIntermediateChildDid) {
     }
 }
 
-TEST_F(Daemonize, AnInterruptedWaitIsTakenUpAgain) {
+TEST_F(Daemonize, AnInterruptedWaitIsRepeated) {
     os.wait.returns(-1, EINTR).returns(-1, EINTR);
     be_the_invoking_process(0);
     EXPECT_EQ(daemonized().how, "exit");
@@ -218,7 +218,7 @@ TEST_F(Daemonize, TheIntermediateChildExitsWithOneWhenItCannotFork) {
     EXPECT_EQ(journal::entries(), (entries_t{"fork()", "setsid()", "fork()", "exit(1)"}));
 }
 
-TEST_F(Daemonize, AFailedSetsidIsNotMinded) {
+TEST_F(Daemonize, AFailedSetsidIsIgnored) {
     be_the_grandchild();
     os.setsid.clear();
     os.setsid.returns(-1, EPERM);

@@ -71,7 +71,7 @@ TEST_F(ReceiveBuffer, IsWidenedForEveryNewChannel) {
     EXPECT_EQ(journal::count("setsockopt("), 2U);
 }
 
-TEST_F(ReceiveBuffer, ADescriptorThatIsNotThereIsTheRunLoopsToCatch) {
+TEST_F(ReceiveBuffer, AMissingDescriptorIsCaughtByTheRunLoop) {
     os.setsockopt.returns(0);
     fake_libnl::state().get_fd.then(-7);
     os.select.timeout([] { exit_requested = 1; }); // the pause

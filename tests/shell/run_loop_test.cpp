@@ -133,7 +133,7 @@ TEST_F(RunLoop, AnExitPipeThatTheSetCannotHoldIsNotWaitedForInAPause) {
     }
 }
 
-TEST_F(RunLoop, WithoutAnExitPipeAPauseIsWaitedOutAllTheSame) {
+TEST_F(RunLoop, WithoutAnExitPipeAPauseIsStillWaitedOut) {
     const auto call = pause_with(0, 0);
     EXPECT_TRUE(call.reading.empty());
     EXPECT_EQ(call.seconds, 10);
@@ -500,7 +500,7 @@ TEST_F(RunLoop, TheEngineTracksTheInterfacesOfTheCommandLine) {
     EXPECT_EQ(captured::log_count("Info: Adding new link: 'wlan0' (3)"), 1U);
 }
 
-TEST_F(RunLoop, ANewEngineStartsItsDiscoveryAnew) {
+TEST_F(RunLoop, ANewEngineStartsANewDiscovery) {
     verbosity = 3;
     cycle();
     os.select.fail(EBADF);

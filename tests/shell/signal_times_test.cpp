@@ -119,7 +119,7 @@ TEST_P(SignalAtEveryMoment, EndsTheDaemonInOrder) {
     sweep({SIGTERM}, true);
 }
 
-TEST_P(SignalAtEveryMoment, EndsItAlsoWhenTheWaitOnlyBeginsBehindIt) {
+TEST_P(SignalAtEveryMoment, EndsItAlsoWhenTheWaitBeginsAfterTheSignal) {
     sweep({SIGINT}, false);
 }
 

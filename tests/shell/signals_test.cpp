@@ -56,12 +56,12 @@ TEST_F(Signals, ThePipeIsMadeAndThenTheHandlersInTheirOrderWithoutRestart) {
     EXPECT_EQ(captured::standard_error(), "");
 }
 
-TEST_F(Signals, NoExitIsRequestedAndNoPipeIsThereBeforehand) {
+TEST_F(Signals, InitiallyNoExitIsRequestedAndThereIsNoPipe) {
     EXPECT_EQ(exit_requested_at_start, 0);
     EXPECT_EQ(exit_pipe_at_start, (std::vector<int>{0, 0}));
 }
 
-TEST_F(Signals, WithoutAPipeTheHandlersAreInstalledAllTheSame) {
+TEST_F(Signals, TheHandlersAreInstalledWithoutAPipe) {
     fake_os::state().pipe.clear();
     fake_os::state().pipe.returns(-1, EMFILE);
     register_handlers();
@@ -73,7 +73,7 @@ TEST_F(Signals, WithoutAPipeTheHandlersAreInstalledAllTheSame) {
     EXPECT_EQ(exit_pipe[1], 0);
 }
 
-TEST_F(Signals, TheInheritedPipeGivesWayToANewOne) {
+TEST_F(Signals, TheInheritedPipeIsReplacedByANewOne) {
     exit_pipe[0] = 70;
     exit_pipe[1] = 71;
     fake_os::state().close.returns(0);
@@ -111,7 +111,7 @@ TEST_F(Signals, WithoutAnInheritedPipeNothingElseIsClosed) {
     EXPECT_EQ(exit_pipe[0], 80);
 }
 
-TEST_F(Signals, ThePipeIsToBeWaitedForUnlessItWasNotMade) {
+TEST_F(Signals, ThePipeIsWaitedForIfThereIsOne) {
     const struct {
         int ends[2];
         int expected;
@@ -252,7 +252,7 @@ TEST_F(Backtrace, FaultsAreNamedOnStandardErrorAndInTheSystemLogAndEndInAbort) {
 }
 
 // The interrupted code may hold a lock that the report waits for.
-TEST_F(Backtrace, AFaultsReportIsGivenTenSecondsAndThenAbortedAnyway) {
+TEST_F(Backtrace, AFaultsReportIsAbortedAfterTenSeconds) {
     for (const int signal : {SIGILL, SIGFPE, SIGSEGV}) {
         fake_os::state().sigaction.returns(0);
         journal::clear();
@@ -337,7 +337,7 @@ TEST_F(Backtrace, AMangledNameIsPrintedDemangledAndAlone) {
               "[0]  CSync::str_to_addr(std::string const&, bool)\n");
 }
 
-TEST_F(Backtrace, TheNameEndsAtPlusOrParenthesisWhicheverComesFirst) {
+TEST_F(Backtrace, TheNameEndsAtTheFirstPlusOrParenthesis) {
     EXPECT_EQ(shown("x(_ZN5CSync3runEv) [0x1]"), "[0]  CSync::run()\n");
     EXPECT_EQ(shown("x(_ZN5CSync3runEv)+0x1"), "[0]  CSync::run()\n");
     EXPECT_EQ(shown("x(_ZN5CSync3runEv+)"), "[0]  CSync::run()\n");

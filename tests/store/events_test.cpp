@@ -47,7 +47,7 @@ struct rejection_t {
     std::string line;
 };
 
-TEST_F(StoreEvents, OnAnythingElseAreLoggedAndPassedOver) {
+TEST_F(StoreEvents, OnAnythingElseAreLoggedAndIgnored) {
     const tk_string gateway_more = at("1/IPv6/Default Gateway/Value/x");
     const tk_string gateway_time = at("1/IPv6/Default Gateway/Time");
     const std::vector<rejection_t> cases = {
@@ -190,7 +190,7 @@ TEST_F(StoreEvents, AnyPositiveResultOfTheFetchIsSuccess) {
     EXPECT_EQ(synchronisations(), 1U);
 }
 
-TEST_F(StoreEvents, AFailingSynchronisationIsTheCallersConcern) {
+TEST_F(StoreEvents, AFailedSynchronisationIsThrown) {
     fake_tav::put_node(at("eth"));
     EXPECT_EQ(thrown<sync_minor_err>([this] { handle({at("1/IPv6/Default Gateway/Value")}); }),
               "Ignoring unknown interface path 'eth'");

@@ -99,7 +99,7 @@ TEST_F(RemoveKernelRoute, OutsideTheNormalStateTheTableFollowsAndTheStoreDoesNot
     }
 }
 
-TEST_F(RemoveKernelRoute, ARefusedRemovalClearsTheTableAllTheSame) {
+TEST_F(RemoveKernelRoute, ARefusedRemovalStillClearsTheTable) {
     fake_tav::on_call("remove_node").statuses({5});
     engine().remove_kern_route_from_tav(kern_route(5, "fe80::1"));
     EXPECT_EQ(gateway(5), "");
@@ -163,7 +163,7 @@ TEST_F(RemoveKernelAddress, StepsOverTheEntryThatMovedIntoTheErasedPlace) {
               (strings{"remove_node(~/1/IPv6/Addresses/1)", "remove_node(~/1/IPv6/Addresses/3)"}));
 }
 
-TEST_F(RemoveKernelAddress, ARefusedRemovalErasesTheEntryAllTheSame) {
+TEST_F(RemoveKernelAddress, ARefusedRemovalStillErasesTheEntry) {
     fake_tav::on_call("remove_node").statuses({5});
     engine().remove_kern_addr_from_tav(kern_addr(5, "2001:db8::5", 64));
     EXPECT_EQ(table(5), (strings{"fe80::1/64 Link-Local 1", "2001:db8::6/64 Static 3"}));

@@ -267,7 +267,7 @@ TEST_F(ReadAddresses, AreNoneWhereTheStoreHasNoSuchNode) {
 }
 
 // The content of the listing must be ignored if the store has no such node, or refuses to list it.
-TEST_F(ReadAddresses, AreNoneWhateverARefusedListingHolds) {
+TEST_F(ReadAddresses, AreNoneForARefusedListingWithAnyContent) {
     store(1, "7", "2001:db8::5/64", "Static");
     for (const int status : {0, 2, 5}) {
         fake_tav::on_call("list_node")
@@ -294,7 +294,7 @@ TEST_F(ReadAddresses, LogTheListingAtLevelFour) {
                                  "'~/1/IPv6/Addresses/9'"}));
 }
 
-TEST_F(ReadAddresses, PassOverLeavesWithoutAWord) {
+TEST_F(ReadAddresses, SkipLeavesWithoutALogLine) {
     fake_tav::put(ipv6 + "/Addresses/note", "text");
     store(1, "1", "2001:db8::1/64", "Static");
     verbosity = 4;
@@ -305,7 +305,7 @@ TEST_F(ReadAddresses, PassOverLeavesWithoutAWord) {
     }
 }
 
-TEST_F(ReadAddresses, LeavesOfEveryTypeArePassedOver) {
+TEST_F(ReadAddresses, LeavesOfEveryTypeAreSkipped) {
     for (const element_type_t type :
          {element_type_none, element_type_boolean, element_type_integer, element_type_string}) {
         fake_tav::put(ipv6 + "/Addresses/" + std::to_string(type), CElement(type, "1", -1));

@@ -141,7 +141,7 @@ TEST_F(ReadAll, TwoNodesBeforeALeafHaveTheKeysZeroAndOne) {
     EXPECT_EQ(read(), (map{{0, "1 eth0 0"}, {1, "2 eth1 0"}}));
 }
 
-TEST_F(ReadAll, LeavesOfEveryTypeArePassedOver) {
+TEST_F(ReadAll, LeavesOfEveryTypeAreSkipped) {
     int number = 0;
     for (const element_type_t type :
          {element_type_none, element_type_boolean, element_type_integer, element_type_string}) {

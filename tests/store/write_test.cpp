@@ -134,7 +134,7 @@ TEST_F(WriteAddress, SpellsEachTypeAndAnyOtherAsAnEmptyText) {
     }
 }
 
-TEST_F(WriteAddress, UsesTheNameThatTheNodeBears) {
+TEST_F(WriteAddress, UsesTheNameOfTheNode) {
     engine().write_tav_ipv6_addr(numbered(12), address("fe80::1", 128, 1, "my office"));
     EXPECT_EQ(fake_tav::text(at("12/IPv6/Addresses/my office/Address/Value")), "fe80::1/128");
 }
@@ -169,7 +169,7 @@ TEST_F(WriteAddress, APathOfStatusZeroWasNotWritten) {
     EXPECT_EQ(lines(), strings{"Error when writing '" + node + "/Address/Value': 0"});
 }
 
-TEST_F(WriteAddress, APathWithoutAStatusCountsAsNotWritten) {
+TEST_F(WriteAddress, APathWithoutAStatusIsTreatedAsNotWritten) {
     verbosity = 2;
     fake_tav::on_call("set_leaves").shortens_statuses(1);
     write(3);

@@ -69,7 +69,7 @@ TEST_F(Discovery, DoesNothingInAnUnknownState) {
     }
 }
 
-TEST_F(Discovery, AFailingRequestIsTheCallersConcernAndNoStepForward) {
+TEST_F(Discovery, AFailedRequestIsThrownAndDoesNotAdvance) {
     for (const int state : {0, 1, 2}) {
         engine().state = state;
         fake_libnl::state().send_simple.then(0);
@@ -197,7 +197,7 @@ TEST_F(Dispatch, AnEndOfDumpInNormalOperationIsOnlyWarnedAbout) {
     EXPECT_EQ(engine().state, 4);
 }
 
-TEST_F(Dispatch, AFailingReadIsTheCallersConcern) {
+TEST_F(Dispatch, AFailedReadIsThrown) {
     fake_libnl::queue_recv_result(-5);
     EXPECT_EQ(thrown<netlink_err>([this] { engine().handle_netlink(); }), "nl_recv");
     EXPECT_EQ(lines(), strings{"recv: nl_recv(): -5"});

@@ -42,7 +42,7 @@ TEST_F(EndOfDump, InADatagramOfItsOwnIsSeen) {
                                   "list_node(~)"}));
 }
 
-TEST_F(EndOfDump, BehindTheLastRecordIsSeenAfterTheRecordsWereHandled) {
+TEST_F(EndOfDump, AfterTheLastRecordIsSeenOnceTheRecordsWereHandled) {
     engine().discover();
     verbosity = 3;
     forget();
@@ -98,7 +98,7 @@ TEST_F(EndOfDump, IsCountedOnceForADatagram) {
     EXPECT_EQ(engine().state, 2);
 }
 
-TEST_F(EndOfDump, BehindNotificationsOfAnotherKindIsSeen) {
+TEST_F(EndOfDump, AfterNotificationsOfAnotherKindIsSeen) {
     for (const int type : {18, 19, 21, 22, 23, 25}) {
         restart();
         engine().state = 1;
@@ -108,7 +108,7 @@ TEST_F(EndOfDump, BehindNotificationsOfAnotherKindIsSeen) {
     }
 }
 
-TEST_F(EndOfDump, BehindMessagesThatAreNotOfRoutingIsNotLookedFor) {
+TEST_F(EndOfDump, AfterMessagesOtherThanRoutingIsIgnored) {
     for (const int type : {26, 28, 52}) {
         restart();
         engine().state = 1;
@@ -135,7 +135,7 @@ TEST_F(EndOfDump, InNormalOperationIsWarnedAboutOncePerDatagram) {
     EXPECT_EQ(engine().state, 4);
 }
 
-TEST_F(EndOfDump, IsNotSeenBehindAMessageThatEndsTheWalk) {
+TEST_F(EndOfDump, IsNotSeenAfterAMessageThatEndsTheWalk) {
     // Sizes with which the walk would not advance: 0, and one that is negative as a signed number.
     for (const std::uint32_t size : {0U, 0x80000000U, 0xfffffff0U, 0xffffffffU}) {
         restart();

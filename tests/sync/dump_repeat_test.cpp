@@ -56,7 +56,7 @@ TEST_F(DumpRepeat, APositiveResultIsNoFailure) {
     EXPECT_EQ(engine().state, 2);
 }
 
-TEST_F(DumpRepeat, AMarkOnAnyRecordOfTheDumpCounts) {
+TEST_F(DumpRepeat, AMarkOnAnyRecordOfTheDumpRequestsARepeat) {
     reach(1);
     receive(link(multi | interrupted));
     receive(link());
@@ -66,7 +66,7 @@ TEST_F(DumpRepeat, AMarkOnAnyRecordOfTheDumpCounts) {
     EXPECT_EQ(effects(), strings{"kernel: dump links"});
 }
 
-TEST_F(DumpRepeat, AMarkInTheMiddleOfADatagramCounts) {
+TEST_F(DumpRepeat, AMarkInTheMiddleOfADatagramRequestsARepeat) {
     reach(1);
     receive(link()
                 .link(16, 4, "eth1", {2, 0, 0, 0, 0, 1}, multi | interrupted)
@@ -76,7 +76,7 @@ TEST_F(DumpRepeat, AMarkInTheMiddleOfADatagramCounts) {
     EXPECT_EQ(engine().interfaces.size(), 3U) << "what came is kept all the same";
 }
 
-TEST_F(DumpRepeat, AnEndBehindTheLastRecordTellsAsWell) {
+TEST_F(DumpRepeat, AnEndAfterTheLastRecordRequestsARepeatToo) {
     reach(1);
     receive(link().done(-4));
     EXPECT_EQ(engine().state, 1);
@@ -107,7 +107,7 @@ TEST_F(DumpRepeat, HappensThreeTimesAtMost) {
     }
 }
 
-TEST_F(DumpRepeat, IsCountedForEachStepAnew) {
+TEST_F(DumpRepeat, IsCountedSeparatelyForEachStep) {
     reach(1);
     for (int i = 0; i < 4; ++i) {
         receive(datagram_t().done(-4));
@@ -163,7 +163,7 @@ TEST_F(DumpRepeat, FindsTheSameRecordsWithoutDoublingThem) {
     EXPECT_EQ(table(3), (strings{"2001:db8::5/64 Automatic 1", "2001:db8::6/64 Automatic 2"}));
 }
 
-TEST_F(DumpRepeat, IsNoMatterOfNormalOperation) {
+TEST_F(DumpRepeat, DoesNotHappenInNormalOperation) {
     reach(4);
     receive(datagram_t().done(0, multi | interrupted));
     receive(datagram_t().done(-4));
@@ -172,7 +172,7 @@ TEST_F(DumpRepeat, IsNoMatterOfNormalOperation) {
     EXPECT_EQ(journal::count("nl_send_simple("), 0U);
 }
 
-TEST_F(DumpRepeat, AFailingRequestIsTheCallersConcern) {
+TEST_F(DumpRepeat, AFailedRequestIsThrown) {
     reach(1);
     fake_libnl::state().send_simple.then(-5);
     EXPECT_THROW(receive(datagram_t().done(-4)), netlink_err);

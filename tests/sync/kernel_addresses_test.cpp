@@ -86,7 +86,7 @@ TEST_F(KernelAddresses, AreNamedFromOneOnAndTypedByTheirScope) {
                                   address_write("3", "::3/128", "Automatic")}));
 }
 
-TEST_F(KernelAddresses, KeepWhatTheKernelSaidOfThem) {
+TEST_F(KernelAddresses, KeepTheirFieldsFromTheKernel) {
     announce(added, {kern_addr(3, "fe80::1", 64, scope_link)});
     const CFullAddress &known = entry(3).addresses.at(0);
     EXPECT_EQ(known.ifindex, 3);

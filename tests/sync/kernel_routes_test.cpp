@@ -115,7 +115,7 @@ TEST_F(KernelRoutes, OthersAreSkippedForTheFirstReasonThatApplies) {
     }
 }
 
-TEST_F(KernelRoutes, SkippedOnesLeaveTheKnownGatewayAlone) {
+TEST_F(KernelRoutes, SkippedOnesDoNotChangeTheKnownGateway) {
     know_gateway(3, "fe80::1");
     announce(added, {kern_route(3, "fe80::2", 9), kern_route(3, "::"),
                      kern_route(3, "fe80::3", 4, "2001:db8::", 32)});
@@ -142,7 +142,7 @@ TEST_F(KernelRoutes, AnotherStaticDefaultRouteReplacesTheKnownOne) {
     EXPECT_EQ(gateway(3), "fe80::2");
 }
 
-TEST_F(KernelRoutes, AnAdoptedOneKeepsAllThatTheKernelSaidOfIt) {
+TEST_F(KernelRoutes, AnAdoptedOneKeepsAllFieldsFromTheKernel) {
     know_gateway(3, "fe80::1");
     CFullRoute &known = *entry(3).gateway;
     known.dst = fake_libnl::addr("2001:db8::");

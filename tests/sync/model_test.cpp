@@ -110,7 +110,7 @@ TEST(Model, AFullObjectBeginsWithItsKernelView) {
     expect_kernel_part_first<CKernInterface, CTavInterface, CFullInterface>();
 }
 
-TEST(Model, FieldsStandInTheirOrder) {
+TEST(Model, FieldsAreInTheirOrder) {
     const CKernAddress kernel_address;
     EXPECT_LT(offset(kernel_address, &kernel_address.ifindex),
               offset(kernel_address, &kernel_address.scope));
@@ -198,7 +198,7 @@ TEST(Model, AnAddressIsIdentifiedByItsBytesAlone) {
     }
 }
 
-TEST(Model, ARouteIsADefaultRouteWhateverItsLength) {
+TEST(Model, ARouteIsADefaultRouteWithAnyLength) {
     CRoute route;
     route.dst_len = 64;
     EXPECT_TRUE(is_default_route(route));
@@ -209,7 +209,7 @@ TEST(Model, ARouteIsADefaultRouteWhateverItsLength) {
     }
 }
 
-TEST(Model, AGatewayOfSixteenZeroBytesIsNone) {
+TEST(Model, AGatewayOfSixteenZeroBytesIsNoGateway) {
     for (std::size_t i = 0; i < 16; ++i) {
         CRoute route;
         EXPECT_FALSE(has_gateway(route));

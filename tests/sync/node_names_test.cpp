@@ -68,7 +68,7 @@ TEST_F(NodeNames, ReannouncementsAfterARestartWriteEachAddressUnderItsOwnNode) {
     EXPECT_EQ(fake_tav::dump(), before);
 }
 
-TEST_F(NodeNames, OfSeveralStoredNodesForOneEntryTheFirstOnesCounts) {
+TEST_F(NodeNames, OfSeveralStoredNodesForOneEntryTheFirstIsUsed) {
     know(3, "2001:db8::5", 64, 2, "9");
     store(1, "4", "2001:db8::5/64", "Automatic");
     store(1, "2", "2001:db8::5/64", "Automatic");
@@ -168,7 +168,7 @@ TEST_F(NodeNames, AreFreeAgainThoughTheStoreHadNoNodeToRemove) {
     EXPECT_EQ(stored("1"), "2001:db8::5/64 Automatic");
 }
 
-TEST_F(NodeNames, AreSettledBeforeAnythingIsWritten) {
+TEST_F(NodeNames, AreChosenBeforeAnythingIsWritten) {
     know(3, "fe80::1", 64, 1, "1");
     know(3, "2001:db8::a", 64, 2, "2");
     store(1, "1", "2001:db8::5/64", "Static");
@@ -294,7 +294,7 @@ TEST_F(NodeNames, AreRememberedForEachInterfaceByItself) {
     EXPECT_EQ(entry(3).addresses.back().node, "3") << "a removal on the other one frees nothing";
 }
 
-TEST_F(NodeNames, OfAnEntryThatMatchesInBytesOnlyAreItsOwnAffair) {
+TEST_F(NodeNames, OfAnEntryThatMatchesInBytesOnlyAreChosenByTheDaemon) {
     // Stored as Static, link-local in the kernel: two entries of the same bytes.
     know(3, "fe80::1", 64, 1, "1");
     store(1, "1", "fe80::1/64", "Static");
@@ -351,7 +351,7 @@ TEST_F(NodeNames, ThatAreNoPlainNumbersOccupyNone) {
     }
 }
 
-TEST_F(NodeNames, ThatAreLargerThanAllThatCanBeGivenAreOfNoConcern) {
+TEST_F(NodeNames, ThatAreTooLargeToBeGivenAreIgnored) {
     for (int listed = 1; listed < 200; ++listed) {
         restart_with_eth0(1);
         ifcfg_t &link = entry(3);

@@ -105,7 +105,7 @@ TEST_F(SyncAddresses, StaticOnesInARowAreAllDeleted) {
     EXPECT_EQ(changes().size(), 5U);
 }
 
-TEST_F(SyncAddresses, JunkIsTakenOutOfTheStore) {
+TEST_F(SyncAddresses, JunkIsRemovedFromTheStore) {
     store(1, "1", "2001:db8::5/64", "Automatic");
     store(1, "2", "fe80::1/64", "Link-Local");
     synchronise();
@@ -168,7 +168,7 @@ TEST_F(SyncAddresses, ALinkLocalOneIsNotAdopted) {
     EXPECT_EQ(table(3), (strings{"fe80::5/64 Link-Local 1", "fe80::5/64 Static 9"}));
 }
 
-TEST_F(SyncAddresses, AKnownOneIsFoundBehindEqualBytesOfAnotherType) {
+TEST_F(SyncAddresses, AKnownOneIsFoundAfterTheSameAddressOfAnotherType) {
     know(3, "fe80::5", 64, 1, "1");
     know(3, "fe80::5", 64, 3, "9");
     store(1, "9", "fe80::5/64", "Static");
@@ -191,7 +191,7 @@ TEST_F(SyncAddresses, WhatTheKernelHasAndTheStoreLacksIsWritten) {
     });
 }
 
-TEST_F(SyncAddresses, WhatTheStoreHasIsNotWrittenWhateverItsTypeAndLength) {
+TEST_F(SyncAddresses, StoredOnesAreNotWrittenForAnyTypeAndLength) {
     know(3, "2001:db8::5", 64, 2, "1");
     store(1, "7", "2001:db8::5/48", "Automatic");
     synchronise();
@@ -220,7 +220,7 @@ TEST_F(SyncAddresses, AreComparedOnTheRecordWithTypeAndPresence) {
     expect_logged_at(4, 6, "Info: " + comparisons[0], [this] { synchronise(); });
 }
 
-TEST_F(SyncAddresses, OfAnInterfaceThatTheKernelLacksAreLeftAlone) {
+TEST_F(SyncAddresses, OfAnInterfaceThatTheKernelLacksAreIgnored) {
     engine().interfaces.clear();
     store(1, "1", "2001:db8::5/64", "Static");
     store(1, "2", "2001:db8::6/64", "Automatic");
@@ -243,7 +243,7 @@ TEST_F(SyncAddresses, OfATrackedLinkThatTheStoreLacksAreNotWritten) {
     EXPECT_EQ(fake_tav::dump(), strings{std::string(interfaces_node) + "/"});
 }
 
-TEST_F(SyncAddresses, AMatchOfNamesTellsTheStoreNumber) {
+TEST_F(SyncAddresses, AMatchOfNamesGivesTheStoreNumber) {
     EXPECT_EQ(entry(3).iface.number, 0);
     synchronise();
     EXPECT_EQ(entry(3).iface.number, 1);

@@ -121,7 +121,7 @@ TEST_F(SyncGateway, OfNeitherSideIsNoWork) {
                        "Synchronizing TAV interface (1) with kernel interface (3): eth0"}));
 }
 
-TEST_F(SyncGateway, AnUnreadableStoredOneCountsAsNone) {
+TEST_F(SyncGateway, AnUnreadableStoredOneIsTreatedAsNone) {
     know_gateway(3, "fe80::1");
     store_gateway(1, "nonsense");
     synchronise();

@@ -179,7 +179,7 @@ TEST_F(SyncOrder, InterfacesWithoutACounterpartCostOneLineEach) {
                                           info("Synchronizing TAV with kernel settings...")}));
 }
 
-TEST_F(SyncOrder, LinesStandAtTheirLevels) {
+TEST_F(SyncOrder, LinesAreLoggedAtTheirLevels) {
     const auto run = [this] {
         restart();
         engine().state = 4;

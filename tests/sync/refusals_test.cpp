@@ -79,7 +79,7 @@ TEST_F(Refusals, OfAGatewayClearItInTheTableAlone) {
     }
 }
 
-TEST_F(Refusals, OfAGatewayAreMendedByTheNextSynchronisation) {
+TEST_F(Refusals, OfAGatewayAreRetriedByTheNextSynchronisation) {
     store_gateway(1, "fe80::9");
     refuse(last_request(), ehostunreach);
     verbosity = 4;
@@ -284,7 +284,7 @@ TEST_F(Refusals, OfAGatewayThatWasAdoptedInPlaceOfARemovedOneClearIt) {
     EXPECT_EQ(fake_tav::text(at("1/IPv6/Default Gateway/Value")), "fe80::8");
 }
 
-TEST_F(Refusals, AcknowledgementsAreNone) {
+TEST_F(Refusals, AcknowledgementsAreNotRefusals) {
     store_gateway(1, "fe80::9");
     store(1, "7", "2001:db8::5/64", "Static");
     synchronise();
@@ -337,7 +337,7 @@ TEST_F(Refusals, OfOneLinkLeaveAnother) {
     EXPECT_EQ(gateway(4), "");
 }
 
-TEST_F(Refusals, AFailingStoreIsTheCallersConcern) {
+TEST_F(Refusals, AFailureOfTheStoreIsThrown) {
     know_gateway(3, "fe80::9");
     const message_t deletion = last_request();
     fake_tav::on_call("remove_node").returns(-1);

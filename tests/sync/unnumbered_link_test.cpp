@@ -30,7 +30,7 @@ protected:
     strings before;
 };
 
-TEST_F(UnnumberedLink, ItsAddressesComeChangeAndGoInTheTableAlone) {
+TEST_F(UnnumberedLink, ItsAddressesChangeOnlyInTheTable) {
     receive(datagram_t().address(20, 4, "fe80::1", 64, 253).address(20, 4, "2001:db8::5", 64));
     EXPECT_EQ(table(4), (strings{"fe80::1/64 Link-Local 1", "2001:db8::5/64 Automatic 2"}));
     receive(datagram_t().address(20, 4, "2001:db8::5", 48));
@@ -40,7 +40,7 @@ TEST_F(UnnumberedLink, ItsAddressesComeChangeAndGoInTheTableAlone) {
     expect_store_untouched();
 }
 
-TEST_F(UnnumberedLink, ItsGatewayComesChangesAndGoesWithoutTheStore) {
+TEST_F(UnnumberedLink, ItsGatewayChangesOnlyInTheTable) {
     receive(datagram_t().route(24, 4, "fe80::1"));
     EXPECT_EQ(gateway(4), "fe80::1");
     receive(datagram_t().route(24, 4, "fe80::2"));
@@ -61,7 +61,7 @@ TEST_F(UnnumberedLink, ItsEventsAreLoggedAsAnyOthers) {
                                  "6 Info: ADDING route [4]: ::/0 : gw = fe80::1 (4)"}));
 }
 
-TEST_F(UnnumberedLink, ASynchronisationLeavesItAlone) {
+TEST_F(UnnumberedLink, ASynchronisationDoesNotWriteIt) {
     receive(datagram_t().address(20, 4, "2001:db8::5", 64));
     receive(datagram_t().route(24, 4, "fe80::1"));
     engine().sync_all();

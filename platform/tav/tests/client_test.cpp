@@ -209,7 +209,7 @@ TEST_F(ClientTest, AWriteThatChangesNothingMakesNoEvent) {
     EXPECT_EQ(watcher.wait_events(1), Names{"2 /n/b"});
 }
 
-TEST_F(ClientTest, AClientIsNotToldOfItsOwnChanges) {
+TEST_F(ClientTest, AClientGetsNoEventsForItsOwnChanges) {
     Client client;
     Client other;
     client.watch("/n", false);
@@ -221,7 +221,7 @@ TEST_F(ClientTest, AClientIsNotToldOfItsOwnChanges) {
     EXPECT_EQ(client.wait_events(1), Names{"2 /n/other"});
 }
 
-TEST_F(ClientTest, AClientThatAsksForItsOwnChangesIsToldAndNotRefused) {
+TEST_F(ClientTest, AClientThatRegistersForItsOwnChangesGetsThemAndIsNotRefused) {
     Client client;
     client.watch("/n", true);
     client.settle();
@@ -249,7 +249,7 @@ TEST_F(ClientTest, AFetchGivesANoticeRatherThanNothing) {
     EXPECT_EQ(events[0].command, 1);
 }
 
-TEST_F(ClientTest, SetAndRemovedAreToldApartAndTheLastOneStands) {
+TEST_F(ClientTest, SetAndRemovedAreDistinguishedAndTheLastOneRemains) {
     Client watcher;
     Client writer;
     watcher.watch("/");
@@ -324,7 +324,7 @@ TEST_F(StaleTest, ANodeThatSomebodyIsJustAddingIsNotOverwritten) {
     EXPECT_EQ(other->get("/n/3/b"), "theirs");
 }
 
-TEST_F(StaleTest, ANodeThatSomebodyJustRemovedIsNotMadeAnewByAWriteBelowIt) {
+TEST_F(StaleTest, ANodeThatAnotherClientJustRemovedIsNotCreatedAgainByAWriteBelowIt) {
     client->fetch();
     other->remove("/n/1");
     EXPECT_EQ(client->set("/n/1/x/c", "mine"), api_status_stale);
@@ -348,13 +348,13 @@ TEST_F(StaleTest, ALeafThatSomebodyJustRemovedIsNotBroughtBack) {
     EXPECT_EQ(other->get("/n/2/a"), "status 2");
 }
 
-TEST_F(StaleTest, WhatWouldNotReallyChangeTheLeafIsAllowed) {
+TEST_F(StaleTest, AWriteThatDoesNotChangeTheLeafIsAllowed) {
     EXPECT_EQ(client->set("/n/1/a", "theirs"), api_status_ok);
     EXPECT_EQ(client->set("/n/1/b", "mine"), api_status_ok);
     EXPECT_EQ(client->remove("/n/2"), api_status_ok);
 }
 
-TEST_F(StaleTest, OnlyAClientThatIsToldOfTheLeafIsRefused) {
+TEST_F(StaleTest, OnlyAClientThatGetsEventsForTheLeafIsRefused) {
     Client unregistered;
     EXPECT_EQ(unregistered.set("/n/1/a", "x"), api_status_ok);
     Client elsewhere;

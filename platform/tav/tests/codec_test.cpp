@@ -82,7 +82,7 @@ TEST(Codec, ATextLongerThanTheBodyIsRefused) {
     EXPECT_FALSE(reader.ok());
 }
 
-TEST(Codec, AReaderThatFailedGivesNothingMore) {
+TEST(Codec, AFailedReaderReturnsNothingMore) {
     Writer writer;
     writer.u8(7);
     const std::string body = body_of(writer);

@@ -79,7 +79,7 @@ TEST_F(CompletionTest, CommandsAndOptions) {
     EXPECT_EQ(completed("tav ls --color al\t"), "<ls><--color><always>");
 }
 
-TEST_F(CompletionTest, PathsFromTheStoreWhateverTheirNamesHold) {
+TEST_F(CompletionTest, PathsFromTheStoreWithAnyNames) {
     good({"set", "/Office/Ceiling Lamp/Host Name", "x", "/2001:db8::1/leaf", "x", "/it's \"$x\"",
           "x", "/new\nline", "x", "/\xc3\xa4h", "x"});
     const std::string name = "</Office/Ceiling Lamp/Host Name>";
@@ -98,7 +98,7 @@ TEST_F(CompletionTest, PathsFromTheStoreWhateverTheirNamesHold) {
     EXPECT_EQ(completed("tav get /\xc3\xa4\t"), "<get></\xc3\xa4h>");
 }
 
-TEST_F(CompletionTest, WhatSeveralNamesShareIsTypedAndAllAreShown) {
+TEST_F(CompletionTest, TheCommonBeginningOfSeveralNamesIsTypedAndAllAreShown) {
     good({"set", "/n/a b", "x", "/n/a(c", "x", "/n/other", "x"});
     EXPECT_EQ(completed("tav get /n/a\t b\t"), "<get></n/a b>") << last;
     EXPECT_EQ(completed("tav get /n/a\t\t(\t"), "<get></n/a(c>") << last;
@@ -106,7 +106,7 @@ TEST_F(CompletionTest, WhatSeveralNamesShareIsTypedAndAllAreShown) {
     EXPECT_NE(last.find("/n/a\\(c"), std::string::npos);
 }
 
-TEST_F(CompletionTest, ValuesAndFilesAreLeftAlone) {
+TEST_F(CompletionTest, ValuesAndFilesAreNotCompleted) {
     good({"set", "/lamp", "on"});
     EXPECT_EQ(completed("tav set /la\t /la\t /la\t 5"), "<set></lamp></la></lamp><5>");
     std::ofstream(dir.file("a dump")) << "";

@@ -143,7 +143,7 @@ TEST_F(DamageTest, ANodeIsMissingAboveItsLeaves) {
     expect_refused("is damaged: row ");
 }
 
-TEST_F(DamageTest, WhatTheLogStillHoldsIsNotWrittenIntoADamagedDatabase) {
+TEST_F(DamageTest, TheLogIsNotAppliedToADamagedDatabase) {
     start(on_disk);
     Client client;
     client.set("/n/1", "only in the log");
@@ -173,7 +173,7 @@ TEST_F(DamageTest, ALogWithoutItsDatabaseIsNotAppliedToAFreshOne) {
     EXPECT_FALSE(exists(database));
 }
 
-TEST_F(DamageTest, TheWayOutThatIsNamedWorks) {
+TEST_F(DamageTest, TheSuggestedRemedyWorks) {
     write_file(database, "");
     expect_refused("is empty");
     start({"--database", dir.file("fresh.db")});
@@ -181,7 +181,7 @@ TEST_F(DamageTest, TheWayOutThatIsNamedWorks) {
     EXPECT_EQ(tav({"dump"}).output, backup);
 }
 
-TEST_F(DamageTest, AnUnfinishedDatabaseOfAnEarlierStartIsDoneAgain) {
+TEST_F(DamageTest, AnUnfinishedDatabaseOfAnEarlierStartIsReplaced) {
     const std::string fresh = dir.file("fresh.db");
     write_file(fresh + ".new", "half a da");
     write_file(fresh + ".new-journal", "x");

@@ -91,14 +91,14 @@ TEST_F(DatabaseTest, ASecondServiceCannotUseIt) {
     EXPECT_THROW(Store second(file), DatabaseError);
 }
 
-TEST_F(DatabaseTest, AFileThatIsNoDatabaseIsRefusedAndLeftAsItIs) {
+TEST_F(DatabaseTest, AFileThatIsNotADatabaseIsRefusedAndNotChanged) {
     const std::string content(5000, 'x');
     std::ofstream(file) << content;
     EXPECT_THROW(Store store(file), DatabaseError);
     EXPECT_EQ(tavtest::read_file(file), content);
 }
 
-TEST_F(DatabaseTest, AnotherProgramsDatabaseIsRefusedAndLeftAsItIs) {
+TEST_F(DatabaseTest, AnotherProgramsDatabaseIsRefusedAndNotChanged) {
     sql(file, "CREATE TABLE theirs (x)");
     const std::string content = tavtest::read_file(file);
     EXPECT_THROW(Store store(file), DatabaseError);

@@ -62,7 +62,7 @@ TEST_F(DescriptorTest, APingDoesNotSilenceAByteThatThePreviousPingCannotHaveSeen
     }
 }
 
-TEST_F(DescriptorTest, WhoLeavesEventsUnfetchedIsLeftInPeaceAfterTwoPings) {
+TEST_F(DescriptorTest, AClientThatDoesNotFetchIsNotWokenAfterTwoPings) {
     change();
     ASSERT_TRUE(becomes_readable(client->fd()));
     client->ping();
@@ -120,7 +120,7 @@ TEST_F(DescriptorTest, AfterARequestTheNextWakeUpWaitsUntilTheClientWasQuiet) {
     }
 }
 
-TEST_F(DescriptorTest, AClientThatIsNeverQuietIsWokenAllTheSame) {
+TEST_F(DescriptorTest, AClientThatIsNeverQuietIsStillWoken) {
     change();
     const Clock::time_point give_up = Clock::now() + milliseconds(patience_ms);
     while (!readable(client->fd())) {

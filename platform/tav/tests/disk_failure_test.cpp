@@ -85,7 +85,7 @@ TEST_P(FailingDiskTest, AWriteIsRefusedWithAStatusAndReadsGoOn) {
                                           dir.file("db/store.db") + "'"));
 }
 
-TEST_P(FailingDiskTest, WhenTheDiskIsWellAgainWritesAreAccepted) {
+TEST_P(FailingDiskTest, WhenTheDiskWorksAgainWritesAreAccepted) {
     fail();
     for (int i = 0; i < 3; ++i) {
         expect_refused();
@@ -98,7 +98,7 @@ TEST_P(FailingDiskTest, WhenTheDiskIsWellAgainWritesAreAccepted) {
     EXPECT_EQ(client->list("/"), (Names{"kept", "later"}));
 }
 
-TEST_P(FailingDiskTest, WhatWasRefusedIsNotThereAfterAKillEither) {
+TEST_P(FailingDiskTest, ARefusedWriteIsNotStoredAfterAKillEither) {
     fail();
     expect_refused();
     // The disk keeps failing until the service is dead.
@@ -202,7 +202,7 @@ TEST_F(DurabilityTest, FullIsTheDefaultAndSyncsEachWrite) {
     EXPECT_NE(shown().find("durability full"), std::string::npos);
 }
 
-TEST_F(DurabilityTest, FullMayBeAskedFor) {
+TEST_F(DurabilityTest, FullCanBeRequested) {
     EXPECT_EQ(write_without_sync({"--durability=full"}), api_status_failed);
 }
 

@@ -32,7 +32,7 @@ TEST(EventQueue, KeepsTheOrder) {
     EXPECT_TRUE(queue.empty());
 }
 
-TEST(EventQueue, AMergedEventMovesToTheEndSoThatTheLastOneTellsHowThingsStand) {
+TEST(EventQueue, AMergedEventMovesToTheEndSoThatTheLastOneIsCurrent) {
     EventQueue queue;
     queue.add(set_a, true);
     queue.add(removed_a, true);
@@ -124,7 +124,7 @@ TEST_F(SessionTest, OnlyWhatIsAtOrBelowARegisteredPathIsQueuedAndOnceOnly) {
     EXPECT_EQ(fetched(), (Names{"2 /a", "2 /a/b/c"}));
 }
 
-TEST_F(SessionTest, OwnChangesAreLeftOutUnlessAskedFor) {
+TEST_F(SessionTest, OwnChangesCauseNoEventsUnlessRequested) {
     session.register_events(Registration{"/a", 1, false}, now);
     session.register_events(Registration{"/b", 1, true}, now);
     settle();

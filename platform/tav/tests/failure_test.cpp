@@ -213,7 +213,7 @@ TEST_F(FailureTest, WritesFailWithOneStatusPerPath) {
     EXPECT_EQ(read.size(), 2U);
 }
 
-TEST_F(FailureTest, NoDescriptorIsLeftBehindAndEachIsCloseOnExec) {
+TEST_F(FailureTest, NoDescriptorIsLeakedAndEachIsCloseOnExec) {
     const std::set<int> before = open_descriptors();
     connect();
     const std::set<int> during = open_descriptors();
@@ -229,7 +229,7 @@ TEST_F(FailureTest, NoDescriptorIsLeftBehindAndEachIsCloseOnExec) {
     EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(FailureTest, AnInterruptedCallGoesOn) {
+TEST_F(FailureTest, AnInterruptedCallContinues) {
     connect("60000");
     struct sigaction action {};
     action.sa_handler = [](int) {}; // no SA_RESTART: each wait is interrupted
@@ -256,7 +256,7 @@ TEST_F(FailureTest, ConnectingToAHangingServiceFailsAfterTheTimeLimit) {
     EXPECT_NE(reports()[0].second.find("did not answer in time"), std::string::npos);
 }
 
-TEST_F(FailureTest, TheTimeLimitIsFiveSecondsUnlessToldOtherwise) {
+TEST_F(FailureTest, TheTimeLimitIsFiveSecondsByDefault) {
     ::unsetenv("TAV_TIMEOUT_MS");
     client = std::make_unique<Client>();
     hang();
@@ -302,6 +302,6 @@ TEST_F(NoServiceTest, TheSameFailureIsReportedOnceUntilItChanges) {
     attempt(1);
 }
 
-TEST_F(NoServiceTest, AProgramWithoutTheHookGoesOn) {
+TEST_F(NoServiceTest, AProgramWithoutTheHookContinues) {
     EXPECT_EQ(run(dir, {TAV_NO_HOOK_PROGRAM}).status, 0);
 }

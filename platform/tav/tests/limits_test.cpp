@@ -81,7 +81,7 @@ TEST_F(LimitsTest, EachLimitOfTheTreeHasItsStatusAndItsCount) {
     EXPECT_EQ(shown("bytes of a value").refused, 1U);
 }
 
-TEST_F(LimitsTest, AMarkOfTheLargestStaysWhereARefusedWriteWouldHaveRaisedIt) {
+TEST_F(LimitsTest, ARefusedWriteDoesNotRaiseTheLargestSize) {
     good->set("/v", std::string(100, 'v'));
     EXPECT_EQ(good->set_all({"/v", "/v/below"}, {std::string(200, 'v'), "1"}),
               (std::vector<api_status_t>{api_status_not_done, api_status_wrong_kind}));
@@ -89,7 +89,7 @@ TEST_F(LimitsTest, AMarkOfTheLargestStaysWhereARefusedWriteWouldHaveRaisedIt) {
     EXPECT_EQ(shown("elements in all").used, 2U);
 }
 
-TEST_F(LimitsTest, TheMostThatEverWaitedForAClientIsShown) {
+TEST_F(LimitsTest, TheLargestQueueOfAClientIsShown) {
     Client watcher;
     watcher.watch("/");
     watcher.settle();
@@ -110,7 +110,7 @@ TEST_F(LimitsTest, RegistrationsOfAClientAreLimited) {
     EXPECT_EQ(limit.refused, 1U);
 }
 
-TEST_F(LimitsTest, ACallHasOnlySoManyPaths) {
+TEST_F(LimitsTest, ThePathsOfACallAreLimited) {
     const Names most(limits::paths_per_request, "/n");
     EXPECT_EQ(good->set_all(most, Names(most.size(), "x")).back(), api_status_ok);
     EXPECT_EQ(shown("paths of a call").used, limits::paths_per_request);
@@ -130,7 +130,7 @@ TEST_F(LimitsTest, ACallHasOnlySoManyPaths) {
     EXPECT_EQ(shown("paths of a call").refused, 2U);
 }
 
-TEST_F(LimitsTest, AUserHasOnlySoManyConnectionsAndIsToldSo) {
+TEST_F(LimitsTest, TheLimitOfConnectionsPerUserIsReportedToTheClient) {
     std::vector<std::unique_ptr<Client>> all;
     while (all.size() < limits::connections_per_user) {
         auto client = std::make_unique<Client>();
@@ -157,7 +157,7 @@ TEST_F(LimitsTest, AUserHasOnlySoManyConnectionsAndIsToldSo) {
     EXPECT_TRUE(fresh.connected());
 }
 
-TEST_F(LimitsTest, WhoDoesNotConnectCompletelyIsDisconnected) {
+TEST_F(LimitsTest, AClientThatDoesNotConnectCompletelyIsDisconnected) {
     RawPeer silent(socket);
     RawPeer half = half_connected(socket);
     EXPECT_EQ(silent.farewell(), "the client did not connect in time");
@@ -172,7 +172,7 @@ TEST_F(LimitsTest, AStrangerCannotMakeTheServiceHoldALargeFirstFrame) {
     EXPECT_EQ(stranger.farewell(), "the client sent an invalid request");
 }
 
-TEST_F(LimitsTest, ClientsThatDoNotReadLargeRepliesAreEndedBeforeTheyCostTooMuch) {
+TEST_F(LimitsTest, ClientsThatDoNotReadLargeRepliesAreDisconnected) {
     good->set("/big", std::string(65536, 'x'));
     const std::string request =
         request_frame(Op::read, [](Writer &out) { put_all(out, Names(250, "/big")); });
@@ -186,7 +186,7 @@ TEST_F(LimitsTest, ClientsThatDoNotReadLargeRepliesAreEndedBeforeTheyCostTooMuch
     EXPECT_EQ(good->get("/big").size(), 65536U);
 }
 
-TEST_F(LimitsTest, WhoSendsAheadIsServedInTurnWithTheOthers) {
+TEST_F(LimitsTest, AClientThatSendsAheadIsServedInTurnWithTheOthers) {
     // Both requests and the flood have arrived before the service reads for the first time.
     constexpr int ahead = 1000;
     RawClient flood(socket);

@@ -113,7 +113,7 @@ protected:
 
 } // namespace
 
-TEST_F(ManualTest, EveryCommandOfTheToolStandsInItsPageAndTheReverse) {
+TEST_F(ManualTest, EveryCommandOfTheToolIsInItsPageAndTheReverse) {
     Names described;
     for (const std::string &line : part_of(page("tav.1"), ".Sh COMMANDS", {".Sh TEXT"})) {
         if (line.substr(0, 7) == ".It Ic ") {
@@ -125,7 +125,7 @@ TEST_F(ManualTest, EveryCommandOfTheToolStandsInItsPageAndTheReverse) {
     EXPECT_GE(listed.size(), 13U);
 }
 
-TEST_F(ManualTest, EveryOptionOfTheToolStandsInItsPageAndTheReverse) {
+TEST_F(ManualTest, EveryOptionOfTheToolIsInItsPageAndTheReverse) {
     EXPECT_EQ(options_in_page(part_of(page("tav.1"), ".Sh DESCRIPTION", {".Sh"})), common);
     Names general = common;
     general.insert({"-V", "--version"});
@@ -142,14 +142,14 @@ TEST_F(ManualTest, EveryOptionOfTheToolStandsInItsPageAndTheReverse) {
     }
 }
 
-TEST_F(ManualTest, EveryOptionOfTheServiceStandsInItsPageAndTheReverse) {
+TEST_F(ManualTest, EveryOptionOfTheServiceIsInItsPageAndTheReverse) {
     const Ran help = run(dir, {TAVD_PROGRAM, "--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_EQ(options_in_page(part_of(page("tavd.8"), ".Sh DESCRIPTION", {".Sh"})),
               options_in_help(help.output));
 }
 
-TEST_F(ManualTest, EveryCallOfTheLibraryStandsInItsPage) {
+TEST_F(ManualTest, EveryCallOfTheLibraryIsInItsPage) {
     const std::string text = page("libtav.3");
     int calls = 0;
     for (const char *header : {"/mlr.h", "/toolkit.h"}) {

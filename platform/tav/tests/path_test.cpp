@@ -50,7 +50,7 @@ TEST(Path, EachLimitHoldsExactly) {
     EXPECT_EQ(check_path(longest.substr(0, longest.size() - 1) + "/x"), api_status_path_too_long);
 }
 
-TEST(Path, NamesAreTakenOffOneByOne) {
+TEST(Path, NamesAreRemovedOneByOne) {
     std::string_view rest = "/a/b c/d";
     EXPECT_EQ(take_name(rest), "a");
     EXPECT_EQ(take_name(rest), "b c");

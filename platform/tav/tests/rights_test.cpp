@@ -115,7 +115,7 @@ TEST(Rights, TheServicesOwnUserAndRootMayEverything) {
     EXPECT_EQ(rights.of(Credentials{1, 1001, 1000, {1000, 0}}), Access::none);
 }
 
-TEST(Rights, AGroupCountsBeItTheFirstOrASupplementaryOne) {
+TEST(Rights, PrimaryAndSupplementaryGroupsGiveRights) {
     const Rights rights{1000, 50, 60};
     EXPECT_EQ(rights.of(Credentials{1, 7, 50, {}}), Access::write);
     EXPECT_EQ(rights.of(Credentials{1, 7, 7, {1, 2, 50}}), Access::write);
@@ -144,7 +144,7 @@ TEST_F(RightsTest, WithoutAGroupOnlyOwnerAndRootReachTheSocket) {
     EXPECT_EQ(connect(), "connected");
 }
 
-TEST_F(RightsTest, WhoHasNoRightIsRefusedWithAReasonAlsoWhenTheSocketIsOpenToAll) {
+TEST_F(RightsTest, AUserWithoutRightsIsRefusedWithAReasonEvenIfTheSocketIsOpenToAll) {
     ::mkdir(dir.file("run").c_str(), 0755);
     start_with({"--socket-mode", "0666"});
     EXPECT_EQ(as(stranger, no_group, {}, connect), refusal("this user may not use the store"));
@@ -163,7 +163,7 @@ TEST_F(RightsTest, SocketAndDirectoryAreOpenToTheGroupAndNobodyElse) {
     EXPECT_EQ(info.st_mode & 07777U, 0750U);
 }
 
-TEST_F(RightsTest, ADirectoryThatExistsIsLeftAsItIs) {
+TEST_F(RightsTest, AnExistingDirectoryIsNotChanged) {
     ::mkdir(dir.file("run").c_str(), 0711);
     start_with({"--write-group", name_of(writers)});
     struct stat info {};
@@ -222,7 +222,7 @@ TEST_F(RightsTest, AUserOfVeryManyGroupsIsKnownByAnyOfThem) {
     EXPECT_EQ(as(stranger, no_group, groups, connect), "connected");
 }
 
-TEST_F(RightsTest, StatusTellsWhoMayWrite) {
+TEST_F(RightsTest, StatusShowsWhoMayWrite) {
     start_with({"--read-group", name_of(readers)});
     const auto rights_shown = [] {
         const Client client;

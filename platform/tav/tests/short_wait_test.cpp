@@ -24,13 +24,13 @@ bool stay_on_this_processor() {
 
 } // namespace
 
-TEST(ShortWaitTest, ThereIsALookWhereAnotherProcessorCanBringSomething) {
+TEST(ShortWaitTest, PollsWithMoreThanOneProcessor) {
     tav::ShortWait wait;
     EXPECT_EQ(wait.goes_on(), usable_processors() > 1);
 }
 
 // In a separate process: the number of processors is determined once per process.
-TEST(ShortWaitTest, ThereIsNoneOnTheOnlyProcessor) {
+TEST(ShortWaitTest, DoesNotPollOnTheOnlyProcessor) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
@@ -40,7 +40,7 @@ TEST(ShortWaitTest, ThereIsNoneOnTheOnlyProcessor) {
         testing::ExitedWithCode(0), "");
 }
 
-TEST(ShortWaitTest, ItEndsBeforeLong) {
+TEST(ShortWaitTest, StopsPollingSoon) {
     tav::ShortWait wait;
     int looks = 0;
     while (wait.goes_on()) {
@@ -48,7 +48,7 @@ TEST(ShortWaitTest, ItEndsBeforeLong) {
     }
 }
 
-TEST(ShortWaitTest, WhoeverWasKeptFromLookingSleeps) {
+TEST(ShortWaitTest, SleepsAfterAnotherProcessRan) {
     tav::ShortWait wait;
     wait.goes_on();
     ::usleep(1000);

@@ -268,7 +268,7 @@ TEST_F(StoreUnit, AReplacedSubtreeKeepsTheGivenTimesAndReportsOnlyContent) {
     }
 }
 
-TEST_F(StoreUnit, AGivenTimeIsTakenOverByEqualContentWithoutAnEvent) {
+TEST_F(StoreUnit, AGivenTimeIsStoredForEqualContentWithoutAnEvent) {
     write({set_item("/a", "x", 10)});
     EXPECT_EQ(events({set_item("/a", "x", 20)}), Names{});
     EXPECT_EQ(read("/a").value.time, 20);
@@ -291,7 +291,7 @@ TEST_F(StoreUnit, RemoveSingleTakesALeafOrAnEmptyNodeOnly) {
     EXPECT_EQ(read("/a").status, api_status_absent);
 }
 
-TEST_F(StoreUnit, ClearEmptiesTheWholeStoreOrASubtreeAndIsContentWithNothing) {
+TEST_F(StoreUnit, ClearEmptiesTheWholeStoreOrASubtreeAndAcceptsAnAbsentOne) {
     write({set_item("/a/1", "x", 10), set_item("/a/2", "x", 10), set_item("/b", "x", 10)});
     EXPECT_EQ(events({item(ItemKind::clear, "/a"), set_item("/a/2", "x", 10)}), Names{"3 /a/1"});
     EXPECT_EQ(events({item(ItemKind::clear, "/none")}), Names{});
@@ -316,7 +316,7 @@ TEST_F(StoreUnit, ALeafMayBecomeANodeInOneTransaction) {
               (Names{"3 /a/b", "2 /a"}));
 }
 
-TEST_F(StoreUnit, ANodeHoldsABoundedNumberOfChildren) {
+TEST_F(StoreUnit, TheChildrenOfANodeAreLimited) {
     std::vector<Item> items;
     for (std::size_t i = 0; i < limits::children_per_node; ++i) {
         items.push_back(set_item("/n/" + std::to_string(i), "x"));

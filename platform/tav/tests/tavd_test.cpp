@@ -30,7 +30,7 @@ protected:
 
 } // namespace
 
-TEST_F(TavdTest, ItEndsCleanlyOnSigtermAndLeavesNoSocketBehind) {
+TEST_F(TavdTest, ItExitsCleanlyOnSigtermAndRemovesItsSocket) {
     start();
     EXPECT_TRUE(exists(socket));
     EXPECT_EQ(stop(), 0);
@@ -99,7 +99,7 @@ TEST_F(TavdTest, ADatabaseInUseIsRefused) {
     EXPECT_FALSE(exists(dir.file("other")));
 }
 
-TEST_F(TavdTest, ASocketLeftBehindIsReplaced) {
+TEST_F(TavdTest, TheSocketOfADeadServiceIsReplaced) {
     start();
     tavd->signal(SIGKILL);
     EXPECT_EQ(tavd->wait(), 1000 + SIGKILL);
@@ -151,7 +151,7 @@ TEST_F(TavdTest, InitialNodesAreThereInAFreshStoreOnly) {
     EXPECT_EQ(tav({"ls"}).output, "a b\n") << "what is there stays without the option, too";
 }
 
-TEST_F(TavdTest, ADatabaseThatCannotBeUsedIsNamedAndLeftAlone) {
+TEST_F(TavdTest, ADatabaseThatCannotBeUsedIsNamedAndNotChanged) {
     std::ofstream(database) << std::string(5000, 'x');
     const Ran refused = second(on_disk);
     EXPECT_EQ(refused.status, 1);
@@ -174,7 +174,7 @@ TEST_F(TavdTest, EverythingIsThereAfterARestart) {
     EXPECT_NE(before.find("/empty/node"), std::string::npos);
 }
 
-TEST_F(TavdTest, AnAcknowledgedWriteSurvivesAKillAndNoTransactionIsThereInPart) {
+TEST_F(TavdTest, AnAcknowledgedWriteSurvivesAKillAndNoTransactionIsPartial) {
     int last = 0;
     for (int round = 0; round < 3; ++round) {
         start(on_disk);
@@ -301,7 +301,7 @@ TEST_F(MisbehaviourTest, AStrangerMustGreetProperly) {
     }
 }
 
-TEST_F(MisbehaviourTest, ATicketIsGoodForOneWakeUpConnection) {
+TEST_F(MisbehaviourTest, ATicketIsValidForOneWakeUpConnection) {
     RawClient client(socket);
     RawPeer third(socket);
     third.send(request_frame(Op::attach, [&client](Writer &out) {
@@ -313,7 +313,7 @@ TEST_F(MisbehaviourTest, ATicketIsGoodForOneWakeUpConnection) {
     EXPECT_FALSE(client.calls.receive().empty());
 }
 
-TEST_F(MisbehaviourTest, AGuessedTicketIsNoGood) {
+TEST_F(MisbehaviourTest, AGuessedTicketIsRefused) {
     const tav::Hello hello{tav::magic, tav::protocol_version};
     RawPeer calls(socket);
     calls.send(request_frame(Op::hello, [&hello](Writer &out) { put(out, hello); }));
@@ -377,7 +377,7 @@ TEST_F(MisbehaviourTest, MalformedRequestsAreRefusedWithoutHavingDoneAnything) {
     EXPECT_EQ(good->get("/evil"), "status 2");
 }
 
-TEST_F(MisbehaviourTest, ByteByByteIsAsGoodAsAtOnce) {
+TEST_F(MisbehaviourTest, RequestsMayArriveByteByByte) {
     RawClient client(socket);
     for (const char byte : request_frame(Op::list, [](Writer &out) { put(out, "/"); })) {
         client.calls.send(std::string(1, byte));
@@ -385,7 +385,7 @@ TEST_F(MisbehaviourTest, ByteByByteIsAsGoodAsAtOnce) {
     EXPECT_FALSE(client.calls.receive().empty());
 }
 
-TEST_F(MisbehaviourTest, WhoDoesNotReadItsRepliesHoldsUpNobodyElse) {
+TEST_F(MisbehaviourTest, AClientThatDoesNotReadItsRepliesDelaysNoOther) {
     good->set_all({"/big"}, {std::string(65536, 'x')});
     RawClient deaf(socket);
     const timeval soon{0, 200000};
@@ -401,7 +401,7 @@ TEST_F(MisbehaviourTest, WhoDoesNotReadItsRepliesHoldsUpNobodyElse) {
     EXPECT_EQ(good->get("/big").size(), 65536U);
 }
 
-TEST_F(MisbehaviourTest, OfTwoConnectionsTheLossOfOneEndsTheOther) {
+TEST_F(MisbehaviourTest, TheLossOfOneConnectionEndsTheOther) {
     RawClient one(socket);
     one.wake.close();
     EXPECT_TRUE(one.calls.closed());
@@ -412,7 +412,7 @@ TEST_F(MisbehaviourTest, OfTwoConnectionsTheLossOfOneEndsTheOther) {
 
 // Watchdog
 
-TEST_F(TavdTest, AnOverdueWatchdogIsLoggedAndShownAndSoIsOneThatIsGone) {
+TEST_F(TavdTest, OverdueAndDisconnectedWatchdogsAreLoggedAndShown) {
     start();
     Client client;
     api_status_t status = api_status_none;

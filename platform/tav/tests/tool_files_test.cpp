@@ -57,7 +57,7 @@ TEST_F(ToolFilesTest, DumpLoadDumpGivesTheSameBytesInAFreshStore) {
     }
 }
 
-TEST_F(ToolFilesTest, ADumpHoldsNoControlCharacterButNewlines) {
+TEST_F(ToolFilesTest, ADumpHasNoControlCharactersExceptNewlines) {
     fill();
     for (const std::string &output :
          {good({"dump"}), good({"tree"}), good({"get", "-r", "/"}), good({"tree", "--json"}),
@@ -72,7 +72,7 @@ TEST_F(ToolFilesTest, ADumpHoldsNoControlCharacterButNewlines) {
     }
 }
 
-TEST_F(ToolFilesTest, ReplaceMakesASubtreeWhatItWasTimesIncluded) {
+TEST_F(ToolFilesTest, ReplaceRestoresASubtreeWithItsTimes) {
     fill();
     good({"set", "/outside", "1"});
     const std::string dump = good({"dump", "/a"});
@@ -96,7 +96,7 @@ TEST_F(ToolFilesTest, ReplaceOfTheRootLeavesNothingElse) {
     EXPECT_EQ(good({"dump"}), dump);
 }
 
-TEST_F(ToolFilesTest, ReplaceMakesEventsForWhatReallyDiffersOnly) {
+TEST_F(ToolFilesTest, ReplaceCausesEventsOnlyForRealDifferences) {
     good({"set", "/n/same", "1", "/n/other", "1"});
     const std::string dump = good({"dump", "/n"});
     good({"set", "/n/other", "2", "/n/more", "3"});
@@ -111,7 +111,7 @@ TEST_F(ToolFilesTest, ReplaceMakesEventsForWhatReallyDiffersOnly) {
     EXPECT_EQ(seen.substr(seen.size() - 12), "set /n/same\n") << "the touch, and nothing before it";
 }
 
-TEST_F(ToolFilesTest, MergeLetsOthersStayAndRestoresTimes) {
+TEST_F(ToolFilesTest, MergeKeepsOtherElementsAndRestoresTimes) {
     good({"load"}, dump_of("/a", R"({"path":"/a/x","type":"string","value":"1","time":1000})"));
     const std::string dump = good({"dump", "/a"});
     good({"set", "/a/x", "2", "/a/y", "2"});
@@ -172,7 +172,7 @@ TEST_F(ToolFilesTest, LoadNamesWhatIsWrongAndChangesNothing) {
     EXPECT_EQ(good({"dump"}), before);
 }
 
-TEST_F(ToolFilesTest, WhatOneTransactionCannotHoldIsRefusedWholeAndLoadedInParts) {
+TEST_F(ToolFilesTest, ADumpTooLargeForOneTransactionIsRefusedWholeAndLoadedInParts) {
     const std::string value(65000, 'v');
     std::string elements = R"({"path":"/big","type":"node"},)";
     for (int i = 0; i < 300; ++i) {
@@ -218,7 +218,7 @@ TEST_F(ToolFilesTest, TimesAreNoDifference) {
     EXPECT_EQ(good({"diff", "-"}, dump), "");
 }
 
-TEST_F(ToolFilesTest, EveryTroubleOfDiffIsTwo) {
+TEST_F(ToolFilesTest, EveryErrorOfDiffHasStatusTwo) {
     bad(2, {"diff", "/no/such/file"});
     bad(2, {"diff", "-"}, "nonsense");
     bad(2, {"diff"});

@@ -25,7 +25,7 @@ protected:
 
 } // namespace
 
-TEST_F(ToolTerminalTest, NoControlCharacterOfAStoredValueGetsThere) {
+TEST_F(ToolTerminalTest, ControlCharactersOfStoredValuesAreEscaped) {
     const std::string evil = "\x1b]0;x\x07\x1b[2J\x9b"
                              "2J\xc2\x9b"
                              "2J\x7f\b\r";

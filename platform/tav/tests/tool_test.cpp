@@ -16,7 +16,7 @@ TEST_F(ToolTest, SetAndGetOneAndSeveral) {
     EXPECT_EQ(good({"get", "/a/c", "/a/b"}), "two words\none\n");
 }
 
-TEST_F(ToolTest, SetWritesAStringUnlessToldOtherwise) {
+TEST_F(ToolTest, SetWritesAStringByDefault) {
     good({"set", "/a/s", "5"});
     good({"set", "-t", "integer", "/a/i", "-5", "/a/j", "6"});
     good({"set", "--type", "real", "/a/r", "-1.5"});
@@ -57,7 +57,7 @@ TEST_F(ToolTest, GetOfWhatIsAbsentOrANodeEndsWithOne) {
     EXPECT_EQ(mixed.errors.substr(0, 18), "tav: /none: absent");
 }
 
-TEST_F(ToolTest, GetAsJsonTellsEverything) {
+TEST_F(ToolTest, GetAsJsonHasTypeValueAndTime) {
     good({"set", "/a", "x"});
     const Ran ran = tav({"get", "--json", "/a", "/none"});
     EXPECT_EQ(ran.status, 1);
@@ -135,7 +135,7 @@ TEST_F(ToolTest, OutputThatCannotBeWrittenIsAnError) {
     EXPECT_EQ(tool.errors(), "tav: the output could not be written\n");
 }
 
-TEST_F(ToolTest, LsPrintsOneNameALine) {
+TEST_F(ToolTest, LsPrintsOneNamePerLine) {
     good({"set", "/n/b", "1", "/n/10/x", "1", "/n/9", "1"});
     EXPECT_EQ(good({"ls", "/n"}), "9\n10\nb\n");
     EXPECT_EQ(good({"ls", "-l", "/n"}), "string\t9\nnode\t10\nstring\tb\n");

@@ -12,7 +12,7 @@
 
 using namespace tav::tool;
 
-TEST(Escape, WhatCanBeShownStaysAsItIs) {
+TEST(Escape, PrintableTextIsNotChanged) {
     for (const char *text : {"", "plain text", "\"quoted\"", "\xc3\xa4", "\xe2\x82\xac",
                              "\xf0\x9f\x98\x80", "\xc2\xa0", "\xef\xbf\xbd", "\xf4\x8f\xbf\xbf"}) {
         EXPECT_EQ(escaped(text), text);
@@ -38,7 +38,7 @@ TEST(Escape, ControlCharactersAreMadeVisibleHoweverTheyAreSpelt) {
               "\\xe2\\x80\\xae\\xe2\\x81\\xa6\\xe2\\x80\\xa8");
 }
 
-TEST(Escape, WhatIsNoUtf8IsEscapedByteByByte) {
+TEST(Escape, TextThatIsNotUtf8IsEscapedByteByByte) {
     EXPECT_EQ(escaped("\xff\xfe"), "\\xff\\xfe");
     EXPECT_EQ(escaped("\xc3"), "\\xc3") << "cut short";
     EXPECT_EQ(escaped("\xe2\x82"), "\\xe2\\x82");
@@ -68,7 +68,7 @@ TEST(Escape, IsReversedToTheByte) {
     }
 }
 
-TEST(Escape, WhatIsNoEscapeIsRefused) {
+TEST(Escape, InvalidEscapesAreRefused) {
     for (const char *text :
          {"\\", "a\\", "\\q", "\\x", "\\x1", "\\xg1", "\\x1g", "\\x00", "\\x-1"}) {
         EXPECT_EQ(unescaped(text), std::nullopt) << text;
@@ -84,7 +84,7 @@ TEST(Escape, AWordForTheShellIsQuotedWhenItMustBe) {
     EXPECT_EQ(shell_word(""), "''");
 }
 
-TEST(Hex, IsReversedAndRefusesWhatItIsNot) {
+TEST(Hex, IsReversedAndRefusesOtherText) {
     EXPECT_EQ(to_hex(std::string("\x00\x7f\xff", 3)), "007fff");
     EXPECT_EQ(from_hex("007fFF"), std::string("\x00\x7f\xff", 3));
     EXPECT_EQ(from_hex("0"), std::nullopt);
@@ -92,7 +92,7 @@ TEST(Hex, IsReversedAndRefusesWhatItIsNot) {
     EXPECT_EQ(from_hex("+1"), std::nullopt);
 }
 
-TEST(JsonText, HoldsNoControlCharacter) {
+TEST(JsonText, HasNoControlCharacters) {
     EXPECT_EQ(json_text(Json("a\x1b\x7f")), R"("a\u001b\u007f")");
     EXPECT_EQ(json_text(Json("\xc3\xa4")), "\"\xc3\xa4\"");
     EXPECT_EQ(json_text(Json("\xc3\xa4\xc2\x9b")), R"("\u00e4\u009b")");

@@ -126,7 +126,7 @@ TEST_F(TurnsTest, AClientThatIsAloneIsServedBeyondItsShare) {
     EXPECT_EQ(rate().used, 3U * limits::requests_per_second) << "the clock stands still";
 }
 
-TEST_F(TurnsTest, WhoHasHadItsShareComesAfterAllOthers) {
+TEST_F(TurnsTest, AClientThatHasUsedItsShareComesAfterAllOthers) {
     use_up_share(*first);
     send_writes(*first, 10001, 10010);
     send_reads(*second, 20);
@@ -153,7 +153,7 @@ TEST_F(TurnsTest, ANewShareBeginsSoon) {
     EXPECT_EQ(rate().refused, 0U);
 }
 
-TEST_F(TurnsTest, ThoseWhoHaveAllHadTheirShareTakeTurns) {
+TEST_F(TurnsTest, ClientsThatHaveAllUsedTheirShareTakeTurns) {
     use_up_share(*first);
     use_up_share(*second);
     send_writes(*first, 10001, 10010);
@@ -167,7 +167,7 @@ TEST_F(TurnsTest, ThoseWhoHaveAllHadTheirShareTakeTurns) {
     EXPECT_EQ(rate().refused, 0U);
 }
 
-TEST_F(TurnsTest, WhoHasSentHalfARequestKeepsNobodyWaiting) {
+TEST_F(TurnsTest, HalfARequestDelaysNoOtherClient) {
     use_up_share(*first);
     send_writes(*first, 10001, 10010);
     ASSERT_TRUE(second->calls.send(request_frame(Op::watchdog_ping).substr(0, 2)));
@@ -175,7 +175,7 @@ TEST_F(TurnsTest, WhoHasSentHalfARequestKeepsNobodyWaiting) {
     EXPECT_EQ(rate().refused, 0U);
 }
 
-TEST_F(TurnsTest, APingAndTheRequestBehindItAreOneTurn) {
+TEST_F(TurnsTest, APingAndTheRequestAfterItAreOneTurn) {
     ASSERT_TRUE(first->calls.send(request_frame(Op::watchdog_ping)));
     send_writes(*first, 7, 8);
     send_reads(*second, 1);
@@ -185,7 +185,7 @@ TEST_F(TurnsTest, APingAndTheRequestBehindItAreOneTurn) {
     });
 }
 
-TEST_F(TurnsTest, ManyPingsHoldUpNobody) {
+TEST_F(TurnsTest, ManyPingsDelayNoOtherClient) {
     for (int i = 0; i < 10; ++i) {
         ASSERT_TRUE(first->calls.send(request_frame(Op::watchdog_ping)));
     }

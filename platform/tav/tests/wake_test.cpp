@@ -97,7 +97,7 @@ TEST_F(WakeTest, WithoutANewEventNothingFollowsAnAcknowledgement) {
     EXPECT_EQ(wait(), -1) << "a ping is no request";
 }
 
-TEST_F(WakeTest, ARequestSignalsAgainWhatWasOnlyAcknowledged) {
+TEST_F(WakeTest, ARequestSignalsUnfetchedEventsAgain) {
     wake.event(now);
     send();
     wake.acknowledge(now);
@@ -124,7 +124,7 @@ TEST_F(WakeTest, AfterARequestTheByteWaitsFor50QuietMilliseconds) {
     EXPECT_TRUE(is_due());
 }
 
-TEST_F(WakeTest, ButAtMostOneSecondInAll) {
+TEST_F(WakeTest, AfterRequestsTheByteWaitsAtMostOneSecond) {
     wake.request(now, false);
     wake.event(now);
     EXPECT_EQ(wait_while([&] { wake.request(now, true); }), 1000);
@@ -139,13 +139,13 @@ TEST_F(WakeTest, APingShowsThatTheClientIsStillAtWork) {
     EXPECT_EQ(wait(), 50);
 }
 
-TEST_F(WakeTest, PingsDoNotPutTheByteOffForEver) {
+TEST_F(WakeTest, PingsDoNotDelayTheByteForEver) {
     wake.request(now, false);
     wake.event(now);
     EXPECT_EQ(wait_while([&] { wake.ping(now); }), 1000);
 }
 
-TEST_F(WakeTest, APingBeforeTheEventDoesNotPutItOff) {
+TEST_F(WakeTest, APingBeforeTheEventDoesNotDelayIt) {
     wake.request(now, false);
     pass(100);
     wake.ping(now);

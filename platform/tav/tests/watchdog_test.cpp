@@ -80,7 +80,7 @@ TEST_F(WatchdogTest, OneThatIsGoneIsLoggedAndShownUntilItsNameIsBack) {
     EXPECT_EQ(state(1), WatchdogState::fine);
 }
 
-TEST_F(WatchdogTest, AWithdrawnOneIsForgottenWithoutAWord) {
+TEST_F(WatchdogTest, AWithdrawnOneIsForgottenWithoutALogLine) {
     announce(1, "worker");
     EXPECT_EQ(dog.announce(1, 42, WatchdogRequest{"worker", 60, false}, now), api_status_ok);
     EXPECT_TRUE(dog.status(now).empty());

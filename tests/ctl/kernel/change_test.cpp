@@ -31,7 +31,7 @@ TEST_F(Change, AGatewayIsInTheKernelWhenSetReturns) {
     EXPECT_FALSE(store.gateway(1));
 }
 
-TEST_F(Change, AWaitInVainSaysWhy) {
+TEST_F(Change, AFailedWaitSaysWhy) {
     store.make_interface(1);
     start_daemon_and_wait();
     const result_t refused = run({"gateway", "set", "eth0", "2001:db8:dead::1", "--wait=1"});
@@ -55,7 +55,7 @@ TEST_F(Change, AWaitInVainSaysWhy) {
         << alone.errors;
 }
 
-TEST_F(Change, ALongWaitSaysThatItGoesOn) {
+TEST_F(Change, ALongWaitShowsItsProgress) {
     store.make_interface(1);
     start_daemon_and_wait();
     const auto process = begin({"gateway", "set", "eth0", "2001:db8:dead::1", "--wait=16"});

@@ -93,7 +93,7 @@ TEST_F(Look, AMissingInterfacesNodeIsNamedAndTheRemedyMakesIt) {
     EXPECT_FALSE(is_missing());
 }
 
-TEST_F(Look, ADaemonThatHasEndedDoesNotCount) {
+TEST_F(Look, AZombieIsNotARunningDaemon) {
     if (!sees_all_processes()) {
         GTEST_SKIP() << sees_not_all;
     }
@@ -124,7 +124,7 @@ TEST_F(Look, LinksThatAreNotSynchronisedAreNamedWhenAskedFor) {
     EXPECT_EQ(run({"show", "eth9"}).status, 1);
 }
 
-TEST_F(Look, ALinkThatNobodyUsesCountsOnlyWhenNamed) {
+TEST_F(Look, AnUnusedLinkIsCheckedOnlyWhenNamed) {
     device.add_veth("eth7", "peer7", sandbox.neighbour()); // down: without addresses
     store.make_interface(1);
     store.make_interface(6);
@@ -167,7 +167,7 @@ TEST_F(Look, AnAddressThatAnotherHostHasIsSeen) {
     EXPECT_EQ(waited.status, 4);
 }
 
-TEST_F(Look, AStoreThatCannotBeReachedHasAStatusOfItsOwn) {
+TEST_F(Look, AnUnreachableStoreHasItsOwnExitStatus) {
     service.stop();
     EXPECT_TRUE(contains(run({"show"}).output, "- " + device.link_local("eth0")))
         << "the kernel's half is shown";
@@ -180,7 +180,7 @@ TEST_F(Look, AStoreThatCannotBeReachedHasAStatusOfItsOwn) {
     service.start();
 }
 
-TEST_F(Look, AWrongCommandLineHasAStatusOfItsOwn) {
+TEST_F(Look, AWrongCommandLineHasItsOwnExitStatus) {
     for (const std::vector<std::string> &line : {std::vector<std::string>{},
                                                  {"frobnicate"},
                                                  {"address", "add", "eth0"},
@@ -195,7 +195,7 @@ TEST_F(Look, AWrongCommandLineHasAStatusOfItsOwn) {
     EXPECT_TRUE(contains(help.output, "Examples:"));
 }
 
-TEST_F(Look, WatchTellsEveryChangeOfEitherSideAndEndsCleanly) {
+TEST_F(Look, WatchPrintsEveryChangeOfEitherSideAndExitsCleanly) {
     store.make_interface(1);
     start_daemon_and_wait();
     const auto watch = begin({"watch"});
@@ -231,7 +231,7 @@ TEST_F(Look, WatchOutlivesTheStore) {
     EXPECT_EQ(watch->wait_exit(), 0);
 }
 
-TEST_F(Look, WatchInJsonPrintsOneStateALine) {
+TEST_F(Look, WatchInJsonPrintsOneStatePerLine) {
     store.make_interface(1);
     const auto watch = begin({"watch", "--json", "eth0"});
     ASSERT_TRUE(becomes([&] { return watch->output().size() >= 1; }));
