@@ -191,11 +191,11 @@ std::vector<std::string> nodes_to_remove(const std::vector<place_t> &stored,
 
 // The path of the interface node given to `interface del`, and whether it contains settings that a
 // person stored.
-struct doomed_t {
+struct removal_t {
     std::string path;
     bool has_settings = false;
 };
-doomed_t find_interface(const store_view_t &store, const options_t &options) {
+removal_t find_interface(const store_view_t &store, const options_t &options) {
     for (const stored_interface_t &interface : store.interfaces) {
         const bool meant = options.node.empty()
                                ? interface.number != 0 && interface.link == options.link
@@ -203,13 +203,13 @@ doomed_t find_interface(const store_view_t &store, const options_t &options) {
         if (!meant) {
             continue;
         }
-        doomed_t doomed{std::string(paths::interfaces) + "/" + interface.node,
-                        interface.holds_more || interface.gateway || !interface.strange.empty()};
+        removal_t removal{std::string(paths::interfaces) + "/" + interface.node,
+                          interface.holds_more || interface.gateway || !interface.strange.empty()};
         for (const stored_address_t &stored : interface.addresses) {
-            doomed.has_settings =
-                doomed.has_settings || stored.fault || stored.address.type == type_static;
+            removal.has_settings =
+                removal.has_settings || stored.fault || stored.address.type == type_static;
         }
-        return doomed;
+        return removal;
     }
     throw refusal(options.node.empty()
                       ? "the store has no node for " + escaped(options.link)
@@ -329,12 +329,12 @@ int interface_delete(const options_t &options) {
     }
     client_t client;
     carry_out(client, options, [&](const store_view_t &store) {
-        const doomed_t doomed = find_interface(store, options);
-        if (doomed.has_settings && !options.force) {
-            throw refusal("'" + escaped(doomed.path) +
+        const removal_t removal = find_interface(store, options);
+        if (removal.has_settings && !options.force) {
+            throw refusal("'" + escaped(removal.path) +
                           "' contains settings that would be lost; use --force to remove them too");
         }
-        return step_t{{}, {doomed.path}};
+        return step_t{{}, {removal.path}};
     });
     if (!options.link.empty()) {
         std::fprintf(stderr,

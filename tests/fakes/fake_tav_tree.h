@@ -1,5 +1,5 @@
-// The tree behind the fake store client: named nodes and leaves with elements, listed in the order
-// of their creation. Paths begin with "/".
+// The tree of the fake store client: named nodes and leaves with elements, listed in the order of
+// their creation. Paths begin with "/".
 #pragma once
 
 #include <memory>

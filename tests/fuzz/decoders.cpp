@@ -89,7 +89,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     compare(&decode_routes, &reference::routes, copy, datagram);
     const wire::datagram_t received(copy.bytes(), copy.size());
     const dump_marks_t marks = read_dump_marks(received);
-    require(marks.ends_after_first == reference::ends_behind_first(datagram),
+    require(marks.ends_after_first == reference::ends_after_first(datagram),
             "the end of the dump differs");
     require(marks.incomplete == reference::incomplete(datagram),
             "the completeness of the dump differs");

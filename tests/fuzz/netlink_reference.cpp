@@ -191,7 +191,7 @@ int type(const std::string &datagram) {
     return static_cast<int>(u16(datagram, 4));
 }
 
-bool ends_behind_first(const std::string &datagram) {
+bool ends_after_first(const std::string &datagram) {
     bool ends = false;
     for (const std::size_t message : messages(datagram)) {
         ends = ends || (message > 0 && u16(datagram, message + 4) == 3);
@@ -217,9 +217,9 @@ std::string refusal(const std::string &datagram) {
     }
     // The request, cut at its own length. The first record is used, from whichever message it
     // comes.
-    const std::string behind = datagram.size() > 20 ? datagram.substr(20) : "";
+    const std::string content = datagram.size() > 20 ? datagram.substr(20) : "";
     const std::string request =
-        behind.substr(0, static_cast<std::size_t>(static_cast<std::uint32_t>(u32(behind, 0))));
+        content.substr(0, static_cast<std::size_t>(static_cast<std::uint32_t>(u32(content, 0))));
     const int kind = type(request);
     decoded_t decoded;
     std::string addr_text = addr_record(0, 0, 0, no_address);

@@ -16,7 +16,7 @@ decoded_t routes(const std::string &datagram);
 
 // The type of the first message.
 int type(const std::string &datagram);
-bool ends_behind_first(const std::string &datagram);
+bool ends_after_first(const std::string &datagram);
 bool incomplete(const std::string &datagram);
 // "none", or error, request and the two records of the refused request.
 std::string refusal(const std::string &datagram);

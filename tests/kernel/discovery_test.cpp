@@ -107,8 +107,8 @@ TEST_F(DiscoveryTest, ALargeTableWithASlowLogIsReadToItsEnd) {
     EXPECT_EQ(log().count_containing("Caught exception"), 0U);
 }
 
-// Adds and deletes addresses until it is told to stop, or the daemon has its list of addresses:
-// more would only fill the daemon's receive buffer.
+// Adds and deletes addresses until it is stopped, or the daemon has its list of addresses: more
+// would only fill the daemon's receive buffer.
 class Churn {
 public:
     Churn(kt::Kernel &kernel, const std::string &link, kt::LineLog &log)

@@ -91,7 +91,7 @@ protected:
     }
 
     // The edit's synchronisation comes before the backlog; returns once it has read the store.
-    void edit_behind_a_backlog(const std::function<void()> &edit) {
+    void edit_during_a_backlog(const std::function<void()> &edit) {
         from = log().size();
         meanwhile([&] {
             for (std::size_t i = 0; i < backlog; ++i) {
@@ -117,7 +117,7 @@ protected:
 TEST_F(LateReportTest, AGatewayChangedThereAndBackIsRestoredByTheKernelsLastReport) {
     store.set_gateway(1, "fe80::1");
     start_slow();
-    edit_behind_a_backlog([&] { store.set_gateway(1, "fe80::2"); });
+    edit_during_a_backlog([&] { store.set_gateway(1, "fe80::2"); });
     store.set_gateway(1, "fe80::1");
     expect_a_synchronisation_amid_the_backlog();
     ASSERT_TRUE(settle());
@@ -131,7 +131,7 @@ TEST_F(LateReportTest, AGatewayChangedThereAndBackIsRestoredByTheKernelsLastRepo
 TEST_F(LateReportTest, AGatewaySetAgainBeforeItsRemovalIsReportedIsLost) {
     store.set_gateway(1, "fe80::1");
     start_slow();
-    edit_behind_a_backlog([&] { store.remove_gateway(1); });
+    edit_during_a_backlog([&] { store.remove_gateway(1); });
     ASSERT_TRUE(becomes([&] { return store.gateway(1) == "fe80::1"; }));
     store.set_gateway(1, "fe80::1");
     ASSERT_TRUE(settle());
@@ -147,7 +147,7 @@ TEST_F(LateReportTest, AGatewaySetAgainBeforeItsRemovalIsReportedIsLost) {
 TEST_F(LateReportTest, AGatewayComesBackWithAnotherEditBeforeItsRemovalIsReported) {
     store.set_gateway(1, "fe80::1");
     start_slow();
-    edit_behind_a_backlog([&] { store.remove_gateway(1); });
+    edit_during_a_backlog([&] { store.remove_gateway(1); });
     ASSERT_TRUE(becomes([&] { return store.gateway(1) == "fe80::1"; }));
     store.set_address(1, "s", address);
     expect_a_synchronisation_amid_the_backlog();
@@ -166,7 +166,7 @@ TEST_F(LateReportTest, BesideAnotherGatewayOfEqualMetricItIsLostInTheStore) {
     store.set_gateway(2, "fe80::9");
     store.set_gateway(1, "fe80::1");
     start_slow();
-    edit_behind_a_backlog([&] { store.set_gateway(1, "fe80::2"); });
+    edit_during_a_backlog([&] { store.set_gateway(1, "fe80::2"); });
     store.set_gateway(1, "fe80::1");
     expect_a_synchronisation_amid_the_backlog();
     ASSERT_TRUE(settle());

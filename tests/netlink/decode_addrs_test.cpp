@@ -118,8 +118,8 @@ TEST_F(DecodeAddrs, SixteenBytesAreCopiedForAnyAttributeLength) {
                                      .attribute(99, addr("2001:db8::1")));
     ASSERT_EQ(follows.size(), 1U);
     bytes_t wanted(4);
-    const rtattr behind{20, 99};
-    std::memcpy(wanted.data(), &behind, 4);
+    const rtattr following{20, 99};
+    std::memcpy(wanted.data(), &following, 4);
     const bytes_t more = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0};
     wanted.insert(wanted.end(), more.begin(), more.end());
     EXPECT_EQ(std::memcmp(&follows[0].addr, wanted.data(), 16), 0);

@@ -139,10 +139,10 @@ TEST_F(Refusal, WithoutTheRequestInsideGivesNoRecord) {
 }
 
 TEST_F(Refusal, IsReadFromTheFirstMessageOnly) {
-    bytes_t behind = datagram_t().address(RTM_NEWADDR, 2, "2001:db8::1", 64);
+    bytes_t second = datagram_t().address(RTM_NEWADDR, 2, "2001:db8::1", 64);
     const bytes_t error = datagram_t().error(-ENETDOWN, route_request(true));
-    behind.insert(behind.end(), error.begin(), error.end());
-    EXPECT_FALSE(decoded(behind));
+    second.insert(second.end(), error.begin(), error.end());
+    EXPECT_FALSE(decoded(second));
     EXPECT_FALSE(decoded(datagram_t().done(-1)));
     EXPECT_FALSE(decoded({}));
 }
@@ -173,10 +173,10 @@ TEST_F(Refusal, DoesNotReadAttributesAfterTheRequestAsTheRequests) {
     expect_addr(route->route.dst, "::");
 }
 
-// A refused request with only `size` zeros as its family header, followed by `behind`.
-bytes_t refusal_followed_by(int type, std::size_t size, const bytes_t &behind) {
+// A refused request with only `size` zeros as its family header, followed by `rest`.
+bytes_t refusal_followed_by(int type, std::size_t size, const bytes_t &rest) {
     bytes_t all = datagram_t().error(-EEXIST, {type, 0, bytes_t(size, 0)});
-    all.insert(all.end(), behind.begin(), behind.end());
+    all.insert(all.end(), rest.begin(), rest.end());
     return all;
 }
 

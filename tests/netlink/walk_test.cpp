@@ -285,9 +285,9 @@ TEST_P(Walk, AnEnormousLengthStillCoversTheMessagesAttributes) {
     for (const std::uint32_t length : {0x7ffffff0U, 0x7ffffffdU, 0x7fffffffU, 0x80000000U,
                                        0x80000001U, 0xfffffff0U, 0xfffffffdU, 0xffffffffU}) {
         EXPECT_EQ(decode(one().set_message_length(length)), decode(one())) << length;
-        datagram_t behind = one().set_message_length(length);
-        GetParam().append(behind, 3);
-        const auto found = decode(behind);
+        datagram_t followed = one().set_message_length(length);
+        GetParam().append(followed, 3);
+        const auto found = decode(followed);
         ASSERT_EQ(found.size(), 1U) << length;
         EXPECT_NE(found[0], GetParam().skipped) << length;
     }

@@ -85,7 +85,7 @@ protected:
 
     static void expect_an_orderly_end(const WholeDaemon::end_t &end, std::size_t signalled_at,
                                       std::size_t signals) {
-        SCOPED_TRACE("signal behind: " + journal::entries().at(signalled_at - 1));
+        SCOPED_TRACE("signal after: " + journal::entries().at(signalled_at - 1));
         EXPECT_EQ(end.how, "returned");
         EXPECT_EQ(end.status, 0);
         EXPECT_EQ(journal::count("write(81, 0)"), signals);

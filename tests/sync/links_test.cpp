@@ -155,7 +155,7 @@ TEST_F(Links, AFailingSynchronisationLeavesTheLinkInTheTable) {
     fake_tav::on_call("list_node").returns(-1);
     EXPECT_THROW(announce(added, {kern_link(2, "eth0"), kern_link(3, "eth1")}), sync_err);
     EXPECT_EQ(engine().interfaces.count(2), 1U);
-    EXPECT_EQ(engine().interfaces.count(3), 0U) << "the links behind it are not processed";
+    EXPECT_EQ(engine().interfaces.count(3), 0U) << "the links after it are not processed";
     EXPECT_EQ(captured::log_count("Info: ADDING link [2]: eth0 : 02:00:00:00:00:01"), 0U);
 }
 

@@ -1,5 +1,6 @@
 // One client's two connections to the service: the calls with their time limit, and the wake-up
-// connection behind the descriptor. No threads, no signals; every descriptor is close-on-exec.
+// connection, whose end is the descriptor. No threads, no signals; every descriptor is
+// close-on-exec.
 #ifndef TAV_CLIENT_CONNECTION_H
 #define TAV_CLIENT_CONNECTION_H
 
@@ -40,9 +41,9 @@ public:
     TAV_EXPORT bool exchange(Op op, Writer &request, std::string_view &reply);
     // Ends the connection because of an invalid reply.
     TAV_EXPORT void malformed();
-    // Tells the service that the client is alive. There is no reply, and no wait for one, except
-    // when a wake-up that the program ignores must be acknowledged. False when the connection is
-    // lost, also because the service did not take the last ping within the time limit.
+    // Pings the service. There is no reply, and no wait for one, except when a wake-up that the
+    // program ignores must be acknowledged. False when the connection is lost, also because the
+    // service did not take the last ping within the time limit.
     TAV_EXPORT bool ping();
     // Whether this client has announced a watchdog to the service; decides the answer to a ping.
     bool has_watchdog = false;

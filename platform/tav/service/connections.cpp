@@ -190,7 +190,7 @@ void Server::limit_held_bytes() {
     dismiss(most->second.client, api_status_refused, "too much data was waiting for this client");
 }
 
-// Ends a connection, and tells the client why if it can be told.
+// Ends a connection, and sends the client the reason if possible.
 void Server::dismiss(PeerId id, api_status_t status, const char *reason) {
     const auto found = peers.find(id);
     if (found == peers.end()) {

@@ -177,7 +177,7 @@ bool Server::serve(PeerId id) {
 
 // Carries out one request, if there is one. Further requests wait for the client's next turn,
 // except one after a ping, which costs almost nothing.
-bool Server::serve_request(PeerId id, Peer &peer, bool behind_ping) {
+bool Server::serve_request(PeerId id, Peer &peer, bool after_ping) {
     std::string_view body;
     const FrameState state = peer.request(body);
     // A first frame is short: do not keep more from a connection that has not identified itself.
@@ -203,7 +203,7 @@ bool Server::serve_request(PeerId id, Peer &peer, bool behind_ping) {
         // One reply at a time: no further request is read until this one has been sent.
         watch(peer.fd(), id, EPOLLOUT, EPOLL_CTL_MOD);
         limit_held_bytes();
-    } else if (!answered && !behind_ping) {
+    } else if (!answered && !after_ping) {
         serve_request(id, peer, true);
     } else if (peer.has_request()) {
         peer.waiting = true;

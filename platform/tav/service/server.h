@@ -58,7 +58,7 @@ private:
     bool has_had_share(Peer &peer) const;
     bool serve_safely(PeerId id);
     bool serve(PeerId id);
-    bool serve_request(PeerId id, Peer &peer, bool behind_ping);
+    bool serve_request(PeerId id, Peer &peer, bool after_ping);
     bool handle(PeerId id, Peer &peer, std::string_view body);
     void wake_clients();
     std::optional<Time> next_timer() const;

@@ -36,7 +36,7 @@ public:
     pid_t pid() const { return id; }
     bool running();
     void signal(int number) const;
-    // SIGSTOP, and waits until the process really stands still; SIGCONT.
+    // SIGSTOP, and waits until the process is really stopped; SIGCONT.
     void freeze() const;
     void thaw() const { signal(SIGCONT); }
 

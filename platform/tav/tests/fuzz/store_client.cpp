@@ -29,7 +29,7 @@ constexpr int standin_fd = 100003;
 // One reply from the input.
 struct reply_t {
     bool well_formed = true; // its content is put into a frame with the right serial number
-    bool drain = false;      // the header says that a wake-up byte is to be taken
+    bool drain = false;      // the header says that a wake-up byte must be read
     std::string wake;        // bytes on the wake-up connection by then
     std::string bytes;       // the content, or all bytes of the reply
 };
@@ -207,15 +207,15 @@ const char *const failure = "failed";
 struct client_t {
     bool lost = false;
     bool has_watchdog = false;
-    bool found = false; // the last ping found a wake-up byte, and there was no fetch since
-    std::string behind; // arrived after the last reply
+    bool found = false;    // the last ping found a wake-up byte, and there was no fetch since
+    std::string remainder; // arrived after the last reply
 };
 
 // Removes the first frame from the received bytes; the bytes after it precede the next reply.
 void take_frame(client_t &client, const std::string &bytes) {
     const std::size_t frame =
         bytes.size() < 4 ? bytes.size() : 4 + std::size_t{number_at(bytes, 0)};
-    client.behind = bytes.substr(std::min(frame, bytes.size()));
+    client.remainder = bytes.substr(std::min(frame, bytes.size()));
 }
 
 // The content of the reply that the library must see; empty if the connection is lost.
@@ -431,7 +431,7 @@ void check_call(toolkit::CTav &tav, call_t which, const reply_t &reply, client_t
     std::string content;
     bool there = false;
     if (answered) {
-        const std::string bytes = client.behind + frame_of(reply, service().serial);
+        const std::string bytes = client.remainder + frame_of(reply, service().serial);
         there = content_of(reply, bytes, service().serial, wake_before, content);
         take_frame(client, bytes);
     }
