@@ -23,10 +23,10 @@ expect "a socket of another family is refused" not "$build/tests/package/confine
     packaging/systemd/tandrel.service /usr/bin/env bash -c ': </dev/tcp/127.0.0.1/1'
 # Tests that cannot pass under the restrictions, and why. Each is run anyway and must fail, so that
 # the list is no longer than necessary.
-scheduling='-n and -r take rights that scheduling.conf grants'
-user_right='-u takes CAP_SETUID, which the unit never gives: it has a user of its own'
+scheduling='-n and -r need privileges that scheduling.conf grants'
+user_right='-u needs CAP_SETUID, which the unit never gives: it has its own user'
 declare -A left_out=(
-    [TheUsageTextIsPrintedToTheLetter]='the text bears the path by which the test starts the program'
+    [TheUsageTextIsPrintedToTheLetter]='the text contains the path by which the test starts the program'
     [APriorityIsAppliedToTheProcess]=$scheduling
     [TheLastSchedulingPolicyWins]=$scheduling
     [PriorityAndPolicyAreSetBeforeThePrivilegesAreGivenUp]="$scheduling; $user_right"
@@ -37,7 +37,7 @@ declare -A left_out=(
 one_test() { (cd "$build" && ctest --output-on-failure --no-tests=error -R "^kernel\.CommandLineTest\.$1\$"); }
 fails() { one_test "$1" | grep '^0% tests passed, 1 tests failed'; }
 for name in "${!left_out[@]}"; do
-    expect "left out: $name (${left_out[$name]})" fails "$name"
+    expect "omitted: $name (${left_out[$name]})" fails "$name"
 done
 # With the drop-in they are in force. A drop-in is read after its unit.
 cat "$units/tandrel.service" "$units/scheduling.conf" >"$wrappers/granted.unit"
