@@ -105,7 +105,7 @@ watch_on_a_terminal() {
 
 chapter=0
 log_mark=0
-tell() {
+headline() {
     chapter=$((chapter + 1))
     printf '\n%s%d. %s%s\n' "$bold" "$chapter" "$*" "$plain"
     log_mark=$(wc -l <"$dir/tandrel.log" 2>/dev/null || echo 0)
@@ -186,7 +186,7 @@ start_daemon() {
 }
 
 printf '%sA kernel, a settings store, and tandrel between them%s\n' "$bold" "$plain"
-printf 'A network namespace holds the link eth0; behind it a router advertises 2001:db8:1::/64.\n'
+printf 'A network namespace contains the link eth0; a router on that link advertises 2001:db8:1::/64.\n'
 printf '%sIn the commands below: A="%s"%s\n' "$dim" "$addresses" "$plain"
 printf '%s                       G="%s"%s\n' "$dim" "$gateway" "$plain"
 : >"$dir/tandrel.log"
@@ -195,7 +195,7 @@ start_store
 expect 5 "The settings store runs (tavd), empty." store_answers
 [ "$DEMO_SHOW" = no ] || start_watch
 
-tell "The kernel configures itself; the store learns it."
+headline "The kernel configures itself; its addresses are stored."
 both_views before
 do_it tav mknode "$interface"
 printf ' $ tandrel -d -D 3 &\n'
@@ -210,7 +210,7 @@ expect 10 "The store holds both, with their types." automatic
 both_views after
 daemon_said 'ADDING addr'
 
-tell "A Static address is set in the store; it appears in the kernel."
+headline "A Static address is set in the store; it appears in the kernel."
 both_views before
 do_it tav set "$addresses/office/Address/Value" 2001:db8:2::5/64 \
     "$addresses/office/Type/Value" Static
@@ -218,7 +218,7 @@ expect 5 "The kernel has 2001:db8:2::5/64 on eth0." kernel_has 2001:db8:2::5/64
 both_views after
 daemon_said 'Processing TAV event|ADDING addr'
 
-tell "The gateway likewise, then changed."
+headline "A gateway is set in the same way, then changed."
 both_views before
 do_it tav set "$gateway/Value" fe80::1
 gateway_is() { [ "$(kernel_gateway)" = "$1" ] && [ "$(store_gateway)" = "$1" ]; }
@@ -229,14 +229,14 @@ expect 5 "Now via fe80::2, and fe80::1 is gone." gateway_is fe80::2
 both_views after
 daemon_said 'overriding|route \['
 
-tell "An address is deleted in the kernel; it leaves the store."
+headline "An address is deleted in the kernel; it is removed from the store."
 both_views before
 do_it ip address del 2001:db8:2::5/64 dev eth0
 expect 5 "The store has forgotten 2001:db8:2::5/64." not store_has 2001:db8:2::5/64
 both_views after
 daemon_said 'REMOVING addr'
 
-tell "The store service is killed and comes back; the daemon recovers."
+headline "The store service is killed and comes back; the daemon recovers."
 both_views before
 printf ' $ kill -KILL <tavd>\n'
 # Suppresses bash's own message about it.
@@ -254,7 +254,7 @@ both_views after
 daemon_said 'Caught exception|beginning normal operation'
 
 if [ "$DEMO_SHOW" = yes ]; then
-    tell "An address comes and goes, and a terminal shows it."
+    headline "An address is added and removed, and a terminal shows it."
     watch_on_a_terminal
 fi
 if [ "$DEMO_STAY" = yes ]; then
@@ -273,7 +273,7 @@ TEXT
     PS1='demo# ' bash --norc -i
 fi
 
-tell "The daemon is stopped."
+headline "The daemon is stopped."
 both_views before
 printf ' $ kill -TERM <tandrel>\n'
 kill -TERM "$daemon" 2>/dev/null
