@@ -107,7 +107,7 @@ void measure_wake_up(subject_t &subject, int samples) {
         const time_point begin = clock_type::now();
         writer->write(1, text_of(1, ++subject.turn));
         if (poll(&told, 1, 10000) != 1) {
-            throw std::runtime_error(subject.name + " does not tell of a change");
+            throw std::runtime_error(subject.name + " does not report a change");
         }
         times.push_back(seconds_between(begin, clock_type::now()));
     }

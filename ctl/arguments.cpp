@@ -199,9 +199,8 @@ private:
         add_link(sub);
         sub->add_option("ADDRESS[/LENGTH]", request.options.address, "Such as 2001:db8::5")
             ->type_name("");
-        sub->add_option(
-               "--node", request.options.node,
-               "Remove the node with this name, whatever it contains, instead of an address")
+        sub->add_option("--node", request.options.node,
+                        "Remove the node with this name, with any content, instead of an address")
             ->type_name("NAME");
         sub->add_flag(
             "--force", request.options.force,

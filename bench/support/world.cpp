@@ -65,7 +65,7 @@ std::uint64_t Tavd::session_of(pid_t wanted) {
     const int result = tav::service_status(connection, status);
     mlr_close(connection);
     if (result != 0) {
-        throw std::runtime_error("tavd does not tell its status");
+        throw std::runtime_error("tavd does not report its status");
     }
     const auto number = static_cast<std::uint32_t>(wanted == -1 ? getpid() : wanted);
     std::uint64_t newest = 0;

@@ -40,7 +40,7 @@ TEST_F(Compare, AnAddressOfAnotherTypeIsNoMatch) {
     store("1", "fe80::5/64", "Automatic");
     EXPECT_EQ(marks(), "! ");
     store("1", "fe80::5/64", "Static");
-    EXPECT_EQ(marks(), "= ") << "whatever is Static is as the user said";
+    EXPECT_EQ(marks(), "= ") << "a Static address is the user's";
 }
 
 TEST_F(Compare, TheStoredGatewayIsPairedWithItsStaticRoute) {

@@ -55,7 +55,7 @@ long number(const std::string &text, long least) {
         used = 0;
     }
     if (used == 0 || used != text.size() || value < least) {
-        throw std::invalid_argument("fault plan: '" + text + "' is no number, or too small");
+        throw std::invalid_argument("fault plan: '" + text + "' is not a number, or is too small");
     }
     return value;
 }

@@ -38,7 +38,7 @@ BATCH = """
 
 
 def split_end(datagram):
-    """The datagram without its NLMSG_DONE, and that alone; nothing when it holds none behind."""
+    """The datagram without its NLMSG_DONE, and the NLMSG_DONE; empty if none follows a record."""
     at = 0
     while at + 16 <= len(datagram):
         length, kind = struct.unpack_from("=IH", datagram, at)

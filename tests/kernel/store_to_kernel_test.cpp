@@ -198,7 +198,7 @@ TEST_F(StoreToKernelTest, EachInterfaceGetsItsOwn) {
     EXPECT_TRUE(becomes(
         [&] { return device.static_gateways("eth1") == std::vector<std::string>{"fe80::1"}; }));
     EXPECT_TRUE(device.static_gateways("eth0").empty());
-    EXPECT_EQ(store.node_of(7, "2001:db8::7/64"), "1") << "left alone";
+    EXPECT_EQ(store.node_of(7, "2001:db8::7/64"), "1") << "ignored";
     EXPECT_FALSE(store.gateway(1));
     EXPECT_TRUE(logged("Info: Synchronizing kernel interface (" + index +
                        ") with TAV interface "

@@ -22,7 +22,7 @@ for tool in ctl/tandrelctl platform/tav/tav; do
     done
 done
 for library in libtav.so libtav++.so; do
-    [ -e "$build/platform/tav/$library.$version" ] || fail "$library does not bear the version"
+    [ -e "$build/platform/tav/$library.$version" ] || fail "$library does not have the version"
 done
 
 # With a point before or after it, it is another number.

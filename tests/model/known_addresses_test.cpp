@@ -142,7 +142,7 @@ TEST_F(KnownBehaviourTest, ALinkThatIsRenamedOutOfThePrefixAndRemovedIsNeverForg
     add_eth(0);
     ASSERT_TRUE(settle());
     synchronise();
-    EXPECT_FALSE(device.has_address("eth0", address)) << "the old link still bears the name";
+    EXPECT_FALSE(device.has_address("eth0", address)) << "the old link still has the name";
     EXPECT_EQ(stop_daemon(), 0);
     start();
     EXPECT_TRUE(becomes([&] { return both_have(1, address); }));

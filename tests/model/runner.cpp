@@ -256,7 +256,7 @@ void Runner::check_agreement(const KernelModel &kernel, const StoreModel &store)
             }
             if (times == 0 || (times - by_user > 1)) {
                 report(address.text + " of interface " + std::to_string(stored.number) +
-                       " stands in the store " + std::to_string(times) + " times");
+                       " is in the store " + std::to_string(times) + " times");
             }
         }
         for (const auto &one : stored.addresses) {

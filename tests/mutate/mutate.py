@@ -149,8 +149,8 @@ class Build:
         return self.objects / (str(source).replace('/', '_') + '.o')
 
     def link_command(self, output, replaced):
-        """`replaced`: object by source. The changed objects stand first, so that of an inline
-        function that several objects carry theirs is taken."""
+        """`replaced`: object by source. The changed objects come first, so that the linker
+        uses their copies of inline functions."""
         words, first = list(self.link), []
         for source, words_of in self.compile.items():
             original = str(self.directory / words_of[words_of.index('-o') + 1])

@@ -1,6 +1,6 @@
 """The places of a C++ source text that can be changed, and what each is changed into.
 
-Works on tokens and relies on the format that clang-format gives the sources: a comparison stands
+Works on tokens and relies on the format that clang-format gives the sources: a comparison is
 between blanks, a template's angle brackets do not.
 """
 
@@ -129,7 +129,7 @@ class _Frame:
 
 
 def _brace_kind(statement):
-    """What a brace behind these tokens opens."""
+    """What a brace after these tokens opens."""
     if not statement:
         return 'block'
     words = [token.text for token in statement]

@@ -253,7 +253,7 @@ TEST_F(EventLoop, WithoutAnExitPipeTheExitFlagIsLookedAtAfterEachWait) {
 TEST_F(EventLoop, TheLowestDescriptorIsWaitedForLikeAnyOther) {
     exit_pipe[0] = 0;
     os.select.timeout([] { exit_requested = 1; });
-    EXPECT_EQ(listen_once(), 0) << "the byte tells, not the flag";
+    EXPECT_EQ(listen_once(), 0) << "the byte decides, not the flag";
     os.select.ready({0}, [] { exit_requested = 1; });
     EXPECT_EQ(listen_once(), 1);
     EXPECT_EQ(os.select.calls().back().reading, (std::vector<int>{0, store_fd, netlink_fd}));

@@ -58,7 +58,7 @@ TEST(InterfaceNumbers, AreWholeDecimalNumbersGreaterThanZero) {
     EXPECT_EQ(positive_number("1"), 1);
     EXPECT_EQ(positive_number("42"), 42);
     EXPECT_EQ(positive_number("01"), 1);
-    EXPECT_EQ(positive_number(" 1"), 1) << "leading blanks are passed over";
+    EXPECT_EQ(positive_number(" 1"), 1) << "leading blanks are skipped";
     EXPECT_EQ(positive_number("+1"), 1);
     for (const char *other : {"", "0", "-1", "x", "1a", "01x", "1 ", "0x1", "1.0", "eth0", "-"}) {
         EXPECT_EQ(positive_number(other), 0) << '"' << other << '"';

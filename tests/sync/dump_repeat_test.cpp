@@ -73,7 +73,7 @@ TEST_F(DumpRepeat, AMarkInTheMiddleOfADatagramRequestsARepeat) {
                 .link(16, 5, "eth2", {2, 0, 0, 0, 0, 1}, multi)
                 .done());
     EXPECT_EQ(engine().state, 1);
-    EXPECT_EQ(engine().interfaces.size(), 3U) << "what came is kept all the same";
+    EXPECT_EQ(engine().interfaces.size(), 3U) << "the received records are kept";
 }
 
 TEST_F(DumpRepeat, AnEndAfterTheLastRecordRequestsARepeatToo) {

@@ -163,7 +163,7 @@ TEST_F(LimitsTest, AClientThatDoesNotConnectCompletelyIsDisconnected) {
     EXPECT_EQ(silent.farewell(), "the client did not connect in time");
     EXPECT_EQ(half.farewell(), "the client did not connect in time");
     EXPECT_EQ(shown("milliseconds to connect").refused, 2U);
-    EXPECT_EQ(good->set("/a", "1"), api_status_ok) << "whoever connected stays";
+    EXPECT_EQ(good->set("/a", "1"), api_status_ok) << "existing connections are kept";
 }
 
 TEST_F(LimitsTest, AStrangerCannotMakeTheServiceHoldALargeFirstFrame) {

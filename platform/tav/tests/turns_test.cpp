@@ -123,7 +123,7 @@ TEST_F(TurnsTest, AClientThatIsAloneIsServedBeyondItsShare) {
         use_up_share(*first);
     }
     EXPECT_EQ(rate().refused, 0U);
-    EXPECT_EQ(rate().used, 3U * limits::requests_per_second) << "the clock stands still";
+    EXPECT_EQ(rate().used, 3U * limits::requests_per_second) << "the clock does not move";
 }
 
 TEST_F(TurnsTest, AClientThatHasUsedItsShareComesAfterAllOthers) {

@@ -94,7 +94,7 @@ TEST_F(WakeTest, WithoutANewEventNothingFollowsAnAcknowledgement) {
     wake.acknowledge(now);
     EXPECT_EQ(wait(), -1);
     wake.ping(now);
-    EXPECT_EQ(wait(), -1) << "a ping is no request";
+    EXPECT_EQ(wait(), -1) << "a ping is not a request";
 }
 
 TEST_F(WakeTest, ARequestSignalsUnfetchedEventsAgain) {

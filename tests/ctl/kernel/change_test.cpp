@@ -39,7 +39,7 @@ TEST_F(Change, AFailedWaitSaysWhy) {
     EXPECT_TRUE(
         contains(refused.errors, "no network of eth0 contains it, so the kernel refuses it"))
         << refused.errors;
-    EXPECT_EQ(store.gateway(1), "2001:db8:dead::1") << "stored all the same";
+    EXPECT_EQ(store.gateway(1), "2001:db8:dead::1") << "it is still stored";
 
     const auto start = kt::clock_type::now();
     const result_t absent = run({"address", "add", "eth5", "2001:db8::5/64", "--wait=3600"});
@@ -77,7 +77,7 @@ TEST_F(Change, ANewInterfaceNodeIsSynchronisedAtOnce) {
     EXPECT_EQ(run({"interface", "list"}).output, "1\teth0\tsynchronised\n");
     const result_t deleted = run({"interface", "del", "eth0"});
     EXPECT_EQ(deleted.status, 0) << deleted.errors;
-    EXPECT_TRUE(contains(deleted.errors, "eth0 is not synchronised any more"));
+    EXPECT_TRUE(contains(deleted.errors, "eth0 is no longer synchronised"));
     EXPECT_TRUE(store.list(kt::paths::interfaces).empty() || !in_step());
 }
 
@@ -88,11 +88,11 @@ TEST_F(Change, ANodeThatStopsTheDaemonIsFoundAndRemoved) {
     start_daemon();
     const result_t checked = run({"check"});
     EXPECT_EQ(checked.status, 1);
-    EXPECT_TRUE(contains(checked.output, "store: the interface node 'wan port' is not named by a "
-                                         "number"))
+    EXPECT_TRUE(contains(checked.output, "store: the name of the interface node 'wan port' is not "
+                                         "a number"))
         << checked.output;
     EXPECT_TRUE(contains(checked.output, "    -> tandrelctl interface del --node 'wan port'\n"));
-    EXPECT_EQ(run({"interface", "del", "--node", "wan port"}).status, 1) << "settings stand in it";
+    EXPECT_EQ(run({"interface", "del", "--node", "wan port"}).status, 1) << "it contains settings";
     done({"interface", "del", "--node", "wan port", "--force"});
     EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::5/64"); }));
     EXPECT_TRUE(becomes([&] { return in_step(); })) << run({"check"}).output;

@@ -141,7 +141,8 @@ bool answers(tav::Op op, const tav::Reader &in) {
 
 void check_reply(const std::string &request, const std::string &frame) {
     const std::vector<std::string> reply = bodies(frame);
-    require(reply.size() == 1 && frame.size() == reply[0].size() + 4, "a reply is no one frame");
+    require(reply.size() == 1 && frame.size() == reply[0].size() + 4,
+            "a reply is not exactly one frame");
     tav::Reader in(reply[0]);
     require(in.u32() == number_at(request, 1), "a reply with another serial number");
     require(in.u8() <= 1, "a reply with a strange header");
@@ -160,12 +161,12 @@ void check_tree(const tav::Store &store) {
         require(page.status == api_status_ok, "the root cannot be dumped");
         for (const tav::DumpElement &element : page.elements) {
             const std::string &path = element.path;
-            require(tav::check_path(path) == api_status_ok, "a path that is none");
+            require(tav::check_path(path) == api_status_ok, "an invalid path");
             const std::string parent = path.substr(0, std::max<std::size_t>(path.rfind('/'), 1));
             require(path == "/" || nodes.count(parent) == 1, "an element without its parent");
             const bool is_node = element.value.type == element_type_node;
             require(is_node || tav::check_value(element.value) == api_status_ok,
-                    "a value that is none");
+                    "an invalid value");
             require((is_node ? nodes : leaves).insert(path).second, "an element twice");
         }
     } while (page.more);
