@@ -110,9 +110,13 @@ TEST_F(RaceTest, APrefixLengthCorrectedThereAndBackEndsAsTheUserSaid) {
     correct_the_prefix_length_there_and_back();
 }
 
+// Unless the daemon is so late that the next synchronisation begins before it has read the kernel's
+// report: the gateway is then restored, as tandrel(8) says. Such rounds show nothing.
 TEST_F(RaceTest, AGatewayRemovedJustBeforeAnotherEditStaysAway) {
     int lost = 0;
+    int late = 0;
     for (int i = 0; i < rounds; ++i) {
+        const std::size_t from = log().size();
         const std::string other = "2001:db8::" + std::to_string(100 + i) + "/64";
         store.remove_gateway(1);
         one_millisecond();
@@ -122,12 +126,20 @@ TEST_F(RaceTest, AGatewayRemovedJustBeforeAnotherEditStaysAway) {
             return !store.gateway(1) && device.static_gateways("eth0").empty() &&
                    both_have(1, other);
         });
-        lost += right ? 0 : 1;
+        const long removed = log().find("Info: Removing existing static route", from);
+        ASSERT_GE(removed, 0);
+        const auto after = static_cast<std::size_t>(removed);
+        const long reported = log().find_containing(" ::/0 : gw = fe80::1 (4)", after);
+        const long next = log().find_containing("Info: Synchronizing kernel interface", after);
+        const bool in_time = reported >= 0 && (next < 0 || reported < next);
+        late += in_time ? 0 : 1;
+        lost += right || !in_time ? 0 : 1;
         store.set_gateway(1, "fe80::1");
         ASSERT_TRUE(quiet());
         ASSERT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
         ASSERT_EQ(store.gateway(1), "fe80::1");
     }
+    EXPECT_LT(late, rounds / 2) << "too slow to show anything";
     report(lost);
 }
 

@@ -1,5 +1,6 @@
 // Reading one datagram and classifying it by its first message.
 #include "netlink/channel.h"
+#include "netlink/wire.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -123,6 +124,16 @@ TEST_F(Recv, EarlierBufferIsFreedOnceAndOnlyAfterANewDatagramWasRead) {
     recv_of(datagram_t().done());
     EXPECT_EQ(journal::entries(), (std::vector<std::string>{"nl_recv()", "free(watched)"}));
     EXPECT_EQ(length, 20);
+}
+
+TEST_F(Recv, AnOwnedDatagramIsFreedWithItsOwner) {
+    fake_libnl::queue_datagram(datagram_t().done());
+    {
+        wire::owned_datagram_t owner;
+        EXPECT_EQ(channel.recv(owner.bytes, owner.length), 1);
+        fake_os::watch_free(owner.bytes);
+    }
+    EXPECT_EQ(journal::count("free(watched)"), 1U);
 }
 
 TEST_F(Recv, BufferIsReplacedAlsoByAnErrorMessage) {

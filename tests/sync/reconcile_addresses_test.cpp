@@ -307,6 +307,7 @@ protected:
 TEST_F(SyncAddressesThatComeBack, StayWhenTheirDeletionIsReported) {
     report_deletion();
     EXPECT_EQ(changes(), strings{});
+    EXPECT_TRUE(entry(3).deletions.empty());
     EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static office"});
 }
 
@@ -400,6 +401,23 @@ TEST_F(SyncAddressesThatComeBack, KeepTheLengthOfEachEqualEntryWhenAnEarlierOneI
     receive(fake_libnl::datagram_t().address(20, 3, "2001:db8::5", 64, 0));
     EXPECT_EQ(changes(), strings{});
     EXPECT_EQ(table(3), before);
+}
+
+TEST_F(SyncAddressesThatComeBack, AreNotAddedOnceMoreByTheNextSynchronisation) {
+    synchronise();
+    EXPECT_EQ(changes(), strings{});
+}
+
+// Removed a second time, and announced only then: the first report concerns the first removal.
+TEST_F(SyncAddressesThatComeBack, AreAnnouncedUntilTheirLastDeletionIsReported) {
+    fake_tav::erase(at("1/IPv6/Addresses/office"));
+    synchronise();
+    receive(fake_libnl::datagram_t().address(20, 3, "2001:db8::5", 64, 0));
+    report_deletion();
+    EXPECT_EQ(table(3), strings{"2001:db8::5/64 Automatic 1"});
+    report_deletion();
+    EXPECT_EQ(table(3), strings{});
+    EXPECT_TRUE(entry(3).deletions.empty());
 }
 
 TEST_F(SyncAddressesThatComeBack, AreForgottenWithTheirLink) {
