@@ -207,10 +207,10 @@ TEST_F(Reasons, TheStoreHasNoNodeForALink) {
 
 TEST_F(Reasons, ALinkIsDown) {
     kernel.links[0].up = kernel.links[0].carrier = false;
-    expect(
-        reason_t::link_down,
-        "the link is down: the kernel does not use its addresses and accepts no gateway",
-        "ip link set eth0 up; tandrel(8), CAVEATS, says how to keep settings while a link is down");
+    expect(reason_t::link_down,
+           "the link is down: the kernel does not use its addresses and accepts no gateway",
+           "ip link set eth0 up; tandrel(8), CAVEATS, says how to keep settings while a link is "
+           "down");
 }
 
 // --- stored addresses that are skipped ---
