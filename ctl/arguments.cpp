@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "ctl/text.h"
-#include "platform/tav/tool/help.h"
+#include "terminal/help.h"
 
 #ifndef TANDREL_VERSION
 #error "the build gives the version"
@@ -32,7 +32,10 @@ class parser_t {
 public:
     parser_t() {
         app.require_subcommand(1);
-        app.formatter(std::make_shared<tav::tool::HelpFormatter>());
+        app.formatter(std::make_shared<tav::terminal::HelpFormatter>());
+        app.failure_message([](const CLI::App *, const CLI::Error &error) {
+            return shown(error.what()) + "\nRun with --help for more information.\n";
+        });
         app.footer(ending);
         app.set_version_flag("-V,--version", "tandrelctl " TANDREL_VERSION);
         app.add_option("-i,--interface-prefix", request.options.prefix,
@@ -68,7 +71,8 @@ public:
             request.options.patience = std::stod(patience);
         }
         if (colour != "auto") {
-            request.options.colour = colour == "always" ? colour_t::always : colour_t::never;
+            request.options.colour =
+                colour == "always" ? tav::terminal::Color::always : tav::terminal::Color::never;
         }
         return std::move(request);
     }
@@ -80,7 +84,7 @@ private:
         if (app.get_subcommands().empty()) {
             const std::string what = words.empty()
                                          ? "a command is missing"
-                                         : "'" + escaped(words.front()) + "' is not a command";
+                                         : "'" + shown(words.front()) + "' is not a command";
             std::cerr << "tandrelctl: " << what << "; 'tandrelctl --help' lists the commands\n";
             return exit_usage;
         }

@@ -69,7 +69,7 @@ void carry_out(client_t &client, const options_t &options,
             return;
         }
     }
-    throw refusal("the store refused to change '" + escaped(outcome.refused_path) + "' (status " +
+    throw refusal("the store refused to change '" + shown(outcome.refused_path) + "' (status " +
                   std::to_string(outcome.status) + "); try again");
 }
 

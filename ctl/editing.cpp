@@ -16,8 +16,8 @@ namespace {
 long number_of(const options_t &options) {
     const long number = interface_number(options.link, options.prefix);
     if (number == 0) {
-        throw refusal("'" + escaped(options.link) + "' cannot have a store interface; only " +
-                          options.prefix + "0, " + options.prefix +
+        throw refusal("'" + shown(options.link) + "' cannot have a store interface; only " +
+                          shown(options.prefix) + "0, " + shown(options.prefix) +
                           "1 and so on can (use -i for another prefix)",
                       exit_usage);
     }
@@ -28,11 +28,11 @@ long number_of(const options_t &options) {
 CAddress parse_address(const options_t &options) {
     CAddress address;
     if (const auto fault = convert_address(options.address, address)) {
-        const std::string text = "'" + escaped(options.address) + "'";
+        const std::string text = "'" + shown(options.address) + "'";
         switch (fault->reason) {
         case reason_t::address_without_prefix:
             throw refusal(text + " has no prefix length; write for example " +
-                              escaped(options.address) + "/64",
+                              shown(options.address) + "/64",
                           exit_usage);
         case reason_t::address_bad_prefix:
             throw refusal("the prefix length of " + text + " is not a number from 1 to 128",
@@ -42,8 +42,7 @@ CAddress parse_address(const options_t &options) {
         }
     }
     if (const char *kind = unfit_kind(address.addr)) {
-        throw refusal("'" + escaped(options.address) + "' is " + kind +
-                          ", which a link cannot have",
+        throw refusal("'" + shown(options.address) + "' is " + kind + ", which a link cannot have",
                       exit_usage);
     }
     return address;
@@ -96,8 +95,8 @@ std::string new_node(const options_t &options, const std::vector<place_t> &taken
     }
     for (const place_t &place : taken) {
         if (place.stored->node == options.node) {
-            throw refusal("node '" + escaped(options.node) + "' already exists and contains '" +
-                          escaped(place.stored->text) + "'");
+            throw refusal("node '" + shown(options.node) + "' already exists and contains '" +
+                          shown(place.stored->text) + "'");
         }
     }
     return options.node;
@@ -115,9 +114,9 @@ int put(const options_t &options, bool may_exist) {
                 continue;
             }
             if (!may_exist) {
-                throw refusal("'" + escaped(place.stored->text) + "' is already stored (" +
-                              escaped(place.stored->type_text) + ", node '" +
-                              escaped(place.stored->node) +
+                throw refusal("'" + shown(place.stored->text) + "' is already stored (" +
+                              shown(place.stored->type_text) + ", node '" +
+                              shown(place.stored->node) +
                               "'); use 'tandrelctl address replace' to change it");
             }
             put_address(step, place.path, address);
@@ -135,10 +134,10 @@ void may_remove(const stored_address_t &stored, const options_t &options) {
     const bool kernels_own = !stored.fault && stored.address.type != type_static;
     if (kernels_own && !options.force) {
         throw refusal(
-            "'" + escaped(stored.text) + "' is " + stored.type_text +
+            "'" + shown(stored.text) + "' is " + shown(stored.type_text) +
             ": the kernel assigned it, and tandrel would store it again. Delete it in the "
             "kernel (ip -6 address del " +
-            escaped(stored.text) + " dev " + escaped(options.link) + "), or use --force");
+            shown(stored.text) + " dev " + shown(options.link) + "), or use --force");
     }
 }
 
@@ -149,8 +148,8 @@ std::string node_to_remove(const std::vector<place_t> &stored, const options_t &
             return place.path;
         }
     }
-    throw refusal("no address node '" + escaped(options.node) + "' is stored for " +
-                  escaped(options.link));
+    throw refusal("no address node '" + shown(options.node) + "' is stored for " +
+                  shown(options.link));
 }
 
 // The address given to `address del`; the prefix length is 0 if none was given.
@@ -162,7 +161,7 @@ CAddress parse_existing(const options_t &options) {
     }
     if (options.address.find('/') != std::string::npos ||
         convert_gateway(options.address, parsed)) {
-        throw refusal("'" + escaped(options.address) + "' is not an IPv6 address", exit_usage);
+        throw refusal("'" + shown(options.address) + "' is not an IPv6 address", exit_usage);
     }
     address.addr = parsed.gateway;
     return address;
@@ -177,14 +176,13 @@ std::vector<std::string> nodes_to_remove(const std::vector<place_t> &stored,
         }
         if (address.prefix_len != 0 && !place.stored->fault &&
             address.prefix_len != place.stored->address.prefix_len) {
-            throw refusal("it is stored as '" + escaped(place.stored->text) + "'");
+            throw refusal("it is stored as '" + shown(place.stored->text) + "'");
         }
         may_remove(*place.stored, options);
         paths.push_back(place.path);
     }
     if (paths.empty()) {
-        throw refusal("'" + escaped(options.address) + "' is not stored for " +
-                      escaped(options.link));
+        throw refusal("'" + shown(options.address) + "' is not stored for " + shown(options.link));
     }
     return paths;
 }
@@ -212,8 +210,8 @@ removal_t find_interface(const store_view_t &store, const options_t &options) {
         return removal;
     }
     throw refusal(options.node.empty()
-                      ? "the store has no node for " + escaped(options.link)
-                      : "the store has no interface node '" + escaped(options.node) + "'");
+                      ? "the store has no node for " + shown(options.link)
+                      : "the store has no interface node '" + shown(options.node) + "'");
 }
 
 bool has_node(const store_view_t &store, long number) {
@@ -268,7 +266,7 @@ int address_delete(const options_t &options) {
 int gateway_set(const options_t &options) {
     const long number = number_of(options);
     CRoute route;
-    const std::string text = "'" + escaped(options.address) + "'";
+    const std::string text = "'" + shown(options.address) + "'";
     if (options.address.find('/') != std::string::npos) {
         throw refusal("a gateway has no prefix length; give the router's address alone",
                       exit_usage);
@@ -298,7 +296,7 @@ int gateway_clear(const options_t &options) {
             }
         }
         if (step.removals.empty()) {
-            throw refusal("no gateway is stored for " + escaped(options.link));
+            throw refusal("no gateway is stored for " + shown(options.link));
         }
         return step;
     });
@@ -310,7 +308,7 @@ int interface_add(const options_t &options) {
     client_t client;
     client.require();
     if (has_node(read_store(client.tav, options.prefix), number)) {
-        throw refusal("the store already has a node for " + escaped(options.link) + " (interface " +
+        throw refusal("the store already has a node for " + shown(options.link) + " (interface " +
                       std::to_string(number) + ")");
     }
     // The client interface cannot create an empty node, so create a leaf in it and remove that leaf
@@ -318,7 +316,7 @@ int interface_add(const options_t &options) {
     touch_interface(client, options, number);
     if (!has_node(read_store(client.tav, options.prefix), number)) {
         throw refusal("this store keeps no empty nodes; store an address or a gateway for " +
-                      escaped(options.link) + " instead");
+                      shown(options.link) + " instead");
     }
     return exit_done;
 }
@@ -331,7 +329,7 @@ int interface_delete(const options_t &options) {
     carry_out(client, options, [&](const store_view_t &store) {
         const removal_t removal = find_interface(store, options);
         if (removal.has_settings && !options.force) {
-            throw refusal("'" + escaped(removal.path) +
+            throw refusal("'" + shown(removal.path) +
                           "' contains settings that would be lost; use --force to remove them too");
         }
         return step_t{{}, {removal.path}};
@@ -340,7 +338,7 @@ int interface_delete(const options_t &options) {
         std::fprintf(stderr,
                      "tandrelctl: %s is no longer synchronised; the kernel keeps its addresses and "
                      "its gateway\n",
-                     escaped(options.link).c_str());
+                     shown(options.link).c_str());
     }
     return exit_done;
 }

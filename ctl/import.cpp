@@ -63,7 +63,7 @@ public:
 private:
     void add(const interface_view_t &interface, const address_row_t &row,
              std::set<std::string> &names) {
-        const std::string what = interface.link + "  " + prefix_text(row.kernel->address);
+        const std::string what = shown(interface.link) + "  " + prefix_text(row.kernel->address);
         std::string node;
         if (row.stored) {
             node = row.stored->node;
@@ -71,8 +71,8 @@ private:
                 lines.push_back({style_t::dim, what + "  already stored"});
                 return;
             }
-            lines.push_back({style_t::good, what + "  stored as " + row.stored->text + " " +
-                                                row.stored->type_text + "; becomes Static"});
+            lines.push_back({style_t::good, what + "  stored as " + shown(row.stored->text) + " " +
+                                                shown(row.stored->type_text) + "; becomes Static"});
         } else {
             std::size_t number = 1;
             while (!names.insert(std::to_string(number)).second) {
@@ -87,7 +87,7 @@ private:
 
     void add(const interface_view_t &interface, const gateway_row_t &row, bool others) {
         const std::string gateway = address_text(row.kernel->route.gateway);
-        const std::string what = interface.link + "  gateway " + gateway;
+        const std::string what = shown(interface.link) + "  gateway " + gateway;
         const auto stored =
             std::find_if(interface.gateways.begin(), interface.gateways.end(),
                          [](const gateway_row_t &one) { return one.stored.has_value(); });
@@ -98,7 +98,7 @@ private:
                 !stored->stored->fault && same_gateway(stored->stored->route, row.kernel->route);
             lines.push_back({equal ? style_t::dim : style_t::warn,
                              what + (equal ? "  already stored"
-                                           : "  skipped: " + escaped(stored->stored->text) +
+                                           : "  skipped: " + shown(stored->stored->text) +
                                                  " is already stored")});
         } else {
             lines.push_back({style_t::good, what + "  new"});
@@ -130,7 +130,7 @@ int import_kernel(const options_t &options) {
             return importer.step;
         });
     }
-    print(importer.lines, use_colour(options.colour));
+    print(importer.lines, tav::terminal::use_color(options.colour));
     if (importer.lines.empty()) {
         std::cout << "the kernel has no permanent address and no configured gateway\n";
     } else if (importer.step.leaves.empty()) {

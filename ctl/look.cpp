@@ -75,7 +75,7 @@ int show(const options_t &options) {
         if (!options.json) {
             // Show the kernel's view even if the store does not answer.
             const comparison_t kernel = compare(read_kernel(), store_view_t{}, options.prefix);
-            print(table_lines(chosen(kernel, options)), use_colour(options.colour));
+            print(table_lines(chosen(kernel, options)), tav::terminal::use_color(options.colour));
             std::cout << std::flush;
         }
         throw store_lost(store_unreachable);
@@ -90,10 +90,10 @@ int show(const options_t &options) {
         print_json(json);
         return exit_done;
     }
-    const bool colour = use_colour(options.colour);
+    const bool colour = tav::terminal::use_color(options.colour);
     print(table_lines(interfaces), colour);
     if (interfaces.empty()) {
-        std::cout << "there is no link whose name begins with '" << escaped(options.prefix)
+        std::cout << "there is no link whose name begins with '" << shown(options.prefix)
                   << "', and no store interface; try -i PREFIX, or --all for all links\n";
     }
     const std::size_t differences = make_report(comparison, options).differences.size();
@@ -125,7 +125,7 @@ int check(const options_t &options) {
         }
         print_json(json);
     } else if (!options.quiet) {
-        const bool colour = use_colour(options.colour);
+        const bool colour = tav::terminal::use_color(options.colour);
         if (agree) {
             print({{style_t::good, "kernel and store agree"}}, colour);
         }
@@ -153,7 +153,7 @@ int interface_list(const options_t &options) {
             one.erase("gateways");
             json.push_back(one);
         } else {
-            std::cout << number << '\t' << escaped(interface->link) << '\t' << state << '\n';
+            std::cout << number << '\t' << shown(interface->link) << '\t' << state << '\n';
         }
     }
     if (options.json) {

@@ -19,7 +19,7 @@ extern "C" __attribute__((visibility("default"))) void mlr_err(unsigned int leve
     va_start(arguments, format);
     vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
-    std::fprintf(stderr, "tandrelctl: %s\n", ctl::escaped(message).c_str());
+    std::fprintf(stderr, "tandrelctl: %s\n", ctl::shown(message).c_str());
 }
 
 int main(int argc, char **argv) {

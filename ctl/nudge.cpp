@@ -130,7 +130,7 @@ private:
         const int now = (link.up ? 1 : 0) + (link.carrier ? 1 : 0);
         int &before = states[link.index];
         if (now > before && link.name.compare(0, options.prefix.size(), options.prefix) == 0) {
-            reason = escaped(link.name) + " came up";
+            reason = shown(link.name) + " came up";
         }
         before = now;
     }

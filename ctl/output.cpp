@@ -2,11 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <iostream>
 #include <set>
-
-#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
@@ -16,24 +13,6 @@
 namespace ctl {
 
 namespace {
-
-const char *code_of(style_t style) {
-    switch (style) {
-    case style_t::heading:
-        return "\x1b[1m";
-    case style_t::good:
-        return "\x1b[32m";
-    case style_t::bad:
-        return "\x1b[31m";
-    case style_t::warn:
-        return "\x1b[33m";
-    case style_t::dim:
-        return "\x1b[2m";
-    case style_t::plain:
-        break;
-    }
-    return "";
-}
 
 struct mark_text_t {
     mark_t mark;
@@ -72,9 +51,9 @@ cells_t cells_of(const address_row_t &row) {
         cells.columns[4] = state_text(there);
     }
     if (row.stored) {
-        cells.columns[1] = row.stored->text.empty() ? "?" : escaped(row.stored->text);
-        cells.columns[2] = row.stored->type_text.empty() ? "?" : escaped(row.stored->type_text);
-        cells.columns[3] = escaped(row.stored->node);
+        cells.columns[1] = row.stored->text.empty() ? "?" : shown(row.stored->text);
+        cells.columns[2] = row.stored->type_text.empty() ? "?" : shown(row.stored->type_text);
+        cells.columns[3] = shown(row.stored->node);
     }
     return cells;
 }
@@ -88,13 +67,13 @@ cells_t cells_of(const gateway_row_t &row) {
         cells.columns[4] = "protocol " + protocol_name(there.route.protocol);
     }
     if (row.stored) {
-        cells.columns[1] = row.stored->text.empty() ? "?" : escaped(row.stored->text);
+        cells.columns[1] = row.stored->text.empty() ? "?" : shown(row.stored->text);
     }
     return cells;
 }
 
 std::string heading_of(const interface_view_t &interface) {
-    std::string text = escaped(interface.link);
+    std::string text = shown(interface.link);
     if (interface.store_known) {
         text += interface.has_node ? ", store interface " + std::to_string(interface.number)
                                    : ", no store interface";
@@ -151,22 +130,9 @@ bool is_of_interest(const interface_view_t &interface) {
 
 } // namespace
 
-bool use_colour(colour_t wish) {
-    if (wish != colour_t::automatic) {
-        return wish == colour_t::always;
-    }
-    const char *refused = std::getenv("NO_COLOR");
-    return isatty(STDOUT_FILENO) == 1 && (refused == nullptr || *refused == '\0');
-}
-
-std::string coloured(const line_t &line, bool colour) {
-    const std::string code = colour ? code_of(line.style) : "";
-    return code.empty() ? line.text : code + line.text + "\x1b[0m";
-}
-
 void print(const lines_t &lines, bool colour) {
     for (const line_t &line : lines) {
-        std::cout << coloured(line, colour) << '\n';
+        std::cout << tav::terminal::painted(line.text, line.style, colour) << '\n';
     }
 }
 
@@ -185,7 +151,7 @@ std::vector<const interface_view_t *> chosen(const comparison_t &comparison,
         }
     }
     if (interfaces.empty() && !options.link.empty()) {
-        throw refusal("neither the kernel nor the store has a link '" + escaped(options.link) +
+        throw refusal("neither the kernel nor the store has a link '" + shown(options.link) +
                       "'; 'tandrelctl interface list' lists the links");
     }
     return interfaces;
@@ -232,7 +198,7 @@ lines_t finding_lines(const finding_t &finding) {
     const bool of_daemon = finding.fault.reason == reason_t::daemon_absent;
     const std::string where = of_daemon              ? "tandrel"
                               : finding.link.empty() ? "store"
-                                                     : escaped(finding.link);
+                                                     : shown(finding.link);
     lines_t lines{{differs ? style_t::bad : style_t::plain,
                    where + ": " + (differs ? "" : "note: ") + finding.sentence()}};
     const std::string remedy = finding.remedy();
@@ -301,7 +267,7 @@ json_t finding_json(const finding_t &finding) {
 }
 
 void print_json(const json_t &json, int indent) {
-    std::cout << json.dump(indent, ' ', false, json_t::error_handler_t::replace) << std::endl;
+    std::cout << tav::terminal::json_text(json, indent) << std::endl;
 }
 
 } // namespace ctl

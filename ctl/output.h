@@ -7,10 +7,11 @@
 #include <nlohmann/json_fwd.hpp>
 
 #include "ctl/tool.h"
+#include "terminal/screen.h"
 
 namespace ctl {
 
-enum class style_t { plain, heading, good, bad, warn, dim };
+using style_t = tav::terminal::Style;
 
 struct line_t {
     style_t style;
@@ -18,9 +19,6 @@ struct line_t {
 };
 using lines_t = std::vector<line_t>;
 
-// Whether to colour what goes to standard output (NO_COLOR is honoured).
-bool use_colour(colour_t wish);
-std::string coloured(const line_t &line, bool colour);
 void print(const lines_t &lines, bool colour);
 
 // The interfaces of a comparison that `options` asks for.
@@ -39,8 +37,8 @@ char mark_letter(mark_t mark);
 using json_t = nlohmann::ordered_json;
 json_t interface_json(const interface_view_t &interface);
 json_t finding_json(const finding_t &finding);
-// Prints JSON; text that is not valid UTF-8 is shown with replacement characters. `indent` -1: on
-// one line.
+// Prints JSON and a newline; text that is not valid UTF-8 is shown with replacement characters.
+// `indent` -1: on one line.
 void print_json(const json_t &json, int indent = 2);
 
 } // namespace ctl

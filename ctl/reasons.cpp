@@ -1,6 +1,6 @@
 #include "ctl/reasons.h"
 
-#include <functional>
+#include <string_view>
 
 #include "ctl/text.h"
 
@@ -202,7 +202,7 @@ const std::vector<reason_text_t> table = {
 };
 
 std::string fill(const char *format, const words_t &words,
-                 const std::function<std::string(const std::string &)> &transform) {
+                 std::string (&transform)(std::string_view)) {
     std::string text = format;
     for (std::size_t open = text.find('{'); open != std::string::npos;) {
         const std::size_t close = text.find('}', open);
@@ -225,12 +225,11 @@ const reason_text_t &text_of(reason_t reason) {
 }
 
 std::string finding_t::sentence() const {
-    return fill(text_of(fault.reason).sentence, fault.words, escaped);
+    return fill(text_of(fault.reason).sentence, fault.words, shown);
 }
 
 std::string finding_t::remedy() const {
-    return fill(text_of(fault.reason).remedy, fault.words,
-                [](const std::string &word) { return shell_word(escaped(word)); });
+    return fill(text_of(fault.reason).remedy, fault.words, shown_word);
 }
 
 } // namespace ctl

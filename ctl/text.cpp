@@ -1,6 +1,5 @@
 #include "ctl/text.h"
 
-#include <cstdio>
 #include <utility>
 
 #include <linux/if_addr.h>
@@ -25,53 +24,6 @@ constexpr std::pair<std::uint8_t, const char *> protocol_names[] = {
 };
 
 } // namespace
-
-std::string escaped(const std::string &text) {
-    std::string result;
-    const auto add_code = [&result](unsigned char byte) {
-        char code[5];
-        std::snprintf(code, sizeof code, "\\x%02x", byte);
-        result += code;
-    };
-    unsigned char before = 0;
-    for (const char letter : text) {
-        const auto byte = static_cast<unsigned char>(letter);
-        // U+0080 to U+009F are control characters as well.
-        const bool second_set = before == 0xc2 && byte >= 0x80 && byte < 0xa0;
-        if (letter == '\\') {
-            result += "\\\\";
-        } else if (letter == '\n') {
-            result += "\\n";
-        } else if (byte < 0x20 || byte == 0x7f) {
-            add_code(byte);
-        } else if (second_set) {
-            result.pop_back();
-            add_code(before);
-            add_code(byte);
-        } else {
-            result.push_back(letter);
-        }
-        before = byte;
-    }
-    return result;
-}
-
-std::string shell_word(const std::string &text) {
-    constexpr const char *plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
-                                  "_@%+=:,./-";
-    if (!text.empty() && text.find_first_not_of(plain) == std::string::npos) {
-        return text;
-    }
-    std::string quoted = "'";
-    for (const char letter : text) {
-        if (letter == '\'') {
-            quoted += "'\\''";
-        } else {
-            quoted.push_back(letter);
-        }
-    }
-    return quoted + "'";
-}
 
 std::string address_text(const in6_addr &address) {
     return CSync::in6addr_to_str(address, 0, false);

@@ -5,14 +5,13 @@
 #include <string>
 
 #include "ctl/kernel_view.h"
+#include "terminal/screen.h"
 
 namespace ctl {
 
-// Makes control characters and backslashes visible (\n, \x1b, \\): stored text must not control the
-// terminal.
-std::string escaped(const std::string &text);
-// The text as one word of a shell's command line.
-std::string shell_word(const std::string &text);
+// What is stored, or is the name of a link, must not tell a terminal what to do.
+using tav::terminal::shown;
+using tav::terminal::shown_word;
 
 std::string address_text(const in6_addr &address);
 std::string prefix_text(const CAddress &address); // with "/" and the length

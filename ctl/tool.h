@@ -8,6 +8,7 @@
 #include <boost/optional.hpp>
 
 #include "ctl/compare.h"
+#include "terminal/screen.h"
 
 namespace ctl {
 
@@ -18,13 +19,11 @@ constexpr int exit_usage = 2;       // the command line is wrong
 constexpr int exit_unreachable = 3; // the settings store, or the kernel, does not answer
 constexpr int exit_not_there = 4;   // stored, but not in the kernel within the time of --wait
 
-enum class colour_t { automatic, always, never };
-
 // All options of the command line.
 struct options_t {
     std::string prefix = "eth";
     bool json = false;
-    colour_t colour = colour_t::automatic;
+    tav::terminal::Color colour = tav::terminal::Color::automatic;
     bool all = false;                 // show, check: include links that the daemon ignores
     bool no_notes = false;            // check
     bool quiet = false;               // check

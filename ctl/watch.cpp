@@ -31,7 +31,7 @@ struct state_t {
 };
 
 void add_items(const interface_view_t &interface, items_t &items) {
-    const std::string link = escaped(interface.link);
+    const std::string link = shown(interface.link);
     if (interface.kernel) {
         items[link + " kernel: link"] = interface.kernel->carrier ? "up"
                                         : interface.kernel->up    ? "up but not connected"
@@ -43,8 +43,8 @@ void add_items(const interface_view_t &interface, items_t &items) {
                 flags_text(row.kernel->flags);
         }
         if (row.stored) {
-            items[link + " store: address node " + escaped(row.stored->node)] =
-                escaped(row.stored->text + " " + row.stored->type_text);
+            items[link + " store: address node " + shown(row.stored->node)] =
+                shown(row.stored->text + " " + row.stored->type_text);
         }
     }
     for (const gateway_row_t &row : interface.gateways) {
@@ -53,7 +53,7 @@ void add_items(const interface_view_t &interface, items_t &items) {
                 "protocol " + protocol_name(row.kernel->route.protocol);
         }
         if (row.stored) {
-            items[link + " store: gateway"] = escaped(row.stored->text);
+            items[link + " store: gateway"] = shown(row.stored->text);
         }
     }
 }
@@ -154,7 +154,8 @@ public:
         }
         std::string text = "\x1b[H";
         for (const line_t &line : lines) {
-            text += coloured({line.style, cut(line.text, size.ws_col)}, colour) + "\x1b[K\r\n";
+            text += tav::terminal::painted(cut(line.text, size.ws_col), line.style, colour) +
+                    "\x1b[K\r\n";
         }
         std::cout << text << "\x1b[J" << std::flush;
     }
@@ -245,7 +246,7 @@ private:
         }
         const lines_t table = table_lines(wanted(state));
         lines.insert(lines.end(), table.begin(), table.end());
-        screen_t::draw(lines, log, use_colour(options.colour));
+        screen_t::draw(lines, log, tav::terminal::use_color(options.colour));
     }
 
     void print_state(const state_t &state) const {

@@ -48,7 +48,7 @@ TEST(CtlArguments, OptionsMayPrecedeOrFollowTheCommand) {
     EXPECT_EQ(request.options.link, "wlan0");
     EXPECT_EQ(request.options.address, "2001:db8::5/64");
     EXPECT_EQ(request.options.node, "office");
-    EXPECT_EQ(request.options.colour, ctl::colour_t::never);
+    EXPECT_EQ(request.options.colour, tav::terminal::Color::never);
     ASSERT_TRUE(request.options.patience);
     EXPECT_EQ(*request.options.patience, 2.5);
 }

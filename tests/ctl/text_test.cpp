@@ -1,32 +1,13 @@
-// Texts for people: escaping, quoting, states, times; and the tables made of them.
+// Texts for people: states, times; and the tables made of them.
 #include "ctl/text.h"
 
 #include <nlohmann/json.hpp>
 
 #include "ctl/look_fixture.h"
 #include "ctl/output.h"
+#include "support/hostile_text.h"
 
 namespace {
-
-TEST(Escaping, ControlCharactersAndBackslashesAreMadeVisible) {
-    EXPECT_EQ(ctl::escaped("plain"), "plain");
-    EXPECT_EQ(ctl::escaped("a\nb\\c"), "a\\nb\\\\c");
-    EXPECT_EQ(ctl::escaped("\x1b[2J\x7f"), "\\x1b[2J\\x7f");
-    EXPECT_EQ(ctl::escaped(std::string("a\0b", 3)), "a\\x00b");
-    EXPECT_EQ(ctl::escaped("B\xc3\xbcro"), "B\xc3\xbcro");
-    // CSI in one character: U+009B.
-    EXPECT_EQ(ctl::escaped("\xc2\x9b"
-                           "2J"),
-              "\\xc2\\x9b2J");
-    EXPECT_EQ(ctl::escaped("\xc2\xa7"), "\xc2\xa7");
-}
-
-TEST(Quoting, AWordStaysOneWordForAShell) {
-    EXPECT_EQ(ctl::shell_word("2001:db8::5/64"), "2001:db8::5/64");
-    EXPECT_EQ(ctl::shell_word("wan port"), "'wan port'");
-    EXPECT_EQ(ctl::shell_word("it's"), "'it'\\''s'");
-    EXPECT_EQ(ctl::shell_word(""), "''");
-}
 
 TEST(Durations, AreShownInTwoUnits) {
     EXPECT_EQ(ctl::duration_text(0), "0s");
@@ -83,6 +64,27 @@ TEST_F(Table, ShowsBothViewsSideBySide) {
     EXPECT_EQ(lines(), expected);
 }
 
+TEST_F(Table, StoredTextIsEscaped) {
+    store("\x9b"
+          "2J",
+          "\xe2\x80\xae"
+          "2001:db8::6/64",
+          "\xc2\x85");
+    const std::vector<std::string> shown = lines();
+    EXPECT_EQ(shown.at(2), "? -       \\xe2\\x80\\xae2001:db8::6/64  \\xc2\\x85  \\x9b2J");
+    const std::string remedy = look().interfaces.at(0).findings.at(0).remedy();
+    EXPECT_EQ(remedy, "tandrelctl address del eth0 --node $'\\x9b2J'") << "a shell reads it back";
+    store(tavtest::hostile_text("/"), tavtest::hostile_text(), tavtest::hostile_text());
+    link(tavtest::hostile_text());
+    options.all = true;
+    for (const std::string &line : lines()) {
+        EXPECT_EQ(tavtest::unescaped_part(line), "");
+    }
+    for (const ctl::finding_t &finding : findings()) {
+        EXPECT_EQ(tavtest::unescaped_part(finding.sentence() + finding.remedy()), "");
+    }
+}
+
 TEST_F(Table, OmitsUntrackedAndUnstoredLinksUnlessRequested) {
     link("wlan0");
     EXPECT_EQ(lines().size(), 2U);
@@ -119,14 +121,6 @@ TEST_F(Table, JsonHasTheSameContent) {
     EXPECT_EQ(gateway["mark"], "store-only");
     EXPECT_TRUE(gateway["kernel"].is_null());
     EXPECT_EQ(gateway["store"]["gateway"], "fe80::1");
-}
-
-TEST(Colour, EnclosesALineOnlyIfRequested) {
-    EXPECT_EQ(ctl::coloured({ctl::style_t::bad, "x"}, false), "x");
-    EXPECT_EQ(ctl::coloured({ctl::style_t::bad, "x"}, true), "\x1b[31mx\x1b[0m");
-    EXPECT_EQ(ctl::coloured({ctl::style_t::plain, "x"}, true), "x");
-    EXPECT_TRUE(ctl::use_colour(ctl::colour_t::always));
-    EXPECT_FALSE(ctl::use_colour(ctl::colour_t::never));
 }
 
 } // namespace

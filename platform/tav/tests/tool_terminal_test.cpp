@@ -1,8 +1,11 @@
 // What the tool shows on a terminal.
+#include "support/hostile_text.h"
 #include "support/terminal.h"
 #include "support/tool_fixture.h"
 
 #include <gtest/gtest.h>
+
+#include <fstream>
 
 using namespace tavtest;
 
@@ -25,33 +28,76 @@ protected:
 
 } // namespace
 
-TEST_F(ToolTerminalTest, ControlCharactersOfStoredValuesAreEscaped) {
-    const std::string evil = "\x1b]0;x\x07\x1b[2J\x9b"
-                             "2J\xc2\x9b"
-                             "2J\x7f\b\r";
-    good({"set", "/n/" + evil, evil, "/v", evil});
+// Stored text, and text that an error message repeats.
+TEST_F(ToolTerminalTest, EveryCommandEscapesControlCharacters) {
+    const std::string value = hostile_text(std::string(1, '\0'));
+    const std::string name = hostile_text(std::string("\0/", 2)).substr(0, 255);
+    const std::string rest = hostile_text(std::string("\0/", 2)).substr(255);
+    good({"set", "/n/" + name, value, "/n/" + rest, value, "/v", value, "/leaf", "1"});
+    const std::string saved = good({"dump"});
+    const std::string file = dir.file(hostile_text(std::string("\0/", 2)).substr(0, 200));
+    std::ofstream(file) << value;
+    std::ofstream(dir.file("saved")) << saved;
+    std::ofstream(dir.file("steps")) << "set \"" << value << "\nset /a \"x\" \\q" << value << "\n"
+                                     << value << " /a\n";
+    std::ofstream(dir.file("bad dump"))
+        << R"({"format":"tav-dump","version":1,"path":"/","elements":[)"
+        << R"({"path":"/x","type":")" + utf8(0x202e) + utf8(0x9b) + R"(","value":"1"}]})";
+    Client watched;
+    api_status_t status = api_status_none;
+    ASSERT_EQ(watched.tav.watchdog_register(status, value, 60, true), 0);
+    good({"set", "/v", value + "x"});
     const std::vector<std::vector<std::string>> commands{{"get", "/v"},
                                                          {"get", "--raw", "/v"},
                                                          {"get", "-r", "/"},
-                                                         {"get", "--json", "/v"},
+                                                         {"get", "--json", "/v", "/n/" + rest},
+                                                         {"get", "/n/" + name + "/x"},
+                                                         {"get", "/n/" + rest, "/none/" + rest},
                                                          {"ls", "/n"},
                                                          {"ls", "-l", "/n"},
                                                          {"ls", "--json", "/n"},
+                                                         {"ls", "/none/" + rest},
                                                          {"tree"},
                                                          {"tree", "--json"},
+                                                         {"tree", "/n/" + rest},
                                                          {"dump"},
-                                                         {"get", "/n/" + evil + "/x"},
-                                                         {"rm", "/n"}};
+                                                         {"dump", "/none/" + rest},
+                                                         {"diff", dir.file("saved")},
+                                                         {"diff", file},
+                                                         {"load", file},
+                                                         {"load", dir.file("bad dump")},
+                                                         {"load", file + "none"},
+                                                         {"apply", dir.file("steps")},
+                                                         {"apply", file},
+                                                         {"set", "-t", "integer", "/i", value},
+                                                         {"set", "/leaf/" + rest, value},
+                                                         {"set", "/" + value + value, "1"},
+                                                         {"mknode", "/v/" + rest},
+                                                         {"touch", "/none/" + rest},
+                                                         {"rm", "/n"},
+                                                         {"rm", "/none/" + rest},
+                                                         {"rm", "-e", "/" + value},
+                                                         {"watch", rest},
+                                                         {"status"},
+                                                         {"status", "--json"},
+                                                         {value},
+                                                         {"get", "--" + value}};
     for (std::vector<std::string> command : commands) {
-        command.emplace_back("--color=never");
-        const std::string shown = show(command);
-        EXPECT_NE(shown, "");
-        for (std::size_t i = 0; i < shown.size(); ++i) {
-            const auto byte = static_cast<unsigned char>(shown[i]);
-            const bool line_end = shown[i] == '\n' || shown.compare(i, 2, "\r\n") == 0;
-            EXPECT_FALSE((byte < 0x20 && !line_end) || byte >= 0x7f)
-                << command.front() << " shows byte " << int{byte} << " in " << shown;
+        if (command.front() != value) {
+            command.emplace_back("--color=never");
         }
+        const std::string printed = show(command);
+        EXPECT_NE(printed, "") << command.front();
+        EXPECT_EQ(unescaped_part(printed), "") << command.front();
+    }
+    for (const bool json : {false, true}) {
+        Terminal terminal({TAV_PROGRAM, "watch", "--count=1", "--color=never",
+                           json ? "--json" : "--timeout=60", "/"});
+        ASSERT_TRUE(terminal.wait_for("watching"));
+        good({"set", "/n/x" + utf8(0x202e), json ? value : value + "y"});
+        const std::string printed = terminal.finish();
+        EXPECT_NE(printed.find(json ? "\\u202e" : "\\xe2\\x80\\xae"), std::string::npos);
+        EXPECT_EQ(unescaped_part(printed), "");
     }
 }
 

@@ -1,8 +1,9 @@
 // The rule by which the tool writes bytes as text.
 #include <nlohmann/json.hpp>
 
-#include "tool/escape.h"
-#include "tool/hex.h"
+#include "support/hostile_text.h"
+#include "terminal/escape.h"
+#include "terminal/hex.h"
 #include "tool/screen.h"
 #include "tool/script.h"
 
@@ -10,6 +11,7 @@
 
 #include <random>
 
+using namespace tav::terminal;
 using namespace tav::tool;
 
 TEST(Escape, PrintableTextIsNotChanged) {
@@ -36,6 +38,21 @@ TEST(Escape, ControlCharactersAreMadeVisibleHoweverTheyAreSpelt) {
     EXPECT_EQ(escaped("\xf0\x80\x82\x9b"), "\\xf0\\x80\\x82\\x9b");
     EXPECT_EQ(escaped("\xe2\x80\xae\xe2\x81\xa6\xe2\x80\xa8"),
               "\\xe2\\x80\\xae\\xe2\\x81\\xa6\\xe2\\x80\\xa8");
+}
+
+TEST(Escape, EveryByteAndEveryHiddenCharacterIsEscaped) {
+    const std::string all = tavtest::hostile_text();
+    for (const std::string &text :
+         {all, tavtest::utf8(0x61c), tavtest::utf8(0x200e), tavtest::utf8(0x200f),
+          tavtest::utf8(0x2028), tavtest::utf8(0x2029)}) {
+        EXPECT_EQ(tavtest::unescaped_part(escaped(text)), "");
+        EXPECT_EQ(tavtest::unescaped_part(shell_word(text)), "");
+        EXPECT_EQ(tavtest::unescaped_part(json_text(Json(text))), "");
+    }
+    for (unsigned byte = 0; byte < 256; ++byte) {
+        const std::string text(1, static_cast<char>(byte));
+        EXPECT_EQ(tavtest::unescaped_part(escaped(text)), "") << byte;
+    }
 }
 
 TEST(Escape, TextThatIsNotUtf8IsEscapedByteByByte) {
@@ -110,4 +127,12 @@ TEST(Script, AWordMayBeEmptyOrQuotedInPart) {
     ASSERT_EQ(script.items.size(), 2U);
     EXPECT_EQ(script.items[0].value.text, "");
     EXPECT_EQ(script.items[1].value.text, "xy zA");
+}
+
+TEST(Color, EnclosesWordsOnlyIfRequested) {
+    EXPECT_EQ(tav::terminal::painted("x", Style::bad, false), "x");
+    EXPECT_EQ(tav::terminal::painted("x", Style::bad, true), "\x1b[31mx\x1b[0m");
+    EXPECT_EQ(tav::terminal::painted("x", Style::plain, true), "x");
+    EXPECT_TRUE(use_color(Color::always));
+    EXPECT_FALSE(use_color(Color::never));
 }

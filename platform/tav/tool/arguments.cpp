@@ -7,8 +7,8 @@
 #include <memory>
 
 #include "protocol/protocol.h"
-#include "tool/escape.h"
-#include "tool/help.h"
+#include "terminal/escape.h"
+#include "terminal/help.h"
 #include "tool/screen.h"
 #include "tool/script.h"
 
@@ -45,20 +45,20 @@ constexpr const char *get_footer = "Control characters, backslashes and bytes th
                                    "are printed as \\n \\t \\\\ \\xHH.";
 
 // CLI11 does not know the words of 'set', so add them to the usage line.
-class SetFormatter : public HelpFormatter {
+class SetFormatter : public terminal::HelpFormatter {
 public:
     std::string make_usage(const CLI::App *app, std::string name) const override {
-        std::string usage = HelpFormatter::make_usage(app, std::move(name));
+        std::string usage = terminal::HelpFormatter::make_usage(app, std::move(name));
         usage.pop_back();
         return usage + " PATH VALUE [PATH VALUE]...\n";
     }
 };
 
-Color color_named(const std::string &name) {
+terminal::Color color_named(const std::string &name) {
     if (name == "always") {
-        return Color::always;
+        return terminal::Color::always;
     }
-    return name == "never" ? Color::never : Color::automatic;
+    return name == "never" ? terminal::Color::never : terminal::Color::automatic;
 }
 
 class Parser {
@@ -67,7 +67,7 @@ public:
         app.require_subcommand(1);
         app.set_version_flag("-V,--version", "tav " TAV_VERSION, "Print the version");
         app.option_defaults()->always_capture_default(false);
-        app.formatter(std::make_shared<HelpFormatter>());
+        app.formatter(std::make_shared<terminal::HelpFormatter>());
         app.get_formatter()->label("REQUIRED", "");
         app.get_formatter()->label("SUBCOMMAND", "COMMAND");
         app.get_formatter()->label("Subcommands", "Commands");
@@ -259,7 +259,7 @@ private:
         if (!escaped_words) {
             return given;
         }
-        const std::optional<std::string> plain = unescaped(given);
+        const std::optional<std::string> plain = terminal::unescaped(given);
         if (!plain) {
             throw CLI::ValidationError("'" + given +
                                        "' contains a backslash that does not begin an escape");

@@ -92,9 +92,9 @@ Elements by_path(std::vector<DumpElement> &&elements) {
     return result;
 }
 
-void print_side(const char *sign, const Elements::value_type &element, Tone tone) {
-    std::cout << painted(sign, tone)
-              << element_line(element.first, element.second.type, element.second.text, tone)
+void print_side(const char *sign, const Elements::value_type &element, Style style) {
+    std::cout << painted(sign, style)
+              << element_line(element.first, element.second.type, element.second.text, style)
               << '\n';
 }
 
@@ -115,7 +115,7 @@ bool print_differences(const Elements &before, const Elements &now) {
         const Elements::value_type &element = take_old ? *old_side++ : *new_side++;
         if (differs(element, take_old ? now : before)) {
             same = false;
-            print_side(take_old ? "- " : "+ ", element, take_old ? Tone::removed : Tone::added);
+            print_side(take_old ? "- " : "+ ", element, take_old ? Style::bad : Style::good);
         }
     }
     return same;

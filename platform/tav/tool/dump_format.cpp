@@ -119,7 +119,7 @@ void print_dump(const Dump &dump, bool with_times) {
     head["format"] = format_name;
     head["version"] = format_version;
     add_text(head, "path", dump.path);
-    std::string opened = json_text(head);
+    std::string opened = terminal::json_text(head);
     opened.pop_back();
     std::cout << opened << ",\"elements\":[";
     const char *separator = "\n";
@@ -127,7 +127,7 @@ void print_dump(const Dump &dump, bool with_times) {
         if (element.path == "/") {
             continue; // every store has it
         }
-        std::cout << separator << json_text(element_json(element, with_times));
+        std::cout << separator << terminal::json_text(element_json(element, with_times));
         separator = ",\n";
     }
     std::cout << "\n]}\n";

@@ -1,6 +1,5 @@
 #include "tool/explain.h"
 
-#include "tool/escape.h"
 #include "tool/screen.h"
 
 namespace tav::tool {
@@ -8,7 +7,7 @@ namespace tav::tool {
 namespace {
 
 std::string command_on(const char *command, const std::string &path) {
-    return std::string("tav ") + command + " " + shell_word(path);
+    return std::string("tav ") + command + " " + terminal::shown_word(path);
 }
 
 api_status_t node_status(Client &client, const std::string &path) {

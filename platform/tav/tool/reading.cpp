@@ -42,7 +42,7 @@ Json leaf_json(const std::string &path, element_type_t type, const std::string &
 // programs.
 struct Row {
     std::string left;
-    Tone left_tone = Tone::plain;
+    Style left_style = Style::plain;
     std::string right;
 };
 
@@ -62,7 +62,7 @@ void print_rows(const std::vector<Row> &rows) {
     for (const Row &row : rows) {
         const std::size_t taken = std::min(width(row.left), column);
         const std::string gap = on_terminal() ? std::string(column + 2 - taken, ' ') : "\t";
-        std::cout << painted(row.left, row.left_tone) << gap << row.right << '\n';
+        std::cout << painted(row.left, row.left_style) << gap << row.right << '\n';
     }
 }
 
@@ -85,12 +85,12 @@ int get_below(Client &client, const Options &options) {
             if (options.json) {
                 all.push_back(leaf_json(element.path, value.type, value.text, value.time));
             } else {
-                rows.push_back(Row{shown(element.path), Tone::node, shown(value.text)});
+                rows.push_back(Row{shown(element.path), Style::name, shown(value.text)});
             }
         }
     }
     if (options.json) {
-        std::cout << json_text(all, 2) << '\n';
+        std::cout << terminal::json_text(all, 2) << '\n';
     } else {
         print_rows(rows);
     }
@@ -139,7 +139,7 @@ int get(Client &client, const Options &options) {
         }
     }
     if (options.json) {
-        std::cout << json_text(all, 2) << '\n';
+        std::cout << terminal::json_text(all, 2) << '\n';
     }
     return result;
 }
@@ -158,20 +158,20 @@ int list(Client &client, const Options &options) {
     Json all = Json::array();
     std::vector<Row> rows;
     for (const auto &[name, kind] : children) {
-        const Tone tone = kind.first == element_type_node ? Tone::node : Tone::plain;
+        const Style style = kind.first == element_type_node ? Style::name : Style::plain;
         if (options.json) {
             Json entry = Json::object();
             add_text(entry, "name", name);
             entry["type"] = type_name(kind.first);
             all.push_back(std::move(entry));
         } else if (options.long_listing) {
-            rows.push_back(Row{type_name(kind.first), Tone::type, shown(name, tone)});
+            rows.push_back(Row{type_name(kind.first), Style::dim, shown(name, style)});
         } else {
-            std::cout << shown(name, tone) << '\n';
+            std::cout << shown(name, style) << '\n';
         }
     }
     if (options.json) {
-        std::cout << json_text(all, 2) << '\n';
+        std::cout << terminal::json_text(all, 2) << '\n';
     }
     print_rows(rows);
     return exit_done;
@@ -184,7 +184,7 @@ void print_tree_json(const std::vector<DumpElement> &elements) {
     for (const DumpElement &element : elements) {
         all.push_back(element_json(element, true));
     }
-    std::cout << json_text(all, 2) << '\n';
+    std::cout << terminal::json_text(all, 2) << '\n';
 }
 
 } // namespace
@@ -210,7 +210,7 @@ int tree(Client &client, const Options &options) {
             top ? element.path : element.path.substr(element.path.rfind('/') + 1);
         std::cout << std::string(indent, ' ');
         if (element.value.type == element_type_node) {
-            std::cout << shown(name, Tone::node) << '\n';
+            std::cout << shown(name, Style::name) << '\n';
         } else {
             std::cout << element_line(name, element.value.type, element.value.text) << '\n';
         }

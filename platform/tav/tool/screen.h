@@ -1,38 +1,29 @@
 // The tool's output: escaping, colours and standard error.
-#ifndef TAV_TOOL_SCREEN_H
-#define TAV_TOOL_SCREEN_H
+#pragma once
 
 #include <string>
 #include <string_view>
 
+#include "terminal/screen.h"
 #include "tool/text.h"
 
 namespace tav::tool {
 
-enum class Color { automatic, always, never };
+using terminal::on_terminal;
+using terminal::Style;
 
-// The kind of a piece of output; decides its colour, if there are colours.
-enum class Tone { plain, node, type, added, removed };
+// Call this once, before any output.
+void choose_color(terminal::Color color);
 
-// Call this once, before any output. Automatic: colours on a terminal that is not dumb, unless
-// NO_COLOR is set in the environment and not empty.
-void choose_color(Color color);
-
-// Whether standard output is a terminal: columns are for people.
-bool on_terminal();
-
-// A name or value as text (see escape.h), in a colour if there are colours.
-std::string shown(std::string_view text, Tone tone = Tone::plain);
+// A name or value as text (see terminal/escape.h), in a colour where there are colours.
+std::string shown(std::string_view text, Style style = Style::plain);
 
 // The same without escaping, for words of the tool's own.
-std::string painted(std::string_view words, Tone tone);
-
-// JSON text without control characters. With `indent` -1 it is one line.
-std::string json_text(const Json &json, int indent = -1);
+std::string painted(std::string_view words, Style style);
 
 // "path = value (type)", or "path (node)".
 std::string element_line(std::string_view name, element_type_t type, std::string_view value,
-                         Tone tone = Tone::plain);
+                         Style style = Style::plain);
 
 // Prints on standard error, after "tav: " and before a newline.
 void complain(std::string_view message);
@@ -41,5 +32,3 @@ void complain(std::string_view message);
 bool finish_output();
 
 } // namespace tav::tool
-
-#endif

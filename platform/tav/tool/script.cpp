@@ -4,7 +4,7 @@
 #include <optional>
 #include <stdexcept>
 
-#include "tool/escape.h"
+#include "terminal/escape.h"
 #include "tool/screen.h"
 
 namespace tav::tool {
@@ -49,7 +49,7 @@ Words words_of(std::string_view line) {
             return words;
         }
         const std::string word = take_word(line);
-        const std::optional<std::string> plain = unescaped(word);
+        const std::optional<std::string> plain = terminal::unescaped(word);
         if (!plain) {
             throw BadLine(
                 "'" + shown(word) +

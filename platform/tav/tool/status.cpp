@@ -65,7 +65,7 @@ void print_json(const ServiceStatus &status) {
         entry["state"] = state_name(watchdog.state);
         all["watchdogs"].push_back(std::move(entry));
     }
-    std::cout << json_text(all, 2) << '\n';
+    std::cout << terminal::json_text(all, 2) << '\n';
 }
 
 void print_text(const ServiceStatus &status) {

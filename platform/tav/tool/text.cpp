@@ -85,7 +85,7 @@ void add_text(Json &object, const std::string &key, const std::string &text) {
     if (is_utf8(text)) {
         object[key] = text;
     } else {
-        object[key + "_hex"] = to_hex(text);
+        object[key + "_hex"] = terminal::to_hex(text);
     }
 }
 
@@ -99,7 +99,7 @@ std::optional<std::string> find_text(const Json &object, const std::string &key)
     if (hex == object.end() || !hex->is_string()) {
         return std::nullopt;
     }
-    return from_hex(hex->get<std::string>());
+    return terminal::from_hex(hex->get<std::string>());
 }
 
 } // namespace tav::tool

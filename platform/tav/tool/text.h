@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "tool/hex.h"
+#include "terminal/hex.h"
 
 namespace tav::tool {
 

@@ -35,10 +35,11 @@ void print_event(const toolkit::CEvent &event, bool json) {
         Json entry = Json::object();
         entry["event"] = event_name(event.command);
         add_text(entry, "path", event.path);
-        std::cout << json_text(entry) << std::endl; // flush each line at once for the reader
+        std::cout << terminal::json_text(entry)
+                  << std::endl; // flush each line at once for the reader
     } else {
-        const Tone tone = event.command == mlr_event_removed ? Tone::removed : Tone::added;
-        std::cout << painted(event_name(event.command), tone) << ' ' << shown(event.path)
+        const Style style = event.command == mlr_event_removed ? Style::bad : Style::good;
+        std::cout << painted(event_name(event.command), style) << ' ' << shown(event.path)
                   << std::endl;
     }
 }

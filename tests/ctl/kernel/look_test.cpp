@@ -3,16 +3,14 @@
 #include <csignal>
 
 #include <linux/if_addr.h>
-#include <poll.h>
-#include <pty.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <utmp.h>
 
 #include <nlohmann/json.hpp>
 
 #include "ctl_test.h"
+#include "terminal.h"
 
 namespace {
 
@@ -246,89 +244,14 @@ TEST_F(Look, WatchInJsonPrintsOneStatePerLine) {
     EXPECT_EQ(watch->wait_exit(), 0);
 }
 
-// A terminal of 20 rows and 60 columns.
-class Terminal {
-public:
-    Terminal() {
-        winsize size{};
-        size.ws_row = 20;
-        size.ws_col = 60;
-        if (openpty(&fd, &inside, nullptr, nullptr, &size) != 0) {
-            kt::fail("openpty");
-        }
-    }
-    ~Terminal() {
-        if (pid > 0) {
-            kill(pid, SIGKILL);
-            waitpid(pid, nullptr, 0);
-        }
-        close(fd);
-        close(inside);
-    }
-    Terminal(const Terminal &) = delete;
-    Terminal &operator=(const Terminal &) = delete;
-
-    void start(const std::string &socket) {
-        pid = fork();
-        if (pid == 0) {
-            login_tty(inside);
-            setenv("TAV_SOCKET", socket.c_str(), 1);
-            unsetenv("NO_COLOR");
-            execl(TANDRELCTL, "tandrelctl", "watch", nullptr);
-            _exit(127);
-        }
-    }
-
-    // Reads until the text has arrived; the next call begins with the text after it.
-    bool shows(const std::string &text) {
-        return kt::eventually([&] {
-            read_more();
-            const std::size_t at = seen.find(text, from);
-            from = at != std::string::npos ? at + text.size() : from;
-            return at != std::string::npos;
-        });
-    }
-    // Control-C, as the terminal sends it; the exit status.
-    int interrupt() {
-        EXPECT_EQ(write(fd, "\x03", 1), 1);
-        int status = 0;
-        const bool ended = kt::eventually([&] {
-            read_more();
-            return waitpid(pid, &status, WNOHANG) == pid;
-        });
-        read_more();
-        if (!ended) {
-            return -1;
-        }
-        pid = -1;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    std::string seen;
-
-private:
-    void read_more() {
-        pollfd entry{fd, POLLIN, 0};
-        char buffer[4096];
-        while (poll(&entry, 1, 0) > 0) {
-            const ssize_t count = read(fd, buffer, sizeof buffer);
-            if (count <= 0) {
-                return;
-            }
-            seen.append(buffer, static_cast<std::size_t>(count));
-        }
-    }
-    int fd = -1;
-    int inside = -1;
-    pid_t pid = -1;
-    std::size_t from = 0;
+class LookOnATerminal : protected Terminal, public CtlTest {
+protected:
+    LookOnATerminal() : Terminal(20, 60) {}
 };
-
-// Create the terminal before the sandbox, whose /dev has none.
-class LookOnATerminal : protected Terminal, public CtlTest {};
 
 TEST_F(LookOnATerminal, WatchRedrawsTheTableWithALogBelow) {
     store.set_address(1, "x", "2001:db8::5/64");
-    start(service.socket());
+    start(service.socket(), {"watch"});
     ASSERT_TRUE(shows("\x1b[?1049h")) << "takes the whole screen";
     ASSERT_TRUE(shows("eth0, store interface 1, up"));
     ASSERT_TRUE(shows("\x1b[33mS -"));

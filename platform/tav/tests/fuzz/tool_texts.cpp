@@ -7,8 +7,8 @@
 
 #include "fuzz/fuzz.h"
 #include "service/path.h"
+#include "terminal/escape.h"
 #include "tool/dump_format.h"
-#include "tool/escape.h"
 #include "tool/script.h"
 
 namespace {
@@ -91,7 +91,7 @@ bool is_control(unsigned char byte) {
 
 void escape(const std::string &text) {
     for (const bool ascii_only : {false, true}) {
-        const std::string escaped = tav::tool::escaped(text, ascii_only);
+        const std::string escaped = tav::terminal::escaped(text, ascii_only);
         for (std::size_t i = 0; i < escaped.size(); ++i) {
             const auto byte = static_cast<unsigned char>(escaped[i]);
             require(!is_control(byte), "a control character is shown");
@@ -101,10 +101,10 @@ void escape(const std::string &text) {
             require(byte != 0xc2 || next >= 0xa0, "a control character of two bytes is shown");
         }
         if (text.find('\0') == std::string::npos) {
-            require(tav::tool::unescaped(escaped) == text, "an escaped text reads otherwise");
+            require(tav::terminal::unescaped(escaped) == text, "an escaped text reads otherwise");
         }
     }
-    const auto plain = tav::tool::unescaped(text);
+    const auto plain = tav::terminal::unescaped(text);
     require(!plain || plain->find('\0') == std::string::npos ||
                 text.find('\0') != std::string::npos,
             "an escape for NUL was taken");
@@ -113,7 +113,7 @@ void escape(const std::string &text) {
 // The same word in double quotes, as in a transaction.
 std::string quoted(const std::string &text) {
     std::string word = "\"";
-    for (const char one : tav::tool::escaped(text)) {
+    for (const char one : tav::terminal::escaped(text)) {
         word += one == '"' ? std::string("\\\"") : std::string(1, one);
     }
     return word + "\"";

@@ -1,12 +1,12 @@
-#include "tool/escape.h"
+#include "terminal/escape.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdint>
 
-#include "tool/hex.h"
+#include "terminal/hex.h"
 
-namespace tav::tool {
+namespace tav::terminal {
 
 namespace {
 
@@ -134,13 +134,13 @@ std::optional<std::string> unescaped(std::string_view text) {
     return result;
 }
 
-std::string shell_word(std::string_view text) {
+std::string shell_word(std::string_view text, bool ascii_only) {
     constexpr std::string_view plain =
         "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789/_-.:,+@%";
     if (!text.empty() && text.find_first_not_of(plain) == std::string_view::npos) {
         return std::string(text);
     }
-    const std::string visible = escaped(text);
+    const std::string visible = escaped(text, ascii_only);
     if (visible == text && text.find('\'') == std::string_view::npos) {
         return "'" + visible + "'";
     }
@@ -151,4 +151,4 @@ std::string shell_word(std::string_view text) {
     return quoted + "'";
 }
 
-} // namespace tav::tool
+} // namespace tav::terminal

@@ -1,4 +1,4 @@
-// The one rule by which the tool writes names and values as text, and reads them back.
+// The one rule by which the tools write names and values as text, and read them back.
 //
 //   \n \t \\    newline, tab, backslash
 //   \xHH        any other byte that is not printed unchanged, two hexadecimal digits
@@ -7,14 +7,13 @@
 // U+001F, U+007F to U+009F), line and paragraph separators, and the invisible marks that change the
 // direction of writing. So one line is printed as one line, no text controls the terminal, and the
 // output can be read back byte for byte.
-#ifndef TAV_TOOL_ESCAPE_H
-#define TAV_TOOL_ESCAPE_H
+#pragma once
 
 #include <optional>
 #include <string>
 #include <string_view>
 
-namespace tav::tool {
+namespace tav::terminal {
 
 // `ascii_only`: for a terminal that does not understand UTF-8, where every byte from 0x80 on may be
 // a control character.
@@ -28,10 +27,7 @@ bool holds_hidden(std::string_view text);
 // that byte.
 std::optional<std::string> unescaped(std::string_view text);
 
-// `text` as one word of a shell's command line (as bash reads it), so that a suggested command can
-// be copied.
-std::string shell_word(std::string_view text);
+// `text` as one word of a shell's command line (as bash reads it), escaped by the same rule.
+std::string shell_word(std::string_view text, bool ascii_only = false);
 
-} // namespace tav::tool
-
-#endif
+} // namespace tav::terminal

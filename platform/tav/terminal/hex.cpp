@@ -1,8 +1,8 @@
-#include "tool/hex.h"
+#include "terminal/hex.h"
 
 #include <charconv>
 
-namespace tav::tool {
+namespace tav::terminal {
 
 std::string to_hex(std::string_view bytes) {
     constexpr std::string_view digits = "0123456789abcdef";
@@ -32,4 +32,4 @@ std::optional<std::string> from_hex(std::string_view hex) {
     return bytes;
 }
 
-} // namespace tav::tool
+} // namespace tav::terminal

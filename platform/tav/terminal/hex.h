@@ -1,12 +1,11 @@
 // Bytes as hexadecimal text.
-#ifndef TAV_TOOL_HEX_H
-#define TAV_TOOL_HEX_H
+#pragma once
 
 #include <optional>
 #include <string>
 #include <string_view>
 
-namespace tav::tool {
+namespace tav::terminal {
 
 // Two lower-case digits per byte.
 std::string to_hex(std::string_view bytes);
@@ -14,6 +13,4 @@ std::string to_hex(std::string_view bytes);
 // The reverse, upper case allowed; empty if the text is not hexadecimal.
 std::optional<std::string> from_hex(std::string_view hex);
 
-} // namespace tav::tool
-
-#endif
+} // namespace tav::terminal

@@ -1,6 +1,5 @@
 // The layout of --help for the tools of this project.
-#ifndef TAV_TOOL_HELP_H
-#define TAV_TOOL_HELP_H
+#pragma once
 
 #include <string>
 #include <utility>
@@ -8,7 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
-namespace tav::tool {
+namespace tav::terminal {
 
 // CLI11's own layout differs between versions; newer ones even join the lines of the examples at
 // the end. This layout is the same with each of them.
@@ -60,6 +59,4 @@ private:
     }
 };
 
-} // namespace tav::tool
-
-#endif
+} // namespace tav::terminal
