@@ -12,7 +12,7 @@ build coverage unit_tests kernel_tests
 find build/coverage -name '*.gcda' -delete
 
 step ctest "Testing build/coverage" ctest --test-dir build/coverage --parallel $(($(nproc) * 4)) \
-    --tests-regex '^(unit|kernel)\.' --exclude-regex '^kernel\.ctl\.'
+    --label-regex '^(unit|kernel)$'
 status=$?
 gcovr --root . --filter '(shell|netlink|store|sync)/' --txt - \
     build/coverage || die "no coverage"
