@@ -1,10 +1,9 @@
 // Both views side by side, and why they differ.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
-
-#include <boost/optional.hpp>
 
 #include "ctl/kernel_view.h"
 #include "ctl/store_view.h"
@@ -24,23 +23,23 @@ enum class mark_t {
 // One address, or one gateway, on each side.
 struct address_row_t {
     mark_t mark = mark_t::both;
-    boost::optional<kernel_address_t> kernel;
-    boost::optional<stored_address_t> stored;
+    std::optional<kernel_address_t> kernel;
+    std::optional<stored_address_t> stored;
 };
 struct gateway_row_t {
     mark_t mark = mark_t::both;
-    boost::optional<kernel_route_t> kernel;
-    boost::optional<stored_gateway_t> stored;
+    std::optional<kernel_route_t> kernel;
+    std::optional<stored_gateway_t> stored;
 };
 
 struct interface_view_t {
-    std::string link;                      // its name in the kernel
-    boost::optional<kernel_link_t> kernel; // empty: there is no such link
-    long number = 0;                       // of the store interface; 0: the link cannot have one
-    bool has_node = false;                 // the store interface exists
-    bool store_known = true;               // false: the store did not answer
-    bool tracked = false;                  // the daemon manages the link
-    std::vector<address_row_t> addresses;  // the kernel's order, then the store's
+    std::string link;                     // its name in the kernel
+    std::optional<kernel_link_t> kernel;  // empty: there is no such link
+    long number = 0;                      // of the store interface; 0: the link cannot have one
+    bool has_node = false;                // the store interface exists
+    bool store_known = true;              // false: the store did not answer
+    bool tracked = false;                 // the daemon manages the link
+    std::vector<address_row_t> addresses; // the kernel's order, then the store's
     std::vector<gateway_row_t> gateways;
     std::vector<finding_t> findings;
 };

@@ -207,10 +207,10 @@ store_view_t reader_t::read() {
 
 // Converts with the daemon's own function; after a failure a second conversion finds out which part
 // was invalid.
-boost::optional<bool> convert(const std::string &text, bool prefix_required, CAddress &address) {
+std::optional<bool> convert(const std::string &text, bool prefix_required, CAddress &address) {
     try {
         address = CSync::str_to_addr(text, prefix_required);
-        return boost::none;
+        return std::nullopt;
     } catch (const sync_addr_err &) {
     }
     try {
@@ -227,10 +227,10 @@ store_view_t read_store(toolkit::CTav &tav, const std::string &prefix) {
     return reader_t(tav, prefix).read();
 }
 
-boost::optional<fault_t> convert_address(const std::string &text, CAddress &address) {
-    const boost::optional<bool> only_prefix = convert(text, true, address);
+std::optional<fault_t> convert_address(const std::string &text, CAddress &address) {
+    const std::optional<bool> only_prefix = convert(text, true, address);
     if (!only_prefix) {
-        return boost::none;
+        return std::nullopt;
     }
     reason_t reason = reason_t::address_bad_text;
     if (*only_prefix) {
@@ -240,12 +240,12 @@ boost::optional<fault_t> convert_address(const std::string &text, CAddress &addr
     return fault_t{reason, {{"text", text}}};
 }
 
-boost::optional<fault_t> convert_gateway(const std::string &text, CRoute &route) {
+std::optional<fault_t> convert_gateway(const std::string &text, CRoute &route) {
     CAddress address;
-    const boost::optional<bool> only_prefix = convert(text, false, address);
+    const std::optional<bool> only_prefix = convert(text, false, address);
     if (!only_prefix) {
         route.gateway = address.addr;
-        return boost::none;
+        return std::nullopt;
     }
     return fault_t{*only_prefix ? reason_t::gateway_bad_prefix : reason_t::gateway_bad_text,
                    {{"text", text}}};

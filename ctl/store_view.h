@@ -2,11 +2,10 @@
 // with the reason.
 #pragma once
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <boost/optional.hpp>
 
 #include "ctl/reasons.h"
 #include "sync/model.h"
@@ -26,16 +25,16 @@ constexpr const char *store_silent = "the settings store does not answer";
 // One child of "Addresses".
 struct stored_address_t {
     std::string node;
-    std::string text;               // text of its address leaf; empty when there is none
-    std::string type_text;          // text of its type leaf; empty when there is none
-    CTavAddress address;            // meaningful without a fault
-    boost::optional<fault_t> fault; // why the daemon skips it
+    std::string text;             // text of its address leaf; empty when there is none
+    std::string type_text;        // text of its type leaf; empty when there is none
+    CTavAddress address;          // meaningful without a fault
+    std::optional<fault_t> fault; // why the daemon skips it
 };
 
 struct stored_gateway_t {
     std::string text;
     CTavRoute route; // meaningful without a fault
-    boost::optional<fault_t> fault;
+    std::optional<fault_t> fault;
 };
 
 // One child node of the interfaces' node.
@@ -43,7 +42,7 @@ struct stored_interface_t {
     std::string node;
     long number = 0;  // 0: the name is not a number, so the daemon cannot read the store
     std::string link; // name of the kernel link that the node is for
-    boost::optional<stored_gateway_t> gateway;
+    std::optional<stored_gateway_t> gateway;
     std::vector<stored_address_t> addresses; // in listing order
     std::vector<std::string> strange;        // paths of elements that the daemon ignores
     bool holds_more = false; // other children than "IPv6"; in a node without a number, any child
@@ -61,7 +60,7 @@ store_view_t read_store(toolkit::CTav &tav, const std::string &prefix);
 
 // Converts the text of an address or gateway leaf by the daemon's rules; returns the fault if there
 // is one, and then does not change the output.
-boost::optional<fault_t> convert_address(const std::string &text, CAddress &address);
-boost::optional<fault_t> convert_gateway(const std::string &text, CRoute &route);
+std::optional<fault_t> convert_address(const std::string &text, CAddress &address);
+std::optional<fault_t> convert_gateway(const std::string &text, CRoute &route);
 
 } // namespace ctl

@@ -1,11 +1,10 @@
 // What the commands of tandrelctl share: the options, the connection to the store, the exit codes.
 #pragma once
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
-
-#include <boost/optional.hpp>
 
 #include "ctl/compare.h"
 #include "terminal/screen.h"
@@ -24,16 +23,16 @@ struct options_t {
     std::string prefix = "eth";
     bool json = false;
     tav::terminal::Color colour = tav::terminal::Color::automatic;
-    bool all = false;                 // show, check: include links that the daemon ignores
-    bool no_notes = false;            // check
-    bool quiet = false;               // check
-    bool force = false;               // interface del, address del
-    bool write = false;               // import
-    bool follow = false;              // nudge
-    std::string link;                 // empty: every link
-    std::string address;              // with its prefix length, or a gateway
-    std::string node;                 // --node
-    boost::optional<double> patience; // --wait: seconds
+    bool all = false;               // show, check: include links that the daemon ignores
+    bool no_notes = false;          // check
+    bool quiet = false;             // check
+    bool force = false;             // interface del, address del
+    bool write = false;             // import
+    bool follow = false;            // nudge
+    std::string link;               // empty: every link
+    std::string address;            // with its prefix length, or a gateway
+    std::string node;               // --node
+    std::optional<double> patience; // --wait: seconds
 };
 
 // A request that the tool refuses; the text says why, and what to do instead.

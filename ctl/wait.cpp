@@ -157,7 +157,7 @@ int wait_for(const goal_t &goal, client_t &client, const options_t &options) {
     changes_t changes(client);
     const auto end = clock_type::now() +
                      std::chrono::milliseconds(static_cast<long long>(*options.patience * 1000));
-    boost::optional<progress_t> progress;
+    std::optional<progress_t> progress;
     progress.emplace(*options.patience);
     for (;;) {
         const comparison_t comparison = look(client, options);
