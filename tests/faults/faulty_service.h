@@ -1,8 +1,7 @@
 // The settings store's service, which injects the faults of a plan for clients that have registered
 // for events or with the watchdog. All others are served normally, so that a test can read the real
 // state.
-#ifndef TESTS_FAULTS_FAULTY_SERVICE_H
-#define TESTS_FAULTS_FAULTY_SERVICE_H
+#pragma once
 
 #include <map>
 #include <string>
@@ -52,5 +51,3 @@ private:
 };
 
 } // namespace faults
-
-#endif

@@ -16,8 +16,7 @@
 //   status  status of a refused path (api_status_refused)
 //   path    the path to remove (required by the mode that removes)
 //   while   faults are injected only while this file exists
-#ifndef TESTS_FAULTS_PLAN_H
-#define TESTS_FAULTS_PLAN_H
+#pragma once
 
 #include <tav/mlr.h>
 
@@ -85,5 +84,3 @@ private:
 };
 
 } // namespace faults
-
-#endif

@@ -1,7 +1,6 @@
 // Operations beyond the public interface, for the store's own command-line tool. They behave like
 // those of toolkit::CTav: 0 when the call went through, negative when the connection is lost.
-#ifndef TAV_CLIENT_ADMIN_H
-#define TAV_CLIENT_ADMIN_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -23,5 +22,3 @@ TAV_EXPORT int dump(mlr_client_t *client, const std::string &path, api_status_t 
 TAV_EXPORT int service_status(mlr_client_t *client, ServiceStatus &status);
 
 } // namespace tav
-
-#endif

@@ -1,7 +1,6 @@
 // The exchange that all typed calls share: its reply is read completely, or the connection is
 // ended.
-#ifndef TAV_CLIENT_CALLS_H
-#define TAV_CLIENT_CALLS_H
+#pragma once
 
 #include "client/connection.h"
 #include "client/report.h"
@@ -49,5 +48,3 @@ int perform_with(Connection &connection, Op op, const Content &content, Read rea
 }
 
 } // namespace tav
-
-#endif

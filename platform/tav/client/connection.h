@@ -1,8 +1,7 @@
 // One client's two connections to the service: the calls with their time limit, and the wake-up
 // connection, whose end is the descriptor. No threads, no signals; every descriptor is
 // close-on-exec.
-#ifndef TAV_CLIENT_CONNECTION_H
-#define TAV_CLIENT_CONNECTION_H
+#pragma once
 
 #include <chrono>
 #include <cstdint>
@@ -77,5 +76,3 @@ private:
 struct mlr_client {
     std::unique_ptr<tav::Connection> connection;
 };
-
-#endif

@@ -1,7 +1,6 @@
 // The descriptor that a program waits on: the library's end of the wake-up connection, or, once the
 // connection is lost, a substitute with the same number.
-#ifndef TAV_CLIENT_DESCRIPTOR_H
-#define TAV_CLIENT_DESCRIPTOR_H
+#pragma once
 
 #include "client/unique_fd.h"
 
@@ -58,5 +57,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

@@ -1,6 +1,5 @@
 // Reports the library's errors to the program.
-#ifndef TAV_CLIENT_REPORT_H
-#define TAV_CLIENT_REPORT_H
+#pragma once
 
 #include "client/export.h"
 
@@ -22,5 +21,3 @@ TAV_EXPORT void report(unsigned int level, const char *format, ...)
     __attribute__((format(printf, 2, 3)));
 
 } // namespace tav
-
-#endif

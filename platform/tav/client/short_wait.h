@@ -3,8 +3,7 @@
 // A reply usually arrives within microseconds, but an idle virtual processor takes about 50 to run
 // a process again, and an exchange with a reply pays this twice. So a waiting process first lets
 // others run and polls again.
-#ifndef TAV_CLIENT_SHORT_WAIT_H
-#define TAV_CLIENT_SHORT_WAIT_H
+#pragma once
 
 #include <sched.h>
 
@@ -55,5 +54,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

@@ -1,7 +1,6 @@
 // Moving bytes over a non-blocking stream socket before a deadline. An interrupted wait continues
 // for the remaining time.
-#ifndef TAV_CLIENT_STREAM_H
-#define TAV_CLIENT_STREAM_H
+#pragma once
 
 #include <chrono>
 #include <string>
@@ -51,5 +50,3 @@ std::size_t unread_bytes(int fd);
 const char *describe(StreamResult result);
 
 } // namespace tav
-
-#endif

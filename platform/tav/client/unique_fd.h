@@ -1,6 +1,5 @@
 // A file descriptor that closes itself.
-#ifndef TAV_CLIENT_UNIQUE_FD_H
-#define TAV_CLIENT_UNIQUE_FD_H
+#pragma once
 
 #include <unistd.h>
 
@@ -38,5 +37,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

@@ -1,7 +1,6 @@
 // Writing and reading the body of a frame. Numbers are written most significant byte first; a text
 // follows its length. Neither side ever leaves its buffer.
-#ifndef TAV_PROTOCOL_CODEC_H
-#define TAV_PROTOCOL_CODEC_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -72,5 +71,3 @@ enum class FrameState { incomplete, complete, too_large };
 FrameState next_frame(std::string_view stream, std::string_view &body);
 
 } // namespace tav
-
-#endif

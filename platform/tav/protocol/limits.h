@@ -1,8 +1,7 @@
 // Every limit of the settings store, in one place. The service enforces them; the client library
 // checks those on the size of a request, so that it never sends a request that the service would
 // reject. The comments name the status with which the service answers beyond each limit.
-#ifndef TAV_PROTOCOL_LIMITS_H
-#define TAV_PROTOCOL_LIMITS_H
+#pragma once
 
 #include <cstddef>
 
@@ -66,5 +65,3 @@ constexpr std::size_t watchdog_name_bytes = 64;
 constexpr std::size_t departed_watchdogs = 32;
 
 } // namespace tav::limits
-
-#endif

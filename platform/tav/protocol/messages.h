@@ -1,7 +1,6 @@
 // The content of requests and replies: for each kind of object its writer and its reader side by
 // side. The Reader says whether reading succeeded (Reader::ok, Reader::finished).
-#ifndef TAV_PROTOCOL_MESSAGES_H
-#define TAV_PROTOCOL_MESSAGES_H
+#pragma once
 
 #include <tav/mlr.h>
 
@@ -220,5 +219,3 @@ void get_all(Reader &in, std::vector<T> &values) {
 }
 
 } // namespace tav
-
-#endif

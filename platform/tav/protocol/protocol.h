@@ -1,6 +1,5 @@
 // The numbers of the protocol between client library and service. PROTOCOL.md describes it.
-#ifndef TAV_PROTOCOL_PROTOCOL_H
-#define TAV_PROTOCOL_PROTOCOL_H
+#pragma once
 
 #include <chrono>
 #include <cstddef>
@@ -66,5 +65,3 @@ constexpr std::chrono::milliseconds wake_pause{50};
 constexpr std::chrono::milliseconds wake_wait_limit{1000};
 
 } // namespace tav
-
-#endif

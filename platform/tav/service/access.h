@@ -1,6 +1,5 @@
 // Who may use the store: decided by what the kernel reports about the process at the other end.
-#ifndef TAV_SERVICE_ACCESS_H
-#define TAV_SERVICE_ACCESS_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -40,5 +39,3 @@ struct Rights {
 gid_t group_named(const std::string &name);
 
 } // namespace tav
-
-#endif

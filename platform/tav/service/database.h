@@ -1,6 +1,5 @@
 // The tree on disk: an SQLite database in WAL mode, one row per element.
-#ifndef TAV_SERVICE_DATABASE_H
-#define TAV_SERVICE_DATABASE_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -47,5 +46,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

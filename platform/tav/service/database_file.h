@@ -1,6 +1,5 @@
 // The database file: how it is recognised as one of this service, and how it is created.
-#ifndef TAV_SERVICE_DATABASE_FILE_H
-#define TAV_SERVICE_DATABASE_FILE_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -23,5 +22,3 @@ void check_database(Sqlite &database);
 extern const char *const empty_transaction;
 
 } // namespace tav
-
-#endif

@@ -1,6 +1,5 @@
 // Directories that the service creates for its files.
-#ifndef TAV_SERVICE_DIRECTORY_H
-#define TAV_SERVICE_DIRECTORY_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -23,5 +22,3 @@ void make_directory_of(const std::string &file, std::optional<gid_t> group = {})
 void sync_directory(const std::string &directory);
 
 } // namespace tav
-
-#endif

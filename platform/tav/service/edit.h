@@ -1,7 +1,6 @@
 // One transaction on the tree: each step is applied at once, so that later steps see it, and all of
 // it is undone unless keep() is called.
-#ifndef TAV_SERVICE_EDIT_H
-#define TAV_SERVICE_EDIT_H
+#pragma once
 
 #include <cstdint>
 #include <memory>
@@ -85,5 +84,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

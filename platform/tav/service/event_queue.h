@@ -1,6 +1,5 @@
 // The events that wait for one client, bounded and merged.
-#ifndef TAV_SERVICE_EVENT_QUEUE_H
-#define TAV_SERVICE_EVENT_QUEUE_H
+#pragma once
 
 #include <cstdint>
 #include <map>
@@ -45,5 +44,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

@@ -1,6 +1,5 @@
 // The service's listening socket and its file.
-#ifndef TAV_SERVICE_LISTENER_H
-#define TAV_SERVICE_LISTENER_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -47,5 +46,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

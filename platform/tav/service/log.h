@@ -1,6 +1,5 @@
 // The service's log: one line each on standard error.
-#ifndef TAV_SERVICE_LOG_H
-#define TAV_SERVICE_LOG_H
+#pragma once
 
 namespace tav {
 
@@ -9,5 +8,3 @@ namespace tav {
 void log_line(const char *format, ...) __attribute__((format(printf, 1, 2)));
 
 } // namespace tav
-
-#endif

@@ -1,6 +1,5 @@
 // Paths and names of the tree.
-#ifndef TAV_SERVICE_PATH_H
-#define TAV_SERVICE_PATH_H
+#pragma once
 
 #include <tav/mlr.h>
 
@@ -60,5 +59,3 @@ struct NameLess {
 };
 
 } // namespace tav
-
-#endif

@@ -1,6 +1,5 @@
 // One accepted connection: bytes in, bytes out.
-#ifndef TAV_SERVICE_PEER_H
-#define TAV_SERVICE_PEER_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -70,5 +69,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

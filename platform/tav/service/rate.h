@@ -1,6 +1,5 @@
 // How many requests one client makes, in short slices of time.
-#ifndef TAV_SERVICE_RATE_H
-#define TAV_SERVICE_RATE_H
+#pragma once
 
 #include <chrono>
 #include <cstdint>
@@ -35,5 +34,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

@@ -2,8 +2,7 @@
 //
 // Clients are served in turn, one request each, no matter how many requests one of them has sent. A
 // client that has made more requests than its share comes after all others.
-#ifndef TAV_SERVICE_SERVER_H
-#define TAV_SERVICE_SERVER_H
+#pragma once
 
 #include <sys/epoll.h>
 
@@ -99,5 +98,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

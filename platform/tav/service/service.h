@@ -1,6 +1,5 @@
 // The service without its sockets: sessions, and the execution of requests.
-#ifndef TAV_SERVICE_SERVICE_H
-#define TAV_SERVICE_SERVICE_H
+#pragma once
 
 #include <cstdint>
 #include <functional>
@@ -77,5 +76,3 @@ private:
 std::unique_ptr<Service> make_service(Store &served, std::string database);
 
 } // namespace tav
-
-#endif

@@ -1,6 +1,5 @@
 // The service's data about one client: its registrations, its waiting events and its wake-ups.
-#ifndef TAV_SERVICE_SESSION_H
-#define TAV_SERVICE_SESSION_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -65,5 +64,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

@@ -1,6 +1,5 @@
 // One SQLite connection, with its errors as exceptions that name the file.
-#ifndef TAV_SERVICE_SQLITE_H
-#define TAV_SERVICE_SQLITE_H
+#pragma once
 
 #include <cstdint>
 #include <memory>
@@ -61,5 +60,3 @@ std::string_view column_text(sqlite3_stmt *statement, int column);
 void bind_bytes(sqlite3_stmt *statement, int index, const std::string &text);
 
 } // namespace tav
-
-#endif

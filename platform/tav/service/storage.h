@@ -1,6 +1,5 @@
 // Permanent storage of the tree: the interface between the store and its database.
-#ifndef TAV_SERVICE_STORAGE_H
-#define TAV_SERVICE_STORAGE_H
+#pragma once
 
 #include <vector>
 
@@ -28,5 +27,3 @@ public:
 };
 
 } // namespace tav
-
-#endif

@@ -1,6 +1,5 @@
 // The store: the tree, its storage, and the rules of a write.
-#ifndef TAV_SERVICE_STORE_H
-#define TAV_SERVICE_STORE_H
+#pragma once
 
 #include <functional>
 #include <memory>
@@ -73,5 +72,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

@@ -1,6 +1,5 @@
 // The tree of settings in memory.
-#ifndef TAV_SERVICE_TREE_H
-#define TAV_SERVICE_TREE_H
+#pragma once
 
 #include <cstdint>
 #include <functional>
@@ -59,5 +58,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

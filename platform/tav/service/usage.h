@@ -1,6 +1,5 @@
 // How much of each limit is used, and how often a request exceeded it.
-#ifndef TAV_SERVICE_USAGE_H
-#define TAV_SERVICE_USAGE_H
+#pragma once
 
 #include <tav/mlr.h>
 
@@ -57,5 +56,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

@@ -1,6 +1,5 @@
 // Which texts the types of values allow.
-#ifndef TAV_SERVICE_VALUE_CHECK_H
-#define TAV_SERVICE_VALUE_CHECK_H
+#pragma once
 
 #include "protocol/messages.h"
 
@@ -16,5 +15,3 @@ namespace tav {
 api_status_t check_value(const Value &value);
 
 } // namespace tav
-
-#endif

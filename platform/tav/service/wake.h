@@ -4,8 +4,7 @@
 // A client is "signalled" from the moment when the wake-up byte is sent until the client
 // acknowledges it, with or without a fetch. There is never more than one unacknowledged byte. The
 // time passed to the members must never go back.
-#ifndef TAV_SERVICE_WAKE_H
-#define TAV_SERVICE_WAKE_H
+#pragma once
 
 #include <chrono>
 #include <optional>
@@ -52,5 +51,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

@@ -1,6 +1,5 @@
 // The watchdog: clients that announced to ping, and whether they do.
-#ifndef TAV_SERVICE_WATCHDOG_H
-#define TAV_SERVICE_WATCHDOG_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -48,5 +47,3 @@ private:
 };
 
 } // namespace tav
-
-#endif

@@ -1,6 +1,5 @@
 // The tool's command line.
-#ifndef TAV_TOOL_ARGUMENTS_H
-#define TAV_TOOL_ARGUMENTS_H
+#pragma once
 
 #include "tool/tool.h"
 
@@ -20,5 +19,3 @@ struct Request {
 Request parse(int argc, char **argv);
 
 } // namespace tav::tool
-
-#endif

@@ -9,8 +9,7 @@
 // "path" is the dumped path; every element is at or below it. The root itself is not listed. Texts
 // that are not UTF-8 are written in hexadecimal under "path_hex" and "value_hex". "time" is in
 // seconds since 1970 and may be missing.
-#ifndef TAV_TOOL_DUMP_FORMAT_H
-#define TAV_TOOL_DUMP_FORMAT_H
+#pragma once
 
 #include <stdexcept>
 #include <string>
@@ -41,5 +40,3 @@ Dump parse_dump(const std::string &text);
 void print_dump(const Dump &dump, bool with_times);
 
 } // namespace tav::tool
-
-#endif

@@ -1,6 +1,5 @@
 // Error messages about paths: what was wrong, and what to do about it.
-#ifndef TAV_TOOL_EXPLAIN_H
-#define TAV_TOOL_EXPLAIN_H
+#pragma once
 
 #include <string>
 
@@ -20,5 +19,3 @@ void complain_writing(Client &client, const Item &item, api_status_t status,
                       const std::string &place = "");
 
 } // namespace tav::tool
-
-#endif

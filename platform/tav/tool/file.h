@@ -1,6 +1,5 @@
 // Input files of a command.
-#ifndef TAV_TOOL_FILE_H
-#define TAV_TOOL_FILE_H
+#pragma once
 
 #include <optional>
 #include <string>
@@ -15,5 +14,3 @@ std::optional<std::string> read_file(const std::string &file);
 std::string file_name(const std::string &file);
 
 } // namespace tav::tool
-
-#endif

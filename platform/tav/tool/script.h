@@ -1,6 +1,5 @@
 // The text of a transaction, one step per line, as 'apply' reads it.
-#ifndef TAV_TOOL_SCRIPT_H
-#define TAV_TOOL_SCRIPT_H
+#pragma once
 
 #include <string>
 #include <string_view>
@@ -30,5 +29,3 @@ Script parse_script(std::string_view text);
 std::string trimmed_path(std::string path);
 
 } // namespace tav::tool
-
-#endif

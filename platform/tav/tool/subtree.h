@@ -1,6 +1,5 @@
 // Reading a whole subtree for a command.
-#ifndef TAV_TOOL_SUBTREE_H
-#define TAV_TOOL_SUBTREE_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -15,5 +14,3 @@ namespace tav::tool {
 int read_subtree(Client &client, const std::string &path, std::vector<DumpElement> &elements);
 
 } // namespace tav::tool
-
-#endif

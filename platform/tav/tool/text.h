@@ -1,6 +1,5 @@
 // Types, statuses and bytes as text and as JSON.
-#ifndef TAV_TOOL_TEXT_H
-#define TAV_TOOL_TEXT_H
+#pragma once
 
 #include <tav/mlr.h>
 
@@ -32,5 +31,3 @@ void add_text(Json &object, const std::string &key, const std::string &text);
 std::optional<std::string> find_text(const Json &object, const std::string &key);
 
 } // namespace tav::tool
-
-#endif

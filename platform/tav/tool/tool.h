@@ -1,6 +1,5 @@
 // The commands of the tool, their exit codes, and the connection that they share.
-#ifndef TAV_TOOL_TOOL_H
-#define TAV_TOOL_TOOL_H
+#pragma once
 
 #include <tav/toolkit.h>
 
@@ -68,5 +67,3 @@ int diff(Client &client, const Options &options);
 int status(Client &client, const Options &options);
 
 } // namespace tav::tool
-
-#endif

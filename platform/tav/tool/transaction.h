@@ -1,6 +1,5 @@
 // Carrying out a transaction for a command.
-#ifndef TAV_TOOL_TRANSACTION_H
-#define TAV_TOOL_TRANSACTION_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -20,5 +19,3 @@ int perform(
     const Place &place = [](std::size_t) { return std::string(); });
 
 } // namespace tav::tool
-
-#endif

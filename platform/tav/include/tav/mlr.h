@@ -4,8 +4,7 @@
  * header's functions) and -ltav++ (toolkit.h's classes). A device's platform ships a library of
  * its own under the same names; programs written against these two headers build against either.
  */
-#ifndef TAV_MLR_H
-#define TAV_MLR_H
+#pragma once
 
 #ifdef __cplusplus
 extern "C" {
@@ -108,6 +107,4 @@ enum {
 
 #ifdef __cplusplus
 }
-#endif
-
 #endif

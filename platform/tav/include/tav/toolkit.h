@@ -2,8 +2,7 @@
 //
 // The store is a tree. A path is "/" followed by names separated by single "/"; names are
 // case-sensitive. Inner elements are nodes, the others are leaves with a typed value.
-#ifndef TAV_TOOLKIT_H
-#define TAV_TOOLKIT_H
+#pragma once
 
 #include <cstdint>
 #include <string>
@@ -104,5 +103,3 @@ public:
 };
 
 } // namespace toolkit
-
-#endif

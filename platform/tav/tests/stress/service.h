@@ -1,6 +1,5 @@
 // A service of its own for a stress program.
-#ifndef TESTS_TAV_STRESS_SERVICE_H
-#define TESTS_TAV_STRESS_SERVICE_H
+#pragma once
 
 #include <tav/toolkit.h>
 
@@ -43,5 +42,3 @@ struct Client {
 };
 
 } // namespace stress
-
-#endif

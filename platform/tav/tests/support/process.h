@@ -1,6 +1,5 @@
 // Temporary directories, and the programs under test as child processes.
-#ifndef TESTS_TAV_SUPPORT_PROCESS_H
-#define TESTS_TAV_SUPPORT_PROCESS_H
+#pragma once
 
 #include <sys/types.h>
 
@@ -68,5 +67,3 @@ Ran run(const TempDir &dir, const std::vector<std::string> &arguments,
         const std::string &input = "");
 
 } // namespace tavtest
-
-#endif

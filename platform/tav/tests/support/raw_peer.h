@@ -1,6 +1,5 @@
 // One end of the protocol by hand: plays a service or a client that misbehaves.
-#ifndef TESTS_TAV_SUPPORT_RAW_PEER_H
-#define TESTS_TAV_SUPPORT_RAW_PEER_H
+#pragma once
 
 #include <functional>
 #include <string>
@@ -71,5 +70,3 @@ private:
 std::uint32_t serial_of(const std::string &request_body);
 
 } // namespace tavtest
-
-#endif

@@ -1,6 +1,5 @@
 // A running service in a directory of its own, and clients of it.
-#ifndef TESTS_TAV_SUPPORT_STORE_FIXTURE_H
-#define TESTS_TAV_SUPPORT_STORE_FIXTURE_H
+#pragma once
 
 #include <gtest/gtest.h>
 
@@ -86,5 +85,3 @@ protected:
 };
 
 } // namespace tavtest
-
-#endif

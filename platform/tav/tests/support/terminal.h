@@ -1,6 +1,5 @@
 // A program whose standard input, output and error are a terminal.
-#ifndef TESTS_TAV_SUPPORT_TERMINAL_H
-#define TESTS_TAV_SUPPORT_TERMINAL_H
+#pragma once
 
 #include <string>
 #include <vector>
@@ -36,5 +35,3 @@ private:
 };
 
 } // namespace tavtest
-
-#endif

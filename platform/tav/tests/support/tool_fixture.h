@@ -1,6 +1,5 @@
 // A running service and the command-line tool.
-#ifndef TESTS_TAV_SUPPORT_TOOL_FIXTURE_H
-#define TESTS_TAV_SUPPORT_TOOL_FIXTURE_H
+#pragma once
 
 #include "support/store_fixture.h"
 
@@ -27,5 +26,3 @@ protected:
 };
 
 } // namespace tavtest
-
-#endif

@@ -1,6 +1,5 @@
 // For libraries that are preloaded into a program under test.
-#ifndef TESTS_FAKES_NEXT_FUNCTION_H
-#define TESTS_FAKES_NEXT_FUNCTION_H
+#pragma once
 
 #include <dlfcn.h>
 
@@ -21,5 +20,3 @@ Function next_function(const char *name) {
     std::memcpy(&function, &found, sizeof function);
     return function;
 }
-
-#endif
