@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "ctl/text.h"
+#include "in_order.h"
 #include "store/paths.h"
 
 namespace ctl {
@@ -22,7 +23,7 @@ struct mark_text_t {
     const char *meaning;
 };
 
-constexpr std::array<mark_text_t, 7> marks{{
+constexpr std::array<mark_text_t, static_cast<std::size_t>(mark_t::half_known) + 1> marks{{
     {mark_t::both, '=', style_t::good, "both", "both agree"},
     {mark_t::kernel_only, 'K', style_t::warn, "kernel-only", "only in the kernel"},
     {mark_t::store_only, 'S', style_t::warn, "store-only", "only in the store"},
@@ -31,6 +32,7 @@ constexpr std::array<mark_text_t, 7> marks{{
     {mark_t::left_alone, '.', style_t::dim, "left-alone", "ignored by tandrel"},
     {mark_t::half_known, '-', style_t::dim, "half-known", "the store does not answer"},
 }};
+static_assert(tav::in_order(marks, &mark_text_t::mark));
 
 const mark_text_t &text_of_mark(mark_t mark) {
     return marks.at(static_cast<std::size_t>(mark));

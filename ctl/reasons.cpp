@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "ctl/text.h"
+#include "in_order.h"
 
 namespace ctl {
 
@@ -15,7 +16,7 @@ using r = reason_t;
 // {link}: the kernel link; {prefix}: the prefix of the names of the links that tandrel manages;
 // {node}, {path}, {text}: name, path and text of the element in the store; {address}, {gateway}: as
 // text; {type}: of an address; {other}: the other side's or the other node's value.
-const std::vector<reason_text_t> table = {
+constexpr reasons_t table{{
     {r::interfaces_absent, difference, "interfaces-absent",
      "the store has no node '{path}', so tandrel can read nothing and starts over every ten "
      "seconds",
@@ -199,7 +200,8 @@ const std::vector<reason_text_t> table = {
     {r::daemon_absent, note, "daemon-absent",
      "it does not run here, so nothing will be synchronised",
      "start it: systemctl start tandrel, or, to watch it, tandrel -d -D 3"},
-};
+}};
+static_assert(tav::in_order(table, &reason_text_t::reason));
 
 std::string fill(const char *format, const words_t &words,
                  std::string (&transform)(std::string_view)) {
@@ -216,7 +218,7 @@ std::string fill(const char *format, const words_t &words,
 
 } // namespace
 
-const std::vector<reason_text_t> &reasons() {
+const reasons_t &reasons() {
     return table;
 }
 

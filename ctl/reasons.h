@@ -2,9 +2,9 @@
 // its sentence and its remedy.
 #pragma once
 
+#include <array>
 #include <map>
 #include <string>
-#include <vector>
 
 namespace ctl {
 
@@ -86,7 +86,8 @@ struct reason_text_t {
 };
 
 // Every reason, in the order of the enumeration.
-const std::vector<reason_text_t> &reasons();
+using reasons_t = std::array<reason_text_t, static_cast<std::size_t>(reason_t::count_)>;
+const reasons_t &reasons();
 const reason_text_t &text_of(reason_t reason);
 
 // The texts that replace the {words} of a sentence.

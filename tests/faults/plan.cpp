@@ -2,39 +2,45 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
+
+#include "in_order.h"
 
 namespace faults {
 
 namespace {
 
-constexpr std::pair<Mode, const char *> modes[] = {
-    {Mode::fail, "fail"},       {Mode::refuse, "refuse"},
-    {Mode::garble, "garble"},   {Mode::hang, "hang"},
-    {Mode::cut, "cut"},         {Mode::overflow, "overflow"},
-    {Mode::echo, "echo"},       {Mode::duplicate, "duplicate"},
-    {Mode::reorder, "reorder"}, {Mode::spurious, "spurious"},
+using ModeName = std::pair<Mode, const char *>;
+constexpr std::array<ModeName, static_cast<std::size_t>(Mode::vanish) + 1> modes{{
+    {Mode::fail, "fail"},
+    {Mode::refuse, "refuse"},
+    {Mode::garble, "garble"},
+    {Mode::hang, "hang"},
+    {Mode::cut, "cut"},
+    {Mode::overflow, "overflow"},
+    {Mode::echo, "echo"},
+    {Mode::duplicate, "duplicate"},
+    {Mode::reorder, "reorder"},
+    {Mode::spurious, "spurious"},
     {Mode::vanish, "vanish"},
-};
+}};
+static_assert(tav::in_order(modes, &ModeName::first));
 
-constexpr std::pair<Operation, const char *> operations[] = {
-    {Operation::read, "read"},         {Operation::list, "list"},
-    {Operation::write, "write"},       {Operation::remove, "remove"},
-    {Operation::enlist, "register"},   {Operation::events, "events"},
-    {Operation::watchdog, "watchdog"}, {Operation::ping, "ping"},
-};
-
-template <typename Table, typename Value>
-const char *name_in(const Table &table, Value value) {
-    for (const auto &[known, name] : table) {
-        if (known == value) {
-            return name;
-        }
-    }
-    return "?";
-}
+using OperationName = std::pair<Operation, const char *>;
+constexpr std::array<OperationName, static_cast<std::size_t>(Operation::ping) + 1> operations{{
+    {Operation::read, "read"},
+    {Operation::list, "list"},
+    {Operation::write, "write"},
+    {Operation::remove, "remove"},
+    {Operation::enlist, "register"},
+    {Operation::events, "events"},
+    {Operation::watchdog, "watchdog"},
+    {Operation::ping, "ping"},
+}};
+static_assert(tav::in_order(operations, &OperationName::first));
 
 template <typename Table>
 auto value_in(const Table &table, const std::string &name) {
@@ -81,11 +87,11 @@ std::set<Operation> usual_operations(Mode mode) {
 } // namespace
 
 const char *name_of(Mode mode) {
-    return name_in(modes, mode);
+    return modes.at(static_cast<std::size_t>(mode)).second;
 }
 
 const char *name_of(Operation operation) {
-    return name_in(operations, operation);
+    return operations.at(static_cast<std::size_t>(operation)).second;
 }
 
 Plan::Plan(const std::string &text) {

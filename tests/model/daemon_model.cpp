@@ -13,6 +13,7 @@ constexpr int static_protocol = 4;
 constexpr int buckets = 11; // the engine visits links by index modulo this
 
 const char *const type_names[] = {"", "Link-Local", "Automatic", "Static"};
+static_assert(std::size(type_names) == static_type + 1);
 
 bool is_tracked_name(const std::string &name) {
     return name.compare(0, 3, "eth") == 0;

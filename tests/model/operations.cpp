@@ -1,9 +1,13 @@
 #include "operations.h"
 
+#include <array>
 #include <cctype>
 #include <cstdio>
 #include <sstream>
 #include <stdexcept>
+#include <utility>
+
+#include "in_order.h"
 
 namespace model {
 namespace {
@@ -14,7 +18,7 @@ struct kind_t {
     std::size_t arguments;
 };
 
-constexpr kind_t kinds[] = {
+constexpr std::array<kind_t, static_cast<std::size_t>(Kind::overflow) + 1> kinds{{
     {Kind::kernel_add, "kernel-add", 4},
     {Kind::kernel_delete, "kernel-delete", 3},
     {Kind::kernel_lifetime, "kernel-lifetime", 3},
@@ -44,17 +48,20 @@ constexpr kind_t kinds[] = {
     {Kind::store_stop, "store-stop", 0},
     {Kind::store_start, "store-start", 0},
     {Kind::overflow, "overflow", 0},
-};
+}};
+static_assert(tav::in_order(kinds, &kind_t::kind));
 
-constexpr const char *pace_names[] = {"settled", "slow", "fast", "frozen"};
+using pace_name_t = std::pair<Pace, const char *>;
+constexpr std::array<pace_name_t, static_cast<std::size_t>(Pace::frozen) + 1> paces{{
+    {Pace::settled, "settled"},
+    {Pace::slow, "slow"},
+    {Pace::fast, "fast"},
+    {Pace::frozen, "frozen"},
+}};
+static_assert(tav::in_order(paces, &pace_name_t::first));
 
 const kind_t &kind_of(Kind kind) {
-    for (const auto &known : kinds) {
-        if (known.kind == kind) {
-            return known;
-        }
-    }
-    throw std::logic_error("a kind without a name");
+    return kinds.at(static_cast<std::size_t>(kind));
 }
 
 Operation parse_operation(std::istringstream &words, const std::string &name) {
@@ -75,9 +82,9 @@ Operation parse_operation(std::istringstream &words, const std::string &name) {
 }
 
 Pace parse_pace(const std::string &name) {
-    for (int i = 0; i < 4; ++i) {
-        if (name == pace_names[i]) {
-            return static_cast<Pace>(i);
+    for (const auto &[pace, known] : paces) {
+        if (name == known) {
+            return pace;
         }
     }
     throw std::runtime_error("unknown pace: " + name);
@@ -185,7 +192,8 @@ std::string to_text(const Sequence &sequence) {
     std::string text = "seed " + std::to_string(sequence.seed) + "\ndelay " +
                        std::to_string(sequence.turn_delay) + "\n";
     for (const auto &burst : sequence.bursts) {
-        text += std::string("burst ") + pace_names[static_cast<int>(burst.pace)] + "\n";
+        text +=
+            std::string("burst ") + paces.at(static_cast<std::size_t>(burst.pace)).second + "\n";
         for (const auto &operation : burst.operations) {
             text += "  " + to_text(operation) + "\n";
         }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "in_order.h"
 #include "protocol/limits.h"
 #include "protocol/protocol.h"
 
@@ -41,15 +42,7 @@ constexpr std::array<Known, static_cast<std::size_t>(Limit::number_)> table{{
     {Limit::greeting, "milliseconds to connect", greeting_time.count(), api_status_none},
 }};
 
-constexpr bool in_order() {
-    for (std::size_t i = 0; i < table.size(); ++i) {
-        if (static_cast<std::size_t>(table[i].limit) != i) {
-            return false;
-        }
-    }
-    return true;
-}
-static_assert(in_order());
+static_assert(in_order(table, &Known::limit));
 
 } // namespace
 

@@ -10,6 +10,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "in_order.h"
 #include "terminal/escape.h"
 
 namespace tav::terminal {
@@ -30,15 +31,7 @@ constexpr std::array<Code, static_cast<std::size_t>(Style::number_)> codes{{
     {Style::warn, "\x1b[33m"},
 }};
 
-constexpr bool in_order() {
-    for (std::size_t i = 0; i < codes.size(); ++i) {
-        if (static_cast<std::size_t>(codes[i].style) != i || codes[i].sequence == nullptr) {
-            return false;
-        }
-    }
-    return true;
-}
-static_assert(in_order());
+static_assert(in_order(codes, &Code::style));
 
 // A terminal that does not expect UTF-8 may treat some of its bytes as control characters.
 bool ascii_only() {

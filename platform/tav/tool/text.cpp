@@ -5,6 +5,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "in_order.h"
+
 namespace tav::tool {
 
 namespace {
@@ -17,7 +19,8 @@ constexpr std::array<std::pair<element_type_t, const char *>, 5> types{{
     {element_type_string, "string"},
 }};
 
-constexpr std::array<std::pair<api_status_t, const char *>, 21> statuses{{
+using StatusName = std::pair<api_status_t, const char *>;
+constexpr std::array<StatusName, api_status_not_empty + 1> statuses{{
     {api_status_none, "not processed"},
     {api_status_ok, "ok"},
     {api_status_absent, "absent"},
@@ -40,16 +43,7 @@ constexpr std::array<std::pair<api_status_t, const char *>, 21> statuses{{
     {api_status_too_many_connections, "too many connections"},
     {api_status_not_empty, "not empty"},
 }};
-
-template <typename Table, typename Key>
-const char *name_in(const Table &table, Key key) {
-    for (const auto &[known, name] : table) {
-        if (known == key) {
-            return name;
-        }
-    }
-    return nullptr;
-}
+static_assert(in_order(statuses, &StatusName::first));
 
 bool is_utf8(const std::string &text) {
     try {
@@ -63,8 +57,12 @@ bool is_utf8(const std::string &text) {
 } // namespace
 
 const char *type_name(element_type_t type) {
-    const char *name = name_in(types, type);
-    return name != nullptr ? name : "unknown";
+    for (const auto &[known, name] : types) {
+        if (known == type) {
+            return name;
+        }
+    }
+    return "unknown";
 }
 
 std::optional<element_type_t> leaf_type(std::string_view name) {
@@ -77,8 +75,9 @@ std::optional<element_type_t> leaf_type(std::string_view name) {
 }
 
 std::string status_name(api_status_t status) {
-    const char *name = name_in(statuses, status);
-    return name != nullptr ? name : "status " + std::to_string(status);
+    const auto number = static_cast<std::size_t>(status);
+    return number < statuses.size() ? statuses.at(number).second
+                                    : "status " + std::to_string(status);
 }
 
 void add_text(Json &object, const std::string &key, const std::string &text) {
