@@ -46,15 +46,17 @@ fetch() {
     dpkg-source -x libnl3_*.dsc libnl && dpkg-source -x sqlite3_*.dsc sqlite
 }
 
-# Only the core library; the scanners and parsers of the others are not built.
+# The core library, and libnl-route for the tests.
 build_libnl() {
     cd "$work/libnl" || return
-    ./configure --host=$host --prefix=/usr --sysconfdir=/etc --disable-cli --disable-static \
-        FLEX=: YACC=: || return
+    ./configure --host=$host --prefix=/usr --sysconfdir=/etc --disable-cli --disable-static || return
     local no_autotools=(ACLOCAL=: AUTOCONF=: AUTOMAKE=: AUTOHEADER=:)
-    make "${no_autotools[@]}" -j"$jobs" lib/libnl-3.la &&
-        make "${no_autotools[@]}" DESTDIR="$root" lib_LTLIBRARIES=lib/libnl-3.la \
-            install-libLTLIBRARIES install-libnlinclude_netlinkHEADERS install-pkgconfigDATA
+    local libraries=(lib/libnl-3.la lib/libnl-route-3.la)
+    make "${no_autotools[@]}" -j"$jobs" "${libraries[@]}" &&
+        make "${no_autotools[@]}" DESTDIR="$root" lib_LTLIBRARIES="${libraries[*]}" \
+            install-libLTLIBRARIES install-libnlinclude_netlinkHEADERS \
+            install-libnlinclude_netlink_routeHEADERS \
+            install-libnlinclude_netlink_route_linkHEADERS install-pkgconfigDATA
 }
 
 # One C file, generated on this machine.

@@ -6,15 +6,16 @@
 build_packages="g++ cmake ninja-build pkg-config libnl-3-dev libboost-dev libsqlite3-dev libcli11-dev
     nlohmann-json3-dev"
 demo_packages="iproute2 procps radvd"
-test_packages="libgtest-dev binutils iproute2 procps radvd python3"
+test_packages="libgtest-dev libnl-route-3-dev binutils iproute2 procps radvd python3"
 # Their checks are skipped if these cannot be installed.
 lint_packages="clang-format clang-tidy mandoc groff-base bash-completion shellcheck"
 fuzz_packages="clang libclang-rt-dev"
 mutate_packages="lld"
 bench_packages="iproute2 binutils valgrind systemd keepalived redis-server libhiredis-dev"
 # For ./test --powerpc and --board. The boards' kernels come from Debian's packages too.
-powerpc_packages="g++-powerpc-linux-gnu qemu-user googletest tcl xz-utils dpkg-dev gcc make"
-board_powerpc_packages="linux-source-6.1 bc flex bison make xz-utils cpio jq qemu-system-ppc"
+powerpc_packages="g++-powerpc-linux-gnu qemu-user googletest tcl xz-utils dpkg-dev gcc make flex
+    bison"
+board_powerpc_packages="linux-source-6.1 bc make xz-utils cpio jq qemu-system-ppc"
 board_amd64_packages="cpio jq xz-utils qemu-system-x86"
 package_packages="build-essential debhelper dpkg-dev lintian"
 

@@ -40,7 +40,7 @@ find . -path ./.git -prune -o -type f -exec touch -d "@$(cat /shared/time)" {} +
 key() {
     { cat "build/$1/build.ninja" && "${CXX:-c++}" --version &&
         dpkg-query -W libboost-dev libnl-3-dev nlohmann-json3-dev libcli11-dev &&
-        [ "$1" = release ] || dpkg-query -W libgtest-dev; } | sha256sum | cut -c1-16
+        [ "$1" = release ] || dpkg-query -W libgtest-dev libnl-route-3-dev; } | sha256sum | cut -c1-16
 }
 
 # run COMMAND MODE: see trees.sh. Sets result.

@@ -8,7 +8,8 @@ cd "$(dirname "$(readlink -f "$0")")/../.." || exit 1
 . tools/setup.sh
 . tools/debian_tree.sh
 need_root --check
-need_packages debootstrap systemd-container systemd libseccomp-dev
+# shellcheck disable=SC2086
+need_packages $test_packages debootstrap systemd-container systemd libseccomp-dev
 
 work=$PWD/build/package/check
 export counts=$work/counts
