@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-#include "harness/message.h"
+#include "harness/netlink.h"
 
 namespace bench {
 
@@ -25,11 +25,8 @@ class Watcher {
 public:
     // In the calling process's namespace.
     Watcher();
-    ~Watcher();
-    Watcher(const Watcher &) = delete;
-    Watcher &operator=(const Watcher &) = delete;
 
-    int fd() const { return socket_fd; }
+    int fd() const { return nl_socket_get_fd(netlink.get()); }
     // Discards all announcements so far.
     void drain();
     // Waits until this many different global addresses have been announced since the last drain;
@@ -38,27 +35,21 @@ public:
     time_point wait_for_addresses(std::size_t count);
 
 private:
-    int socket_fd;
+    kt::socket_ptr netlink;
 };
 
 // Adds and deletes addresses of one link, each as one request and its acknowledgement.
 class Requester {
 public:
     explicit Requester(int link_index);
-    ~Requester();
-    Requester(const Requester &) = delete;
-    Requester &operator=(const Requester &) = delete;
 
     // Throw std::runtime_error when the kernel refuses.
     void add(const std::string &address);
     void remove(const std::string &address);
 
 private:
-    void request(std::uint16_t type, std::uint16_t flags, const std::string &address);
-
-    int socket_fd;
+    kt::socket_ptr netlink;
     int index;
-    std::uint32_t sequence = 0;
 };
 
 } // namespace bench

@@ -1,19 +1,19 @@
 // Prints the kernel's answers to the daemon's requests: a line for each datagram, with its kind and
 // its bytes in hexadecimal digits, in C++ syntax. The links, addresses and routes are always the
 // same, so that the answers of different kernels can be compared.
-#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include <linux/if_addr.h>
-#include <linux/if_link.h>
 #include <linux/rtnetlink.h>
-#include <sys/socket.h>
+#include <netinet/in.h>
+#include <netlink/netlink.h>
 #include <unistd.h>
 
-#include "harness/message.h"
+#include "harness/netlink.h"
 #include "harness/process.h"
 #include "harness/rtnl.h"
 #include "harness/sandbox.h"
@@ -26,38 +26,26 @@ using datagram_t = std::vector<unsigned char>;
 // A netlink socket of the calling process's namespace, joined to one group (0: none).
 class Channel {
 public:
-    explicit Channel(int group = 0) : fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, 0)) {
-        // Bound, because the kernel sends no notifications to a socket without a port.
-        sockaddr_nl own{};
-        own.nl_family = AF_NETLINK;
-        if (fd < 0 || bind(fd, reinterpret_cast<const sockaddr *>(&own), sizeof own) != 0 ||
-            (group != 0 &&
-             setsockopt(fd, SOL_NETLINK, NETLINK_ADD_MEMBERSHIP, &group, sizeof group) != 0)) {
-            kt::fail("netlink socket");
-        }
+    explicit Channel(int group = 0) : netlink(nl_socket_alloc()) {
+        kt::check(nl_connect(netlink.get(), NETLINK_ROUTE), "netlink socket");
+        kt::check(nl_socket_add_membership(netlink.get(), group), "joining a netlink group");
     }
-    ~Channel() { close(fd); }
-    Channel(const Channel &) = delete;
-    Channel &operator=(const Channel &) = delete;
-
+    // As it is, without the number and the port that libnl would add.
     void send(const Message &message) const {
-        const auto bytes = message.bytes();
-        if (::send(fd, bytes.data(), bytes.size(), 0) < 0) {
-            kt::fail("netlink send");
-        }
+        kt::check(nl_send(netlink.get(), message.get()), "netlink send");
     }
     datagram_t receive() const {
-        datagram_t datagram(1U << 16U);
-        const ssize_t length = recv(fd, datagram.data(), datagram.size(), 0);
-        if (length < 0) {
-            kt::fail("netlink recv");
-        }
-        datagram.resize(static_cast<std::size_t>(length));
+        sockaddr_nl sender{};
+        unsigned char *bytes = nullptr;
+        const int length = nl_recv(netlink.get(), &sender, &bytes, nullptr);
+        kt::check(length, "netlink recv");
+        datagram_t datagram(bytes, bytes + length);
+        std::free(bytes);
         return datagram;
     }
 
 private:
-    int fd;
+    kt::socket_ptr netlink;
 };
 
 void print(const char *kind, const datagram_t &datagram) {
@@ -69,12 +57,12 @@ void print(const char *kind, const datagram_t &datagram) {
 }
 
 // What the messages of a datagram say about the dump.
-void look_at(const datagram_t &datagram, bool &done, bool &interrupted) {
-    for (std::size_t at = 0; at + sizeof(nlmsghdr) <= datagram.size();) {
-        const auto header = kt::read_as<nlmsghdr>(datagram.data() + at);
-        done = done || header.nlmsg_type == NLMSG_DONE;
-        interrupted = interrupted || (header.nlmsg_flags & NLM_F_DUMP_INTR) != 0;
-        at += NLMSG_ALIGN(header.nlmsg_len);
+void look_at(datagram_t &datagram, bool &done, bool &interrupted) {
+    int left = static_cast<int>(datagram.size());
+    auto *header = static_cast<nlmsghdr *>(static_cast<void *>(datagram.data()));
+    for (; nlmsg_ok(header, left) != 0; header = nlmsg_next(header, &left)) {
+        done = done || header->nlmsg_type == NLMSG_DONE;
+        interrupted = interrupted || (header->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
     }
 }
 
@@ -100,26 +88,13 @@ void capture_dump(const char *kind, std::uint16_t type, const Header &header) {
     throw std::runtime_error("every dump was interrupted");
 }
 
-void set_hardware_address(int index) {
-    const unsigned char hardware_address[6] = {0x02, 0x1a, 0x2b, 0x3c, 0x4d, 0x5e};
-    ifinfomsg header{};
-    header.ifi_index = index;
-    const Channel channel;
-    channel.send(Message(RTM_NEWLINK, NLM_F_REQUEST | NLM_F_ACK)
-                     .append(header)
-                     .attribute(IFLA_ADDRESS, hardware_address, sizeof hardware_address));
-    if (kt::read_as<nlmsgerr>(channel.receive().data() + NLMSG_HDRLEN).error != 0) {
-        throw std::runtime_error("the hardware address is refused");
-    }
-}
-
 // One link, up, with its own link-local address, two configured addresses and two routes.
 void set_the_scene(kt::Sandbox &sandbox, kt::Kernel &device, kt::Kernel &neighbour) {
     for (const std::string which : {"all", "default"}) {
         kt::write_file("/proc/sys/net/ipv6/conf/" + which + "/accept_dad", "0");
     }
     device.add_veth("eth0", "peer0", sandbox.neighbour());
-    set_hardware_address(device.index("eth0"));
+    device.set_hardware_address("eth0", "02:1a:2b:3c:4d:5e");
     neighbour.set_up("peer0");
     device.set_up("eth0");
     if (!kt::eventually([&] { return !device.link_local("eth0").empty(); })) {
@@ -133,14 +108,14 @@ void set_the_scene(kt::Sandbox &sandbox, kt::Kernel &device, kt::Kernel &neighbo
 }
 
 Message addition(int index, const std::string &text) {
-    const auto prefix = kt::parse_prefix(text);
+    const auto address = kt::parse_address(text);
     ifaddrmsg header{};
     header.ifa_family = AF_INET6;
-    header.ifa_prefixlen = prefix.length;
+    header.ifa_prefixlen = static_cast<std::uint8_t>(nl_addr_get_prefixlen(address.get()));
     header.ifa_index = static_cast<std::uint32_t>(index);
     return Message(RTM_NEWADDR, NLM_F_REQUEST | NLM_F_ACK | NLM_F_CREATE | NLM_F_APPEND)
         .append(header)
-        .attribute(IFA_ADDRESS, &prefix.address, sizeof prefix.address);
+        .attribute(IFA_ADDRESS, nl_addr_get_binary_addr(address.get()), sizeof(in6_addr));
 }
 
 template <typename Header>

@@ -10,7 +10,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "harness/message.h"
 #include "harness/sandbox.h"
 
 namespace kt {
@@ -20,6 +19,14 @@ template <typename T>
 void append(std::vector<unsigned char> &bytes, const T &part) {
     const auto *start = reinterpret_cast<const unsigned char *>(&part);
     bytes.insert(bytes.end(), start, start + sizeof part);
+}
+
+in6_addr bytes_of(const std::string &address) {
+    in6_addr bytes{};
+    if (inet_pton(AF_INET6, address.c_str(), &bytes) != 1) {
+        throw std::runtime_error("not an IPv6 address: " + address);
+    }
+    return bytes;
 }
 
 std::vector<unsigned char> compose(const std::vector<std::string> &prefixes,
@@ -39,7 +46,7 @@ std::vector<unsigned char> compose(const std::vector<std::string> &prefixes,
         option.nd_opt_pi_flags_reserved = ND_OPT_PI_FLAG_ONLINK | ND_OPT_PI_FLAG_AUTO;
         option.nd_opt_pi_valid_time = htonl(valid_seconds);
         option.nd_opt_pi_preferred_time = htonl(valid_seconds);
-        option.nd_opt_pi_prefix = parse_prefix(prefix).address;
+        option.nd_opt_pi_prefix = bytes_of(prefix);
         append(bytes, option);
     }
     return bytes;
@@ -62,7 +69,7 @@ int open_socket(const std::string &link) {
 int send_to_everyone(int fd, const std::vector<unsigned char> &advertisement) {
     sockaddr_in6 everyone{};
     everyone.sin6_family = AF_INET6;
-    everyone.sin6_addr = parse_prefix("ff02::1").address;
+    everyone.sin6_addr = bytes_of("ff02::1");
     return sendto(fd, advertisement.data(), advertisement.size(), 0,
                   reinterpret_cast<const sockaddr *>(&everyone), sizeof everyone) < 0
                ? errno

@@ -2,291 +2,203 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <stdexcept>
-#include <utility>
+#include <map>
 
-#include <arpa/inet.h>
-#include <linux/if_link.h>
 #include <linux/rtnetlink.h>
-#include <linux/veth.h>
 #include <net/if.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <netinet/in.h>
+#include <netlink/netlink.h>
+#include <netlink/route/addr.h>
+#include <netlink/route/link/veth.h>
+#include <netlink/route/route.h>
+#include <netlink/route/rtnl.h>
 
 #include "harness/sandbox.h"
 
 namespace kt {
 namespace {
 
-constexpr std::uint16_t request_flags = NLM_F_REQUEST | NLM_F_ACK;
+using link_ptr = std::unique_ptr<rtnl_link, released_by<rtnl_link_put>>;
+using rtnl_addr_ptr = std::unique_ptr<rtnl_addr, released_by<rtnl_addr_put>>;
+using route_ptr = std::unique_ptr<rtnl_route, released_by<rtnl_route_put>>;
+using callbacks_ptr = std::unique_ptr<nl_cb, released_by<nl_cb_put>>;
 
-Message address_request(std::uint16_t type, std::uint16_t flags, int index, const std::string &text,
-                        const address_options_t &options) {
-    const prefix_t prefix = parse_prefix(text);
-    ifaddrmsg header{};
-    header.ifa_family = AF_INET6;
-    header.ifa_prefixlen = prefix.length;
-    header.ifa_index = static_cast<std::uint32_t>(index);
-    Message message(type, static_cast<std::uint16_t>(request_flags | flags));
-    message.append(header);
-    message.attribute(IFA_LOCAL, &prefix.address, sizeof prefix.address);
-    if (options.peer.empty()) {
-        message.attribute(IFA_ADDRESS, &prefix.address, sizeof prefix.address);
-    } else {
-        const prefix_t peer = parse_prefix(options.peer);
-        message.attribute(IFA_ADDRESS, &peer.address, sizeof peer.address);
+// libnl maps several errno values to one code of its own.
+int keep_refusal(sockaddr_nl * /*sender*/, nlmsgerr *answer, void *refusal) {
+    *static_cast<int *>(refusal) = -answer->error;
+    return NL_STOP;
+}
+
+int keep_objects(nl_msg *message, void *objects) {
+    const auto keep = [](nl_object *object, void *kept) {
+        nl_object_get(object);
+        static_cast<std::vector<object_ptr> *>(kept)->emplace_back(object);
+    };
+    return nl_msg_parse(message, keep, objects);
+}
+
+void succeed(int error, const std::string &what) {
+    errno = error;
+    if (error != 0) {
+        fail(what);
     }
-    if (options.flags != 0) {
-        message.attribute(IFA_FLAGS, options.flags);
+}
+
+std::string text_of(const nl_addr *address) {
+    char text[64] = {};
+    return address == nullptr ? "" : nl_addr2str(address, static_cast<char *>(text), sizeof text);
+}
+
+// With the prefix length, which libnl leaves out for a whole address.
+std::string prefix_text(const nl_addr *address) {
+    if (nl_addr_get_len(address) == 0) {
+        return "::/0"; // messages about default routes have no destination
     }
+    const std::string text = text_of(address);
+    return text.find('/') == std::string::npos ? text + "/128" : text;
+}
+
+rtnl_addr_ptr describe_address(int index, const std::string &text,
+                               const address_options_t &options) {
+    rtnl_addr_ptr address(rtnl_addr_alloc());
+    rtnl_addr_set_ifindex(address.get(), index);
+    check(rtnl_addr_set_local(address.get(), parse_address(text).get()), text);
+    rtnl_addr_set_flags(address.get(), options.flags);
     if (options.valid_seconds != 0) {
-        ifa_cacheinfo times{};
-        times.ifa_valid = options.valid_seconds;
-        times.ifa_prefered = options.valid_seconds;
-        message.attribute(IFA_CACHEINFO, &times, sizeof times);
+        rtnl_addr_set_valid_lifetime(address.get(), options.valid_seconds);
+        rtnl_addr_set_preferred_lifetime(address.get(), options.valid_seconds);
     }
-    return message;
+    return address;
 }
 
-void put_next_hop(Message &message, const std::string &gateway, int index) {
-    rtnexthop hop{};
-    hop.rtnh_ifindex = index;
-    const in6_addr address = parse_prefix(gateway).address;
-    rtattr attribute{};
-    attribute.rta_type = RTA_GATEWAY;
-    attribute.rta_len = sizeof attribute + sizeof address;
-    hop.rtnh_len = static_cast<std::uint16_t>(sizeof hop + attribute.rta_len);
-    message.append(hop).append(attribute).append(address);
-}
-
-Message route_request(std::uint16_t type, std::uint16_t flags, int index,
-                      const kernel_route_t &route) {
-    const prefix_t destination = parse_prefix(route.destination);
-    rtmsg header{};
-    header.rtm_family = AF_INET6;
-    header.rtm_dst_len = destination.length;
-    header.rtm_table = static_cast<std::uint8_t>(std::min(route.table, 255U));
-    header.rtm_protocol = route.protocol;
-    header.rtm_scope = RT_SCOPE_UNIVERSE;
-    header.rtm_type = RTN_UNICAST;
-    Message message(type, static_cast<std::uint16_t>(request_flags | flags));
-    message.append(header);
-    message.attribute(RTA_TABLE, route.table);
-    if (destination.length != 0) {
-        message.attribute(RTA_DST, &destination.address, sizeof destination.address);
-    }
+route_ptr describe_route(int index, const kernel_route_t &route) {
+    route_ptr described(rtnl_route_alloc());
+    check(rtnl_route_set_dst(described.get(), parse_address(route.destination).get()),
+          route.destination);
+    rtnl_route_set_protocol(described.get(), route.protocol);
+    rtnl_route_set_table(described.get(), route.table);
     if (route.metric != 0) {
-        message.attribute(RTA_PRIORITY, route.metric);
+        rtnl_route_set_priority(described.get(), route.metric);
     }
-    if (!route.more_gateways.empty()) {
-        const std::size_t nest = message.begin(RTA_MULTIPATH);
-        put_next_hop(message, route.gateway, index);
-        for (const auto &gateway : route.more_gateways) {
-            put_next_hop(message, gateway, index);
-        }
-        message.end(nest);
-        return message;
+    auto gateways = route.more_gateways;
+    gateways.insert(gateways.begin(), route.gateway);
+    for (const auto &gateway : gateways) {
+        const address_ptr through = gateway.empty() ? nullptr : parse_address(gateway);
+        rtnl_nexthop *hop = rtnl_route_nh_alloc();
+        rtnl_route_nh_set_ifindex(hop, index);
+        rtnl_route_nh_set_gateway(hop, through.get());
+        rtnl_route_add_nexthop(described.get(), hop); // which owns it then
     }
-    if (!route.gateway.empty()) {
-        const in6_addr gateway = parse_prefix(route.gateway).address;
-        message.attribute(RTA_GATEWAY, &gateway, sizeof gateway);
-    }
-    if (index != 0) {
-        message.attribute(RTA_OIF, static_cast<std::uint32_t>(index));
-    }
-    return message;
+    return described;
 }
 
 } // namespace
 
-Kernel::Kernel(int namespace_fd) {
+Kernel::Kernel(int namespace_fd) : netlink(nl_socket_alloc()) {
     const NamespaceVisit visit(namespace_fd);
-    fd = socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE);
-    if (fd < 0) {
-        fail("netlink socket");
-    }
-    const int buffer = 1 << 20;
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &buffer, sizeof buffer); // less does as well
+    check(nl_connect(netlink.get(), NETLINK_ROUTE), "netlink socket");
+    nl_socket_modify_err_cb(netlink.get(), NL_CB_CUSTOM, keep_refusal, &refusal);
 }
 
-Kernel::~Kernel() {
-    close(fd);
+int Kernel::transact(nl_msg *request) {
+    refusal = 0;
+    const int status = nl_send_sync(netlink.get(), request);
+    if (refusal == 0) {
+        check(status, "netlink request");
+    }
+    return refusal;
 }
 
-// Returns the kernel's answer as an errno value.
-int Kernel::transact(std::vector<unsigned char> request) {
-    auto header = read_as<nlmsghdr>(request.data());
-    header.nlmsg_seq = ++sequence;
-    std::memcpy(request.data(), &header, sizeof header);
-    if (send(fd, request.data(), request.size(), 0) < 0) {
-        fail("netlink send");
+// Without libnl's caches: they keep one route for each destination and metric, and report an error
+// when they repeat an interrupted dump.
+std::vector<object_ptr> Kernel::dump(int type, int family) {
+    std::vector<object_ptr> found;
+    const callbacks_ptr callbacks(nl_cb_alloc(NL_CB_DEFAULT));
+    nl_cb_set(callbacks.get(), NL_CB_VALID, NL_CB_CUSTOM, keep_objects, &found);
+    // A table that changes meanwhile interrupts its dump, and records may be missing. If it keeps
+    // changing, the last dump has to do.
+    int status = -NLE_DUMP_INTR;
+    for (int attempt = 0; attempt < 50 && status == -NLE_DUMP_INTR; ++attempt) {
+        found.clear();
+        check(nl_rtgen_request(netlink.get(), type, family, NLM_F_DUMP), "netlink dump request");
+        status = nl_recvmsgs(netlink.get(), callbacks.get());
     }
-    for (;;) {
-        unsigned char buffer[65536];
-        const ssize_t length = recv(fd, buffer, sizeof buffer, 0);
-        if (length < static_cast<ssize_t>(sizeof(nlmsghdr))) {
-            fail("netlink recv");
-        }
-        const auto answer = read_as<nlmsghdr>(buffer);
-        if (answer.nlmsg_seq == sequence && answer.nlmsg_type == NLMSG_ERROR) {
-            return -read_as<nlmsgerr>(buffer + NLMSG_HDRLEN).error;
-        }
-    }
-}
-
-// Returns false when the table changed meanwhile, so that records may be missing.
-bool Kernel::dump_once(std::vector<unsigned char> &request,
-                       const std::function<void(const nlmsghdr &, const unsigned char *)> &visit) {
-    auto header = read_as<nlmsghdr>(request.data());
-    header.nlmsg_seq = ++sequence;
-    std::memcpy(request.data(), &header, sizeof header);
-    if (send(fd, request.data(), request.size(), 0) < 0) {
-        fail("netlink send");
-    }
-    bool complete = true;
-    std::vector<unsigned char> buffer(1U << 16U);
-    for (;;) {
-        const ssize_t length = recv(fd, buffer.data(), buffer.size(), 0);
-        if (length < 0) {
-            fail("netlink recv");
-        }
-        for (std::size_t at = 0; at + sizeof(nlmsghdr) <= static_cast<std::size_t>(length);) {
-            const auto message = read_as<nlmsghdr>(buffer.data() + at);
-            if (message.nlmsg_seq == sequence) {
-                complete = complete && (message.nlmsg_flags & NLM_F_DUMP_INTR) == 0;
-                if (message.nlmsg_type == NLMSG_ERROR) {
-                    errno = -read_as<nlmsgerr>(buffer.data() + at + NLMSG_HDRLEN).error;
-                    fail("netlink dump");
-                }
-                if (message.nlmsg_type == NLMSG_DONE) {
-                    return complete;
-                }
-                visit(message, buffer.data() + at);
-            }
-            at += NLMSG_ALIGN(message.nlmsg_len);
-        }
-    }
-}
-
-void Kernel::dump(std::vector<unsigned char> request,
-                  const std::function<void(const nlmsghdr &, const unsigned char *)> &visit) {
-    std::vector<std::vector<unsigned char>> messages;
-    const auto keep = [&](const nlmsghdr &header, const unsigned char *bytes) {
-        messages.emplace_back(bytes, bytes + header.nlmsg_len);
-    };
-    for (int attempt = 0; attempt < 50; ++attempt) {
-        messages.clear();
-        if (dump_once(request, keep)) {
-            break;
-        }
-    }
-    for (const auto &message : messages) {
-        visit(read_as<nlmsghdr>(message.data()), message.data());
-    }
+    check(status == -NLE_DUMP_INTR ? 0 : status, "netlink dump");
+    return found;
 }
 
 void Kernel::add_veth(const std::string &name, const std::string &peer, int peer_namespace) {
-    ifinfomsg header{};
-    Message message(RTM_NEWLINK, request_flags | NLM_F_CREATE | NLM_F_EXCL);
-    message.append(header).attribute(IFLA_IFNAME, name);
-    const std::size_t info = message.begin(IFLA_LINKINFO);
-    message.attribute(IFLA_INFO_KIND, std::string("veth"));
-    const std::size_t data = message.begin(IFLA_INFO_DATA);
-    const std::size_t other = message.begin(VETH_INFO_PEER);
-    message.append(header).attribute(IFLA_IFNAME, peer);
-    message.attribute(IFLA_NET_NS_FD, static_cast<std::uint32_t>(peer_namespace));
-    message.end(other);
-    message.end(data);
-    message.end(info);
-    errno = transact(message.bytes());
-    if (errno != 0) {
-        fail("adding the link pair " + name);
-    }
+    const link_ptr link(rtnl_link_veth_alloc());
+    rtnl_link_set_name(link.get(), name.c_str());
+    const link_ptr other(rtnl_link_veth_get_peer(link.get()));
+    rtnl_link_set_name(other.get(), peer.c_str());
+    rtnl_link_set_ns_fd(other.get(), peer_namespace);
+    nl_msg *request = nullptr;
+    check(rtnl_link_build_add_request(link.get(), NLM_F_CREATE | NLM_F_EXCL, &request), name);
+    succeed(transact(request), "adding the link pair " + name);
 }
 
-void Kernel::change_link(const std::string &name, unsigned int flags, unsigned int change,
-                         const std::function<void(Message &)> &attributes) {
-    ifinfomsg header{};
-    header.ifi_index = index(name);
-    header.ifi_flags = flags;
-    header.ifi_change = change;
-    Message message(RTM_NEWLINK, request_flags);
-    message.append(header);
-    if (attributes) {
-        attributes(message);
-    }
-    errno = transact(message.bytes());
-    if (errno != 0) {
-        fail("changing the link " + name);
-    }
+void Kernel::change_link(const std::string &name, const std::function<void(rtnl_link *)> &change) {
+    const link_ptr link(rtnl_link_alloc());
+    const link_ptr changes(rtnl_link_alloc());
+    rtnl_link_set_ifindex(link.get(), index(name));
+    change(changes.get());
+    nl_msg *request = nullptr;
+    check(rtnl_link_build_change_request(link.get(), changes.get(), 0, &request), name);
+    succeed(transact(request), "changing the link " + name);
 }
 
 void Kernel::delete_link(const std::string &name) {
-    ifinfomsg header{};
-    header.ifi_index = index(name);
-    errno = transact(Message(RTM_DELLINK, request_flags).append(header).bytes());
-    if (errno != 0) {
-        fail("deleting the link " + name);
-    }
+    const link_ptr link(rtnl_link_alloc());
+    rtnl_link_set_ifindex(link.get(), index(name));
+    nl_msg *request = nullptr;
+    check(rtnl_link_build_delete_request(link.get(), &request), name);
+    succeed(transact(request), "deleting the link " + name);
 }
 
 void Kernel::rename(const std::string &name, const std::string &new_name) {
-    change_link(name, 0, 0, [&](Message &message) { message.attribute(IFLA_IFNAME, new_name); });
+    change_link(name, [&](rtnl_link *link) { rtnl_link_set_name(link, new_name.c_str()); });
 }
 
 void Kernel::move_link(const std::string &name, int to_namespace) {
-    change_link(name, 0, 0, [&](Message &message) {
-        message.attribute(IFLA_NET_NS_FD, static_cast<std::uint32_t>(to_namespace));
-    });
+    change_link(name, [&](rtnl_link *link) { rtnl_link_set_ns_fd(link, to_namespace); });
 }
 
 void Kernel::set_up(const std::string &name, bool up) {
-    constexpr unsigned int up_flag = IFF_UP;
-    change_link(name, up ? up_flag : 0U, up_flag, {});
+    change_link(name, [&](rtnl_link *link) {
+        (up ? rtnl_link_set_flags : rtnl_link_unset_flags)(link, IFF_UP);
+    });
 }
 
 void Kernel::set_hardware_address(const std::string &name, const std::string &octets) {
-    unsigned char bytes[6] = {};
-    for (std::size_t i = 0; i < sizeof bytes; ++i) {
-        bytes[i] = static_cast<unsigned char>(std::stoul(octets.substr(3 * i, 2), nullptr, 16));
-    }
-    change_link(name, 0, 0,
-                [&](Message &message) { message.attribute(IFLA_ADDRESS, bytes, sizeof bytes); });
+    change_link(name, [&](rtnl_link *link) {
+        rtnl_link_set_addr(link, parse_address(octets, AF_LLC).get());
+    });
 }
 
 void Kernel::set_mtu(const std::string &name, std::uint32_t mtu) {
-    change_link(name, 0, 0, [&](Message &message) { message.attribute(IFLA_MTU, mtu); });
+    change_link(name, [&](rtnl_link *link) { rtnl_link_set_mtu(link, mtu); });
 }
 
 std::vector<kernel_link_t> Kernel::links() {
     std::vector<kernel_link_t> found;
-    dump(Message(RTM_GETLINK, NLM_F_REQUEST | NLM_F_DUMP).append(ifinfomsg{}).bytes(),
-         [&](const nlmsghdr &message, const unsigned char *bytes) {
-             kernel_link_t link;
-             const auto record = read_as<ifinfomsg>(bytes + NLMSG_HDRLEN);
-             link.index = record.ifi_index;
-             for_attributes(bytes, NLMSG_HDRLEN + sizeof record, message.nlmsg_len,
-                            [&](std::uint16_t type, const unsigned char *data, std::size_t size) {
-                                if (type == IFLA_IFNAME) {
-                                    link.name = std::string(data, data + size - 1);
-                                } else if (type == IFLA_ADDRESS) {
-                                    link.hardware_address = octets_text(data, size);
-                                }
-                            });
-             found.push_back(link);
-         });
+    for (const auto &object : dump(RTM_GETLINK, AF_UNSPEC)) {
+        auto *link = reinterpret_cast<rtnl_link *>(object.get());
+        found.push_back({rtnl_link_get_ifindex(link), rtnl_link_get_name(link),
+                         text_of(rtnl_link_get_addr(link))});
+    }
     return found;
 }
 
 int Kernel::index(const std::string &name) {
-    for (const auto &link : links()) {
-        if (link.name == name) {
-            return link.index;
-        }
+    rtnl_link *link = nullptr;
+    const int status = rtnl_link_get_kernel(netlink.get(), 0, name.c_str(), &link);
+    if (status == -NLE_NODEV) {
+        return 0;
     }
-    return 0;
+    check(status, "looking for the link " + name);
+    return rtnl_link_get_ifindex(link_ptr(link).get());
 }
 
 std::string Kernel::hardware_address(const std::string &name) {
@@ -300,57 +212,49 @@ std::string Kernel::hardware_address(const std::string &name) {
 
 int Kernel::try_add_address(const std::string &link, const std::string &text,
                             const address_options_t &options) {
-    const std::uint16_t flags =
-        options.replace ? NLM_F_CREATE | NLM_F_REPLACE : NLM_F_CREATE | NLM_F_EXCL;
-    return transact(address_request(RTM_NEWADDR, flags, index(link), text, options).bytes());
+    nl_msg *request = nullptr;
+    check(rtnl_addr_build_add_request(describe_address(index(link), text, options).get(),
+                                      options.replace ? NLM_F_REPLACE : NLM_F_EXCL, &request),
+          text);
+    if (!options.peer.empty()) {
+        // rtnl_addr_set_peer refuses IPv6; without a peer the attribute repeats the own address.
+        nlattr *place = nlmsg_find_attr(nlmsg_hdr(request), sizeof(ifaddrmsg), IFA_ADDRESS);
+        const address_ptr peer = parse_address(options.peer);
+        std::memcpy(nla_data(place), nl_addr_get_binary_addr(peer.get()), sizeof(in6_addr));
+    }
+    return transact(request);
 }
 
 int Kernel::try_delete_address(const std::string &link, const std::string &text) {
-    return transact(address_request(RTM_DELADDR, 0, index(link), text, {}).bytes());
+    nl_msg *request = nullptr;
+    check(
+        rtnl_addr_build_delete_request(describe_address(index(link), text, {}).get(), 0, &request),
+        text);
+    return transact(request);
 }
 
 void Kernel::add_address(const std::string &link, const std::string &text,
                          const address_options_t &options) {
-    errno = try_add_address(link, text, options);
-    if (errno != 0) {
-        fail("adding " + text + " to " + link);
-    }
+    succeed(try_add_address(link, text, options), "adding " + text + " to " + link);
 }
 
 void Kernel::delete_address(const std::string &link, const std::string &text) {
-    errno = try_delete_address(link, text);
-    if (errno != 0) {
-        fail("deleting " + text + " from " + link);
-    }
+    succeed(try_delete_address(link, text), "deleting " + text + " from " + link);
 }
 
 std::vector<kernel_address_t> Kernel::addresses(const std::string &link) {
     std::vector<kernel_address_t> found;
     const int wanted = index(link);
-    ifaddrmsg header{};
-    header.ifa_family = AF_INET6;
-    dump(Message(RTM_GETADDR, NLM_F_REQUEST | NLM_F_DUMP).append(header).bytes(),
-         [&](const nlmsghdr &message, const unsigned char *bytes) {
-             const auto record = read_as<ifaddrmsg>(bytes + NLMSG_HDRLEN);
-             if (static_cast<int>(record.ifa_index) != wanted) {
-                 return;
-             }
-             kernel_address_t address;
-             address.scope = record.ifa_scope;
-             address.flags = record.ifa_flags;
-             for_attributes(bytes, NLMSG_HDRLEN + sizeof record, message.nlmsg_len,
-                            [&](std::uint16_t type, const unsigned char *data, std::size_t) {
-                                if (type == IFA_ADDRESS) {
-                                    address.text = address_text(data) + "/" +
-                                                   std::to_string(record.ifa_prefixlen);
-                                } else if (type == IFA_FLAGS) {
-                                    address.flags = read_as<std::uint32_t>(data);
-                                } else if (type == IFA_CACHEINFO) {
-                                    address.valid_seconds = read_as<ifa_cacheinfo>(data).ifa_valid;
-                                }
-                            });
-             found.push_back(address);
-         });
+    for (const auto &object : dump(RTM_GETADDR, AF_INET6)) {
+        auto *address = reinterpret_cast<rtnl_addr *>(object.get());
+        if (rtnl_addr_get_ifindex(address) == wanted) {
+            const nl_addr *peer = rtnl_addr_get_peer(address);
+            found.push_back({prefix_text(peer != nullptr ? peer : rtnl_addr_get_local(address)),
+                             rtnl_addr_get_flags(address),
+                             static_cast<std::uint8_t>(rtnl_addr_get_scope(address)),
+                             rtnl_addr_get_valid_lifetime(address)});
+        }
+    }
     return found;
 }
 
@@ -371,113 +275,53 @@ std::string Kernel::link_local(const std::string &link) {
 
 int Kernel::try_add_route(const kernel_route_t &route) {
     const int link = route.link.empty() ? 0 : index(route.link);
-    return transact(route_request(RTM_NEWROUTE, NLM_F_CREATE | NLM_F_EXCL, link, route).bytes());
+    nl_msg *request = nullptr;
+    check(rtnl_route_build_add_request(describe_route(link, route).get(), NLM_F_EXCL, &request),
+          route.destination);
+    return transact(request);
 }
 
 int Kernel::try_delete_route(const kernel_route_t &route) {
     const int link = route.link.empty() ? 0 : index(route.link);
-    return transact(route_request(RTM_DELROUTE, 0, link, route).bytes());
+    nl_msg *request = nullptr;
+    check(rtnl_route_build_del_request(describe_route(link, route).get(), 0, &request),
+          route.destination);
+    return transact(request);
 }
 
 void Kernel::add_route(const kernel_route_t &route) {
-    errno = try_add_route(route);
-    if (errno != 0) {
-        fail("adding the route to " + route.destination + " through " + route.gateway);
-    }
+    succeed(try_add_route(route),
+            "adding the route to " + route.destination + " through " + route.gateway);
 }
 
 void Kernel::delete_route(const kernel_route_t &route) {
-    errno = try_delete_route(route);
-    if (errno != 0) {
-        fail("deleting the route to " + route.destination + " through " + route.gateway);
-    }
+    succeed(try_delete_route(route),
+            "deleting the route to " + route.destination + " through " + route.gateway);
 }
-
-namespace {
-
-struct raw_route_t {
-    kernel_route_t route;
-    std::uint32_t index = 0;
-};
-
-raw_route_t read_route(const nlmsghdr &message, const unsigned char *bytes) {
-    const auto record = read_as<rtmsg>(bytes + NLMSG_HDRLEN);
-    raw_route_t raw;
-    raw.route.protocol = record.rtm_protocol;
-    raw.route.table = record.rtm_table;
-    std::string destination = "::";
-    for_attributes(bytes, NLMSG_HDRLEN + sizeof record, message.nlmsg_len,
-                   [&](std::uint16_t type, const unsigned char *data, std::size_t) {
-                       if (type == RTA_DST) {
-                           destination = address_text(data);
-                       } else if (type == RTA_GATEWAY) {
-                           raw.route.gateway = address_text(data);
-                       } else if (type == RTA_OIF) {
-                           raw.index = read_as<std::uint32_t>(data);
-                       } else if (type == RTA_PRIORITY) {
-                           raw.route.metric = read_as<std::uint32_t>(data);
-                       } else if (type == RTA_TABLE) {
-                           raw.route.table = read_as<std::uint32_t>(data);
-                       }
-                   });
-    raw.route.destination = destination + "/" + std::to_string(record.rtm_dst_len);
-    return raw;
-}
-
-// The gateways inside a multipath attribute.
-std::vector<raw_route_t> read_siblings(const raw_route_t &common, const nlmsghdr &message,
-                                       const unsigned char *bytes) {
-    std::vector<raw_route_t> siblings;
-    for_attributes(
-        bytes, NLMSG_HDRLEN + sizeof(rtmsg), message.nlmsg_len,
-        [&](std::uint16_t type, const unsigned char *data, std::size_t size) {
-            for (std::size_t at = 0; type == RTA_MULTIPATH && at + sizeof(rtnexthop) <= size;) {
-                const auto hop = read_as<rtnexthop>(data + at);
-                if (hop.rtnh_len < sizeof hop) {
-                    return;
-                }
-                raw_route_t sibling = common;
-                sibling.index = static_cast<std::uint32_t>(hop.rtnh_ifindex);
-                for_attributes(data, at + sizeof hop, at + hop.rtnh_len,
-                               [&](std::uint16_t kind, const unsigned char *bytes2, std::size_t) {
-                                   if (kind == RTA_GATEWAY) {
-                                       sibling.route.gateway = address_text(bytes2);
-                                   }
-                               });
-                siblings.push_back(sibling);
-                at += RTNH_ALIGN(hop.rtnh_len);
-            }
-        });
-    return siblings;
-}
-
-} // namespace
 
 std::vector<kernel_route_t> Kernel::routes() {
-    std::vector<raw_route_t> raw;
-    rtmsg header{};
-    header.rtm_family = AF_INET6;
-    dump(Message(RTM_GETROUTE, NLM_F_REQUEST | NLM_F_DUMP).append(header).bytes(),
-         [&](const nlmsghdr &message, const unsigned char *bytes) {
-             const raw_route_t one = read_route(message, bytes);
-             if (one.route.table != RT_TABLE_MAIN) {
-                 return;
-             }
-             const auto siblings = read_siblings(one, message, bytes);
-             raw.insert(raw.end(), siblings.begin(), siblings.end());
-             if (siblings.empty()) {
-                 raw.push_back(one);
-             }
-         });
-    const auto all_links = links();
+    std::map<int, std::string> names;
     std::vector<kernel_route_t> found;
-    for (auto &one : raw) {
-        for (const auto &link : all_links) {
-            if (link.index == static_cast<int>(one.index)) {
-                one.route.link = link.name;
-            }
+    const auto objects = dump(RTM_GETROUTE, AF_INET6);
+    for (const auto &link : links()) {
+        names[link.index] = link.name;
+    }
+    for (const auto &object : objects) {
+        auto *route = reinterpret_cast<rtnl_route *>(object.get());
+        if (rtnl_route_get_table(route) != RT_TABLE_MAIN) {
+            continue;
         }
-        found.push_back(one.route);
+        kernel_route_t one;
+        one.destination = prefix_text(rtnl_route_get_dst(route));
+        one.protocol = rtnl_route_get_protocol(route);
+        one.metric = rtnl_route_get_priority(route);
+        const int hops = rtnl_route_get_nnexthops(route);
+        for (int i = 0; i < hops; ++i) {
+            rtnl_nexthop *hop = rtnl_route_nexthop_n(route, i);
+            one.gateway = text_of(rtnl_route_nh_get_gateway(hop));
+            one.link = names[rtnl_route_nh_get_ifindex(hop)];
+            found.push_back(one);
+        }
     }
     return found;
 }
@@ -493,14 +337,11 @@ std::vector<std::string> Kernel::static_gateways(const std::string &link) {
     return gateways;
 }
 
-void Kernel::forge(unsigned int group, const std::vector<unsigned char> &datagram) {
-    sockaddr_nl to{};
-    to.nl_family = AF_NETLINK;
-    to.nl_groups = 1U << (group - 1);
-    if (sendto(fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr *>(&to),
-               sizeof to) < 0) {
-        fail("sending to a netlink group");
-    }
+void Kernel::forge(unsigned int group, std::vector<unsigned char> datagram) {
+    nl_socket_set_peer_groups(netlink.get(), 1U << (group - 1));
+    const int status = nl_sendto(netlink.get(), datagram.data(), datagram.size());
+    nl_socket_set_peer_groups(netlink.get(), 0);
+    check(status, "sending to a netlink group");
 }
 
 } // namespace kt

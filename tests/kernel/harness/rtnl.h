@@ -1,6 +1,6 @@
-// A test's requests to the kernel's routing subsystem: links, addresses and routes of one network
-// namespace. Waits for the kernel's answer to each. Everything throws std::runtime_error if the
-// kernel refuses, except the try_ functions, which return the errno value (0: done).
+// A test's requests to the kernel's routing subsystem, by libnl: links, addresses and routes of one
+// network namespace. Waits for the kernel's answer to each. Everything throws std::runtime_error if
+// the kernel refuses, except the try_ functions, which return the errno value (0: done).
 #pragma once
 
 #include <cstdint>
@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
-#include <linux/netlink.h>
+#include <netlink/route/link.h>
 
-#include "harness/message.h"
+#include "harness/netlink.h"
 
 namespace kt {
 
@@ -51,7 +51,7 @@ class Kernel {
 public:
     // The socket belongs to that namespace from then on; the descriptor is not kept.
     explicit Kernel(int namespace_fd);
-    ~Kernel();
+    ~Kernel() = default;
     Kernel(const Kernel &) = delete;
     Kernel &operator=(const Kernel &) = delete;
 
@@ -90,19 +90,16 @@ public:
     std::vector<std::string> static_gateways(const std::string &link);
 
     // Sends one datagram as it is to a multicast group, as the kernel would send a notification.
-    void forge(unsigned int group, const std::vector<unsigned char> &datagram);
+    void forge(unsigned int group, std::vector<unsigned char> datagram);
 
 private:
-    int transact(std::vector<unsigned char> request);
-    void dump(std::vector<unsigned char> request,
-              const std::function<void(const nlmsghdr &, const unsigned char *)> &visit);
-    bool dump_once(std::vector<unsigned char> &request,
-                   const std::function<void(const nlmsghdr &, const unsigned char *)> &visit);
-    void change_link(const std::string &name, unsigned int flags, unsigned int change,
-                     const std::function<void(Message &)> &attributes);
+    // Sends a request and frees it; returns the errno value of the kernel's answer.
+    int transact(nl_msg *request);
+    std::vector<object_ptr> dump(int type, int family);
+    void change_link(const std::string &name, const std::function<void(rtnl_link *)> &change);
 
-    int fd = -1;
-    std::uint32_t sequence = 0;
+    socket_ptr netlink;
+    int refusal = 0; // the errno value of the last error message
 };
 
 } // namespace kt
