@@ -123,7 +123,6 @@ constexpr std::size_t initial_buckets = 10;
 template <typename Map>
 auto in_bucket_order(Map &map) {
     std::vector<decltype(&map.begin()->second)> values;
-    values.reserve(map.size());
     for (std::size_t bucket = 0; bucket < map.bucket_count(); ++bucket) {
         for (auto entry = map.begin(bucket); entry != map.end(bucket); ++entry) {
             values.push_back(&entry->second);

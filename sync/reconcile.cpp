@@ -71,7 +71,6 @@ public:
             ++kept;
         }
         known.resize(kept);
-        seen.resize(kept);
     }
 
     const std::vector<bool> &in_store() const { return seen; }

@@ -159,9 +159,8 @@ class Build:
             if source in replaced:
                 first.append(str(replaced[source]))
         rest = [str(self.object_of(source)) for source in self.compile if source not in replaced]
-        at = words.index('-o')
-        words[at + 1] = str(output)
-        return words[:at] + first + rest + words[at:]
+        words[words.index('-o') + 1] = str(output)
+        return words[:1] + first + rest + words[1:]
 
     def dependents(self, file):
         """The daemon's sources that a change of this file reaches."""
