@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <utility>
 
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -19,7 +20,6 @@
 namespace kt {
 namespace {
 
-using link_ptr = std::unique_ptr<rtnl_link, released_by<rtnl_link_put>>;
 using rtnl_addr_ptr = std::unique_ptr<rtnl_addr, released_by<rtnl_addr_put>>;
 using route_ptr = std::unique_ptr<rtnl_route, released_by<rtnl_route_put>>;
 using callbacks_ptr = std::unique_ptr<nl_cb, released_by<nl_cb_put>>;
@@ -101,13 +101,13 @@ Kernel::Kernel(int namespace_fd) : netlink(nl_socket_alloc()) {
     nl_socket_modify_err_cb(netlink.get(), NL_CB_CUSTOM, keep_refusal, &refusal);
 }
 
-int Kernel::transact(nl_msg *request) {
-    refusal = 0;
-    const int status = nl_send_sync(netlink.get(), request);
-    if (refusal == 0) {
+// Takes what libnl returned for a request; returns the errno value of the kernel's answer.
+int Kernel::answer(int status) {
+    const int error = std::exchange(refusal, 0);
+    if (error == 0) {
         check(status, "netlink request");
     }
-    return refusal;
+    return status < 0 ? error : 0;
 }
 
 // Without libnl's caches: they keep one route for each destination and metric, and report an error
@@ -134,9 +134,8 @@ void Kernel::add_veth(const std::string &name, const std::string &peer, int peer
     const link_ptr other(rtnl_link_veth_get_peer(link.get()));
     rtnl_link_set_name(other.get(), peer.c_str());
     rtnl_link_set_ns_fd(other.get(), peer_namespace);
-    nl_msg *request = nullptr;
-    check(rtnl_link_build_add_request(link.get(), NLM_F_CREATE | NLM_F_EXCL, &request), name);
-    succeed(transact(request), "adding the link pair " + name);
+    succeed(answer(rtnl_link_add(netlink.get(), link.get(), NLM_F_CREATE | NLM_F_EXCL)),
+            "adding the link pair " + name);
 }
 
 void Kernel::change_link(const std::string &name, const std::function<void(rtnl_link *)> &change) {
@@ -144,17 +143,14 @@ void Kernel::change_link(const std::string &name, const std::function<void(rtnl_
     const link_ptr changes(rtnl_link_alloc());
     rtnl_link_set_ifindex(link.get(), index(name));
     change(changes.get());
-    nl_msg *request = nullptr;
-    check(rtnl_link_build_change_request(link.get(), changes.get(), 0, &request), name);
-    succeed(transact(request), "changing the link " + name);
+    succeed(answer(rtnl_link_change(netlink.get(), link.get(), changes.get(), 0)),
+            "changing the link " + name);
 }
 
 void Kernel::delete_link(const std::string &name) {
     const link_ptr link(rtnl_link_alloc());
     rtnl_link_set_ifindex(link.get(), index(name));
-    nl_msg *request = nullptr;
-    check(rtnl_link_build_delete_request(link.get(), &request), name);
-    succeed(transact(request), "deleting the link " + name);
+    succeed(answer(rtnl_link_delete(netlink.get(), link.get())), "deleting the link " + name);
 }
 
 void Kernel::rename(const std::string &name, const std::string &new_name) {
@@ -191,30 +187,29 @@ std::vector<kernel_link_t> Kernel::links() {
     return found;
 }
 
-int Kernel::index(const std::string &name) {
+link_ptr Kernel::find_link(const std::string &name) {
     rtnl_link *link = nullptr;
     const int status = rtnl_link_get_kernel(netlink.get(), 0, name.c_str(), &link);
-    if (status == -NLE_NODEV) {
-        return 0;
-    }
-    check(status, "looking for the link " + name);
-    return rtnl_link_get_ifindex(link_ptr(link).get());
+    check(status == -NLE_NODEV ? 0 : status, "looking for the link " + name);
+    return link_ptr(link);
+}
+
+int Kernel::index(const std::string &name) {
+    const link_ptr link = find_link(name);
+    return link == nullptr ? 0 : rtnl_link_get_ifindex(link.get());
 }
 
 std::string Kernel::hardware_address(const std::string &name) {
-    for (const auto &link : links()) {
-        if (link.name == name) {
-            return link.hardware_address;
-        }
-    }
-    return {};
+    const link_ptr link = find_link(name);
+    return link == nullptr ? "" : text_of(rtnl_link_get_addr(link.get()));
 }
 
 int Kernel::try_add_address(const std::string &link, const std::string &text,
                             const address_options_t &options) {
+    const rtnl_addr_ptr address = describe_address(index(link), text, options);
     nl_msg *request = nullptr;
-    check(rtnl_addr_build_add_request(describe_address(index(link), text, options).get(),
-                                      options.replace ? NLM_F_REPLACE : NLM_F_EXCL, &request),
+    check(rtnl_addr_build_add_request(address.get(), options.replace ? NLM_F_REPLACE : NLM_F_EXCL,
+                                      &request),
           text);
     if (!options.peer.empty()) {
         // rtnl_addr_set_peer refuses IPv6; without a peer the attribute repeats the own address.
@@ -222,15 +217,12 @@ int Kernel::try_add_address(const std::string &link, const std::string &text,
         const address_ptr peer = parse_address(options.peer);
         std::memcpy(nla_data(place), nl_addr_get_binary_addr(peer.get()), sizeof(in6_addr));
     }
-    return transact(request);
+    return answer(nl_send_sync(netlink.get(), request)); // which frees it
 }
 
 int Kernel::try_delete_address(const std::string &link, const std::string &text) {
-    nl_msg *request = nullptr;
-    check(
-        rtnl_addr_build_delete_request(describe_address(index(link), text, {}).get(), 0, &request),
-        text);
-    return transact(request);
+    const rtnl_addr_ptr address = describe_address(index(link), text, {});
+    return answer(rtnl_addr_delete(netlink.get(), address.get(), 0));
 }
 
 void Kernel::add_address(const std::string &link, const std::string &text,
@@ -274,19 +266,13 @@ std::string Kernel::link_local(const std::string &link) {
 }
 
 int Kernel::try_add_route(const kernel_route_t &route) {
-    const int link = route.link.empty() ? 0 : index(route.link);
-    nl_msg *request = nullptr;
-    check(rtnl_route_build_add_request(describe_route(link, route).get(), NLM_F_EXCL, &request),
-          route.destination);
-    return transact(request);
+    const route_ptr described = describe_route(route.link.empty() ? 0 : index(route.link), route);
+    return answer(rtnl_route_add(netlink.get(), described.get(), NLM_F_EXCL));
 }
 
 int Kernel::try_delete_route(const kernel_route_t &route) {
-    const int link = route.link.empty() ? 0 : index(route.link);
-    nl_msg *request = nullptr;
-    check(rtnl_route_build_del_request(describe_route(link, route).get(), 0, &request),
-          route.destination);
-    return transact(request);
+    const route_ptr described = describe_route(route.link.empty() ? 0 : index(route.link), route);
+    return answer(rtnl_route_delete(netlink.get(), described.get(), 0));
 }
 
 void Kernel::add_route(const kernel_route_t &route) {

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,8 @@
 #include "harness/netlink.h"
 
 namespace kt {
+
+using link_ptr = std::unique_ptr<rtnl_link, released_by<rtnl_link_put>>;
 
 struct kernel_link_t {
     int index = 0;
@@ -51,7 +54,6 @@ class Kernel {
 public:
     // The socket belongs to that namespace from then on; the descriptor is not kept.
     explicit Kernel(int namespace_fd);
-    ~Kernel() = default;
     Kernel(const Kernel &) = delete;
     Kernel &operator=(const Kernel &) = delete;
 
@@ -93,9 +95,9 @@ public:
     void forge(unsigned int group, std::vector<unsigned char> datagram);
 
 private:
-    // Sends a request and frees it; returns the errno value of the kernel's answer.
-    int transact(nl_msg *request);
+    int answer(int status);
     std::vector<object_ptr> dump(int type, int family);
+    link_ptr find_link(const std::string &name);
     void change_link(const std::string &name, const std::function<void(rtnl_link *)> &change);
 
     socket_ptr netlink;
