@@ -46,7 +46,7 @@ bool holds_change(const std::vector<Event> &events) {
 } // namespace
 
 FaultyService::FaultyService(tav::Store &served, std::string database, Plan staged)
-    : Service(served, std::move(database), std::chrono::steady_clock::now), store(served),
+    : Service(served, std::move(database), std::chrono::steady_clock::now),
       plan(std::move(staged)) {}
 
 // False for operations that no plan can name.
@@ -103,12 +103,19 @@ FaultyService::Victim *FaultyService::victim_of(const Session &session, const Re
     return found == victims.end() ? nullptr : &found->second;
 }
 
-bool FaultyService::handle(Session &session, std::string_view body, std::string &reply) {
+tav::Service::Begun FaultyService::begin(Session &session, std::string_view body,
+                                         std::string &reply, std::unique_ptr<tav::Task> &task) {
     Request request;
     Victim *const victim = look_at(body, request) ? victim_of(session, request) : nullptr;
     if (victim == nullptr) {
-        return Service::handle(session, body, reply);
+        return Service::begin(session, body, reply, task);
     }
+    return handle_victim(session, *victim, request, body, reply) ? Begun::answered
+                                                                 : Begun::malformed;
+}
+
+bool FaultyService::handle_victim(Session &session, Victim &victim, const Request &request,
+                                  std::string_view body, std::string &reply) {
     const bool struck = plan.strikes(request.operation);
     if (struck) {
         tav::log_line("fault: %s on %s", name_of(plan.mode()), name_of(request.operation));
@@ -122,7 +129,7 @@ bool FaultyService::handle(Session &session, std::string_view body, std::string 
         return false;
     }
     if (request.operation == Operation::events) {
-        alter_events(session, *victim, struck, reply);
+        alter_events(session, victim, struck, reply);
     }
     return true;
 }
@@ -241,26 +248,20 @@ void FaultyService::remove_as_somebody_else() {
     tav::Item item;
     item.kind = tav::ItemKind::remove;
     item.path = plan.path();
-    const tav::Outcome outcome =
-        store.transact({item}, [](const std::string & /*path*/) { return false; });
-    for (const auto &[number, client] : sessions()) {
-        for (const Event &event : outcome.events) {
-            client->offer(event, false, now());
-        }
-    }
+    write({item});
 }
 
 // A notice reports no change: for the client nothing is pending. The wake-up itself follows the
 // normal rules.
 void FaultyService::make_readable(Session &session, const Victim &victim) {
-    session.offer(Event{mlr_event_notice, victim.registered}, false, now());
+    session.add_notice(victim.registered, now());
 }
 
-// More events than a client may leave unfetched: the server disconnects it after sending the reply.
+// The client counts as one that did not fetch its events: the server disconnects it after sending
+// the reply.
 void FaultyService::end(Session &session, const Victim &victim) {
-    for (std::uint64_t i = 0; !session.overflowed() && !victim.registered.empty(); ++i) {
-        session.offer(Event{mlr_event_notice, victim.registered + "/" + std::to_string(i)}, false,
-                      now());
+    if (!victim.registered.empty()) {
+        session.overflow();
     }
 }
 

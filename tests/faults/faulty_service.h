@@ -4,6 +4,7 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,7 +18,9 @@ class FaultyService : public tav::Service {
 public:
     FaultyService(tav::Store &served, std::string database, Plan staged);
 
-    bool handle(tav::Session &session, std::string_view body, std::string &reply) override;
+    // Carries a victim's requests out at once.
+    Begun begin(tav::Session &session, std::string_view body, std::string &reply,
+                std::unique_ptr<tav::Task> &task) override;
 
 private:
     struct Victim {
@@ -31,6 +34,8 @@ private:
     };
 
     static bool look_at(std::string_view body, Request &request);
+    bool handle_victim(tav::Session &session, Victim &victim, const Request &request,
+                       std::string_view body, std::string &reply);
     Victim *victim_of(const tav::Session &session, const Request &request);
     bool stage(tav::Session &session, const Request &request, std::string_view body,
                std::string &reply);
@@ -45,7 +50,6 @@ private:
     void make_readable(tav::Session &session, const Victim &victim);
     void end(tav::Session &session, const Victim &victim);
 
-    tav::Store &store;
     Plan plan;
     std::map<std::uint64_t, Victim> victims; // by session
 };

@@ -34,7 +34,6 @@ int transact(mlr_client_t *client, const std::vector<Item> &items,
 
 int dump(mlr_client_t *client, const std::string &path, api_status_t &status,
          std::vector<DumpElement> &elements) {
-    constexpr int attempts = 20;
     status = api_status_none;
     elements.clear();
     Connection *connection = connection_of(client);
@@ -45,33 +44,19 @@ int dump(mlr_client_t *client, const std::string &path, api_status_t &status,
         status = api_status_path_too_long;
         return connection->usable() ? call_done : call_failed;
     }
-    std::uint64_t revision = 0;
-    for (int attempt = 0; attempt < attempts;) {
-        DumpPage page;
-        const int result = perform_with(*connection, Op::dump, DumpRequest{path, elements.size()},
-                                        [&page](Reader &reader) { get(reader, page); });
-        if (result != call_done) {
-            // Earlier pages are not an answer.
-            status = api_status_none;
-            elements.clear();
-            return result;
-        }
-        if (!elements.empty() && page.revision != revision) {
-            // The store changed between two pages, so start again.
-            elements.clear();
-            ++attempt;
-            continue;
-        }
-        revision = page.revision;
-        status = page.status;
-        elements.insert(elements.end(), std::make_move_iterator(page.elements.begin()),
-                        std::make_move_iterator(page.elements.end()));
-        if (status != api_status_ok || !page.more) {
-            return call_done;
-        }
+    api_status_t answer = api_status_none;
+    const int result =
+        perform_with(*connection, Op::dump, std::string_view(path), [&](Reader &reader) {
+            get(reader, answer);
+            while (reader.u8() == 1) {
+                get(reader, elements.emplace_back());
+            }
+        });
+    if (result != call_done) {
+        elements.clear();
+        return result;
     }
-    elements.clear();
-    status = api_status_refused;
+    status = answer;
     return call_done;
 }
 

@@ -14,8 +14,7 @@ namespace tav {
 TAV_EXPORT int transact(mlr_client_t *client, const std::vector<Item> &items,
                         std::vector<api_status_t> &statuses);
 
-// All elements of the subtree at `path`, including itself, in tree order, as of one moment. If the
-// store changes all the time, the status is api_status_refused.
+// All elements of the subtree at `path`, including itself, in tree order, as of one moment.
 TAV_EXPORT int dump(mlr_client_t *client, const std::string &path, api_status_t &status,
                     std::vector<DumpElement> &elements);
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "client/report.h"
+#include "protocol/limits.h"
 #include "protocol/messages.h"
 
 namespace tav {
@@ -105,13 +106,17 @@ StreamResult Connection::converse(int fd, FrameStream &frames, const std::string
 
 // Checks the header of a reply, drains what it acknowledges, and leaves the content. False with the
 // reason in `why`.
-bool Connection::take_reply(std::string_view body, std::string_view &reply, std::string &why) {
-    constexpr std::size_t header_bytes = 5;
+bool Connection::take_reply(std::string_view body, std::string_view &reply, std::string &why,
+                            bool *more) {
     Reader reader(body);
     ReplyHeader header;
     get(reader, header);
-    if (reader.ok() && header.serial == serial && (!header.drain || wake.drain_one())) {
-        reply = body.substr(header_bytes);
+    if (reader.ok() && header.serial == serial && (!header.more || more != nullptr) &&
+        (!header.drain || wake.drain_one())) {
+        reply = reader.remaining();
+        if (more != nullptr) {
+            *more = header.more;
+        }
         return true;
     }
     why = malformed_reply;
@@ -133,10 +138,37 @@ bool Connection::call(const std::string &frame, std::string_view &reply) {
         return false;
     }
     std::string why;
-    if (!take_reply(body, reply, why)) {
+    bool more = false;
+    if (!take_reply(body, reply, why, &more)) {
         lose(why.c_str());
         return false;
     }
+    recycle(assembled);
+    return !more || take_rest(reply);
+}
+
+// Receives the frames that follow the first one of a reply, each within the time limit.
+bool Connection::take_rest(std::string_view &reply) {
+    std::string why;
+    for (bool more = true; more;) {
+        assembled.append(reply);
+        std::string_view body;
+        const StreamResult result = replies.receive(calls.get(), body, Clock::now() + limit);
+        if (result != StreamResult::done) {
+            lose(describe(result));
+            return false;
+        }
+        if (!take_reply(body, reply, why, &more)) {
+            lose(why.c_str());
+            return false;
+        }
+        if (assembled.size() + reply.size() > limits::reply_bytes || (more && reply.empty())) {
+            malformed();
+            return false;
+        }
+    }
+    assembled.append(reply);
+    reply = assembled;
     return true;
 }
 

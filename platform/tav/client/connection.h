@@ -57,7 +57,9 @@ private:
                std::string_view &reply, Deadline deadline);
     bool call(const std::string &frame, std::string_view &reply);
     bool send_ping();
-    bool take_reply(std::string_view body, std::string_view &reply, std::string &why);
+    bool take_reply(std::string_view body, std::string_view &reply, std::string &why,
+                    bool *more = nullptr);
+    bool take_rest(std::string_view &reply);
     void lose(const char *why);
 
     std::chrono::milliseconds limit;
@@ -66,8 +68,9 @@ private:
     bool lost = false;
     std::uint32_t serial = 0;
     FrameStream replies{true};
-    Deadline last_ping{}; // when it was sent
-    std::string spare;    // the last request; the next one reuses its memory
+    Deadline last_ping{};  // when it was sent
+    std::string assembled; // the last reply, if it came in several frames
+    std::string spare;     // the last request; the next one reuses its memory
 };
 
 } // namespace tav

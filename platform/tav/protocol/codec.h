@@ -51,6 +51,8 @@ public:
     // rest of the body is too short for that number, before memory is reserved for it.
     std::uint32_t count(std::size_t least);
 
+    // What was not read yet.
+    std::string_view remaining() const { return rest; }
     bool ok() const { return !failed; }
     // Everything was read, and nothing was missing.
     bool finished() const { return !failed && rest.empty(); }

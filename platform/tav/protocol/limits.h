@@ -29,18 +29,22 @@ constexpr std::size_t elements = 1000000;
 constexpr std::size_t frame_bytes = std::size_t{16} << 20;
 // The first frame of a connection, length field included.
 constexpr std::size_t greeting_bytes = 64;
-// Paths of one call. All other clients wait while the service carries one out: chosen so that a
-// transaction with this many steps takes much less than the time limit of their calls.
-// api_status_too_large.
+// Paths of one call. api_status_too_large.
 constexpr std::size_t paths_per_request = 50000;
-// Intended size of a page of a dump, in bytes; the page ends with the element that exceeds it.
-constexpr std::size_t dump_page_bytes = std::size_t{4} << 20;
+// Elements that one call removes or touches, each as often as it does: every element of a full
+// store, once. api_status_too_large.
+constexpr std::size_t elements_per_call = elements + paths_per_request;
+// A long answer is sent in frames of about this size, as the client reads them; and an answer may
+// have at most so many bytes in all, or the library ends the connection.
+constexpr std::size_t reply_part_bytes = std::size_t{64} << 10;
+constexpr std::size_t reply_bytes = std::size_t{512} << 20;
 
-// Events that wait for one client. Beyond either limit the service ends that client's connection.
-// The client then starts again and reads everything, so that no change is missed silently. The
-// bytes are those of the encoded events; they must fit one frame.
-constexpr std::size_t pending_events = 100000;
-constexpr std::size_t pending_bytes = std::size_t{12} << 20;
+// Memory of all events that wait for clients, which share one copy of each. Beyond it the service
+// ends the connections of the clients that have waited longest. They then start again and read
+// everything, so that no change is missed silently.
+constexpr std::size_t event_bytes = std::size_t{64} << 20;
+// Events that report no change and wait for one client; the connection ends beyond it.
+constexpr std::size_t notices_per_client = 2 * 64;
 
 // Event registrations of one client. api_status_too_many_registrations.
 constexpr std::size_t registrations_per_client = 64;
@@ -50,14 +54,10 @@ constexpr std::size_t connections = 1024;
 constexpr std::size_t connections_kept = 128;
 constexpr std::size_t connections_per_user = 256;
 
-// Bytes of received requests, unsent replies and waiting events, for all clients together. Beyond
-// it the service takes the user with the most bytes, and ends the connection of that user's client
-// with the most bytes.
+// Bytes of received requests and unsent replies, for all clients together. Beyond it the service
+// takes the user with the most bytes, and ends the connection of that user's client with the most
+// bytes.
 constexpr std::size_t held_bytes = std::size_t{128} << 20;
-
-// Requests of one client per second. Beyond it the client is served only while no other client has
-// a request.
-constexpr std::size_t requests_per_second = 20000;
 
 // Length of watchdog names (api_status_name_too_long), and number of disconnected watchdogs that
 // are kept for display.

@@ -60,11 +60,23 @@ void get(Reader &in, RequestHeader &value) {
 
 void put(Writer &out, const ReplyHeader &value) {
     out.u32(value.serial);
-    put_bool(out, value.drain);
+    out.u8(
+        static_cast<std::uint8_t>((value.drain ? reply_drain : 0) | (value.more ? reply_more : 0)));
 }
 void get(Reader &in, ReplyHeader &value) {
     value.serial = in.u32();
-    value.drain = get_bool(in);
+    const std::uint8_t flags = in.u8();
+    value.drain = (flags & reply_drain) != 0;
+    value.more = (flags & reply_more) != 0;
+    if (flags > (reply_drain | reply_more)) {
+        in.fail();
+    }
+}
+
+std::string mark_more(std::string frame) {
+    frame[reply_flags_at] =
+        static_cast<char>(static_cast<unsigned char>(frame[reply_flags_at]) | reply_more);
+    return frame;
 }
 
 void put(Writer &out, const Farewell &value) {
@@ -182,35 +194,16 @@ void get(Reader &in, WatchdogRequest &value) {
     value.enabled = get_bool(in);
 }
 
-void put(Writer &out, const DumpRequest &value) {
-    out.text(value.path);
-    out.u64(value.offset);
+void put_element(Writer &out, std::string_view path, const Value &value) {
+    out.text(path);
+    put(out, value);
 }
-void get(Reader &in, DumpRequest &value) {
-    value.path = in.text();
-    value.offset = in.u64();
-}
-
 void put(Writer &out, const DumpElement &value) {
-    out.text(value.path);
-    put(out, value.value);
+    put_element(out, value.path, value.value);
 }
 void get(Reader &in, DumpElement &value) {
     value.path = in.text();
     get(in, value.value);
-}
-
-void put(Writer &out, const DumpPage &value) {
-    put(out, value.status);
-    out.u64(value.revision);
-    put_bool(out, value.more);
-    put_all(out, value.elements);
-}
-void get(Reader &in, DumpPage &value) {
-    get(in, value.status);
-    value.revision = in.u64();
-    value.more = get_bool(in);
-    get_all(in, value.elements);
 }
 
 void put(Writer &out, const ClientStatus &value) {

@@ -36,11 +36,20 @@ struct RequestHeader {
 };
 
 // `drain`: this exchange acknowledged one wake-up byte. The client must read it from the wake-up
-// connection, where it has already arrived: it was sent before the reply.
+// connection, where it has already arrived: it was sent before the reply. `more`: the content goes
+// on in the next frame, which has a header of its own.
 struct ReplyHeader {
     std::uint32_t serial = 0;
     bool drain = false;
+    bool more = false;
 };
+// Where the encoded header of a frame has its flags, from the start of the frame, ...
+constexpr std::size_t reply_flags_at = 8;
+// ... and what they are.
+constexpr std::uint8_t reply_drain = 1;
+constexpr std::uint8_t reply_more = 2;
+// Sets the flag in a frame.
+std::string mark_more(std::string frame);
 
 // The content of the frame with the serial number farewell_serial, the last one of a connection:
 // why the service ends or refuses the connection.
@@ -92,23 +101,11 @@ struct WatchdogRequest {
     bool enabled = false;
 };
 
-// Asks for the elements of a subtree in tree order, from the `offset`th on.
-struct DumpRequest {
-    std::string path;
-    std::uint64_t offset = 0;
-};
-
+// The answer to a dump is a status and, for each element of the subtree, parents first and in the
+// order of listings, a 1 and the element; a 0 ends it.
 struct DumpElement {
     std::string path;
     Value value; // of type node for a node
-};
-
-// A page of a dump. Only pages of the same revision belong together.
-struct DumpPage {
-    api_status_t status = api_status_none;
-    std::uint64_t revision = 0;
-    bool more = false;
-    std::vector<DumpElement> elements;
 };
 
 struct ClientStatus {
@@ -180,12 +177,9 @@ void put(Writer &out, const Registration &value);
 void get(Reader &in, Registration &value);
 void put(Writer &out, const WatchdogRequest &value);
 void get(Reader &in, WatchdogRequest &value);
-void put(Writer &out, const DumpRequest &value);
-void get(Reader &in, DumpRequest &value);
+void put_element(Writer &out, std::string_view path, const Value &value);
 void put(Writer &out, const DumpElement &value);
 void get(Reader &in, DumpElement &value);
-void put(Writer &out, const DumpPage &value);
-void get(Reader &in, DumpPage &value);
 void put(Writer &out, const ClientStatus &value);
 void get(Reader &in, ClientStatus &value);
 void put(Writer &out, const WatchdogStatus &value);

@@ -13,7 +13,7 @@ constexpr const char *socket_variable = "TAV_SOCKET";
 
 // First bytes of each connection's first frame, so that a foreign program is recognised.
 constexpr std::uint32_t magic = 0x54415631; // "TAV1"
-constexpr std::uint32_t protocol_version = 2;
+constexpr std::uint32_t protocol_version = 3;
 
 // A frame: its length without these four bytes, most significant byte first, then the body.
 constexpr std::size_t length_bytes = 4;
@@ -56,6 +56,10 @@ constexpr char wake_byte = 'w';
 
 // A client that has not opened both of its connections within this time is disconnected.
 constexpr std::chrono::milliseconds greeting_time{5000};
+
+// A client that has not taken an answer completely within this time is disconnected: meanwhile the
+// service keeps what the answer is made from.
+constexpr std::chrono::milliseconds answer_time{60000};
 
 // After a wake-up that was acknowledged without a fetch, the next one waits this long. After a
 // request other than a ping, the next one waits until this long has passed without another request

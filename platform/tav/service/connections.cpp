@@ -15,7 +15,6 @@ namespace tav {
 
 namespace {
 
-constexpr std::uint64_t listener_id = 0;
 // How long to wait before accepting again when there are no descriptors left.
 constexpr std::chrono::milliseconds accept_pause{100};
 
@@ -60,8 +59,8 @@ const char *Server::why_full(const Credentials &who) {
         service.usage().refuse(Limit::connections);
         return "the service has reached its limit of connections";
     }
-    const auto own = user_connections.find(who.uid);
-    if (own != user_connections.end() && own->second >= limits::connections_per_user) {
+    const auto own = users.find(who.uid);
+    if (own != users.end() && own->second.connections >= limits::connections_per_user) {
         service.usage().refuse(Limit::user_connections);
         return "this user has reached the limit of connections per user";
     }
@@ -83,12 +82,19 @@ void Server::admit(UniqueFd fd) {
         return;
     }
     auto peer = std::make_unique<Peer>(std::move(fd), who, access == Access::write, service.now());
-    watch(peer->fd(), next_peer, EPOLLIN, EPOLL_CTL_ADD);
-    greeting.push_back(next_peer);
-    peers[next_peer] = std::move(peer);
-    ++next_peer;
+    const PeerId id = next_peer++;
+    User &user = users[who.uid];
+    greeting.push_back(id);
+    Peer &admitted = *(peers[id] = std::move(peer));
+    ++user.connections;
     service.usage().set(Limit::connections, peers.size());
-    service.usage().raise(Limit::user_connections, ++user_connections[who.uid]);
+    service.usage().raise(Limit::user_connections, user.connections);
+    try {
+        watch(id, admitted, EPOLLIN);
+    } catch (...) {
+        drop(id);
+        throw;
+    }
 }
 
 // A connection's first frame says which of a client's two connections it is.
@@ -153,41 +159,42 @@ void Server::end_slow_greetings() {
     }
 }
 
+void Server::end_slow_readers() {
+    for (auto id = unsent.begin(); id != unsent.end();) {
+        const PeerId slow = *(id++); // it is erased from there
+        if (*peers.at(slow)->unsent_since + answer_time <= service.now()) {
+            dismiss(slow, api_status_refused, "the client did not take an answer in time");
+        }
+    }
+}
+
+// Charges the user with what the connection holds now.
+void Server::account(Peer &peer) {
+    User &user = users.at(peer.who.uid);
+    user.held += peer.held() - peer.accounted;
+    held += peer.held() - peer.accounted;
+    peer.accounted = peer.held();
+}
+
 // Ends one client if all clients together use too much memory.
 void Server::limit_held_bytes() {
-    struct Share {
-        std::size_t bytes = 0;   // of all of the user's clients
-        std::size_t largest = 0; // of one of them
-        PeerId client = 0;
-    };
-    std::size_t total = 0;
-    std::map<uid_t, Share> shares;
-    for (const auto &[id, peer] : peers) {
-        std::size_t held = peer->held();
-        if (peer->role == Peer::Role::calls) {
-            held += service.sessions().at(peer->session)->pending_bytes();
-        }
-        if (held == 0) {
-            continue;
-        }
-        Share &share = shares[peer->who.uid];
-        total += held;
-        share.bytes += held;
-        if (held > share.largest) {
-            share.largest = held;
-            share.client = id;
-        }
-    }
-    service.usage().raise(Limit::held_bytes, total);
-    if (total <= limits::held_bytes) {
+    service.usage().raise(Limit::held_bytes, held);
+    if (held <= limits::held_bytes) {
         return;
     }
+    const auto user =
+        std::max_element(users.begin(), users.end(), [](const auto &left, const auto &right) {
+            return left.second.held < right.second.held;
+        });
+    const auto owned = [&user](const auto &peer) {
+        return peer.second->who.uid == user->first ? peer.second->accounted : 0;
+    };
     const auto most =
-        std::max_element(shares.begin(), shares.end(), [](const auto &left, const auto &right) {
-            return left.second.bytes < right.second.bytes;
+        std::max_element(peers.begin(), peers.end(), [&owned](const auto &left, const auto &right) {
+            return owned(left) < owned(right);
         });
     service.usage().refuse(Limit::held_bytes);
-    dismiss(most->second.client, api_status_refused, "too much data was waiting for this client");
+    dismiss(most->first, api_status_refused, "too much data was waiting for this client");
 }
 
 // Ends a connection, and sends the client the reason if possible.
@@ -237,10 +244,16 @@ void Server::erase(PeerId id) {
     if (found == peers.end()) {
         return;
     }
-    const auto user = user_connections.find(found->second->who.uid);
-    if (--user->second == 0) {
-        user_connections.erase(user);
+    Peer &peer = *found->second;
+    const auto user = users.find(peer.who.uid);
+    held -= peer.accounted;
+    user->second.held -= peer.accounted;
+    if (--user->second.connections == 0) {
+        users.erase(user);
     }
+    schedule.forget(peer.who.uid, id);
+    blocked.erase(id);
+    unsent.erase(id);
     peers.erase(found); // closing also removes it from epoll
     service.usage().set(Limit::connections, peers.size());
 }

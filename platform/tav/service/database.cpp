@@ -55,28 +55,25 @@ void Database::use_wal() {
 // which has a row of its own. Each must pass the same checks as a client's write; a row that does
 // not pass means a damaged database.
 void Database::load(Tree &tree) {
-    Edit edit(tree, no_time);
     const Sqlite::Statement statement =
         database.prepare("SELECT path, type, text, time FROM element ORDER BY path");
     std::string previous;
     std::size_t rows = 0;
     while (database.next(statement.get())) {
-        Item item;
-        item.path = column_text(statement.get(), 0);
-        item.value.type = static_cast<element_type_t>(sqlite3_column_int(statement.get(), 1));
-        item.value.text = column_text(statement.get(), 2);
-        item.value.time = sqlite3_column_int64(statement.get(), 3);
-        item.kind = item.value.type == element_type_node ? ItemKind::make_node : ItemKind::set;
-        const api_status_t status = edit.apply(item);
+        const std::string path(column_text(statement.get(), 0));
+        Value value;
+        value.type = static_cast<element_type_t>(sqlite3_column_int(statement.get(), 1));
+        value.text = column_text(statement.get(), 2);
+        value.time = sqlite3_column_int64(statement.get(), 3);
+        const api_status_t status = tree.load(path, value);
         ++rows;
-        if (status != api_status_ok || item.path <= previous || tree.elements() != rows + 1) {
+        if (status != api_status_ok || path <= previous) {
             refuse_database(database.name(), "is damaged: row " + std::to_string(rows) +
                                                  " holds no element of this tree (status " +
                                                  std::to_string(status) + ")");
         }
-        previous = item.path;
+        previous = path;
     }
-    edit.keep();
 }
 
 void Database::write(const Change &change) {
@@ -103,7 +100,12 @@ void Database::discard_refused() {
     refused_in_log = false;
 }
 
-bool Database::commit(const std::vector<Change> &changes) {
+// A sync, or more than a millisecond of work.
+bool Database::is_slow(std::size_t changes) const {
+    return durability == Durability::full || changes > 64;
+}
+
+bool Database::commit(const Edit::Changes &changes) {
     try {
         // Until that commit succeeds, no write can be confirmed.
         discard_refused();

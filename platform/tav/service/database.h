@@ -27,7 +27,8 @@ public:
 
     // False if it failed, for example because the disk is full: the changes are not stored then,
     // and do not appear after a later start either.
-    bool commit(const std::vector<Change> &changes) override;
+    bool commit(const Edit::Changes &changes) override;
+    bool is_slow(std::size_t changes) const override;
     const char *promise() const override;
 
 private:

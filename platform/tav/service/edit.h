@@ -1,14 +1,14 @@
-// One transaction on the tree: each step is applied at once, so that later steps see it, and all of
-// it is undone unless keep() is called.
+// One transaction on a tree: each step is applied at once, so that later steps see it, to a copy
+// that nobody else sees. Dropping the edit undoes all of it.
 #pragma once
 
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <vector>
 
 #include "service/tree.h"
 
@@ -17,9 +17,11 @@ namespace tav {
 // The net change of one path by a transaction. An absent element has no value; a node has one of
 // type node.
 struct Change {
+    using ValuePtr = std::shared_ptr<const Value>;
+
     std::string path;
-    std::optional<Value> before;
-    std::optional<Value> after;
+    ValuePtr before;
+    ValuePtr after;
     bool touched = false; // an event is wanted even if the content does not change
 
     // The element appears, disappears or has other content.
@@ -34,53 +36,41 @@ struct Change {
 
 class Edit {
 public:
-    // `now`: the time stamp of values without one, in seconds since 1970.
-    Edit(Tree &edited, std::int64_t current_time) : tree(edited), now(current_time) {}
-    // Undoes everything, in reverse order, unless kept.
-    ~Edit();
-    Edit(const Edit &) = delete;
-    Edit &operator=(const Edit &) = delete;
+    // In the order in which the paths were last changed or touched.
+    using Changes = std::list<Change>;
 
-    // One step, the path and value unchecked so far. Any result except api_status_ok means that the
-    // step had no effect, except that parents may have been created: the caller must then drop the
-    // whole edit.
+    // `now`: the time stamp of values without one, in seconds since 1970.
+    Edit(const Tree &base, std::int64_t current_time) : edited(base), now(current_time) {}
+
+    // Does a part of one step that takes well under a millisecond, path and value unchecked so far;
+    // true when the step is complete. Any status except api_status_ok then means that the whole
+    // edit must be dropped, also after an exception.
+    bool advance(const Item &item, api_status_t &status);
+    // The whole step.
     api_status_t apply(const Item &item);
 
-    // The differences so far, in the order in which the paths were last changed or touched; paths
-    // with unchanged content are included only if touched.
-    std::vector<Change> changes() const;
-
-    void keep() { kept = true; }
+    const Tree &tree() const { return edited; }
+    // Every path of a changed element; some are as they were before. There must be no more steps
+    // once the list is changed.
+    Changes &changes() { return list; }
 
 private:
-    struct Undo {
-        std::string path;
-        std::optional<Value> value;       // the leaf had this value; otherwise:
-        std::unique_ptr<Element> subtree; // this was removed, or, if null, the element was created
-    };
-    struct Trace {
-        std::optional<Value> before;
-        const Element *after = nullptr; // null: it is absent now
-        std::uint64_t order = 0;
-        bool touched = false;
-    };
-
+    bool start(const Item &item, api_status_t &status);
     api_status_t set(const std::string &path, const Value &value);
-    api_status_t make_node(std::string_view path, Element *&node);
-    api_status_t remove(const std::string &path, bool node_only);
-    api_status_t remove_single(const std::string &path);
-    api_status_t clear(const std::string &path);
-    api_status_t touch(const std::string &path);
-    api_status_t create(Element &parent, std::string_view path, Value value, Element *&created);
-    Trace &trace(const std::string &path, const std::optional<Value> &before, const Element *after);
-    Element *parent_of(std::string_view path, std::string &name);
+    api_status_t make_nodes(std::string_view path);
+    api_status_t create(std::string_view path, Value value);
+    api_status_t walk_for(const Item &item);
+    bool visit(const Item &item, api_status_t &status);
+    Change &trace(const std::string &path, const Element *before, const Element *after);
 
-    Tree &tree;
+    Tree edited;
     std::int64_t now;
-    std::vector<Undo> undo;
-    std::unordered_map<std::string, Trace> traces;
-    std::uint64_t steps = 0;
-    bool kept = false;
+    Changes list;
+    std::unordered_map<std::string_view, Changes::iterator> by_path; // keys are in the list
+    std::size_t visited = 0; // elements that were removed or touched
+    // For a step that takes several calls.
+    std::optional<Walker> walker;
+    Extent found;
 };
 
 } // namespace tav

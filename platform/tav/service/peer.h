@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -10,7 +12,8 @@
 #include "protocol/codec.h"
 #include "protocol/protocol.h"
 #include "service/access.h"
-#include "service/rate.h"
+#include "service/task.h"
+#include "service/wake.h"
 
 namespace tav {
 
@@ -40,8 +43,8 @@ public:
     // A client's connection that is ready for use.
     bool established() const { return attached || role == Role::wake; }
 
-    // Queues a frame. There is at most one: further requests wait until it was sent, so that a
-    // client that does not read its replies uses memory for only one.
+    // Queues a frame. There is at most one: the rest of the answer and further requests wait until
+    // it was sent, so that a client that does not read its replies uses memory for only one.
     void reply(std::string frame);
     // A buffer for building the next reply, if no reply is waiting to be sent.
     std::string take_buffer() { return std::exchange(output, {}); }
@@ -57,8 +60,12 @@ public:
     Role role = Role::stranger;
     std::uint64_t session = 0; // 0: none
     bool attached = false;     // for a connection for calls: the wake-up connection exists
-    bool waiting = false;      // has more requests and is waiting for its turn
-    Rate rate;
+    // Of the request at work; its body is the next one in the input, and nothing is received
+    // meanwhile.
+    std::unique_ptr<Task> task;
+    std::optional<Time> unsent_since; // when its answer could not be sent at once
+    std::uint32_t watched = 0;        // for these events of epoll
+    std::size_t accounted = 0;        // the bytes held that its user was charged for
 
 private:
     UniqueFd socket;

@@ -17,8 +17,13 @@ namespace tav {
 
 namespace {
 
-constexpr std::uint64_t listener_id = 0;
-constexpr std::uint64_t signals_id = 1;
+// Nobody who comes next waits longer than this for another's request.
+constexpr std::chrono::milliseconds slice{2};
+// The least time that a turn is charged with, for what is not measured.
+constexpr std::chrono::microseconds least_charge{2};
+
+// Not the service's clock, which tests stop: how long a part of the work takes is real.
+using Stopwatch = std::chrono::steady_clock;
 
 [[noreturn]] void fail(const char *what) {
     throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
@@ -36,7 +41,7 @@ Server::Server(Service &served, const Listener &listening, int signals, const Ri
     watch(signal_fd, signals_id, EPOLLIN, EPOLL_CTL_ADD);
 }
 
-void Server::watch(int fd, PeerId id, std::uint32_t events, int operation) {
+void Server::watch(int fd, PeerId id, std::uint32_t events, int operation) const {
     epoll_event event{};
     event.events = events;
     event.data.u64 = id;
@@ -45,10 +50,20 @@ void Server::watch(int fd, PeerId id, std::uint32_t events, int operation) {
     }
 }
 
+// Not watched at all without events: a connection that the other side has closed would be reported
+// all the same.
+void Server::watch(PeerId id, Peer &peer, std::uint32_t events) const {
+    if (peer.watched != events) {
+        const int change = peer.watched == 0 ? EPOLL_CTL_ADD : EPOLL_CTL_MOD;
+        watch(peer.fd(), id, events, events == 0 ? EPOLL_CTL_DEL : change);
+        peer.watched = events;
+    }
+}
+
 // A client that was just served usually sends another request before this process could sleep.
 int Server::wait_for(Events &events) {
     const auto size = static_cast<int>(events.size());
-    if (served_lately && turns.empty()) {
+    if (served_lately && timeout() != 0) {
         ShortWait wait;
         while (wait.goes_on()) {
             const int ready = ::epoll_wait(epoll.get(), events.data(), size, 0);
@@ -68,197 +83,299 @@ void Server::run() {
         if (ready < 0 && errno != EINTR) {
             fail("epoll_wait");
         }
-        give_turns();
-        for (int i = 0; i < ready; ++i) {
-            const PeerId id = events.at(static_cast<std::size_t>(i)).data.u64;
-            if (id == signals_id) {
-                return;
-            }
-            if (id == listener_id) {
-                accept_all();
-            } else {
-                give_turn(id, true);
-            }
+        if (!handle_events(events, ready)) {
+            return;
         }
-        give_late_turns();
+        work();
         if (accept_again && service.now() >= *accept_again) {
             accept_again.reset();
             watch(listener.fd(), listener_id, EPOLLIN, EPOLL_CTL_MOD);
         }
         end_slow_greetings();
-        limit_held_bytes();
+        end_slow_readers();
         service.watchdog().check(service.now());
-        wake_clients();
+        if (next_wake && *next_wake <= service.now()) {
+            look_after_all();
+        }
     }
 }
 
-// One request of each client that has sent several. They were waiting already, so they come first.
-void Server::give_turns() {
-    for (std::size_t left = turns.size(); left > 0; --left) {
-        const PeerId id = turns.front();
-        turns.pop_front();
-        give_turn(id, false);
+// False when a signal has arrived.
+bool Server::handle_events(const Events &events, int ready) {
+    for (int i = 0; i < ready; ++i) {
+        const PeerId id = events.at(static_cast<std::size_t>(i)).data.u64;
+        if (id == signals_id) {
+            return false;
+        }
+        if (id == listener_id) {
+            accept_all();
+        } else if (id == commit_id) {
+            service.commit_ended();
+        } else {
+            arrived(id);
+        }
     }
+    return true;
 }
 
-// `ready`: its socket is readable; otherwise it has more requests. A client that has used up its
-// share comes last.
-void Server::give_turn(PeerId id, bool ready) {
+// A connection can be read, or written if a reply is waiting.
+void Server::arrived(PeerId id) {
     const auto found = peers.find(id);
-    if (found == peers.end() || (ready && found->second->waiting)) {
-        return; // dropped earlier in this round, or already waiting for its turn
+    if (found == peers.end()) {
+        return; // dropped earlier in this round
     }
-    if (has_had_share(*found->second)) {
-        late.push_back(Turn{id, ready});
+    Peer &peer = *found->second;
+    try {
+        if (peer.has_output()) {
+            if (!peer.flush()) {
+                drop(id);
+                return;
+            }
+            account(peer);
+            if (peer.has_output()) {
+                return;
+            }
+            unsent.erase(id);
+            if (!peer.task) {
+                peer.unsent_since.reset();
+            }
+            watch(id, peer, EPOLLIN);
+        } else if (peer.task || peer.has_request()) {
+            // Its turn comes; until then nothing more is received.
+            watch(id, peer, 0);
+            return;
+        } else if (!peer.receive()) {
+            drop(id);
+            return;
+        }
+        // A first frame is short: do not keep more from a connection that has not identified
+        // itself.
+        if (peer.role == Peer::Role::stranger && peer.held() > limits::greeting_bytes) {
+            dismiss(id, api_status_refused, "the client sent an invalid request");
+            return;
+        }
+        if (peer.task || peer.has_request()) {
+            schedule.add(peer.who.uid, id);
+        }
+        account(peer);
+    } catch (const std::exception &error) {
+        log_line("a request failed (%s), its client was disconnected", error.what());
+        drop(id);
+    }
+    limit_held_bytes();
+}
+
+// Serves those who have a request for one slice of time, and commits what they have written.
+void Server::work() {
+    const Stopwatch::time_point end = Stopwatch::now() + slice;
+    do {
+        release_blocked();
+        while (!schedule.empty()) {
+            serve_next();
+            release_blocked();
+            if (Stopwatch::now() >= end) {
+                break;
+            }
+        }
+        service.commit();
+        if (service.committing() >= 0 && !commit_watched) {
+            watch(service.committing(), commit_id, EPOLLIN, EPOLL_CTL_ADD);
+            commit_watched = true;
+        }
+        if (looked_after != service.publications()) {
+            looked_after = service.publications();
+            look_after_all();
+        }
+        release_blocked();
+    } while (!schedule.empty() && Stopwatch::now() < end);
+}
+
+void Server::release_blocked() {
+    if (released == service.releases()) {
         return;
     }
-    served_others = serve_safely(id) || served_others;
-    // After each client, not after all: a busy client must not delay another one's wake-up.
-    wake_clients();
-}
-
-// Clients that have used up their share are served only if no other client had a request. They soon
-// get a new share, so no client waits for long, and the service is never idle while a client waits.
-void Server::give_late_turns() {
-    for (const Turn &turn : late) {
-        if (!served_others) {
-            serve_safely(turn.id);
-            wake_clients();
-            continue;
-        }
-        service.usage().refuse(Limit::request_rate);
-        if (!turn.ready) {
-            turns.push_back(turn.id);
+    released = service.releases();
+    while (!blocked.empty()) {
+        const PeerId id = *blocked.begin();
+        blocked.erase(blocked.begin());
+        try {
+            schedule.add(peers.at(id)->who.uid, id);
+        } catch (const std::bad_alloc &) {
+            drop(id);
         }
     }
-    late.clear();
-    served_others = false;
-}
-
-bool Server::has_had_share(Peer &peer) const {
-    return peer.role == Peer::Role::calls && !peer.has_output() && peer.rate.spent(service.now());
 }
 
 // A request of one client must not end the service for the others, for example if there is not
 // enough memory for it. That client loses its connection.
-bool Server::serve_safely(PeerId id) {
+void Server::serve_next() {
+    const PeerId id = schedule.next();
+    Peer &peer = *peers.at(id);
+    const uid_t user = peer.who.uid;
+    const Stopwatch::time_point start = Stopwatch::now();
     try {
-        return serve(id);
+        serve(id, peer, start + slice);
     } catch (const std::exception &error) {
         log_line("a request failed (%s), its client was disconnected", error.what());
         drop(id);
-        return true;
     }
+    schedule.charge(user, id, std::max<Schedule::Duration>(Stopwatch::now() - start, least_charge));
 }
 
-// True when there was a request.
-bool Server::serve(PeerId id) {
-    const auto found = peers.find(id);
-    if (found == peers.end()) {
-        return false; // dropped earlier in this round
-    }
-    Peer &peer = *found->second;
-    peer.waiting = false;
-    if (peer.has_output()) {
-        if (!peer.flush()) {
-            drop(id);
-            return false;
+// Carries out one request, or part of it. Further requests wait for the client's next turn, except
+// one after a ping, which costs almost nothing.
+void Server::serve(PeerId id, Peer &peer, Time until) {
+    bool after_ping = false;
+    Turn turn = Turn::next;
+    while (turn == Turn::next) {
+        if (peer.task) {
+            turn = go_on(id, peer);
+        } else {
+            turn = begin(id, peer);
+            const bool ping = turn == Turn::next && !peer.task;
+            turn = ping && after_ping ? Turn::over : turn;
+            after_ping = after_ping || ping;
         }
-        if (peer.has_output()) {
-            return false;
+        if (turn == Turn::gone) {
+            return;
         }
-        watch(peer.fd(), id, EPOLLIN, EPOLL_CTL_MOD);
-    } else if (!peer.has_request() && !peer.receive()) {
-        drop(id);
-        return false;
+        if (Stopwatch::now() >= until) {
+            break;
+        }
     }
-    return serve_request(id, peer, false);
+    account(peer);
+    if (!peer.task && !peer.has_output() && !peer.has_request()) {
+        schedule.remove(peer.who.uid, id);
+        peer.unsent_since.reset();
+        watch(id, peer, EPOLLIN);
+    }
+    limit_held_bytes();
 }
 
-// Carries out one request, if there is one. Further requests wait for the client's next turn,
-// except one after a ping, which costs almost nothing.
-bool Server::serve_request(PeerId id, Peer &peer, bool after_ping) {
+// Begins the next request: `next` if it has a task or was a ping.
+Server::Turn Server::begin(PeerId id, Peer &peer) {
     std::string_view body;
     const FrameState state = peer.request(body);
-    // A first frame is short: do not keep more from a connection that has not identified itself.
-    const bool endless = peer.role == Peer::Role::stranger && peer.held() > limits::greeting_bytes;
-    if (state == FrameState::incomplete && !endless) {
-        return false;
+    if (state == FrameState::incomplete) {
+        return Turn::over;
     }
     if (state == FrameState::too_large) {
         service.usage().refuse(Limit::frame_bytes);
-    }
-    if (endless || state != FrameState::complete || !handle(id, peer, body)) {
         dismiss(id, api_status_refused, "the client sent an invalid request");
-        return true;
+        return Turn::gone;
     }
     service.usage().raise(Limit::frame_bytes, body.size());
-    const bool answered = peer.has_output();
+    if (peer.role == Peer::Role::stranger) {
+        if (!greet(id, peer, body)) {
+            dismiss(id, api_status_refused, "the client sent an invalid request");
+            return Turn::gone;
+        }
+        peer.consume(body);
+        return send(id, peer, {});
+    }
+    std::string reply = peer.take_buffer();
+    Service::Begun begun = Service::Begun::malformed;
+    Session *session = nullptr;
+    if (peer.role == Peer::Role::calls && peer.attached) {
+        session = service.sessions().at(peer.session).get();
+        served_lately = true;
+        begun = service.begin(*session, body, reply, peer.task);
+    }
+    if (begun == Service::Begun::malformed) {
+        dismiss(id, api_status_refused, "the client sent an invalid request");
+        return Turn::gone;
+    }
+    if (begun == Service::Begun::started) {
+        return Turn::next;
+    }
     peer.consume(body);
+    look_after(*session);
+    return reply.empty() ? Turn::next : send(id, peer, std::move(reply));
+}
+
+// Carries out a part of the request at work.
+Server::Turn Server::go_on(PeerId id, Peer &peer) {
+    const Task::State state = peer.task->step();
+    switch (state) {
+    case Task::State::malformed:
+        dismiss(id, api_status_refused, "the client sent an invalid request");
+        return Turn::gone;
+    case Task::State::blocked:
+        blocked.insert(id);
+        schedule.remove(peer.who.uid, id);
+        return Turn::over;
+    case Task::State::working:
+        if (peer.task->made() < limits::reply_part_bytes) {
+            return Turn::next;
+        }
+        return send(id, peer, peer.task->take_frame(true));
+    case Task::State::done:
+        break;
+    }
+    std::string frame = peer.task->take_frame(false);
+    peer.task.reset();
+    std::string_view body;
+    peer.request(body);
+    peer.consume(body);
+    Session &session = *service.sessions().at(peer.session);
+    service.completed(session);
+    look_after(session);
+    return send(id, peer, std::move(frame));
+}
+
+// Sends a frame, or what greet() has queued. The turn is over, unless more of an answer follows.
+Server::Turn Server::send(PeerId id, Peer &peer, std::string frame) {
+    if (!frame.empty()) {
+        peer.reply(std::move(frame));
+    }
     if (!peer.flush()) {
         drop(id);
-        return true;
+        return Turn::gone;
     }
     if (peer.has_output()) {
-        // One reply at a time: no further request is read until this one has been sent.
-        watch(peer.fd(), id, EPOLLOUT, EPOLL_CTL_MOD);
-        limit_held_bytes();
-    } else if (!answered && !after_ping) {
-        serve_request(id, peer, true);
-    } else if (peer.has_request()) {
-        peer.waiting = true;
-        turns.push_back(id);
+        // One frame at a time: nothing more is done for this client until it has been sent.
+        schedule.remove(peer.who.uid, id);
+        unsent.insert(id);
+        if (!peer.unsent_since) {
+            peer.unsent_since = service.now();
+        }
+        watch(id, peer, EPOLLOUT);
+        return Turn::over;
     }
-    return true;
+    return peer.task ? Turn::next : Turn::over;
 }
 
-bool Server::handle(PeerId id, Peer &peer, std::string_view body) {
-    if (peer.role == Peer::Role::stranger) {
-        return greet(id, peer, body);
+// Sends the client's wake-up byte if it is due, and ends a client that keeps too many events.
+void Server::look_after(const Session &session) {
+    const Connections both = connections.at(session.id());
+    if (session.overflowed()) {
+        service.count_overflow();
+        dismiss(both.calls, api_status_refused, "the client did not fetch its events");
+        return;
     }
-    if (peer.role != Peer::Role::calls || !peer.attached) {
-        return false;
+    const std::optional<Time> due = session.wake_due();
+    if (!due) {
+        return;
     }
-    peer.rate.count();
-    service.usage().raise(Limit::request_rate, peer.rate.per_second());
-    std::string reply = peer.take_buffer();
-    Session &session = *service.sessions().at(peer.session);
-    if (!service.handle(session, body, reply)) {
-        return false;
+    if (*due > service.now()) {
+        next_wake = next_wake ? std::min(*next_wake, *due) : *due;
+        return;
     }
-    peer.reply(std::move(reply));
-    served_lately = true;
-    return true;
+    // With at most one unread byte the connection cannot be full.
+    if (peers.at(both.wake)->send_byte(wake_byte)) {
+        service.sessions().at(session.id())->wake_sent();
+    } else {
+        drop_session(session.id());
+    }
 }
 
-// Sends the wake-up bytes that are due, and ends clients with too many waiting events.
-void Server::wake_clients() {
-    const Time now = service.now();
-    std::vector<std::uint64_t> broken;
-    std::vector<std::uint64_t> overfull;
-    for (const auto &[number, session] : service.sessions()) {
-        if (session->overflowed()) {
-            overfull.push_back(number);
-            continue;
+void Server::look_after_all() {
+    next_wake.reset();
+    for (auto entry = service.sessions().begin(); entry != service.sessions().end();) {
+        const Session &session = *(entry++)->second; // it may end
+        if (connections.at(session.id()).wake != 0) {
+            look_after(session);
         }
-        const std::optional<Time> due = session->wake_due();
-        if (!due || *due > now) {
-            continue;
-        }
-        // With at most one unread byte the connection cannot be full.
-        if (peers.at(connections.at(number).wake)->send_byte(wake_byte)) {
-            session->wake_sent();
-        } else {
-            broken.push_back(number);
-        }
-    }
-    for (const std::uint64_t number : broken) {
-        drop_session(number);
-    }
-    for (const std::uint64_t number : overfull) {
-        service.count_overflow(*service.sessions().at(number));
-        dismiss(connections.at(number).calls, api_status_refused,
-                "the client did not fetch its events");
     }
 }
 
@@ -270,21 +387,22 @@ std::optional<Time> Server::next_timer() const {
         }
     };
     consider(accept_again);
+    consider(next_wake);
     if (!greeting.empty()) {
         // The queue contains all accepted connections, so the first one may have been closed long
         // ago: then the service wakes up once for nothing.
         const auto oldest = peers.find(greeting.front());
         consider(oldest != peers.end() ? oldest->second->accepted + greeting_time : service.now());
     }
-    for (const auto &[number, session] : service.sessions()) {
-        consider(session->wake_due());
+    for (const PeerId id : unsent) {
+        consider(*peers.at(id)->unsent_since + answer_time);
     }
     return next;
 }
 
 // Rounded up, so that the loop does not spin through the last millisecond.
 int Server::timeout() const {
-    if (!turns.empty()) {
+    if (!schedule.empty()) {
         return 0;
     }
     const std::optional<Time> next = next_timer();

@@ -1,7 +1,7 @@
 // The service's event loop: connections, frames, wake-up bytes and timers, on one thread.
 //
-// Clients are served in turn, one request each, no matter how many requests one of them has sent. A
-// client that has made more requests than its share comes after all others.
+// Requests are carried out in parts. After each the user is served who has used least time, and of
+// that user's connections the one that has used least, however many requests others have sent.
 #pragma once
 
 #include <sys/epoll.h>
@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string_view>
 #include <vector>
 
@@ -19,6 +20,7 @@
 #include "service/access.h"
 #include "service/listener.h"
 #include "service/peer.h"
+#include "service/schedule.h"
 #include "service/service.h"
 
 namespace tav {
@@ -37,29 +39,37 @@ private:
     // Peers have numbers that are never reused: a descriptor may be closed and reused within one
     // round of events.
     using PeerId = std::uint64_t;
+    static constexpr PeerId listener_id = 0;
+    static constexpr PeerId signals_id = 1;
+    static constexpr PeerId commit_id = 2;
+    static constexpr PeerId first_peer = 3;
     struct Connections {
         PeerId calls = 0;
         PeerId wake = 0;
     };
-    struct Turn {
-        PeerId id = 0;
-        bool ready = false; // its socket is readable; otherwise it has more requests
+    struct User {
+        std::size_t connections = 0;
+        std::size_t held = 0; // bytes of received requests and unsent replies
     };
 
     using Events = std::array<epoll_event, 64>;
 
     // server.cpp: the loop and the requests.
     int wait_for(Events &events);
-    void watch(int fd, PeerId id, std::uint32_t events, int operation);
-    void give_turns();
-    void give_turn(PeerId id, bool ready);
-    void give_late_turns();
-    bool has_had_share(Peer &peer) const;
-    bool serve_safely(PeerId id);
-    bool serve(PeerId id);
-    bool serve_request(PeerId id, Peer &peer, bool after_ping);
-    bool handle(PeerId id, Peer &peer, std::string_view body);
-    void wake_clients();
+    void watch(int fd, PeerId id, std::uint32_t events, int operation) const;
+    void watch(PeerId id, Peer &peer, std::uint32_t events) const;
+    bool handle_events(const Events &events, int ready);
+    void arrived(PeerId id);
+    void work();
+    void serve_next();
+    void serve(PeerId id, Peer &peer, Time until);
+    enum class Turn { next, over, gone };
+    Turn begin(PeerId id, Peer &peer);
+    Turn go_on(PeerId id, Peer &peer);
+    Turn send(PeerId id, Peer &peer, std::string frame);
+    void release_blocked();
+    void look_after(const Session &session);
+    void look_after_all();
     std::optional<Time> next_timer() const;
     int timeout() const;
 
@@ -70,6 +80,8 @@ private:
     bool greet(PeerId id, Peer &peer, std::string_view body);
     bool attach(PeerId id, Peer &peer, const Ticket &ticket);
     void end_slow_greetings();
+    void end_slow_readers();
+    void account(Peer &peer);
     void limit_held_bytes();
     void dismiss(PeerId id, api_status_t status, const char *reason);
     void drop(PeerId id);
@@ -84,17 +96,19 @@ private:
     bool served_lately = false; // a request came since the last sleep
     std::map<PeerId, std::unique_ptr<Peer>> peers;
     std::map<std::uint64_t, Connections> connections;
-    std::map<uid_t, std::size_t> user_connections;
-    PeerId next_peer = 2; // 0 and 1 are the listener and the signals
+    std::map<uid_t, User> users;
+    std::size_t held = 0; // by all users
+    PeerId next_peer = first_peer;
     std::optional<Time> accept_again;
 
-    std::deque<PeerId> turns;    // have a complete request already
-    std::deque<PeerId> greeting; // oldest first; some may be established or closed
-
-    // For one round of the loop: clients that have used up their share, and whether others were
-    // served.
-    std::vector<Turn> late;
-    bool served_others = false;
+    Schedule schedule;              // connections with a request that can go on
+    std::set<PeerId> blocked;       // with one that waits for another client or for a commit
+    std::uint64_t released = 0;     // see Service::releases()
+    std::uint64_t looked_after = 0; // see Service::publications()
+    std::set<PeerId> unsent;        // with an answer that could not be sent at once
+    std::deque<PeerId> greeting;    // oldest first; some may be established or closed
+    std::optional<Time> next_wake;  // not later than the next wake-up byte is due
+    bool commit_watched = false;
 };
 
 } // namespace tav

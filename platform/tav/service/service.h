@@ -8,8 +8,10 @@
 #include <string>
 #include <string_view>
 
+#include "service/committer.h"
 #include "service/session.h"
 #include "service/store.h"
+#include "service/task.h"
 #include "service/usage.h"
 #include "service/watchdog.h"
 
@@ -17,7 +19,7 @@ namespace tav {
 
 class Service {
 public:
-    using Sessions = std::map<std::uint64_t, std::unique_ptr<Session>>;
+    using Sessions = std::map<SessionId, std::unique_ptr<Session>>;
     // The clock's times must never go back.
     using Clock = std::function<Time()>;
 
@@ -31,43 +33,74 @@ public:
     Session &open(const Credentials &peer, bool writer);
     // The session of a ticket, or null.
     Session *find(const Ticket &ticket) const;
-    // The client is gone; the session is destroyed.
-    void close(std::uint64_t session);
+    // The client is gone; the session is destroyed. Its tasks must have been destroyed.
+    void close(SessionId session);
 
-    // Carries out one request and leaves the complete reply frame in `reply`. False if the request
-    // is malformed: nothing was done, and the caller must disconnect the client. An empty reply
-    // means that there is no reply. Virtual so that tests can inject faults.
-    virtual bool handle(Session &session, std::string_view body, std::string &reply);
+    // How a request began. `answered`: `reply` is the complete reply frame, or empty if there is
+    // none. `started`: `task` does the rest; when it is done, call completed().
+    enum class Begun { answered, started, malformed };
+    // Begins a request of the session. A malformed one has changed nothing, and the caller must
+    // disconnect the client. `body` must remain until the task is destroyed. Virtual so that tests
+    // can inject faults.
+    virtual Begun begin(Session &session, std::string_view body, std::string &reply,
+                        std::unique_ptr<Task> &task);
+    void completed(Session &session) { session.request(clock()); }
+    // Carries out a request at once, commits what it writes, and leaves the reply in `reply`. False
+    // if it is malformed.
+    bool handle(Session &session, std::string_view body, std::string &reply);
+    // The same for a transaction of none of the clients, which no event makes stale.
+    void write(const std::vector<Item> &items);
 
+    // Commits the completed transactions, unless one is being carried out. If that may take long,
+    // it goes on until committing() is readable.
+    void commit();
+    int committing() const { return committer.fd(); }
+    void commit_ended();
+    // Increases when tasks that were blocked may go on.
+    std::uint64_t releases() const { return released; }
+    // Increases when events were published.
+    std::uint64_t publications() const { return published; }
+
+    // For tasks. One transaction is carried out at a time; take_turn() is false when the task must
+    // wait. Each call that was true is followed by end_turn().
+    bool take_turn();
+    void end_turn();
+    // Announces or withdraws (-1) a task that waits until there is no group: no transaction begins
+    // before.
+    void registering(int change) { registrations += change; }
+    bool between_groups() const { return !at_work && !store().has_group(); }
+    // Whether a call may have so many paths; the library obeys that.
+    bool fits(std::size_t paths);
+    ServiceStatus status();
+
+    const Store &store() const { return served; }
+    Store &store() { return served; }
     const Sessions &sessions() const { return clients; }
     Watchdog &watchdog() { return dog; }
     Time now() const { return clock(); }
     // The use of the limits, for display; the caller updates that of connections.
     Usage &usage() { return limits_used; }
     // A client was disconnected because it did not fetch its events; counted for display.
-    void count_overflow(const Session &session);
+    void count_overflow();
 
 private:
-    bool fits(std::size_t paths);
-    bool handle_read(Reader &in, Writer &out);
-    void answer(Writer &out, api_status_t status);
-    bool handle_list(Reader &in, Writer &out);
-    bool handle_transact(Session &session, Reader &in, Writer &out);
-    bool handle_register(Session &session, Reader &in, Writer &out);
-    bool handle_watchdog(Session &session, Reader &in, Writer &out);
-    bool handle_dump(Reader &in, Writer &out);
-    void put_status(Writer &out);
-    void note_usage();
-    bool dispatch(Session &session, Op op, Reader &in, Writer &out);
+    void fetch(Session &session, std::uint32_t serial, std::string &reply);
+    void group_ended();
+    void trim_events();
 
-    Store &store;
+    Store &served;
     std::string database_name;
     Clock clock;
     Time started;
     Sessions clients;
     Watchdog dog;
-    std::uint64_t next_session = 1;
+    Committer committer;
+    SessionId next_session = 1;
     std::uint64_t overflows = 0;
+    std::uint64_t released = 0;
+    std::uint64_t published = 0;
+    int registrations = 0; // tasks that wait to register
+    bool at_work = false;  // a transaction is
     Usage limits_used;
 };
 

@@ -1,7 +1,6 @@
 #include "service/session.h"
 
 #include <algorithm>
-#include <new>
 
 #include "protocol/limits.h"
 #include "service/path.h"
@@ -24,45 +23,97 @@ api_status_t Session::register_events(const Registration &registration, Time now
     } else if (registrations.size() >= limits::registrations_per_client) {
         return api_status_too_many_registrations;
     } else {
-        registrations.push_back(Registered{registration.path, registration.own_changes});
+        log.join(*this, registration.path);
+        registrations.push_back(Registered{registration.path, registration.own_changes, log.end()});
     }
-    add(Event{mlr_event_notice, registration.path}, true, now);
+    add_notice(registration.path, now);
     return api_status_ok;
 }
 
-void Session::offer(const Event &event, bool own, Time now) {
-    const bool wanted = std::any_of(
-        registrations.begin(), registrations.end(), [&event, own](const Registered &registered) {
-            return (!own || registered.own_changes) && is_at_or_below(event.path, registered.path);
-        });
-    if (wanted) {
-        add(event, !own, now);
-    }
+void Session::add_notice(const std::string &path, Time now) {
+    notices.erase(std::remove_if(notices.begin(), notices.end(),
+                                 [&path](const Notice &n) { return n.event.path == path; }),
+                  notices.end());
+    notices.push_back(Notice{Event{mlr_event_notice, path}, log.end()});
+    too_far_behind = too_far_behind || notices.size() > limits::notices_per_client;
+    wake.event(now);
 }
 
-void Session::add(const Event &event, bool foreign, Time now) {
-    try {
-        overflow = !queue.add(event, foreign) || overflow;
-    } catch (const std::bad_alloc &) {
-        // The change has been made: a client that cannot be informed of it must start again.
-        overflow = true;
+void Session::changed(const std::string &path, SessionId author, std::uint64_t before,
+                      Time now) noexcept {
+    const auto registered =
+        std::find_if(registrations.begin(), registrations.end(),
+                     [&path](const Registered &candidate) { return candidate.path == path; });
+    if (registered == registrations.end() || (author == id() && !registered->own_changes)) {
+        return;
+    }
+    if (!behind) {
+        behind = true;
+        position = before;
     }
     wake.event(now);
 }
 
-std::vector<Event> Session::fetch(Time now, bool &drain) {
+bool Session::wants(const LoggedEvent &event) const {
+    const std::uint64_t fetched_until = behind ? position : log.end();
+    return event.position > fetched_until &&
+           std::any_of(registrations.begin(), registrations.end(), [&](const Registered &r) {
+               return event.position > r.since && is_at_or_below(event.event.path, r.path) &&
+                      (r.own_changes || event.foreign_to(id(), fetched_until));
+           });
+}
+
+bool Session::unseen(const std::string &path) const {
+    const auto unfetched = [this](const LoggedEvent &event) {
+        return event.foreign_to(id(), behind ? position : log.end()) && wants(event);
+    };
+    return (behind && log.published().any_at_or_below(path, unfetched)) ||
+           log.staged().any_at_or_below(path, unfetched);
+}
+
+std::size_t Session::pending() const {
+    const auto &events = log.published().events();
+    return notices.size() +
+           (behind ? static_cast<std::size_t>(
+                         std::count_if(events.begin(), events.end(),
+                                       [this](const LoggedEvent &event) { return wants(event); }))
+                   : 0);
+}
+
+std::vector<const Event *> Session::fetch(Time now, bool &drain) {
+    std::vector<const Event *> events;
+    auto notice = notices.rbegin();
+    const auto take_notices = [&](std::uint64_t until) {
+        for (; notice != notices.rend() && notice->position >= until; ++notice) {
+            events.push_back(&notice->event);
+        }
+    };
+    // From the end: another client may keep many older events in the log.
+    const auto &all = log.published().events();
+    for (auto event = all.rbegin(); behind && event != all.rend() && event->position > position;
+         ++event) {
+        take_notices(event->position);
+        if (wants(*event)) {
+            events.push_back(&event->event);
+        }
+    }
+    take_notices(0);
+    std::reverse(events.begin(), events.end());
+    fetched = std::move(notices); // the result refers to them
+    notices.clear();
+    behind = false;
     drain = wake.fetch(now);
-    return queue.take();
+    return events;
 }
 
 ClientStatus Session::status() const {
     ClientStatus status;
-    status.session = identity.session;
+    status.session = id();
     status.pid = process;
     status.uid = user;
     status.may_write = writes;
     status.registrations = static_cast<std::uint32_t>(registrations.size());
-    status.pending = queue.size();
+    status.pending = pending();
     status.signalled = wake.signalled();
     return status;
 }

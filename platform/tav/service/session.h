@@ -1,4 +1,5 @@
-// The service's data about one client: its registrations, its waiting events and its wake-ups.
+// The service's data about one client: its registrations, the events it has not fetched, and its
+// wake-ups.
 #pragma once
 
 #include <cstdint>
@@ -6,61 +7,93 @@
 #include <vector>
 
 #include "service/access.h"
-#include "service/event_queue.h"
+#include "service/event_log.h"
 #include "service/wake.h"
 
 namespace tav {
 
 class Session {
 public:
-    Session(const Ticket &given, const Credentials &peer, bool writer)
+    // `events` must outlive the session.
+    Session(const Ticket &given, const Credentials &peer, bool writer, EventLog &events)
         : identity(given), process(static_cast<std::uint32_t>(peer.pid)), user(peer.uid),
-          writes(writer) {}
+          writes(writer), log(events) {}
+    ~Session() { log.leave(*this); }
+    Session(const Session &) = delete;
+    Session &operator=(const Session &) = delete;
 
     const Ticket &ticket() const { return identity; }
+    SessionId id() const { return identity.session; }
     std::uint32_t pid() const { return process; }
     std::uint32_t uid() const { return user; }
     bool may_write() const { return writes; }
 
     // Adds a registration or changes the flag of the existing one for the path, and queues the
-    // notice.
+    // notice. Nothing may be staged in the log.
     api_status_t register_events(const Registration &registration, Time now);
-    // Queues an event if the client has registered for it; `own`: this client caused it.
-    void offer(const Event &event, bool own, Time now);
-    // The client has not yet fetched a change of this leaf by another client.
-    bool unseen(const std::string &path) const { return queue.holds_foreign(path); }
+    std::size_t registered() const { return registrations.size(); }
+    // Queues an event that reports no change.
+    void add_notice(const std::string &path, Time now);
+
+    // Called by the log for an event below a path that is registered here; `before`: the position
+    // of the last event before those that are published now.
+    void changed(const std::string &path, SessionId author, std::uint64_t before,
+                 Time now) noexcept;
+    // The client has not yet fetched a change by another client of a leaf at or below that path, be
+    // it committed or only staged.
+    bool unseen(const std::string &path) const;
+    // Events wait.
+    bool waiting() const { return behind || !notices.empty(); }
+    // The log keeps the events after fetched_to() for this client.
+    bool is_behind() const { return behind; }
+    std::uint64_t fetched_to() const { return position; }
+    // The number of events that wait.
+    std::size_t pending() const;
 
     // Called after the client's requests were carried out; see Wake.
-    void request(Time now) { wake.request(now, !queue.empty()); }
+    void request(Time now) { wake.request(now, waiting()); }
     void ping(Time now) { wake.ping(now); }
     bool acknowledge(Time now) { return wake.acknowledge(now); }
-    std::vector<Event> fetch(Time now, bool &drain);
+    // Everything that waits, in order, valid until the next notice or change of the log; nothing
+    // waits afterwards. `drain`: see ReplyHeader.
+    std::vector<const Event *> fetch(Time now, bool &drain);
 
     std::optional<Time> wake_due() const { return wake.due(); }
     void wake_sent() { wake.sent(); }
 
-    std::size_t pending_events() const { return queue.size(); }
-    std::size_t pending_bytes() const { return queue.size_bytes(); }
     // More events than the limits allow were not fetched: the client must be disconnected.
-    bool overflowed() const { return overflow; }
+    void overflow() {
+        too_far_behind = true;
+        behind = false;
+    }
+    bool overflowed() const { return too_far_behind; }
     ClientStatus status() const;
 
 private:
     struct Registered {
         std::string path;
         bool own_changes = false;
+        std::uint64_t since = 0; // the position in the log
+    };
+    struct Notice {
+        Event event;
+        std::uint64_t position = 0; // of the last event before it
     };
 
-    void add(const Event &event, bool foreign, Time now);
+    bool wants(const LoggedEvent &event) const;
 
     Ticket identity;
     std::uint32_t process;
     std::uint32_t user;
     bool writes;
+    EventLog &log;
     std::vector<Registered> registrations;
-    EventQueue queue;
+    std::vector<Notice> notices;
+    std::vector<Notice> fetched; // the notices of the last fetch
+    bool behind = false;
+    std::uint64_t position = 0; // while behind: of the last event that was fetched
+    bool too_far_behind = false;
     Wake wake;
-    bool overflow = false;
 };
 
 } // namespace tav

@@ -21,8 +21,9 @@ void refuse_database(const std::string &file, const std::string &what) {
 }
 
 Sqlite::Sqlite(std::string file, int flags) : file_name(std::move(file)) {
-    // The service has one thread. The call fails, harmlessly, once SQLite is in use.
-    sqlite3_config(SQLITE_CONFIG_SINGLETHREAD);
+    // A connection is used by one thread at a time. The call fails, harmlessly, once SQLite is in
+    // use.
+    sqlite3_config(SQLITE_CONFIG_MULTITHREAD);
     sqlite3 *opened = nullptr;
     const int result = sqlite3_open_v2(file_name.c_str(), &opened, flags, nullptr);
     connection.reset(opened);

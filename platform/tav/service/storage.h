@@ -1,8 +1,6 @@
 // Permanent storage of the tree: the interface between the store and its database.
 #pragma once
 
-#include <vector>
-
 #include "service/edit.h"
 
 namespace tav {
@@ -15,7 +13,13 @@ public:
     virtual ~Storage() = default;
 
     // Makes the changes durable, all or none. False if that failed (logged): nothing was stored.
-    virtual bool commit(const std::vector<Change> &changes) = 0;
+    // May be called by another thread than the others, but only by one at a time.
+    virtual bool commit(const Edit::Changes &changes) = 0;
+    // Whether committing so many changes may take long.
+    virtual bool is_slow(std::size_t changes) const {
+        static_cast<void>(changes);
+        return false;
+    }
     // The durability of a commit, for display: "none", "normal" or "full".
     virtual const char *promise() const { return "none"; }
 };
@@ -23,7 +27,7 @@ public:
 // For a store in memory only.
 class NoStorage : public Storage {
 public:
-    bool commit(const std::vector<Change> &) override { return true; }
+    bool commit(const Edit::Changes & /*changes*/) override { return true; }
 };
 
 } // namespace tav

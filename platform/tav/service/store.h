@@ -1,33 +1,25 @@
-// The store: the tree, its storage, and the rules of a write.
+// The store: the tree, its storage, and what is being written.
+//
+// One transaction at a time is carried out, on a tree that nobody else sees. Completed ones form a
+// group, which is committed at once; only then do readers see its changes.
 #pragma once
 
 #include <functional>
+#include <limits>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "service/database.h"
-#include "service/edit.h"
+#include "service/event_log.h"
 #include "service/storage.h"
+#include "service/transaction.h"
 
 namespace tav {
 
-// The result of a transaction: one status per item, and the events that it causes, in order. If any
-// status is not ok, nothing was changed and there are no events.
-struct Outcome {
-    std::vector<api_status_t> statuses;
-    std::vector<Event> events;
-};
-
-// The largest sizes since the start of the service.
-struct Extents {
-    std::size_t path_bytes = 0;
-    std::size_t depth = 0;
-    std::size_t name_bytes = 0;
-    std::size_t value_bytes = 0;
-    std::size_t children = 0; // of one node
-};
+// The value of a leaf, if the status is ok; it belongs to the tree. Otherwise null.
+api_status_t read_leaf(const Tree &tree, std::string_view path, const Value *&value);
 
 class Store {
 public:
@@ -43,32 +35,56 @@ public:
     // An empty store in memory over another storage.
     explicit Store(std::unique_ptr<Storage> other);
 
-    // Performs all items or none. `unseen` says whether the writer has yet to fetch another
-    // client's event on a path or on a leaf below it: a transaction that would change such a leaf,
-    // or create such a node, is refused as a whole with api_status_stale.
-    Outcome transact(const std::vector<Item> &items,
-                     const std::function<bool(const std::string &)> &unseen);
-
-    // If the status is ok, `value` points to the leaf's value, which the store owns and which is
-    // valid until the next transaction; otherwise it is null.
-    api_status_t read(std::string_view path, const Value *&value) const;
-    api_status_t list(const std::string &path, std::vector<Child> &children) const;
-    void dump(const DumpRequest &request, DumpPage &page) const;
-
-    const Tree &tree() const { return content; }
-    const Extents &largest() const { return extents; }
+    // What readers see.
+    const Tree &tree() const { return committed; }
+    const Sizes &largest() const { return sizes; }
+    EventLog &events() { return log; }
     // See Storage::promise().
     const char *durability() const { return storage->promise(); }
-    // Increases with each transaction that changes something.
+    // Increases with each group that changes something.
     std::uint64_t revision() const { return changed; }
+    std::size_t byte_limit = std::numeric_limits<std::size_t>::max();
+
+    // Carries out a whole transaction at once, as the session `author`, and commits it. Nothing
+    // else may be in preparation.
+    std::vector<api_status_t> transact(const std::vector<Item> &items,
+                                       const Transaction::Unseen &unseen, SessionId author = 0,
+                                       Time now = {});
+
+    // The outcome of a group, shared by those who wait for it.
+    struct Result {
+        bool known = false;
+        bool stored = false;
+    };
+    // The group, for a transaction to begin with. Only one may be at work at a time, and none while
+    // the group is committed.
+    const Tree &group_tree() const { return group.tree; }
+    // Adds a completed transaction and its events to the group. May throw std::bad_alloc, and has
+    // then no effect.
+    std::shared_ptr<const Result> join(Transaction &done, EventLog::Staged &staged);
+    bool has_group() const { return group.result != nullptr; }
+    // What the storage must commit; empty if nothing has to be stored.
+    const Edit::Changes &group_changes() const { return group.changes; }
+    // Commits the group, however long that takes, and publishes or drops it.
+    void commit(Time now);
+    // The storage has committed the group, or has not: publishes or drops it.
+    void finish(bool stored, Time now) noexcept;
+    Storage &permanent() { return *storage; }
 
 private:
-    void measure(std::string_view path, const Value &value, std::size_t children);
+    struct Group {
+        Tree tree;
+        Edit::Changes changes;
+        Sizes sizes;
+        std::shared_ptr<Result> result; // null: there is no group
+    };
 
-    Tree content;
+    Tree committed;
     std::unique_ptr<Storage> storage;
     std::uint64_t changed = 0;
-    Extents extents;
+    Sizes sizes;
+    EventLog log;
+    Group group;
 };
 
 } // namespace tav

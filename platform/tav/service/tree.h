@@ -1,60 +1,121 @@
 // The tree of settings in memory.
+//
+// A tree is a value: a copy shares all elements with the original, and a change copies only the
+// elements on the way to it. A reader of a copy is therefore never disturbed, and a transaction is
+// undone by dropping the tree that it has changed, for which no memory is needed.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "protocol/messages.h"
 #include "service/path.h"
 
 namespace tav {
 
-// A node (value.type element_type_node, children) or a leaf (any other type, no children).
-struct Element {
-    using Children = std::map<Name, std::unique_ptr<Element>, NameLess>;
-
+// A name and a value: of a node (value.type element_type_node) or a leaf. Shared by the copies of
+// an element, and never changed.
+struct Content {
+    Name name; // the last one of the path; empty for the root
     Value value;
-    Children children;
-
-    bool is_node() const { return value.type == element_type_node; }
 };
+using ContentPtr = std::shared_ptr<const Content>;
+
+// The children of a node form a binary tree of their own, in the order of listings. It is balanced
+// by random ranks: each child has a higher rank than those to the left and right below it.
+struct Element {
+    ContentPtr content;
+    std::shared_ptr<Element> children; // of a node: the child with the highest rank, or null
+    std::shared_ptr<Element> left;     // siblings that come earlier ...
+    std::shared_ptr<Element> right;    // ... and later
+    std::uint32_t rank = 0;
+    std::uint32_t child_count = 0;
+
+    const Value &value() const { return content->value; }
+    bool is_node() const { return value().type == element_type_node; }
+};
+using ElementPtr = std::shared_ptr<Element>;
 
 // The same type and text. The time stamp is not part of the content: it is the time of the last
 // change of the content.
 bool same_content(const Value &left, const Value &right);
 
-// Calls `visit` with the path of `element` and of everything below it, parents first, in the order
-// of listings, until it returns false. `path` is that of `element`.
-void walk(const std::string &path, const Element &element,
-          const std::function<bool(const std::string &, const Element &)> &visit);
+// A number of elements, and the memory that they use.
+struct Extent {
+    std::size_t nodes = 0;
+    std::size_t leaves = 0;
+    std::size_t bytes = 0; // estimated from the sizes of the objects
 
-// Only an Edit changes elements; it also updates the counts.
+    std::size_t elements() const { return nodes + leaves; }
+    void add(const Content &content);
+};
+
 class Tree {
 public:
     // Creates a tree with only the root.
     Tree();
 
-    const Element &root() const { return top; }
+    const Element &root() const { return *top; }
     // Null if there is nothing at `path`, which must be a path that check_path accepts.
     const Element *find(std::string_view path) const;
-    // Nodes and leaves, the root included.
-    std::size_t elements() const { return nodes + leaves; }
-    std::size_t node_count() const { return nodes; }
-    std::size_t leaf_count() const { return leaves; }
+    const Extent &extent() const { return all; }
+
+    // Adds an element that was stored earlier; its parent is already there. It must pass the same
+    // checks as a client's write. Any result except api_status_ok means that nothing was added.
+    api_status_t load(const std::string &path, const Value &value);
+
+    // Changes of this copy. `path` is not the root, and its parent is a node of this tree. Each may
+    // throw std::bad_alloc; the tree must then be dropped.
+    void add(std::string_view path, Value value);       // where there is nothing
+    void replace(std::string_view path, Value value);   // of a leaf
+    void remove(std::string_view path, Extent removed); // a subtree of that extent
+    // Removes everything but the root.
+    void clear();
 
 private:
-    friend class Edit;
+    friend class Walker;
 
-    Element *find_mutable(std::string_view path);
-    void count(const Element &subtree, bool added);
+    Element &own(std::string_view path);
 
-    Element top;
-    std::size_t nodes = 1;
-    std::size_t leaves = 0;
+    ElementPtr top;
+    Extent all;
 };
+
+// Goes through the elements at and below a path, parents first, in the order of listings. It keeps
+// them alive and sees none of the later changes.
+class Walker {
+public:
+    // Null is an empty walk. `path` is that of `start`. Not `deep`: only its children.
+    Walker(const Element *start, const Tree &tree, std::string path, bool deep = true);
+
+    // Moves to the next element; false at the end.
+    bool next();
+    const std::string &path() const { return current; }
+    const Element &element() const { return *found; }
+
+private:
+    enum class Stage : std::uint8_t { left, self, below, right };
+    struct Frame {
+        const Element *element;
+        std::uint32_t stem; // bytes of the parent's path
+        Stage stage;
+    };
+
+    ElementPtr keep; // the root of the tree
+    std::string current;
+    const Element *found;
+    bool started = false;
+    bool whole;
+    std::vector<Frame> stack;
+};
+
+// Calls `visit` for each element at and below `path` until it returns false.
+void walk(const Tree &tree, const std::string &path,
+          const std::function<bool(const std::string &, const Element &)> &visit);
 
 } // namespace tav

@@ -13,7 +13,7 @@ namespace {
 struct Known {
     Limit limit;
     const char *name;
-    std::uint64_t value;
+    std::uint64_t value; // 0: chosen when the service starts
     api_status_t
         status; // the status of a refused request; none: the client is disconnected or slowed down
 };
@@ -26,6 +26,7 @@ constexpr std::array<Known, static_cast<std::size_t>(Limit::number_)> table{{
     {Limit::children, "children of a node", limits::children_per_node,
      api_status_too_many_children},
     {Limit::elements, "elements in all", limits::elements, api_status_too_many_elements},
+    {Limit::bytes, "bytes in all", 0, api_status_too_many_bytes},
     {Limit::registrations, "registrations of a client", limits::registrations_per_client,
      api_status_too_many_registrations},
     {Limit::connections, "connections in all", limits::connections,
@@ -34,10 +35,7 @@ constexpr std::array<Known, static_cast<std::size_t>(Limit::number_)> table{{
      api_status_too_many_connections},
     {Limit::frame_bytes, "bytes of a message", limits::frame_bytes, api_status_too_large},
     {Limit::request_paths, "paths of a call", limits::paths_per_request, api_status_none},
-    {Limit::request_rate, "requests of a client in a second", limits::requests_per_second,
-     api_status_none},
-    {Limit::pending_events, "events waiting for a client", limits::pending_events, api_status_none},
-    {Limit::pending_bytes, "bytes of events for a client", limits::pending_bytes, api_status_none},
+    {Limit::event_bytes, "bytes of events that wait", limits::event_bytes, api_status_none},
     {Limit::held_bytes, "bytes held for all clients", limits::held_bytes, api_status_none},
     {Limit::greeting, "milliseconds to connect", greeting_time.count(), api_status_none},
 }};
@@ -65,7 +63,8 @@ void Usage::count(api_status_t status) {
 std::vector<LimitStatus> Usage::status() const {
     std::vector<LimitStatus> result;
     for (std::size_t i = 0; i < table.size(); ++i) {
-        result.push_back(LimitStatus{table[i].name, rows[i].used, table[i].value, rows[i].refused});
+        const std::uint64_t limit = table[i].value != 0 ? table[i].value : rows[i].chosen;
+        result.push_back(LimitStatus{table[i].name, rows[i].used, limit, rows[i].refused});
     }
     return result;
 }

@@ -19,14 +19,13 @@ enum class Limit : std::size_t {
     value_bytes,
     children,
     elements,
+    bytes,
     registrations,
     connections,
     user_connections,
     frame_bytes,
     request_paths,
-    request_rate,
-    pending_events,
-    pending_bytes,
+    event_bytes,
     held_bytes,
     greeting,
     number_ // number of limits
@@ -36,6 +35,8 @@ class Usage {
 public:
     // Sets the present use.
     void set(Limit limit, std::uint64_t used) { at(limit).used = used; }
+    // Sets a limit that is chosen when the service starts.
+    void limit(Limit limit, std::uint64_t value) { at(limit).chosen = value; }
     // Raises the largest use so far.
     void raise(Limit limit, std::uint64_t used);
     // Counts a request that exceeded the limit.
@@ -47,6 +48,7 @@ public:
 
 private:
     struct Row {
+        std::uint64_t chosen = 0;
         std::uint64_t used = 0;
         std::uint64_t refused = 0;
     };

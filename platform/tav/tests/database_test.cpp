@@ -23,9 +23,9 @@ Item set_item(const std::string &path, const std::string &text) {
 
 std::string picture(const Store &store) {
     std::string all;
-    walk("/", store.tree().root(), [&all](const std::string &path, const Element &element) {
-        all += path + "=" + std::to_string(element.value.type) + ":" + element.value.text + "@" +
-               std::to_string(element.value.time) + "\n";
+    walk(store.tree(), "/", [&all](const std::string &path, const Element &element) {
+        all += path + "=" + std::to_string(element.value().type) + ":" + element.value().text +
+               "@" + std::to_string(element.value().time) + "\n";
         return true;
     });
     return all;
@@ -123,17 +123,14 @@ TEST_F(DatabaseTest, AFailedCommitLeavesMemoryAndFileAsTheyWere) {
               "BEGIN SELECT RAISE(ABORT, 'no'); END");
     {
         Store store(file);
-        const Outcome outcome =
+        const std::vector<api_status_t> statuses =
             store.transact({set_item("/a", "new"), set_item("/z", "1")}, nothing_unseen);
-        EXPECT_EQ(outcome.statuses,
-                  (std::vector<api_status_t>{api_status_failed, api_status_failed}));
+        EXPECT_EQ(statuses, (std::vector<api_status_t>{api_status_failed, api_status_failed}));
         EXPECT_EQ(picture(store), before);
         // The service goes on.
-        EXPECT_EQ(store.transact({set_item("/b", "1")}, nothing_unseen).statuses.front(),
+        EXPECT_EQ(store.transact({set_item("/b", "1")}, nothing_unseen).front(), api_status_ok);
+        EXPECT_EQ(store.transact({Item{ItemKind::remove, "/b", {}}}, nothing_unseen).front(),
                   api_status_ok);
-        EXPECT_EQ(
-            store.transact({Item{ItemKind::remove, "/b", {}}}, nothing_unseen).statuses.front(),
-            api_status_ok);
     }
     const Store store(file);
     EXPECT_EQ(picture(store), before);

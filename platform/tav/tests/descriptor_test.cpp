@@ -154,10 +154,14 @@ TEST_F(DescriptorTest, NothingIsLostUnderAStormOfWritesAndFetches) {
 }
 
 TEST_F(DescriptorTest, AClientThatNeverFetchesIsDisconnectedAndTheOthersAreNot) {
-    for (int part = 0; part < 11; ++part) {
+    std::string stem = "/n";
+    for (int i = 0; i < 15; ++i) {
+        stem += "/" + std::string(250, 'x');
+    }
+    for (int part = 0; part < 6; ++part) {
         Names paths;
-        for (int i = 0; i < 10000; ++i) {
-            paths.push_back("/n/" + std::to_string(part) + "/" + std::to_string(i));
+        for (int i = 0; i < 3000; ++i) {
+            paths.push_back(stem + "/" + std::to_string(part) + "-" + std::to_string(i));
         }
         EXPECT_EQ(writer->set_all(paths, Names(paths.size(), "x")).front(), api_status_ok);
     }
@@ -167,6 +171,6 @@ TEST_F(DescriptorTest, AClientThatNeverFetchesIsDisconnectedAndTheOthersAreNot) 
     ASSERT_EQ(reports().size(), 1U);
     EXPECT_EQ(reports()[0].second,
               "connection to the settings service lost: the client did not fetch its events");
-    EXPECT_EQ(writer->get("/n/0/0"), "x");
+    EXPECT_EQ(writer->get(stem + "/0-0"), "x");
     EXPECT_NE(tav({"status"}).output.find("overflows  1\n"), std::string::npos);
 }

@@ -1,7 +1,10 @@
 // The store's transactions, in memory.
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "protocol/limits.h"
+#include "service/session.h"
 #include "service/store.h"
 
 using namespace tav;
@@ -11,12 +14,12 @@ namespace {
 // Counts the commits and can refuse them.
 class TestStorage : public Storage {
 public:
-    bool commit(const std::vector<Change> &changes) override {
+    bool commit(const Edit::Changes &changes) override {
         if (refuse) {
             return false;
         }
         ++commits;
-        last = changes;
+        last.assign(changes.begin(), changes.end());
         return true;
     }
 
@@ -41,22 +44,38 @@ protected:
         storage->commits = 0;
     }
 
+    struct Outcome {
+        std::vector<api_status_t> statuses;
+        std::vector<std::string> events; // that another client gets
+    };
     Outcome write(const std::vector<Item> &items, const std::string &unseen_path = "") {
-        return store->transact(
+        Session other(Ticket{1, 2}, Credentials{}, false, store->events());
+        other.register_events(Registration{"/", api_event_change, false}, Time{});
+        Outcome outcome;
+        outcome.statuses = store->transact(
             items, [&unseen_path](const std::string &path) { return path == unseen_path; });
+        bool drain = false;
+        for (const Event *event : other.fetch(Time{}, drain)) {
+            if (event->command != mlr_event_notice) {
+                outcome.events.push_back(std::to_string(event->command) + " " + event->path);
+            }
+        }
+        return outcome;
     }
+    std::vector<std::string> events(const std::vector<Item> &items) { return write(items).events; }
 
-    std::vector<std::string> events(const std::vector<Item> &items) {
+    std::vector<std::string> names(const std::string &path) {
         std::vector<std::string> result;
-        for (const Event &event : write(items).events) {
-            result.push_back(std::to_string(event.command) + " " + event.path);
+        Walker walker(store->tree().find(path), store->tree(), path, false);
+        for (walker.next(); walker.next();) {
+            result.push_back(walker.element().content->name.text());
         }
         return result;
     }
 
     LeafAnswer read(const std::string &path) {
         const Value *value = nullptr;
-        const api_status_t status = store->read(path, value);
+        const api_status_t status = read_leaf(store->tree(), path, value);
         EXPECT_EQ(value != nullptr, status == api_status_ok);
         return {status, value != nullptr ? *value : Value()};
     }
@@ -70,13 +89,13 @@ protected:
     // The complete content of the tree, to compare before and after.
     std::string picture() {
         std::string all;
-        walk("/", store->tree().root(), [&all](const std::string &path, const Element &element) {
-            all += path + "=" + std::to_string(element.value.type) + ":" + element.value.text +
-                   "@" + std::to_string(element.value.time) + "\n";
+        walk(store->tree(), "/", [&all](const std::string &path, const Element &element) {
+            all += path + "=" + std::to_string(element.value().type) + ":" + element.value().text +
+                   "@" + std::to_string(element.value().time) + "\n";
             return true;
         });
-        return all + std::to_string(store->tree().node_count()) + "/" +
-               std::to_string(store->tree().leaf_count());
+        return all + std::to_string(store->tree().extent().nodes) + "/" +
+               std::to_string(store->tree().extent().leaves);
     }
 
     TestStorage *storage = nullptr;
@@ -98,11 +117,7 @@ TEST_F(StoreUnit, AStoreInMemoryBeginsWithItsInitialNodes) {
 TEST_F(StoreUnit, AWriteCreatesMissingParents) {
     EXPECT_EQ(write({set_item("/a/b/c", "1")}).statuses, Statuses{api_status_ok});
     EXPECT_EQ(text("/a/b/c"), "1");
-    std::vector<Child> children;
-    EXPECT_EQ(store->list("/a", children), api_status_ok);
-    ASSERT_EQ(children.size(), 1U);
-    EXPECT_EQ(children[0].name, "b");
-    EXPECT_EQ(children[0].type, element_type_node);
+    EXPECT_EQ(names("/a"), Names{"b"});
 }
 
 TEST_F(StoreUnit, EventsAreForLeavesOnlyOneEachInOrder) {
@@ -157,9 +172,8 @@ TEST_F(StoreUnit, AnotherTypeWithTheSameTextIsAChange) {
 TEST_F(StoreUnit, ANodeOutlivesItsLastLeaf) {
     write({set_item("/a/b", "1")});
     EXPECT_EQ(events({item(ItemKind::remove, "/a/b")}), Names{"3 /a/b"});
-    std::vector<Child> children;
-    EXPECT_EQ(store->list("/a", children), api_status_ok);
-    EXPECT_TRUE(children.empty());
+    EXPECT_EQ(names("/a"), Names{});
+    EXPECT_EQ(read("/a").status, api_status_wrong_kind);
 }
 
 TEST_F(StoreUnit, ATransactionIsDoneWholeOrNotAtAll) {
@@ -208,9 +222,6 @@ TEST_F(StoreUnit, EachFaultHasItsStatus) {
     EXPECT_EQ(read("/a").status, api_status_wrong_kind);
     EXPECT_EQ(read("/a/leaf/x").status, api_status_absent);
     EXPECT_EQ(read("x").status, api_status_bad_path);
-    std::vector<Child> children;
-    EXPECT_EQ(store->list("/a/leaf", children), api_status_wrong_kind);
-    EXPECT_EQ(store->list("/none", children), api_status_absent);
 }
 
 TEST_F(StoreUnit, TouchMakesEventsWithoutAChange) {
@@ -297,9 +308,7 @@ TEST_F(StoreUnit, ClearEmptiesTheWholeStoreOrASubtreeAndAcceptsAnAbsentOne) {
     EXPECT_EQ(events({item(ItemKind::clear, "/none")}), Names{});
     EXPECT_EQ(events({item(ItemKind::clear, "/b")}), Names{"3 /b"});
     EXPECT_EQ(events({item(ItemKind::clear, "/")}), Names{"3 /a/2"});
-    std::vector<Child> children;
-    EXPECT_EQ(store->list("/", children), api_status_ok);
-    EXPECT_TRUE(children.empty());
+    EXPECT_EQ(names("/"), Names{});
 }
 
 TEST_F(StoreUnit, AStaleClearIsRefused) {
@@ -327,27 +336,85 @@ TEST_F(StoreUnit, TheChildrenOfANodeAreLimited) {
     EXPECT_EQ(picture(), before);
 }
 
-TEST_F(StoreUnit, ADumpComesInPagesThatFitTogether) {
+TEST_F(StoreUnit, AWalkSeesNoneOfTheLaterChanges) {
     std::vector<Item> items;
-    const std::string big(limits::value_bytes, 'v');
-    for (int i = 0; i < 100; ++i) {
-        items.push_back(set_item("/n/" + std::to_string(i), big));
+    std::vector<std::string> expected{"/n"};
+    for (int i = 0; i < 1000; ++i) {
+        expected.push_back("/n/" + std::to_string(i));
+        items.push_back(set_item(expected.back(), "old"));
     }
     write(items);
     std::vector<std::string> paths;
-    DumpPage page;
-    int pages = 0;
-    do {
-        page = DumpPage();
-        store->dump(DumpRequest{"/n", paths.size()}, page);
-        ASSERT_EQ(page.status, api_status_ok);
-        ASSERT_LE(++pages, 10);
-        for (const DumpElement &element : page.elements) {
-            paths.push_back(element.path);
+    Walker walker(store->tree().find("/n"), store->tree(), "/n");
+    for (int i = 0; walker.next(); ++i) {
+        paths.push_back(walker.path());
+        if (i > 0) {
+            EXPECT_EQ(walker.element().value().text, "old");
         }
-    } while (page.more);
-    EXPECT_GT(pages, 1);
-    ASSERT_EQ(paths.size(), 101U);
-    EXPECT_EQ(paths.front(), "/n");
-    EXPECT_EQ(paths.back(), "/n/99");
+        if (i == 10) {
+            write({set_item("/n/999", "new"), item(ItemKind::remove, "/n/500")});
+        }
+        if (i == 20) {
+            write({item(ItemKind::clear, "/")});
+        }
+    }
+    EXPECT_EQ(paths, expected);
+    EXPECT_EQ(names("/"), Names{});
+}
+
+TEST_F(StoreUnit, WhatOneCallRemovesAndTouchesIsLimited) {
+    std::vector<Item> items;
+    for (int i = 0; i < 2000; ++i) {
+        items.push_back(set_item("/n/" + std::to_string(i), "x"));
+    }
+    write(items);
+    const std::size_t most = limits::elements_per_call / 2001;
+    EXPECT_EQ(write(std::vector<Item>(most, item(ItemKind::touch, "/n"))).statuses.back(),
+              api_status_ok);
+    const Outcome more = write(std::vector<Item>(most + 1, item(ItemKind::touch, "/n")));
+    EXPECT_EQ(more.statuses.front(), api_status_not_done);
+    EXPECT_EQ(more.statuses.back(), api_status_too_large);
+    EXPECT_EQ(more.events, Names{});
+}
+
+TEST_F(StoreUnit, TheBytesOfTheWholeTreeAreLimited) {
+    store->byte_limit = 4000;
+    EXPECT_EQ(write({set_item("/big", std::string(2000, 'x'))}).statuses.front(), api_status_ok);
+    EXPECT_EQ(write({set_item("/small", "1"), set_item("/more", std::string(2000, 'x'))}).statuses,
+              (Statuses{api_status_not_done, api_status_too_many_bytes}));
+    EXPECT_EQ(names("/"), Names{"big"});
+    // Shrinking and removing are always possible.
+    store->byte_limit = 1000;
+    EXPECT_EQ(write({set_item("/big", std::string(1500, 'x'))}).statuses.front(), api_status_ok);
+    EXPECT_EQ(write({item(ItemKind::remove, "/big")}).statuses.front(), api_status_ok);
+    EXPECT_EQ(store->tree().extent().bytes, Tree().extent().bytes);
+}
+
+// Many changes in random order keep the tree balanced, sorted and counted.
+TEST_F(StoreUnit, TheTreeAgreesWithASortedMap) {
+    std::map<std::string, std::string, NameLess> expected;
+    std::uint32_t random = 1;
+    for (int i = 0; i < 5000; ++i) {
+        random = random * 1664525 + 1013904223;
+        const std::string name = std::to_string((random >> 8) % 700);
+        if (i % 3 == 0 && expected.erase(name) > 0) {
+            write({item(ItemKind::remove, "/" + name)});
+        } else {
+            write({set_item("/" + name, std::to_string(i))});
+            expected[name] = std::to_string(i);
+        }
+    }
+    Names sorted;
+    for (const auto &[name, value] : expected) {
+        sorted.push_back(name);
+        EXPECT_EQ(text("/" + name), value);
+    }
+    EXPECT_EQ(names("/"), sorted);
+    EXPECT_EQ(store->tree().extent().leaves, sorted.size());
+    Extent counted;
+    walk(store->tree(), "/", [&counted](const std::string &, const Element &element) {
+        counted.add(*element.content);
+        return true;
+    });
+    EXPECT_EQ(store->tree().extent().bytes, counted.bytes);
 }

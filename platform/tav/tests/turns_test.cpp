@@ -19,9 +19,6 @@ namespace limits = tav::limits;
 
 namespace {
 
-constexpr int share = limits::requests_per_second / 10;
-constexpr int share_milliseconds = 100;
-
 class TurnsTest : public StoreTest {
 protected:
     TurnsTest()
@@ -89,20 +86,6 @@ protected:
         return found;
     }
 
-    tav::LimitStatus rate() {
-        return service.usage().status().at(static_cast<std::size_t>(tav::Limit::request_rate));
-    }
-
-    // In parts that fit a socket's buffer, each served before the next.
-    void use_up_share(RawClient &client) {
-        while_served([&] {
-            for (int done = 0; done < share; done += 100) {
-                send_writes(client, done + 1, done + 100);
-                take_replies(client, 100);
-            }
-        });
-    }
-
     std::atomic<int> milliseconds{1000000}; // not every processor has 64-bit atomics
     tav::Store store;
     tav::Service service;
@@ -115,72 +98,19 @@ protected:
 
 } // namespace
 
-TEST_F(TurnsTest, AClientThatIsAloneIsServedBeyondItsShare) {
-    // Other clients are connected, and were just served.
-    send_reads(*second, 1);
-    while_served([&] { take_replies(*second, 1); });
-    for (int i = 0; i < 3; ++i) {
-        use_up_share(*first);
-    }
-    EXPECT_EQ(rate().refused, 0U);
-    EXPECT_EQ(rate().used, 3U * limits::requests_per_second) << "the clock does not move";
-}
-
-TEST_F(TurnsTest, AClientThatHasUsedItsShareComesAfterAllOthers) {
-    use_up_share(*first);
-    send_writes(*first, 10001, 10010);
-    send_reads(*second, 20);
-    std::vector<int> found;
-    while_served([&] {
-        found = take_numbers(*second, 20);
-        take_replies(*first, 10);
+// A transaction of many items takes many slices of time.
+TEST_F(TurnsTest, ALongTransactionDelaysNoReader) {
+    const std::string transaction = request_frame(Op::transact, [](Writer &out) {
+        put_all(out, std::vector<tav::Item>(
+                         limits::paths_per_request,
+                         {tav::ItemKind::set, "/n", {element_type_integer, "7", tav::no_time}}));
     });
-    EXPECT_EQ(found, std::vector<int>(20, share)) << "a request of the first one was served before";
-    EXPECT_GT(rate().refused, 0U);
-}
-
-TEST_F(TurnsTest, ANewShareBeginsSoon) {
-    use_up_share(*first);
-    milliseconds += share_milliseconds;
-    send_writes(*first, 10001, 10010);
-    send_reads(*second, 20);
-    std::vector<int> found;
     while_served([&] {
-        found = take_numbers(*second, 20);
-        take_replies(*first, 10);
-    });
-    EXPECT_EQ(found.back(), 10010) << "they take turns again";
-    EXPECT_EQ(rate().refused, 0U);
-}
-
-TEST_F(TurnsTest, ClientsThatHaveAllUsedTheirShareTakeTurns) {
-    use_up_share(*first);
-    use_up_share(*second);
-    send_writes(*first, 10001, 10010);
-    send_reads(*second, 20);
-    std::vector<int> found;
-    while_served([&] {
-        found = take_numbers(*second, 20);
-        take_replies(*first, 10);
-    });
-    EXPECT_GE(found[9], 10009);
-    EXPECT_EQ(rate().refused, 0U);
-}
-
-TEST_F(TurnsTest, HalfARequestDelaysNoOtherClient) {
-    use_up_share(*first);
-    send_writes(*first, 10001, 10010);
-    ASSERT_TRUE(second->calls.send(request_frame(Op::watchdog_ping).substr(0, 2)));
-    while_served([&] { take_replies(*first, 10); });
-    EXPECT_EQ(rate().refused, 0U);
-}
-
-TEST_F(TurnsTest, APingAndTheRequestAfterItAreOneTurn) {
-    ASSERT_TRUE(first->calls.send(request_frame(Op::watchdog_ping)));
-    send_writes(*first, 7, 8);
-    send_reads(*second, 1);
-    while_served([&] {
-        take_replies(*first, 2);
+        first->calls.send(transaction); // the service has received it by now
+        send_reads(*second, 1);
+        EXPECT_EQ(take_numbers(*second, 1), std::vector<int>{-1});
+        take_replies(*first, 1);
+        send_reads(*second, 1);
         EXPECT_EQ(take_numbers(*second, 1), std::vector<int>{7});
     });
 }

@@ -49,7 +49,7 @@ using target_t = void (*)(const std::string &);
 constexpr target_t targets[] = {
     &one<tav::RequestHeader>, &one<tav::ReplyHeader>,     &one<tav::Hello>,
     &one<tav::Ticket>,        &one<tav::Registration>,    &one<tav::WatchdogRequest>,
-    &one<tav::DumpRequest>,   &one<tav::DumpPage>,        &one<tav::ServiceStatus>,
+    &one<tav::DumpElement>,   &one<tav::Child>,           &one<tav::ServiceStatus>,
     &one<api_status_t>,       &one<std::string>,          &many<std::string>,
     &many<tav::Item>,         &many<tav::LeafAnswer>,     &many<tav::Child>,
     &many<tav::Event>,        &many<api_status_t>,        &many<tav::DumpElement>,

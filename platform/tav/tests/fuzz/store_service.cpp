@@ -114,6 +114,16 @@ bool is_listing(tav::Reader in) {
     return in.finished() && (status == api_status_ok || children.empty());
 }
 
+bool is_dump(tav::Reader in) {
+    api_status_t status = api_status_none;
+    tav::get(in, status);
+    while (in.u8() == 1) {
+        tav::DumpElement element;
+        tav::get(in, element);
+    }
+    return in.finished();
+}
+
 // Whether a reply's content is what the library expects for that kind of request.
 bool answers(tav::Op op, const tav::Reader &in) {
     switch (op) {
@@ -131,7 +141,7 @@ bool answers(tav::Op op, const tav::Reader &in) {
     case tav::Op::wake_acknowledge:
         return in.finished();
     case tav::Op::dump:
-        return is_message<tav::DumpPage>(in);
+        return is_dump(in);
     case tav::Op::status:
         return is_message<tav::ServiceStatus>(in);
     default:
@@ -154,24 +164,21 @@ void check_reply(const std::string &request, const std::string &frame) {
 void check_tree(const tav::Store &store) {
     std::set<std::string> nodes;
     std::set<std::string> leaves;
-    tav::DumpPage page;
-    do {
-        page = {};
-        store.dump({"/", nodes.size() + leaves.size()}, page);
-        require(page.status == api_status_ok, "the root cannot be dumped");
-        for (const tav::DumpElement &element : page.elements) {
-            const std::string &path = element.path;
-            require(tav::check_path(path) == api_status_ok, "an invalid path");
-            const std::string parent = path.substr(0, std::max<std::size_t>(path.rfind('/'), 1));
-            require(path == "/" || nodes.count(parent) == 1, "an element without its parent");
-            const bool is_node = element.value.type == element_type_node;
-            require(is_node || tav::check_value(element.value) == api_status_ok,
-                    "an invalid value");
-            require((is_node ? nodes : leaves).insert(path).second, "an element twice");
-        }
-    } while (page.more);
-    require(nodes.size() == store.tree().node_count(), "another number of nodes");
-    require(leaves.size() == store.tree().leaf_count(), "another number of leaves");
+    tav::Extent counted;
+    walk(store.tree(), "/", [&](const std::string &path, const tav::Element &element) {
+        require(tav::check_path(path) == api_status_ok, "an invalid path");
+        const std::string parent = path.substr(0, std::max<std::size_t>(path.rfind('/'), 1));
+        require(path == "/" || nodes.count(parent) == 1, "an element without its parent");
+        require(element.is_node() || tav::check_value(element.value()) == api_status_ok,
+                "an invalid value");
+        require((element.is_node() ? nodes : leaves).insert(path).second, "an element twice");
+        counted.add(*element.content);
+        return true;
+    });
+    const tav::Extent &extent = store.tree().extent();
+    require(nodes.size() == extent.nodes, "another number of nodes");
+    require(leaves.size() == extent.leaves, "another number of leaves");
+    require(counted.bytes == extent.bytes, "another number of bytes");
 }
 
 // A client that gets an event for every change.
@@ -183,9 +190,9 @@ public:
     }
     void check(tav::Service &service) {
         bool drain = false;
-        for (const tav::Event &event : session.fetch(service.now(), drain)) {
-            require(event.command >= 1 && event.command <= 3, "a strange event");
-            require(tav::check_path(event.path) == api_status_ok, "an event without a path");
+        for (const tav::Event *event : session.fetch(service.now(), drain)) {
+            require(event->command >= 1 && event->command <= 3, "a strange event");
+            require(tav::check_path(event->path) == api_status_ok, "an event without a path");
         }
     }
 

@@ -1,0 +1,134 @@
+#include "service/event_log.h"
+
+#include <algorithm>
+
+#include "service/path.h"
+#include "service/session.h"
+
+namespace tav {
+
+namespace {
+
+// The two containers' elements with the allocator's headers.
+constexpr std::size_t entry_bytes = sizeof(LoggedEvent) + 3 * sizeof(void *) + // in the list
+                                    8 * sizeof(void *) + sizeof(std::int32_t); // in the index
+
+std::size_t bytes_of(const LoggedEvent &event) {
+    return entry_bytes + event.event.path.capacity() + 1;
+}
+
+} // namespace
+
+void EventBatch::add(LoggedEvent event) {
+    list.push_back(std::move(event));
+    try {
+        index.emplace(key_of(list.back()), std::prev(list.end()));
+    } catch (...) {
+        list.pop_back();
+        throw;
+    }
+    used += bytes_of(list.back());
+}
+
+void EventBatch::drop(Index::iterator entry) noexcept {
+    const auto event = entry->second;
+    used -= bytes_of(*event);
+    index.erase(entry); // first: its key is in the event
+    list.erase(event);
+}
+
+// Without new memory, so that it cannot fail.
+void EventBatch::absorb(EventBatch &later) noexcept {
+    while (!later.index.empty()) {
+        auto node = later.index.extract(later.index.begin());
+        LoggedEvent &event = *node.mapped();
+        const auto known = index.find(node.key());
+        if (known != index.end()) {
+            const LoggedEvent &replaced = *known->second;
+            const bool same_author = replaced.author == event.author;
+            event.others =
+                std::max(event.others, same_author ? replaced.others : replaced.position);
+            drop(known);
+        }
+        index.insert(std::move(node));
+    }
+    used += later.used;
+    later.used = 0;
+    list.splice(list.end(), later.list);
+}
+
+void EventBatch::clear() noexcept {
+    index.clear();
+    list.clear();
+    used = 0;
+}
+
+void EventBatch::forget(std::uint64_t position) noexcept {
+    while (!list.empty() && list.front().position <= position) {
+        drop(index.find(key_of(list.front())));
+    }
+}
+
+void EventLog::join(Session &session, const std::string &path) {
+    std::shared_ptr<Audience> &audience = audiences[path];
+    if (!audience) {
+        audience = std::make_shared<Audience>();
+        audience->path = path;
+    }
+    audience->members.push_back(&session);
+}
+
+void EventLog::leave(const Session &session) {
+    for (auto entry = audiences.begin(); entry != audiences.end();) {
+        std::vector<Session *> &members = entry->second->members;
+        members.erase(std::remove(members.begin(), members.end(), &session), members.end());
+        entry = members.empty() ? audiences.erase(entry) : std::next(entry);
+    }
+}
+
+void EventLog::stage(Staged &staged, const Event &event, SessionId author) {
+    bool wanted = false;
+    const auto look_for = [&](std::string_view path) {
+        const auto audience = audiences.find(path);
+        if (audience != audiences.end()) {
+            staged.audiences.emplace(audience->second, author);
+            wanted = true;
+        }
+    };
+    if (audiences.empty()) {
+        return;
+    }
+    look_for("/");
+    for (std::string_view rest = event.path; rest.size() > 1;) {
+        take_name(rest);
+        look_for(std::string_view(event.path).substr(0, event.path.size() - rest.size()));
+    }
+    if (wanted) {
+        staged.batch.add(LoggedEvent{event, author, ++last_staged, 0});
+    }
+}
+
+void EventLog::stage(Staged &done) noexcept {
+    next.batch.absorb(done.batch);
+    next.audiences.merge(done.audiences);
+    done.audiences.clear();
+}
+
+void EventLog::publish(Time now) noexcept {
+    const std::uint64_t before = last_published;
+    log.absorb(next.batch);
+    last_published = last_staged;
+    for (const auto &[audience, author] : next.audiences) {
+        for (Session *member : audience->members) {
+            member->changed(audience->path, author, before, now);
+        }
+    }
+    next.audiences.clear();
+}
+
+void EventLog::drop_staged() noexcept {
+    next.batch.clear();
+    next.audiences.clear();
+}
+
+} // namespace tav

@@ -1,0 +1,133 @@
+// The events that clients have not fetched yet. All clients share one copy of each event: a client
+// has only the place in the log from which on it has not fetched, so an event costs the same
+// however many clients wait for it.
+#pragma once
+
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "protocol/messages.h"
+#include "service/wake.h"
+
+namespace tav {
+
+class Session;
+
+// Sessions have numbers above 0. 0 is a change by none of them.
+using SessionId = std::uint64_t;
+
+// The sessions that have registered for a path.
+struct Audience {
+    std::string path;
+    std::vector<Session *> members;
+};
+
+// The change of one leaf. A later one of the same path and command replaces it: it takes a place at
+// the end, so that the last event on a path always describes its present state, and the remaining
+// events of each transaction stay together.
+struct LoggedEvent {
+    Event event;
+    SessionId author = 0;       // of the last change
+    std::uint64_t position = 0; // in the log; increases
+    // The position of the last change by anybody but the author that was replaced; 0: none.
+    std::uint64_t others = 0;
+
+    // Somebody else than this session made one of the changes after that position.
+    bool foreign_to(SessionId session, std::uint64_t after) const {
+        return author != session ? position > after : others > after;
+    }
+};
+
+// Events in order, at most one of each path and command.
+class EventBatch {
+public:
+    using Events = std::list<LoggedEvent>;
+
+    // There must be none with this path and command.
+    void add(LoggedEvent event);
+    // Adds all events of a later batch, which is then empty.
+    void absorb(EventBatch &later) noexcept;
+    void clear() noexcept;
+    // Removes events up to that position.
+    void forget(std::uint64_t position) noexcept;
+
+    const Events &events() const { return list; }
+    bool empty() const { return list.empty(); }
+    std::size_t size() const { return list.size(); }
+    // Memory used.
+    std::size_t bytes() const { return used; }
+    // Whether `wanted` is true for an event at or below the path.
+    template <typename Wanted>
+    bool any_at_or_below(const std::string &path, Wanted wanted) const {
+        const std::string below = path == "/" ? path : path + '/';
+        for (auto entry = index.lower_bound(Key(path, 0));
+             entry != index.end() && entry->first.first == path; ++entry) {
+            if (wanted(*entry->second)) {
+                return true;
+            }
+        }
+        for (auto entry = index.lower_bound(Key(below, 0));
+             entry != index.end() && entry->first.first.substr(0, below.size()) == below; ++entry) {
+            if (wanted(*entry->second)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+private:
+    using Key = std::pair<std::string_view, std::int32_t>; // the text is in the list
+    using Index = std::map<Key, Events::iterator>;
+
+    void drop(Index::iterator entry) noexcept;
+    static Key key_of(const LoggedEvent &event) { return {event.event.path, event.event.command}; }
+
+    Events list;
+    Index index;
+    std::size_t used = 0;
+};
+
+class EventLog {
+public:
+    // A new registration, of which the session keeps its own record; ended by leave(). Nothing may
+    // be staged: the registration would miss it.
+    void join(Session &session, const std::string &path);
+    void leave(const Session &session);
+
+    // What a transaction in preparation will add.
+    struct Staged {
+        EventBatch batch;
+        std::set<std::pair<std::shared_ptr<Audience>, SessionId>> audiences; // with the author
+    };
+    // Adds an event unless nobody has registered for it.
+    void stage(Staged &staged, const Event &event, SessionId author);
+    // Adds a completed transaction to those that are committed together.
+    void stage(Staged &done) noexcept;
+    // They were committed: their events are in the log, and the clients are woken.
+    void publish(Time now) noexcept;
+    // They were refused.
+    void drop_staged() noexcept;
+
+    const EventBatch &published() const { return log; }
+    const EventBatch &staged() const { return next.batch; }
+    // The position of the last published event.
+    std::uint64_t end() const { return last_published; }
+    // No session needs events up to that position.
+    void forget(std::uint64_t position) noexcept { log.forget(position); }
+
+private:
+    EventBatch log;
+    Staged next;
+    std::map<std::string, std::shared_ptr<Audience>, std::less<>> audiences;
+    std::uint64_t last_published = 0;
+    std::uint64_t last_staged = 0;
+};
+
+} // namespace tav

@@ -1,0 +1,301 @@
+#include "service/task.h"
+
+#include <ctime>
+#include <optional>
+#include <vector>
+
+#include "protocol/limits.h"
+#include "service/service.h"
+
+namespace tav {
+
+namespace {
+
+// Parts that take a few hundred microseconds.
+constexpr int paths_at_once = 256;
+constexpr int elements_at_once = 512;
+
+// Reads leaves, all as of one moment.
+class Read : public Task {
+public:
+    Read(Service &served, const RequestHeader &header, std::string_view content)
+        : Task(header.serial), service(served), tree(served.store().tree()), in(content),
+          unanswered(in.count(1)), fits(service.fits(unanswered)) {
+        out.u32(unanswered);
+        answered = made();
+    }
+
+    State step() override {
+        constexpr std::size_t empty_answer = 1;
+        constexpr std::size_t value_overhead = 13; // type, length of the text, time
+        for (int i = 0; i < paths_at_once && made() < limits::reply_part_bytes && fits && in.ok() &&
+                        unanswered > 0;
+             ++i, --unanswered) {
+            const Value *value = nullptr;
+            api_status_t status = read_leaf(tree, in.text(), value);
+            const std::size_t size = value_overhead + (value != nullptr ? value->text.size() : 0);
+            if (answered + size + unanswered * empty_answer > limits::frame_bytes) {
+                status = api_status_too_large;
+            }
+            answered += status == api_status_ok ? size : empty_answer;
+            service.usage().count(status);
+            put_leaf(out, status, value);
+        }
+        if (!fits || !in.ok() || (unanswered == 0 && !in.finished())) {
+            return State::malformed;
+        }
+        return unanswered > 0 ? State::working : State::done;
+    }
+
+private:
+    Service &service;
+    Tree tree;
+    Reader in;
+    std::uint32_t unanswered;
+    bool fits;
+    std::size_t answered = 0; // bytes
+};
+
+// Lists the children of a node, or everything at and below a path, as of one moment.
+class Listing : public Task {
+public:
+    Listing(Service &served, const RequestHeader &header, std::string_view content)
+        : Task(header.serial), service(served), dumps(header.op == Op::dump) {
+        Reader in(content);
+        get(in, path);
+        well_formed = in.finished();
+    }
+
+    State step() override {
+        if (!well_formed) {
+            return State::malformed;
+        }
+        if (!walker) {
+            start();
+        }
+        for (int i = 0; i < elements_at_once && made() < limits::reply_part_bytes; ++i) {
+            if (!walker->next()) {
+                if (dumps) {
+                    out.u8(0);
+                }
+                return State::done;
+            }
+            const Element &element = walker->element();
+            if (dumps) {
+                out.u8(1);
+                put_element(out, walker->path(), element.value());
+            } else {
+                put(out, Child{element.content->name.text(), element.value().type});
+            }
+        }
+        return State::working;
+    }
+
+private:
+    void start() {
+        const Tree &tree = service.store().tree();
+        api_status_t status = check_path(path);
+        const Element *element = status == api_status_ok ? tree.find(path) : nullptr;
+        if (status == api_status_ok && element == nullptr) {
+            status = api_status_absent;
+        } else if (element != nullptr && !dumps && !element->is_node()) {
+            status = api_status_wrong_kind;
+            element = nullptr;
+        }
+        service.usage().count(status);
+        put(out, status);
+        walker.emplace(element, tree, path, dumps);
+        if (!dumps) {
+            out.u32(element == nullptr ? 0 : element->child_count);
+            walker->next(); // the node itself
+        }
+    }
+
+    Service &service;
+    bool dumps;
+    bool well_formed = false;
+    std::string path;
+    std::optional<Walker> walker;
+};
+
+// Carries out a transaction and waits until it is committed.
+class Write : public Task {
+public:
+    Write(Service &served, Session &client, const RequestHeader &header, std::string_view content)
+        : Task(header.serial), service(served), session(client), items(content),
+          fits(service.fits(Reader(content).count(1))) {}
+    ~Write() override { end(); }
+
+    State step() override {
+        if (!fits) {
+            return State::malformed; // before memory is reserved for them
+        }
+        if (result) {
+            if (!result->known) {
+                return State::blocked;
+            }
+            return answer(result->stored ? std::vector<api_status_t>(number, api_status_ok)
+                                         : std::vector<api_status_t>(number, api_status_failed));
+        }
+        if (!transaction) {
+            if (session.may_write() && !service.take_turn()) {
+                return State::blocked;
+            }
+            start();
+        }
+        switch (transaction->advance()) {
+        case Transaction::State::working:
+            return State::working;
+        case Transaction::State::malformed:
+            return State::malformed;
+        case Transaction::State::refused: {
+            const std::vector<api_status_t> statuses = transaction->statuses();
+            end();
+            return answer(statuses);
+        }
+        case Transaction::State::complete:
+            break;
+        }
+        number = transaction->statuses().size();
+        result = service.store().join(*transaction, staged);
+        end();
+        return State::blocked;
+    }
+
+private:
+    // For a client that may not write, the items are only checked; that needs no turn.
+    void start() {
+        transaction.emplace(
+            service.store().group_tree(), items, std::time(nullptr), service.store().byte_limit,
+            [this](const std::string &path) { return session.unseen(path); },
+            [this](const Event &event) {
+                service.store().events().stage(staged, event, session.id());
+            });
+        if (!session.may_write()) {
+            transaction->deny();
+        }
+    }
+    void end() {
+        if (transaction && session.may_write()) {
+            service.end_turn();
+        }
+        transaction.reset();
+    }
+    State answer(const std::vector<api_status_t> &statuses) {
+        for (const api_status_t status : statuses) {
+            service.usage().count(status);
+        }
+        put_all(out, statuses);
+        return State::done;
+    }
+
+    Service &service;
+    Session &session;
+    std::string_view items;
+    bool fits;
+    std::size_t number = 0;
+    EventLog::Staged staged;
+    std::optional<Transaction> transaction;
+    std::shared_ptr<const Store::Result> result;
+};
+
+// Registers for events; between groups, because events of a transaction that is being committed are
+// only for those who were registered when it was carried out.
+class Register : public Task {
+public:
+    Register(Service &served, Session &client, const RequestHeader &header,
+             std::string_view content)
+        : Task(header.serial), service(served), session(client) {
+        Reader in(content);
+        get(in, registration);
+        well_formed = in.finished();
+        service.registering(1);
+    }
+    ~Register() override { service.registering(-1); }
+
+    State step() override {
+        if (!well_formed) {
+            return State::malformed;
+        }
+        if (!service.between_groups()) {
+            return State::blocked;
+        }
+        const api_status_t status = session.register_events(registration, service.now());
+        service.usage().count(status);
+        service.usage().raise(Limit::registrations, session.registered());
+        put(out, status);
+        return State::done;
+    }
+
+private:
+    Service &service;
+    Session &session;
+    Registration registration;
+    bool well_formed = false;
+};
+
+// Requests that are carried out at once.
+class Short : public Task {
+public:
+    Short(Service &served, Session &client, const RequestHeader &header, std::string_view content)
+        : Task(header.serial), service(served), session(client), op(header.op), in(content) {}
+
+    State step() override {
+        if (op == Op::watchdog_register) {
+            WatchdogRequest request;
+            get(in, request);
+            if (!in.finished()) {
+                return State::malformed;
+            }
+            const api_status_t status =
+                service.watchdog().announce(session.id(), session.pid(), request, service.now());
+            service.usage().count(status);
+            put(out, status);
+            return State::done;
+        }
+        if (!in.finished()) {
+            return State::malformed;
+        }
+        put(out, service.status());
+        return State::done;
+    }
+
+private:
+    Service &service;
+    Session &session;
+    Op op;
+    Reader in;
+};
+
+} // namespace
+
+std::string Task::take_frame(bool more) {
+    std::string frame = out.finish();
+    if (!more) {
+        return frame;
+    }
+    begin_frame();
+    return mark_more(std::move(frame));
+}
+
+std::unique_ptr<Task> make_task(Service &service, Session &session, const RequestHeader &header,
+                                std::string_view content) {
+    switch (header.op) {
+    case Op::read:
+        return std::make_unique<Read>(service, header, content);
+    case Op::list:
+    case Op::dump:
+        return std::make_unique<Listing>(service, header, content);
+    case Op::transact:
+        return std::make_unique<Write>(service, session, header, content);
+    case Op::event_register:
+        return std::make_unique<Register>(service, session, header, content);
+    case Op::watchdog_register:
+    case Op::status:
+        return std::make_unique<Short>(service, session, header, content);
+    default:
+        return nullptr;
+    }
+}
+
+} // namespace tav

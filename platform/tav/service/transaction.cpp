@@ -1,0 +1,160 @@
+#include "service/transaction.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "protocol/limits.h"
+
+namespace tav {
+
+void Sizes::note(std::string_view path, const Element &element) {
+    const std::size_t name = path.size() - path.rfind('/') - 1;
+    const auto names = static_cast<std::size_t>(std::count(path.begin(), path.end(), '/'));
+    path_bytes = std::max(path_bytes, path.size());
+    depth = std::max(depth, path == "/" ? 0 : names);
+    name_bytes = std::max(name_bytes, name);
+    value_bytes = std::max(value_bytes, element.value().text.size());
+    children = std::max<std::size_t>(children, element.child_count);
+}
+
+void Sizes::raise(const Sizes &other) {
+    path_bytes = std::max(path_bytes, other.path_bytes);
+    depth = std::max(depth, other.depth);
+    name_bytes = std::max(name_bytes, other.name_bytes);
+    value_bytes = std::max(value_bytes, other.value_bytes);
+    children = std::max(children, other.children);
+}
+
+Transaction::Transaction(const Tree &base, std::string_view encoded_items, std::int64_t now,
+                         std::size_t most_bytes, Unseen unseen_changes, Emit emit_event)
+    : encoded(encoded_items), in(encoded), number(in.count(1)), edit(base, now),
+      byte_limit(most_bytes), unseen(std::move(unseen_changes)), emit(std::move(emit_event)),
+      results(number, api_status_ok) {}
+
+void Transaction::deny() {
+    results.assign(number, api_status_denied);
+    phase = Phase::skipping;
+}
+
+Transaction::State Transaction::advance() {
+    constexpr int at_once = 128;
+    for (int i = 0; i < at_once && state == State::working; ++i) {
+        switch (phase) {
+        case Phase::applying:
+            if (at_work || next_item()) {
+                apply();
+                if (at_work) {
+                    return state; // that was a part of its own
+                }
+            } else if (state == State::working) {
+                phase = Phase::examining;
+                examined = edit.changes().begin();
+            }
+            break;
+        case Phase::skipping:
+            if (!next_item() && state == State::working) {
+                state = State::refused;
+            }
+            break;
+        case Phase::examining:
+            if (examined != edit.changes().end()) {
+                const auto change = examined++;
+                examine(*change);
+                if (!change->stored()) {
+                    edit.changes().erase(change);
+                }
+            } else if (stale.empty()) {
+                state = State::complete;
+            } else {
+                phase = Phase::judging;
+                in = Reader(encoded);
+                in.u32();
+                taken = 0;
+            }
+            break;
+        case Phase::judging:
+            if (next_item()) {
+                judge();
+            } else {
+                state = State::refused;
+            }
+            break;
+        }
+    }
+    return state;
+}
+
+// False at the end of the items, or if they are malformed.
+bool Transaction::next_item() {
+    if (taken == number) {
+        state = in.finished() ? state : State::malformed;
+        return false;
+    }
+    get(in, item);
+    if (!in.ok()) {
+        state = State::malformed;
+        return false;
+    }
+    ++taken;
+    at_work = true;
+    return true;
+}
+
+void Transaction::apply() {
+    const std::size_t before = edit.tree().extent().bytes;
+    api_status_t status = api_status_ok;
+    at_work = !edit.advance(item, status);
+    const std::size_t after = edit.tree().extent().bytes;
+    if (status == api_status_ok && after > byte_limit && after > before) {
+        status = api_status_too_many_bytes;
+    }
+    if (!at_work && status != api_status_ok) {
+        refuse(status);
+    }
+}
+
+// The rest of the items must be well-formed nevertheless.
+void Transaction::refuse(api_status_t status) {
+    results.assign(number, api_status_not_done);
+    results[taken - 1] = status;
+    phase = Phase::skipping;
+}
+
+void Transaction::examine(const Change &change) {
+    const bool of_leaf = change.leaf_set() || change.leaf_removed();
+    // The writer may assume that the node still exists with everything below it.
+    const bool makes_node = !change.before && change.after && !of_leaf;
+    if ((makes_node || (of_leaf && change.real())) && unseen(change.path)) {
+        stale.insert(change.path);
+    }
+    if (change.leaf_set()) {
+        emit(Event{mlr_event_set, change.path});
+    } else if (change.leaf_removed()) {
+        emit(Event{mlr_event_removed, change.path});
+    }
+    if (change.after && change.real()) {
+        sizes.note(change.path, *edit.tree().find(change.path));
+        const Element &parent = *edit.tree().find(parent_path(change.path));
+        sizes.children = std::max<std::size_t>(sizes.children, parent.child_count);
+    }
+}
+
+// Finds out whether the item would change one of the stale leaves, or create one of the stale
+// nodes.
+void Transaction::judge() {
+    bool concerned = false;
+    if (item.kind == ItemKind::set || item.kind == ItemKind::make_node) {
+        for (std::string_view path = item.path; path != "/" && !concerned;
+             path = parent_path(path)) {
+            concerned = stale.count(path) > 0;
+        }
+    } else if (item.kind != ItemKind::touch) {
+        const std::string below = item.path == "/" ? "/" : item.path + "/";
+        const auto next = stale.lower_bound(below);
+        concerned =
+            stale.count(item.path) > 0 || (next != stale.end() && is_at_or_below(*next, item.path));
+    }
+    results[taken - 1] = concerned ? api_status_stale : api_status_not_done;
+}
+
+} // namespace tav

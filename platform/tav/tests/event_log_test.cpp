@@ -1,0 +1,243 @@
+// The log of events that clients share, and which of them each client gets.
+#include <gtest/gtest.h>
+
+#include "protocol/limits.h"
+#include "service/session.h"
+
+using namespace tav;
+
+namespace {
+
+using Names = std::vector<std::string>;
+
+class EventLogTest : public ::testing::Test {
+protected:
+    struct Client : Session {
+        Client(SessionId number, EventLog &events)
+            : Session(Ticket{number, 2}, Credentials{3, 4, 5, {}}, true, events) {}
+
+        api_status_t watch(const std::string &path, bool own = false) {
+            return register_events(Registration{path, api_event_change, own}, Time{});
+        }
+        // "COMMAND PATH" of each event.
+        Names fetched() {
+            bool drain = false;
+            Names result;
+            for (const Event *event : fetch(Time{}, drain)) {
+                result.push_back(std::to_string(event->command) + " " + event->path);
+            }
+            return result;
+        }
+    };
+
+    void stage(SessionId author, const std::vector<Event> &events) {
+        EventLog::Staged staged;
+        for (const Event &event : events) {
+            log.stage(staged, event, author);
+        }
+        log.stage(staged);
+    }
+    void change(SessionId author, const std::vector<Event> &events) {
+        stage(author, events);
+        log.publish(Time{});
+    }
+
+    const Event set_a{mlr_event_set, "/a"};
+    const Event set_b{mlr_event_set, "/b"};
+    const Event removed_a{mlr_event_removed, "/a"};
+
+    EventLog log;
+    Client one{1, log};
+    Client two{2, log};
+    static constexpr SessionId somebody = 9;
+};
+
+} // namespace
+
+TEST_F(EventLogTest, KeepsTheOrder) {
+    one.watch("/");
+    one.fetched();
+    change(somebody, {set_b, set_a});
+    change(somebody, {Event{mlr_event_set, "/"}});
+    EXPECT_EQ(one.pending(), 3U);
+    EXPECT_EQ(one.fetched(), (Names{"2 /b", "2 /a", "2 /"}));
+    EXPECT_EQ(one.fetched(), Names{});
+    EXPECT_FALSE(one.waiting());
+}
+
+TEST_F(EventLogTest, AMergedEventMovesToTheEndSoThatTheLastOneIsCurrent) {
+    one.watch("/");
+    one.fetched();
+    for (const Event &event : {set_a, removed_a, set_b, set_a}) {
+        change(somebody, {event});
+    }
+    EXPECT_EQ(one.fetched(), (Names{"3 /a", "2 /b", "2 /a"}));
+}
+
+TEST_F(EventLogTest, EventsOfOneGroupAreMergedToo) {
+    one.watch("/");
+    one.fetched();
+    stage(somebody, {set_a, set_b});
+    stage(two.id(), {set_a});
+    log.publish(Time{});
+    EXPECT_EQ(one.fetched(), (Names{"2 /b", "2 /a"}));
+}
+
+TEST_F(EventLogTest, ARefusedGroupLeavesNothing) {
+    one.watch("/");
+    one.fetched();
+    stage(somebody, {set_a});
+    EXPECT_TRUE(one.unseen("/a")) << "as if it were committed";
+    EXPECT_FALSE(one.waiting());
+    log.drop_staged();
+    EXPECT_FALSE(one.unseen("/a"));
+    change(somebody, {set_b});
+    EXPECT_EQ(one.fetched(), Names{"2 /b"});
+}
+
+TEST_F(EventLogTest, EachClientGetsWhatItHasNotFetched) {
+    one.watch("/");
+    two.watch("/");
+    one.fetched();
+    two.fetched();
+    change(somebody, {set_a});
+    EXPECT_EQ(one.fetched(), Names{"2 /a"});
+    change(somebody, {set_b});
+    EXPECT_EQ(one.fetched(), Names{"2 /b"});
+    EXPECT_EQ(two.fetched(), (Names{"2 /a", "2 /b"}));
+}
+
+TEST_F(EventLogTest, WhatAllHaveFetchedIsForgotten) {
+    one.watch("/");
+    one.fetched();
+    change(somebody, {set_a});
+    change(somebody, {set_b});
+    EXPECT_EQ(log.published().size(), 2U);
+    log.forget(log.published().events().front().position);
+    EXPECT_EQ(log.published().size(), 1U);
+    log.forget(log.end());
+    EXPECT_TRUE(log.published().empty());
+    EXPECT_EQ(log.published().bytes(), 0U);
+}
+
+TEST_F(EventLogTest, NobodysEventsAreNotKept) {
+    change(somebody, {set_a});
+    one.watch("/b");
+    change(somebody, {set_a});
+    EXPECT_TRUE(log.published().empty());
+}
+
+TEST_F(EventLogTest, OnlyAnotherClientsChangeIsUnseen) {
+    one.watch("/", true);
+    change(one.id(), {set_a});
+    EXPECT_TRUE(one.waiting());
+    EXPECT_FALSE(one.unseen("/a"));
+    change(somebody, {set_b});
+    EXPECT_TRUE(one.unseen("/b"));
+    EXPECT_TRUE(one.unseen("/"));
+    one.fetched();
+    EXPECT_FALSE(one.unseen("/b"));
+}
+
+TEST_F(EventLogTest, AChangeBelowAPathIsUnseenThere) {
+    one.watch("/");
+    one.fetched();
+    change(somebody, {Event{mlr_event_set, "/a/b"}, Event{mlr_event_set, "/a-c"}});
+    EXPECT_TRUE(one.unseen("/a"));
+    EXPECT_TRUE(one.unseen("/a/b"));
+    EXPECT_FALSE(one.unseen("/a/b/c"));
+    EXPECT_FALSE(one.unseen("/a/"));
+    EXPECT_TRUE(one.unseen("/a-c"));
+    EXPECT_FALSE(one.unseen("/a-"));
+}
+
+TEST_F(EventLogTest, AForeignEventStaysForeignWhenAnOwnOneIsMergedIntoIt) {
+    one.watch("/");
+    one.fetched();
+    change(somebody, {set_a});
+    change(one.id(), {set_a});
+    change(one.id(), {set_a});
+    EXPECT_TRUE(one.unseen("/a"));
+    EXPECT_EQ(one.fetched(), Names{"2 /a"});
+}
+
+TEST_F(EventLogTest, AForeignEventThatWasFetchedDoesNotMakeOwnOnesForeign) {
+    one.watch("/");
+    two.watch("/"); // keeps the events in the log
+    change(somebody, {set_a});
+    one.fetched();
+    change(one.id(), {set_a});
+    EXPECT_FALSE(one.waiting());
+    change(somebody, {set_b});
+    EXPECT_FALSE(one.unseen("/a"));
+    EXPECT_EQ(one.fetched(), Names{"2 /b"});
+    EXPECT_EQ(two.fetched(), (Names{"1 /", "2 /a", "2 /b"}));
+}
+
+TEST_F(EventLogTest, ARegistrationIsAnsweredByOneNoticeInItsPlace) {
+    EXPECT_EQ(one.watch("/a"), api_status_ok);
+    change(somebody, {set_a});
+    EXPECT_EQ(one.watch("/b"), api_status_ok);
+    change(somebody, {set_b});
+    EXPECT_FALSE(one.unseen("/c"));
+    EXPECT_EQ(one.pending(), 4U);
+    EXPECT_EQ(one.fetched(), (Names{"1 /a", "2 /a", "1 /b", "2 /b"}));
+    one.watch("/a");
+    one.watch("/a");
+    EXPECT_EQ(one.fetched(), Names{"1 /a"});
+}
+
+TEST_F(EventLogTest, OnlyWhatIsAtOrBelowARegisteredPathIsDeliveredAndOnceOnly) {
+    one.watch("/a");
+    one.watch("/a/b");
+    one.fetched();
+    for (const char *path : {"/a", "/a/b/c", "/ab", "/x"}) {
+        change(somebody, {Event{mlr_event_set, path}});
+    }
+    EXPECT_EQ(one.fetched(), (Names{"2 /a", "2 /a/b/c"}));
+}
+
+TEST_F(EventLogTest, ARegistrationConcernsLaterChangesOnly) {
+    one.watch("/a");
+    two.watch("/");
+    change(somebody, {set_a, set_b});
+    one.watch("/b");
+    EXPECT_EQ(one.fetched(), (Names{"1 /a", "2 /a", "1 /b"}));
+}
+
+TEST_F(EventLogTest, OwnChangesCauseNoEventsUnlessRequested) {
+    one.watch("/a");
+    one.watch("/b", true);
+    one.fetched();
+    change(one.id(), {set_a, set_b});
+    EXPECT_EQ(one.fetched(), Names{"2 /b"});
+    change(one.id(), {set_a});
+    EXPECT_FALSE(one.waiting());
+}
+
+TEST_F(EventLogTest, ASecondRegistrationOfAPathReplacesTheFlag) {
+    one.watch("/a", true);
+    one.watch("/a", false);
+    one.fetched();
+    change(one.id(), {set_a});
+    EXPECT_EQ(one.fetched(), Names{});
+    EXPECT_EQ(one.registered(), 1U);
+}
+
+TEST_F(EventLogTest, BadRegistrationsAreRefused) {
+    EXPECT_EQ(one.watch("a"), api_status_bad_path);
+    EXPECT_EQ(one.register_events(Registration{"/a", 2, false}, Time{}), api_status_refused);
+    for (std::size_t i = 0; i < limits::registrations_per_client; ++i) {
+        EXPECT_EQ(one.watch("/" + std::to_string(i)), api_status_ok);
+    }
+    EXPECT_EQ(one.watch("/more"), api_status_too_many_registrations);
+}
+
+TEST_F(EventLogTest, AClientThatLeavesIsNotWoken) {
+    {
+        Client third(3, log);
+        third.watch("/a");
+    }
+    change(somebody, {set_a});
+    EXPECT_TRUE(log.published().empty());
+}
