@@ -3,8 +3,12 @@
 
 namespace tav {
 
-// Lines of one format are limited, because clients can cause most of them at will: lines that come
-// too often are omitted, and their number is printed with the next one. `format` is a literal.
-void log_line(const char *format, ...) __attribute__((format(printf, 1, 2)));
+// Writes a line, escaped as in terminal/escape.h: a client's bytes can neither end the line nor
+// control a terminal. Never waits, allocates no memory and leaves errno alone. For one thread.
+//
+// Lines of one format are limited, because clients can cause most of them at will. Lines that come
+// too often, and lines that nobody takes (a full pipe), are omitted; their number is printed with
+// the next one. `format` is a literal.
+void log_line(const char *format, ...) noexcept __attribute__((format(printf, 1, 2)));
 
 } // namespace tav

@@ -75,22 +75,30 @@ std::size_t shown_bytes(std::string_view text, bool ascii_only) {
 
 } // namespace
 
+Piece take_escaped(std::string_view &text, bool ascii_only) noexcept {
+    constexpr std::string_view digits = "0123456789abcdef";
+    const std::size_t shown = shown_bytes(text, ascii_only);
+    const auto first = static_cast<unsigned char>(text.front());
+    Piece piece;
+    if (shown > 0) {
+        piece.size = text.copy(piece.bytes.data(), shown);
+    } else if (first == '\n') {
+        piece = {{'\\', 'n'}, 2};
+    } else if (first == '\t') {
+        piece = {{'\\', 't'}, 2};
+    } else if (first == '\\') {
+        piece = {{'\\', '\\'}, 2};
+    } else {
+        piece = {{'\\', 'x', digits[first >> 4U], digits[first & 0xfU]}, 4};
+    }
+    text.remove_prefix(std::max<std::size_t>(shown, 1));
+    return piece;
+}
+
 std::string escaped(std::string_view text, bool ascii_only) {
     std::string result;
     while (!text.empty()) {
-        const std::size_t shown = shown_bytes(text, ascii_only);
-        if (shown > 0) {
-            result += text.substr(0, shown);
-        } else if (text.front() == '\n') {
-            result += "\\n";
-        } else if (text.front() == '\t') {
-            result += "\\t";
-        } else if (text.front() == '\\') {
-            result += "\\\\";
-        } else {
-            result += "\\x" + to_hex(text.substr(0, 1));
-        }
-        text.remove_prefix(std::max<std::size_t>(shown, 1));
+        result += take_escaped(text, ascii_only);
     }
     return result;
 }

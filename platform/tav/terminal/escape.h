@@ -9,6 +9,8 @@
 // output can be read back byte for byte.
 #pragma once
 
+#include <array>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,6 +20,17 @@ namespace tav::terminal {
 // `ascii_only`: for a terminal that does not understand UTF-8, where every byte from 0x80 on may be
 // a control character.
 std::string escaped(std::string_view text, bool ascii_only = false);
+
+// One character as `escaped` prints it.
+struct Piece {
+    std::array<char, 4> bytes{};
+    std::size_t size = 0;
+
+    operator std::string_view() const { return {bytes.data(), size}; }
+};
+
+// Removes the first character of `text`, which is not empty. Allocates no memory.
+Piece take_escaped(std::string_view &text, bool ascii_only = false) noexcept;
 
 // Whether there is a byte from 0x7f on that `escaped` would not print unchanged.
 bool holds_hidden(std::string_view text);

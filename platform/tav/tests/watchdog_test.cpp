@@ -80,6 +80,12 @@ TEST_F(WatchdogTest, OneThatIsGoneIsLoggedAndShownUntilItsNameIsBack) {
     EXPECT_EQ(state(1), WatchdogState::fine);
 }
 
+TEST_F(WatchdogTest, ANameCannotForgeALogLine) {
+    announce(1, "a\ntavd: exiting\x1b[2J");
+    EXPECT_EQ(logged([this] { dog.depart(1); }),
+              "tavd: watchdog 'a\\ntavd: exiting\\x1b[2J' (process 42) disconnected\n");
+}
+
 TEST_F(WatchdogTest, AWithdrawnOneIsForgottenWithoutALogLine) {
     announce(1, "worker");
     EXPECT_EQ(dog.announce(1, 42, WatchdogRequest{"worker", 60, false}, now), api_status_ok);
