@@ -33,15 +33,18 @@ constexpr std::array<Code, static_cast<std::size_t>(Style::number_)> codes{{
 
 static_assert(in_order(codes, &Code::style));
 
-// A terminal that does not expect UTF-8 may treat some of its bytes as control characters.
-bool ascii_only() {
+bool locale_is_utf8() {
     static const bool result = [] {
-        const bool terminal = on_terminal() || ::isatty(STDERR_FILENO) == 1;
         std::setlocale(LC_CTYPE, "");
-        const bool utf8 = std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0;
-        return terminal && !utf8;
+        return std::strcmp(::nl_langinfo(CODESET), "UTF-8") == 0;
     }();
     return result;
+}
+
+// A terminal that does not expect UTF-8 may treat some of its bytes as control characters.
+bool ascii_only() {
+    static const bool terminal = on_terminal() || ::isatty(STDERR_FILENO) == 1;
+    return terminal && !locale_is_utf8();
 }
 
 bool is_set(const char *variable) {
@@ -69,7 +72,7 @@ std::string shown(std::string_view text) {
 }
 
 std::string shown_word(std::string_view text) {
-    return shell_word(text, ascii_only());
+    return shell_word(text, !locale_is_utf8());
 }
 
 std::string painted(std::string_view words, Style style, bool color) {

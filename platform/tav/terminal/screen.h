@@ -24,7 +24,8 @@ bool use_color(Color wish);
 // ASCII alone where a terminal does not expect UTF-8.
 std::string shown(std::string_view text);
 
-// The same as one word of a shell's command line, so that a suggested command can be copied.
+// The same as one word of a shell's command line, so that a suggested command can be copied. It is
+// ASCII alone unless the locale is UTF-8, wherever it is printed: it means the same in each shell.
 std::string shown_word(std::string_view text);
 
 // `words`, which are the program's own or were shown(), in a style's colour if `color`.

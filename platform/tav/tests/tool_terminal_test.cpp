@@ -127,3 +127,12 @@ TEST_F(ToolTerminalTest, LettersBeyondAsciiNeedATerminalThatKnowsThem) {
     EXPECT_EQ(show({"get", "/v"}), "\\xc3\\xa4\r\n");
     EXPECT_EQ(good({"get", "/v"}), "\xc3\xa4\n") << "a file is the same in every locale";
 }
+
+TEST_F(ToolTerminalTest, ASuggestedCommandCanBeCopiedInEveryLocale) {
+    good({"mknode", "/\xc3\xa4"});
+    const std::vector<std::string> absent{"get", "/\xc3\xa4/b"};
+    EXPECT_NE(bad(1, absent).find("tav ls '/\xc3\xa4'\n"), std::string::npos);
+    ::setenv("LC_ALL", "C", 1);
+    EXPECT_NE(bad(1, absent).find("tav ls $'/\\xc3\\xa4'\n"), std::string::npos);
+    EXPECT_NE(show(absent).find("tav ls $'/\\xc3\\xa4'\r\n"), std::string::npos);
+}
