@@ -60,6 +60,7 @@ const char usage[] =
     "  --socket-mode MODE   with these permissions of the socket, octal (default: 0660)\n"
     "\n"
     "  --help               print this text\n"
+    "  --version            print the version\n"
     "\n"
     "Exit status: 0 ended by a signal, 1 failed (the reason is on standard error), 2 usage.\n";
 
@@ -71,7 +72,7 @@ struct Options {
     std::string write_group;
     std::string read_group;
     bool memory = false;
-    bool help = false;
+    const char *print = nullptr; // only print this text
     mode_t mode = 0660;
 };
 
@@ -150,14 +151,15 @@ std::optional<Options> parse(int argc, char **argv) {
                                    {"socket", required_argument, nullptr, 's'},
                                    {"socket-mode", required_argument, nullptr, 'p'},
                                    {"help", no_argument, nullptr, 'h'},
+                                   {"version", no_argument, nullptr, 'V'},
                                    {nullptr, 0, nullptr, 0}};
     Options options;
     const char *variable = std::getenv(tav::socket_variable);
     options.socket = variable != nullptr && *variable != '\0' ? variable : tav::default_socket;
     int found = 0;
     while ((found = getopt_long(argc, argv, "h", known, nullptr)) != -1) {
-        if (found == 'h') {
-            options.help = true;
+        if (found == 'h' || found == 'V') {
+            options.print = found == 'h' ? usage : "tavd " TAV_VERSION "\n";
             return options;
         }
         if (!take(found, optarg, options)) {
@@ -185,6 +187,8 @@ tav::UniqueFd catch_signals() {
     sigprocmask(SIG_BLOCK, &set, nullptr);
     // A log whose reader has exited must not end the service.
     static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
+    // A write beyond RLIMIT_FSIZE must fail like one to a full disk.
+    static_cast<void>(std::signal(SIGXFSZ, SIG_IGN));
     return tav::UniqueFd(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
@@ -243,9 +247,12 @@ int main(int argc, char **argv) {
             std::fputs("Try 'tavd --help'.\n", stderr);
             return exit_usage;
         }
-        if (options->help) {
-            std::fputs(usage, stdout);
-            return 0;
+        if (options->print != nullptr) {
+            std::fputs(options->print, stdout);
+            if (std::fflush(stdout) == 0) {
+                return 0;
+            }
+            throw std::runtime_error("the output could not be written");
         }
         serve(*options);
         return 0;

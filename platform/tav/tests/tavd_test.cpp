@@ -121,6 +121,7 @@ TEST_F(TavdTest, UsageIsPrintedAndMistakesAreRefused) {
     const Ran help = second({"--help"});
     EXPECT_EQ(help.status, 0);
     EXPECT_NE(help.output.find("Usage: tavd"), std::string::npos);
+    EXPECT_EQ(second({"--version"}).output, "tavd " TAV_VERSION "\n");
     for (const Names &wrong : {Names{}, Names{"--memory", "--database", database}, Names{"--what"},
                                Names{"--memory", "more"}, Names{"--memory", "--socket-mode", "9"},
                                Names{"--memory", "--durability", "full"},
@@ -224,6 +225,22 @@ TEST_F(TavdTest, AWriteThatChangesNothingDoesNotReachTheDisk) {
     EXPECT_EQ(read_file(database + "-wal"), before);
     client.set("/a", "2");
     EXPECT_NE(read_file(database + "-wal"), before);
+}
+
+TEST_F(TavdTest, AWriteBeyondTheLimitOfTheFileSizeIsRefused) {
+    prefix = {"/bin/sh", "-c", "ulimit -f 2000 && exec \"$0\" \"$@\""}; // about a megabyte
+    start(on_disk);
+    Client client;
+    const auto write = [&client](int i) {
+        return client.set("/" + std::to_string(i), std::string(60000, 'x'));
+    };
+    int stored = 0;
+    while (stored < 100 && write(stored) == api_status_ok) {
+        ++stored;
+    }
+    EXPECT_LT(stored, 100);
+    EXPECT_EQ(write(stored), api_status_failed);
+    EXPECT_EQ(client.list("/").size(), static_cast<std::size_t>(stored));
 }
 
 // Clients that misbehave
