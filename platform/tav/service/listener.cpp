@@ -42,6 +42,24 @@ UniqueFd stream_socket() {
     return fd;
 }
 
+// Other users could replace the socket and the lock, or leave links under their names.
+void refuse_shared(const std::string &directory) {
+    struct stat info {};
+    if (::stat(directory.c_str(), &info) != 0) {
+        fail("cannot examine directory '" + directory + "'");
+    }
+    const bool own = info.st_uid == 0 || info.st_uid == ::geteuid();
+    if (own && (info.st_mode & (S_IWGRP | S_IWOTH)) == 0) {
+        return;
+    }
+    const bool keeps_others_out = own && (info.st_mode & S_ISVTX) != 0;
+    throw ListenError(
+        "other users can write to directory '" + directory + "': " +
+        (keeps_others_out
+             ? "use one inside it, which is created, such as '" + directory + "/tavd'"
+             : "use another one, or let only root or this user own it and write to it"));
+}
+
 } // namespace
 
 Listener::Listener(const std::string &wanted, std::optional<gid_t> group)
@@ -49,6 +67,7 @@ Listener::Listener(const std::string &wanted, std::optional<gid_t> group)
     address_of(path + unfinished_suffix);
     try {
         make_directory_of(path, group);
+        refuse_shared(directory_of(path));
     } catch (const std::runtime_error &error) {
         throw ListenError("socket '" + path + "': " + error.what());
     }
@@ -56,35 +75,51 @@ Listener::Listener(const std::string &wanted, std::optional<gid_t> group)
     try {
         refuse_served();
     } catch (const ListenError &) {
-        ::unlink(lock_path.c_str());
+        remove(lock_path, lock_file());
         throw;
     }
 }
 
 Listener::~Listener() {
-    if (listening) {
-        ::unlink(path.c_str());
-    }
+    remove(path, socket_file);
     // Remove it while it is still locked, so that take_lock can detect the removal.
-    ::unlink(lock_path.c_str());
+    remove(lock_path, lock_file());
+}
+
+Listener::FileId Listener::file_at(const std::string &name) {
+    struct stat info {};
+    return ::lstat(name.c_str(), &info) == 0 ? FileId{info.st_dev, info.st_ino} : FileId{};
+}
+
+Listener::FileId Listener::lock_file() const {
+    struct stat info {};
+    return ::fstat(lock.get(), &info) == 0 ? FileId{info.st_dev, info.st_ino} : FileId{};
+}
+
+// If this service's files were moved away, another one may serve under their names.
+void Listener::remove(const std::string &name, const FileId &own) {
+    if (file_at(name) == own) {
+        ::unlink(name.c_str());
+    }
 }
 
 void Listener::listen(mode_t mode) {
     const std::string unfinished = path + unfinished_suffix;
     listen_at(unfinished, mode);
+    const FileId created = file_at(unfinished);
     // Renaming replaces the socket of a dead service with this one, which already accepts
     // connections.
     if (::rename(unfinished.c_str(), path.c_str()) != 0) {
         fail("cannot create '" + path + "'");
     }
-    listening = true;
+    socket_file = created;
 }
 
 // The holder of the lock is the service: unlike a connection attempt, this also works while another
 // service is starting. The lock ends with the process that holds it.
 void Listener::take_lock() {
     for (;;) {
-        lock = UniqueFd(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+        lock = UniqueFd(::open(lock_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
         if (!lock.valid()) {
             fail("cannot open '" + lock_path + "'");
         }
@@ -95,10 +130,7 @@ void Listener::take_lock() {
             fail("cannot lock '" + lock_path + "'");
         }
         // The previous holder may have removed the file between our open and our lock.
-        struct stat held {};
-        struct stat named {};
-        if (::fstat(lock.get(), &held) == 0 && ::stat(lock_path.c_str(), &named) == 0 &&
-            held.st_ino == named.st_ino && held.st_dev == named.st_dev) {
+        if (file_at(lock_path) == lock_file()) {
             return;
         }
     }

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <csignal>
@@ -87,6 +88,56 @@ TEST_F(TavdTest, SomebodyElsesServiceIsNotReplaced) {
     EXPECT_NE(refused.errors.find("another service is serving"), std::string::npos);
     EXPECT_FALSE(exists(socket + ".lock"));
     EXPECT_TRUE(exists(socket));
+}
+
+TEST_F(TavdTest, ADirectoryThatOthersCanWriteToIsRefused) {
+    const std::string directory = dir.file("run");
+    ::mkdir(directory.c_str(), 0700);
+    const std::string refusal =
+        "tavd: socket '" + socket + "': other users can write to directory '" + directory + "': ";
+    for (const mode_t mode : {01777U, 0777U, 0770U}) {
+        ::chmod(directory.c_str(), mode);
+        const Ran refused = second({"--memory"});
+        EXPECT_EQ(refused.status, 1);
+        EXPECT_EQ(
+            refused.errors,
+            refusal +
+                (mode == 01777
+                     ? "use one inside it, which is created, such as '" + directory + "/tavd'\n"
+                     : "use another one, or let only root or this user own it and write "
+                       "to it\n"));
+    }
+    ::chmod(directory.c_str(), 0711);
+    start();
+    if (::geteuid() == 0 && ::chown(directory.c_str(), 54321, 0) == 0) {
+        EXPECT_EQ(stop(), 0);
+        EXPECT_EQ(second({"--memory"}).status, 1) << "its owner can write to it";
+    }
+}
+
+TEST_F(TavdTest, TheLockIsNoLink) {
+    ::mkdir(dir.file("run").c_str(), 0700);
+    ASSERT_EQ(::symlink(dir.file("elsewhere").c_str(), (socket + ".lock").c_str()), 0);
+    const Ran refused = second({"--memory"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_NE(refused.errors.find("cannot open '" + socket + ".lock'"), std::string::npos);
+    EXPECT_FALSE(exists(dir.file("elsewhere")));
+}
+
+TEST_F(TavdTest, TheEndOfAServiceLeavesTheFilesOfAnother) {
+    start();
+    const std::unique_ptr<Process> first = std::move(tavd);
+    for (const char *suffix : {"", ".lock"}) {
+        ASSERT_EQ(::rename((socket + suffix).c_str(), dir.file("moved").c_str()), 0);
+    }
+    start();
+    first->signal(SIGTERM);
+    EXPECT_EQ(first->wait(), 0);
+    EXPECT_TRUE(exists(socket + ".lock"));
+    EXPECT_TRUE(Client().connected());
+    EXPECT_EQ(stop(), 0);
+    EXPECT_FALSE(exists(socket));
+    EXPECT_FALSE(exists(socket + ".lock"));
 }
 
 TEST_F(TavdTest, ADatabaseInUseIsRefused) {
