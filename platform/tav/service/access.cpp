@@ -31,6 +31,22 @@ Credentials credentials_of(int fd) {
     }
 }
 
+ConnectionLimits connection_limits(std::size_t descriptors) {
+    constexpr std::size_t own_files = 20; // of the service and its database, with a margin
+    constexpr std::size_t least_kept = 8; // four clients
+    constexpr std::size_t least = own_files + least_kept + 4;
+    if (descriptors < least) {
+        throw std::runtime_error("the limit of open files is " + std::to_string(descriptors) +
+                                 "; raise it (ulimit -n) to at least " + std::to_string(least));
+    }
+    ConnectionLimits result;
+    result.all = std::min(descriptors - own_files, limits::connections);
+    result.kept = std::clamp(result.all / 8, least_kept, limits::connections_kept);
+    result.per_user =
+        std::clamp((result.all - result.kept) / 2, least_kept, limits::connections_per_user);
+    return result;
+}
+
 Access Rights::of(const Credentials &who) const {
     const auto member = [&who](const std::optional<gid_t> &group) {
         return group && (who.gid == *group || std::find(who.groups.begin(), who.groups.end(),

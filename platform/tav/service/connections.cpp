@@ -53,14 +53,14 @@ void Server::accept_all() {
 
 // Null when there is room for one more connection of this user.
 const char *Server::why_full(const Credentials &who) {
-    const std::size_t most =
-        rights.owns(who.uid) ? limits::connections : limits::connections - limits::connections_kept;
+    const ConnectionLimits &limit = rights.connections;
+    const std::size_t most = rights.owns(who.uid) ? limit.all : limit.all - limit.kept;
     if (peers.size() >= most) {
         service.usage().refuse(Limit::connections);
         return "the service has reached its limit of connections";
     }
     const auto own = users.find(who.uid);
-    if (own != users.end() && own->second.connections >= limits::connections_per_user) {
+    if (own != users.end() && own->second.connections >= limit.per_user) {
         service.usage().refuse(Limit::user_connections);
         return "this user has reached the limit of connections per user";
     }

@@ -39,9 +39,9 @@ void EventBatch::drop(Index::iterator entry) noexcept {
 
 // Without new memory, so that it cannot fail.
 void EventBatch::absorb(EventBatch &later) noexcept {
-    while (!later.index.empty()) {
-        auto node = later.index.extract(later.index.begin());
-        LoggedEvent &event = *node.mapped();
+    for (auto added = later.list.begin(); added != later.list.end(); ++added) {
+        LoggedEvent &event = *added;
+        auto node = later.index.extract(key_of(event));
         const auto known = index.find(node.key());
         if (known != index.end()) {
             const LoggedEvent &replaced = *known->second;

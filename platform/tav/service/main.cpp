@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -192,14 +193,23 @@ tav::UniqueFd catch_signals() {
     return tav::UniqueFd(::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-// Allows as many descriptors as there may be connections, if the system permits it.
-void raise_descriptor_limit() {
+// Allows as many descriptors as there may be connections, if the system permits it. Returns the
+// limit.
+std::size_t raise_descriptor_limit() {
     constexpr rlim_t wanted = 4096;
     rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < wanted) {
-        limit.rlim_cur = limit.rlim_max < wanted ? limit.rlim_max : wanted;
-        ::setrlimit(RLIMIT_NOFILE, &limit); // refused: fewer connections, nothing worse
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        throw std::runtime_error(std::string("cannot get the limit of open files: ") +
+                                 std::strerror(errno));
     }
+    if (limit.rlim_cur < wanted) {
+        rlimit raised = limit;
+        raised.rlim_cur = std::min(limit.rlim_max, wanted);
+        if (::setrlimit(RLIMIT_NOFILE, &raised) == 0) {
+            limit = raised; // otherwise there are fewer connections
+        }
+    }
+    return limit.rlim_cur;
 }
 
 tav::Rights rights_of(const Options &options) {
@@ -217,12 +227,12 @@ tav::Rights rights_of(const Options &options) {
 void serve(const Options &options) {
     // Users without access to the service must not be able to read its files either.
     ::umask(027);
-    const tav::Rights rights = rights_of(options);
+    tav::Rights rights = rights_of(options);
     const tav::UniqueFd signals = catch_signals();
     if (!signals.valid()) {
         throw std::runtime_error(std::string("cannot create a signalfd: ") + std::strerror(errno));
     }
-    raise_descriptor_limit();
+    rights.connections = tav::connection_limits(raise_descriptor_limit());
     // Claimed first, so that a second service reports the socket and not the database as in use.
     tav::Listener listener(options.socket, rights.socket_group());
     const auto durability = options.durability.value_or(tav::Durability::full);
@@ -230,6 +240,8 @@ void serve(const Options &options) {
                                       : std::make_unique<tav::Store>(options.database, durability,
                                                                      options.initial_nodes);
     const auto service = tav::make_service(*store, options.database);
+    service->usage().change(tav::Limit::connections, rights.connections.all);
+    service->usage().change(tav::Limit::user_connections, rights.connections.per_user);
     listener.listen(options.mode);
     tav::Server server(*service, listener, signals.get(), rights);
     tav::log_line("serving on %s (%s%s)", options.socket.c_str(),

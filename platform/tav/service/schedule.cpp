@@ -4,6 +4,20 @@
 
 namespace tav {
 
+namespace {
+
+// Needs no memory, and so cannot fail.
+template <typename Entry>
+void move(std::set<Entry> &waiting, const Entry &entry, Schedule::Duration time) {
+    auto node = waiting.extract(entry);
+    if (!node.empty()) {
+        node.value().first += time;
+        waiting.insert(std::move(node));
+    }
+}
+
+} // namespace
+
 void Schedule::add(uid_t number, Id connection) {
     User &user = users[number];
     Connection &found = user.connections[connection];
@@ -65,16 +79,11 @@ void Schedule::charge(uid_t number, Id connection, Duration time) {
     Connection &charged = user.connections.at(connection);
     least = std::max(least, user.used);
     user.least = std::max(user.least, charged.used);
-    // Moved within their sets, which needs no memory and so cannot fail.
     if (!user.waiting.empty()) {
-        auto node = waiting.extract({user.used, number});
-        node.value().first += time;
-        waiting.insert(std::move(node));
+        move(waiting, std::make_pair(user.used, number), time);
     }
     if (charged.waits) {
-        auto node = user.waiting.extract({charged.used, connection});
-        node.value().first += time;
-        user.waiting.insert(std::move(node));
+        move(user.waiting, std::make_pair(charged.used, connection), time);
     }
     charged.used += time;
     user.used += time;

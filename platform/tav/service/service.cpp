@@ -226,7 +226,7 @@ ServiceStatus Service::status() {
     limits_used.set(Limit::children, largest.children);
     limits_used.set(Limit::elements, extent.elements());
     limits_used.set(Limit::bytes, extent.bytes);
-    limits_used.limit(Limit::bytes, served.byte_limit);
+    limits_used.change(Limit::bytes, served.byte_limit);
 
     ServiceStatus status;
     status.pid = static_cast<std::uint32_t>(::getpid());

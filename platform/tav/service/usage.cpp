@@ -63,8 +63,8 @@ void Usage::count(api_status_t status) {
 std::vector<LimitStatus> Usage::status() const {
     std::vector<LimitStatus> result;
     for (std::size_t i = 0; i < table.size(); ++i) {
-        const std::uint64_t limit = table[i].value != 0 ? table[i].value : rows[i].chosen;
-        result.push_back(LimitStatus{table[i].name, rows[i].used, limit, rows[i].refused});
+        result.push_back(LimitStatus{table[i].name, rows[i].used,
+                                     rows[i].value.value_or(table[i].value), rows[i].refused});
     }
     return result;
 }

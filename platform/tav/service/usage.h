@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "protocol/messages.h"
@@ -35,10 +36,10 @@ class Usage {
 public:
     // Sets the present use.
     void set(Limit limit, std::uint64_t used) { at(limit).used = used; }
-    // Sets a limit that is chosen when the service starts.
-    void limit(Limit limit, std::uint64_t value) { at(limit).chosen = value; }
     // Raises the largest use so far.
     void raise(Limit limit, std::uint64_t used);
+    // Replaces the limit that is shown.
+    void change(Limit limit, std::uint64_t value) { at(limit).value = value; }
     // Counts a request that exceeded the limit.
     void refuse(Limit limit) { ++at(limit).refused; }
     // Counts a path of a call with this status, if it is the status of a limit.
@@ -48,9 +49,9 @@ public:
 
 private:
     struct Row {
-        std::uint64_t chosen = 0;
         std::uint64_t used = 0;
         std::uint64_t refused = 0;
+        std::optional<std::uint64_t> value; // if it is not that of the table
     };
     Row &at(Limit limit) { return rows[static_cast<std::size_t>(limit)]; }
 

@@ -132,6 +132,20 @@ TEST(Rights, TheSocketBelongsToTheGroupWhoseMembersAllConnect) {
     EXPECT_EQ((Rights{0, 50, 60}.socket_group()), 60U);
 }
 
+TEST(Rights, FewDescriptorsMeanFewConnectionsAndStillSomeForRoot) {
+    const auto limits_of = [](std::size_t descriptors) {
+        const tav::ConnectionLimits limits = tav::connection_limits(descriptors);
+        return std::vector<std::size_t>{limits.all, limits.kept, limits.per_user};
+    };
+    using Numbers = std::vector<std::size_t>;
+    EXPECT_EQ(limits_of(4096), (Numbers{1024, 128, 256}));
+    EXPECT_EQ(limits_of(1024), (Numbers{1004, 125, 256}));
+    EXPECT_EQ(limits_of(220), (Numbers{200, 25, 87}));
+    EXPECT_EQ(limits_of(40), (Numbers{20, 8, 8}));
+    EXPECT_EQ(limits_of(32), (Numbers{12, 8, 8}));
+    EXPECT_THROW(limits_of(31), std::runtime_error);
+}
+
 TEST_F(StoreTest, AGroupThatDoesNotExistIsNamed) {
     const Ran ran = run(dir, tavd_arguments({"--memory", "--read-group", "no-such-group"}));
     EXPECT_EQ(ran.status, 1);
@@ -300,4 +314,19 @@ TEST_F(RightsTest, AllOthersTogetherLeaveConnectionsToRoot) {
     Client root;
     ASSERT_TRUE(root.connected());
     EXPECT_EQ(root.set("/a", "1"), api_status_ok);
+}
+
+TEST_F(RightsTest, OthersLeaveConnectionsToRootWhenDescriptorsAreFew) {
+    prefix = {"/bin/sh", "-c", "ulimit -n 40 && exec \"$0\" \"$@\""};
+    start({"--database", dir.file("store.db"), "--write-group", name_of(writers)});
+    const Crowd one(stranger);
+    const Crowd other(stranger + 1);
+    EXPECT_EQ(one.clients + other.clients, 6U);
+    Client root;
+    ASSERT_TRUE(root.connected());
+    EXPECT_EQ(root.set("/a", "1"), api_status_ok);
+    const std::string shown = tav({"status"}).output;
+    EXPECT_NE(shown.find("connections of a user                          8           8"),
+              std::string::npos)
+        << shown;
 }
