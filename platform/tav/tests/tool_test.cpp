@@ -7,6 +7,8 @@
 
 #include <unistd.h>
 
+#include <fstream>
+
 using namespace tavtest;
 using Json = nlohmann::json;
 
@@ -127,12 +129,39 @@ TEST_F(ToolTest, ColoursComeOnlyWhenAskedForOutsideATerminal) {
     bad(2, {"tree", "--color=perhaps"});
 }
 
-TEST_F(ToolTest, OutputThatCannotBeWrittenIsAnError) {
-    good({"set", "/a/b", std::string(60000, 'x')});
-    ASSERT_EQ(::symlink("/dev/full", dir.file("full.out").c_str()), 0);
-    Process tool(dir, "full", {TAV_PROGRAM, "dump"});
-    EXPECT_EQ(tool.wait(), 1);
-    EXPECT_EQ(tool.errors(), "tav: the output could not be written\n");
+TEST_F(ToolTest, OutputThatCannotBeWrittenIsAnErrorOfEveryCommand) {
+    good({"set", "/a/b", "1"});
+    std::ofstream(dir.file("empty")) << R"({"format":"tav-dump","version":1,"path":"/",)"
+                                     << R"("elements":[]})";
+    int number = 0;
+    const auto full = [&](std::vector<std::string> arguments) {
+        const std::string name = "full" + std::to_string(++number);
+        EXPECT_EQ(::symlink("/dev/full", dir.file(name + ".out").c_str()), 0);
+        arguments.insert(arguments.begin(), TAV_PROGRAM);
+        return std::make_unique<Process>(dir, name, arguments);
+    };
+    const std::string message = "tav: the output could not be written\n";
+    for (const std::vector<std::string> &command :
+         std::vector<std::vector<std::string>>{{"get", "/a/b"},
+                                               {"get", "-r", "/"},
+                                               {"ls"},
+                                               {"tree"},
+                                               {"dump"},
+                                               {"diff", dir.file("empty")},
+                                               {"status"},
+                                               {"help"},
+                                               {"--help"},
+                                               {"--version"},
+                                               {"get", "--help"}}) {
+        const auto tool = full(command);
+        EXPECT_EQ(tool->wait(), command.front() == "diff" ? 2 : 1) << command.front();
+        EXPECT_EQ(tool->errors(), message) << command.front();
+    }
+    const auto watch = full({"watch"});
+    ASSERT_TRUE(watch->wait_for_error_text("watching /"));
+    good({"touch", "/a/b"});
+    EXPECT_EQ(watch->wait(), 1);
+    EXPECT_NE(watch->errors().find(message), std::string::npos);
 }
 
 TEST_F(ToolTest, LsPrintsOneNamePerLine) {
@@ -262,7 +291,16 @@ TEST_F(ToolTest, AWrongCommandLineEndsWithTwo) {
     bad(2, {"set", "-t", "colour", "/a", "b"});
     bad(2, {"rm"});
     bad(2, {"ls", "/a", "/b"});
-    bad(2, {"watch", "--count", "x"});
+    for (const char *number : {"x", "-1", "0", "", "1x", "18446744073709551616"}) {
+        EXPECT_EQ(bad(2, {"watch", "--count", number}),
+                  "tav: '" + std::string(number) +
+                      "' is not a number of changes, which is 1 or more; try: tav watch --help\n");
+    }
+    for (const char *time : {"x", "nan", "-nan", "inf", "-1", "1e10", "", "1x"}) {
+        EXPECT_EQ(bad(2, {"watch", "--timeout", time}),
+                  "tav: '" + std::string(time) +
+                      "' is not a time, which is 0 to 1000000000 seconds; try: tav watch --help\n");
+    }
     EXPECT_EQ(bad(2, {"watch", "--count"}), "tav: --count needs a value; try: tav watch --help\n");
 }
 

@@ -2,9 +2,11 @@
 
 #include <CLI/CLI.hpp>
 
+#include <charconv>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <optional>
 
 #include "protocol/protocol.h"
 #include "terminal/escape.h"
@@ -87,6 +89,7 @@ public:
             check_choices();
             take_pairs();
             take_paths();
+            take_numbers();
         } catch (const CLI::ParseError &error) {
             request.result = report(error);
             request.command = nullptr;
@@ -242,10 +245,9 @@ private:
 
     void add_rest() {
         CLI::App *sub = add("watch", "Print the changes of leaves at or below a path", watch);
-        sub->add_option("--count", request.options.count, "Exit after N changes")->type_name("N");
+        sub->add_option("--count", count, "Exit after N changes")->type_name("N");
         sub->add_option("--timeout", timeout,
                         "Exit after that many seconds, with status 1 if --count was not reached")
-            ->check(CLI::Range(0.0, 1e9).description(""))
             ->type_name("SECONDS");
         add_json(sub, "Print one JSON object per line");
         add_path(sub);
@@ -286,8 +288,27 @@ private:
         for (std::string &given : options.paths) {
             given = trimmed_path(word(given));
         }
-        if (timeout >= 0) {
-            options.timeout = timeout;
+    }
+
+    // CLI11's own numbers include nan, and -1 as a large one.
+    void take_numbers() {
+        Options &options = request.options;
+        if (count) {
+            const char *end = count->data() + count->size();
+            const auto [stop, error] = std::from_chars(count->data(), end, options.count);
+            if (error != std::errc() || stop != end || options.count == 0) {
+                throw CLI::ValidationError("'" + *count +
+                                           "' is not a number of changes, which is 1 or more");
+            }
+        }
+        if (timeout) {
+            char *end = nullptr;
+            options.timeout = std::strtod(timeout->c_str(), &end);
+            const bool possible = *options.timeout >= 0 && *options.timeout <= 1e9; // not for nan
+            if (timeout->empty() || *end != '\0' || !possible) {
+                throw CLI::ValidationError("'" + *timeout +
+                                           "' is not a time, which is 0 to 1000000000 seconds");
+            }
         }
     }
 
@@ -321,7 +342,8 @@ private:
     std::string color = "auto";
     bool merge = false;
     bool escaped_words = false;
-    double timeout = -1;
+    std::optional<std::string> count;
+    std::optional<std::string> timeout;
 };
 
 } // namespace

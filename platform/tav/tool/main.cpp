@@ -7,6 +7,8 @@
 #include "tool/screen.h"
 #include "tool/tool.h"
 
+using namespace tav::tool; // NOLINT: nothing but the tool's own names here
+
 // The client library reports its errors here.
 extern "C" __attribute__((visibility("default"))) void mlr_err(unsigned int level,
                                                                const char *format, ...) {
@@ -16,39 +18,41 @@ extern "C" __attribute__((visibility("default"))) void mlr_err(unsigned int leve
     va_start(arguments, format);
     vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
-    tav::tool::complain(tav::tool::shown(message));
+    complain(shown(message));
 }
 
 namespace {
 
-int carry_out(const tav::tool::Request &request) {
-    using namespace tav::tool; // NOLINT: nothing but the tool's own names here
+int carry_out(const Request &request) {
     Client client;
     if (!client.connected()) {
         complain("check that tavd runs and that you may use its socket; --socket or TAV_SOCKET "
                  "names another socket");
         return exit_unreachable;
     }
-    const int result = request.command(client, request.options);
-    return finish_output() ? result : exit_refused;
+    return request.command(client, request.options);
+}
+
+// The exit code of a command, or of help (null).
+int finish(Command command, int result) {
+    constexpr int lost = -1;
+    const int all = finish_output() ? result : lost;
+    if (command == diff) {
+        return all == exit_done || all == exit_different ? all : exit_trouble;
+    }
+    return all == lost ? exit_refused : all;
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    using namespace tav::tool; // NOLINT: nothing but the tool's own names here
+    Command command = nullptr;
     try {
         const Request request = parse(argc, argv);
-        if (request.command == nullptr) {
-            return request.result;
-        }
-        const int result = carry_out(request);
-        // For diff every other result is the same error.
-        return request.command == diff && result != exit_done && result != exit_different
-                   ? exit_trouble
-                   : result;
+        command = request.command;
+        return finish(command, command != nullptr ? carry_out(request) : request.result);
     } catch (const std::exception &error) {
         complain(error.what());
-        return exit_refused;
+        return command == diff ? exit_trouble : exit_refused;
     }
 }

@@ -44,9 +44,10 @@ void print_event(const toolkit::CEvent &event, bool json) {
     }
 }
 
-// Waits until the descriptor is readable; false if the time is over.
+// Waits until the descriptor is readable; false if the time is over, even if it is readable:
+// wake-ups may come faster than they are served.
 bool wait_readable(int fd, const std::optional<Clock::time_point> &end) {
-    for (;;) {
+    while (!end || Clock::now() < *end) {
         int left = -1;
         if (end) {
             const auto rest = std::chrono::ceil<std::chrono::milliseconds>(*end - Clock::now());
@@ -57,10 +58,8 @@ bool wait_readable(int fd, const std::optional<Clock::time_point> &end) {
         if (ready > 0 || (ready < 0 && errno != EINTR)) {
             return true;
         }
-        if (end && Clock::now() >= *end) {
-            return false;
-        }
     }
+    return false;
 }
 
 } // namespace

@@ -1,0 +1,51 @@
+// The command-line tool and a service that does not keep the protocol's promises.
+#include "support/raw_peer.h"
+#include "support/store_fixture.h"
+
+#include <gtest/gtest.h>
+
+using namespace tavtest;
+using tav::Writer;
+
+namespace {
+
+class ToolHostileTest : public StoreTest {
+protected:
+    // Answers every request with `content`, but not for ever: a tool that would never end loses the
+    // connection. A wake-up follows each registration and each fetch.
+    void answer_all(const std::function<void(tav::Op, Writer &)> &content) {
+        service = std::make_unique<FakeService>(socket, [=](RawPeer &calls, RawPeer &wake) {
+            const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+            while (std::chrono::steady_clock::now() < end) {
+                const std::string request = calls.receive();
+                if (request.empty()) {
+                    return;
+                }
+                tav::Reader reader(request);
+                tav::RequestHeader header;
+                get(reader, header);
+                const bool fetch = header.op == tav::Op::events_get;
+                calls.send(reply_frame(header.serial, fetch,
+                                       [&](Writer &out) { content(header.op, out); }));
+                if (fetch || header.op == tav::Op::event_register) {
+                    wake.send(std::string(1, tav::wake_byte));
+                }
+            }
+        });
+    }
+
+    std::unique_ptr<FakeService> service;
+};
+
+} // namespace
+
+TEST_F(ToolHostileTest, AFloodOfWakeUpsDoesNotProlongTheTimeOfWatch) {
+    answer_all([](tav::Op op, Writer &out) {
+        if (op == tav::Op::events_get) {
+            put_all(out, std::vector<tav::Event>{});
+        } else {
+            put(out, api_status_ok);
+        }
+    });
+    EXPECT_EQ(tav({"watch", "--timeout", "0.2"}).status, 0);
+}
