@@ -20,12 +20,8 @@ int transact(mlr_client_t *client, const std::vector<Item> &items,
         return connection->usable() ? call_done : call_failed;
     }
     std::vector<api_status_t> answer;
-    const int result = perform(*connection, Op::transact, request, [&](Reader &reader) {
-        get_all(reader, answer);
-        if (answer.size() != items.size()) {
-            reader.fail();
-        }
-    });
+    const int result = perform(*connection, Op::transact, request,
+                               [&](Reader &reader) { get_exactly(reader, answer, items.size()); });
     if (result == call_done) {
         statuses = std::move(answer);
     }

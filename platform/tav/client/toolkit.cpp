@@ -47,10 +47,7 @@ int CTav::get_leaves(const std::vector<tk_string> &paths, std::vector<api_status
     std::vector<tav::LeafAnswer> answers;
     answers.reserve(number);
     const int result = tav::perform(*connection, Op::read, request, [&](Reader &reader) {
-        tav::get_all(reader, answers);
-        if (answers.size() != number) {
-            reader.fail();
-        }
+        tav::get_exactly(reader, answers, number);
     });
     if (result != call_done) {
         return result;

@@ -212,4 +212,17 @@ void get_all(Reader &in, std::vector<T> &values) {
     }
 }
 
+// The same for an answer of one object to each of `number` questions; others are invalid, and take
+// no memory.
+template <typename T>
+void get_exactly(Reader &in, std::vector<T> &values, std::size_t number) {
+    values.clear();
+    if (in.count(1) != number) {
+        in.fail();
+    }
+    for (std::size_t i = 0; i < number && in.ok(); ++i) {
+        get(in, values.emplace_back());
+    }
+}
+
 } // namespace tav

@@ -3,6 +3,7 @@
 #include "support/store_fixture.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include "protocol/limits.h"
 
@@ -196,5 +197,30 @@ TEST_F(LibraryTest, AWrongNumberOfStatusesIsRefused) {
     const std::vector<toolkit::CElement> values(2, toolkit::CElement("x", -1));
     EXPECT_LT(client.tav.set_leaves({"/a", "/b"}, values, {}, statuses, ""), 0);
     EXPECT_EQ(statuses, std::vector<api_status_t>(2, api_status_none));
+    client.close();
+}
+
+TEST_F(LibraryTest, MoreAnswersThanQuestionsTakeNoMemory) {
+    play_answer([](std::uint32_t serial) {
+        return reply_frame(serial, false, [](Writer &out) {
+            constexpr std::uint32_t many = 12U << 20U; // one byte each
+            out.u32(many);
+            for (std::uint32_t i = 0; i < many; ++i) {
+                put(out, api_status_absent);
+            }
+        });
+    });
+    Client client;
+    const auto peak = [] {
+        rusage usage{};
+        ::getrusage(RUSAGE_SELF, &usage);
+        return usage.ru_maxrss / 1024; // MiB
+    };
+    const auto before = peak();
+    std::vector<api_status_t> statuses;
+    std::vector<toolkit::CElement> values;
+    std::vector<element_property_t> properties;
+    EXPECT_LT(client.tav.get_leaves({"/a"}, statuses, values, properties), 0);
+    EXPECT_LT(peak() - before, 300);
     client.close();
 }
