@@ -164,6 +164,14 @@ TEST_F(ToolTest, OutputThatCannotBeWrittenIsAnErrorOfEveryCommand) {
     EXPECT_NE(watch->errors().find(message), std::string::npos);
 }
 
+TEST_F(ToolTest, AClosedOutputIsNotTheConnection) {
+    good({"set", "/a", std::string(60000, 'x')});
+    const Ran ran = run(dir, {"/bin/sh", "-c", "exec \"$0\" get /a <&- >&-", TAV_PROGRAM});
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_EQ(ran.errors, "tav: the output could not be written\n");
+    EXPECT_EQ(tavd->errors().find("disconnected"), std::string::npos) << tavd->errors();
+}
+
 TEST_F(ToolTest, LsPrintsOneNamePerLine) {
     good({"set", "/n/b", "1", "/n/10/x", "1", "/n/9", "1"});
     EXPECT_EQ(good({"ls", "/n"}), "9\n10\nb\n");

@@ -1,4 +1,7 @@
 // tav: the settings store's command-line tool.
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
 #include <exception>
@@ -23,6 +26,16 @@ extern "C" __attribute__((visibility("default"))) void mlr_err(unsigned int leve
 
 namespace {
 
+// A standard stream that is closed must not become the number of the connection: what is printed
+// would be sent to the service. Reading and writing these fails as if they were closed.
+void reserve_standard_streams() {
+    for (const int fd : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(fd, F_GETFD) < 0) {
+            static_cast<void>(::open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY));
+        }
+    }
+}
+
 int carry_out(const Request &request) {
     Client client;
     if (!client.connected()) {
@@ -46,6 +59,7 @@ int finish(Command command, int result) {
 } // namespace
 
 int main(int argc, char **argv) {
+    reserve_standard_streams();
     Command command = nullptr;
     try {
         const Request request = parse(argc, argv);
