@@ -19,6 +19,7 @@ extern "C" __attribute__((visibility("default"))) void mlr_err(unsigned int leve
     char message[512];
     va_list arguments;
     va_start(arguments, format);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): va_start is right above
     vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
     complain(shown(message));
