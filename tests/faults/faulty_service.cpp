@@ -45,8 +45,8 @@ bool holds_change(const std::vector<Event> &events) {
 
 } // namespace
 
-FaultyService::FaultyService(tav::Store &served, std::string database, Plan staged)
-    : Service(served, std::move(database), std::chrono::steady_clock::now),
+FaultyService::FaultyService(tav::Store &tree, std::string database, Plan staged)
+    : Service(tree, std::move(database), std::chrono::steady_clock::now),
       plan(std::move(staged)) {}
 
 // False for operations that no plan can name.
