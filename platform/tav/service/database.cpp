@@ -2,7 +2,6 @@
 
 #include <sqlite3.h>
 
-#include "service/database_file.h"
 #include "service/log.h"
 
 namespace tav {
@@ -25,16 +24,22 @@ Database::Database(const std::string &file, Durability promised,
     sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     // A service locks the file while it runs; a second one fails here.
     database.execute("PRAGMA locking_mode = EXCLUSIVE");
-    check_database(database);
-    load(tree);
+    Version version = check_database(database);
+    const bool first = version.format == first_format;
+    totals = load_rows(database, {!first, !first && !version.unsynced}, tree);
     use_wal();
     database.execute(durability == Durability::full ? "PRAGMA synchronous = FULL"
                                                     : "PRAGMA synchronous = NORMAL");
     begin = database.prepare("BEGIN IMMEDIATE");
     end = database.prepare("COMMIT");
-    replace_row = database.prepare(
-        "INSERT OR REPLACE INTO element (path, type, text, time) VALUES (?, ?, ?, ?)");
-    delete_row = database.prepare("DELETE FROM element WHERE path = ?");
+    if (first) {
+        totals = migrate_database(database, tree);
+        version = Version();
+    }
+    if (version.unsynced != current_version().unsynced) {
+        write_version(database, current_version(), totals);
+    }
+    rows.emplace(database);
     sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
 }
 
@@ -51,42 +56,29 @@ void Database::use_wal() {
     }
 }
 
-// The rows come in bytewise order of their paths, so that parents precede their children, each of
-// which has a row of its own. Each must pass the same checks as a client's write; a row that does
-// not pass means a damaged database.
-void Database::load(Tree &tree) {
-    const Sqlite::Statement statement =
-        database.prepare("SELECT path, type, text, time FROM element ORDER BY path");
-    std::string previous;
-    std::size_t rows = 0;
-    while (database.next(statement.get())) {
-        const std::string path(column_text(statement.get(), 0));
-        Value value;
-        value.type = static_cast<element_type_t>(sqlite3_column_int(statement.get(), 1));
-        value.text = column_text(statement.get(), 2);
-        value.time = sqlite3_column_int64(statement.get(), 3);
-        const api_status_t status = tree.load(path, value);
-        ++rows;
-        if (status != api_status_ok || path <= previous) {
-            refuse_database(database.name(), "is damaged: row " + std::to_string(rows) +
-                                                 " holds no element of this tree (status " +
-                                                 std::to_string(status) + ")");
-        }
-        previous = path;
-    }
+Version Database::current_version() const {
+    Version version;
+    version.unsynced = durability == Durability::normal;
+    return version;
 }
 
-void Database::write(const Change &change) {
-    if (!change.after) {
-        bind_bytes(delete_row.get(), 1, change.path);
-        database.run(delete_row.get());
-        return;
+void Database::write(const std::vector<Change> &changes, Totals &after) {
+    for (const Change &change : changes) {
+        if (!change.stored()) {
+            continue;
+        }
+        if (change.before) {
+            Rows::discount(change.path, *change.before, after);
+        }
+        if (change.after) {
+            rows->put(change.path, *change.after, after);
+        } else {
+            rows->remove(change.path);
+        }
     }
-    bind_bytes(replace_row.get(), 1, change.path);
-    sqlite3_bind_int(replace_row.get(), 2, change.after->type);
-    bind_bytes(replace_row.get(), 3, change.after->text);
-    sqlite3_bind_int64(replace_row.get(), 4, change.after->time);
-    database.run(replace_row.get());
+    if (durability == Durability::full) {
+        rows->store(after);
+    }
 }
 
 // A commit can fail after all of it was written, if the log could not be synced. SQLite discards
@@ -96,7 +88,7 @@ void Database::discard_refused() {
     if (!refused_in_log) {
         return;
     }
-    database.execute(empty_transaction);
+    write_version(database, current_version(), totals);
     refused_in_log = false;
 }
 
@@ -109,13 +101,11 @@ bool Database::commit(const Edit::Changes &changes) {
     try {
         // Until that commit succeeds, no write can be confirmed.
         discard_refused();
+        Totals after = totals;
         database.run(begin.get());
-        for (const Change &change : changes) {
-            if (change.stored()) {
-                write(change);
-            }
-        }
+        write(changes, after);
         database.run(end.get());
+        totals = after;
         return true;
     } catch (const DatabaseError &error) {
         log_line("cannot store a change: %s", error.what());

@@ -1,9 +1,12 @@
 // The tree on disk: an SQLite database in WAL mode, one row per element.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "service/database_file.h"
+#include "service/rows.h"
 #include "service/sqlite.h"
 #include "service/storage.h"
 
@@ -33,16 +36,16 @@ public:
 
 private:
     void use_wal();
-    void load(Tree &tree);
-    void write(const Change &change);
+    Version current_version() const;
+    void write(const std::vector<Change> &changes, Totals &after);
     void discard_refused();
 
     Durability durability;
     Sqlite database;
     Sqlite::Statement begin;
     Sqlite::Statement end;
-    Sqlite::Statement replace_row;
-    Sqlite::Statement delete_row;
+    std::optional<Rows> rows;
+    Totals totals;
     bool refused_in_log = false; // the log on disk may end with a commit that failed
 };
 

@@ -21,7 +21,7 @@ namespace {
 
 // "tavd" in the file's header, so that another program's database is not mistaken for ours.
 constexpr std::int64_t application_id = 0x74617664;
-constexpr std::int64_t format = 1;
+constexpr std::int64_t unsynced_flag = 0x10000; // added to the format
 
 bool exists(const std::string &file) {
     struct stat info {};
@@ -48,18 +48,19 @@ void remove_unfinished(const std::string &unfinished) {
     }
 }
 
-// Adds the rows of the node at `path` and of its parents, except the root.
-void add_nodes(Sqlite &database, const std::string &path) {
-    const Sqlite::Statement row =
-        database.prepare("INSERT OR IGNORE INTO element (path, type, text, time) VALUES"
-                         " (?, ?, x'', ?)");
-    for (std::string_view node = path; node != "/"; node = parent_path(node)) {
-        const std::string key(node);
-        bind_bytes(row.get(), 1, key);
-        sqlite3_bind_int(row.get(), 2, element_type_node);
-        sqlite3_bind_int64(row.get(), 3, no_time);
-        database.run(row.get());
+// Adds the node at `path` and its parents.
+void add_nodes(Tree &tree, const std::string &path) {
+    for (std::size_t slash = 0; slash != std::string::npos && path != "/";) {
+        slash = path.find('/', slash + 1);
+        const std::string node = path.substr(0, slash);
+        if (tree.find(node) == nullptr) {
+            tree.load(node, Value{element_type_node, {}, no_time});
+        }
     }
+}
+
+std::string statement_of(const Version &version) {
+    return "PRAGMA user_version = " + std::to_string(version.number()) + ";";
 }
 
 // In WAL mode from the start, so that the first process to open it has it exclusively. After
@@ -70,25 +71,36 @@ void create(const std::string &unfinished, const std::vector<std::string> &initi
     database.execute("PRAGMA page_size = 1024;"
                      "PRAGMA locking_mode = EXCLUSIVE; PRAGMA synchronous = FULL;"
                      "PRAGMA journal_mode = WAL");
-    database.execute("BEGIN IMMEDIATE;"
-                     "PRAGMA application_id = " +
-                     std::to_string(application_id) +
-                     ";"
-                     "PRAGMA user_version = " +
-                     std::to_string(format) +
-                     ";"
-                     "CREATE TABLE element (path BLOB PRIMARY KEY, type INTEGER NOT NULL,"
-                     " text BLOB NOT NULL, time INTEGER NOT NULL) WITHOUT ROWID");
+    Tree tree;
     for (const std::string &path : initial_nodes) {
-        add_nodes(database, path);
+        add_nodes(tree, path);
     }
+    database.execute("BEGIN IMMEDIATE; PRAGMA application_id = " + std::to_string(application_id) +
+                     ";" + statement_of({}));
+    Rows::create(database);
+    Rows(database).put_all(tree);
     database.execute("COMMIT");
 }
 
 } // namespace
 
-const char *const empty_transaction = "BEGIN IMMEDIATE; PRAGMA user_version = 1; COMMIT";
-static_assert(format == 1, "the empty transaction writes the format");
+Totals migrate_database(Sqlite &database, const Tree &tree) {
+    database.execute("BEGIN IMMEDIATE; DROP TABLE element;" + statement_of({}));
+    Rows::create(database);
+    const Totals totals = Rows(database).put_all(tree);
+    database.execute("COMMIT");
+    return totals;
+}
+
+void write_version(Sqlite &database, const Version &version, const Totals &totals) {
+    database.execute("BEGIN IMMEDIATE;" + statement_of(version));
+    Rows(database).store(totals);
+    database.execute("COMMIT");
+}
+
+std::int64_t Version::number() const {
+    return format + (unsynced ? unsynced_flag : 0);
+}
 
 void provide_database(const std::string &file, const std::vector<std::string> &initial_nodes) {
     try {
@@ -121,7 +133,7 @@ void provide_database(const std::string &file, const std::vector<std::string> &i
     sync_directory(directory);
 }
 
-void check_database(Sqlite &database) {
+Version check_database(Sqlite &database) {
     if (sqlite3_db_readonly(database.get(), "main") != 0) {
         throw DatabaseError("database '" + database.name() +
                             "' cannot be written: the file or its"
@@ -133,17 +145,23 @@ void check_database(Sqlite &database) {
     if (database.number("PRAGMA application_id") != application_id) {
         refuse_database(database.name(), "belongs to another program");
     }
-    const std::int64_t version = database.number("PRAGMA user_version");
-    if (version != format) {
-        refuse_database(database.name(), (version > format ? "was written by a newer tavd (format "
-                                                           : "has an unknown format (") +
-                                             std::to_string(version) + ", this tavd reads " +
-                                             std::to_string(format) + ")");
+    Version version;
+    const std::int64_t current = version.format;
+    const std::int64_t number = database.number("PRAGMA user_version");
+    version.format = number & ~unsynced_flag;
+    version.unsynced = version.format != number;
+    if (version.format < first_format || version.format > current) {
+        refuse_database(database.name(),
+                        (version.format > current ? "was written by a newer tavd (format "
+                                                  : "has an unknown format (") +
+                            std::to_string(version.format) + ", this tavd reads " +
+                            std::to_string(current) + ")");
     }
     const Sqlite::Statement check = database.prepare("PRAGMA quick_check(1)");
     if (!database.next(check.get()) || column_text(check.get(), 0) != "ok") {
         refuse_database(database.name(), "is damaged: " + std::string(column_text(check.get(), 0)));
     }
+    return version;
 }
 
 } // namespace tav

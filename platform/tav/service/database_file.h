@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "service/rows.h"
 #include "service/sqlite.h"
 
 namespace tav {
@@ -14,11 +15,25 @@ namespace tav {
 // DatabaseError, also if there is a write-ahead log without its database.
 void provide_database(const std::string &file, const std::vector<std::string> &initial_nodes);
 
+// The user version in the header of the file.
+struct Version {
+    std::int64_t format = 2; // the first one has no checksums and no totals
+    // Commits are not synced, and the totals are not used.
+    bool unsynced = false;
+
+    std::int64_t number() const;
+};
+constexpr std::int64_t first_format = 1;
+
 // Throws DatabaseError unless the file is a database of this service, has a format that this
 // version reads, can be written, and passes SQLite's integrity check.
-void check_database(Sqlite &database);
+Version check_database(Sqlite &database);
 
-// A transaction that changes nothing, but writes the header of the file again.
-extern const char *const empty_transaction;
+// Replaces the tables of the first format by those of the current one with the content of `tree`,
+// all or nothing.
+Totals migrate_database(Sqlite &database, const Tree &tree);
+
+// Writes the header and the totals, also if they are the same as before.
+void write_version(Sqlite &database, const Version &version, const Totals &totals);
 
 } // namespace tav

@@ -114,8 +114,8 @@ TEST_F(DamageTest, ItIsAnotherProgramsDatabase) {
 }
 
 TEST_F(DamageTest, ANewerServiceWroteIt) {
-    sql(database, "PRAGMA user_version = 2");
-    expect_refused("was written by a newer tavd (format 2, this tavd reads 1)");
+    sql(database, "PRAGMA user_version = 3");
+    expect_refused("was written by a newer tavd (format 3, this tavd reads 2)");
 }
 
 TEST_F(DamageTest, ItHasAFormatThatNeverWas) {
@@ -133,9 +133,16 @@ TEST_F(DamageTest, ItsTableIsGone) {
     expect_refused("no such table: element");
 }
 
-TEST_F(DamageTest, ARowIsNoElement) {
-    sql(database, "UPDATE element SET type = 99 WHERE path = CAST('/n/7' AS BLOB)");
+TEST_F(DamageTest, ABitOfAValueIsFlipped) {
+    const std::size_t value = read_file(database).find("vvvvvvvv");
+    ASSERT_NE(value, std::string::npos);
+    overwrite(value, "w");
     expect_refused("is damaged: row ");
+}
+
+TEST_F(DamageTest, ARowIsMissing) {
+    sql(database, "DELETE FROM element WHERE path = CAST('/n/7' AS BLOB)");
+    expect_refused("is damaged: it has 2000 of 2001 rows");
 }
 
 TEST_F(DamageTest, ANodeIsMissingAboveItsLeaves) {

@@ -107,8 +107,55 @@ TEST_F(DatabaseTest, AnotherProgramsDatabaseIsRefusedAndNotChanged) {
 
 TEST_F(DatabaseTest, ADamagedRowIsRefused) {
     { const Store store(file); }
-    sql(file, "INSERT INTO element VALUES (x'6e6f736c617368', 6, x'31', 0)");
+    sql(file, "INSERT INTO element VALUES (x'2f61', 6, x'31', 0, 0)");
     EXPECT_THROW(Store store(file), DatabaseError);
+}
+
+TEST_F(DatabaseTest, ALostRowIsRefused) {
+    { Store store(file, Durability::full, {"/a", "/b"}); }
+    sql(file, "DELETE FROM element WHERE path = x'2f61'");
+    EXPECT_THROW(Store store(file), DatabaseError);
+}
+
+TEST_F(DatabaseTest, RowsAreCountedAgainAfterAServiceThatDidNot) {
+    { const Store store(file); }
+    {
+        Store store(file, Durability::normal);
+        store.transact({set_item("/a", "1"), set_item("/b", "2")}, nothing_unseen);
+    }
+    { const Store store(file); }
+    sql(file, "DELETE FROM element WHERE path = x'2f61'");
+    EXPECT_THROW(Store store(file), DatabaseError);
+}
+
+namespace {
+
+// What the first version created, with one leaf.
+constexpr char tables_of_first_format[] =
+    "PRAGMA page_size = 1024; PRAGMA journal_mode = WAL; PRAGMA application_id = 0x74617664;"
+    "PRAGMA user_version = 1;"
+    "CREATE TABLE element (path BLOB PRIMARY KEY, type INTEGER NOT NULL, text BLOB NOT NULL,"
+    " time INTEGER NOT NULL) WITHOUT ROWID;"
+    "INSERT INTO element VALUES (x'2f6e', 2, x'', -1), (x'2f6e2f61', 6, x'6f6c64', 77)";
+
+} // namespace
+
+TEST_F(DatabaseTest, TheFirstFormatIsMigrated) {
+    sql(file, tables_of_first_format);
+    for (int start = 0; start < 2; ++start) {
+        const Store store(file);
+        EXPECT_EQ(picture(store), "/=2:@-1\n/n=2:@-1\n/n/a=6:old@77\n");
+    }
+    sql(file, "UPDATE element SET text = x'6f6c65' WHERE path = x'2f6e2f61'");
+    EXPECT_THROW(Store store(file), DatabaseError);
+}
+
+TEST_F(DatabaseTest, ADamagedDatabaseOfTheFirstFormatIsRefusedAndNotChanged) {
+    sql(file, tables_of_first_format);
+    sql(file, "INSERT INTO element VALUES (x'6e6f736c617368', 6, x'31', 0)");
+    const std::string content = tavtest::read_file(file);
+    EXPECT_THROW(Store store(file), DatabaseError);
+    EXPECT_EQ(tavtest::read_file(file), content);
 }
 
 TEST_F(DatabaseTest, AFailedCommitLeavesMemoryAndFileAsTheyWere) {

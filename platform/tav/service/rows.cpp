@@ -1,0 +1,138 @@
+#include "service/rows.h"
+
+#include <sqlite3.h>
+
+#include "service/checksum.h"
+
+namespace tav {
+
+namespace {
+
+// The lowest byte first, whatever the processor.
+std::uint32_t add_number(std::uint32_t before, std::uint64_t number) {
+    char bytes[sizeof number];
+    for (char &byte : bytes) {
+        byte = static_cast<char>(number & 0xff);
+        number >>= 8;
+    }
+    return crc32({bytes, sizeof bytes}, before);
+}
+
+std::uint32_t checksum_of(const std::string &path, const Value &value) {
+    std::uint32_t sum = add_number(0, static_cast<std::uint64_t>(value.type));
+    sum = add_number(sum, static_cast<std::uint64_t>(value.time));
+    // With the NUL after it, which no path contains.
+    sum = crc32({path.c_str(), path.size() + 1}, sum);
+    return crc32(value.text, sum);
+}
+
+[[noreturn]] void refuse_row(const Sqlite &database, std::int64_t row, const std::string &what) {
+    refuse_database(database.name(), "is damaged: row " + std::to_string(row) + " holds " + what);
+}
+
+void check_totals(Sqlite &database, const Totals &found) {
+    const Sqlite::Statement statement = database.prepare("SELECT rows, checksums FROM total");
+    const bool there = database.next(statement.get());
+    const std::int64_t rows = there ? sqlite3_column_int64(statement.get(), 0) : 0;
+    if (!there || rows != found.rows ||
+        sqlite3_column_int64(statement.get(), 1) != found.checksums) {
+        refuse_database(database.name(), "is damaged: it has " + std::to_string(found.rows) +
+                                             " of " + std::to_string(rows) +
+                                             " rows, or some are out of date");
+    }
+}
+
+} // namespace
+
+void Rows::create(Sqlite &database) {
+    database.execute("CREATE TABLE element (path BLOB PRIMARY KEY, type INTEGER NOT NULL,"
+                     " text BLOB NOT NULL, time INTEGER NOT NULL, checksum INTEGER NOT NULL)"
+                     " WITHOUT ROWID;"
+                     "CREATE TABLE total (rows INTEGER NOT NULL, checksums INTEGER NOT NULL);"
+                     "INSERT INTO total VALUES (0, 0)");
+}
+
+Rows::Rows(Sqlite &used)
+    : database(used),
+      put_row(used.prepare("INSERT OR REPLACE INTO element (path, type, text, time, checksum)"
+                           " VALUES (?, ?, ?, ?, ?)")),
+      remove_row(used.prepare("DELETE FROM element WHERE path = ?")),
+      store_totals(used.prepare("UPDATE total SET rows = ?, checksums = ?")) {}
+
+void Rows::put(const std::string &path, const Value &value, Totals &totals) {
+    const std::uint32_t checksum = checksum_of(path, value);
+    bind_bytes(put_row.get(), 1, path);
+    sqlite3_bind_int(put_row.get(), 2, value.type);
+    bind_bytes(put_row.get(), 3, value.text);
+    sqlite3_bind_int64(put_row.get(), 4, value.time);
+    sqlite3_bind_int64(put_row.get(), 5, checksum);
+    database.run(put_row.get());
+    ++totals.rows;
+    totals.checksums ^= checksum;
+}
+
+void Rows::remove(const std::string &path) {
+    bind_bytes(remove_row.get(), 1, path);
+    database.run(remove_row.get());
+}
+
+void Rows::discount(const std::string &path, const Value &value, Totals &totals) {
+    --totals.rows;
+    totals.checksums ^= checksum_of(path, value);
+}
+
+void Rows::store(const Totals &totals) {
+    sqlite3_bind_int64(store_totals.get(), 1, totals.rows);
+    sqlite3_bind_int64(store_totals.get(), 2, totals.checksums);
+    database.run(store_totals.get());
+}
+
+Totals Rows::put_all(const Tree &tree) {
+    Totals totals;
+    walk(tree, "/", [&](const std::string &path, const Element &element) {
+        if (path != "/") {
+            put(path, element.value, totals);
+        }
+        return true;
+    });
+    store(totals);
+    return totals;
+}
+
+// The rows come in bytewise order of their paths, so that parents precede their children, each of
+// which has a row of its own.
+Totals load_rows(Sqlite &database, RowChecks checks, Tree &tree) {
+    const Sqlite::Statement statement = database.prepare(
+        checks.checksums ? "SELECT path, type, text, time, checksum FROM element ORDER BY path"
+                         : "SELECT path, type, text, time FROM element ORDER BY path");
+    std::string previous;
+    Totals found;
+    while (database.next(statement.get())) {
+        const std::string path(column_text(statement.get(), 0));
+        Value value;
+        value.type = static_cast<element_type_t>(sqlite3_column_int(statement.get(), 1));
+        value.text = column_text(statement.get(), 2);
+        value.time = sqlite3_column_int64(statement.get(), 3);
+        const std::uint32_t checksum = checksum_of(path, value);
+        ++found.rows;
+        found.checksums ^= checksum;
+        // A blob and a text of the same bytes are different keys.
+        const bool blobs = sqlite3_column_type(statement.get(), 0) == SQLITE_BLOB &&
+                           sqlite3_column_type(statement.get(), 2) == SQLITE_BLOB;
+        if (!blobs || (checks.checksums && sqlite3_column_int64(statement.get(), 4) != checksum)) {
+            refuse_row(database, found.rows, "other content than was written");
+        }
+        const api_status_t status = tree.load(path, value);
+        if (status != api_status_ok || path <= previous) {
+            refuse_row(database, found.rows,
+                       "no element of this tree (status " + std::to_string(status) + ")");
+        }
+        previous = path;
+    }
+    if (checks.totals) {
+        check_totals(database, found);
+    }
+    return found;
+}
+
+} // namespace tav

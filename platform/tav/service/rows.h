@@ -1,0 +1,55 @@
+// The tables of the database. `element` has a row for each element except the root, with a
+// checksum. `total` has one row, from which a row is noticed that was lost or that is out of date.
+// Writing it with each commit doubles what goes to the log. That is little beside a sync, but not
+// without one, so it is not used while commits are not synced.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "service/sqlite.h"
+#include "service/tree.h"
+
+namespace tav {
+
+// The content of `total`, if it is used.
+struct Totals {
+    std::int64_t rows = 0;
+    std::uint32_t checksums = 0; // of all rows, combined with XOR
+};
+
+// The statements that change the tables, within a transaction of the caller.
+class Rows {
+public:
+    // Creates the tables.
+    static void create(Sqlite &database);
+
+    explicit Rows(Sqlite &used);
+
+    // Stores a row and counts it in `totals`.
+    void put(const std::string &path, const Value &value, Totals &totals);
+    void remove(const std::string &path);
+    // Takes a row that is being replaced or removed out of `totals`.
+    static void discount(const std::string &path, const Value &value, Totals &totals);
+    void store(const Totals &totals);
+    // Stores a whole tree in empty tables.
+    Totals put_all(const Tree &tree);
+
+private:
+    Sqlite &database;
+    Sqlite::Statement put_row;
+    Sqlite::Statement remove_row;
+    Sqlite::Statement store_totals;
+};
+
+// What the rows can be compared with.
+struct RowChecks {
+    bool checksums = true; // those of the first format have none
+    bool totals = true;
+};
+
+// Reads the rows into `tree`, which has only the root. A row that is not as it was written, or no
+// element, means a damaged database.
+Totals load_rows(Sqlite &database, RowChecks checks, Tree &tree);
+
+} // namespace tav
