@@ -8,36 +8,45 @@ namespace tav {
 
 namespace {
 
-// Creates the file if it does not exist, and returns its name.
-const std::string &provided(const std::string &file,
-                            const std::vector<std::string> &initial_nodes) {
+// Creates the file if it does not exist, and locks it.
+UniqueFd provided(const std::string &file, const std::vector<std::string> &initial_nodes) {
     provide_database(file, initial_nodes);
-    return file;
+    return lock_database(file);
 }
 
 } // namespace
 
 Database::Database(const std::string &file, Durability promised,
                    const std::vector<std::string> &initial_nodes, Tree &tree)
-    : durability(promised), database(provided(file, initial_nodes), SQLITE_OPEN_READWRITE) {
+    : durability(promised), lock(provided(file, initial_nodes)),
+      database(file, SQLITE_OPEN_READWRITE) {
     // Until the file is known to be usable, not even closing may write to it.
     sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-    // A service locks the file while it runs; a second one fails here.
+    check_log_of(database.resolved_name(), lock.get());
+    // Other programs than this service fail while it runs, or it fails here.
     database.execute("PRAGMA locking_mode = EXCLUSIVE");
     Version version = check_database(database);
     const bool first = version.format == first_format;
     totals = load_rows(database, {!first, !first && !version.unsynced}, tree);
     use_wal();
-    database.execute(durability == Durability::full ? "PRAGMA synchronous = FULL"
-                                                    : "PRAGMA synchronous = NORMAL");
+    database.execute("PRAGMA synchronous = FULL");
     begin = database.prepare("BEGIN IMMEDIATE");
     end = database.prepare("COMMIT");
     if (first) {
         totals = migrate_database(database, tree);
         version = Version();
     }
+    // Without remains of earlier writes, what follows damage is a later write.
+    static_cast<void>(empty_log());
     if (version.unsynced != current_version().unsynced) {
         write_version(database, current_version(), totals);
+        // The header on disk must describe the log from its first commit on.
+        if (!empty_log()) {
+            throw DatabaseError("database '" + file + "': cannot change its durability");
+        }
+    }
+    if (durability == Durability::normal) {
+        database.execute("PRAGMA synchronous = NORMAL");
     }
     rows.emplace(database);
     sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
@@ -53,6 +62,17 @@ void Database::use_wal() {
     if (!database.next(statement.get()) || column_text(statement.get(), 0) != "wal") {
         log_line("database '%s': this file system does not support a write-ahead log",
                  database.name().c_str());
+    }
+}
+
+// Brings the content of the log into the database and makes it a file of no bytes; false if that
+// fails, for example because the disk is full.
+bool Database::empty_log() {
+    try {
+        database.execute("PRAGMA wal_checkpoint(TRUNCATE)");
+        return true;
+    } catch (const DatabaseError &) {
+        return false;
     }
 }
 
@@ -88,6 +108,8 @@ void Database::discard_refused() {
     if (!refused_in_log) {
         return;
     }
+    // Nothing of it remains in a log that is empty; one that cannot be emptied is still correct.
+    static_cast<void>(empty_log());
     write_version(database, current_version(), totals);
     refused_in_log = false;
 }

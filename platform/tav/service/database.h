@@ -36,11 +36,13 @@ public:
 
 private:
     void use_wal();
+    bool empty_log();
     Version current_version() const;
     void write(const std::vector<Change> &changes, Totals &after);
     void discard_refused();
 
     Durability durability;
+    UniqueFd lock; // closed after the database is
     Sqlite database;
     Sqlite::Statement begin;
     Sqlite::Statement end;

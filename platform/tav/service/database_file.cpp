@@ -7,12 +7,15 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
 #include "client/unique_fd.h"
 #include "protocol/messages.h"
 #include "service/directory.h"
+#include "service/log.h"
+#include "service/log_check.h"
 #include "service/path.h"
 
 namespace tav {
@@ -22,6 +25,8 @@ namespace {
 // "tavd" in the file's header, so that another program's database is not mistaken for ours.
 constexpr std::int64_t application_id = 0x74617664;
 constexpr std::int64_t unsynced_flag = 0x10000; // added to the format
+// "Database File Format" of SQLite's documentation, section 1.3: four bytes, the highest first.
+constexpr off_t header_user_version = 60;
 
 bool exists(const std::string &file) {
     struct stat info {};
@@ -30,6 +35,17 @@ bool exists(const std::string &file) {
 
 [[noreturn]] void fail(const std::string &file, const std::string &what) {
     throw DatabaseError("database '" + file + "' " + what + ": " + std::strerror(errno));
+}
+
+// The header of the file says so before SQLite has read the log: when it changes, the log is empty.
+// Without syncs a power cut may keep any part of the log; and nothing is known of the services that
+// wrote the first format.
+bool each_commit_was_synced(int locked) {
+    unsigned char number[4] = {};
+    if (::pread(locked, number, sizeof number, header_user_version) != sizeof number) {
+        return false;
+    }
+    return (number[1] & 1) == 0 && number[3] != first_format;
 }
 
 // SQLite would apply the log of a lost database to a new one.
@@ -133,6 +149,42 @@ void provide_database(const std::string &file, const std::vector<std::string> &i
     sync_directory(directory);
 }
 
+UniqueFd lock_database(const std::string &file) {
+    UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    if (!fd.valid()) {
+        fail(file, "cannot be opened");
+    }
+    if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno == EWOULDBLOCK) {
+            throw DatabaseError("database '" + file + "' is in use by another process");
+        }
+        fail(file, "cannot be locked");
+    }
+    return fd;
+}
+
+void check_log_of(const std::string &file, int locked) {
+    const std::string log = file + "-wal";
+    LogCheck found;
+    try {
+        found = check_log(log, locked);
+    } catch (const std::runtime_error &error) {
+        throw DatabaseError("database '" + file + "': its log '" + log + "' " + error.what());
+    }
+    if (found.header_damaged || (found.damaged_before_a_commit && each_commit_was_synced(locked))) {
+        refuse_damaged(file, "is damaged: its log '" + log + "' has " +
+                                 (found.header_damaged
+                                      ? "no valid header, so that nothing in it can be read"
+                                      : "changes after the damage, which cannot be read: " +
+                                            std::to_string(found.dropped_bytes) + " bytes"));
+    }
+    if (found.dropped_bytes > 0) {
+        log_line("database '%s': dropped the end of its log, %" PRIu64 " bytes (%" PRIu64
+                 " pages) of writes that are not complete. This is normal after a power cut.",
+                 file.c_str(), found.dropped_bytes, found.dropped_frames);
+    }
+}
+
 Version check_database(Sqlite &database) {
     if (sqlite3_db_readonly(database.get(), "main") != 0) {
         throw DatabaseError("database '" + database.name() +
@@ -159,7 +211,7 @@ Version check_database(Sqlite &database) {
     }
     const Sqlite::Statement check = database.prepare("PRAGMA quick_check(1)");
     if (!database.next(check.get()) || column_text(check.get(), 0) != "ok") {
-        refuse_database(database.name(), "is damaged: " + std::string(column_text(check.get(), 0)));
+        refuse_damaged(database.name(), "is damaged: " + std::string(column_text(check.get(), 0)));
     }
     return version;
 }

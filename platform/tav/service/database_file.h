@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "client/unique_fd.h"
 #include "service/rows.h"
 #include "service/sqlite.h"
 
@@ -24,6 +25,14 @@ struct Version {
     std::int64_t number() const;
 };
 constexpr std::int64_t first_format = 1;
+
+// Opens and locks the file until the descriptor is closed. Throws DatabaseError, also if another
+// service has locked it.
+UniqueFd lock_database(const std::string &file);
+
+// Throws DatabaseError if the log of the database has damage that no power cut can have caused.
+// What SQLite will drop otherwise is logged. `locked`: see lock_database.
+void check_log_of(const std::string &file, int locked);
 
 // Throws DatabaseError unless the file is a database of this service, has a format that this
 // version reads, can be written, and passes SQLite's integrity check.

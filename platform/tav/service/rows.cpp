@@ -27,7 +27,7 @@ std::uint32_t checksum_of(const std::string &path, const Value &value) {
 }
 
 [[noreturn]] void refuse_row(const Sqlite &database, std::int64_t row, const std::string &what) {
-    refuse_database(database.name(), "is damaged: row " + std::to_string(row) + " holds " + what);
+    refuse_damaged(database.name(), "is damaged: row " + std::to_string(row) + " holds " + what);
 }
 
 void check_totals(Sqlite &database, const Totals &found) {
@@ -36,9 +36,9 @@ void check_totals(Sqlite &database, const Totals &found) {
     const std::int64_t rows = there ? sqlite3_column_int64(statement.get(), 0) : 0;
     if (!there || rows != found.rows ||
         sqlite3_column_int64(statement.get(), 1) != found.checksums) {
-        refuse_database(database.name(), "is damaged: it has " + std::to_string(found.rows) +
-                                             " of " + std::to_string(rows) +
-                                             " rows, or some are out of date");
+        refuse_damaged(database.name(), "is damaged: it has " + std::to_string(found.rows) +
+                                            " of " + std::to_string(rows) +
+                                            " rows, or some are out of date");
     }
 }
 

@@ -14,10 +14,23 @@ void Sqlite::Closer::operator()(sqlite3_stmt *statement) const {
     sqlite3_finalize(statement);
 }
 
+namespace {
+
+constexpr char how_to_replace[] = "To continue without it, start tavd with --database and the name "
+                                  "of a new file, and load a dump into it (tav load)";
+
+} // namespace
+
 void refuse_database(const std::string &file, const std::string &what) {
+    throw DatabaseError("database '" + file + "' " + what + "; it was not changed. " +
+                        how_to_replace);
+}
+
+void refuse_damaged(const std::string &file, const std::string &what) {
     throw DatabaseError("database '" + file + "' " + what +
-                        "; it was not changed. To continue without it, start tavd with --database "
-                        "and the name of a new file, and load a dump into it (tav load)");
+                        "; it was not changed. To keep what can be read of it: tavd --repair "
+                        "--database '" +
+                        file + "'. " + how_to_replace);
 }
 
 Sqlite::Sqlite(std::string file, int flags) : file_name(std::move(file)) {
@@ -32,6 +45,10 @@ Sqlite::Sqlite(std::string file, int flags) : file_name(std::move(file)) {
     }
 }
 
+std::string Sqlite::resolved_name() const {
+    return sqlite3_db_filename(connection.get(), "main");
+}
+
 void Sqlite::fail() const {
     if (!connection) {
         throw DatabaseError("database '" + file_name + "': out of memory");
@@ -42,7 +59,7 @@ void Sqlite::fail() const {
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
     case SQLITE_ERROR: // the statements are correct, so the tables must be wrong
-        refuse_database(file_name, "is damaged, or no database: " + reason);
+        refuse_damaged(file_name, "is damaged, or no database: " + reason);
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
         throw DatabaseError("database '" + file_name + "' is in use by another process");
@@ -73,7 +90,7 @@ Sqlite::Statement Sqlite::prepare(const char *sql) {
 std::int64_t Sqlite::number(const char *sql) {
     const Statement statement = prepare(sql);
     if (!next(statement.get())) {
-        refuse_database(file_name, "is damaged");
+        refuse_damaged(file_name, "is damaged");
     }
     return sqlite3_column_int64(statement.get(), 0);
 }

@@ -19,6 +19,8 @@ class DatabaseError : public std::runtime_error {
 // Throws the error for a file with invalid content, including how to continue without it. `what`
 // follows the name of the file.
 [[noreturn]] void refuse_database(const std::string &file, const std::string &what);
+// The same for damage, including how to keep what can be read.
+[[noreturn]] void refuse_damaged(const std::string &file, const std::string &what);
 
 // Every member throws DatabaseError; for a damaged file it is that of refuse_database.
 class Sqlite {
@@ -45,6 +47,8 @@ public:
 
     sqlite3 *get() const { return connection.get(); }
     const std::string &name() const { return file_name; }
+    // Without symbolic links: the log has this name with "-wal" after it.
+    std::string resolved_name() const;
 
 private:
     [[noreturn]] void fail() const;

@@ -163,6 +163,65 @@ TEST_F(DamageTest, TheLogIsNotAppliedToADamagedDatabase) {
     expect_refused("is damaged");
 }
 
+namespace {
+
+// A service with three writes in the log was killed, and a bit of the first one was flipped.
+class LogDamageTest : public DamageTest {
+protected:
+    void damage(const std::string &durability) {
+        start({"--database", database, "--durability", durability});
+        Client client;
+        for (const char *text : {"first in the log", "second", "third"}) {
+            EXPECT_EQ(client.set("/n/1", text), api_status_ok);
+        }
+        client.close();
+        tavd->signal(SIGKILL);
+        tavd->wait();
+        std::filesystem::remove(socket);
+        std::string content = read_file(log);
+        const std::size_t at = content.find("first in the log");
+        ASSERT_NE(at, std::string::npos);
+        content[at] ^= 1;
+        write_file(log, content);
+    }
+
+    const std::string log = database + "-wal";
+};
+
+} // namespace
+
+TEST_F(LogDamageTest, IsRefusedIfAPowerCutCannotHaveCausedIt) {
+    damage("full");
+    expect_refused("is damaged: its log '" + log + "' has changes after the damage");
+    EXPECT_NE(refused().errors.find("tavd --repair --database '" + database + "'"),
+              std::string::npos);
+}
+
+TEST_F(LogDamageTest, IsLoggedIfAPowerCutMayHaveCausedIt) {
+    damage("normal");
+    // The service that wrote the log decides, not the one that reads it.
+    start(on_disk);
+    EXPECT_TRUE(
+        tavd->wait_for_error_text("database '" + database + "': dropped the end of its log, "));
+    EXPECT_EQ(Client().get("/n/1"), std::string(40, 'v'));
+}
+
+TEST_F(LogDamageTest, AfterAnotherDurabilityTheLogIsJudgedByTheNewOne) {
+    start({"--database", database, "--durability", "normal"});
+    EXPECT_EQ(stop(), 0);
+    damage("full");
+    expect_refused("is damaged: its log");
+}
+
+TEST_F(LogDamageTest, AnUnfinishedWriteAtItsEndIsLogged) {
+    damage("full");
+    std::string content = read_file(log);
+    content.resize(content.size() / 3 + 100);
+    write_file(log, content);
+    start(on_disk);
+    EXPECT_TRUE(tavd->wait_for_error_text("dropped the end of its log, "));
+}
+
 TEST_F(DamageTest, ALogWithoutItsDatabaseIsNotAppliedToAFreshOne) {
     start(on_disk);
     Client client;
