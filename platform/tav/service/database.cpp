@@ -26,13 +26,12 @@ Database::Database(const std::string &file, Durability promised,
     // Other programs than this service fail while it runs, or it fails here.
     database.execute("PRAGMA locking_mode = EXCLUSIVE");
     Version version = check_database(database);
-    const bool first = version.format == first_format;
-    totals = load_rows(database, {!first, !first && !version.unsynced}, tree);
+    totals = load_rows(database, row_checks(version), tree);
     use_wal();
     database.execute("PRAGMA synchronous = FULL");
     begin = database.prepare("BEGIN IMMEDIATE");
     end = database.prepare("COMMIT");
-    if (first) {
+    if (version.format == first_format) {
         totals = migrate_database(database, tree);
         version = Version();
     }

@@ -64,7 +64,12 @@ void remove_unfinished(const std::string &unfinished) {
     }
 }
 
-// Adds the node at `path` and its parents.
+std::string statement_of(const Version &version) {
+    return "PRAGMA user_version = " + std::to_string(version.number()) + ";";
+}
+
+} // namespace
+
 void add_nodes(Tree &tree, const std::string &path) {
     for (std::size_t slash = 0; slash != std::string::npos && path != "/";) {
         slash = path.find('/', slash + 1);
@@ -75,22 +80,15 @@ void add_nodes(Tree &tree, const std::string &path) {
     }
 }
 
-std::string statement_of(const Version &version) {
-    return "PRAGMA user_version = " + std::to_string(version.number()) + ";";
-}
-
 // In WAL mode from the start, so that the first process to open it has it exclusively. After
 // closing there is only one file to rename.
-void create(const std::string &unfinished, const std::vector<std::string> &initial_nodes) {
-    Sqlite database(unfinished, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
+void create_database(const std::string &file, const Tree &tree) {
+    remove_unfinished(file);
+    Sqlite database(file, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
     // Most commits change one leaf, and so write one page and compute its checksum.
     database.execute("PRAGMA page_size = 1024;"
                      "PRAGMA locking_mode = EXCLUSIVE; PRAGMA synchronous = FULL;"
                      "PRAGMA journal_mode = WAL");
-    Tree tree;
-    for (const std::string &path : initial_nodes) {
-        add_nodes(tree, path);
-    }
     database.execute("BEGIN IMMEDIATE; PRAGMA application_id = " + std::to_string(application_id) +
                      ";" + statement_of({}));
     Rows::create(database);
@@ -98,7 +96,10 @@ void create(const std::string &unfinished, const std::vector<std::string> &initi
     database.execute("COMMIT");
 }
 
-} // namespace
+RowChecks row_checks(const Version &version) {
+    const bool first = version.format == first_format;
+    return {!first, !first && !version.unsynced};
+}
 
 Totals migrate_database(Sqlite &database, const Tree &tree) {
     database.execute("BEGIN IMMEDIATE; DROP TABLE element;" + statement_of({}));
@@ -141,8 +142,11 @@ void provide_database(const std::string &file, const std::vector<std::string> &i
         refuse_orphan(file, file + suffix);
     }
     const std::string unfinished = file + ".new";
-    remove_unfinished(unfinished);
-    create(unfinished, initial_nodes);
+    Tree tree;
+    for (const std::string &path : initial_nodes) {
+        add_nodes(tree, path);
+    }
+    create_database(unfinished, tree);
     if (::rename(unfinished.c_str(), file.c_str()) != 0) {
         fail(file, "cannot be created");
     }

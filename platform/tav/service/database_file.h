@@ -16,6 +16,13 @@ namespace tav {
 // DatabaseError, also if there is a write-ahead log without its database.
 void provide_database(const std::string &file, const std::vector<std::string> &initial_nodes);
 
+// Creates `file`, instead of one that an earlier start or repair has not finished, with the content
+// of `tree`. Throws DatabaseError.
+void create_database(const std::string &file, const Tree &tree);
+
+// Adds the node at `path` and those above it, unless they exist.
+void add_nodes(Tree &tree, const std::string &path);
+
 // The user version in the header of the file.
 struct Version {
     std::int64_t format = 2; // the first one has no checksums and no totals
@@ -25,6 +32,7 @@ struct Version {
     std::int64_t number() const;
 };
 constexpr std::int64_t first_format = 1;
+RowChecks row_checks(const Version &version);
 
 // Opens and locks the file until the descriptor is closed. Throws DatabaseError, also if another
 // service has locked it.

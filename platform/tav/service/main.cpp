@@ -22,6 +22,7 @@
 #include "service/listener.h"
 #include "service/log.h"
 #include "service/path.h"
+#include "service/repair.h"
 #include "service/server.h"
 #include "service/service.h"
 #include "service/store.h"
@@ -33,6 +34,7 @@ constexpr int exit_usage = 2;
 
 const char usage[] =
     "Usage: tavd (--database FILE [--durability MODE] | --memory) [OPTION]...\n"
+    "       tavd --repair --database FILE\n"
     "\n"
     "Serves the settings store until SIGTERM, SIGINT or SIGHUP.\n"
     "\n"
@@ -46,6 +48,8 @@ const char usage[] =
     "                       earlier one and never half of one. Faster, and wears flash memory\n"
     "                       less.\n"
     "  --memory             in memory: the settings are lost when the service ends\n"
+    "  --repair             do not serve: keep what can be read of the damaged database FILE, and\n"
+    "                       print what was dropped\n"
     "  --initial-node PATH  a store that is created now has the node PATH. May be given several\n"
     "                       times.\n"
     "\n"
@@ -74,6 +78,7 @@ struct Options {
     std::string read_group;
     bool memory = false;
     const char *print = nullptr; // only print this text
+    bool repair = false;
     mode_t mode = 0660;
 };
 
@@ -110,6 +115,9 @@ bool take(int found, const char *argument, Options &options) {
         return options.durability.has_value();
     case 'm':
         options.memory = true;
+        return true;
+    case 'R':
+        options.repair = true;
         return true;
     case 'n':
         options.initial_nodes.emplace_back(argument);
@@ -148,6 +156,7 @@ std::optional<Options> parse(int argc, char **argv) {
                                    {"write-group", required_argument, nullptr, 'w'},
                                    {"read-group", required_argument, nullptr, 'r'},
                                    {"memory", no_argument, nullptr, 'm'},
+                                   {"repair", no_argument, nullptr, 'R'},
                                    {"initial-node", required_argument, nullptr, 'n'},
                                    {"socket", required_argument, nullptr, 's'},
                                    {"socket-mode", required_argument, nullptr, 'p'},
@@ -173,6 +182,10 @@ std::optional<Options> parse(int argc, char **argv) {
     }
     if (options.memory && options.durability) {
         tav::log_line("--durability needs --database; --memory keeps nothing");
+        return std::nullopt;
+    }
+    if (options.memory && options.repair) {
+        tav::log_line("--repair needs --database");
         return std::nullopt;
     }
     return options;
@@ -225,8 +238,6 @@ tav::Rights rights_of(const Options &options) {
 }
 
 void serve(const Options &options) {
-    // Users without access to the service must not be able to read its files either.
-    ::umask(027);
     tav::Rights rights = rights_of(options);
     const tav::UniqueFd signals = catch_signals();
     if (!signals.valid()) {
@@ -265,6 +276,12 @@ int main(int argc, char **argv) {
                 return 0;
             }
             throw std::runtime_error("the output could not be written");
+        }
+        // Users without access to the service must not be able to read its files either.
+        ::umask(027);
+        if (options->repair) {
+            std::fputs(tav::repair_database(options->database).c_str(), stdout);
+            return 0;
         }
         serve(*options);
         return 0;

@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <utility>
+
 #include "service/checksum.h"
 
 namespace tav {
@@ -91,12 +93,26 @@ Totals Rows::put_all(const Tree &tree) {
     Totals totals;
     walk(tree, "/", [&](const std::string &path, const Element &element) {
         if (path != "/") {
-            put(path, element.value, totals);
+            put(path, element.value(), totals);
         }
         return true;
     });
     store(totals);
     return totals;
+}
+
+StoredRow stored_row(sqlite3_stmt *statement, bool checked) {
+    StoredRow row;
+    // A blob and a text of the same bytes are different keys.
+    const bool blobs = sqlite3_column_type(statement, 0) == SQLITE_BLOB &&
+                       sqlite3_column_type(statement, 2) == SQLITE_BLOB;
+    row.path = column_text(statement, 0);
+    row.value.type = static_cast<element_type_t>(sqlite3_column_int(statement, 1));
+    row.value.text = column_text(statement, 2);
+    row.value.time = sqlite3_column_int64(statement, 3);
+    row.checksum = checksum_of(row.path, row.value);
+    row.intact = blobs && (!checked || sqlite3_column_int64(statement, 4) == row.checksum);
+    return row;
 }
 
 // The rows come in bytewise order of their paths, so that parents precede their children, each of
@@ -108,26 +124,18 @@ Totals load_rows(Sqlite &database, RowChecks checks, Tree &tree) {
     std::string previous;
     Totals found;
     while (database.next(statement.get())) {
-        const std::string path(column_text(statement.get(), 0));
-        Value value;
-        value.type = static_cast<element_type_t>(sqlite3_column_int(statement.get(), 1));
-        value.text = column_text(statement.get(), 2);
-        value.time = sqlite3_column_int64(statement.get(), 3);
-        const std::uint32_t checksum = checksum_of(path, value);
+        StoredRow row = stored_row(statement.get(), checks.checksums);
         ++found.rows;
-        found.checksums ^= checksum;
-        // A blob and a text of the same bytes are different keys.
-        const bool blobs = sqlite3_column_type(statement.get(), 0) == SQLITE_BLOB &&
-                           sqlite3_column_type(statement.get(), 2) == SQLITE_BLOB;
-        if (!blobs || (checks.checksums && sqlite3_column_int64(statement.get(), 4) != checksum)) {
+        found.checksums ^= row.checksum;
+        if (!row.intact) {
             refuse_row(database, found.rows, "other content than was written");
         }
-        const api_status_t status = tree.load(path, value);
-        if (status != api_status_ok || path <= previous) {
+        const api_status_t status = tree.load(row.path, row.value);
+        if (status != api_status_ok || row.path <= previous) {
             refuse_row(database, found.rows,
                        "no element of this tree (status " + std::to_string(status) + ")");
         }
-        previous = path;
+        previous = std::move(row.path);
     }
     if (checks.totals) {
         check_totals(database, found);

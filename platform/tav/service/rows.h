@@ -48,6 +48,16 @@ struct RowChecks {
     bool totals = true;
 };
 
+// A row as it is in the table, checked against its checksum if it has one.
+struct StoredRow {
+    std::string path;
+    Value value;
+    std::uint32_t checksum = 0; // computed
+    bool intact = false;
+};
+// The current row of a statement that selects path, type, text, time and, if `checked`, checksum.
+StoredRow stored_row(sqlite3_stmt *statement, bool checked);
+
 // Reads the rows into `tree`, which has only the root. A row that is not as it was written, or no
 // element, means a damaged database.
 Totals load_rows(Sqlite &database, RowChecks checks, Tree &tree);

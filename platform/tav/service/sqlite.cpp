@@ -27,10 +27,10 @@ void refuse_database(const std::string &file, const std::string &what) {
 }
 
 void refuse_damaged(const std::string &file, const std::string &what) {
-    throw DatabaseError("database '" + file + "' " + what +
-                        "; it was not changed. To keep what can be read of it: tavd --repair "
-                        "--database '" +
-                        file + "'. " + how_to_replace);
+    throw DamagedDatabase("database '" + file + "' " + what +
+                          "; it was not changed. To keep what can be read of it: tavd --repair "
+                          "--database '" +
+                          file + "'. " + how_to_replace);
 }
 
 Sqlite::Sqlite(std::string file, int flags) : file_name(std::move(file)) {

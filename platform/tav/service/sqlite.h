@@ -16,13 +16,17 @@ class DatabaseError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+class DamagedDatabase : public DatabaseError {
+    using DatabaseError::DatabaseError;
+};
+
 // Throws the error for a file with invalid content, including how to continue without it. `what`
 // follows the name of the file.
 [[noreturn]] void refuse_database(const std::string &file, const std::string &what);
-// The same for damage, including how to keep what can be read.
+// The same for damage, a DamagedDatabase, including how to keep what can be read.
 [[noreturn]] void refuse_damaged(const std::string &file, const std::string &what);
 
-// Every member throws DatabaseError; for a damaged file it is that of refuse_database.
+// Every member throws DatabaseError; for a damaged file it is that of refuse_damaged.
 class Sqlite {
 public:
     struct Closer {
