@@ -93,7 +93,8 @@ void create_database(const std::string &file, const Tree &tree) {
                      ";" + statement_of({}));
     Rows::create(database);
     Rows(database).put_all(tree);
-    database.execute("COMMIT");
+    // Closing would do the latter, too, but would not say if it fails.
+    database.execute("COMMIT; PRAGMA wal_checkpoint(TRUNCATE)");
 }
 
 RowChecks row_checks(const Version &version) {

@@ -2,6 +2,8 @@
 #include "support/store_fixture.h"
 
 #include <csignal>
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 
 using namespace tavtest;
@@ -24,8 +26,26 @@ protected:
         return 0;
     }
 
+    // The service's first start with the given fault of its disk; false if it failed.
+    bool first_start(const std::string &fault) {
+        std::filesystem::remove_all(dir.file("db"));
+        std::filesystem::remove_all(dir.file("run"));
+        std::ofstream(plan) << fault;
+        prefix = {"/usr/bin/env", "LD_PRELOAD=" TAV_DISK_PRELOAD, "TAV_DISK_FAULT=" + plan,
+                  "ASAN_OPTIONS=verify_asan_link_order=0"};
+        Process first(dir, "first", tavd_arguments(fresh));
+        const bool serves = first.wait_for_error_text("serving on ");
+        first.signal(SIGKILL);
+        first.wait();
+        std::filesystem::remove(plan);
+        std::filesystem::remove_all(dir.file("run"));
+        return serves;
+    }
+
+    const std::string plan = dir.file("plan");
     const std::string database = dir.file("db/store.db");
     const Names on_disk{"--database", database};
+    const Names fresh{"--database", database, "--initial-node", "/a b/c"};
 };
 
 } // namespace
@@ -47,4 +67,28 @@ TEST_F(StartTest, ItNeedsNoMoreMemoryThanRunning) {
     tavd->wait();
     start(on_disk);
     EXPECT_LT(memory("VmHWM"), running * 12 / 10);
+}
+
+TEST_F(StartTest, TheFirstStartMakesTheInitialNodesWhereverItIsKilled) {
+    bool served = false;
+    int syncs = 0;
+    while (!served && syncs < 100) {
+        served = first_start("kill " + std::to_string(++syncs));
+        start(fresh);
+        EXPECT_EQ(Client().list("/a b"), Names{"c"}) << "killed at sync " << syncs;
+        tavd->signal(SIGKILL);
+        tavd->wait();
+    }
+    EXPECT_TRUE(served);
+    EXPECT_GT(syncs, 3);
+}
+
+TEST_F(StartTest, TheFirstStartFailsOrMakesTheInitialNodesWhateverSyncFails) {
+    for (int sync = 1; sync < 30; ++sync) {
+        first_start("once " + std::to_string(sync));
+        start(fresh);
+        EXPECT_EQ(Client().list("/a b"), Names{"c"}) << "failed at sync " << sync;
+        tavd->signal(SIGKILL);
+        tavd->wait();
+    }
 }

@@ -1,7 +1,9 @@
 // Preloaded into the service, makes writing to files fail. The file named by the environment
 // variable TAV_DISK_FAULT says what fails, and may change at any time: "write N" or "sync N" makes
-// every such call fail with errno N; nothing fails while there is no such file.
+// every such call fail with errno N; "kill N" ends the process at its Nth sync, and "once N" makes
+// that one fail. Nothing fails while there is no such file.
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 
@@ -25,9 +27,20 @@ bool fails(const char *kind) {
         return false;
     }
     char planned[16] = {};
-    int error = 0;
+    int error = 0; // or a count
     const int read = std::fscanf(file, "%15s %d", planned, &error);
     std::fclose(file);
+    if (read == 2 && std::strcmp(kind, "sync") == 0) {
+        static int syncs = 0;
+        const bool reached = ++syncs == error;
+        if (reached && std::strcmp(planned, "kill") == 0) {
+            std::raise(SIGKILL);
+        }
+        if (reached && std::strcmp(planned, "once") == 0) {
+            errno = EIO;
+            return true;
+        }
+    }
     if (read != 2 || std::strcmp(planned, kind) != 0) {
         return false;
     }
