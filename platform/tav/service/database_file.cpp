@@ -10,6 +10,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 
 #include "client/unique_fd.h"
 #include "protocol/messages.h"
@@ -31,6 +32,13 @@ constexpr off_t header_user_version = 60;
 bool exists(const std::string &file) {
     struct stat info {};
     return ::lstat(file.c_str(), &info) == 0;
+}
+
+// Without symbolic links, if it exists.
+std::string resolved(const std::string &file) {
+    std::error_code missing;
+    const std::filesystem::path path = std::filesystem::canonical(file, missing);
+    return missing ? file : path.string();
 }
 
 [[noreturn]] void fail(const std::string &file, const std::string &what) {
@@ -123,6 +131,7 @@ std::int64_t Version::number() const {
 void provide_database(const std::string &file, const std::vector<std::string> &initial_nodes) {
     try {
         make_directory_of(file);
+        require_private(directory_of(resolved(file)));
     } catch (const std::runtime_error &error) {
         throw DatabaseError("database '" + file + "': " + error.what());
     }

@@ -13,7 +13,8 @@ namespace tav {
 // Creates `file`, with its directory, unless it exists: a database that contains only the
 // `initial_nodes`, which are paths that check_path accepts, and their parents. The file gets its
 // name only when it is complete, so an existing file that is empty or truncated is damaged. Throws
-// DatabaseError, also if there is a write-ahead log without its database.
+// DatabaseError, also if others than root and this process's user can write to the directory, and
+// if there is a write-ahead log without its database.
 void provide_database(const std::string &file, const std::vector<std::string> &initial_nodes);
 
 // Creates `file`, instead of one that an earlier start or repair has not finished, with the content

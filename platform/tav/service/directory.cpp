@@ -65,6 +65,23 @@ void make_directory_of(const std::string &file, std::optional<gid_t> group) {
     }
 }
 
+void require_private(const std::string &directory) {
+    struct stat info {};
+    if (::stat(directory.c_str(), &info) != 0) {
+        fail("cannot examine directory '" + directory + "'");
+    }
+    if (info.st_uid != 0 && info.st_uid != ::geteuid()) {
+        throw std::runtime_error("directory '" + directory +
+                                 "' belongs to another user, who could replace files in it: use a "
+                                 "directory of the service's own user");
+    }
+    if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        throw std::runtime_error("others can create files in directory '" + directory +
+                                 "': use a directory of its own, or chmod go-w '" + directory +
+                                 "'");
+    }
+}
+
 void sync_directory(const std::string &directory) {
     const UniqueFd fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!fd.valid()) {

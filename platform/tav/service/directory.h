@@ -17,6 +17,11 @@ std::string directory_of(const std::string &file);
 // directory and the reason.
 void make_directory_of(const std::string &file, std::optional<gid_t> group = {});
 
+// Throws std::runtime_error, with what to do, unless only this process's user and root can create
+// or replace files in `directory`. Not even a sticky one prevents others from creating a missing
+// file.
+void require_private(const std::string &directory);
+
 // Makes what was created, renamed or removed in `directory` survive a power cut. Throws
 // std::runtime_error.
 void sync_directory(const std::string &directory);

@@ -281,6 +281,39 @@ TEST_F(DamageTest, ADirectoryThatCannotBeMadeIsNamed) {
               "tavd: socket '" + database + "/s': '" + database + "' is not a directory\n");
 }
 
+TEST_F(DamageTest, ADirectoryThatOthersCanWriteToIsRefused) {
+    // Also a sticky one, and through a symbolic link.
+    for (const mode_t mode : {mode_t{0775}, mode_t{0757}, mode_t{01777}}) {
+        ::mkdir(dir.file("open").c_str(), 0755);
+        ::chmod(dir.file("open").c_str(), mode);
+        std::filesystem::rename(database, dir.file("open/store.db"));
+        std::filesystem::create_symlink(dir.file("open/store.db"), database);
+        for (const std::string &name :
+             {dir.file("open/store.db"), dir.file("open/new.db"), database}) {
+            const Ran ran = run(dir, tavd_arguments({"--database", name}));
+            EXPECT_EQ(ran.status, 1);
+            EXPECT_EQ(ran.errors,
+                      "tavd: database '" + name + "': others can create files in directory '" +
+                          dir.file("open") + "': use a directory of its own, or chmod go-w '" +
+                          dir.file("open") + "'\n");
+        }
+        std::filesystem::rename(dir.file("open/store.db"), database);
+        EXPECT_TRUE(std::filesystem::is_empty(dir.file("open")));
+    }
+    start(on_disk);
+}
+
+TEST_F(DamageTest, ADirectoryOfAnotherUserIsRefused) {
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "no right to give a directory away";
+    }
+    ::mkdir(dir.file("theirs").c_str(), 0755);
+    ASSERT_EQ(::chown(dir.file("theirs").c_str(), 1, 1), 0);
+    const Ran ran = run(dir, tavd_arguments({"--database", dir.file("theirs/store.db")}));
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_NE(ran.errors.find("belongs to another user"), std::string::npos) << ran.errors;
+}
+
 TEST_F(DamageTest, ADirectoryIsNoDatabase) {
     ::mkdir(dir.file("d").c_str(), 0755);
     const Ran ran = run(dir, tavd_arguments({"--database", dir.file("d")}));

@@ -137,7 +137,7 @@ protected:
                   "-rm",
                   "/bin/sh",
                   "-c",
-                  "mkdir \"$0\" && mount -t tmpfs -o size=512k none \"$0\" && exec \"$@\"",
+                  "mkdir \"$0\" && mount -t tmpfs -o size=512k,mode=755 none \"$0\" && exec \"$@\"",
                   mounted};
         start({"--database", mounted + "/store.db"});
     }
