@@ -2,6 +2,8 @@
 
 #include <sqlite3.h>
 
+#include <utility>
+
 #include "service/log.h"
 
 namespace tav {
@@ -48,7 +50,17 @@ Database::Database(const std::string &file, Durability promised,
         database.execute("PRAGMA synchronous = NORMAL");
     }
     rows.emplace(database);
+    for (const char *suffix : {"", "-wal"}) {
+        if (KnownFile file_now(database.resolved_name() + suffix); file_now.loss() == nullptr) {
+            files.push_back(std::move(file_now));
+        }
+    }
     sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
+}
+
+// Closing empties and removes the log, which must be its own.
+Database::~Database() {
+    static_cast<void>(files_are_there());
 }
 
 const char *Database::promise() const {
@@ -62,6 +74,22 @@ void Database::use_wal() {
         log_line("database '%s': this file system does not support a write-ahead log",
                  database.name().c_str());
     }
+}
+
+// What is written to a file that was removed is lost with the service. Its content is still in
+// memory then, and nothing on disk may be changed any more.
+bool Database::files_are_there() {
+    for (const KnownFile &file : files) {
+        if (const char *loss = file.loss()) {
+            sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+            log_line("'%s' %s while in use: changes cannot be stored. Put it back; or save the "
+                     "settings (tav dump), stop tavd, and start it with a new database",
+                     file.name().c_str(), loss);
+            return false;
+        }
+    }
+    sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
+    return true;
 }
 
 // Brings the content of the log into the database and makes it a file of no bytes; false if that
@@ -81,7 +109,7 @@ Version Database::current_version() const {
     return version;
 }
 
-void Database::write(const std::vector<Change> &changes, Totals &after) {
+void Database::write(const Edit::Changes &changes, Totals &after) {
     for (const Change &change : changes) {
         if (!change.stored()) {
             continue;
@@ -119,6 +147,17 @@ bool Database::is_slow(std::size_t changes) const {
 }
 
 bool Database::commit(const Edit::Changes &changes) {
+    if (!files_are_there()) {
+        return false;
+    }
+    const bool stored = try_commit(changes);
+    for (KnownFile &file : files) {
+        file.accept_size();
+    }
+    return stored;
+}
+
+bool Database::try_commit(const Edit::Changes &changes) {
     try {
         // Until that commit succeeds, no write can be confirmed.
         discard_refused();

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "service/database_file.h"
+#include "service/known_file.h"
 #include "service/rows.h"
 #include "service/sqlite.h"
 #include "service/storage.h"
@@ -27,8 +28,10 @@ public:
     // another service. A file that cannot be used is not changed.
     Database(const std::string &file, Durability promised,
              const std::vector<std::string> &initial_nodes, Tree &tree);
+    ~Database() override;
 
-    // False if it failed, for example because the disk is full: the changes are not stored then,
+    // False if it failed, for example because the disk is full, or because a file of the database
+    // is no longer in its place: the changes are not stored then,
     // and do not appear after a later start either.
     bool commit(const Edit::Changes &changes) override;
     bool is_slow(std::size_t changes) const override;
@@ -36,9 +39,11 @@ public:
 
 private:
     void use_wal();
+    bool files_are_there();
     bool empty_log();
+    bool try_commit(const Edit::Changes &changes);
     Version current_version() const;
-    void write(const std::vector<Change> &changes, Totals &after);
+    void write(const Edit::Changes &changes, Totals &after);
     void discard_refused();
 
     Durability durability;
@@ -46,6 +51,7 @@ private:
     Sqlite database;
     Sqlite::Statement begin;
     Sqlite::Statement end;
+    std::vector<KnownFile> files; // the database, and the log if there is one
     std::optional<Rows> rows;
     Totals totals;
     bool refused_in_log = false; // the log on disk may end with a commit that failed

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 
 using namespace tavtest;
@@ -168,6 +169,70 @@ TEST_F(FullDiskTest, WritesAreRefusedUntilThereIsRoom) {
     EXPECT_EQ(big(stored), api_status_ok);
     EXPECT_EQ(client.list("/n").size(), static_cast<std::size_t>(stored) + 1);
     EXPECT_EQ(client.get("/n/0"), std::string(60000, 'v'));
+}
+
+namespace {
+
+struct Loss {
+    const char *name;
+    const char *file;
+    const char *logged;
+    void (*cause)(const std::string &);
+};
+
+void remove_file(const std::string &file) {
+    std::filesystem::remove(file);
+}
+void replace_file(const std::string &file) {
+    std::filesystem::copy_file(file, file + ".copy");
+    std::filesystem::rename(file + ".copy", file);
+}
+void cut_file(const std::string &file) {
+    std::filesystem::resize_file(file, 1);
+}
+
+class LostFileTest : public StoreTest, public testing::WithParamInterface<Loss> {};
+
+INSTANTIATE_TEST_SUITE_P(
+    Losses, LostFileTest,
+    testing::Values(Loss{"database_removed", "store.db", "cannot be found any more", remove_file},
+                    Loss{"log_removed", "store.db-wal", "cannot be found any more", remove_file},
+                    Loss{"database_replaced", "store.db", "was replaced", replace_file},
+                    Loss{"log_replaced", "store.db-wal", "was replaced", replace_file},
+                    Loss{"database_cut", "store.db", "was cut short", cut_file},
+                    Loss{"log_cut", "store.db-wal", "was cut short", cut_file}),
+    [](const auto &tested) { return tested.param.name; });
+
+} // namespace
+
+TEST_P(LostFileTest, IsNoticedAtTheNextWriteAndNotChanged) {
+    start({"--database", dir.file("store.db")});
+    Client client;
+    EXPECT_EQ(client.set("/a", "1"), api_status_ok);
+    const std::string file = dir.file(GetParam().file);
+    GetParam().cause(file);
+    const std::string left = read_file(file);
+    EXPECT_EQ(client.set("/a", "2"), api_status_failed);
+    EXPECT_TRUE(tavd->wait_for_error_text("'" + file + "' " + GetParam().logged));
+    EXPECT_EQ(client.get("/a"), "1");
+    client.close();
+    EXPECT_EQ(stop(), 0);
+    EXPECT_EQ(read_file(file), left);
+}
+
+TEST_F(StoreTest, AFileThatIsPutBackIsUsedAgain) {
+    const std::string file = dir.file("store.db");
+    start({"--database", file});
+    Client client;
+    EXPECT_EQ(client.set("/a", "1"), api_status_ok);
+    std::filesystem::rename(file, file + ".away");
+    EXPECT_EQ(client.set("/a", "2"), api_status_failed);
+    std::filesystem::rename(file + ".away", file);
+    EXPECT_EQ(client.set("/a", "3"), api_status_ok);
+    client.close();
+    EXPECT_EQ(stop(), 0);
+    start({"--database", file});
+    EXPECT_EQ(Client().get("/a"), "3");
 }
 
 namespace {
