@@ -20,19 +20,22 @@ UniqueFd provided(const std::string &file, const std::vector<std::string> &initi
 
 Database::Database(const std::string &file, Durability promised,
                    const std::vector<std::string> &initial_nodes, Tree &tree)
-    : durability(promised), lock(provided(file, initial_nodes)),
+    : durability(promised), lock(provided(file, initial_nodes)), space(lock.get()),
       database(file, SQLITE_OPEN_READWRITE) {
     // Until the file is known to be usable, not even closing may write to it.
     sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     check_log_of(database.resolved_name(), lock.get());
     // Other programs than this service fail while it runs, or it fails here.
-    database.execute("PRAGMA locking_mode = EXCLUSIVE");
+    // Overwriting what is removed would need room in the log.
+    database.execute("PRAGMA locking_mode = EXCLUSIVE; PRAGMA secure_delete = FAST");
     Version version = check_database(database);
     totals = load_rows(database, row_checks(version), tree);
+    page_size = database.number("PRAGMA page_size");
     use_wal();
     database.execute("PRAGMA synchronous = FULL");
     begin = database.prepare("BEGIN IMMEDIATE");
     end = database.prepare("COMMIT");
+    page_count = database.prepare("PRAGMA page_count");
     if (version.format == first_format) {
         totals = migrate_database(database, tree);
         version = Version();
@@ -97,6 +100,7 @@ bool Database::files_are_there() {
 bool Database::empty_log() {
     try {
         database.execute("PRAGMA wal_checkpoint(TRUNCATE)");
+        space.reserve_log(database.resolved_name() + "-wal");
         return true;
     } catch (const DatabaseError &) {
         return false;
@@ -110,6 +114,14 @@ Version Database::current_version() const {
 }
 
 void Database::write(const Edit::Changes &changes, Totals &after) {
+    std::int64_t removed = 0;
+    for (const Change &change : changes) {
+        removed += change.stored() && !change.after ? 1 : 0;
+    }
+    const bool all = removed == after.rows && removed == static_cast<std::int64_t>(changes.size());
+    if (all) {
+        rows->remove_all();
+    }
     for (const Change &change : changes) {
         if (!change.stored()) {
             continue;
@@ -119,7 +131,7 @@ void Database::write(const Edit::Changes &changes, Totals &after) {
         }
         if (change.after) {
             rows->put(change.path, *change.after, after);
-        } else {
+        } else if (!all) {
             rows->remove(change.path);
         }
     }
@@ -157,20 +169,34 @@ bool Database::commit(const Edit::Changes &changes) {
     return stored;
 }
 
+void Database::transact(const Edit::Changes &changes) {
+    Totals after = totals;
+    database.run(begin.get());
+    write(changes, after);
+    space.reserve_database(database.number(page_count.get()) * page_size);
+    database.run(end.get());
+    totals = after;
+}
+
 bool Database::try_commit(const Edit::Changes &changes) {
     try {
         // Until that commit succeeds, no write can be confirmed.
         discard_refused();
-        Totals after = totals;
-        database.run(begin.get());
-        write(changes, after);
-        database.run(end.get());
-        totals = after;
+        try {
+            transact(changes);
+        } catch (const DiskFull &) {
+            // There is always room to empty the log.
+            database.roll_back();
+            space.forget_database();
+            static_cast<void>(empty_log());
+            transact(changes);
+        }
         return true;
-    } catch (const DatabaseError &error) {
+    } catch (const std::exception &error) {
         log_line("cannot store a change: %s", error.what());
     }
     database.roll_back();
+    space.forget_database();
     refused_in_log = true;
     try {
         discard_refused();

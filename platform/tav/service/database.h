@@ -8,6 +8,7 @@
 #include "service/database_file.h"
 #include "service/known_file.h"
 #include "service/rows.h"
+#include "service/space.h"
 #include "service/sqlite.h"
 #include "service/storage.h"
 
@@ -41,6 +42,7 @@ private:
     void use_wal();
     bool files_are_there();
     bool empty_log();
+    void transact(const Edit::Changes &changes);
     bool try_commit(const Edit::Changes &changes);
     Version current_version() const;
     void write(const Edit::Changes &changes, Totals &after);
@@ -48,9 +50,12 @@ private:
 
     Durability durability;
     UniqueFd lock; // closed after the database is
+    Space space;
     Sqlite database;
+    std::int64_t page_size = 0;
     Sqlite::Statement begin;
     Sqlite::Statement end;
+    Sqlite::Statement page_count;
     std::vector<KnownFile> files; // the database, and the log if there is one
     std::optional<Rows> rows;
     Totals totals;

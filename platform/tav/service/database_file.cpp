@@ -164,7 +164,7 @@ void provide_database(const std::string &file, const std::vector<std::string> &i
 }
 
 UniqueFd lock_database(const std::string &file) {
-    UniqueFd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+    UniqueFd fd(::open(file.c_str(), O_RDWR | O_CLOEXEC));
     if (!fd.valid()) {
         fail(file, "cannot be opened");
     }

@@ -78,6 +78,11 @@ void Rows::remove(const std::string &path) {
     database.run(remove_row.get());
 }
 
+// Without a condition SQLite frees whole pages and need not write them.
+void Rows::remove_all() {
+    database.execute("DELETE FROM element");
+}
+
 void Rows::discount(const std::string &path, const Value &value, Totals &totals) {
     --totals.rows;
     totals.checksums ^= checksum_of(path, value);

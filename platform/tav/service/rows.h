@@ -29,6 +29,7 @@ public:
     // Stores a row and counts it in `totals`.
     void put(const std::string &path, const Value &value, Totals &totals);
     void remove(const std::string &path);
+    void remove_all();
     // Takes a row that is being replaced or removed out of `totals`.
     static void discount(const std::string &path, const Value &value, Totals &totals);
     void store(const Totals &totals);

@@ -63,6 +63,8 @@ void Sqlite::fail() const {
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
         throw DatabaseError("database '" + file_name + "' is in use by another process");
+    case SQLITE_FULL:
+        throw DiskFull("database '" + file_name + "': " + reason);
     case SQLITE_CANTOPEN:
     case SQLITE_IOERR:
         // SQLite's own text only says that it failed.
@@ -89,10 +91,16 @@ Sqlite::Statement Sqlite::prepare(const char *sql) {
 
 std::int64_t Sqlite::number(const char *sql) {
     const Statement statement = prepare(sql);
-    if (!next(statement.get())) {
+    return number(statement.get());
+}
+
+std::int64_t Sqlite::number(sqlite3_stmt *statement) {
+    if (!next(statement)) {
         refuse_damaged(file_name, "is damaged");
     }
-    return sqlite3_column_int64(statement.get(), 0);
+    const std::int64_t result = sqlite3_column_int64(statement, 0);
+    sqlite3_reset(statement);
+    return result;
 }
 
 void Sqlite::run(sqlite3_stmt *statement) {

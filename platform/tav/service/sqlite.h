@@ -20,6 +20,10 @@ class DamagedDatabase : public DatabaseError {
     using DatabaseError::DatabaseError;
 };
 
+class DiskFull : public DatabaseError {
+    using DatabaseError::DatabaseError;
+};
+
 // Throws the error for a file with invalid content, including how to continue without it. `what`
 // follows the name of the file.
 [[noreturn]] void refuse_database(const std::string &file, const std::string &what);
@@ -42,6 +46,7 @@ public:
     Statement prepare(const char *sql);
     // The first column of the only row.
     std::int64_t number(const char *sql);
+    std::int64_t number(sqlite3_stmt *statement);
     // Executes a statement without result rows, and resets it for the next use.
     void run(sqlite3_stmt *statement);
     // The next row; false at the end.

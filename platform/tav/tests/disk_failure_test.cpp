@@ -3,10 +3,12 @@
 #include "support/store_fixture.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <thread>
 
 using namespace tavtest;
 
@@ -134,16 +136,44 @@ protected:
         if (run(dir, {"/usr/bin/unshare", "-rm", "true"}).status != 0) {
             GTEST_SKIP() << "no right to make a mount namespace";
         }
-        prefix = {"/usr/bin/unshare",
-                  "-rm",
-                  "/bin/sh",
-                  "-c",
-                  "mkdir \"$0\" && mount -t tmpfs -o size=512k,mode=755 none \"$0\" && exec \"$@\"",
+        prefix = {"/usr/bin/unshare", "-rmpf", "--kill-child", "/bin/sh", "-c",
+                  // A second service may follow the first.
+                  R"(mkdir "$0" && mount -t tmpfs -o size=512k,mode=755 none "$0"; "$@"; "$@")",
                   mounted};
         start({"--database", mounted + "/store.db"});
     }
+    static std::string child_of(const std::string &parent) {
+        const std::string pid = std::to_string(std::stoi(parent));
+        return read_file("/proc/" + pid + "/task/" + pid + "/children");
+    }
     std::string seen_from_here(const std::string &name) const {
         return "/proc/" + std::to_string(tavd->pid()) + "/root" + mounted + "/" + name;
+    }
+    // Kills the service; the next one finds the same disk.
+    void kill_and_restart() {
+        const std::string shell = child_of(std::to_string(tavd->pid()));
+        ASSERT_EQ(::kill(std::stoi(child_of(shell)), SIGKILL), 0);
+        const auto served_twice = [this] {
+            const std::string log = tavd->errors();
+            return log.find("serving on") != log.rfind("serving on");
+        };
+        while (!served_twice() && tavd->running()) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        ASSERT_TRUE(served_twice()) << tavd->errors();
+    }
+    // Writes values until not even a small one has room.
+    static void fill(Client &client) {
+        static int number = 0;
+        for (const std::size_t size : {60000U, 3000U, 100U}) {
+            int stored = 0;
+            while (stored < 5000 && client.set("/n/" + std::to_string(number) + "/v",
+                                               std::string(size, 'v')) == api_status_ok) {
+                ++number;
+                ++stored;
+            }
+            ASSERT_LT(stored, 5000);
+        }
     }
 
     const std::string mounted = dir.file("small");
@@ -169,6 +199,52 @@ TEST_F(FullDiskTest, WritesAreRefusedUntilThereIsRoom) {
     EXPECT_EQ(big(stored), api_status_ok);
     EXPECT_EQ(client.list("/n").size(), static_cast<std::size_t>(stored) + 1);
     EXPECT_EQ(client.get("/n/0"), std::string(60000, 'v'));
+}
+
+TEST_F(FullDiskTest, WhatTheStoreFilledCanBeEmptied) {
+    auto client = std::make_unique<Client>();
+    fill(*client);
+    const std::size_t full = client->list("/n").size();
+    ASSERT_GT(full, 5U);
+    for (const char *path : {"/n/0", "/n/1"}) {
+        EXPECT_EQ(client->remove(path), api_status_ok);
+    }
+    EXPECT_EQ(client->set("/n/again", "1"), api_status_ok);
+    fill(*client);
+    client->close();
+    kill_and_restart();
+    client = std::make_unique<Client>();
+    EXPECT_EQ(client->remove("/n/2"), api_status_ok);
+    fill(*client);
+    EXPECT_EQ(client->remove("/n"), api_status_ok);
+    EXPECT_EQ(client->list("/"), Names{});
+    EXPECT_EQ(client->set("/a", std::string(3000, 'v')), api_status_ok);
+}
+
+TEST_F(FullDiskTest, WhatWasReservedForTheStoreIsEnoughToEmptyIt) {
+    // Another program takes all that is left.
+    const auto fill_rest = [this] {
+        std::ofstream ballast(seen_from_here("ballast"), std::ios::app);
+        while (ballast << std::string(1024, 'x') << std::flush) {
+        }
+    };
+    auto client = std::make_unique<Client>();
+    Names small;
+    for (int i = 0; i < 400; ++i) {
+        small.push_back("/n/small/" + std::to_string(i));
+    }
+    EXPECT_EQ(client->set_all(small, Names(small.size(), std::string(100, 'v'))).front(),
+              api_status_ok);
+    EXPECT_EQ(client->set("/n/big/v", std::string(60000, 'v')), api_status_ok);
+    fill_rest();
+    EXPECT_EQ(client->remove("/n/big"), api_status_ok);
+    client->close();
+    kill_and_restart();
+    fill_rest();
+    client = std::make_unique<Client>();
+    EXPECT_EQ(client->set("/n/small/1", "x"), api_status_ok);
+    EXPECT_EQ(client->remove("/n"), api_status_ok);
+    EXPECT_EQ(client->list("/"), Names{});
 }
 
 namespace {
