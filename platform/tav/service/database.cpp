@@ -82,7 +82,7 @@ void Database::use_wal() {
 // What is written to a file that was removed is lost with the service. Its content is still in
 // memory then, and nothing on disk may be changed any more.
 bool Database::files_are_there() {
-    for (const KnownFile &file : files) {
+    for (KnownFile &file : files) {
         if (const char *loss = file.loss()) {
             sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
             log_line("'%s' %s while in use: changes cannot be stored. Put it back; or save the "
@@ -163,9 +163,8 @@ bool Database::commit(const Edit::Changes &changes) {
         return false;
     }
     const bool stored = try_commit(changes);
-    for (KnownFile &file : files) {
-        file.accept_size();
-    }
+    // The log is the last one; of the database, the size before a commit is enough.
+    files.back().accept_size();
     return stored;
 }
 

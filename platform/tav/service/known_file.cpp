@@ -15,7 +15,7 @@ KnownFile::KnownFile(std::string name) : file_name(std::move(name)) {
     }
 }
 
-const char *KnownFile::loss() const {
+const char *KnownFile::loss() {
     struct stat info {};
     if (::stat(file_name.c_str(), &info) != 0) {
         return "cannot be found any more";
@@ -23,7 +23,11 @@ const char *KnownFile::loss() const {
     if (info.st_dev != device || info.st_ino != inode) {
         return "was replaced by another file";
     }
-    return info.st_size < size ? "was cut short" : nullptr;
+    if (info.st_size < size) {
+        return "was cut short";
+    }
+    size = info.st_size;
+    return nullptr;
 }
 
 void KnownFile::accept_size() {

@@ -12,9 +12,9 @@ public:
     // The file that has this name now.
     explicit KnownFile(std::string name);
 
-    // What happened to it since then, for a sentence about it; null if nothing did. It may have
-    // grown, and been moved away and back again.
-    const char *loss() const;
+    // What happened to it since then or the last call, for a sentence about it; null if nothing
+    // did. It may have grown, and been moved away and back again.
+    const char *loss();
     // Its present size is right, also if it is smaller than before.
     void accept_size();
 
