@@ -1,4 +1,5 @@
 // The command-line tool and a service that does not keep the protocol's promises.
+#include "support/hostile_text.h"
 #include "support/raw_peer.h"
 #include "support/store_fixture.h"
 
@@ -48,4 +49,31 @@ TEST_F(ToolHostileTest, AFloodOfWakeUpsDoesNotProlongTheTimeOfWatch) {
         }
     });
     EXPECT_EQ(tav({"watch", "--timeout", "0.2"}).status, 0);
+}
+
+TEST_F(ToolHostileTest, APathWithoutASlashThatIsCalledAbsentEndsTheSearchForAdvice) {
+    answer_all([](tav::Op op, Writer &out) {
+        if (op == tav::Op::read) {
+            put_all(out, std::vector<tav::LeafAnswer>{{api_status_absent, {}}});
+        } else {
+            put(out, api_status_absent);
+            put_all(out, std::vector<tav::Child>{});
+        }
+    });
+    const Ran ran = tav({"get", "a"});
+    EXPECT_EQ(ran.status, 1);
+    EXPECT_EQ(ran.errors, "tav: a: absent\n");
+}
+
+TEST_F(ToolHostileTest, StatusEscapesWhatTheServiceSays) {
+    answer_all([](tav::Op, Writer &out) {
+        tav::ServiceStatus status;
+        status.database = status.durability = hostile_text();
+        status.limits.push_back({hostile_text(), 1, 2, 3});
+        put(out, status);
+    });
+    std::string printed = tav({"status"}).output;
+    EXPECT_NE(printed.find("durability"), std::string::npos);
+    printed.erase(std::remove(printed.begin(), printed.end(), '\n'), printed.end());
+    EXPECT_EQ(unescaped_part(printed), "");
 }

@@ -20,7 +20,8 @@ api_status_t node_status(Client &client, const std::string &path) {
 
 std::string parent_of(const std::string &path) {
     const std::size_t slash = path.rfind('/');
-    return slash == 0 ? "/" : path.substr(0, slash);
+    // Without a slash it is no path, but the service may call it absent.
+    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
 }
 
 // The nearest element above `path` that exists, and whether it is a node (api_status_ok) or a leaf

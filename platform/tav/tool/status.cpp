@@ -73,7 +73,7 @@ void print_text(const ServiceStatus &status) {
               << "database   "
               << (status.database.empty()
                       ? "none, memory only"
-                      : shown(status.database) + ", durability " + status.durability)
+                      : shown(status.database) + ", durability " + shown(status.durability))
               << '\n'
               << "tree       " << status.nodes << " nodes, " << status.leaves
               << " leaves, revision " << status.revision << '\n'
@@ -81,9 +81,9 @@ void print_text(const ServiceStatus &status) {
               << "limits" << std::setw(44) << "used" << std::setw(12) << "limit" << std::setw(10)
               << "refused" << '\n';
     for (const LimitStatus &limit : status.limits) {
-        std::cout << "  " << std::left << std::setw(36) << limit.name << std::right << std::setw(12)
-                  << limit.used << std::setw(12) << limit.limit << std::setw(10) << limit.refused
-                  << '\n';
+        std::cout << "  " << std::left << std::setw(36) << shown(limit.name) << std::right
+                  << std::setw(12) << limit.used << std::setw(12) << limit.limit << std::setw(10)
+                  << limit.refused << '\n';
     }
     std::cout << "clients    " << status.clients.size() << '\n';
     for (const ClientStatus &client : status.clients) {
