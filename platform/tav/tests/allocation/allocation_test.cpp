@@ -1,0 +1,354 @@
+// Memory may end at any allocation of any call: the service lives on, and its memory and its
+// database hold the same. Each allocation of each kind of call fails in turn.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <new>
+
+#include "service/database.h"
+#include "service/service.h"
+#include "support/process.h"
+
+namespace {
+
+// Allocations that still succeed before one fails; negative: none fails.
+std::atomic<long> remaining{-1};
+std::atomic<bool> failed{false};
+bool all_later = false; // also fail, not just one
+
+void fail_after(long successes, bool all) {
+    failed = false;
+    all_later = all;
+    remaining = successes;
+}
+void fail_no_more() {
+    remaining = -1;
+}
+
+bool must_fail() {
+    const long left = remaining;
+    if (left != 0) {
+        remaining = left > 0 ? left - 1 : left;
+        return false;
+    }
+    failed = true;
+    remaining = all_later ? 0 : -1;
+    return true;
+}
+
+sqlite3_mem_methods plain;
+
+// Before SQLite is used for the first time.
+const bool sqlite_fails_too = [] {
+    sqlite3_config(SQLITE_CONFIG_GETMALLOC, &plain);
+    sqlite3_mem_methods failing = plain;
+    failing.xMalloc = [](int size) { return must_fail() ? nullptr : plain.xMalloc(size); };
+    failing.xRealloc = [](void *memory, int size) {
+        return must_fail() ? nullptr : plain.xRealloc(memory, size);
+    };
+    return sqlite3_config(SQLITE_CONFIG_MALLOC, &failing) == SQLITE_OK;
+}();
+
+} // namespace
+
+void *operator new(std::size_t size) {
+    void *const memory = must_fail() ? nullptr : std::malloc(size);
+    if (memory == nullptr) {
+        throw std::bad_alloc();
+    }
+    return memory;
+}
+void operator delete(void *memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void *memory, std::size_t) noexcept {
+    std::free(memory);
+}
+
+namespace {
+
+using namespace tav;
+using Items = std::vector<Item>;
+using Lines = std::vector<std::string>;
+
+const std::string long_text(200, 'x'); // does not fit into the string object itself
+const std::vector<std::string> first_nodes{"/first/node/" + long_text, "/second"};
+
+Item set(const std::string &path, const std::string &text = long_text) {
+    return Item{ItemKind::set, path, Value{element_type_string, text, no_time}};
+}
+Item step(ItemKind kind, const std::string &path) {
+    return Item{kind, path, {}};
+}
+
+std::string request(Op op, const std::function<void(Writer &)> &content = {}) {
+    Writer out;
+    put(out, RequestHeader{op, 1});
+    if (content) {
+        content(out);
+    }
+    return out.finish().substr(length_bytes);
+}
+std::string transaction(const Items &items) {
+    return request(Op::transact, [&items](Writer &out) { put_all(out, items); });
+}
+std::string with_path(Op op) {
+    return request(op, [](Writer &out) { put(out, std::string_view("/")); });
+}
+
+struct Kind {
+    const char *name;
+    std::string body; // of a request; empty: not one
+
+    bool is(const std::string &other) const { return other == name; }
+};
+
+void PrintTo(const Kind &kind, std::ostream *out) {
+    *out << kind.name;
+}
+
+std::vector<Kind> kinds() {
+    const Items mixed{set("/a/b"),
+                      step(ItemKind::remove, "/n"),
+                      set("/n/new/deep"),
+                      step(ItemKind::make_node, "/q/r"),
+                      step(ItemKind::remove_single, "/empty"),
+                      step(ItemKind::touch, "/")};
+    Items refused = mixed;
+    refused.push_back(set("/a"));
+    return {
+        {"Start", ""},
+        {"FirstStart", ""},
+        {"Connect", ""},
+        {"SetExisting", transaction({set("/a/b", "y")})},
+        {"SetNew", transaction({set("/a/" + long_text)})},
+        {"SetNewWithParents", transaction({set("/x/y/z/" + long_text)})},
+        {"SetSame", transaction({set("/a/b")})},
+        {"MakeNode", transaction({step(ItemKind::make_node, "/x/y/" + long_text)})},
+        {"RemoveNode", transaction({step(ItemKind::remove_node, "/n")})},
+        {"RemoveLeaf", transaction({step(ItemKind::remove, "/a/b")})},
+        {"RemoveSingle", transaction({step(ItemKind::remove_single, "/empty")})},
+        {"Clear", transaction({step(ItemKind::clear, "/")})},
+        {"Touch", transaction({step(ItemKind::touch, "/")})},
+        {"ManySteps", transaction(mixed)},
+        {"ManyStepsRefused", transaction(refused)},
+        {"Stale", transaction({set("/stale", "y")})},
+        {"Read", request(Op::read,
+                         [](Writer &out) {
+                             put_all(out, Lines{"/a/b", "/none", "/n"});
+                         })},
+        {"List", with_path(Op::list)},
+        {"Register", request(Op::event_register,
+                             [](Writer &out) {
+                                 put(out, Registration{"/" + long_text, api_event_change, true});
+                             })},
+        {"Fetch", request(Op::events_get)},
+        {"Acknowledge", request(Op::wake_acknowledge)},
+        {"Watchdog", request(Op::watchdog_register,
+                             [](Writer &out) {
+                                 put(out, WatchdogRequest{long_text.substr(0, 60), 60, true});
+                             })},
+        {"Ping", request(Op::watchdog_ping)},
+        {"Status", request(Op::status)},
+        {"Dump", request(Op::dump,
+                         [](Writer &out) {
+                             put(out, DumpRequest{"/", 0});
+                         })},
+    };
+}
+
+Lines lines_of(const Tree &tree) {
+    Lines lines{std::to_string(tree.node_count()) + " nodes " + std::to_string(tree.leaf_count())};
+    walk("/", tree.root(), [&lines](const std::string &path, const Element &element) {
+        const Value &value = element.value;
+        lines.push_back(path + " " + std::to_string(value.type) + " " + value.text + " " +
+                        std::to_string(value.time));
+        return true;
+    });
+    return lines;
+}
+
+// What the parent learns about a child that may die.
+struct Report {
+    long number = 0; // of the allocation that fails
+    char text[2000] = "";
+};
+
+class AllocationTest : public ::testing::TestWithParam<std::tuple<Kind, bool>> {
+protected:
+    AllocationTest() {
+        void *const shared = ::mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE,
+                                    MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+        report = new (shared) Report;
+        Store store(original, Durability::normal);
+        Items items{set("/a/b"), set("/a/c/d", "short"), set("/stale"),
+                    step(ItemKind::make_node, "/empty")};
+        for (int i = 0; i < 10; ++i) {
+            items.push_back(set("/n/" + std::to_string(i)));
+        }
+        store.transact(items, [](const std::string &) { return false; });
+    }
+    ~AllocationTest() override { ::munmap(report, sizeof(Report)); }
+
+    // Lets one allocation after another fail, beginning with report->number, until the call makes
+    // no more. In a child process; does not return.
+    [[noreturn]] void child() {
+        ::dup2(::open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
+        for (;; ++report->number) {
+            std::string fault;
+            try {
+                fault = attempt();
+            } catch (const std::exception &error) {
+                fail_no_more();
+                fault = std::string("later: ") + error.what();
+            }
+            if (!fault.empty()) {
+                std::snprintf(report->text, sizeof report->text, "%s", fault.c_str());
+                ::_exit(1);
+            }
+            if (!failed) {
+                ::_exit(0);
+            }
+        }
+    }
+
+    std::string attempt() {
+        copy(original, used);
+        return kind.is("Start") || kind.is("FirstStart") ? start() : call();
+    }
+
+    // Runs an action that may throw while memory ends.
+    template <typename Action>
+    void starve(Action action) {
+        fail_after(report->number - 1, std::get<1>(GetParam()));
+        try {
+            action();
+        } catch (const std::exception &) {
+            // The service would end this client, or say why it cannot start.
+        }
+        fail_no_more();
+    }
+
+    std::string start() {
+        const bool first = kind.is("FirstStart");
+        const Lines before = first ? Lines{} : stored();
+        if (first) {
+            std::filesystem::remove(used);
+        }
+        starve([this] { Store(used, Durability::normal, first_nodes); });
+        const bool fired = failed;
+        const Lines after = lines_of(Store(used, Durability::normal, first_nodes).tree());
+        failed = fired;
+        if (first) {
+            return after.size() == 6 ? "" : "the first nodes are missing";
+        }
+        return after == before ? "" : "a failed start changed the database";
+    }
+
+    std::string call() {
+        Store store(used, Durability::normal);
+        Service service(store, used, std::chrono::steady_clock::now);
+        Session &writer = service.open(Credentials{1, 0, 0, {}}, true);
+        Session &other = service.open(Credentials{2, 0, 0, {}}, true);
+        std::string reply;
+        service.handle(writer,
+                       request(Op::event_register,
+                               [](Writer &out) {
+                                   put(out, Registration{"/", api_event_change, true});
+                               }),
+                       reply);
+        service.handle(writer, request(Op::events_get), reply);
+        service.handle(other, transaction({set("/stale", "changed")}), reply);
+        starve([&] {
+            if (kind.is("Connect")) {
+                service.open(Credentials{3, 0, 0, {}}, true);
+            } else {
+                service.handle(writer, kind.body, reply);
+            }
+        });
+        const bool fired = failed;
+        if (lines_of(store.tree()) != stored()) {
+            return "memory and database differ after the call";
+        }
+        reply.clear();
+        if (!service.handle(other, transaction({set("/later", "y")}), reply) || reply.empty() ||
+            reply.back() != static_cast<char>(api_status_ok)) {
+            return "the next write fails";
+        }
+        if (lines_of(store.tree()) != stored()) {
+            return "memory and database differ after the next write";
+        }
+        failed = fired;
+        return "";
+    }
+
+    // What a service would find that started now.
+    Lines stored() const {
+        const std::string file = dir.file("copy.db");
+        copy(used, file);
+        Tree tree;
+        const Database database(file, Durability::normal, {}, tree);
+        return lines_of(tree);
+    }
+
+    static void copy(const std::string &from, const std::string &to) {
+        for (const char *suffix : {"", "-wal"}) {
+            std::filesystem::remove(to + suffix);
+            if (std::filesystem::exists(from + suffix)) {
+                std::filesystem::copy(from + suffix, to + suffix);
+            }
+        }
+    }
+
+    const Kind &kind = std::get<0>(GetParam());
+    const tavtest::TempDir dir;
+    const std::string original = dir.file("original.db");
+    const std::string used = dir.file("used.db");
+    Report *report = nullptr;
+};
+
+} // namespace
+
+TEST_P(AllocationTest, TheServiceLivesOnAndMemoryIsAsTheDatabase) {
+    ASSERT_TRUE(sqlite_fails_too);
+    std::map<std::string, std::vector<long>> faults;
+    for (report->number = 1;; ++report->number) {
+        *report->text = '\0';
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            child();
+        }
+        int status = 0;
+        ASSERT_EQ(::waitpid(pid, &status, 0), pid);
+        if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
+            break;
+        }
+        const std::string what = WIFSIGNALED(status)
+                                     ? "death by signal " + std::to_string(WTERMSIG(status))
+                                     : report->text;
+        faults[what].push_back(report->number);
+        ASSERT_LT(report->number, 100000);
+    }
+    // These two may do without memory.
+    EXPECT_TRUE(report->number > 1 || kind.is("Ping") || kind.is("Acknowledge"));
+    for (const auto &[what, numbers] : faults) {
+        ADD_FAILURE() << what << ", " << numbers.size() << " times of " << report->number - 1
+                      << ", first at allocation " << numbers.front();
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, AllocationTest,
+                         ::testing::Combine(::testing::ValuesIn(kinds()), ::testing::Bool()),
+                         [](const ::testing::TestParamInfo<AllocationTest::ParamType> &tested) {
+                             return std::get<0>(tested.param).name +
+                                    std::string(std::get<1>(tested.param) ? "AndAllLater" : "One");
+                         });
