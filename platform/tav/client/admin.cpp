@@ -44,7 +44,7 @@ int dump(mlr_client_t *client, const std::string &path, api_status_t &status,
     const int result =
         perform_with(*connection, Op::dump, std::string_view(path), [&](Reader &reader) {
             get(reader, answer);
-            while (reader.u8() == 1) {
+            while (reader.u8() == 1 && elements.size() <= limits::elements) {
                 get(reader, elements.emplace_back());
             }
         });

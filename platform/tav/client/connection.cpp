@@ -1,5 +1,6 @@
 #include "client/connection.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -147,13 +148,15 @@ bool Connection::call(const std::string &frame, std::string_view &reply) {
     return !more || take_rest(reply);
 }
 
-// Receives the frames that follow the first one of a reply, each within the time limit.
+// Receives the frames that follow the first one of a reply, each within the time limit, and all of
+// them within that of the service.
 bool Connection::take_rest(std::string_view &reply) {
+    const Deadline end = Clock::now() + answer_time;
     std::string why;
     for (bool more = true; more;) {
         assembled.append(reply);
         std::string_view body;
-        const StreamResult result = replies.receive(calls.get(), body, Clock::now() + limit);
+        const StreamResult result = replies.receive(calls.get(), body, std::min(end, Clock::now() + limit));
         if (result != StreamResult::done) {
             lose(describe(result));
             return false;

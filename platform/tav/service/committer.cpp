@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <system_error>
 
+#include "service/log.h"
+
 namespace tav {
 
 Committer::~Committer() {
@@ -56,7 +58,12 @@ void Committer::work() {
             return;
         }
         lock.unlock();
-        const bool done = storage->commit(*changes);
+        bool done = false;
+        try {
+            done = storage->commit(*changes);
+        } catch (const std::exception &error) {
+            log_line("cannot store a change: %s", error.what());
+        }
         lock.lock();
         stored = done;
         changes = nullptr;

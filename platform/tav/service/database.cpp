@@ -179,6 +179,8 @@ void Database::transact(const Edit::Changes &changes) {
 
 bool Database::try_commit(const Edit::Changes &changes) {
     try {
+        // It may not have been possible when the last commit failed.
+        database.roll_back();
         // Until that commit succeeds, no write can be confirmed.
         discard_refused();
         try {
@@ -199,7 +201,7 @@ bool Database::try_commit(const Edit::Changes &changes) {
     refused_in_log = true;
     try {
         discard_refused();
-    } catch (const DatabaseError &) {
+    } catch (const std::exception &) {
         database.roll_back(); // the next commit tries again
     }
     return false;

@@ -70,12 +70,11 @@ void EventBatch::forget(std::uint64_t position) noexcept {
 }
 
 void EventLog::join(Session &session, const std::string &path) {
-    std::shared_ptr<Audience> &audience = audiences[path];
-    if (!audience) {
-        audience = std::make_shared<Audience>();
-        audience->path = path;
-    }
+    const auto known = audiences.find(path);
+    const auto audience =
+        known != audiences.end() ? known->second : std::make_shared<Audience>(Audience{path, {}});
     audience->members.push_back(&session);
+    audiences.emplace(path, audience);
 }
 
 void EventLog::leave(const Session &session) {
@@ -95,9 +94,6 @@ void EventLog::stage(Staged &staged, const Event &event, SessionId author) {
             wanted = true;
         }
     };
-    if (audiences.empty()) {
-        return;
-    }
     look_for("/");
     for (std::string_view rest = event.path; rest.size() > 1;) {
         take_name(rest);

@@ -10,6 +10,7 @@
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
+#include <mutex>
 #include <string_view>
 
 #include "terminal/escape.h"
@@ -89,8 +90,10 @@ private:
 } // namespace
 
 void log_line(const char *format, ...) noexcept {
+    static std::mutex mutex; // commits are made on another thread
     static unsigned long unwritten = 0;
     const int caller_errno = errno;
+    const std::lock_guard<std::mutex> lock(mutex);
     Spent &spent = spent_on(format);
     if (!is_due(spent)) {
         ++spent.left_out;

@@ -23,8 +23,13 @@ api_status_t Session::register_events(const Registration &registration, Time now
     } else if (registrations.size() >= limits::registrations_per_client) {
         return api_status_too_many_registrations;
     } else {
-        log.join(*this, registration.path);
         registrations.push_back(Registered{registration.path, registration.own_changes, log.end()});
+        try {
+            log.join(*this, registration.path);
+        } catch (...) {
+            registrations.pop_back();
+            throw;
+        }
     }
     add_notice(registration.path, now);
     return api_status_ok;

@@ -122,8 +122,9 @@ bool Sqlite::next(sqlite3_stmt *statement) {
 }
 
 void Sqlite::roll_back() noexcept {
-    // Fails if SQLite has already rolled back.
-    sqlite3_exec(connection.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+    if (sqlite3_get_autocommit(connection.get()) == 0) {
+        sqlite3_exec(connection.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+    }
 }
 
 std::string_view column_text(sqlite3_stmt *statement, int column) {

@@ -51,7 +51,8 @@ public:
     void run(sqlite3_stmt *statement);
     // The next row; false at the end.
     bool next(sqlite3_stmt *statement);
-    // Rolls back a transaction that may have failed anywhere, or has already ended.
+    // Rolls back a transaction, if one is open. That fails if memory has ended; it is then still
+    // open.
     void roll_back() noexcept;
 
     sqlite3 *get() const { return connection.get(); }

@@ -138,7 +138,8 @@ public:
                                          : std::vector<api_status_t>(number, api_status_failed));
         }
         if (!transaction) {
-            if (session.may_write() && !service.take_turn()) {
+            has_turn = session.may_write() && service.take_turn();
+            if (session.may_write() && !has_turn) {
                 return State::blocked;
             }
             start();
@@ -176,10 +177,11 @@ private:
         }
     }
     void end() {
-        if (transaction && session.may_write()) {
+        transaction.reset();
+        if (has_turn) {
+            has_turn = false;
             service.end_turn();
         }
-        transaction.reset();
     }
     State answer(const std::vector<api_status_t> &statuses) {
         for (const api_status_t status : statuses) {
@@ -196,6 +198,7 @@ private:
     std::size_t number = 0;
     EventLog::Staged staged;
     std::optional<Transaction> transaction;
+    bool has_turn = false;
     std::shared_ptr<const Store::Result> result;
 };
 

@@ -26,8 +26,8 @@ Item set_item(const std::string &path, const std::string &text) {
 std::string picture(const Tree &tree) {
     std::string all;
     walk(tree, "/", [&all](const std::string &path, const Element &element) {
-        all += path + "=" + std::to_string(element.value().type) + ":" + element.value().text + "@" +
-               std::to_string(element.value().time) + "\n";
+        all += path + "=" + std::to_string(element.value().type) + ":" + element.value().text +
+               "@" + std::to_string(element.value().time) + "\n";
         return true;
     });
     return all;
@@ -50,7 +50,8 @@ protected:
         std::ofstream(name, std::ios::binary | std::ios::trunc) << content;
     }
     static void transact(Store &store, const std::vector<Item> &items) {
-        const std::vector<api_status_t> statuses = store.transact(items, [](const std::string &) { return false; });
+        const std::vector<api_status_t> statuses =
+            store.transact(items, [](const std::string &) { return false; });
         ASSERT_EQ(statuses.front(), api_status_ok);
     }
     void sql(const std::string &text) {
