@@ -46,8 +46,7 @@ bool holds_change(const std::vector<Event> &events) {
 } // namespace
 
 FaultyService::FaultyService(tav::Store &tree, std::string database, Plan staged)
-    : Service(tree, std::move(database), std::chrono::steady_clock::now),
-      plan(std::move(staged)) {}
+    : Service(tree, std::move(database), std::chrono::steady_clock::now), plan(std::move(staged)) {}
 
 // False for operations that no plan can name.
 bool FaultyService::look_at(std::string_view body, Request &request) {

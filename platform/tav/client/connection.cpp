@@ -156,7 +156,8 @@ bool Connection::take_rest(std::string_view &reply) {
     for (bool more = true; more;) {
         assembled.append(reply);
         std::string_view body;
-        const StreamResult result = replies.receive(calls.get(), body, std::min(end, Clock::now() + limit));
+        const StreamResult result =
+            replies.receive(calls.get(), body, std::min(end, Clock::now() + limit));
         if (result != StreamResult::done) {
             lose(describe(result));
             return false;

@@ -289,8 +289,7 @@ Server::Turn Server::begin(PeerId id, Peer &peer) {
         return Turn::next;
     }
     peer.consume(body);
-    look_after(*session);
-    return reply.empty() ? Turn::next : send(id, peer, std::move(reply));
+    return answer(id, peer, *session, std::move(reply));
 }
 
 // Carries out a part of the request at work.
@@ -319,8 +318,16 @@ Server::Turn Server::go_on(PeerId id, Peer &peer) {
     peer.consume(body);
     Session &session = *service.sessions().at(peer.session);
     service.completed(session);
-    look_after(session);
-    return send(id, peer, std::move(frame));
+    return answer(id, peer, session, std::move(frame));
+}
+
+// Sends the end of an answer, if there is any, and does what the request has made due.
+Server::Turn Server::answer(PeerId id, Peer &peer, const Session &session, std::string frame) {
+    const Turn turn = frame.empty() ? Turn::next : send(id, peer, std::move(frame));
+    if (turn != Turn::gone) {
+        look_after(session);
+    }
+    return peers.count(id) > 0 ? turn : Turn::gone;
 }
 
 // Sends a frame, or what greet() has queued. The turn is over, unless more of an answer follows.

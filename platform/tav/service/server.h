@@ -66,6 +66,7 @@ private:
     enum class Turn { next, over, gone };
     Turn begin(PeerId id, Peer &peer);
     Turn go_on(PeerId id, Peer &peer);
+    Turn answer(PeerId id, Peer &peer, const Session &session, std::string frame);
     Turn send(PeerId id, Peer &peer, std::string frame);
     void release_blocked();
     void look_after(const Session &session);
