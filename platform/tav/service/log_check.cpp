@@ -119,6 +119,7 @@ private:
     std::uint64_t next = 0;             // the number of the frame after the current one
     std::vector<unsigned char> current; // the current frame: header and page
     bool follows = false;               // its checksum is the one that follows from `checksum`
+    bool older = false;                 // so is the frame before the current one
     LogCheck result;
 };
 
@@ -152,10 +153,10 @@ bool Log::next_frame() {
 }
 
 // Whether the frame remains from an earlier use of the file: the first salt increases by one each
-// time. All its frames are in the database.
+// time. All its frames are in the database. A frame that follows one of this use has damaged salts.
 bool Log::is_older() const {
     const std::uint32_t uses_ago = salts[0] - number_at(&current[frame_salts]);
-    return !follows && uses_ago >= 1 && uses_ago <= sequence;
+    return (!follows || older) && uses_ago >= 1 && uses_ago <= sequence;
 }
 
 // A power cut can mix two writes, but not within a sector: with the salts of this use, the commit
@@ -183,7 +184,8 @@ void Log::walk() {
             result.damaged_before_a_commit = result.damaged_before_a_commit || commit_seen;
             commit_seen = commit_seen || commit() != 0;
         }
-        if (!is_older()) {
+        older = is_older();
+        if (!older) {
             last_end = next;
         }
     }

@@ -117,6 +117,16 @@ TEST_F(DatabaseTest, ALostRowIsRefused) {
     EXPECT_THROW(Store store(file), DatabaseError);
 }
 
+TEST_F(DatabaseTest, AChangedValueIsRefusedAlsoIfRowsAreNotCounted) {
+    {
+        Store store(file, Durability::normal);
+        store.transact({set_item("/a", "old")}, nothing_unseen);
+    }
+    { const Store store(file, Durability::normal); }
+    sql(file, "UPDATE element SET text = x'6f6c65'");
+    EXPECT_THROW(Store store(file, Durability::normal), DatabaseError);
+}
+
 TEST_F(DatabaseTest, RowsAreCountedAgainAfterAServiceThatDidNot) {
     { const Store store(file); }
     {

@@ -165,6 +165,9 @@ TEST_F(FlipTest, NoPowerCutLeavesALogThatIsRefused) {
         after = tavtest::read_file(log);
         picture_after = picture(store.tree());
     }
+    write_file(file, database);
+    write_file(log, before);
+    EXPECT_EQ(found().dropped_bytes, 0U) << "of the log's earlier use";
     const std::string longer_before = before + std::string(after.size() - before.size(), '\0');
     std::vector<std::size_t> changed; // sectors of 512 bytes
     for (std::size_t sector = 0; sector * 512 < after.size(); ++sector) {
