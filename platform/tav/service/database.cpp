@@ -26,8 +26,9 @@ Database::Database(const std::string &file, Durability promised,
     sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
     check_log_of(database.resolved_name(), lock.get());
     // Other programs than this service fail while it runs, or it fails here.
+    database.execute("PRAGMA locking_mode = EXCLUSIVE");
     // Overwriting what is removed would need room in the log.
-    database.execute("PRAGMA locking_mode = EXCLUSIVE; PRAGMA secure_delete = FAST");
+    database.execute("PRAGMA secure_delete = FAST");
     Version version = check_database(database);
     totals = load_rows(database, row_checks(version), tree);
     page_size = database.number("PRAGMA page_size");
@@ -42,16 +43,7 @@ Database::Database(const std::string &file, Durability promised,
     }
     // Without remains of earlier writes, what follows damage is a later write.
     static_cast<void>(empty_log());
-    if (version.unsynced != current_version().unsynced) {
-        write_version(database, current_version(), totals);
-        // The header on disk must describe the log from its first commit on.
-        if (!empty_log()) {
-            throw DatabaseError("database '" + file + "': cannot change its durability");
-        }
-    }
-    if (durability == Durability::normal) {
-        database.execute("PRAGMA synchronous = NORMAL");
-    }
+    begin_durability(version);
     rows.emplace(database);
     for (const char *suffix : {"", "-wal"}) {
         if (KnownFile file_now(database.resolved_name() + suffix); file_now.loss() == nullptr) {
@@ -64,6 +56,19 @@ Database::Database(const std::string &file, Durability promised,
 // Closing empties and removes the log, which must be its own.
 Database::~Database() {
     static_cast<void>(files_are_there());
+}
+
+void Database::begin_durability(const Version &before) {
+    if (before.unsynced != current_version().unsynced) {
+        write_version(database, current_version(), totals);
+        // The header on disk must describe the log from its first commit on.
+        if (!empty_log()) {
+            throw DatabaseError("database '" + database.name() + "': cannot change its durability");
+        }
+    }
+    if (durability == Durability::normal) {
+        database.execute("PRAGMA synchronous = NORMAL");
+    }
 }
 
 const char *Database::promise() const {

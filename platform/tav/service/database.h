@@ -40,6 +40,7 @@ public:
 
 private:
     void use_wal();
+    void begin_durability(const Version &before);
     bool files_are_there();
     bool empty_log();
     void transact(const Edit::Changes &changes);
