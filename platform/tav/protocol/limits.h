@@ -23,6 +23,10 @@ constexpr std::size_t children_per_node = 60000;
 // Nodes and leaves of the whole tree. api_status_too_many_elements.
 constexpr std::size_t elements = 1000000;
 
+// Memory that the tree may use, unless the service is started with another limit.
+// api_status_too_many_bytes.
+constexpr std::size_t store_bytes = std::size_t{256} << 20;
+
 // One frame without its length field. A frame with a larger length ends the connection. If a
 // request would not fit, the library returns api_status_too_large; if an answer would not fit, the
 // service does.
@@ -31,9 +35,6 @@ constexpr std::size_t frame_bytes = std::size_t{16} << 20;
 constexpr std::size_t greeting_bytes = 64;
 // Paths of one call. api_status_too_large.
 constexpr std::size_t paths_per_request = 50000;
-// Elements that one call removes or touches, each as often as it does: every element of a full
-// store, once. api_status_too_large.
-constexpr std::size_t elements_per_call = elements + paths_per_request;
 // A long answer is sent in frames of about this size, as the client reads them; and an answer may
 // have at most so many bytes in all, or the library ends the connection.
 constexpr std::size_t reply_part_bytes = std::size_t{64} << 10;

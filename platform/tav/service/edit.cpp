@@ -173,7 +173,7 @@ bool Edit::visit(const Item &item, api_status_t &status) {
             return true;
         }
         const Element &element = walker->element();
-        if (++visited > limits::elements_per_call) {
+        if (visits_left-- == 0) {
             status = api_status_too_large;
             return true;
         }

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <unordered_map>
 
+#include "protocol/limits.h"
 #include "service/tree.h"
 
 namespace tav {
@@ -40,7 +41,11 @@ public:
     using Changes = std::list<Change>;
 
     // `now`: the time stamp of values without one, in seconds since 1970.
-    Edit(const Tree &base, std::int64_t current_time) : edited(base), now(current_time) {}
+    // The steps together remove and touch at most as many elements as `base` has, and
+    // limits::paths_per_request more: otherwise a few bytes could make work without end.
+    Edit(const Tree &base, std::int64_t current_time)
+        : edited(base), now(current_time),
+          visits_left(base.extent().elements() + limits::paths_per_request) {}
 
     // Does a part of one step that takes well under a millisecond, path and value unchecked so far;
     // true when the step is complete. Any status except api_status_ok then means that the whole
@@ -67,7 +72,7 @@ private:
     std::int64_t now;
     Changes list;
     std::unordered_map<std::string_view, Changes::iterator> by_path; // keys are in the list
-    std::size_t visited = 0; // elements that were removed or touched
+    std::size_t visits_left; // of elements to remove or touch
     // For a step that takes several calls.
     std::optional<Walker> walker;
     Extent found;

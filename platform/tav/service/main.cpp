@@ -7,11 +7,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -50,6 +52,8 @@ const char usage[] =
     "  --memory             in memory: the settings are lost when the service ends\n"
     "  --repair             do not serve: keep what can be read of the damaged database FILE, and\n"
     "                       print what was dropped\n"
+    "  --max-bytes NUMBER   the settings may use so much memory; K, M and G multiply by 1024\n"
+    "                       (default: 256M)\n"
     "  --initial-node PATH  a store that is created now has the node PATH. May be given several\n"
     "                       times.\n"
     "\n"
@@ -73,6 +77,7 @@ struct Options {
     std::string socket;
     std::string database;
     std::optional<tav::Durability> durability; // only with a database
+    std::optional<std::size_t> max_bytes;
     std::vector<std::string> initial_nodes;
     std::string write_group;
     std::string read_group;
@@ -101,6 +106,20 @@ std::optional<tav::Durability> parse_durability(const std::string &text) {
     return std::nullopt;
 }
 
+std::optional<std::size_t> parse_bytes(const std::string &text) {
+    const std::string units = "KMG";
+    std::size_t number = 0;
+    const char *const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    const std::size_t unit = rest < end ? units.find(*rest) : std::string::npos;
+    const auto shift = static_cast<unsigned int>(unit == std::string::npos ? 0 : 10 * (unit + 1));
+    if (error != std::errc() || rest + (shift != 0 ? 1 : 0) != end || number == 0 ||
+        number > std::numeric_limits<std::size_t>::max() >> shift) {
+        return std::nullopt;
+    }
+    return number << shift;
+}
+
 // Stores one option with its argument. False, after a message, if the argument is wrong.
 bool take(int found, const char *argument, Options &options) {
     switch (found) {
@@ -119,6 +138,12 @@ bool take(int found, const char *argument, Options &options) {
     case 'R':
         options.repair = true;
         return true;
+    case 'M':
+        options.max_bytes = parse_bytes(argument);
+        if (!options.max_bytes) {
+            tav::log_line("'%s' is not a number of bytes", argument);
+        }
+        return options.max_bytes.has_value();
     case 'n':
         options.initial_nodes.emplace_back(argument);
         if (tav::check_path(argument) != api_status_ok) {
@@ -157,6 +182,7 @@ std::optional<Options> parse(int argc, char **argv) {
                                    {"read-group", required_argument, nullptr, 'r'},
                                    {"memory", no_argument, nullptr, 'm'},
                                    {"repair", no_argument, nullptr, 'R'},
+                                   {"max-bytes", required_argument, nullptr, 'M'},
                                    {"initial-node", required_argument, nullptr, 'n'},
                                    {"socket", required_argument, nullptr, 's'},
                                    {"socket-mode", required_argument, nullptr, 'p'},
@@ -250,6 +276,7 @@ void serve(const Options &options) {
     const auto store = options.memory ? std::make_unique<tav::Store>(options.initial_nodes)
                                       : std::make_unique<tav::Store>(options.database, durability,
                                                                      options.initial_nodes);
+    store->byte_limit = options.max_bytes.value_or(store->byte_limit);
     const auto service = tav::make_service(*store, options.database);
     service->usage().change(tav::Limit::connections, rights.connections.all);
     service->usage().change(tav::Limit::user_connections, rights.connections.per_user);

@@ -24,12 +24,12 @@ void Schedule::add(uid_t number, Id connection) {
     if (found.waits) {
         return;
     }
-    found.used = std::max(found.used, user.least);
+    found.used = std::max(found.used, user.least - credit);
     const bool first = user.waiting.empty();
     const auto added = user.waiting.emplace(found.used, connection).first;
     if (first) {
         try {
-            user.used = std::max(user.used, least);
+            user.used = std::max(user.used, least - credit);
             waiting.emplace(user.used, number);
         } catch (...) {
             user.waiting.erase(added);

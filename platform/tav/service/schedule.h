@@ -1,7 +1,8 @@
 // Who is served next: time is shared between users, and then between the connections of a user.
 //
 // Each has used a certain time. The one that has used least comes next. Whoever comes back after a
-// pause has at least the time of those that are being served, so that nobody can save time up.
+// pause is at most `credit` before those that are being served, so that nobody can save time up,
+// and yet those who use little come before those who use all they get.
 #pragma once
 
 #include <sys/types.h>
@@ -18,6 +19,7 @@ class Schedule {
 public:
     using Id = std::uint64_t;
     using Duration = std::chrono::nanoseconds;
+    static constexpr std::chrono::milliseconds credit{2};
 
     // A connection has something to do; nothing changes if it has already.
     void add(uid_t user, Id connection);

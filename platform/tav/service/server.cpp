@@ -1,5 +1,6 @@
 #include "service/server.h"
 
+#include <malloc.h>
 #include <sys/epoll.h>
 
 #include <algorithm>
@@ -21,6 +22,8 @@ namespace {
 constexpr std::chrono::milliseconds slice{2};
 // The least time that a turn is charged with, for what is not measured.
 constexpr std::chrono::microseconds least_charge{2};
+// Memory is given back to the system so long after much of it was in use.
+constexpr std::chrono::seconds trim_pause{5};
 
 // Not the service's clock, which tests stop: how long a part of the work takes is real.
 using Stopwatch = std::chrono::steady_clock;
@@ -96,6 +99,12 @@ void Server::run() {
         service.watchdog().check(service.now());
         if (next_wake && *next_wake <= service.now()) {
             look_after_all();
+        }
+        if (!trim && service.took_memory()) {
+            trim = service.now() + trim_pause;
+        } else if (trim && *trim <= service.now()) {
+            trim.reset();
+            ::malloc_trim(0);
         }
     }
 }
@@ -395,6 +404,7 @@ std::optional<Time> Server::next_timer() const {
     };
     consider(accept_again);
     consider(next_wake);
+    consider(trim);
     if (!greeting.empty()) {
         // The queue contains all accepted connections, so the first one may have been closed long
         // ago: then the service wakes up once for nothing.

@@ -110,6 +110,7 @@ private:
     std::deque<PeerId> greeting;    // oldest first; some may be established or closed
     std::optional<Time> next_wake;  // not later than the next wake-up byte is due
     bool commit_watched = false;
+    std::optional<Time> trim; // when to give memory back to the system
 };
 
 } // namespace tav

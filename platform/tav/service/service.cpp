@@ -148,6 +148,7 @@ void Service::commit() {
         return;
     }
     const Edit::Changes &changes = served.group_changes();
+    note_memory(changes.size() * sizeof(Change));
     if (!changes.empty() && served.permanent().is_slow(changes.size())) {
         try {
             committer.start(served.permanent(), changes);

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "service/committer.h"
 #include "service/session.h"
@@ -61,6 +62,12 @@ public:
     // Increases when events were published.
     std::uint64_t publications() const { return published; }
 
+    // So many bytes were taken at once. Whether there were many such since the last question.
+    void note_memory(std::size_t bytes) {
+        much_memory = much_memory || bytes > (std::size_t{1} << 20);
+    }
+    bool took_memory() { return std::exchange(much_memory, false); }
+
     // For tasks. One transaction is carried out at a time; take_turn() is false when the task must
     // wait. Each call that was true is followed by end_turn().
     bool take_turn();
@@ -99,6 +106,7 @@ private:
     std::uint64_t overflows = 0;
     std::uint64_t released = 0;
     std::uint64_t published = 0;
+    bool much_memory = false;
     int registrations = 0; // tasks that wait to register
     bool at_work = false;  // a transaction is
     Usage limits_used;

@@ -5,12 +5,12 @@
 #pragma once
 
 #include <functional>
-#include <limits>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "protocol/limits.h"
 #include "service/database.h"
 #include "service/event_log.h"
 #include "service/storage.h"
@@ -43,7 +43,8 @@ public:
     const char *durability() const { return storage->promise(); }
     // Increases with each group that changes something.
     std::uint64_t revision() const { return changed; }
-    std::size_t byte_limit = std::numeric_limits<std::size_t>::max();
+    // What the tree may use; a transaction that makes it smaller is possible beyond it, too.
+    std::size_t byte_limit = limits::store_bytes;
 
     // Carries out a whole transaction at once, as the session `author`, and commits it. Nothing
     // else may be in preparation.

@@ -13,7 +13,7 @@ namespace {
 struct Known {
     Limit limit;
     const char *name;
-    std::uint64_t value; // 0: chosen when the service starts
+    std::uint64_t value;
     api_status_t
         status; // the status of a refused request; none: the client is disconnected or slowed down
 };
@@ -26,7 +26,7 @@ constexpr std::array<Known, static_cast<std::size_t>(Limit::number_)> table{{
     {Limit::children, "children of a node", limits::children_per_node,
      api_status_too_many_children},
     {Limit::elements, "elements in all", limits::elements, api_status_too_many_elements},
-    {Limit::bytes, "bytes in all", 0, api_status_too_many_bytes},
+    {Limit::bytes, "bytes in all", limits::store_bytes, api_status_too_many_bytes},
     {Limit::registrations, "registrations of a client", limits::registrations_per_client,
      api_status_too_many_registrations},
     {Limit::connections, "connections in all", limits::connections,

@@ -368,7 +368,7 @@ TEST_F(StoreUnit, WhatOneCallRemovesAndTouchesIsLimited) {
         items.push_back(set_item("/n/" + std::to_string(i), "x"));
     }
     write(items);
-    const std::size_t most = limits::elements_per_call / 2001;
+    const std::size_t most = (store->tree().extent().elements() + limits::paths_per_request) / 2001;
     EXPECT_EQ(write(std::vector<Item>(most, item(ItemKind::touch, "/n"))).statuses.back(),
               api_status_ok);
     const Outcome more = write(std::vector<Item>(most + 1, item(ItemKind::touch, "/n")));

@@ -278,6 +278,21 @@ TEST_F(TavdTest, AWriteThatChangesNothingDoesNotReachTheDisk) {
     EXPECT_NE(read_file(database + "-wal"), before);
 }
 
+TEST_F(TavdTest, TheMemoryOfTheSettingsIsLimited) {
+    start({"--memory", "--max-bytes", "100K"});
+    Client client;
+    EXPECT_EQ(client.set("/a", std::string(60000, 'x')), api_status_ok);
+    EXPECT_EQ(client.set("/b", std::string(60000, 'x')), api_status_too_many_bytes);
+    EXPECT_EQ(client.set("/a", ""), api_status_ok);
+    EXPECT_EQ(client.set("/b", std::string(60000, 'x')), api_status_ok);
+    EXPECT_NE(tav({"status"}).output.find("bytes in all"), std::string::npos);
+    for (const char *number : {"", "0", "x", "1T", "1KK", "-1", "99999999999999999999", "1 "}) {
+        const auto result = second({"--memory", "--max-bytes", number});
+        EXPECT_EQ(result.status, 2) << number;
+        EXPECT_NE(result.errors.find("is not a number of bytes"), std::string::npos) << number;
+    }
+}
+
 TEST_F(TavdTest, AWriteBeyondTheLimitOfTheFileSizeIsRefused) {
     prefix = {"/bin/sh", "-c", "ulimit -f 2000 && exec \"$0\" \"$@\""}; // about a megabyte
     start(on_disk);

@@ -4,7 +4,6 @@
 
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -12,54 +11,14 @@
 #include <thread>
 
 #include "client/admin.h"
+#include "stress/measure.h"
 #include "stress/service.h"
 #include "support/raw_peer.h"
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
 using Strings = std::vector<std::string>;
 using tav::Op;
-
-struct Times {
-    std::vector<double> microseconds;
-    double at(double part) {
-        std::sort(microseconds.begin(), microseconds.end());
-        const auto last = static_cast<double>(microseconds.size() - 1);
-        return microseconds[static_cast<std::size_t>(part * last)];
-    }
-};
-
-struct Measured {
-    Times reads;
-    Times writes;
-    bool served = true;
-};
-
-// One read after the other, every tenth call a write, for this time.
-Measured measure(std::chrono::seconds span) {
-    Measured measured;
-    stress::Client client;
-    const Clock::time_point end = Clock::now() + span;
-    for (long number = 0; Clock::now() < end && measured.served; ++number) {
-        api_status_t status = api_status_none;
-        const Clock::time_point before = Clock::now();
-        int result = 0;
-        const bool write = number % 10 == 0;
-        if (write) {
-            const toolkit::CElement value(std::to_string(number), -1);
-            result = client.tav.set_leaf("/good/value", value, status, mlr_tribool_unset, "");
-        } else {
-            toolkit::CElement value;
-            element_property_t property = element_property_none;
-            result = client.tav.get_leaf("/good/value", status, value, property);
-        }
-        const std::chrono::duration<double, std::micro> taken = Clock::now() - before;
-        (write ? measured.writes : measured.reads).microseconds.push_back(taken.count());
-        measured.served = result == 0 && status == api_status_ok;
-    }
-    return measured;
-}
 
 // Sends `request` without a pause and discards the replies, until stopped.
 void flood(const std::string &socket, const std::function<std::string(int)> &request,
@@ -106,17 +65,6 @@ struct Deaf {
     tavtest::RawClient client;
 };
 
-void print(const char *what, Measured measured) {
-    std::printf("%-46s", what);
-    for (Times *times : {&measured.reads, &measured.writes}) {
-        std::printf(" %9.0f %9.0f %9.0f", times->at(0.5), times->at(0.99), times->at(1));
-    }
-    std::printf(" %8zu%s\n",
-                measured.reads.microseconds.size() + measured.writes.microseconds.size(),
-                measured.served ? "" : "  NOT SERVED");
-    std::fflush(stdout);
-}
-
 bool run(const Strings &options, std::chrono::seconds span) {
     stress::Service service(TAVD_PROGRAM, options);
     service.start();
@@ -129,8 +77,8 @@ bool run(const Strings &options, std::chrono::seconds span) {
     const auto beside = [&](const char *what, const std::vector<std::function<void()>> &others,
                             std::atomic<bool> &stop) {
         std::vector<std::thread> threads(others.begin(), others.end());
-        const Measured measured = measure(span);
-        print(what, measured);
+        const stress::Measured measured = stress::measure(span);
+        stress::print(what, measured);
         served = served && measured.served;
         stop = true;
         for (std::thread &thread : threads) {
@@ -163,9 +111,7 @@ int main(int argc, char **argv) {
     app.add_option("--seconds", seconds, "for each line")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     try {
-        std::printf("%-46s %29s %29s\n", "", "a read, microseconds", "a write, microseconds");
-        std::printf("%-46s %9s %9s %9s %9s %9s %9s %8s\n", "", "p50", "p99", "most", "p50", "p99",
-                    "most", "calls");
+        stress::print_head();
         const std::chrono::seconds span(seconds);
         std::printf("in memory\n");
         bool served = run({"--memory"}, span);
