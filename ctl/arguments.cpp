@@ -231,7 +231,7 @@ private:
 
     void add_interface() {
         CLI::App *group =
-            add_group("interface", "List, add or delete interface nodes of the store");
+            add_group("interface", "List, add, delete or merge interface nodes of the store");
         CLI::App *sub = add(*group, "list", "List links and interface nodes", interface_list);
         sub->add_flag("-a,--all", request.options.all, "Include links that are not synchronised");
         add_json(sub);
@@ -246,6 +246,12 @@ private:
             ->type_name("NAME");
         sub->add_flag("--force", request.options.force,
                       "Remove the node even if it contains settings");
+        sub = add(*group, "merge",
+                  "Move a link's settings from nodes such as 01 to the node that tandrel writes to",
+                  interface_merge);
+        add_link(sub);
+        sub->add_flag("--force", request.options.force,
+                      "Also if those nodes contain what tandrel does not know");
     }
 
     void add_rest() {

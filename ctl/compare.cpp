@@ -3,7 +3,10 @@
 
 #include <algorithm>
 
+#include <linux/if_addr.h>
+
 #include "ctl/explain.h"
+#include "ctl/rules.h"
 #include "store/paths.h"
 
 namespace ctl {
@@ -32,7 +35,7 @@ public:
             }
         }
         if (store.answered) {
-            explain_store(store, prefix, result.findings);
+            explain_store(store, kernel, prefix, result.findings);
         }
         return std::move(result);
     }
@@ -46,7 +49,7 @@ private:
         if (link != nullptr) {
             view.kernel = *link;
             view.tracked = link->ethernet && !link->hwaddr.empty() && link->has_ipv6 &&
-                           name.compare(0, prefix.size(), prefix) == 0;
+                           has_prefix(name, prefix);
         }
         std::vector<const stored_interface_t *> nodes;
         for (const stored_interface_t &stored : store.interfaces) {
@@ -95,7 +98,8 @@ private:
                 row.stored = stored;
                 const bool agree = row.kernel->address.prefix_len == stored.address.prefix_len &&
                                    type_agrees(stored.address.type, row.kernel->address.scope);
-                row.mark = agree ? mark_t::both : mark_t::differ;
+                const bool duplicate = (row.kernel->flags & IFA_F_DADFAILED) != 0;
+                row.mark = !agree ? mark_t::differ : duplicate ? mark_t::unusable : mark_t::both;
                 return;
             }
         }
@@ -110,7 +114,7 @@ private:
                       const std::vector<const stored_interface_t *> &nodes) const {
         for (const kernel_route_t &route : kernel.routes) {
             if (!view.kernel || route.route.ifindex != view.kernel->index ||
-                !is_default_route(route.route) || !(has_gateway(route.route) || route.multipath)) {
+                !is_default_route(route.route) || !has_gateway(route.route)) {
                 continue;
             }
             gateway_row_t row;
@@ -128,10 +132,15 @@ private:
     static void add_stored(interface_view_t &view, const stored_gateway_t &stored) {
         gateway_row_t *beside = nullptr;
         for (gateway_row_t &row : view.gateways) {
-            const bool free = !stored.fault && row.kernel && !row.stored && is_adopted(*row.kernel);
-            // The kernel may have several static ones: take the one via the stored gateway,
-            // otherwise the first.
-            if (free && (beside == nullptr || same_gateway(row.kernel->route, stored.route))) {
+            if (stored.fault || !row.kernel || row.stored || !is_static(*row.kernel)) {
+                continue;
+            }
+            // The kernel may have several: take the one via the stored gateway, with the metric
+            // that tandrel uses if there is a choice, otherwise the first.
+            const bool same = same_gateway(row.kernel->route, stored.route);
+            if (same ? beside == nullptr || !same_gateway(beside->kernel->route, stored.route) ||
+                           row.kernel->metric == usual_metric
+                     : beside == nullptr && is_adopted(*row.kernel)) {
                 beside = &row;
             }
         }
@@ -145,6 +154,12 @@ private:
         beside->stored = stored;
         beside->mark =
             same_gateway(beside->kernel->route, stored.route) ? mark_t::both : mark_t::differ;
+        for (gateway_row_t &row : view.gateways) {
+            // The same with another metric, or in another table.
+            if (row.mark == mark_t::kernel_only && same_gateway(row.kernel->route, stored.route)) {
+                row.mark = mark_t::left_alone;
+            }
+        }
     }
 
     const kernel_view_t &kernel;
@@ -164,17 +179,6 @@ const interface_view_t *comparison_t::find(const std::string &link) const {
 comparison_t compare(const kernel_view_t &kernel, const store_view_t &store,
                      const std::string &prefix) {
     return pairing_t(kernel, store, prefix).run();
-}
-
-long interface_number(const std::string &link, const std::string &prefix) {
-    if (link.compare(0, prefix.size(), prefix) != 0) {
-        return 0;
-    }
-    const std::string digits = link.substr(prefix.size());
-    const bool plain = !digits.empty() && digits.size() < 10 &&
-                       digits.find_first_not_of("0123456789") == std::string::npos &&
-                       (digits == "0" || digits.front() != '0');
-    return plain ? std::stol(digits) + 1 : 0;
 }
 
 } // namespace ctl

@@ -15,7 +15,7 @@ enum class mark_t {
     kernel_only, //
     store_only,  //
     differ,      // in both, but not the same
-    unusable,    // in the store, and skipped by the daemon
+    unusable,    // stored, but skipped by the daemon, or a duplicate that the kernel does not use
     left_alone,  // in the kernel, and ignored by the daemon by design
     half_known   // in the kernel; the store did not answer
 };
@@ -54,13 +54,5 @@ struct comparison_t {
 // `prefix`: the prefix of the names of the links that the daemon manages.
 comparison_t compare(const kernel_view_t &kernel, const store_view_t &store,
                      const std::string &prefix);
-
-// The number of the store interface of a link: N for the prefix followed by N - 1 in decimal; 0 for
-// any other name.
-long interface_number(const std::string &link, const std::string &prefix);
-
-// Why the kernel does not accept this address on a link or as a gateway ("a multicast address",
-// ...); null when it does.
-const char *unfit_kind(const in6_addr &address);
 
 } // namespace ctl

@@ -1,5 +1,6 @@
 #include "ctl/edit.h"
 
+#include "ctl/rules.h"
 #include "ctl/text.h"
 #include "store/paths.h"
 #include "store/tav_values.h"
@@ -54,6 +55,25 @@ outcome_t apply(client_t &client, const step_t &step) {
 }
 
 } // namespace
+
+long number_of(const options_t &options) {
+    const long number = interface_number(options.link, options.prefix);
+    if (number == 0) {
+        throw refusal("'" + shown(options.link) + "' cannot have a store interface; only " +
+                          shown(options.prefix) + "0, " + shown(options.prefix) +
+                          "1 and so on can (use -i for another prefix)",
+                      exit_usage);
+    }
+    return number;
+}
+
+std::string free_number(const std::set<std::string> &taken) {
+    std::size_t number = 1;
+    while (taken.count(std::to_string(number)) != 0) {
+        ++number;
+    }
+    return std::to_string(number);
+}
 
 void carry_out(client_t &client, const options_t &options,
                const std::function<step_t(const store_view_t &)> &decide) {

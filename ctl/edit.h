@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -9,6 +10,13 @@
 #include "ctl/tool.h"
 
 namespace ctl {
+
+// The number of the store interface of the link on the command line; refuses a link that cannot
+// have one.
+long number_of(const options_t &options);
+
+// The smallest number from 1 on that is not taken as a name.
+std::string free_number(const std::set<std::string> &taken);
 
 // A change of the store: the leaves are written in one transaction, then the nodes are removed.
 struct step_t {

@@ -1,9 +1,10 @@
-// The commands that change the store: address, gateway and interface.
-#include <cstdio>
+// The commands address and gateway, which change the store.
+#include <algorithm>
 #include <cstring>
 #include <set>
 
 #include "ctl/edit.h"
+#include "ctl/rules.h"
 #include "ctl/text.h"
 #include "ctl/wait.h"
 #include "store/paths.h"
@@ -11,18 +12,6 @@
 namespace ctl {
 
 namespace {
-
-// The number of the store interface of the link on the command line.
-long number_of(const options_t &options) {
-    const long number = interface_number(options.link, options.prefix);
-    if (number == 0) {
-        throw refusal("'" + shown(options.link) + "' cannot have a store interface; only " +
-                          shown(options.prefix) + "0, " + shown(options.prefix) +
-                          "1 and so on can (use -i for another prefix)",
-                      exit_usage);
-    }
-    return number;
-}
 
 // Parses an address with its prefix length. Refuses one that the kernel would not accept.
 CAddress parse_address(const options_t &options) {
@@ -79,11 +68,7 @@ std::string free_name(const std::vector<place_t> &taken) {
     for (const place_t &place : taken) {
         names.insert(place.stored->node);
     }
-    std::size_t number = 1;
-    while (names.count(std::to_string(number)) != 0) {
-        ++number;
-    }
-    return std::to_string(number);
+    return free_number(names);
 }
 
 std::string new_node(const options_t &options, const std::vector<place_t> &taken) {
@@ -113,6 +98,10 @@ int put(const options_t &options, bool may_exist) {
             if (!holds(*place.stored, address)) {
                 continue;
             }
+            if (!step.leaves.empty()) {
+                step.removals.push_back(place.path); // it was stored twice
+                continue;
+            }
             if (!may_exist) {
                 throw refusal("'" + shown(place.stored->text) + "' is already stored (" +
                               shown(place.stored->type_text) + ", node '" +
@@ -120,6 +109,8 @@ int put(const options_t &options, bool may_exist) {
                               "'); use 'tandrelctl address replace' to change it");
             }
             put_address(step, place.path, address);
+        }
+        if (!step.leaves.empty()) {
             return step;
         }
         put_address(step, paths::address(addresses_path(number), new_node(options, stored)),
@@ -127,6 +118,14 @@ int put(const options_t &options, bool may_exist) {
         return step;
     });
     return wait_for({options.link, false, true, address.addr}, client, options);
+}
+
+// Whether another node has the same address.
+bool is_stored_twice(const std::vector<place_t> &stored, const stored_address_t &one) {
+    return std::any_of(stored.begin(), stored.end(), [&](const place_t &other) {
+        return other.stored != &one && !other.stored->fault &&
+               same_address(other.stored->address, one.address);
+    });
 }
 
 // Refuses the removal of an address that the daemon would write again, unless `force` is set.
@@ -144,7 +143,9 @@ void may_remove(const stored_address_t &stored, const options_t &options) {
 std::string node_to_remove(const std::vector<place_t> &stored, const options_t &options) {
     for (const place_t &place : stored) {
         if (place.stored->node == options.node) {
-            may_remove(*place.stored, options);
+            if (!is_stored_twice(stored, *place.stored)) {
+                may_remove(*place.stored, options);
+            }
             return place.path;
         }
     }
@@ -187,42 +188,6 @@ std::vector<std::string> nodes_to_remove(const std::vector<place_t> &stored,
     return paths;
 }
 
-// The path of the interface node given to `interface del`, and whether it contains settings that a
-// person stored.
-struct removal_t {
-    std::string path;
-    bool has_settings = false;
-};
-removal_t find_interface(const store_view_t &store, const options_t &options) {
-    for (const stored_interface_t &interface : store.interfaces) {
-        const bool meant = options.node.empty()
-                               ? interface.number != 0 && interface.link == options.link
-                               : interface.node == options.node;
-        if (!meant) {
-            continue;
-        }
-        removal_t removal{std::string(paths::interfaces) + "/" + interface.node,
-                          interface.holds_more || interface.gateway || !interface.strange.empty()};
-        for (const stored_address_t &stored : interface.addresses) {
-            removal.has_settings =
-                removal.has_settings || stored.fault || stored.address.type == type_static;
-        }
-        return removal;
-    }
-    throw refusal(options.node.empty()
-                      ? "the store has no node for " + shown(options.link)
-                      : "the store has no interface node '" + shown(options.node) + "'");
-}
-
-bool has_node(const store_view_t &store, long number) {
-    for (const stored_interface_t &interface : store.interfaces) {
-        if (interface.node == std::to_string(number)) {
-            return true;
-        }
-    }
-    return false;
-}
-
 } // namespace
 
 int address_add(const options_t &options) {
@@ -243,7 +208,7 @@ int address_delete(const options_t &options) {
     if (!options.address.empty()) {
         address = parse_existing(options);
     }
-    bool has_address = !options.address.empty();
+    bool leaves_kernel = !options.address.empty();
     carry_out(client, options, [&](const store_view_t &store) {
         const std::vector<place_t> stored = places(store, options.link);
         if (!options.address.empty()) {
@@ -252,13 +217,14 @@ int address_delete(const options_t &options) {
         const std::string path = node_to_remove(stored, options);
         for (const place_t &place : stored) {
             if (place.path == path) {
-                has_address = !convert_address(place.stored->text, address);
+                leaves_kernel = !convert_address(place.stored->text, address) &&
+                                !is_stored_twice(stored, *place.stored);
             }
         }
         return step_t{{}, {path}};
     });
-    if (!has_address) {
-        return exit_done; // the address never reached the kernel
+    if (!leaves_kernel) {
+        return exit_done; // the address never reached the kernel, or is stored once more
     }
     return wait_for({options.link, false, false, address.addr}, client, options);
 }
@@ -301,46 +267,6 @@ int gateway_clear(const options_t &options) {
         return step;
     });
     return wait_for({options.link, true, false, {}}, client, options);
-}
-
-int interface_add(const options_t &options) {
-    const long number = number_of(options);
-    client_t client;
-    client.require();
-    if (has_node(read_store(client.tav, options.prefix), number)) {
-        throw refusal("the store already has a node for " + shown(options.link) + " (interface " +
-                      std::to_string(number) + ")");
-    }
-    // The client interface cannot create an empty node, so create a leaf in it and remove that leaf
-    // again.
-    touch_interface(client, options, number);
-    if (!has_node(read_store(client.tav, options.prefix), number)) {
-        throw refusal("this store keeps no empty nodes; store an address or a gateway for " +
-                      shown(options.link) + " instead");
-    }
-    return exit_done;
-}
-
-int interface_delete(const options_t &options) {
-    if (options.link.empty() == options.node.empty()) {
-        throw refusal("give either the link or --node", exit_usage);
-    }
-    client_t client;
-    carry_out(client, options, [&](const store_view_t &store) {
-        const removal_t removal = find_interface(store, options);
-        if (removal.has_settings && !options.force) {
-            throw refusal("'" + shown(removal.path) +
-                          "' contains settings that would be lost; use --force to remove them too");
-        }
-        return step_t{{}, {removal.path}};
-    });
-    if (!options.link.empty()) {
-        std::fprintf(stderr,
-                     "tandrelctl: %s is no longer synchronised; the kernel keeps its addresses and "
-                     "its gateway\n",
-                     shown(options.link).c_str());
-    }
-    return exit_done;
 }
 
 } // namespace ctl

@@ -5,8 +5,10 @@
 #include <utility>
 
 #include <linux/if_addr.h>
+#include <linux/ipv6.h>
 #include <linux/rtnetlink.h>
 
+#include "ctl/rules.h"
 #include "ctl/text.h"
 #include "store/paths.h"
 
@@ -14,19 +16,20 @@ namespace ctl {
 
 namespace {
 
-// The type under which the daemon stores an address of the kernel.
-std::int32_t type_of_scope(std::uint8_t scope) {
-    return scope == RT_SCOPE_LINK ? type_link_local : type_automatic;
-}
-
-bool lies_in(const in6_addr &address, const in6_addr &network, unsigned length) {
-    for (unsigned bit = 0; bit < length && bit < 128; ++bit) {
-        const unsigned mask = 0x80U >> (bit % 8);
-        if (((address.s6_addr[bit / 8] ^ network.s6_addr[bit / 8]) & mask) != 0) {
-            return false;
-        }
-    }
-    return true;
+// Makes a store node for the link. tandrel removes from the kernel what it knows as Static, and a
+// gateway, unless the new node contains them.
+std::string node_command(const kernel_view_t &kernel, const kernel_link_t &link) {
+    const bool configured =
+        std::any_of(kernel.addresses.begin(), kernel.addresses.end(),
+                    [&](const kernel_address_t &one) {
+                        return one.address.ifindex == link.index && is_configured(one);
+                    }) ||
+        std::any_of(kernel.routes.begin(), kernel.routes.end(), [&](const kernel_route_t &one) {
+            return one.route.ifindex == link.index && is_static(one);
+        });
+    return std::string(configured ? "tandrelctl import --from-kernel --write "
+                                  : "tandrelctl interface add ") +
+           shown_word(link.name);
 }
 
 class explainer_t {
@@ -51,10 +54,15 @@ public:
 private:
     void explain_pair(const kernel_address_t &there, const stored_address_t &stored);
     void explain_stored_only(const stored_address_t &stored);
-    void explain_state(const kernel_address_t &there);
+    void explain_state(const kernel_address_t &there, const address_row_t &row);
     void explain_stored_gateway(const stored_gateway_t &stored);
     void explain_kernel_route(const kernel_route_t &route);
-    bool reachable(const in6_addr &gateway) const;
+    void explain_duplicate(const kernel_address_t &there, const address_row_t &row);
+    void explain_bad_prefix(const stored_gateway_t &stored);
+    void explain_unstored_route(const gateway_row_t &row);
+    const stored_gateway_t *stored_gateway() const;
+    bool is_own(const in6_addr &address) const;
+    std::string for_shell(const std::string &command) const; // followed by the link
     // A node with the same address that precedes this one in the store; null if there is none.
     const stored_address_t *earlier(const stored_address_t &stored) const;
 
@@ -68,18 +76,20 @@ bool explainer_t::explain_link(const std::string &prefix, bool anything_stored) 
         return true;
     }
     const kernel_link_t &link = *view.kernel;
-    if (view.link.compare(0, prefix.size(), prefix) != 0) {
+    if (!has_prefix(view.link, prefix)) {
         add(reason_t::wrong_prefix, {{"prefix", prefix}});
     } else if (!link.ethernet) {
         add(reason_t::not_ethernet);
     } else if (link.hwaddr.empty()) {
         add(reason_t::no_hardware_address);
+    } else if (!link.has_ipv6 && link.mtu < IPV6_MIN_MTU) {
+        add(reason_t::small_mtu, {{"text", std::to_string(link.mtu)}});
     } else if (!link.has_ipv6) {
         add(reason_t::no_ipv6);
     } else if (view.number == 0) {
         add(reason_t::no_node_fits, {{"prefix", prefix}});
     } else if (!view.has_node) {
-        add(reason_t::no_store_node);
+        add(reason_t::no_store_node, {{"command", node_command(kernel, link)}});
     }
     if (!view.tracked || !view.has_node) {
         return true;
@@ -121,10 +131,27 @@ const stored_address_t *explainer_t::earlier(const stored_address_t &stored) con
     return nullptr;
 }
 
-void explainer_t::explain_state(const kernel_address_t &there) {
+std::string explainer_t::for_shell(const std::string &command) const {
+    return command + " " + shown_word(view.link);
+}
+
+// A Static address is checked again when it is added again. The kernel decides on the others.
+void explainer_t::explain_duplicate(const kernel_address_t &there, const address_row_t &row) {
+    const std::string address = prefix_text(there.address);
+    std::string command = "ip -6 address del " + address + " dev " + shown_word(view.link);
+    if (row.stored && !row.stored->fault && row.stored->address.type == type_static) {
+        const std::string stored = " " + prefix_text(row.stored->address);
+        command = for_shell("tandrelctl address del") + stored + " --wait && " +
+                  for_shell("tandrelctl address add") + stored + " --node " +
+                  shown_word(row.stored->node) + " --wait";
+    }
+    add(reason_t::duplicate_found, {{"address", address}, {"command", command}});
+}
+
+void explainer_t::explain_state(const kernel_address_t &there, const address_row_t &row) {
     const words_t words = {{"address", prefix_text(there.address)}};
     if ((there.flags & IFA_F_DADFAILED) != 0) {
-        add(reason_t::duplicate_found, words);
+        explain_duplicate(there, row);
     } else if ((there.flags & IFA_F_TENTATIVE) != 0 && !view.kernel->carrier) {
         add(reason_t::address_waits, words);
     }
@@ -145,9 +172,15 @@ void explainer_t::explain_pair(const kernel_address_t &there, const stored_addre
     if (!type_agrees(stored.address.type, there.address.scope)) {
         add(reason_t::type_differs, with_other(type_to_str(type_of_scope(there.address.scope))));
     } else if (stored.address.prefix_len != there.address.prefix_len) {
+        const std::string kernels = prefix_text(there.address);
+        words_t all = with_other(kernels);
+        // The kernel's own link-local address keeps its length whatever is stored.
+        all["command"] = there.address.scope == RT_SCOPE_LINK
+                             ? for_shell("tandrelctl address replace") + " " + kernels
+                             : "tandrelctl nudge";
         add(stored.address.type == type_static ? reason_t::prefix_static
                                                : reason_t::prefix_of_kernel,
-            with_other(prefix_text(there.address)));
+            all);
     }
 }
 
@@ -156,7 +189,12 @@ void explainer_t::explain_stored_only(const stored_address_t &stored) {
                      {"node", stored.node},
                      {"type", stored.type_text}};
     if (const stored_address_t *first = earlier(stored)) {
-        words["other"] = first->node;
+        // The removal of a Static node would take the address from the kernel, so of an address
+        // that the kernel made and a person stored too, the other node goes.
+        const bool keep_this =
+            stored.address.type == type_static && first->address.type != type_static;
+        words["other"] = keep_this ? stored.node : first->node;
+        words["node"] = keep_this ? first->node : stored.node;
         add(reason_t::address_stored_twice, words);
     } else if (stored.address.type != type_static) {
         add(reason_t::address_left_over, words);
@@ -174,7 +212,7 @@ void explainer_t::explain_address(const address_row_t &row) {
         return;
     }
     if (row.kernel) {
-        explain_state(*row.kernel);
+        explain_state(*row.kernel, row);
     }
     if (!row.stored) {
         add(reason_t::address_not_in_store,
@@ -189,41 +227,55 @@ void explainer_t::explain_address(const address_row_t &row) {
     }
 }
 
-// Whether the kernel would accept the gateway: some route of the link without a gateway covers it.
-bool explainer_t::reachable(const in6_addr &gateway) const {
-    if (IN6_IS_ADDR_LINKLOCAL(&gateway)) {
-        return true;
+const stored_gateway_t *explainer_t::stored_gateway() const {
+    for (const gateway_row_t &row : view.gateways) {
+        if (row.stored) {
+            return &*row.stored;
+        }
     }
-    return std::any_of(kernel.routes.begin(), kernel.routes.end(), [&](const kernel_route_t &one) {
-        return one.route.ifindex == view.kernel->index && !has_gateway(one.route) &&
-               !one.multipath && one.type == RTN_UNICAST && one.table == RT_TABLE_MAIN &&
-               lies_in(gateway, one.route.dst, one.route.dst_len);
+    return nullptr;
+}
+
+bool explainer_t::is_own(const in6_addr &address) const {
+    return std::any_of(view.addresses.begin(), view.addresses.end(), [&](const address_row_t &row) {
+        return row.kernel && row.kernel->has_address &&
+               std::memcmp(&row.kernel->address.addr, &address, sizeof address) == 0;
     });
+}
+
+// The address alone is stored, if the kernel would accept it.
+void explainer_t::explain_bad_prefix(const stored_gateway_t &stored) {
+    const std::string address = stored.text.substr(0, stored.text.find('/'));
+    CRoute route;
+    const bool fits = !convert_gateway(address, route) && unfit_kind(route.gateway) == nullptr &&
+                      !is_own(route.gateway) && view.kernel &&
+                      is_reachable(kernel, view.kernel->index, route.gateway);
+    add(reason_t::gateway_bad_prefix,
+        {{"text", stored.text},
+         {"command", fits ? for_shell("tandrelctl gateway set") + " " + address
+                          : for_shell("tandrelctl gateway clear")}});
 }
 
 void explainer_t::explain_stored_gateway(const stored_gateway_t &stored) {
     words_t words = {{"gateway", address_text(stored.route.gateway)}};
-    const auto own = [&](const address_row_t &row) {
-        return row.kernel && row.kernel->has_address &&
-               std::memcmp(&row.kernel->address.addr, &stored.route.gateway, sizeof(in6_addr)) == 0;
-    };
     const auto taken = [&](const gateway_row_t &row) {
-        return row.kernel && !row.kernel->multipath &&
-               same_gateway(row.kernel->route, stored.route);
+        return row.kernel && row.kernel->metric == usual_metric &&
+               row.kernel->table == RT_TABLE_MAIN && same_gateway(row.kernel->route, stored.route);
     };
     const auto other = std::find_if(view.gateways.begin(), view.gateways.end(), taken);
     if (const char *kind = unfit_kind(stored.route.gateway)) {
         words["type"] = kind;
         add(reason_t::gateway_unfit, words);
-    } else if (std::any_of(view.addresses.begin(), view.addresses.end(), own)) {
+    } else if (is_own(stored.route.gateway)) {
         words["type"] = "this link's own address";
         add(reason_t::gateway_unfit, words);
     } else if (!view.kernel->up) {
         add(reason_t::gateway_link_down, words);
     } else if (other != view.gateways.end()) {
         words["protocol"] = protocol_name(other->kernel->route.protocol);
+        words["command"] = deletion_command(view.link, *other->kernel) + " && tandrelctl nudge";
         add(reason_t::gateway_taken, words);
-    } else if (!reachable(stored.route.gateway)) {
+    } else if (!is_reachable(kernel, view.kernel->index, stored.route.gateway)) {
         add(reason_t::gateway_unreachable, words);
     } else {
         add(reason_t::gateway_not_in_kernel, words);
@@ -231,41 +283,65 @@ void explainer_t::explain_stored_gateway(const stored_gateway_t &stored) {
 }
 
 void explainer_t::explain_kernel_route(const kernel_route_t &route) {
-    const words_t words = {{"gateway", address_text(route.route.gateway)},
-                           {"protocol", protocol_name(route.route.protocol)},
-                           {"text", std::to_string(route.table)}};
-    if (route.multipath) {
-        add(reason_t::route_multipath);
-        return;
-    }
-    if (!is_adopted(route)) {
+    const std::string gateway = address_text(route.route.gateway);
+    words_t words = {{"gateway", gateway},
+                     {"protocol", protocol_name(route.route.protocol)},
+                     {"text", std::to_string(route.table)},
+                     {"command", ""}};
+    // A route that another program made, such as an advertised one, is that program's.
+    const std::string store_it = for_shell("tandrelctl gateway set") + " " + gateway;
+    const bool storable = stored_gateway() == nullptr && route.table == RT_TABLE_MAIN;
+    if (!is_static(route)) {
+        if (storable && route.route.protocol == RTPROT_BOOT) {
+            words["command"] =
+                store_it + " && " + deletion_command(view.link, route) + " && tandrelctl nudge";
+        }
         add(reason_t::route_other_protocol, words);
-        return;
-    }
-    if (route.table != RT_TABLE_MAIN) {
+    } else if (!is_adopted(route)) {
+        words["command"] = storable ? store_it : "";
+        add(reason_t::route_multipath, words);
+    } else if (route.table != RT_TABLE_MAIN) {
         add(reason_t::route_other_table, words);
     }
 }
 
+// A static route of the kernel that is not the stored one.
+void explainer_t::explain_unstored_route(const gateway_row_t &row) {
+    const kernel_route_t &route = *row.kernel;
+    const bool second =
+        std::any_of(view.gateways.begin(), view.gateways.end(), [&](const gateway_row_t &other) {
+            return &other != &row && other.kernel && is_static(*other.kernel) &&
+                   (other.stored || &other < &row);
+        });
+    add(second ? reason_t::gateway_second : reason_t::gateway_not_in_store,
+        {{"gateway", address_text(route.route.gateway)}});
+}
+
 void explainer_t::explain_gateway(const gateway_row_t &row) {
-    if (row.kernel) {
+    const stored_gateway_t *stored = stored_gateway();
+    const bool again = row.kernel && !row.stored && stored != nullptr && !stored->fault &&
+                       is_static(*row.kernel) && same_gateway(row.kernel->route, stored->route);
+    if (again) {
+        add(reason_t::route_other_metric, {{"gateway", address_text(row.kernel->route.gateway)},
+                                           {"text", std::to_string(row.kernel->metric)}});
+        return;
+    }
+    if (row.kernel && !(row.stored && row.kernel->multipath)) {
         explain_kernel_route(*row.kernel);
     }
     if (row.stored && row.stored->fault) {
-        add(row.stored->fault->reason, row.stored->fault->words);
+        if (row.stored->fault->reason == reason_t::gateway_bad_prefix) {
+            explain_bad_prefix(*row.stored);
+        } else {
+            add(row.stored->fault->reason, row.stored->fault->words);
+        }
     } else if (row.stored && !row.kernel) {
         explain_stored_gateway(*row.stored);
     } else if (row.stored && row.mark == mark_t::differ) {
         add(reason_t::gateway_differs, {{"gateway", address_text(row.stored->route.gateway)},
                                         {"other", address_text(row.kernel->route.gateway)}});
     } else if (row.mark == mark_t::kernel_only) {
-        const bool second = std::any_of(
-            view.gateways.begin(), view.gateways.end(), [&](const gateway_row_t &other) {
-                return &other != &row && other.kernel && is_adopted(*other.kernel) &&
-                       (other.stored || &other < &row);
-            });
-        add(second ? reason_t::gateway_second : reason_t::gateway_not_in_store,
-            {{"gateway", address_text(row.kernel->route.gateway)}});
+        explain_unstored_route(row);
     }
 }
 
@@ -290,36 +366,33 @@ void explainer_t::explain_other_routes() {
 
 } // namespace
 
-const char *unfit_kind(const in6_addr &address) {
-    if (IN6_IS_ADDR_MULTICAST(&address)) {
-        return "a multicast address";
-    }
-    if (IN6_IS_ADDR_UNSPECIFIED(&address)) {
-        return "the unspecified address";
-    }
-    if (IN6_IS_ADDR_LOOPBACK(&address)) {
-        return "the loopback address";
-    }
-    return nullptr;
-}
-
-bool type_agrees(std::int32_t type, std::uint8_t scope) {
-    return type == type_static || type == type_of_scope(scope);
-}
-
-bool is_adopted(const kernel_route_t &route) {
-    return route.has_index && has_gateway(route.route) && is_default_route(route.route) &&
-           route.route.protocol == RTPROT_STATIC;
-}
-
-void explain_store(const store_view_t &store, const std::string &prefix,
-                   std::vector<finding_t> &findings) {
+void explain_store(const store_view_t &store, const kernel_view_t &kernel,
+                   const std::string &prefix, std::vector<finding_t> &findings) {
     const auto add = [&](reason_t reason, words_t words) {
         words["prefix"] = prefix;
         findings.push_back(finding_t{"", fault_t{reason, std::move(words)}});
     };
+    std::string links; // that tandrel could manage
+    std::string command;
+    for (const kernel_link_t &link : kernel.links) {
+        if (!has_prefix(link.name, prefix)) {
+            links += link.hwaddr.empty() ? "" : (links.empty() ? "" : ", ") + link.name;
+        } else if (command.empty() && interface_number(link.name, prefix) != 0) {
+            command = node_command(kernel, link); // makes the interfaces' node as well
+        }
+    }
+    const bool none =
+        std::none_of(kernel.links.begin(), kernel.links.end(),
+                     [&](const kernel_link_t &link) { return has_prefix(link.name, prefix); });
+    if (none) {
+        add(reason_t::no_link_managed,
+            {{"text", links.empty() ? "there is no other Ethernet link" : "there are: " + links}});
+    }
     if (!store.listed) {
-        add(reason_t::interfaces_absent, {{"path", paths::interfaces}});
+        add(reason_t::interfaces_absent,
+            {{"path", paths::interfaces},
+             {"command",
+              command.empty() ? "tav mknode " + shown_word(paths::interfaces) : command}});
     }
     for (const stored_interface_t &stored : store.interfaces) {
         if (stored.number == 0) {

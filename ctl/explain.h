@@ -6,16 +6,11 @@
 namespace ctl {
 
 // Faults of the store that concern no single link.
-void explain_store(const store_view_t &store, const std::string &prefix,
-                   std::vector<finding_t> &findings);
+void explain_store(const store_view_t &store, const kernel_view_t &kernel,
+                   const std::string &prefix, std::vector<finding_t> &findings);
 
 // Fills the findings of a view whose rows are complete. `nodes`: the store's nodes for this link.
 void explain_interface(interface_view_t &view, const std::vector<const stored_interface_t *> &nodes,
                        const kernel_view_t &kernel, const std::string &prefix);
-
-// Whether a stored address type agrees with the scope of the kernel's address.
-bool type_agrees(std::int32_t type, std::uint8_t scope);
-// Whether the daemon adopts the route: a static default route with one gateway.
-bool is_adopted(const kernel_route_t &route);
 
 } // namespace ctl

@@ -8,6 +8,7 @@
 
 #include "ctl/edit.h"
 #include "ctl/output.h"
+#include "ctl/rules.h"
 #include "ctl/text.h"
 #include "store/paths.h"
 
@@ -15,21 +16,9 @@ namespace ctl {
 
 namespace {
 
-// Newer kernels report the origin: 1 loopback, 2 router advertisement, 3 link-local.
-bool kernel_made_it(const kernel_address_t &address) {
-    return address.origin >= 1 && address.origin <= 3;
-}
-
-// A permanent address that a person or a script set.
-bool is_configured(const address_row_t &row) {
-    return row.kernel && row.kernel->has_address && !row.kernel->has_peer &&
-           row.kernel->address.scope == RT_SCOPE_UNIVERSE &&
-           (row.kernel->flags & IFA_F_PERMANENT) != 0 && !kernel_made_it(*row.kernel);
-}
-
 // A default gateway that a person or a script set: protocol static, or boot as "ip route" uses.
 bool is_configured(const gateway_row_t &row) {
-    return row.kernel && !row.kernel->multipath && row.kernel->table == RT_TABLE_MAIN &&
+    return row.kernel && row.kernel->table == RT_TABLE_MAIN &&
            (row.kernel->route.protocol == RTPROT_STATIC ||
             row.kernel->route.protocol == RTPROT_BOOT);
 }
@@ -47,7 +36,7 @@ public:
             }
         }
         for (const address_row_t &row : interface.addresses) {
-            if (is_configured(row)) {
+            if (row.kernel && is_configured(*row.kernel)) {
                 add(interface, row, names);
             }
         }
@@ -102,6 +91,12 @@ private:
                                                  " is already stored")});
         } else {
             lines.push_back({style_t::good, what + "  new"});
+            if (!is_static(*row.kernel)) {
+                lines.push_back(
+                    {style_t::plain, "    -> afterwards, to make the kernel's route tandrel's: " +
+                                         deletion_command(interface.link, *row.kernel) +
+                                         " && tandrelctl nudge"});
+            }
             const std::string ipv6 = paths::ipv6(static_cast<std::int32_t>(interface.number));
             step.leaves.emplace_back(paths::value(paths::gateway(ipv6)), gateway);
         }

@@ -91,17 +91,26 @@ private:
     std::unique_ptr<nl_sock, decltype(&nl_socket_free)> sock;
 };
 
+template <typename Record>
+void add(std::vector<Record> &records, const Record &record) {
+    records.push_back(record);
+}
+template <typename Record>
+void add(std::vector<Record> &records, const std::vector<Record> &more) {
+    records.insert(records.end(), more.begin(), more.end());
+}
+
 // If its tables change during a dump, the kernel marks the dump as possibly incomplete. Repeat it
 // then, a few times at most.
-template <typename Record, typename Header>
-std::vector<Record> dump(int type, Header header, Record (*read)(const unsigned char *, int)) {
+template <typename Record, typename Header, typename Read>
+std::vector<Record> dump(int type, Header header, const Read &read) {
     constexpr int attempts = 5;
     std::vector<Record> records;
     for (int attempt = 0; attempt < attempts; ++attempt) {
         records.clear();
         socket_t socket;
         const bool whole = socket.dump(type, header, [&](const unsigned char *bytes, int length) {
-            records.push_back(read(bytes, length));
+            add(records, read(bytes, length));
         });
         if (whole) {
             break;
@@ -122,6 +131,36 @@ ifinfomsg links_of(unsigned char family) {
     return header;
 }
 
+// The gateways of the attribute RTA_MULTIPATH, whose content begins at `offset`: each is a header
+// followed by attributes of its own.
+std::vector<kernel_route_t> gateways_of(const wire::datagram_t &datagram, std::size_t offset) {
+    std::vector<kernel_route_t> gateways;
+    const auto attribute = wire::read_at<rtattr>(datagram, offset - sizeof(rtattr));
+    const std::size_t end = std::min(datagram.length, offset - sizeof(rtattr) + attribute.rta_len);
+    while (offset + sizeof(rtnexthop) <= end) {
+        const auto hop = wire::read_at<rtnexthop>(datagram, offset);
+        if (hop.rtnh_len < sizeof hop) {
+            break;
+        }
+        kernel_route_t gateway;
+        gateway.route.ifindex = hop.rtnh_ifindex;
+        const std::size_t last = std::min<std::size_t>(end, offset + hop.rtnh_len);
+        for (std::size_t at = offset + sizeof hop; at + sizeof(rtattr) <= last;) {
+            const auto part = wire::read_at<rtattr>(datagram, at);
+            if (part.rta_len < sizeof part) {
+                break;
+            }
+            if (part.rta_type == RTA_GATEWAY) {
+                gateway.route.gateway = wire::read_at<in6_addr>(datagram, at + sizeof part);
+            }
+            at += RTA_ALIGN(part.rta_len);
+        }
+        gateways.push_back(gateway);
+        offset += RTNH_ALIGN(hop.rtnh_len);
+    }
+    return gateways;
+}
+
 } // namespace
 
 kernel_link_t link_of_message(const unsigned char *bytes, int length) {
@@ -139,6 +178,8 @@ kernel_link_t link_of_message(const unsigned char *bytes, int length) {
                                        auto name = wire::read_at<name_t>(datagram, offset);
                                        name.back() = '\0';
                                        link.name = name.data();
+                                   } else if (type == IFLA_MTU) {
+                                       link.mtu = wire::read_at<std::uint32_t>(datagram, offset);
                                    }
                                });
     const std::vector<CKernInterface> decoded = decode_links(bytes, length);
@@ -178,8 +219,9 @@ kernel_address_t address_of_message(const unsigned char *bytes, int length) {
     return address;
 }
 
-kernel_route_t route_of_message(const unsigned char *bytes, int length) {
+std::vector<kernel_route_t> routes_of_message(const unsigned char *bytes, int length) {
     kernel_route_t route;
+    std::vector<kernel_route_t> joined;
     const wire::message_walk message({bytes, length});
     const auto header = message.payload<rtmsg>();
     route.table = header.rtm_table;
@@ -192,29 +234,37 @@ kernel_route_t route_of_message(const unsigned char *bytes, int length) {
         route.route.protocol = header.rtm_protocol;
         route.route.dst_len = header.rtm_dst_len;
     }
-    message.for_each_attribute(sizeof header,
-                               [&](int type, const wire::datagram_t &datagram, std::size_t offset) {
-                                   if (type == RTA_TABLE) {
-                                       route.table = wire::read_at<std::uint32_t>(datagram, offset);
-                                   } else if (type == RTA_MULTIPATH) {
-                                       route.multipath = true;
-                                       // The route has no single link; use that of its first
-                                       // gateway.
-                                       const auto hop = wire::read_at<rtnexthop>(datagram, offset);
-                                       route.route.ifindex = hop.rtnh_ifindex;
-                                   } else if (type == RTA_DST && !route.has_index) {
-                                       route.route.dst = wire::read_at<in6_addr>(datagram, offset);
-                                   }
-                               });
-    return route;
+    message.for_each_attribute(
+        sizeof header, [&](int type, const wire::datagram_t &datagram, std::size_t offset) {
+            if (type == RTA_TABLE) {
+                route.table = wire::read_at<std::uint32_t>(datagram, offset);
+            } else if (type == RTA_PRIORITY) {
+                route.metric = wire::read_at<std::uint32_t>(datagram, offset);
+            } else if (type == RTA_MULTIPATH) {
+                joined = gateways_of(datagram, offset);
+            } else if (type == RTA_DST && !route.has_index) {
+                route.route.dst = wire::read_at<in6_addr>(datagram, offset);
+            }
+        });
+    if (joined.empty()) {
+        return {route};
+    }
+    for (kernel_route_t &part : joined) {
+        const CKernRoute gateway = part.route;
+        part = route;
+        part.multipath = true;
+        part.route.ifindex = gateway.ifindex;
+        part.route.gateway = gateway.gateway;
+    }
+    return joined;
 }
 
 kernel_view_t read_kernel() {
     kernel_view_t view;
-    view.links = dump(RTM_GETLINK, links_of(AF_UNSPEC), link_of_message);
+    view.links = dump<kernel_link_t>(RTM_GETLINK, links_of(AF_UNSPEC), link_of_message);
     // A dump for the family IPv6 lists only links that have IPv6.
     const std::vector<kernel_link_t> with_ipv6 =
-        dump(RTM_GETLINK, links_of(AF_INET6), link_of_message);
+        dump<kernel_link_t>(RTM_GETLINK, links_of(AF_INET6), link_of_message);
     for (kernel_link_t &link : view.links) {
         link.has_ipv6 =
             std::any_of(with_ipv6.begin(), with_ipv6.end(),
@@ -223,10 +273,10 @@ kernel_view_t read_kernel() {
     }
     ifaddrmsg addresses{};
     addresses.ifa_family = AF_INET6;
-    view.addresses = dump(RTM_GETADDR, addresses, address_of_message);
+    view.addresses = dump<kernel_address_t>(RTM_GETADDR, addresses, address_of_message);
     rtmsg routes{};
     routes.rtm_family = AF_INET6;
-    view.routes = dump(RTM_GETROUTE, routes, route_of_message);
+    view.routes = dump<kernel_route_t>(RTM_GETROUTE, routes, routes_of_message);
     return view;
 }
 

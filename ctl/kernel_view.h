@@ -20,6 +20,7 @@ struct kernel_link_t {
     bool carrier = false;  // up and connected
     bool has_ipv6 = false; // the kernel has IPv6 on the link (it has not if the MTU is below 1280)
     bool ipv6_refused = false; // disable_ipv6 is set: the kernel accepts no address
+    std::uint32_t mtu = 0;
 };
 
 struct kernel_address_t {
@@ -33,13 +34,17 @@ struct kernel_address_t {
 };
 constexpr std::uint32_t forever = 0xffffffff;
 
+// One gateway of a route. The kernel joins default routes of equal metric, also those of different
+// links, into one route with several gateways, which the daemon skips when the kernel lists it.
 struct kernel_route_t {
-    CKernRoute route;       // as the daemon decodes it
+    CKernRoute route;       // as the daemon decodes it; of a joined one, its part via this gateway
     bool has_index = true;  // false: no single output link, so the daemon skips it
-    bool multipath = false; // several gateways in one route
+    bool multipath = false; // joined with others
     std::uint32_t table = 0;
+    std::uint32_t metric = 0;
     std::uint8_t type = 0; // RTN_..., rtnetlink(7)
 };
+constexpr std::uint32_t usual_metric = 1024; // of a route that is added without one
 
 struct kernel_view_t {
     std::vector<kernel_link_t> links; // in the kernel's order
@@ -51,9 +56,10 @@ struct kernel_view_t {
 kernel_view_t read_kernel();
 
 // Decodes one message of a dump, `length` bytes beginning with its netlink header. An item that the
-// daemon's decoder skips is returned with the fields that could be read.
+// daemon's decoder skips is returned with the fields that could be read. A route has an entry for
+// each of its gateways.
 kernel_link_t link_of_message(const unsigned char *bytes, int length);
 kernel_address_t address_of_message(const unsigned char *bytes, int length);
-kernel_route_t route_of_message(const unsigned char *bytes, int length);
+std::vector<kernel_route_t> routes_of_message(const unsigned char *bytes, int length);
 
 } // namespace ctl

@@ -3,7 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "ctl/daemon_process.h"
+#include "ctl/daemon_state.h"
 #include "ctl/output.h"
 #include "ctl/text.h"
 #include "ctl/tool.h"
@@ -27,6 +27,7 @@ bool is_unused(const interface_view_t &interface, const finding_t &finding) {
 }
 
 struct report_t {
+    daemon_state_t daemon;
     std::vector<finding_t> differences;
     std::vector<finding_t> notes;
 
@@ -41,8 +42,12 @@ struct report_t {
     }
 };
 
-report_t make_report(const comparison_t &comparison, const options_t &options) {
+report_t make_report(client_t &client, const comparison_t &comparison, const options_t &options) {
     report_t report;
+    report.daemon = find_daemon(client);
+    if (const auto finding = daemon_finding(report.daemon)) {
+        report.add(*finding, options);
+    }
     for (const finding_t &finding : comparison.findings) {
         report.add(finding, options);
     }
@@ -55,8 +60,16 @@ report_t make_report(const comparison_t &comparison, const options_t &options) {
             }
         }
     }
-    if (find_daemon() == daemon_t::absent) {
-        report.notes.push_back(finding_t{"", fault_t{reason_t::daemon_absent, {}}});
+    for (finding_t &finding : report.differences) {
+        if (report.daemon.pid != 0) {
+            finding.fault.words["pid"] = std::to_string(report.daemon.pid);
+        }
+    }
+    // Without the daemon a synchronisation is no remedy; the daemon's own finding has the remedy.
+    if (report.daemon.state != daemon_t::working && report.daemon.state != daemon_t::unknown) {
+        for (finding_t &finding : report.differences) {
+            finding.waits = finding.needs_synchronisation();
+        }
     }
     return report;
 }
@@ -96,7 +109,7 @@ int show(const options_t &options) {
         std::cout << "there is no link whose name begins with '" << shown(options.prefix)
                   << "', and no store interface; try -i PREFIX, or --all for all links\n";
     }
-    const std::size_t differences = make_report(comparison, options).differences.size();
+    const std::size_t differences = make_report(client, comparison, options).differences.size();
     if (differences > 0) {
         print({{style_t::bad, std::to_string(differences) +
                                   (differences == 1 ? " difference" : " differences") +
@@ -110,7 +123,7 @@ int check(const options_t &options) {
     client_t client;
     client.require();
     const comparison_t comparison = look(client, options);
-    report_t report = make_report(comparison, options);
+    report_t report = make_report(client, comparison, options);
     if (options.no_notes) {
         report.notes.clear();
     }
@@ -127,7 +140,10 @@ int check(const options_t &options) {
     } else if (!options.quiet) {
         const bool colour = tav::terminal::use_color(options.colour);
         if (agree) {
-            print({{style_t::good, "kernel and store agree"}}, colour);
+            const bool known = report.daemon.state == daemon_t::working;
+            print({{known ? style_t::good : style_t::plain,
+                    known ? "kernel and store agree" : "kernel and store have the same settings"}},
+                  colour);
         }
         print_findings(report.differences, colour);
         print_findings(report.notes, colour);

@@ -16,7 +16,9 @@
 
 #include <linux/rtnetlink.h>
 
+#include "ctl/daemon_state.h"
 #include "ctl/edit.h"
+#include "ctl/rules.h"
 #include "ctl/text.h"
 #include "netlink/wire.h"
 
@@ -129,7 +131,7 @@ private:
     void see(const kernel_link_t &link) {
         const int now = (link.up ? 1 : 0) + (link.carrier ? 1 : 0);
         int &before = states[link.index];
-        if (now > before && link.name.compare(0, options.prefix.size(), options.prefix) == 0) {
+        if (now > before && has_prefix(link.name, options.prefix)) {
             reason = shown(link.name) + " came up";
         }
         before = now;
@@ -163,6 +165,12 @@ int nudge(const options_t &options) {
         return follower_t(options).run();
     }
     nudge_once(options);
+    client_t client;
+    const auto finding = daemon_finding(find_daemon(client));
+    if (finding && finding->severity() == severity_t::difference) {
+        throw refusal("nothing was synchronised: tandrel: " + finding->sentence() + "\n    -> " +
+                      finding->remedy());
+    }
     return exit_done;
 }
 

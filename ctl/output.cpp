@@ -64,8 +64,7 @@ cells_t cells_of(const gateway_row_t &row) {
     cells_t cells{row.mark, {"-", "-", "Gateway", "-", ""}};
     if (row.kernel) {
         const kernel_route_t &there = *row.kernel;
-        cells.columns[0] =
-            there.multipath ? "several gateways" : "via " + address_text(there.route.gateway);
+        cells.columns[0] = "via " + address_text(there.route.gateway);
         cells.columns[4] = "protocol " + protocol_name(there.route.protocol);
     }
     if (row.stored) {
@@ -197,7 +196,7 @@ lines_t table_lines(const std::vector<const interface_view_t *> &interfaces) {
 
 lines_t finding_lines(const finding_t &finding) {
     const bool differs = finding.severity() == severity_t::difference;
-    const bool of_daemon = finding.fault.reason == reason_t::daemon_absent;
+    const bool of_daemon = finding.fault.reason >= reason_t::daemon_absent;
     const std::string where = of_daemon              ? "tandrel"
                               : finding.link.empty() ? "store"
                                                      : shown(finding.link);
@@ -247,9 +246,7 @@ json_t interface_json(const interface_view_t &interface) {
     for (const gateway_row_t &row : interface.gateways) {
         json_t one{{"mark", text_of_mark(row.mark).name}, {"kernel", nullptr}, {"store", nullptr}};
         if (row.kernel) {
-            one["kernel"] = {{"gateway", row.kernel->multipath
-                                             ? json_t(nullptr)
-                                             : json_t(address_text(row.kernel->route.gateway))},
+            one["kernel"] = {{"gateway", address_text(row.kernel->route.gateway)},
                              {"protocol", protocol_name(row.kernel->route.protocol)},
                              {"table", row.kernel->table}};
         }

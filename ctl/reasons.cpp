@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "ctl/daemon_state.h"
 #include "ctl/text.h"
 #include "in_order.h"
 
@@ -16,27 +17,34 @@ using r = reason_t;
 // {link}: the kernel link; {prefix}: the prefix of the names of the links that tandrel manages;
 // {node}, {path}, {text}: name, path and text of the element in the store; {address}, {gateway}: as
 // text; {type}: of an address; {other}: the other side's or the other node's value.
+//
+// A remedy must end the difference when it is carried out as it is, and change nothing else;
+// tests/ctl/kernel/remedies_test.cpp does so.
 constexpr reasons_t table{{
     {r::interfaces_absent, difference, "interfaces-absent",
      "the store has no node '{path}', so tandrel can read nothing and starts over every ten "
      "seconds",
-     "tav mknode {path}, or tandrelctl interface add {prefix}0, which makes it as well"},
+     "{command}"},
     {r::bad_interface_node, difference, "bad-interface-node",
      "the name of the interface node '{node}' is not a number from 1 on; because of it tandrel "
-     "cannot read the store, synchronises nothing, and starts over every ten seconds",
-     "tandrelctl interface del --node {node}"},
+     "cannot read the store, synchronises nothing, and starts over every ten seconds; the command "
+     "below removes the node with all that it contains",
+     "tandrelctl interface del --node {node} --force"},
     {r::interface_is_leaf, note, "interface-is-leaf",
      "'{path}' is a leaf, not a node; tandrel ignores it", ""},
     {r::odd_interface_number, difference, "odd-interface-number",
      "the interface node '{node}' is read for {link}, but tandrel writes to the node '{number}'",
-     "store its settings with tandrelctl (they go to node {number}), then tandrelctl interface del "
-     "--node {node}"},
+     "tandrelctl interface merge {link}"},
     {r::interface_twice, difference, "interface-twice",
      "the interface nodes '{other}' and '{node}' are both for {link}; each synchronisation applies "
      "the first, then the second",
-     "tandrelctl interface del --node {node}"},
+     "tandrelctl interface merge {link}"},
     {r::strange_element, note, "strange-element",
      "tandrel does not know '{path}'; it ignores the element and changes to it", ""},
+    {r::no_link_managed, difference, "no-link-managed",
+     "no link of the kernel has a name that begins with '{prefix}', so tandrel manages none here; "
+     "to manage other links, start tandrel and tandrelctl with -i PREFIX ({text})",
+     ""},
 
     {r::link_absent, difference, "link-absent",
      "the kernel has no link {link}; what is stored for it (interface {number}) waits until the "
@@ -44,27 +52,32 @@ constexpr reasons_t table{{
      "appears",
      ""},
     {r::wrong_prefix, note, "wrong-prefix",
-     "not synchronised: its name does not begin with '{prefix}'",
-     "to manage such links instead, start tandrel with -i PREFIX"},
+     "not synchronised: its name does not begin with '{prefix}'; to manage such links instead, "
+     "start tandrel with -i PREFIX",
+     ""},
     {r::no_node_fits, note, "no-node-fits",
      "not synchronised: it cannot have a store node; only {prefix}0, {prefix}1 and so on can", ""},
     {r::not_ethernet, difference, "not-ethernet", "not synchronised: it is not an Ethernet link",
      ""},
     {r::no_hardware_address, difference, "no-hardware-address",
      "not synchronised: the link has no hardware address", ""},
-    {r::no_ipv6, difference, "no-ipv6",
-     "not synchronised: the kernel has no IPv6 on this link (is its MTU below 1280?)",
+    {r::no_ipv6, difference, "no-ipv6", "not synchronised: the kernel has no IPv6 on this link",
+     ""},
+    {r::small_mtu, difference, "small-mtu",
+     "not synchronised: the link's MTU is {text}, and the kernel has no IPv6 on a link with an MTU "
+     "below 1280",
      "ip link set {link} mtu 1500"},
     {r::ipv6_disabled, difference, "ipv6-disabled",
      "IPv6 is disabled on this link, so the kernel refuses every address and gateway",
-     "sysctl -w net.ipv6.conf.{link}.disable_ipv6=0, then tandrelctl nudge"},
+     "sysctl -w net/ipv6/conf/{link}/disable_ipv6=0 && tandrelctl nudge"},
     {r::no_store_node, difference, "no-store-node",
      "the store has no node for it (interface {number}), and tandrel never creates one; the link "
      "is not synchronised",
-     "tandrelctl interface add {link}"},
+     "{command}"},
     {r::link_down, note, "link-down",
-     "the link is down: the kernel does not use its addresses and accepts no gateway",
-     "ip link set {link} up; tandrel(8), CAVEATS, says how to keep settings while a link is down"},
+     "the link is down: the kernel does not use its addresses and accepts no gateway (tandrel(8), "
+     "CAVEATS, says how to keep settings while a link is down)",
+     "ip link set {link} up"},
 
     {r::address_is_leaf, note, "address-is-leaf",
      "'{path}' is a leaf where an address node is expected; tandrel ignores it", ""},
@@ -82,11 +95,11 @@ constexpr reasons_t table{{
      "tandrelctl address replace {link} {text}"},
     {r::address_without_prefix, difference, "address-without-prefix",
      "the stored address '{node}' is skipped: '{text}' has no prefix length (such as /64)",
-     "tandrelctl address replace {link} {text}/64, or with the right length"},
+     "tandrelctl address replace {link} {text}/64"},
     {r::address_bad_prefix, difference, "address-bad-prefix",
      "the stored address '{node}' is skipped: the prefix length of '{text}' is not a number from 1 "
      "to 128",
-     "tandrelctl address replace {link}, with a length from 1 to 128"},
+     "tandrelctl address replace {link} {address}/64"},
     {r::address_bad_text, difference, "address-bad-text",
      "the stored address '{node}' is skipped: '{text}' is not an IPv6 address",
      "tandrelctl address del {link} --node {node}"},
@@ -98,40 +111,40 @@ constexpr reasons_t table{{
     {r::address_not_in_kernel, difference, "address-not-in-kernel",
      "{address} (Static, node '{node}') is in the store only; tandrel adds it to the kernel at its "
      "next synchronisation",
-     "tandrelctl nudge, if it stays (a refused address is tried again only then; tandrel's log at "
-     "-D 2 shows the refusal)"},
+     "tandrelctl nudge"},
     {r::address_unfit, difference, "address-unfit",
      "{address} (node '{node}') is in the store only: a link cannot have {type}",
      "tandrelctl address del {link} --node {node}"},
     {r::address_left_over, difference, "address-left-over",
      "{address} ({type}, node '{node}') is in the store only; the kernel decides on such "
-     "addresses, so tandrel removes it at its next synchronisation",
-     "tandrelctl address replace {link} {address}, to keep it as a Static one"},
+     "addresses, so tandrel removes it at its next synchronisation ('tandrelctl address replace' "
+     "makes it a Static one)",
+     "tandrelctl nudge"},
     {r::address_stored_twice, difference, "address-stored-twice",
      "{address} is stored twice, in the nodes '{other}' and '{node}'",
      "tandrelctl address del {link} --node {node}"},
     {r::address_not_in_store, difference, "address-not-in-store",
-     "{address} is in the kernel only; tandrel writes it to the store as {type} within moments",
-     "tandrelctl nudge, if it stays"},
+     "{address} is in the kernel only; tandrel writes it to the store as {type} within moments, "
+     "unless it has lost track of it (as when a link leaves a bridge)",
+     "{restart}"},
     {r::address_listed_empty, note, "address-listed-empty",
      "the kernel listed an entry that contains no address; tandrel skips it", ""},
     {r::prefix_static, difference, "prefix-static",
      "the kernel has {other}, the store {address} (Static, node '{node}'): the store's prefix "
-     "length "
-     "counts, and tandrel changes the kernel's at its next synchronisation",
-     "tandrelctl nudge, if it stays"},
+     "length counts, and tandrel changes the kernel's at its next synchronisation",
+     "{command}"},
     {r::prefix_of_kernel, difference, "prefix-of-kernel",
      "the kernel has {other}, the store {address} ({type}, node '{node}'): the kernel's prefix "
-     "length counts, and tandrel stores it when the kernel next announces the address",
-     ""},
+     "length counts, and tandrel stores it when the node is removed",
+     "tandrelctl address del {link} --node {node} --force"},
     {r::type_differs, difference, "type-differs",
      "{address} is stored as {type} (node '{node}'), but the kernel has it as {other}: tandrel "
      "removes the node and then stores the address again",
-     ""},
+     "tandrelctl address del {link} --node {node} --force"},
     {r::duplicate_found, difference, "duplicate-found",
      "{address}: duplicate address detection failed; another host on the link has it, and the "
-     "kernel does not use it",
-     "change one of the two hosts; then delete the address here and add it again"},
+     "kernel does not use it; change the other host first",
+     "{command}"},
     {r::address_waits, note, "address-waits",
      "{address} is tentative: the kernel checks it for duplicates first, which needs the link to "
      "be "
@@ -142,78 +155,103 @@ constexpr reasons_t table{{
 
     {r::gateway_leaf_missing, difference, "gateway-leaf-missing",
      "the stored gateway has no leaf Value; tandrel treats it as no gateway",
-     "tandrelctl gateway clear {link}, or tandrelctl gateway set"},
+     "tandrelctl gateway clear {link}"},
     {r::gateway_not_text, difference, "gateway-not-text",
      "the stored gateway is skipped: its leaf Value is not a string",
-     "tandrelctl gateway clear {link}, or tandrelctl gateway set"},
+     "tandrelctl gateway clear {link}"},
     {r::gateway_bad_prefix, difference, "gateway-bad-prefix",
      "the stored gateway is skipped: '{text}' has an invalid prefix length; a gateway needs none",
-     "tandrelctl gateway set {link} with the address alone"},
+     "{command}"},
     {r::gateway_bad_text, difference, "gateway-bad-text",
      "the stored gateway is skipped: '{text}' is not an IPv6 address",
-     "tandrelctl gateway clear {link}, or tandrelctl gateway set"},
+     "tandrelctl gateway clear {link}"},
     {r::gateway_unfit, difference, "gateway-unfit",
      "the gateway {gateway} is in the store only: the kernel refuses it because it is {type}",
-     "tandrelctl gateway set {link} with the router's address"},
+     "tandrelctl gateway clear {link}"},
     {r::gateway_link_down, difference, "gateway-link-down",
      "the gateway {gateway} is in the store only: the kernel accepts no route over a link that is "
      "down, and tandrel does not try again when the link comes up",
-     "ip link set {link} up, then tandrelctl nudge (tandrelctl nudge --follow does it each time)"},
+     "ip link set {link} up && tandrelctl nudge"},
     {r::gateway_unreachable, difference, "gateway-unreachable",
      "the gateway {gateway} is in the store only: no network of {link} contains it, so the kernel "
-     "refuses it",
-     "give {link} an address of the gateway's network, then tandrelctl nudge; or use the router's "
-     "link-local address"},
+     "refuses it; give {link} an address of the gateway's network and run 'tandrelctl nudge', use "
+     "the router's link-local address, or remove the gateway",
+     "tandrelctl gateway clear {link}"},
     {r::gateway_taken, difference, "gateway-taken",
      "the gateway {gateway} is in the store, but the kernel has the same route with protocol "
      "{protocol}, and refuses a second, static one",
-     "none while that route exists; after it is removed: tandrelctl nudge"},
+     "{command}"},
     {r::gateway_not_in_kernel, difference, "gateway-not-in-kernel",
      "the gateway {gateway} is in the store only; tandrel adds the route at its next "
      "synchronisation",
-     "tandrelctl nudge, if it stays (a lost or refused route is tried again only then)"},
+     "tandrelctl nudge"},
     {r::gateway_not_in_store, difference, "gateway-not-in-store",
-     "the gateway {gateway} is in the kernel only; tandrel writes it to the store within moments",
-     "tandrelctl nudge, if it stays"},
+     "the gateway {gateway} is in the kernel only; unless tandrel writes it to the store within "
+     "moments, it removes the route at its next synchronisation",
+     "tandrelctl gateway set {link} {gateway}"},
     {r::gateway_differs, difference, "gateway-differs",
      "the kernel's gateway is {other}, the store's {gateway}: the store's counts, and tandrel "
      "replaces the kernel's at its next synchronisation",
-     "tandrelctl nudge, if it stays"},
+     "tandrelctl nudge"},
     {r::gateway_second, difference, "gateway-second",
      "the kernel has another static default route, via {gateway}; tandrel manages only the newest "
-     "one of a link",
-     "ip -6 route del default via {gateway} dev {link} proto static"},
+     "one of a link, and removes the other within moments",
+     ""},
     {r::route_other_protocol, note, "route-other-protocol",
      "the default route via {gateway} has protocol {protocol}; tandrel manages only static ones",
-     "to store it: tandrelctl gateway set {link} {gateway}"},
+     "{command}"},
     {r::route_with_destination, note, "route-with-destination",
      "tandrel ignores the route to {address}; it manages only default routes", ""},
     {r::route_without_gateway, note, "route-without-gateway",
      "tandrel ignores a default route without a gateway", ""},
     {r::route_multipath, note, "route-multipath",
-     "tandrel ignores a default route with several gateways: it has no single output link", ""},
+     "tandrel ignores the default route via {gateway}: the kernel has joined it with others of the "
+     "same metric, and does not say its link",
+     "{command}"},
     {r::route_other_table, note, "route-other-table",
      "the default route via {gateway} is in table {text}; tandrel treats it as a route of the main "
      "table",
      ""},
+    {r::route_other_metric, note, "route-other-metric",
+     "the kernel has the default route via {gateway} a second time, with metric {text}; when the "
+     "gateway is removed, one of the two stays",
+     ""},
 
-    {r::daemon_absent, note, "daemon-absent",
-     "it does not run here, so nothing will be synchronised",
-     "start it: systemctl start tandrel, or, to watch it, tandrel -d -D 3"},
+    {r::daemon_absent, difference, "daemon-absent",
+     "it does not run here, so nothing is synchronised", "{start}"},
+    {r::daemon_disconnected, difference, "daemon-disconnected",
+     "it is not connected to the settings store, so nothing is synchronised; its log says why",
+     "{restart}"},
+    {r::daemon_hangs, difference, "daemon-hangs",
+     "it is connected to the settings store, but has shown no sign of life for {text}",
+     "{restart}"},
+    {r::daemon_unknown, note, "daemon-unknown", "whether it runs is not known: {text}", ""},
 }};
 static_assert(tav::in_order(table, &reason_text_t::reason));
 
-std::string fill(const char *format, const words_t &words,
-                 std::string (&transform)(std::string_view)) {
+using transform_t = std::string (&)(const std::string &, std::string_view);
+
+std::string fill(const char *format, const words_t &words, transform_t transform) {
     std::string text = format;
     for (std::size_t open = text.find('{'); open != std::string::npos;) {
         const std::size_t close = text.find('}', open);
-        const auto word = words.find(text.substr(open + 1, close - open - 1));
-        const std::string value = word != words.end() ? transform(word->second) : "?";
+        const std::string name = text.substr(open + 1, close - open - 1);
+        const auto word = words.find(name);
+        const std::string value =
+            transform(name, word != words.end() ? std::string_view(word->second) : "?");
         text.replace(open, close - open + 1, value);
         open = text.find('{', open + value.size());
     }
     return text;
+}
+
+std::string of_sentence(const std::string & /*name*/, std::string_view word) {
+    return shown(word);
+}
+
+std::string of_remedy(const std::string &name, std::string_view word) {
+    const bool is_command = name == "command" || name == "start" || name == "restart";
+    return is_command ? std::string(word) : shown_word(word);
 }
 
 } // namespace
@@ -227,11 +265,23 @@ const reason_text_t &text_of(reason_t reason) {
 }
 
 std::string finding_t::sentence() const {
-    return fill(text_of(fault.reason).sentence, fault.words, shown);
+    return fill(text_of(fault.reason).sentence, fault.words, of_sentence);
 }
 
 std::string finding_t::remedy() const {
-    return fill(text_of(fault.reason).remedy, fault.words, shown_word);
+    if (waits) {
+        return "";
+    }
+    words_t words = fault.words;
+    words["start"] = service_command("start", words["pid"]);
+    words["restart"] = service_command("restart", words["pid"]);
+    return fill(text_of(fault.reason).remedy, words, of_remedy);
+}
+
+bool finding_t::needs_synchronisation() const {
+    const std::string_view text = text_of(fault.reason).remedy;
+    return fault.reason < reason_t::daemon_absent &&
+           (text == "{restart}" || remedy() == "tandrelctl nudge");
 }
 
 } // namespace ctl

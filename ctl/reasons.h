@@ -16,6 +16,7 @@ enum class reason_t {
     odd_interface_number,
     interface_twice,
     strange_element,
+    no_link_managed,
     // Links.
     link_absent,
     wrong_prefix,
@@ -23,6 +24,7 @@ enum class reason_t {
     not_ethernet,
     no_hardware_address,
     no_ipv6,
+    small_mtu,
     ipv6_disabled,
     no_store_node,
     link_down,
@@ -67,8 +69,12 @@ enum class reason_t {
     route_without_gateway,
     route_multipath,
     route_other_table,
+    route_other_metric,
     // The daemon.
     daemon_absent,
+    daemon_disconnected,
+    daemon_hangs,
+    daemon_unknown,
     count_ // not a reason
 };
 
@@ -82,7 +88,7 @@ struct reason_text_t {
     severity_t severity;
     const char *name;     // for scripts; never changes
     const char *sentence; // with {words}
-    const char *remedy;   // with {words}; empty when there is nothing to do
+    const char *remedy;   // a shell's command line, with {words}; empty when no command helps
 };
 
 // Every reason, in the order of the enumeration.
@@ -90,7 +96,7 @@ using reasons_t = std::array<reason_text_t, static_cast<std::size_t>(reason_t::c
 const reasons_t &reasons();
 const reason_text_t &text_of(reason_t reason);
 
-// The texts that replace the {words} of a sentence.
+// The texts that replace the {words} of a sentence or a remedy.
 using words_t = std::map<std::string, std::string>;
 
 // A reason with its words.
@@ -103,10 +109,14 @@ struct fault_t {
 struct finding_t {
     std::string link; // empty: it concerns the store as a whole
     fault_t fault;
+    bool waits = false; // for the daemon, so it has no remedy of its own
 
     severity_t severity() const { return text_of(fault.reason).severity; }
     std::string sentence() const; // without control characters
-    std::string remedy() const;   // words are quoted for a shell
+    // Words are quoted for a shell, except {command}, which is a command line itself. {start} and
+    // {restart} are the command lines that start and restart the daemon, whose process is {pid}.
+    std::string remedy() const;
+    bool needs_synchronisation() const; // and nothing else
 };
 
 } // namespace ctl

@@ -2,6 +2,7 @@
 
 #include <linux/rtnetlink.h>
 
+#include "ctl/rules.h"
 #include "store/paths.h"
 #include "store/tav_values.h"
 #include "sync/errors.h"
@@ -115,22 +116,33 @@ stored_address_t reader_t::read_address(const std::string &path, const std::stri
         stored.fault =
             fault_t{reason, {{"node", node}, {"text", stored.text}, {"type", stored.type_text}}};
     };
-    // In the order in which the daemon reads them.
+    // The remedy of a bad type is to store the address again, so a bad address comes first.
     if (!address.there) {
         fault(reason_t::address_leaf_missing);
-    } else if (!type.there) {
-        fault(reason_t::type_leaf_missing);
     } else if (!address.is_text) {
         fault(reason_t::address_not_text);
-    } else if (!type.is_text) {
-        fault(reason_t::type_not_text);
     } else if (const auto bad = convert_address(stored.text, stored.address)) {
         fault(bad->reason);
+    } else if (!type.there) {
+        fault(reason_t::type_leaf_missing);
+    } else if (!type.is_text) {
+        fault(reason_t::type_not_text);
     } else {
         stored.address.type = str_to_type(type.text);
         stored.address.node = node;
         if (stored.address.type == type_unset) {
             fault(reason_t::type_unknown);
+        }
+    }
+    if (stored.fault) {
+        const std::string text = stored.text.substr(0, stored.text.find('/'));
+        CRoute there;
+        const bool readable = !convert_gateway(text, there);
+        stored.fault->words["address"] = text;
+        if (const char *kind = readable ? unfit_kind(there.gateway) : nullptr) {
+            stored.fault->reason = reason_t::address_unfit;
+            stored.fault->words["address"] = stored.text;
+            stored.fault->words["type"] = kind;
         }
     }
     return stored;

@@ -87,6 +87,7 @@ int gateway_clear(const options_t &options);
 int interface_list(const options_t &options);
 int interface_add(const options_t &options);
 int interface_delete(const options_t &options);
+int interface_merge(const options_t &options);
 int import_kernel(const options_t &options);
 int nudge(const options_t &options);
 

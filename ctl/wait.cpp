@@ -8,9 +8,10 @@
 #include <unistd.h>
 
 #include "ctl/changes.h"
-#include "ctl/daemon_process.h"
+#include "ctl/daemon_state.h"
 #include "ctl/explain.h"
 #include "ctl/output.h"
+#include "ctl/rules.h"
 
 namespace ctl {
 
@@ -61,6 +62,7 @@ bool is_hopeless(const comparison_t &comparison, const interface_view_t &interfa
         case reason_t::not_ethernet:
         case reason_t::no_hardware_address:
         case reason_t::no_ipv6:
+        case reason_t::small_mtu:
         case reason_t::ipv6_disabled:
             return true;
         default:
@@ -76,17 +78,16 @@ bool is_hopeless(const comparison_t &comparison, const interface_view_t &interfa
 // Whether a finding may be the reason: it is a difference, or may explain one.
 bool may_be_why(const finding_t &finding) {
     const reason_t reason = finding.fault.reason;
-    return finding.severity() == severity_t::difference || reason == reason_t::link_down ||
-           reason == reason_t::daemon_absent;
+    return finding.severity() == severity_t::difference || reason == reason_t::link_down;
 }
 
-void say_why(const comparison_t &comparison, const interface_view_t &interface) {
+void say_why(client_t &client, const comparison_t &comparison, const interface_view_t &interface) {
     std::fprintf(stderr,
                  "tandrelctl: the change is stored, but the kernel does not have it yet:\n");
     std::vector<finding_t> findings = comparison.findings;
     findings.insert(findings.end(), interface.findings.begin(), interface.findings.end());
-    if (find_daemon() == daemon_t::absent) {
-        findings.push_back(finding_t{"", fault_t{reason_t::daemon_absent, {}}});
+    if (const auto finding = daemon_finding(find_daemon(client))) {
+        findings.push_back(*finding);
     }
     bool said = false;
     for (const finding_t &finding : findings) {
@@ -169,7 +170,7 @@ int wait_for(const goal_t &goal, client_t &client, const options_t &options) {
         const interface_view_t &view = interface != nullptr ? *interface : nothing;
         if (is_hopeless(comparison, view) || clock_type::now() >= end) {
             progress.reset(); // before anything else is written
-            say_why(comparison, view);
+            say_why(client, comparison, view);
             return exit_not_there;
         }
         progress->show();

@@ -1,6 +1,7 @@
 // The rows that result from two views, and their marks.
 #include "ctl/look_fixture.h"
 #include "ctl/output.h"
+#include "ctl/rules.h"
 
 namespace {
 
@@ -49,6 +50,23 @@ TEST_F(Compare, TheStoredGatewayIsPairedWithItsStaticRoute) {
     route("fe80::1");
     store_gateway("fe80::1");
     EXPECT_EQ(marks(), " .K=");
+}
+
+TEST_F(Compare, ADuplicateIsNotUsable) {
+    address("2001:db8::5", 64).flags = IFA_F_DADFAILED | IFA_F_TENTATIVE;
+    store("x", "2001:db8::5/64");
+    EXPECT_EQ(marks(), "? ");
+}
+
+TEST_F(Compare, AGatewayThatTheKernelHasJoinedWithOthersIsPairedToo) {
+    ctl::kernel_route_t &one = route("fe80::1");
+    one.multipath = true;
+    one.has_index = false;
+    EXPECT_EQ(marks(), " .");
+    store_gateway("fe80::1");
+    EXPECT_EQ(marks(), " =");
+    route("fe80::1").metric = 512; // the same once more
+    EXPECT_EQ(marks(), " =.");
 }
 
 TEST_F(Compare, AnotherStoredGatewayDiffersFromTheStaticRoute) {

@@ -113,10 +113,12 @@ TEST(KernelLink, HasNameKindAndState) {
     const unsigned char mac[6] = {2, 0, 0, 0, 0, 5};
     const auto link = message_t(RTM_NEWLINK, header)
                           .attribute(IFLA_IFNAME, "eth0", 5)
+                          .value(IFLA_MTU, std::uint32_t{1280})
                           .value(IFLA_ADDRESS, mac)
                           .read(ctl::link_of_message);
     EXPECT_EQ(link.index, 3);
     EXPECT_EQ(link.name, "eth0");
+    EXPECT_EQ(link.mtu, 1280U);
     EXPECT_EQ(link.hwaddr, "02:00:00:00:00:05");
     EXPECT_TRUE(link.ethernet);
     EXPECT_TRUE(link.up);
@@ -138,24 +140,38 @@ TEST(KernelRoute, HasItsTableAndItsShape) {
     header.rtm_type = RTN_UNICAST;
     const auto route = message_t(RTM_NEWROUTE, header)
                            .value(RTA_TABLE, std::uint32_t{1000})
+                           .value(RTA_PRIORITY, std::uint32_t{7})
                            .value(RTA_OIF, std::int32_t{3})
                            .value(RTA_GATEWAY, some_address)
-                           .read(ctl::route_of_message);
+                           .read(ctl::routes_of_message)
+                           .at(0);
     EXPECT_EQ(route.table, 1000U);
+    EXPECT_EQ(route.metric, 7U);
     EXPECT_TRUE(route.has_index);
     EXPECT_FALSE(route.multipath);
     EXPECT_EQ(route.route.ifindex, 3);
     EXPECT_TRUE(has_gateway(route.route));
 
-    rtnexthop hop{};
-    hop.rtnh_len = sizeof hop;
-    hop.rtnh_ifindex = 4;
+    struct hop_t {
+        rtnexthop hop{};
+        rtattr attribute{sizeof(rtattr) + sizeof(in6_addr), RTA_GATEWAY};
+        in6_addr gateway{};
+    } hops[2];
+    for (hop_t &one : hops) {
+        one.hop.rtnh_len = sizeof one;
+        one.hop.rtnh_ifindex = &one == hops ? 4 : 5;
+        one.gateway.s6_addr[15] = &one == hops ? 1 : 2;
+    }
     const auto several =
-        message_t(RTM_NEWROUTE, header).value(RTA_MULTIPATH, hop).read(ctl::route_of_message);
-    EXPECT_FALSE(several.has_index);
-    EXPECT_TRUE(several.multipath);
-    EXPECT_EQ(several.route.ifindex, 4);
-    EXPECT_EQ(several.route.protocol, RTPROT_STATIC);
+        message_t(RTM_NEWROUTE, header).value(RTA_MULTIPATH, hops).read(ctl::routes_of_message);
+    ASSERT_EQ(several.size(), 2U);
+    for (const std::size_t i : {0U, 1U}) {
+        EXPECT_FALSE(several[i].has_index);
+        EXPECT_TRUE(several[i].multipath);
+        EXPECT_EQ(several[i].route.ifindex, i == 0 ? 4 : 5);
+        EXPECT_EQ(several[i].route.gateway.s6_addr[15], i == 0 ? 1 : 2);
+        EXPECT_EQ(several[i].route.protocol, RTPROT_STATIC);
+    }
 }
 
 // The address sanitizer reports every byte that is read beyond the message.
@@ -171,8 +187,8 @@ TEST(KernelMessages, AreNeverReadBeyondTheirEnd) {
             .read(ctl::link_of_message, length);
         message_t(RTM_NEWROUTE, rtmsg{})
             .value(RTA_DST, some_address)
-            .value(RTA_MULTIPATH, rtnexthop{})
-            .read(ctl::route_of_message, length);
+            .value(RTA_MULTIPATH, rtnexthop{sizeof(rtnexthop) + 20, 0, 0, 0})
+            .read(ctl::routes_of_message, length);
     }
 }
 

@@ -37,6 +37,7 @@ protected:
         link.name = name;
         link.hwaddr = "02:00:00:00:00:05";
         link.ethernet = link.up = link.carrier = link.has_ipv6 = true;
+        link.mtu = 1500;
         kernel.links.push_back(link);
         return kernel.links.back();
     }
@@ -60,6 +61,7 @@ protected:
         one.route.protocol = protocol;
         one.route.gateway = bytes(gateway);
         one.table = RT_TABLE_MAIN;
+        one.metric = ctl::usual_metric;
         one.type = RTN_UNICAST;
         kernel.routes.push_back(one);
         return kernel.routes.back();

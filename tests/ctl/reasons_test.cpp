@@ -3,6 +3,7 @@
 #include <map>
 #include <ostream>
 
+#include "ctl/daemon_state.h"
 #include "ctl/look_fixture.h"
 #include "ctl/reasons.h"
 
@@ -66,17 +67,19 @@ TEST_F(Reasons, TheInterfacesNodeIsAbsent) {
     expect(reason_t::interfaces_absent,
            "the store has no node '/Software/System Settings/Network/Interface', so tandrel can "
            "read nothing and starts over every ten seconds",
-           "tav mknode '/Software/System Settings/Network/Interface', or tandrelctl interface add "
-           "eth0, which makes it as well",
-           {reason_t::no_store_node});
+           "tandrelctl interface add eth0", {reason_t::no_store_node});
+    kernel.links.clear();
+    EXPECT_EQ(findings().at(1).remedy(),
+              "tav mknode '/Software/System Settings/Network/Interface'");
 }
 
 TEST_F(Reasons, AnInterfaceNodeIsNotNamedByANumber) {
     fake_tav::put_node(at("wan port"));
     expect(reason_t::bad_interface_node,
            "the name of the interface node 'wan port' is not a number from 1 on; because of it "
-           "tandrel cannot read the store, synchronises nothing, and starts over every ten seconds",
-           "tandrelctl interface del --node 'wan port'");
+           "tandrel cannot read the store, synchronises nothing, and starts over every ten "
+           "seconds; the command below removes the node with all that it contains",
+           "tandrelctl interface del --node 'wan port' --force");
     fake_tav::erase(at("wan port"));
     for (const std::string name : {"0", "-1", "1a"}) {
         fake_tav::put_node(at(name));
@@ -98,8 +101,7 @@ TEST_F(Reasons, AnInterfaceNumberIsSpeltOddly) {
     fake_tav::put_node(at("01"));
     expect(reason_t::odd_interface_number,
            "the interface node '01' is read for eth0, but tandrel writes to the node '1'",
-           "store its settings with tandrelctl (they go to node 1), then tandrelctl interface del "
-           "--node 01");
+           "tandrelctl interface merge eth0");
 }
 
 TEST_F(Reasons, TwoInterfaceNodesAreForOneLink) {
@@ -107,7 +109,7 @@ TEST_F(Reasons, TwoInterfaceNodesAreForOneLink) {
     expect(reason_t::interface_twice,
            "the interface nodes '1' and '+1' are both for eth0; each synchronisation applies the "
            "first, then the second",
-           "tandrelctl interface del --node +1", {reason_t::odd_interface_number});
+           "tandrelctl interface merge eth0", {reason_t::odd_interface_number});
 }
 
 TEST_F(Reasons, AnElementIsUnknownToTheDaemon) {
@@ -151,8 +153,19 @@ TEST_F(Reasons, AnAddressRemovedDuringTheReadIsNotReported) {
 
 TEST_F(Reasons, ALinkHasAnotherPrefix) {
     link("wlan0");
-    expect(reason_t::wrong_prefix, "not synchronised: its name does not begin with 'eth'",
-           "to manage such links instead, start tandrel with -i PREFIX");
+    expect(reason_t::wrong_prefix,
+           "not synchronised: its name does not begin with 'eth'; to manage such links instead, "
+           "start tandrel with -i PREFIX",
+           "");
+}
+
+TEST_F(Reasons, NoLinkHasThePrefix) {
+    kernel.links[0].name = "enp3s0";
+    link("lo").hwaddr.clear();
+    expect(reason_t::no_link_managed,
+           "no link of the kernel has a name that begins with 'eth', so tandrel manages none here; "
+           "to manage other links, start tandrel and tandrelctl with -i PREFIX (there are: enp3s0)",
+           "", {reason_t::wrong_prefix, reason_t::wrong_prefix, reason_t::link_absent});
 }
 
 TEST_F(Reasons, ThePrefixIsWhatTheCommandLineSays) {
@@ -181,8 +194,11 @@ TEST_F(Reasons, AnEthernetLinkHasNoHardwareAddress) {
 
 TEST_F(Reasons, TheKernelHasNoIpv6OnTheLink) {
     kernel.links[0].has_ipv6 = false;
-    expect(reason_t::no_ipv6,
-           "not synchronised: the kernel has no IPv6 on this link (is its MTU below 1280?)",
+    expect(reason_t::no_ipv6, "not synchronised: the kernel has no IPv6 on this link", "");
+    kernel.links[0].mtu = 1000;
+    expect(reason_t::small_mtu,
+           "not synchronised: the link's MTU is 1000, and the kernel has no IPv6 on a link with an "
+           "MTU below 1280",
            "ip link set eth0 mtu 1500");
 }
 
@@ -192,7 +208,7 @@ TEST_F(Reasons, Ipv6IsDisabledOnTheLink) {
     store_gateway("fe80::1");
     expect(reason_t::ipv6_disabled,
            "IPv6 is disabled on this link, so the kernel refuses every address and gateway",
-           "sysctl -w net.ipv6.conf.eth0.disable_ipv6=0, then tandrelctl nudge");
+           "sysctl -w net/ipv6/conf/eth0/disable_ipv6=0 && tandrelctl nudge");
 }
 
 TEST_F(Reasons, TheStoreHasNoNodeForALink) {
@@ -201,14 +217,19 @@ TEST_F(Reasons, TheStoreHasNoNodeForALink) {
            "the store has no node for it (interface 1), and tandrel never creates one; the link is "
            "not synchronised",
            "tandrelctl interface add eth0");
+    route("fe80::1"); // a new, empty node would take it from the kernel
+    EXPECT_EQ(findings().at(0).remedy(), "tandrelctl import --from-kernel --write eth0");
+    kernel.routes.clear();
+    address("2001:db8::5", 64);
+    EXPECT_EQ(findings().at(0).remedy(), "tandrelctl import --from-kernel --write eth0");
 }
 
 TEST_F(Reasons, ALinkIsDown) {
     kernel.links[0].up = kernel.links[0].carrier = false;
     expect(reason_t::link_down,
-           "the link is down: the kernel does not use its addresses and accepts no gateway",
-           "ip link set eth0 up; tandrel(8), CAVEATS, says how to keep settings while a link is "
-           "down");
+           "the link is down: the kernel does not use its addresses and accepts no gateway "
+           "(tandrel(8), CAVEATS, says how to keep settings while a link is down)",
+           "ip link set eth0 up");
 }
 
 // --- stored addresses that are skipped ---
@@ -256,7 +277,7 @@ TEST_F(Reasons, AStoredAddressHasNoPrefixLength) {
     store("x", "2001:db8::5");
     expect(reason_t::address_without_prefix,
            "the stored address 'x' is skipped: '2001:db8::5' has no prefix length (such as /64)",
-           "tandrelctl address replace eth0 2001:db8::5/64, or with the right length");
+           "tandrelctl address replace eth0 2001:db8::5/64");
 }
 
 TEST_F(Reasons, AStoredAddressHasABadPrefixLength) {
@@ -264,7 +285,7 @@ TEST_F(Reasons, AStoredAddressHasABadPrefixLength) {
     expect(reason_t::address_bad_prefix,
            "the stored address 'x' is skipped: the prefix length of '2001:db8::5/129' is not a "
            "number from 1 to 128",
-           "tandrelctl address replace eth0, with a length from 1 to 128");
+           "tandrelctl address replace eth0 2001:db8::5/64");
     for (const std::string text : {"2001:db8::5/0", "2001:db8::5/", "2001:db8::5/64x"}) {
         store("x", text);
         EXPECT_EQ(findings().at(0).fault.reason, reason_t::address_bad_prefix) << text;
@@ -278,6 +299,8 @@ TEST_F(Reasons, AStoredAddressIsInvalid) {
            "tandrelctl address del eth0 --node x");
     store("x", "192.0.2.1");
     EXPECT_EQ(findings().at(0).fault.reason, reason_t::address_bad_text);
+    store("x", "ff02::5", "none"); // an address that cannot be stored again
+    EXPECT_EQ(findings().at(0).fault.reason, reason_t::address_unfit);
 }
 
 TEST_F(Reasons, AStoredTypeIsUnknown) {
@@ -292,8 +315,7 @@ TEST_F(Reasons, SkippedAddressesAreNamedAlsoWhenTheLinkIsAbsent) {
     store("x", "2001:db8::5", "Static", "4");
     expect(reason_t::address_without_prefix,
            "the stored address 'x' is skipped: '2001:db8::5' has no prefix length (such as /64)",
-           "tandrelctl address replace eth3 2001:db8::5/64, or with the right length",
-           {reason_t::link_absent});
+           "tandrelctl address replace eth3 2001:db8::5/64", {reason_t::link_absent});
 }
 
 // --- addresses ---
@@ -303,8 +325,7 @@ TEST_F(Reasons, AStaticAddressIsInTheStoreOnly) {
     expect(reason_t::address_not_in_kernel,
            "2001:db8::5/64 (Static, node 'x') is in the store only; tandrel adds it to the kernel "
            "at its next synchronisation",
-           "tandrelctl nudge, if it stays (a refused address is tried again only then; tandrel's "
-           "log at -D 2 shows the refusal)");
+           "tandrelctl nudge");
 }
 
 TEST_F(Reasons, ALinkCannotHaveSuchAnAddress) {
@@ -322,8 +343,9 @@ TEST_F(Reasons, AnAutomaticAddressIsInTheStoreOnly) {
     store("x", "2001:db8::5/64", "Automatic");
     expect(reason_t::address_left_over,
            "2001:db8::5/64 (Automatic, node 'x') is in the store only; the kernel decides on such "
-           "addresses, so tandrel removes it at its next synchronisation",
-           "tandrelctl address replace eth0 2001:db8::5/64, to keep it as a Static one");
+           "addresses, so tandrel removes it at its next synchronisation ('tandrelctl address "
+           "replace' makes it a Static one)",
+           "tandrelctl nudge");
 }
 
 TEST_F(Reasons, AnAddressIsStoredTwice) {
@@ -333,14 +355,21 @@ TEST_F(Reasons, AnAddressIsStoredTwice) {
     expect(reason_t::address_stored_twice,
            "2001:db8::5/48 is stored twice, in the nodes 'x' and 'y'",
            "tandrelctl address del eth0 --node y");
+    kernel.addresses.clear();
+    address("fe80::5", 64);
+    fake_tav::erase(at("1/IPv6/Addresses/y"));
+    store("1", "fe80::5/64", "Link-Local");
+    store("x", "fe80::5/64");
+    EXPECT_EQ(findings().at(0).remedy(), "tandrelctl address del eth0 --node 1")
+        << "without the Static node tandrel would delete the address";
 }
 
 TEST_F(Reasons, AnAddressIsInTheKernelOnly) {
     address("2001:db8::5", 64);
     expect(reason_t::address_not_in_store,
            "2001:db8::5/64 is in the kernel only; tandrel writes it to the store as Automatic "
-           "within moments",
-           "tandrelctl nudge, if it stays");
+           "within moments, unless it has lost track of it (as when a link leaves a bridge)",
+           ctl::service_command("restart", ""));
     kernel.addresses.clear();
     address("fe80::5", 64);
     EXPECT_EQ(findings().at(0).fault.words.at("type"), "Link-Local");
@@ -359,7 +388,11 @@ TEST_F(Reasons, AStaticAddressHasAnotherPrefixLengthInTheKernel) {
            "the kernel has 2001:db8::5/64, the store 2001:db8::5/48 (Static, node 'x'): the "
            "store's prefix length counts, and tandrel changes the kernel's at its next "
            "synchronisation",
-           "tandrelctl nudge, if it stays");
+           "tandrelctl nudge");
+    kernel.addresses.clear();
+    address("fe80::5", 64);
+    store("x", "fe80::5/48");
+    EXPECT_EQ(findings().at(0).remedy(), "tandrelctl address replace eth0 fe80::5/64");
 }
 
 TEST_F(Reasons, AnAutomaticAddressHasAnotherPrefixLengthInTheKernel) {
@@ -367,9 +400,8 @@ TEST_F(Reasons, AnAutomaticAddressHasAnotherPrefixLengthInTheKernel) {
     store("x", "2001:db8::5/48", "Automatic");
     expect(reason_t::prefix_of_kernel,
            "the kernel has 2001:db8::5/64, the store 2001:db8::5/48 (Automatic, node 'x'): the "
-           "kernel's prefix length counts, and tandrel stores it when the kernel next announces "
-           "the address",
-           "");
+           "kernel's prefix length counts, and tandrel stores it when the node is removed",
+           "tandrelctl address del eth0 --node x --force");
 }
 
 TEST_F(Reasons, AnAddressIsStoredUnderAnotherTypeThanTheKernels) {
@@ -378,7 +410,7 @@ TEST_F(Reasons, AnAddressIsStoredUnderAnotherTypeThanTheKernels) {
     expect(reason_t::type_differs,
            "fe80::5/64 is stored as Automatic (node 'x'), but the kernel has it as Link-Local: "
            "tandrel removes the node and then stores the address again",
-           "");
+           "tandrelctl address del eth0 --node x --force");
 }
 
 TEST_F(Reasons, DuplicateAddressDetectionFailed) {
@@ -386,8 +418,11 @@ TEST_F(Reasons, DuplicateAddressDetectionFailed) {
     store("x", "2001:db8::5/64");
     expect(reason_t::duplicate_found,
            "2001:db8::5/64: duplicate address detection failed; another host on the link has it, "
-           "and the kernel does not use it",
-           "change one of the two hosts; then delete the address here and add it again");
+           "and the kernel does not use it; change the other host first",
+           "tandrelctl address del eth0 2001:db8::5/64 --wait && tandrelctl address add eth0 "
+           "2001:db8::5/64 --node x --wait");
+    store("x", "2001:db8::5/64", "Automatic");
+    EXPECT_EQ(findings().at(0).remedy(), "ip -6 address del 2001:db8::5/64 dev eth0");
 }
 
 TEST_F(Reasons, AnAddressWaitsForItsLink) {
@@ -417,14 +452,14 @@ TEST_F(Reasons, TheStoredGatewayHasNoLeaf) {
     fake_tav::put_node(at("1/IPv6/Default Gateway"));
     expect(reason_t::gateway_leaf_missing,
            "the stored gateway has no leaf Value; tandrel treats it as no gateway",
-           "tandrelctl gateway clear eth0, or tandrelctl gateway set");
+           "tandrelctl gateway clear eth0");
 }
 
 TEST_F(Reasons, TheStoredGatewayIsNotAString) {
     fake_tav::put(at("1/IPv6/Default Gateway/Value"), number("1"));
     expect(reason_t::gateway_not_text,
            "the stored gateway is skipped: its leaf Value is not a string",
-           "tandrelctl gateway clear eth0, or tandrelctl gateway set");
+           "tandrelctl gateway clear eth0");
 }
 
 TEST_F(Reasons, TheStoredGatewayHasABadPrefixLength) {
@@ -432,17 +467,20 @@ TEST_F(Reasons, TheStoredGatewayHasABadPrefixLength) {
     expect(reason_t::gateway_bad_prefix,
            "the stored gateway is skipped: 'fe80::1/0' has an invalid prefix length; a gateway "
            "needs none",
-           "tandrelctl gateway set eth0 with the address alone");
+           "tandrelctl gateway set eth0 fe80::1");
     route("fe80::1");
     store_gateway("fe80::1/64");
     EXPECT_TRUE(findings().empty()) << "a good one is let pass";
+    kernel.routes.clear();
+    store_gateway("2001:db8:9::1/0"); // which the kernel would refuse
+    EXPECT_EQ(findings().at(0).remedy(), "tandrelctl gateway clear eth0");
 }
 
 TEST_F(Reasons, TheStoredGatewayIsInvalid) {
     store_gateway("router");
     expect(reason_t::gateway_bad_text,
            "the stored gateway is skipped: 'router' is not an IPv6 address",
-           "tandrelctl gateway clear eth0, or tandrelctl gateway set");
+           "tandrelctl gateway clear eth0");
 }
 
 TEST_F(Reasons, TheKernelAcceptsNoSuchGateway) {
@@ -450,7 +488,7 @@ TEST_F(Reasons, TheKernelAcceptsNoSuchGateway) {
     expect(reason_t::gateway_unfit,
            "the gateway :: is in the store only: the kernel refuses it because it is the "
            "unspecified address",
-           "tandrelctl gateway set eth0 with the router's address");
+           "tandrelctl gateway clear eth0");
     store_gateway("2001:db8::5");
     address("2001:db8::5", 64);
     store("x", "2001:db8::5/64");
@@ -463,18 +501,16 @@ TEST_F(Reasons, TheLinkOfTheGatewayIsDown) {
     expect(reason_t::gateway_link_down,
            "the gateway fe80::1 is in the store only: the kernel accepts no route over a link that "
            "is down, and tandrel does not try again when the link comes up",
-           "ip link set eth0 up, then tandrelctl nudge (tandrelctl nudge --follow does it each "
-           "time)",
-           {reason_t::link_down});
+           "ip link set eth0 up && tandrelctl nudge", {reason_t::link_down});
 }
 
 TEST_F(Reasons, NoNetworkOfTheLinkContainsTheGateway) {
     store_gateway("2001:db8:9::1");
     expect(reason_t::gateway_unreachable,
            "the gateway 2001:db8:9::1 is in the store only: no network of eth0 contains it, so the "
-           "kernel refuses it",
-           "give eth0 an address of the gateway's network, then tandrelctl nudge; or use the "
-           "router's link-local address");
+           "kernel refuses it; give eth0 an address of the gateway's network and run 'tandrelctl "
+           "nudge', use the router's link-local address, or remove the gateway",
+           "tandrelctl gateway clear eth0");
     ctl::kernel_route_t &network = route("::", RTPROT_KERNEL);
     network.route.dst = bytes("2001:db8:8::");
     network.route.dst_len = 47;
@@ -489,8 +525,10 @@ TEST_F(Reasons, TheKernelHasTheGatewayUnderAnotherProtocol) {
     expect(reason_t::gateway_taken,
            "the gateway fe80::1 is in the store, but the kernel has the same route with protocol "
            "ra, and refuses a second, static one",
-           "none while that route exists; after it is removed: tandrelctl nudge",
+           "ip -6 route del default via fe80::1 dev eth0 proto ra metric 1024 && tandrelctl nudge",
            {reason_t::route_other_protocol});
+    kernel.routes[0].metric = 512; // is no obstacle
+    EXPECT_EQ(findings().at(1).fault.reason, reason_t::gateway_not_in_kernel);
 }
 
 TEST_F(Reasons, TheGatewayIsInTheStoreOnly) {
@@ -498,15 +536,15 @@ TEST_F(Reasons, TheGatewayIsInTheStoreOnly) {
     expect(reason_t::gateway_not_in_kernel,
            "the gateway fe80::1 is in the store only; tandrel adds the route at its next "
            "synchronisation",
-           "tandrelctl nudge, if it stays (a lost or refused route is tried again only then)");
+           "tandrelctl nudge");
 }
 
 TEST_F(Reasons, TheGatewayIsInTheKernelOnly) {
     route("fe80::1");
     expect(reason_t::gateway_not_in_store,
-           "the gateway fe80::1 is in the kernel only; tandrel writes it to the store within "
-           "moments",
-           "tandrelctl nudge, if it stays");
+           "the gateway fe80::1 is in the kernel only; unless tandrel writes it to the store "
+           "within moments, it removes the route at its next synchronisation",
+           "tandrelctl gateway set eth0 fe80::1");
 }
 
 TEST_F(Reasons, TheGatewaysDiffer) {
@@ -515,7 +553,7 @@ TEST_F(Reasons, TheGatewaysDiffer) {
     expect(reason_t::gateway_differs,
            "the kernel's gateway is fe80::1, the store's fe80::2: the store's counts, and tandrel "
            "replaces the kernel's at its next synchronisation",
-           "tandrelctl nudge, if it stays");
+           "tandrelctl nudge");
 }
 
 TEST_F(Reasons, TheKernelHasASecondStaticDefaultRoute) {
@@ -524,15 +562,18 @@ TEST_F(Reasons, TheKernelHasASecondStaticDefaultRoute) {
     store_gateway("fe80::1");
     expect(reason_t::gateway_second,
            "the kernel has another static default route, via fe80::2; tandrel manages only the "
-           "newest one of a link",
-           "ip -6 route del default via fe80::2 dev eth0 proto static");
+           "newest one of a link, and removes the other within moments",
+           "");
 }
 
 TEST_F(Reasons, ADefaultRouteHasAnotherProtocol) {
     route("fe80::1", RTPROT_BOOT);
     expect(reason_t::route_other_protocol,
            "the default route via fe80::1 has protocol boot; tandrel manages only static ones",
-           "to store it: tandrelctl gateway set eth0 fe80::1");
+           "tandrelctl gateway set eth0 fe80::1 && ip -6 route del default via fe80::1 dev eth0 "
+           "proto boot metric 1024 && tandrelctl nudge");
+    kernel.routes[0].route.protocol = RTPROT_RA;
+    EXPECT_EQ(findings().at(0).remedy(), "") << "that is the router's";
 }
 
 TEST_F(Reasons, AStaticRouteHasADestination) {
@@ -551,12 +592,25 @@ TEST_F(Reasons, ADefaultRouteHasNoGateway) {
            "");
 }
 
-TEST_F(Reasons, ADefaultRouteHasSeveralGateways) {
-    ctl::kernel_route_t &one = route("::");
+TEST_F(Reasons, ADefaultRouteIsJoinedWithOthers) {
+    ctl::kernel_route_t &one = route("fe80::1");
     one.multipath = true;
     one.has_index = false;
     expect(reason_t::route_multipath,
-           "tandrel ignores a default route with several gateways: it has no single output link",
+           "tandrel ignores the default route via fe80::1: the kernel has joined it with others of "
+           "the same metric, and does not say its link",
+           "tandrelctl gateway set eth0 fe80::1");
+    store_gateway("fe80::1");
+    EXPECT_TRUE(findings().empty()) << "two links have gateways";
+}
+
+TEST_F(Reasons, ADefaultRouteIsThereTwice) {
+    route("fe80::1").metric = 512;
+    route("fe80::1");
+    store_gateway("fe80::1");
+    expect(reason_t::route_other_metric,
+           "the kernel has the default route via fe80::1 a second time, with metric 512; when the "
+           "gateway is removed, one of the two stays",
            "");
 }
 
@@ -569,11 +623,27 @@ TEST_F(Reasons, ADefaultRouteIsInAnotherTable) {
            "");
 }
 
-TEST_F(Reasons, NoDaemonRuns) {
-    const ctl::finding_t finding{"", {reason_t::daemon_absent, {}}};
-    EXPECT_EQ(finding.sentence(), "it does not run here, so nothing will be synchronised");
-    EXPECT_EQ(finding.remedy(),
-              "start it: systemctl start tandrel, or, to watch it, tandrel -d -D 3");
+// --- the daemon ---
+
+TEST_F(Reasons, TheDaemonDoesNotWork) {
+    const auto expect_finding = [](ctl::daemon_t state, const std::string &sentence,
+                                   const std::string &remedy) {
+        const auto finding = ctl::daemon_finding({state, 42, 61000, "of the moon"});
+        ASSERT_TRUE(finding);
+        EXPECT_EQ(finding->sentence(), sentence);
+        EXPECT_EQ(finding->remedy(), remedy);
+    };
+    expect_finding(ctl::daemon_t::absent, "it does not run here, so nothing is synchronised",
+                   ctl::service_command("start", ""));
+    expect_finding(ctl::daemon_t::disconnected,
+                   "it is not connected to the settings store, so nothing is synchronised; its log "
+                   "says why",
+                   ctl::service_command("restart", "42"));
+    expect_finding(ctl::daemon_t::hangs,
+                   "it is connected to the settings store, but has shown no sign of life for 1m1s",
+                   ctl::service_command("restart", "42"));
+    expect_finding(ctl::daemon_t::unknown, "whether it runs is not known: of the moon", "");
+    EXPECT_FALSE(ctl::daemon_finding({ctl::daemon_t::working, 42, 0, ""}));
 }
 
 } // namespace

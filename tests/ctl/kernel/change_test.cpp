@@ -50,8 +50,7 @@ TEST_F(Change, AFailedWaitSaysWhy) {
     ASSERT_EQ(stop_daemon(), 0);
     const result_t alone = run({"address", "add", "eth0", "2001:db8::6/64", "--wait=1"});
     EXPECT_EQ(alone.status, 4);
-    EXPECT_TRUE(!sees_all_processes() ||
-                contains(alone.errors, "tandrel: note: it does not run here"))
+    EXPECT_TRUE(!sees_all_processes() || contains(alone.errors, "tandrel: it does not run here"))
         << alone.errors;
 }
 
@@ -91,7 +90,8 @@ TEST_F(Change, ANodeThatStopsTheDaemonIsFoundAndRemoved) {
     EXPECT_TRUE(contains(checked.output, "store: the name of the interface node 'wan port' is not "
                                          "a number"))
         << checked.output;
-    EXPECT_TRUE(contains(checked.output, "    -> tandrelctl interface del --node 'wan port'\n"));
+    EXPECT_TRUE(
+        contains(checked.output, "    -> tandrelctl interface del --node 'wan port' --force\n"));
     EXPECT_EQ(run({"interface", "del", "--node", "wan port"}).status, 1) << "it contains settings";
     done({"interface", "del", "--node", "wan port", "--force"});
     EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::5/64"); }));
@@ -107,6 +107,9 @@ TEST_F(Change, TheKernelsConfigurationIsImported) {
     const result_t shown = run({"import", "--from-kernel"});
     EXPECT_EQ(shown.status, 0);
     EXPECT_EQ(shown.output, "eth0  2001:db8::5/64  new\neth0  gateway fe80::1  new\n"
+                            "    -> afterwards, to make the kernel's route tandrel's: ip -6 route "
+                            "del default via fe80::1 dev eth0 proto boot metric 1024 && "
+                            "tandrelctl nudge\n"
                             "nothing was written; use --write to store these settings\n");
     EXPECT_EQ(store.addresses(1).size(), 0U);
     EXPECT_EQ(run({"import"}).status, 2);
