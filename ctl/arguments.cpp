@@ -2,11 +2,13 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <iostream>
 #include <memory>
 #include <utility>
 
 #include "ctl/text.h"
+#include "ctl/words.h"
 #include "terminal/help.h"
 
 #ifndef TANDREL_VERSION
@@ -26,6 +28,7 @@ constexpr const char *ending =
     "  tandrelctl check\n"
     "  tandrelctl address add eth0 2001:db8::5/64 --wait\n"
     "  tandrelctl gateway set eth0 fe80::1\n"
+    "A command may be abbreviated: 'tandrelctl addr a' is 'tandrelctl address add'.\n"
     "For more see 'tandrelctl COMMAND --help' and tandrelctl(1).";
 
 class parser_t {
@@ -55,8 +58,11 @@ public:
     }
 
     request_t parse(int argc, char **argv) {
+        std::vector<std::string> words(argv + 1, argv + argc);
+        complete_commands(app, words);
+        std::reverse(words.begin(), words.end()); // as CLI11 wants them
         try {
-            app.parse(argc, argv);
+            app.parse(words);
         } catch (const CLI::RequiredError &error) {
             request.result = complain(error);
             request.command = nullptr;
@@ -82,14 +88,17 @@ private:
     int complain(const CLI::RequiredError &error) {
         const std::vector<std::string> words = app.remaining(true);
         if (app.get_subcommands().empty()) {
-            const std::string what = words.empty()
-                                         ? "a command is missing"
-                                         : "'" + shown(words.front()) + "' is not a command";
-            std::cerr << "tandrelctl: " << what << "; 'tandrelctl --help' lists the commands\n";
+            std::cerr << "tandrelctl: "
+                      << (words.empty() ? "a command is missing"
+                                        : unknown_command(app, words.front()))
+                      << "\n'tandrelctl --help' lists the commands\n";
             return exit_usage;
         }
         for (const CLI::App *group : app.get_subcommands()) {
             if (group->get_require_subcommand_min() == 1 && group->get_subcommands().empty()) {
+                if (!words.empty()) {
+                    std::cerr << "tandrelctl: " << unknown_command(*group, words.front()) << '\n';
+                }
                 std::cerr << "tandrelctl: '" << group->get_name() << "' needs one of";
                 const char *separator = ": ";
                 for (const CLI::App *choice : group->get_subcommands({})) {

@@ -80,31 +80,37 @@ void print_findings(const std::vector<finding_t> &findings, bool colour) {
     }
 }
 
+void print_views(const std::vector<const interface_view_t *> &interfaces,
+                 const options_t &options) {
+    if (!options.json) {
+        print(table_lines(interfaces, terminal_width()), tav::terminal::use_color(options.colour));
+        return;
+    }
+    json_t json = json_t::array();
+    for (const interface_view_t *interface : interfaces) {
+        json.push_back(interface_json(*interface));
+    }
+    print_json(json);
+}
+
 } // namespace
 
 int show(const options_t &options) {
     client_t client;
     if (!client.connect()) {
-        if (!options.json) {
-            // Show the kernel's view even if the store does not answer.
-            const comparison_t kernel = compare(read_kernel(), store_view_t{}, options.prefix);
-            print(table_lines(chosen(kernel, options)), tav::terminal::use_color(options.colour));
-            std::cout << std::flush;
-        }
-        throw store_lost(store_unreachable);
+        // Show the kernel's view even if the store does not answer.
+        const comparison_t kernel = compare(read_kernel(), store_view_t{}, options.prefix);
+        print_views(chosen(kernel, options), options);
+        std::cout << std::flush;
+        throw store_lost(unreachable_text());
     }
     const comparison_t comparison = look(client, options);
     const auto interfaces = chosen(comparison, options);
+    print_views(interfaces, options);
     if (options.json) {
-        json_t json = json_t::array();
-        for (const interface_view_t *interface : interfaces) {
-            json.push_back(interface_json(*interface));
-        }
-        print_json(json);
         return exit_done;
     }
     const bool colour = tav::terminal::use_color(options.colour);
-    print(table_lines(interfaces), colour);
     if (interfaces.empty()) {
         std::cout << "there is no link whose name begins with '" << shown(options.prefix)
                   << "', and no store interface; try -i PREFIX, or --all for all links\n";

@@ -1,7 +1,10 @@
 // tandrelctl: shows both views of a device's IPv6 settings, and changes the store.
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <exception>
+#include <iostream>
 
 #include "ctl/arguments.h"
 #include "ctl/text.h"
@@ -14,22 +17,41 @@ extern "C" __attribute__((visibility("default"))) void mlr_err(unsigned int leve
     if (!ctl::library_reports) {
         return;
     }
-    char message[512];
+    char message[512]; // longer ones are cut
     va_list arguments;
     va_start(arguments, format);
     vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
     std::fprintf(stderr, "tandrelctl: %s\n", ctl::shown(message).c_str());
+    ctl::store_forbidden = std::strstr(message, std::strerror(EACCES)) != nullptr;
 }
+
+namespace {
+
+// Writes what is still buffered. False, with a message, if something could not be written.
+bool finish_output() {
+    errno = 0;
+    if (std::cout.flush()) {
+        return true;
+    }
+    std::fprintf(stderr, "tandrelctl: the output cannot be written: %s\n",
+                 std::strerror(errno != 0 ? errno : EIO));
+    return false;
+}
+
+} // namespace
 
 int main(int argc, char **argv) {
     try {
         const ctl::request_t request = ctl::parse(argc, argv);
-        return request.command != nullptr ? request.command(request.options) : request.result;
+        const int result =
+            request.command != nullptr ? request.command(request.options) : request.result;
+        return finish_output() ? result : ctl::exit_unreachable;
     } catch (const ctl::refusal &reason) {
         std::fprintf(stderr, "tandrelctl: %s\n", reason.what());
         return reason.code;
     } catch (const std::exception &error) {
+        finish_output();
         std::fprintf(stderr, "tandrelctl: %s\n", error.what());
         return ctl::exit_unreachable;
     }

@@ -2,8 +2,13 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <iostream>
 #include <set>
+#include <utility>
+
+#include <sys/ioctl.h>
+#include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
@@ -101,27 +106,101 @@ std::string padded(const std::string &text, std::size_t width) {
     return text + std::string(width - std::min(width, width_of(text)), ' ');
 }
 
-void add_table(const std::vector<cells_t> &rows, lines_t &lines) {
-    std::array<std::size_t, 5> widths{};
+void add_narrow_table(const std::vector<cells_t> &rows, std::size_t width, lines_t &lines);
+
+using widths_t = std::array<std::size_t, 5>;
+
+widths_t widths_of(const std::vector<cells_t> &rows) {
+    widths_t widths{};
     for (std::size_t i = 0; i < widths.size(); ++i) {
         widths.at(i) = width_of(headings.at(i));
         for (const cells_t &row : rows) {
             widths.at(i) = std::max(widths.at(i), width_of(row.columns.at(i)));
         }
     }
-    std::string text = "  ";
-    for (std::size_t i = 0; i < widths.size(); ++i) {
-        text += padded(headings.at(i), widths.at(i)) + "  ";
+    return widths;
+}
+
+// The columns that are shown, each followed by two spaces.
+std::string row_text(const std::array<std::string, 5> &columns, const widths_t &widths,
+                     const std::vector<std::size_t> &chosen_columns) {
+    std::string text;
+    for (const std::size_t i : chosen_columns) {
+        text += padded(columns.at(i), widths.at(i)) + "  ";
     }
-    lines.push_back({style_t::dim, text.substr(0, text.find_last_not_of(' ') + 1)});
+    return text.substr(0, text.find_last_not_of(' ') + 1);
+}
+
+void add_table(const std::vector<cells_t> &rows, std::size_t width, lines_t &lines) {
+    const std::array<std::string, 5> head{headings[0], headings[1], headings[2], headings[3],
+                                          headings[4]};
+    const std::vector<std::size_t> all{0, 1, 2, 3, 4};
+    const widths_t widths = widths_of(rows);
+    bool fits = 2 + width_of(row_text(head, widths, all)) <= width;
     for (const cells_t &row : rows) {
-        text = std::string(1, mark_letter(row.mark)) + " ";
-        for (std::size_t i = 0; i < widths.size(); ++i) {
-            text += padded(row.columns.at(i), widths.at(i)) + "  ";
-        }
-        lines.push_back(
-            {text_of_mark(row.mark).style, text.substr(0, text.find_last_not_of(' ') + 1)});
+        fits = fits && 2 + width_of(row_text(row.columns, widths, all)) <= width;
     }
+    if (!fits) {
+        add_narrow_table(rows, width, lines);
+        return;
+    }
+    lines.push_back({style_t::dim, "  " + row_text(head, widths, all)});
+    for (const cells_t &row : rows) {
+        lines.push_back({text_of_mark(row.mark).style, std::string(1, mark_letter(row.mark)) + " " +
+                                                           row_text(row.columns, widths, all)});
+    }
+}
+
+// The entry, its type and its node. The store's text follows if it differs, and the state if there
+// is no room left.
+void add_narrow_table(const std::vector<cells_t> &rows, std::size_t width, lines_t &lines) {
+    std::vector<cells_t> entries = rows;
+    for (cells_t &row : entries) {
+        if (row.columns[0] == "-") {
+            row.columns[0] = row.columns[1];
+        }
+    }
+    const widths_t widths = widths_of(entries);
+    const std::vector<std::size_t> some{0, 2, 3};
+    lines.push_back(
+        {style_t::dim, "  " + row_text({"ENTRY", "", "TYPE", "NODE", ""}, widths, some)});
+    for (std::size_t i = 0; i < rows.size(); ++i) {
+        const mark_text_t &mark = text_of_mark(rows[i].mark);
+        const std::string start = std::string(1, mark.letter) + " ";
+        const std::string text = start + row_text(entries[i].columns, widths, some);
+        const std::string &state = rows[i].columns[4];
+        const bool has_room = width_of(text) + 2 + width_of(state) <= width;
+        lines.push_back({mark.style, state.empty() || !has_room ? text : text + "  " + state});
+        if (rows[i].mark == mark_t::differ) {
+            lines.push_back({mark.style, "    stored: " + rows[i].columns[1]});
+        }
+        if (!has_room) {
+            lines.push_back({mark.style, "    " + state});
+        }
+    }
+}
+
+// Orders addresses by scope, the widest first, and by their bytes; what cannot be read comes last.
+std::pair<int, std::string> order_of(const address_row_t &row) {
+    const bool in_kernel = row.kernel && row.kernel->has_address;
+    if (!in_kernel && (!row.stored || row.stored->fault)) {
+        return {3, row.stored ? row.stored->node : ""};
+    }
+    const in6_addr &address = in_kernel ? row.kernel->address.addr : row.stored->address.addr;
+    std::string bytes(sizeof address, '\0');
+    std::memcpy(bytes.data(), &address, sizeof address);
+    return {IN6_IS_ADDR_LINKLOCAL(&address) ? 2 : 1, bytes};
+}
+
+std::vector<const address_row_t *> sorted(const std::vector<address_row_t> &rows) {
+    std::vector<const address_row_t *> result;
+    for (const address_row_t &row : rows) {
+        result.push_back(&row);
+    }
+    std::stable_sort(result.begin(), result.end(), [](const auto *left, const auto *right) {
+        return order_of(*left) < order_of(*right);
+    });
+    return result;
 }
 
 // Whether to show the link when the user named none.
@@ -130,6 +209,13 @@ bool is_of_interest(const interface_view_t &interface) {
 }
 
 } // namespace
+
+std::size_t terminal_width() {
+    winsize size{};
+    const bool known = tav::terminal::on_terminal() &&
+                       ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    return known ? size.ws_col : unlimited_width;
+}
 
 void print(const lines_t &lines, bool colour) {
     for (const line_t &line : lines) {
@@ -155,10 +241,38 @@ std::vector<const interface_view_t *> chosen(const comparison_t &comparison,
         throw refusal("neither the kernel nor the store has a link '" + shown(options.link) +
                       "'; 'tandrelctl interface list' lists the links");
     }
+    std::stable_sort(interfaces.begin(), interfaces.end(), [](const auto *left, const auto *right) {
+        // Links without a number come last.
+        const auto key = [](const interface_view_t &one) {
+            return std::make_pair(static_cast<unsigned long>(one.number) - 1, one.link);
+        };
+        return key(*left) < key(*right);
+    });
     return interfaces;
 }
 
-lines_t table_lines(const std::vector<const interface_view_t *> &interfaces) {
+namespace {
+
+void add_legend(const std::set<mark_t> &used, std::size_t width, lines_t &lines) {
+    std::string legend;
+    for (const mark_t mark : used) {
+        const std::string one =
+            std::string(1, mark_letter(mark)) + " " + text_of_mark(mark).meaning;
+        if (legend.empty() || width_of(legend) + 3 + width_of(one) > width) {
+            lines.push_back({legend.empty() ? style_t::plain : style_t::dim, legend});
+            legend = one;
+        } else {
+            legend += "   " + one;
+        }
+    }
+    if (!legend.empty()) {
+        lines.push_back({style_t::dim, legend});
+    }
+}
+
+} // namespace
+
+lines_t table_lines(const std::vector<const interface_view_t *> &interfaces, std::size_t width) {
     lines_t lines;
     std::set<mark_t> used;
     for (const interface_view_t *interface : interfaces) {
@@ -167,8 +281,8 @@ lines_t table_lines(const std::vector<const interface_view_t *> &interfaces) {
         }
         lines.push_back({style_t::heading, heading_of(*interface)});
         std::vector<cells_t> rows;
-        for (const address_row_t &row : interface->addresses) {
-            rows.push_back(cells_of(row));
+        for (const address_row_t *row : sorted(interface->addresses)) {
+            rows.push_back(cells_of(*row));
         }
         for (const gateway_row_t &row : interface->gateways) {
             rows.push_back(cells_of(row));
@@ -179,18 +293,10 @@ lines_t table_lines(const std::vector<const interface_view_t *> &interfaces) {
         if (rows.empty()) {
             lines.push_back({style_t::dim, "  no addresses, no gateway"});
         } else {
-            add_table(rows, lines);
+            add_table(rows, width, lines);
         }
     }
-    if (!used.empty()) {
-        std::string legend;
-        for (const mark_t mark : used) {
-            legend += (legend.empty() ? "" : "   ") + std::string(1, mark_letter(mark)) + " " +
-                      text_of_mark(mark).meaning;
-        }
-        lines.push_back({style_t::plain, ""});
-        lines.push_back({style_t::dim, legend});
-    }
+    add_legend(used, width, lines);
     return lines;
 }
 
@@ -213,8 +319,9 @@ json_t interface_json(const interface_view_t &interface) {
     json_t json;
     json["link"] = interface.link;
     json["interface"] = interface.number != 0 ? json_t(interface.number) : json_t(nullptr);
-    json["stored"] = interface.has_node;
-    json["synchronised"] = interface.tracked && interface.has_node;
+    json["stored"] = interface.store_known ? json_t(interface.has_node) : json_t(nullptr);
+    json["synchronised"] =
+        interface.store_known ? json_t(interface.tracked && interface.has_node) : json_t(nullptr);
     json["kernel"] = nullptr;
     if (interface.kernel) {
         json["kernel"] = {{"index", interface.kernel->index},
@@ -223,14 +330,15 @@ json_t interface_json(const interface_view_t &interface) {
                           {"hardware_address", interface.kernel->hwaddr}};
     }
     json["addresses"] = json_t::array();
-    for (const address_row_t &row : interface.addresses) {
+    for (const address_row_t *each : sorted(interface.addresses)) {
+        const address_row_t &row = *each;
         json_t one{{"mark", text_of_mark(row.mark).name}, {"kernel", nullptr}, {"store", nullptr}};
         if (row.kernel) {
             const auto seconds = [](std::uint32_t time) {
                 return time == forever ? json_t(nullptr) : json_t(time);
             };
             one["kernel"] = {{"address", prefix_text(row.kernel->address)},
-                             {"scope", row.kernel->address.scope},
+                             {"scope", scope_name(row.kernel->address.scope)},
                              {"state", flags_text(row.kernel->flags)},
                              {"valid_seconds", seconds(row.kernel->valid)},
                              {"preferred_seconds", seconds(row.kernel->preferred)}};

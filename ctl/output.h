@@ -19,14 +19,21 @@ struct line_t {
 };
 using lines_t = std::vector<line_t>;
 
+constexpr std::size_t unlimited_width = static_cast<std::size_t>(-1);
+// Columns of the terminal; unlimited if standard output is none.
+std::size_t terminal_width();
+
 void print(const lines_t &lines, bool colour);
 
-// The interfaces of a comparison that `options` asks for.
+// The interfaces of a comparison that `options` asks for, in the order of their numbers and names.
 std::vector<const interface_view_t *> chosen(const comparison_t &comparison,
                                              const options_t &options);
 
-// The table of each interface, and a legend of the marks that occur.
-lines_t table_lines(const std::vector<const interface_view_t *> &interfaces);
+// The table of each interface, and a legend of the marks that occur, sorted. In a width that is too
+// narrow for the table, what both sides have is printed once, and other texts follow on lines of
+// their own.
+lines_t table_lines(const std::vector<const interface_view_t *> &interfaces,
+                    std::size_t width = unlimited_width);
 // The text of a finding: the link and the sentence, and the remedy on a line of its own.
 lines_t finding_lines(const finding_t &finding);
 // The letter of a mark.

@@ -18,8 +18,6 @@ public:
     using std::runtime_error::runtime_error;
 };
 
-constexpr const char *store_unreachable =
-    "the settings store cannot be reached; is its service running?";
 constexpr const char *store_silent = "the settings store does not answer";
 
 // One child of "Addresses".

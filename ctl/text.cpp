@@ -20,8 +20,26 @@ constexpr std::pair<std::uint32_t, const char *> flag_names[] = {
 constexpr std::pair<std::uint8_t, const char *> protocol_names[] = {
     {RTPROT_UNSPEC, "unspec"}, {RTPROT_REDIRECT, "redirect"}, {RTPROT_KERNEL, "kernel"},
     {RTPROT_BOOT, "boot"},     {RTPROT_STATIC, "static"},     {RTPROT_RA, "ra"},
-    {RTPROT_DHCP, "dhcp"},
+    {RTPROT_DHCP, "dhcp"},     {RTPROT_BABEL, "babel"},       {RTPROT_BGP, "bgp"},
+    {RTPROT_ISIS, "isis"},     {RTPROT_OSPF, "ospf"},         {RTPROT_RIP, "rip"},
+    {RTPROT_EIGRP, "eigrp"},
 };
+
+constexpr std::pair<std::uint8_t, const char *> scope_names[] = {
+    {RT_SCOPE_UNIVERSE, "global"}, {RT_SCOPE_SITE, "site"},       {RT_SCOPE_LINK, "link"},
+    {RT_SCOPE_HOST, "host"},       {RT_SCOPE_NOWHERE, "nowhere"},
+};
+
+template <std::size_t Count>
+std::string name_in(const std::pair<std::uint8_t, const char *> (&names)[Count],
+                    std::uint8_t wanted) {
+    for (const auto &[number, name] : names) {
+        if (number == wanted) {
+            return name;
+        }
+    }
+    return std::to_string(wanted);
+}
 
 } // namespace
 
@@ -34,12 +52,11 @@ std::string prefix_text(const CAddress &address) {
 }
 
 std::string protocol_name(std::uint8_t protocol) {
-    for (const auto &[number, name] : protocol_names) {
-        if (number == protocol) {
-            return name;
-        }
-    }
-    return std::to_string(protocol);
+    return name_in(protocol_names, protocol);
+}
+
+std::string scope_name(std::uint8_t scope) {
+    return name_in(scope_names, scope);
 }
 
 std::string flags_text(std::uint32_t flags) {

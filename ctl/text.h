@@ -18,6 +18,8 @@ std::string prefix_text(const CAddress &address); // with "/" and the length
 
 // "static", "ra", "boot", ...; the number for one without a name.
 std::string protocol_name(std::uint8_t protocol);
+// "global", "link", ...; the number for one without a name.
+std::string scope_name(std::uint8_t scope);
 // "tentative", "dadfailed", "deprecated", ... and the life times, for people; empty when there is
 // nothing to say.
 std::string state_text(const kernel_address_t &address);

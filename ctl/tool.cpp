@@ -6,6 +6,7 @@
 namespace ctl {
 
 bool library_reports = true;
+bool store_forbidden = false;
 
 bool client_t::connect() {
     if (tav.handle == nullptr) {
@@ -14,9 +15,15 @@ bool client_t::connect() {
     return connected();
 }
 
+const char *unreachable_text() {
+    return store_forbidden ? "this user may not use the settings store (root, its own user and "
+                             "members of its group may)"
+                           : "the settings store cannot be reached; is its service running?";
+}
+
 void client_t::require() {
     if (!connect()) {
-        throw store_lost(store_unreachable);
+        throw store_lost(unreachable_text());
     }
 }
 

@@ -43,6 +43,9 @@ public:
     int code;
 };
 
+// Why there is no connection to the store, as far as is known.
+const char *unreachable_text();
+
 // A connection to the store that can be opened again after it is lost.
 class client_t {
 public:
@@ -71,6 +74,8 @@ private:
 
 // While false the reports of the store's library are dropped (mlr_err).
 extern bool library_reports;
+// The store's library has reported that this user may not connect.
+extern bool store_forbidden;
 
 // Reads both views. Throws store_lost.
 comparison_t look(client_t &client, const options_t &options);

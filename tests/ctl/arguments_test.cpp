@@ -40,6 +40,14 @@ TEST(CtlArguments, EachCommandIsTheOneNamed) {
     EXPECT_EQ(parse({"nudge"}).command, ctl::nudge);
 }
 
+TEST(CtlArguments, ACommandMayBeAbbreviated) {
+    EXPECT_EQ(parse({"sh", "ch"}).command, ctl::show);
+    EXPECT_EQ(parse({"sh", "ch"}).options.link, "ch");
+    EXPECT_EQ(parse({"-i", "s", "--color", "never", "addr", "a", "eth0", "r"}).command,
+              ctl::address_add);
+    EXPECT_EQ(parse({"g", "c", "eth0"}).command, ctl::gateway_clear);
+}
+
 TEST(CtlArguments, OptionsMayPrecedeOrFollowTheCommand) {
     const ctl::request_t request =
         parse({"-i", "wlan", "address", "add", "--node", "office", "wlan0", "2001:db8::5/64",
@@ -63,10 +71,18 @@ TEST(CtlArguments, AWaitWithoutATimeLastsTenSecondsAndDoesNotReadTheNextWord) {
 
 TEST(CtlArguments, AWrongLineIsReportedWithItsFault) {
     EXPECT_EQ(complaint({}),
-              "tandrelctl: a command is missing; 'tandrelctl --help' lists the commands\n");
-    EXPECT_EQ(
-        complaint({"adress\x1b", "add"}),
-        "tandrelctl: 'adress\\x1b' is not a command; 'tandrelctl --help' lists the commands\n");
+              "tandrelctl: a command is missing\n'tandrelctl --help' lists the commands\n");
+    const std::string list = "'tandrelctl --help' lists the commands\n";
+    EXPECT_EQ(complaint({"frobnicate\x1b", "add"}),
+              "tandrelctl: unknown command 'frobnicate\\x1b'\n" + list);
+    EXPECT_EQ(complaint({"shwo"}),
+              "tandrelctl: unknown command 'shwo'; did you mean 'show'?\n" + list);
+    EXPECT_EQ(complaint({"-i", "eth", "i"}),
+              "tandrelctl: 'i' is short for several commands: 'interface' and 'import'\n" + list);
+    EXPECT_EQ(complaint({"address", "ad", "eth0"}).find("unknown"), std::string::npos);
+    EXPECT_EQ(complaint({"address", "dell"}),
+              "tandrelctl: unknown command 'dell'; did you mean 'del'?\ntandrelctl: 'address' "
+              "needs one of: add, replace, del (see 'tandrelctl address --help')\n");
     EXPECT_EQ(complaint({"address"}), "tandrelctl: 'address' needs one of: add, replace, del "
                                       "(see 'tandrelctl address --help')\n");
     EXPECT_NE(complaint({"address", "add", "eth0"}).find("ADDRESS/LENGTH is required"),

@@ -32,6 +32,9 @@ for command in "${commands[@]}"; do
     grep -q "tandrelctl $command" <<<"$text" || fail "tandrelctl(1) lacks $command"
 done
 
+# --- output that cannot be written is a failure
+"$ctl" --help >/dev/full 2>/dev/null && fail "a full disk is not reported"
+
 # --- the completion knows each command's options
 # shellcheck source=/dev/null
 . "$source_dir/ctl/completion/tandrelctl"

@@ -55,8 +55,8 @@ TEST_F(Table, ShowsBothViewsSideBySide) {
     const std::vector<std::string> expected{
         "eth0, store interface 1, up, 02:00:00:00:00:05",
         "  KERNEL          STORE               TYPE        NODE      STATE",
-        "= fe80::5/64      fe80::5/64          Link-Local  1",
         "K 2001:db8::5/64  -                   -           -         tentative",
+        "= fe80::5/64      fe80::5/64          Link-Local  1",
         "? -               2001:db8::6/64\\x1b  Static      wan port",
         "= via fe80::1     fe80::1             Gateway     -         protocol static",
         "",
@@ -98,6 +98,49 @@ TEST_F(Table, OmitsUntrackedAndUnstoredLinksUnlessRequested) {
     EXPECT_THROW(lines(), ctl::refusal);
 }
 
+TEST_F(Table, FitsAnEightyColumnTerminal) {
+    address("2001:db8:1111:2222:3333:4444:5555:6666", 64).flags = IFA_F_TENTATIVE;
+    address("2001:db8:1111:2222:3333:4444:5555:7777", 64);
+    store("a long name", "2001:db8:1111:2222:3333:4444:5555:6666/64");
+    store("x", "2001:db8:1111:2222:3333:4444:5555:7777/48");
+    const ctl::comparison_t comparison = look();
+    std::vector<std::string> texts;
+    for (const ctl::line_t &line : ctl::table_lines(ctl::chosen(comparison, options), 80)) {
+        texts.push_back(line.text);
+        EXPECT_LE(line.text.size(), 80U) << line.text;
+    }
+    EXPECT_EQ(texts,
+              (std::vector<std::string>{
+                  "eth0, store interface 1, up, 02:00:00:00:00:05",
+                  "  ENTRY                                      TYPE    NODE",
+                  "= 2001:db8:1111:2222:3333:4444:5555:6666/64  Static  a long name  tentative",
+                  "! 2001:db8:1111:2222:3333:4444:5555:7777/64  Static  x",
+                  "    stored: 2001:db8:1111:2222:3333:4444:5555:7777/48", "",
+                  "= both agree   ! in both, but different"}));
+}
+
+TEST_F(Table, RowsAndLinksAreSorted) {
+    link("eth10");
+    link("eth2");
+    address("fe80::5", 64);
+    address("2001:db8::7", 64);
+    address("2001:db8::6", 64);
+    store("1", "2001:db8::5/64");
+    options.all = true;
+    std::string first_words;
+    for (const std::string &line : lines()) {
+        first_words += line.substr(0, line.find_first_of(",/")) + "|";
+    }
+    EXPECT_EQ(first_words.find("eth0|"), 0U);
+    EXPECT_LT(first_words.find("eth2|"), first_words.find("eth10|"));
+    const std::vector<std::string> wanted{"2001:db8::5", "2001:db8::6", "2001:db8::7", "fe80::5"};
+    std::vector<std::size_t> places;
+    for (const std::string &one : wanted) {
+        places.push_back(first_words.find(one));
+    }
+    EXPECT_TRUE(std::is_sorted(places.begin(), places.end())) << first_words;
+}
+
 TEST_F(Table, JsonHasTheSameContent) {
     ctl::kernel_address_t &one = address("2001:db8::5", 64);
     one.valid = 60;
@@ -112,6 +155,7 @@ TEST_F(Table, JsonHasTheSameContent) {
     const ctl::json_t &row = json["addresses"].at(0);
     EXPECT_EQ(row["mark"], "differ");
     EXPECT_EQ(row["kernel"]["address"], "2001:db8::5/64");
+    EXPECT_EQ(row["kernel"]["scope"], "global");
     EXPECT_EQ(row["kernel"]["valid_seconds"], 60);
     EXPECT_EQ(row["kernel"]["preferred_seconds"], 30);
     EXPECT_EQ(row["store"]["node"], "x");

@@ -214,6 +214,11 @@ TEST_F(Look, AnUnreachableStoreHasItsOwnExitStatus) {
     service.stop();
     EXPECT_TRUE(contains(run({"show"}).output, "- " + device.link_local("eth0")))
         << "the kernel's half is shown";
+    const auto json = nlohmann::json::parse(run({"show", "--json"}).output);
+    EXPECT_EQ(json.at(0)["link"], "eth0");
+    EXPECT_TRUE(json[0]["stored"].is_null());
+    EXPECT_EQ(json[0]["addresses"].at(0)["mark"], "half-known");
+    EXPECT_EQ(json[0]["addresses"][0]["kernel"]["scope"], "link");
     for (const std::string command : {"show", "check", "nudge"}) {
         const result_t result = run({command});
         EXPECT_EQ(result.status, 3);
@@ -221,6 +226,23 @@ TEST_F(Look, AnUnreachableStoreHasItsOwnExitStatus) {
             << result.errors;
     }
     service.start();
+}
+
+TEST_F(Look, AUserWithoutRightsIsToldSo) {
+    if (!kt::Sandbox::is_real_root()) {
+        GTEST_SKIP() << "only root can run a command as another user";
+    }
+    kt::spawn_options_t options;
+    options.environment["TAV_SOCKET"] = service.socket();
+    kt::Process process(sandbox,
+                        {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                         TANDRELCTL, "check"},
+                        options);
+    EXPECT_EQ(process.wait_exit(), 3);
+    process.errors().wait_finished();
+    const std::string errors = process.errors().tail(5);
+    EXPECT_TRUE(contains(errors, "this user may not use the settings store")) << errors;
+    EXPECT_FALSE(contains(errors, "is its service running")) << errors;
 }
 
 TEST_F(Look, AWrongCommandLineHasItsOwnExitStatus) {
