@@ -10,6 +10,11 @@ messages() { journalctl -u "$1" -b --no-pager -o cat; }
 has_address() { ip -6 address show dev eth0 | grep -q "2001:db8::5/64"; }
 nice_is() { [ "$(awk '{print $19}' "/proc/$(main_pid tandrel)/stat")" = "$1" ]; }
 policy_is() { chrt -p "$(main_pid tandrel)" | grep -q "policy: $1"; }
+killed_often() { # more often than the service manager permits by default
+    for _ in 1 2 3 4 5 6 7; do
+        eventually systemctl is-active --quiet "$1" && kill -KILL "$(main_pid "$1")" || return 1
+    done
+}
 once() { [ "$(messages tandrel | grep -c "$1")" -eq 1 ]; }
 
 expect "the system is up" systemctl is-system-running --wait
@@ -37,6 +42,8 @@ expect "with what was stored" eventually sh -c 'tav dump | grep -q 2001:db8::5/6
 kill -KILL "$(main_pid tandrel)"
 expect "the killed daemon is restarted" eventually restarts tandrel
 expect "the daemon comes to terms with the new store" eventually tandrelctl check
+expect "the daemon is killed seven times" killed_often tandrel
+expect "and restarted each time" eventually systemctl is-active tandrel
 expect "a stopped daemon stays stopped" sh -c 'systemctl stop tandrel && ! pgrep -x tandrel'
 expect "it ended with status 0" test "$(systemctl show -P Result tandrel)" = success
 expect "it starts again" sh -c 'systemctl start tandrel && systemctl is-active tandrel'
