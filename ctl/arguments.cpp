@@ -141,7 +141,18 @@ private:
         sub->add_flag("--json", request.options.json, what);
     }
 
+    void add_dry_run(CLI::App *sub) {
+        sub->add_flag("--dry-run", request.options.dry_run,
+                      "Change nothing; print what would change in the store and in the kernel");
+    }
+
+    void add_unchecked(CLI::App *sub) {
+        sub->add_flag("--force", request.options.force,
+                      "Store it even if the kernel will refuse it");
+    }
+
     void add_wait(CLI::App *sub) {
+        add_dry_run(sub);
         CLI::Option *flag =
             sub->add_flag("--wait{10}", patience,
                           "Wait until the kernel has made the change, or say after 10 seconds why "
@@ -194,6 +205,7 @@ private:
         sub->add_option("--node", request.options.node,
                         "Name of its node (default: the smallest free number)")
             ->type_name("NAME");
+        add_unchecked(sub);
         add_wait(sub);
         sub->footer("Example: tandrelctl address add eth0 2001:db8::5/64 --node office --wait");
 
@@ -205,6 +217,7 @@ private:
         sub->add_option("ADDRESS/LENGTH", request.options.address, "Such as 2001:db8::5/48")
             ->type_name("")
             ->required();
+        add_unchecked(sub);
         add_wait(sub);
         sub->footer("Example: tandrelctl address replace eth0 2001:db8::5/48");
 
@@ -232,6 +245,7 @@ private:
         sub->add_option("ADDRESS", request.options.address, "The router's, such as fe80::1")
             ->type_name("")
             ->required();
+        add_unchecked(sub);
         add_wait(sub);
         sub = add(*group, "clear", "Remove the default gateway from the store", gateway_clear);
         add_link(sub);
@@ -247,6 +261,8 @@ private:
         sub = add(*group, "add", "Create the node of a link, so that tandrel manages the link",
                   interface_add);
         add_link(sub);
+        add_unchecked(sub);
+        add_dry_run(sub);
         sub = add(*group, "del", "Remove a link's node with all that is stored for the link",
                   interface_delete);
         add_link(sub, false);
@@ -255,12 +271,14 @@ private:
             ->type_name("NAME");
         sub->add_flag("--force", request.options.force,
                       "Remove the node even if it contains settings");
+        add_dry_run(sub);
         sub = add(*group, "merge",
                   "Move a link's settings from nodes such as 01 to the node that tandrel writes to",
                   interface_merge);
         add_link(sub);
         sub->add_flag("--force", request.options.force,
                       "Also if those nodes contain what tandrel does not know");
+        add_dry_run(sub);
     }
 
     void add_rest() {
@@ -272,6 +290,7 @@ private:
                       "Read the kernel's permanent addresses and default gateway (required)")
             ->required();
         sub->add_flag("--write", request.options.write, "Store them as Static");
+        sub->add_flag("--dry-run", request.options.dry_run, "Change nothing, even with --write");
 
         sub = add(app, "nudge", "Make tandrel synchronise now", nudge);
         sub->add_flag("--follow", request.options.follow,

@@ -1,5 +1,8 @@
 #include "ctl/edit.h"
 
+#include <algorithm>
+
+#include "ctl/preview.h"
 #include "ctl/rules.h"
 #include "ctl/text.h"
 #include "store/paths.h"
@@ -67,6 +70,24 @@ long number_of(const options_t &options) {
     return number;
 }
 
+const kernel_link_t &require_link(const kernel_view_t &kernel, const options_t &options) {
+    const std::string name = "'" + shown(options.link) + "'";
+    const auto found =
+        std::find_if(kernel.links.begin(), kernel.links.end(),
+                     [&](const kernel_link_t &one) { return one.name == options.link; });
+    if (found == kernel.links.end()) {
+        throw refusal("the kernel has no link " + name + "; to store it all the same, use --force");
+    }
+    if (!found->ethernet || found->hwaddr.empty() || !found->has_ipv6) {
+        throw refusal("tandrel does not manage " + name + ": it " +
+                      (found->hwaddr.empty() || !found->ethernet
+                           ? "is not an Ethernet link"
+                           : "has no IPv6 (MTU " + std::to_string(found->mtu) + ")") +
+                      "; to store it all the same, use --force");
+    }
+    return *found;
+}
+
 std::string free_number(const std::set<std::string> &taken) {
     std::size_t number = 1;
     while (taken.count(std::to_string(number)) != 0) {
@@ -75,10 +96,15 @@ std::string free_number(const std::set<std::string> &taken) {
     return std::to_string(number);
 }
 
-void carry_out(client_t &client, const options_t &options,
+bool carry_out(client_t &client, const options_t &options,
                const std::function<step_t(const store_view_t &)> &decide) {
     if (!client.subscribe()) {
         client.require();
+    }
+    if (options.dry_run) {
+        const store_view_t store = read_store(client.tav, options.prefix);
+        preview(decide(store), store, kernel_reader(), options);
+        return false;
     }
     constexpr int attempts = 5;
     outcome_t outcome;
@@ -86,7 +112,7 @@ void carry_out(client_t &client, const options_t &options,
         client.take_events();
         outcome = apply(client, decide(read_store(client.tav, options.prefix)));
         if (outcome.refused_path.empty()) {
-            return;
+            return true;
         }
     }
     throw refusal("the store refused to change '" + shown(outcome.refused_path) + "' (status " +

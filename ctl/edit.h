@@ -15,6 +15,9 @@ namespace ctl {
 // have one.
 long number_of(const options_t &options);
 
+// Refuses a link to which the daemon cannot carry a setting; returns the kernel's.
+const kernel_link_t &require_link(const kernel_view_t &kernel, const options_t &options);
+
 // The smallest number from 1 on that is not taken as a name.
 std::string free_number(const std::set<std::string> &taken);
 
@@ -26,9 +29,10 @@ struct step_t {
 
 // Reads the store, calls `decide` for the change to make, and makes it. If the store refuses, for
 // example because another client was faster, all of this is repeated a few times. `decide` may
-// therefore be called more than once, each time with the current content of the store. Throws
-// store_lost, and refusal if the store keeps refusing.
-void carry_out(client_t &client, const options_t &options,
+// therefore be called more than once, each time with the current content of the store. With
+// options.dry_run only prints what would change, and returns false. Throws store_lost, and refusal
+// if the store keeps refusing.
+bool carry_out(client_t &client, const options_t &options,
                const std::function<step_t(const store_view_t &)> &decide);
 
 // Adds the two leaves of one address to a step.

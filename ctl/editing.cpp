@@ -3,6 +3,8 @@
 #include <cstring>
 #include <set>
 
+#include <linux/rtnetlink.h>
+
 #include "ctl/edit.h"
 #include "ctl/rules.h"
 #include "ctl/text.h"
@@ -87,11 +89,63 @@ std::string new_node(const options_t &options, const std::vector<place_t> &taken
     return options.node;
 }
 
+// Whether a Static address of the link has a network that contains the gateway.
+bool is_in_stored_network(const store_view_t &store, const in6_addr &gateway,
+                          const std::string &link) {
+    const std::vector<place_t> stored = places(store, link);
+    return std::any_of(stored.begin(), stored.end(), [&](const place_t &place) {
+        return !place.stored->fault && place.stored->address.type == type_static &&
+               lies_in(gateway, place.stored->address.addr, place.stored->address.prefix_len);
+    });
+}
+
+// Refuses a gateway that the kernel would refuse.
+void require_gateway(const kernel_view_t &kernel, const store_view_t &store,
+                     const in6_addr &gateway, const options_t &options) {
+    const kernel_link_t &link = require_link(kernel, options);
+    const std::string text = "'" + address_text(gateway) + "'";
+    const std::string all_the_same = "; to store it all the same, use --force";
+    for (const kernel_address_t &one : kernel.addresses) {
+        if (one.address.ifindex == link.index &&
+            std::memcmp(&one.address.addr, &gateway, sizeof gateway) == 0) {
+            throw refusal(text + " is this link's own address" + all_the_same);
+        }
+    }
+    for (const kernel_route_t &one : kernel.routes) {
+        if (one.route.ifindex != link.index || !is_default_route(one.route) ||
+            std::memcmp(&one.route.gateway, &gateway, sizeof gateway) != 0) {
+            continue;
+        }
+        if (is_static(one)) {
+            return; // it works already
+        }
+        if (one.route.protocol == RTPROT_RA) {
+            throw refusal("a router advertisement has set the default route via " + text +
+                          " already, and the kernel refuses a second one" + all_the_same);
+        }
+    }
+    if (!is_reachable(kernel, link.index, gateway) &&
+        !is_in_stored_network(store, gateway, options.link)) {
+        throw refusal("no network of " + shown(options.link) + " contains " + text +
+                      ", so the kernel would refuse it, and the present gateway would be lost; add "
+                      "an address of its network first, or use --force");
+    }
+}
+
+// On a terminal a removal waits, to report what kernel and store have in the end.
+options_t waiting(options_t options) {
+    // What the kernel assigned itself comes back.
+    if (!options.patience && !options.force && tav::terminal::on_terminal()) {
+        options.patience = default_patience;
+    }
+    return options;
+}
+
 int put(const options_t &options, bool may_exist) {
     const long number = number_of(options);
     const CAddress address = parse_address(options);
     client_t client;
-    carry_out(client, options, [&](const store_view_t &store) {
+    const bool done = carry_out(client, options, [&](const store_view_t &store) {
         const std::vector<place_t> stored = places(store, options.link);
         step_t step;
         for (const place_t &place : stored) {
@@ -113,11 +167,14 @@ int put(const options_t &options, bool may_exist) {
         if (!step.leaves.empty()) {
             return step;
         }
+        if (!options.force) {
+            require_link(kernel_reader(), options);
+        }
         put_address(step, paths::address(addresses_path(number), new_node(options, stored)),
                     address);
         return step;
     });
-    return wait_for({options.link, false, true, address.addr}, client, options);
+    return done ? wait_for({options.link, false, true, address.addr}, client, options) : exit_done;
 }
 
 // Whether another node has the same address.
@@ -209,7 +266,7 @@ int address_delete(const options_t &options) {
         address = parse_existing(options);
     }
     bool leaves_kernel = !options.address.empty();
-    carry_out(client, options, [&](const store_view_t &store) {
+    const bool done = carry_out(client, options, [&](const store_view_t &store) {
         const std::vector<place_t> stored = places(store, options.link);
         if (!options.address.empty()) {
             return step_t{{}, nodes_to_remove(stored, address, options)};
@@ -223,10 +280,10 @@ int address_delete(const options_t &options) {
         }
         return step_t{{}, {path}};
     });
-    if (!leaves_kernel) {
+    if (!done || !leaves_kernel) {
         return exit_done; // the address never reached the kernel, or is stored once more
     }
-    return wait_for({options.link, false, false, address.addr}, client, options);
+    return wait_for({options.link, false, false, address.addr}, client, waiting(options));
 }
 
 int gateway_set(const options_t &options) {
@@ -244,17 +301,20 @@ int gateway_set(const options_t &options) {
         throw refusal(text + " is " + kind + ", which cannot be a gateway", exit_usage);
     }
     client_t client;
-    carry_out(client, options, [&](const store_view_t &) {
+    const bool done = carry_out(client, options, [&](const store_view_t &store) {
+        if (!options.force) {
+            require_gateway(kernel_reader(), store, route.gateway, options);
+        }
         const std::string ipv6 = paths::ipv6(static_cast<std::int32_t>(number));
         return step_t{{{paths::value(paths::gateway(ipv6)), address_text(route.gateway)}}, {}};
     });
-    return wait_for({options.link, true, true, route.gateway}, client, options);
+    return done ? wait_for({options.link, true, true, route.gateway}, client, options) : exit_done;
 }
 
 int gateway_clear(const options_t &options) {
     number_of(options);
     client_t client;
-    carry_out(client, options, [&](const store_view_t &store) {
+    const bool done = carry_out(client, options, [&](const store_view_t &store) {
         step_t step;
         for (const stored_interface_t &interface : store.interfaces) {
             if (interface.number != 0 && interface.link == options.link && interface.gateway) {
@@ -266,7 +326,7 @@ int gateway_clear(const options_t &options) {
         }
         return step;
     });
-    return wait_for({options.link, true, false, {}}, client, options);
+    return done ? wait_for({options.link, true, false, {}}, client, waiting(options)) : exit_done;
 }
 
 } // namespace ctl

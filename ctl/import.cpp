@@ -119,7 +119,8 @@ int import_kernel(const options_t &options) {
     client_t client;
     client.require();
     importer_t importer = examine(look(client, options), options);
-    if (options.write) {
+    const bool write = options.write && !options.dry_run;
+    if (write) {
         carry_out(client, options, [&](const store_view_t &store) {
             importer = examine(compare(read_kernel(), store, options.prefix), options);
             return importer.step;
@@ -131,8 +132,8 @@ int import_kernel(const options_t &options) {
     } else if (importer.step.leaves.empty()) {
         std::cout << "nothing to store\n";
     } else {
-        std::cout << (options.write ? "stored\n"
-                                    : "nothing was written; use --write to store these settings\n");
+        std::cout << (write ? "stored\n"
+                            : "nothing was written; use --write to store these settings\n");
     }
     return exit_done;
 }

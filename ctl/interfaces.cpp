@@ -1,6 +1,7 @@
 // The commands that change interface nodes of the store.
 #include <algorithm>
 #include <cstdio>
+#include <iostream>
 #include <set>
 
 #include "ctl/edit.h"
@@ -124,6 +125,14 @@ int interface_add(const options_t &options) {
         throw refusal("the store already has a node for " + shown(options.link) + " (interface " +
                       std::to_string(number) + ")");
     }
+    if (!options.force) {
+        require_link(kernel_reader(), options);
+    }
+    if (options.dry_run) {
+        std::cout << "store: create the node " << shown_word(paths::interfaces) << "/" << number
+                  << "\nnothing was changed\n";
+        return exit_done;
+    }
     // The client interface cannot create an empty node, so create a leaf in it and remove that leaf
     // again.
     touch_interface(client, options, number);
@@ -139,7 +148,7 @@ int interface_delete(const options_t &options) {
         throw refusal("give either the link or --node", exit_usage);
     }
     client_t client;
-    carry_out(client, options, [&](const store_view_t &store) {
+    const bool done = carry_out(client, options, [&](const store_view_t &store) {
         const removal_t removal = find_interface(store, options);
         if (removal.has_settings && !options.force) {
             throw refusal("'" + shown(removal.path) +
@@ -147,7 +156,7 @@ int interface_delete(const options_t &options) {
         }
         return step_t{{}, {removal.path}};
     });
-    if (!options.link.empty()) {
+    if (done && !options.link.empty()) {
         std::fprintf(stderr,
                      "tandrelctl: %s is no longer synchronised; the kernel keeps its addresses and "
                      "its gateway\n",

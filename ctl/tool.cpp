@@ -5,6 +5,7 @@
 
 namespace ctl {
 
+kernel_view_t (*kernel_reader)() = read_kernel;
 bool library_reports = true;
 bool store_forbidden = false;
 

@@ -18,6 +18,8 @@ constexpr int exit_usage = 2;       // the command line is wrong
 constexpr int exit_unreachable = 3; // the settings store, or the kernel, does not answer
 constexpr int exit_not_there = 4;   // stored, but not in the kernel within the time of --wait
 
+constexpr double default_patience = 10; // seconds
+
 // All options of the command line.
 struct options_t {
     std::string prefix = "eth";
@@ -26,7 +28,8 @@ struct options_t {
     bool all = false;               // show, check: include links that the daemon ignores
     bool no_notes = false;          // check
     bool quiet = false;             // check
-    bool force = false;             // interface del, address del
+    bool force = false;             // every change that may be refused
+    bool dry_run = false;           // every change
     bool write = false;             // import
     bool follow = false;            // nudge
     std::string link;               // empty: every link
@@ -42,6 +45,9 @@ public:
         : std::runtime_error(text), code(exit_code) {}
     int code;
 };
+
+// Reads the kernel's view; the unit tests replace it.
+extern kernel_view_t (*kernel_reader)();
 
 // Why there is no connection to the store, as far as is known.
 const char *unreachable_text();

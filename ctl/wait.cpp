@@ -12,6 +12,7 @@
 #include "ctl/explain.h"
 #include "ctl/output.h"
 #include "ctl/rules.h"
+#include "ctl/text.h"
 
 namespace ctl {
 
@@ -81,9 +82,11 @@ bool may_be_why(const finding_t &finding) {
     return finding.severity() == severity_t::difference || reason == reason_t::link_down;
 }
 
-void say_why(client_t &client, const comparison_t &comparison, const interface_view_t &interface) {
-    std::fprintf(stderr,
-                 "tandrelctl: the change is stored, but the kernel does not have it yet:\n");
+void say_why(client_t &client, const comparison_t &comparison, const interface_view_t &interface,
+             bool present) {
+    std::fprintf(stderr, "tandrelctl: %s\n",
+                 present ? "the change is stored, but the kernel does not have it yet:"
+                         : "the removal is not complete:");
     std::vector<finding_t> findings = comparison.findings;
     findings.insert(findings.end(), interface.findings.begin(), interface.findings.end());
     if (const auto finding = daemon_finding(find_daemon(client))) {
@@ -99,7 +102,7 @@ void say_why(client_t &client, const comparison_t &comparison, const interface_v
             std::fprintf(stderr, "%s\n", line.text.c_str());
         }
     }
-    if (!said) {
+    if (!said && present) {
         std::fprintf(stderr, "the kernel is still checking the address for duplicates\n");
     }
 }
@@ -150,6 +153,67 @@ bool is_reached(const goal_t &goal, const comparison_t &comparison) {
     return goal.is_gateway ? gateway_reached(goal, *interface) : address_reached(goal, *interface);
 }
 
+namespace {
+
+// A removal may be undone: the daemon writes a gateway again that the kernel still has.
+constexpr std::chrono::milliseconds settling{500};
+
+// What both sides have of an entry that was removed.
+std::vector<std::string> remains(const goal_t &goal, const interface_view_t &interface) {
+    std::vector<std::string> parts;
+    for (const address_row_t &row : interface.addresses) {
+        if (!goal.is_gateway && row.kernel && row.kernel->has_address &&
+            equal(row.kernel->address.addr, goal.address)) {
+            parts.push_back("the kernel has " + prefix_text(row.kernel->address));
+        }
+        if (!goal.is_gateway && row.stored && !row.stored->fault &&
+            equal(row.stored->address.addr, goal.address)) {
+            parts.push_back("the store has " + shown(row.stored->text) + ", " +
+                            shown(row.stored->type_text));
+        }
+    }
+    for (const gateway_row_t &row : interface.gateways) {
+        if (goal.is_gateway && row.kernel) {
+            parts.push_back("the kernel has a default route via " +
+                            address_text(row.kernel->route.gateway) + ", protocol " +
+                            protocol_name(row.kernel->route.protocol));
+        }
+        if (goal.is_gateway && row.stored) {
+            parts.push_back("the store has the gateway " + shown(row.stored->text));
+        }
+    }
+    if (parts.empty()) {
+        parts.push_back("neither the kernel nor the store has " +
+                        (goal.is_gateway ? "a default gateway" : address_text(goal.address)));
+    }
+    for (std::string &part : parts) {
+        part.insert(0, shown(goal.link) + ": ");
+    }
+    return parts;
+}
+
+int finish(const goal_t &goal, const interface_view_t &interface) {
+    if (!goal.present && tav::terminal::on_terminal()) {
+        for (const std::string &line : remains(goal, interface)) {
+            std::printf("%s\n", line.c_str());
+        }
+    }
+    return exit_done;
+}
+
+int give_up(const goal_t &goal, client_t &client, const comparison_t &comparison,
+            const interface_view_t &interface) {
+    say_why(client, comparison, interface, goal.present);
+    if (!goal.present) {
+        for (const std::string &line : remains(goal, interface)) {
+            std::fprintf(stderr, "%s\n", line.c_str());
+        }
+    }
+    return exit_not_there;
+}
+
+} // namespace
+
 int wait_for(const goal_t &goal, client_t &client, const options_t &options) {
     if (!options.patience) {
         return exit_done;
@@ -160,21 +224,29 @@ int wait_for(const goal_t &goal, client_t &client, const options_t &options) {
                      std::chrono::milliseconds(static_cast<long long>(*options.patience * 1000));
     std::optional<progress_t> progress;
     progress.emplace(*options.patience);
+    std::optional<clock_type::time_point> reached; // and not left since
     for (;;) {
         const comparison_t comparison = look(client, options);
-        if (is_reached(goal, comparison)) {
-            return exit_done;
-        }
         const interface_view_t *interface = comparison.find(goal.link);
         static const interface_view_t nothing;
         const interface_view_t &view = interface != nullptr ? *interface : nothing;
-        if (is_hopeless(comparison, view) || clock_type::now() >= end) {
+        const auto now = clock_type::now();
+        if (!is_reached(goal, comparison)) {
+            reached.reset();
+        } else if (!reached) {
+            reached = now;
+        }
+        const auto settled = std::min(end, reached.value_or(end) + settling);
+        if (reached && (goal.present || now >= settled)) {
+            progress.reset();
+            return finish(goal, view);
+        }
+        if ((!reached && is_hopeless(comparison, view)) || clock_type::now() >= end) {
             progress.reset(); // before anything else is written
-            say_why(client, comparison, view);
-            return exit_not_there;
+            return give_up(goal, client, comparison, view);
         }
         progress->show();
-        changes.wait(std::min(end, progress->next_time()));
+        changes.wait(std::min(settled, progress->next_time()));
         if (!client.connected()) {
             throw store_lost(store_silent);
         }

@@ -9,7 +9,12 @@ using strings = std::vector<std::string>;
 
 class Editing : public LookTest {
 protected:
-    Editing() { options.link = "eth0"; }
+    Editing() {
+        options.link = "eth0";
+        seen = &kernel;
+        ctl::kernel_reader = [] { return *seen; };
+    }
+    ~Editing() override { ctl::kernel_reader = ctl::read_kernel; }
 
     static strings stored() { return fake_tav::dump(); }
     static std::string below(const std::string &path) { return at("1/IPv6/" + path); }
@@ -26,8 +31,109 @@ protected:
         return "";
     }
 
+    std::string printed(int (*command)(const ctl::options_t &)) {
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(command(options), 0);
+        return testing::internal::GetCapturedStdout();
+    }
+
+    static inline const ctl::kernel_view_t *seen = nullptr;
     ctl::options_t options;
 };
+
+// --- what cannot work ---
+
+TEST_F(Editing, ASettingForALinkThatTheKernelLacksNeedsForce) {
+    options.link = "eth7";
+    options.address = "2001:db8::5/64";
+    EXPECT_EQ(refused(1, ctl::address_add),
+              "the kernel has no link 'eth7'; to store it all the same, use --force");
+    EXPECT_NE(refused(1, ctl::address_replace), "");
+    EXPECT_NE(refused(1, ctl::interface_add), "");
+    options.address = "fe80::1";
+    EXPECT_NE(refused(1, ctl::gateway_set), "");
+    EXPECT_EQ(fake_tav::writes(), 0U);
+    options.force = true;
+    EXPECT_EQ(ctl::gateway_set(options), 0);
+    options.force = false;
+    store("x", "2001:db8::5", "Static", "8"); // what is stored may be corrected
+    options.address = "2001:db8::5/64";
+    EXPECT_EQ(ctl::address_replace(options), 0);
+}
+
+TEST_F(Editing, ASettingForALinkThatIsNotManagedNeedsForce) {
+    options.address = "2001:db8::5/64";
+    kernel.links[0].has_ipv6 = false;
+    kernel.links[0].mtu = 1000;
+    EXPECT_EQ(refused(1, ctl::address_add), "tandrel does not manage 'eth0': it has no IPv6 (MTU "
+                                            "1000); to store it all the same, use --force");
+    kernel.links[0].ethernet = false;
+    EXPECT_EQ(refused(1, ctl::address_add), "tandrel does not manage 'eth0': it is not an Ethernet "
+                                            "link; to store it all the same, use --force");
+}
+
+TEST_F(Editing, AGatewayThatTheKernelWouldRefuseNeedsForce) {
+    options.address = "2001:db8::1";
+    EXPECT_EQ(refused(1, ctl::gateway_set),
+              "no network of eth0 contains '2001:db8::1', so the kernel would refuse it, and the "
+              "present gateway would be lost; add an address of its network first, or use --force");
+    store("x", "2001:db8::5/64");
+    EXPECT_EQ(ctl::gateway_set(options), 0) << "the kernel will have that network";
+    address("2001:db8::1", 64);
+    EXPECT_EQ(refused(1, ctl::gateway_set), "'2001:db8::1' is this link's own address; to store "
+                                            "it all the same, use --force");
+    options.address = "fe80::1";
+    EXPECT_EQ(ctl::gateway_set(options), 0);
+    route("fe80::1", RTPROT_RA);
+    EXPECT_EQ(refused(1, ctl::gateway_set),
+              "a router advertisement has set the default route via 'fe80::1' already, and the "
+              "kernel refuses a second one; to store it all the same, use --force");
+    options.force = true;
+    EXPECT_EQ(ctl::gateway_set(options), 0);
+}
+
+TEST_F(Editing, AGatewayThatTheKernelHasIsAccepted) {
+    options.address = "2001:db8:9::1";
+    route("2001:db8:9::1");
+    EXPECT_EQ(ctl::gateway_set(options), 0);
+}
+
+// --- what would change ---
+
+TEST_F(Editing, ADryRunPrintsBothSidesAndChangesNothing) {
+    options.dry_run = true;
+    store("x", "2001:db8::5/48");
+    address("2001:db8::5", 48);
+    route("fe80::1");
+    store_gateway("fe80::1");
+    const strings before = stored();
+    const std::string ipv6 = "store: set '" + at("1/IPv6/");
+    options.address = "2001:db8::5/64";
+    EXPECT_EQ(printed(ctl::address_replace),
+              ipv6 + "Addresses/x/Address/Value' to 2001:db8::5/64\n" + ipv6 +
+                  "Addresses/x/Type/Value' to Static\n"
+                  "kernel: eth0: remove address 2001:db8::5/48\n"
+                  "kernel: eth0: add address 2001:db8::5/64\nnothing was changed\n");
+    options.address = "2001:db8::5";
+    EXPECT_EQ(printed(ctl::address_delete),
+              "store: remove '" + at("1/IPv6/Addresses/x") +
+                  "'\nkernel: eth0: remove address 2001:db8::5/48\nnothing was changed\n");
+    options.address = "fe80::2";
+    EXPECT_EQ(printed(ctl::gateway_set),
+              ipv6 + "Default Gateway/Value' to fe80::2\n"
+                     "kernel: eth0: remove default route via fe80::1\n"
+                     "kernel: eth0: add default route via fe80::2\nnothing was changed\n");
+    EXPECT_EQ(printed(ctl::gateway_clear),
+              "store: remove '" + at("1/IPv6/Default Gateway") +
+                  "'\nkernel: eth0: remove default route via fe80::1\nnothing was changed\n");
+    options.force = true;
+    options.address.clear();
+    EXPECT_EQ(printed(ctl::interface_delete),
+              "store: remove '" + at("1") + "'\nnothing was changed\n")
+        << "the kernel keeps what it has";
+    EXPECT_EQ(stored(), before);
+    EXPECT_EQ(fake_tav::writes(), 0U);
+}
 
 TEST_F(Editing, AnAddressIsStoredWithBothLeavesInOneTransaction) {
     options.address = "2001:DB8:0::5/64";
@@ -67,6 +173,7 @@ TEST_F(Editing, ANodeMayBeNamed) {
 }
 
 TEST_F(Editing, TheInterfaceNodeComesWithTheAddress) {
+    link("eth2");
     options.link = "eth2";
     options.address = "2001:db8::5/64";
     ctl::address_add(options);
@@ -188,6 +295,7 @@ TEST_F(Editing, AGatewayThatCannotBeOneIsRefused) {
 }
 
 TEST_F(Editing, AnInterfaceNodeIsMadeOnceAndStaysEmpty) {
+    link("eth1");
     EXPECT_EQ(refused(1, ctl::interface_add),
               "the store already has a node for eth0 (interface 1)");
     options.link = "eth1";
@@ -196,6 +304,7 @@ TEST_F(Editing, AnInterfaceNodeIsMadeOnceAndStaysEmpty) {
 }
 
 TEST_F(Editing, AStoreThatKeepsNoEmptyNodesIsReported) {
+    link("eth1");
     options.link = "eth1";
     fake_tav::on_path("remove_node", at("2/IPv6/Addresses/tandrelctl-nudge")).runs([] {
         fake_tav::erase(at("2"));

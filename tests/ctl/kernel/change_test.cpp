@@ -31,10 +31,44 @@ TEST_F(Change, AGatewayIsInTheKernelWhenSetReturns) {
     EXPECT_FALSE(store.gateway(1));
 }
 
+TEST_F(Change, AMistypedGatewayLeavesTheWorkingOne) {
+    store.set_gateway(1, "fe80::1");
+    start_daemon_and_wait();
+    ASSERT_TRUE(becomes([&] { return in_step(); }));
+    const result_t refused = run({"gateway", "set", "eth0", "2001:db8:ffff::1"});
+    EXPECT_EQ(refused.status, 1);
+    EXPECT_TRUE(contains(refused.errors, "no network of eth0 contains '2001:db8:ffff::1'"));
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
+    EXPECT_EQ(store.gateway(1), "fe80::1");
+}
+
+// The daemon stores the gateway again, because the kernel had the advertised route instead.
+TEST_F(Change, ARemovalThatIsUndoneIsNoSuccess) {
+    store.make_interface(1);
+    const std::string router = [&] {
+        const std::string text = neighbour.link_local("peer0");
+        return text.substr(0, text.find('/'));
+    }();
+    start_daemon_and_wait();
+    {
+        const kt::Advertiser advertiser(sandbox.neighbour(), "peer0", {}, 1800);
+        ASSERT_TRUE(becomes([&] { return contains(run({"show"}).output, "via " + router); }));
+    }
+    EXPECT_EQ(run({"gateway", "set", "eth0", router}).status, 1);
+    EXPECT_EQ(run({"gateway", "set", "eth0", router, "--force"}).status, 0);
+    ASSERT_TRUE(settle());
+    const result_t cleared = run({"gateway", "clear", "eth0", "--wait=2"});
+    EXPECT_EQ(cleared.status, 4);
+    EXPECT_TRUE(contains(cleared.errors, "eth0: the store has the gateway " + router))
+        << cleared.errors;
+}
+
 TEST_F(Change, AFailedWaitSaysWhy) {
     store.make_interface(1);
     start_daemon_and_wait();
-    const result_t refused = run({"gateway", "set", "eth0", "2001:db8:dead::1", "--wait=1"});
+    const result_t refused =
+        run({"gateway", "set", "eth0", "2001:db8:dead::1", "--wait=1", "--force"});
     EXPECT_EQ(refused.status, 4);
     EXPECT_TRUE(
         contains(refused.errors, "no network of eth0 contains it, so the kernel refuses it"))
@@ -42,7 +76,8 @@ TEST_F(Change, AFailedWaitSaysWhy) {
     EXPECT_EQ(store.gateway(1), "2001:db8:dead::1") << "it is still stored";
 
     const auto start = kt::clock_type::now();
-    const result_t absent = run({"address", "add", "eth5", "2001:db8::5/64", "--wait=3600"});
+    const result_t absent =
+        run({"address", "add", "eth5", "2001:db8::5/64", "--wait=3600", "--force"});
     EXPECT_EQ(absent.status, 4);
     EXPECT_TRUE(contains(absent.errors, "the kernel has no link eth5")) << absent.errors;
     EXPECT_LT(kt::clock_type::now() - start, std::chrono::seconds(3000)) << "it need not wait";
@@ -57,7 +92,8 @@ TEST_F(Change, AFailedWaitSaysWhy) {
 TEST_F(Change, ALongWaitShowsItsProgress) {
     store.make_interface(1);
     start_daemon_and_wait();
-    const auto process = begin({"gateway", "set", "eth0", "2001:db8:dead::1", "--wait=16"});
+    const auto process =
+        begin({"gateway", "set", "eth0", "2001:db8:dead::1", "--wait=16", "--force"});
     EXPECT_EQ(process->wait_exit(std::chrono::seconds(120)), 4);
     process->errors().wait_finished();
     const std::string first = process->errors().lines().front().text;

@@ -316,6 +316,23 @@ protected:
     LookOnATerminal() : Terminal(20, 60) {}
 };
 
+TEST_F(LookOnATerminal, ARemovalReportsWhatBothSidesHave) {
+    store.set_address(1, "x", "2001:db8::5/64");
+    store.set_gateway(1, "fe80::1");
+    start_daemon_and_wait();
+    ASSERT_TRUE(becomes([&] { return in_step(); }));
+    start(service.socket(), {"gateway", "clear", "eth0"});
+    EXPECT_EQ(finish(), 0) << seen;
+    EXPECT_NE(seen.find("eth0: neither the kernel nor the store has a default gateway"),
+              std::string::npos)
+        << seen;
+    start(service.socket(), {"address", "del", "eth0", "2001:db8::5"});
+    EXPECT_EQ(finish(), 0) << seen;
+    EXPECT_NE(seen.find("eth0: neither the kernel nor the store has 2001:db8::5"),
+              std::string::npos)
+        << seen;
+}
+
 TEST_F(LookOnATerminal, WatchRedrawsTheTableWithALogBelow) {
     store.set_address(1, "x", "2001:db8::5/64");
     start(service.socket(), {"watch"});
