@@ -3,8 +3,10 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <sstream>
 #include <utility>
 
 #include "ctl/text.h"
@@ -34,6 +36,7 @@ constexpr const char *ending =
 class parser_t {
 public:
     parser_t() {
+        read_environment();
         app.require_subcommand(1);
         app.formatter(std::make_shared<tav::terminal::HelpFormatter>());
         app.failure_message([](const CLI::App *, const CLI::Error &error) {
@@ -51,6 +54,7 @@ public:
             ->type_name("WHEN")
             ->check(CLI::IsMember({"auto", "always", "never"}).description(""));
         add_looking();
+        add_state();
         add_address();
         add_gateway();
         add_interface();
@@ -84,6 +88,19 @@ public:
     }
 
 private:
+    // The services' default file gives the daemon's options; its prefix is the default here.
+    void read_environment() {
+        const char *given = std::getenv("TANDREL_OPTIONS");
+        std::istringstream words(given != nullptr ? given : "");
+        for (std::string word; words >> word;) {
+            if (word == "-i") {
+                words >> request.options.prefix;
+            } else if (word.compare(0, 2, "-i") == 0) {
+                request.options.prefix = word.substr(2);
+            }
+        }
+    }
+
     // For a wrong command CLI11 only says that a command is required.
     int complain(const CLI::RequiredError &error) {
         const std::vector<std::string> words = app.remaining(true);
@@ -193,6 +210,22 @@ private:
         add_json(sub, "Print the state as one line of JSON at every change");
         sub->footer("On a terminal the table is redrawn, with the latest changes below it; "
                     "otherwise every\nchange is printed as a line.");
+    }
+
+    void add_state() {
+        CLI::App *sub = add(app, "status", "Show the state of store, daemon and links", status);
+        add_json(sub);
+        sub->footer("Exit status 0: store and daemon work; 1: the daemon does not; 3: the store "
+                    "does not answer.");
+
+        sub = add(app, "wait", "Wait until what is stored for a link can be used", wait_online);
+        add_link(sub, false);
+        sub->add_flag("--online", request.options.online,
+                      "Instead of a link: for all connected links, and at least one");
+        sub->add_option("--timeout", request.options.patience,
+                        "Say after this time why not, and exit with status 4 (120)")
+            ->type_name("SECONDS")
+            ->check(CLI::Range(0.0, 1e6).description(""));
     }
 
     void add_address() {

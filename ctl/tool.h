@@ -32,10 +32,11 @@ struct options_t {
     bool dry_run = false;           // every change
     bool write = false;             // import
     bool follow = false;            // nudge
+    bool online = false;            // wait
     std::string link;               // empty: every link
     std::string address;            // with its prefix length, or a gateway
     std::string node;               // --node
-    std::optional<double> patience; // --wait: seconds
+    std::optional<double> patience; // --wait, --timeout: seconds
 };
 
 // A request that the tool refuses; the text says why, and what to do instead.
@@ -101,5 +102,7 @@ int interface_delete(const options_t &options);
 int interface_merge(const options_t &options);
 int import_kernel(const options_t &options);
 int nudge(const options_t &options);
+int status(const options_t &options);
+int wait_online(const options_t &options);
 
 } // namespace ctl

@@ -38,6 +38,16 @@ TEST(CtlArguments, EachCommandIsTheOneNamed) {
     EXPECT_EQ(parse({"interface", "del"}).command, ctl::interface_delete);
     EXPECT_EQ(parse({"import", "--from-kernel"}).command, ctl::import_kernel);
     EXPECT_EQ(parse({"nudge"}).command, ctl::nudge);
+    EXPECT_EQ(parse({"status"}).command, ctl::status);
+    EXPECT_EQ(parse({"wait", "eth0"}).command, ctl::wait_online);
+}
+
+TEST(CtlArguments, TheServicesOptionsGiveThePrefix) {
+    setenv("TANDREL_OPTIONS", "-D 2 -i enp3s -u 1", 1);
+    EXPECT_EQ(parse({"show"}).options.prefix, "enp3s");
+    EXPECT_EQ(parse({"-i", "wlan", "show"}).options.prefix, "wlan");
+    unsetenv("TANDREL_OPTIONS");
+    EXPECT_EQ(parse({"show"}).options.prefix, "eth");
 }
 
 TEST(CtlArguments, ACommandMayBeAbbreviated) {

@@ -11,7 +11,7 @@ fail() { printf 'FAILED: %s\n' "$*" >&2; failed=1; }
 
 mandoc -T lint -W warning "$page" "$daemon_page" >&2 || fail "mandoc reports errors in a page"
 
-commands=(show check watch 'address add' 'address replace' 'address del' 'gateway set'
+commands=(show check watch status wait 'address add' 'address replace' 'address del' 'gateway set'
     'gateway clear' 'interface list' 'interface add' 'interface del' 'interface merge' import nudge)
 text=$(mandoc -T ascii "$page" | sed 's/.\x08//g')
 long_options() { grep -oE -- '--[a-z][a-z-]*' | sort -u; }

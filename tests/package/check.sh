@@ -48,7 +48,7 @@ newer() {
 }
 
 say "== exposure"
-for unit in tavd tandrel tandrel-nudge; do
+for unit in tavd tandrel tandrel-nudge tandrel-wait-online; do
     systemd-analyze security --offline=yes --threshold=20 "packaging/systemd/$unit.service" 2>/dev/null |
         sed -n 's/.*Overall/Overall/p'
     if [ "${PIPESTATUS[0]}" -eq 0 ]; then echo "1 0"; else echo "0 1"; fi >>"$counts"

@@ -34,6 +34,7 @@ ip link set peer0 up
 expect "an interface is added" tandrelctl interface add eth0
 expect "an address is set and arrives in the kernel" tandrelctl address add eth0 2001:db8::5/64 --wait=60
 expect "ip(8) shows it" has_address
+expect "the network is online then" systemctl start tandrel-wait-online
 expect "both views agree" eventually tandrelctl check
 
 kill -KILL "$(main_pid tavd)"

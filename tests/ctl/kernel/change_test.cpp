@@ -1,4 +1,6 @@
 // Changes through tandrelctl, and their effect in the kernel.
+#include <linux/if_addr.h>
+
 #include "ctl_test.h"
 
 namespace {
@@ -62,6 +64,40 @@ TEST_F(Change, ARemovalThatIsUndoneIsNoSuccess) {
     EXPECT_EQ(cleared.status, 4);
     EXPECT_TRUE(contains(cleared.errors, "eth0: the store has the gateway " + router))
         << cleared.errors;
+}
+
+TEST_F(Change, WaitEndsWhenTheStoredSettingsCanBeUsed) {
+    EXPECT_EQ(run({"wait"}).status, 2);
+    store.make_interface(1);
+    done({"wait", "--online"}); // there is nothing to wait for
+    store.set_address(1, "x", "2001:db8::5/64");
+    store.set_gateway(1, "2001:db8::1");
+    store.set_address(3, "y", "2001:db8:3::5/64"); // whose link does not exist
+    const result_t early = run({"wait", "eth0", "--timeout", "0.1"});
+    EXPECT_EQ(early.status, 4);
+    EXPECT_TRUE(contains(early.errors, "eth0: 2001:db8::5/64\neth0: gateway 2001:db8::1\n"))
+        << early.errors;
+    EXPECT_TRUE(!sees_all_processes() || contains(early.errors, "tandrel: it does not run here"));
+    const auto link = begin({"wait", "eth0"});
+    const auto online = begin({"wait", "--online"});
+    kt::write_file("/proc/sys/net/ipv6/conf/eth0/accept_dad", "1");
+    start_daemon_and_wait();
+    EXPECT_EQ(link->wait_exit(), 0);
+    EXPECT_EQ(online->wait_exit(), 0);
+    for (const auto &one : device.addresses("eth0")) {
+        EXPECT_EQ(one.flags & IFA_F_TENTATIVE, 0U) << one.text;
+    }
+    EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"2001:db8::1"});
+    EXPECT_EQ(run({"wait", "eth2", "--timeout=0"}).status, 4);
+}
+
+TEST_F(Change, WaitOutlastsAStoreThatComesLater) {
+    store.disconnect();
+    service.stop();
+    EXPECT_EQ(run({"wait", "--online", "--timeout=0"}).status, 3);
+    const auto online = begin({"wait", "--online"});
+    service.start();
+    EXPECT_EQ(online->wait_exit(), 0);
 }
 
 TEST_F(Change, AFailedWaitSaysWhy) {

@@ -93,6 +93,38 @@ TEST_F(Look, TheViewsDoNotAgreeWhileTheDaemonIsNotConnected) {
     EXPECT_TRUE(becomes([&] { return in_step(); })) << run({"check"}).output;
 }
 
+TEST_F(Look, StatusShowsStoreDaemonAndLinks) {
+    add_eth(1);
+    add_eth(7, "lan");
+    store.make_interface(1);
+    const auto parsed = [this](int status) {
+        const result_t result = run({"status", "--json"});
+        EXPECT_EQ(result.status, status) << result.output;
+        return nlohmann::json::parse(result.output);
+    };
+    EXPECT_NE(parsed(1)["daemon"]["state"], "working");
+    start_daemon_and_wait();
+    const auto json = parsed(0);
+    EXPECT_EQ(json["store"]["answers"], true);
+    EXPECT_EQ(json["daemon"]["state"], "working");
+    EXPECT_EQ(json["daemon"]["pid"], daemon->pid());
+    std::vector<std::string> managed;
+    for (const auto &one : json["links"]) {
+        managed.push_back(one["link"].get<std::string>() + (one["managed"] ? " yes" : " no"));
+    }
+    EXPECT_EQ(managed, (std::vector<std::string>{"eth0 yes", "eth1 no", "lan7 no"}));
+    const result_t shown = run({"status"});
+    EXPECT_EQ(shown.status, 0);
+    EXPECT_TRUE(contains(shown.output, "store:    answers\ntandrel:  connected to the store, "));
+    EXPECT_TRUE(contains(shown.output, "link:     eth0, managed\n"));
+    EXPECT_TRUE(contains(shown.output, "link:     lan7, not managed: its name does not begin"));
+    EXPECT_TRUE(contains(shown.output, "last errors: "));
+    ASSERT_EQ(stop_daemon(), 0);
+    store.disconnect();
+    service.stop();
+    EXPECT_EQ(parsed(3)["store"]["answers"], false);
+}
+
 TEST_F(Look, TwoLinksMayHaveGateways) {
     add_eth(1);
     store.set_gateway(1, "fe80::1");

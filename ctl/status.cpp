@@ -1,0 +1,189 @@
+// The command status: store, daemon, links, and the daemon's last errors.
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+
+#include <nlohmann/json.hpp>
+
+#include "ctl/daemon_state.h"
+#include "ctl/output.h"
+#include "ctl/rules.h"
+#include "ctl/text.h"
+
+namespace ctl {
+
+namespace {
+
+struct link_state_t {
+    std::string link;
+    std::string why; // it is not managed; empty: it is
+};
+
+// Why the daemon does not manage the link: the first finding that says so.
+std::string reason_of(const interface_view_t &interface) {
+    constexpr std::array reasons{reason_t::link_absent,  reason_t::wrong_prefix,
+                                 reason_t::no_node_fits, reason_t::not_ethernet,
+                                 reason_t::no_ipv6,      reason_t::no_hardware_address,
+                                 reason_t::small_mtu,    reason_t::no_store_node};
+    for (const finding_t &finding : interface.findings) {
+        if (std::find(reasons.begin(), reasons.end(), finding.fault.reason) != reasons.end()) {
+            const std::string text = finding.sentence();
+            const std::string known = "not synchronised: ";
+            return text.compare(0, known.size(), known) == 0 ? text.substr(known.size()) : text;
+        }
+    }
+    return interface.store_known ? "" : "the store does not answer";
+}
+
+std::vector<link_state_t> link_states(const comparison_t &comparison, const options_t &options) {
+    options_t all = options;
+    all.all = true;
+    std::vector<link_state_t> states;
+    for (const interface_view_t *interface : chosen(comparison, all)) {
+        const bool is_loopback = interface->kernel && !interface->kernel->ethernet &&
+                                 !has_prefix(interface->link, options.prefix);
+        if (!is_loopback) {
+            states.push_back({interface->link, reason_of(*interface)});
+        }
+    }
+    return states;
+}
+
+// The daemon's last errors and warnings, as the system's journal has them; empty when the journal
+// cannot be read.
+std::optional<std::vector<std::string>> last_errors() {
+    struct close_t {
+        void operator()(FILE *file) const { pclose(file); }
+    };
+    std::unique_ptr<FILE, close_t> pipe(
+        popen("journalctl -q --no-pager -o short-iso -n 3 -p warning -t tandrel 2>/dev/null", "r"));
+    if (pipe == nullptr) {
+        return std::nullopt;
+    }
+    std::vector<std::string> lines;
+    std::array<char, 1024> buffer{};
+    while (std::fgets(buffer.data(), buffer.size(), pipe.get()) != nullptr) {
+        std::string line = buffer.data();
+        line.erase(line.find_last_not_of('\n') + 1);
+        lines.push_back(line);
+    }
+    if (pclose(pipe.release()) != 0) {
+        return std::nullopt;
+    }
+    return lines;
+}
+
+const char *name_of(daemon_t state) {
+    switch (state) {
+    case daemon_t::working:
+        return "working";
+    case daemon_t::hangs:
+        return "hangs";
+    case daemon_t::disconnected:
+        return "disconnected";
+    case daemon_t::absent:
+        return "absent";
+    case daemon_t::unknown:
+        break;
+    }
+    return "unknown";
+}
+
+struct status_t {
+    std::string store; // why it does not answer; empty: it does
+    daemon_state_t daemon;
+    std::vector<link_state_t> links;
+    std::optional<std::vector<std::string>> errors;
+};
+
+void print_as_json(const status_t &status) {
+    json_t json;
+    json["store"] = {{"answers", status.store.empty()}, {"error", nullptr}};
+    if (!status.store.empty()) {
+        json["store"]["error"] = status.store;
+    }
+    json["daemon"] = {{"state", name_of(status.daemon.state)},
+                      {"pid", status.daemon.pid != 0 ? json_t(status.daemon.pid) : json_t()}};
+    json["links"] = json_t::array();
+    for (const link_state_t &one : status.links) {
+        json["links"].push_back({{"link", one.link},
+                                 {"managed", one.why.empty()},
+                                 {"reason", one.why.empty() ? json_t() : json_t(one.why)}});
+    }
+    json["last_synchronisation"] = nullptr;
+    json["errors"] = nullptr;
+    if (status.errors) {
+        json["errors"] = *status.errors;
+    }
+    print_json(json);
+}
+
+std::string daemon_text(const daemon_state_t &daemon) {
+    if (const auto finding = daemon_finding(daemon)) {
+        return finding->sentence();
+    }
+    return "connected to the store" +
+           (daemon.pid != 0 ? ", process " + std::to_string(daemon.pid) : "");
+}
+
+void print_text(const status_t &status, bool colour) {
+    const auto line = [colour](const char *what, bool good, const std::string &text) {
+        print({{good ? style_t::plain : style_t::bad, std::string(what) + text}}, colour);
+    };
+    line("store:    ", status.store.empty(), status.store.empty() ? "answers" : status.store);
+    const auto finding = daemon_finding(status.daemon);
+    line("tandrel:  ", !finding, daemon_text(status.daemon));
+    if (finding && !finding->remedy().empty()) {
+        line("          ", true, "-> " + finding->remedy());
+    }
+    for (const link_state_t &one : status.links) {
+        line("link:     ", true,
+             shown(one.link) + (one.why.empty() ? ", managed" : ", not managed: " + one.why));
+    }
+    line("last synchronisation: ", true, "not known; the store does not record it");
+    if (!status.errors) {
+        line("last errors: ", true, "not readable (see journalctl -t tandrel)");
+    } else if (status.errors->empty()) {
+        line("last errors: ", true, "none in the journal");
+    } else {
+        line("last errors:", true, "");
+        for (const std::string &one : *status.errors) {
+            line("  ", true, shown(one));
+        }
+    }
+}
+
+} // namespace
+
+int status(const options_t &options) {
+    status_t status;
+    client_t client;
+    store_view_t store;
+    if (client.connect()) {
+        try {
+            store = read_store(client.tav, options.prefix);
+        } catch (const store_lost &error) {
+            status.store = error.what();
+            client.disconnect();
+        }
+    } else {
+        status.store = unreachable_text();
+    }
+    status.daemon = find_daemon(client);
+    status.links = link_states(compare(kernel_reader(), store, options.prefix), options);
+    status.errors = last_errors();
+    if (options.json) {
+        print_as_json(status);
+    } else {
+        print_text(status, tav::terminal::use_color(options.colour));
+    }
+    if (!store.answered) {
+        return exit_unreachable;
+    }
+    const auto finding = daemon_finding(status.daemon);
+    return finding && finding->severity() == severity_t::difference ? exit_differs : exit_done;
+}
+
+} // namespace ctl
