@@ -208,8 +208,9 @@ private:
                   "Show both views and update them at every change, until interrupted", watch);
         add_link(sub, false);
         add_json(sub, "Print the state as one line of JSON at every change");
-        sub->footer("On a terminal the table is redrawn, with the latest changes below it; "
-                    "otherwise every\nchange is printed as a line.");
+        sub->footer(
+            "On a terminal the table is redrawn, with the latest changes below it; q quits, "
+            "arrow and\npage keys scroll. Otherwise every change is printed as a line.");
     }
 
     void add_state() {

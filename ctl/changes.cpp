@@ -32,6 +32,7 @@ void changes_t::catch_signals() {
     sigemptyset(&set);
     sigaddset(&set, SIGINT);
     sigaddset(&set, SIGTERM);
+    sigaddset(&set, SIGWINCH);
     sigprocmask(SIG_BLOCK, &set, nullptr);
     signals = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
 }
@@ -40,10 +41,11 @@ changes_t::seen_t changes_t::wait(clock_type::time_point deadline) {
     if (!client.connected()) {
         deadline = std::min(deadline, clock_type::now() + reconnect_interval);
     }
-    std::array<pollfd, 3> entries{
+    std::array<pollfd, 4> entries{
         {{signals, POLLIN, 0},
          {kernel->fd(), POLLIN, 0},
-         {client.connected() ? mlr_get_fd(client.tav.handle) : -1, POLLIN, 0}}};
+         {client.connected() ? mlr_get_fd(client.tav.handle) : -1, POLLIN, 0},
+         {input, POLLIN, 0}}};
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - clock_type::now());
     const int timeout = static_cast<int>(std::clamp<long long>(left.count(), 0, 3600000));
     const int ready = poll(entries.data(), entries.size(), timeout);
@@ -51,7 +53,12 @@ changes_t::seen_t changes_t::wait(clock_type::time_point deadline) {
         return seen_t::timeout;
     }
     if (entries[0].revents != 0) {
-        return seen_t::signal;
+        signalfd_siginfo info{};
+        const bool whole = read(signals, &info, sizeof info) == sizeof info;
+        return whole && info.ssi_signo == SIGWINCH ? seen_t::change : seen_t::signal;
+    }
+    if (entries[3].revents != 0) {
+        return seen_t::keys;
     }
     if (entries[1].revents != 0) {
         drain_kernel();
@@ -60,6 +67,16 @@ changes_t::seen_t changes_t::wait(clock_type::time_point deadline) {
         drain_store();
     }
     return seen_t::change;
+}
+
+std::string changes_t::take_keys() {
+    std::array<char, 256> buffer{};
+    const ssize_t count = read(input, buffer.data(), buffer.size());
+    if (count <= 0) {
+        input = -1; // closed
+        return "";
+    }
+    return {buffer.data(), static_cast<std::size_t>(count)};
 }
 
 // The content does not matter: the caller reads both views again.

@@ -23,10 +23,15 @@ public:
     changes_t(const changes_t &) = delete;
     changes_t &operator=(const changes_t &) = delete;
 
-    // From now on SIGINT and SIGTERM end `wait` instead of the process.
+    // From now on SIGINT and SIGTERM end `wait` instead of the process, and a new size of the
+    // terminal is a change.
     void catch_signals();
+    // From now on what arrives on this descriptor ends `wait`.
+    void watch_keys(int descriptor) { input = descriptor; }
+    // The bytes that arrived there.
+    std::string take_keys();
 
-    enum class seen_t { change, timeout, signal };
+    enum class seen_t { change, timeout, signal, keys };
     // Waits for the next change, at most until `deadline`.
     seen_t wait(clock_type::time_point deadline);
 
@@ -37,6 +42,7 @@ private:
     client_t &client;
     std::unique_ptr<CNetlink> kernel;
     int signals = -1;
+    int input = -1;
 };
 
 } // namespace ctl

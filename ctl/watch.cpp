@@ -4,13 +4,13 @@
 #include <iostream>
 #include <map>
 
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
 
 #include "ctl/changes.h"
 #include "ctl/output.h"
+#include "ctl/screen.h"
 #include "ctl/text.h"
 
 namespace ctl {
@@ -112,55 +112,6 @@ std::string time_of_day() {
     return text;
 }
 
-// The beginning of a text, at most `width` columns.
-std::string cut(const std::string &text, std::size_t columns) {
-    std::size_t used = 0;
-    std::size_t at = 0;
-    for (; at < text.size(); ++at) {
-        const bool starts_character = (static_cast<unsigned char>(text[at]) & 0xc0U) != 0x80U;
-        if (starts_character && ++used > columns) {
-            break;
-        }
-    }
-    return text.substr(0, at);
-}
-
-// Uses the terminal's alternate screen during its lifetime; then the previous content is shown
-// again.
-class screen_t {
-public:
-    screen_t() { std::cout << "\x1b[?1049h\x1b[?25l" << std::flush; }
-    ~screen_t() { std::cout << "\x1b[?25h\x1b[?1049l" << std::flush; }
-    screen_t(const screen_t &) = delete;
-    screen_t &operator=(const screen_t &) = delete;
-
-    // Shows the table, and below it as many of the latest log lines as fit.
-    static void draw(const lines_t &table, const std::deque<std::string> &log, bool colour) {
-        winsize size{};
-        if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row == 0 || size.ws_col == 0) {
-            size.ws_row = 24;
-            size.ws_col = 80;
-        }
-        lines_t lines = table;
-        lines.push_back({style_t::plain, ""});
-        const std::size_t rows = size.ws_row - 1U; // the last line stays empty, so nothing scrolls
-        const std::size_t room = rows > lines.size() ? rows - lines.size() : 0;
-        const std::size_t first = log.size() > room ? log.size() - room : 0;
-        for (std::size_t i = first; i < log.size(); ++i) {
-            lines.push_back({style_t::plain, log[i]});
-        }
-        if (lines.size() > rows) {
-            lines.resize(rows);
-        }
-        std::string text = "\x1b[H";
-        for (const line_t &line : lines) {
-            text += tav::terminal::painted(cut(line.text, size.ws_col), line.style, colour) +
-                    "\x1b[K\r\n";
-        }
-        std::cout << text << "\x1b[J" << std::flush;
-    }
-};
-
 class watcher_t {
 public:
     explicit watcher_t(const options_t &given)
@@ -171,14 +122,23 @@ public:
 
     int run() {
         changes.catch_signals();
-        std::unique_ptr<screen_t> screen;
         if (on_terminal) {
-            screen = std::make_unique<screen_t>();
+            screen.emplace();
+            changes.watch_keys(STDIN_FILENO);
         }
+        look_again();
         for (;;) {
-            look_again();
-            if (changes.wait(clock_type::now() + redraw_interval) == changes_t::seen_t::signal) {
+            switch (changes.wait(clock_type::now() + redraw_interval)) {
+            case changes_t::seen_t::signal:
                 return exit_done;
+            case changes_t::seen_t::keys:
+                if (!screen->handle(changes.take_keys())) {
+                    return exit_done;
+                }
+                draw();
+                break;
+            default:
+                look_again();
             }
         }
     }
@@ -196,7 +156,7 @@ private:
     }
 
     void look_again() {
-        const state_t state = look_now();
+        state = look_now();
         items_t now = items_of(state, options);
         if (!state.store_answers) {
             keep_stored_items(items, now);
@@ -206,13 +166,13 @@ private:
         items = now;
         if (options.json) {
             if (first || !lines.empty()) {
-                print_state(state);
+                print_state();
             }
             return;
         }
         note(lines, first);
         if (on_terminal) {
-            draw(state);
+            draw();
         }
     }
 
@@ -231,7 +191,7 @@ private:
         }
     }
 
-    std::vector<const interface_view_t *> wanted(const state_t &state) const {
+    std::vector<const interface_view_t *> wanted() const {
         try {
             return chosen(state.comparison, options);
         } catch (const refusal &) {
@@ -239,19 +199,19 @@ private:
         }
     }
 
-    void draw(const state_t &state) const {
+    void draw() {
         lines_t lines;
         if (!state.store_answers) {
             lines.push_back({style_t::bad, "the settings store does not answer"});
         }
-        const lines_t table = table_lines(wanted(state));
+        const lines_t table = table_lines(wanted(), screen_t::columns());
         lines.insert(lines.end(), table.begin(), table.end());
-        screen_t::draw(lines, log, tav::terminal::use_color(options.colour));
+        screen->draw(lines, log, tav::terminal::use_color(options.colour));
     }
 
-    void print_state(const state_t &state) const {
+    void print_state() const {
         json_t json{{"store", state.store_answers}, {"interfaces", json_t::array()}};
-        for (const interface_view_t *interface : wanted(state)) {
+        for (const interface_view_t *interface : wanted()) {
             json["interfaces"].push_back(interface_json(*interface));
         }
         print_json(json, -1);
@@ -261,6 +221,8 @@ private:
     client_t client;
     changes_t changes;
     bool on_terminal;
+    std::optional<screen_t> screen;
+    state_t state; // as of the last look
     items_t items;
     std::deque<std::string> log;
 };

@@ -370,13 +370,40 @@ TEST_F(LookOnATerminal, WatchRedrawsTheTableWithALogBelow) {
     start(service.socket(), {"watch"});
     ASSERT_TRUE(shows("\x1b[?1049h")) << "takes the whole screen";
     ASSERT_TRUE(shows("eth0, store interface 1, up"));
-    ASSERT_TRUE(shows("\x1b[33mS -"));
+    ASSERT_TRUE(shows("\x1b[33mS 2001:db8::5/64"));
     device.add_address("eth0", "2001:db8::5/64");
     EXPECT_TRUE(shows("\x1b[H")) << "drawn again from the top";
     EXPECT_TRUE(shows("\x1b[32m= 2001:db8::5/64")) << seen;
     EXPECT_TRUE(shows("+ eth0 kernel: 2001:db8::5/64")) << seen;
     EXPECT_EQ(interrupt(), 0);
     EXPECT_NE(seen.rfind("\x1b[?25h\x1b[?1049l"), std::string::npos) << "gives the screen back";
+}
+
+TEST_F(LookOnATerminal, WatchScrollsFitsTheWidthAndQuits) {
+    store.make_interface(1);
+    for (int i = 10; i < 40; ++i) {
+        store.set_address(1, "n" + std::to_string(i),
+                          "2001:db8:1111:2222:3333:4444:5555:66" + std::to_string(i) + "/64");
+    }
+    start(service.socket(), {"--color=never", "watch"});
+    ASSERT_TRUE(shows("  ENTRY ")) << "60 columns are too narrow for the table";
+    ASSERT_TRUE(shows("5555:6610/64  Static  n10"));
+    ASSERT_TRUE(shows("q quits; arrow and page keys scroll"));
+    EXPECT_EQ(seen.find("n39"), std::string::npos) << "that is beyond the screen";
+    press("\x1b[B\x1b[Bj");
+    EXPECT_TRUE(shows("\x1b[HS 2001:db8:1111:2222:3333:4444:5555:6611/64")) << seen;
+    press("\x1b[6~\x1b[5~"); // a page on, and back as far as possible
+    EXPECT_TRUE(shows("\x1b[Heth0, store interface 1"));
+    press("G");
+    EXPECT_TRUE(shows("n39"));
+    press("g");
+    EXPECT_TRUE(shows("\x1b[Heth0, store interface 1"));
+    resize(60, 200);
+    EXPECT_TRUE(shows("  KERNEL"));
+    EXPECT_TRUE(shows("n39"));
+    press("q");
+    EXPECT_EQ(finish(), 0);
+    EXPECT_NE(seen.rfind("\x1b[?25h\x1b[?1049l"), std::string::npos);
 }
 
 } // namespace

@@ -6,6 +6,7 @@
 
 #include <poll.h>
 #include <pty.h>
+#include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <utmp.h>
@@ -80,6 +81,15 @@ public:
         }
         pid = -1;
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    void press(const std::string &keys) {
+        EXPECT_EQ(write(fd, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+    }
+    void resize(unsigned short rows, unsigned short columns) {
+        winsize size{};
+        size.ws_row = rows;
+        size.ws_col = columns;
+        EXPECT_EQ(ioctl(fd, TIOCSWINSZ, &size), 0);
     }
     // Control-C, as the terminal sends it; the exit status.
     int interrupt() {

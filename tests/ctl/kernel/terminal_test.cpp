@@ -124,7 +124,7 @@ TEST_F(OnATerminal, WatchEscapesWhatIsStoredAndWhatChanges) {
     ASSERT_TRUE(shows(" + eth0 store: address node "));
     EXPECT_EQ(interrupt(), 0);
     expect_plain_but({"\x1b[?1049h", "\x1b[?25l", "\x1b[H", "\x1b[K", "\x1b[J", "\x1b[?25h",
-                      "\x1b[?1049l", "\r\r\n"});
+                      "\x1b[?1049l", "\r\r\n", "\x1b[50H"});
     open({"watch", "--json"});
     ASSERT_TRUE(shows("\"node\":\""));
     EXPECT_EQ(interrupt(), 0);
