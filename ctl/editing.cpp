@@ -104,11 +104,13 @@ void require_gateway(const kernel_view_t &kernel, const store_view_t &store,
                      const in6_addr &gateway, const options_t &options) {
     const kernel_link_t &link = require_link(kernel, options);
     const std::string text = "'" + address_text(gateway) + "'";
-    const std::string all_the_same = "; to store it all the same, use --force";
+    const auto refuse = [](std::string why) {
+        throw refusal(why.append("; to store it all the same, use --force"));
+    };
     for (const kernel_address_t &one : kernel.addresses) {
         if (one.address.ifindex == link.index &&
             std::memcmp(&one.address.addr, &gateway, sizeof gateway) == 0) {
-            throw refusal(text + " is this link's own address" + all_the_same);
+            refuse(text + " is this link's own address");
         }
     }
     for (const kernel_route_t &one : kernel.routes) {
@@ -120,8 +122,8 @@ void require_gateway(const kernel_view_t &kernel, const store_view_t &store,
             return; // it works already
         }
         if (one.route.protocol == RTPROT_RA) {
-            throw refusal("a router advertisement has set the default route via " + text +
-                          " already, and the kernel refuses a second one" + all_the_same);
+            refuse("a router advertisement has set the default route via " + text +
+                   " already, and the kernel refuses a second one");
         }
     }
     if (!is_reachable(kernel, link.index, gateway) &&

@@ -170,7 +170,10 @@ void add_narrow_table(const std::vector<cells_t> &rows, std::size_t width, lines
         const std::string text = start + row_text(entries[i].columns, widths, some);
         const std::string &state = rows[i].columns[4];
         const bool has_room = width_of(text) + 2 + width_of(state) <= width;
-        lines.push_back({mark.style, state.empty() || !has_room ? text : text + "  " + state});
+        lines.push_back({mark.style, text});
+        if (has_room && !state.empty()) {
+            lines.back().text.append("  ").append(state);
+        }
         if (rows[i].mark == mark_t::differ) {
             lines.push_back({mark.style, "    stored: " + rows[i].columns[1]});
         }
@@ -194,6 +197,7 @@ std::pair<int, std::string> order_of(const address_row_t &row) {
 
 std::vector<const address_row_t *> sorted(const std::vector<address_row_t> &rows) {
     std::vector<const address_row_t *> result;
+    result.reserve(rows.size());
     for (const address_row_t &row : rows) {
         result.push_back(&row);
     }

@@ -78,7 +78,7 @@ start_watch() {
 
 # last_screen FILE: the last content of a terminal's alternate screen, without colours.
 last_screen() {
-    tr -d '\r' <"$1" | sed 's/\x1b\[?1049l.*//; s/\x1b\[[0-9;]*[mKJ]//g; s/\x1b\[?[0-9]*[hl]//g' |
+    tr -d '\r' <"$1" | sed 's/\x1b\[[0-9]\{1,\}Hq quits[^\x1b]*//; s/\x1b\[?1049l.*//; s/\x1b\[[0-9;]*[mKJ]//g; s/\x1b\[?[0-9]*[hl]//g' |
         awk '/\033\[H/ { sub(/.*\033\[H/, ""); screen = $0; next } { screen = screen "\n" $0 }
              END { print screen }'
 }
@@ -283,7 +283,7 @@ status=$?
 printf ' %s✓ It ended with status 0, and left both sides as they were.%s\n' "$green" "$plain"
 # A user of --stay may have changed them.
 [ "$DEMO_STAY" = yes ] || in_step || fail "the views differ"
-both_views after
+both_views afterwards
 daemon_said 'exit signal|Exiting'
 
 printf '\n%sAll of it happened on a real kernel.%s Next: README.md; ./demo --stay to try it yourself.\n' \
