@@ -17,7 +17,11 @@ protected:
         store.set_address(1, "1", "2001:db8::5/64");
         store.set_gateway(1, "fe80::1");
         start_daemon_and_wait({"-d", "-D", "3"}, options);
-        ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
+        // Node 2: the kernel reports it only when its duplicate detection is over.
+        ASSERT_TRUE(becomes([&] {
+            const std::string own = device.link_local("eth0");
+            return !own.empty() && store.node_of(1, own) == "2";
+        }));
     }
 
     static void one_millisecond() { std::this_thread::sleep_for(std::chrono::milliseconds(1)); }
