@@ -240,9 +240,6 @@ ServiceStatus Service::status() {
     status.durability = served.durability();
     status.overflowed = overflows;
     status.limits = limits_used.status();
-    for (const auto &[number, client] : clients) {
-        status.clients.push_back(client->status());
-    }
     status.watchdogs = dog.status(now);
     return status;
 }

@@ -78,6 +78,7 @@ public:
     bool between_groups() const { return !at_work && !store().has_group(); }
     // Whether a call may have so many paths; the library obeys that.
     bool fits(std::size_t paths);
+    // All but the clients.
     ServiceStatus status();
 
     const Store &store() const { return served; }

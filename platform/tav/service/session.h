@@ -47,7 +47,7 @@ public:
     // The log keeps the events after fetched_to() for this client.
     bool is_behind() const { return behind; }
     std::uint64_t fetched_to() const { return position; }
-    // The number of events that wait.
+    // The number of events that wait; of a long log only the last 10,000 are counted.
     std::size_t pending() const;
 
     // Called after the client's requests were carried out; see Wake.

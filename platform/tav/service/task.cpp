@@ -237,37 +237,57 @@ private:
     bool well_formed = false;
 };
 
-// Requests that are carried out at once.
-class Short : public Task {
+class Watch : public Task {
 public:
-    Short(Service &served, Session &client, const RequestHeader &header, std::string_view content)
-        : Task(header.serial), service(served), session(client), op(header.op), in(content) {}
+    Watch(Service &served, Session &client, const RequestHeader &header, std::string_view content)
+        : Task(header.serial), service(served), session(client), in(content) {}
 
     State step() override {
-        if (op == Op::watchdog_register) {
-            WatchdogRequest request;
-            get(in, request);
-            if (!in.finished()) {
-                return State::malformed;
-            }
-            const api_status_t status =
-                service.watchdog().announce(session.id(), session.pid(), request, service.now());
-            service.usage().count(status);
-            put(out, status);
-            return State::done;
-        }
+        WatchdogRequest request;
+        get(in, request);
         if (!in.finished()) {
             return State::malformed;
         }
-        put(out, service.status());
+        const api_status_t status =
+            service.watchdog().announce(session.id(), session.pid(), request, service.now());
+        service.usage().count(status);
+        put(out, status);
         return State::done;
     }
 
 private:
     Service &service;
     Session &session;
-    Op op;
     Reader in;
+};
+
+// The status, with one client after the other: counting what waits for one takes time.
+class Status : public Task {
+public:
+    Status(Service &served, const RequestHeader &header, std::string_view content)
+        : Task(header.serial), service(served), well_formed(content.empty()) {}
+
+    State step() override {
+        if (!well_formed) {
+            return State::malformed;
+        }
+        const auto next = service.sessions().upper_bound(last);
+        if (next != service.sessions().end()) {
+            last = next->first;
+            clients.push_back(next->second->status());
+            return State::working;
+        }
+        ServiceStatus status = service.status();
+        status.clients = std::move(clients);
+        put(out, status);
+        return State::done;
+    }
+
+private:
+    Service &service;
+    bool well_formed;
+    SessionId last = 0;
+    std::vector<ClientStatus> clients;
 };
 
 } // namespace
@@ -294,8 +314,9 @@ std::unique_ptr<Task> make_task(Service &service, Session &session, const Reques
     case Op::event_register:
         return std::make_unique<Register>(service, session, header, content);
     case Op::watchdog_register:
+        return std::make_unique<Watch>(service, session, header, content);
     case Op::status:
-        return std::make_unique<Short>(service, session, header, content);
+        return std::make_unique<Status>(service, header, content);
     default:
         return nullptr;
     }
