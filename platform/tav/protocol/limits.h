@@ -45,7 +45,7 @@ constexpr std::size_t reply_bytes = std::size_t{512} << 20;
 // everything, so that no change is missed silently.
 constexpr std::size_t event_bytes = std::size_t{64} << 20;
 // Events that report no change and wait for one client; the connection ends beyond it.
-constexpr std::size_t notices_per_client = 2 * 64;
+constexpr std::size_t notices_per_client = 128;
 
 // Event registrations of one client. api_status_too_many_registrations.
 constexpr std::size_t registrations_per_client = 64;
