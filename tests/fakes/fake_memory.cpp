@@ -51,6 +51,11 @@ void *operator new(std::size_t size) {
     throw std::bad_alloc();
 }
 
+// Temporary buffers of algorithms come from here; without one they do without.
+void *operator new(std::size_t size, const std::nothrow_t & /*tag*/) noexcept {
+    return std::malloc(size > 0 ? size : 1);
+}
+
 void operator delete(void *memory) noexcept {
     std::free(memory);
 }
