@@ -235,7 +235,10 @@ protected:
         store.set_address(1, "base", "2001:db8:1::1/64");
         store.set_gateway(1, "fe80::1");
         start_daemon_and_wait();
-        ASSERT_TRUE(becomes([&] { return in_step(); })) << run({"check"}).output;
+        // The kernel reports the link-local address last, after its duplicate detection.
+        ASSERT_TRUE(becomes([&] {
+            return in_step() && store.has_address(1, device.link_local("eth0"), "Link-Local");
+        })) << run({"check"}).output;
     }
     void TearDown() override {
         if (frozen) {
