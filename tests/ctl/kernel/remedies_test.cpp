@@ -93,6 +93,7 @@ public:
     // --- addresses ---
     void RefusedAddress() {
         Ipv6Disabled();
+        ASSERT_TRUE(settle()); // the kernel has refused it
         disable_ipv6("0");
         ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
     }
