@@ -72,6 +72,9 @@ public:
     // wait. Each call that was true is followed by end_turn().
     bool take_turn();
     void end_turn();
+    // Announces or withdraws (-1) a task that waits for a turn.
+    void writers(int change) { waiting_writers += change; }
+    bool writers_wait() const { return waiting_writers > 0; }
     // Announces or withdraws (-1) a task that waits until there is no group: no transaction begins
     // before.
     void registering(int change) { registrations += change; }
@@ -108,6 +111,7 @@ private:
     std::uint64_t released = 0;
     std::uint64_t published = 0;
     bool much_memory = false;
+    int waiting_writers = 0;
     int registrations = 0; // tasks that wait to register
     bool at_work = false;  // a transaction is
     Usage limits_used;

@@ -1,5 +1,6 @@
 #include "service/task.h"
 
+#include <chrono>
 #include <ctime>
 #include <optional>
 #include <vector>
@@ -118,13 +119,17 @@ private:
     std::optional<Walker> walker;
 };
 
-// Carries out a transaction and waits until it is committed.
+// Carries out a transaction and waits until it is committed. A long one begins again when others
+// want to write, but is carried out whole once it has given way for a second.
 class Write : public Task {
 public:
     Write(Service &served, Session &client, const RequestHeader &header, std::string_view content)
         : Task(header.serial), service(served), session(client), items(content),
           fits(service.fits(Reader(content).count(1))) {}
-    ~Write() override { end(); }
+    ~Write() override {
+        stop_waiting();
+        end();
+    }
 
     State step() override {
         if (!fits) {
@@ -137,11 +142,17 @@ public:
             return answer(result->stored ? std::vector<api_status_t>(number, api_status_ok)
                                          : std::vector<api_status_t>(number, api_status_failed));
         }
+        if (transaction && has_turn && service.writers_wait() && gives_way()) {
+            end();
+            staged = {};
+            return wait();
+        }
         if (!transaction) {
             has_turn = session.may_write() && service.take_turn();
             if (session.may_write() && !has_turn) {
-                return State::blocked;
+                return wait();
             }
+            stop_waiting();
             start();
         }
         switch (transaction->advance()) {
@@ -164,8 +175,25 @@ public:
     }
 
 private:
+    // Waits for a turn.
+    State wait() {
+        service.writers(waits ? 0 : 1);
+        waits = true;
+        return State::blocked;
+    }
+    void stop_waiting() {
+        service.writers(waits ? -1 : 0);
+        waits = false;
+    }
+    bool gives_way() const {
+        constexpr std::chrono::milliseconds undisturbed{2};
+        constexpr std::chrono::seconds longest{1};
+        const auto now = std::chrono::steady_clock::now();
+        return now - began > undisturbed && now - asked < longest;
+    }
     // For a client that may not write, the items are only checked; that needs no turn.
     void start() {
+        began = std::chrono::steady_clock::now();
         transaction.emplace(
             service.store().group_tree(), items, std::time(nullptr), service.store().byte_limit,
             [this](const std::string &path) { return session.unseen(path); },
@@ -199,6 +227,9 @@ private:
     EventLog::Staged staged;
     std::optional<Transaction> transaction;
     bool has_turn = false;
+    bool waits = false; // for a turn
+    std::chrono::steady_clock::time_point asked = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point began; // the last time
     std::shared_ptr<const Store::Result> result;
 };
 

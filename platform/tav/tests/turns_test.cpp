@@ -115,6 +115,47 @@ TEST_F(TurnsTest, ALongTransactionDelaysNoReader) {
     });
 }
 
+// By hand, so that the order is certain.
+TEST_F(TurnsTest, ALongTransactionGivesWayToOtherWriters) {
+    const auto begin = [this](const std::string &body) {
+        std::string reply;
+        std::unique_ptr<tav::Task> task;
+        EXPECT_EQ(service.begin(service.open({}, true), body, reply, task),
+                  tav::Service::Begun::started);
+        return task;
+    };
+    const auto writing = [](int items, const std::string &text) {
+        const std::string frame = request_frame(Op::transact, [&](Writer &out) {
+            put_all(out, std::vector<tav::Item>(
+                             static_cast<std::size_t>(items),
+                             {tav::ItemKind::set, "/n", {element_type_string, text, -1}}));
+        });
+        return frame.substr(tav::length_bytes);
+    };
+    using State = tav::Task::State;
+    const std::string many = writing(limits::paths_per_request, "long");
+    const std::string one = writing(1, "short");
+    const auto long_one = begin(many);
+    EXPECT_EQ(long_one->step(), State::working);
+    std::this_thread::sleep_for(std::chrono::milliseconds(3));
+    EXPECT_EQ(long_one->step(), State::working) << "nobody else wants to write";
+    const auto short_one = begin(one);
+    EXPECT_EQ(short_one->step(), State::blocked);
+    EXPECT_EQ(long_one->step(), State::blocked);
+    EXPECT_EQ(short_one->step(), State::blocked) << "waits for the commit";
+    service.commit();
+    EXPECT_EQ(short_one->step(), State::done);
+    State state = State::working;
+    while (state == State::working) {
+        state = long_one->step();
+    }
+    service.commit();
+    EXPECT_EQ(long_one->step(), State::done);
+    const tav::Value *value = nullptr;
+    EXPECT_EQ(tav::read_leaf(store.tree(), "/n", value), api_status_ok);
+    EXPECT_EQ(value->text, "long");
+}
+
 TEST_F(TurnsTest, ManyPingsDelayNoOtherClient) {
     for (int i = 0; i < 10; ++i) {
         ASSERT_TRUE(first->calls.send(request_frame(Op::watchdog_ping)));
