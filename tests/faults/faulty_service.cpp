@@ -106,7 +106,8 @@ tav::Service::Begun FaultyService::begin(Session &session, std::string_view body
                                          std::string &reply, std::unique_ptr<tav::Task> &task) {
     Request request;
     Victim *const victim = look_at(body, request) ? victim_of(session, request) : nullptr;
-    if (victim == nullptr) {
+    // Nothing can be carried out at once beside a long transaction of another client.
+    if (victim == nullptr || busy()) {
         return Service::begin(session, body, reply, task);
     }
     return handle_victim(session, *victim, request, body, reply) ? Begun::answered

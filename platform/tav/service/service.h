@@ -47,7 +47,7 @@ public:
                         std::unique_ptr<Task> &task);
     void completed(Session &session) { session.request(clock()); }
     // Carries out a request at once, commits what it writes, and leaves the reply in `reply`. False
-    // if it is malformed.
+    // if it is malformed. Not while the service is busy().
     bool handle(Session &session, std::string_view body, std::string &reply);
     // The same for a transaction of none of the clients, which no event makes stale.
     void write(const std::vector<Item> &items);
@@ -78,6 +78,8 @@ public:
     // Announces or withdraws (-1) a task that waits until there is no group: no transaction begins
     // before.
     void registering(int change) { registrations += change; }
+    // A transaction is being carried out.
+    bool busy() const { return at_work; }
     bool between_groups() const { return !at_work && !store().has_group(); }
     // Whether a call may have so many paths; the library obeys that.
     bool fits(std::size_t paths);
