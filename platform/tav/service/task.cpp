@@ -145,10 +145,13 @@ public:
         if (transaction && has_turn && service.writers_wait() && gives_way()) {
             end();
             staged = {};
+            gave_way = true;
             return wait();
         }
         if (!transaction) {
-            has_turn = session.may_write() && service.take_turn();
+            // Those it gave way to are committed first.
+            has_turn = session.may_write() && !(gave_way && service.store().has_group()) &&
+                       service.take_turn();
             if (session.may_write() && !has_turn) {
                 return wait();
             }
@@ -228,6 +231,7 @@ private:
     std::optional<Transaction> transaction;
     bool has_turn = false;
     bool waits = false; // for a turn
+    bool gave_way = false;
     std::chrono::steady_clock::time_point asked = std::chrono::steady_clock::now();
     std::chrono::steady_clock::time_point began; // the last time
     std::shared_ptr<const Store::Result> result;
