@@ -67,7 +67,7 @@ private:
     void judge();
 
     const std::string_view encoded;
-    Reader in;               // behind the current item
+    Reader in;               // after the current item
     std::uint32_t number;    // of items
     std::uint32_t taken = 0; // of them
     Item item;               // the last one taken
