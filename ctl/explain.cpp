@@ -174,7 +174,7 @@ void explainer_t::explain_pair(const kernel_address_t &there, const stored_addre
     } else if (stored.address.prefix_len != there.address.prefix_len) {
         const std::string kernels = prefix_text(there.address);
         words_t all = with_other(kernels);
-        // The kernel's own link-local address keeps its length whatever is stored.
+        // Storing another length does not change the kernel's own link-local address.
         all["command"] = there.address.scope == RT_SCOPE_LINK
                              ? for_shell("tandrelctl address replace") + " " + kernels
                              : "tandrelctl nudge";
