@@ -23,10 +23,6 @@ void sql(const std::string &file, const std::string &text) {
     sqlite3_close(database);
 }
 
-void write_file(const std::string &file, const std::string &content) {
-    std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
-}
-
 class DamageTest : public StoreTest {
 protected:
     // A database of many pages, whose service has exited normally.
@@ -170,14 +166,7 @@ class LogDamageTest : public DamageTest {
 protected:
     void damage(const std::string &durability) {
         start({"--database", database, "--durability", durability});
-        Client client;
-        for (const char *text : {"first in the log", "second", "third"}) {
-            EXPECT_EQ(client.set("/n/1", text), api_status_ok);
-        }
-        client.close();
-        tavd->signal(SIGKILL);
-        tavd->wait();
-        std::filesystem::remove(socket);
+        leave_writes_in_the_log();
         std::string content = read_file(log);
         const std::size_t at = content.find("first in the log");
         ASSERT_NE(at, std::string::npos);

@@ -46,9 +46,6 @@ protected:
 
     FlipTest() { ::unsetenv("TMPDIR"); }
 
-    static void write_file(const std::string &name, const std::string &content) {
-        std::ofstream(name, std::ios::binary | std::ios::trunc) << content;
-    }
     static void transact(Store &store, const std::vector<Item> &items) {
         const std::vector<api_status_t> statuses =
             store.transact(items, [](const std::string &) { return false; });
@@ -99,7 +96,7 @@ TEST_F(FlipTest, EachBitOfTheDatabaseIsHarmlessOrNoticed) {
     for (std::size_t bit = 0; bit < content.size() * 8 && !HasFailure(); ++bit) {
         const auto flip = [&] { content[bit / 8] ^= static_cast<char>(1U << bit % 8); };
         flip();
-        write_file(file, content);
+        tavtest::write_file(file, content);
         flip();
         try {
             EXPECT_EQ(opened(), before) << "bit " << bit % 8 << " of byte " << bit / 8;
@@ -132,8 +129,8 @@ TEST_F(FlipTest, EachBitOfTheLogIsHarmlessOrNoticed) {
     for (std::size_t bit = 0; bit < content.size() * 8 && !HasFailure(); ++bit) {
         const auto flip = [&] { content[bit / 8] ^= static_cast<char>(1U << bit % 8); };
         flip();
-        write_file(file, database);
-        write_file(log, content);
+        tavtest::write_file(file, database);
+        tavtest::write_file(log, content);
         flip();
         const LogCheck log_has = found();
         try {
@@ -165,8 +162,8 @@ TEST_F(FlipTest, NoPowerCutLeavesALogThatIsRefused) {
         after = tavtest::read_file(log);
         picture_after = picture(store.tree());
     }
-    write_file(file, database);
-    write_file(log, before);
+    tavtest::write_file(file, database);
+    tavtest::write_file(log, before);
     EXPECT_EQ(found().dropped_bytes, 0U) << "of the log's earlier use";
     const std::string longer_before = before + std::string(after.size() - before.size(), '\0');
     std::vector<std::size_t> changed; // sectors of 512 bytes
@@ -185,8 +182,8 @@ TEST_F(FlipTest, NoPowerCutLeavesALogThatIsRefused) {
                 torn.replace(at, 512, after, at, 512);
             }
         }
-        write_file(file, database);
-        write_file(log, torn);
+        tavtest::write_file(file, database);
+        tavtest::write_file(log, torn);
         const LogCheck log_has = found();
         ASSERT_FALSE(log_has.damaged_before_a_commit) << "cut " << cut;
         ASSERT_FALSE(log_has.header_damaged);

@@ -11,10 +11,6 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-void write_file(const std::string &file, const std::string &content) {
-    std::ofstream(file, std::ios::binary | std::ios::trunc) << content;
-}
-
 class RepairTest : public StoreTest {
 protected:
     // A database of 2,001 elements; three writes are in its log only.
@@ -30,14 +26,7 @@ protected:
         }
         ASSERT_EQ(stop(), 0);
         start(on_disk);
-        Client client;
-        for (const char *text : {"first in the log", "second", "third"}) {
-            EXPECT_EQ(client.set("/n/1", text), api_status_ok);
-        }
-        client.close();
-        tavd->signal(SIGKILL);
-        tavd->wait();
-        std::filesystem::remove(socket);
+        leave_writes_in_the_log();
     }
 
     Ran repair() { return run(dir, tavd_arguments({"--repair", "--database", database})); }

@@ -38,6 +38,10 @@ std::string read_file(const std::string &path) {
     return text.str();
 }
 
+void write_file(const std::string &path, const std::string &content) {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << content;
+}
+
 bool exists(const std::string &path) {
     std::error_code ignored;
     return std::filesystem::exists(std::filesystem::symlink_status(path, ignored));

@@ -25,6 +25,7 @@ private:
 };
 
 std::string read_file(const std::string &path);
+void write_file(const std::string &path, const std::string &content);
 bool exists(const std::string &path);
 
 // A child process whose output goes to files. It dies with the test.

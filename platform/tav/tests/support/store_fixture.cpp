@@ -2,6 +2,8 @@
 
 #include <poll.h>
 
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
@@ -164,6 +166,18 @@ void StoreTest::start(const std::vector<std::string> &arguments) {
 int StoreTest::stop() {
     tavd->signal(SIGTERM);
     return tavd->wait();
+}
+
+void StoreTest::leave_writes_in_the_log() {
+    {
+        Client client;
+        for (const char *text : {"first in the log", "second", "third"}) {
+            EXPECT_EQ(client.set("/n/1", text), api_status_ok);
+        }
+    }
+    tavd->signal(SIGKILL);
+    tavd->wait();
+    ::unlink(socket.c_str());
 }
 
 Ran StoreTest::tav(std::vector<std::string> arguments, const std::string &input) {

@@ -65,6 +65,9 @@ protected:
     void start(const std::vector<std::string> &arguments = {"--memory"});
     // A service that ran is stopped with SIGTERM; its exit status.
     int stop();
+    // Writes "first in the log" and two more values to /n/1, and kills the service: only its
+    // database's log has them.
+    void leave_writes_in_the_log();
     std::vector<std::string> tavd_arguments(const std::vector<std::string> &arguments) const;
     Ran tav(std::vector<std::string> arguments, const std::string &input = "");
 
