@@ -129,20 +129,20 @@ void get(Reader &in, Event &value) {
 void put(Writer &out, const Item &value) {
     out.u8(static_cast<std::uint8_t>(value.kind));
     out.text(value.path);
-    if (value.kind == ItemKind::set) {
+    if (has_value(value.kind)) {
         put(out, value.value);
     }
 }
 void get(Reader &in, Item &value) {
     const std::uint8_t kind = in.u8();
     if (kind < static_cast<std::uint8_t>(ItemKind::set) ||
-        kind > static_cast<std::uint8_t>(ItemKind::clear)) {
+        kind > static_cast<std::uint8_t>(ItemKind::require_absent)) {
         in.fail();
         return;
     }
     value.kind = static_cast<ItemKind>(kind);
     value.path = in.text();
-    if (value.kind == ItemKind::set) {
+    if (has_value(value.kind)) {
         get(in, value.value);
     }
 }

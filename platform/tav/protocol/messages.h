@@ -71,7 +71,7 @@ struct Ticket {
     std::uint64_t token = 0;
 };
 
-// One step of a transaction; the value is used for ItemKind::set only.
+// One step of a transaction; the value is used if has_value(kind).
 struct Item {
     ItemKind kind = ItemKind::set;
     std::string path;

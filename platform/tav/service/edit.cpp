@@ -69,6 +69,10 @@ bool Edit::start(const Item &item, api_status_t &status) {
     case ItemKind::touch:
         status = walk_for(item);
         break;
+    case ItemKind::require:
+    case ItemKind::require_absent:
+        status = holds(item) ? api_status_ok : api_status_changed;
+        break;
     default:
         status = api_status_refused;
     }
@@ -138,6 +142,16 @@ api_status_t Edit::set(const std::string &path, const Value &value) {
         change.after = value_of(edited.find(path));
     }
     return api_status_ok;
+}
+
+bool Edit::holds(const Item &condition) const {
+    const Element *element = edited.find(condition.path);
+    if (condition.kind == ItemKind::require_absent || element == nullptr) {
+        return condition.kind == ItemKind::require_absent && element == nullptr;
+    }
+    const bool same_time =
+        condition.value.time == no_time || condition.value.time == element->value().time;
+    return same_time && same_content(element->value(), condition.value);
 }
 
 // Checks a step that concerns everything at and below its path, and starts the walk through it.

@@ -64,6 +64,7 @@ private:
     api_status_t set(const std::string &path, const Value &value);
     api_status_t make_nodes(std::string_view path);
     api_status_t create(std::string_view path, Value value);
+    bool holds(const Item &condition) const;
     api_status_t walk_for(const Item &item);
     bool visit(const Item &item, api_status_t &status);
     Change &trace(const std::string &path, const Element *before, const Element *after);

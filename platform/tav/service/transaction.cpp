@@ -148,7 +148,8 @@ void Transaction::judge() {
              path = parent_path(path)) {
             concerned = stale.count(path) > 0;
         }
-    } else if (item.kind != ItemKind::touch) {
+    } else if (item.kind != ItemKind::touch && item.kind != ItemKind::require &&
+               item.kind != ItemKind::require_absent) {
         const std::string below = item.path == "/" ? "/" : item.path + "/";
         const auto next = stale.lower_bound(below);
         concerned =

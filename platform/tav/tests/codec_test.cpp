@@ -140,6 +140,8 @@ TEST(Messages, EachKindSurvivesTheRoundTripAndNoCutOfIt) {
     expect_round_trip(Item{ItemKind::set, "/a/b", value});
     expect_round_trip(Item{ItemKind::remove, "/a/b", {}});
     expect_round_trip(Item{ItemKind::clear, "/a/b", {}});
+    expect_round_trip(Item{ItemKind::require, "/a/b", value});
+    expect_round_trip(Item{ItemKind::require_absent, "/a/b", {}});
     expect_round_trip(LeafAnswer{api_status_ok, value});
     expect_round_trip(LeafAnswer{api_status_absent, {}});
     expect_round_trip(Child{odd, element_type_node});
@@ -183,7 +185,7 @@ TEST(Messages, ABooleanIsZeroOrOne) {
 }
 
 TEST(Messages, AnUnknownStepOfATransactionIsMalformed) {
-    for (const char kind : {'\0', '\x08', '\xff'}) {
+    for (const char kind : {'\0', '\x0a', '\xff'}) {
         const std::string body = std::string(1, kind) + std::string("\0\0\0\0", 4);
         Reader reader(body);
         Item item;

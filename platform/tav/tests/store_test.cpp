@@ -362,6 +362,54 @@ TEST_F(StoreUnit, AWalkSeesNoneOfTheLaterChanges) {
     EXPECT_EQ(names("/"), Names{});
 }
 
+TEST_F(StoreUnit, AConditionHoldsForExactlyOneValue) {
+    const auto allows = [this](const Item &condition) {
+        return write({condition}).statuses.front();
+    };
+    const auto is = [](element_type_t type, const std::string &text, std::int64_t time) {
+        return Item{ItemKind::require, "/a/b", Value{type, text, time}};
+    };
+    write({set_item("/a/b", "5", 77)});
+    EXPECT_EQ(allows(is(element_type_string, "5", no_time)), api_status_ok);
+    EXPECT_EQ(allows(is(element_type_string, "5", 77)), api_status_ok);
+    EXPECT_EQ(allows(is(element_type_string, "5", 78)), api_status_changed);
+    EXPECT_EQ(allows(is(element_type_string, "6", no_time)), api_status_changed);
+    EXPECT_EQ(allows(is(element_type_integer, "5", no_time)), api_status_changed);
+    EXPECT_EQ(allows(is(element_type_node, "", no_time)), api_status_changed);
+    EXPECT_EQ(allows({ItemKind::require, "/a", Value{element_type_node, "", no_time}}),
+              api_status_ok);
+    EXPECT_EQ(allows({ItemKind::require, "/none", Value{element_type_node, "", no_time}}),
+              api_status_changed);
+    EXPECT_EQ(allows(item(ItemKind::require_absent, "/none/below")), api_status_ok);
+    EXPECT_EQ(allows(item(ItemKind::require_absent, "/a/b")), api_status_changed);
+    EXPECT_EQ(allows(item(ItemKind::require_absent, "/")), api_status_changed);
+    EXPECT_EQ(allows(item(ItemKind::require_absent, "a")), api_status_bad_path);
+}
+
+TEST_F(StoreUnit, AConditionThatDoesNotHoldRefusesTheWholeTransaction) {
+    write({set_item("/a", "1", 10)});
+    const std::string before = picture();
+    const Item is_two{ItemKind::require, "/a", Value{element_type_string, "2", no_time}};
+    const Outcome refused = write({set_item("/b", "x", 10), is_two, set_item("/c", "x", 10)});
+    EXPECT_EQ(refused.statuses,
+              (Statuses{api_status_not_done, api_status_changed, api_status_not_done}));
+    EXPECT_EQ(refused.events, Names{});
+    EXPECT_EQ(picture(), before);
+    // Earlier steps count.
+    EXPECT_EQ(write({set_item("/a", "2", 10), is_two, set_item("/a", "3", 10)}).events,
+              Names{"2 /a"});
+    EXPECT_EQ(text("/a"), "3");
+}
+
+TEST_F(StoreUnit, AConditionIsNotStaleItself) {
+    write({set_item("/a", "1", 10)});
+    const Item is_one{ItemKind::require, "/a", Value{element_type_string, "1", no_time}};
+    EXPECT_EQ(write({is_one, item(ItemKind::require_absent, "/b")}, "/a").statuses,
+              (Statuses{api_status_ok, api_status_ok}));
+    EXPECT_EQ(write({is_one, set_item("/a", "2", 10)}, "/a").statuses,
+              (Statuses{api_status_not_done, api_status_stale}));
+}
+
 TEST_F(StoreUnit, WhatOneCallRemovesAndTouchesIsLimited) {
     std::vector<Item> items;
     for (int i = 0; i < 2000; ++i) {

@@ -20,7 +20,7 @@ constexpr std::array<std::pair<element_type_t, const char *>, 5> types{{
 }};
 
 using StatusName = std::pair<api_status_t, const char *>;
-constexpr std::array<StatusName, api_status_not_empty + 1> statuses{{
+constexpr std::array<StatusName, api_status_changed + 1> statuses{{
     {api_status_none, "not processed"},
     {api_status_ok, "ok"},
     {api_status_absent, "absent"},
@@ -42,6 +42,8 @@ constexpr std::array<StatusName, api_status_not_empty + 1> statuses{{
     {api_status_too_many_registrations, "too many registrations"},
     {api_status_too_many_connections, "too many connections"},
     {api_status_not_empty, "not empty"},
+    {api_status_too_many_bytes, "too many bytes in the store"},
+    {api_status_changed, "changed"},
 }};
 static_assert(in_order(statuses, &StatusName::first));
 

@@ -141,6 +141,12 @@ std::vector<Kind> kinds() {
         {"Touch", transaction({step(ItemKind::touch, "/")})},
         {"ManySteps", transaction(mixed)},
         {"ManyStepsRefused", transaction(refused)},
+        {"Conditions",
+         transaction({step(ItemKind::require_absent, "/none"),
+                      Item{ItemKind::require, "/a/c/d", {element_type_string, "short", no_time}},
+                      set("/a/b", "y")})},
+        {"ConditionThatDoesNotHold",
+         transaction({step(ItemKind::require_absent, "/a"), set("/a/b", "y")})},
         {"Stale", transaction({set("/stale", "y")})},
         {"Read", request(Op::read,
                          [](Writer &out) {
