@@ -49,9 +49,9 @@ enum class ItemKind : std::uint8_t {
     remove_single = 6, // remove a leaf, or a node that has no children
     clear =
         7, // remove everything at and below the path, if there is anything; the root itself stays
-    // Conditions: they change nothing, and refuse the transaction with api_status_changed unless ...
-    require = 8,        // ... the element has this type and text, and this time if one is given
-    require_absent = 9, // ... there is nothing at the path
+    // Conditions change nothing; one that does not hold refuses the transaction.
+    require = 8,        // the element has this type and text, and this time if one is given
+    require_absent = 9, // there is nothing at the path
 };
 
 // Whether items of this kind carry a value.

@@ -61,7 +61,7 @@ typedef enum api_status_t {
     api_status_too_many_connections = 19,   /* in total, or of one user */
     api_status_not_empty = 20, /* the node has children, and only an empty one was to be removed */
     api_status_too_many_bytes =
-        21, /* what the whole store may use; see the service's --max-bytes */
+        21,                  /* what the whole store may use; see the service's --max-bytes */
     api_status_changed = 22, /* a condition of the transaction does not hold */
     api_status_min_ = -0x7fffffff - 1,
     api_status_max_ = 0x7fffffff
