@@ -1,8 +1,8 @@
 #!/bin/bash
-# enter.sh LOWER UPPER COMMAND...: runs a command in a tree whose files are LOWER's and whose
-# changes go to UPPER, with /proc, /sys, /dev and a /run of its own. In a mount and process
-# namespace of its own. Changes the root itself, because after chroot users could not create user
-# namespaces. FRESH_SHARED is mounted as /shared, FRESH_ARCHIVES as apt's archives.
+# enter.sh LOWER UPPER COMMAND...: runs a command in a tree. Its files come from LOWER, and changes
+# are written to UPPER. /proc, /sys, /dev and /run are mounted. Call this in a new mount and process
+# namespace. It uses pivot_root, because after a chroot users could not create user namespaces.
+# FRESH_SHARED is mounted as /shared, FRESH_ARCHIVES as apt's archives.
 set -eu
 lower=$1
 upper=$2
@@ -22,4 +22,5 @@ pivot_root . old
 cd /
 umount -l old
 rmdir old
-exec env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root "$@" # nothing of the host's
+# Without the host's environment.
+exec env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin HOME=/root "$@"

@@ -1,7 +1,7 @@
 #!/bin/bash
-# in_tree.sh HOW COMMAND...: inside a tree: sets it up as HOW says, gets the sources, runs the commands.
-# Prints "== COMMAND SECONDS RESULT" for each. /shared has the sources (source.git, source.tar), the
-# time of the commit, and the objects of configurations that were built before.
+# in_tree.sh HOW COMMAND...: runs inside a tree. Sets it up as HOW says, fetches the sources, and runs
+# the commands. Prints "== COMMAND SECONDS RESULT" for each. /shared contains the sources (source.git,
+# source.tar), the time of the commit, and the objects of configurations that were built before.
 set -u
 how=$1
 shift
@@ -32,11 +32,11 @@ else
     git clone -q /shared/source.git "$place"
 fi || exit 1
 cd "$place" || exit 1
-# Objects have the time of the run that built them: the sources must be older.
+# The sources must be older than the objects of an earlier run.
 find . -path ./.git -prune -o -type f -exec touch -d "@$(cat /shared/time)" {} +
 [ ${#as[@]} -eq 0 ] || { chown -R dev: . && export HOME=/home/dev; }
 
-# key PRESET: what two equal configurations have in common.
+# key PRESET: a text that is the same for equal configurations.
 key() {
     { cat "build/$1/build.ninja" && "${CXX:-c++}" --version &&
         dpkg-query -W libboost-dev libnl-3-dev nlohmann-json3-dev libcli11-dev &&

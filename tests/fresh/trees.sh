@@ -1,10 +1,11 @@
 # shellcheck shell=bash
 # Sourced by tools/fresh.sh: the trees. Each line of tree_table is
 #   NAME  BASE  HOW  COMMANDS
-# BASE: a Debian suite, minimal; or suite-full, with all packages of the lists in tools/setup.sh.
+# BASE: a minimal Debian suite; or SUITE-full, with all packages of the lists in tools/setup.sh.
 # HOW: what in_tree.sh does differently there ("-" for nothing).
-# COMMANDS: demo, test: whole, straight from the clone; demo*, test*: whole, with the objects of an equal
-# configuration, if there is one; demo?, test?: configured, and built if there is none.
+# COMMANDS: demo, test: run completely, in a new clone. demo*, test*: the same, but with the objects of
+# an equal configuration if one was built before. demo?, test?: only configured, and built if no equal
+# configuration was built before.
 
 tree_table() {
     cat <<'TABLE'
