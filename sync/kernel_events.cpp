@@ -14,6 +14,22 @@ namespace {
 
 constexpr std::size_t address_text_size = 512;
 
+void log_addr(const char *word, const CKernAddress &addr) {
+    char text[address_text_size] = {};
+    inet_ntop(AF_INET6, &addr.addr, text, sizeof text);
+    log_info_at(2, "%s addr [%d]: %s/%u [scope:%s]", word, addr.ifindex, text, addr.prefix_len,
+                addr.scope == RT_SCOPE_HOST ? "host" : "link");
+}
+
+void log_route(const char *word, const CKernRoute &route) {
+    char dst[address_text_size] = {};
+    char gateway[address_text_size] = {};
+    inet_ntop(AF_INET6, &route.dst, dst, sizeof dst);
+    inet_ntop(AF_INET6, &route.gateway, gateway, sizeof gateway);
+    log_info_at(2, "%s route [%d]: %s/%u : gw = %s (%u)", word, route.ifindex, dst, route.dst_len,
+                gateway, route.protocol);
+}
+
 } // namespace
 
 void CSync::nl_addr_update(int type, const std::vector<CKernAddress> &addrs) {
@@ -34,10 +50,9 @@ void CSync::nl_addr_update(int type, const std::vector<CKernAddress> &addrs) {
         } else {
             continue;
         }
-        char text[address_text_size] = {};
-        inet_ntop(AF_INET6, &addr.addr, text, sizeof text);
-        log_info_at(2, "%s addr [%d]: %s/%u [scope:%s]", word, addr.ifindex, text, addr.prefix_len,
-                    addr.scope == RT_SCOPE_HOST ? "host" : "link");
+        if (log_shows(2)) {
+            log_addr(word, addr);
+        }
     }
 }
 
@@ -88,12 +103,9 @@ void CSync::nl_route_update(int type, const std::vector<CKernRoute> &routes) {
         } else {
             continue;
         }
-        char dst[address_text_size] = {};
-        char gateway[address_text_size] = {};
-        inet_ntop(AF_INET6, &route.dst, dst, sizeof dst);
-        inet_ntop(AF_INET6, &route.gateway, gateway, sizeof gateway);
-        log_info_at(2, "%s route [%d]: %s/%u : gw = %s (%u)", word, route.ifindex, dst,
-                    route.dst_len, gateway, route.protocol);
+        if (log_shows(2)) {
+            log_route(word, route);
+        }
     }
 }
 

@@ -69,6 +69,17 @@ TEST_F(KernelAddresses, AnAddressThatCannotBePrintedIsLoggedEmpty) {
     EXPECT_EQ(lines(), strings{"ADDING addr [3]: /64 [scope:link]"});
 }
 
+TEST_F(KernelAddresses, AreConvertedToTextOnlyForALineThatIsWritten) {
+    engine().state = 2;
+    verbosity = 1;
+    fake_os::state().inet_ntop.returns(1).returns(0, 28); // one text, then no more
+    announce(added, {kern_addr(3, "2001:db8::5", 64)});
+    verbosity = 2;
+    announce(added, {kern_addr(3, "2001:db8::5", 64), kern_addr(3, "2001:db8::5", 64)});
+    EXPECT_EQ(lines(), (strings{"ADDING addr [3]: 2001:db8::5/64 [scope:link]",
+                                "ADDING addr [3]: /64 [scope:link]"}));
+}
+
 TEST_F(KernelAddresses, OfAnotherKindOfEventAreNeitherTakenNorLogged) {
     verbosity = 4;
     announce(22, {kern_addr(3, "2001:db8::5", 64)});

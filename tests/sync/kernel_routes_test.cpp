@@ -57,6 +57,17 @@ TEST_F(KernelRoutes, ThatCannotBePrintedAreLoggedEmpty) {
     EXPECT_EQ(lines(), strings{"ADDING route [3]: /0 : gw =  (4)"});
 }
 
+TEST_F(KernelRoutes, AreConvertedToTextOnlyForALineThatIsWritten) {
+    engine().state = 3;
+    verbosity = 1;
+    fake_os::state().inet_ntop.returns(1).returns(1).returns(0, 28); // two texts, then no more
+    announce(added, {kern_route(3, "fe80::1")});
+    verbosity = 2;
+    announce(added, {kern_route(3, "fe80::1"), kern_route(3, "fe80::1")});
+    EXPECT_EQ(lines(), (strings{"ADDING route [3]: ::/0 : gw = fe80::1 (4)",
+                                "ADDING route [3]: /0 : gw =  (4)"}));
+}
+
 TEST_F(KernelRoutes, OfAnotherKindOfEventAreNeitherTakenNorLogged) {
     verbosity = 4;
     announce(26, {kern_route(3, "fe80::1")});
