@@ -18,41 +18,18 @@
 #include <unistd.h>
 
 #include "client/connection.h"
+#include "support/listener.h"
 #include "support/numbers.h"
 #include "support/world.h"
 
 namespace {
 
 using bench::clock_type;
+using bench::Listener;
 using bench::seconds_between;
 using bench::time_point;
 
 constexpr useconds_t between_changes_us = 70000;
-
-// A client that gets an event for every change of the store.
-class Listener {
-public:
-    explicit Listener(const std::string &socket) {
-        setenv("TAV_SOCKET", socket.c_str(), 1);
-        tav = toolkit::CTav(mlr_init());
-        unsetenv("TAV_SOCKET");
-        api_status_t status = api_status_none;
-        if (tav.event_register("/", api_event_change, true, status) != 0) {
-            throw std::runtime_error("cannot register with the store");
-        }
-        fetch();
-    }
-    ~Listener() { mlr_close(tav.handle); }
-    Listener(const Listener &) = delete;
-    Listener &operator=(const Listener &) = delete;
-
-    int fd() const { return mlr_get_fd(tav.handle); }
-    void fetch() {
-        std::vector<toolkit::CEvent> events;
-        tav.events_get(events);
-    }
-    toolkit::CTav tav;
-};
 
 // The standard output of `ip -6 monitor address`.
 class Monitor {
