@@ -1,5 +1,6 @@
 #include "ctl/daemon_state.h"
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -64,6 +65,17 @@ process_t find_process() {
     return error ? process_t{false, 0} : result;
 }
 
+#ifdef TANDREL_STORE_STATUS
+// The last listing of the process.
+std::optional<std::uint64_t> last_listing(const tav::ServiceStatus &status, std::uint32_t pid) {
+    std::uint64_t last = tav::never_listed;
+    for (const tav::ClientStatus &client : status.clients) {
+        last = client.pid == pid ? std::min(last, client.listed) : last;
+    }
+    return last == tav::never_listed ? std::nullopt : std::optional(last);
+}
+#endif
+
 // The daemon's watchdog in the store; empty when the store cannot say.
 std::optional<daemon_state_t> ask_store(client_t &client) {
 #ifdef TANDREL_STORE_STATUS
@@ -72,11 +84,12 @@ std::optional<daemon_state_t> ask_store(client_t &client) {
         tav::service_status(client.tav.handle, status) != 0) {
         return std::nullopt;
     }
-    daemon_state_t state{daemon_t::disconnected, 0, 0, ""};
+    daemon_state_t state{daemon_t::disconnected, 0, 0, "", {}};
     for (const tav::WatchdogStatus &one : status.watchdogs) {
         if (one.name == "tandrel" && one.state != tav::WatchdogState::gone) {
             const bool late = one.state == tav::WatchdogState::overdue;
-            state = {late ? daemon_t::hangs : daemon_t::working, one.pid, one.since, ""};
+            state = {late ? daemon_t::hangs : daemon_t::working, one.pid, one.since, "",
+                     last_listing(status, one.pid)};
         }
     }
     return state;
@@ -102,8 +115,11 @@ daemon_state_t find_daemon(client_t &client) {
     const process_t process = find_process();
     std::optional<daemon_state_t> state = ask_store(client);
     if (!state) {
-        state = daemon_state_t{process.known ? daemon_t::absent : daemon_t::unknown, 0, 0,
-                               "this store does not say, and only root may look at its process"};
+        state = daemon_state_t{process.known ? daemon_t::absent : daemon_t::unknown,
+                               0,
+                               0,
+                               "this store does not say, and only root may look at its process",
+                               {}};
         if (process.pid != 0) {
             state->state = daemon_t::working;
         }

@@ -24,6 +24,9 @@ struct daemon_state_t {
     std::uint32_t pid = 0;   // 0: unknown
     std::uint64_t since = 0; // milliseconds since its last sign of life, while it is connected
     std::string why;         // why the state is unknown
+    // Milliseconds since the daemon last listed the stored interfaces, as it does at each
+    // synchronisation and at no other time.
+    std::optional<std::uint64_t> synchronised = std::nullopt;
 };
 
 // Asks the store for the daemon's watchdog, for which no special right is needed, and looks for a

@@ -113,6 +113,9 @@ void print_as_json(const status_t &status) {
                                  {"reason", one.why.empty() ? json_t() : json_t(one.why)}});
     }
     json["last_synchronisation"] = nullptr;
+    if (status.daemon.synchronised) {
+        json["last_synchronisation"] = *status.daemon.synchronised / 1000;
+    }
     json["errors"] = nullptr;
     if (status.errors) {
         json["errors"] = *status.errors;
@@ -126,6 +129,18 @@ std::string daemon_text(const daemon_state_t &daemon) {
     }
     return "connected to the store" +
            (daemon.pid != 0 ? ", process " + std::to_string(daemon.pid) : "");
+}
+
+std::string synchronised_text(const daemon_state_t &daemon) {
+    if (daemon.synchronised) {
+        const std::uint64_t seconds = *daemon.synchronised / 1000;
+        return duration_text(static_cast<std::uint32_t>(seconds)) + " ago";
+    }
+#ifdef TANDREL_STORE_STATUS
+    return "not known, because tandrel is not connected to the store";
+#else
+    return std::string("not known; ") + only_with_tavd;
+#endif
 }
 
 void print_text(const status_t &status, bool colour) {
@@ -142,7 +157,7 @@ void print_text(const status_t &status, bool colour) {
         line("link:     ", true,
              shown(one.link) + (one.why.empty() ? ", managed" : ", not managed: " + one.why));
     }
-    line("last synchronisation: ", true, "not known; the store does not record it");
+    line("last synchronisation: ", true, synchronised_text(status.daemon));
     if (!status.errors) {
         line("last errors: ", true, "not readable (see journalctl -t tandrel)");
     } else if (status.errors->empty()) {

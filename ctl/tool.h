@@ -50,6 +50,10 @@ public:
 // Reads the kernel's view; the unit tests replace it.
 extern kernel_view_t (*kernel_reader)();
 
+// With another provider's store: why something is not to be had.
+constexpr const char *only_with_tavd =
+    "this needs tavd, and tandrelctl was built for another provider's store";
+
 // Why there is no connection to the store, as far as is known.
 const char *unreachable_text();
 

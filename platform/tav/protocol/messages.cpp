@@ -214,6 +214,7 @@ void put(Writer &out, const ClientStatus &value) {
     out.u32(value.registrations);
     out.u64(value.pending);
     put_bool(out, value.signalled);
+    out.u64(value.listed);
 }
 void get(Reader &in, ClientStatus &value) {
     value.session = in.u64();
@@ -223,6 +224,7 @@ void get(Reader &in, ClientStatus &value) {
     value.registrations = in.u32();
     value.pending = in.u64();
     value.signalled = get_bool(in);
+    value.listed = in.u64();
 }
 
 void put(Writer &out, const WatchdogStatus &value) {

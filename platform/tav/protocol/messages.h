@@ -108,14 +108,17 @@ struct DumpElement {
     Value value; // of type node for a node
 };
 
+constexpr std::uint64_t never_listed = UINT64_MAX;
+
 struct ClientStatus {
     std::uint64_t session = 0;
     std::uint32_t pid = 0;
     std::uint32_t uid = 0;
     bool may_write = false;
     std::uint32_t registrations = 0;
-    std::uint64_t pending = 0; // events
-    bool signalled = false;    // its descriptor is readable
+    std::uint64_t pending = 0;           // events
+    bool signalled = false;              // its descriptor is readable
+    std::uint64_t listed = never_listed; // milliseconds since it last listed a node
 };
 
 enum class WatchdogState : std::uint8_t { fine = 0, overdue = 1, gone = 2 };

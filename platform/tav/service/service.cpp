@@ -85,6 +85,9 @@ Service::Begun Service::begin(Session &session, std::string_view body, std::stri
         }
         break;
     default:
+        if (header.op == Op::list) {
+            session.list(now);
+        }
         task = make_task(*this, session, header, in.remaining());
         return task ? Begun::started : Begun::malformed;
     }

@@ -114,7 +114,7 @@ std::vector<const Event *> Session::fetch(Time now, bool &drain) {
     return events;
 }
 
-ClientStatus Session::status() const {
+ClientStatus Session::status(Time now) const {
     ClientStatus status;
     status.session = id();
     status.pid = process;
@@ -123,6 +123,10 @@ ClientStatus Session::status() const {
     status.registrations = static_cast<std::uint32_t>(registrations.size());
     status.pending = pending();
     status.signalled = wake.signalled();
+    if (listed) {
+        const auto since = std::chrono::duration_cast<std::chrono::milliseconds>(now - *listed);
+        status.listed = static_cast<std::uint64_t>(since.count());
+    }
     return status;
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -67,7 +68,9 @@ public:
         behind = false;
     }
     bool overflowed() const { return too_far_behind; }
-    ClientStatus status() const;
+    // The client asked for the children of a node.
+    void list(Time now) { listed = now; }
+    ClientStatus status(Time now) const;
 
 private:
     struct Registered {
@@ -93,6 +96,7 @@ private:
     bool behind = false;
     std::uint64_t position = 0; // while behind: of the last event that was fetched
     bool too_far_behind = false;
+    std::optional<Time> listed; // the last time
     Wake wake;
 };
 

@@ -309,7 +309,7 @@ public:
         const auto next = service.sessions().upper_bound(last);
         if (next != service.sessions().end()) {
             last = next->first;
-            clients.push_back(next->second->status());
+            clients.push_back(next->second->status(service.now()));
             return State::working;
         }
         ServiceStatus status = service.status();

@@ -148,7 +148,7 @@ TEST(Messages, EachKindSurvivesTheRoundTripAndNoCutOfIt) {
     expect_round_trip(Registration{"/a", 1, true});
     expect_round_trip(WatchdogRequest{"dog", -5, true});
     expect_round_trip(DumpElement{"/a", value});
-    expect_round_trip(ClientStatus{1, 2, 3, true, 4, 5, true});
+    expect_round_trip(ClientStatus{1, 2, 3, true, 4, 5, true, 6});
     expect_round_trip(Farewell{api_status_denied, odd});
     expect_round_trip(LimitStatus{"bytes", 1, 2, 3});
     expect_round_trip(WatchdogStatus{"dog", 2, 60, 1000, WatchdogState::gone});

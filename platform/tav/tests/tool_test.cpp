@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <thread>
 
 using namespace tavtest;
 using Json = nlohmann::json;
@@ -286,6 +287,25 @@ TEST_F(ToolTest, StatusShowsClientsQueuesAndWatchdogs) {
     EXPECT_NE(text.find("clients    2\n"), std::string::npos);
     EXPECT_NE(text.find("  worker  process "), std::string::npos);
     EXPECT_NE(text.find("pending 2"), std::string::npos);
+}
+
+TEST_F(ToolTest, StatusShowsWhenAClientLastListedANode) {
+    Client client;
+    const auto listed = [this] {
+        return Json::parse(good({"status", "--json"}))["clients"][0]["last_listing_ms"];
+    };
+    EXPECT_TRUE(listed().is_null());
+    EXPECT_EQ(good({"status"}).find("last listing"), std::string::npos);
+    client.list("/");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    client.settle();
+    EXPECT_GE(listed().get<int>(), 50); // other requests do not count
+    EXPECT_NE(good({"status"}).find("  last listing "), std::string::npos);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    const auto start = std::chrono::steady_clock::now();
+    client.list("/");
+    const int since = listed().get<int>();
+    EXPECT_LE(std::chrono::milliseconds(since), std::chrono::steady_clock::now() - start);
 }
 
 TEST_F(ToolTest, AWrongCommandLineEndsWithTwo) {

@@ -47,13 +47,15 @@ void print_json(const ServiceStatus &status) {
     }
     all["clients"] = Json::array();
     for (const ClientStatus &client : status.clients) {
-        all["clients"].push_back({{"session", client.session},
-                                  {"pid", client.pid},
-                                  {"uid", client.uid},
-                                  {"may_write", client.may_write},
-                                  {"registrations", client.registrations},
-                                  {"pending_events", client.pending},
-                                  {"signalled", client.signalled}});
+        all["clients"].push_back(
+            {{"session", client.session},
+             {"pid", client.pid},
+             {"uid", client.uid},
+             {"may_write", client.may_write},
+             {"registrations", client.registrations},
+             {"pending_events", client.pending},
+             {"signalled", client.signalled},
+             {"last_listing_ms", client.listed == never_listed ? Json() : Json(client.listed)}});
     }
     all["watchdogs"] = Json::array();
     for (const WatchdogStatus &watchdog : status.watchdogs) {
@@ -90,7 +92,11 @@ void print_text(const ServiceStatus &status) {
         std::cout << "  session " << client.session << "  process " << client.pid << "  user "
                   << client.uid << (client.may_write ? "" : "  read-only") << "  registrations "
                   << client.registrations << "  pending " << client.pending
-                  << (client.signalled ? "  signalled" : "") << '\n';
+                  << (client.signalled ? "  signalled" : "");
+        if (client.listed != never_listed) {
+            std::cout << "  last listing " << client.listed << " ms ago";
+        }
+        std::cout << '\n';
     }
     std::cout << "watchdogs  " << status.watchdogs.size() << '\n';
     for (const WatchdogStatus &watchdog : status.watchdogs) {
