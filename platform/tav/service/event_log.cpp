@@ -105,26 +105,34 @@ void EventLog::stage(Staged &staged, const Event &event, SessionId author) {
 }
 
 void EventLog::stage(Staged &done) noexcept {
-    next.batch.absorb(done.batch);
-    next.audiences.merge(done.audiences);
+    forming.batch.absorb(done.batch);
+    forming.audiences.merge(done.audiences);
     done.audiences.clear();
+}
+
+void EventLog::close_group() noexcept {
+    std::swap(closed, forming);
 }
 
 void EventLog::publish(Time now) noexcept {
     const std::uint64_t before = last_published;
-    log.absorb(next.batch);
-    last_published = last_staged;
-    for (const auto &[audience, author] : next.audiences) {
+    if (!closed.batch.empty()) {
+        last_published = closed.batch.events().back().position;
+    }
+    log.absorb(closed.batch);
+    for (const auto &[audience, author] : closed.audiences) {
         for (Session *member : audience->members) {
             member->changed(audience->path, author, before, now);
         }
     }
-    next.audiences.clear();
+    closed.audiences.clear();
 }
 
 void EventLog::drop_staged() noexcept {
-    next.batch.clear();
-    next.audiences.clear();
+    for (Staged *group : {&closed, &forming}) {
+        group->batch.clear();
+        group->audiences.clear();
+    }
 }
 
 } // namespace tav

@@ -106,17 +106,25 @@ public:
         EventBatch batch;
         std::set<std::pair<std::shared_ptr<Audience>, SessionId>> audiences; // with the author
     };
-    // Adds an event unless nobody has registered for it.
+    // Adds an event unless nobody has registered for it. Only one transaction may be in
+    // preparation.
     void stage(Staged &staged, const Event &event, SessionId author);
-    // Adds a completed transaction to those that are committed together.
+    // Adds a completed transaction to the group that forms. Its events are later than all others.
     void stage(Staged &done) noexcept;
-    // They were committed: their events are in the log, and the clients are woken.
+    // The group that forms is being committed, and the next one begins. The one before has ended.
+    void close_group() noexcept;
+    // The closed group was committed: its events are in the log, and the clients are woken.
     void publish(Time now) noexcept;
-    // They were refused.
+    // It was refused, and so is the group that forms.
     void drop_staged() noexcept;
 
     const EventBatch &published() const { return log; }
-    const EventBatch &staged() const { return next.batch; }
+    // Whether `wanted` is true for an event at or below the path that is not yet published.
+    template <typename Wanted>
+    bool any_staged(const std::string &path, Wanted wanted) const {
+        return closed.batch.any_at_or_below(path, wanted) ||
+               forming.batch.any_at_or_below(path, wanted);
+    }
     // The position of the last published event.
     std::uint64_t end() const { return last_published; }
     // No session needs events up to that position.
@@ -124,7 +132,8 @@ public:
 
 private:
     EventBatch log;
-    Staged next;
+    Staged closed; // is being committed
+    Staged forming;
     std::map<std::string, std::shared_ptr<Audience>, std::less<>> audiences;
     std::uint64_t last_published = 0;
     std::uint64_t last_staged = 0;

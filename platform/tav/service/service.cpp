@@ -147,10 +147,10 @@ void Service::write(const std::vector<Item> &items) {
 }
 
 void Service::commit() {
-    if (!served.has_group() || at_work || committer.busy()) {
+    if (!served.has_group() || committer.busy()) {
         return;
     }
-    const Edit::Changes &changes = served.group_changes();
+    const Edit::Changes &changes = served.close_group();
     note_memory(changes.size() * sizeof(Change));
     if (!changes.empty() && served.permanent().is_slow(changes.size())) {
         try {
@@ -160,7 +160,7 @@ void Service::commit() {
             // Without another thread it is done here.
         }
     }
-    served.commit(clock());
+    served.finish(changes.empty() || served.permanent().commit(changes), clock());
     group_ended();
 }
 
@@ -176,11 +176,16 @@ void Service::group_ended() {
 }
 
 bool Service::take_turn() {
-    if (at_work || committer.busy() || registrations > 0) {
+    if (at_work || registrations > 0) {
         return false;
     }
     at_work = true;
     return true;
+}
+
+void Service::registering(int change) {
+    registrations += change;
+    released += change < 0 ? 1U : 0U;
 }
 
 void Service::end_turn() {

@@ -52,8 +52,8 @@ public:
     // The same for a transaction of none of the clients, which no event makes stale.
     void write(const std::vector<Item> &items);
 
-    // Commits the completed transactions, unless one is being carried out. If that may take long,
-    // it goes on until committing() is readable.
+    // Commits the completed transactions, unless others are being committed. If that may take long,
+    // it goes on until committing() is readable; the next ones are carried out meanwhile.
     void commit();
     int committing() const { return committer.fd(); }
     void commit_ended();
@@ -75,12 +75,14 @@ public:
     // Announces or withdraws (-1) a task that waits for a turn.
     void writers(int change) { waiting_writers += change; }
     bool writers_wait() const { return waiting_writers > 0; }
-    // Announces or withdraws (-1) a task that waits until there is no group: no transaction begins
+    // Announces or withdraws (-1) a task that waits for between_groups(): no transaction begins
     // before.
-    void registering(int change) { registrations += change; }
+    void registering(int change);
     // A transaction is being carried out.
     bool busy() const { return at_work; }
-    bool between_groups() const { return !at_work && !store().has_group(); }
+    bool between_groups() const {
+        return !at_work && !store().has_group() && !store().committing();
+    }
     // Whether a call may have so many paths; the library obeys that.
     bool fits(std::size_t paths);
     // All but the clients.

@@ -73,7 +73,7 @@ bool Session::unseen(const std::string &path) const {
         return event.foreign_to(id(), behind ? position : log.end()) && wants(event);
     };
     return (behind && log.published().any_at_or_below(path, unfetched)) ||
-           log.staged().any_at_or_below(path, unfetched);
+           log.any_staged(path, unfetched);
 }
 
 std::size_t Session::pending() const {

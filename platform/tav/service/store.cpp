@@ -21,39 +21,58 @@ Store::Store(const std::string &file, Durability durability, const Nodes &initia
         sizes.note(path, element);
         return true;
     });
-    group.tree = committed;
+    forming.tree = committed;
 }
 
 std::shared_ptr<const Store::Result> Store::join(Transaction &done, EventLog::Staged &staged) {
-    if (!group.result) {
-        group.result = std::make_shared<Result>();
-        group.sizes = sizes;
+    if (!forming.result) {
+        forming.result = std::make_shared<Result>();
+        forming.sizes = committing() ? at_storage.sizes : sizes;
     }
-    group.tree = done.tree();
-    group.changes.splice(group.changes.end(), done.changes());
-    group.sizes.raise(done.largest());
+    forming.tree = done.tree();
+    forming.changes.splice(forming.changes.end(), done.changes());
+    forming.sizes.raise(done.largest());
     log.stage(staged);
-    return group.result;
+    return forming.result;
 }
 
-void Store::commit(Time now) {
-    finish(group.changes.empty() || storage->commit(group.changes), now);
+void Store::Group::end(bool stored) noexcept {
+    changes.clear();
+    if (result) {
+        result->known = true;
+        result->stored = stored;
+        result.reset();
+    }
+}
+
+const Edit::Changes &Store::close_group() noexcept {
+    at_storage.tree = forming.tree;
+    at_storage.sizes = forming.sizes;
+    at_storage.changes.swap(forming.changes);
+    at_storage.result.swap(forming.result);
+    log.close_group();
+    return at_storage.changes;
 }
 
 void Store::finish(bool stored, Time now) noexcept {
     if (stored) {
-        changed += group.changes.empty() ? 0U : 1U;
-        std::swap(committed, group.tree);
-        sizes = group.sizes;
+        changed += at_storage.changes.empty() ? 0U : 1U;
+        committed = at_storage.tree;
+        sizes = at_storage.sizes;
         log.publish(now);
     } else {
         log.drop_staged();
+        at_storage.tree = committed;
+        forming.tree = committed;
+        forming.end(false);
+        ++refused;
     }
-    group.tree = committed;
-    group.changes.clear();
-    group.result->known = true;
-    group.result->stored = stored;
-    group.result.reset();
+    at_storage.end(stored);
+}
+
+void Store::commit(Time now) {
+    const Edit::Changes &changes = close_group();
+    finish(changes.empty() || storage->commit(changes), now);
 }
 
 api_status_t read_leaf(const Tree &tree, std::string_view path, const Value *&value) {
@@ -80,7 +99,7 @@ std::vector<api_status_t> Store::transact(const std::vector<Item> &items,
     put_all(encoded, items);
     const std::string frame = encoded.finish();
     EventLog::Staged staged;
-    Transaction transaction(group.tree, std::string_view(frame).substr(length_bytes),
+    Transaction transaction(forming.tree, std::string_view(frame).substr(length_bytes),
                             std::time(nullptr), byte_limit, unseen,
                             [&](const Event &event) { log.stage(staged, event, author); });
     Transaction::State state = Transaction::State::working;

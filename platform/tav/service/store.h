@@ -1,7 +1,8 @@
 // The store: the tree, its storage, and what is being written.
 //
 // One transaction at a time is carried out, on a tree that nobody else sees. Completed ones form a
-// group, which is committed at once; only then do readers see its changes.
+// group, which is committed at once; only then do readers see its changes. While it is committed,
+// the next group forms on top of it. If it is refused, so is the next one.
 #pragma once
 
 #include <functional>
@@ -57,19 +58,24 @@ public:
         bool known = false;
         bool stored = false;
     };
-    // The group, for a transaction to begin with. Only one may be at work at a time, and none while
-    // the group is committed.
-    const Tree &group_tree() const { return group.tree; }
-    // Adds a completed transaction and its events to the group. May throw std::bad_alloc, and has
-    // then no effect.
+    // For a transaction to begin with. Only one may be at work at a time.
+    const Tree &group_tree() const { return forming.tree; }
+    // Increases when that tree was refused; a transaction that began with it must begin again.
+    std::uint64_t refusals() const { return refused; }
+    // Adds a completed transaction and its events to the group that forms. May throw
+    // std::bad_alloc, and has then no effect.
     std::shared_ptr<const Result> join(Transaction &done, EventLog::Staged &staged);
-    bool has_group() const { return group.result != nullptr; }
-    // What the storage must commit; empty if nothing has to be stored.
-    const Edit::Changes &group_changes() const { return group.changes; }
-    // Commits the group, however long that takes, and publishes or drops it.
-    void commit(Time now);
-    // The storage has committed the group, or has not: publishes or drops it.
+    // A group forms; one is being committed.
+    bool has_group() const { return forming.result != nullptr; }
+    bool committing() const { return at_storage.result != nullptr; }
+    // Closes the group that forms, if there is one and none is being committed. The storage must
+    // commit what is returned, unless it is empty; it is valid until finish().
+    const Edit::Changes &close_group() noexcept;
+    // The storage has committed the closed group, or has not: publishes it, or drops it and the one
+    // that forms.
     void finish(bool stored, Time now) noexcept;
+    // Closes and commits the group, however long that takes, and publishes or drops it.
+    void commit(Time now);
     Storage &permanent() { return *storage; }
 
 private:
@@ -78,14 +84,18 @@ private:
         Edit::Changes changes;
         Sizes sizes;
         std::shared_ptr<Result> result; // null: there is no group
+
+        void end(bool stored) noexcept;
     };
 
     Tree committed;
     std::unique_ptr<Storage> storage;
     std::uint64_t changed = 0;
+    std::uint64_t refused = 0;
     Sizes sizes;
     EventLog log;
-    Group group;
+    Group at_storage; // closed, and being committed
+    Group forming;
 };
 
 } // namespace tav

@@ -144,14 +144,13 @@ public:
         }
         if (transaction && has_turn && service.writers_wait() && gives_way()) {
             end();
-            staged = {};
-            gave_way = true;
             return wait();
         }
+        if (transaction && has_turn && refusals != service.store().refusals()) {
+            start(); // what it builds on was not stored
+        }
         if (!transaction) {
-            // Those it gave way to are committed first.
-            has_turn = session.may_write() && !(gave_way && service.store().has_group()) &&
-                       service.take_turn();
+            has_turn = session.may_write() && service.take_turn();
             if (session.may_write() && !has_turn) {
                 return wait();
             }
@@ -197,6 +196,8 @@ private:
     // For a client that may not write, the items are only checked; that needs no turn.
     void start() {
         began = std::chrono::steady_clock::now();
+        refusals = service.store().refusals();
+        staged = {};
         transaction.emplace(
             service.store().group_tree(), items, std::time(nullptr), service.store().byte_limit,
             [this](const std::string &path) { return session.unseen(path); },
@@ -231,9 +232,9 @@ private:
     std::optional<Transaction> transaction;
     bool has_turn = false;
     bool waits = false; // for a turn
-    bool gave_way = false;
     std::chrono::steady_clock::time_point asked = std::chrono::steady_clock::now();
     std::chrono::steady_clock::time_point began; // the last time
+    std::uint64_t refusals = 0;                  // when it began
     std::shared_ptr<const Store::Result> result;
 };
 
@@ -247,17 +248,19 @@ public:
         Reader in(content);
         get(in, registration);
         well_formed = in.finished();
-        service.registering(1);
     }
-    ~Register() override { service.registering(-1); }
+    ~Register() override { stop_waiting(); }
 
     State step() override {
         if (!well_formed) {
             return State::malformed;
         }
         if (!service.between_groups()) {
+            service.registering(waits ? 0 : 1);
+            waits = true;
             return State::blocked;
         }
+        stop_waiting();
         const api_status_t status = session.register_events(registration, service.now());
         service.usage().count(status);
         service.usage().raise(Limit::registrations, session.registered());
@@ -266,10 +269,16 @@ public:
     }
 
 private:
+    void stop_waiting() {
+        service.registering(waits ? -1 : 0);
+        waits = false;
+    }
+
     Service &service;
     Session &session;
     Registration registration;
     bool well_formed = false;
+    bool waits = false;
 };
 
 class Watch : public Task {

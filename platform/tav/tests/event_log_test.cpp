@@ -39,6 +39,10 @@ protected:
     }
     void change(SessionId author, const std::vector<Event> &events) {
         stage(author, events);
+        publish();
+    }
+    void publish() {
+        log.close_group();
         log.publish(Time{});
     }
 
@@ -79,7 +83,7 @@ TEST_F(EventLogTest, EventsOfOneGroupAreMergedToo) {
     one.fetched();
     stage(somebody, {set_a, set_b});
     stage(two.id(), {set_a});
-    log.publish(Time{});
+    publish();
     EXPECT_EQ(one.fetched(), (Names{"2 /b", "2 /a"}));
 }
 
@@ -93,6 +97,36 @@ TEST_F(EventLogTest, ARefusedGroupLeavesNothing) {
     EXPECT_FALSE(one.unseen("/a"));
     change(somebody, {set_b});
     EXPECT_EQ(one.fetched(), Names{"2 /b"});
+}
+
+TEST_F(EventLogTest, AGroupIsPublishedWithoutTheNextOne) {
+    one.watch("/");
+    one.fetched();
+    stage(somebody, {set_a});
+    log.close_group();
+    stage(somebody, {set_b});
+    EXPECT_TRUE(one.unseen("/a"));
+    EXPECT_TRUE(one.unseen("/b"));
+    log.publish(Time{});
+    EXPECT_EQ(one.fetched(), Names{"2 /a"});
+    EXPECT_FALSE(one.unseen("/a"));
+    EXPECT_TRUE(one.unseen("/b"));
+    publish();
+    EXPECT_EQ(one.fetched(), Names{"2 /b"});
+    EXPECT_FALSE(one.unseen("/b"));
+}
+
+TEST_F(EventLogTest, ARefusedGroupTakesTheNextOneWithIt) {
+    one.watch("/");
+    one.fetched();
+    stage(somebody, {set_a});
+    log.close_group();
+    stage(somebody, {set_b});
+    log.drop_staged();
+    EXPECT_FALSE(one.unseen("/a"));
+    EXPECT_FALSE(one.unseen("/b"));
+    publish();
+    EXPECT_EQ(one.fetched(), Names{});
 }
 
 TEST_F(EventLogTest, EachClientGetsWhatItHasNotFetched) {

@@ -143,8 +143,9 @@ TEST_F(TurnsTest, ALongTransactionGivesWayToOtherWriters) {
     EXPECT_EQ(short_one->step(), State::blocked);
     EXPECT_EQ(long_one->step(), State::blocked);
     EXPECT_EQ(short_one->step(), State::blocked) << "waits for the commit";
+    EXPECT_EQ(long_one->step(), State::working);
     service.commit();
-    EXPECT_EQ(short_one->step(), State::done);
+    EXPECT_EQ(short_one->step(), State::done) << "is committed meanwhile";
     State state = State::working;
     while (state == State::working) {
         state = long_one->step();

@@ -1,0 +1,226 @@
+// Groups of transactions: while one is at the storage, the next forms on top of it.
+#include <gtest/gtest.h>
+
+#include <poll.h>
+
+#include <condition_variable>
+#include <mutex>
+
+#include "protocol/limits.h"
+#include "service/service.h"
+
+using namespace tav;
+using State = Task::State;
+
+namespace {
+
+// Each commit takes until the test ends it.
+class SlowStorage : public Storage {
+public:
+    bool commit(const Edit::Changes &changes) override {
+        std::unique_lock<std::mutex> lock(mutex);
+        ended.wait(lock, [this] { return outcome.has_value(); });
+        committed.push_back(changes.size());
+        const bool stored = *outcome;
+        outcome.reset();
+        return stored;
+    }
+    bool is_slow(std::size_t /*changes*/) const override { return true; }
+    void end(bool stored) {
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            outcome = stored;
+        }
+        ended.notify_one();
+    }
+
+    std::vector<std::size_t> committed; // the number of changes of each
+
+private:
+    std::mutex mutex;
+    std::condition_variable ended;
+    std::optional<bool> outcome;
+};
+
+class GroupsTest : public ::testing::Test {
+protected:
+    GroupsTest()
+        : storage(new SlowStorage), store(std::unique_ptr<Storage>(storage)),
+          service(store, "", [] { return Time{}; }), client(service.open({}, true)),
+          other(service.open({}, true)) {}
+
+    struct Request {
+        std::string body;
+        std::unique_ptr<Task> task;
+
+        State step() const { return task->step(); }
+        // The last byte of the answer, which is the status of the last path.
+        int status() const { return task->take_frame(false).back(); }
+    };
+    Request begin(Session &session, Op op, const std::function<void(Writer &)> &content) {
+        Writer out;
+        put(out, RequestHeader{op, 1});
+        content(out);
+        Request request{out.finish(), nullptr};
+        std::string reply;
+        EXPECT_EQ(service.begin(session, std::string_view(request.body).substr(length_bytes), reply,
+                                request.task),
+                  Service::Begun::started);
+        return request;
+    }
+    Request write(const std::vector<Item> &items) {
+        return begin(client, Op::transact, [&items](Writer &out) { put_all(out, items); });
+    }
+    static Item set(const std::string &path, const std::string &text = "1") {
+        return {ItemKind::set, path, {element_type_string, text, no_time}};
+    }
+    Request watch() {
+        return begin(other, Op::event_register, [](Writer &out) {
+            put(out, Registration{"/", api_event_change, false});
+        });
+    }
+    // Ends the commit that the second thread does.
+    void end_commit(bool stored) {
+        storage->end(stored);
+        pollfd entry{service.committing(), POLLIN, 0};
+        EXPECT_EQ(::poll(&entry, 1, 10000), 1);
+        service.commit_ended();
+    }
+    std::string text(const std::string &path) const {
+        const Value *value = nullptr;
+        const api_status_t status = read_leaf(store.tree(), path, value);
+        return value != nullptr ? value->text : "status " + std::to_string(status);
+    }
+    std::size_t fetched() {
+        bool drain = false;
+        return other.fetch(Time{}, drain).size();
+    }
+
+    const std::string absent = "status " + std::to_string(api_status_absent);
+    SlowStorage *storage;
+    Store store;
+    Service service;
+    Session &client;
+    Session &other;
+};
+
+} // namespace
+
+TEST_F(GroupsTest, TheNextOneFormsWhileOneIsStored) {
+    watch().step();
+    fetched();
+    const Request first = write({set("/a"), set("/b")});
+    EXPECT_EQ(first.step(), State::blocked);
+    service.commit();
+    const Request second = write({set("/a", "2")});
+    const Request third = write({set("/c")});
+    EXPECT_EQ(second.step(), State::blocked);
+    EXPECT_EQ(third.step(), State::blocked);
+    service.commit();
+    EXPECT_EQ(text("/a"), absent);
+    EXPECT_EQ(fetched(), 0U);
+
+    end_commit(true);
+    EXPECT_EQ(text("/a"), "1") << "only what is stored is seen";
+    EXPECT_EQ(text("/c"), absent);
+    EXPECT_EQ(fetched(), 2U);
+    EXPECT_EQ(first.step(), State::done);
+    EXPECT_EQ(second.step(), State::blocked);
+    EXPECT_TRUE(other.unseen("/c"));
+
+    service.commit();
+    end_commit(true);
+    EXPECT_EQ(text("/a"), "2");
+    EXPECT_EQ(text("/c"), "1");
+    EXPECT_EQ(fetched(), 2U);
+    EXPECT_EQ(second.step(), State::done);
+    EXPECT_EQ(second.status(), api_status_ok);
+    EXPECT_EQ(storage->committed, (std::vector<std::size_t>{2, 2}));
+    EXPECT_EQ(store.revision(), 2U);
+    EXPECT_EQ(store.largest().children, 3U);
+}
+
+TEST_F(GroupsTest, ARefusedOneTakesTheNextOneWithIt) {
+    watch().step();
+    fetched();
+    const Request first = write({set("/a/b/c")});
+    const Request second = write({set("/a/b/d")});
+    EXPECT_EQ(first.step(), State::blocked);
+    service.commit();
+    EXPECT_EQ(second.step(), State::blocked);
+    end_commit(false);
+    for (const Request *request : {&first, &second}) {
+        EXPECT_EQ(request->step(), State::done);
+        EXPECT_EQ(request->status(), api_status_failed);
+    }
+    EXPECT_EQ(text("/a/b/d"), absent);
+    EXPECT_EQ(fetched(), 0U);
+    EXPECT_FALSE(other.unseen("/a/b/d"));
+    EXPECT_EQ(store.largest().depth, 0U);
+
+    const Request third = write({set("/c")});
+    EXPECT_EQ(third.step(), State::blocked);
+    service.commit();
+    end_commit(true);
+    EXPECT_EQ(third.step(), State::done);
+    EXPECT_EQ(text("/c"), "1");
+    EXPECT_EQ(store.tree().extent().elements(), 2U);
+    EXPECT_EQ(storage->committed.back(), 1U);
+    EXPECT_EQ(fetched(), 1U);
+}
+
+TEST_F(GroupsTest, ATransactionOnARefusedOneBeginsAgain) {
+    const Request first = write({set("/a")});
+    EXPECT_EQ(first.step(), State::blocked);
+    service.commit();
+    const Request many = write(std::vector<Item>(1000, set("/b")));
+    EXPECT_EQ(many.step(), State::working);
+    end_commit(false);
+    State state = State::working;
+    while (state == State::working) {
+        state = many.step();
+    }
+    EXPECT_EQ(state, State::blocked);
+    service.commit();
+    end_commit(true);
+    EXPECT_EQ(many.step(), State::done);
+    EXPECT_EQ(text("/a"), absent);
+    EXPECT_EQ(text("/b"), "1");
+}
+
+TEST_F(GroupsTest, ARegistrationWaitsForAllThatIsNotStored) {
+    const Request first = write({set("/a")});
+    EXPECT_EQ(first.step(), State::blocked);
+    service.commit();
+    const Request second = write({set("/b")});
+    EXPECT_EQ(second.step(), State::blocked);
+    const Request registration = watch();
+    EXPECT_EQ(registration.step(), State::blocked);
+    const Request third = write({set("/c")});
+    EXPECT_EQ(third.step(), State::blocked) << "lets the registration be first";
+    end_commit(true);
+    EXPECT_EQ(registration.step(), State::blocked);
+    service.commit();
+    end_commit(true);
+    EXPECT_EQ(third.step(), State::blocked);
+    EXPECT_FALSE(store.has_group());
+
+    const std::uint64_t before = service.releases();
+    EXPECT_EQ(registration.step(), State::done);
+    EXPECT_GT(service.releases(), before) << "or the write would wait for ever";
+    EXPECT_EQ(fetched(), 1U) << "the notice";
+    EXPECT_EQ(third.step(), State::blocked);
+    EXPECT_TRUE(store.has_group());
+    service.commit();
+    end_commit(true);
+    EXPECT_EQ(fetched(), 1U);
+}
+
+TEST_F(GroupsTest, ARegistrationThatNeedNotWaitStopsNoTransaction) {
+    const Request registration = watch();
+    const Request first = write({set("/a")});
+    EXPECT_EQ(first.step(), State::blocked);
+    EXPECT_TRUE(store.has_group());
+    service.commit();
+    end_commit(true);
+}
