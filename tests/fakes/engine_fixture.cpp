@@ -1,5 +1,6 @@
 #include "fakes/engine_fixture.h"
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -21,6 +22,16 @@ std::string shortened(std::string text) {
         text.replace(found, node.size(), "~");
     }
     return text;
+}
+
+const std::array<const char *, 4> type_texts = {"unset", "Link-Local", "Automatic", "Static"};
+
+// The words of "<address>/<length> <type text> <node>"; the node's name may contain blanks.
+std::array<std::string, 3> words_of(const std::string &entry) {
+    const std::size_t first = entry.find(' ');
+    const std::size_t second = entry.find(' ', first + 1);
+    return {entry.substr(0, first), entry.substr(first + 1, second - first - 1),
+            entry.substr(second + 1)};
 }
 
 in6_addr attribute_address(const fake_libnl::bytes_t &body, std::size_t header, int wanted) {
@@ -79,8 +90,8 @@ std::string kernel_request(const std::string &entry) {
     return begins_with(entry, "nl_send_simple(26,") ? "kernel: dump routes" : entry;
 }
 
-std::vector<std::string> record_of(bool with_log) {
-    std::vector<std::string> all;
+strings record_of(bool with_log) {
+    strings all;
     std::size_t sent = 0;
     for (const auto &one : journal::entries()) {
         if (begins_with(one, "log ")) {
@@ -106,16 +117,16 @@ tk_string at(const tk_string &rest) {
     return tk_string(interfaces_node) + "/" + rest;
 }
 
-std::vector<std::string> record() {
+strings record() {
     return record_of(true);
 }
 
-std::vector<std::string> effects() {
+strings effects() {
     return record_of(false);
 }
 
-std::vector<std::string> changes() {
-    std::vector<std::string> all;
+strings changes() {
+    strings all;
     for (const auto &effect : effects()) {
         if (!begins_with(effect, "list_node(") && !begins_with(effect, "get_lea")) {
             all.push_back(effect);
@@ -124,8 +135,8 @@ std::vector<std::string> changes() {
     return all;
 }
 
-std::vector<std::string> lines() {
-    std::vector<std::string> texts;
+strings lines() {
+    strings texts;
     for (const auto &line : captured::log()) {
         const std::size_t colon = line.text.find(": ");
         texts.push_back(colon == std::string::npos ? line.text : line.text.substr(colon + 2));
@@ -200,6 +211,16 @@ void EngineTest::know(std::int32_t ifindex, const std::string &text, int prefix_
     entry(ifindex).addresses.push_back(address);
 }
 
+void EngineTest::know(std::int32_t ifindex, const strings &addresses) {
+    for (const auto &one : addresses) {
+        const auto [address, type, node] = words_of(one);
+        const std::size_t slash = address.find('/');
+        const auto at = std::find(type_texts.begin(), type_texts.end(), type) - type_texts.begin();
+        know(ifindex, address.substr(0, slash), std::stoi(address.substr(slash + 1)),
+             static_cast<std::int32_t>(at), node);
+    }
+}
+
 void EngineTest::know_gateway(std::int32_t ifindex, const std::string &gateway) {
     CFullRoute route;
     route.gateway = fake_libnl::addr(gateway);
@@ -208,12 +229,11 @@ void EngineTest::know_gateway(std::int32_t ifindex, const std::string &gateway) 
     entry(ifindex).gateway = route;
 }
 
-std::vector<std::string> EngineTest::table(std::int32_t ifindex) {
-    static const std::array<const char *, 4> types = {"unset", "Link-Local", "Automatic", "Static"};
-    std::vector<std::string> all;
+strings EngineTest::table(std::int32_t ifindex) {
+    strings all;
     for (const auto &one : entry(ifindex).addresses) {
         all.push_back(text_of(one.addr) + "/" + std::to_string(one.prefix_len) + " " +
-                      types.at(static_cast<std::size_t>(one.type)) + " " + one.node);
+                      type_texts.at(static_cast<std::size_t>(one.type)) + " " + one.node);
     }
     return all;
 }
@@ -228,6 +248,33 @@ void EngineTest::store(int number, const tk_string &node, const tk_string &addre
     const tk_string path = at(std::to_string(number) + "/IPv6/Addresses/" + node);
     fake_tav::put(path + "/Address/Value", address);
     fake_tav::put(path + "/Type/Value", type);
+}
+
+void EngineTest::store(int number, const strings &addresses) {
+    for (const auto &one : addresses) {
+        const auto [address, type, node] = words_of(one);
+        store(number, node, address, type);
+    }
+}
+
+void EngineTest::store_empty(int number) {
+    const tk_string interface = at(std::to_string(number));
+    fake_tav::put_node(interface);
+    fake_tav::erase(interface);
+    fake_tav::put_node(interface);
+}
+
+strings EngineTest::stored(int number) {
+    strings all;
+    const tk_string addresses = at(std::to_string(number) + "/IPv6/Addresses");
+    for (const auto &node : fake_tav::children(addresses)) {
+        const tk_string path = addresses + "/" + node;
+        if (fake_tav::exists(path + "/Address/Value")) {
+            all.push_back(fake_tav::text(path + "/Address/Value") + " " +
+                          fake_tav::text(path + "/Type/Value") + " " + node);
+        }
+    }
+    return all;
 }
 
 void EngineTest::store_gateway(int number, const tk_string &gateway) {

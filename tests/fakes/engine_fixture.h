@@ -17,6 +17,8 @@
 #include "netlink/channel.h"
 #include "sync/sync.h"
 
+using strings = std::vector<std::string>;
+
 // The engine with public access to everything that a test calls or examines.
 struct Engine : CSync {
     using CSync::CSync;
@@ -69,13 +71,13 @@ tk_string at(const tk_string &rest);
 //   - each message to the kernel: "kernel: add 2001:db8::5/64 dev 3", "kernel: delete ...",
 //     "kernel: add ::/0 via fe80::1 dev 3", "kernel: dump links" (addrs, routes);
 // with "~" for the path of the interfaces' node. Other calls of the netlink library are omitted.
-std::vector<std::string> record();
+strings record();
 // The record without the log lines.
-std::vector<std::string> effects();
+strings effects();
 // The effects without reads of the store.
-std::vector<std::string> changes();
+strings changes();
 // The texts of the log lines alone, without prefix.
-std::vector<std::string> lines();
+strings lines();
 
 class EngineTest : public DaemonTest {
 protected:
@@ -99,18 +101,24 @@ protected:
     void track(std::int32_t ifindex, const tk_string &name, std::int32_t number);
     ifcfg_t &entry(std::int32_t ifindex);
 
-    // Appends an address to the table's entry of a link.
+    // Appends addresses to the table's entry of a link.
     void know(std::int32_t ifindex, const std::string &text, int prefix_len, std::int32_t type,
               const tk_string &node);
+    void know(std::int32_t ifindex, const strings &addresses); // as table() returns them
     void know_gateway(std::int32_t ifindex, const std::string &gateway);
     // The addresses of a link in the table: "<address>/<length> <type text> <node>", in order.
-    std::vector<std::string> table(std::int32_t ifindex);
+    strings table(std::int32_t ifindex);
     // The gateway of a link in the table, "" if it has none.
     std::string gateway(std::int32_t ifindex);
 
     // Puts an address (or the gateway) into the store under interface `number`.
     static void store(int number, const tk_string &node, const tk_string &address,
                       const tk_string &type);
+    static void store(int number, const strings &addresses); // written as in table()
+    // Interface `number` with nothing below it.
+    static void store_empty(int number);
+    // The nodes with addresses that interface `number` has in the store, written as in table().
+    static strings stored(int number);
     static void store_gateway(int number, const tk_string &gateway);
 
     // Queues a datagram and lets the engine handle it.

@@ -10,8 +10,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 class StoreEvents : public EngineTest {
 protected:
     void SetUp() override {

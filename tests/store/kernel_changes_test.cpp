@@ -9,8 +9,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 class WriteKernelRoute : public EngineTest {
 protected:
     void SetUp() override {
@@ -124,10 +122,9 @@ protected:
         EngineTest::SetUp();
         engine().state = 4;
         track(5, "eth0", 1);
-        know(5, "fe80::1", 64, 1, "1");
-        know(5, "2001:db8::5", 64, 2, "office");
-        know(5, "2001:db8::6", 64, 3, "3");
-        store(1, "office", "2001:db8::5/64", "Automatic");
+        know(5, {"fe80::1/64 Link-Local 1", "2001:db8::5/64 Automatic office",
+                 "2001:db8::6/64 Static 3"});
+        store(1, {"2001:db8::5/64 Automatic office"});
     }
 };
 
@@ -154,9 +151,8 @@ TEST_F(RemoveKernelAddress, OutsideTheNormalStateTheTableFollowsAndTheStoreDoesN
 
 TEST_F(RemoveKernelAddress, StepsOverTheEntryThatMovedIntoTheErasedPlace) {
     entry(5).addresses.clear();
-    know(5, "2001:db8::5", 64, 2, "1");
-    know(5, "2001:db8::5", 64, 2, "2");
-    know(5, "2001:db8::5", 64, 2, "3");
+    know(5, {"2001:db8::5/64 Automatic 1", "2001:db8::5/64 Automatic 2",
+             "2001:db8::5/64 Automatic 3"});
     engine().remove_kern_addr_from_tav(kern_addr(5, "2001:db8::5", 64));
     EXPECT_EQ(table(5), strings{"2001:db8::5/64 Automatic 2"});
     EXPECT_EQ(effects(),

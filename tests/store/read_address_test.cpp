@@ -9,7 +9,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
 using toolkit::CElement;
 
 const char *const gateway_signature =
@@ -129,25 +128,25 @@ protected:
 };
 
 TEST_F(ReadAddress, TakesAddressLengthTypeAndNodeInOneCall) {
-    store(1, "7", "2001:db8::5/64", "Static");
+    store(1, {"2001:db8::5/64 Static 7"});
     EXPECT_EQ(text(read()), "2001:db8::5/64 3 7");
     EXPECT_EQ(effects(), strings{"get_leaves(~/1/IPv6/Addresses/7/Address/Value, "
                                  "~/1/IPv6/Addresses/7/Type/Value)"});
-    store(1, "7", "2001:db8::5/64", "Automatic");
+    store(1, {"2001:db8::5/64 Automatic 7"});
     EXPECT_EQ(read().type, 2);
-    store(1, "7", "fe80::5/128", "Link-Local");
+    store(1, {"fe80::5/128 Link-Local 7"});
     EXPECT_EQ(text(read()), "fe80::5/128 1 7");
 }
 
 TEST_F(ReadAddress, LogsWhatItReadsAtLevelFour) {
-    store(1, "7", "2001:DB8::5/64", "Static");
+    store(1, {"2001:DB8::5/64 Static 7"});
     expect_logged_at(4, 6, "Info: Discovering TAV addr on '" + node + "'", [this] { read(); });
     expect_logged_at(4, 6, "Info: Read TAV address 7 ('2001:DB8::5/64') (Static) on '" + node + "'",
                      [this] { read(); });
 }
 
 TEST_F(ReadAddress, AFailedCallIsAnErrorEvenWithoutOutputs) {
-    store(1, "7", "2001:db8::5/64", "Static");
+    store(1, {"2001:db8::5/64 Static 7"});
     fake_tav::on_call("get_leaves").returns(-5).statuses({0, 0});
     EXPECT_EQ(thrown<sync_err>([this] { read(); }),
               std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned -5/0/0");
@@ -195,7 +194,7 @@ TEST_F(ReadAddress, TheStatusesAreJudgedBeforeTheValues) {
 
 // The address sanitizer reports a read beyond the end.
 TEST_F(ReadAddress, AnAnswerForFewerLeavesIsAMinorError) {
-    store(1, "7", "2001:db8::5/64", "Static");
+    store(1, {"2001:db8::5/64 Static 7"});
     const std::string returned =
         std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned ";
     fake_tav::on_call("get_leaves").shortens_statuses(1);
@@ -211,14 +210,14 @@ TEST_F(ReadAddress, AnAnswerForFewerLeavesIsAMinorError) {
 }
 
 TEST_F(ReadAddress, AnAddressWithoutPrefixLengthIsRefused) {
-    store(1, "7", "2001:db8::5", "Static");
+    store(1, {"2001:db8::5 Static 7"});
     EXPECT_EQ(thrown<sync_addr_err>([this] { read(); }),
               std::string(str_to_addr_signature) +
                   ": No prefix specified in address string: '2001:db8::5'");
 }
 
 TEST_F(ReadAddress, TheAddressIsJudgedBeforeTheType) {
-    store(1, "7", "nonsense/64", "nonsense");
+    store(1, {"nonsense/64 nonsense 7"});
     EXPECT_EQ(thrown<sync_addr_err>([this] { read(); }),
               std::string(str_to_addr_signature) +
                   ": Can't convert string 'nonsense' to IPv6 address");
@@ -254,9 +253,8 @@ protected:
 };
 
 TEST_F(ReadAddresses, KeepTheOrderOfTheListingAndTheNamesOfTheNodes) {
-    store(1, "9", "2001:db8::9/64", "Static");
-    store(1, "office", "2001:db8::2/64", "Automatic");
-    store(1, "1", "fe80::1/64", "Link-Local");
+    store(1, {"2001:db8::9/64 Static 9", "2001:db8::2/64 Automatic office",
+              "fe80::1/64 Link-Local 1"});
     EXPECT_EQ(read(), (strings{"2001:db8::9/64 3 9", "2001:db8::2/64 2 office", "fe80::1/64 1 1"}));
 }
 
@@ -268,7 +266,7 @@ TEST_F(ReadAddresses, AreNoneWhereTheStoreHasNoSuchNode) {
 
 // The content of the listing must be ignored if the store has no such node, or refuses to list it.
 TEST_F(ReadAddresses, AreNoneForARefusedListingWithAnyContent) {
-    store(1, "7", "2001:db8::5/64", "Static");
+    store(1, {"2001:db8::5/64 Static 7"});
     for (const int status : {0, 2, 5}) {
         fake_tav::on_call("list_node")
             .statuses({status})
@@ -279,7 +277,7 @@ TEST_F(ReadAddresses, AreNoneForARefusedListingWithAnyContent) {
 }
 
 TEST_F(ReadAddresses, LogTheListingAtLevelFour) {
-    store(1, "9", "2001:db8::9/64", "Static");
+    store(1, {"2001:db8::9/64 Static 9"});
     expect_logged_at(4, 6, "Info: Discovering TAV addresses on '" + ipv6 + "'", [this] { read(); });
     expect_logged_at(4, 6, "Info: Found TAV address '9'", [this] { read(); });
     verbosity = 4;
@@ -296,7 +294,7 @@ TEST_F(ReadAddresses, LogTheListingAtLevelFour) {
 
 TEST_F(ReadAddresses, SkipLeavesWithoutALogLine) {
     fake_tav::put(ipv6 + "/Addresses/note", "text");
-    store(1, "1", "2001:db8::1/64", "Static");
+    store(1, {"2001:db8::1/64 Static 1"});
     verbosity = 4;
     EXPECT_EQ(read(), strings{"2001:db8::1/64 3 1"});
     EXPECT_EQ(fake_tav::calls("get_leaves").size(), 1U);
@@ -315,11 +313,9 @@ TEST_F(ReadAddresses, LeavesOfEveryTypeAreSkipped) {
 }
 
 TEST_F(ReadAddresses, ABadOneIsLoggedAtLevelTwoAndTheOthersAreKept) {
-    store(1, "1", "2001:db8::1/64", "Static");
-    store(1, "2", "2001:db8::2/64", "static");
+    store(1, {"2001:db8::1/64 Static 1", "2001:db8::2/64 static 2"});
     fake_tav::put(ipv6 + "/Addresses/3/Address/Value", "2001:db8::3/64");
-    store(1, "4", "2001:db8::4/129", "Static");
-    store(1, "5", "2001:db8::5/64", "Automatic");
+    store(1, {"2001:db8::4/129 Static 4", "2001:db8::5/64 Automatic 5"});
     EXPECT_EQ(read(), (strings{"2001:db8::1/64 3 1", "2001:db8::5/64 2 5"}));
     for (const std::string &why :
          {std::string(addr_signature) + ": Unknown addr type 'static'",
@@ -338,9 +334,7 @@ TEST_F(ReadAddresses, AFailedListingIsAnError) {
 }
 
 TEST_F(ReadAddresses, AFailedCallForOneAddressEndsTheReading) {
-    store(1, "1", "2001:db8::1/64", "Static");
-    store(1, "2", "2001:db8::2/64", "Static");
-    store(1, "3", "2001:db8::3/64", "Static");
+    store(1, {"2001:db8::1/64 Static 1", "2001:db8::2/64 Static 2", "2001:db8::3/64 Static 3"});
     fake_tav::on_call("get_leaves", 2).returns(-5).statuses({0});
     EXPECT_EQ(thrown<sync_err>([this] { read(); }), std::string(addr_signature) +
                                                         ": CTav::get_leaves(" + ipv6 +

@@ -10,8 +10,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 const char *const all_signature = "tavcfg_map_t CSync::read_all_tav_ipv6_settings()";
 
 class ReadInterface : public EngineTest {
@@ -40,7 +38,7 @@ TEST_F(ReadInterface, TheKernelNameIsCutAt255Characters) {
 
 TEST_F(ReadInterface, ReadsItsGatewayAndThenItsAddresses) {
     store_gateway(2, "fe80::1");
-    store(2, "1", "2001:db8::1/64", "Static");
+    store(2, {"2001:db8::1/64 Static 1"});
     const tavcfg_t stored = read("2");
     ASSERT_TRUE(stored.gateway);
     EXPECT_EQ(text_of(stored.gateway->gateway), "fe80::1");
@@ -82,7 +80,7 @@ TEST_F(ReadInterface, ANameThatIsNoPositiveNumberIsAMinorErrorWithoutSignature) 
 }
 
 TEST_F(ReadInterface, ABadGatewayIsDroppedAndTheAddressesAreKept) {
-    store(1, "1", "2001:db8::1/64", "Static");
+    store(1, {"2001:db8::1/64 Static 1"});
     store_gateway(1, "nonsense");
     tavcfg_t stored = read("1");
     EXPECT_FALSE(stored.gateway);
@@ -128,7 +126,7 @@ protected:
 
 TEST_F(ReadAll, KeysAreThePositionsInTheListingAndNotTheNumbers) {
     fake_tav::put(at("note"), "a leaf");
-    store(5, "1", "2001:db8::1/64", "Static");
+    store(5, {"2001:db8::1/64 Static 1"});
     fake_tav::put(at("another"), "a leaf");
     store_gateway(2, "fe80::1");
     EXPECT_EQ(read(), (map{{1, "5 eth4 1"}, {3, "2 eth1 0 gateway"}}));
@@ -186,8 +184,8 @@ TEST_F(ReadAll, OneChildThatIsNoInterfaceEndsTheWholeReading) {
 }
 
 TEST_F(ReadAll, AFailedCallFarDownEndsTheWholeReading) {
-    store(1, "1", "2001:db8::1/64", "Static");
-    store(2, "1", "2001:db8::2/64", "Static");
+    store(1, {"2001:db8::1/64 Static 1"});
+    store(2, {"2001:db8::2/64 Static 1"});
     fake_tav::on_path("list_node", at("2/IPv6/Addresses")).returns(-2);
     EXPECT_EQ(thrown<sync_err>([this] { read(); }),
               "std::vector<CTavAddress> CSync::read_tav_ipv6_addrs(const tk_string&): "
@@ -196,9 +194,9 @@ TEST_F(ReadAll, AFailedCallFarDownEndsTheWholeReading) {
 }
 
 TEST_F(ReadAll, FaultsOfOneInterfaceLeaveTheOthersWhole) {
-    store(1, "1", "bad", "Static");
+    store(1, {"bad Static 1"});
     store_gateway(1, "bad");
-    store(2, "1", "2001:db8::2/64", "Static");
+    store(2, {"2001:db8::2/64 Static 1"});
     store_gateway(2, "fe80::2");
     EXPECT_EQ(read(), (map{{0, "1 eth0 0"}, {1, "2 eth1 1 gateway"}}));
 }

@@ -9,7 +9,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
 using toolkit::CElement;
 
 CTavInterface numbered(std::int32_t number) {
@@ -190,8 +189,7 @@ protected:
 };
 
 TEST_F(RemoveAddress, RemovesTheWholeNode) {
-    store(3, "7", "2001:db8::5/64", "Static");
-    store(3, "8", "2001:db8::6/64", "Static");
+    store(3, {"2001:db8::5/64 Static 7", "2001:db8::6/64 Static 8"});
     remove();
     EXPECT_EQ(effects(), strings{"remove_node(~/3/IPv6/Addresses/7)"});
     EXPECT_EQ(fake_tav::calls("remove_node").at(0).reserved, "");

@@ -143,8 +143,8 @@ TEST_F(BucketOrder, DecidesWhichOfTwoStoredInterfacesOfOneNameTheKernelMeans) {
     engine().add_link(kern_link(3, "eth0"));
     fake_tav::put_node(at("1"));
     fake_tav::put_node(at("01"));
-    know(3, "2001:db8::5", 64, 2, "1");
-    store(1, "9", "2001:db8::5/64", "Automatic");
+    know(3, {"2001:db8::5/64 Automatic 1"});
+    store(1, {"2001:db8::5/64 Automatic 9"});
     synchronise();
     EXPECT_EQ(into_kernel(), (numbers{3, 3})) << "each stored interface finds the link";
     EXPECT_EQ(into_store(), numbers{3}) << "the link finds the first";

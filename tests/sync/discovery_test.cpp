@@ -10,7 +10,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
 using fake_libnl::bytes_t;
 using fake_libnl::datagram_t;
 
@@ -162,7 +161,7 @@ TEST_F(Dispatch, IgnoresNoopsAndEmptyReads) {
 }
 
 TEST_F(Dispatch, AcknowledgementsAreLoggedByTheChannelAndHaveNoFurtherEffect) {
-    know(3, "2001:db8::5", 64, 3, "1");
+    know(3, {"2001:db8::5/64 Static 1"});
     fake_libnl::message_t request;
     request.type = 20;
     receive(datagram_t().error(0, request));

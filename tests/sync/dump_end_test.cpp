@@ -10,7 +10,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
 using fake_libnl::datagram_t;
 
 constexpr int multi = 2; // NLM_F_MULTI

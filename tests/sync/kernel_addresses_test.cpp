@@ -9,8 +9,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 constexpr int added = 20;
 constexpr int removed = 21;
 constexpr int scope_link = 253;
@@ -105,18 +103,9 @@ TEST_F(KernelAddresses, KeepTheirFieldsFromTheKernel) {
     EXPECT_EQ(known.prefix_len, 64);
 }
 
-TEST_F(KernelAddresses, TakeTheLowestFreeName) {
-    announce(added, {kern_addr(3, "fe80::1", 64, scope_link), kern_addr(3, "2001:db8::5", 64)});
-    announce(removed, {kern_addr(3, "fe80::1", 64, scope_link)});
-    announce(added, {kern_addr(3, "2001:db8::6", 64)});
-    EXPECT_EQ(table(3), (strings{"2001:db8::5/64 Automatic 2", "2001:db8::6/64 Automatic 1"}));
-}
-
 TEST_F(KernelAddresses, FillTheGapBetweenNames) {
-    know(3, "2001:db8::1", 64, 2, "1");
-    know(3, "2001:db8::3", 64, 2, "3");
-    know(3, "2001:db8::4", 64, 2, "02");
-    know(3, "2001:db8::5", 64, 3, "office");
+    know(3, {"2001:db8::1/64 Automatic 1", "2001:db8::3/64 Automatic 3",
+             "2001:db8::4/64 Automatic 02", "2001:db8::5/64 Static office"});
     announce(added, {kern_addr(3, "2001:db8::a", 64), kern_addr(3, "2001:db8::b", 64)});
     EXPECT_EQ(entry(3).addresses.at(4).node, "2");
     EXPECT_EQ(entry(3).addresses.at(5).node, "4");
@@ -138,7 +127,7 @@ TEST_F(KernelAddresses, AreNeverTypedStatic) {
 }
 
 TEST_F(KernelAddresses, AnnouncedAgainTakeTheNewLengthAndAreRewritten) {
-    know(3, "2001:db8::5", 64, 2, "office");
+    know(3, {"2001:db8::5/64 Automatic office"});
     announce(added, {kern_addr(3, "2001:db8::5", 48)});
     EXPECT_EQ(table(3), strings{"2001:db8::5/48 Automatic office"});
     EXPECT_EQ(effects(), strings{address_write("office", "2001:db8::5/48", "Automatic")});
@@ -149,7 +138,7 @@ TEST_F(KernelAddresses, AnnouncedAgainTakeTheNewLengthAndAreRewritten) {
 }
 
 TEST_F(KernelAddresses, AnnouncedAgainKeepScopeTypeAndName) {
-    know(3, "2001:db8::5", 64, 3, "7");
+    know(3, {"2001:db8::5/64 Static 7"});
     announce(added, {kern_addr(3, "2001:db8::5", 64, scope_link)});
     EXPECT_EQ(entry(3).addresses.at(0).scope, 0);
     EXPECT_EQ(entry(3).addresses.at(0).ifindex, 3);
@@ -158,9 +147,8 @@ TEST_F(KernelAddresses, AnnouncedAgainKeepScopeTypeAndName) {
 }
 
 TEST_F(KernelAddresses, OfSeveralEqualEntriesAllTakeTheLengthAndTheLastIsWritten) {
-    know(3, "2001:db8::5", 64, 2, "1");
-    know(3, "2001:db8::6", 64, 2, "2");
-    know(3, "2001:db8::5", 64, 3, "3");
+    know(3,
+         {"2001:db8::5/64 Automatic 1", "2001:db8::6/64 Automatic 2", "2001:db8::5/64 Static 3"});
     announce(added, {kern_addr(3, "2001:db8::5", 48)});
     EXPECT_EQ(table(3), (strings{"2001:db8::5/48 Automatic 1", "2001:db8::6/64 Automatic 2",
                                  "2001:db8::5/48 Static 3"}));
@@ -181,8 +169,7 @@ TEST_F(KernelAddresses, DuringDiscoveryAreOnlyRecorded) {
 }
 
 TEST_F(KernelAddresses, RemovedAreTakenOutOfStoreAndTable) {
-    know(3, "2001:db8::5", 64, 2, "1");
-    know(3, "2001:db8::6", 64, 2, "2");
+    know(3, {"2001:db8::5/64 Automatic 1", "2001:db8::6/64 Automatic 2"});
     verbosity = 2;
     announce(removed, {kern_addr(3, "2001:db8::5", 64), kern_addr(3, "2001:db8::6", 48)});
     EXPECT_EQ(record(), (strings{"remove_node(~/1/IPv6/Addresses/1)",
@@ -219,7 +206,7 @@ TEST_F(KernelAddresses, ARefusedWriteDoesNotEndTheBatch) {
 
 TEST_F(KernelAddresses, OfOneLinkDoNotTouchAnother) {
     track(4, "eth1", 2);
-    know(4, "2001:db8::5", 64, 2, "1");
+    know(4, {"2001:db8::5/64 Automatic 1"});
     announce(added, {kern_addr(3, "2001:db8::5", 48)});
     EXPECT_EQ(table(4), strings{"2001:db8::5/64 Automatic 1"});
     EXPECT_EQ(table(3), strings{"2001:db8::5/48 Automatic 1"});

@@ -9,8 +9,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 constexpr int added = 24;
 constexpr int removed = 25;
 

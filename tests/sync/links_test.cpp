@@ -8,8 +8,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 constexpr int added = 16;
 constexpr int removed = 17;
 constexpr int changed = 19;
@@ -74,7 +72,7 @@ TEST_F(Links, AreLoggedAtLevelsTwoAndThree) {
 
 TEST_F(Links, AnnouncedAgainKeepTheirFirstNameAndAddress) {
     announce(added, {kern_link(2, "eth0", "00:00:00:00:00:01")});
-    know(2, "fe80::1", 64, 1, "1");
+    know(2, {"fe80::1/64 Link-Local 1"});
     forget();
     announce(added, {kern_link(2, "eth7", "00:00:00:00:00:02")});
     EXPECT_EQ(record(), strings{"6 Info: ADDING link [2]: eth7 : 00:00:00:00:00:02"});
@@ -93,7 +91,7 @@ TEST_F(Links, RemovedLoseTheirAddressesAndGatewayInTheTableAlone) {
         engine().state = state;
         track(2, "eth0", 1);
         track(3, "eth1", 2);
-        know(2, "2001:db8::5", 64, 3, "1");
+        know(2, {"2001:db8::5/64 Static 1"});
         know_gateway(2, "fe80::1");
         announce(removed, {kern_link(2, "eth0")});
         EXPECT_EQ(engine().interfaces.count(2), 0U);

@@ -13,8 +13,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 constexpr int ifindex = 3;
 const char *const type_texts[] = {"none", "Link-Local", "Automatic", "Static"};
 
@@ -33,9 +31,7 @@ protected:
 
     // One link and one interface of the store, alike on both sides.
     void lay_out() {
-        fake_tav::put_node(at("1"));
-        fake_tav::erase(at("1"));
-        fake_tav::put_node(at("1"));
+        store_empty(1);
         restart_with_eth0(1);
         daemon = {};
         kernel = {};

@@ -13,15 +13,13 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
 using fake_libnl::datagram_t;
 
 class NodeNames : public EngineTest {
 protected:
     void SetUp() override {
         EngineTest::SetUp();
-        track(3, "eth0");
-        engine().state = 4;
+        restart_with_eth0();
         fake_tav::put_node(at("1"));
     }
     void appear(const std::string &address, int prefix_len = 64, int scope = 0) {
@@ -31,7 +29,7 @@ protected:
         receive(datagram_t().address(21, 3, address, prefix_len));
     }
     // The content of a stored node: "<address> <type>".
-    static std::string stored(const std::string &node) {
+    static std::string content(const std::string &node) {
         const std::string path = at("1/IPv6/Addresses/" + node);
         return fake_tav::text(path + "/Address/Value") + " " + fake_tav::text(path + "/Type/Value");
     }
@@ -41,117 +39,78 @@ protected:
     }
 };
 
-TEST_F(NodeNames, OfMatchedEntriesAreTheStores) {
-    know(3, "fe80::1", 64, 1, "1");
-    know(3, "2001:db8::5", 64, 2, "2");
-    know(3, "2001:db8::6", 64, 2, "3");
-    store(1, "3", "fe80::1/64", "Link-Local");
-    store(1, "office", "2001:db8::5/64", "Automatic");
-    store(1, "1", "2001:db8::6/64", "Static");
-    const strings before = fake_tav::dump();
-    synchronise();
-    EXPECT_EQ(table(3), (strings{"fe80::1/64 Link-Local 3", "2001:db8::5/64 Automatic office",
-                                 "2001:db8::6/64 Static 1"}));
-    EXPECT_EQ(fake_tav::dump(), before);
-}
+// One synchronisation of interface 1: the addresses of the table and of the store, before and
+// after.
+struct naming_t {
+    const char *what;
+    strings known, stored, known_after, stored_after;
+};
 
-TEST_F(NodeNames, ReannouncementsAfterARestartWriteEachAddressUnderItsOwnNode) {
-    store(1, "1", "fe80::1/64", "Link-Local");
-    store(1, "2", "2001:db8::5/64", "Automatic");
-    // The kernel lists global addresses first.
-    know(3, "2001:db8::5", 64, 2, "1");
-    know(3, "fe80::1", 64, 1, "2");
-    const strings before = fake_tav::dump();
-    synchronise();
-    appear("2001:db8::5");
-    appear("fe80::1", 64, 253);
-    EXPECT_EQ(fake_tav::dump(), before);
-}
+const naming_t namings[] = {
+    {"matched entries take the store's names",
+     {"fe80::1/64 Link-Local 1", "2001:db8::5/64 Automatic 2", "2001:db8::6/64 Automatic 3"},
+     {"fe80::1/64 Link-Local 3", "2001:db8::5/64 Automatic office", "2001:db8::6/64 Static 1"},
+     {"fe80::1/64 Link-Local 3", "2001:db8::5/64 Automatic office", "2001:db8::6/64 Static 1"},
+     {"fe80::1/64 Link-Local 3", "2001:db8::5/64 Automatic office", "2001:db8::6/64 Static 1"}},
+    {"of several stored nodes for one entry, the first is used",
+     {"2001:db8::5/64 Automatic 9"},
+     {"2001:db8::5/64 Automatic 4", "2001:db8::5/64 Automatic 2", "2001:db8::5/64 Automatic 3"},
+     {"2001:db8::5/64 Automatic 4"},
+     {"2001:db8::5/64 Automatic 4", "2001:db8::5/64 Automatic 2", "2001:db8::5/64 Automatic 3"}},
+    {"unmatched entries take the smallest numbers that are free in table and listing",
+     {"fe80::1/64 Link-Local 1", "2001:db8::a/64 Automatic 2", "2001:db8::b/64 Automatic 3"},
+     {"2001:db8::5/64 Static 1", "2001:db8::6/64 Static 3", "2001:db8::bad Static 5"},
+     {"fe80::1/64 Link-Local 4", "2001:db8::a/64 Automatic 2", "2001:db8::b/64 Automatic 6",
+      "2001:db8::5/64 Static 1", "2001:db8::6/64 Static 3"},
+     {"2001:db8::5/64 Static 1", "2001:db8::6/64 Static 3", "2001:db8::bad Static 5",
+      "fe80::1/64 Link-Local 4", "2001:db8::a/64 Automatic 2", "2001:db8::b/64 Automatic 6"}},
+    {"a name that a matched entry takes over is not shared with another",
+     {"fe80::1/64 Link-Local 1", "2001:db8::a/64 Automatic 2"},
+     {"2001:db8::a/64 Automatic 1"},
+     {"fe80::1/64 Link-Local 2", "2001:db8::a/64 Automatic 1"},
+     {"2001:db8::a/64 Automatic 1", "fe80::1/64 Link-Local 2"}},
+    {"names are chosen after Static addresses that left the store are gone",
+     {"2001:db8::5/64 Static 1", "fe80::1/64 Link-Local 2"},
+     {"2001:db8::6/64 Static 2"},
+     {"fe80::1/64 Link-Local 1", "2001:db8::6/64 Static 2"},
+     {"2001:db8::6/64 Static 2", "fe80::1/64 Link-Local 1"}},
+    {"an address that is Static in the store and link-local in the kernel is two entries",
+     {"fe80::1/64 Link-Local 1"},
+     {"fe80::1/64 Static 1"},
+     {"fe80::1/64 Link-Local 2", "fe80::1/64 Static 1"},
+     {"fe80::1/64 Static 1"}},
+};
 
-TEST_F(NodeNames, OfSeveralStoredNodesForOneEntryTheFirstIsUsed) {
-    know(3, "2001:db8::5", 64, 2, "9");
-    store(1, "4", "2001:db8::5/64", "Automatic");
-    store(1, "2", "2001:db8::5/64", "Automatic");
-    store(1, "3", "2001:db8::5/64", "Automatic");
-    synchronise();
-    EXPECT_EQ(table(3), strings{"2001:db8::5/64 Automatic 4"});
-}
-
-TEST_F(NodeNames, OfAnAddressOfTheUserIsNotWrittenOver) {
-    know(3, "fe80::1", 64, 1, "1");
-    store(1, "1", "2001:db8::5/64", "Static");
-    synchronise();
-    EXPECT_EQ(stored("1"), "2001:db8::5/64 Static");
-    EXPECT_EQ(stored("2"), "fe80::1/64 Link-Local");
-    EXPECT_EQ(table(3), (strings{"fe80::1/64 Link-Local 2", "2001:db8::5/64 Static 1"}));
-}
-
-TEST_F(NodeNames, OfNodesThatCannotBeReadAreTakenAsWell) {
-    know(3, "fe80::1", 64, 1, "1");
-    store_unreadable("1");
-    fake_tav::put_node(at("1/IPv6/Addresses/2"));
-    fake_tav::put(at("1/IPv6/Addresses/3"), "a leaf");
-    const strings before = fake_tav::dump();
-    synchronise();
-    EXPECT_EQ(table(3), strings{"fe80::1/64 Link-Local 4"});
-    EXPECT_EQ(stored("4"), "fe80::1/64 Link-Local");
-    fake_tav::erase(at("1/IPv6/Addresses/4"));
-    EXPECT_EQ(fake_tav::dump(), before);
-}
-
-TEST_F(NodeNames, OfUnmatchedEntriesAreTheSmallestFreeInTableAndListing) {
-    know(3, "fe80::1", 64, 1, "1");
-    know(3, "2001:db8::a", 64, 2, "2");
-    know(3, "2001:db8::b", 64, 2, "3");
-    store(1, "1", "2001:db8::5/64", "Static");
-    store(1, "3", "2001:db8::6/64", "Static");
-    store_unreadable("5");
-    synchronise();
-    EXPECT_EQ(table(3), (strings{"fe80::1/64 Link-Local 4", "2001:db8::a/64 Automatic 2",
-                                 "2001:db8::b/64 Automatic 6", "2001:db8::5/64 Static 1",
-                                 "2001:db8::6/64 Static 3"}));
-    EXPECT_EQ(stored("4"), "fe80::1/64 Link-Local");
-    EXPECT_EQ(stored("2"), "2001:db8::a/64 Automatic");
-    EXPECT_EQ(stored("6"), "2001:db8::b/64 Automatic");
-    EXPECT_EQ(stored("1"), "2001:db8::5/64 Static");
-    EXPECT_EQ(stored("3"), "2001:db8::6/64 Static");
-}
-
-TEST_F(NodeNames, TakenOverByAMatchedEntryAreNotSharedWithAnother) {
-    know(3, "fe80::1", 64, 1, "1");
-    know(3, "2001:db8::a", 64, 2, "2");
-    store(1, "1", "2001:db8::a/64", "Automatic");
-    synchronise();
-    EXPECT_EQ(table(3), (strings{"fe80::1/64 Link-Local 2", "2001:db8::a/64 Automatic 1"}));
-    EXPECT_EQ(stored("1"), "2001:db8::a/64 Automatic");
-    EXPECT_EQ(stored("2"), "fe80::1/64 Link-Local");
+TEST_F(NodeNames, AreTheStoresOrTheSmallestThatAreFree) {
+    for (const auto &one : namings) {
+        SCOPED_TRACE(one.what);
+        store_empty(1);
+        restart_with_eth0();
+        know(3, one.known);
+        store(1, one.stored);
+        synchronise();
+        EXPECT_EQ(table(3), one.known_after);
+        EXPECT_EQ(stored(1), one.stored_after);
+    }
 }
 
 TEST_F(NodeNames, ThatTheStoreDoesNotListAreKept) {
-    know(3, "fe80::1", 64, 1, "7");
-    store(1, "1", "2001:db8::5/64", "Static");
+    know(3, {"fe80::1/64 Link-Local 7"});
+    store(1, {"2001:db8::5/64 Static 1"});
     synchronise();
-    EXPECT_EQ(stored("7"), "fe80::1/64 Link-Local");
+    EXPECT_EQ(content("7"), "fe80::1/64 Link-Local");
     fake_tav::erase(at("1/IPv6/Addresses/7"));
     synchronise();
-    EXPECT_EQ(stored("7"), "fe80::1/64 Link-Local") << "also when a user took the node away";
-}
-
-TEST_F(NodeNames, OfJunkThatWasJustRemovedMayBeKept) {
-    know(3, "fe80::1", 64, 1, "1");
-    store(1, "1", "2001:db8::dead/64", "Automatic");
-    synchronise();
-    EXPECT_EQ(table(3), strings{"fe80::1/64 Link-Local 1"});
-    EXPECT_EQ(stored("1"), "fe80::1/64 Link-Local");
+    EXPECT_EQ(content("7"), "fe80::1/64 Link-Local") << "also when a user took the node away";
 }
 
 TEST_F(NodeNames, OfJunkThatTheStoreDidNotRemoveAreStillTaken) {
-    know(3, "fe80::1", 64, 1, "1");
-    store(1, "1", "2001:db8::dead/64", "Automatic");
+    know(3, {"fe80::1/64 Link-Local 1"});
+    store(1, {"2001:db8::dead/64 Automatic 1"});
     fake_tav::on_call("remove_node").statuses({api_status_refused});
     synchronise();
-    EXPECT_EQ(stored("1"), "2001:db8::dead/64 Automatic");
-    EXPECT_EQ(stored("2"), "fe80::1/64 Link-Local");
+    EXPECT_EQ(content("1"), "2001:db8::dead/64 Automatic");
+    EXPECT_EQ(content("2"), "fe80::1/64 Link-Local");
 }
 
 // The name once stayed taken for ever: the node had been removed as not matching the kernel, so the
@@ -159,20 +118,18 @@ TEST_F(NodeNames, OfJunkThatTheStoreDidNotRemoveAreStillTaken) {
 TEST_F(NodeNames, AreFreeAgainThoughTheStoreHadNoNodeToRemove) {
     synchronise();
     engine().add_kern_addr(kern_addr(3, "fe80::1", 64, 253));
-    ASSERT_EQ(stored("1"), "fe80::1/64 Link-Local");
+    ASSERT_EQ(content("1"), "fe80::1/64 Link-Local");
     fake_tav::put(at("1/IPv6/Addresses/1/Type/Value"), "Automatic");
     synchronise();
-    ASSERT_EQ(stored("1"), "(absent) (absent)");
+    ASSERT_EQ(content("1"), "(absent) (absent)");
     engine().remove_kern_addr_from_tav(kern_addr(3, "fe80::1", 64, 253));
     appear("2001:db8::5");
-    EXPECT_EQ(stored("1"), "2001:db8::5/64 Automatic");
+    EXPECT_EQ(content("1"), "2001:db8::5/64 Automatic");
 }
 
 TEST_F(NodeNames, AreChosenBeforeAnythingIsWritten) {
-    know(3, "fe80::1", 64, 1, "1");
-    know(3, "2001:db8::a", 64, 2, "2");
-    store(1, "1", "2001:db8::5/64", "Static");
-    store(1, "2", "2001:db8::6/64", "Static");
+    know(3, {"fe80::1/64 Link-Local 1", "2001:db8::a/64 Automatic 2"});
+    store(1, {"2001:db8::5/64 Static 1", "2001:db8::6/64 Static 2"});
     strings at_first_write;
     fake_tav::on_call("set_leaves").runs([this, &at_first_write] { at_first_write = table(3); });
     synchronise();
@@ -181,56 +138,9 @@ TEST_F(NodeNames, AreChosenBeforeAnythingIsWritten) {
     EXPECT_EQ(at_first_write[1], "2001:db8::a/64 Automatic 4");
 }
 
-TEST_F(NodeNames, OfStoredNodesAreNeverChanged) {
-    know(3, "fe80::1", 64, 1, "1");
-    know(3, "2001:db8::a", 64, 2, "2");
-    store(1, "0", "2001:db8::a/64", "Static");
-    store(1, "1", "2001:db8::5/64", "Static");
-    store(1, "my office", "2001:db8::6/48", "Static");
-    store_unreadable("2");
-    strings expected = fake_tav::dump();
-    synchronise();
-    expected.push_back(at("1/IPv6/Addresses/3/Address/Value = fe80::1/64"));
-    expected.push_back(at("1/IPv6/Addresses/3/Type/Value = Link-Local"));
-    EXPECT_EQ(fake_tav::dump(), expected);
-    for (int i = 0; i < 3; ++i) {
-        synchronise();
-        appear("2001:db8::a");
-        appear("fe80::1", 64, 253);
-    }
-    EXPECT_EQ(fake_tav::dump(), expected);
-}
-
-TEST_F(NodeNames, ListedByTheStoreAreNotGivenToNewAddresses) {
-    store_unreadable("1");
-    fake_tav::put_node(at("1/IPv6/Addresses/2"));
-    fake_tav::put(at("1/IPv6/Addresses/3"), "a leaf");
-    synchronise();
-    appear("2001:db8::a");
-    appear("2001:db8::b");
-    EXPECT_EQ(table(3), (strings{"2001:db8::a/64 Automatic 4", "2001:db8::b/64 Automatic 5"}));
-    EXPECT_EQ(stored("1"), "2001:db8::bad Static");
-}
-
-TEST_F(NodeNames, ThatTheDaemonRemovedItselfAreFreeAgain) {
-    appear("2001:db8::a");
-    appear("2001:db8::b");
-    synchronise();
-    vanish("2001:db8::a");
-    appear("2001:db8::c");
-    EXPECT_EQ(table(3), (strings{"2001:db8::b/64 Automatic 2", "2001:db8::c/64 Automatic 1"}));
-}
-
-TEST_F(NodeNames, OfRemovedJunkAreFreeAgain) {
-    store(1, "1", "2001:db8::dead/64", "Automatic");
-    synchronise();
-    appear("2001:db8::a");
-    EXPECT_EQ(table(3), strings{"2001:db8::a/64 Automatic 1"});
-}
-
 TEST_F(NodeNames, WhoseRemovalWasRefusedAreStillTaken) {
-    store(1, "1", "2001:db8::a/64", "Automatic");
-    know(3, "2001:db8::a", 64, 2, "1");
+    store(1, {"2001:db8::a/64 Automatic 1"});
+    know(3, {"2001:db8::a/64 Automatic 1"});
     synchronise();
     fake_tav::on_call("remove_node").statuses({api_status_stale});
     vanish("2001:db8::a");
@@ -238,38 +148,23 @@ TEST_F(NodeNames, WhoseRemovalWasRefusedAreStillTaken) {
     EXPECT_EQ(table(3), strings{"2001:db8::b/64 Automatic 2"});
 }
 
-TEST_F(NodeNames, AreChosenAfterTheStaticOnesThatLeftTheStoreAreGone) {
-    know(3, "2001:db8::5", 64, 3, "1");
-    know(3, "fe80::1", 64, 1, "2");
-    store(1, "2", "2001:db8::6/64", "Static");
-    synchronise();
-    EXPECT_EQ(table(3), (strings{"fe80::1/64 Link-Local 1", "2001:db8::6/64 Static 2"}));
-    EXPECT_EQ(stored("1"), "fe80::1/64 Link-Local");
-}
-
-TEST_F(NodeNames, AreForgottenWhenALaterListingLacksThem) {
-    store_unreadable("1");
-    synchronise();
-    fake_tav::erase(at("1/IPv6/Addresses"));
-    synchronise();
-    appear("2001:db8::a");
-    EXPECT_EQ(table(3), strings{"2001:db8::a/64 Automatic 1"});
+TEST_F(NodeNames, OfALaterListingThatLacksThemAreFree) {
+    for (const char *erased : {"1/IPv6/Addresses", "1"}) {
+        restart_with_eth0();
+        store_unreadable("1");
+        synchronise();
+        fake_tav::erase(at(erased));
+        synchronise();
+        appear("2001:db8::a");
+        EXPECT_EQ(table(3), strings{"2001:db8::a/64 Automatic 1"}) << erased;
+    }
 }
 
 TEST_F(NodeNames, OfAReadingThatFailedAreNotRemembered) {
-    store(1, "1", "2001:db8::5/64", "Static");
+    store(1, {"2001:db8::5/64 Static 1"});
     fake_tav::on_call("get_leaves").returns(-1);
     EXPECT_THROW(engine().sync_all(), sync_err);
     fake_tav::erase(at("1/IPv6/Addresses"));
-    synchronise();
-    appear("2001:db8::a");
-    EXPECT_EQ(table(3), strings{"2001:db8::a/64 Automatic 1"});
-}
-
-TEST_F(NodeNames, OfAnInterfaceThatIsGoneAreFree) {
-    store_unreadable("1");
-    synchronise();
-    fake_tav::erase(at("1"));
     synchronise();
     appear("2001:db8::a");
     EXPECT_EQ(table(3), strings{"2001:db8::a/64 Automatic 1"});
@@ -280,7 +175,7 @@ TEST_F(NodeNames, AreRememberedForEachInterfaceByItself) {
     fake_tav::put_node(at("2"));
     store_unreadable("1");
     store_unreadable("2");
-    know(4, "fe80::2", 64, 1, "1");
+    know(4, {"fe80::2/64 Link-Local 1"});
     synchronise();
     EXPECT_EQ(table(4), strings{"fe80::2/64 Link-Local 1"}) << "interface 2 lists no nodes";
     receive(datagram_t().address(20, 4, "2001:db8::b", 64).address(20, 3, "2001:db8::a", 64));
@@ -292,42 +187,6 @@ TEST_F(NodeNames, AreRememberedForEachInterfaceByItself) {
     EXPECT_EQ(entry(4).addresses.back().node, "2");
     appear("2001:db8::d");
     EXPECT_EQ(entry(3).addresses.back().node, "3") << "a removal on the other one frees nothing";
-}
-
-TEST_F(NodeNames, OfAnEntryThatMatchesInBytesOnlyAreChosenByTheDaemon) {
-    // Stored as Static, link-local in the kernel: two entries of the same bytes.
-    know(3, "fe80::1", 64, 1, "1");
-    store(1, "1", "fe80::1/64", "Static");
-    synchronise();
-    EXPECT_EQ(table(3), (strings{"fe80::1/64 Link-Local 2", "fe80::1/64 Static 1"}));
-    EXPECT_EQ(stored("1"), "fe80::1/64 Static");
-}
-
-TEST_F(NodeNames, TwentyRestartsLeaveTheStoreAsItIs) {
-    store(1, "1", "2001:db8::5/64", "Static");
-    store(1, "office", "2001:db8::6/64", "Static");
-    store_unreadable("3");
-    know(3, "fe80::1", 64, 1, "1");
-    know(3, "2001:db8::a", 64, 2, "2");
-    synchronise();
-    const strings before = fake_tav::dump();
-    for (int i = 0; i < 20; ++i) {
-        restart();
-        engine().discover();
-        receive(datagram_t().link(16, 3, "eth0").done());
-        // In an order that changes from start to start.
-        const strings order = {"2001:db8::a", "2001:db8::5", "fe80::1", "2001:db8::6"};
-        for (std::size_t j = 0; j < order.size(); ++j) {
-            const std::string &one = order[(j + static_cast<std::size_t>(i)) % order.size()];
-            appear(one, 64, one == "fe80::1" ? 253 : 0);
-        }
-        receive(datagram_t().done());
-        receive(datagram_t().done());
-        ASSERT_EQ(engine().state, 4);
-        appear("2001:db8::a");
-        appear("fe80::1", 64, 253);
-        ASSERT_EQ(fake_tav::dump(), before) << "restart " << i;
-    }
 }
 
 // Names that only look like the daemon's own do not prevent the use of a number.
@@ -362,13 +221,6 @@ TEST_F(NodeNames, ThatAreTooLargeToBeGivenAreIgnored) {
         engine().add_kern_addr(kern_addr(3, "2001:db8::5", 64));
         EXPECT_EQ(table(3), strings{"2001:db8::5/64 Automatic 1"});
     }
-}
-
-TEST_F(NodeNames, OfAnAbsentListingAreTakenAsTheyCome) {
-    know(3, "fe80::1", 64, 1, "1");
-    synchronise();
-    EXPECT_EQ(fake_tav::calls("get_leaves").size(), 0U);
-    EXPECT_EQ(stored("1"), "fe80::1/64 Link-Local");
 }
 
 } // namespace

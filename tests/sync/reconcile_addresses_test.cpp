@@ -12,198 +12,144 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 class SyncAddresses : public EngineTest {
 protected:
     void SetUp() override {
         EngineTest::SetUp();
+        prepare({}, {});
+    }
+    // A new engine that tracks eth0, and interface 1 of the store, with these addresses.
+    void prepare(const strings &known, const strings &stored) {
+        store_empty(1);
         restart_with_eth0();
-        fake_tav::put_node(at("1"));
+        know(3, known);
+        store(1, stored);
     }
 };
 
-TEST_F(SyncAddresses, AStoredStaticOneIsAddedToTheKernel) {
-    store(1, "office", "2001:db8::5/64", "Static");
+// One synchronisation of interface 1: the addresses of table and store, what is done, and the table
+// afterwards.
+struct run_t {
+    const char *what;
+    strings known, stored, changes, known_after;
+};
+
+const run_t runs[] = {
+    {"a Static address that the kernel has is not added again",
+     {"2001:db8::5/64 Static 1"},
+     {"2001:db8::5/64 Static 1"},
+     {},
+     {"2001:db8::5/64 Static 1"}},
+    {"two stored nodes of one Static address are one address in the kernel",
+     {},
+     {"2001:db8::5/64 Static 1", "2001:db8::5/64 Static 2"},
+     {"kernel: add 2001:db8::5/64 dev 3"},
+     {"2001:db8::5/64 Static 1"}},
+    {"an address is found under any node's name and with any length",
+     {"2001:db8::5/64 Automatic 1"},
+     {"2001:db8::5/48 Automatic 7"},
+     {},
+     {"2001:db8::5/64 Automatic 7"}},
+    {"Static addresses that left the store are deleted in the kernel",
+     {"2001:db8::5/64 Static 1", "2001:db8::6/64 Static 2", "2001:db8::7/64 Static 3",
+      "2001:db8::8/64 Static 4"},
+     {"2001:db8::6/64 Static 2"},
+     {"kernel: delete 2001:db8::5/64 dev 3", "kernel: delete 2001:db8::7/64 dev 3",
+      "kernel: delete 2001:db8::8/64 dev 3"},
+     {"2001:db8::6/64 Static 2"}},
+    {"a stored address of another type than the kernel's is junk; the next run writes it",
+     {"2001:db8::5/64 Automatic 1"},
+     {"2001:db8::5/64 Link-Local 1"},
+     {"remove_node(~/1/IPv6/Addresses/1)"},
+     {"2001:db8::5/64 Automatic 1"}},
+    {"... and that next run",
+     {"2001:db8::5/64 Automatic 1"},
+     {},
+     {address_write("1", "2001:db8::5/64", "Automatic")},
+     {"2001:db8::5/64 Automatic 1"}},
+    {"a stored Automatic address of a Static entry is junk, and the entry goes as well",
+     {"2001:db8::5/64 Static 1"},
+     {"2001:db8::5/64 Automatic 1"},
+     {"remove_node(~/1/IPv6/Addresses/1)", "kernel: delete 2001:db8::5/64 dev 3"},
+     {}},
+    {"an adopted address takes the stored length",
+     {"2001:db8::5/64 Automatic 1"},
+     {"2001:db8::5/48 Static 1"},
+     {"kernel: delete 2001:db8::5/64 dev 3", "kernel: add 2001:db8::5/48 dev 3"},
+     {"2001:db8::5/48 Static 1"}},
+    {"a link-local address is not adopted",
+     {"fe80::5/64 Link-Local 1"},
+     {"fe80::5/64 Static 9"},
+     {"kernel: add fe80::5/64 dev 3"},
+     {"fe80::5/64 Link-Local 1", "fe80::5/64 Static 9"}},
+    {"a known address is found after the same address of another type",
+     {"fe80::5/64 Link-Local 1", "fe80::5/64 Static 9"},
+     {"fe80::5/64 Static 9", "fe80::5/64 Link-Local 1"},
+     {},
+     {"fe80::5/64 Link-Local 1", "fe80::5/64 Static 9"}},
+    {"addresses of the kernel that the store lacks are written",
+     {"fe80::1/64 Link-Local 1", "2001:db8::5/64 Automatic 2"},
+     {},
+     {address_write("1", "fe80::1/64", "Link-Local"),
+      address_write("2", "2001:db8::5/64", "Automatic")},
+     {"fe80::1/64 Link-Local 1", "2001:db8::5/64 Automatic 2"}},
+};
+
+TEST_F(SyncAddresses, FollowTheStoreIfTheyAreStaticAndTheKernelOtherwise) {
+    for (const auto &one : runs) {
+        SCOPED_TRACE(one.what);
+        prepare(one.known, one.stored);
+        synchronise();
+        EXPECT_EQ(changes(), one.changes);
+        EXPECT_EQ(table(3), one.known_after);
+    }
+}
+
+TEST_F(SyncAddresses, AreLoggedAtTheLevelOfWhatIsDone) {
+    const struct {
+        std::uint32_t level;
+        const char *line;
+        strings known, stored;
+    } rows[] = {
+        {1,
+         "Removing unknown/junk node from TAV on interface 3 (eth0)",
+         {},
+         {"2001:db8::5/64 Automatic 1"}},
+        {3,
+         "Changing prefix length of address '2001:db8::5/64' => 48",
+         {"2001:db8::5/64 Static 1"},
+         {"2001:db8::5/48 Static 1"}},
+        {3,
+         "Removing TAV addr '2001:db8::5/64' from kernel on interface 3",
+         {"2001:db8::5/64 Static 1"},
+         {}},
+        {4,
+         "Adding TAV addr '2001:db8::5/64' to kernel on interface 3",
+         {},
+         {"2001:db8::5/64 Static 1"}},
+        {4, "Writing kernel addr to TAV on interface 1", {"fe80::1/64 Link-Local 1"}, {}},
+    };
+    for (const auto &one : rows) {
+        expect_logged_at(one.level, 6, std::string("Info: ") + one.line, [this, &one] {
+            prepare(one.known, one.stored);
+            synchronise();
+        });
+    }
+}
+
+TEST_F(SyncAddresses, AnAddedOneIsOfThisLinkAndOfUniversalScope) {
+    store(1, {"2001:db8::5/64 Static office"});
     synchronise();
-    EXPECT_EQ(changes(), strings{"kernel: add 2001:db8::5/64 dev 3"});
-    EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static office"});
     EXPECT_EQ(entry(3).addresses.at(0).ifindex, 3);
     const auto header = fake_libnl::state().changes.at(0).body;
     EXPECT_EQ(header.at(offsetof(ifaddrmsg, ifa_scope)), RT_SCOPE_UNIVERSE);
-    expect_logged_at(4, 6, "Info: Adding TAV addr '2001:db8::5/64' to kernel on interface 3",
-                     [this] {
-                         restart_with_eth0();
-                         synchronise();
-                     });
-}
-
-TEST_F(SyncAddresses, AnAddedOneIsNotAddedAgain) {
-    store(1, "1", "2001:db8::5/64", "Static");
     synchronise();
-    synchronise();
-    EXPECT_EQ(changes(), strings{});
-    EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static 1"});
-}
-
-TEST_F(SyncAddresses, TwoStoredNodesOfOneStaticAddressAreOneInTheKernel) {
-    store(1, "1", "2001:db8::5/64", "Static");
-    store(1, "2", "2001:db8::5/64", "Static");
-    synchronise();
-    EXPECT_EQ(changes(), strings{"kernel: add 2001:db8::5/64 dev 3"});
-    EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static 1"});
-}
-
-TEST_F(SyncAddresses, AChangedPrefixLengthIsDeletedAndAdded) {
-    know(3, "2001:db8::5", 64, 3, "1");
-    store(1, "1", "2001:db8::5/48", "Static");
-    synchronise();
-    EXPECT_EQ(changes(),
-              (strings{"kernel: delete 2001:db8::5/64 dev 3", "kernel: add 2001:db8::5/48 dev 3"}));
-    EXPECT_EQ(table(3), strings{"2001:db8::5/48 Static 1"});
-    expect_logged_at(3, 6, "Info: Changing prefix length of address '2001:db8::5/64' => 48",
-                     [this] {
-                         restart_with_eth0();
-                         know(3, "2001:db8::5", 64, 3, "1");
-                         synchronise();
-                     });
-}
-
-TEST_F(SyncAddresses, AnotherLengthOfAnAddressThatIsNotStaticChangesNothing) {
-    know(3, "2001:db8::5", 64, 2, "1");
-    know(3, "fe80::1", 64, 1, "2");
-    store(1, "1", "2001:db8::5/48", "Automatic");
-    store(1, "2", "fe80::1/10", "Link-Local");
-    synchronise();
-    EXPECT_EQ(changes(), strings{});
-    EXPECT_EQ(table(3), (strings{"2001:db8::5/64 Automatic 1", "fe80::1/64 Link-Local 2"}));
-}
-
-TEST_F(SyncAddresses, AStaticOneThatLeftTheStoreIsDeletedInTheKernel) {
-    know(3, "2001:db8::5", 64, 3, "1");
-    know(3, "2001:db8::6", 64, 3, "2");
-    know(3, "2001:db8::7", 64, 3, "3");
-    store(1, "2", "2001:db8::6/64", "Static");
-    synchronise();
-    EXPECT_EQ(changes(), (strings{"kernel: delete 2001:db8::5/64 dev 3",
-                                  "kernel: delete 2001:db8::7/64 dev 3"}));
-    EXPECT_EQ(table(3), strings{"2001:db8::6/64 Static 2"});
-    expect_logged_at(3, 6, "Info: Removing TAV addr '2001:db8::5/64' from kernel on interface 3",
-                     [this] {
-                         restart_with_eth0();
-                         know(3, "2001:db8::5", 64, 3, "1");
-                         synchronise();
-                     });
-}
-
-TEST_F(SyncAddresses, StaticOnesInARowAreAllDeleted) {
-    for (int i = 1; i <= 5; ++i) {
-        know(3, "2001:db8::" + std::to_string(i), 64, 3, std::to_string(i));
-    }
-    synchronise();
-    EXPECT_EQ(table(3), strings{});
-    EXPECT_EQ(changes().size(), 5U);
-}
-
-TEST_F(SyncAddresses, JunkIsRemovedFromTheStore) {
-    store(1, "1", "2001:db8::5/64", "Automatic");
-    store(1, "2", "fe80::1/64", "Link-Local");
-    synchronise();
-    EXPECT_EQ(changes(),
-              (strings{"remove_node(~/1/IPv6/Addresses/1)", "remove_node(~/1/IPv6/Addresses/2)"}));
-    EXPECT_EQ(table(3), strings{});
-    EXPECT_FALSE(fake_tav::exists(at("1/IPv6/Addresses/1")));
-    expect_logged_at(1, 6, "Info: Removing unknown/junk node from TAV on interface 3 (eth0)",
-                     [this] {
-                         store(1, "1", "2001:db8::5/64", "Automatic");
-                         restart_with_eth0();
-                         synchronise();
-                     });
-}
-
-TEST_F(SyncAddresses, AStoredOneOfAnotherTypeThanTheKernelsIsJunk) {
-    know(3, "2001:db8::5", 64, 2, "1");
-    store(1, "1", "2001:db8::5/64", "Link-Local");
-    synchronise();
-    EXPECT_EQ(changes(), strings{"remove_node(~/1/IPv6/Addresses/1)"})
-        << "the snapshot still has the address, so that it is written by the next run";
-    synchronise();
-    EXPECT_EQ(changes(), strings{address_write("1", "2001:db8::5/64", "Automatic")});
-}
-
-TEST_F(SyncAddresses, AStoredAutomaticOneOfAStaticEntryIsJunk) {
-    know(3, "2001:db8::5", 64, 3, "1");
-    store(1, "1", "2001:db8::5/64", "Automatic");
-    synchronise();
-    EXPECT_EQ(changes(), (strings{"remove_node(~/1/IPv6/Addresses/1)",
-                                  "kernel: delete 2001:db8::5/64 dev 3"}));
-    EXPECT_EQ(table(3), strings{});
-}
-
-TEST_F(SyncAddresses, AnAutomaticOneThatTheStoreDeclaresStaticIsAdopted) {
-    know(3, "2001:db8::5", 64, 2, "1");
-    store(1, "1", "2001:db8::5/64", "Static");
-    synchronise();
-    EXPECT_EQ(changes(), strings{});
-    EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static 1"});
-    fake_tav::erase(at("1/IPv6/Addresses/1"));
-    synchronise();
-    EXPECT_EQ(changes(), strings{"kernel: delete 2001:db8::5/64 dev 3"})
-        << "from then on it is the store's";
-}
-
-TEST_F(SyncAddresses, AnAdoptedOneTakesTheStoredLength) {
-    know(3, "2001:db8::5", 64, 2, "1");
-    store(1, "1", "2001:db8::5/48", "Static");
-    synchronise();
-    EXPECT_EQ(changes(),
-              (strings{"kernel: delete 2001:db8::5/64 dev 3", "kernel: add 2001:db8::5/48 dev 3"}));
-}
-
-TEST_F(SyncAddresses, ALinkLocalOneIsNotAdopted) {
-    know(3, "fe80::5", 64, 1, "1");
-    store(1, "9", "fe80::5/64", "Static");
-    synchronise();
-    EXPECT_EQ(changes(), strings{"kernel: add fe80::5/64 dev 3"});
-    EXPECT_EQ(table(3), (strings{"fe80::5/64 Link-Local 1", "fe80::5/64 Static 9"}));
-}
-
-TEST_F(SyncAddresses, AKnownOneIsFoundAfterTheSameAddressOfAnotherType) {
-    know(3, "fe80::5", 64, 1, "1");
-    know(3, "fe80::5", 64, 3, "9");
-    store(1, "9", "fe80::5/64", "Static");
-    store(1, "1", "fe80::5/64", "Link-Local");
-    synchronise();
-    EXPECT_EQ(changes(), strings{});
-}
-
-TEST_F(SyncAddresses, WhatTheKernelHasAndTheStoreLacksIsWritten) {
-    know(3, "fe80::1", 64, 1, "1");
-    know(3, "2001:db8::5", 64, 2, "2");
-    synchronise();
-    EXPECT_EQ(changes(), (strings{address_write("1", "fe80::1/64", "Link-Local"),
-                                  address_write("2", "2001:db8::5/64", "Automatic")}));
-    expect_logged_at(4, 6, "Info: Writing kernel addr to TAV on interface 1", [this] {
-        fake_tav::erase(at("1/IPv6"));
-        restart_with_eth0();
-        know(3, "fe80::1", 64, 1, "1");
-        synchronise();
-    });
-}
-
-TEST_F(SyncAddresses, StoredOnesAreNotWrittenForAnyTypeAndLength) {
-    know(3, "2001:db8::5", 64, 2, "1");
-    store(1, "7", "2001:db8::5/48", "Automatic");
-    synchronise();
-    EXPECT_EQ(changes(), strings{});
+    EXPECT_EQ(changes(), strings{}) << "it is not added again";
 }
 
 TEST_F(SyncAddresses, AreComparedOnTheRecordWithTypeAndPresence) {
-    know(3, "2001:db8::5", 64, 2, "1");
-    know(3, "fe80::1", 64, 1, "2");
-    know(3, "2001:db8::6", 48, 3, "3");
-    store(1, "1", "2001:db8::5/64", "Automatic");
-    store(1, "4", "2001:db8::7/64", "Static");
+    know(3, {"2001:db8::5/64 Automatic 1", "fe80::1/64 Link-Local 2", "2001:db8::6/48 Static 3"});
+    store(1, {"2001:db8::5/64 Automatic 1", "2001:db8::7/64 Static 4"});
     const strings comparisons = {"Comparing address '2001:db8::5/64' (2) (IN TAV)",
                                  "Comparing address 'fe80::1/64' (1) (NOT IN TAV)",
                                  "Comparing address '2001:db8::6/48' (3) (NOT IN TAV)",
@@ -222,8 +168,7 @@ TEST_F(SyncAddresses, AreComparedOnTheRecordWithTypeAndPresence) {
 
 TEST_F(SyncAddresses, OfAnInterfaceThatTheKernelLacksAreIgnored) {
     engine().interfaces.clear();
-    store(1, "1", "2001:db8::5/64", "Static");
-    store(1, "2", "2001:db8::6/64", "Automatic");
+    store(1, {"2001:db8::5/64 Static 1", "2001:db8::6/64 Automatic 2"});
     verbosity = 3;
     synchronise();
     EXPECT_EQ(changes(), strings{});
@@ -235,7 +180,7 @@ TEST_F(SyncAddresses, OfAnInterfaceThatTheKernelLacksAreIgnored) {
 
 TEST_F(SyncAddresses, OfATrackedLinkThatTheStoreLacksAreNotWritten) {
     fake_tav::erase(at("1"));
-    know(3, "2001:db8::5", 64, 2, "1");
+    know(3, {"2001:db8::5/64 Automatic 1"});
     know_gateway(3, "fe80::1");
     verbosity = 3;
     synchronise();
@@ -250,9 +195,7 @@ TEST_F(SyncAddresses, AMatchOfNamesGivesTheStoreNumber) {
 }
 
 TEST_F(SyncAddresses, AFailureOfTheKernelEndsTheRun) {
-    store(1, "1", "2001:db8::5/64", "Static");
-    store(1, "2", "2001:db8::6/64", "Static");
-    store(1, "3", "2001:db8::7/64", "Automatic");
+    store(1, {"2001:db8::5/64 Static 1", "2001:db8::6/64 Static 2", "2001:db8::7/64 Automatic 3"});
     fake_libnl::state().send_auto_complete.then(24).then(-5);
     EXPECT_THROW(synchronise(), netlink_err);
     EXPECT_TRUE(fake_tav::exists(at("1/IPv6/Addresses/3")));
@@ -260,13 +203,12 @@ TEST_F(SyncAddresses, AFailureOfTheKernelEndsTheRun) {
 }
 
 TEST_F(SyncAddresses, AFailureOfTheStoreEndsTheRun) {
-    store(1, "1", "2001:db8::5/64", "Automatic");
-    store(1, "2", "2001:db8::6/64", "Static");
+    store(1, {"2001:db8::5/64 Automatic 1", "2001:db8::6/64 Static 2"});
     fake_tav::on_call("remove_node").returns(-1);
     EXPECT_THROW(synchronise(), sync_err);
     EXPECT_EQ(fake_libnl::state().changes.size(), 0U);
     restart_with_eth0();
-    know(3, "fe80::1", 64, 1, "7");
+    know(3, {"fe80::1/64 Link-Local 7"});
     know_gateway(3, "fe80::1");
     fake_tav::on_call("set_leaves").returns(-1);
     EXPECT_THROW(synchronise(), sync_err);
@@ -274,8 +216,7 @@ TEST_F(SyncAddresses, AFailureOfTheStoreEndsTheRun) {
 }
 
 TEST_F(SyncAddresses, AJunkNodeThatTheStoreKeepsDoesNotEndTheRun) {
-    store(1, "1", "2001:db8::5/64", "Automatic");
-    store(1, "2", "2001:db8::6/64", "Static");
+    store(1, {"2001:db8::5/64 Automatic 1", "2001:db8::6/64 Static 2"});
     fake_tav::on_call("remove_node").statuses({5});
     synchronise();
     EXPECT_EQ(changes(),
@@ -288,13 +229,13 @@ class SyncAddressesThatComeBack : public SyncAddresses {
 protected:
     void SetUp() override {
         SyncAddresses::SetUp();
-        store(1, "office", "2001:db8::5/64", "Static");
+        store(1, {"2001:db8::5/64 Static office"});
         synchronise();
         fake_tav::erase(at("1/IPv6/Addresses/office"));
         synchronise();
         ASSERT_EQ(changes(), strings{"kernel: delete 2001:db8::5/64 dev 3"});
         deletion = fake_libnl::state().changes.back();
-        store(1, "office", "2001:db8::5/64", "Static");
+        store(1, {"2001:db8::5/64 Static office"});
         synchronise();
         forget();
     }
@@ -327,7 +268,7 @@ TEST_F(SyncAddressesThatComeBack, AreAddedThoughAnEarlierAnnouncementComesFirst)
     receive(fake_libnl::datagram_t().address(20, 3, "2001:db8::5", 64, 0));
     EXPECT_EQ(table(3).back(), "2001:db8::5/64 Automatic 1");
     entry(3).addresses.erase(entry(3).addresses.begin());
-    store(1, "office", "2001:db8::5/64", "Static");
+    store(1, {"2001:db8::5/64 Static office"});
     synchronise();
     EXPECT_EQ(changes().front(), "kernel: add 2001:db8::5/64 dev 3");
     report_deletion();
@@ -396,7 +337,7 @@ TEST_F(SyncAddressesThatComeBack, KeepTheLengthOfEachEqualEntryWhenAnEarlierOneI
     report_deletion();
     fake_tav::put(at("1/IPv6/Addresses/office/Address/Value"), "2001:db8::5/48");
     synchronise();
-    know(3, "2001:db8::5", 64, 1, "7");
+    know(3, {"2001:db8::5/64 Link-Local 7"});
     std::swap(entry(3).addresses[0], entry(3).addresses[1]);
     const strings before = table(3);
     forget();
@@ -434,7 +375,7 @@ TEST_F(SyncAddressesThatComeBack, AreForgottenWithTheirLink) {
 TEST_F(SyncAddressesThatComeBack, StayThroughEachOfTheirDeletions) {
     fake_tav::erase(at("1/IPv6/Addresses/office"));
     synchronise();
-    store(1, "office", "2001:db8::5/64", "Static");
+    store(1, {"2001:db8::5/64 Static office"});
     synchronise();
     forget();
     report_deletion();

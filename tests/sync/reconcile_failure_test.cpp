@@ -10,8 +10,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 constexpr int sent = 24; // a size that the netlink library could have sent
 constexpr int failed = -5;
 
@@ -31,17 +29,15 @@ protected:
 };
 
 TEST_F(SyncFailure, AnAddressIsRecordedBeforeTheKernelIsAskedToAddIt) {
-    store(1, "1", "2001:db8::5/64", "Static");
-    store(1, "2", "2001:db8::6/64", "Static");
-    store(1, "3", "2001:db8::7/64", "Static");
+    store(1, {"2001:db8::5/64 Static 1", "2001:db8::6/64 Static 2", "2001:db8::7/64 Static 3"});
     fake_libnl::state().send_auto_complete.then(sent).then(failed);
     fail_to_synchronise();
     EXPECT_EQ(table(3), (strings{"2001:db8::5/64 Static 1", "2001:db8::6/64 Static 2"}));
 }
 
 TEST_F(SyncFailure, AnOldPrefixLengthStaysUntilTheKernelWasAskedToDeleteIt) {
-    know(3, "2001:db8::5", 64, 3, "1");
-    store(1, "1", "2001:db8::5/48", "Static");
+    know(3, {"2001:db8::5/64 Static 1"});
+    store(1, {"2001:db8::5/48 Static 1"});
     fake_libnl::state().send_auto_complete.then(failed);
     fail_to_synchronise();
     EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static 1"});
@@ -49,8 +45,8 @@ TEST_F(SyncFailure, AnOldPrefixLengthStaysUntilTheKernelWasAskedToDeleteIt) {
 }
 
 TEST_F(SyncFailure, ANewPrefixLengthIsRecordedBeforeTheKernelIsAskedToAddIt) {
-    know(3, "2001:db8::5", 64, 3, "1");
-    store(1, "1", "2001:db8::5/48", "Static");
+    know(3, {"2001:db8::5/64 Static 1"});
+    store(1, {"2001:db8::5/48 Static 1"});
     fake_libnl::state().send_auto_complete.then(sent).then(failed);
     fail_to_synchronise();
     EXPECT_EQ(table(3), strings{"2001:db8::5/48 Static 1"});

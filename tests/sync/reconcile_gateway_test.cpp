@@ -9,8 +9,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 const char *const stored_leaf = "~/1/IPv6/Default Gateway/Value";
 
 class SyncGateway : public EngineTest {

@@ -9,8 +9,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
-
 class SyncOrder : public EngineTest {
 protected:
     void SetUp() override {
@@ -64,8 +62,8 @@ const char *const into_kernel = "6 Info: Synchronizing kernel with TAV...";
 TEST_F(SyncOrder, TheWholeStoreIsReadBeforeAnythingIsChanged) {
     track(3, "eth0");
     track(4, "eth1");
-    know(3, "fe80::1", 64, 1, "1");
-    store(1, "5", "2001:db8::5/64", "Static");
+    know(3, {"fe80::1/64 Link-Local 1"});
+    store(1, {"2001:db8::5/64 Static 5"});
     store_gateway(1, "fe80::99");
     fake_tav::put_node(at("2"));
     engine().sync_all();
@@ -103,15 +101,11 @@ TEST_F(SyncOrder, TheWholeStoreIsReadBeforeAnythingIsChanged) {
 
 TEST_F(SyncOrder, OneInterfaceStaticFirstThenJunkThenRemovalsThenTheGateway) {
     track(3, "eth0");
-    know(3, "2001:db8::a", 64, 3, "1");
-    know(3, "2001:db8::b", 64, 3, "2");
-    know(3, "2001:db8::c", 64, 2, "3");
-    know(3, "fe80::1", 64, 1, "4");
+    know(3, {"2001:db8::a/64 Static 1", "2001:db8::b/64 Static 2", "2001:db8::c/64 Automatic 3",
+             "fe80::1/64 Link-Local 4"});
     know_gateway(3, "fe80::98");
-    store(1, "2", "2001:db8::b/48", "Static");
-    store(1, "6", "2001:db8::dead/64", "Automatic");
-    store(1, "3", "2001:db8::c/64", "Static");
-    store(1, "7", "2001:db8::d/64", "Static");
+    store(1, {"2001:db8::b/48 Static 2", "2001:db8::dead/64 Automatic 6", "2001:db8::c/64 Static 3",
+              "2001:db8::d/64 Static 7"});
     store_gateway(1, "fe80::99");
     engine().sync_all();
     EXPECT_EQ(tail(into_kernel),
@@ -164,8 +158,8 @@ TEST_F(SyncOrder, AGatewayThatLeftTheStoreIsWrittenInTheSameRun) {
 
 TEST_F(SyncOrder, TheSnapshotServesTheWholeRun) {
     track(3, "eth0");
-    know(3, "2001:db8::c", 64, 2, "1");
-    store(1, "1", "2001:db8::c/64", "Link-Local");
+    know(3, {"2001:db8::c/64 Automatic 1"});
+    store(1, {"2001:db8::c/64 Link-Local 1"});
     engine().sync_all();
     EXPECT_EQ(journal::count("list_node("), 2U) << "one for the interfaces, one for addresses";
     EXPECT_EQ(journal::count("set_leaves("), 0U) << "the snapshot still holds the removed node";
@@ -201,7 +195,7 @@ TEST_F(SyncOrder, LinesAreLoggedAtTheirLevels) {
 
 TEST_F(SyncOrder, AFailedReadingChangesNothing) {
     track(3, "eth0");
-    know(3, "2001:db8::c", 64, 3, "1");
+    know(3, {"2001:db8::c/64 Static 1"});
     fake_tav::put_node(at("1"));
     fake_tav::on_path("list_node", at("1/IPv6/Addresses")).returns(-1);
     EXPECT_THROW(engine().sync_all(), sync_err);
@@ -212,7 +206,7 @@ TEST_F(SyncOrder, AFailedReadingChangesNothing) {
 
 TEST_F(SyncOrder, TheStoreIsWrittenUnderTheStoredInterfacesNumber) {
     track(3, "eth0", 1);
-    know(3, "fe80::1", 64, 1, "1");
+    know(3, {"fe80::1/64 Link-Local 1"});
     know_gateway(3, "fe80::98");
     tavcfg_map_t snapshot;
     snapshot[0].iface.name = "eth0";
@@ -230,8 +224,8 @@ TEST_F(SyncOrder, TheStoreIsWrittenUnderTheStoredInterfacesNumber) {
 
 TEST_F(SyncOrder, TheSecondRunOverAnAgreedStateWritesTheGatewayAlone) {
     track(3, "eth0");
-    know(3, "fe80::1", 64, 1, "1");
-    store(1, "5", "2001:db8::5/64", "Static");
+    know(3, {"fe80::1/64 Link-Local 1"});
+    store(1, {"2001:db8::5/64 Static 5"});
     store_gateway(1, "fe80::99");
     engine().sync_all();
     const strings before = fake_tav::dump();

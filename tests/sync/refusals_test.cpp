@@ -9,7 +9,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
 using fake_libnl::datagram_t;
 using fake_libnl::message_t;
 
@@ -171,8 +170,8 @@ TEST_F(Refusals, ToDeleteAGatewayAreLoggedAtLevelTwo) {
 }
 
 TEST_F(Refusals, OfAnAddressDropItFromTheTableAlone) {
-    store(1, "7", "2001:db8::5/64", "Static");
-    know(3, "fe80::1", 64, 1, "1");
+    store(1, {"2001:db8::5/64 Static 7"});
+    know(3, {"fe80::1/64 Link-Local 1"});
     for (const int error : {-13, einval, enetdown, -12}) {
         const message_t request = last_request();
         ASSERT_EQ(request.type, 20);
@@ -184,16 +183,16 @@ TEST_F(Refusals, OfAnAddressDropItFromTheTableAlone) {
 }
 
 TEST_F(Refusals, OfAnEarlierLengthLeaveThePresentAddress) {
-    store(1, "7", "2001:db8::5/64", "Static");
+    store(1, {"2001:db8::5/64 Static 7"});
     const message_t earlier = last_request();
-    store(1, "7", "2001:db8::5/48", "Static");
+    store(1, {"2001:db8::5/48 Static 7"});
     last_request();
     refuse(earlier, -12);
     EXPECT_EQ(table(3), strings{"2001:db8::5/48 Static 7"});
 }
 
 TEST_F(Refusals, OfAnAddressKeepItsNameFromOthers) {
-    store(1, "1", "2001:db8::5/64", "Static");
+    store(1, {"2001:db8::5/64 Static 1"});
     refuse(last_request(), -13);
     receive(datagram_t().address(20, 3, "fe80::1", 64, 253));
     EXPECT_EQ(table(3), strings{"fe80::1/64 Link-Local 2"});
@@ -201,14 +200,14 @@ TEST_F(Refusals, OfAnAddressKeepItsNameFromOthers) {
 }
 
 TEST_F(Refusals, OfAnAddressThatExistsAlreadyChangeNothing) {
-    store(1, "7", "2001:db8::5/64", "Static");
+    store(1, {"2001:db8::5/64 Static 7"});
     refuse(last_request(), eexist);
     EXPECT_EQ(table(3), strings{"2001:db8::5/64 Static 7"});
 }
 
 TEST_F(Refusals, ToDeleteAnAddressChangeNothing) {
-    know(3, "2001:db8::5", 64, 3, "7");
-    store(1, "7", "2001:db8::5/48", "Static");
+    know(3, {"2001:db8::5/64 Static 7"});
+    store(1, {"2001:db8::5/48 Static 7"});
     synchronise();
     ASSERT_EQ(fake_libnl::state().changes.size(), 2U);
     const message_t deletion = fake_libnl::state().changes.at(0);
@@ -220,11 +219,11 @@ TEST_F(Refusals, ToDeleteAnAddressChangeNothing) {
 }
 
 TEST_F(Refusals, ToDeleteAnAddressThatWasAddedAgainChangeNothing) {
-    know(3, "2001:db8::5", 64, 3, "7");
+    know(3, {"2001:db8::5/64 Static 7"});
     const message_t deletion = last_request();
     ASSERT_EQ(deletion.type, 21);
     ASSERT_EQ(table(3), strings{});
-    store(1, "7", "2001:db8::5/64", "Static");
+    store(1, {"2001:db8::5/64 Static 7"});
     last_request();
     for (const int error : {eaddrnotavail, esrch, einval}) {
         refuse(deletion, error);
@@ -234,7 +233,7 @@ TEST_F(Refusals, ToDeleteAnAddressThatWasAddedAgainChangeNothing) {
 }
 
 TEST_F(Refusals, OfAnAddressAreLoggedAtLevelTwo) {
-    store(1, "7", "2001:db8::5/64", "Static");
+    store(1, {"2001:db8::5/64 Static 7"});
     const std::string text = "Kernel refused address '2001:db8::5/64' on interface 3: error 13";
     expect_one_line_at_level_two(text, [this] {
         prepare();
@@ -286,7 +285,7 @@ TEST_F(Refusals, OfAGatewayThatWasAdoptedInPlaceOfARemovedOneClearIt) {
 
 TEST_F(Refusals, AcknowledgementsAreNotRefusals) {
     store_gateway(1, "fe80::9");
-    store(1, "7", "2001:db8::5/64", "Static");
+    store(1, {"2001:db8::5/64 Static 7"});
     synchronise();
     const auto sent = fake_libnl::state().changes;
     ASSERT_EQ(sent.size(), 2U);
@@ -303,7 +302,7 @@ TEST_F(Refusals, AcknowledgementsAreNotRefusals) {
 TEST_F(Refusals, OfADumpAreNotTakenForAnythingElse) {
     engine().state = 2;
     engine().discover();
-    know(3, "2001:db8::5", 64, 3, "7");
+    know(3, {"2001:db8::5/64 Static 7"});
     know_gateway(3, "fe80::9");
     const message_t request = fake_libnl::state().requests.at(0);
     forget();
@@ -316,7 +315,7 @@ TEST_F(Refusals, OfADumpAreNotTakenForAnythingElse) {
 
 TEST_F(Refusals, ForALinkThatIsGoneAreIgnored) {
     store_gateway(1, "fe80::9");
-    store(1, "7", "2001:db8::5/64", "Static");
+    store(1, {"2001:db8::5/64 Static 7"});
     synchronise();
     const auto sent = fake_libnl::state().changes;
     engine().interfaces.clear();
@@ -345,8 +344,8 @@ TEST_F(Refusals, AFailureOfTheStoreIsThrown) {
 }
 
 TEST_F(Refusals, OfAStaticAddressLeaveAnAddressOfAnotherType) {
-    know(3, "fe80::5", 64, 1, "1");
-    store(1, "9", "fe80::5/64", "Static");
+    know(3, {"fe80::5/64 Link-Local 1"});
+    store(1, {"fe80::5/64 Static 9"});
     const message_t addition = last_request();
     refuse(addition, -12);
     EXPECT_EQ(table(3), strings{"fe80::5/64 Link-Local 1"});

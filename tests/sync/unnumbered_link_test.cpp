@@ -10,7 +10,6 @@
 
 namespace {
 
-using strings = std::vector<std::string>;
 using fake_libnl::datagram_t;
 
 class UnnumberedLink : public EngineTest {
@@ -51,36 +50,6 @@ TEST_F(UnnumberedLink, ItsGatewayChangesOnlyInTheTable) {
     expect_store_untouched();
 }
 
-TEST_F(UnnumberedLink, ItsEventsAreLoggedAsAnyOthers) {
-    verbosity = 2;
-    receive(datagram_t().address(20, 4, "2001:db8::5", 64));
-    receive(datagram_t().address(21, 4, "2001:db8::5", 64));
-    receive(datagram_t().route(24, 4, "fe80::1"));
-    EXPECT_EQ(record(), (strings{"6 Info: ADDING addr [4]: 2001:db8::5/64 [scope:link]",
-                                 "6 Info: REMOVING addr [4]: 2001:db8::5/64 [scope:link]",
-                                 "6 Info: ADDING route [4]: ::/0 : gw = fe80::1 (4)"}));
-}
-
-TEST_F(UnnumberedLink, ASynchronisationDoesNotWriteIt) {
-    receive(datagram_t().address(20, 4, "2001:db8::5", 64));
-    receive(datagram_t().route(24, 4, "fe80::1"));
-    engine().sync_all();
-    EXPECT_EQ(entry(4).iface.number, 0);
-    EXPECT_TRUE(fake_libnl::state().changes.empty());
-    expect_store_untouched();
-    EXPECT_NO_THROW(engine().read_all_tav_ipv6_settings());
-}
-
-TEST_F(UnnumberedLink, IsWrittenFromTheMomentItsInterfaceAppears) {
-    receive(datagram_t().address(20, 4, "2001:db8::5", 64));
-    fake_tav::put_node(at("2"));
-    engine().sync_all();
-    EXPECT_EQ(entry(4).iface.number, 2);
-    EXPECT_EQ(fake_tav::text(at("2/IPv6/Addresses/1/Address/Value")), "2001:db8::5/64");
-    receive(datagram_t().route(24, 4, "fe80::1"));
-    EXPECT_EQ(fake_tav::text(at("2/IPv6/Default Gateway/Value")), "fe80::1");
-}
-
 TEST_F(UnnumberedLink, IsUnnumberedAgainWhenItsInterfaceIsGone) {
     track(3, "eth0");
     fake_tav::put_node(at("2"));
@@ -118,14 +87,6 @@ TEST_F(UnnumberedLink, AFailedReadingIsNoSnapshot) {
     EXPECT_EQ(entry(4).iface.number, 2);
 }
 
-TEST_F(UnnumberedLink, ANewLinkIsUnnumberedUntilItsNameIsFound) {
-    receive(datagram_t().link(16, 9, "eth9"));
-    EXPECT_EQ(entry(9).iface.number, 0);
-    receive(datagram_t().link(16, 3, "eth0"));
-    EXPECT_EQ(entry(3).iface.number, 1);
-    expect_store_untouched();
-}
-
 // A link was renamed away and another took its name; an entry keeps the name of its first sight.
 // Both were once written to the one node.
 class SecondLinkOfOneName : public EngineTest {
@@ -135,21 +96,12 @@ protected:
         engine().state = 4;
         track(3, "eth0");
         track(5, "eth0");
-        know(3, "fe80::3", 64, 1, "1");
-        know(5, "fe80::5", 64, 1, "1");
+        know(3, {"fe80::3/64 Link-Local 1"});
+        know(5, {"fe80::5/64 Link-Local 1"});
         know_gateway(5, "fe80::99");
         fake_tav::put_node(at("1"));
     }
 };
-
-TEST_F(SecondLinkOfOneName, IsNotWritten) {
-    engine().sync_all();
-    EXPECT_EQ(entry(3).iface.number, 1);
-    EXPECT_EQ(entry(5).iface.number, 0);
-    EXPECT_EQ(fake_tav::writes(), 1U);
-    EXPECT_EQ(fake_tav::dump(), (strings{at("1/IPv6/Addresses/1/Address/Value") + " = fe80::3/64",
-                                         at("1/IPv6/Addresses/1/Type/Value") + " = Link-Local"}));
-}
 
 TEST_F(SecondLinkOfOneName, LosesTheNumberThatItHad) {
     entry(5).iface.number = 1;
