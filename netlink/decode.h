@@ -1,9 +1,10 @@
 // Turns one received datagram into kernel records, in the order of its messages.
 //
-// Every message is read as the kind that the decoder is for: the caller chooses the decoder by the
-// datagram's first message. Additions and deletions are decoded alike. Messages that lack what the
-// engine needs are skipped with a log line (level 2); malformed content never throws and is never
-// read beyond `length` bytes. Constants: linux/rtnetlink.h, linux/if_link.h, linux/if_addr.h.
+// The caller chooses the decoder by the datagram's first message. The decoder reads every message
+// as that kind, whatever its type, and does not distinguish additions from deletions. Messages that
+// lack what the engine needs are skipped with a log line (level 2); malformed content never throws
+// and is never read beyond `length` bytes. Constants: linux/rtnetlink.h, linux/if_link.h,
+// linux/if_addr.h.
 #pragma once
 
 #include <vector>

@@ -6,8 +6,8 @@
 #include "netlink/wire.h"
 #include "sync/model.h"
 
-// One refused request. `request` is the type of the request (RTM_...); only the one of `route` and
-// `addr` that this type concerns is filled.
+// One refused request. Its type, `request` (RTM_...), decides which of `route` and `addr` is
+// filled.
 struct refusal_t {
     int error = 0; // errno value, positive
     int request = 0;
@@ -15,7 +15,7 @@ struct refusal_t {
     CKernAddress addr;
 };
 
-// The refused change of an address or a route, when the datagram's first message is one. Empty for
+// The refused change of an address or route that the datagram's first message reports. Empty for
 // acknowledgements, for refusals of other requests (dumps) and when the kernel did not send the
 // request back.
 boost::optional<refusal_t> decode_refusal(const wire::datagram_t &datagram);

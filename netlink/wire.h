@@ -14,7 +14,7 @@
 namespace wire {
 
 struct datagram_t {
-    // A negative size is taken for 0.
+    // A negative size counts as 0.
     datagram_t(const unsigned char *buffer, int size)
         : bytes(buffer), length(size > 0 ? static_cast<std::size_t>(size) : 0) {}
 
@@ -22,7 +22,7 @@ struct datagram_t {
     std::size_t length;         // number of bytes received
 };
 
-// A received datagram that is freed with its owner: what CNetlink::recv and nl_recv fill.
+// A received datagram that frees its memory. CNetlink::recv and nl_recv fill it.
 struct owned_datagram_t {
     owned_datagram_t() = default;
     owned_datagram_t(const owned_datagram_t &) = delete;
@@ -45,9 +45,8 @@ T read_at(const datagram_t &datagram, std::size_t offset) {
     return value;
 }
 
-// Walks the messages of a datagram. The last message visited is the first one whose aligned length,
-// taken as a signed 32-bit number, is 0 or less (the walk cannot go on from there), or else the one
-// that reaches the end of the datagram.
+// Walks the messages of a datagram. The walk ends after the message that reaches the end of the
+// datagram, or earlier after one whose aligned length, as a signed 32-bit number, is 0 or less.
 class message_walk {
 public:
     explicit message_walk(const datagram_t &received) : datagram(received) {
@@ -74,9 +73,9 @@ public:
     }
 
     // Calls visit(type, datagram, offset of the payload) for each attribute after a family header
-    // of `family_size` bytes. The walk ends at the first attribute whose length is below 4 or
-    // beyond the length that the message claims; that claim is used unchanged, as an unsigned
-    // number, however far beyond the datagram it reaches.
+    // of `family_size` bytes. The walk ends at the first attribute that is shorter than 4 bytes or
+    // longer than the rest of the message. The message's own length decides, even if it reaches
+    // beyond the datagram: the bytes there read as zero.
     template <typename Visit>
     void for_each_attribute(std::size_t family_size, const Visit &visit) const {
         const std::size_t start = NLMSG_HDRLEN + family_size;

@@ -22,8 +22,8 @@ constexpr time_t select_seconds = 30;
 
 constexpr const char *listen_signature = "int CSync::listen()";
 
-// Waits until one of the descriptors is readable; a negative one is none. Returns the result of
-// select(2), whose error is in errno.
+// Waits until one of the descriptors is readable; negative ones are ignored. Returns the result of
+// select(2), and leaves its error in errno.
 int wait_for(std::initializer_list<int> descriptors, fd_set &readable) {
     FD_ZERO(&readable);
     for (const int fd : descriptors) {

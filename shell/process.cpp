@@ -15,7 +15,7 @@
 namespace {
 
 // Waits for the intermediate child; returns non-zero when a signal ended it or it reported a
-// failure. If wait fails because SIGCHLD is ignored (an inherited setting), the child is taken for
+// failure. If wait fails because SIGCHLD is ignored (an inherited setting), the child counts as
 // successful.
 int wait_for_child() {
     int status = 0;
@@ -64,7 +64,7 @@ int daemonize() {
         std::exit(0);
     }
 
-    // First a new session, then a process that does not lead it and so can never gain a terminal.
+    // A new session, then a process that is not its leader: it can never acquire a terminal.
     setsid();
     const pid_t grandchild = fork();
     if (grandchild != 0) {

@@ -41,14 +41,13 @@ private:
     bool register_failure_reported = false;
 };
 
-// Returns at once, in this and every later call, when a termination signal has written to the exit
-// pipe.
+// Waits ten seconds, or until a termination signal. Its byte stays in the exit pipe, so later calls
+// return at once.
 void pause_on_exit_pipe() {
     fd_set readable;
     FD_ZERO(&readable);
     int highest = -1;
-    // A descriptor that the set cannot hold is not waited for. A signal that arrives during the
-    // wait still ends it.
+    // If the set cannot hold the descriptor, only a signal that arrives during the wait ends it.
     const int exit_fd = exit_descriptor();
     if (exit_fd >= 0 && exit_fd < FD_SETSIZE) {
         FD_SET(exit_fd, &readable);
@@ -58,9 +57,9 @@ void pause_on_exit_pipe() {
     select(highest + 1, &readable, nullptr, nullptr, &timeout);
 }
 
-// The kernel sends several datagrams for each address that a synchronisation adds; libnl's 32 KiB
-// hold about forty additions. If the call fails, because the privilege is missing or the limit too
-// low, an overrun, and so a rebuild, is only more likely.
+// The kernel sends several datagrams for each address that a synchronisation adds; libnl's default
+// of 32 KiB holds those of about forty additions. A failure (no privilege, or a low limit) is
+// ignored: it only makes an overrun, and therefore a rebuild, more likely.
 void widen_receive_buffer(int fd) {
     const int size = receive_buffer_bytes;
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0) {
@@ -99,7 +98,8 @@ void supervisor::release() {
     close_store();
 }
 
-// No pause on the first pass; a connection that was open, or could not be opened, makes one due.
+// Pauses if the last pass had a connection to the store or failed to make one. So the first pass
+// does not pause.
 void supervisor::pause_if_due() {
     if (tav.handle != nullptr) {
         close_store();

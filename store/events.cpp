@@ -9,7 +9,7 @@
 
 namespace {
 
-// The parts of a text between its slashes; without a slash the whole text is the one part.
+// Splits a text at its slashes. Without a slash, the whole text is the only part.
 std::vector<tk_string> split(const tk_string &text) {
     std::vector<tk_string> parts;
     std::size_t start = 0;

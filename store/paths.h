@@ -1,5 +1,5 @@
-// Where the IPv6 settings live in the store, and the texts of its leaves. Every path is built, and
-// every part of one spelled, here.
+// Where the IPv6 settings are in the store, and the texts of its leaves. All paths are built here;
+// no other file spells a part of one.
 //
 //   /Software/System Settings/Network/Interface/<N>/IPv6/Default Gateway/Value
 //   /Software/System Settings/Network/Interface/<N>/IPv6/Addresses/<name>/Address/Value
@@ -44,6 +44,6 @@ tk_string type_to_str(std::int32_t type);
 // The reverse; type_unset for any other text. The comparison is exact.
 std::int32_t str_to_type(const tk_string &text);
 
-// The number that a text spells in decimal, when all of the text was consumed and the number is
-// greater than 0; else 0.
+// Converts a decimal number, as strtol(3) does. Returns 0 if anything follows the number, or if it
+// is not positive.
 long positive_number(const tk_string &text);

@@ -1,5 +1,5 @@
-// Reading the whole stored configuration. A fault in one address or gateway spoils that item alone;
-// an interface node with an unusable name, or a failed store call, ends the whole read.
+// Reading the whole stored configuration. A fault in one address or gateway affects only that item.
+// An interface node with an unusable name, or a failed store call, ends the whole read.
 
 #include <cstdio>
 

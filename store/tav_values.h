@@ -1,5 +1,5 @@
-// The values of the store client's types that the daemon relies on. By number, because only the
-// numbers are common to every provider of the client library; their names are each provider's own.
+// The values of the store client's types that the daemon relies on. They are numbers here, because
+// each provider of the client library names them differently.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// Carrying kernel-side changes into the store.
+// Writes the kernel's changes to the store.
 
 #include <linux/rtnetlink.h>
 
@@ -15,7 +15,7 @@ toolkit::CElement string_element(const tk_string &text) {
     return toolkit::CElement(text, toolkit::CElement::_invalid_time);
 }
 
-// Removes a node with everything below it and returns whether the store did so.
+// Removes a node with everything below it. Returns false if the store refuses.
 bool remove_node(toolkit::CTav &tav, const tk_string &path, const char *signature) {
     api_status_t status = tav_value::status_unset;
     const int result = tav.remove_node(path, status, tk_string());
@@ -126,7 +126,7 @@ void CSync::remove_kern_addr_from_tav(const CKernAddress &addr) {
     if (settle_deletion(entry, addr)) {
         return;
     }
-    // The entry that moves into an erased place is skipped, on purpose.
+    // The entry that moves into the place of an erased one is skipped, on purpose.
     for (std::size_t i = 0; i < entry.addresses.size(); ++i) {
         if (!same_address(entry.addresses[i], addr) ||
             entry.addresses[i].prefix_len != addr.prefix_len) {

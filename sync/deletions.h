@@ -1,9 +1,8 @@
 // The daemon's own deletions of addresses, from the request until the kernel reports or refuses it.
 //
 // The kernel reports a deletion later, perhaps when the table has the same address again. If that
-// report were taken for the end of the new address, it would remove a user's node. The cost of each
-// function grows with the logarithm of the number of unanswered deletions. They are forgotten with
-// the entry.
+// report were mistaken for the end of the new address, it would remove a user's node. Each function
+// takes time logarithmic in the number of unanswered deletions. Erasing the entry forgets them.
 #pragma once
 
 #include "netlink/channel.h"

@@ -11,8 +11,8 @@ CSync::CSync(toolkit::CTav *tav_client, CNetlink *channel, tk_string interface_p
     : tav(tav_client), netlink(channel), interfaces(initial_buckets),
       if_prefix(std::move(interface_prefix)) {}
 
-// Does not wait: the answer to each request arrives through handle_netlink, and its end calls this
-// again. Links come first, so that every address and route finds its interface.
+// Does not wait: the answer to each request arrives through handle_netlink, which calls this again
+// at the end of the answer. Links come first, so that every address and route finds its interface.
 void CSync::discover() {
     constexpr const char *signature = "void CSync::discover()";
     switch (state) {

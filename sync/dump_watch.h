@@ -20,8 +20,8 @@ public:
     // missing. If the table changes all the time, no dump is ever complete, so it returns true at
     // most three times per step.
     bool repeats();
-    // Whether thirty seconds have passed since the last request and the last datagram of a dump. A
-    // request that the kernel answers with an error alone has no end to wait for.
+    // Whether thirty seconds have passed since the last request and the last datagram of a dump. If
+    // the kernel answers a request only with an error, the dump never ends.
     bool is_overdue() const;
 
 private:

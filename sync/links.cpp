@@ -28,7 +28,7 @@ void CSync::nl_link_update(int type, const std::vector<CKernInterface> &links) {
 
 void CSync::add_link(const CKernInterface &link) {
     if (interfaces.count(link.ifindex) != 0) {
-        return; // changed flags, or a new name: an entry keeps the name of its first sight
+        return; // changed flags, or a new name: an entry keeps the first name that it got
     }
     log_info_at(3, "Adding new link: '%s' (%d)", link.name.c_str(), link.ifindex);
     CFullInterface &iface = interfaces[link.ifindex].iface;

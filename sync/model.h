@@ -103,7 +103,7 @@ using deletion_map_t = std::map<CAddress, deletions_t, address_and_prefix_less>;
 struct ifcfg_t {
     CFullInterface iface;
     boost::optional<CFullRoute> gateway; // present in the kernel, or requested there
-    bool gateway_leaving = false;        // its deletion was asked for; the answer is still to come
+    bool gateway_leaving = false;        // its deletion was requested, but not yet answered
     std::vector<CFullAddress> addresses;
     deletion_map_t deletions;         // the daemon's own (sync/deletions.h)
     std::set<tk_string> listed_nodes; // names taken in the store, as last listed

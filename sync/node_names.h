@@ -1,19 +1,20 @@
 // Which store interface a link has, and the names of the address nodes that the daemon creates.
 //
-// A node is written and removed under the name that it has in the store. The table names an address
-// before the store is known (at start, in the kernel's order), so a synchronisation adopts the
-// stored names, and gives the other entries names that the store does not list. A name counts as
-// taken even if its element is a leaf or cannot be read.
+// A node is written and removed under the name that it has in the store. At start, the table names
+// its addresses in the kernel's order, before the store has been read. Each synchronisation
+// therefore adopts the stored names, and gives the other entries names that the store does not
+// list. A name counts as taken even if its element is a leaf or cannot be read.
 #pragma once
 
 #include <vector>
 
 #include "sync/model.h"
 
-// Sets the store number to 0, and forgets the listing, of each link that has no interface in the
-// snapshot, and of each but the first, in bucket order, of the links with one name (an entry keeps
-// the name of its first sight). Written under its old number, the former would create the node
-// again, and the latter would write to the other link's node.
+// Sets the store number to 0, and forgets the listing, of two kinds of links:
+// - a link without an interface in the snapshot. A write under its old number would create the node
+//   again.
+// - a link with the same name as an earlier one in bucket order (an entry keeps the first name that
+//   it got). It would write to the other link's node.
 void forget_absent_store_interfaces(ifcfg_map_t &interfaces, const tavcfg_map_t &snapshot);
 
 // The smallest number that neither the table nor the store's listing has as a name.

@@ -56,7 +56,7 @@ public:
     }
 
     // Erases the entries for which leaves(entry, whether the store has it) returns true, in one
-    // pass over all of them in order. To be called after the last match.
+    // pass over all of them in order. Call it after the last match.
     template <typename Leaves>
     void erase_if(const Leaves &leaves) {
         std::size_t kept = 0;

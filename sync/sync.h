@@ -55,7 +55,7 @@ protected:
     void erase_link(const CKernInterface &link);
 
     // --- What the kernel reports: additions are handled in sync/kernel_events.cpp, deletions
-    // (remove_...), their mirror, in store/write.cpp
+    // (remove_...) in store/write.cpp
     void nl_addr_update(int type, const std::vector<CKernAddress> &addrs);
     void add_kern_addr(const CKernAddress &addr);
     void remove_kern_addr_from_tav(const CKernAddress &addr);
