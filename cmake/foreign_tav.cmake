@@ -1,6 +1,6 @@
-# The store client library of another provider, under the prefix TAV_ROOT. If it lacks something,
-# this stops with one sentence before anything is built. docs/device-build.md lists what it must
-# have.
+# Finds the store client library of another provider below the prefix TAV_ROOT. If something is
+# missing, configuring ends with one sentence that says what. docs/device-build.md lists what the
+# library must have.
 set(kit_lib_dirs ${TAV_ROOT}/lib ${TAV_ROOT}/${CMAKE_INSTALL_LIBDIR})
 find_path(TAV_INCLUDE_DIR NAMES tav/toolkit.h PATHS ${TAV_ROOT}/include NO_DEFAULT_PATH
   NO_CMAKE_FIND_ROOT_PATH)
@@ -27,7 +27,7 @@ if(kit_lacks)
     "${kit_lacks} not found there.")
 endif()
 
-# kit_try(RESULT OUTPUT TARGET-TYPE): compiles a use of everything, and links it if the type is
+# kit_try(RESULT OUTPUT TARGET-TYPE): compiles tav_kit_check.cpp, and links it if the type is
 # EXECUTABLE.
 function(kit_try result output type)
   set(CMAKE_TRY_COMPILE_TARGET_TYPE ${type})

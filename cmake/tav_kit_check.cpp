@@ -1,5 +1,6 @@
-// Uses everything that the daemon needs from a store client library once, like the daemon.
-// cmake/foreign_tav.cmake compiles and links this, to say early and plainly what a library lacks.
+// Uses everything that the daemon needs from a store client library once, in the same way.
+// cmake/foreign_tav.cmake compiles and links this, so that it can report early what a library
+// lacks.
 #include <cstdint>
 #include <string>
 #include <type_traits>
@@ -16,7 +17,7 @@ static_assert(std::is_same<decltype(toolkit::CTav::handle), mlr_client_t *>::val
 static_assert(std::is_constructible<std::string, const tk_string &>::value,
               "tk_string must convert to std::string");
 
-// The hook that the library may call.
+// The library may call this function of the program.
 extern "C" __attribute__((weak)) void mlr_err(unsigned int, const char *, ...) {}
 
 int main() {

@@ -1,8 +1,9 @@
 #!/bin/bash
 # board.sh powerpc|amd64 [REGEX]: boots an emulated board with an older kernel and runs every test
 # whose name matches there. The last line says how many passed and failed; the exit status is 0 only
-# when none failed. Called by ./test --board. board.sh powerpc|amd64 --program NAME: runs this
-# program of tests/board there instead, and shows its output.
+# when none failed. Called by ./test --board.
+# board.sh powerpc|amd64 --program NAME: runs a program of tests/board on the board instead of the
+# tests, and shows its output.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 . tools/setup.sh
@@ -11,8 +12,8 @@ board=$1
 selected=${2:-.}
 program=board_memory
 [ "$selected" != --program ] || program=${3:?a name is missing}
-# Wall-clock time, for a machine that emulates slowly. A hanging test is ended on the board before
-# that.
+# In seconds of real time, enough for a machine that emulates slowly. The board itself ends a test
+# that hangs.
 limit=5400
 work=$scratch
 mkdir -p "$work/extra/board"
@@ -55,7 +56,7 @@ build_here() {
     build "$preset" board
 }
 
-# The tests of the test programs that ctest would run, without its emulator.
+# Prints the tests that ctest would run, without the emulator that it would run them in.
 plan_tests() {
     ctest --test-dir "build/$preset" --show-only=json-v1 --tests-regex "$selected" | jq -r '
         .tests[] | .name as $name | (.command // []) as $words |
@@ -82,7 +83,7 @@ case $board in
 powerpc | amd64) "prepare_$board" ;;
 *) die "no such board: $board (powerpc or amd64)" ;;
 esac
-# The plan: see tests/board/README.md. The memory is reported in a run of all tests.
+# The plan: see tests/board/README.md. A run of all tests also reports the memory.
 plan=$work/extra/board/plan
 if [ "$selected" != --program ]; then
     plan_tests >"$plan" || die "cannot list the tests"
@@ -97,8 +98,8 @@ esac
 tools/board_image.sh "build/$preset" "$work/image" "$work/extra" "${libraries[@]}" ||
     die "cannot pack the board's file system"
 
-# Time on the board advances with its instructions and skips waiting, so time limits do not depend
-# on the load of this machine.
+# The board's clock counts executed instructions and skips idle time, so time limits on the board do
+# not depend on the load of this machine.
 : >"$work/console"
 note_board() {
     local line

@@ -1,6 +1,6 @@
 #!/bin/bash
-# Which lines of the daemon its tests run, and which not: a table of its four folders. Called as
-# ./test --coverage.
+# Prints a table of the lines of the daemon that its tests run, and of those that they do not. Called
+# as ./test --coverage.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 

@@ -16,8 +16,8 @@ need_packages $build_packages $powerpc_packages
 wanted="$(dpkg-query -W -f='${Version}' g++-$host) $(sha256sum <"$0")"
 [ "$(cat "$root/built-from" 2>/dev/null)" = "$wanted" ] && exit 0
 
-# The machine's own package sources, with source packages instead of binary ones: files of both
-# formats, in a separate directory.
+# Copies the machine's package sources to a separate directory, for source packages instead of
+# binary ones. There are two formats of such files.
 own_sources() {
     mkdir -p "$work/apt/sources.list.d" "$work/apt/lists/partial" "$work/apt/cache/archives/partial"
     local file
@@ -32,7 +32,7 @@ own_sources() {
     return 0
 }
 
-# apt-get with those sources, which needs no root and does not change the machine's own lists.
+# Runs apt-get with those sources. Needs no root, and does not change the machine's own lists.
 own_apt() {
     apt-get -q -o Dir::Etc::sourcelist=/dev/null -o Dir::Etc::sourceparts="$work/apt/sources.list.d" \
         -o Dir::State::lists="$work/apt/lists" -o Dir::Cache="$work/apt/cache" \
@@ -78,7 +78,7 @@ build_googletest() {
         cmake --build "$work/googletest" && DESTDIR=$root cmake --install "$work/googletest"
 }
 
-# make_one WHAT FUNCTION: in a shell of its own, so that it may change the directory.
+# make_one WHAT FUNCTION: runs it in a separate shell, because it changes the directory.
 make_one() {
     step log "$1 for PowerPC (once)" bash -c "$variables; $(declare -f own_sources own_apt "$2"); $2" ||
         { tail -n 30 "$step_log" >&2; die "failed: $1"; }
@@ -91,8 +91,8 @@ make_one "Fetching sources" fetch
 make_one "Building libnl" build_libnl
 make_one "Building SQLite" build_sqlite
 make_one "Building GoogleTest" build_googletest
-# Only headers, which are the same for every machine; copied with the files by which CMake finds
-# them.
+# These consist of headers, which are the same for every machine. CMake finds them through the files
+# in share/cmake.
 for name in include/boost include/CLI include/nlohmann share/cmake/CLI11 share/cmake/nlohmann_json; do
     mkdir -p "$root/usr/${name%/*}"
     cp -rL "/usr/$name" "$root/usr/$name" || die "no /usr/$name"

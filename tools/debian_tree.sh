@@ -1,5 +1,5 @@
 # shellcheck shell=bash disable=SC2154
-# Sourced, after tools/setup.sh: a clean Debian tree, kept for the next time.
+# Sourced after tools/setup.sh: creates a clean Debian tree, and keeps it for the next run.
 
 # debian_tree: creates the tree build/cache/debian-tree unless it exists. It contains the packages'
 # dependencies, so that testing them needs no network.

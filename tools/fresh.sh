@@ -40,7 +40,7 @@ done < <(tree_table)
 # base BASE: creates it unless it exists.
 base() {
     local suite=${1%-full} path=$cache/$1
-    # apt locks it: of two simultaneous runs, the second cannot use previously fetched files.
+    # apt locks the archives, so the second of two simultaneous runs needs a directory of its own.
     export FRESH_ARCHIVES=$cache/archives-$suite
     mkdir -p "$FRESH_ARCHIVES/partial"
     if [ ! -e "$FRESH_ARCHIVES/of" ] || ! kill -0 "$(<"$FRESH_ARCHIVES/of")" 2>/dev/null; then
@@ -89,7 +89,7 @@ for name in "${names[@]}"; do
     rm -rf "$scratch/tree" "$results/$name.new"
     mkdir "$scratch/tree"
     cp tests/fresh/in_tree.sh "$shared/"
-    set -f # the commands' marks are no patterns
+    set -f # "*" and "?" in the commands are not patterns
     # shellcheck disable=SC2086
     step fresh "$name ($number of ${#names[@]})" bash tests/fresh/enter.sh "$cache/$base" "$scratch/tree" \
         bash /shared/in_tree.sh "$how" $commands

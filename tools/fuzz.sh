@@ -1,8 +1,8 @@
 #!/bin/bash
 # ./test --fuzz SECONDS [TARGET...]: runs the fuzz targets one after the other, for that many
-# seconds each. tools/fuzz.sh --merge [TARGET...]: reduces the found inputs to the fewest that reach
-# code which no seed reaches. Copy one that is worth keeping to the seeds, under a name that says
-# what it shows.
+# seconds each. tools/fuzz.sh --merge [TARGET...]: keeps as few of the found inputs as possible that
+# together reach all code that no seed reaches. Copy one that is worth keeping to the seeds, under a
+# name that says what it shows.
 #
 # Everything that a run finds goes to build/fuzz: inputs that reach something new to found/TARGET,
 # the inputs of failures to findings. The seeds, including past failures, are only read. To repeat a
@@ -69,7 +69,7 @@ note_fuzz() {
     [[ ! $1 =~ ^#([0-9]+) ]] || state="${BASH_REMATCH[1]} inputs"
 }
 
-# merge TARGET: the found inputs are first merged with the seeds, which are removed again.
+# merge TARGET: merges the found inputs with the seeds, and then removes the seeds from the result.
 merge() {
     local merged=$scratch/$1
     prepare "$1"

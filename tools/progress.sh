@@ -72,8 +72,8 @@ boxed() {
 }
 
 # step KIND WHAT COMMAND...: runs a command and returns its status. note_KIND handles each line that
-# it prints. $start_by and $end_with are the function that starts it and the signal that ends it, if
-# not in a box.
+# it prints. For a command outside a box, $start_by is the function that starts it and $end_with the
+# signal that ends it.
 step() {
     local kind=$1 status width
     doing=$2
@@ -137,7 +137,7 @@ note_make() {
     note_log "$1"
     case $1 in *' CC '* | *' LD '* | *' AR '*) state="$((${state%% *} + 1)) files" ;; esac
 }
-# Of ctest's lines, those of failing tests are printed.
+# Prints only ctest's lines about failing tests.
 note_ctest() {
     local text=$1
     if [[ $text =~ ^\ *([0-9]+)/([0-9]+)\ Test\ +#[0-9]+:\ ([^ ]+)\ [.]*(.*) ]]; then
@@ -165,7 +165,7 @@ note_debootstrap() {
     note_log "$1"
     case $1 in 'I: '*' '[a-z0-9]*...) state=${1#I: } state=${state%...} ;; esac
 }
-# apt_is PHASE: at one more package.
+# apt_is PHASE: counts one more package in this phase.
 apt_is() {
     [[ $state == "$1 "* ]] || apt_count=0
     state="$1 $((apt_count += 1)) of $apt_total"

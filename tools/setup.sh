@@ -19,7 +19,7 @@ board_powerpc_packages="linux-source-6.1 bc make xz-utils cpio jq qemu-system-pp
 board_amd64_packages="cpio jq xz-utils qemu-system-x86"
 package_packages="build-essential debhelper dpkg-dev lintian"
 
-# need_root WHAT, need_namespaces, need_space MEGABYTES: report early what cannot be done here.
+# need_root WHAT, need_namespaces, need_space MEGABYTES: report early that something cannot work here.
 need_root() { [ "$(id -u)" -eq 0 ] || die "$1 needs root"; }
 need_namespaces() {
     local spaces=(--net --mount --pid --fork --kill-child --mount-proc)
@@ -36,7 +36,7 @@ need_space() {
 
 on_debian_12() { (. /etc/os-release && [ "$ID-$VERSION_ID" = debian-12 ]) 2>/dev/null; }
 
-# missing_of PACKAGE...: those that are not installed, or not completely.
+# missing_of PACKAGE...: prints those that are not installed, or not completely.
 missing_of() {
     local package
     for package in "$@"; do
@@ -45,7 +45,7 @@ missing_of() {
     done
 }
 
-# need_packages PACKAGE...: installs those that are missing; needs no network when none is.
+# need_packages PACKAGE...: installs the missing ones. If none is missing, it needs no network.
 need_packages() {
     command -v apt-get >/dev/null && command -v dpkg-query >/dev/null ||
         die "cannot install packages: this is not Debian. Install what these Debian packages" \
@@ -90,8 +90,8 @@ install() {
 # Not in a box: processes that apt-get starts belong to the system, and it exits cleanly by itself.
 unboxed() { exec env --default-signal=INT --default-signal=QUIT "$@"; }
 
-# configure PRESET: prepares build/PRESET. If the preset says so, warnings are errors with the
-# compiler that this is developed with; another one may have more warnings.
+# configure PRESET: prepares build/PRESET. In presets where warnings are errors, they are so only with
+# Debian 12's compiler; others may have more warnings.
 configure() {
     local lenient=() cache=build/$1/CMakeCache.txt
     # A checkout that was moved is rebuilt.

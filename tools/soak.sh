@@ -25,7 +25,8 @@ reports=${SOAK_LOG:-build/soak}
 mkdir -p "$reports"
 say "$jobs sequences at a time, from seed $first, for $minutes minutes; failures are kept in $reports"
 
-# work NUMBER: every jobs-th seed, a line each; the report of a failure goes to a separate file.
+# work NUMBER: runs every jobs-th seed, and prints a line for each. The report of a failure goes to a
+# separate file.
 work() {
     local seed=$((first + $1)) report
     while [ $SECONDS -lt $((minutes * 60)) ]; do
