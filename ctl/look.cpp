@@ -12,14 +12,14 @@ namespace ctl {
 
 namespace {
 
-// Reasons about a link that the daemon ignores by design.
-bool is_passed_over(const finding_t &finding) {
+// Whether the finding is about a link that the daemon ignores by design.
+bool is_ignored_by_design(const finding_t &finding) {
     return finding.fault.reason == reason_t::wrong_prefix ||
            finding.fault.reason == reason_t::no_node_fits;
 }
 
-// A link that nobody uses: without a store node and without addresses, or an empty node without a
-// link.
+// Whether nobody uses the link: it has no store node and no addresses, or an empty node and no link
+// exists.
 bool is_unused(const interface_view_t &interface, const finding_t &finding) {
     return (finding.fault.reason == reason_t::no_store_node ||
             finding.fault.reason == reason_t::link_absent) &&
@@ -33,10 +33,10 @@ struct report_t {
 
     void add(const finding_t &finding, const options_t &options) {
         // A user who names such a link wants it synchronised.
-        const bool named = !options.link.empty() && is_passed_over(finding);
+        const bool named = !options.link.empty() && is_ignored_by_design(finding);
         if (named || finding.severity() == severity_t::difference) {
             differences.push_back(finding);
-        } else if (options.all || !is_passed_over(finding)) {
+        } else if (options.all || !is_ignored_by_design(finding)) {
             notes.push_back(finding);
         }
     }

@@ -9,7 +9,7 @@
 
 namespace ctl {
 
-// What is stored, or is the name of a link, must not tell a terminal what to do.
+// Stored text and the names of links must not control a terminal.
 using tav::terminal::shown;
 using tav::terminal::shown_word;
 

@@ -59,7 +59,7 @@ public:
         }
     }
 
-    // Reads until the text has come; what has come from then on counts for the next call.
+    // Reads until the text has come. The next call looks only at what follows it.
     bool shows(const std::string &text) {
         return kt::eventually([&] {
             read_more();

@@ -38,6 +38,6 @@ int main(int argc, char *argv[]) {
         }
         inputs += files.size();
     }
-    std::printf("%zu inputs without a finding\n", inputs);
+    std::printf("%zu inputs, nothing found\n", inputs);
     return inputs > 0 ? 0 : 1;
 }

@@ -1,5 +1,5 @@
-// Clients that try to stop all others: what a well-behaved client feels of each attack, and the
-// memory of the service.
+// Clients that try to stop all others: how much each attack slows down a well-behaved client, and
+// how much memory the service uses.
 #include <CLI/CLI.hpp>
 
 #include <poll.h>
@@ -201,7 +201,7 @@ bool run(const Strings &options, std::chrono::seconds span) {
 } // namespace
 
 int main(int argc, char **argv) {
-    CLI::App app{"Measures what a well-behaved client feels of clients that try to stop it."};
+    CLI::App app{"Measures how much clients that try to stop a well-behaved one slow it down."};
     int seconds = 5;
     std::string mode;
     app.add_option("--seconds", seconds, "for each line")->capture_default_str();

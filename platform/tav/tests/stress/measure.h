@@ -1,4 +1,4 @@
-// What a well-behaved client feels of others: the time of its reads and writes.
+// How other clients slow down a well-behaved one: the time of its reads and writes.
 #pragma once
 
 #include <chrono>

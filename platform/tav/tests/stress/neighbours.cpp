@@ -106,7 +106,7 @@ bool run(const Strings &options, std::chrono::seconds span) {
 } // namespace
 
 int main(int argc, char **argv) {
-    CLI::App app{"Measures what a well-behaved client feels of its neighbours."};
+    CLI::App app{"Measures how much other clients slow down a well-behaved one."};
     int seconds = 5;
     app.add_option("--seconds", seconds, "for each line")->capture_default_str();
     CLI11_PARSE(app, argc, argv);
