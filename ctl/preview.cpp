@@ -58,7 +58,8 @@ all_wanted_t wanted_after(all_wanted_t all, const step_t &step, const store_view
         for (const auto &[path, text] : step.leaves) {
             const std::size_t end = path.find('/', addresses.size());
             if (path == paths::value(paths::gateway(ipv6))) {
-                wanted.gateway = text;
+                CRoute route; // the text may be one of the store's, with a prefix length
+                wanted.gateway = convert_gateway(text, route) ? "" : address_text(route.gateway);
             } else if (path.compare(0, addresses.size(), addresses) == 0 &&
                        path == paths::address_value(path.substr(0, end))) {
                 wanted.addresses[path.substr(0, end)] = text;
