@@ -43,6 +43,12 @@ TEST_F(ToolTerminalTest, EveryCommandEscapesControlCharacters) {
     std::ofstream(dir.file("bad dump"))
         << R"({"format":"tav-dump","version":1,"path":"/","elements":[)"
         << R"({"path":"/x","type":")" + utf8(0x202e) + utf8(0x9b) + R"(","value":"1"}]})";
+    std::ofstream(dir.file("bad leaf"))
+        << R"({"format":"tav-dump","version":1,"path":"/v","elements":[)"
+        << R"({"path":"/v/)" + utf8(0x202e) + utf8(0x9b) + R"(","type":"string","value":"1"}]})";
+    std::ofstream(dir.file("below"))
+        << R"({"format":"tav-dump","version":1,"path":"/)" + utf8(0x2066) + R"(","elements":[)"
+        << R"({"path":"/x","type":"node"}]})";
     Client watched;
     api_status_t status = api_status_none;
     ASSERT_EQ(watched.tav.watchdog_register(status, value, 60, true), 0);
@@ -50,6 +56,7 @@ TEST_F(ToolTerminalTest, EveryCommandEscapesControlCharacters) {
     const std::vector<std::vector<std::string>> commands{{"get", "/v"},
                                                          {"get", "--raw", "/v"},
                                                          {"get", "-r", "/"},
+                                                         {"get", "-r", "--json", "/"},
                                                          {"get", "--json", "/v", "/n/" + rest},
                                                          {"get", "/n/" + name + "/x"},
                                                          {"get", "/n/" + rest, "/none/" + rest},
@@ -61,12 +68,15 @@ TEST_F(ToolTerminalTest, EveryCommandEscapesControlCharacters) {
                                                          {"tree", "--json"},
                                                          {"tree", "/n/" + rest},
                                                          {"dump"},
+                                                         {"dump", "--no-time", "/n"},
                                                          {"dump", "/none/" + rest},
                                                          {"diff", dir.file("saved")},
                                                          {"diff", file},
                                                          {"load", file},
                                                          {"load", dir.file("bad dump")},
                                                          {"load", file + "none"},
+                                                         {"load", "--parts", dir.file("bad leaf")},
+                                                         {"load", "--replace", dir.file("below")},
                                                          {"apply", dir.file("steps")},
                                                          {"apply", file},
                                                          {"set", "-t", "integer", "/i", value},
@@ -82,7 +92,10 @@ TEST_F(ToolTerminalTest, EveryCommandEscapesControlCharacters) {
                                                          {"status", "--json"},
                                                          {value},
                                                          {"get", "--" + value}};
+    std::set<std::string> not_run = commands_in(good({"--help"}), "Commands:\n");
+    EXPECT_EQ(not_run.count("get") + not_run.count("watch"), 2U);
     for (std::vector<std::string> command : commands) {
+        not_run.erase(command.front());
         if (command.front() != value) {
             command.emplace_back("--color=never");
         }
@@ -90,6 +103,7 @@ TEST_F(ToolTerminalTest, EveryCommandEscapesControlCharacters) {
         EXPECT_NE(printed, "") << command.front();
         EXPECT_EQ(unescaped_part(printed), "") << command.front();
     }
+    EXPECT_EQ(not_run, std::set<std::string>()) << "add these to the list above";
     for (const bool json : {false, true}) {
         Terminal terminal({TAV_PROGRAM, "watch", "--count=1", "--color=never",
                            json ? "--json" : "--timeout=60", "/"});

@@ -1,6 +1,8 @@
 // What tandrelctl sends to a terminal of what others stored, or named their links.
 #include "ctl_test.h"
 
+#include <set>
+
 #include "support/hostile_text.h"
 #include "terminal.h"
 
@@ -15,12 +17,18 @@ protected:
     OnATerminal() : Terminal(50, 2000) {}
 
     void open(std::vector<std::string> arguments) {
-        command.clear();
+        words.clear();
         for (const std::string &argument : arguments) {
-            command += argument.substr(0, 20) + " ";
+            words += argument.substr(0, 20) + " ";
         }
         arguments.insert(arguments.begin(), "--color=never");
         start(service.socket(), arguments);
+    }
+    std::string help(std::vector<std::string> arguments) {
+        arguments.emplace_back("--help");
+        const result_t result = run(arguments);
+        EXPECT_EQ(result.status, 0) << result.errors;
+        return result.output;
     }
     // The command prints something, and nothing but plain text.
     void expect_plain(const std::vector<std::string> &arguments) {
@@ -28,20 +36,20 @@ protected:
         finish();
         expect_plain_but({});
     }
-    // The same of the latest command, once what it adds itself is taken away.
+    // The same for the latest command, without the parts that it adds itself.
     void expect_plain_but(const std::vector<std::string> &own) {
         std::string printed = seen;
-        EXPECT_NE(printed, "") << command;
+        EXPECT_NE(printed, "") << words;
         for (const std::string &part : own) {
             for (std::size_t at = 0; (at = printed.find(part, at)) != std::string::npos;) {
                 printed.erase(at, part.size());
             }
         }
-        EXPECT_EQ(unescaped_part(printed), "") << command;
+        EXPECT_EQ(unescaped_part(printed), "") << words;
     }
 
-    std::string command;
-    // Two names, for 255 bytes are not enough.
+    std::string words;
+    // Two names, because one can have only 255 bytes.
     const std::string value = hostile_text(std::string(1, '\0'));
     const std::string name = hostile_text(std::string("\0/", 2)).substr(0, 250);
     const std::string rest = hostile_text(std::string("\0/", 2)).substr(250);
@@ -49,11 +57,56 @@ protected:
     const std::string link7 = link + "7"; // no name can be longer
     const std::string addresses = kt::paths::addresses(1);
 
+    // The daemon accepts blanks before a prefix length.
+    const std::string blank_gateway = "fe80::1/\v64";
+
+    const std::vector<std::vector<std::string>> looking{
+        {"show"},
+        {"show", "--all"},
+        {"show", "--json", "--all"},
+        {"show", "eth0"},
+        {"show", value},
+        {"check"},
+        {"check", "--all"},
+        {"check", "--json"},
+        {"check", link7},
+        {"status"},
+        {"status", "--json"},
+        {"wait", "eth0", "--timeout=0.1"},
+        {"wait", value, "--timeout=0.1"},
+        {"wait", "--online", "--timeout=0.1"},
+        {"interface", "list", "--all", "--json"},
+        {"import", "--from-kernel"},
+        {"nudge"},
+        {"-i", value, "show"},
+        {"-i", value, "address", "add", "eth0", "2001:db8::9/64"}};
+    const std::vector<std::vector<std::string>> changing{
+        {"address", "add", "eth0", "2001:db8::5/64"},
+        {"address", "add", "eth0", "2001:db8::9/64", "--node", name},
+        {"address", "add", "eth0", value},
+        {"address", "add", link7, "2001:db8::9/64"},
+        {"address", "replace", "eth0", "2001:db8::9/48", "--wait=0.1"},
+        {"address", "replace", "eth0", value},
+        {"address", "del", "eth0", "2001:db8::6"},
+        {"address", "del", "eth0", "--node", rest + "3"},
+        {"gateway", "set", "eth0", value},
+        {"gateway", "set", "eth0", "fe80::1", "--wait=0.1"},
+        {"gateway", "clear", link7},
+        {"interface", "add", "eth0"},
+        {"interface", "add", link7},
+        {"interface", "del", "eth0"},
+        {"interface", "del", "--node", rest},
+        {"interface", "merge", link7},
+        {"import", "--from-kernel", "--write"},
+        {value},
+        {"show", "--" + value}};
+
     void store_everything() {
         store.set_address(1, name, value, value);
         store.set_address(1, rest, value, "Static");
         store.set_address(1, "typed", "2001:db8::5/64", value);
         store.set_address(1, rest + "2", "2001:db8::6/\v64", "Automatic");
+        store.set_address(1, rest + "4", "2001:db8::8/\v64", "Static");
         store.set_gateway(1, value);
         store.write(addresses + "/leaf " + rest, value);
         store.write(addresses + "/typed/" + rest, value);
@@ -72,48 +125,65 @@ TEST_F(OnATerminal, EveryCommandThatLooksEscapesWhatIsStored) {
         if (!numbered) {
             store.write(kt::paths::interfaces + "/" + rest + "/IPv6/x", value);
         }
-        expect_plain({"show"});
-        expect_plain({"show", "--all"});
-        expect_plain({"show", "--json", "--all"});
-        expect_plain({"show", "eth0"});
-        expect_plain({"show", value});
-        expect_plain({"check"});
-        expect_plain({"check", "--all"});
-        expect_plain({"check", "--json"});
-        expect_plain({"check", link7});
+        for (const std::vector<std::string> &command : looking) {
+            expect_plain(command);
+        }
         open({"interface", "list", "--all"});
         finish();
         expect_plain_but({"\t"});
-        expect_plain({"interface", "list", "--all", "--json"});
-        expect_plain({"import", "--from-kernel"});
-        expect_plain({"-i", value, "show"});
-        expect_plain({"-i", value, "address", "add", "eth0", "2001:db8::9/64"});
     }
 }
 
 TEST_F(OnATerminal, EveryCommandThatChangesSomethingEscapesWhatItRepeats) {
     store_everything();
     add_eth(7, link);
-    expect_plain({"address", "add", "eth0", "2001:db8::5/64"});
-    expect_plain({"address", "add", "eth0", "2001:db8::9/64", "--node", name});
-    expect_plain({"address", "add", "eth0", value});
-    expect_plain({"address", "add", link7, "2001:db8::9/64"});
-    expect_plain({"address", "replace", "eth0", "2001:db8::9/48", "--wait=0.1"});
-    expect_plain({"address", "replace", "eth0", value});
-    expect_plain({"address", "del", "eth0", "2001:db8::6"});
-    expect_plain({"address", "del", "eth0", "--node", rest + "3"});
-    expect_plain({"gateway", "set", "eth0", value});
-    expect_plain({"gateway", "set", "eth0", "fe80::1", "--wait=0.1"});
-    expect_plain({"gateway", "clear", link7});
-    expect_plain({"interface", "add", "eth0"});
-    expect_plain({"interface", "add", link7});
-    expect_plain({"interface", "del", "eth0"});
-    expect_plain({"interface", "del", "--node", rest});
-    expect_plain({"import", "--from-kernel", "--write"});
-    expect_plain({value});
-    expect_plain({"show", "--" + value});
+    for (const std::vector<std::string> &command : changing) {
+        expect_plain(command);
+    }
     store.write(kt::paths::interfaces + "/" + rest + "/IPv6/x", value);
     expect_plain({"interface", "del", "--node", rest});
+}
+
+TEST_F(OnATerminal, EveryPreviewEscapesWhatItRepeats) {
+    store_everything();
+    store.set_gateway(1, blank_gateway);
+    add_eth(7, link);
+    for (std::vector<std::string> command : changing) {
+        if (command.size() > 2 && command.front() != "show") {
+            command.emplace_back("--dry-run");
+            expect_plain(command);
+        }
+    }
+    const std::string second = kt::paths::interfaces + "/01/IPv6";
+    store.write(second + "/Default Gateway/Value", blank_gateway);
+    store.write(second + "/Addresses/" + rest + "/Address/Value", "2001:db8::9/\v64");
+    store.write(second + "/Addresses/" + rest + "/Type/Value", "Static");
+    expect_plain({"interface", "merge", "eth0", "--dry-run"});
+    store.remove_gateway(1);
+    expect_plain({"interface", "merge", "eth0", "--dry-run"});
+    EXPECT_NE(seen.find("add default route via fe80::1\r\n"), std::string::npos) << seen;
+    store.write(kt::paths::interfaces + "/01/" + rest, value);
+    expect_plain({"interface", "merge", "eth0"});
+}
+
+// A list for each of the tests above; watch has a test of its own.
+TEST_F(OnATerminal, EverySubcommandOfTheHelpIsInOneOfTheLists) {
+    std::set<std::string> run{"watch", "interface list"};
+    for (const auto *list : {&looking, &changing}) {
+        for (const std::vector<std::string> &command : *list) {
+            run.insert(command.front());
+            run.insert(command.front() + " " + (command.size() > 1 ? command[1] : ""));
+        }
+    }
+    const std::string title = "Subcommands:\n";
+    const std::set<std::string> commands = tavtest::commands_in(help({}), title);
+    EXPECT_EQ(commands.count("show") + commands.count("nudge"), 2U);
+    for (const std::string &command : commands) {
+        EXPECT_EQ(run.count(command), 1U) << command;
+        for (const std::string &part : tavtest::commands_in(help({command}), title)) {
+            EXPECT_EQ(run.count(command + " " + part), 1U) << command << " " << part;
+        }
+    }
 }
 
 TEST_F(OnATerminal, WatchEscapesWhatIsStoredAndWhatChanges) {

@@ -1,6 +1,9 @@
 // Text that must not reach a terminal as it is, and a look at what did reach one.
 #pragma once
 
+#include <algorithm>
+#include <set>
+#include <sstream>
 #include <string>
 
 namespace tavtest {
@@ -18,8 +21,8 @@ inline std::string utf8(unsigned character) {
             byte(0x80U | (character & 0x3fU))};
 }
 
-// Every byte but those of `left_out`, then each character that tells a terminal what to do, or
-// turns the direction of what follows.
+// Every byte except those of `left_out`, then each character that controls a terminal or changes
+// the direction of the text after it.
 inline std::string hostile_text(const std::string &left_out = "") {
     std::string text;
     for (unsigned byte = 0; byte < 256; ++byte) {
@@ -37,6 +40,19 @@ inline std::string hostile_text(const std::string &left_out = "") {
         text += utf8(character);
     }
     return text;
+}
+
+// The commands that a tool's --help lists below a line with this title.
+inline std::set<std::string> commands_in(const std::string &help, const std::string &title) {
+    std::set<std::string> commands;
+    std::istringstream lines(help.substr(std::min(help.find("\n" + title), help.size())));
+    std::string line;
+    std::getline(lines, line); // the end of the line before the title
+    std::getline(lines, line);
+    while (std::getline(lines, line) && line.compare(0, 2, "  ") == 0) {
+        commands.insert(line.substr(2, line.find(' ', 2) - 2));
+    }
+    return commands;
 }
 
 // The surroundings of the first byte that is neither printable ASCII nor part of a terminal's line
