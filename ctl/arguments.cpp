@@ -45,7 +45,7 @@ public:
         app.footer(ending);
         app.set_version_flag("-V,--version", "tandrelctl " TANDREL_VERSION);
         app.add_option("-i,--interface-prefix", request.options.prefix,
-                       "Manage links whose names begin with PREFIX, as with tandrel -i (eth)")
+                       "Prefix of the names of managed links, as for tandrel -i (default: eth)")
             ->type_name("PREFIX")
             ->check([](const std::string &text) {
                 return text.empty() ? std::string("must not be empty") : std::string();
@@ -222,9 +222,10 @@ private:
         sub = add(app, "wait", "Wait until what is stored for a link can be used", wait_online);
         add_link(sub, false);
         sub->add_flag("--online", request.options.online,
-                      "Instead of a link: for all connected links, and at least one");
+                      "Instead of a link: wait for all connected links, and for at least one");
         sub->add_option("--timeout", request.options.patience,
-                        "Say after this time why not, and exit with status 4 (120)")
+                        "After this time, print what is missing and exit with status 4 "
+                        "(default: 120)")
             ->type_name("SECONDS")
             ->check(CLI::Range(0.0, 1e6).description(""));
     }
@@ -311,7 +312,8 @@ private:
                   interface_merge);
         add_link(sub);
         sub->add_flag("--force", request.options.force,
-                      "Also if those nodes contain what tandrel does not know");
+                      "Merge even if those nodes contain elements that tandrel does not know; "
+                      "these are lost");
         add_dry_run(sub);
     }
 

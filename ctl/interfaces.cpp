@@ -85,7 +85,8 @@ private:
         const std::string path = std::string(paths::interfaces) + "/" + interface.node;
         if ((interface.holds_more || !interface.strange.empty()) && !options.force) {
             throw refusal("'" + shown(path) +
-                          "' also contains what tandrel does not know; use --force to lose that");
+                          "' also contains elements that tandrel does not know; use --force to "
+                          "remove them too");
         }
         for (const stored_address_t &stored : interface.addresses) {
             const auto same = [&](const CTavAddress &one) {

@@ -252,7 +252,7 @@ private:
         add_json(sub, "Print one JSON object per line");
         add_path(sub);
 
-        sub = add("status", "Print clients, queues and watchdogs", status);
+        sub = add("status", "Print the service's state, limits, clients and watchdogs", status);
         add_json(sub);
     }
 
