@@ -51,6 +51,12 @@ Database::Database(const std::string &file, Durability promised,
         }
     }
     sqlite3_db_config(database.get(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
+    // Instead of SQLite's own checkpoints, which would be part of whichever commit comes next.
+    const auto note_pages = [](void *pages, sqlite3 *, const char *, int number) {
+        *static_cast<int *>(pages) = number;
+        return SQLITE_OK;
+    };
+    sqlite3_wal_hook(database.get(), note_pages, &log_pages);
 }
 
 // Closing empties and removes the log, which must be its own.
@@ -106,9 +112,24 @@ bool Database::empty_log() {
     try {
         database.execute("PRAGMA wal_checkpoint(TRUNCATE)");
         space.reserve_log(database.resolved_name() + "-wal");
+        log_pages = 0;
         return true;
     } catch (const DatabaseError &) {
         return false;
+    }
+}
+
+bool Database::log_is_long() const {
+    constexpr int most = 1000;
+    return log_pages >= most;
+}
+
+// Brings its content into the database, so that the next commit uses it again from its start. If
+// that fails, it only grows.
+void Database::shorten_log() {
+    if (sqlite3_wal_checkpoint_v2(database.get(), nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr,
+                                  nullptr) == SQLITE_OK) {
+        log_pages = 0;
     }
 }
 
@@ -160,12 +181,15 @@ void Database::discard_refused() {
 
 // A sync, or more than a millisecond of work.
 bool Database::is_slow(std::size_t changes) const {
-    return durability == Durability::full || changes > 64;
+    return durability == Durability::full || changes > 64 || log_is_long();
 }
 
 bool Database::commit(const Edit::Changes &changes) {
     if (!files_are_there()) {
         return false;
+    }
+    if (log_is_long()) {
+        shorten_log();
     }
     const bool stored = try_commit(changes);
     // The log is the last one; of the database, the size before a commit is enough.

@@ -43,6 +43,8 @@ private:
     void begin_durability(const Version &before);
     bool files_are_there();
     bool empty_log();
+    bool log_is_long() const;
+    void shorten_log();
     void transact(const Edit::Changes &changes);
     bool try_commit(const Edit::Changes &changes);
     Version current_version() const;
@@ -61,6 +63,7 @@ private:
     std::optional<Rows> rows;
     Totals totals;
     bool refused_in_log = false; // the log on disk may end with a commit that failed
+    int log_pages = 0;           // after the last commit
 };
 
 } // namespace tav

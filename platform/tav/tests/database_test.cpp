@@ -3,6 +3,7 @@
 
 #include <sqlite3.h>
 
+#include <filesystem>
 #include <fstream>
 
 #include "service/database.h"
@@ -191,4 +192,22 @@ TEST_F(DatabaseTest, AFailedCommitLeavesMemoryAndFileAsTheyWere) {
     }
     const Store store(file);
     EXPECT_EQ(picture(store), before);
+}
+
+TEST_F(DatabaseTest, ALongLogIsEmptiedByACommitThatMayTakeLong) {
+    Tree tree;
+    Database database(file, Durability::normal, {}, tree);
+    const auto value = std::make_shared<const Value>(
+        Value{element_type_string, std::string(60000, 'v'), no_time});
+    int commits = 0;
+    for (; commits < 100 && !database.is_slow(1); ++commits) {
+        EXPECT_TRUE(database.commit({Change{"/" + std::to_string(commits), nullptr, value}}));
+    }
+    EXPECT_GE(commits, 10);
+    EXPECT_LT(commits, 30);
+    const auto before = std::filesystem::file_size(file);
+    EXPECT_TRUE(database.commit({Change{"/last", nullptr, value}}));
+    EXPECT_GT(std::filesystem::file_size(file), before + 500000);
+    EXPECT_FALSE(database.is_slow(1));
+    EXPECT_TRUE(database.is_slow(65));
 }
