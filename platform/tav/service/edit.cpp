@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "protocol/limits.h"
+#include "service/garbage.h"
 #include "service/value_check.h"
 
 namespace tav {
@@ -37,6 +38,15 @@ bool Change::leaf_set() const {
 
 bool Change::leaf_removed() const {
     return is_leaf(before) && !is_leaf(after);
+}
+
+void Edit::complete() noexcept {
+    garbage::add(by_path);
+}
+
+Edit::~Edit() {
+    complete();
+    garbage::add(list);
 }
 
 api_status_t Edit::apply(const Item &item) {
@@ -82,12 +92,13 @@ bool Edit::start(const Item &item, api_status_t &status) {
 // Records that `path` changes now; the first time it also records the content before the
 // transaction.
 Change &Edit::trace(const std::string &path, const Element *before, const Element *after) {
-    const auto known = by_path.find(path);
-    if (known != by_path.end()) {
+    ByPath &known_paths = by_path.front();
+    const auto known = known_paths.find(path);
+    if (known != known_paths.end()) {
         list.splice(list.end(), list, known->second);
     } else {
         list.push_back(Change{path, value_of(before), nullptr, false});
-        by_path.emplace(list.back().path, std::prev(list.end()));
+        known_paths.emplace(list.back().path, std::prev(list.end()));
     }
     list.back().after = value_of(after);
     return list.back();

@@ -39,13 +39,17 @@ class Edit {
 public:
     // In the order in which the paths were last changed or touched.
     using Changes = std::list<Change>;
+    using ByPath = std::unordered_map<std::string_view, Changes::iterator>; // keys are in the list
 
     // `now`: the time stamp of values without one, in seconds since 1970.
     // The steps together remove and touch at most as many elements as `base` has, and
     // limits::paths_per_request more: otherwise a few bytes could make work without end.
     Edit(const Tree &base, std::int64_t current_time)
-        : edited(base), now(current_time),
+        : edited(base), now(current_time), by_path(1),
           visits_left(base.extent().elements() + limits::paths_per_request) {}
+    ~Edit();
+    Edit(const Edit &) = delete;
+    Edit &operator=(const Edit &) = delete;
 
     // Does a part of one step that takes well under a millisecond, path and value unchecked so far;
     // true when the step is complete. Any status except api_status_ok then means that the whole
@@ -55,8 +59,10 @@ public:
     api_status_t apply(const Item &item);
 
     const Tree &tree() const { return edited; }
-    // Every path of a changed element; some are as they were before. There must be no more steps
-    // once the list is changed.
+    // There are no more steps.
+    void complete() noexcept;
+    // Of a complete one every path of a changed element; some are as they were before. The list may
+    // be changed.
     Changes &changes() { return list; }
 
 private:
@@ -72,8 +78,8 @@ private:
     Tree edited;
     std::int64_t now;
     Changes list;
-    std::unordered_map<std::string_view, Changes::iterator> by_path; // keys are in the list
-    std::size_t visits_left; // of elements to remove or touch
+    std::list<ByPath> by_path; // one, until the edit is complete
+    std::size_t visits_left;   // of elements to remove or touch
     // For a step that takes several calls.
     std::optional<Walker> walker;
     Extent found;

@@ -39,6 +39,10 @@ void EventBatch::drop(Index::iterator entry) noexcept {
 
 // Without new memory, so that it cannot fail.
 void EventBatch::absorb(EventBatch &later) noexcept {
+    if (list.empty()) {
+        std::swap(*this, later);
+        return;
+    }
     for (auto added = later.list.begin(); added != later.list.end(); ++added) {
         LoggedEvent &event = *added;
         auto node = later.index.extract(key_of(event));

@@ -12,6 +12,7 @@
 
 #include "client/short_wait.h"
 #include "protocol/limits.h"
+#include "service/garbage.h"
 #include "service/log.h"
 
 namespace tav {
@@ -90,6 +91,7 @@ void Server::run() {
             return;
         }
         work();
+        garbage::give_back();
         if (accept_again && service.now() >= *accept_again) {
             accept_again.reset();
             watch(listener.fd(), listener_id, EPOLLIN, EPOLL_CTL_MOD);
@@ -224,6 +226,7 @@ void Server::serve_next() {
     const Stopwatch::time_point start = Stopwatch::now();
     try {
         serve(id, peer, start + slice);
+        garbage::give_back();
     } catch (const std::exception &error) {
         log_line("a request failed (%s), its client was disconnected", error.what());
         drop(id);
@@ -419,7 +422,7 @@ std::optional<Time> Server::next_timer() const {
 
 // Rounded up, so that the loop does not spin through the last millisecond.
 int Server::timeout() const {
-    if (!schedule.empty()) {
+    if (!schedule.empty() || !garbage::empty()) {
         return 0;
     }
     const std::optional<Time> next = next_timer();

@@ -4,6 +4,8 @@
 #include <ctime>
 #include <utility>
 
+#include "service/garbage.h"
+
 namespace tav {
 
 Store::Store(const Nodes &initial_nodes) : storage(std::make_unique<NoStorage>()) {
@@ -37,7 +39,7 @@ std::shared_ptr<const Store::Result> Store::join(Transaction &done, EventLog::St
 }
 
 void Store::Group::end(bool stored) noexcept {
-    changes.clear();
+    garbage::add(changes);
     if (result) {
         result->known = true;
         result->stored = stored;

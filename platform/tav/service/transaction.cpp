@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "protocol/limits.h"
+#include "service/garbage.h"
 
 namespace tav {
 
@@ -48,6 +49,7 @@ Transaction::State Transaction::advance() {
                 }
             } else if (state == State::working) {
                 phase = Phase::examining;
+                edit.complete();
                 examined = edit.changes().begin();
             }
             break;
@@ -61,7 +63,9 @@ Transaction::State Transaction::advance() {
                 const auto change = examined++;
                 examine(*change);
                 if (!change->stored()) {
-                    edit.changes().erase(change);
+                    Edit::Changes useless;
+                    useless.splice(useless.end(), edit.changes(), change);
+                    garbage::add(useless);
                 }
             } else if (stale.empty()) {
                 state = State::complete;

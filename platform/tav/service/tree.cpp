@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "protocol/limits.h"
+#include "service/garbage.h"
 #include "service/value_check.h"
 
 namespace tav {
@@ -112,16 +113,21 @@ void Extent::add(const Content &content) {
              heap_bytes(content.value.text);
 }
 
+Root::~Root() {
+    garbage::add(std::move(element));
+}
+
 Tree::Tree() {
     clear();
 }
 
 void Tree::clear() {
-    top = std::make_shared<Element>();
-    top->content = std::make_shared<Content>(
+    const auto root = std::make_shared<Element>();
+    root->content = std::make_shared<Content>(
         Content{Name(PlacedName("")), Value{element_type_node, {}, no_time}});
     all = {};
-    all.add(*top->content);
+    all.add(*root->content);
+    top = Root(root);
 }
 
 const Element *Tree::find(std::string_view path) const {
@@ -176,7 +182,7 @@ api_status_t Tree::load(const std::string &path, const Value &value) {
 
 // The element at `path`, safe to change.
 Element &Tree::own(std::string_view path) {
-    Element *element = &tav::own(top);
+    Element *element = &tav::own(*top);
     while (path.size() > 1) {
         element = slot_of(element->children, PlacedName(take_name(path)))->get();
     }
@@ -204,7 +210,9 @@ void Tree::replace(std::string_view path, Value value) {
 void Tree::remove(std::string_view path, Extent removed) {
     Element &parent = own(parent_path(path));
     ElementPtr &slot = *slot_of(parent.children, PlacedName(last_name(path)));
-    slot = join(std::move(slot->left), std::move(slot->right));
+    ElementPtr gone = std::move(slot);
+    slot = join(std::move(gone->left), std::move(gone->right));
+    garbage::add(std::move(gone));
     --parent.child_count;
     all.nodes -= removed.nodes;
     all.leaves -= removed.leaves;

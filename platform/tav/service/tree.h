@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "protocol/messages.h"
@@ -55,12 +56,31 @@ struct Extent {
     void add(const Content &content);
 };
 
+// The root of a tree. The elements that only it uses are given back later: there may be many.
+class Root {
+public:
+    explicit Root(ElementPtr root = nullptr) : element(std::move(root)) {}
+    Root(const Root &) = default;
+    Root(Root &&) = default;
+    Root &operator=(Root other) noexcept {
+        element.swap(other.element);
+        return *this;
+    }
+    ~Root();
+
+    ElementPtr &operator*() { return element; }
+    const Element *get() const { return element.get(); }
+
+private:
+    ElementPtr element;
+};
+
 class Tree {
 public:
     // Creates a tree with only the root.
     Tree();
 
-    const Element &root() const { return *top; }
+    const Element &root() const { return *top.get(); }
     // Null if there is nothing at `path`, which must be a path that check_path accepts.
     const Element *find(std::string_view path) const;
     const Extent &extent() const { return all; }
@@ -82,7 +102,7 @@ private:
 
     Element &own(std::string_view path);
 
-    ElementPtr top;
+    Root top;
     Extent all;
 };
 
@@ -106,7 +126,7 @@ private:
         Stage stage;
     };
 
-    ElementPtr keep; // the root of the tree
+    Root keep; // of the tree
     std::string current;
     const Element *found;
     bool started = false;

@@ -1,0 +1,20 @@
+// Memory that is no longer used. Of large trees and transactions there is so much that giving it
+// back takes long, so it is done a part at a time. For one thread only.
+#pragma once
+
+#include "service/edit.h"
+#include "service/tree.h"
+
+namespace tav::garbage {
+
+// Takes what nothing else uses.
+void add(ElementPtr element) noexcept;
+void add(Edit::Changes &changes) noexcept;
+// Their keys are in changes that were not added earlier.
+void add(std::list<Edit::ByPath> &maps) noexcept;
+
+// Gives a part back, which takes about a millisecond at most; false if there was nothing.
+bool give_back() noexcept;
+bool empty() noexcept;
+
+} // namespace tav::garbage
