@@ -112,8 +112,8 @@ api_status_t Edit::create(std::string_view path, Value value) {
     if (edited.extent().elements() >= limits::elements) {
         return api_status_too_many_elements;
     }
-    edited.add(path, std::move(value));
-    trace(std::string(path), nullptr, edited.find(path));
+    const Element &added = edited.add(path, std::move(value));
+    trace(std::string(path), nullptr, &added);
     return api_status_ok;
 }
 
@@ -149,8 +149,7 @@ api_status_t Edit::set(const std::string &path, const Value &value) {
     const bool other_time = value.time != no_time && value.time != element->value().time;
     if (other_time || !same_content(element->value(), value)) {
         Change &change = trace(path, element, element);
-        edited.replace(path, std::move(stamped));
-        change.after = value_of(edited.find(path));
+        change.after = value_of(&edited.replace(path, std::move(stamped)));
     }
     return api_status_ok;
 }

@@ -8,13 +8,10 @@ namespace tav {
 
 namespace {
 
-// Sorts after every number: no number has as many digits.
-constexpr std::size_t no_number = std::string_view::npos;
-
 std::size_t significant_digits(std::string_view name) {
     if (name.empty() ||
         !std::all_of(name.begin(), name.end(), [](char c) { return c >= '0' && c <= '9'; })) {
-        return no_number;
+        return PlacedName::no_number;
     }
     return name.size() - std::min(name.find_first_not_of('0'), name.size());
 }
@@ -46,13 +43,6 @@ api_status_t check_path(std::string_view path) {
     return names_fit ? api_status_ok : api_status_name_too_long;
 }
 
-std::string_view take_name(std::string_view &path) {
-    path.remove_prefix(1); // the "/"
-    const std::string_view name = path.substr(0, path.find('/'));
-    path.remove_prefix(name.size());
-    return name;
-}
-
 std::string_view parent_path(std::string_view path) {
     const std::size_t slash = path.rfind('/');
     return slash == 0 ? path.substr(0, 1) : path.substr(0, slash);
@@ -68,18 +58,11 @@ bool is_at_or_below(std::string_view path, std::string_view ancestor) {
 
 PlacedName::PlacedName(std::string_view name) : text(name), digits(significant_digits(name)) {}
 
-bool NameLess::operator()(const PlacedName &left, const PlacedName &right) const {
-    if (left.digits != right.digits) {
-        return left.digits < right.digits;
-    }
-    if (left.digits != no_number) {
-        const int order = left.text.substr(left.text.size() - left.digits)
-                              .compare(right.text.substr(right.text.size() - right.digits));
-        if (order != 0) {
-            return order < 0;
-        }
-    }
-    return left.text < right.text;
+// Both have the same number of significant digits.
+int order_of_numbers(const PlacedName &left, const PlacedName &right) {
+    const int order = left.text.substr(left.text.size() - left.digits)
+                          .compare(right.text.substr(right.text.size() - right.digits));
+    return order != 0 ? order : left.text.compare(right.text);
 }
 
 } // namespace tav

@@ -15,7 +15,11 @@ namespace tav {
 api_status_t check_path(std::string_view path);
 
 // Removes the first name, with the "/" before it, from a text that begins with "/".
-std::string_view take_name(std::string_view &path);
+inline std::string_view take_name(std::string_view &path) {
+    const std::string_view name = path.substr(1, path.find('/', 1) - 1);
+    path.remove_prefix(1 + name.size());
+    return name;
+}
 
 // The path of the parent node; "/" for "/".
 std::string_view parent_path(std::string_view path);
@@ -30,8 +34,10 @@ struct PlacedName {
     PlacedName(std::string_view name, std::size_t known) : text(name), digits(known) {}
 
     std::string_view text;
-    std::size_t digits; // of a decimal number, without leading zeros; larger than any number's for
-                        // other names
+    std::size_t digits; // of a decimal number, without leading zeros; no_number for other names
+
+    static constexpr std::size_t no_number = std::string_view::npos; // more than any number has
+    bool is_number() const { return digits != no_number; }
 };
 
 // A name that is stored with its sorting key.
@@ -49,12 +55,19 @@ private:
 };
 
 // The order of a listing: names that are decimal numbers first, by value (equal values: bytewise),
-// then all others bytewise.
+// then all others bytewise. Below 0 if `left` comes first, 0 if the names are equal.
+int order_of_numbers(const PlacedName &left, const PlacedName &right);
+inline int order_of(const PlacedName &left, const PlacedName &right) {
+    if (left.digits != right.digits) {
+        return left.digits < right.digits ? -1 : 1;
+    }
+    return left.is_number() ? order_of_numbers(left, right) : left.text.compare(right.text);
+}
+
 struct NameLess {
     using is_transparent = void;
-    bool operator()(const PlacedName &left, const PlacedName &right) const;
     bool operator()(std::string_view left, std::string_view right) const {
-        return (*this)(PlacedName(left), PlacedName(right));
+        return order_of(PlacedName(left), PlacedName(right)) < 0;
     }
 };
 

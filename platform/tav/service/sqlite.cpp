@@ -5,6 +5,8 @@
 #include <cstring>
 #include <utility>
 
+#include "service/log_file.h"
+
 namespace tav {
 
 void Sqlite::Closer::operator()(sqlite3 *opened) const {
@@ -34,11 +36,12 @@ void refuse_damaged(const std::string &file, const std::string &what) {
 }
 
 Sqlite::Sqlite(std::string file, int flags) : file_name(std::move(file)) {
-    // A connection is used by one thread at a time. The call fails, harmlessly, once SQLite is in
-    // use.
+    // A connection is used by one thread at a time, and nobody asks how much memory SQLite uses.
+    // The calls fail, harmlessly, once SQLite is in use.
     sqlite3_config(SQLITE_CONFIG_MULTITHREAD);
+    sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0);
     sqlite3 *opened = nullptr;
-    const int result = sqlite3_open_v2(file_name.c_str(), &opened, flags, nullptr);
+    const int result = sqlite3_open_v2(file_name.c_str(), &opened, flags, vfs_with_whole_frames());
     connection.reset(opened);
     if (result != SQLITE_OK) {
         fail();

@@ -8,13 +8,17 @@
 
 namespace tav {
 
-void Sizes::note(std::string_view path, const Element &element) {
+void Sizes::note(std::string_view path, const Value &value) {
     const std::size_t name = path.size() - path.rfind('/') - 1;
     const auto names = static_cast<std::size_t>(std::count(path.begin(), path.end(), '/'));
     path_bytes = std::max(path_bytes, path.size());
     depth = std::max(depth, path == "/" ? 0 : names);
     name_bytes = std::max(name_bytes, name);
-    value_bytes = std::max(value_bytes, element.value().text.size());
+    value_bytes = std::max(value_bytes, value.text.size());
+}
+
+void Sizes::note(std::string_view path, const Element &element) {
+    note(path, element.value());
     children = std::max<std::size_t>(children, element.child_count);
 }
 
@@ -137,7 +141,9 @@ void Transaction::examine(const Change &change) {
         emit(Event{mlr_event_removed, change.path});
     }
     if (change.after && change.real()) {
-        sizes.note(change.path, *edit.tree().find(change.path));
+        sizes.note(change.path, *change.after);
+    }
+    if (change.after && !change.before) {
         const Element &parent = *edit.tree().find(parent_path(change.path));
         sizes.children = std::max<std::size_t>(sizes.children, parent.child_count);
     }

@@ -20,6 +20,7 @@ struct Sizes {
     std::size_t value_bytes = 0;
     std::size_t children = 0; // of one node
 
+    void note(std::string_view path, const Value &value);
     void note(std::string_view path, const Element &element);
     void raise(const Sizes &other);
 };

@@ -18,7 +18,7 @@ std::uint32_t random_rank() {
 }
 
 bool before(const Element &element, const PlacedName &name) {
-    return NameLess()(element.content->name, name);
+    return order_of(element.content->name, name) < 0;
 }
 
 // Makes an element safe to change: one that another copy of the tree shares is replaced by a copy
@@ -68,13 +68,11 @@ ElementPtr *slot_of(ElementPtr &siblings, const PlacedName &name) {
     ElementPtr *slot = &siblings;
     while (*slot) {
         Element &element = own(*slot);
-        if (before(element, name)) {
-            slot = &element.right;
-        } else if (NameLess()(name, element.content->name)) {
-            slot = &element.left;
-        } else {
+        const int order = order_of(name, element.content->name);
+        if (order == 0) {
             return slot;
         }
+        slot = order < 0 ? &element.left : &element.right;
     }
     return nullptr;
 }
@@ -135,14 +133,9 @@ const Element *Tree::find(std::string_view path) const {
     while (path.size() > 1) { // of the root only the "/"
         const PlacedName name(take_name(path));
         element = element->children.get();
-        while (element != nullptr) {
-            if (before(*element, name)) {
-                element = element->right.get();
-            } else if (NameLess()(name, element->content->name)) {
-                element = element->left.get();
-            } else {
-                break;
-            }
+        int order = 0;
+        while (element != nullptr && (order = order_of(name, element->content->name)) != 0) {
+            element = order < 0 ? element->left.get() : element->right.get();
         }
         if (element == nullptr) {
             return nullptr;
@@ -189,22 +182,25 @@ Element &Tree::own(std::string_view path) {
     return *element;
 }
 
-void Tree::add(std::string_view path, Value value) {
+const Element &Tree::add(std::string_view path, Value value) {
     auto element = std::make_shared<Element>();
     element->rank = random_rank();
     element->content =
         std::make_shared<Content>(Content{Name(PlacedName(last_name(path))), std::move(value)});
     Element &parent = own(parent_path(path));
     all.add(*element->content);
+    const Element &added = *element;
     insert(parent.children, std::move(element));
     ++parent.child_count;
+    return added;
 }
 
-void Tree::replace(std::string_view path, Value value) {
+const Element &Tree::replace(std::string_view path, Value value) {
     Element &element = own(path);
     all.bytes -= heap_bytes(element.content->value.text);
     element.content = std::make_shared<Content>(Content{element.content->name, std::move(value)});
     all.bytes += heap_bytes(element.content->value.text);
+    return element;
 }
 
 void Tree::remove(std::string_view path, Extent removed) {

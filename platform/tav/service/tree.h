@@ -90,10 +90,10 @@ public:
     api_status_t load(const std::string &path, const Value &value);
 
     // Changes of this copy. `path` is not the root, and its parent is a node of this tree. Each may
-    // throw std::bad_alloc; the tree must then be dropped.
-    void add(std::string_view path, Value value);       // where there is nothing
-    void replace(std::string_view path, Value value);   // of a leaf
-    void remove(std::string_view path, Extent removed); // a subtree of that extent
+    // throw std::bad_alloc; the tree must then be dropped. A result is valid until the next change.
+    const Element &add(std::string_view path, Value value);     // where there is nothing
+    const Element &replace(std::string_view path, Value value); // of a leaf
+    void remove(std::string_view path, Extent removed);         // a subtree of that extent
     // Removes everything but the root.
     void clear();
 

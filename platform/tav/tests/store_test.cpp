@@ -336,6 +336,21 @@ TEST_F(StoreUnit, TheChildrenOfANodeAreLimited) {
     EXPECT_EQ(picture(), before);
 }
 
+TEST_F(StoreUnit, TheLargestSizesAreThoseOfAnyTransactionsEnd) {
+    write({set_item("/n/a", "1"), set_item("/n/b", "1"), set_item("/n/c", "1"),
+           item(ItemKind::remove, "/n/a"), set_item("/n/b", "four")});
+    EXPECT_EQ(store->largest().children, 2U);
+    EXPECT_EQ(store->largest().value_bytes, 4U);
+    EXPECT_EQ(store->largest().path_bytes, 4U);
+    EXPECT_EQ(store->largest().depth, 2U);
+    write({item(ItemKind::make_node, "/a-long-name"), set_item("/n/d/e/f", "1")});
+    EXPECT_EQ(store->largest().children, 3U);
+    EXPECT_EQ(store->largest().name_bytes, 11U);
+    EXPECT_EQ(store->largest().depth, 4U);
+    write({item(ItemKind::remove, "/n"), set_item("/m/a", "1")});
+    EXPECT_EQ(store->largest().children, 3U); // it stays
+}
+
 TEST_F(StoreUnit, AWalkSeesNoneOfTheLaterChanges) {
     std::vector<Item> items;
     std::vector<std::string> expected{"/n"};
