@@ -54,6 +54,10 @@ void Writer::text(std::string_view value) {
     buffer.append(value);
 }
 
+void Writer::bytes(std::string_view encoded) {
+    buffer.append(encoded);
+}
+
 std::size_t Writer::size() const {
     return buffer.size() - length_bytes;
 }

@@ -21,6 +21,8 @@ public:
     void u64(std::uint64_t value);
     void i64(std::int64_t value);
     void text(std::string_view value);
+    // What was encoded earlier.
+    void bytes(std::string_view encoded);
 
     // Bytes of the body so far.
     std::size_t size() const;

@@ -47,6 +47,13 @@ constexpr std::size_t event_bytes = std::size_t{64} << 20;
 // Events that report no change and wait for one client; the connection ends beyond it.
 constexpr std::size_t notices_per_client = 128;
 
+// What the history may use, for the transactions of operators and again for those of services. A
+// larger transaction is in it without its values.
+constexpr std::size_t history_bytes = std::size_t{1} << 20;
+constexpr std::size_t history_transactions = 1000; // unless the service is started with another one
+// The name by which a client calls itself. api_status_name_too_long.
+constexpr std::size_t program_bytes = 64;
+
 // Event registrations of one client. api_status_too_many_registrations.
 constexpr std::size_t registrations_per_client = 64;
 // Connections in total and of one user (a client has two). The last ones are reserved for root and

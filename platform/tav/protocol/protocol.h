@@ -37,6 +37,8 @@ enum class Op : std::uint8_t {
     dump = 10,
     status = 11,
     wake_acknowledge = 12, // the program saw the wake-up byte and ignores its events
+    state_program = 13,    // how the client calls itself
+    history = 14,
 };
 
 // The steps of a transaction.

@@ -30,21 +30,19 @@ Database::Database(const std::string &file, Durability promised,
     // Overwriting what is removed would need room in the log.
     database.execute("PRAGMA secure_delete = FAST");
     Version version = check_database(database);
-    totals = load_rows(database, row_checks(version), tree);
+    totals = load_database(database, version, tree, stored_records);
     page_size = database.number("PRAGMA page_size");
     use_wal();
     database.execute("PRAGMA synchronous = FULL");
     begin = database.prepare("BEGIN IMMEDIATE");
     end = database.prepare("COMMIT");
     page_count = database.prepare("PRAGMA page_count");
-    if (version.format == first_format) {
-        totals = migrate_database(database, tree);
-        version = Version();
-    }
+    migrate_database(database, version, totals, tree);
     // Without remains of earlier writes, what follows damage is a later write.
     static_cast<void>(empty_log());
     begin_durability(version);
     rows.emplace(database);
+    history.emplace(database);
     for (const char *suffix : {"", "-wal"}) {
         if (KnownFile file_now(database.resolved_name() + suffix); file_now.loss() == nullptr) {
             files.push_back(std::move(file_now));
@@ -139,7 +137,7 @@ Version Database::current_version() const {
     return version;
 }
 
-void Database::write(const Edit::Changes &changes, Totals &after) {
+void Database::write(const Edit::Changes &changes, Depth depth, Totals &after) {
     std::int64_t removed = 0;
     for (const Change &change : changes) {
         removed += change.stored() && !change.after ? 1 : 0;
@@ -161,9 +159,40 @@ void Database::write(const Edit::Changes &changes, Totals &after) {
             rows->remove(change.path);
         }
     }
+    if (depth == Depth::whole) {
+        history->write(changes, after);
+    } else {
+        history->write_least(changes, after);
+    }
     if (durability == Durability::full) {
         rows->store(after);
     }
+}
+
+std::uint64_t Database::begin_history(const HistoryBounds &bounds, Records &records) {
+    history->bound(bounds, stored_records);
+    records = std::move(stored_records);
+    try {
+        trim_history(bounds.transactions > 0);
+    } catch (const DatabaseError &error) {
+        // The next commits do it.
+        log_line("cannot shorten the history: %s", error.what());
+        database.roll_back();
+    }
+    return static_cast<std::uint64_t>(totals.last_record);
+}
+
+void Database::trim_history(bool keeps_history) {
+    Totals after = totals;
+    database.run(begin.get());
+    if (history->trim(after)) {
+        // Without a history, a number that nobody ever uses marks the changes that it lacks.
+        after.last_record += keeps_history ? 0 : 1;
+        rows->store(after);
+    }
+    database.run(end.get());
+    history->kept();
+    totals = after;
 }
 
 // A commit can fail after all of it was written, if the log could not be synced. SQLite discards
@@ -197,13 +226,34 @@ bool Database::commit(const Edit::Changes &changes) {
     return stored;
 }
 
-void Database::transact(const Edit::Changes &changes) {
+void Database::transact(const Edit::Changes &changes, Depth depth) {
     Totals after = totals;
     database.run(begin.get());
-    write(changes, after);
+    write(changes, depth, after);
     space.reserve_database(database.number(page_count.get()) * page_size);
     database.run(end.get());
     totals = after;
+    history->kept();
+}
+
+// There is always room to empty the log.
+void Database::make_room() {
+    database.roll_back();
+    space.forget_database();
+    static_cast<void>(empty_log());
+}
+
+// A change does not fail because there is no room for its history.
+void Database::transact_somehow(const Edit::Changes &changes) {
+    for (int tries = 0; tries < 2; ++tries) {
+        try {
+            transact(changes, Depth::whole);
+            return;
+        } catch (const DiskFull &) {
+            make_room();
+        }
+    }
+    transact(changes, Depth::least);
 }
 
 bool Database::try_commit(const Edit::Changes &changes) {
@@ -212,15 +262,7 @@ bool Database::try_commit(const Edit::Changes &changes) {
         database.roll_back();
         // Until that commit succeeds, no write can be confirmed.
         discard_refused();
-        try {
-            transact(changes);
-        } catch (const DiskFull &) {
-            // There is always room to empty the log.
-            database.roll_back();
-            space.forget_database();
-            static_cast<void>(empty_log());
-            transact(changes);
-        }
+        transact_somehow(changes);
         return true;
     } catch (const std::exception &error) {
         log_line("cannot store a change: %s", error.what());

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "service/database_file.h"
+#include "service/history_rows.h"
 #include "service/known_file.h"
 #include "service/rows.h"
 #include "service/space.h"
@@ -36,6 +37,7 @@ public:
     // and do not appear after a later start either.
     bool commit(const Edit::Changes &changes) override;
     bool is_slow(std::size_t changes) const override;
+    std::uint64_t begin_history(const HistoryBounds &bounds, Records &records) override;
     const char *promise() const override;
 
 private:
@@ -45,10 +47,14 @@ private:
     bool empty_log();
     bool log_is_long() const;
     void shorten_log();
-    void transact(const Edit::Changes &changes);
+    enum class Depth { whole, least }; // of the history
+    void transact(const Edit::Changes &changes, Depth depth);
+    void transact_somehow(const Edit::Changes &changes);
+    void make_room();
+    void trim_history(bool keeps_history);
     bool try_commit(const Edit::Changes &changes);
     Version current_version() const;
-    void write(const Edit::Changes &changes, Totals &after);
+    void write(const Edit::Changes &changes, Depth depth, Totals &after);
     void discard_refused();
 
     Durability durability;
@@ -61,6 +67,8 @@ private:
     Sqlite::Statement page_count;
     std::vector<KnownFile> files; // the database, and the log if there is one
     std::optional<Rows> rows;
+    std::optional<HistoryRows> history;
+    Records stored_records; // until begin_history()
     Totals totals;
     bool refused_in_log = false; // the log on disk may end with a commit that failed
     int log_pages = 0;           // after the last commit

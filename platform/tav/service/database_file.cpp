@@ -90,7 +90,7 @@ void add_nodes(Tree &tree, const std::string &path) {
 
 // In WAL mode from the start, so that the first process to open it has it exclusively. After
 // closing there is only one file to rename.
-void create_database(const std::string &file, const Tree &tree) {
+void create_database(const std::string &file, const Tree &tree, const Records &records) {
     remove_unfinished(file);
     Sqlite database(file, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
     // Most commits change one leaf, and so write one page and compute its checksum.
@@ -100,7 +100,11 @@ void create_database(const std::string &file, const Tree &tree) {
     database.execute("BEGIN IMMEDIATE; PRAGMA application_id = " + std::to_string(application_id) +
                      ";" + statement_of({}));
     Rows::create(database);
-    Rows(database).put_all(tree);
+    HistoryRows::create(database);
+    Rows rows(database);
+    Totals totals = rows.put_all(tree);
+    HistoryRows(database).put_all(records, totals);
+    rows.store(totals);
     // Closing would do the latter, too, but would not say if it fails.
     database.execute("COMMIT; PRAGMA wal_checkpoint(TRUNCATE)");
 }
@@ -110,12 +114,33 @@ RowChecks row_checks(const Version &version) {
     return {!first, !first && !version.unsynced};
 }
 
-Totals migrate_database(Sqlite &database, const Tree &tree) {
-    database.execute("BEGIN IMMEDIATE; DROP TABLE element;" + statement_of({}));
-    Rows::create(database);
-    const Totals totals = Rows(database).put_all(tree);
-    database.execute("COMMIT");
+Totals load_database(Sqlite &database, const Version &version, Tree &tree, Records &records) {
+    Totals totals = load_rows(database, row_checks(version), tree);
+    if (version.format != first_format && version.format != second_format) {
+        records = HistoryRows::load(database, row_checks(version), totals);
+    }
     return totals;
+}
+
+void migrate_database(Sqlite &database, Version &version, Totals &totals, const Tree &tree) {
+    const std::int64_t format = version.format;
+    if (format != first_format && format != second_format) {
+        return;
+    }
+    version.format = Version().format;
+    version.unsynced = version.unsynced && format != first_format;
+    database.execute("BEGIN IMMEDIATE;" + statement_of(version));
+    if (format == first_format) {
+        database.execute("DROP TABLE element");
+        Rows::create(database);
+        totals = Rows(database).put_all(tree);
+    } else {
+        database.execute("DROP TABLE total");
+        Rows::create_totals(database);
+        Rows(database).store(totals);
+    }
+    HistoryRows::create(database);
+    database.execute("COMMIT");
 }
 
 void write_version(Sqlite &database, const Version &version, const Totals &totals) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "client/unique_fd.h"
+#include "service/history_rows.h"
 #include "service/rows.h"
 #include "service/sqlite.h"
 
@@ -18,21 +19,22 @@ namespace tav {
 void provide_database(const std::string &file, const std::vector<std::string> &initial_nodes);
 
 // Creates `file`, instead of one that an earlier start or repair has not finished, with the content
-// of `tree`. Throws DatabaseError.
-void create_database(const std::string &file, const Tree &tree);
+// of `tree` and the history `records`. Throws DatabaseError.
+void create_database(const std::string &file, const Tree &tree, const Records &records = {});
 
 // Adds the node at `path` and those above it, unless they exist.
 void add_nodes(Tree &tree, const std::string &path);
 
 // The user version in the header of the file.
 struct Version {
-    std::int64_t format = 2; // the first one has no checksums and no totals
+    std::int64_t format = 3; // the first one has no checksums and no totals, the second no history
     // Commits are not synced, and the totals are not used.
     bool unsynced = false;
 
     std::int64_t number() const;
 };
 constexpr std::int64_t first_format = 1;
+constexpr std::int64_t second_format = 2;
 RowChecks row_checks(const Version &version);
 
 // Opens and locks the file until the descriptor is closed. Throws DatabaseError, also if another
@@ -47,9 +49,12 @@ void check_log_of(const std::string &file, int locked);
 // version reads, can be written, and passes SQLite's integrity check.
 Version check_database(Sqlite &database);
 
-// Replaces the tables of the first format by those of the current one with the content of `tree`,
-// all or nothing.
-Totals migrate_database(Sqlite &database, const Tree &tree);
+// Reads everything; `tree` has only the root. Throws DamagedDatabase.
+Totals load_database(Sqlite &database, const Version &version, Tree &tree, Records &records);
+
+// Brings a database of an earlier format to the current one, all or nothing. `tree` and `totals`
+// are its content.
+void migrate_database(Sqlite &database, Version &version, Totals &totals, const Tree &tree);
 
 // Writes the header and the totals, also if they are the same as before.
 void write_version(Sqlite &database, const Version &version, const Totals &totals);

@@ -17,6 +17,7 @@ namespace tav {
 
 // The net change of one path by a transaction. An absent element has no value; a node has one of
 // type node.
+struct Record;
 struct Change {
     using ValuePtr = std::shared_ptr<const Value>;
 
@@ -24,6 +25,8 @@ struct Change {
     ValuePtr before;
     ValuePtr after;
     bool touched = false; // an event is wanted even if the content does not change
+    // Of the last change of a transaction: what to store in the history, if there is one.
+    std::shared_ptr<const Record> record = nullptr;
 
     // The element appears, disappears or has other content.
     bool real() const;

@@ -54,6 +54,8 @@ const char usage[] =
     "                       print what was dropped\n"
     "  --max-bytes NUMBER   let the settings use at most this much memory; K, M and G multiply\n"
     "                       by 1024 (default: 256M)\n"
+    "  --history NUMBER     list and undo the last NUMBER transactions, and as many of\n"
+    "                       services (default: 1000; 0: none)\n"
     "  --initial-node PATH  create the node PATH in a new store. May be given several times.\n"
     "\n"
     "Who may use them: root, the user that the service runs as, and\n"
@@ -77,6 +79,7 @@ struct Options {
     std::string database;
     std::optional<tav::Durability> durability; // only with a database
     std::optional<std::size_t> max_bytes;
+    std::size_t history = tav::limits::history_transactions;
     std::vector<std::string> initial_nodes;
     std::string write_group;
     std::string read_group;
@@ -119,6 +122,13 @@ std::optional<std::size_t> parse_bytes(const std::string &text) {
     return number << shift;
 }
 
+std::optional<std::size_t> parse_number(const std::string &text) {
+    std::size_t number = 0;
+    const char *const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    return error == std::errc() && rest == end ? std::optional(number) : std::nullopt;
+}
+
 // Stores one option with its argument. False, after a message, if the argument is wrong.
 bool take(int found, const char *argument, Options &options) {
     switch (found) {
@@ -143,6 +153,13 @@ bool take(int found, const char *argument, Options &options) {
             tav::log_line("'%s' is not a number of bytes", argument);
         }
         return options.max_bytes.has_value();
+    case 'H':
+        if (const std::optional<std::size_t> number = parse_number(argument)) {
+            options.history = *number;
+            return true;
+        }
+        tav::log_line("'%s' is not a number of transactions", argument);
+        return false;
     case 'n':
         options.initial_nodes.emplace_back(argument);
         if (tav::check_path(argument) != api_status_ok) {
@@ -182,6 +199,7 @@ std::optional<Options> parse(int argc, char **argv) {
                                    {"memory", no_argument, nullptr, 'm'},
                                    {"repair", no_argument, nullptr, 'R'},
                                    {"max-bytes", required_argument, nullptr, 'M'},
+                                   {"history", required_argument, nullptr, 'H'},
                                    {"initial-node", required_argument, nullptr, 'n'},
                                    {"socket", required_argument, nullptr, 's'},
                                    {"socket-mode", required_argument, nullptr, 'p'},
@@ -276,6 +294,7 @@ void serve(const Options &options) {
                                       : std::make_unique<tav::Store>(options.database, durability,
                                                                      options.initial_nodes);
     store->byte_limit = options.max_bytes.value_or(store->byte_limit);
+    store->keep_history(tav::HistoryBounds{options.history});
     const auto service = tav::make_service(*store, options.database);
     service->usage().change(tav::Limit::connections, rights.connections.all);
     service->usage().change(tav::Limit::user_connections, rights.connections.per_user);

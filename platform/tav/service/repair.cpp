@@ -52,14 +52,24 @@ public:
         // Each end of the table, up to the first page that cannot be read.
         pass(rows, false);
         pass(rows + " DESC", true);
+        if (has_history()) {
+            history = HistoryRows::salvage(database, bad_rows);
+        }
     }
+    const Records &records() const { return history; }
     std::int64_t rejected() const { return bad_rows; }
     // How many rows there were, if that was counted.
-    std::optional<std::int64_t> expected() {
-        return version == Version().number() ? number("SELECT rows FROM total") : std::nullopt;
+    std::optional<std::int64_t> expected() { return counted_rows("SELECT rows FROM total"); }
+    std::optional<std::int64_t> expected_records() {
+        return has_history() ? counted_rows("SELECT records FROM total") : std::nullopt;
     }
 
 private:
+    std::int64_t format() const { return version & 0xff; }
+    bool has_history() const { return format() > second_format; }
+    std::optional<std::int64_t> counted_rows(const char *sql) {
+        return version == format() && checked() ? number(sql) : std::nullopt;
+    }
     bool checked() const { return version != first_format; }
     std::optional<std::int64_t> number(const char *sql) {
         try {
@@ -101,7 +111,13 @@ private:
     std::int64_t version;
     std::string last; // path that was read forwards
     std::int64_t bad_rows = 0;
+    Records history;
 };
+
+std::string of_expected(std::int64_t kept, std::optional<std::int64_t> expected) {
+    return std::to_string(kept) +
+           (expected && *expected >= kept ? " of " + std::to_string(*expected) : "");
+}
 
 // The user that runs the service can use the new file like the old one.
 void take_owner(const std::string &from, const std::string &to) {
@@ -147,16 +163,15 @@ std::string rewrite(const std::string &file, Sqlite &damaged) {
         refuse_database(file, "is damaged, and nothing of it can be read");
     }
     const std::string fresh = file + ".new";
-    create_database(fresh, tree);
+    create_database(fresh, tree, salvage.records());
     take_owner(file, fresh);
-    std::string report = "'" + file + "': kept " + std::to_string(kept);
-    const std::optional<std::int64_t> expected = salvage.expected();
-    if (expected && *expected >= kept) {
-        report += " of " + std::to_string(*expected);
-    }
+    const std::string report = "'" + file + "': kept " + of_expected(kept, salvage.expected()) +
+                               " elements and " +
+                               of_expected(static_cast<std::int64_t>(salvage.records().size()),
+                                           salvage.expected_records()) +
+                               " entries of the history, dropped ";
     replace(file, fresh);
-    return report + " elements, dropped " +
-           counted(static_cast<std::uint64_t>(salvage.rejected()), "damaged row") +
+    return report + counted(static_cast<std::uint64_t>(salvage.rejected()), "damaged row") +
            " and what cannot be read. The damaged database is '" + file + kept_name + "'.\n";
 }
 
@@ -191,7 +206,8 @@ std::string repair_database(const std::string &file) {
         database.execute("PRAGMA locking_mode = EXCLUSIVE");
         const Version version = check_database(database);
         Tree tree;
-        load_rows(database, row_checks(version), tree);
+        Records records;
+        load_database(database, version, tree, records);
     } catch (const DamagedDatabase &) {
         return rewrite(name, database);
     }

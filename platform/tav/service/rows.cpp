@@ -20,6 +20,11 @@ std::uint32_t add_number(std::uint32_t before, std::uint64_t number) {
     return crc32({bytes, sizeof bytes}, before);
 }
 
+// Zero for the zero of a new table.
+std::uint32_t checksum_of_last(std::int64_t last) {
+    return last == 0 ? 0 : add_number(0, static_cast<std::uint64_t>(last));
+}
+
 std::uint32_t checksum_of(const std::string &path, const Value &value) {
     std::uint32_t sum = add_number(0, static_cast<std::uint64_t>(value.type));
     sum = add_number(sum, static_cast<std::uint64_t>(value.time));
@@ -49,9 +54,15 @@ void check_totals(Sqlite &database, const Totals &found) {
 void Rows::create(Sqlite &database) {
     database.execute("CREATE TABLE element (path BLOB PRIMARY KEY, type INTEGER NOT NULL,"
                      " text BLOB NOT NULL, time INTEGER NOT NULL, checksum INTEGER NOT NULL)"
-                     " WITHOUT ROWID;"
-                     "CREATE TABLE total (rows INTEGER NOT NULL, checksums INTEGER NOT NULL);"
-                     "INSERT INTO total VALUES (0, 0)");
+                     " WITHOUT ROWID");
+    create_totals(database);
+}
+
+void Rows::create_totals(Sqlite &database) {
+    database.execute("CREATE TABLE total (rows INTEGER NOT NULL, checksums INTEGER NOT NULL,"
+                     " records INTEGER NOT NULL, record_checksums INTEGER NOT NULL,"
+                     " last_record INTEGER NOT NULL, last_checksum INTEGER NOT NULL);"
+                     "INSERT INTO total VALUES (0, 0, 0, 0, 0, 0)");
 }
 
 Rows::Rows(Sqlite &used)
@@ -59,7 +70,8 @@ Rows::Rows(Sqlite &used)
       put_row(used.prepare("INSERT OR REPLACE INTO element (path, type, text, time, checksum)"
                            " VALUES (?, ?, ?, ?, ?)")),
       remove_row(used.prepare("DELETE FROM element WHERE path = ?")),
-      store_totals(used.prepare("UPDATE total SET rows = ?, checksums = ?")) {}
+      store_totals(used.prepare("UPDATE total SET rows = ?, checksums = ?, records = ?,"
+                                " record_checksums = ?, last_record = ?, last_checksum = ?")) {}
 
 void Rows::put(const std::string &path, const Value &value, Totals &totals) {
     const std::uint32_t checksum = checksum_of(path, value);
@@ -88,9 +100,23 @@ void Rows::discount(const std::string &path, const Value &value, Totals &totals)
     totals.checksums ^= checksum_of(path, value);
 }
 
+std::int64_t Rows::last_record(Sqlite &database) {
+    const Sqlite::Statement total =
+        database.prepare("SELECT last_record, last_checksum FROM total");
+    if (!database.next(total.get()) || sqlite3_column_int64(total.get(), 1) !=
+                                           checksum_of_last(sqlite3_column_int64(total.get(), 0))) {
+        refuse_damaged(database.name(), "is damaged: the last number of its history");
+    }
+    return sqlite3_column_int64(total.get(), 0);
+}
+
 void Rows::store(const Totals &totals) {
     sqlite3_bind_int64(store_totals.get(), 1, totals.rows);
     sqlite3_bind_int64(store_totals.get(), 2, totals.checksums);
+    sqlite3_bind_int64(store_totals.get(), 3, totals.records);
+    sqlite3_bind_int64(store_totals.get(), 4, totals.record_checksums);
+    sqlite3_bind_int64(store_totals.get(), 5, totals.last_record);
+    sqlite3_bind_int64(store_totals.get(), 6, checksum_of_last(totals.last_record));
     database.run(store_totals.get());
 }
 

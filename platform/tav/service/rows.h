@@ -1,7 +1,8 @@
 // The tables of the database. `element` has a row for each element except the root, with a
-// checksum. `total` has one row, from which a row is noticed that was lost or that is out of date.
-// Writing it with each commit doubles what goes to the log. That is little beside a sync, but not
-// without one, so it is not used while commits are not synced.
+// checksum. `history` is described in history_rows.h. `total` has one row, from which a row is
+// noticed that was lost or that is out of date. Writing it with each commit doubles what goes to
+// the log. That is little beside a sync, but not without one, so it is not used while commits are
+// not synced.
 #pragma once
 
 #include <cstdint>
@@ -16,13 +17,18 @@ namespace tav {
 struct Totals {
     std::int64_t rows = 0;
     std::uint32_t checksums = 0; // of all rows, combined with XOR
+    // The same of the table `history`.
+    std::int64_t records = 0;
+    std::uint32_t record_checksums = 0;
+    std::int64_t last_record = 0; // the last number ever used
 };
 
 // The statements that change the tables, within a transaction of the caller.
 class Rows {
 public:
-    // Creates the tables.
+    // Creates the tables `element` and `total`.
     static void create(Sqlite &database);
+    static void create_totals(Sqlite &database);
 
     explicit Rows(Sqlite &used);
 
@@ -33,6 +39,8 @@ public:
     // Takes a row that is being replaced or removed out of `totals`.
     static void discount(const std::string &path, const Value &value, Totals &totals);
     void store(const Totals &totals);
+    // The last number of the history as it was stored, also if the totals are not used.
+    static std::int64_t last_record(Sqlite &database);
     // Stores a whole tree in empty tables.
     Totals put_all(const Tree &tree);
 

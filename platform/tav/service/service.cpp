@@ -224,6 +224,12 @@ bool Service::fits(std::size_t paths) {
     return false;
 }
 
+Author Service::author(const Session &session) const {
+    const std::string *const watchdog = dog.name_of(session.id());
+    return Author{session.uid(), session.pid(), watchdog != nullptr ? *watchdog : session.program,
+                  watchdog != nullptr};
+}
+
 ServiceStatus Service::status() {
     const Time now = clock();
     const Extent &extent = served.tree().extent();

@@ -85,6 +85,8 @@ public:
     }
     // Whether a call may have so many paths; the library obeys that.
     bool fits(std::size_t paths);
+    // Who the session's client is, for the history.
+    Author author(const Session &session) const;
     // All but the clients.
     ServiceStatus status();
 

@@ -28,6 +28,8 @@ public:
     std::uint32_t pid() const { return process; }
     std::uint32_t uid() const { return user; }
     bool may_write() const { return writes; }
+    // As the client called itself.
+    std::string program;
 
     // Adds a registration or changes the flag of the existing one for the path, and queues the
     // notice. Nothing may be staged in the log.

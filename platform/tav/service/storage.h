@@ -1,7 +1,7 @@
 // Permanent storage of the tree: the interface between the store and its database.
 #pragma once
 
-#include "service/edit.h"
+#include "service/history.h"
 
 namespace tav {
 
@@ -19,6 +19,13 @@ public:
     virtual bool is_slow(std::size_t changes) const {
         static_cast<void>(changes);
         return false;
+    }
+    // Bounds the stored history before the first commit, and moves it to `records`. The result is
+    // the last number ever used.
+    virtual std::uint64_t begin_history(const HistoryBounds &bounds, Records &records) {
+        static_cast<void>(bounds);
+        static_cast<void>(records);
+        return 0;
     }
     // The durability of a commit, for display: "none", "normal" or "full".
     virtual const char *promise() const { return "none"; }

@@ -26,10 +26,20 @@ Store::Store(const std::string &file, Durability durability, const Nodes &initia
     forming.tree = committed;
 }
 
-std::shared_ptr<const Store::Result> Store::join(Transaction &done, EventLog::Staged &staged) {
+void Store::keep_history(const HistoryBounds &bounds) {
+    Records stored;
+    const std::uint64_t last = storage->begin_history(bounds, stored);
+    past.begin(bounds, stored, last);
+}
+
+std::shared_ptr<const Store::Result> Store::join(Transaction &done, EventLog::Staged &staged,
+                                                 const Author &author) {
     if (!forming.result) {
         forming.result = std::make_shared<Result>();
         forming.sizes = committing() ? at_storage.sizes : sizes;
+    }
+    if (!done.changes().empty()) {
+        past.record(done.changes(), author, std::time(nullptr), forming.records);
     }
     forming.tree = done.tree();
     forming.changes.splice(forming.changes.end(), done.changes());
@@ -51,6 +61,7 @@ const Edit::Changes &Store::close_group() noexcept {
     at_storage.tree = forming.tree;
     at_storage.sizes = forming.sizes;
     at_storage.changes.swap(forming.changes);
+    at_storage.records.swap(forming.records);
     at_storage.result.swap(forming.result);
     log.close_group();
     return at_storage.changes;
@@ -61,8 +72,11 @@ void Store::finish(bool stored, Time now) noexcept {
         changed += at_storage.changes.empty() ? 0U : 1U;
         committed = at_storage.tree;
         sizes = at_storage.sizes;
+        past.add(at_storage.records);
         log.publish(now);
     } else {
+        past.drop(at_storage.records);
+        past.drop(forming.records);
         log.drop_staged();
         at_storage.tree = committed;
         forming.tree = committed;
@@ -95,22 +109,22 @@ api_status_t read_leaf(const Tree &tree, std::string_view path, const Value *&va
 }
 
 std::vector<api_status_t> Store::transact(const std::vector<Item> &items,
-                                          const Transaction::Unseen &unseen, SessionId author,
-                                          Time now) {
+                                          const Transaction::Unseen &unseen, SessionId session,
+                                          Time now, const Author &author) {
     Writer encoded;
     put_all(encoded, items);
     const std::string frame = encoded.finish();
     EventLog::Staged staged;
     Transaction transaction(forming.tree, std::string_view(frame).substr(length_bytes),
                             std::time(nullptr), byte_limit, unseen,
-                            [&](const Event &event) { log.stage(staged, event, author); });
+                            [&](const Event &event) { log.stage(staged, event, session); });
     Transaction::State state = Transaction::State::working;
     while (state == Transaction::State::working) {
         state = transaction.advance();
     }
     std::vector<api_status_t> statuses = transaction.statuses();
     if (state == Transaction::State::complete) {
-        const auto result = join(transaction, staged);
+        const auto result = join(transaction, staged, author);
         commit(now);
         if (!result->stored) {
             statuses.assign(statuses.size(), api_status_failed);

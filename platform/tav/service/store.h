@@ -14,6 +14,7 @@
 #include "protocol/limits.h"
 #include "service/database.h"
 #include "service/event_log.h"
+#include "service/history.h"
 #include "service/storage.h"
 #include "service/transaction.h"
 
@@ -40,6 +41,9 @@ public:
     const Tree &tree() const { return committed; }
     const Sizes &largest() const { return sizes; }
     EventLog &events() { return log; }
+    // There is none before keep_history(). That must precede the first write.
+    const HistoryLog &history() const { return past; }
+    void keep_history(const HistoryBounds &bounds);
     // See Storage::promise().
     const char *durability() const { return storage->promise(); }
     // Increases with each group that changes something.
@@ -47,11 +51,11 @@ public:
     // What the tree may use; a transaction that makes it smaller is possible beyond it, too.
     std::size_t byte_limit = limits::store_bytes;
 
-    // Carries out a whole transaction at once, as the session `author`, and commits it. Nothing
+    // Carries out a whole transaction at once, as that session and author, and commits it. Nothing
     // else may be in preparation.
     std::vector<api_status_t> transact(const std::vector<Item> &items,
-                                       const Transaction::Unseen &unseen, SessionId author = 0,
-                                       Time now = {});
+                                       const Transaction::Unseen &unseen, SessionId session = 0,
+                                       Time now = {}, const Author &author = {});
 
     // The outcome of a group, shared by those who wait for it.
     struct Result {
@@ -64,7 +68,8 @@ public:
     std::uint64_t refusals() const { return refused; }
     // Adds a completed transaction and its events to the group that forms. May throw
     // std::bad_alloc, and has then no effect.
-    std::shared_ptr<const Result> join(Transaction &done, EventLog::Staged &staged);
+    std::shared_ptr<const Result> join(Transaction &done, EventLog::Staged &staged,
+                                       const Author &author);
     // A group forms; one is being committed.
     bool has_group() const { return forming.result != nullptr; }
     bool committing() const { return at_storage.result != nullptr; }
@@ -82,6 +87,7 @@ private:
     struct Group {
         Tree tree;
         Edit::Changes changes;
+        Records records;
         Sizes sizes;
         std::shared_ptr<Result> result; // null: there is no group
 
@@ -94,6 +100,7 @@ private:
     std::uint64_t refused = 0;
     Sizes sizes;
     EventLog log;
+    HistoryLog past;
     Group at_storage; // closed, and being committed
     Group forming;
 };

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "protocol/limits.h"
+#include "service/history_task.h"
 #include "service/service.h"
 
 namespace tav {
@@ -171,7 +172,7 @@ public:
             break;
         }
         number = transaction->statuses().size();
-        result = service.store().join(*transaction, staged);
+        result = service.store().join(*transaction, staged, service.author(session));
         end();
         return State::blocked;
     }
@@ -359,6 +360,9 @@ std::unique_ptr<Task> make_task(Service &service, Session &session, const Reques
         return std::make_unique<Register>(service, session, header, content);
     case Op::watchdog_register:
         return std::make_unique<Watch>(service, session, header, content);
+    case Op::state_program:
+    case Op::history:
+        return make_history_task(service, session, header, content);
     case Op::status:
         return std::make_unique<Status>(service, header, content);
     default:

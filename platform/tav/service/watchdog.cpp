@@ -1,6 +1,7 @@
 #include "service/watchdog.h"
 
 #include <algorithm>
+#include <utility>
 
 #include "protocol/limits.h"
 #include "service/log.h"
@@ -8,6 +9,10 @@
 namespace tav {
 
 Watchdog::Entry *Watchdog::find(std::uint64_t session) {
+    return const_cast<Entry *>(std::as_const(*this).find(session));
+}
+
+const Watchdog::Entry *Watchdog::find(std::uint64_t session) const {
     const auto entry = std::find_if(entries.begin(), entries.end(), [session](const Entry &e) {
         return e.session == session && e.state != WatchdogState::gone;
     });
@@ -88,6 +93,11 @@ void Watchdog::check(Time now) {
                      entry.pid, entry.period);
         }
     }
+}
+
+const std::string *Watchdog::name_of(std::uint64_t session) const {
+    const Entry *entry = find(session);
+    return entry != nullptr ? &entry->name : nullptr;
 }
 
 std::optional<Time> Watchdog::next_check() const {

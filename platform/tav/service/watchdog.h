@@ -24,6 +24,8 @@ public:
     void depart(std::uint64_t session);
     // Checks for overdue clients.
     void check(Time now);
+    // The name of a client's watchdog; null if it has none.
+    const std::string *name_of(std::uint64_t session) const;
     // The time when the next client will be overdue.
     std::optional<Time> next_check() const;
 
@@ -40,6 +42,7 @@ private:
     };
 
     Entry *find(std::uint64_t session);
+    const Entry *find(std::uint64_t session) const;
     static Time deadline(const Entry &entry);
     void forget(const std::string &name);
 

@@ -4,6 +4,7 @@
 #include <sstream>
 
 #include "protocol/codec.h"
+#include "protocol/history.h"
 #include "protocol/limits.h"
 #include "protocol/messages.h"
 
@@ -148,6 +149,11 @@ TEST(Messages, EachKindSurvivesTheRoundTripAndNoCutOfIt) {
     expect_round_trip(Registration{"/a", 1, true});
     expect_round_trip(WatchdogRequest{"dog", -5, true});
     expect_round_trip(DumpElement{"/a", value});
+    expect_round_trip(HistoryRequest{odd, 5});
+    expect_round_trip(ChangedElement{odd, true, value, false, {}});
+    expect_round_trip(ChangedElement{odd, false, {}, true, value});
+    expect_round_trip(HistoryEntry{
+        1, 2, 3, 4, odd, true, 5, {ChangedElement{odd, true, value, true, value}, {}}});
     expect_round_trip(ClientStatus{1, 2, 3, true, 4, 5, true, 6});
     expect_round_trip(Farewell{api_status_denied, odd});
     expect_round_trip(LimitStatus{"bytes", 1, 2, 3});

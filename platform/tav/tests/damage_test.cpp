@@ -110,8 +110,8 @@ TEST_F(DamageTest, ItIsAnotherProgramsDatabase) {
 }
 
 TEST_F(DamageTest, ANewerServiceWroteIt) {
-    sql(database, "PRAGMA user_version = 3");
-    expect_refused("was written by a newer tavd (format 3, this tavd reads 2)");
+    sql(database, "PRAGMA user_version = 4");
+    expect_refused("was written by a newer tavd (format 4, this tavd reads 3)");
 }
 
 TEST_F(DamageTest, ItHasAFormatThatNeverWas) {

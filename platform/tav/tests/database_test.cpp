@@ -161,6 +161,27 @@ TEST_F(DatabaseTest, TheFirstFormatIsMigrated) {
     EXPECT_THROW(Store store(file), DatabaseError);
 }
 
+TEST_F(DatabaseTest, TheSecondFormatIsMigratedAndKeepsItsDurability) {
+    for (const auto &[durability, number] :
+         {std::pair(Durability::full, 2), std::pair(Durability::normal, 0x10002)}) {
+        std::filesystem::remove(file);
+        { Store store(file, durability, {"/n"}); }
+        sql(file, "DROP TABLE history; DROP TABLE total;"
+                  "CREATE TABLE total (rows INTEGER NOT NULL, checksums INTEGER NOT NULL);"
+                  "INSERT INTO total SELECT 1, checksum FROM element;"
+                  "PRAGMA user_version = " +
+                      std::to_string(number));
+        for (int start = 0; start < 2; ++start) {
+            Store store(file, durability);
+            EXPECT_EQ(picture(store),
+                      start == 0 ? "/=2:@-1\n/n=2:@-1\n" : "/=2:@-1\n/n=2:@-1\n/n/a=6:1@77\n");
+            store.keep_history(HistoryBounds{10});
+            EXPECT_EQ(store.history().last(), start == 0 ? 0U : 1U);
+            store.transact({set_item("/n/a", "1")}, nothing_unseen);
+        }
+    }
+}
+
 TEST_F(DatabaseTest, ADamagedDatabaseOfTheFirstFormatIsRefusedAndNotChanged) {
     sql(file, tables_of_first_format);
     sql(file, "INSERT INTO element VALUES (x'6e6f736c617368', 6, x'31', 0)");

@@ -165,6 +165,13 @@ std::vector<Kind> kinds() {
                              })},
         {"Ping", request(Op::watchdog_ping)},
         {"Status", request(Op::status)},
+        {"StateProgram",
+         request(Op::state_program,
+                 [](Writer &out) { put(out, std::string_view(long_text).substr(0, 60)); })},
+        {"History", request(Op::history,
+                            [](Writer &out) {
+                                put(out, HistoryRequest{"/n", 0});
+                            })},
         {"Dump", with_path(Op::dump)},
     };
 }
@@ -181,6 +188,16 @@ Lines lines_of(const Tree &tree) {
     return lines;
 }
 
+// Also of the history.
+Lines lines_of(const Store &store) {
+    Lines lines = lines_of(store.tree());
+    const HistoryLog &history = store.history();
+    for (RecordPtr record = history.next(0); record; record = history.next(record->number)) {
+        lines.push_back(record->entry);
+    }
+    return lines;
+}
+
 // What the parent learns about a child that may die.
 struct Report {
     long number = 0; // of the allocation that fails
@@ -194,6 +211,7 @@ protected:
                                     MAP_SHARED | MAP_ANONYMOUS, -1, 0);
         report = new (shared) Report;
         Store store(original, Durability::normal);
+        store.keep_history(HistoryBounds{2});
         Items items{set("/a/b"), set("/a/c/d", "short"), set("/stale"),
                     step(ItemKind::make_node, "/empty")};
         for (int i = 0; i < 10; ++i) {
@@ -249,9 +267,13 @@ protected:
         if (first) {
             std::filesystem::remove(used);
         }
-        starve([this] { Store(used, Durability::normal, first_nodes); });
+        starve([this] {
+            Store(used, Durability::normal, first_nodes).keep_history(HistoryBounds{2});
+        });
         const bool fired = failed;
-        const Lines after = lines_of(Store(used, Durability::normal, first_nodes).tree());
+        Store again(used, Durability::normal, first_nodes);
+        again.keep_history(HistoryBounds{2});
+        const Lines after = lines_of(again);
         failed = fired;
         if (first) {
             return after.size() == 6 ? "" : "the first nodes are missing";
@@ -261,6 +283,7 @@ protected:
 
     std::string call() {
         Store store(used, Durability::normal);
+        store.keep_history(HistoryBounds{2});
         Service service(store, used, std::chrono::steady_clock::now);
         Session &writer = service.open(Credentials{1, 0, 0, {}}, true);
         Session &other = service.open(Credentials{2, 0, 0, {}}, true);
@@ -281,7 +304,7 @@ protected:
             }
         });
         const bool fired = failed;
-        if (lines_of(store.tree()) != stored()) {
+        if (lines_of(store) != stored()) {
             return "memory and database differ after the call";
         }
         reply.clear();
@@ -289,7 +312,7 @@ protected:
             reply.back() != static_cast<char>(api_status_ok)) {
             return "the next write fails";
         }
-        if (lines_of(store.tree()) != stored()) {
+        if (lines_of(store) != stored()) {
             return "memory and database differ after the next write";
         }
         failed = fired;
@@ -300,9 +323,9 @@ protected:
     Lines stored() const {
         const std::string file = dir.file("copy.db");
         copy(used, file);
-        Tree tree;
-        const Database database(file, Durability::normal, {}, tree);
-        return lines_of(tree);
+        Store store(file, Durability::normal);
+        store.keep_history(HistoryBounds{2});
+        return lines_of(store);
     }
 
     static void copy(const std::string &from, const std::string &to) {
