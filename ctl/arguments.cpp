@@ -80,6 +80,9 @@ public:
         if (waits()) {
             request.options.patience = std::stod(patience);
         }
+        const std::string option = " -i " + shown_word(request.options.prefix);
+        prefix_options = {request.options.prefix == usual_prefix ? "" : option,
+                          request.options.prefix == "eth" ? "" : option};
         if (colour != "auto") {
             request.options.colour =
                 colour == "always" ? tav::terminal::Color::always : tav::terminal::Color::never;
@@ -99,6 +102,7 @@ private:
                 request.options.prefix = word.substr(2);
             }
         }
+        usual_prefix = request.options.prefix;
     }
 
     // For a wrong command CLI11 only says that a command is required.
@@ -337,6 +341,7 @@ private:
         "Shows a device's IPv6 settings in the kernel and in the store, and changes the store.",
         "tandrelctl"};
     request_t request;
+    std::string usual_prefix; // without -i
     std::vector<CLI::Option *> wait_flags;
     std::string patience; // a text, because CLI11 would cut the fraction off a flag's number
     std::string colour = "auto";

@@ -161,10 +161,10 @@ std::string service_command(const std::string &verb, const std::string &pid) {
     if (fs::exists("/etc/init.d/tandrel", error)) {
         return "service tandrel " + verb;
     }
-    // Started by hand.
+    const std::string by_hand = "tandrel -D 2" + prefix_options.tandrel;
     return verb == "start"
-               ? "tandrel -D 2"
-               : "kill " + (pid.empty() ? "$(pidof tandrel)" : pid) + "; sleep 1; tandrel -D 2";
+               ? by_hand
+               : "kill " + (pid.empty() ? "$(pidof tandrel)" : pid) + "; sleep 1; " + by_hand;
 }
 
 } // namespace ctl

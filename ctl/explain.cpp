@@ -77,7 +77,7 @@ bool explainer_t::explain_link(const std::string &prefix, bool anything_stored) 
     }
     const kernel_link_t &link = *view.kernel;
     if (!has_prefix(view.link, prefix)) {
-        add(reason_t::wrong_prefix, {{"prefix", prefix}});
+        add(reason_t::wrong_prefix, {{"prefix", prefix}, {"text", prefix_of(view.link)}});
     } else if (!link.ethernet) {
         add(reason_t::not_ethernet);
     } else if (link.hwaddr.empty()) {
@@ -218,6 +218,9 @@ void explainer_t::explain_address(const address_row_t &row) {
         add(reason_t::address_not_in_store,
             {{"address", prefix_text(row.kernel->address)},
              {"type", type_to_str(type_of_scope(row.kernel->address.scope))}});
+        // The kernel reports an address when it has checked it.
+        view.findings.back().waits =
+            (row.kernel->flags & (IFA_F_TENTATIVE | IFA_F_DADFAILED)) == IFA_F_TENTATIVE;
     } else if (row.stored->fault) {
         add(row.stored->fault->reason, row.stored->fault->words);
     } else if (row.kernel) {

@@ -34,6 +34,9 @@ removal_t find_interface(const store_view_t &store, const options_t &options) {
         }
         return removal;
     }
+    if (options.node.empty()) {
+        number_of(options); // a link with another prefix
+    }
     throw refusal(options.node.empty()
                       ? "the store has no node for " + shown(options.link)
                       : "the store has no interface node '" + shown(options.node) + "'");

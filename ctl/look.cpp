@@ -68,7 +68,7 @@ report_t make_report(client_t &client, const comparison_t &comparison, const opt
     // Without the daemon a synchronisation is no remedy; the daemon's own finding has the remedy.
     if (report.daemon.state != daemon_t::working && report.daemon.state != daemon_t::unknown) {
         for (finding_t &finding : report.differences) {
-            finding.waits = finding.needs_synchronisation();
+            finding.waits = finding.waits || finding.needs_synchronisation();
         }
     }
     return report;

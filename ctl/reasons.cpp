@@ -53,7 +53,7 @@ constexpr reasons_t table{{
      ""},
     {r::wrong_prefix, note, "wrong-prefix",
      "not synchronised: its name does not begin with '{prefix}'; to manage such links instead, "
-     "start tandrel with -i PREFIX",
+     "start tandrel with -i {text}",
      ""},
     {r::no_node_fits, note, "no-node-fits",
      "not synchronised: it cannot have a store node; only {prefix}0, {prefix}1 and so on can", ""},
@@ -254,7 +254,16 @@ std::string of_remedy(const std::string &name, std::string_view word) {
     return is_command ? std::string(word) : shown_word(word);
 }
 
+std::string plain_remedy(const fault_t &fault) {
+    words_t words = fault.words;
+    words["start"] = service_command("start", words["pid"]);
+    words["restart"] = service_command("restart", words["pid"]);
+    return fill(text_of(fault.reason).remedy, words, of_remedy);
+}
+
 } // namespace
+
+prefix_options_t prefix_options;
 
 const reasons_t &reasons() {
     return table;
@@ -272,16 +281,23 @@ std::string finding_t::remedy() const {
     if (waits) {
         return "";
     }
-    words_t words = fault.words;
-    words["start"] = service_command("start", words["pid"]);
-    words["restart"] = service_command("restart", words["pid"]);
-    return fill(text_of(fault.reason).remedy, words, of_remedy);
+    constexpr std::string_view tool = "tandrelctl ";
+    std::string text = plain_remedy(fault);
+    const std::string &option = prefix_options.tandrelctl;
+    if (text.compare(0, tool.size(), tool) == 0) {
+        text.insert(tool.size() - 1, option);
+    }
+    const std::string then = " && " + std::string(tool);
+    for (std::size_t at = text.find(then); at != std::string::npos; at = text.find(then, at + 1)) {
+        text.insert(at + then.size() - 1, option);
+    }
+    return text;
 }
 
 bool finding_t::needs_synchronisation() const {
     const std::string_view text = text_of(fault.reason).remedy;
     return fault.reason < reason_t::daemon_absent &&
-           (text == "{restart}" || remedy() == "tandrelctl nudge");
+           (text == "{restart}" || (!waits && plain_remedy(fault) == "tandrelctl nudge"));
 }
 
 } // namespace ctl

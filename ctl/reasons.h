@@ -105,6 +105,13 @@ struct fault_t {
     words_t words;
 };
 
+// " -i PREFIX" after the name of the program in suggested commands; empty where it is not needed.
+struct prefix_options_t {
+    std::string tandrelctl;
+    std::string tandrel;
+};
+extern prefix_options_t prefix_options;
+
 // A fault and the link that it concerns.
 struct finding_t {
     std::string link; // empty: it concerns the store as a whole

@@ -13,6 +13,11 @@ bool has_prefix(const std::string &link, const std::string &prefix) {
     return link.compare(0, prefix.size(), prefix) == 0;
 }
 
+std::string prefix_of(const std::string &link) {
+    const std::string prefix = link.substr(0, link.find_last_not_of("0123456789") + 1);
+    return interface_number(link, prefix) != 0 ? prefix : "PREFIX";
+}
+
 long interface_number(const std::string &link, const std::string &prefix) {
     if (!has_prefix(link, prefix)) {
         return 0;

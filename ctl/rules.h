@@ -14,6 +14,9 @@ bool has_prefix(const std::string &link, const std::string &prefix);
 // any other name.
 long interface_number(const std::string &link, const std::string &prefix);
 
+// The prefix that makes the daemon manage a link of this name; "PREFIX" if none does.
+std::string prefix_of(const std::string &link);
+
 // Why the kernel does not accept this address on a link or as a gateway ("a multicast address",
 // ...); null when it does.
 const char *unfit_kind(const in6_addr &address);

@@ -18,11 +18,12 @@ namespace {
 
 struct link_state_t {
     std::string link;
-    std::string why; // it is not managed; empty: it is
+    std::string why;    // it is not managed; empty: it is
+    std::string remedy; // a command line; may be empty
 };
 
-// Why the daemon does not manage the link: the first finding that says so.
-std::string reason_of(const interface_view_t &interface) {
+// Whether the daemon manages the link, and if not, why: the first finding that says so.
+link_state_t state_of(const interface_view_t &interface) {
     constexpr std::array reasons{reason_t::link_absent,  reason_t::wrong_prefix,
                                  reason_t::no_node_fits, reason_t::not_ethernet,
                                  reason_t::no_ipv6,      reason_t::no_hardware_address,
@@ -31,10 +32,11 @@ std::string reason_of(const interface_view_t &interface) {
         if (std::find(reasons.begin(), reasons.end(), finding.fault.reason) != reasons.end()) {
             const std::string text = finding.sentence();
             const std::string known = "not synchronised: ";
-            return text.compare(0, known.size(), known) == 0 ? text.substr(known.size()) : text;
+            const bool is_known = text.compare(0, known.size(), known) == 0;
+            return {interface.link, is_known ? text.substr(known.size()) : text, finding.remedy()};
         }
     }
-    return interface.store_known ? "" : "the store does not answer";
+    return {interface.link, interface.store_known ? "" : "the store does not answer", ""};
 }
 
 std::vector<link_state_t> link_states(const comparison_t &comparison, const options_t &options) {
@@ -45,7 +47,7 @@ std::vector<link_state_t> link_states(const comparison_t &comparison, const opti
         const bool is_loopback = interface->kernel && !interface->kernel->ethernet &&
                                  !has_prefix(interface->link, options.prefix);
         if (!is_loopback) {
-            states.push_back({interface->link, reason_of(*interface)});
+            states.push_back(state_of(*interface));
         }
     }
     return states;
@@ -110,7 +112,8 @@ void print_as_json(const status_t &status) {
     for (const link_state_t &one : status.links) {
         json["links"].push_back({{"link", one.link},
                                  {"managed", one.why.empty()},
-                                 {"reason", one.why.empty() ? json_t() : json_t(one.why)}});
+                                 {"reason", one.why.empty() ? json_t() : json_t(one.why)},
+                                 {"remedy", one.remedy}});
     }
     json["last_synchronisation"] = nullptr;
     if (status.daemon.synchronised) {
@@ -156,6 +159,9 @@ void print_text(const status_t &status, bool colour) {
     for (const link_state_t &one : status.links) {
         line("link:     ", true,
              shown(one.link) + (one.why.empty() ? ", managed" : ", not managed: " + one.why));
+        if (!one.remedy.empty()) {
+            line("          ", true, "-> " + one.remedy);
+        }
     }
     line("last synchronisation: ", true, synchronised_text(status.daemon));
     if (!status.errors) {

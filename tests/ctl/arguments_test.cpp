@@ -50,6 +50,20 @@ TEST(CtlArguments, TheServicesOptionsGiveThePrefix) {
     EXPECT_EQ(parse({"show"}).options.prefix, "eth");
 }
 
+TEST(CtlArguments, SuggestedCommandsNameThePrefixWhereItIsNeeded) {
+    const auto options = [](const std::vector<std::string> &words) {
+        parse(words);
+        return ctl::prefix_options.tandrelctl + "," + ctl::prefix_options.tandrel;
+    };
+    EXPECT_EQ(options({"show"}), ",");
+    EXPECT_EQ(options({"-i", "lan", "show"}), " -i lan, -i lan");
+    setenv("TANDREL_OPTIONS", "-i lan", 1);
+    EXPECT_EQ(options({"show"}), ", -i lan");
+    EXPECT_EQ(options({"-i", "eth", "show"}), " -i eth,");
+    unsetenv("TANDREL_OPTIONS");
+    EXPECT_EQ(options({"show"}), ",");
+}
+
 TEST(CtlArguments, ACommandMayBeAbbreviated) {
     EXPECT_EQ(parse({"sh", "ch"}).command, ctl::show);
     EXPECT_EQ(parse({"sh", "ch"}).options.link, "ch");

@@ -155,8 +155,27 @@ TEST_F(Reasons, ALinkHasAnotherPrefix) {
     link("wlan0");
     expect(reason_t::wrong_prefix,
            "not synchronised: its name does not begin with 'eth'; to manage such links instead, "
-           "start tandrel with -i PREFIX",
+           "start tandrel with -i wlan",
            "");
+    kernel.links.back().name = "uplink";
+    EXPECT_NE(findings().at(0).sentence().find("with -i PREFIX"), std::string::npos);
+}
+
+TEST_F(Reasons, RemediesNameAnotherPrefix) {
+    const bool is_service = ctl::service_command("start", "") != "tandrel -D 2";
+    ctl::prefix_options = {" -i lan", " -i lan"};
+    const auto remedy = [](reason_t reason, const std::string &command) {
+        return ctl::finding_t{"", {reason, {{"command", command}}}}.remedy();
+    };
+    EXPECT_EQ(remedy(reason_t::no_store_node, "tandrelctl interface add lan0"),
+              "tandrelctl -i lan interface add lan0");
+    EXPECT_EQ(remedy(reason_t::no_store_node, "ip link && tandrelctl a && tandrelctl b"),
+              "ip link && tandrelctl -i lan a && tandrelctl -i lan b");
+    if (!is_service) {
+        EXPECT_EQ(ctl::service_command("start", ""), "tandrel -D 2 -i lan");
+        EXPECT_EQ(ctl::service_command("restart", "42"), "kill 42; sleep 1; tandrel -D 2 -i lan");
+    }
+    ctl::prefix_options = {};
 }
 
 TEST_F(Reasons, NoLinkHasThePrefix) {
@@ -370,6 +389,8 @@ TEST_F(Reasons, AnAddressIsInTheKernelOnly) {
            "2001:db8::5/64 is in the kernel only; tandrel writes it to the store as Automatic "
            "within moments, unless it has lost track of it (as when a link leaves a bridge)",
            ctl::service_command("restart", ""));
+    kernel.addresses[0].flags |= IFA_F_TENTATIVE;
+    EXPECT_EQ(findings().at(0).remedy(), "") << "the kernel has not reported it yet";
     kernel.addresses.clear();
     address("fe80::5", 64);
     EXPECT_EQ(findings().at(0).fault.words.at("type"), "Link-Local");

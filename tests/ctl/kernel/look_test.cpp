@@ -120,6 +120,8 @@ TEST_F(Look, StatusShowsStoreDaemonAndLinks) {
     EXPECT_EQ(shown.status, 0);
     EXPECT_TRUE(contains(shown.output, "store:    answers\ntandrel:  connected to the store, "));
     EXPECT_TRUE(contains(shown.output, "link:     eth0, managed\n"));
+    EXPECT_TRUE(contains(shown.output, "          -> tandrelctl interface add eth1\n"));
+    EXPECT_EQ(json["links"][1]["remedy"], "tandrelctl interface add eth1");
     EXPECT_TRUE(contains(shown.output, "link:     lan7, not managed: its name does not begin"));
     EXPECT_TRUE(contains(shown.output, "s ago\nlast errors: ")) << shown.output;
     ASSERT_EQ(stop_daemon(), 0);
