@@ -218,8 +218,8 @@ TEST_F(DatabaseTest, AFailedCommitLeavesMemoryAndFileAsTheyWere) {
 TEST_F(DatabaseTest, ALongLogIsEmptiedByACommitThatMayTakeLong) {
     Tree tree;
     Database database(file, Durability::normal, {}, tree);
-    const auto value = std::make_shared<const Value>(
-        Value{element_type_string, std::string(60000, 'v'), no_time});
+    const auto value =
+        std::make_shared<const Value>(Value{element_type_string, std::string(60000, 'v'), no_time});
     int commits = 0;
     for (; commits < 100 && !database.is_slow(1); ++commits) {
         EXPECT_TRUE(database.commit({Change{"/" + std::to_string(commits), nullptr, value}}));
