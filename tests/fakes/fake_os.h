@@ -27,6 +27,11 @@ public:
     // Arms the call. The next call returns `result`, with errno set to `error` unless that is 0.
     // Results are used in order; the last one is also used for every later call.
     stub_t &returns(long result, int error = 0);
+    // The same instead of the results so far.
+    stub_t &now_returns(long result, int error = 0) {
+        clear();
+        return returns(result, error);
+    }
     bool armed() const { return !results.empty(); }
     // Takes the next result and sets errno.
     long take();

@@ -100,41 +100,38 @@ int __wrap_select(int nfds, fd_set *reads, fd_set *writes, fd_set *excepts, time
     return result;
 }
 
-int __real_setpriority(__priority_which_t which, id_t who, int priority);
-int __wrap_setpriority(__priority_which_t which, id_t who, int priority);
-int __wrap_setpriority(__priority_which_t which, id_t who, int priority) {
-    auto &stub = state().setpriority;
-    if (!stub.armed()) {
-        return __real_setpriority(which, who, priority);
+// A call that is recorded with the text `arguments`, and whose result is prepared.
+#define REPLACED(result_t, name, parameters, passed, arguments)                                    \
+    result_t __real_##name parameters;                                                             \
+    result_t __wrap_##name parameters;                                                             \
+    result_t __wrap_##name parameters {                                                            \
+        auto &stub = state().name;                                                                 \
+        return stub.armed() ? static_cast<result_t>(called(stub, #name, arguments))                \
+                            : __real_##name passed;                                                \
     }
-    return static_cast<int>(
-        called(stub, "setpriority", joined(text_of(which), text_of(who), text_of(priority))));
-}
 
-int __real_sched_setscheduler(pid_t pid, int policy, const sched_param *param);
-int __wrap_sched_setscheduler(pid_t pid, int policy, const sched_param *param);
-int __wrap_sched_setscheduler(pid_t pid, int policy, const sched_param *param) {
-    auto &stub = state().sched_setscheduler;
-    if (!stub.armed()) {
-        return __real_sched_setscheduler(pid, policy, param);
-    }
-    return static_cast<int>(
-        called(stub, "sched_setscheduler",
-               joined(text_of(pid), text_of(policy), text_of(param->sched_priority))));
-}
+REPLACED(int, setpriority, (__priority_which_t which, id_t who, int priority),
+         (which, who, priority), joined(text_of(which), text_of(who), text_of(priority)))
+REPLACED(int, sched_setscheduler, (pid_t pid, int policy, const sched_param *param),
+         (pid, policy, param),
+         joined(text_of(pid), text_of(policy), text_of(param->sched_priority)))
+REPLACED(int, setuid, (uid_t uid), (uid), text_of(uid))
+REPLACED(pid_t, fork, (), (), "")
+REPLACED(pid_t, setsid, (), (), "")
+REPLACED(int, chdir, (const char *path), (path), path)
+REPLACED(mode_t, umask, (mode_t mask), (mask), text_of(mask))
+REPLACED(int, dup, (int fd), (fd), text_of(fd))
+REPLACED(int, close, (int fd), (fd), text_of(fd))
+// The handler as "default", "signal_handler" or "another", the mask as "empty" or "not empty".
+REPLACED(int, sigaction, (int signal, const struct sigaction *action, struct sigaction *old),
+         (signal, action, old),
+         joined(text_of(signal), handler_name(action->sa_handler), text_of(action->sa_flags),
+                sigisemptyset(&action->sa_mask) != 0 ? "empty" : "not empty"))
 
 unsigned int __wrap_alarm(unsigned int seconds);
 unsigned int __wrap_alarm(unsigned int seconds) {
     journal::add("alarm(" + text_of(seconds) + ")");
     return 0;
-}
-
-int __real_setuid(uid_t uid);
-int __wrap_setuid(uid_t uid);
-int __wrap_setuid(uid_t uid) {
-    auto &stub = state().setuid;
-    return stub.armed() ? static_cast<int>(called(stub, "setuid", text_of(uid)))
-                        : __real_setuid(uid);
 }
 
 // Not in the journal: reading the user ID has no effect.
@@ -162,13 +159,6 @@ passwd *__wrap_getpwnam(const char *name) {
     return &entry;
 }
 
-pid_t __real_fork();
-pid_t __wrap_fork();
-pid_t __wrap_fork() {
-    auto &stub = state().fork;
-    return stub.armed() ? static_cast<pid_t>(called(stub, "fork", "")) : __real_fork();
-}
-
 pid_t __real_wait(int *status);
 pid_t __wrap_wait(int *status);
 pid_t __wrap_wait(int *status) {
@@ -191,28 +181,6 @@ pid_t __wrap_waitpid(pid_t pid, int *status, int options) {
         status);
 }
 
-pid_t __real_setsid();
-pid_t __wrap_setsid();
-pid_t __wrap_setsid() {
-    auto &stub = state().setsid;
-    return stub.armed() ? static_cast<pid_t>(called(stub, "setsid", "")) : __real_setsid();
-}
-
-int __real_chdir(const char *path);
-int __wrap_chdir(const char *path);
-int __wrap_chdir(const char *path) {
-    auto &stub = state().chdir;
-    return stub.armed() ? static_cast<int>(called(stub, "chdir", path)) : __real_chdir(path);
-}
-
-mode_t __real_umask(mode_t mask);
-mode_t __wrap_umask(mode_t mask);
-mode_t __wrap_umask(mode_t mask) {
-    auto &stub = state().umask;
-    return stub.armed() ? static_cast<mode_t>(called(stub, "umask", text_of(mask)))
-                        : __real_umask(mask);
-}
-
 int __real_open(const char *path, int flags, ...);
 int __wrap_open(const char *path, int flags, ...);
 int __wrap_open(const char *path, int flags, ...) {
@@ -226,20 +194,6 @@ int __wrap_open(const char *path, int flags, ...) {
     auto &stub = state().open;
     return stub.armed() ? static_cast<int>(called(stub, "open", joined(path, text_of(flags))))
                         : __real_open(path, flags, mode);
-}
-
-int __real_dup(int fd);
-int __wrap_dup(int fd);
-int __wrap_dup(int fd) {
-    auto &stub = state().dup;
-    return stub.armed() ? static_cast<int>(called(stub, "dup", text_of(fd))) : __real_dup(fd);
-}
-
-int __real_close(int fd);
-int __wrap_close(int fd);
-int __wrap_close(int fd) {
-    auto &stub = state().close;
-    return stub.armed() ? static_cast<int>(called(stub, "close", text_of(fd))) : __real_close(fd);
 }
 
 int __real_pipe(int *ends);
@@ -257,22 +211,6 @@ int __wrap_pipe(int *ends) {
     return result;
 }
 
-// The journal gets "sigaction(<signal>, <handler>, <flags>, <mask>)": the handler as "default",
-// "signal_handler" or "another", the mask as "empty" or "not empty".
-int __real_sigaction(int signal, const struct sigaction *action, struct sigaction *old);
-int __wrap_sigaction(int signal, const struct sigaction *action, struct sigaction *old);
-int __wrap_sigaction(int signal, const struct sigaction *action, struct sigaction *old) {
-    auto &stub = state().sigaction;
-    if (!stub.armed()) {
-        return __real_sigaction(signal, action, old);
-    }
-    return static_cast<int>(
-        called(stub, "sigaction",
-               joined(text_of(signal), handler_name(action->sa_handler), text_of(action->sa_flags),
-                      sigisemptyset(&action->sa_mask) != 0 ? "empty" : "not empty")));
-}
-
-// The journal gets "write(<descriptor>, <bytes in decimal>)".
 ssize_t __real_write(int fd, const void *data, size_t size);
 ssize_t __wrap_write(int fd, const void *data, size_t size);
 ssize_t __wrap_write(int fd, const void *data, size_t size) {

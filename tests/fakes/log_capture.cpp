@@ -10,6 +10,7 @@
 #include <utility>
 
 #include <sys/mman.h>
+#include <syslog.h>
 #include <unistd.h>
 
 #include "fakes/fake_memory.h"
@@ -260,6 +261,11 @@ void expect_logged_at(std::uint32_t level, int priority, const std::string &line
         EXPECT_EQ(lines_equal(captured::standard_error(), line), 0U);
     }
     verbosity = 0;
+}
+
+void expect_info_at(std::uint32_t level, const std::string &text,
+                    const std::function<void()> &action) {
+    expect_logged_at(level, LOG_INFO, "Info: " + text, action);
 }
 
 DaemonTest::DaemonTest() {

@@ -77,6 +77,9 @@ void reset_all();
 // for level 0) and must prepare what it needs each time.
 void expect_logged_at(std::uint32_t level, int priority, const std::string &line,
                       const std::function<void()> &action);
+// The same for an informational line, given without its prefix.
+void expect_info_at(std::uint32_t level, const std::string &text,
+                    const std::function<void()> &action);
 
 // Sets all process-wide settings, fakes, logs and the journal to their initial state before each
 // test, and keeps the daemon's standard error from the terminal. Prints it if the test failed.

@@ -4,6 +4,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include "fakes/usage_text.h"
 #include "fuzz/fuzz.h"
 #include "shell/options.h"
 
@@ -20,28 +21,6 @@ extern "C" passwd *__wrap_getpwnam(const char *name) {
 // NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 
 namespace {
-
-const char *const usage_head =
-    " [-u <user>] [-n <prio>] [-r <policy> <prio>] [-i <interface>] [-d] [-D [... | <N>]]\n"
-    "\t-u: Run as the given <user> (name or UID)\n"
-    "\t-n: Use normal scheduling with given priority\n"
-    "\t-r: Use real-time scheduling with given policy & priority\n"
-    "\t-i: Use given interface string rather than default 'eth'\n"
-    "\t-d: Do not daemonize/fork\n"
-    "\t-D: Increase/set debugging verbosity\n"
-    "\n"
-    "The priority field for normal scheduling is a number between -20 and 19, with\n"
-    "-20 being the \"best\" number.  This option utilizes setpriority(2) to set the\n"
-    "priority under \"normal\" scheduling policy.\n"
-    "\n"
-    "The policy used for real-time scheduling ('-r') can be one of:\n"
-    "'normal', 'batch', 'fifo', or 'rr'.  See sched_setscheduler(2) for a detailed\n"
-    "description of these policies, and their allowed priority ranges.\n"
-    "\n"
-    "You must have appropriate permissions in order to use the options -n, -r,\n"
-    "and -u.  If unsure, execute '";
-const char *const usage_tail = " -d' and make sure there are no\n"
-                               "error messages.\n\n";
 
 struct outcome_t {
     bool accepted = true;
@@ -235,7 +214,7 @@ outcome_t expected(std::vector<std::string> words) {
         result.accepted = expect_option(words, result);
     }
     if (!result.accepted) {
-        result.standard_output = "Usage: " + program + usage_head + program + usage_tail;
+        result.standard_output = usage_of(program);
     }
     return result;
 }

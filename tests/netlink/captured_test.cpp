@@ -11,16 +11,13 @@
 #include <utility>
 #include <vector>
 
-#include <arpa/inet.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
 #include <linux/netlink.h>
 #include <linux/rtnetlink.h>
 
-#include "fakes/fake_libnl.h"
-#include "fakes/log_capture.h"
 #include "netlink/channel.h"
-#include "netlink/decode.h"
+#include "netlink/decoded_text.h"
 #include "netlink/dump.h"
 #include "netlink/refusal.h"
 
@@ -137,14 +134,7 @@ private:
     bytes_t &bytes;
 };
 
-std::string text(const in6_addr &address) {
-    std::array<char, INET6_ADDRSTRLEN> buffer{};
-    return inet_ntop(AF_INET6, &address, buffer.data(), buffer.size());
-}
-
 // The decoders' results for a datagram at an address with this remainder modulo 16.
-using texts_t = std::vector<std::string>;
-
 class Placed {
 public:
     Placed(const bytes_t &datagram, std::size_t remainder)
@@ -153,38 +143,16 @@ public:
         start = block.data() + (16 - at) % 16 + remainder;
         std::memcpy(start, datagram.data(), datagram.size());
     }
-    texts_t links() const {
-        texts_t found;
-        for (const auto &link : decode_links(start, length)) {
-            found.push_back(std::to_string(link.ifindex) + " " + link.name + " " + link.hwaddr);
-        }
-        return found;
-    }
-    texts_t addresses() const {
-        texts_t found;
-        for (const auto &addr : decode_addrs(start, length)) {
-            found.push_back(std::to_string(addr.ifindex) + " " + text(addr.addr) + "/" +
-                            std::to_string(addr.prefix_len) + " scope " +
-                            std::to_string(addr.scope));
-        }
-        return found;
-    }
-    texts_t routes() const {
-        texts_t found;
-        for (const auto &route : decode_routes(start, length)) {
-            found.push_back(std::to_string(route.ifindex) + " " + text(route.dst) + "/" +
-                            std::to_string(route.dst_len) + " via " + text(route.gateway) +
-                            " protocol " + std::to_string(route.protocol));
-        }
-        return found;
-    }
-    texts_t refusal() const {
+    strings links() const { return ::decoded(decode_links, start, length); }
+    strings addresses() const { return ::decoded(decode_addrs, start, length); }
+    strings routes() const { return ::decoded(decode_routes, start, length); }
+    strings refusal() const {
         const auto refused = decode_refusal({start, length});
         if (!refused) {
             return {};
         }
         return {std::to_string(refused->error) + " of " + std::to_string(refused->request) + " " +
-                std::to_string(refused->addr.ifindex) + " " + text(refused->addr.addr) + "/" +
+                std::to_string(refused->addr.ifindex) + " " + text_of(refused->addr.addr) + "/" +
                 std::to_string(refused->addr.prefix_len)};
     }
     bool ends() const { return read_dump_marks({start, length}).ends_after_first; }
@@ -237,8 +205,8 @@ protected:
 
     // A decoder's results for all datagrams of a kind: the same at every address.
     template <typename Decode>
-    static texts_t decoded(const std::string &kind, const Decode &decode) {
-        std::array<texts_t, 16> found;
+    static strings decoded(const std::string &kind, const Decode &decode) {
+        std::array<strings, 16> found;
         for (const auto &datagram : of_kind(kind)) {
             for (std::size_t remainder = 0; remainder < found.size(); ++remainder) {
                 const auto part = decode(Placed(datagram, remainder));
@@ -267,20 +235,20 @@ protected:
 
 TEST_P(Captured, LinksAreTheSame) {
     EXPECT_EQ(decoded("links", [](const Placed &placed) { return placed.links(); }),
-              (texts_t{"2 eth0 02:1a:2b:3c:4d:5e"}));
+              (strings{"2 eth0 02:1a:2b:3c:4d:5e"}));
 }
 
 TEST_P(Captured, AddressesAreTheSame) {
     EXPECT_EQ(decoded("addresses", [](const Placed &placed) { return placed.addresses(); }),
-              (texts_t{"2 2001:db8:1::6/48 scope 0", "2 2001:db8::5/64 scope 0",
+              (strings{"2 2001:db8:1::6/48 scope 0", "2 2001:db8::5/64 scope 0",
                        "2 fe80::1a:2bff:fe3c:4d5e/64 scope 253"}));
     EXPECT_EQ(decoded("notification", [](const Placed &placed) { return placed.addresses(); }),
-              (texts_t{"2 2001:db8:2::7/64 scope 0"}));
+              (strings{"2 2001:db8:2::7/64 scope 0"}));
 }
 
 TEST_P(Captured, RoutesAreTheSame) {
     EXPECT_EQ(decoded("routes", [](const Placed &placed) { return placed.routes(); }),
-              (texts_t{"2 2001:db8::/64 via :: protocol 2", "2 2001:db8:1::/48 via :: protocol 2",
+              (strings{"2 2001:db8::/64 via :: protocol 2", "2 2001:db8:1::/48 via :: protocol 2",
                        "2 2001:db8:7::/48 via fe80::2 protocol 4", "2 fe80::/64 via :: protocol 2",
                        "2 ::/0 via fe80::1 protocol 4", "2 2001:db8::5/128 via :: protocol 2",
                        "2 2001:db8:1::6/128 via :: protocol 2",
@@ -290,7 +258,7 @@ TEST_P(Captured, RoutesAreTheSame) {
 
 TEST_P(Captured, ARefusalIsTheSame) {
     EXPECT_EQ(decoded("refusal", [](const Placed &placed) { return placed.refusal(); }),
-              (texts_t{"17 of 20 2 2001:db8::5/64"}));
+              (strings{"17 of 20 2 2001:db8::5/64"}));
 }
 
 TEST_P(Captured, TheEndOfADumpIsSeenInEitherPlace) {
@@ -301,7 +269,7 @@ TEST_P(Captured, TheEndOfADumpIsSeenInEitherPlace) {
     for (const std::string kind : {"links", "addresses", "routes"}) {
         decoded(kind, [](const Placed &placed) {
             EXPECT_FALSE(placed.incomplete());
-            return texts_t{placed.ends() ? "ends" : "goes on"};
+            return strings{placed.ends() ? "ends" : "goes on"};
         });
     }
 }

@@ -14,8 +14,7 @@
 #include <sys/socket.h>
 #include <syslog.h>
 
-#include "fakes/fake_libnl.h"
-#include "fakes/log_capture.h"
+#include "fakes/engine_fixture.h"
 
 namespace {
 
@@ -28,17 +27,6 @@ static_assert(!std::is_copy_assignable_v<CNetlink>);
 static_assert(!std::is_polymorphic_v<CNetlink>);
 static_assert(std::is_base_of_v<std::runtime_error, netlink_err>);
 static_assert(sizeof(netlink_err) == sizeof(std::runtime_error), "it adds no members");
-
-// The text of the exception that a call throws; "none" if it throws none.
-template <typename Call>
-std::string thrown_by(const Call &call) {
-    try {
-        call();
-    } catch (const netlink_err &error) {
-        return error.what();
-    }
-    return "none";
-}
 
 TEST_F(Channel, ConnectsSubscribesToFourGroupsAndGoesNonBlockingInThisOrder) {
     const CNetlink channel;
@@ -89,7 +77,7 @@ TEST_P(ChannelSetUp, FailureFreesTheSocketThrowsTheCallsNameAndLogsNothing) {
         auto &fake = fake_libnl::state();
         fake.sockets_freed = 0;
         (fake.*GetParam().results).then(result);
-        EXPECT_EQ(thrown_by([] { const CNetlink channel; }), GetParam().name) << result;
+        EXPECT_EQ(thrown<netlink_err>([] { const CNetlink channel; }), GetParam().name) << result;
         EXPECT_EQ(fake.sockets_freed, 1U) << result;
         ASSERT_EQ(journal::entries().size(), GetParam().calls + 1) << result;
         EXPECT_EQ(journal::entries().back(), "nl_socket_free()");
@@ -110,7 +98,7 @@ TEST_F(Channel, DescriptorIsTheSocketsAndMayBeZero) {
 TEST_F(Channel, NegativeDescriptorIsLoggedAndThrown) {
     const CNetlink channel;
     fake_libnl::state().get_fd.always(-7);
-    EXPECT_EQ(thrown_by([&channel] { channel.fd(); }), "nl_socket_get_fd");
+    EXPECT_EQ(thrown<netlink_err>([&channel] { channel.fd(); }), "nl_socket_get_fd");
     expect_logged_at(1, LOG_ERR, "Error: fd: nl_socket_get_fd(): -7", [&channel] { channel.fd(); });
 }
 
@@ -161,7 +149,7 @@ TEST_P(DumpRequest, GivesTheNumberOfBytesSentAndLogsNothing) {
 TEST_P(DumpRequest, ThatSendsNothingOrFailsIsLoggedUnderItsOwnNameAndThrown) {
     for (const int result : {0, -1, -5}) {
         fake_libnl::state().send_simple.always(result);
-        EXPECT_EQ(thrown_by([this] { make(); }), "nl_send_simple") << result;
+        EXPECT_EQ(thrown<netlink_err>([this] { make(); }), "nl_send_simple") << result;
         expect_logged_at(1, LOG_ERR,
                          std::string("Error: ") + GetParam().name +
                              ": nl_send(): " + std::to_string(result),

@@ -10,7 +10,7 @@
 #include <linux/rtnetlink.h>
 #include <syslog.h>
 
-#include "fakes/fake_libnl.h"
+#include "fakes/engine_fixture.h"
 #include "fakes/log_capture.h"
 
 namespace {
@@ -43,20 +43,12 @@ bytes_t ip(const std::string &text) {
     return host_order(addr(text));
 }
 
-CKernRoute route_of(int ifindex, const std::string &gateway) {
-    CKernRoute route;
-    route.ifindex = ifindex;
-    route.gateway = addr(gateway);
-    return route;
+// The attributes of a route, and of an address.
+bytes_t route_attributes(int ifindex, const std::string &gateway) {
+    return cat({u16(8), u16(4), u32(ifindex), u16(20), u16(5), ip(gateway)});
 }
-
-CKernAddress address_of(int ifindex, const std::string &text, int prefix_len, int scope) {
-    CKernAddress address;
-    address.ifindex = ifindex;
-    address.addr = addr(text);
-    address.prefix_len = static_cast<std::uint8_t>(prefix_len);
-    address.scope = static_cast<std::uint8_t>(scope);
-    return address;
+bytes_t addr_attribute(const std::string &text) {
+    return cat({u16(20), u16(1), ip(text)});
 }
 
 class Modify : public DaemonTest {
@@ -69,35 +61,23 @@ protected:
 };
 
 TEST_F(Modify, AddingARouteSendsNewrouteWithOutputInterfaceAndGateway) {
-    channel.modify_route(route_of(2, "fe80::1"), true);
+    channel.modify_route(kern_route(2, "fe80::1"), true);
     EXPECT_EQ(sent().type, 24);
     EXPECT_EQ(sent().flags, 0x401);
-    EXPECT_EQ(sent().body, cat({{10, 0, 0, 0, 254, 4, 0, 1},
-                                u32(0),
-                                u16(8),
-                                u16(4),
-                                u32(2),
-                                u16(20),
-                                u16(5),
-                                ip("fe80::1")}));
+    EXPECT_EQ(sent().body,
+              cat({{10, 0, 0, 0, 254, 4, 0, 1}, u32(0), route_attributes(2, "fe80::1")}));
 }
 
 TEST_F(Modify, DeletingARouteSendsDelrouteWithTheSameAttributes) {
-    channel.modify_route(route_of(2, "fe80::1"), false);
+    channel.modify_route(kern_route(2, "fe80::1"), false);
     EXPECT_EQ(sent().type, 25);
     EXPECT_EQ(sent().flags, 0x1);
-    EXPECT_EQ(sent().body, cat({{10, 0, 0, 0, 254, 0, 255, 0},
-                                u32(0),
-                                u16(8),
-                                u16(4),
-                                u32(2),
-                                u16(20),
-                                u16(5),
-                                ip("fe80::1")}));
+    EXPECT_EQ(sent().body,
+              cat({{10, 0, 0, 0, 254, 0, 255, 0}, u32(0), route_attributes(2, "fe80::1")}));
 }
 
 TEST_F(Modify, RoutesKeepTheirDestinationLengthButNeitherDestinationNorProtocol) {
-    CKernRoute route = route_of(7, "2001:db8::1");
+    CKernRoute route = kern_route(7, "2001:db8::1");
     route.dst = addr("2001:db8:1::");
     route.dst_len = 48;
     route.protocol = 9;
@@ -108,7 +88,7 @@ TEST_F(Modify, RoutesKeepTheirDestinationLengthButNeitherDestinationNorProtocol)
         EXPECT_EQ(sent().body[1], 48);
         EXPECT_EQ(sent().body[5], add ? 4 : 0);
         EXPECT_EQ(bytes_t(sent().body.begin() + 12, sent().body.end()),
-                  cat({u16(8), u16(4), u32(7), u16(20), u16(5), ip("2001:db8::1")}));
+                  route_attributes(7, "2001:db8::1"));
     }
 }
 
@@ -117,33 +97,32 @@ TEST_F(Modify, AFullRouteIsSentByItsKernelSide) {
     route.ifindex = 3;
     route.gateway = addr("fe80::2");
     channel.modify_route(route, true);
-    EXPECT_EQ(bytes_t(sent().body.begin() + 12, sent().body.end()),
-              cat({u16(8), u16(4), u32(3), u16(20), u16(5), ip("fe80::2")}));
+    EXPECT_EQ(bytes_t(sent().body.begin() + 12, sent().body.end()), route_attributes(3, "fe80::2"));
 }
 
 TEST_F(Modify, AddingAnAddressSendsNewaddrWithoutTheRequestFlag) {
-    channel.modify_addr(address_of(3, "2001:db8::5", 64, 0), true);
+    channel.modify_addr(kern_addr(3, "2001:db8::5", 64, 0), true);
     EXPECT_EQ(sent().type, 20);
     EXPECT_EQ(sent().flags, 0xc00);
-    EXPECT_EQ(sent().body, cat({{10, 64, 0, 0}, u32(3), u16(20), u16(1), ip("2001:db8::5")}));
+    EXPECT_EQ(sent().body, cat({{10, 64, 0, 0}, u32(3), addr_attribute("2001:db8::5")}));
 }
 
 TEST_F(Modify, DeletingAnAddressSendsDeladdrWithTheSameBody) {
-    channel.modify_addr(address_of(3, "2001:db8::5", 64, 0), false);
+    channel.modify_addr(kern_addr(3, "2001:db8::5", 64, 0), false);
     EXPECT_EQ(sent().type, 21);
     EXPECT_EQ(sent().flags, 0);
-    EXPECT_EQ(sent().body, cat({{10, 64, 0, 0}, u32(3), u16(20), u16(1), ip("2001:db8::5")}));
+    EXPECT_EQ(sent().body, cat({{10, 64, 0, 0}, u32(3), addr_attribute("2001:db8::5")}));
 }
 
 TEST_F(Modify, AddressesCarryTheirScopeAndPrefixLength) {
-    channel.modify_addr(address_of(70000, "fe80::5", 128, 253), true);
-    EXPECT_EQ(sent().body, cat({{10, 128, 0, 253}, u32(70000), u16(20), u16(1), ip("fe80::5")}));
+    channel.modify_addr(kern_addr(70000, "fe80::5", 128, 253), true);
+    EXPECT_EQ(sent().body, cat({{10, 128, 0, 253}, u32(70000), addr_attribute("fe80::5")}));
 }
 
 TEST_F(Modify, EachRequestIsAllocatedFilledSentAndFreedInThisOrder) {
     journal::clear();
-    channel.modify_route(route_of(2, "fe80::1"), true);
-    channel.modify_addr(address_of(3, "fe80::5", 64, 253), false);
+    channel.modify_route(kern_route(2, "fe80::1"), true);
+    channel.modify_addr(kern_addr(3, "fe80::5", 64, 253), false);
     const char *const calls[] = {"nlmsg_alloc_simple(24, 1025)",
                                  "nlmsg_append(",
                                  "nla_put(4, ",
@@ -168,8 +147,8 @@ TEST_F(Modify, EachRequestIsAllocatedFilledSentAndFreedInThisOrder) {
 TEST_F(Modify, AnyNumberOfBytesSentIsASuccess) {
     for (const int sent : {1, 2, 1000}) {
         fake_libnl::state().send_auto_complete.then(sent).then(sent);
-        EXPECT_NO_THROW(channel.modify_route(route_of(2, "fe80::1"), true)) << sent;
-        EXPECT_NO_THROW(channel.modify_addr(address_of(3, "2001:db8::5", 64, 0), true)) << sent;
+        EXPECT_NO_THROW(channel.modify_route(kern_route(2, "fe80::1"), true)) << sent;
+        EXPECT_NO_THROW(channel.modify_addr(kern_addr(3, "2001:db8::5", 64, 0), true)) << sent;
     }
 }
 
@@ -177,7 +156,7 @@ TEST_F(Modify, SuccessLogsNothing) {
     verbosity = 9;
     fake_libnl::state().send_auto_complete.then(1);
     fake_libnl::state().put.then(0).then(3); // only a negative result is a failure
-    channel.modify_route(route_of(2, "fe80::1"), true);
+    channel.modify_route(kern_route(2, "fe80::1"), true);
     EXPECT_TRUE(captured::log().empty());
     EXPECT_EQ(fake_libnl::state().changes.size(), 1U);
 }
@@ -246,9 +225,9 @@ protected:
     void modify(bool add) {
         GetParam().arm();
         if (GetParam().route) {
-            channel.modify_route(route_of(2, "fe80::1"), add);
+            channel.modify_route(kern_route(2, "fe80::1"), add);
         } else {
-            channel.modify_addr(address_of(3, "2001:db8::5", 64, 0), add);
+            channel.modify_addr(kern_addr(3, "2001:db8::5", 64, 0), add);
         }
     }
     CNetlink channel;
@@ -258,12 +237,7 @@ TEST_P(ModifyFailure, ThrowsTheCallsNameAndFreesTheMessageExactlyOnce) {
     for (const bool add : {true, false}) {
         auto &fake = fake_libnl::state();
         fake.messages_freed = 0;
-        try {
-            modify(add);
-            FAIL() << "nothing was thrown";
-        } catch (const netlink_err &error) {
-            EXPECT_STREQ(error.what(), GetParam().thrown);
-        }
+        EXPECT_EQ(thrown<netlink_err>([this, add] { modify(add); }), GetParam().thrown);
         EXPECT_EQ(fake.messages_freed, GetParam().freed);
         EXPECT_TRUE(fake.changes.empty());
     }

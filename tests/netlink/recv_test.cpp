@@ -10,7 +10,7 @@
 #include <linux/rtnetlink.h>
 #include <syslog.h>
 
-#include "fakes/fake_libnl.h"
+#include "fakes/engine_fixture.h"
 #include "fakes/fake_os.h"
 #include "fakes/log_capture.h"
 
@@ -85,12 +85,7 @@ TEST_F(Recv, OnlyTheFirstMessageIsExamined) {
 
 TEST_F(Recv, FailureIsLoggedAndThrown) {
     fake_libnl::queue_recv_result(-5);
-    try {
-        channel.recv(buffer, length);
-        FAIL() << "nothing was thrown";
-    } catch (const netlink_err &error) {
-        EXPECT_STREQ(error.what(), "nl_recv");
-    }
+    EXPECT_EQ(thrown<netlink_err>([this] { channel.recv(buffer, length); }), "nl_recv");
     expect_logged_at(1, LOG_ERR, "Error: recv: nl_recv(): -5", [this] {
         fake_libnl::queue_recv_result(-5);
         channel.recv(buffer, length);

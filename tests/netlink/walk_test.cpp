@@ -1,77 +1,32 @@
 // What the three decoders have in common: walking from message to message and from attribute to
 // attribute without leaving the datagram.
-#include "netlink/decode.h"
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <ostream>
-#include <sstream>
 #include <string>
-#include <vector>
 
-#include <linux/if_arp.h>
 #include <linux/rtnetlink.h>
-#include <sys/socket.h>
 
-#include "fakes/fake_libnl.h"
-#include "fakes/log_capture.h"
-#include "netlink/exact_buffer.h"
+#include "netlink/decoded_text.h"
 
 namespace {
 
 using fake_libnl::bytes_t;
 using fake_libnl::datagram_t;
 
-std::string hex(const in6_addr &address) {
-    std::ostringstream text;
-    for (const unsigned char byte : address.s6_addr) {
-        text << std::hex << int{byte} << ' ';
-    }
-    return text.str();
-}
-
 // A decoder's records, and the log lines of skipped ones, as one text for each message.
-using findings_t = std::vector<std::string>;
-
-findings_t with_log(findings_t records) {
+strings with_log(strings records) {
     for (const auto &line : captured::log_texts()) {
         records.push_back(line);
     }
     return records;
 }
 
-findings_t links(const exact_buffer &buffer) {
-    findings_t found;
-    for (const auto &link : decode_links(buffer.bytes(), buffer.length())) {
-        found.push_back(std::to_string(link.ifindex) + " " + link.name + " " + link.hwaddr);
-    }
-    return with_log(found);
-}
-
-findings_t addrs(const exact_buffer &buffer) {
-    findings_t found;
-    for (const auto &address : decode_addrs(buffer.bytes(), buffer.length())) {
-        found.push_back(std::to_string(address.ifindex) + " " + std::to_string(address.scope) +
-                        " " + std::to_string(address.prefix_len) + " " + hex(address.addr));
-    }
-    return with_log(found);
-}
-
-findings_t routes(const exact_buffer &buffer) {
-    findings_t found;
-    for (const auto &route : decode_routes(buffer.bytes(), buffer.length())) {
-        found.push_back(std::to_string(route.ifindex) + " " + std::to_string(route.protocol) + " " +
-                        std::to_string(route.dst_len) + " " + hex(route.dst) + " " +
-                        hex(route.gateway));
-    }
-    return with_log(found);
-}
-
 struct decoder_t {
     const char *name;
-    findings_t (*decode)(const exact_buffer &);
+    strings (*decode)(const bytes_t &, bool odd);
     std::size_t headers; // bytes before the first attribute
     // Bytes of the last attribute of `append`, with its padding. Without it a message is skipped
     // with the line `skipped`.
@@ -86,15 +41,15 @@ void PrintTo(const decoder_t &param, std::ostream *out) {
 }
 
 const decoder_t decoders[] = {
-    {"Links", links, 32, 12, "Info: Skipping link msg with no addr/name",
+    {"Links", decoded_links, 32, 12, "Info: Skipping link msg with no addr/name",
      [](datagram_t &to, int ifindex) -> datagram_t & {
          return to.link(RTM_NEWLINK, ifindex, "eth0", {2, 3, 4, 5, 6, 7});
      }},
-    {"Addrs", addrs, 24, 20, "Info: Skipping addr msg with no addr",
+    {"Addrs", decoded_addrs, 24, 20, "Info: Skipping addr msg with no addr",
      [](datagram_t &to, int ifindex) -> datagram_t & {
          return to.address(RTM_NEWADDR, ifindex, "2001:db8::5:6", 64, 253);
      }},
-    {"Routes", routes, 28, 8, "Info: Skipping route msg with no idx",
+    {"Routes", decoded_routes, 28, 8, "Info: Skipping route msg with no idx",
      [](datagram_t &to, int ifindex) -> datagram_t & {
          return to.route(RTM_NEWROUTE, ifindex, "fe80::1:2", 4, "2001:db8:1::", 48);
      }},
@@ -103,9 +58,9 @@ const decoder_t decoders[] = {
 class Walk : public DaemonTest, public ::testing::WithParamInterface<decoder_t> {
 protected:
     Walk() { verbosity = 2; }
-    findings_t decode(const bytes_t &datagram, bool odd = false) {
+    strings decode(const bytes_t &datagram, bool odd = false) {
         captured::clear();
-        return GetParam().decode(exact_buffer(datagram, odd));
+        return with_log(GetParam().decode(datagram, odd));
     }
     datagram_t one(int ifindex = 2) {
         datagram_t datagram;
@@ -256,11 +211,11 @@ TEST_P(Walk, AnAttributeWithOnlyAHeaderIsReadAtTheEnd) {
     empty.set_message_length(static_cast<std::uint32_t>(size));
     EXPECT_EQ(decode(empty), decode(zeros));
     EXPECT_EQ(decode(empty, true), decode(zeros));
-    EXPECT_NE(decode(empty), findings_t{GetParam().skipped});
+    EXPECT_NE(decode(empty), strings{GetParam().skipped});
 }
 
 TEST_P(Walk, AMessageShorterThanItsHeadersHasNoAttributes) {
-    EXPECT_EQ(decode(one().set_message_length(0)), findings_t{GetParam().skipped});
+    EXPECT_EQ(decode(one().set_message_length(0)), strings{GetParam().skipped});
     // The walk continues in the family header, reads zeros, and ends there.
     for (std::uint32_t length = NLMSG_HDRLEN + 1; length <= GetParam().headers - 4; ++length) {
         bytes_t datagram = one().set_message_length(length);
@@ -276,7 +231,7 @@ TEST_P(Walk, AMessageShorterThanItsHeadersHasNoAttributes) {
         bytes_t datagram =
             one().set_message_length(static_cast<std::uint32_t>(GetParam().headers) + more);
         datagram.resize(GetParam().headers + more);
-        EXPECT_EQ(decode(datagram), findings_t{GetParam().skipped}) << more;
+        EXPECT_EQ(decode(datagram), strings{GetParam().skipped}) << more;
     }
 }
 
@@ -302,7 +257,7 @@ TEST_P(Walk, AnAttributesTypeIncludesItsFlags) {
         std::memcpy(&type, datagram.data() + at, sizeof type);
         type = static_cast<std::uint16_t>(type | flags);
         std::memcpy(datagram.data() + at, &type, sizeof type);
-        EXPECT_EQ(decode(datagram), findings_t{GetParam().skipped}) << flags;
+        EXPECT_EQ(decode(datagram), strings{GetParam().skipped}) << flags;
     }
 }
 

@@ -104,13 +104,8 @@ TEST_F(EventLoop, AFailedSelectThrowsWithTheErrorNumberAndPingsNobody) {
         for (const std::uint32_t level : {0U, 9U}) {
             verbosity = level;
             os.select.fail(error);
-            try {
-                listen_once();
-                FAIL() << "nothing was thrown";
-            } catch (const sync_err &thrown) {
-                EXPECT_EQ(thrown.what(),
-                          "int CSync::listen(): select() returned " + std::to_string(error));
-            }
+            EXPECT_EQ(thrown<sync_err>([this] { listen_once(); }),
+                      "int CSync::listen(): select() returned " + std::to_string(error));
             EXPECT_EQ(journal::count("watchdog_ping()"), 0U);
             EXPECT_EQ(captured::log_count("Info: select() returned."), level == 9 ? 1U : 0U);
         }
@@ -121,12 +116,8 @@ TEST_F(EventLoop, TheErrorNumberIsThatOfSelectEvenIfTheLogChangesIt) {
     verbosity = 4;
     captured::on_log([] { errno = EPIPE; });
     os.select.fail(EINTR);
-    try {
-        listen_once();
-        FAIL() << "nothing was thrown";
-    } catch (const sync_err &thrown) {
-        EXPECT_STREQ(thrown.what(), "int CSync::listen(): select() returned 4");
-    }
+    EXPECT_EQ(thrown<sync_err>([this] { listen_once(); }),
+              "int CSync::listen(): select() returned 4");
 }
 
 // In normal operation; before that its events are not fetched.

@@ -137,8 +137,7 @@ TEST_F(Main, DoesNotDetachWithD) {
 }
 
 TEST_F(Main, FailsWithAMessageWhenItCannotDetach) {
-    os.fork.clear();
-    os.fork.returns(-1, EAGAIN);
+    os.fork.now_returns(-1, EAGAIN);
     EXPECT_EQ(run({"-n", "5"}), 1);
     EXPECT_EQ(captured::standard_error(), "Error fork()ing new process\n");
     EXPECT_EQ(journal::count("openlog("), 0U);
@@ -147,16 +146,14 @@ TEST_F(Main, FailsWithAMessageWhenItCannotDetach) {
 }
 
 TEST_F(Main, FailsWithTheSameMessageWhenTheRootDirectoryIsRefused) {
-    os.chdir.clear();
-    os.chdir.returns(-1, EACCES);
+    os.chdir.now_returns(-1, EACCES);
     EXPECT_EQ(run({}), 1);
     EXPECT_EQ(captured::standard_error(), "Error fork()ing new process\n");
     EXPECT_EQ(journal::count("openlog("), 0U);
 }
 
 TEST_F(Main, LeavesTheInvokingProcessWithStatusZero) {
-    os.fork.clear();
-    os.fork.returns(4711);
+    os.fork.now_returns(4711);
     os.wait.returns(4711);
     const auto ending = ending_of_daemon({});
     EXPECT_EQ(ending.how, "exit");
@@ -200,12 +197,9 @@ TEST_F(Main, RunsAsUserZeroWhenGivenByNumber) {
 }
 
 TEST_F(Main, ContinuesWhenPriorityPolicyAndUserAreRefused) {
-    os.setpriority.clear();
-    os.setpriority.returns(-1, EACCES);
-    os.sched_setscheduler.clear();
-    os.sched_setscheduler.returns(-1, EPERM);
-    os.setuid.clear();
-    os.setuid.returns(-1, EPERM);
+    os.setpriority.now_returns(-1, EACCES);
+    os.sched_setscheduler.now_returns(-1, EPERM);
+    os.setuid.now_returns(-1, EPERM);
     EXPECT_EQ(run({"-d", "-n", "-5", "-r", "rr", "1", "-u", "someone"}), 0);
     EXPECT_EQ(captured::log_texts(),
               (entries_t{"Warning: Couldn't set specified process scheduling parameters",

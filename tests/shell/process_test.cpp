@@ -176,8 +176,7 @@ TEST_F(Daemonize, AnInterruptedWaitIsRepeated) {
 
     // The child's status is known only then.
     os.fork.clear();
-    os.wait.clear();
-    os.wait.returns(-1, EINTR);
+    os.wait.now_returns(-1, EINTR);
     be_the_invoking_process(0x0100);
     const auto ending = daemonized();
     EXPECT_EQ(ending.how, "returned");
@@ -220,15 +219,13 @@ TEST_F(Daemonize, TheIntermediateChildExitsWithOneWhenItCannotFork) {
 
 TEST_F(Daemonize, AFailedSetsidIsIgnored) {
     be_the_grandchild();
-    os.setsid.clear();
-    os.setsid.returns(-1, EPERM);
+    os.setsid.now_returns(-1, EPERM);
     EXPECT_EQ(daemonized().status, 0);
 }
 
 TEST_F(Daemonize, WithoutTheRootDirectoryTheGrandchildReturnsMinusOneAndKeepsItsDescriptors) {
     be_the_grandchild();
-    os.chdir.clear();
-    os.chdir.returns(-1, EACCES);
+    os.chdir.now_returns(-1, EACCES);
     const auto ending = daemonized();
     EXPECT_EQ(ending.how, "returned");
     EXPECT_EQ(ending.status, -1);
@@ -237,22 +234,18 @@ TEST_F(Daemonize, WithoutTheRootDirectoryTheGrandchildReturnsMinusOneAndKeepsIts
 
 TEST_F(Daemonize, WithoutTheNullDeviceTheGrandchildReturnsOne) {
     be_the_grandchild();
-    os.open.clear();
-    os.open.returns(-1, ENOENT);
+    os.open.now_returns(-1, ENOENT);
     EXPECT_EQ(daemonized().status, 1);
     EXPECT_EQ(journal::count("umask("), 0U);
 }
 
 TEST_F(Daemonize, WithoutEitherDuplicateTheGrandchildReturnsOne) {
     be_the_grandchild();
-    os.dup.clear();
-    os.dup.returns(-1, EMFILE);
+    os.dup.now_returns(-1, EMFILE);
     EXPECT_EQ(daemonized().status, 1);
-    os.dup.clear();
-    os.dup.returns(1).returns(-1, EMFILE);
+    os.dup.now_returns(1).returns(-1, EMFILE);
     EXPECT_EQ(daemonized().status, 1);
-    os.dup.clear();
-    os.dup.returns(-1, EMFILE).returns(1);
+    os.dup.now_returns(-1, EMFILE).returns(1);
     EXPECT_EQ(daemonized().status, 1);
     EXPECT_EQ(journal::count("umask("), 0U);
 }

@@ -157,7 +157,7 @@ TEST_F(RunLoop, FirstAndLastMessageAreAlwaysLogged) {
 }
 
 TEST_F(RunLoop, TheSignalIsReportedAtLevelOne) {
-    expect_logged_at(1, LOG_INFO, "Info: Caught user-initiated exit signal...", [] {
+    expect_info_at(1, "Caught user-initiated exit signal...", [] {
         exit_requested = 1;
         EXPECT_EQ(run_daemon(), 0);
     });
@@ -352,33 +352,7 @@ TEST_P(RunLoopFailure, ClearsBothFlags) {
 INSTANTIATE_TEST_SUITE_P(All, RunLoopFailure, ::testing::ValuesIn(engine_failures),
                          [](const auto &test) { return std::string(test.param.name); });
 
-TEST_F(RunLoop, APassAfterARefusalPausesOnceAndAPassAfterAFailedConnectToo) {
-    fake_tav::on_call("event_register", 1).statuses({2});
-    pause();
-    cycle_with_signal();
-    pause();
-    run();
-    EXPECT_EQ(journal::count("select(10)"), 2U);
-}
-
 // Failures of channel and engine.
-
-TEST_F(RunLoop, AChannelThatCannotBeMadeIsReportedByTheCallsName) {
-    verbosity = 2;
-    fake_libnl::state().connect.then(-1);
-    pause();
-    cycle_with_signal();
-    pause();
-    run();
-    EXPECT_EQ(story(), (entries_t{"log 6 Info: Starting tandrel daemon", "mlr_init()", registration,
-                                  "nl_socket_alloc()", "nl_socket_free()",
-                                  "log 3 Error: Caught exception: nl_connect", "mlr_close()",
-                                  "select(10)", "mlr_init()", registration, "nl_socket_alloc()",
-                                  "watchdog_register(tandrel, 60, true)", "select(30)",
-                                  "mlr_close()", "select(10)", "nl_socket_free()",
-                                  "log 6 Info: Caught user-initiated exit signal...",
-                                  "log 6 Info: Exiting tandrel daemon"}));
-}
 
 TEST_F(RunLoop, EveryEngineGetsAFreshConnectionAndAFreshChannelAfterThePause) {
     verbosity = 2;
@@ -416,14 +390,6 @@ TEST_F(RunLoop, OtherFailuresOfTheEngineAreReportedAtLevelTwoWithoutTheirText) {
         EXPECT_EQ(run_daemon(), 0);
     });
     EXPECT_EQ(captured::log_count("Error: Caught exception: "), 0U);
-}
-
-TEST_F(RunLoop, AWantOfMemoryIsReportedWithoutText) {
-    verbosity = 2;
-    fake_libnl::state().failing_socket_allocs = 1;
-    pause_with_signal();
-    run();
-    EXPECT_EQ(captured::log_count("Error: Caught exception"), 1U);
 }
 
 TEST_F(RunLoop, AnyStandardExceptionOfTheEngineLeadsToANewOne) {

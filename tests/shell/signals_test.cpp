@@ -62,8 +62,7 @@ TEST_F(Signals, InitiallyNoExitIsRequestedAndThereIsNoPipe) {
 }
 
 TEST_F(Signals, TheHandlersAreInstalledWithoutAPipe) {
-    fake_os::state().pipe.clear();
-    fake_os::state().pipe.returns(-1, EMFILE);
+    fake_os::state().pipe.now_returns(-1, EMFILE);
     register_handlers();
     EXPECT_EQ(captured::standard_error(),
               "register_handlers: Error: pipe returned errno " + std::to_string(EMFILE) + "\n");
@@ -94,8 +93,7 @@ TEST_F(Signals, AnInheritedRequestToExitIsKept) {
 TEST_F(Signals, WithoutANewPipeTheInheritedOneIsNotWaitedForEither) {
     exit_pipe[0] = 70;
     exit_pipe[1] = 71;
-    fake_os::state().pipe.clear();
-    fake_os::state().pipe.returns(-1, EMFILE);
+    fake_os::state().pipe.now_returns(-1, EMFILE);
     fake_os::state().close.returns(0);
     renew_exit_pipe();
     EXPECT_EQ(captured::standard_error(),
@@ -148,8 +146,7 @@ TEST_F(Signals, TerminationSignalsRequestTheExitAndWriteOneZeroByte) {
 
 TEST_F(Signals, TheInterruptedCodesErrorNumberIsPreserved) {
     register_handlers();
-    fake_os::state().write.clear();
-    fake_os::state().write.returns(-1, EAGAIN);
+    fake_os::state().write.now_returns(-1, EAGAIN);
     for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
         errno = EINTR;
         signal_handler(signal);
@@ -213,6 +210,12 @@ protected:
     static fake_os::ending_t print() {
         return fake_os::ending_of([]() -> int { print_backtrace(); });
     }
+    static fake_os::ending_t ending_on(int signal) {
+        return fake_os::ending_of([signal] {
+            signal_handler(signal);
+            return 0;
+        });
+    }
     // How one frame line is printed on standard error; the system log must have the same.
     static std::string shown(const std::string &frame) {
         captured::clear();
@@ -237,11 +240,7 @@ TEST_F(Backtrace, FaultsAreNamedOnStandardErrorAndInTheSystemLogAndEndInAbort) {
     for (const auto &fault : faults) {
         captured::clear();
         arm({"./tandrel(_ZN5CSync6listenEv+0x1f) [0x55]"});
-        const auto ending = fake_os::ending_of([&fault] {
-            signal_handler(fault.signal);
-            return 0;
-        });
-        EXPECT_EQ(ending.how, "abort");
+        EXPECT_EQ(ending_on(fault.signal).how, "abort");
         EXPECT_EQ(captured::standard_error(),
                   std::string(fault.text) + "\nBacktrace:\n[0]  CSync::listen()\n");
         EXPECT_EQ(captured::log(), (std::vector<log_line_t>{{LOG_CRIT, fault.text},
@@ -257,10 +256,7 @@ TEST_F(Backtrace, AFaultsReportIsAbortedAfterTenSeconds) {
         fake_os::state().sigaction.returns(0);
         journal::clear();
         arm({"[0x7ffd]"});
-        fake_os::ending_of([signal] {
-            signal_handler(signal);
-            return 0;
-        });
+        ending_on(signal);
         ASSERT_GE(journal::entries().size(), 3U);
         EXPECT_EQ(journal::entries()[0], "sigaction(14, another, 0, empty)");
         EXPECT_EQ(journal::entries()[1], "alarm(10)");
@@ -269,10 +265,7 @@ TEST_F(Backtrace, AFaultsReportIsAbortedAfterTenSeconds) {
 
     fake_os::state().sigaction.clear();
     arm({"[0x7ffd]"});
-    fake_os::ending_of([] {
-        signal_handler(SIGSEGV);
-        return 0;
-    });
+    ending_on(SIGSEGV);
     struct sigaction in_force {};
     ASSERT_EQ(sigaction(SIGALRM, nullptr, &in_force), 0);
     ASSERT_EQ(::signal(SIGALRM, SIG_DFL), in_force.sa_handler);
@@ -291,10 +284,7 @@ TEST_F(Backtrace, EveryTextIsOnStandardErrorBeforeItIsInTheSystemLog) {
         arm({"./tandrel(_ZN5CSync6listenEv+0x1f) [0x55]", "[0x7ffd]"});
         entries_t at_each_call;
         captured::on_log([&at_each_call] { at_each_call.push_back(captured::standard_error()); });
-        fake_os::ending_of([signal] {
-            signal_handler(signal);
-            return 0;
-        });
+        ending_on(signal);
         captured::on_log(nullptr);
         const auto texts = captured::log_texts();
         ASSERT_EQ(texts.size(), 4U);
@@ -326,34 +316,34 @@ TEST_F(Backtrace, FramesAreNumberedFromZero) {
                                           "[3]  CSync::listen()\n");
 }
 
-TEST_F(Backtrace, AFrameWithoutAParenthesisIsPrintedWhole) {
-    EXPECT_EQ(shown("[0x7ffd1234]"), "[0]  [0x7ffd1234]\n");
-    EXPECT_EQ(shown(""), "[0]  \n");
-}
-
-TEST_F(Backtrace, AMangledNameIsPrintedDemangledAndAlone) {
-    EXPECT_EQ(shown("/usr/sbin/tandrel(_ZN5CSync6listenEv+0x1f) [0x55]"), "[0]  CSync::listen()\n");
-    EXPECT_EQ(shown("x(_ZN5CSync11str_to_addrERKSsb+0x0) [0x1]"),
-              "[0]  CSync::str_to_addr(std::string const&, bool)\n");
-}
-
-TEST_F(Backtrace, TheNameEndsAtTheFirstPlusOrParenthesis) {
-    EXPECT_EQ(shown("x(_ZN5CSync3runEv) [0x1]"), "[0]  CSync::run()\n");
-    EXPECT_EQ(shown("x(_ZN5CSync3runEv)+0x1"), "[0]  CSync::run()\n");
-    EXPECT_EQ(shown("x(_ZN5CSync3runEv+)"), "[0]  CSync::run()\n");
-}
-
-TEST_F(Backtrace, AFrameThatCannotBeDemangledIsPrintedUnaltered) {
-    EXPECT_EQ(shown("./tandrel(main+0x10) [0x1]"), "[0]  ./tandrel(main+0x10) [0x1]\n");
-    EXPECT_EQ(shown("/lib/libc.so.6(+0x3bf90) [0x7f]"), "[0]  /lib/libc.so.6(+0x3bf90) [0x7f]\n");
-    EXPECT_EQ(shown("x() [0x1]"), "[0]  x() [0x1]\n");
-    EXPECT_EQ(shown("x(_Z) [0x1]"), "[0]  x(_Z) [0x1]\n");
-    EXPECT_EQ(shown("x(_ZN5CSync3runEv~+0x1) [0x1]"), "[0]  x(_ZN5CSync3runEv~+0x1) [0x1]\n");
-}
-
-TEST_F(Backtrace, WithoutAnEndOfTheNameTheWholeLineIsTheName) {
-    EXPECT_EQ(shown("x(_ZN5CSync3runEv"), "[0]  x(_ZN5CSync3runEv\n");
-    EXPECT_EQ(shown("_ZN5CSync3runEv"), "[0]  CSync::run()\n");
+TEST_F(Backtrace, AFrameIsTheDemangledNameOrTheWholeLine) {
+    const struct {
+        const char *frame, *printed;
+    } rows[] = {
+        // Without a parenthesis there is no name.
+        {"[0x7ffd1234]", "[0x7ffd1234]"},
+        {"", ""},
+        // A mangled name is printed demangled and alone.
+        {"/usr/sbin/tandrel(_ZN5CSync6listenEv+0x1f) [0x55]", "CSync::listen()"},
+        {"x(_ZN5CSync11str_to_addrERKSsb+0x0) [0x1]",
+         "CSync::str_to_addr(std::string const&, bool)"},
+        // It ends at the first plus or parenthesis; without either the whole line is the name.
+        {"x(_ZN5CSync3runEv) [0x1]", "CSync::run()"},
+        {"x(_ZN5CSync3runEv)+0x1", "CSync::run()"},
+        {"x(_ZN5CSync3runEv+)", "CSync::run()"},
+        {"x(_ZN5CSync3runEv", "x(_ZN5CSync3runEv"},
+        {"_ZN5CSync3runEv", "CSync::run()"},
+        // What cannot be demangled is printed unaltered.
+        {"./tandrel(main+0x10) [0x1]", "./tandrel(main+0x10) [0x1]"},
+        {"/lib/libc.so.6(+0x3bf90) [0x7f]", "/lib/libc.so.6(+0x3bf90) [0x7f]"},
+        {"x() [0x1]", "x() [0x1]"},
+        {"x(_Z) [0x1]", "x(_Z) [0x1]"},
+        {"x(_ZN5CSync3runEv~+0x1) [0x1]", "x(_ZN5CSync3runEv~+0x1) [0x1]"},
+        {"/opt/100%s%n(main+0x1)", "/opt/100%s%n(main+0x1)"},
+    };
+    for (const auto &one : rows) {
+        EXPECT_EQ(shown(one.frame), std::string("[0]  ") + one.printed + "\n");
+    }
 }
 
 // Nothing flushes the buffers of a process that aborts.
@@ -367,10 +357,6 @@ TEST_F(Backtrace, IsWrittenOutBeforeTheAbort) {
     EXPECT_EQ(std::setvbuf(stderr, nullptr, _IONBF, 0), 0);
     EXPECT_EQ(captured::standard_error(), "Backtrace:\n[0]  [0x7ffd]\n");
     EXPECT_EQ(written.st_size, static_cast<off_t>(captured::standard_error().size()));
-}
-
-TEST_F(Backtrace, PercentSignsInAFrameAreHarmless) {
-    EXPECT_EQ(shown("/opt/100%s%n(main+0x1)"), "[0]  /opt/100%s%n(main+0x1)\n");
 }
 
 TEST_F(Backtrace, WithoutSymbolsThereIsOnlyTheAbort) {

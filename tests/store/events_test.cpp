@@ -94,7 +94,7 @@ TEST_F(StoreEvents, OnAnythingElseAreLoggedAndIgnored) {
     };
     for (const auto &one : cases) {
         SCOPED_TRACE(one.path);
-        expect_logged_at(one.level, 6, "Info: " + one.line, [this, &one] { handle({one.path}); });
+        expect_info_at(one.level, one.line, [this, &one] { handle({one.path}); });
         verbosity = 4;
         forget();
         handle({one.path});
@@ -126,11 +126,11 @@ TEST_F(StoreEvents, AnEmptyNodeNameIsNoReasonToRefuse) {
 
 TEST_F(StoreEvents, AreLoggedWithTheirCommandAtLevelThree) {
     const std::string path = at("1/IPv6/Default Gateway/Value");
-    expect_logged_at(4, 6, "Info: New TAV event arrived", [this, &path] { handle({path}); });
-    expect_logged_at(3, 6, "Info: Processing TAV event: cmd = 3, path = '" + path + "'",
-                     [this, &path] { handle({path}, 3); });
-    expect_logged_at(3, 6, "Info: Processing TAV event: cmd = -5, path = '" + path + "'",
-                     [this, &path] { handle({path}, -5); });
+    expect_info_at(4, "New TAV event arrived", [this, &path] { handle({path}); });
+    expect_info_at(3, "Processing TAV event: cmd = 3, path = '" + path + "'",
+                   [this, &path] { handle({path}, 3); });
+    expect_info_at(3, "Processing TAV event: cmd = -5, path = '" + path + "'",
+                   [this, &path] { handle({path}, -5); });
 }
 
 TEST_F(StoreEvents, TwentyAcceptedOnesSynchroniseOnceAfterTheLast) {

@@ -30,7 +30,7 @@ TEST_F(WriteKernelRoute, WritesTheRecordedGatewayToTheGivenInterface) {
 
 TEST_F(WriteKernelRoute, NamesTheKernelInterfaceInItsLineBeforeWriting) {
     know_gateway(5, "fe80::1");
-    expect_logged_at(4, 6, "Info: Writing kernel route to TAV on interface 5", [this] { write(); });
+    expect_info_at(4, "Writing kernel route to TAV on interface 5", [this] { write(); });
     verbosity = 4;
     forget();
     write();

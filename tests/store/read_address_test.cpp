@@ -11,14 +11,13 @@ namespace {
 
 using toolkit::CElement;
 
-const char *const gateway_signature =
-    "boost::optional<CTavRoute> CSync::read_tav_ipv6_gateway(const tk_string&)";
-const char *const addrs_signature =
-    "std::vector<CTavAddress> CSync::read_tav_ipv6_addrs(const tk_string&)";
-const char *const addr_signature =
-    "CTavAddress CSync::read_tav_ipv6_addr(const tk_string&, const tk_string&)";
-const char *const str_to_addr_signature =
-    "static CAddress CSync::str_to_addr(const tk_string&, bool)";
+const std::string in_gateway =
+    "boost::optional<CTavRoute> CSync::read_tav_ipv6_gateway(const tk_string&): ";
+const std::string in_addrs =
+    "std::vector<CTavAddress> CSync::read_tav_ipv6_addrs(const tk_string&): ";
+const std::string in_addr =
+    "CTavAddress CSync::read_tav_ipv6_addr(const tk_string&, const tk_string&): ";
+const std::string in_str_to_addr = "static CAddress CSync::str_to_addr(const tk_string&, bool): ";
 
 std::string text(const CTavAddress &address) {
     return text_of(address.addr) + "/" + std::to_string(address.prefix_len) + " " +
@@ -34,6 +33,15 @@ protected:
     const tk_string ipv6 = at("1/IPv6");
     const tk_string leaf = at("1/IPv6/Default Gateway/Value");
     boost::optional<CTavRoute> read() { return engine().read_tav_ipv6_gateway(ipv6); }
+    std::string error() {
+        return thrown<sync_err>([this] { read(); });
+    }
+    std::string minor_error() {
+        return thrown<sync_minor_err>([this] { read(); });
+    }
+    std::string address_error() {
+        return thrown<sync_addr_err>([this] { read(); });
+    }
 };
 
 TEST_F(ReadGateway, YieldsADefaultRouteThroughTheStoredAddress) {
@@ -48,9 +56,8 @@ TEST_F(ReadGateway, YieldsADefaultRouteThroughTheStoredAddress) {
 
 TEST_F(ReadGateway, LogsWhatItReadsAtLevelFour) {
     fake_tav::put(leaf, "fe80::1");
-    expect_logged_at(4, 6, "Info: Discovering TAV gateway on '" + ipv6 + "'", [this] { read(); });
-    expect_logged_at(4, 6, "Info: Read TAV gateway address 'fe80::1' on '" + ipv6 + "'",
-                     [this] { read(); });
+    expect_info_at(4, "Discovering TAV gateway on '" + ipv6 + "'", [this] { read(); });
+    expect_info_at(4, "Read TAV gateway address 'fe80::1' on '" + ipv6 + "'", [this] { read(); });
     verbosity = 4;
     forget();
     read();
@@ -61,7 +68,7 @@ TEST_F(ReadGateway, LogsWhatItReadsAtLevelFour) {
 
 TEST_F(ReadGateway, FindsNoneWhereTheStoreHasNone) {
     EXPECT_FALSE(read());
-    expect_logged_at(4, 6, "Info: No gateway specified.", [this] { read(); });
+    expect_info_at(4, "No gateway specified.", [this] { read(); });
     fake_tav::put(leaf, "fe80::1");
     fake_tav::on_call("get_leaf").statuses({api_status_refused});
     EXPECT_FALSE(read()) << "any status but 1 means that there is none";
@@ -81,17 +88,14 @@ TEST_F(ReadGateway, TheStatusIsJudgedBeforeTheValue) {
 TEST_F(ReadGateway, AFailedCallIsAnError) {
     fake_tav::put(leaf, "fe80::1");
     fake_tav::on_call("get_leaf").returns(-7).statuses({1});
-    EXPECT_EQ(thrown<sync_err>([this] { read(); }),
-              std::string(gateway_signature) + ": CTav::get_leaf() returned -7");
+    EXPECT_EQ(error(), in_gateway + "CTav::get_leaf() returned -7");
     fake_tav::on_call("get_leaf").returns(3);
-    EXPECT_EQ(thrown<sync_err>([this] { read(); }),
-              std::string(gateway_signature) + ": CTav::get_leaf() returned 3");
+    EXPECT_EQ(error(), in_gateway + "CTav::get_leaf() returned 3");
 }
 
 TEST_F(ReadGateway, AValueOfAnotherTypeIsAMinorError) {
     fake_tav::put(leaf, number_element("5"));
-    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
-              std::string(gateway_signature) + ": '" + leaf + "' is not a string type");
+    EXPECT_EQ(minor_error(), in_gateway + "'" + leaf + "' is not a string type");
 }
 
 TEST_F(ReadGateway, AcceptsAPrefixLengthThoughNoneIsNeeded) {
@@ -112,19 +116,26 @@ TEST_F(ReadGateway, ItsTextIsLoggedBeforeItIsConverted) {
 
 TEST_F(ReadGateway, ABadTextIsAnAddressError) {
     fake_tav::put(leaf, "fe80::1/0");
-    EXPECT_EQ(thrown<sync_addr_err>([this] { read(); }),
-              std::string(str_to_addr_signature) + ": Invalid prefix length '0'");
+    EXPECT_EQ(address_error(), in_str_to_addr + "Invalid prefix length '0'");
     fake_tav::put(leaf, "nonsense");
-    EXPECT_EQ(thrown<sync_addr_err>([this] { read(); }),
-              std::string(str_to_addr_signature) +
-                  ": Can't convert string 'nonsense' to IPv6 address");
+    EXPECT_EQ(address_error(), in_str_to_addr + "Can't convert string 'nonsense' to IPv6 address");
 }
 
 class ReadAddress : public EngineTest {
 protected:
     const tk_string addresses = at("1/IPv6/Addresses");
     const tk_string node = at("1/IPv6/Addresses/7");
+    const std::string returned = in_addr + "CTav::get_leaves(" + node + ") returned ";
     CTavAddress read() { return engine().read_tav_ipv6_addr(addresses, "7"); }
+    std::string error() {
+        return thrown<sync_err>([this] { read(); });
+    }
+    std::string minor_error() {
+        return thrown<sync_minor_err>([this] { read(); });
+    }
+    std::string address_error() {
+        return thrown<sync_addr_err>([this] { read(); });
+    }
 };
 
 TEST_F(ReadAddress, TakesAddressLengthTypeAndNodeInOneCall) {
@@ -140,101 +151,81 @@ TEST_F(ReadAddress, TakesAddressLengthTypeAndNodeInOneCall) {
 
 TEST_F(ReadAddress, LogsWhatItReadsAtLevelFour) {
     store(1, {"2001:DB8::5/64 Static 7"});
-    expect_logged_at(4, 6, "Info: Discovering TAV addr on '" + node + "'", [this] { read(); });
-    expect_logged_at(4, 6, "Info: Read TAV address 7 ('2001:DB8::5/64') (Static) on '" + node + "'",
-                     [this] { read(); });
+    expect_info_at(4, "Discovering TAV addr on '" + node + "'", [this] { read(); });
+    expect_info_at(4, "Read TAV address 7 ('2001:DB8::5/64') (Static) on '" + node + "'",
+                   [this] { read(); });
 }
 
 TEST_F(ReadAddress, AFailedCallIsAnErrorEvenWithoutOutputs) {
     store(1, {"2001:db8::5/64 Static 7"});
     fake_tav::on_call("get_leaves").returns(-5).statuses({0, 0});
-    EXPECT_EQ(thrown<sync_err>([this] { read(); }),
-              std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned -5/0/0");
+    EXPECT_EQ(error(), returned + "-5/0/0");
     fake_tav::on_call("get_leaves").returns(-5).statuses({1, 1});
-    EXPECT_EQ(thrown<sync_err>([this] { read(); }),
-              std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned -5/1/1");
+    EXPECT_EQ(error(), returned + "-5/1/1");
     fake_tav::on_call("get_leaves").returns(-5); // the vectors stay as they were
-    EXPECT_EQ(
-        thrown<sync_err>([this] {
-            read();
-        }).find(std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned -5/"),
-        0U);
+    EXPECT_EQ(thrown<sync_err>([this] { read(); }).find(returned + "-5/"), 0U);
 }
 
 TEST_F(ReadAddress, AMissingLeafIsAMinorErrorThatNamesBothStatuses) {
     fake_tav::put(node + "/Address/Value", "2001:db8::5/64");
-    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
-              std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned 0/1/2");
+    EXPECT_EQ(minor_error(), returned + "0/1/2");
     fake_tav::erase(node);
     fake_tav::put(node + "/Type/Value", "Static");
-    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
-              std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned 0/2/1");
+    EXPECT_EQ(minor_error(), returned + "0/2/1");
 }
 
 TEST_F(ReadAddress, AValueOfAnotherTypeIsAMinorErrorThatNamesItsLeaf) {
     fake_tav::put(node + "/Address/Value", number_element("1"));
     fake_tav::put(node + "/Type/Value", number_element("3"));
-    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
-              std::string(addr_signature) + ": '" + node + "/Address/Value' is not a string type");
+    EXPECT_EQ(minor_error(), in_addr + "'" + node + "/Address/Value' is not a string type");
     fake_tav::put(node + "/Address/Value", "2001:db8::5/64");
-    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
-              std::string(addr_signature) + ": '" + node + "/Type/Value' is not a string type");
+    EXPECT_EQ(minor_error(), in_addr + "'" + node + "/Type/Value' is not a string type");
 }
 
 TEST_F(ReadAddress, TheStatusesAreJudgedBeforeTheValues) {
     for (const CElement &value : {CElement("2001:db8::5/64", -1), number_element("5")}) {
         fake_tav::on_call("get_leaves").statuses({1, 2}).fills(value);
-        EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
-                  std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned 0/1/2");
+        EXPECT_EQ(minor_error(), returned + "0/1/2");
         fake_tav::on_call("get_leaves").statuses({5, 1}).fills(value);
-        EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
-                  std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned 0/5/1");
+        EXPECT_EQ(minor_error(), returned + "0/5/1");
     }
 }
 
 // The address sanitizer reports a read beyond the end.
 TEST_F(ReadAddress, AnAnswerForFewerLeavesIsAMinorError) {
     store(1, {"2001:db8::5/64 Static 7"});
-    const std::string returned =
-        std::string(addr_signature) + ": CTav::get_leaves(" + node + ") returned ";
     fake_tav::on_call("get_leaves").shortens_statuses(1);
-    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }), returned + "0/1/0");
+    EXPECT_EQ(minor_error(), returned + "0/1/0");
     fake_tav::on_call("get_leaves").shortens_statuses(0);
-    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }), returned + "0/0/0");
+    EXPECT_EQ(minor_error(), returned + "0/0/0");
     fake_tav::on_call("get_leaves").shortens_values(1);
-    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
-              std::string(addr_signature) + ": '" + node + "/Type/Value' is not a string type");
+    EXPECT_EQ(minor_error(), in_addr + "'" + node + "/Type/Value' is not a string type");
     fake_tav::on_call("get_leaves").shortens_values(0);
-    EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
-              std::string(addr_signature) + ": '" + node + "/Address/Value' is not a string type");
+    EXPECT_EQ(minor_error(), in_addr + "'" + node + "/Address/Value' is not a string type");
 }
 
 TEST_F(ReadAddress, AnAddressWithoutPrefixLengthIsRefused) {
     store(1, {"2001:db8::5 Static 7"});
-    EXPECT_EQ(thrown<sync_addr_err>([this] { read(); }),
-              std::string(str_to_addr_signature) +
-                  ": No prefix specified in address string: '2001:db8::5'");
+    EXPECT_EQ(address_error(),
+              in_str_to_addr + "No prefix specified in address string: '2001:db8::5'");
 }
 
 TEST_F(ReadAddress, TheAddressIsJudgedBeforeTheType) {
     store(1, {"nonsense/64 nonsense 7"});
-    EXPECT_EQ(thrown<sync_addr_err>([this] { read(); }),
-              std::string(str_to_addr_signature) +
-                  ": Can't convert string 'nonsense' to IPv6 address");
+    EXPECT_EQ(address_error(), in_str_to_addr + "Can't convert string 'nonsense' to IPv6 address");
 }
 
 TEST_F(ReadAddress, AnUnknownTypeTextIsAMinorError) {
     for (const std::string type : {"static", "Dynamic", "", "Static "}) {
         store(1, "7", "2001:db8::5/64", type);
-        EXPECT_EQ(thrown<sync_minor_err>([this] { read(); }),
-                  std::string(addr_signature) + ": Unknown addr type '" + type + "'");
+        EXPECT_EQ(minor_error(), in_addr + "Unknown addr type '" + type + "'");
     }
 }
 
 TEST_F(ReadAddress, ALongErrorTextIsCutAt255Characters) {
     const tk_string name(300, 'n');
-    const std::string whole = std::string(addr_signature) + ": CTav::get_leaves(" + addresses +
-                              "/" + name + ") returned 0/2/2";
+    const std::string whole =
+        in_addr + "CTav::get_leaves(" + addresses + "/" + name + ") returned 0/2/2";
     EXPECT_EQ(
         thrown<sync_minor_err>([this, &name] { engine().read_tav_ipv6_addr(addresses, name); }),
         whole.substr(0, 255));
@@ -250,6 +241,9 @@ protected:
         }
         return texts;
     }
+    std::string error() {
+        return thrown<sync_err>([this] { read(); });
+    }
 };
 
 TEST_F(ReadAddresses, KeepTheOrderOfTheListingAndTheNamesOfTheNodes) {
@@ -260,8 +254,7 @@ TEST_F(ReadAddresses, KeepTheOrderOfTheListingAndTheNamesOfTheNodes) {
 
 TEST_F(ReadAddresses, AreNoneWhereTheStoreHasNoSuchNode) {
     EXPECT_EQ(read(), strings{});
-    expect_logged_at(4, 6, "Info: No addresses specified (" + ipv6 + "/Addresses).",
-                     [this] { read(); });
+    expect_info_at(4, "No addresses specified (" + ipv6 + "/Addresses).", [this] { read(); });
 }
 
 // The content of the listing must be ignored if the store has no such node, or refuses to list it.
@@ -278,8 +271,8 @@ TEST_F(ReadAddresses, AreNoneForARefusedListingWithAnyContent) {
 
 TEST_F(ReadAddresses, LogTheListingAtLevelFour) {
     store(1, {"2001:db8::9/64 Static 9"});
-    expect_logged_at(4, 6, "Info: Discovering TAV addresses on '" + ipv6 + "'", [this] { read(); });
-    expect_logged_at(4, 6, "Info: Found TAV address '9'", [this] { read(); });
+    expect_info_at(4, "Discovering TAV addresses on '" + ipv6 + "'", [this] { read(); });
+    expect_info_at(4, "Found TAV address '9'", [this] { read(); });
     verbosity = 4;
     forget();
     read();
@@ -318,27 +311,22 @@ TEST_F(ReadAddresses, ABadOneIsLoggedAtLevelTwoAndTheOthersAreKept) {
     store(1, {"2001:db8::4/129 Static 4", "2001:db8::5/64 Automatic 5"});
     EXPECT_EQ(read(), (strings{"2001:db8::1/64 3 1", "2001:db8::5/64 2 5"}));
     for (const std::string &why :
-         {std::string(addr_signature) + ": Unknown addr type 'static'",
-          std::string(addr_signature) + ": CTav::get_leaves(" + ipv6 +
-              "/Addresses/3) returned 0/1/2",
-          std::string(str_to_addr_signature) + ": Invalid prefix length '129'"}) {
-        expect_logged_at(2, 6, "Info: Ignoring address: '" + why + "'", [this] { read(); });
+         {in_addr + "Unknown addr type 'static'",
+          in_addr + "CTav::get_leaves(" + ipv6 + "/Addresses/3) returned 0/1/2",
+          in_str_to_addr + "Invalid prefix length '129'"}) {
+        expect_info_at(2, "Ignoring address: '" + why + "'", [this] { read(); });
     }
 }
 
 TEST_F(ReadAddresses, AFailedListingIsAnError) {
     fake_tav::on_call("list_node").returns(-9);
-    EXPECT_EQ(thrown<sync_err>([this] { read(); }), std::string(addrs_signature) +
-                                                        ": CTav::list_node(" + ipv6 +
-                                                        "/Addresses) returned -9");
+    EXPECT_EQ(error(), in_addrs + "CTav::list_node(" + ipv6 + "/Addresses) returned -9");
 }
 
 TEST_F(ReadAddresses, AFailedCallForOneAddressEndsTheReading) {
     store(1, {"2001:db8::1/64 Static 1", "2001:db8::2/64 Static 2", "2001:db8::3/64 Static 3"});
     fake_tav::on_call("get_leaves", 2).returns(-5).statuses({0});
-    EXPECT_EQ(thrown<sync_err>([this] { read(); }), std::string(addr_signature) +
-                                                        ": CTav::get_leaves(" + ipv6 +
-                                                        "/Addresses/2) returned -5/0/0");
+    EXPECT_EQ(error(), in_addr + "CTav::get_leaves(" + ipv6 + "/Addresses/2) returned -5/0/0");
     EXPECT_EQ(fake_tav::calls("get_leaves").size(), 2U);
 }
 

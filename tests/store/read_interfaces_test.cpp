@@ -10,7 +10,8 @@
 
 namespace {
 
-const char *const all_signature = "tavcfg_map_t CSync::read_all_tav_ipv6_settings()";
+const std::string all_listed =
+    "tavcfg_map_t CSync::read_all_tav_ipv6_settings(): CTav::list_node() returned ";
 
 class ReadInterface : public EngineTest {
 protected:
@@ -57,8 +58,7 @@ TEST_F(ReadInterface, ReadsUnderTheNameThatIsListed) {
 }
 
 TEST_F(ReadInterface, IsAnnouncedAtLevelFour) {
-    expect_logged_at(4, 6, "Info: Discovering IPv6 TAV settings on interface '1'",
-                     [this] { read("1"); });
+    expect_info_at(4, "Discovering IPv6 TAV settings on interface '1'", [this] { read("1"); });
 }
 
 TEST_F(ReadInterface, IsAnnouncedBeforeItsNameIsJudged) {
@@ -85,20 +85,20 @@ TEST_F(ReadInterface, ABadGatewayIsDroppedAndTheAddressesAreKept) {
     tavcfg_t stored = read("1");
     EXPECT_FALSE(stored.gateway);
     EXPECT_EQ(stored.addresses.size(), 1U);
-    expect_logged_at(2, 6,
-                     "Info: Ignoring gateway: 'static CAddress CSync::str_to_addr(const "
-                     "tk_string&, bool): Can't convert string 'nonsense' to IPv6 address'",
-                     [this] { read("1"); });
+    expect_info_at(2,
+                   "Ignoring gateway: 'static CAddress CSync::str_to_addr(const "
+                   "tk_string&, bool): Can't convert string 'nonsense' to IPv6 address'",
+                   [this] { read("1"); });
     const tk_string leaf = at("1/IPv6/Default Gateway/Value");
     fake_tav::put(leaf, toolkit::CElement(element_type_boolean, "true", -1));
     stored = read("1");
     EXPECT_FALSE(stored.gateway);
     EXPECT_EQ(stored.addresses.size(), 1U);
-    expect_logged_at(2, 6,
-                     "Info: Ignoring gateway: 'boost::optional<CTavRoute> "
-                     "CSync::read_tav_ipv6_gateway(const tk_string&): '" +
-                         leaf + "' is not a string type'",
-                     [this] { read("1"); });
+    expect_info_at(2,
+                   "Ignoring gateway: 'boost::optional<CTavRoute> "
+                   "CSync::read_tav_ipv6_gateway(const tk_string&): '" +
+                       leaf + "' is not a string type'",
+                   [this] { read("1"); });
 }
 
 TEST_F(ReadInterface, AFailedGatewayCallEndsTheReading) {
@@ -120,6 +120,9 @@ protected:
                              (one.second.gateway ? " gateway" : "");
         }
         return all;
+    }
+    std::string error() {
+        return thrown<sync_err>([this] { read(); });
     }
     using map = std::map<std::uint32_t, std::string>;
 };
@@ -158,19 +161,16 @@ TEST_F(ReadAll, AnEmptyStoreYieldsAnEmptyMapOfElevenBuckets) {
 }
 
 TEST_F(ReadAll, IsAnnouncedAtLevelFour) {
-    expect_logged_at(4, 6, "Info: Discovering all IPv6 TAV settings...", [this] { read(); });
+    expect_info_at(4, "Discovering all IPv6 TAV settings...", [this] { read(); });
 }
 
 TEST_F(ReadAll, AFailedListingIsAnErrorThatNamesResultAndStatus) {
     fake_tav::on_call("list_node").returns(-4).statuses({0});
-    EXPECT_EQ(thrown<sync_err>([this] { read(); }),
-              std::string(all_signature) + ": CTav::list_node() returned -4/0");
+    EXPECT_EQ(error(), all_listed + "-4/0");
     fake_tav::on_call("list_node").returns(-4).statuses({1});
-    EXPECT_EQ(thrown<sync_err>([this] { read(); }),
-              std::string(all_signature) + ": CTav::list_node() returned -4/1");
+    EXPECT_EQ(error(), all_listed + "-4/1");
     fake_tav::on_call("list_node").statuses({2});
-    EXPECT_EQ(thrown<sync_err>([this] { read(); }),
-              std::string(all_signature) + ": CTav::list_node() returned 0/2");
+    EXPECT_EQ(error(), all_listed + "0/2");
 }
 
 TEST_F(ReadAll, OneChildThatIsNoInterfaceEndsTheWholeReading) {
@@ -187,10 +187,9 @@ TEST_F(ReadAll, AFailedCallFarDownEndsTheWholeReading) {
     store(1, {"2001:db8::1/64 Static 1"});
     store(2, {"2001:db8::2/64 Static 1"});
     fake_tav::on_path("list_node", at("2/IPv6/Addresses")).returns(-2);
-    EXPECT_EQ(thrown<sync_err>([this] { read(); }),
-              "std::vector<CTavAddress> CSync::read_tav_ipv6_addrs(const tk_string&): "
-              "CTav::list_node(" +
-                  at("2/IPv6/Addresses") + ") returned -2");
+    EXPECT_EQ(error(), "std::vector<CTavAddress> CSync::read_tav_ipv6_addrs(const tk_string&): "
+                       "CTav::list_node(" +
+                           at("2/IPv6/Addresses") + ") returned -2");
 }
 
 TEST_F(ReadAll, FaultsOfOneInterfaceLeaveTheOthersWhole) {

@@ -44,29 +44,32 @@ private:
     }
 };
 
-TEST_F(BucketOrder, OfTheTableIsTheIndexModuloEleven) {
-    follow({13, 3, 22, 12, 10});
-    synchronise();
-    EXPECT_EQ(into_store(), (numbers{22, 12, 13, 3, 10}));
-}
-
-TEST_F(BucketOrder, OfTheTableDoesNotDependOnTheOrderOfArrival) {
-    follow({10, 12, 22, 3, 13});
-    synchronise();
-    EXPECT_EQ(into_store(), (numbers{22, 12, 13, 3, 10}));
-}
-
-TEST_F(BucketOrder, OfTheTableStaysWhileElevenEntriesFit) {
-    follow({21, 20, 19, 18, 17, 16, 15, 14, 13, 12, 22});
-    synchronise();
-    EXPECT_EQ(into_store(), (numbers{22, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21}));
-}
-
-TEST_F(BucketOrder, OfTheTableIsTheIndexModulo23FromTheTwelfthEntryOn) {
-    follow({25, 24, 21, 20, 19, 18, 17, 16, 15, 14, 13, 46});
-    EXPECT_EQ(engine().interfaces.bucket_count(), 23U);
-    synchronise();
-    EXPECT_EQ(into_store(), (numbers{46, 24, 25, 13, 14, 15, 16, 17, 18, 19, 20, 21}));
+TEST_F(BucketOrder, OfTheTableIsTheIndexModuloAPrimeThatHoldsIt) {
+    const struct {
+        const char *what;
+        numbers arriving;
+        std::size_t buckets;
+        numbers order;
+    } rows[] = {
+        {"few links", {13, 3, 22, 12, 10}, 11, {22, 12, 13, 3, 10}},
+        {"in another order of arrival", {10, 12, 22, 3, 13}, 11, {22, 12, 13, 3, 10}},
+        {"eleven links still fit",
+         {21, 20, 19, 18, 17, 16, 15, 14, 13, 12, 22},
+         11,
+         {22, 12, 13, 14, 15, 16, 17, 18, 19, 20, 21}},
+        {"twelve links",
+         {25, 24, 21, 20, 19, 18, 17, 16, 15, 14, 13, 46},
+         23,
+         {46, 24, 25, 13, 14, 15, 16, 17, 18, 19, 20, 21}},
+    };
+    for (const auto &one : rows) {
+        SCOPED_TRACE(one.what);
+        restart();
+        follow(one.arriving);
+        EXPECT_EQ(engine().interfaces.bucket_count(), one.buckets);
+        synchronise();
+        EXPECT_EQ(into_store(), one.order);
+    }
 }
 
 TEST_F(BucketOrder, OfTheTableIsTheIndexModulo47FromThe24thEntryOn) {

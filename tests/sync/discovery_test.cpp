@@ -43,7 +43,7 @@ TEST_F(Discovery, IsLoggedAtLevelThree) {
     const std::vector<std::string> texts = {"requesting link state", "requesting addrs",
                                             "requesting routes", "beginning normal operation"};
     for (std::size_t state = 0; state < texts.size(); ++state) {
-        expect_logged_at(3, 6, "Info: void CSync::discover(): " + texts[state], [this, state] {
+        expect_info_at(3, "void CSync::discover(): " + texts[state], [this, state] {
             engine().state = static_cast<int>(state);
             engine().discover();
         });
@@ -94,8 +94,8 @@ protected:
 
 TEST_F(Dispatch, NamesTheClassificationAtLevelFour) {
     for (const int type : {16, 17, 19, 20, 21, 24, 25, 18, 26, 200}) {
-        expect_logged_at(4, 6, "Info: Received netlink update (type " + std::to_string(type) + ")",
-                         [this, type] { receive(other(type)); });
+        expect_info_at(4, "Received netlink update (type " + std::to_string(type) + ")",
+                       [this, type] { receive(other(type)); });
     }
     verbosity = 4;
     forget();

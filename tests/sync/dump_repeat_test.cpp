@@ -140,13 +140,13 @@ TEST_F(DumpRepeat, DoesNotLogTheStepAgainBeforeItIsTaken) {
 }
 
 TEST_F(DumpRepeat, IsLoggedAtLevelThree) {
-    expect_logged_at(3, 6,
-                     "Info: void CSync::handle_dump_end(): dump was interrupted, requested "
-                     "it again",
-                     [this] {
-                         reach(1);
-                         receive(datagram_t().done(-4));
-                     });
+    expect_info_at(3,
+                   "void CSync::handle_dump_end(): dump was interrupted, requested "
+                   "it again",
+                   [this] {
+                       reach(1);
+                       receive(datagram_t().done(-4));
+                   });
 }
 
 TEST_F(DumpRepeat, FindsTheSameRecordsWithoutDoublingThem) {

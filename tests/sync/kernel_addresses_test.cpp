@@ -28,8 +28,7 @@ protected:
 TEST_F(KernelAddresses, OfUntrackedLinksAreOnlyLogged) {
     const std::string line = "void CSync::nl_addr_update(int, const std::vector<CKernAddress>&): "
                              "Ignoring event on unknown interface '1'";
-    expect_logged_at(3, 6, "Info: " + line,
-                     [this] { announce(added, {kern_addr(1, "::1", 128, scope_host)}); });
+    expect_info_at(3, line, [this] { announce(added, {kern_addr(1, "::1", 128, scope_host)}); });
     verbosity = 4;
     for (const int type : {added, removed, 99}) {
         forget();
@@ -39,11 +38,11 @@ TEST_F(KernelAddresses, OfUntrackedLinksAreOnlyLogged) {
 }
 
 TEST_F(KernelAddresses, AreLoggedAtLevelTwo) {
-    expect_logged_at(2, 6, "Info: ADDING addr [3]: 2001:db8::5/64 [scope:link]", [this] {
+    expect_info_at(2, "ADDING addr [3]: 2001:db8::5/64 [scope:link]", [this] {
         restart_with_eth0(1);
         announce(added, {kern_addr(3, "2001:db8::5", 64)});
     });
-    expect_logged_at(2, 6, "Info: REMOVING addr [3]: 2001:db8::5/64 [scope:link]", [this] {
+    expect_info_at(2, "REMOVING addr [3]: 2001:db8::5/64 [scope:link]", [this] {
         restart_with_eth0(1);
         announce(removed, {kern_addr(3, "2001:db8::5", 64)});
     });

@@ -26,8 +26,7 @@ protected:
 TEST_F(KernelRoutes, OfUntrackedLinksAreOnlyLogged) {
     const std::string line = "void CSync::nl_route_update(int, const std::vector<CKernRoute>&): "
                              "Ignoring event on unknown interface '1'";
-    expect_logged_at(3, 6, "Info: " + line,
-                     [this] { announce(added, {kern_route(1, "fe80::1")}); });
+    expect_info_at(3, line, [this] { announce(added, {kern_route(1, "fe80::1")}); });
     verbosity = 4;
     for (const int type : {added, removed, 99}) {
         forget();
@@ -37,11 +36,11 @@ TEST_F(KernelRoutes, OfUntrackedLinksAreOnlyLogged) {
 }
 
 TEST_F(KernelRoutes, AreLoggedAtLevelTwo) {
-    expect_logged_at(2, 6, "Info: ADDING route [3]: ::/0 : gw = fe80::1 (4)", [this] {
+    expect_info_at(2, "ADDING route [3]: ::/0 : gw = fe80::1 (4)", [this] {
         restart_with_eth0(1);
         announce(added, {kern_route(3, "fe80::1")});
     });
-    expect_logged_at(2, 6, "Info: REMOVING route [3]: 2001:db8::/32 : gw = :: (9)", [this] {
+    expect_info_at(2, "REMOVING route [3]: 2001:db8::/32 : gw = :: (9)", [this] {
         restart_with_eth0(1);
         announce(removed, {kern_route(3, "::", 9, "2001:db8::", 32)});
     });
@@ -108,7 +107,7 @@ TEST_F(KernelRoutes, OthersAreSkippedForTheFirstReasonThatApplies) {
                                        {kern_route(3, "fe80::1", 0), not_static},
                                        {kern_route(3, "fe80::1", 2), not_static}};
     for (const auto &one : cases) {
-        expect_logged_at(4, 6, std::string("Info: ") + one.line, [this, &one] {
+        expect_info_at(4, one.line, [this, &one] {
             restart_with_eth0(1);
             announce(added, {one.route});
         });
@@ -134,8 +133,8 @@ TEST_F(KernelRoutes, SkippedOnesDoNotChangeTheKnownGateway) {
 
 TEST_F(KernelRoutes, TheKnownGatewayIsNotWrittenAgain) {
     know_gateway(3, "fe80::1");
-    expect_logged_at(4, 6, "Info: Skipping already-configured gateway...",
-                     [this] { announce(added, {kern_route(3, "fe80::1")}); });
+    expect_info_at(4, "Skipping already-configured gateway...",
+                   [this] { announce(added, {kern_route(3, "fe80::1")}); });
     EXPECT_EQ(effects(), strings{});
 }
 
@@ -169,12 +168,11 @@ TEST_F(KernelRoutes, AnAdoptedOneKeepsAllFieldsFromTheKernel) {
 }
 
 TEST_F(KernelRoutes, AReplacementIsLoggedAtLevelOne) {
-    expect_logged_at(
-        1, 6, "Info: Replaced exising static route with a new one - removing old route", [this] {
-            restart_with_eth0(1);
-            know_gateway(3, "fe80::1");
-            announce(added, {kern_route(3, "fe80::2")});
-        });
+    expect_info_at(1, "Replaced exising static route with a new one - removing old route", [this] {
+        restart_with_eth0(1);
+        know_gateway(3, "fe80::1");
+        announce(added, {kern_route(3, "fe80::2")});
+    });
 }
 
 TEST_F(KernelRoutes, AReplacedOneIsDeletedInEveryStateAndTheStoreWrittenInOneAlone) {

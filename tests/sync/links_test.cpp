@@ -58,16 +58,16 @@ TEST_F(Links, AreLoggedAtLevelsTwoAndThree) {
         restart();
         engine().nl_link_update(added, {kern_link(2, "eth0"), kern_link(3, "veth0")});
     };
-    expect_logged_at(3, 6, "Info: Skipping update for link 'veth0'", add);
-    expect_logged_at(3, 6, "Info: Adding new link: 'eth0' (2)", add);
-    expect_logged_at(2, 6, "Info: ADDING link [2]: eth0 : 02:00:00:00:00:01", add);
+    expect_info_at(3, "Skipping update for link 'veth0'", add);
+    expect_info_at(3, "Adding new link: 'eth0' (2)", add);
+    expect_info_at(2, "ADDING link [2]: eth0 : 02:00:00:00:00:01", add);
     const auto remove = [this] {
         restart();
         track(2, "eth0");
         engine().nl_link_update(removed, {kern_link(2, "eth0")});
     };
-    expect_logged_at(3, 6, "Info: Erasing existing link: 'eth0' (2)", remove);
-    expect_logged_at(2, 6, "Info: REMOVING link [2]: eth0 : 02:00:00:00:00:01", remove);
+    expect_info_at(3, "Erasing existing link: 'eth0' (2)", remove);
+    expect_info_at(2, "REMOVING link [2]: eth0 : 02:00:00:00:00:01", remove);
 }
 
 TEST_F(Links, AnnouncedAgainKeepTheirFirstNameAndAddress) {

@@ -130,7 +130,7 @@ TEST_F(SyncAddresses, AreLoggedAtTheLevelOfWhatIsDone) {
         {4, "Writing kernel addr to TAV on interface 1", {"fe80::1/64 Link-Local 1"}, {}},
     };
     for (const auto &one : rows) {
-        expect_logged_at(one.level, 6, std::string("Info: ") + one.line, [this, &one] {
+        expect_info_at(one.level, one.line, [this, &one] {
             prepare(one.known, one.stored);
             synchronise();
         });
@@ -163,7 +163,7 @@ TEST_F(SyncAddresses, AreComparedOnTheRecordWithTypeAndPresence) {
         }
     }
     EXPECT_EQ(seen, comparisons);
-    expect_logged_at(4, 6, "Info: " + comparisons[0], [this] { synchronise(); });
+    expect_info_at(4, comparisons[0], [this] { synchronise(); });
 }
 
 TEST_F(SyncAddresses, OfAnInterfaceThatTheKernelLacksAreIgnored) {

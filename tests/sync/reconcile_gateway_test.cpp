@@ -32,7 +32,7 @@ TEST_F(SyncGateway, AStoredOneIsAddedToTheKernelAndRecorded) {
     EXPECT_EQ(entry(3).gateway->protocol, 4);
     EXPECT_EQ(entry(3).gateway->dst_len, 0);
     EXPECT_TRUE(is_default_route(*entry(3).gateway));
-    expect_logged_at(4, 6, "Info: Adding TAV route 'fe80::1' to kernel on interface 3", [this] {
+    expect_info_at(4, "Adding TAV route 'fe80::1' to kernel on interface 3", [this] {
         restart_with_eth0();
         synchronise();
     });
@@ -43,7 +43,7 @@ TEST_F(SyncGateway, TheSameOneIsSentToTheKernelAgain) {
     store_gateway(1, "fe80::1");
     synchronise();
     EXPECT_EQ(changes(), (strings{"kernel: add ::/0 via fe80::1 dev 3", written("fe80::1")}));
-    expect_logged_at(4, 6, "Info: Skipping already-configured gateway...", [this] {
+    expect_info_at(4, "Skipping already-configured gateway...", [this] {
         restart_with_eth0();
         know_gateway(3, "fe80::1");
         synchronise();
@@ -80,7 +80,7 @@ TEST_F(SyncGateway, AnotherOneOverridesTheKernels) {
     EXPECT_EQ(changes(), (strings{"kernel: delete ::/0 via fe80::1 dev 3",
                                   "kernel: add ::/0 via fe80::2 dev 3", written("fe80::2")}));
     EXPECT_EQ(gateway(3), "fe80::2");
-    expect_logged_at(2, 6, "Info: New TAV route overriding existing one", [this] {
+    expect_info_at(2, "New TAV route overriding existing one", [this] {
         restart_with_eth0();
         know_gateway(3, "fe80::1");
         synchronise();
@@ -92,7 +92,7 @@ TEST_F(SyncGateway, OneThatTheStoreLacksIsDeletedInTheKernelAndStillWritten) {
     synchronise();
     EXPECT_EQ(changes(), (strings{"kernel: delete ::/0 via fe80::1 dev 3", written("fe80::1")}));
     EXPECT_EQ(gateway(3), "fe80::1") << "only the kernel's report clears it";
-    expect_logged_at(2, 6, "Info: Removing existing static route", [this] {
+    expect_info_at(2, "Removing existing static route", [this] {
         fake_tav::erase(at("1/IPv6"));
         restart_with_eth0();
         know_gateway(3, "fe80::1");
