@@ -178,13 +178,13 @@ bool FaultyService::refuse(Session &session, const Request &request, std::string
     if (request.operation == Operation::read) {
         std::vector<std::string> paths;
         tav::get_all(in, paths);
-        tav::put_all(out, std::vector<tav::LeafAnswer>(paths.size(), {plan.status(), {}}));
+        tav::put_all(out, std::vector<tav::LeafAnswer>(paths.size(), {api_status_refused, {}}));
     } else if (request.header.op == Op::transact) {
         std::vector<tav::Item> items;
         tav::get_all(in, items);
-        tav::put_all(out, std::vector<api_status_t>(items.size(), plan.status()));
+        tav::put_all(out, std::vector<api_status_t>(items.size(), api_status_refused));
     } else {
-        put(out, plan.status());
+        put(out, api_status_refused);
         if (request.operation == Operation::list) {
             tav::put_all(out, std::vector<tav::Child>());
         }

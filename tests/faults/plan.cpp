@@ -123,16 +123,10 @@ void Plan::set(const std::string &key, const std::string &value) {
         every = static_cast<std::uint64_t>(number(value, 1));
     } else if (key == "limit") {
         most = static_cast<std::uint64_t>(number(value, 0));
-    } else if (key == "chance") {
-        chance = static_cast<std::uint64_t>(number(value, 0));
-    } else if (key == "seed") {
-        random.seed(static_cast<std::mt19937::result_type>(number(value, 0)));
     } else if (key == "undone") {
         without_effect = true;
     } else if (key == "result") {
         returned = static_cast<int>(number(value, -1000));
-    } else if (key == "status") {
-        given_status = static_cast<api_status_t>(number(value, 0));
     } else if (key == "path") {
         removed = value;
     } else if (key == "while") {
@@ -148,7 +142,7 @@ bool Plan::strikes(Operation operation) {
         return false;
     }
     ++seen;
-    if (seen <= spared || (seen - spared) % every != 0 || struck >= most || below(100) >= chance) {
+    if (seen <= spared || (seen - spared) % every != 0 || struck >= most) {
         return false;
     }
     ++struck;

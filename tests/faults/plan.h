@@ -1,24 +1,19 @@
 // Which fault is injected, where, how often and for how long. A plan is one line of text, a mode
 // and any number of settings:
 //
-//   MODE[:on=OPERATION[+OPERATION...]][:after=N][:every=N][:limit=N][:chance=PERCENT][:seed=N]
-//       [:undone][:result=N][:status=N][:path=PATH][:while=FILE]
+//   MODE[:on=OPERATION[+OPERATION...]][:after=N][:every=N][:limit=N][:undone]
+//       [:result=N][:path=PATH][:while=FILE]
 //
 //   on      the operations that the fault affects (default: all; for modes about events, the one
 //           that the mode is about)
 //   after   number of operations at the start that are not affected (0)
 //   every   only every Nth of the others is affected (1)
 //   limit   largest number of faults (no limit)
-//   chance  probability that such an operation is affected, in percent (100)
-//   seed    of the random choices (1)
 //   undone  an affected operation has no effect (otherwise it has, and only its result is lost)
 //   result  result of a failing call (-1)
-//   status  status of a refused path (api_status_refused)
 //   path    the path to remove (required by the mode that removes)
 //   while   faults are injected only while this file exists
 #pragma once
-
-#include <tav/mlr.h>
 
 #include <cstdint>
 #include <random>
@@ -29,7 +24,7 @@ namespace faults {
 
 enum class Mode {
     fail,      // the call returns `result`, its connection still works
-    refuse,    // the call succeeds, each of its paths has `status`
+    refuse,    // the call succeeds, each of its paths has the status "refused"
     garble,    // the reply is malformed
     hang,      // there is no reply
     cut,       // the connection ends in the middle of the reply
@@ -54,7 +49,6 @@ public:
     Mode mode() const { return what; }
     bool undone() const { return without_effect; }
     int result() const { return returned; }
-    api_status_t status() const { return given_status; }
     const std::string &path() const { return removed; }
 
     // Whether the fault affects this operation, which is counted; call this once for each
@@ -71,10 +65,8 @@ private:
     std::uint64_t spared = 0;
     std::uint64_t every = 1;
     std::uint64_t most = UINT64_MAX;
-    std::uint64_t chance = 100;
     bool without_effect = false;
     int returned = -1;
-    api_status_t given_status = api_status_refused;
     std::string removed;
     std::string while_file;
 

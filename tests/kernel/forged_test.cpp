@@ -6,7 +6,6 @@
 #include <cstring>
 #include <random>
 
-#include <linux/if_arp.h>
 #include <linux/rtnetlink.h>
 
 #include <arpa/inet.h>
@@ -26,13 +25,6 @@ protected:
     }
 
     void send(const kt::Message &message) { device.forge(RTNLGRP_LINK, message.bytes()); }
-
-    kt::Message link_message(std::uint16_t type, unsigned short kind = ARPHRD_ETHER) {
-        ifinfomsg header{};
-        header.ifi_type = kind;
-        header.ifi_index = device.index("eth0");
-        return kt::Message(type, 0).append(header);
-    }
 
     kt::Message address_message(std::uint16_t type, unsigned char scope, unsigned char length) {
         ifaddrmsg header{};
@@ -61,70 +53,6 @@ TEST_F(ForgedTest, AnEndOfADumpThatNobodyAskedForIsWarnedAbout) {
         log().count("Warning: Got NLMSG_DONE outside of a requested discovery operation...", from),
         2U);
     EXPECT_EQ(log().count_containing("void CSync::discover()", from), 0U);
-}
-
-TEST_F(ForgedTest, AnOverrunMessageIsABadTypeHoweverOftenItComes) {
-    for (int i = 0; i < 30; ++i) {
-        send(kt::Message(NLMSG_OVERRUN, 0).append(0));
-    }
-    ASSERT_TRUE(settle());
-    EXPECT_EQ(log().count("Error: recv: bad msg type: 4", from), 30U);
-}
-
-TEST_F(ForgedTest, EmptyAndUnknownMessagesAreDropped) {
-    send(kt::Message(NLMSG_NOOP, 0).append(0));
-    send(kt::Message(RTM_GETLINK, 0).append(ifinfomsg{}));
-    send(kt::Message(RTM_NEWNEIGH, 0).append(ifinfomsg{}));
-    ASSERT_TRUE(settle());
-    EXPECT_EQ(log().count("Info: Received netlink update (type 0)", from), 1U);
-    EXPECT_EQ(log().count("Info: Received netlink update (type 18)", from), 1U);
-    EXPECT_EQ(log().count("Info: Received netlink update (type 28)", from), 1U);
-}
-
-TEST_F(ForgedTest, ALinkMessageWithoutNameOrAddressIsSkipped) {
-    const unsigned char hardware_address[6] = {2, 0, 0, 0, 0, 9};
-    send(link_message(RTM_NEWLINK).attribute(IFLA_IFNAME, std::string("eth9")));
-    send(link_message(RTM_NEWLINK)
-             .attribute(IFLA_ADDRESS, hardware_address, sizeof hardware_address));
-    ASSERT_TRUE(settle());
-    EXPECT_EQ(log().count("Info: Skipping link msg with no addr/name", from), 2U);
-}
-
-TEST_F(ForgedTest, OnlyEthernetLinksAreTracked) {
-    send(link_message(RTM_NEWLINK, ARPHRD_TUNNEL6));
-    EXPECT_TRUE(logged("Info: Ignoring unknown interface type 769", from));
-}
-
-TEST_F(ForgedTest, ASetLinkMessageIsNoChange) {
-    const unsigned char hardware_address[6] = {2, 0, 0, 0, 0, 9};
-    send(link_message(RTM_SETLINK)
-             .attribute(IFLA_IFNAME, std::string("eth0"))
-             .attribute(IFLA_ADDRESS, hardware_address, sizeof hardware_address));
-    device.forge(RTNLGRP_LINK, kt::forged_link("wlan7", RTM_SETLINK));
-    ASSERT_TRUE(settle());
-    EXPECT_EQ(log().count("Info: Received netlink update (type 19)", from), 2U);
-    EXPECT_EQ(log().count("Info: Skipping update for link 'wlan7'", from), 1U);
-    // The link itself may still be announced by the kernel; the message itself causes no log line.
-    const long at = log().find("Info: Received netlink update (type 19)", from);
-    ASSERT_GE(at, 0);
-    EXPECT_EQ(log().lines(static_cast<std::size_t>(at) + 1).front().text,
-              "Info: Entering select()...");
-}
-
-TEST_F(ForgedTest, AnAddressOfHostScopeIsShownAsSuch) {
-    const in6_addr address = bytes_of("2001:db8::8");
-    send(address_message(RTM_NEWADDR, RT_SCOPE_HOST, 128)
-             .attribute(IFA_ADDRESS, &address, sizeof address));
-    EXPECT_TRUE(
-        logged("Info: ADDING addr [" + index_of("eth0") + "]: 2001:db8::8/128 [scope:host]", from));
-    EXPECT_TRUE(becomes([&] { return store.has_address(1, "2001:db8::8/128", "Automatic"); }));
-}
-
-TEST_F(ForgedTest, AnAddressMessageWithTheLocalAddressAloneIsSkipped) {
-    const in6_addr address = bytes_of("2001:db8::8");
-    send(address_message(RTM_NEWADDR, RT_SCOPE_UNIVERSE, 64)
-             .attribute(IFA_LOCAL, &address, sizeof address));
-    EXPECT_TRUE(logged("Info: Skipping addr msg with no addr", from));
 }
 
 TEST_F(ForgedTest, AnAnnouncementWithAnotherPrefixLengthRefreshesTheNode) {

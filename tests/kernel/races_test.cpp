@@ -186,9 +186,7 @@ class SlowRaceTest : public RaceTest {
 protected:
     SlowRaceTest() : RaceTest(20) {
         rest = std::chrono::milliseconds(100);
-        options.environment = {{"LD_PRELOAD", kt::program("PRELOAD")},
-                               {"KT_SELECT_DELAY", "20"},
-                               {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
+        options = kt::preloaded({{"KT_SELECT_DELAY", "20"}});
     }
 };
 

@@ -195,8 +195,7 @@ TEST_F(StoreToKernelTest, EachInterfaceGetsItsOwn) {
     EXPECT_TRUE(device.has_address("eth0", "2001:db8::1/64"));
     EXPECT_TRUE(device.has_address("eth1", "2001:db8::2/64"));
     EXPECT_FALSE(device.has_address("eth0", "2001:db8::2/64"));
-    EXPECT_TRUE(becomes(
-        [&] { return device.static_gateways("eth1") == std::vector<std::string>{"fe80::1"}; }));
+    EXPECT_TRUE(gateway_becomes("fe80::1", "eth1"));
     EXPECT_TRUE(device.static_gateways("eth0").empty());
     EXPECT_EQ(store.node_of(7, "2001:db8::7/64"), "1") << "ignored";
     EXPECT_FALSE(store.gateway(1));

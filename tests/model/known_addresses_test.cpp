@@ -13,16 +13,6 @@ constexpr const char *not_settable =
 
 class LinkDownTest : public KnownBehaviourTest {
 protected:
-    void go_down_with_address_and_gateway() {
-        store.set_address(1, "s", address);
-        store.set_gateway(1, "fe80::1");
-        start();
-        ASSERT_TRUE(becomes([&] { return both_have(1, address); }));
-        ASSERT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
-        device.set_up("eth0", false);
-        ASSERT_TRUE(settle());
-    }
-
     void take_away(bool moved) {
         if (moved) {
             device.rename("eth0", "eth9"); // peers and their names stay apart
@@ -34,31 +24,6 @@ protected:
         ASSERT_TRUE(settle());
     }
 };
-
-TEST_F(LinkDownTest, SettingALinkDownRemovesItsAddressesAndGatewayFromTheStore) {
-    go_down_with_address_and_gateway();
-    EXPECT_TRUE(becomes([&] { return neither_has(1, address) && !store.gateway(1); }));
-    device.set_up("eth0");
-    ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
-    synchronise();
-    EXPECT_TRUE(neither_has(1, address)) << "it does not come back with the link";
-}
-
-TEST_F(LinkDownTest, AddressesStayWithTheSettingThatKeepsThem) {
-    if (!kt::Sandbox::is_real_root()) {
-        GTEST_SKIP() << not_settable;
-    }
-    switch_on("conf/eth0/keep_addr_on_down");
-    switch_on("route/skip_notify_on_dev_down");
-    go_down_with_address_and_gateway();
-    EXPECT_TRUE(both_have(1, address));
-    EXPECT_EQ(type_of(address), "Static");
-    EXPECT_EQ(store.gateway(1), "fe80::1");
-    device.set_up("eth0");
-    ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
-    synchronise();
-    EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::1"});
-}
 
 TEST_F(LinkDownTest, UnpluggingOrMovingALinkRemovesItsAddressesInSpiteOfThatSetting) {
     for (const bool moved : {false, true}) {

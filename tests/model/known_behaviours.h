@@ -1,5 +1,6 @@
 // The start of the tests of known behaviours: one link and a service. tandrel(8) lists each
-// behaviour and its remedy under CAVEATS; these tests keep that list correct.
+// behaviour and its remedy under CAVEATS; these tests, and for links that go down also
+// ctl/kernel/link_down_test.cpp, keep that list correct.
 #pragma once
 
 #include "harness/world.h"

@@ -82,13 +82,7 @@ TEST_F(KnownGatewayTest, AStaticDefaultRouteOfAnotherMetricIsDoubledAndHalfRemov
 // are waiting.
 class LateReportTest : public KnownBehaviourTest {
 protected:
-    void start_slow() {
-        kt::spawn_options_t options;
-        options.environment = {{"LD_PRELOAD", kt::program("PRELOAD")},
-                               {"KT_SELECT_DELAY", "50"},
-                               {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
-        start(options);
-    }
+    void start_slow() { start(kt::preloaded({{"KT_SELECT_DELAY", "50"}})); }
 
     // The edit's synchronisation comes before the backlog; returns once it has read the store.
     void edit_during_a_backlog(const std::function<void()> &edit) {
@@ -220,8 +214,7 @@ TEST_F(KnownGatewayTest, OnALinkWithoutANodeTheNewestStaticOneCountsToo) {
     kt::kernel_route_t second{"::/0", "fe80::2", "eth1"};
     second.metric = 2000;
     device.add_route(second);
-    EXPECT_TRUE(becomes(
-        [&] { return device.static_gateways("eth1") == std::vector<std::string>{"fe80::2"}; }));
+    EXPECT_TRUE(gateway_becomes("fe80::2", "eth1"));
 }
 
 // Interface nodes.
@@ -268,11 +261,7 @@ TEST_F(KnownGatewayTest, OneRemovedWhileItIsReadTakesItsStaticAddressesOutOfTheK
 
 TEST_F(KnownGatewayTest, AnInterfaceNodeThatIsNoNumberStopsEveryRead) {
     rebuilds_allowed = true;
-    kt::spawn_options_t options;
-    options.environment = {{"LD_PRELOAD", kt::program("PRELOAD")},
-                           {"KT_PAUSE_MS", "100"},
-                           {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
-    start(options);
+    start(kt::preloaded({{"KT_PAUSE_MS", "100"}}));
     store.write(kt::paths::interfaces + "/eth/Label", "no number");
     const std::size_t from = log().size();
     store.set_address(1, "s", address);

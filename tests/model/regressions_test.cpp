@@ -1,5 +1,8 @@
 // Shortened sequences that once failed, with the cause.
 
+#include <ostream>
+#include <string>
+
 #include <gtest/gtest.h>
 
 #include "prediction.h"
@@ -7,138 +10,123 @@
 
 namespace {
 
-void expect_as_foreseen(const char *text) {
-    const model::Verdict verdict = model::run(model::parse(text));
+struct sequence_t {
+    const char *name;
+    const char *text;
+};
+
+void PrintTo(const sequence_t &sequence, std::ostream *out) {
+    *out << sequence.name;
+}
+
+const sequence_t sequences[] = {
+    // The carrier comes later than the link, and with it a link-local address that was removed.
+    {"ALinkLocalAddressThatIsRemovedBeforeTheCarrierComes",
+     "seed 918\nburst settled\n link-down 0\n store-set 0 2 8 64 3 0\n link-up 0\n"
+     " store-set 0 2 2 64 3 0\n"},
+    // The kernel lists the youngest global address first, so that a restart names it first.
+    {"AddressesThatAppearWhileTheStoreIsAway",
+     "seed 4\nburst fast\n store-stop\n kernel-add 0 6 128 0\n"
+     " kernel-add 0 0 64 0\n store-start\nburst settled\n"
+     " store-set 0 0 0 64 3 0\n"},
+    // Siblings are dumped as one route, of one protocol.
+    {"AStoredGatewayBesideARouteOfAnotherProtocol",
+     "seed 173\nburst fast\n route-add 0 1 9 0\nburst fast\n gateway-set 0 2 0\n"
+     " store-set 0 0 6 128 3 0\n"},
+    // The kernel announces an address of its own making later than one that was asked for.
+    {"AnAdvertisedAddressThatIsAnnouncedAfterALaterOne",
+     "seed 183\nburst frozen\n store-set 0 3 3 64 3 0\n advertise 0 0 0\n"
+     " kernel-add 0 1 64 1\n"},
+    // A change between the daemon's fetch of the events and its reading is already included.
+    {"EditsThatComeBetweenTheFetchAndTheReading",
+     "seed 664\nburst settled\n advertise 0 1 0\nburst fast\n route-add 0 0 4 0\n"
+     " store-address 0 1 1 64 0\n store-rename 0 1 2\n store-remove 0 0\n"
+     " store-type 0 1 0\n store-set 0 5 5 64 1 0\n"},
+    // The store wakes the daemon later if the daemon has just made a request.
+    {"ANewAddressThatIsServedBeforeAnEditThatWasMadeEarlier",
+     "seed 27\nburst fast\n store-type 0 1 2\n store-address 0 0 0 64 0\n"
+     " kernel-lifetime 1 1 48\n kernel-add 0 3 64 0\n"},
+    // If the daemon is killed between a user's removal and its own deletion, it finds the address
+    // still there.
+    {"ADaemonKilledBeforeItSeesARemoval",
+     "seed 95\nburst settled\n store-set 0 1 1 128 3 0\nburst fast\n"
+     " store-set 0 1 7 64 3 0\n daemon-stop 1\n daemon-start\n"},
+    // An interface whose node was removed and created again keeps its entry in the daemon's table.
+    {"AnInterfaceNodeThatIsRemovedAndComesBack",
+     "seed 100607\nburst slow\n store-type 0 0 3\n interface-drop 0\n"
+     "burst frozen\n gateway-set 0 1 0\n"},
+    // An edit right after a rebuild meets its first synchronisation.
+    {"EditsRightAfterAnOverflow", "seed 101199\nburst fast\n kernel-add 1 4 128 0\n overflow\n"
+                                  " store-set 0 0 0 48 1 1\n kernel-add 0 5 48 0\n"},
+    // Routes are removed by metric, the lowest first.
+    {"AReplacedGatewayOfAnotherMetric",
+     "seed 78\ndelay 18\nburst fast\n route-add 0 1 4 100\n"
+     " store-set 1 2 8 48 3 1\n route-add 0 2 4 0\n store-set 1 1 1 64 3 2\n"},
+    // Two sequences that a deliberately broken daemon failed, and that random sequences seldom
+    // contain.
+    {"AnAddressOnALinkWhoseInterfaceNodeIsGone",
+     "seed 1\nburst settled\n interface-drop 0\n kernel-add 0 0 64 0\n"},
+    {"AGatewayWhoseRouteWasSomebodyElses",
+     "seed 1\nburst settled\n route-add 0 0 9 0\n gateway-set 0 0 0\n"
+     " gateway-remove 0\n gateway-remove 0\n"},
+    // The notice that follows a rebuild's registration delays the store's next wake-up.
+    {"AnEditAfterARebuildIsHandledAfterTheKernelsReports",
+     "seed 5000594\nburst settled\n kernel-add 0 4 64 0\nburst settled\n"
+     " store-set 0 4 4 48 3 0\nburst fast\n kernel-add 0 7 64 0\n"
+     " gateway-set 2 2 0\n kernel-add 0 7 64 0\n overflow\n"
+     " store-malformed 0 2 0\n kernel-add 0 2 64 0\n link-down 0\n"},
+    // The daemon's record of a gateway outlives its interface's node, and replaces the route of
+    // another protocol once the node exists again.
+    {"AGatewayOfAnotherProtocolBecomesStaticAfterItsInterfaceComesBack",
+     "seed 5001457\nburst settled\n store-set 0 1 1 48 3 0\n route-add 0 2 3 0\n"
+     "burst settled\n gateway-set 0 2 0\n interface-drop 0\nburst settled\n"
+     " store-set 0 0 0 64 2 0\nburst settled\n"},
+    // An address written back while its interface's node was being removed created the node again.
+    {"AnInterfaceNodeThatIsRemovedWhileItsAddressIsWrittenBack",
+     "seed 5002136\nburst fast\n store-remove 0 0\n interface-drop 0\n"
+     " store-set 2 2 2 64 3 0\n kernel-add 1 3 64 0\nburst fast\n link-down 0\n"},
+    // After a restart the state of a link-local address that was declared Static is known again,
+    // but not what was done before.
+    {"ARestartAfterALinkLocalAddressWasDeclaredStatic",
+     "seed 6002097\nburst fast\n store-set 0 2 8 48 3 0\n link-down 0\n"
+     "burst settled\n store-set 0 2 2 128 3 0\n link-delete 0\n overflow\n"},
+    // Routes of one metric hide each other's end: whether the gateway is still stored is unknown
+    // then, and whether its removal makes the daemon synchronise, which brings back a second node's
+    // address.
+    {"AGatewayIsRemovedAfterRoutesHidEachOther",
+     "seed 7001586\nburst fast\n store-set 0 4 4 64 3 0\n gateway-set 1 2 0\n"
+     " gateway-set 0 0 0\n kernel-lifetime 0 4 128\nburst settled\n"
+     " link-down 0\n gateway-remove 0\n"},
+    // A synchronisation that has listed an interface's node and then finds nothing below it removes
+    // the Static addresses from the kernel; one that does not find the node keeps them.
+    {"AnInterfaceNodeRemovedWhileItIsRead",
+     "seed 8000463\nburst slow\n store-set 0 0 0 64 3 0\n"
+     " store-set 0 3 3 48 3 0\nburst fast\n kernel-lifetime 0 0 128\n"
+     " store-set 0 5 5 128 3 0\n interface-drop 0\n"},
+    // The kernel's notifications are handled while the store still delays its wake-up: the new
+    // address was given the node that the user then wrote to.
+    {"AnEditOfTheNodeThatANewAddressWasJustGiven",
+     "seed 10002268\nburst settled\n store-set 1 1 1 48 3 0\n"
+     " kernel-add 0 1 128 0\nburst fast\n store-set 0 0 0 64 2 0\n"
+     " store-rename 1 0 2\n gateway-set 0 1 0\n kernel-add 0 3 64 0\n"
+     " kernel-add 0 3 128 0\n store-address 0 2 8 64 0\n"},
+    // While an interface has no node, it is not visible which addresses of its link the daemon
+    // regards as Static, and removes from the kernel when the node is created again.
+    {"AnAddressIsAddedAgainAfterItsInterfaceComesBack",
+     "seed 10002960\nburst settled\n store-set 0 5 5 64 3 0\nburst settled\n"
+     " interface-drop 0\nburst settled\n store-set 0 3 3 64 3 0\n"
+     " kernel-add 0 5 64 1\n"},
+};
+
+class Regressions : public ::testing::TestWithParam<sequence_t> {};
+
+TEST_P(Regressions, AreAsForeseen) {
+    const model::Verdict verdict = model::run(model::parse(GetParam().text));
     EXPECT_EQ(verdict.failure, "") << verdict.log;
 }
 
-// The carrier comes later than the link, and with it a link-local address that was removed.
-TEST(RegressionTest, ALinkLocalAddressThatIsRemovedBeforeTheCarrierComes) {
-    expect_as_foreseen(
-        "seed 918\nburst settled\n link-down 0\n store-set 0 2 8 64 3 0\n link-up 0\n"
-        " store-set 0 2 2 64 3 0\n");
-}
-
-// The kernel lists the youngest global address first, so that a restart names it first.
-TEST(RegressionTest, AddressesThatAppearWhileTheStoreIsAway) {
-    expect_as_foreseen("seed 4\nburst fast\n store-stop\n kernel-add 0 6 128 0\n"
-                       " kernel-add 0 0 64 0\n store-start\nburst settled\n"
-                       " store-set 0 0 0 64 3 0\n");
-}
-
-// Siblings are dumped as one route, of one protocol.
-TEST(RegressionTest, AStoredGatewayBesideARouteOfAnotherProtocol) {
-    expect_as_foreseen("seed 173\nburst fast\n route-add 0 1 9 0\nburst fast\n gateway-set 0 2 0\n"
-                       " store-set 0 0 6 128 3 0\n");
-}
-
-// The kernel announces an address of its own making later than one that was asked for.
-TEST(RegressionTest, AnAdvertisedAddressThatIsAnnouncedAfterALaterOne) {
-    expect_as_foreseen("seed 183\nburst frozen\n store-set 0 3 3 64 3 0\n advertise 0 0 0\n"
-                       " kernel-add 0 1 64 1\n");
-}
-
-// A change between the daemon's fetch of the events and its reading is already included.
-TEST(RegressionTest, EditsThatComeBetweenTheFetchAndTheReading) {
-    expect_as_foreseen("seed 664\nburst settled\n advertise 0 1 0\nburst fast\n route-add 0 0 4 0\n"
-                       " store-address 0 1 1 64 0\n store-rename 0 1 2\n store-remove 0 0\n"
-                       " store-type 0 1 0\n store-set 0 5 5 64 1 0\n");
-}
-
-// The store wakes the daemon later if the daemon has just made a request.
-TEST(RegressionTest, ANewAddressThatIsServedBeforeAnEditThatWasMadeEarlier) {
-    expect_as_foreseen("seed 27\nburst fast\n store-type 0 1 2\n store-address 0 0 0 64 0\n"
-                       " kernel-lifetime 1 1 48\n kernel-add 0 3 64 0\n");
-}
-
-// If the daemon is killed between a user's removal and its own deletion, it finds the address still
-// there.
-TEST(RegressionTest, ADaemonKilledBeforeItSeesARemoval) {
-    expect_as_foreseen("seed 95\nburst settled\n store-set 0 1 1 128 3 0\nburst fast\n"
-                       " store-set 0 1 7 64 3 0\n daemon-stop 1\n daemon-start\n");
-}
-
-// An interface whose node was removed and created again keeps its entry in the daemon's table.
-TEST(RegressionTest, AnInterfaceNodeThatIsRemovedAndComesBack) {
-    expect_as_foreseen("seed 100607\nburst slow\n store-type 0 0 3\n interface-drop 0\n"
-                       "burst frozen\n gateway-set 0 1 0\n");
-}
-
-// An edit right after a rebuild meets its first synchronisation.
-TEST(RegressionTest, EditsRightAfterAnOverflow) {
-    expect_as_foreseen("seed 101199\nburst fast\n kernel-add 1 4 128 0\n overflow\n"
-                       " store-set 0 0 0 48 1 1\n kernel-add 0 5 48 0\n");
-}
-
-// Routes are removed by metric, the lowest first.
-TEST(RegressionTest, AReplacedGatewayOfAnotherMetric) {
-    expect_as_foreseen("seed 78\ndelay 18\nburst fast\n route-add 0 1 4 100\n"
-                       " store-set 1 2 8 48 3 1\n route-add 0 2 4 0\n store-set 1 1 1 64 3 2\n");
-}
-
-// Two sequences that a deliberately broken daemon failed, and that random sequences seldom contain.
-TEST(RegressionTest, AnAddressOnALinkWhoseInterfaceNodeIsGone) {
-    expect_as_foreseen("seed 1\nburst settled\n interface-drop 0\n kernel-add 0 0 64 0\n");
-}
-
-TEST(RegressionTest, AGatewayWhoseRouteWasSomebodyElses) {
-    expect_as_foreseen("seed 1\nburst settled\n route-add 0 0 9 0\n gateway-set 0 0 0\n"
-                       " gateway-remove 0\n gateway-remove 0\n");
-}
-
-// The notice that follows a rebuild's registration delays the store's next wake-up.
-TEST(RegressionTest, AnEditAfterARebuildIsHandledAfterTheKernelsReports) {
-    expect_as_foreseen("seed 5000594\nburst settled\n kernel-add 0 4 64 0\nburst settled\n"
-                       " store-set 0 4 4 48 3 0\nburst fast\n kernel-add 0 7 64 0\n"
-                       " gateway-set 2 2 0\n kernel-add 0 7 64 0\n overflow\n"
-                       " store-malformed 0 2 0\n kernel-add 0 2 64 0\n link-down 0\n");
-}
-
-// The daemon's record of a gateway outlives its interface's node, and replaces the route of another
-// protocol once the node exists again.
-TEST(RegressionTest, AGatewayOfAnotherProtocolBecomesStaticAfterItsInterfaceComesBack) {
-    expect_as_foreseen("seed 5001457\nburst settled\n store-set 0 1 1 48 3 0\n route-add 0 2 3 0\n"
-                       "burst settled\n gateway-set 0 2 0\n interface-drop 0\nburst settled\n"
-                       " store-set 0 0 0 64 2 0\nburst settled\n");
-}
-
-// An address written back while its interface's node was being removed created the node again.
-TEST(RegressionTest, AnInterfaceNodeThatIsRemovedWhileItsAddressIsWrittenBack) {
-    expect_as_foreseen("seed 5002136\nburst fast\n store-remove 0 0\n interface-drop 0\n"
-                       " store-set 2 2 2 64 3 0\n kernel-add 1 3 64 0\nburst fast\n link-down 0\n");
-}
-
-// After a restart the state of a link-local address that was declared Static is known again, but
-// not what was done before.
-TEST(RegressionTest, ARestartAfterALinkLocalAddressWasDeclaredStatic) {
-    expect_as_foreseen("seed 6002097\nburst fast\n store-set 0 2 8 48 3 0\n link-down 0\n"
-                       "burst settled\n store-set 0 2 2 128 3 0\n link-delete 0\n overflow\n");
-}
-
-// Routes of one metric hide each other's end: whether the gateway is still stored is unknown then,
-// and whether its removal makes the daemon synchronise, which brings back a second node's address.
-TEST(RegressionTest, AGatewayIsRemovedAfterRoutesHidEachOther) {
-    expect_as_foreseen("seed 7001586\nburst fast\n store-set 0 4 4 64 3 0\n gateway-set 1 2 0\n"
-                       " gateway-set 0 0 0\n kernel-lifetime 0 4 128\nburst settled\n"
-                       " link-down 0\n gateway-remove 0\n");
-}
-
-// A synchronisation that has listed an interface's node and then finds nothing below it removes the
-// Static addresses from the kernel; one that does not find the node keeps them.
-TEST(RegressionTest, AnInterfaceNodeRemovedWhileItIsRead) {
-    expect_as_foreseen("seed 8000463\nburst slow\n store-set 0 0 0 64 3 0\n"
-                       " store-set 0 3 3 48 3 0\nburst fast\n kernel-lifetime 0 0 128\n"
-                       " store-set 0 5 5 128 3 0\n interface-drop 0\n");
-}
-
-// The kernel's notifications are handled while the store still delays its wake-up: the new address
-// was given the node that the user then wrote to.
-TEST(RegressionTest, AnEditOfTheNodeThatANewAddressWasJustGiven) {
-    expect_as_foreseen("seed 10002268\nburst settled\n store-set 1 1 1 48 3 0\n"
-                       " kernel-add 0 1 128 0\nburst fast\n store-set 0 0 0 64 2 0\n"
-                       " store-rename 1 0 2\n gateway-set 0 1 0\n kernel-add 0 3 64 0\n"
-                       " kernel-add 0 3 128 0\n store-address 0 2 8 64 0\n");
-}
+INSTANTIATE_TEST_SUITE_P(Once, Regressions, ::testing::ValuesIn(sequences),
+                         [](const auto &test) { return std::string(test.param.name); });
 
 // Predicted for any choice of random orders.
 TEST(RegressionTest, ANewAddressMayBeServedBeforeAllEditsOfABurst) {
@@ -162,14 +150,6 @@ TEST(RegressionTest, ANewAddressMayBeServedBeforeAllEditsOfABurst) {
                            seed);
         EXPECT_EQ(prediction.doubtful.count("store 1 " + own), 1U) << seed;
     }
-}
-
-// While an interface has no node, it is not visible which addresses of its link the daemon regards
-// as Static, and removes from the kernel when the node is created again.
-TEST(RegressionTest, AnAddressIsAddedAgainAfterItsInterfaceComesBack) {
-    expect_as_foreseen("seed 10002960\nburst settled\n store-set 0 5 5 64 3 0\nburst settled\n"
-                       " interface-drop 0\nburst settled\n store-set 0 3 3 64 3 0\n"
-                       " kernel-add 0 5 64 1\n");
 }
 
 // One of two routes of one metric appeared in an unpredicted way, and is listed with the other's

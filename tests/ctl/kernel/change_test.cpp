@@ -152,24 +152,6 @@ TEST_F(Change, ANewInterfaceNodeIsSynchronisedAtOnce) {
     EXPECT_TRUE(store.list(kt::paths::interfaces).empty() || !in_step());
 }
 
-TEST_F(Change, ANodeThatStopsTheDaemonIsFoundAndRemoved) {
-    rebuilds_allowed = true;
-    store.write(kt::paths::interfaces + "/wan port/IPv6/Label", "x");
-    store.set_address(1, "x", "2001:db8::5/64");
-    start_daemon();
-    const result_t checked = run({"check"});
-    EXPECT_EQ(checked.status, 1);
-    EXPECT_TRUE(contains(checked.output, "store: the name of the interface node 'wan port' is not "
-                                         "a number"))
-        << checked.output;
-    EXPECT_TRUE(
-        contains(checked.output, "    -> tandrelctl interface del --node 'wan port' --force\n"));
-    EXPECT_EQ(run({"interface", "del", "--node", "wan port"}).status, 1) << "it contains settings";
-    done({"interface", "del", "--node", "wan port", "--force"});
-    EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::5/64"); }));
-    EXPECT_TRUE(becomes([&] { return in_step(); })) << run({"check"}).output;
-}
-
 TEST_F(Change, TheKernelsConfigurationIsImported) {
     device.add_address("eth0", "2001:db8::5/64");
     kt::address_options_t passing;

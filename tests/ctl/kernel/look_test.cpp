@@ -139,17 +139,6 @@ TEST_F(Look, TwoLinksMayHaveGateways) {
     EXPECT_TRUE(contains(run({"show", "eth1"}).output, "= via fe80::2"));
 }
 
-TEST_F(Look, OtherLinkNamesNeedAnotherPrefix) {
-    device.delete_link("eth0");
-    add_eth(3, "enp");
-    start_daemon_and_wait();
-    const result_t checked = run({"check"});
-    EXPECT_EQ(checked.status, 1);
-    EXPECT_TRUE(
-        contains(checked.output, "no link of the kernel has a name that begins with 'eth'"));
-    EXPECT_TRUE(contains(checked.output, "(there are: enp3)")) << checked.output;
-}
-
 TEST_F(Look, AMissingInterfacesNodeIsNamedAndTheRemedyMakesIt) {
     const auto is_missing = [this] {
         return contains(run({"check", "--json"}).output, "\"interfaces-absent\"");
@@ -216,12 +205,6 @@ TEST_F(Look, AnUnusedLinkIsCheckedOnlyWhenNamed) {
     const result_t without_link = run({"check", "eth5"});
     EXPECT_EQ(without_link.status, 1);
     EXPECT_TRUE(contains(without_link.output, "eth5: the kernel has no link eth5"));
-}
-
-TEST_F(Look, ALinkWhoseMtuForbidsIpv6IsSeen) {
-    store.make_interface(1);
-    device.set_mtu("eth0", 1000);
-    EXPECT_TRUE(contains(run({"check"}).output, "the link's MTU is 1000, and the kernel has no"));
 }
 
 TEST_F(Look, AnAddressThatAnotherHostHasIsSeen) {

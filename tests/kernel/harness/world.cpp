@@ -155,6 +155,11 @@ bool KernelTest::neither_has(int interface, const std::string &address) {
            store.node_of(interface, address).empty();
 }
 
+testing::AssertionResult KernelTest::gateway_becomes(const std::string &gateway,
+                                                     const std::string &link) {
+    return becomes([&] { return device.static_gateways(link) == std::vector{gateway}; });
+}
+
 void KernelTest::expect_working() {
     EXPECT_TRUE(settle());
     store.set_address(1, "works", "2001:db8::77/64");

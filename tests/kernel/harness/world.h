@@ -56,6 +56,9 @@ protected:
     // Store and kernel, for eth<interface - 1>: a condition to poll.
     bool both_have(int interface, const std::string &address);
     bool neither_has(int interface, const std::string &address);
+    // Waits until this is the link's only static default gateway.
+    testing::AssertionResult gateway_becomes(const std::string &gateway,
+                                             const std::string &link = "eth0");
     // Both directions still work: an address in the store and another in the kernel, both of
     // interface 1, arrive on the other side.
     void expect_working();
