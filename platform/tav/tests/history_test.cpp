@@ -6,10 +6,12 @@
 
 #include <ctime>
 #include <filesystem>
+#include <random>
 
 #include "client/admin.h"
 #include "service/store.h"
 #include "support/store_fixture.h"
+#include "tool/undo.h"
 
 using namespace tav;
 
@@ -239,6 +241,69 @@ TEST_F(HistoryTest, DamageIsNoticed) {
         sql_number(damage);
         EXPECT_THROW(open(1000, Durability::full), DamagedDatabase) << damage;
     }
+}
+
+namespace {
+
+// Anything that a transaction may do, on few paths, so that nodes and leaves replace each other.
+std::vector<Item> random_items(std::mt19937 &random) {
+    const auto path = [&random] {
+        std::string all;
+        for (auto names = random() % 3 + 1; names > 0; --names) {
+            all += "/" + std::to_string(random() % 3);
+        }
+        return all;
+    };
+    const ItemKind kinds[] = {ItemKind::set,   ItemKind::set,    ItemKind::set,
+                              ItemKind::clear, ItemKind::remove, ItemKind::make_node};
+    std::vector<Item> items;
+    for (auto i = random() % 4 + 1; i > 0; --i) {
+        const ItemKind kind = kinds[random() % 6];
+        const auto time = static_cast<std::int64_t>(random() % 5);
+        items.push_back({kind, path(), {element_type_string, std::to_string(random() % 5), time}});
+    }
+    return items;
+}
+
+} // namespace
+
+TEST_F(HistoryTest, UndoingEachOfManyTransactionsGivesWhatWasBefore) {
+    store = std::make_unique<Store>();
+    store->keep_history(HistoryBounds{3});
+    std::mt19937 random(1);
+    int undone = 0;
+    while (undone < 10000 && !HasFailure()) {
+        const std::string before = picture();
+        const std::uint64_t last = store->history().last();
+        write(random_items(random));
+        if (store->history().last() == last) {
+            continue; // it was refused, or changed nothing
+        }
+        ++undone;
+        const std::string after = picture();
+        for (const std::string &expected : {before, after}) { // and undo that
+            for (const api_status_t status : write(tool::steps_to_undo(entries().back()))) {
+                ASSERT_EQ(status, api_status_ok) << before << after;
+            }
+            ASSERT_EQ(picture(), expected);
+        }
+    }
+}
+
+TEST_F(HistoryTest, UndoingIsRefusedOnceAnElementHasChanged) {
+    store = std::make_unique<Store>();
+    store->keep_history(HistoryBounds{10});
+    write({set_item("/a/b", "1"), set_item("/c", "1")});
+    const std::vector<Item> undo = tool::steps_to_undo(entries().back());
+    write({set_item("/a/more", "1")});
+    EXPECT_EQ(write(undo).back(), api_status_not_empty);
+    write({item(ItemKind::remove, "/a/more"), set_item("/c", "2")});
+    EXPECT_EQ(write(undo).at(2), api_status_changed);
+    write({Item{ItemKind::set, "/c", Value{element_type_string, "1", 78}}});
+    EXPECT_EQ(write(undo).at(2), api_status_changed) << "of another time";
+    write({set_item("/c", "1")});
+    EXPECT_EQ(write(undo).front(), api_status_ok);
+    EXPECT_EQ(picture(), "/=2:@-1\n");
 }
 
 namespace {

@@ -53,6 +53,7 @@ TEST_F(ToolTerminalTest, EveryCommandEscapesControlCharacters) {
     api_status_t status = api_status_none;
     ASSERT_EQ(watched.tav.watchdog_register(status, value, 60, true), 0);
     good({"set", "/v", value + "x"});
+    watched.set("/v", value + "y");
     const std::vector<std::vector<std::string>> commands{{"get", "/v"},
                                                          {"get", "--raw", "/v"},
                                                          {"get", "-r", "/"},
@@ -82,6 +83,12 @@ TEST_F(ToolTerminalTest, EveryCommandEscapesControlCharacters) {
                                                          {"set", "-t", "integer", "/i", value},
                                                          {"set", "/leaf/" + rest, value},
                                                          {"set", "/" + value + value, "1"},
+                                                         {"set", "--if", value, "/v", "1"},
+                                                         {"history"},
+                                                         {"history", "--json"},
+                                                         {"history", "/none\n" + rest + "/"},
+                                                         {"undo", "1"},
+                                                         {"undo", value},
                                                          {"mknode", "/v/" + rest},
                                                          {"touch", "/none/" + rest},
                                                          {"rm", "/n"},

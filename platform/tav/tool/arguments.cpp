@@ -202,6 +202,10 @@ private:
         setter->add_option("-t,--type", type_text, "string (default), boolean, integer or real")
             ->check(CLI::IsMember({"string", "boolean", "integer", "real"}).description(""))
             ->type_name("TYPE");
+        setter
+            ->add_option("--if", condition,
+                         "Only if the leaf has the value OLD, of the same type; for one path")
+            ->type_name("OLD");
         add_escaped(setter);
         setter->prefix_command();
         setter->formatter(std::make_shared<SetFormatter>());
@@ -243,7 +247,18 @@ private:
                     "Exit status: 0 no differences, 1 differences, 2 an error.");
     }
 
+    void add_history() {
+        CLI::App *sub = add("history", "Print who changed what, oldest first", history);
+        sub->add_option("--since", number, "Only entries with a number above N")->type_name("N");
+        add_json(sub);
+        add_path(sub);
+        sub = add("undo", "Undo the last change by an operator, or entry N of the history", undo);
+        sub->add_option("N", number, "The number of the entry")->type_name("");
+        sub->footer("Refused if an element of the entry has changed since.");
+    }
+
     void add_rest() {
+        add_history();
         CLI::App *sub = add("watch", "Print the changes of leaves at or below a path", watch);
         sub->add_option("--count", count, "Exit after N changes")->type_name("N");
         sub->add_option("--timeout", timeout,
@@ -301,6 +316,16 @@ private:
                                            "' is not a number of changes, which is 1 or more");
             }
         }
+        if (number) {
+            std::uint64_t value = 0;
+            const char *end = number->data() + number->size();
+            const auto [stop, error] = std::from_chars(number->data(), end, value);
+            if (error != std::errc() || stop != end) {
+                throw CLI::ValidationError("'" + *number +
+                                           "' is not the number of an entry of the history");
+            }
+            options.number = value;
+        }
         if (timeout) {
             char *end = nullptr;
             options.timeout = std::strtod(timeout->c_str(), &end);
@@ -323,6 +348,12 @@ private:
         if (options.words.empty() || options.words.size() % 2 != 0) {
             throw CLI::ValidationError("set needs pairs of a path and a value");
         }
+        if (condition) {
+            if (options.words.size() != 2) {
+                throw CLI::ValidationError("--if is for one path and its value");
+            }
+            options.condition = word(*condition);
+        }
         for (std::size_t i = 0; i < options.words.size(); i += 2) {
             options.words[i] = trimmed_path(word(options.words[i]));
             options.words[i + 1] = word(options.words[i + 1]);
@@ -343,6 +374,8 @@ private:
     bool merge = false;
     bool escaped_words = false;
     std::optional<std::string> count;
+    std::optional<std::string> number;
+    std::optional<std::string> condition;
     std::optional<std::string> timeout;
 };
 

@@ -127,6 +127,28 @@ void complain_reading(Client &client, const std::string &path, api_status_t stat
     complain_about("", path, status, advice);
 }
 
+namespace {
+
+// What there is where a condition wanted something else.
+std::string advice_for_changed(Client &client, const std::string &path) {
+    api_status_t status = api_status_none;
+    toolkit::CElement value;
+    element_property_t property = element_property_none;
+    client.tav.get_leaf(path, status, value, property);
+    switch (status) {
+    case api_status_ok:
+        return "it is now " + element_line(path, value.type(), value.to_string());
+    case api_status_absent:
+        return "there is no such element";
+    case api_status_wrong_kind:
+        return "it is a node";
+    default:
+        return "";
+    }
+}
+
+} // namespace
+
 void complain_writing(Client &client, const Item &item, api_status_t status,
                       const std::string &place) {
     std::string advice = common_advice(status);
@@ -138,6 +160,8 @@ void complain_writing(Client &client, const Item &item, api_status_t status,
         advice = advice_for_value(item.value);
     } else if (status == api_status_refused) {
         advice = "the root cannot be removed; to list what is below it: tav ls /";
+    } else if (status == api_status_changed) {
+        advice = advice_for_changed(client, item.path);
     } else if (status == api_status_not_empty) {
         advice = "to remove it with everything below it: " + command_on("rm -r", item.path);
     }

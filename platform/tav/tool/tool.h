@@ -33,8 +33,10 @@ struct Options {
     bool raw = false;
     bool replace = false;
     bool parts = false;
-    std::uint64_t count = 0;       // 0: unlimited
-    std::optional<double> timeout; // seconds
+    std::uint64_t count = 0;              // 0: unlimited
+    std::optional<std::uint64_t> number;  // of an entry of the history
+    std::optional<std::string> condition; // set: the value that the leaf must have
+    std::optional<double> timeout;        // seconds
 };
 
 // A connection for as long as the object lives.
@@ -64,6 +66,8 @@ int watch(Client &client, const Options &options);
 int dump(Client &client, const Options &options);
 int load(Client &client, const Options &options);
 int diff(Client &client, const Options &options);
+int history(Client &client, const Options &options);
+int undo(Client &client, const Options &options);
 int status(Client &client, const Options &options);
 
 } // namespace tav::tool

@@ -12,11 +12,21 @@
 
 namespace tav::tool {
 
+int transact(Client &client, const std::vector<Item> &items, std::vector<api_status_t> &statuses) {
+    api_status_t stated = api_status_none;
+    return tav::state_program(client.handle(), "tav", stated) == 0
+               ? tav::transact(client.handle(), items, statuses)
+               : -1;
+}
+
 int perform(Client &client, const std::vector<Item> &items, const Place &place) {
     std::vector<api_status_t> statuses;
-    if (tav::transact(client.handle(), items, statuses) != 0) {
-        return exit_unreachable;
-    }
+    return transact(client, items, statuses) == 0 ? report(client, items, statuses, place)
+                                                  : exit_unreachable;
+}
+
+int report(Client &client, const std::vector<Item> &items,
+           const std::vector<api_status_t> &statuses, const Place &place) {
     const auto is = [](api_status_t wanted) {
         return [wanted](api_status_t status) { return status == wanted; };
     };
@@ -59,6 +69,10 @@ int perform_on_paths(Client &client, const Options &options, ItemKind kind) {
 
 int set(Client &client, const Options &options) {
     std::vector<Item> items;
+    if (options.condition) {
+        items.push_back(Item{ItemKind::require, options.words.front(),
+                             Value{options.type, *options.condition, no_time}});
+    }
     for (std::size_t i = 0; i + 1 < options.words.size(); i += 2) {
         items.push_back(Item{ItemKind::set, options.words[i],
                              Value{options.type, options.words[i + 1], no_time}});
