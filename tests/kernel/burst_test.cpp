@@ -11,6 +11,12 @@ class BurstTest : public kt::KeptStoreTest {
 protected:
     static constexpr int count = 1000;
 
+    void SetUp() override {
+        add_eth(0);
+        service.start();
+        store.make_interface(1);
+    }
+
     static std::string address(int i) {
         char text[64];
         std::snprintf(static_cast<char *>(text), sizeof text, "2001:db8:0:1::%x/64", i);
@@ -59,9 +65,6 @@ protected:
 };
 
 TEST_F(BurstTest, AThousandStaticAddressesInOneTransactionReachTheKernelWithoutAnException) {
-    add_eth(0);
-    service.start();
-    store.make_interface(1);
     start_daemon_and_wait({"-d", "-D", "3"});
     const double seconds = add_all();
     expect_all();
@@ -77,9 +80,6 @@ TEST_F(BurstTest, AThousandStaticAddressesInOneTransactionReachTheKernelWithoutA
 }
 
 TEST_F(BurstTest, WithASmallReceiveBufferAtMostOneRebuildIsNeeded) {
-    add_eth(0);
-    service.start();
-    store.make_interface(1);
     const auto options = kt::preloaded({{"KT_RCVBUF_CAP", "212992"}});
     start_daemon_and_wait({"-d", "-D", "3"}, options);
     rebuilds_allowed = true;
@@ -92,9 +92,6 @@ TEST_F(BurstTest, WithASmallReceiveBufferAtMostOneRebuildIsNeeded) {
 }
 
 TEST_F(BurstTest, AThousandStaticAddressesRemovedAtOnceLeaveTheKernel) {
-    add_eth(0);
-    service.start();
-    store.make_interface(1);
     start_daemon_and_wait({"-d", "-D", "3"});
     add_all();
     rebuilds_allowed = !kt::Sandbox::is_real_root();

@@ -76,23 +76,6 @@ TEST_F(CommandLineTest, WithoutVerbosityOnlyStartAndEndAreLogged) {
               (strings{"Info: Starting tandrel daemon", "Info: Exiting tandrel daemon"}));
 }
 
-TEST_F(CommandLineTest, EachVerbosityOptionAddsOneUnlessItBringsANumber) {
-    // Each form sets level 2, which shows the exception that a signal in select causes.
-    service.start();
-    for (const auto &options :
-         {strings{"-D", "-D"}, strings{"-D", "2"}, strings{"-D", "1", "-D"}, strings{"-D", "2x"}}) {
-        strings all{"-d"};
-        all.insert(all.end(), options.begin(), options.end());
-        start_daemon(all);
-        ASSERT_TRUE(logged("Info: Starting tandrel daemon"));
-        ASSERT_TRUE(logged("Info: Ignoring unknown interface type 772"))
-            << testing::PrintToString(options);
-        EXPECT_EQ(stop_daemon(), 0);
-        EXPECT_EQ(log().find("Info: void CSync::discover(): requesting addrs"), -1)
-            << "that is level 3";
-    }
-}
-
 TEST_F(CommandLineTest, APriorityIsAppliedToTheProcess) {
     start_at_zero({"-n", "7"});
     EXPECT_EQ(getpriority(PRIO_PROCESS, static_cast<id_t>(daemon->pid())), 7);

@@ -58,16 +58,6 @@ TEST_F(DiscoveryTest, AnotherPrefixSelectsOtherLinks) {
     EXPECT_FALSE(device.has_address("eth0", "2001:db8::5/64"));
 }
 
-TEST_F(DiscoveryTest, WithoutAnyInterfaceInTheStoreNothingIsWritten) {
-    add_eth(0);
-    service.start();
-    device.add_address("eth0", "2001:db8::7/64");
-    const std::string before = store.dump();
-    start_daemon_and_wait();
-    EXPECT_TRUE(logged("Info: Discovering all IPv6 TAV settings..."));
-    EXPECT_EQ(store.dump(), before);
-}
-
 // The answer to the address request then takes several datagrams, and its end comes with the last.
 TEST_F(DiscoveryTest, ADumpOfManyDatagramsIsReadToItsEnd) {
     add_eth(0);

@@ -21,30 +21,6 @@ protected:
     }
 };
 
-TEST_F(StoreReadingTest, EachStepOfReadingIsLogged) {
-    store.set_address(1, "3", "2001:db8::3/64");
-    store.set_gateway(1, "fe80::1");
-    store.make_interface(2);
-    start_daemon_and_wait();
-    const std::vector<std::string> texts{
-        "Discovering all IPv6 TAV settings...",
-        "Discovering IPv6 TAV settings on interface '1'",
-        "Discovering TAV gateway on '" + one + "'",
-        "Read TAV gateway address 'fe80::1' on '" + one + "'",
-        "Discovering TAV addresses on '" + one + "'",
-        "Found TAV address '3'",
-        "Discovering TAV addr on '" + one + "/Addresses/3'",
-        "Read TAV address 3 ('2001:db8::3/64') (Static) on '" + one + "/Addresses/3'",
-        "Discovering IPv6 TAV settings on interface '2'",
-        "No gateway specified.",
-        "No addresses specified (" + kt::paths::addresses(2) + ").",
-        "Synchronizing kernel with TAV...",
-        "Synchronizing TAV with kernel settings..."};
-    for (const auto &text : texts) {
-        EXPECT_NE(log().find("Info: " + text), -1) << text;
-    }
-}
-
 // What the real store answers for settings that the daemon cannot use: each is named and ignored.
 TEST_F(StoreReadingTest, SettingsThatCannotBeUsedAreNamedAndIgnored) {
     const std::string no_type = kt::paths::address_value(1, "no type");

@@ -42,16 +42,6 @@ TEST_F(StoreToKernelTest, AStaticAddressIsAddedToTheKernelAndStaysAsItIsInTheSto
     }
 }
 
-TEST_F(StoreToKernelTest, AStaticAddressThatExistsAtTheStartIsAddedToTheKernel) {
-    store.set_address(1, "1", "2001:db8::5/64");
-    start();
-    EXPECT_TRUE(device.has_address("eth0", "2001:db8::5/64"));
-    EXPECT_TRUE(store.has_address(1, "2001:db8::5/64", "Static"));
-    const std::size_t from = log().size();
-    store.set_address(1, "2", "2001:db8::6/64");
-    EXPECT_TRUE(logged("Info: Comparing address '2001:db8::5/64' (3) (IN TAV)", from));
-}
-
 TEST_F(StoreToKernelTest, ANewPrefixLengthIsAppliedByDeletingAndAdding) {
     store.set_address(1, "1", "2001:db8::5/64");
     start();
