@@ -29,9 +29,9 @@ RecordPtr stored_record(sqlite3_stmt *statement) {
     return record && record->number == number ? record : nullptr;
 }
 
-void count(const Record &record, Totals &totals) {
+void count(const Record &record, std::uint32_t checksum, Totals &totals) {
     ++totals.records;
-    totals.record_checksums ^= crc32(record.entry);
+    totals.record_checksums ^= checksum;
     totals.last_record = std::max(totals.last_record, static_cast<std::int64_t>(record.number));
 }
 
@@ -53,7 +53,7 @@ Records HistoryRows::load(Sqlite &database, RowChecks checks, Totals &totals) {
                                                 std::to_string(found.records + 1) +
                                                 " of the history is not as it was written");
         }
-        count(*record, found);
+        count(*record, crc32(record->entry), found);
         records.emplace_hint(records.end(), record->number, record);
     }
     const std::int64_t last = Rows::last_record(database);
@@ -97,10 +97,11 @@ HistoryRows::HistoryRows(Sqlite &used)
 void HistoryRows::put(const RecordPtr &record, Totals &totals) {
     sqlite3_bind_int64(put_row.get(), 1, static_cast<std::int64_t>(record->number));
     bind_bytes(put_row.get(), 2, record->entry);
-    sqlite3_bind_int64(put_row.get(), 3, crc32(record->entry));
+    const std::uint32_t checksum = crc32(record->entry);
+    sqlite3_bind_int64(put_row.get(), 3, checksum);
     added.emplace(record->number, record);
     database.run(put_row.get());
-    count(*record, totals);
+    count(*record, checksum, totals);
 }
 
 void HistoryRows::remove(const Record &record, Totals &totals) {

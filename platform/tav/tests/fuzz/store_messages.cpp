@@ -1,7 +1,7 @@
 // Each kind of message of the store's protocol: a message that is read completely is written as the
 // same bytes again, and one that is read partly only yields an error.
 #include "fuzz/fuzz.h"
-#include "protocol/messages.h"
+#include "protocol/history.h"
 
 namespace {
 
@@ -54,7 +54,8 @@ constexpr target_t targets[] = {
     &many<tav::Item>,         &many<tav::LeafAnswer>,     &many<tav::Child>,
     &many<tav::Event>,        &many<api_status_t>,        &many<tav::DumpElement>,
     &many<tav::ClientStatus>, &many<tav::WatchdogStatus>, &one<tav::Farewell>,
-    &one<tav::LimitStatus>};
+    &one<tav::LimitStatus>,   &one<tav::HistoryRequest>,  &one<tav::ChangedElement>,
+    &many<tav::HistoryEntry>};
 
 } // namespace
 
