@@ -1,6 +1,6 @@
-// The settings store compared with alternatives over a Unix socket, or without one: reads, writes,
-// transactions, listing everything, the time from a write to a wake-up, and many clients at once.
-#include <poll.h>
+// A write to the settings store that survives a power cut, beside a commit of SQLite in the writing
+// program itself: the time of one, and how many clients write together.
+#include <sqlite3.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,15 +12,15 @@
 #include <new>
 #include <stdexcept>
 
+#include <tav/toolkit.h>
+
 #include "support/numbers.h"
-#include "support/store_targets.h"
 #include "support/world.h"
 
 namespace {
 
 using bench::clock_type;
 using bench::seconds_between;
-using bench::StoreClient;
 using bench::time_point;
 
 constexpr int addresses = 1000;
@@ -33,130 +33,125 @@ std::string text_of(int address, int turn) {
     return static_cast<const char *>(text);
 }
 
-double time_of(const std::function<void()> &what) {
-    const time_point begin = clock_type::now();
-    what();
-    return seconds_between(begin, clock_type::now());
+// Writes the text of an address; throws std::runtime_error when that fails.
+using write_t = std::function<void(int address, const std::string &text)>;
+
+// A connection of its own to the service.
+write_t tav_writer(const std::string &socket) {
+    setenv("TAV_SOCKET", socket.c_str(), 1);
+    const std::shared_ptr<mlr_client_t> client(mlr_init(), mlr_close);
+    unsetenv("TAV_SOCKET");
+    return [client](int address, const std::string &text) {
+        toolkit::CTav tav(client.get());
+        api_status_t status = api_status_none;
+        const toolkit::CElement value(text, toolkit::CElement::_invalid_time);
+        const tk_string path = kt::paths::address_value(1, std::to_string(address));
+        if (tav.set_leaf(path, value, status, static_cast<mlr_tribool_t>(2), "") != 0 ||
+            status != api_status_ok) {
+            throw std::runtime_error("tav: status " + std::to_string(status));
+        }
+    };
 }
 
-// p50 and p99 of one operation, one value of each per round.
-struct operation_t {
-    bench::series_t p50, p99;
-    void add(const std::vector<double> &times) {
-        p50.add(bench::quantile(times, 0.5));
-        p99.add(bench::quantile(times, 0.99));
-    }
-};
+// A connection of its own to the database.
+write_t sqlite_writer(const std::string &file) {
+    const auto require = [](sqlite3 *database, int result) {
+        if (result != SQLITE_OK && result != SQLITE_DONE) {
+            throw std::runtime_error(std::string("sqlite: ") + sqlite3_errmsg(database));
+        }
+    };
+    sqlite3 *opened = nullptr;
+    const int result = sqlite3_open(file.c_str(), &opened);
+    const std::shared_ptr<sqlite3> database(opened, sqlite3_close);
+    require(opened, result);
+    sqlite3_busy_timeout(opened, 30000); // for other writers
+    require(opened, sqlite3_exec(opened,
+                                 "PRAGMA journal_mode=WAL; PRAGMA synchronous=full;"
+                                 "CREATE TABLE IF NOT EXISTS leaf (path TEXT PRIMARY KEY,"
+                                 " value TEXT) WITHOUT ROWID",
+                                 nullptr, nullptr, nullptr));
+    sqlite3_stmt *made = nullptr;
+    require(opened, sqlite3_prepare_v2(opened, "INSERT OR REPLACE INTO leaf VALUES (?, ?)", -1,
+                                       &made, nullptr));
+    const std::shared_ptr<sqlite3_stmt> put(made, sqlite3_finalize);
+    return [database, put, require](int address, const std::string &text) {
+        const std::string path = kt::paths::address_value(1, std::to_string(address));
+        sqlite3_bind_text(put.get(), 1, path.c_str(), -1, SQLITE_TRANSIENT);
+        sqlite3_bind_text(put.get(), 2, text.c_str(), -1, SQLITE_TRANSIENT);
+        require(database.get(), sqlite3_step(put.get()));
+        require(database.get(), sqlite3_reset(put.get()));
+    };
+}
 
 // A store that is measured, with all its results.
 struct subject_t {
     std::string name;
-    std::unique_ptr<bench::StoreTarget> target;
-    operation_t read, write, both, all, wake;
-    std::vector<bench::series_t> reads_a_second, writes_a_second; // for each number of clients
+    std::function<write_t()> connect;
+    bench::series_t p50{}, p99{};
+    std::vector<bench::series_t> writes_a_second{}; // for each number of clients
     int turn = 0;
 };
 
 const std::vector<int> client_numbers{1, 4, 16, 64};
 
-void fill(subject_t &subject) {
-    const auto client = subject.target->connect();
-    for (int i = 1; i <= addresses; ++i) {
-        client->write_both(i, text_of(i, 0), "Static");
-    }
-    if (client->read_all() != addresses * 2) {
-        throw std::runtime_error(subject.name + " did not keep everything");
-    }
-}
-
 void measure_one_client(subject_t &subject, int samples) {
-    const auto client = subject.target->connect();
-    std::vector<double> read, write, both, all;
+    const write_t write = subject.connect();
+    std::vector<double> times;
     for (int i = 0; i < samples; ++i) {
         const int address = i % addresses + 1;
         const std::string text = text_of(address, ++subject.turn);
-        read.push_back(time_of([&] { client->read(address); }));
-        write.push_back(time_of([&] { client->write(address, text); }));
-        both.push_back(time_of([&] {
-            client->write_both(address, text + "1", subject.turn % 2 != 0 ? "Automatic" : "Static");
-        }));
-        if (i % 20 == 0) {
-            all.push_back(time_of([&] { client->read_all(); }));
-        }
-    }
-    subject.read.add(read);
-    subject.write.add(write);
-    subject.both.add(both);
-    subject.all.add(all);
-}
-
-// From the call of the write until another client's descriptor reports it. The writer's commit is
-// included.
-void measure_wake_up(subject_t &subject, int samples) {
-    const auto writer = subject.target->connect();
-    const auto listener = subject.target->connect();
-    pollfd told{listener->subscribe(), POLLIN, 0};
-    if (told.fd < 0) {
-        return;
-    }
-    std::vector<double> times;
-    for (int i = 0; i < samples; ++i) {
-        usleep(60000); // a wake-up is immediate only after 50 ms without requests
-        listener->take_events();
-        usleep(60000);
         const time_point begin = clock_type::now();
-        writer->write(1, text_of(1, ++subject.turn));
-        if (poll(&told, 1, 10000) != 1) {
-            throw std::runtime_error(subject.name + " does not report a change");
-        }
+        write(address, text);
         times.push_back(seconds_between(begin, clock_type::now()));
     }
-    subject.wake.add(times);
+    subject.p50.add(bench::quantile(times, 0.5));
+    subject.p99.add(bench::quantile(times, 0.99));
 }
 
-// This many processes, each with its own connection, for `seconds`; returns the operations per
-// second of all together.
-double throughput(subject_t &subject, int clients, double seconds, bool writing) {
-    struct shared_t {
-        int ready, failed;
-        bool go;
-        long done;
-    };
+struct shared_t {
+    int ready, failed;
+    bool go;
+    long done;
+};
+
+// In a process of its own.
+void write_for(subject_t &subject, double seconds, int id, shared_t &shared) {
+    try {
+        const write_t write = subject.connect();
+        __atomic_add_fetch(&shared.ready, 1, __ATOMIC_SEQ_CST);
+        while (!__atomic_load_n(&shared.go, __ATOMIC_SEQ_CST)) {
+            usleep(1000);
+        }
+        const time_point begin = clock_type::now();
+        int done = 0;
+        while (seconds_between(begin, clock_type::now()) < seconds) {
+            const int address = (id * 15 + done) % addresses + 1;
+            write(address, text_of(address, subject.turn * 7919 + done));
+            ++done;
+        }
+        __atomic_add_fetch(&shared.done, done, __ATOMIC_SEQ_CST);
+    } catch (const std::exception &failure) {
+        std::fprintf(stderr, "%s: %s\n", subject.name.c_str(), failure.what());
+        __atomic_add_fetch(&shared.failed, 1, __ATOMIC_SEQ_CST);
+        __atomic_add_fetch(&shared.ready, 1, __ATOMIC_SEQ_CST);
+    }
+}
+
+// This many processes, each with its own connection, for `seconds`; returns the writes per second
+// of all together.
+double throughput(subject_t &subject, int clients, double seconds) {
     void *memory =
         mmap(nullptr, sizeof(shared_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) {
         throw std::runtime_error("mmap failed");
     }
     auto *shared = new (memory) shared_t{};
-    const int turn = ++subject.turn;
+    ++subject.turn;
     for (int id = 0; id < clients; ++id) {
-        if (fork() != 0) {
-            continue;
+        if (fork() == 0) {
+            write_for(subject, seconds, id, *shared);
+            _exit(0);
         }
-        try {
-            const auto client = subject.target->connect();
-            __atomic_add_fetch(&shared->ready, 1, __ATOMIC_SEQ_CST);
-            while (!__atomic_load_n(&shared->go, __ATOMIC_SEQ_CST)) {
-                usleep(1000);
-            }
-            const time_point begin = clock_type::now();
-            long done = 0;
-            while (seconds_between(begin, clock_type::now()) < seconds) {
-                const int address = static_cast<int>((id * 15 + done) % addresses + 1);
-                if (writing) {
-                    client->write(address, text_of(address, turn * 7919 + static_cast<int>(done)));
-                } else {
-                    client->read(address);
-                }
-                ++done;
-            }
-            __atomic_add_fetch(&shared->done, done, __ATOMIC_SEQ_CST);
-        } catch (const std::exception &failure) {
-            std::fprintf(stderr, "%s: %s\n", subject.name.c_str(), failure.what());
-            __atomic_add_fetch(&shared->failed, 1, __ATOMIC_SEQ_CST);
-            __atomic_add_fetch(&shared->ready, 1, __ATOMIC_SEQ_CST);
-        }
-        _exit(0);
     }
     while (__atomic_load_n(&shared->ready, __ATOMIC_SEQ_CST) < clients) {
         usleep(1000);
@@ -174,98 +169,46 @@ double throughput(subject_t &subject, int clients, double seconds, bool writing)
     return static_cast<double>(result.done) / seconds;
 }
 
-void measure_many_clients(subject_t &subject, double seconds) {
-    subject.reads_a_second.resize(client_numbers.size());
-    subject.writes_a_second.resize(client_numbers.size());
-    for (std::size_t i = 0; i < client_numbers.size(); ++i) {
-        subject.reads_a_second[i].add(throughput(subject, client_numbers[i], seconds, false));
-        subject.writes_a_second[i].add(throughput(subject, client_numbers[i], seconds, true));
-    }
-}
-
-std::string both_texts(const operation_t &operation) {
-    return operation.p50.rounds.empty()
-               ? "-"
-               : bench::time_text(operation.p50) + "; " + bench::time_text(operation.p99);
-}
-
-void print_latencies(const std::vector<subject_t> &subjects) {
-    bench::table_head({"One client: p50; p99", "read", "write", "two leaves", "1,000 addresses",
-                       "write to wake-up"});
-    for (const subject_t &subject : subjects) {
-        bench::table_row({subject.name, both_texts(subject.read), both_texts(subject.write),
-                          both_texts(subject.both), both_texts(subject.all),
-                          both_texts(subject.wake)});
-    }
-    std::printf("\n");
-}
-
-void print_throughput(const std::vector<subject_t> &subjects, const char *what,
-                      std::vector<bench::series_t> subject_t::*found) {
-    std::vector<std::string> head{std::string(what) + " a second"};
+void print(const std::vector<subject_t> &subjects) {
+    std::vector<std::string> head{"9. A write that survives a power cut", "p50", "p99"};
     for (const int number : client_numbers) {
         head.push_back(std::to_string(number) + (number == 1 ? " client" : " clients"));
     }
     bench::table_head(head);
     for (const subject_t &subject : subjects) {
-        std::vector<std::string> row{subject.name};
-        for (const bench::series_t &series : subject.*found) {
-            row.push_back(bench::number_text(series.middle(), 0));
+        std::vector<std::string> row{subject.name, bench::time_text(subject.p50),
+                                     bench::time_text(subject.p99)};
+        for (const bench::series_t &series : subject.writes_a_second) {
+            row.push_back(bench::number_text(series.middle(), 0) + " a second");
         }
         bench::table_row(row);
     }
-    std::printf("\n");
-}
-
-double ratio(const operation_t &ours, const operation_t &theirs) {
-    return ours.p50.middle() / theirs.p50.middle();
-}
-
-void print(const std::vector<subject_t> &subjects) {
-    print_latencies(subjects);
-    print_throughput(subjects, "Reads", &subject_t::reads_a_second);
-    print_throughput(subjects, "Writes", &subject_t::writes_a_second);
-    const subject_t &normal = subjects[1], &full = subjects[2], &everysec = subjects[3],
-                    &bare = subjects[6];
-    bench::table_head({"p50, one client", "ratio"});
-    bench::table_row({"read, to Redis", bench::verdict(ratio(full.read, everysec.read), 1)});
-    bench::table_row({"`normal` write, to Redis everysec",
-                      bench::verdict(ratio(normal.write, everysec.write), 1)});
-    bench::table_row({"`full` write, to a bare SQLite commit",
-                      bench::verdict(ratio(full.write, bare.write), 1.3)});
+    bench::table_row({"p50, to SQLite's",
+                      bench::verdict(subjects[0].p50.middle() / subjects[1].p50.middle(), 1.3), "",
+                      "", "", "", ""});
 }
 
 } // namespace
 
 int main(int argc, char **argv) {
-    bench::options_t defaults;
-    defaults.samples = 400;
     const bench::options_t options = bench::parse_options(
-        argc, argv, "The settings store beside Redis and SQLite (--durability is not looked at)",
-        defaults);
+        argc, argv, "A write of the settings store beside one of SQLite (row 9)",
+        {5, 400, "full", ""});
     try {
         kt::Sandbox sandbox;
-        std::vector<subject_t> subjects(7);
-        const char *names[] = {"tavd --memory", "tavd normal",   "tavd full",  "Redis everysec",
-                               "Redis always",  "SQLite normal", "SQLite full"};
-        for (std::size_t i = 0; i < subjects.size(); ++i) {
-            subjects[i].name = names[i];
-        }
-        subjects[0].target = bench::tav_target(sandbox, "memory");
-        subjects[1].target = bench::tav_target(sandbox, "normal");
-        subjects[2].target = bench::tav_target(sandbox, "full");
-        subjects[3].target = bench::redis_target(sandbox, "everysec");
-        subjects[4].target = bench::redis_target(sandbox, "always");
-        subjects[5].target = bench::sqlite_target(sandbox, "normal");
-        subjects[6].target = bench::sqlite_target(sandbox, "full");
-        for (subject_t &subject : subjects) {
-            fill(subject);
-        }
+        const bench::Tavd tavd(sandbox, options.durability);
+        const std::string file = sandbox.directory() + "/bare.db";
+        std::vector<subject_t> subjects{
+            {"tavd " + options.durability, [&] { return tav_writer(tavd.socket()); }},
+            {"SQLite in the program", [&] { return sqlite_writer(file); }}};
         for (int round = 0; round < options.rounds; ++round) {
             for (subject_t &subject : subjects) {
                 measure_one_client(subject, options.samples);
-                measure_wake_up(subject, options.samples / 20 + 1);
-                measure_many_clients(subject, options.samples / 400.0);
+                subject.writes_a_second.resize(client_numbers.size());
+                for (std::size_t i = 0; i < client_numbers.size(); ++i) {
+                    subject.writes_a_second[i].add(
+                        throughput(subject, client_numbers[i], options.samples / 400.0));
+                }
             }
         }
         print(subjects);
