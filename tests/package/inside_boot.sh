@@ -21,6 +21,8 @@ expect "the system is up" systemctl is-system-running --wait
 for unit in tavd tandrel tandrel-nudge; do
     expect "$unit runs" eventually systemctl is-active "$unit"
 done
+expect "systemd knows each setting of the units" \
+    sh -c '! journalctl -b --no-pager -o cat | grep -E "(tandrel|tavd).*Unknown key"'
 expect "the daemon has one capability" \
     grep -q '^CapEff:[[:space:]]*0000000000001000$' "/proc/$(main_pid tandrel)/status"
 expect "its system calls are filtered" grep -q '^Seccomp:[[:space:]]*2$' "/proc/$(main_pid tandrel)/status"
