@@ -3,7 +3,33 @@
 #include "store/paths.h"
 #include "store/tav_values.h"
 
+#ifdef TANDREL_STORE_STATUS
+#include "client/admin.h"
+
+// Weak, because the unit tests do not link the store's library.
+namespace tav {
+__attribute__((weak)) int state_program(mlr_client_t *client, const std::string &name,
+                                        api_status_t &status);
+}
+#endif
+
 namespace ctl {
+
+namespace {
+
+// For the store's history. A store that does not want to know it is no failure.
+void state_name(mlr_client_t *client) {
+#ifdef TANDREL_STORE_STATUS
+    api_status_t status = api_status_none;
+    if (&tav::state_program != nullptr && client != nullptr) {
+        tav::state_program(client, "tandrelctl", status);
+    }
+#else
+    static_cast<void>(client);
+#endif
+}
+
+} // namespace
 
 kernel_view_t (*kernel_reader)() = read_kernel;
 bool library_reports = true;
@@ -12,6 +38,7 @@ bool store_forbidden = false;
 bool client_t::connect() {
     if (tav.handle == nullptr) {
         tav.handle = mlr_init();
+        state_name(tav.handle);
     }
     return connected();
 }

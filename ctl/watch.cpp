@@ -8,10 +8,12 @@
 
 #include <nlohmann/json.hpp>
 
+#include "ctl/authors.h"
 #include "ctl/changes.h"
 #include "ctl/output.h"
 #include "ctl/screen.h"
 #include "ctl/text.h"
+#include "store/paths.h"
 
 namespace ctl {
 
@@ -23,7 +25,12 @@ constexpr std::size_t log_length = 100;
 constexpr std::chrono::seconds redraw_interval{30};
 
 // The items of both sides, each with its state. Comparing two of these shows what changed.
-using items_t = std::map<std::string, std::string>;
+struct item_t {
+    std::string state;
+    std::string path; // in the store; empty for the kernel's items
+    bool operator!=(const item_t &other) const { return state != other.state; }
+};
+using items_t = std::map<std::string, item_t>;
 
 struct state_t {
     bool store_answers = false;
@@ -32,35 +39,37 @@ struct state_t {
 
 void add_items(const interface_view_t &interface, items_t &items) {
     const std::string link = shown(interface.link);
+    const tk_string ipv6 = paths::ipv6(static_cast<std::int32_t>(interface.number));
     if (interface.kernel) {
-        items[link + " kernel: link"] = interface.kernel->carrier ? "up"
-                                        : interface.kernel->up    ? "up but not connected"
-                                                                  : "down";
+        const bool up = interface.kernel->up;
+        items[link + " kernel: link"].state =
+            interface.kernel->carrier ? "up" : (up ? "up but not connected" : "down");
     }
     for (const address_row_t &row : interface.addresses) {
         if (row.kernel) {
-            items[link + " kernel: " + prefix_text(row.kernel->address)] =
+            items[link + " kernel: " + prefix_text(row.kernel->address)].state =
                 flags_text(row.kernel->flags);
         }
         if (row.stored) {
-            items[link + " store: address node " + shown(row.stored->node)] =
-                shown(row.stored->text + " " + row.stored->type_text);
+            items[link + " store: address node " + shown(row.stored->node)] = {
+                shown(row.stored->text + " " + row.stored->type_text),
+                paths::address(paths::addresses(ipv6), row.stored->node)};
         }
     }
     for (const gateway_row_t &row : interface.gateways) {
         if (row.kernel) {
-            items[link + " kernel: default route via " + address_text(row.kernel->route.gateway)] =
-                "protocol " + protocol_name(row.kernel->route.protocol);
+            items[link + " kernel: default route via " + address_text(row.kernel->route.gateway)]
+                .state = "protocol " + protocol_name(row.kernel->route.protocol);
         }
         if (row.stored) {
-            items[link + " store: gateway"] = shown(row.stored->text);
+            items[link + " store: gateway"] = {shown(row.stored->text), paths::gateway(ipv6)};
         }
     }
 }
 
 items_t items_of(const state_t &state, const options_t &options) {
     items_t items;
-    items["store"] = state.store_answers ? "answers" : "does not answer";
+    items["store"].state = state.store_answers ? "answers" : "does not answer";
     for (const interface_view_t &interface : state.comparison.interfaces) {
         const bool wanted = options.link.empty() ? interface.tracked || interface.has_node
                                                  : interface.link == options.link;
@@ -81,23 +90,26 @@ void keep_stored_items(const items_t &before, items_t &now) {
 }
 
 // The changes between two states, one line each: + added, - removed, ~ changed.
-std::vector<std::string> changes_between(const items_t &before, const items_t &now) {
+std::vector<std::string> changes_between(const items_t &before, const items_t &now,
+                                         const authors_t &authors) {
     std::vector<std::string> lines;
-    const auto with_state = [](const std::string &name, const std::string &state) {
-        return state.empty() ? name : name + " (" + state + ")";
+    const auto add = [&](const std::string &name, const std::string &state, const item_t &item) {
+        const std::string author = item.path.empty() ? "" : authors.of(item.path);
+        lines.push_back(name + (state.empty() ? "" : " (" + state + ")") +
+                        (author.empty() ? "" : " by " + author));
     };
-    for (const auto &[name, state] : before) {
+    const auto or_ready = [](const std::string &state) { return state.empty() ? "ready" : state; };
+    for (const auto &[name, item] : before) {
         if (now.count(name) == 0) {
-            lines.push_back("- " + with_state(name, state));
+            add("- " + name, item.state, item);
         }
     }
-    for (const auto &[name, state] : now) {
+    for (const auto &[name, item] : now) {
         const auto old = before.find(name);
         if (old == before.end()) {
-            lines.push_back("+ " + with_state(name, state));
-        } else if (old->second != state) {
-            lines.push_back("~ " + name + " (" + (old->second.empty() ? "ready" : old->second) +
-                            " -> " + (state.empty() ? "ready" : state) + ")");
+            add("+ " + name, item.state, item);
+        } else if (old->second != item) {
+            add("~ " + name, or_ready(old->second.state) + " -> " + or_ready(item.state), item);
         }
     }
     return lines;
@@ -162,7 +174,8 @@ private:
             keep_stored_items(items, now);
         }
         const bool first = items.empty();
-        const std::vector<std::string> lines = changes_between(items, now);
+        authors.update(client);
+        const std::vector<std::string> lines = changes_between(items, now, authors);
         items = now;
         if (options.json) {
             if (first || !lines.empty()) {
@@ -224,6 +237,7 @@ private:
     std::optional<screen_t> screen;
     state_t state; // as of the last look
     items_t items;
+    authors_t authors;
     std::deque<std::string> log;
 };
 

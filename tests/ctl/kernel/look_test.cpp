@@ -299,6 +299,25 @@ TEST_F(Look, WatchPrintsEveryChangeOfEitherSideAndExitsCleanly) {
     EXPECT_EQ(watch->wait_exit(), 0);
 }
 
+TEST_F(Look, WatchNamesWhoChangedTheStore) {
+    start_daemon_and_wait();
+    const auto watch = begin({"watch"});
+    ASSERT_GT(watch->output().wait_for_containing("store: address node 1"), 0U);
+    done({"address", "add", "eth0", "2001:db8::5/64", "--node", "office"});
+    const std::string added = "+ eth0 store: address node office (2001:db8::5/64 Static) by ";
+    EXPECT_GT(watch->output().wait_for_containing(added), 0U);
+    EXPECT_GT(watch->output().wait_for_containing(" (tandrelctl)"), 0U) << watch->output().tail(9);
+    store.set_address(1, "office", "2001:db8::6/64");
+    EXPECT_GT(watch->output().wait_for_containing("2001:db8::6/64 Static) by "), 0U);
+    EXPECT_GT(watch->output().wait_for_containing(" (process " + std::to_string(getpid()) + ")"),
+              0U)
+        << watch->output().tail(9);
+    device.add_address("eth0", "2001:db8:1::7/64");
+    EXPECT_GT(watch->output().wait_for_containing("(2001:db8:1::7/64 Automatic) by tandrel"), 0U)
+        << watch->output().tail(9);
+    EXPECT_EQ(watch->output().count_containing("kernel: 2001:db8:1::7/64 by"), 0U);
+}
+
 TEST_F(Look, WatchOutlivesTheStore) {
     rebuilds_allowed = true;
     store.set_address(1, "x", "2001:db8::5/64");
