@@ -120,7 +120,10 @@ daemon_state_t find_daemon(client_t &client) {
                                0,
                                "this store does not say, and only root may look at its process",
                                {}};
-        if (process.pid != 0) {
+        if (!client.connect()) {
+            state->state = daemon_t::unknown;
+            state->why = "the settings store does not answer";
+        } else if (process.pid != 0) {
             state->state = daemon_t::working;
         }
     } else if (state->state == daemon_t::disconnected && process.known && process.pid == 0) {

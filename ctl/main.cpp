@@ -23,7 +23,9 @@ extern "C" __attribute__((visibility("default"))) void mlr_err(unsigned int leve
     vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
     std::fprintf(stderr, "tandrelctl: %s\n", ctl::shown(message).c_str());
-    ctl::store_forbidden = std::strstr(message, std::strerror(EACCES)) != nullptr;
+    // The socket's permissions, or the service itself.
+    ctl::store_forbidden = std::strstr(message, std::strerror(EACCES)) != nullptr ||
+                           std::strstr(message, "this user may not use the store") != nullptr;
 }
 
 namespace {

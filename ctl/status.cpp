@@ -36,7 +36,7 @@ link_state_t state_of(const interface_view_t &interface) {
             return {interface.link, is_known ? text.substr(known.size()) : text, finding.remedy()};
         }
     }
-    return {interface.link, interface.store_known ? "" : "the store does not answer", ""};
+    return {interface.link, interface.store_known ? "" : store_silent, ""};
 }
 
 std::vector<link_state_t> link_states(const comparison_t &comparison, const options_t &options) {
@@ -110,10 +110,11 @@ void print_as_json(const status_t &status) {
                       {"pid", status.daemon.pid != 0 ? json_t(status.daemon.pid) : json_t()}};
     json["links"] = json_t::array();
     for (const link_state_t &one : status.links) {
-        json["links"].push_back({{"link", one.link},
-                                 {"managed", one.why.empty()},
-                                 {"reason", one.why.empty() ? json_t() : json_t(one.why)},
-                                 {"remedy", one.remedy}});
+        json["links"].push_back(
+            {{"link", one.link},
+             {"managed", one.why == store_silent ? json_t() : json_t(one.why.empty())},
+             {"reason", one.why.empty() ? json_t() : json_t(one.why)},
+             {"remedy", one.remedy}});
     }
     json["last_synchronisation"] = nullptr;
     if (status.daemon.synchronised) {
@@ -128,7 +129,10 @@ void print_as_json(const status_t &status) {
 
 std::string daemon_text(const daemon_state_t &daemon) {
     if (const auto finding = daemon_finding(daemon)) {
-        return finding->sentence();
+        return daemon.state == daemon_t::unknown && daemon.pid != 0
+                   ? "process " + std::to_string(daemon.pid) +
+                         " runs; whether it works is not known: " + daemon.why
+                   : finding->sentence();
     }
     return "connected to the store" +
            (daemon.pid != 0 ? ", process " + std::to_string(daemon.pid) : "");
@@ -140,7 +144,9 @@ std::string synchronised_text(const daemon_state_t &daemon) {
         return duration_text(static_cast<std::uint32_t>(seconds)) + " ago";
     }
 #ifdef TANDREL_STORE_STATUS
-    return "not known, because tandrel is not connected to the store";
+    return daemon.state == daemon_t::unknown
+               ? "not known"
+               : "not known, because tandrel is not connected to the store";
 #else
     return std::string("not known; ") + only_with_tavd;
 #endif
@@ -158,7 +164,9 @@ void print_text(const status_t &status, bool colour) {
     }
     for (const link_state_t &one : status.links) {
         line("link:     ", true,
-             shown(one.link) + (one.why.empty() ? ", managed" : ", not managed: " + one.why));
+             shown(one.link) + (one.why.empty()           ? ", managed"
+                                : one.why == store_silent ? ", not known: " + one.why
+                                                          : ", not managed: " + one.why));
         if (!one.remedy.empty()) {
             line("          ", true, "-> " + one.remedy);
         }

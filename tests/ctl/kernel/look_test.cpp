@@ -4,6 +4,7 @@
 
 #include <linux/if_addr.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -127,7 +128,14 @@ TEST_F(Look, StatusShowsStoreDaemonAndLinks) {
     ASSERT_EQ(stop_daemon(), 0);
     store.disconnect();
     service.stop();
-    EXPECT_EQ(parsed(3)["store"]["answers"], false);
+    const auto without_store = parsed(3);
+    EXPECT_EQ(without_store["store"]["answers"], false);
+    EXPECT_EQ(without_store["daemon"]["state"], "unknown");
+    EXPECT_TRUE(without_store["links"][0]["managed"].is_null());
+    const std::string unknown = run({"status"}).output;
+    EXPECT_TRUE(contains(unknown, "link:     eth0, not known: the settings store does not answer"))
+        << unknown;
+    EXPECT_TRUE(contains(unknown, "last synchronisation: not known\n")) << unknown;
 }
 
 TEST_F(Look, TwoLinksMayHaveGateways) {
@@ -263,6 +271,20 @@ TEST_F(Look, AUserWithoutRightsIsToldSo) {
     const std::string errors = process.errors().tail(5);
     EXPECT_TRUE(contains(errors, "this user may not use the settings store")) << errors;
     EXPECT_FALSE(contains(errors, "is its service running")) << errors;
+
+    // The same if the service refuses the user, not the socket's permissions.
+    ASSERT_EQ(chmod(service.socket().c_str(), 0666), 0);
+    ASSERT_EQ(chmod(sandbox.directory().c_str(), 0755), 0);
+    kt::Process refused(sandbox,
+                        {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
+                         TANDRELCTL, "check"},
+                        options);
+    EXPECT_EQ(refused.wait_exit(), 3);
+    refused.errors().wait_finished();
+    const std::string told = refused.errors().tail(5);
+    EXPECT_TRUE(contains(told, "this user may not use the store\n")) << told;
+    EXPECT_TRUE(contains(told, "this user may not use the settings store")) << told;
+    EXPECT_FALSE(contains(told, "is its service running")) << told;
 }
 
 TEST_F(Look, AWrongCommandLineHasItsOwnExitStatus) {
@@ -300,6 +322,7 @@ TEST_F(Look, WatchPrintsEveryChangeOfEitherSideAndExitsCleanly) {
 }
 
 TEST_F(Look, WatchNamesWhoChangedTheStore) {
+    store.make_interface(1);
     start_daemon_and_wait();
     const auto watch = begin({"watch"});
     ASSERT_GT(watch->output().wait_for_containing("store: address node 1"), 0U);
