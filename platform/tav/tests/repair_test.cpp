@@ -91,6 +91,22 @@ TEST_F(RepairTest, OneDamagedRowIsDropped) {
     EXPECT_EQ(Client().list("/n").size(), 1999U);
 }
 
+TEST_F(RepairTest, OneDamagedEntryOfTheHistoryIsDropped) {
+    flip(database, read_file(database).rfind("value ") + 5);
+    expect_refused_start();
+    const Ran ran = repair();
+    EXPECT_EQ(ran.status, 0) << ran.errors;
+    EXPECT_EQ(ran.output.find("'" + database +
+                              "': kept 2001 of 2001 elements and 3 of 4 entries "
+                              "of the history, dropped 1 damaged row and"),
+              0U)
+        << ran.output;
+    start(on_disk);
+    EXPECT_EQ(Client().get("/n/1"), "third");
+    EXPECT_EQ(tav({"history", "--since", "2"}).errors, "");
+    EXPECT_NE(tav({"history", "--since", "0"}).errors, "");
+}
+
 TEST_F(RepairTest, TheRowsOnBothSidesOfADamagedPageAreKept) {
     std::string content = read_file(database);
     content.replace(content.find("/n/1500") / 1024 * 1024, 1024, std::string(1024, '\xa5'));
