@@ -29,8 +29,9 @@ struct LogFile {
     }
 };
 
+// SQLite allocates it with the alignment of a 64-bit integer.
 LogFile &log_of(sqlite3_file *file) {
-    return *reinterpret_cast<LogFile *>(file);
+    return *static_cast<LogFile *>(static_cast<void *>(file));
 }
 
 // Writes a header that no page has followed. SQLite writes the page at once, so there is none when

@@ -265,7 +265,8 @@ std::size_t raise_descriptor_limit() {
             limit = raised; // otherwise there are fewer connections
         }
     }
-    return limit.rlim_cur;
+    constexpr rlim_t most = std::numeric_limits<std::size_t>::max();
+    return static_cast<std::size_t>(std::min(limit.rlim_cur, most));
 }
 
 tav::Rights rights_of(const Options &options) {
