@@ -16,6 +16,12 @@ namespace {
 
 constexpr const char *malformed_reply = "the service sent a malformed reply";
 
+// A service that ends the connection may have sent the reason before, so read what it has sent even
+// if a frame cannot be sent.
+bool may_receive(StreamResult sent) {
+    return sent == StreamResult::done || sent == StreamResult::closed;
+}
+
 bool report_failure(const std::string &path, const char *why) {
     report_attempt(("cannot connect to the settings service at " + path + ": " + why).c_str());
     return false;
@@ -24,8 +30,8 @@ bool report_failure(const std::string &path, const char *why) {
 } // namespace
 
 std::unique_ptr<Connection> Connection::open(const std::string &path,
-                                             std::chrono::milliseconds limit) {
-    std::unique_ptr<Connection> connection(new Connection(limit));
+                                             std::chrono::milliseconds limit, bool read_ahead) {
+    std::unique_ptr<Connection> connection(new Connection(limit, read_ahead));
     if (!connection->wake.valid()) {
         report_attempt(
             (std::string("cannot create an event descriptor: ") + std::strerror(errno)).c_str());
@@ -77,7 +83,10 @@ bool Connection::greet(const std::string &path, Writer &greeting, UniqueFd &sock
         return report_failure(path, std::strerror(errno)); // NOLINT(concurrency-mt-unsafe)
     }
     std::string_view body;
-    const StreamResult result = converse(socket.get(), frames, greeting.finish(), body, deadline);
+    StreamResult result = send_all(socket.get(), greeting.finish(), deadline);
+    if (may_receive(result)) {
+        result = frames.receive(socket.get(), body, deadline);
+    }
     if (result != StreamResult::done) {
         return report_failure(path, describe(result));
     }
@@ -94,15 +103,20 @@ Writer Connection::request(Op op) {
     return writer;
 }
 
-// Sends a frame and receives one. A service that ends the connection may have sent the reason
-// before, so read what it has sent even if the frame cannot be sent.
-StreamResult Connection::converse(int fd, FrameStream &frames, const std::string &frame,
-                                  std::string_view &body, Deadline deadline) {
-    const StreamResult sent = send_all(fd, frame, deadline);
-    if (sent != StreamResult::done && sent != StreamResult::closed) {
-        return sent;
+// Receives the next frame that is not a notice which is due.
+StreamResult Connection::receive(std::string_view &body, Deadline deadline) {
+    for (;;) {
+        const StreamResult result = replies.receive(calls.get(), body, deadline);
+        if (result != StreamResult::done) {
+            return result;
+        }
+        Reader reader(body);
+        ReplyHeader header;
+        get(reader, header);
+        if (!reader.finished() || !header.notice || !ahead.take_notice(header.serial)) {
+            return result;
+        }
     }
-    return frames.receive(fd, body, deadline);
 }
 
 // Checks the header of a reply, drains what it acknowledges, and leaves the content. False with the
@@ -112,8 +126,8 @@ bool Connection::take_reply(std::string_view body, std::string_view &reply, std:
     Reader reader(body);
     ReplyHeader header;
     get(reader, header);
-    if (reader.ok() && header.serial == serial && (!header.more || more != nullptr) &&
-        (!header.drain || wake.drain_one())) {
+    if (reader.ok() && header.serial == serial && !header.notice &&
+        (!header.more || more != nullptr) && (!header.drain || wake.drain_one())) {
         reply = reader.remaining();
         if (more != nullptr) {
             *more = header.more;
@@ -133,7 +147,11 @@ bool Connection::take_reply(std::string_view body, std::string_view &reply, std:
 
 bool Connection::call(const std::string &frame, std::string_view &reply) {
     std::string_view body;
-    const StreamResult result = converse(calls.get(), replies, frame, body, Clock::now() + limit);
+    const Deadline deadline = Clock::now() + limit;
+    StreamResult result = send_all(calls.get(), frame, deadline);
+    if (may_receive(result)) {
+        result = receive(body, deadline);
+    }
     if (result != StreamResult::done) {
         lose(describe(result));
         return false;
@@ -156,8 +174,7 @@ bool Connection::take_rest(std::string_view &reply) {
     for (bool more = true; more;) {
         assembled.append(reply);
         std::string_view body;
-        const StreamResult result =
-            replies.receive(calls.get(), body, std::min(end, Clock::now() + limit));
+        const StreamResult result = receive(body, std::min(end, Clock::now() + limit));
         if (result != StreamResult::done) {
             lose(describe(result));
             return false;
@@ -181,6 +198,7 @@ bool Connection::exchange(Op op, Writer &request, std::string_view &reply) {
         spare = request.finish();
         const bool answered = !lost && call(spare, reply);
         recycle(spare);
+        unannounced = false;
         if (op == Op::events_get) {
             wake.fetched();
         }
@@ -192,6 +210,10 @@ bool Connection::exchange(Op op, Writer &request, std::string_view &reply) {
         lose("out of memory");
     }
     return false;
+}
+
+bool Connection::has_arrived() const {
+    return replies.holds_more() || is_readable(calls.get());
 }
 
 bool Connection::ping() {
@@ -217,7 +239,8 @@ bool Connection::send_ping() {
         return false;
     }
     last_ping = now;
-    spare = request(Op::watchdog_ping).finish();
+    spare = request(unannounced ? Op::ping_after_answers : Op::watchdog_ping).finish();
+    unannounced = false;
     StreamResult result = send_all(calls.get(), spare, now + limit);
     recycle(spare);
     if (result == StreamResult::done) {
@@ -225,8 +248,7 @@ bool Connection::send_ping() {
     }
     std::string why = describe(result);
     std::string_view body;
-    if (result == StreamResult::closed &&
-        replies.receive(calls.get(), body, now) == StreamResult::done) {
+    if (result == StreamResult::closed && receive(body, now) == StreamResult::done) {
         std::string_view reply;
         take_reply(body, reply, why);
     }
@@ -245,6 +267,7 @@ void Connection::lose(const char *why) {
         return;
     }
     lost = true;
+    ahead.lose();
     report(report_lost, "connection to the settings service lost: %s", why);
     calls.reset();
     wake.lose();

@@ -11,6 +11,7 @@
 
 #include "client/descriptor.h"
 #include "client/export.h"
+#include "client/read_ahead.h"
 #include "client/stream.h"
 #include "client/unique_fd.h"
 #include "protocol/codec.h"
@@ -23,9 +24,10 @@ using Deadline = std::chrono::steady_clock::time_point;
 class Connection {
 public:
     // Connects to the service at `path` within `limit`, which also holds for each later call. Null
-    // when that fails, after reporting why.
-    static std::unique_ptr<Connection> open(const std::string &path,
-                                            std::chrono::milliseconds limit);
+    // when that fails, after reporting why. `read_ahead`: whether calls may be answered from
+    // memory.
+    static std::unique_ptr<Connection>
+    open(const std::string &path, std::chrono::milliseconds limit, bool read_ahead = true);
 
     int descriptor() const { return wake.get(); }
 
@@ -34,6 +36,8 @@ public:
 
     // A request of this kind with its header; the caller adds the content.
     TAV_EXPORT Writer request(Op op);
+    // The serial number of the last request.
+    std::uint32_t last_serial() const { return serial; }
     // Sends the request and waits for its reply, whose content (without header) is then in `reply`,
     // valid until the next exchange. False when the connection is lost, now or earlier; the loss is
     // reported once. The request must fit a frame.
@@ -44,17 +48,23 @@ public:
     // program ignores must be acknowledged. False when the connection is lost, also because the
     // service did not take the last ping within the time limit.
     TAV_EXPORT bool ping();
+    // Something from the service has arrived since the last reply, or the connection has ended: the
+    // next exchange will find out.
+    bool has_arrived() const;
+    // A call was answered without the service, which learns of it with the next ping.
+    void answered_here() { unannounced = true; }
     // Whether this client has announced a watchdog to the service; decides the answer to a ping.
     bool has_watchdog = false;
+    ReadAhead ahead;
 
 private:
-    explicit Connection(std::chrono::milliseconds call_limit) : limit(call_limit) {}
+    Connection(std::chrono::milliseconds call_limit, bool read_ahead)
+        : ahead(read_ahead), limit(call_limit) {}
 
     bool establish(const std::string &path);
-    static StreamResult converse(int fd, FrameStream &frames, const std::string &frame,
-                                 std::string_view &body, Deadline deadline);
     bool greet(const std::string &path, Writer &greeting, UniqueFd &socket, FrameStream &frames,
                std::string_view &reply, Deadline deadline);
+    StreamResult receive(std::string_view &body, Deadline deadline);
     bool call(const std::string &frame, std::string_view &reply);
     bool send_ping();
     bool take_reply(std::string_view body, std::string_view &reply, std::string &why,
@@ -66,6 +76,7 @@ private:
     UniqueFd calls;
     Descriptor wake;
     bool lost = false;
+    bool unannounced = false; // calls were answered here since the last message to the service
     std::uint32_t serial = 0;
     FrameStream replies{true};
     Deadline last_ping{};  // when it was sent

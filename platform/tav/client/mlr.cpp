@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "client/connection.h"
@@ -30,6 +31,19 @@ std::chrono::milliseconds time_limit() {
     return std::chrono::milliseconds(value);
 }
 
+// TAV_READ_AHEAD: 0 if every call must be answered by the service.
+bool may_read_ahead() {
+    const char *text = std::getenv("TAV_READ_AHEAD");
+    if (text == nullptr || std::strcmp(text, "1") == 0) {
+        return true;
+    }
+    if (std::strcmp(text, "0") == 0) {
+        return false;
+    }
+    tav::report(tav::report_call, "TAV_READ_AHEAD='%s' is neither 0 nor 1, using 1", text);
+    return true;
+}
+
 std::string socket_path() {
     const char *path = std::getenv(tav::socket_variable);
     return path != nullptr && *path != '\0' ? path : tav::default_socket;
@@ -42,7 +56,7 @@ extern "C" {
 TAV_EXPORT mlr_client_t *mlr_init(void) {
     try {
         auto client = std::make_unique<mlr_client>();
-        client->connection = tav::Connection::open(socket_path(), time_limit());
+        client->connection = tav::Connection::open(socket_path(), time_limit(), may_read_ahead());
         return client->connection ? client.release() : nullptr;
     } catch (...) {
         tav::report_attempt("cannot connect: out of memory");

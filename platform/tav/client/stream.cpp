@@ -153,6 +153,11 @@ StreamResult FrameStream::receive(int fd, std::string_view &body, Clock::time_po
     return StreamResult::done;
 }
 
+bool is_readable(int fd) {
+    char byte = 0;
+    return ::recv(fd, &byte, 1, MSG_PEEK | MSG_DONTWAIT) >= 0 || !again(errno);
+}
+
 std::size_t unread_bytes(int fd) {
     int bytes = 0;
     return ::ioctl(fd, SIOCOUTQ, &bytes) == 0 && bytes > 0 ? static_cast<std::size_t>(bytes) : 0;

@@ -32,6 +32,9 @@ public:
     StreamResult receive(int fd, std::string_view &body,
                          std::chrono::steady_clock::time_point deadline);
 
+    // Bytes after that frame have been received.
+    bool holds_more() const { return filled > taken; }
+
 private:
     void discard_last();
     void make_room();
@@ -42,6 +45,9 @@ private:
     std::size_t filled = 0; // bytes of the buffer that were received, ...
     std::size_t taken = 0;  // ... and the frame among them that was returned last
 };
+
+// Whether a receive would return at once, be it with bytes, the end of the stream or an error.
+bool is_readable(int fd);
 
 // Bytes that were sent but not yet received by the other side; 0 if that is unknown.
 std::size_t unread_bytes(int fd);

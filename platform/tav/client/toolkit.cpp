@@ -20,6 +20,15 @@ using tav::Writer;
 
 namespace {
 
+void fill(std::vector<tav::LeafAnswer> &answers, std::vector<api_status_t> &statuses,
+          std::vector<CElement> &values) {
+    for (std::size_t i = 0; i < answers.size(); ++i) {
+        tav::Value &value = answers[i].value;
+        statuses[i] = answers[i].status;
+        values[i] = CElement(value.type, std::move(value.text), value.time);
+    }
+}
+
 // An answer that the library gives without the service; it must not hide a lost connection.
 int answered_here(const Connection &connection) {
     return connection.usable() ? call_done : call_failed;
@@ -37,6 +46,11 @@ int CTav::get_leaves(const std::vector<tk_string> &paths, std::vector<api_status
     if (connection == nullptr) {
         return call_failed;
     }
+    std::vector<tav::LeafAnswer> answers;
+    if (connection->ahead.read(*connection, paths, answers)) {
+        fill(answers, statuses, values);
+        return call_done;
+    }
     Writer request = connection->request(Op::read);
     tav::put_all(request, paths);
     if (request.too_large() || number > tav::limits::paths_per_request) {
@@ -44,7 +58,7 @@ int CTav::get_leaves(const std::vector<tk_string> &paths, std::vector<api_status
         statuses.assign(number, api_status_too_large);
         return answered_here(*connection);
     }
-    std::vector<tav::LeafAnswer> answers;
+    answers.clear();
     answers.reserve(number);
     const int result = tav::perform(*connection, Op::read, request, [&](Reader &reader) {
         tav::get_exactly(reader, answers, number);
@@ -52,11 +66,7 @@ int CTav::get_leaves(const std::vector<tk_string> &paths, std::vector<api_status
     if (result != call_done) {
         return result;
     }
-    for (std::size_t i = 0; i < number; ++i) {
-        tav::Value &value = answers[i].value;
-        statuses[i] = answers[i].status;
-        values[i] = CElement(value.type, std::move(value.text), value.time);
-    }
+    fill(answers, statuses, values);
     return call_done;
 }
 
@@ -85,13 +95,18 @@ int CTav::list_node(const tk_string &path, api_status_t &status, std::vector<chi
     }
     std::vector<tav::Child> listed;
     api_status_t answer = api_status_none;
-    const int result =
-        tav::perform_with(*connection, Op::list, std::string_view(path), [&](Reader &reader) {
-            tav::get(reader, answer);
-            tav::get_all(reader, listed);
-        });
+    const bool known = connection->ahead.list(*connection, path, answer, listed);
+    const int result = known ? call_done
+                             : tav::perform_with(*connection, Op::list, std::string_view(path),
+                                                 [&](Reader &reader) {
+                                                     tav::get(reader, answer);
+                                                     tav::get_all(reader, listed);
+                                                 });
     if (result != call_done) {
         return result;
+    }
+    if (!known && answer == api_status_ok) {
+        connection->ahead.listed(path);
     }
     status = answer;
     children.reserve(listed.size());

@@ -62,6 +62,11 @@ constexpr std::size_t connections = 1024;
 constexpr std::size_t connections_kept = 128;
 constexpr std::size_t connections_per_user = 256;
 
+// A client has at most one read-ahead, so there are at most so many; of each the service keeps only
+// the path. The client gets none that would take more bytes.
+constexpr std::size_t read_aheads = connections / 2;
+constexpr std::size_t read_ahead_bytes = std::size_t{4} << 20;
+
 // Bytes of received requests and unsent replies, for all clients together. Beyond it the service
 // takes the user with the most bytes, and ends the connection of that user's client with the most
 // bytes.

@@ -60,15 +60,17 @@ void get(Reader &in, RequestHeader &value) {
 
 void put(Writer &out, const ReplyHeader &value) {
     out.u32(value.serial);
-    out.u8(
-        static_cast<std::uint8_t>((value.drain ? reply_drain : 0) | (value.more ? reply_more : 0)));
+    out.u8(static_cast<std::uint8_t>((value.drain ? reply_drain : 0) |
+                                     (value.more ? reply_more : 0) |
+                                     (value.notice ? reply_notice : 0)));
 }
 void get(Reader &in, ReplyHeader &value) {
     value.serial = in.u32();
     const std::uint8_t flags = in.u8();
     value.drain = (flags & reply_drain) != 0;
     value.more = (flags & reply_more) != 0;
-    if (flags > (reply_drain | reply_more)) {
+    value.notice = (flags & reply_notice) != 0;
+    if (flags > (reply_drain | reply_more | reply_notice)) {
         in.fail();
     }
 }
@@ -204,6 +206,32 @@ void put(Writer &out, const DumpElement &value) {
 void get(Reader &in, DumpElement &value) {
     value.path = in.text();
     get(in, value.value);
+}
+
+void put(Writer &out, const AheadElement &value) {
+    out.u8(value.depth);
+    if (value.depth == depth_end || value.depth == depth_too_large) {
+        return;
+    }
+    put_type(out, value.type);
+    out.text(value.name);
+    if (value.type != element_type_node) {
+        out.text(value.text);
+        out.i64(value.time);
+    }
+}
+void get(Reader &in, AheadElement &value) {
+    value = {};
+    value.depth = in.u8();
+    if (value.depth == depth_end || value.depth == depth_too_large) {
+        return;
+    }
+    value.type = get_type(in);
+    value.name = in.text();
+    if (value.type != element_type_node) {
+        value.text = in.text();
+        value.time = in.i64();
+    }
 }
 
 void put(Writer &out, const ClientStatus &value) {

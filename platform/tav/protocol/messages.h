@@ -37,17 +37,20 @@ struct RequestHeader {
 
 // `drain`: this exchange acknowledged one wake-up byte. The client must read it from the wake-up
 // connection, where it has already arrived: it was sent before the reply. `more`: the content goes
-// on in the next frame, which has a header of its own.
+// on in the next frame, which has a header of its own. `notice`: no reply, but the notice that the
+// read-ahead with this serial number is void; without content.
 struct ReplyHeader {
     std::uint32_t serial = 0;
     bool drain = false;
     bool more = false;
+    bool notice = false;
 };
 // Where the encoded header of a frame has its flags, from the start of the frame, ...
 constexpr std::size_t reply_flags_at = 8;
 // ... and what they are.
 constexpr std::uint8_t reply_drain = 1;
 constexpr std::uint8_t reply_more = 2;
+constexpr std::uint8_t reply_notice = 4;
 // Sets the flag in a frame.
 std::string mark_more(std::string frame);
 
@@ -109,6 +112,20 @@ struct DumpElement {
 };
 
 constexpr std::uint64_t never_listed = UINT64_MAX;
+
+// The answer to a read-ahead is a status and, if it is ok, the elements below the node, parents
+// first and in the order of listings. `depth` is 1 for the node's children. A depth of 0, without
+// the rest, ends it; of depth_too_large, too, and the client has no read-ahead then.
+// The texts belong to the message from which they were read.
+struct AheadElement {
+    std::uint8_t depth = 0;
+    std::string_view name;
+    element_type_t type = element_type_none;
+    std::string_view text; // of a leaf
+    std::int64_t time = no_time;
+};
+constexpr std::uint8_t depth_end = 0;
+constexpr std::uint8_t depth_too_large = 255;
 
 struct ClientStatus {
     std::uint64_t session = 0;
@@ -183,6 +200,8 @@ void get(Reader &in, WatchdogRequest &value);
 void put_element(Writer &out, std::string_view path, const Value &value);
 void put(Writer &out, const DumpElement &value);
 void get(Reader &in, DumpElement &value);
+void put(Writer &out, const AheadElement &value);
+void get(Reader &in, AheadElement &value);
 void put(Writer &out, const ClientStatus &value);
 void get(Reader &in, ClientStatus &value);
 void put(Writer &out, const WatchdogStatus &value);

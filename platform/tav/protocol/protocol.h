@@ -13,7 +13,7 @@ constexpr const char *socket_variable = "TAV_SOCKET";
 
 // First bytes of each connection's first frame, so that a foreign program is recognised.
 constexpr std::uint32_t magic = 0x54415631; // "TAV1"
-constexpr std::uint32_t protocol_version = 3;
+constexpr std::uint32_t protocol_version = 4;
 
 // A frame: its length without these four bytes, most significant byte first, then the body.
 constexpr std::size_t length_bytes = 4;
@@ -39,6 +39,8 @@ enum class Op : std::uint8_t {
     wake_acknowledge = 12, // the program saw the wake-up byte and ignores its events
     state_program = 13,    // how the client calls itself
     history = 14,
+    read_ahead = 15,         // everything below a node, until a notice makes it void
+    ping_after_answers = 16, // a ping; the library has answered calls from its read-ahead
 };
 
 // The steps of a transaction.

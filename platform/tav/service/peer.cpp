@@ -54,24 +54,49 @@ void Peer::reply(std::string frame) {
 
 bool Peer::flush() {
     while (has_output()) {
-        const ssize_t done = ::send(socket.get(), output.data() + sent, output.size() - sent,
-                                    MSG_DONTWAIT | MSG_NOSIGNAL);
+        const bool whole = whole_from > 0 && sent >= whole_from;
+        const std::size_t end = whole_from > 0 && !whole ? whole_from : output.size();
+        const ssize_t done = send_bytes(std::string_view(output).substr(sent, end - sent));
         if (done < 0) {
             return temporary(errno);
         }
         sent += static_cast<std::size_t>(done);
+        if (whole && has_output()) {
+            return false;
+        }
     }
     sent = 0;
+    whole_from = 0;
     recycle(output);
     return true;
 }
 
-bool Peer::send_byte(char byte) const {
+// With a frame that waits, the notice is sent together with the last byte of it: a Unix socket
+// takes so few bytes as a whole, so the client cannot have the frame without the notice.
+bool Peer::notify(std::string_view notice) {
+    if (has_output()) {
+        const std::size_t last = output.size() - 1;
+        output.append(notice);
+        whole_from = whole_from > 0 ? whole_from : last;
+        return true;
+    }
+    return send_bytes(notice) == static_cast<ssize_t>(notice.size());
+}
+
+void Peer::cut() const {
+    ::shutdown(socket.get(), SHUT_RDWR);
+}
+
+ssize_t Peer::send_bytes(std::string_view bytes) const {
     ssize_t done = 0;
     do {
-        done = ::send(socket.get(), &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+        done = ::send(socket.get(), bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     } while (done < 0 && errno == EINTR);
-    return done == 1;
+    return done;
+}
+
+bool Peer::send_byte(char byte) const {
+    return send_bytes({&byte, 1}) == 1;
 }
 
 } // namespace tav

@@ -1,6 +1,8 @@
 // One accepted connection: bytes in, bytes out.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -51,6 +53,11 @@ public:
     bool has_output() const { return sent < output.size(); }
     // Sends as much as possible. False when the connection is over.
     bool flush();
+    // Sends a notice before the client can receive anything that is sent later, and before it can
+    // have received all of what is waiting. False when that is impossible.
+    bool notify(std::string_view notice);
+    // Ends the connection for the other side at once, without destroying the object.
+    void cut() const;
     // Sends one byte at once, ahead of the queue. False when the connection is over or blocked.
     bool send_byte(char byte) const;
 
@@ -68,11 +75,14 @@ public:
     std::size_t accounted = 0;        // the bytes held that its user was charged for
 
 private:
+    ssize_t send_bytes(std::string_view bytes) const;
+
     UniqueFd socket;
     std::string input;
     std::size_t consumed = 0;
     std::string output;
     std::size_t sent = 0;
+    std::size_t whole_from = 0; // the rest of the output from here is sent at once; 0: none
 };
 
 } // namespace tav

@@ -43,6 +43,12 @@ Server::Server(Service &served, const Listener &listening, int signals, const Ri
     }
     watch(listener.fd(), listener_id, EPOLLIN, EPOLL_CTL_ADD);
     watch(signal_fd, signals_id, EPOLLIN, EPOLL_CTL_ADD);
+    service.holders().set_notify(
+        [this](std::uint64_t session, std::uint32_t serial) { notify(session, serial); });
+}
+
+Server::~Server() {
+    service.holders().set_notify({});
 }
 
 void Server::watch(int fd, PeerId id, std::uint32_t events, int operation) const {
@@ -362,6 +368,30 @@ Server::Turn Server::send(PeerId id, Peer &peer, std::string frame) {
         return Turn::over;
     }
     return peer.task ? Turn::next : Turn::over;
+}
+
+// Tells a client that its read-ahead is void. One that cannot be told loses its connection at once;
+// the rest of that happens when the loop finds it closed.
+void Server::notify(std::uint64_t session, std::uint32_t serial) noexcept {
+    const auto both = connections.find(session);
+    const auto found = both != connections.end() ? peers.find(both->second.calls) : peers.end();
+    if (found == peers.end()) {
+        return;
+    }
+    Peer &peer = *found->second;
+    bool told = false;
+    try {
+        Writer out;
+        put(out, ReplyHeader{serial, false, false, true});
+        told = peer.notify(out.finish());
+    } catch (const std::bad_alloc &) {
+        // As if it were full.
+    }
+    if (!told) {
+        peer.cut();
+        log_line("process %d of user %u was disconnected: it did not take a notice", peer.who.pid,
+                 peer.who.uid);
+    }
 }
 
 // Sends the client's wake-up byte if it is due, and ends a client that keeps too many events.

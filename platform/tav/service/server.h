@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <set>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -31,6 +32,10 @@ public:
     // `signals` (a signalfd). All three must outlive the server. Throws std::runtime_error when the
     // loop cannot be set up.
     Server(Service &served, const Listener &listening, int signals, const Rights &granted);
+
+    ~Server();
+    Server(const Server &) = delete;
+    Server &operator=(const Server &) = delete;
 
     // Returns when a signal has arrived. Throws std::runtime_error when waiting fails.
     void run();
@@ -69,6 +74,7 @@ private:
     Turn answer(PeerId id, Peer &peer, const Session &session, std::string frame);
     Turn send(PeerId id, Peer &peer, std::string frame);
     void release_blocked();
+    void notify(std::uint64_t session, std::uint32_t serial) noexcept;
     void look_after(const Session &session);
     void look_after_all();
     std::optional<Time> next_timer() const;

@@ -27,7 +27,11 @@ std::uint64_t random_token() {
 
 Service::Service(Store &store, std::string database, Clock time_source)
     : served(store), database_name(std::move(database)), clock(std::move(time_source)),
-      started(clock()) {}
+      started(clock()) {
+    served.before_reveal = [this](const Tree &before, const Tree &after) {
+        ahead.change(before, after);
+    };
+}
 
 Session &Service::open(const Credentials &peer, bool writer) {
     const Ticket ticket{next_session++, random_token()};
@@ -43,6 +47,7 @@ Session *Service::find(const Ticket &ticket) const {
 
 void Service::close(SessionId session) {
     dog.depart(session);
+    ahead.release(session);
     clients.erase(session);
     trim_events();
 }
@@ -64,8 +69,12 @@ Service::Begun Service::begin(Session &session, std::string_view body, std::stri
     const Time now = clock();
     switch (header.op) {
     case Op::watchdog_ping:
+    case Op::ping_after_answers:
         // No reply: the client continues at once and is not woken.
         if (empty) {
+            if (header.op == Op::ping_after_answers) {
+                session.request(now);
+            }
             session.ping(now);
             dog.ping(session.id(), now);
             reply.clear();
@@ -242,6 +251,7 @@ ServiceStatus Service::status() {
     limits_used.set(Limit::elements, extent.elements());
     limits_used.set(Limit::bytes, extent.bytes);
     limits_used.change(Limit::bytes, served.byte_limit);
+    limits_used.set(Limit::read_aheads, ahead.number());
 
     ServiceStatus status;
     status.pid = static_cast<std::uint32_t>(::getpid());

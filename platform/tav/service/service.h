@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "service/committer.h"
+#include "service/holders.h"
 #include "service/session.h"
 #include "service/store.h"
 #include "service/task.h"
@@ -28,7 +29,7 @@ public:
     Service(Store &served, std::string database, Clock time_source);
     Service(const Service &) = delete;
     Service &operator=(const Service &) = delete;
-    virtual ~Service() = default;
+    virtual ~Service() { served.before_reveal = nullptr; }
 
     // Adds a client, which may read, and may write if `writer`. The session lives until close().
     Session &open(const Credentials &peer, bool writer);
@@ -93,6 +94,8 @@ public:
     const Store &store() const { return served; }
     Store &store() { return served; }
     const Sessions &sessions() const { return clients; }
+    // The clients that may answer from a read-ahead.
+    Holders &holders() { return ahead; }
     Watchdog &watchdog() { return dog; }
     Time now() const { return clock(); }
     // The use of the limits, for display; the caller updates that of connections.
@@ -110,6 +113,7 @@ private:
     Clock clock;
     Time started;
     Sessions clients;
+    Holders ahead;
     Watchdog dog;
     Committer committer;
     SessionId next_session = 1;

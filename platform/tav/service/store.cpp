@@ -69,6 +69,9 @@ const Edit::Changes &Store::close_group() noexcept {
 
 void Store::finish(bool stored, Time now) noexcept {
     if (stored) {
+        if (before_reveal) {
+            before_reveal(committed, at_storage.tree);
+        }
         changed += at_storage.changes.empty() ? 0U : 1U;
         committed = at_storage.tree;
         sizes = at_storage.sizes;

@@ -44,6 +44,9 @@ public:
     // There is none before keep_history(). That must precede the first write.
     const HistoryLog &history() const { return past; }
     void keep_history(const HistoryBounds &bounds);
+    // Called before readers see `after` instead of `before`; must not throw.
+    using Reveal = std::function<void(const Tree &before, const Tree &after)>;
+    Reveal before_reveal;
     // See Storage::promise().
     const char *durability() const { return storage->promise(); }
     // Increases with each group that changes something.

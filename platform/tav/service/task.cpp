@@ -1,5 +1,6 @@
 #include "service/task.h"
 
+#include <algorithm>
 #include <chrono>
 #include <ctime>
 #include <optional>
@@ -118,6 +119,84 @@ private:
     bool well_formed = false;
     std::string path;
     std::optional<Walker> walker;
+};
+
+// Sends everything below a node, as of one moment, and from then on the client gets a notice before
+// anybody sees a change of it.
+class AllBelow : public Task {
+public:
+    AllBelow(Service &served, const Session &client, const RequestHeader &header,
+             std::string_view content)
+        : Task(header.serial), service(served), session(client.id()), number(header.serial) {
+        Reader in(content);
+        get(in, path);
+        well_formed = in.finished();
+    }
+
+    State step() override {
+        if (!well_formed) {
+            return State::malformed;
+        }
+        if (!walker && !start()) {
+            return State::done;
+        }
+        for (int i = 0; i < elements_at_once && made() < limits::reply_part_bytes; ++i) {
+            if (!walker->next()) {
+                service.usage().raise(Limit::read_ahead_bytes, sent);
+                return end(depth_end);
+            }
+            const std::size_t before = made();
+            put(out, ahead(walker->path(), walker->element()));
+            sent += made() - before;
+            if (sent > limits::read_ahead_bytes) {
+                service.usage().refuse(Limit::read_ahead_bytes);
+                service.holders().release(session);
+                return end(depth_too_large);
+            }
+        }
+        return State::working;
+    }
+
+private:
+    // False without a node.
+    bool start() {
+        const Tree &tree = service.store().tree();
+        api_status_t status = check_path(path);
+        const Element *const node = status == api_status_ok ? tree.find(path) : nullptr;
+        if (status == api_status_ok && (node == nullptr || !node->is_node())) {
+            status = node == nullptr ? api_status_absent : api_status_wrong_kind;
+        }
+        service.usage().count(status);
+        put(out, status);
+        service.holders().release(session);
+        if (status != api_status_ok) {
+            return false;
+        }
+        walker.emplace(node, tree, path);
+        walker->next(); // the node itself
+        service.holders().hold(session, number, path);
+        return true;
+    }
+    AheadElement ahead(std::string_view found, const Element &element) const {
+        const std::string_view below = found.substr(path == "/" ? 0 : path.size());
+        const Value &value = element.value();
+        return {static_cast<std::uint8_t>(std::count(below.begin(), below.end(), '/')),
+                element.content->name.text(), value.type, value.text, value.time};
+    }
+    State end(std::uint8_t how) {
+        AheadElement last;
+        last.depth = how;
+        put(out, last);
+        return State::done;
+    }
+
+    Service &service;
+    SessionId session;
+    std::uint32_t number; // of the request
+    bool well_formed = false;
+    std::string path;
+    std::optional<Walker> walker;
+    std::size_t sent = 0; // bytes of elements
 };
 
 // Carries out a transaction and waits until it is committed. A long one begins again when others
@@ -354,6 +433,8 @@ std::unique_ptr<Task> make_task(Service &service, Session &session, const Reques
     case Op::list:
     case Op::dump:
         return std::make_unique<Listing>(service, header, content);
+    case Op::read_ahead:
+        return std::make_unique<AllBelow>(service, session, header, content);
     case Op::transact:
         return std::make_unique<Write>(service, session, header, content);
     case Op::event_register:

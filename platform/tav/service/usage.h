@@ -28,6 +28,8 @@ enum class Limit : std::size_t {
     request_paths,
     event_bytes,
     held_bytes,
+    read_aheads,
+    read_ahead_bytes,
     greeting,
     number_ // number of limits
 };

@@ -124,6 +124,27 @@ bool is_dump(tav::Reader in) {
     return in.finished();
 }
 
+// Elements, each of which is at most one deeper than the one before and below a node.
+bool is_read_ahead(tav::Reader in) {
+    api_status_t status = api_status_none;
+    tav::get(in, status);
+    bool of_node = true;
+    unsigned int depth = 0;
+    tav::AheadElement element;
+    while (status == api_status_ok) {
+        tav::get(in, element);
+        if (!in.ok() || element.depth == tav::depth_end) {
+            break;
+        }
+        if (element.depth > depth + (of_node ? 1U : 0U) || element.name.empty()) {
+            return false;
+        }
+        depth = element.depth;
+        of_node = element.type == element_type_node;
+    }
+    return in.finished();
+}
+
 // Whether a reply's content is what the library expects for that kind of request.
 bool answers(tav::Op op, const tav::Reader &in) {
     switch (op) {
@@ -131,6 +152,8 @@ bool answers(tav::Op op, const tav::Reader &in) {
         return are_messages<tav::LeafAnswer>(in);
     case tav::Op::list:
         return is_listing(in);
+    case tav::Op::read_ahead:
+        return is_read_ahead(in);
     case tav::Op::transact:
         return are_messages<api_status_t>(in);
     case tav::Op::events_get:
@@ -222,7 +245,8 @@ std::vector<std::string> serve(const std::string &stream, tav::Peer &peer, tav::
             if (!service.handle(session, body, reply)) {
                 return taken;
             }
-            if (static_cast<tav::Op>(taken.back()[0]) == tav::Op::watchdog_ping) {
+            const auto kind = static_cast<tav::Op>(taken.back()[0]);
+            if (kind == tav::Op::watchdog_ping || kind == tav::Op::ping_after_answers) {
                 require(reply.empty(), "an answer to a ping");
             } else {
                 check_reply(taken.back(), reply);

@@ -39,7 +39,7 @@ std::string random_length(Random &random) {
 // A request as a client could send it, of a random kind. Writes go below /junk.
 std::string proper_request(Random &random) {
     const std::string path = "/junk/" + std::to_string(random() % 20);
-    switch (random() % 8) {
+    switch (random() % 10) {
     case 0:
         return request_frame(Op::read, [&](tav::Writer &out) {
             put_all(out, std::vector<std::string>{path, "/junk"});
@@ -62,6 +62,11 @@ std::string proper_request(Random &random) {
     case 5:
         return request_frame(Op::events_get);
     case 6:
+        return request_frame(Op::ping_after_answers);
+    case 7:
+        return request_frame(Op::read_ahead,
+                             [](tav::Writer &out) { put(out, std::string_view("/junk")); });
+    case 8:
         return request_frame(Op::watchdog_register, [](tav::Writer &out) {
             put(out, tav::WatchdogRequest{"junk", 60, true});
         });
