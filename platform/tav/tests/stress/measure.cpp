@@ -11,6 +11,9 @@ namespace stress {
 using Clock = std::chrono::steady_clock;
 
 double Times::at(double part) {
+    if (microseconds.empty()) {
+        return 0; // one call took all the time
+    }
     std::sort(microseconds.begin(), microseconds.end());
     const auto last = static_cast<double>(microseconds.size() - 1);
     return microseconds[static_cast<std::size_t>(part * last)];
