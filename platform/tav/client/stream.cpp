@@ -10,7 +10,6 @@
 #include <cerrno>
 #include <cstring>
 
-#include "client/short_wait.h"
 #include "protocol/codec.h"
 #include "protocol/protocol.h"
 
@@ -126,9 +125,8 @@ void FrameStream::make_room() {
 StreamResult FrameStream::receive(int fd, std::string_view &body, Clock::time_point deadline) {
     discard_last();
     FrameState state = FrameState::incomplete;
-    ShortWait short_wait;
     // Wait with poll: a blocking receive would also be woken when the other side reads the request.
-    bool wait = !short_wait.goes_on();
+    bool wait = true;
     while ((state = next_frame(arrived(), body)) == FrameState::incomplete) {
         if (wait && !wait_for(fd, POLLIN, deadline)) {
             return StreamResult::timed_out;
@@ -143,7 +141,7 @@ StreamResult FrameStream::receive(int fd, std::string_view &body, Clock::time_po
         if (got < 0 && !again(errno) && errno != EINTR) {
             return StreamResult::failed;
         }
-        wait = got < 0 && !short_wait.goes_on();
+        wait = got < 0;
         filled += got > 0 ? static_cast<std::size_t>(got) : 0;
     }
     if (state == FrameState::too_large) {

@@ -10,7 +10,6 @@
 #include <stdexcept>
 #include <string>
 
-#include "client/short_wait.h"
 #include "protocol/limits.h"
 #include "service/garbage.h"
 #include "service/log.h"
@@ -70,26 +69,11 @@ void Server::watch(PeerId id, Peer &peer, std::uint32_t events) const {
     }
 }
 
-// A client that was just served usually sends another request before this process could sleep.
-int Server::wait_for(Events &events) {
-    const auto size = static_cast<int>(events.size());
-    if (served_lately && timeout() != 0) {
-        ShortWait wait;
-        while (wait.goes_on()) {
-            const int ready = ::epoll_wait(epoll.get(), events.data(), size, 0);
-            if (ready != 0) {
-                return ready;
-            }
-        }
-    }
-    served_lately = false;
-    return ::epoll_wait(epoll.get(), events.data(), size, timeout());
-}
-
 void Server::run() {
     Events events{};
     for (;;) {
-        const int ready = wait_for(events);
+        const int ready =
+            ::epoll_wait(epoll.get(), events.data(), static_cast<int>(events.size()), timeout());
         if (ready < 0 && errno != EINTR) {
             fail("epoll_wait");
         }
@@ -296,7 +280,6 @@ Server::Turn Server::begin(PeerId id, Peer &peer) {
     Session *session = nullptr;
     if (peer.role == Peer::Role::calls && peer.attached) {
         session = service.sessions().at(peer.session).get();
-        served_lately = true;
         begun = service.begin(*session, body, reply, peer.task);
     }
     if (begun == Service::Begun::malformed) {

@@ -60,7 +60,6 @@ private:
     using Events = std::array<epoll_event, 64>;
 
     // server.cpp: the loop and the requests.
-    int wait_for(Events &events);
     void watch(int fd, PeerId id, std::uint32_t events, int operation) const;
     void watch(PeerId id, Peer &peer, std::uint32_t events) const;
     bool handle_events(const Events &events, int ready);
@@ -100,7 +99,6 @@ private:
     int signal_fd;
     Rights rights;
     UniqueFd epoll;
-    bool served_lately = false; // a request came since the last sleep
     std::map<PeerId, std::unique_ptr<Peer>> peers;
     std::map<std::uint64_t, Connections> connections;
     std::map<uid_t, User> users;
