@@ -219,6 +219,7 @@ bool Connection::has_arrived() const {
 bool Connection::ping() {
     const bool sent = !lost && send_ping();
     if (wake.is_left_alone()) {
+        ahead.ask_next();
         Writer acknowledgement = request(Op::wake_acknowledge);
         std::string_view reply;
         if (!exchange(Op::wake_acknowledge, acknowledgement, reply)) {

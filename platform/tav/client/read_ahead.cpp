@@ -61,13 +61,15 @@ void ReadAhead::listed(const std::string &path) {
 
 // True when the memory may answer for these paths.
 bool ReadAhead::prepare(Connection &connection, const std::vector<std::string> &paths) {
-    if (!wanted || paths.size() > most_paths || !connection.usable()) {
+    if (std::exchange(asks, false) || !wanted || paths.size() > most_paths ||
+        !connection.usable()) {
         return false;
     }
     if (voided || (!memory.path().empty() && connection.has_arrived())) {
         drop();
     }
     if (covers(memory.path(), paths)) {
+        connection.answered_here(); // an exchange will revoke that
         return true;
     }
     if (!covers(node, paths) || node == too_large || ++calls < patience) {
@@ -119,7 +121,6 @@ bool ReadAhead::read(Connection &connection, const std::vector<std::string> &pat
         }
     }
     ++answers;
-    connection.answered_here();
     return true;
 }
 
@@ -129,7 +130,6 @@ bool ReadAhead::list(Connection &connection, const std::string &path, api_status
         return false;
     }
     ++answers;
-    connection.answered_here();
     return true;
 }
 

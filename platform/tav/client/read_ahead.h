@@ -33,6 +33,9 @@ public:
 
     // The notice of the read-ahead with that serial number has arrived. False if it was not due.
     bool take_notice(std::uint32_t serial);
+    // A wake-up was acknowledged without a fetch: the next read is a request, so that the service
+    // signals the events again.
+    void ask_next() { asks = true; }
     // The connection is lost.
     void lose() { drop(); }
 
@@ -43,6 +46,7 @@ private:
     void drop();
 
     bool wanted;
+    bool asks = false; // the next read is left to the service
     Snapshot memory;
     bool voided = false;      // the memory is good for the call that requested it, and no other
     std::uint32_t held = 0;   // serial number of the read-ahead whose notice may come; 0: none

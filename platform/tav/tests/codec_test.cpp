@@ -168,14 +168,15 @@ TEST(Messages, EachKindSurvivesTheRoundTripAndNoCutOfIt) {
 }
 
 TEST(Messages, AReplyHasNoUnknownFlags) {
-    for (char flags = 0; flags < 8; ++flags) {
+    for (char flags = 0; flags < 16; ++flags) {
         const std::string body = std::string("\0\0\0\x01", 4) + flags;
         Reader reader(body);
         ReplyHeader header;
         get(reader, header);
-        EXPECT_EQ(reader.ok(), flags < 4);
+        EXPECT_EQ(reader.ok(), flags < 8);
         EXPECT_EQ(header.drain, flags % 2 == 1);
         EXPECT_EQ(header.more, flags / 2 % 2 == 1);
+        EXPECT_EQ(header.notice, flags / 4 % 2 == 1);
     }
 }
 

@@ -4,7 +4,8 @@
 //
 // The service handles a request at one moment; the reply reaches the client at a later one, and
 // anything may happen in between. Pings have no reply: the client continues, and the service
-// handles them at some time before the next request. The client is in normal operation (it fetches
+// handles them at some time before the next request. The library may answer a request from memory;
+// the service then learns of it with the next ping. The client is in normal operation (it fetches
 // whenever its wait saw the descriptor readable) or in discovery (it does not fetch events); it may
 // change from discovery to normal operation once, with a request.
 #include <gtest/gtest.h>
@@ -40,13 +41,18 @@ struct World {
     int long_ticks = 0;
     int other_readiness = 0; // waits that end because of another descriptor
     int requests = 0;
+    bool remembers = false; // requests may be answered from memory
     bool discovery = false;
     bool resuming = false; // discovery is over, but the service does not know yet
 
     int pending = 0; // events in the client's queue
     int bytes = 0;   // in the wake-up connection
     Phase phase = Phase::waiting;
-    int pings = 0; // on their way
+    int pings = 0;               // on their way
+    unsigned int announcing = 0; // which of them say that requests were answered from memory
+    bool unannounced = false;    // the next one will
+    bool must_ask = false;       // the library leaves the next request to the service
+    int announced = -1;          // when the service handled the last ping that says so
     Attention attention;
     bool saw = false;      // the last wait saw the descriptor readable
     bool drain = false;    // the pending reply says so
@@ -58,7 +64,8 @@ struct World {
     auto key() const {
         return std::make_tuple(wake.state(), time, events, short_ticks, long_ticks, other_readiness,
                                requests, discovery, resuming, pending, bytes, phase, pings,
-                               attention.state(), saw, drain, shown, silent_since, acknowledged);
+                               attention.state(), saw, drain, shown, silent_since, acknowledged,
+                               announcing, unannounced, must_ask, announced);
     }
 };
 
@@ -130,6 +137,12 @@ private:
         }
         if (world.wake.due() && *world.wake.due() <= world.now()) {
             World next = world;
+            // (d) The service leaves a client time that answers itself, but not for ever.
+            if (next.announced >= 0) {
+                const Time wanted = *std::get<1>(next.wake.state());
+                EXPECT_TRUE(next.time - next.announced >= wake_pause.count() ||
+                            next.now() - wanted >= wake_wait_limit);
+            }
             next.wake.sent();
             ++next.bytes;
             // (b) After an acknowledgement without a fetch the next byte is delayed.
@@ -141,6 +154,10 @@ private:
         if (world.pings > 0) {
             World next = world;
             --next.pings;
+            if ((std::exchange(next.announcing, next.announcing >> 1U) & 1U) != 0) {
+                next.wake.request(next.now(), next.pending > 0);
+                next.announced = next.time;
+            }
             next.wake.ping(next.now());
             visit(next);
         }
@@ -150,6 +167,12 @@ private:
             next.resuming = true;
             next.phase = Phase::requesting;
             visit(next);
+            if (world.remembers && !world.must_ask) {
+                World remembering = world;
+                remembering.discovery = false;
+                remembering.unannounced = true;
+                visit(remembering);
+            }
         }
     }
 
@@ -169,6 +192,8 @@ private:
             next.phase = Phase::pinging;
             break;
         case Phase::pinging:
+            next.announcing |= (world.unannounced ? 1U : 0U) << world.pings;
+            next.unannounced = false;
             ++next.pings;
             if (next.attention.is_missing(world.bytes > 0)) {
                 next.phase = Phase::acknowledging;
@@ -199,14 +224,18 @@ private:
             world.drain = world.wake.acknowledge(world.now());
             EXPECT_TRUE(world.drain) << "the byte that the ping found was acknowledged before";
             world.acknowledged = world.time;
+            world.must_ask = true;
             world.phase = Phase::acknowledged;
         } else if (world.phase == Phase::fetching) {
+            world.unannounced = false;
             world.drain = world.wake.fetch(world.now());
             world.pending = 0;
             world.phase = Phase::fetch_answered;
         } else {
             world.wake.request(world.now(), world.pending > 0);
             world.resuming = false;
+            world.must_ask = false;
+            world.unannounced = false;
             world.phase = Phase::waiting;
         }
     }
@@ -236,6 +265,13 @@ private:
             --working.requests;
             working.phase = Phase::requesting;
             visit(working);
+            if (world.remembers && !world.must_ask) {
+                World remembering = world;
+                --remembering.requests;
+                remembering.unannounced = true;
+                remembering.phase = Phase::waiting;
+                visit(remembering);
+            }
         }
         world.phase = Phase::waiting;
         visit(world);
@@ -265,6 +301,23 @@ TEST(WakeModel, InNormalOperationNoEventIsLostInAnyInterleaving) {
 
 TEST(WakeModel, InDiscoveryTheDescriptorFallsSilentAndNothingIsLostAfterwards) {
     World world = world_with(3, 3, 1, 3, 1);
+    world.discovery = true;
+    const std::size_t states = Explorer().explore(world);
+    EXPECT_GT(states, 10000U);
+    RecordProperty("states", static_cast<int>(states));
+}
+
+TEST(WakeModel, WithAnswersFromMemoryNoEventIsLostInAnyInterleaving) {
+    World world = world_with(2, 3, 1, 2, 2);
+    world.remembers = true;
+    const std::size_t states = Explorer().explore(world);
+    EXPECT_GT(states, 10000U);
+    RecordProperty("states", static_cast<int>(states));
+}
+
+TEST(WakeModel, ADiscoveryThatEndsWithAnswersFromMemoryLosesNothing) {
+    World world = world_with(2, 3, 1, 2, 1);
+    world.remembers = true;
     world.discovery = true;
     const std::size_t states = Explorer().explore(world);
     EXPECT_GT(states, 10000U);

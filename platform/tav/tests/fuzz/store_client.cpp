@@ -1,12 +1,14 @@
 // What a service may send the store's client library: frames in any portions, replies of any
 // content. Each call either returns exactly the content of the reply or fails, and after a failure
-// every call fails.
+// every call fails. Or a service that behaves, with a tree that changes at any time: no call
+// returns an older state of it.
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <deque>
+#include <map>
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -42,6 +44,14 @@ struct service_t {
     std::string calls;        // on their way to the client, on each connection
     std::string wake;
     std::deque<reply_t> replies; // to the coming requests
+
+    // Of a service that behaves; its requests are answered from these.
+    bool behaves = false;
+    std::map<std::string, std::string> leaves; // of the node /a
+    std::uint32_t held = 0;                    // the serial number of a read-ahead; 0: none
+    std::string change;                        // before the next request is answered
+    bool asked = false;                        // a request has come
+    std::uint8_t last_kind = 0;                // of a request
 };
 
 service_t &service() {
@@ -74,9 +84,73 @@ std::string frame_of(const reply_t &reply, std::uint32_t serial) {
     return big_endian(body.size(), 4) + body;
 }
 
+// Sets one leaf to one of two values, or removes it.
+void change_tree(std::uint8_t how) {
+    const std::string name(1, static_cast<char>('a' + how % 3));
+    service().leaves.erase(name);
+    if (how / 3 % 3 != 0) {
+        service().leaves[name] = how / 3 % 3 == 1 ? "one" : "another";
+    }
+    if (service().held != 0) {
+        service().calls += big_endian(5, 4) + big_endian(service().held, 4) + '\4';
+        service().held = 0;
+    }
+}
+
+std::string text_of(const std::string &text) {
+    return big_endian(text.size(), 4) + text;
+}
+
+std::string proper_read(const std::string &body) {
+    std::string reply = body.substr(5, 4);
+    for (std::size_t at = 9; at < body.size(); at += 4 + number_at(body, at)) {
+        const std::string path = body.substr(at + 4, number_at(body, at));
+        const auto leaf = service().leaves.find(path.substr(3));
+        reply += leaf == service().leaves.end() ? std::string(1, '\2')
+                                                : "\1\6" + text_of(leaf->second) + big_endian(7, 8);
+    }
+    return reply;
+}
+
+void behave(std::string &connection, const std::string &body) {
+    service().last_kind = static_cast<std::uint8_t>(body[0]);
+    const auto kind = static_cast<tav::Op>(body[0]);
+    if (kind == tav::Op::watchdog_ping || kind == tav::Op::ping_after_answers) {
+        return;
+    }
+    service().asked = true;
+    for (const char how : service().change) {
+        change_tree(static_cast<std::uint8_t>(how));
+    }
+    service().change.clear();
+    std::string content = "\1";
+    if (kind == tav::Op::read) {
+        content = proper_read(body);
+    } else if (kind == tav::Op::list) {
+        content += big_endian(service().leaves.size(), 4);
+        for (const auto &[name, text] : service().leaves) {
+            content += text_of(name) + '\6';
+        }
+    } else {
+        require(kind == tav::Op::read_ahead, "a strange request");
+        service().held = number_at(body, 1);
+        for (const auto &[name, text] : service().leaves) {
+            content += "\1\6" + text_of(name) + text_of(text) + big_endian(7, 8);
+        }
+        content += '\0';
+    }
+    connection += frame_of({true, false, "", content}, number_at(body, 1));
+}
+
 // Answers each complete request except pings.
 void serve(std::string &connection) {
     std::string &request = service().request;
+    while (service().behaves && service().replies.empty() && request.size() >= 4 &&
+           request.size() - 4 >= number_at(request, 0)) {
+        const std::string body = request.substr(4, number_at(request, 0));
+        request.erase(0, 4 + body.size());
+        behave(connection, body);
+    }
     while (request.size() >= 4 && request.size() - 4 >= number_at(request, 0)) {
         require(number_at(request, 0) >= 5, "a request without a header");
         service().serial = number_at(request, 5);
@@ -136,6 +210,10 @@ ssize_t __wrap_read(int fd, void *buffer, std::size_t size) {
 // When no bytes are left, the service has closed the connection.
 ssize_t __wrap_recv(int fd, void *buffer, std::size_t size, int flags) {
     std::string &stream = stream_of(fd);
+    if (service().behaves && stream.empty() && (flags & MSG_PEEK) != 0) {
+        errno = EAGAIN;
+        return -1;
+    }
     const std::size_t given = std::min({size, service().portion, stream.size()});
     std::memcpy(buffer, stream.data(), given);
     stream.erase(0, (flags & MSG_PEEK) != 0 ? 0 : given);
@@ -461,16 +539,102 @@ reply_t take_reply(fuzz::input_t &input) {
     return reply;
 }
 
+// One call on a service that behaves, unless it is `spoiled`. False if it failed.
+bool check_current(toolkit::CTav &tav, fuzz::input_t &input, bool list, bool spoiled) {
+    std::vector<api_status_t> statuses;
+    std::vector<toolkit::CElement> values;
+    std::vector<element_property_t> properties;
+    std::vector<toolkit::child_t> children;
+    api_status_t status = api_status_none;
+    std::string found;
+    std::string wanted;
+    if (list) {
+        if (tav.list_node("/a", status, children) != 0) {
+            return false;
+        }
+        for (const toolkit::child_t &child : children) {
+            found += child.first + std::to_string(child.second.first) + "\n";
+        }
+        for (const auto &[name, text] : service().leaves) {
+            wanted += name + "6\n";
+        }
+    } else {
+        std::vector<tk_string> paths(1 + input.byte() % 2U, "/a/b");
+        paths[0] = std::string("/a/") + static_cast<char>('a' + input.byte() % 3U);
+        if (tav.get_leaves(paths, statuses, values, properties) != 0) {
+            return false;
+        }
+        for (std::size_t i = 0; i < paths.size(); ++i) {
+            const auto leaf = service().leaves.find(paths[i].substr(3));
+            const bool there = leaf != service().leaves.end();
+            found += std::to_string(statuses[i]) + values[i].to_string() + "\n";
+            wanted += there ? "1" + leaf->second + "\n" : "2\n";
+        }
+    }
+    if (!spoiled) {
+        fuzz::require_same(found, wanted, "another state than the present one");
+    }
+    return true;
+}
+
+// A ping says whether calls were answered from memory since the last message.
+bool check_ping(toolkit::CTav &tav, bool from_memory, bool spoiled) {
+    api_status_t status = api_status_none;
+    const bool fine = tav.watchdog_ping(status) == 0;
+    const tav::Op wanted = from_memory ? tav::Op::ping_after_answers : tav::Op::watchdog_ping;
+    require(spoiled || !fine || service().last_kind == static_cast<std::uint8_t>(wanted),
+            "the ping is of the wrong kind");
+    return fine;
+}
+
+void check_memory(toolkit::CTav &tav, fuzz::input_t &input) {
+    bool spoiled = false;
+    bool lost = false;
+    bool from_memory = false;
+    while (!input.empty()) {
+        const unsigned int what = input.byte() % 16U;
+        bool fine = true;
+        service().asked = false;
+        if (what < 4) {
+            change_tree(input.byte());
+            continue;
+        }
+        if (what < 6) {
+            service().change.push_back(static_cast<char>(input.byte()));
+            continue;
+        }
+        if (what == 6) {
+            service().calls += input.bytes(input.byte());
+            spoiled = true;
+            continue;
+        }
+        if (what == 7) {
+            fine = check_ping(tav, from_memory, spoiled);
+            from_memory = false;
+        } else {
+            fine = check_current(tav, input, what < 11, spoiled);
+            from_memory = !service().asked;
+        }
+        require(spoiled || fine, "a call failed");
+        require(!lost || !fine, "a call on a lost connection");
+        lost = !fine;
+    }
+}
+
 } // namespace
 
 // An input is the size of the portions, then calls: which, flags, length and bytes of the reply. If
 // the highest bit of the first byte is set, the two replies to connecting also come from the input.
+// With the next bit it is what happens with a service that behaves.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     fuzz::input_t input(data, size);
     const unsigned head = input.byte();
     service() = {};
-    service().portion = (head & 0x7fU) == 0 ? 65536 : head & 0x7fU;
-    if ((head & 0x80U) != 0) {
+    service().behaves = (head & 0xc0U) == 0x40U;
+    service().portion = (head & 0x3fU) == 0 ? 65536 : head & 0x3fU;
+    const bool from_input = (head & 0x80U) != 0;
+    ::setenv("TAV_READ_AHEAD", service().behaves ? "1" : "0", 1);
+    if (from_input) {
         service().replies = {take_reply(input), take_reply(input)};
     } else {
         service().replies = {{true, false, "", std::string(16, 't')}, {true, false, "", ""}};
@@ -479,9 +643,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     toolkit::CTav tav(mlr_init());
     client_t client;
     client.lost = tav.handle == nullptr;
-    require(!client.lost || (head & 0x80U) != 0, "could not connect");
+    require(!client.lost || from_input, "could not connect");
     take_frame(client, hello);
     service().wake.clear();
+    if (service().behaves) {
+        check_memory(tav, input);
+    }
     while (!input.empty()) {
         const auto which = static_cast<call_t>(input.byte() % calls_in_all);
         check_call(tav, which, take_reply(input), client);
