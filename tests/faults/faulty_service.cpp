@@ -34,6 +34,18 @@ std::string reply_with(const tav::ReplyHeader &header, const std::vector<Event> 
     return out.finish();
 }
 
+// As if there were too much below the node: the client then reads plainly, and each read can be
+// struck.
+std::string decline_read_ahead(std::uint32_t serial) {
+    Writer out;
+    put(out, tav::ReplyHeader{serial, false});
+    put(out, api_status_ok);
+    tav::AheadElement mark;
+    mark.depth = tav::depth_too_large;
+    put(out, mark);
+    return out.finish();
+}
+
 bool concerns_events(Mode mode) {
     return mode == Mode::duplicate || mode == Mode::reorder || mode == Mode::spurious;
 }
@@ -80,6 +92,7 @@ bool FaultyService::look_at(std::string_view body, Request &request) {
         request.operation = Operation::watchdog;
         return true;
     case Op::watchdog_ping:
+    case Op::ping_after_answers:
         request.operation = Operation::ping;
         return true;
     default:
@@ -106,6 +119,11 @@ tav::Service::Begun FaultyService::begin(Session &session, std::string_view body
                                          std::string &reply, std::unique_ptr<tav::Task> &task) {
     Request request;
     Victim *const victim = look_at(body, request) ? victim_of(session, request) : nullptr;
+    if (request.header.op == Op::read_ahead && victims.count(session.id()) > 0) {
+        reply = decline_read_ahead(request.header.serial);
+        session.request(now());
+        return Begun::answered;
+    }
     // Nothing can be carried out at once beside a long transaction of another client.
     if (victim == nullptr || busy()) {
         return Service::begin(session, body, reply, task);
