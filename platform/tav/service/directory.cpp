@@ -77,8 +77,8 @@ void require_private(const std::string &directory) {
     }
     if ((info.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
         throw std::runtime_error("others can create files in directory '" + directory +
-                                 "': use a directory of its own, or chmod go-w '" + directory +
-                                 "'");
+                                 "': use a directory that only the service uses, or chmod go-w '" +
+                                 directory + "'");
     }
 }
 

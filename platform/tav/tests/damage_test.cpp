@@ -283,7 +283,8 @@ TEST_F(DamageTest, ADirectoryThatOthersCanWriteToIsRefused) {
             EXPECT_EQ(ran.status, 1);
             EXPECT_EQ(ran.errors,
                       "tavd: database '" + name + "': others can create files in directory '" +
-                          dir.file("open") + "': use a directory of its own, or chmod go-w '" +
+                          dir.file("open") +
+                          "': use a directory that only the service uses, or chmod go-w '" +
                           dir.file("open") + "'\n");
         }
         std::filesystem::rename(dir.file("open/store.db"), database);
