@@ -109,7 +109,7 @@ private:
         view.addresses.push_back(row);
     }
 
-    // The kernel's default routes, and the stored gateway beside the static one.
+    // Adds the kernel's default routes, and the stored gateway in the row of the static one.
     void add_gateways(interface_view_t &view,
                       const std::vector<const stored_interface_t *> &nodes) const {
         for (const kernel_route_t &route : kernel.routes) {

@@ -51,8 +51,7 @@ bool has_node(const store_view_t &store, long number) {
     return false;
 }
 
-// Gathers the settings of a link that has several interface nodes in the one that tandrel writes
-// to.
+// Moves the settings of a link that has several interface nodes to the node that tandrel writes to.
 class merger_t {
 public:
     merger_t(const store_view_t &store, const options_t &options, long link_number)

@@ -1,6 +1,6 @@
 #!/bin/bash
-# Boots the tree with systemd, in a container, and checks the services there. In a mount namespace
-# of its own.
+# Boots the tree with systemd, in a container, and checks the services there. Call this in a new
+# mount namespace.
 set -u
 root=$1
 mount --make-rprivate /

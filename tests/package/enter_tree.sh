@@ -1,6 +1,6 @@
 #!/bin/bash
-# enter_tree.sh TREE COMMAND...: runs a command in a Debian tree, with /proc, /sys, /dev and a /run of
-# its own. In a mount namespace of its own. The file that $counts names can be written from inside.
+# enter_tree.sh TREE COMMAND...: runs a command in a Debian tree, with /proc, /sys, /dev and an empty
+# /run. Call this in a new mount namespace. The command can write to the file that $counts names.
 set -u
 root=$1
 shift

@@ -1,6 +1,6 @@
 #!/bin/bash
 # fetch.sh TREE ARCHIVES PACKAGE...: fetches everything that installing the packages in the tree
-# needs, and keeps it in ARCHIVES. In a mount namespace of its own.
+# needs, and keeps it in ARCHIVES. Call this in a new mount namespace.
 set -eu
 tree=$1
 archives=$2

@@ -173,7 +173,8 @@ bool lets_go_of_all() {
 } // namespace
 
 int main(int argc, char **argv) {
-    CLI::App app{"Sends the settings service random and truncated frames, beside a proper client."};
+    CLI::App app{
+        "Sends the settings service random and truncated frames while a proper client works."};
     long connections = 3000;
     unsigned int seed = std::random_device()();
     app.add_option("--connections", connections, "how many clients misbehave")
@@ -200,9 +201,10 @@ int main(int argc, char **argv) {
         stop = true;
         good.join();
         alive = alive && service.process().running() && lets_go_of_all();
-        std::printf("%ld connections with junk (seed %u): service %s, %ld calls of a proper client "
-                    "beside them, %ld wrong\n",
-                    connections, seed, alive ? "serves" : "FAILED", calls.load(), wrong.load());
+        std::printf(
+            "%ld connections with junk (seed %u): service %s, %ld calls of a proper client, "
+            "%ld of them wrong\n",
+            connections, seed, alive ? "serves" : "FAILED", calls.load(), wrong.load());
         return alive && wrong == 0 && calls > 0 ? 0 : 1;
     } catch (const std::exception &error) {
         std::fprintf(stderr, "seed %u: %s\n", seed, error.what());
