@@ -74,6 +74,7 @@ Service::Begun Service::begin(Session &session, std::string_view body, std::stri
         if (empty) {
             if (header.op == Op::ping_after_answers) {
                 session.request(now);
+                session.list(now); // of what the client had read ahead
             }
             session.ping(now);
             dog.ping(session.id(), now);
@@ -94,7 +95,7 @@ Service::Begun Service::begin(Session &session, std::string_view body, std::stri
         }
         break;
     default:
-        if (header.op == Op::list) {
+        if (header.op == Op::list || header.op == Op::read_ahead) {
             session.list(now);
         }
         task = make_task(*this, session, header, in.remaining());
