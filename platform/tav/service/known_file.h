@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <string>
 
 namespace tav {
@@ -23,8 +24,8 @@ public:
 private:
     std::string file_name;
     dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
+    std::uint64_t inode = 0;
+    std::int64_t size = 0;
 };
 
 } // namespace tav

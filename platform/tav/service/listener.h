@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -36,7 +37,7 @@ private:
     // A file, whatever its name is now. All zero: none.
     struct FileId {
         dev_t device = 0;
-        ino_t inode = 0;
+        std::uint64_t inode = 0;
         bool operator==(const FileId &other) const {
             return device == other.device && inode == other.inode;
         }

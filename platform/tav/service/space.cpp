@@ -27,7 +27,7 @@ bool reserve(int fd, off_t size) {
 
 } // namespace
 
-void Space::reserve_database(off_t size) {
+void Space::reserve_database(std::int64_t size) {
     if (size == reserved) {
         return;
     }

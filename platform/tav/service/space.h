@@ -2,8 +2,7 @@
 // log first. File systems that cannot reserve space are not helped.
 #pragma once
 
-#include <sys/types.h>
-
+#include <cstdint>
 #include <string>
 
 namespace tav {
@@ -14,7 +13,7 @@ public:
     explicit Space(int database) : fd(database) {}
 
     // The content of the log can always be brought into a database of this size. Throws DiskFull.
-    void reserve_database(off_t size);
+    void reserve_database(std::int64_t size);
     // What was reserved may have been given back.
     void forget_database() { reserved = 0; }
     // The log has room for a while, if the disk has.
@@ -22,7 +21,7 @@ public:
 
 private:
     int fd;
-    off_t reserved = 0;
+    std::int64_t reserved = 0;
 };
 
 } // namespace tav
