@@ -103,6 +103,15 @@ protected:
     }
 };
 
+TEST_F(SecondLinkOfOneName, IsNotWritten) {
+    engine().sync_all();
+    EXPECT_EQ(entry(3).iface.number, 1);
+    EXPECT_EQ(entry(5).iface.number, 0);
+    EXPECT_EQ(fake_tav::writes(), 1U);
+    EXPECT_EQ(stored(1), strings{"fe80::3/64 Link-Local 1"});
+    EXPECT_FALSE(fake_tav::exists(at("1/IPv6/Default Gateway")));
+}
+
 TEST_F(SecondLinkOfOneName, LosesTheNumberThatItHad) {
     entry(5).iface.number = 1;
     entry(5).listed_nodes = {"1"};
