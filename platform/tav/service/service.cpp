@@ -161,6 +161,7 @@ void Service::commit() {
         return;
     }
     const Edit::Changes &changes = served.close_group();
+    ++released; // for those that the full group let wait
     note_memory(changes.size() * sizeof(Change));
     if (!changes.empty() && served.permanent().is_slow(changes.size())) {
         try {
@@ -186,7 +187,7 @@ void Service::group_ended() {
 }
 
 bool Service::take_turn() {
-    if (at_work || registrations > 0) {
+    if (at_work || registrations > 0 || served.group_is_full()) {
         return false;
     }
     at_work = true;

@@ -75,6 +75,9 @@ public:
                                        const Author &author);
     // A group forms; one is being committed.
     bool has_group() const { return forming.result != nullptr; }
+    // It has as much as one call may have. The next transaction waits for the next group, or a slow
+    // storage would let one grow with the number of clients.
+    bool group_is_full() const { return forming.changes.size() >= limits::paths_per_request; }
     bool committing() const { return at_storage.result != nullptr; }
     // Closes the group that forms, if there is one and none is being committed. The storage must
     // commit what is returned, unless it is empty; it is valid until finish().

@@ -224,3 +224,37 @@ TEST_F(GroupsTest, ARegistrationThatNeedNotWaitStopsNoTransaction) {
     service.commit();
     end_commit(true);
 }
+
+TEST_F(GroupsTest, AFullOneTakesNoMore) {
+    const Request first = write({set("/a")});
+    EXPECT_EQ(first.step(), State::blocked);
+    service.commit();
+    std::vector<Item> many;
+    for (std::size_t i = 0; i < limits::paths_per_request; ++i) {
+        many.push_back(set("/n/" + std::to_string(i)));
+    }
+    const Request second = write(many);
+    State state = State::working;
+    while (state == State::working) {
+        state = second.step();
+    }
+    EXPECT_EQ(state, State::blocked);
+    EXPECT_TRUE(store.group_is_full());
+    const Request third = write({set("/b")});
+    EXPECT_EQ(third.step(), State::blocked);
+    EXPECT_TRUE(service.writers_wait());
+    const std::uint64_t before = service.releases();
+    end_commit(true);
+    EXPECT_GT(service.releases(), before);
+    EXPECT_EQ(third.step(), State::blocked);
+    EXPECT_TRUE(service.writers_wait());
+    service.commit();
+    EXPECT_GT(service.releases(), before + 1);
+    EXPECT_EQ(third.step(), State::blocked);
+    EXPECT_FALSE(service.writers_wait()) << "it was carried out";
+    end_commit(true);
+    service.commit();
+    end_commit(true);
+    EXPECT_EQ(third.step(), State::done);
+    EXPECT_EQ(storage->committed.size(), 3U);
+}
