@@ -24,6 +24,8 @@
 namespace {
 
 constexpr useconds_t between_changes_us = 200000;
+// A busy disk may delay a change by some hundred milliseconds.
+constexpr useconds_t longest_change_us = 500000;
 
 // A process that fetches each event, as a program that shows the settings does.
 class Reader {
@@ -336,7 +338,7 @@ void measure(bench::World &world, int samples) {
         Recorder recorder(world.sandbox, world.sandbox.directory() + "/perf.data");
         usleep(between_changes_us);
         kernel.add(bench::address_text(1));
-        usleep(between_changes_us);
+        usleep(longest_change_us);
         const auto steps = path.steps(recorder.stop(), getpid(), daemon, reader.pid());
         kernel.remove(bench::address_text(1));
         if (!steps.empty()) {

@@ -165,6 +165,7 @@ std::vector<Item> steps_to_undo(const HistoryEntry &entry) {
     std::sort(changes.begin(), changes.end(),
               [](const auto *left, const auto *right) { return left->path < right->path; });
     std::vector<Item> items;
+    items.reserve(changes.size());
     for (const ChangedElement *change : changes) {
         items.push_back(change->exists ? Item{ItemKind::require, change->path, change->after}
                                        : Item{ItemKind::require_absent, change->path, {}});
