@@ -1,5 +1,7 @@
 #include "stress/service.h"
 
+#include <sys/stat.h>
+
 #include <csignal>
 #include <cstdlib>
 #include <stdexcept>
@@ -15,6 +17,7 @@ Service::Service(std::string program, std::vector<std::string> options)
         arguments.push_back(mark == std::string::npos ? option
                                                       : option.replace(mark, 1, dir.file("")));
     }
+    ::chmod(dir.file("").c_str(), 0755); // for other users
     ::setenv("TAV_SOCKET", path.c_str(), 1);
     ::setenv("TAV_TIMEOUT_MS", "60000", 1);
 }
