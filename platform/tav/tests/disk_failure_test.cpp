@@ -214,7 +214,7 @@ TEST_F(FullDiskTest, WhatTheStoreFilledCanBeEmptied) {
     client->close();
     kill_and_restart();
     client = std::make_unique<Client>();
-    EXPECT_EQ(client->remove("/n/2"), api_status_ok);
+    EXPECT_EQ(client->remove("/n/2"), api_status_ok) << tavd->errors();
     fill(*client);
     EXPECT_EQ(client->remove("/n"), api_status_ok);
     EXPECT_EQ(client->list("/"), Names{});
