@@ -10,18 +10,10 @@ namespace {
 // Takes the name by which the client calls itself.
 class StateProgram : public Task {
 public:
-    StateProgram(Service &served, Session &client, const RequestHeader &header,
-                 std::string_view content)
-        : Task(header.serial), service(served), session(client) {
-        Reader in(content);
-        get(in, name);
-        well_formed = in.finished();
-    }
+    StateProgram(Service &served, Session &client, const RequestHeader &header, std::string stated)
+        : Task(header.serial), service(served), session(client), name(std::move(stated)) {}
 
     State step() override {
-        if (!well_formed) {
-            return State::malformed;
-        }
         const api_status_t status = judged();
         if (status == api_status_ok) {
             session.program = std::move(name);
@@ -43,24 +35,16 @@ private:
     Service &service;
     Session &session;
     std::string name;
-    bool well_formed = false;
 };
 
 // Lists the transactions that changed something at or below a path, until the moment of the
 // request. An entry that is dropped meanwhile is missing, which the numbers at the end reveal.
 class ReadHistory : public Task {
 public:
-    ReadHistory(Service &served, const RequestHeader &header, std::string_view content)
-        : Task(header.serial), service(served) {
-        Reader in(content);
-        get(in, request);
-        well_formed = in.finished();
-    }
+    ReadHistory(Service &served, const RequestHeader &header, HistoryRequest wanted)
+        : Task(header.serial), service(served), request(std::move(wanted)) {}
 
     State step() override {
-        if (!well_formed) {
-            return State::malformed;
-        }
         const HistoryLog &history = service.store().history();
         if (!began) {
             began = true;
@@ -97,7 +81,6 @@ private:
 
     Service &service;
     HistoryRequest request;
-    bool well_formed = false;
     bool began = false;
     std::uint64_t last = 0;
 };
@@ -107,9 +90,9 @@ private:
 std::unique_ptr<Task> make_history_task(Service &service, Session &session,
                                         const RequestHeader &header, std::string_view content) {
     if (header.op == Op::history) {
-        return std::make_unique<ReadHistory>(service, header, content);
+        return task_with<ReadHistory, HistoryRequest>(content, service, header);
     }
-    return std::make_unique<StateProgram>(service, session, header, content);
+    return task_with<StateProgram, std::string>(content, service, session, header);
 }
 
 } // namespace tav

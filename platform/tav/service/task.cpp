@@ -62,17 +62,11 @@ private:
 // Lists the children of a node, or everything at and below a path, as of one moment.
 class Listing : public Task {
 public:
-    Listing(Service &served, const RequestHeader &header, std::string_view content)
-        : Task(header.serial), service(served), dumps(header.op == Op::dump) {
-        Reader in(content);
-        get(in, path);
-        well_formed = in.finished();
-    }
+    Listing(Service &served, const RequestHeader &header, std::string listed)
+        : Task(header.serial), service(served), dumps(header.op == Op::dump),
+          path(std::move(listed)) {}
 
     State step() override {
-        if (!well_formed) {
-            return State::malformed;
-        }
         if (!walker) {
             start();
         }
@@ -116,7 +110,6 @@ private:
 
     Service &service;
     bool dumps;
-    bool well_formed = false;
     std::string path;
     std::optional<Walker> walker;
 };
@@ -125,18 +118,11 @@ private:
 // anybody sees a change of it.
 class AllBelow : public Task {
 public:
-    AllBelow(Service &served, const Session &client, const RequestHeader &header,
-             std::string_view content)
-        : Task(header.serial), service(served), session(client.id()), number(header.serial) {
-        Reader in(content);
-        get(in, path);
-        well_formed = in.finished();
-    }
+    AllBelow(Service &served, const Session &client, const RequestHeader &header, std::string node)
+        : Task(header.serial), service(served), session(client.id()), number(header.serial),
+          path(std::move(node)) {}
 
     State step() override {
-        if (!well_formed) {
-            return State::malformed;
-        }
         if (!walker && !start()) {
             return State::done;
         }
@@ -193,7 +179,6 @@ private:
     Service &service;
     SessionId session;
     std::uint32_t number; // of the request
-    bool well_formed = false;
     std::string path;
     std::optional<Walker> walker;
     std::size_t sent = 0; // bytes of elements
@@ -322,19 +307,11 @@ private:
 // only for those who were registered when it was carried out.
 class Register : public Task {
 public:
-    Register(Service &served, Session &client, const RequestHeader &header,
-             std::string_view content)
-        : Task(header.serial), service(served), session(client) {
-        Reader in(content);
-        get(in, registration);
-        well_formed = in.finished();
-    }
+    Register(Service &served, Session &client, const RequestHeader &header, Registration wanted)
+        : Task(header.serial), service(served), session(client), registration(std::move(wanted)) {}
     ~Register() override { stop_waiting(); }
 
     State step() override {
-        if (!well_formed) {
-            return State::malformed;
-        }
         if (!service.between_groups()) {
             service.registering(waits ? 0 : 1);
             waits = true;
@@ -357,21 +334,15 @@ private:
     Service &service;
     Session &session;
     Registration registration;
-    bool well_formed = false;
     bool waits = false;
 };
 
 class Watch : public Task {
 public:
-    Watch(Service &served, Session &client, const RequestHeader &header, std::string_view content)
-        : Task(header.serial), service(served), session(client), in(content) {}
+    Watch(Service &served, Session &client, const RequestHeader &header, WatchdogRequest wanted)
+        : Task(header.serial), service(served), session(client), request(std::move(wanted)) {}
 
     State step() override {
-        WatchdogRequest request;
-        get(in, request);
-        if (!in.finished()) {
-            return State::malformed;
-        }
         const api_status_t status =
             service.watchdog().announce(session.id(), session.pid(), request, service.now());
         service.usage().count(status);
@@ -382,19 +353,15 @@ public:
 private:
     Service &service;
     Session &session;
-    Reader in;
+    WatchdogRequest request;
 };
 
 // The status, with one client after the other: counting what waits for one takes time.
 class Status : public Task {
 public:
-    Status(Service &served, const RequestHeader &header, std::string_view content)
-        : Task(header.serial), service(served), well_formed(content.empty()) {}
+    Status(Service &served, const RequestHeader &header) : Task(header.serial), service(served) {}
 
     State step() override {
-        if (!well_formed) {
-            return State::malformed;
-        }
         const auto next = service.sessions().upper_bound(last);
         if (next != service.sessions().end()) {
             last = next->first;
@@ -409,7 +376,6 @@ public:
 
 private:
     Service &service;
-    bool well_formed;
     SessionId last = 0;
     std::vector<ClientStatus> clients;
 };
@@ -432,20 +398,20 @@ std::unique_ptr<Task> make_task(Service &service, Session &session, const Reques
         return std::make_unique<Read>(service, header, content);
     case Op::list:
     case Op::dump:
-        return std::make_unique<Listing>(service, header, content);
+        return task_with<Listing, std::string>(content, service, header);
     case Op::read_ahead:
-        return std::make_unique<AllBelow>(service, session, header, content);
+        return task_with<AllBelow, std::string>(content, service, session, header);
     case Op::transact:
         return std::make_unique<Write>(service, session, header, content);
     case Op::event_register:
-        return std::make_unique<Register>(service, session, header, content);
+        return task_with<Register, Registration>(content, service, session, header);
     case Op::watchdog_register:
-        return std::make_unique<Watch>(service, session, header, content);
+        return task_with<Watch, WatchdogRequest>(content, service, session, header);
     case Op::state_program:
     case Op::history:
         return make_history_task(service, session, header, content);
     case Op::status:
-        return std::make_unique<Status>(service, header, content);
+        return content.empty() ? std::make_unique<Status>(service, header) : nullptr;
     default:
         return nullptr;
     }

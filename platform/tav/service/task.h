@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "protocol/messages.h"
 #include "service/wake.h"
@@ -46,8 +47,17 @@ private:
     std::uint32_t serial;
 };
 
-// Null if there is no such kind of request. The content of the request, `in`, must remain until the
-// task is destroyed, and the task must be destroyed before the session.
+// A task with the one object that is the content of its request; null if the content is not that.
+template <typename Kind, typename Content, typename... Arguments>
+std::unique_ptr<Task> task_with(std::string_view encoded, Arguments &...arguments) {
+    Reader in(encoded);
+    Content content;
+    get(in, content);
+    return in.finished() ? std::make_unique<Kind>(arguments..., std::move(content)) : nullptr;
+}
+
+// Null if there is no such kind of request, or if it is malformed. The content of the request,
+// `in`, must remain until the task is destroyed, and the task must be destroyed before the session.
 std::unique_ptr<Task> make_task(Service &service, Session &session, const RequestHeader &header,
                                 std::string_view content);
 
