@@ -28,20 +28,26 @@ CElement number_element(const std::string &value) {
     return {element_type_integer, value, CElement::_invalid_time};
 }
 
-class ReadGateway : public EngineTest {
+class Reading : public EngineTest {
+protected:
+    virtual void attempt() = 0;
+    std::string error() {
+        return thrown<sync_err>([this] { attempt(); });
+    }
+    std::string minor_error() {
+        return thrown<sync_minor_err>([this] { attempt(); });
+    }
+    std::string address_error() {
+        return thrown<sync_addr_err>([this] { attempt(); });
+    }
+};
+
+class ReadGateway : public Reading {
 protected:
     const tk_string ipv6 = at("1/IPv6");
     const tk_string leaf = at("1/IPv6/Default Gateway/Value");
     boost::optional<CTavRoute> read() { return engine().read_tav_ipv6_gateway(ipv6); }
-    std::string error() {
-        return thrown<sync_err>([this] { read(); });
-    }
-    std::string minor_error() {
-        return thrown<sync_minor_err>([this] { read(); });
-    }
-    std::string address_error() {
-        return thrown<sync_addr_err>([this] { read(); });
-    }
+    void attempt() override { read(); }
 };
 
 TEST_F(ReadGateway, YieldsADefaultRouteThroughTheStoredAddress) {
@@ -121,21 +127,13 @@ TEST_F(ReadGateway, ABadTextIsAnAddressError) {
     EXPECT_EQ(address_error(), in_str_to_addr + "Can't convert string 'nonsense' to IPv6 address");
 }
 
-class ReadAddress : public EngineTest {
+class ReadAddress : public Reading {
 protected:
     const tk_string addresses = at("1/IPv6/Addresses");
     const tk_string node = at("1/IPv6/Addresses/7");
     const std::string returned = in_addr + "CTav::get_leaves(" + node + ") returned ";
     CTavAddress read() { return engine().read_tav_ipv6_addr(addresses, "7"); }
-    std::string error() {
-        return thrown<sync_err>([this] { read(); });
-    }
-    std::string minor_error() {
-        return thrown<sync_minor_err>([this] { read(); });
-    }
-    std::string address_error() {
-        return thrown<sync_addr_err>([this] { read(); });
-    }
+    void attempt() override { read(); }
 };
 
 TEST_F(ReadAddress, TakesAddressLengthTypeAndNodeInOneCall) {
