@@ -12,6 +12,7 @@
 #include <stdexcept>
 
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -34,6 +35,7 @@ public:
         if (id != 0) {
             return;
         }
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         bench::Listener listener(socket);
         for (;;) {
             pollfd waiting{listener.fd(), POLLIN, 0};

@@ -11,7 +11,7 @@ test_packages="libgtest-dev libnl-route-3-dev binutils iproute2 procps radvd pyt
 lint_packages="clang-format clang-tidy mandoc groff-base bash-completion shellcheck"
 fuzz_packages="clang libclang-rt-dev"
 mutate_packages="lld"
-bench_packages="iproute2 binutils valgrind linux-perf systemd keepalived"
+bench_packages="iproute2 binutils valgrind linux-perf systemd keepalived redis-server libhiredis-dev"
 # For ./test --powerpc and --board. The boards' kernels come from Debian's packages too.
 powerpc_packages="g++-powerpc-linux-gnu qemu-user googletest tcl xz-utils dpkg-dev gcc make flex
     bison"
