@@ -264,11 +264,12 @@ class Recorder {
 public:
     Recorder(kt::Sandbox &sandbox, std::string to) : file(std::move(to)) {
         process = std::make_unique<kt::Process>(
-            sandbox, std::vector<std::string>{
-                         "/usr/bin/perf", "record", "-q", "-a", "-k", "CLOCK_MONOTONIC", "-e",
-                         "raw_syscalls:sys_enter,raw_syscalls:sys_exit,sched:sched_"
-                         "switch,sched:sched_waking",
-                         "-o", file});
+            sandbox,
+            std::vector<std::string>{"/usr/bin/perf", "record", "-q", "-a", "-m", "16M", "-k",
+                                     "CLOCK_MONOTONIC", "-e",
+                                     "raw_syscalls:sys_enter,raw_syscalls:sys_exit,sched:sched_"
+                                     "switch,sched:sched_waking",
+                                     "-o", file});
         sleep(1);
     }
     std::vector<event_t> stop() {
