@@ -10,7 +10,7 @@ cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 
 board=$1
 selected=${2:-.}
-program=board_memory
+program=board_figures
 [ "$selected" != --program ] || program=${3:?a name is missing}
 # In seconds of real time, enough for a machine that emulates slowly. The board itself ends a test
 # that hangs.
