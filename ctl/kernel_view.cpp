@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <new>
@@ -13,6 +12,7 @@
 #include <linux/if_addr.h>
 #include <linux/if_arp.h>
 #include <linux/if_link.h>
+#include <linux/ipv6.h>
 #include <netlink/msg.h>
 #include <netlink/netlink.h>
 #include <netlink/socket.h>
@@ -119,16 +119,48 @@ std::vector<Record> dump(int type, Header header, const Read &read) {
     return records;
 }
 
-bool ipv6_is_refused(const std::string &link) {
-    std::ifstream file("/proc/sys/net/ipv6/conf/" + link + "/disable_ipv6");
-    int value = 0;
-    return file >> value && value != 0;
+// Visits the attributes inside an attribute, whose content begins at `offset`.
+template <typename Visit>
+void for_each_inside(const wire::datagram_t &datagram, std::size_t offset, const Visit &visit) {
+    const auto outer = wire::read_at<rtattr>(datagram, offset - sizeof(rtattr));
+    const std::size_t end = std::min(datagram.length, offset - sizeof(rtattr) + outer.rta_len);
+    while (offset + sizeof(rtattr) <= end) {
+        const auto part = wire::read_at<rtattr>(datagram, offset);
+        if (part.rta_len < sizeof part) {
+            return;
+        }
+        visit(part.rta_type & NLA_TYPE_MASK, offset + sizeof part);
+        offset += RTA_ALIGN(part.rta_len);
+    }
 }
 
-ifinfomsg links_of(unsigned char family) {
-    ifinfomsg header{};
-    header.ifi_family = family;
-    return header;
+// IFLA_AF_SPEC: a link without IPv6 has no part for it.
+void read_ipv6(const wire::datagram_t &datagram, std::size_t offset, kernel_link_t &link) {
+    for_each_inside(datagram, offset, [&](int family, std::size_t at) {
+        if (family != AF_INET6) {
+            return;
+        }
+        link.has_ipv6 = true;
+        for_each_inside(datagram, at, [&](int type, std::size_t content) {
+            const auto length = wire::read_at<rtattr>(datagram, content - sizeof(rtattr)).rta_len;
+            constexpr std::size_t place = DEVCONF_DISABLE_IPV6 * sizeof(std::int32_t);
+            if (type == IFLA_INET6_CONF &&
+                length >= sizeof(rtattr) + place + sizeof(std::int32_t)) {
+                link.ipv6_refused = wire::read_at<std::int32_t>(datagram, content + place) != 0;
+            }
+        });
+    });
+}
+
+// IFLA_LINKINFO of a link that has a master.
+void read_master(const wire::datagram_t &datagram, std::size_t offset, kernel_link_t &link) {
+    for_each_inside(datagram, offset, [&](int type, std::size_t at) {
+        if (type == IFLA_INFO_SLAVE_KIND) {
+            using kind_t = std::array<char, sizeof "vrf">;
+            // A part of a VRF has addresses of its own.
+            link.is_part = wire::read_at<kind_t>(datagram, at) != kind_t{"vrf"};
+        }
+    });
 }
 
 // The gateways of the attribute RTA_MULTIPATH, whose content begins at `offset`: each is a header
@@ -180,6 +212,10 @@ kernel_link_t link_of_message(const unsigned char *bytes, int length) {
                                        link.name = name.data();
                                    } else if (type == IFLA_MTU) {
                                        link.mtu = wire::read_at<std::uint32_t>(datagram, offset);
+                                   } else if ((type & NLA_TYPE_MASK) == IFLA_AF_SPEC) {
+                                       read_ipv6(datagram, offset, link);
+                                   } else if ((type & NLA_TYPE_MASK) == IFLA_LINKINFO) {
+                                       read_master(datagram, offset, link);
                                    }
                                });
     const std::vector<CKernInterface> decoded = decode_links(bytes, length);
@@ -261,16 +297,7 @@ std::vector<kernel_route_t> routes_of_message(const unsigned char *bytes, int le
 
 kernel_view_t read_kernel() {
     kernel_view_t view;
-    view.links = dump<kernel_link_t>(RTM_GETLINK, links_of(AF_UNSPEC), link_of_message);
-    // A dump for the family IPv6 lists only links that have IPv6.
-    const std::vector<kernel_link_t> with_ipv6 =
-        dump<kernel_link_t>(RTM_GETLINK, links_of(AF_INET6), link_of_message);
-    for (kernel_link_t &link : view.links) {
-        link.has_ipv6 =
-            std::any_of(with_ipv6.begin(), with_ipv6.end(),
-                        [&](const kernel_link_t &other) { return other.index == link.index; });
-        link.ipv6_refused = ipv6_is_refused(link.name);
-    }
+    view.links = dump<kernel_link_t>(RTM_GETLINK, ifinfomsg{}, link_of_message);
     ifaddrmsg addresses{};
     addresses.ifa_family = AF_INET6;
     view.addresses = dump<kernel_address_t>(RTM_GETADDR, addresses, address_of_message);

@@ -20,6 +20,7 @@ struct kernel_link_t {
     bool carrier = false;  // up and connected
     bool has_ipv6 = false; // the kernel has IPv6 on the link (it has not if the MTU is below 1280)
     bool ipv6_refused = false; // disable_ipv6 is set: the kernel accepts no address
+    bool is_part = false;      // of a bridge, a bond or the like
     std::uint32_t mtu = 0;
 };
 

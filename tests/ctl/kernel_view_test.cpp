@@ -8,6 +8,7 @@
 #include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/if_link.h>
+#include <linux/ipv6.h>
 #include <linux/rtnetlink.h>
 
 #include "fakes/fake_libnl.h"
@@ -133,6 +134,70 @@ TEST(KernelLink, HasNameKindAndState) {
     EXPECT_EQ(other.hwaddr, "");
 }
 
+// Nested attributes, each with its header.
+class nest_t {
+public:
+    nest_t &attribute(int type, const void *data, std::size_t size) {
+        const rtattr start{static_cast<std::uint16_t>(sizeof(rtattr) + size),
+                           static_cast<std::uint16_t>(type)};
+        const auto append = [&](const void *from, std::size_t length) {
+            const auto *first = static_cast<const unsigned char *>(from);
+            bytes.insert(bytes.end(), first, first + length);
+        };
+        append(&start, sizeof start);
+        append(data, size);
+        bytes.resize((bytes.size() + 3) / 4 * 4);
+        return *this;
+    }
+    nest_t &inside(int type, const nest_t &part) {
+        return attribute(type | NLA_F_NESTED, part.bytes.data(), part.bytes.size());
+    }
+    fake_libnl::bytes_t bytes;
+};
+
+ctl::kernel_link_t link_with(int type, const nest_t &part, std::size_t length = 1 << 16) {
+    return message_t(RTM_NEWLINK, ifinfomsg{})
+        .attribute(type, part.bytes.data(), part.bytes.size())
+        .read(ctl::link_of_message, length);
+}
+
+nest_t ipv6_part(std::size_t settings, std::int32_t refused) {
+    std::vector<std::int32_t> values(settings);
+    if (settings > DEVCONF_DISABLE_IPV6) {
+        values[DEVCONF_DISABLE_IPV6] = refused;
+    }
+    return nest_t()
+        .inside(AF_INET, nest_t())
+        .inside(AF_INET6, nest_t()
+                              .attribute(IFLA_INET6_FLAGS, "abcd", 4)
+                              .attribute(IFLA_INET6_CONF, values.data(), 4 * values.size()));
+}
+
+TEST(KernelLink, SaysWhetherItHasIpv6) {
+    constexpr std::size_t settings = DEVCONF_DISABLE_IPV6 + 1;
+    const auto normal = link_with(IFLA_AF_SPEC, ipv6_part(settings, 0));
+    EXPECT_TRUE(normal.has_ipv6);
+    EXPECT_FALSE(normal.ipv6_refused);
+    EXPECT_TRUE(link_with(IFLA_AF_SPEC | NLA_F_NESTED, ipv6_part(settings, 1)).ipv6_refused);
+    EXPECT_FALSE(link_with(IFLA_AF_SPEC, ipv6_part(settings - 1, 1)).ipv6_refused);
+    EXPECT_FALSE(link_with(IFLA_AF_SPEC, nest_t().inside(AF_INET, nest_t())).has_ipv6);
+}
+
+TEST(KernelLink, SaysWhetherItIsPartOfAnother) {
+    const auto part_of = [](const char *kind) {
+        return link_with(IFLA_LINKINFO,
+                         nest_t()
+                             .attribute(IFLA_INFO_KIND, "veth", 5)
+                             .attribute(IFLA_INFO_SLAVE_KIND, kind, std::strlen(kind) + 1))
+            .is_part;
+    };
+    EXPECT_TRUE(part_of("bridge"));
+    EXPECT_TRUE(part_of("bond"));
+    EXPECT_TRUE(part_of("vrfs"));
+    EXPECT_FALSE(part_of("vrf")) << "it has addresses of its own";
+    EXPECT_FALSE(link_with(IFLA_LINKINFO, nest_t().attribute(IFLA_INFO_KIND, "veth", 5)).is_part);
+}
+
 TEST(KernelRoute, HasItsTableAndItsShape) {
     rtmsg header{};
     header.rtm_table = RT_TABLE_COMPAT;
@@ -185,6 +250,8 @@ TEST(KernelMessages, AreNeverReadBeyondTheirEnd) {
         message_t(RTM_NEWLINK, ifinfomsg{})
             .attribute(IFLA_IFNAME, "0123456789abcdefghij", 20)
             .read(ctl::link_of_message, length);
+        link_with(IFLA_AF_SPEC, ipv6_part(DEVCONF_DISABLE_IPV6 + 1, 1), length);
+        link_with(IFLA_LINKINFO, nest_t().attribute(IFLA_INFO_SLAVE_KIND, "b", 1), length);
         message_t(RTM_NEWROUTE, rtmsg{})
             .value(RTA_DST, some_address)
             .value(RTA_MULTIPATH, rtnexthop{sizeof(rtnexthop) + 20, 0, 0, 0})
