@@ -332,9 +332,23 @@ private:
         sub->add_flag("--write", request.options.write, "Store them as Static");
         sub->add_flag("--dry-run", request.options.dry_run, "Change nothing, even with --write");
 
-        sub = add(app, "nudge", "Make tandrel synchronise now", nudge);
-        sub->add_flag("--follow", request.options.follow,
-                      "Keep running, and do this each time a link comes up");
+        add(app, "nudge", "Make tandrel synchronise now", nudge);
+
+        sub =
+            add(app, "keep",
+                "Keep running, and set again what a link lost because it could not carry it", keep);
+        sub->add_flag("--list", request.options.list,
+                      "Print what is remembered and what it waits for, and exit");
+        CLI::Option *forget =
+            sub->add_flag("--forget", request.options.forget,
+                          "Forget what is remembered of LINK, or only ADDRESS, and exit");
+        sub->add_option("LINK", request.options.link, "The link, such as eth0")
+            ->type_name("")
+            ->needs(forget);
+        sub->add_option("ADDRESS", request.options.address, "An address, or the gateway's")
+            ->type_name("")
+            ->needs(forget);
+        sub->footer("The packages run it as the service tandrel-keep.");
     }
 
     CLI::App app{

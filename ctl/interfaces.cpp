@@ -5,8 +5,10 @@
 #include <set>
 
 #include "ctl/edit.h"
+#include "ctl/keeper_memory.h"
 #include "ctl/text.h"
 #include "store/paths.h"
+#include "store/tav_values.h"
 
 namespace ctl {
 
@@ -14,11 +16,11 @@ namespace {
 
 // The path of the interface node given to `interface del`, and whether it contains settings that a
 // person stored.
-struct removal_t {
+struct found_t {
     std::string path;
     bool has_settings = false;
 };
-removal_t find_interface(const store_view_t &store, const options_t &options) {
+found_t find_interface(const store_view_t &store, const options_t &options) {
     for (const stored_interface_t &interface : store.interfaces) {
         const bool meant = options.node.empty()
                                ? interface.number != 0 && interface.link == options.link
@@ -26,8 +28,8 @@ removal_t find_interface(const store_view_t &store, const options_t &options) {
         if (!meant) {
             continue;
         }
-        removal_t removal{std::string(paths::interfaces) + "/" + interface.node,
-                          interface.holds_more || interface.gateway || !interface.strange.empty()};
+        found_t removal{std::string(paths::interfaces) + "/" + interface.node,
+                        interface.holds_more || interface.gateway || !interface.strange.empty()};
         for (const stored_address_t &stored : interface.addresses) {
             removal.has_settings =
                 removal.has_settings || stored.fault || stored.address.type == type_static;
@@ -152,7 +154,7 @@ int interface_delete(const options_t &options) {
     }
     client_t client;
     const bool done = carry_out(client, options, [&](const store_view_t &store) {
-        const removal_t removal = find_interface(store, options);
+        const found_t removal = find_interface(store, options);
         if (removal.has_settings && !options.force) {
             throw refusal("'" + shown(removal.path) +
                           "' contains settings that would be lost; use --force to remove them too");
@@ -160,6 +162,11 @@ int interface_delete(const options_t &options) {
         return step_t{{}, {removal.path}};
     });
     if (done && !options.link.empty()) {
+        // What the keeper remembers of the link; normally there is nothing.
+        api_status_t status = tav_value::status_unset;
+        if (client.tav.remove_node(link_memory(options.link), status, "") != 0) {
+            throw store_lost(store_silent);
+        }
         std::fprintf(stderr,
                      "tandrelctl: %s is no longer synchronised; the kernel keeps its addresses and "
                      "its gateway\n",

@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "ctl/daemon_state.h"
+#include "ctl/keeper_store.h"
 #include "ctl/output.h"
 #include "ctl/rules.h"
 #include "ctl/text.h"
@@ -96,6 +97,7 @@ const char *name_of(daemon_t state) {
 struct status_t {
     std::string store; // why it does not answer; empty: it does
     daemon_state_t daemon;
+    std::uint32_t keeper = 0; // process of 'tandrelctl keep'; 0: none
     std::vector<link_state_t> links;
     std::optional<std::vector<std::string>> errors;
 };
@@ -108,6 +110,7 @@ void print_as_json(const status_t &status) {
     }
     json["daemon"] = {{"state", name_of(status.daemon.state)},
                       {"pid", status.daemon.pid != 0 ? json_t(status.daemon.pid) : json_t()}};
+    json["keeper"] = {{"pid", status.keeper != 0 ? json_t(status.keeper) : json_t()}};
     json["links"] = json_t::array();
     for (const link_state_t &one : status.links) {
         json["links"].push_back(
@@ -162,6 +165,10 @@ void print_text(const status_t &status, bool colour) {
     if (finding && !finding->remedy().empty()) {
         line("          ", true, "-> " + finding->remedy());
     }
+    line("keeper:   ", true,
+         status.keeper != 0
+             ? std::string(keeper_name) + ", process " + std::to_string(status.keeper)
+             : "none; what a link loses while it is down does not come back");
     for (const link_state_t &one : status.links) {
         line("link:     ", true,
              shown(one.link) + (one.why.empty()           ? ", managed"
@@ -201,6 +208,7 @@ int status(const options_t &options) {
         status.store = unreachable_text();
     }
     status.daemon = find_daemon(client);
+    status.keeper = status.store.empty() ? process_of(client, keeper_name) : 0;
     status.links = link_states(compare(kernel_reader(), store, options.prefix), options);
     status.errors = last_errors();
     if (options.json) {

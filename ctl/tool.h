@@ -31,7 +31,8 @@ struct options_t {
     bool force = false;             // every change that may be refused
     bool dry_run = false;           // every change
     bool write = false;             // import
-    bool follow = false;            // nudge
+    bool list = false;              // keep
+    bool forget = false;            // keep
     bool online = false;            // wait
     std::string link;               // empty: every link
     std::string address;            // with its prefix length, or a gateway
@@ -106,6 +107,7 @@ int interface_delete(const options_t &options);
 int interface_merge(const options_t &options);
 int import_kernel(const options_t &options);
 int nudge(const options_t &options);
+int keep(const options_t &options);
 int status(const options_t &options);
 int wait_online(const options_t &options);
 

@@ -18,9 +18,6 @@ limit=5400
 work=$scratch
 mkdir -p "$work/extra/board"
 date +%s >"$work/extra/board/time"
-# The files of the source tree that the tests read, where they expect them.
-mkdir -p "$work/extra$PWD/packaging"
-cp -r packaging/sysctl.d "$work/extra$PWD/packaging/"
 
 # prepare_BOARD: installs, builds, and sets `kernel`, `machine` (what to start), `console` and
 # `image` (arguments of board_image.sh).

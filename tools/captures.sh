@@ -77,7 +77,7 @@ still() {
 watch() {
     on_terminal 'exec tandrelctl watch'
     until_true shows 'q quits' || exit 1
-    ip address add 2001:db8:4::9/64 dev eth0
+    ip address add 2001:db8:4::9/64 dev eth0 nodad
     until_true shows '= 2001:db8:4::9/64' || exit 1
     ip address del 2001:db8:4::9/64 dev eth0
     until_true shows '- eth0 store: address node' || exit 1

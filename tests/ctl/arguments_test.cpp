@@ -38,6 +38,11 @@ TEST(CtlArguments, EachCommandIsTheOneNamed) {
     EXPECT_EQ(parse({"interface", "del"}).command, ctl::interface_delete);
     EXPECT_EQ(parse({"import", "--from-kernel"}).command, ctl::import_kernel);
     EXPECT_EQ(parse({"nudge"}).command, ctl::nudge);
+    EXPECT_EQ(parse({"keep"}).command, ctl::keep);
+    EXPECT_TRUE(parse({"keep", "--list"}).options.list);
+    EXPECT_TRUE(parse({"keep", "--forget", "eth0"}).options.forget);
+    EXPECT_EQ(parse({"keep", "--forget", "eth0", "fe80::1"}).options.address, "fe80::1");
+    EXPECT_EQ(parse({"keep", "eth0"}).result, 2);
     EXPECT_EQ(parse({"status"}).command, ctl::status);
     EXPECT_EQ(parse({"wait", "eth0"}).command, ctl::wait_online);
 }

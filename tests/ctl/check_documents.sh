@@ -12,7 +12,8 @@ fail() { printf 'FAILED: %s\n' "$*" >&2; failed=1; }
 mandoc -T lint -W warning "$page" "$daemon_page" >&2 || fail "mandoc reports errors in a page"
 
 commands=(show check watch status wait 'address add' 'address replace' 'address del' 'gateway set'
-    'gateway clear' 'interface list' 'interface add' 'interface del' 'interface merge' import nudge)
+    'gateway clear' 'interface list' 'interface add' 'interface del' 'interface merge' import nudge
+    keep)
 text=$(mandoc -T ascii "$page" | sed 's/.\x08//g')
 long_options() { grep -oE -- '--[a-z][a-z-]*' | sort -u; }
 
@@ -82,6 +83,7 @@ expect '2001:db8::5/64' tandrelctl address del eth0 2001
 expect 'auto always never' tandrelctl --color ''
 expect '--from-kernel' tandrelctl import --f
 expect '' tandrelctl nudge ''
+expect 'eth0 eth1' tandrelctl keep --forget ''
 expect ':5/64' tandrelctl address del eth0 2001:db8:
 
 # --- tandrel(8) lists every message up to level 3 under its level, and no other

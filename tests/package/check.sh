@@ -19,7 +19,7 @@ mkdir -p "$work"
 debian_tree
 
 # tree NAME [PACKAGE...]: a copy with the built packages under /packages, and a newer version of
-# each under /newer.
+# each under /newer, and an older one of the daemon's under /older.
 tree() {
     local root=$work/$1 package
     shift
@@ -28,7 +28,8 @@ tree() {
     [ $# -eq 0 ] || step apt "Installing $* there" chroot "$root" sh -c \
         'apt-get update -q && apt-get install -y -q --no-install-recommends "$@"' sh "$@" ||
         { tail -n 20 "$step_log" >&2; die "apt-get failed"; }
-    mkdir "$root/packages" "$root/newer"
+    mkdir "$root/packages" "$root/newer" "$root/older"
+    older "$packages"/tandrel_*.deb "$root/older"
     for package in "$packages"/*.deb; do
         case $package in *dbgsym*) continue ;; esac
         cp "$package" "$root/packages/"
@@ -47,8 +48,26 @@ newer() {
     rm -rf "$unpacked"
 }
 
+# older PACKAGE DIRECTORY: the same with a lower version, and with the service that tandrel-keep
+# replaces instead of it.
+older() {
+    local unpacked unit
+    unpacked=$(mktemp -d)
+    dpkg-deb -R "$1" "$unpacked/p"
+    sed -i 's/^Version: .*/&~older1/' "$unpacked/p/DEBIAN/control"
+    find "$unpacked/p" -path '*/init.d/tandrel-keep' -delete
+    sed -i '/init.d.tandrel-keep/d' "$unpacked/p/DEBIAN/"{conffiles,md5sums}
+    unit=$(find "$unpacked/p" -name tandrel-keep.service)
+    mv "$unit" "${unit%keep.service}nudge.service"
+    # Not the lines that remove the replaced service.
+    sed -i -e '/tandrel-nudge/d' -e 's/tandrel-keep/tandrel-nudge/g' \
+        "$unpacked/p/DEBIAN/"{postinst,prerm,postrm,md5sums}
+    dpkg-deb -b "$unpacked/p" "$2/$(basename "$1")" >/dev/null
+    rm -rf "$unpacked"
+}
+
 say "== exposure"
-for unit in tavd tandrel tandrel-nudge tandrel-wait-online; do
+for unit in tavd tandrel tandrel-keep tandrel-wait-online; do
     systemd-analyze security --offline=yes --threshold=20 "packaging/systemd/$unit.service" 2>/dev/null |
         sed -n 's/.*Overall/Overall/p'
     if [ "${PIPESTATUS[0]}" -eq 0 ]; then echo "1 0"; else echo "0 1"; fi >>"$counts"

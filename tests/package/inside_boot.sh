@@ -18,7 +18,7 @@ killed_often() { # more often than the service manager permits by default
 once() { [ "$(messages tandrel | grep -c "$1")" -eq 1 ]; }
 
 expect "the system is up" systemctl is-system-running --wait
-for unit in tavd tandrel tandrel-nudge; do
+for unit in tavd tandrel tandrel-keep; do
     expect "$unit runs" eventually systemctl is-active "$unit"
 done
 expect "systemd knows each setting of the units" \
@@ -39,6 +39,15 @@ expect "ip(8) shows it" has_address
 expect "the network is online then" systemctl start tandrel-wait-online
 expect "both views agree" eventually tandrelctl check
 
+ip link set eth0 down
+expect "an address of a link that goes down is remembered" \
+    eventually sh -c 'tandrelctl keep --list | grep -q 2001:db8::5/64'
+ip link set eth0 up
+expect "and is back when the link is up" eventually has_address
+expect "both views agree again" eventually tandrelctl check
+expect "the keeper logs what it does" \
+    eventually sh -c 'journalctl -b --no-pager -o cat -t tandrel-keep | grep -q "is set again"'
+
 kill -KILL "$(main_pid tavd)"
 expect "the killed store is restarted" eventually restarts tavd
 expect "with what was stored" eventually sh -c 'tav dump | grep -q 2001:db8::5/64'
@@ -57,6 +66,15 @@ systemctl daemon-reload
 expect "with the drop-in it starts" systemctl restart tandrel
 expect "with the priority that -n names" eventually nice_is -5
 expect "and the policy that -r names" eventually policy_is SCHED_RR
+
+systemctl stop tandrel-keep
+expect "an older version is installed" apt-get install -y -q --allow-downgrades /older/tandrel_*.deb
+expect "with the service that tandrel-keep replaces" eventually systemctl is-active tandrel-nudge
+expect "it is upgraded" apt-get install -y -q /packages/tandrel_*.deb
+expect "the replaced service has ended" not systemctl is-active tandrel-nudge
+expect "and is enabled nowhere" \
+    test -z "$(find /etc/systemd /var/lib/systemd -name '*tandrel-nudge*')"
+expect "tandrel-keep runs" eventually systemctl is-active tandrel-keep
 echo "-- journalctl -u tandrel"
 messages tandrel | tail -n 25
 finish

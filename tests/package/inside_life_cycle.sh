@@ -18,7 +18,7 @@ installed_files() { find / -xdev \( -name '*tandrel*' -o -name 'tav*' -o -name '
     -not -path '/var/cache/*' -not -path '/var/log/*' -not -path '/var/lib/dpkg/*' -not -path '/dev/*'; }
 
 # No init booted this tree, so the packages start nothing by themselves.
-services() { service tavd "$1" && service tandrel "$1"; }
+services() { service tavd "$1" && service tandrel "$1" && service tandrel-keep "$1"; }
 
 expect "installs" install_from /packages
 expect "the services start" services start
@@ -33,6 +33,11 @@ expect "an interface is added" tandrelctl interface add eth0
 expect "an address is set and arrives in the kernel" tandrelctl address add eth0 "$address" --wait=60
 expect "ip(8) shows it" eventually has_address
 expect "both views agree" tandrelctl check
+ip link set eth0 down
+expect "an address of a link that goes down is remembered" \
+    eventually sh -c "tandrelctl keep --list | grep -q $address"
+ip link set eth0 up
+expect "and is back when the link is up" eventually has_address
 
 sed -i 's/-D 2/-D 3/' /etc/default/tandrel
 expect "upgrades" install_from /newer
@@ -48,6 +53,7 @@ expect "the services stop" services stop
 expect "is removed" apt-get remove -y -q tandrel tavd
 expect "the service is gone" not pgrep -x tavd
 expect "the daemon is gone" not pgrep -x tandrel
+expect "the keeper is gone" not pgrep -x tandrelctl
 expect "the database stays" test -s /var/lib/tav/settings.db
 expect "the options stay" grep -q -- '-D 3' /etc/default/tandrel
 expect "is installed again" install_from /newer

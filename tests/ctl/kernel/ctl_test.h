@@ -8,6 +8,8 @@
 
 class CtlTest : public kt::KernelTest {
 protected:
+    explicit CtlTest(kt::Service::Keep keep = kt::Service::Keep::memory) : KernelTest(keep) {}
+
     struct result_t {
         int status;
         std::string output; // lines, each with its newline

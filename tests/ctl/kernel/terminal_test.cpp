@@ -117,6 +117,7 @@ protected:
         {"interface", "merge", link7},
         {"-i", value, "interface", "add", value + "3"},
         {"import", "--from-kernel", "--write"},
+        {"keep", "--forget", value},
         {value},
         {"show", "--" + value}};
 
@@ -125,6 +126,8 @@ protected:
         store_for(1, "eth0");
         store_for(8, link7);
         store.write(kt::paths::interfaces + "/leaf " + rest, value);
+        store.write({{"/Software/tandrel/Keeper/Links/" + rest + "/Gateway/Value", "fe80::1"},
+                     {"/Software/tandrel/Keeper/Links/" + rest + "/Gateway/Reason/Value", value}});
     }
     void store_for(int interface, const std::string &name_of_link) {
         const std::string addresses = kt::paths::addresses(interface);
@@ -256,14 +259,9 @@ TEST_F(OnATerminal, WatchEscapesWhatIsStoredAndWhatChanges) {
     expect_plain_but({});
 }
 
-TEST_F(OnATerminal, NudgeEscapesTheNameOfALink) {
-    store.set_gateway(1, "fe80::1");
-    add_eth(7, link);
-    device.set_up(link7, false);
-    open({"nudge", "--follow"});
-    ASSERT_TRUE(shows("started"));
-    device.set_up(link7);
-    ASSERT_TRUE(shows("7 came up"));
+TEST_F(OnATerminal, KeepEscapesThePrefix) {
+    open({"-i", "e\x1b[31m", "keep"});
+    ASSERT_TRUE(shows("watching the links whose names begin with e\\x1b[31m"));
     EXPECT_EQ(interrupt(), 0);
     expect_plain_but({});
 }

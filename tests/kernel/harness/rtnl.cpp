@@ -11,6 +11,7 @@
 #include <netinet/in.h>
 #include <netlink/netlink.h>
 #include <netlink/route/addr.h>
+#include <netlink/route/link/bridge.h>
 #include <netlink/route/link/veth.h>
 #include <netlink/route/route.h>
 #include <netlink/route/rtnl.h>
@@ -136,6 +137,17 @@ void Kernel::add_veth(const std::string &name, const std::string &peer, int peer
     rtnl_link_set_ns_fd(other.get(), peer_namespace);
     succeed(answer(rtnl_link_add(netlink.get(), link.get(), NLM_F_CREATE | NLM_F_EXCL)),
             "adding the link pair " + name);
+}
+
+void Kernel::add_bridge(const std::string &name) {
+    succeed(answer(rtnl_link_bridge_add(netlink.get(), name.c_str())), "adding the bridge " + name);
+}
+
+void Kernel::set_master(const std::string &name, const std::string &master) {
+    const int status = master.empty()
+                           ? rtnl_link_release_ifindex(netlink.get(), index(name))
+                           : rtnl_link_enslave_ifindex(netlink.get(), index(master), index(name));
+    succeed(answer(status), "changing the master of " + name);
 }
 
 void Kernel::change_link(const std::string &name, const std::function<void(rtnl_link *)> &change) {

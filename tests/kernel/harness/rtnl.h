@@ -59,6 +59,8 @@ public:
 
     // Links. `add_veth` puts the other end into another namespace.
     void add_veth(const std::string &name, const std::string &peer, int peer_namespace);
+    void add_bridge(const std::string &name);
+    void set_master(const std::string &name, const std::string &master); // empty: none
     void delete_link(const std::string &name);
     void rename(const std::string &name, const std::string &new_name);
     void move_link(const std::string &name, int to_namespace);

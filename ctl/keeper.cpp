@@ -1,0 +1,242 @@
+#include "ctl/keeper.h"
+
+#include <array>
+#include <csignal>
+#include <cstdio>
+#include <iostream>
+
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include "ctl/edit.h"
+#include "ctl/rules.h"
+#include "ctl/text.h"
+#include "store/tav_values.h"
+
+namespace ctl {
+
+namespace {
+
+// The watchdog needs a ping in this time even if nothing happens.
+constexpr std::chrono::hours watchdog_period{24};
+constexpr std::chrono::seconds reconnect_interval{1};
+
+// What may come by itself when the daemon has handled a change.
+bool is_lazy(const task_t &task) {
+    return task.kind == task_t::synchronise || task.kind == task_t::take_out;
+}
+
+bool is_attempt(const task_t &task) {
+    return task.kind != task_t::forget && task.kind != task_t::settle;
+}
+
+} // namespace
+
+keeper_t::keeper_t(const options_t &given) : options(given), links(given.prefix), feed(links) {
+    library_reports = false; // the store may come and go
+    openlog("tandrel-keep", LOG_PID, LOG_DAEMON);
+}
+
+int keeper_t::run() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    sigprocmask(SIG_BLOCK, &set, nullptr);
+    const int signals = signalfd(-1, &set, SFD_CLOEXEC);
+    for (;;) {
+        const moment_t next = step();
+        std::array<pollfd, 3> entries{
+            {{signals, POLLIN, 0},
+             {feed.fd(), POLLIN, 0},
+             {client.connected() ? mlr_get_fd(client.tav.handle) : -1, POLLIN, 0}}};
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(next - std::chrono::steady_clock::now());
+        poll(entries.data(), entries.size(),
+             static_cast<int>(std::max<long long>(left.count(), 0)));
+        if (entries[0].revents != 0) {
+            close(signals);
+            end();
+            return exit_done;
+        }
+    }
+}
+
+moment_t keeper_t::step() {
+    feed.drain();
+    now = std::chrono::steady_clock::now();
+    wake = now + watchdog_period / 2;
+    try {
+        const bool is_new = !client.connected();
+        connect();
+        api_status_t status = tav_value::status_unset;
+        client.tav.watchdog_ping(status);
+        client.take_events();
+        handle_history();
+        if (is_new) {
+            say("watching the links whose names begin with " + shown(options.prefix));
+        }
+        work();
+        complaint.clear();
+    } catch (const store_lost &error) {
+        client.disconnect();
+        if (complaint != error.what()) {
+            complaint = error.what();
+            say(complaint + std::string("; trying again every second"));
+        }
+        return now + reconnect_interval;
+    }
+    return wake;
+}
+
+void keeper_t::connect() {
+    if (client.connected()) {
+        return;
+    }
+    if (!client.subscribe()) {
+        throw store_lost(unreachable_text());
+    }
+    const std::uint32_t other = process_of(client, keeper_name);
+    if (other != 0 && other != static_cast<std::uint32_t>(getpid())) {
+        throw refusal("another 'tandrelctl keep' runs already (process " + std::to_string(other) +
+                      ")");
+    }
+    api_status_t status = tav_value::status_unset;
+    constexpr auto period = std::chrono::duration_cast<std::chrono::seconds>(watchdog_period);
+    if (client.tav.watchdog_register(status, keeper_name, static_cast<int>(period.count()), true) !=
+        0) {
+        throw store_lost(store_silent);
+    }
+    memory = read_memory(client.tav);
+    handled = std::max(handled, memory.handled.value_or(0));
+}
+
+// What was handled and is not written yet would count as uncertain at the next start.
+void keeper_t::end() {
+    if (!client.connected() || handled == memory.handled.value_or(0)) {
+        return;
+    }
+    writes_t writes;
+    note_handled(writes, handled);
+    try {
+        carry_out(client, writes);
+    } catch (const store_lost &) {
+        // Then it is uncertain.
+    }
+}
+
+void keeper_t::work() {
+    const kernel_view_t kernel = read_kernel();
+    const store_view_t store = read_store(client.tav, options.prefix);
+    seen = settings_of(store);
+    if (links.is_unclear()) {
+        const std::uint32_t daemon = process_of(client, daemon_name);
+        if (daemon != daemon_pid && daemon_pid != 0) {
+            links.daemon_restarted();
+        }
+        daemon_pid = daemon != 0 ? daemon : daemon_pid;
+    }
+    const plan_t plan = make_plan(memory, kernel, store, links, options.prefix);
+    std::map<std::string, std::vector<const task_t *>> by_link;
+    for (const task_t &task : plan.tasks) {
+        by_link[task.setting.link].push_back(&task);
+    }
+    for (auto &[link, pace] : paces) {
+        if (by_link.count(link) == 0 && plan.unsettled.count(link) == 0) {
+            pace.reset();
+            said.erase(link);
+        }
+    }
+    touched.clear();
+    for (const auto &[link, tasks] : by_link) {
+        work_on(link, tasks);
+    }
+    if (!touched.empty()) {
+        try {
+            touch_interface(client, options, interface_number(touched, options.prefix));
+        } catch (const refusal &) {
+            // Others change the store at the same time; the next attempt follows.
+        }
+    }
+}
+
+void keeper_t::work_on(const std::string &link, const std::vector<const task_t *> &tasks) {
+    pace_t &pace = paces[link];
+    unsigned &changes = seen_changes[link];
+    if (changes != links.changes(link)) {
+        changes = links.changes(link);
+        pace.reset();
+    }
+    bool attempt = false;
+    bool lazy = true;
+    for (const task_t *task : tasks) {
+        attempt = attempt || is_attempt(*task);
+        lazy = lazy && (is_lazy(*task) || !is_attempt(*task));
+    }
+    const bool due = attempt && pace.is_due(now, lazy);
+    for (const task_t *task : tasks) {
+        if (!is_attempt(*task) || due) {
+            perform(*task);
+        }
+    }
+    if (due) {
+        pace.attempted(now);
+    }
+    if (attempt) {
+        wake_at(pace.next());
+    }
+}
+
+void keeper_t::perform(const task_t &task) {
+    if (task.kind == task_t::synchronise) {
+        say_once(task.setting, "is stored but not in the kernel; asking tandrel to try again");
+        touched = task.setting.link;
+        return;
+    }
+    if (!carry_out(client, writes_of(task, options.prefix))) {
+        return; // the store has changed; its event leads back here
+    }
+    memory = read_memory(client.tav);
+    switch (task.kind) {
+    case task_t::restore:
+        say_once(task.setting, "is set again (" + task.words + ")");
+        break;
+    case task_t::forget:
+        say_once(task.setting, "is forgotten (" + task.words + ")");
+        break;
+    case task_t::take_out:
+        say_once(task.setting, "has a duplicate on the network; trying again");
+        break;
+    case task_t::remove:
+        say_once(task.setting, "is removed (" + task.words + ")");
+        break;
+    default:
+        break;
+    }
+}
+
+void keeper_t::say(const std::string &text) {
+    syslog(LOG_INFO, "%s", text.c_str());
+    std::cout << text << std::endl;
+}
+
+std::string keeper_t::line_of(const setting_t &setting, const std::string &text) {
+    return shown(setting.link) + ": " + text_of(setting) + " " + text;
+}
+
+void keeper_t::say_once(const setting_t &setting, const std::string &text) {
+    if (said[setting.link].insert(text_of(setting) + text).second) {
+        say(line_of(setting, text));
+    }
+}
+
+int keep(const options_t &options) {
+    if (options.list || options.forget) {
+        return options.list ? keep_list(options) : keep_forget(options);
+    }
+    return keeper_t(options).run();
+}
+
+} // namespace ctl

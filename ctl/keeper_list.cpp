@@ -1,0 +1,88 @@
+// keep --list and keep --forget.
+#include <algorithm>
+#include <ctime>
+#include <iostream>
+
+#include "ctl/keeper.h"
+#include "ctl/rules.h"
+#include "ctl/text.h"
+
+namespace ctl {
+
+namespace {
+
+std::string date_text(std::int64_t seconds) {
+    const auto time = static_cast<std::time_t>(seconds);
+    std::tm local{};
+    localtime_r(&time, &local);
+    char text[32];
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    return text;
+}
+
+} // namespace
+
+int keep_list(const options_t &options) {
+    client_t client;
+    client.require();
+    links_t links(options.prefix);
+    links.restart(kernel_reader().links, {});
+    const memory_t memory = read_memory(client.tav);
+    for (const kept_t &kept : memory.kept) {
+        const setting_t &setting = kept.setting;
+        std::string waits = links.obstacle(setting.link);
+        if (interface_number(setting.link, options.prefix) == 0) {
+            waits = "not a link of prefix " + shown(options.prefix);
+        }
+        std::cout << shown(setting.link) << '\t' << text_of(setting) << '\t'
+                  << (setting.node.empty() ? "-" : shown(setting.node)) << '\t'
+                  << (kept.since > 0 ? date_text(kept.since) : "-") << '\t' << shown(kept.why)
+                  << '\t' << (waits.empty() ? "being set again" : "waits: " + waits) << '\n';
+    }
+    for (const removal_t &removal : memory.removals) {
+        std::cout << shown(removal.setting.link) << '\t' << text_of(removal.setting)
+                  << "\t-\t-\tremoved from the store\twaits: tandrel\n";
+    }
+    return exit_done;
+}
+
+int keep_forget(const options_t &options) {
+    if (options.link.empty()) {
+        throw refusal("--forget needs the link", exit_usage);
+    }
+    client_t client;
+    client.require();
+    const memory_t memory = read_memory(client.tav);
+    writes_t writes;
+    CRoute wanted;
+    if (!options.address.empty() &&
+        convert_gateway(options.address.substr(0, options.address.find('/')), wanted)) {
+        throw refusal("'" + shown(options.address) + "' is not an IPv6 address", exit_usage);
+    }
+    const auto is_meant = [&](const setting_t &setting) {
+        CAddress address;
+        address.addr = wanted.gateway;
+        return setting.link == options.link &&
+               (options.address.empty() || same_address(setting.address, address));
+    };
+    for (const kept_t &kept : memory.kept) {
+        if (is_meant(kept.setting)) {
+            forget(writes, kept.setting);
+        }
+    }
+    for (const removal_t &removal : memory.removals) {
+        if (is_meant(removal.setting)) {
+            end_removal(writes, removal.setting);
+        }
+    }
+    if (writes.empty()) {
+        throw refusal("nothing is remembered of " + shown(options.link) +
+                      (options.address.empty() ? "" : " and " + shown(options.address)));
+    }
+    if (!carry_out(client, writes)) {
+        throw refusal("the store refused the change; try again");
+    }
+    return exit_done;
+}
+
+} // namespace ctl

@@ -1,0 +1,167 @@
+// What the keeper remembers in the store, and the steps that change it.
+#include "ctl/keeper_memory.h"
+
+#include <gtest/gtest.h>
+
+#include "ctl/look_fixture.h"
+
+namespace {
+
+using ctl::task_t;
+
+class Memory : public LookTest {
+protected:
+    ctl::setting_t office(const std::string &node = "office",
+                          const std::string &address = "2001:db8::5") {
+        ctl::setting_t setting{"eth0", false, {}, node};
+        setting.address.addr = bytes(address);
+        setting.address.prefix_len = 64;
+        return setting;
+    }
+    ctl::setting_t gateway() {
+        ctl::setting_t setting{"eth0", true, {}, ""};
+        setting.address.addr = bytes("fe80::1");
+        return setting;
+    }
+    // Carries the steps out on the fake store; false if a condition does not hold.
+    static bool apply(const ctl::writes_t &writes) {
+        for (const ctl::write_t &write : writes) {
+            if ((write.kind == ctl::write_t::same && fake_tav::text(write.path) != write.text) ||
+                (write.kind == ctl::write_t::absent && fake_tav::exists(write.path))) {
+                return false;
+            }
+        }
+        for (const ctl::write_t &write : writes) {
+            if (write.kind == ctl::write_t::set) {
+                fake_tav::put(write.path, write.text);
+            } else if (write.kind == ctl::write_t::clear && fake_tav::exists(write.path)) {
+                fake_tav::erase(write.path);
+            }
+        }
+        return true;
+    }
+    bool apply(task_t::kind_t kind, const ctl::setting_t &setting, const std::string &text,
+               const std::string &words = "") {
+        return apply(ctl::writes_of({kind, setting, text, words}, prefix));
+    }
+    ctl::memory_t read() {
+        client.require();
+        return ctl::read_memory(client.tav);
+    }
+    static std::string text(const std::string &below) { return fake_tav::text(at(below)); }
+    void remember(const ctl::setting_t &setting) {
+        ctl::writes_t writes;
+        ctl::remember(writes, {setting, "link down", 0});
+        ASSERT_TRUE(apply(writes));
+    }
+};
+
+TEST_F(Memory, IsEmptyAtFirst) {
+    const ctl::memory_t memory = read();
+    EXPECT_FALSE(memory.handled);
+    EXPECT_TRUE(memory.kept.empty());
+    EXPECT_TRUE(memory.removals.empty());
+}
+
+TEST_F(Memory, IsReadAsItWasWritten) {
+    remember(office());
+    remember(gateway());
+    ctl::writes_t writes;
+    ctl::begin_removal(writes, {office("", "2001:db8::6"), "7"});
+    ctl::note_handled(writes, 1234);
+    ASSERT_TRUE(apply(writes));
+    const ctl::memory_t memory = read();
+    EXPECT_EQ(memory.handled, 1234U);
+    ASSERT_EQ(memory.kept.size(), 2U);
+    EXPECT_TRUE(same_setting(memory.kept[0].setting, office()));
+    EXPECT_EQ(memory.kept[0].setting.address.prefix_len, 64);
+    EXPECT_EQ(memory.kept[0].setting.node, "office");
+    EXPECT_EQ(memory.kept[0].why, "link down");
+    EXPECT_TRUE(same_setting(memory.kept[1].setting, gateway()));
+    EXPECT_EQ(memory.kept[1].why, "link down");
+    ASSERT_EQ(memory.removals.size(), 1U);
+    EXPECT_EQ(text_of(memory.removals[0].setting), "2001:db8::6/64");
+    EXPECT_EQ(memory.removals[0].node, "7");
+}
+
+TEST_F(Memory, IsOutsideTheInterfacesSubtree) {
+    remember(office());
+    EXPECT_EQ(fake_tav::text("/Software/tandrel/Keeper/Links/eth0/Addresses/2001:db8::5/Value"),
+              "2001:db8::5/64");
+}
+
+TEST_F(Memory, WhatCannotBeReadIsSkipped) {
+    const std::string links = "/Software/tandrel/Keeper/Links/eth0";
+    fake_tav::put(links + "/Addresses/2001:db8::5/Value", "none");
+    fake_tav::put_node(links + "/Addresses/2001:db8::6");
+    fake_tav::put(links + "/Gateway/Value", "none");
+    fake_tav::put(links + "/Removals/2001:db8::5/Value", "none");
+    EXPECT_TRUE(read().kept.empty());
+    EXPECT_TRUE(read().removals.empty());
+}
+
+TEST_F(Memory, AnAddressIsRestoredAndForgottenAtOnce) {
+    remember(office());
+    EXPECT_TRUE(apply(task_t::restore, office("2"), "2001:db8::5/64"));
+    EXPECT_EQ(text("1/IPv6/Addresses/2/Address/Value"), "2001:db8::5/64");
+    EXPECT_EQ(text("1/IPv6/Addresses/2/Type/Value"), "Static");
+    EXPECT_TRUE(read().kept.empty());
+    EXPECT_FALSE(apply(task_t::restore, office("3"), "2001:db8::5/64")) << "it is forgotten";
+}
+
+TEST_F(Memory, ANodeThatAppearedMeanwhileIsNotOverwritten) {
+    remember(office());
+    fake_tav::put_node(at("1/IPv6/Addresses/office"));
+    EXPECT_FALSE(apply(task_t::restore, office(), "2001:db8::5/64"));
+    EXPECT_EQ(read().kept.size(), 1U);
+}
+
+TEST_F(Memory, AGatewayIsRestoredUnlessThereIsOne) {
+    remember(gateway());
+    store_gateway("fe80::2");
+    EXPECT_FALSE(apply(task_t::restore, gateway(), "fe80::1"));
+    fake_tav::erase(at("1/IPv6/Default Gateway/Value"));
+    EXPECT_TRUE(apply(task_t::restore, gateway(), "fe80::1"));
+    EXPECT_EQ(text("1/IPv6/Default Gateway/Value"), "fe80::1");
+    EXPECT_TRUE(read().kept.empty());
+}
+
+TEST_F(Memory, ADuplicateIsRememberedBeforeItLeaves) {
+    store("office", "2001:DB8::5/64");
+    EXPECT_TRUE(apply(task_t::take_out, office(), "2001:DB8::5/64", "duplicate"));
+    EXPECT_FALSE(fake_tav::exists(at("1/IPv6/Addresses/office")));
+    ASSERT_EQ(read().kept.size(), 1U);
+    EXPECT_EQ(read().kept[0].why, "duplicate");
+    store("office", "2001:db8::6/64");
+    EXPECT_FALSE(apply(task_t::take_out, office(), "2001:DB8::5/64")) << "edited meanwhile";
+}
+
+TEST_F(Memory, ARemovalIsFinishedInTwoSteps) {
+    ctl::writes_t writes;
+    ctl::begin_removal(writes, {office(), ""});
+    ASSERT_TRUE(apply(writes));
+    store("3", "2001:db8::5/64", "Automatic");
+    EXPECT_TRUE(apply(task_t::adopt, office("3"), "2001:db8::5/64"));
+    EXPECT_EQ(text("1/IPv6/Addresses/3/Type/Value"), "Static");
+    EXPECT_EQ(read().removals.at(0).node, "3");
+    EXPECT_FALSE(apply(task_t::adopt, office("3"), "2001:db8::5/64"));
+    EXPECT_TRUE(apply(task_t::remove, office("3"), "2001:db8::5/64"));
+    EXPECT_FALSE(fake_tav::exists(at("1/IPv6/Addresses/3")));
+    EXPECT_EQ(read().removals.at(0).node, "");
+    EXPECT_TRUE(apply(task_t::settle, office(), "2001:db8::5/64"));
+    EXPECT_TRUE(read().removals.empty());
+}
+
+TEST_F(Memory, ForgettingRemovesOneSetting) {
+    remember(office());
+    remember(gateway());
+    EXPECT_TRUE(apply(task_t::forget, office(), ""));
+    ASSERT_EQ(read().kept.size(), 1U);
+    EXPECT_TRUE(read().kept[0].setting.is_gateway);
+}
+
+TEST_F(Memory, AskingTheDaemonChangesNoSetting) {
+    EXPECT_TRUE(ctl::writes_of({task_t::synchronise, office(), "", ""}, prefix).empty());
+}
+
+} // namespace
