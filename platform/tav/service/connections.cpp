@@ -82,7 +82,7 @@ void Server::admit(UniqueFd fd) {
         return;
     }
     auto peer = std::make_unique<Peer>(std::move(fd), who, access == Access::write, service.now());
-    const PeerId id = next_peer++;
+    const PeerId id = next_id++;
     User &user = users[who.uid];
     greeting.push_back(id);
     Peer &admitted = *(peers[id] = std::move(peer));

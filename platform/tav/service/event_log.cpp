@@ -75,17 +75,21 @@ void EventBatch::forget(std::uint64_t position) noexcept {
 
 void EventLog::join(Session &session, const std::string &path) {
     const auto known = audiences.find(path);
-    const auto audience =
-        known != audiences.end() ? known->second : std::make_shared<Audience>(Audience{path, {}});
-    audience->members.push_back(&session);
-    audiences.emplace(path, audience);
+    if (known != audiences.end()) {
+        known->second->members.push_back(&session);
+    } else {
+        audiences.emplace(path, std::make_shared<Audience>(Audience{path, {&session}}));
+    }
 }
 
-void EventLog::leave(const Session &session) {
-    for (auto entry = audiences.begin(); entry != audiences.end();) {
+void EventLog::leave(const Session &session, const std::string &path) {
+    const auto entry = audiences.find(path);
+    if (entry != audiences.end()) {
         std::vector<Session *> &members = entry->second->members;
         members.erase(std::remove(members.begin(), members.end(), &session), members.end());
-        entry = members.empty() ? audiences.erase(entry) : std::next(entry);
+        if (members.empty()) {
+            audiences.erase(entry);
+        }
     }
 }
 

@@ -97,9 +97,9 @@ private:
 class EventLog {
 public:
     // A new registration, of which the session keeps its own record; ended by leave(). Nothing may
-    // be staged: the registration would miss it.
+    // be staged: the registration would miss it. May throw std::bad_alloc, and has then no effect.
     void join(Session &session, const std::string &path);
-    void leave(const Session &session);
+    void leave(const Session &session, const std::string &path);
 
     // What a transaction in preparation will add.
     struct Staged {

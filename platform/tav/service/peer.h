@@ -14,6 +14,7 @@
 #include "protocol/codec.h"
 #include "protocol/protocol.h"
 #include "service/access.h"
+#include "service/schedule.h"
 #include "service/task.h"
 #include "service/wake.h"
 
@@ -70,6 +71,11 @@ public:
     // Of the request at work; its body is the next one in the input, and nothing is received
     // meanwhile.
     std::unique_ptr<Task> task;
+    Time::duration spent{}; // on it
+    Schedule::Kind kind() const {
+        return spent < Schedule::longest_turn(Schedule::Kind::brief) ? Schedule::Kind::brief
+                                                                     : Schedule::Kind::lengthy;
+    }
     std::optional<Time> unsent_since; // when its answer could not be sent at once
     std::uint32_t watched = 0;        // for these events of epoll
     std::size_t accounted = 0;        // the bytes held that its user was charged for

@@ -4,89 +4,108 @@
 
 namespace tav {
 
-namespace {
+template <typename Key>
+void Line<Key>::add(Key key) {
+    Member &member = members[key];
+    if (!member.waits) {
+        const Duration used = std::max(member.used, least - Schedule::credit);
+        waiting.emplace(used, key);
+        member.used = used;
+        member.waits = true;
+    }
+}
 
-// Needs no memory, and so cannot fail.
-template <typename Entry>
-void move(std::set<Entry> &waiting, const Entry &entry, Schedule::Duration time) {
-    auto node = waiting.extract(entry);
+template <typename Key>
+void Line<Key>::remove(Key key) {
+    const auto member = members.find(key);
+    if (member != members.end() && member->second.waits) {
+        member->second.waits = false;
+        waiting.erase({member->second.used, key});
+    }
+}
+
+template <typename Key>
+void Line<Key>::forget(Key key) {
+    remove(key);
+    members.erase(key);
+}
+
+template <typename Key>
+void Line<Key>::charge(Key key, Duration time) {
+    const auto found = members.find(key);
+    if (found == members.end()) {
+        return; // it is gone
+    }
+    Member &member = found->second;
+    least = std::max(least, member.used);
+    auto node = waiting.extract({member.used, key});
     if (!node.empty()) {
         node.value().first += time;
         waiting.insert(std::move(node));
     }
+    member.used += time;
 }
 
-} // namespace
+void Schedule::add(uid_t number, Id connection, Kind kind) {
+    User &user = known[number];
+    user.remove(connection, kind == Kind::brief ? Kind::lengthy : Kind::brief);
+    try {
+        user.of(kind).add(connection);
+        user.kinds.add(kind);
+        users.add(number);
+    } catch (...) {
+        remove(number, connection);
+        throw;
+    }
+}
 
-void Schedule::add(uid_t number, Id connection) {
-    User &user = users[number];
-    Connection &found = user.connections[connection];
-    if (found.waits) {
-        return;
+void Schedule::User::remove(Id connection, Kind kind) {
+    of(kind).remove(connection);
+    if (of(kind).nobody_waits()) {
+        kinds.remove(kind);
     }
-    found.used = std::max(found.used, user.least - credit);
-    const bool first = user.waiting.empty();
-    const auto added = user.waiting.emplace(found.used, connection).first;
-    if (first) {
-        try {
-            user.used = std::max(user.used, least - credit);
-            waiting.emplace(user.used, number);
-        } catch (...) {
-            user.waiting.erase(added);
-            throw;
-        }
-    }
-    found.waits = true;
 }
 
 void Schedule::remove(uid_t number, Id connection) {
-    const auto user = users.find(number);
-    if (user == users.end()) {
-        return;
-    }
-    const auto found = user->second.connections.find(connection);
-    if (found == user->second.connections.end() || !found->second.waits) {
-        return;
-    }
-    found->second.waits = false;
-    user->second.waiting.erase({found->second.used, connection});
-    if (user->second.waiting.empty()) {
-        waiting.erase({user->second.used, number});
+    const auto user = known.find(number);
+    if (user != known.end()) {
+        user->second.remove(connection, Kind::brief);
+        user->second.remove(connection, Kind::lengthy);
+        if (user->second.kinds.nobody_waits()) {
+            users.remove(number);
+        }
     }
 }
 
 void Schedule::forget(uid_t number, Id connection) {
     remove(number, connection);
-    const auto user = users.find(number);
-    if (user != users.end()) {
-        user->second.connections.erase(connection);
-        if (user->second.connections.empty()) {
-            users.erase(user);
-        }
+    const auto user = known.find(number);
+    if (user == known.end()) {
+        return;
+    }
+    bool none = true;
+    for (Line<Id> &line : user->second.connections) {
+        line.forget(connection);
+        none = none && line.nobody_known();
+    }
+    if (none) {
+        users.forget(number);
+        known.erase(user);
     }
 }
 
 Schedule::Id Schedule::next() const {
-    return users.at(waiting.begin()->second).waiting.begin()->second;
+    const User &user = known.at(users.next());
+    return user.of(user.kinds.next()).next();
 }
 
-void Schedule::charge(uid_t number, Id connection, Duration time) {
-    const auto found = users.find(number);
-    if (found == users.end() || found->second.connections.count(connection) == 0) {
-        return; // it is gone
+void Schedule::charge(uid_t number, Id connection, Kind kind, Duration time) {
+    const auto user = known.find(number);
+    if (user != known.end()) {
+        users.charge(number, time);
+        user->second.kinds.charge(kind, time);
+        user->second.of(kind).charge(connection, std::min(time, longest_turn(kind)));
     }
-    User &user = found->second;
-    Connection &charged = user.connections.at(connection);
-    least = std::max(least, user.used);
-    user.least = std::max(user.least, charged.used);
-    if (!user.waiting.empty()) {
-        move(waiting, std::make_pair(user.used, number), time);
-    }
-    if (charged.waits) {
-        move(user.waiting, std::make_pair(charged.used, connection), time);
-    }
-    charged.used += time;
-    user.used += time;
 }
 
 } // namespace tav

@@ -18,7 +18,7 @@ namespace tav {
 
 namespace {
 
-// Nobody who comes next waits longer than this for another's request.
+// So long requests are served before commits, wake-ups and timers are looked after.
 constexpr std::chrono::milliseconds slice{2};
 // The least time that a turn is charged with, for what is not measured.
 constexpr std::chrono::microseconds least_charge{2};
@@ -156,7 +156,7 @@ void Server::arrived(PeerId id) {
             return;
         }
         if (peer.task || peer.has_request()) {
-            schedule.add(peer.who.uid, id);
+            schedule.add(peer.who.uid, id, peer.kind());
         }
         account(peer);
     } catch (const std::exception &error) {
@@ -200,33 +200,45 @@ void Server::release_blocked() {
         const PeerId id = *blocked.begin();
         blocked.erase(blocked.begin());
         try {
-            schedule.add(peers.at(id)->who.uid, id);
+            const Peer &peer = *peers.at(id);
+            schedule.add(peer.who.uid, id, peer.kind());
         } catch (const std::bad_alloc &) {
             drop(id);
         }
     }
 }
 
+// While others wait for the transaction at work to end, it gets every second turn: its user's other
+// connections must not make them wait.
+Server::PeerId Server::next_peer() {
+    transaction_next = service.others_wait() && !transaction_next;
+    const auto writer = connections.find(service.at_work());
+    return transaction_next && writer != connections.end() ? writer->second.calls : schedule.next();
+}
+
 // A request of one client must not end the service for the others, for example if there is not
 // enough memory for it. That client loses its connection.
 void Server::serve_next() {
-    const PeerId id = schedule.next();
+    const PeerId id = next_peer();
     Peer &peer = *peers.at(id);
     const uid_t user = peer.who.uid;
+    const Schedule::Kind kind = peer.kind();
     const Stopwatch::time_point start = Stopwatch::now();
     try {
-        serve(id, peer, start + slice);
-        garbage::give_back();
+        serve(id, peer, start);
     } catch (const std::exception &error) {
         log_line("a request failed (%s), its client was disconnected", error.what());
         drop(id);
     }
-    schedule.charge(user, id, std::max<Schedule::Duration>(Stopwatch::now() - start, least_charge));
+    schedule.charge(user, id, kind,
+                    std::max<Schedule::Duration>(Stopwatch::now() - start, least_charge));
 }
 
 // Carries out one request, or part of it. Further requests wait for the client's next turn, except
 // one after a ping, which costs almost nothing.
-void Server::serve(PeerId id, Peer &peer, Time until) {
+void Server::serve(PeerId id, Peer &peer, Time start) {
+    const Schedule::Kind kind = peer.kind();
+    const Time until = start + Schedule::longest_turn(kind);
     bool after_ping = false;
     Turn turn = Turn::next;
     while (turn == Turn::next) {
@@ -246,6 +258,10 @@ void Server::serve(PeerId id, Peer &peer, Time until) {
         }
     }
     account(peer);
+    peer.spent = peer.task ? peer.spent + (Stopwatch::now() - start) : Time::duration{};
+    if (peer.kind() != kind && !peer.has_output() && blocked.count(id) == 0) {
+        schedule.add(peer.who.uid, id, peer.kind());
+    }
     if (!peer.task && !peer.has_output() && !peer.has_request()) {
         schedule.remove(peer.who.uid, id);
         peer.unsent_since.reset();

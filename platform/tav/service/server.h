@@ -1,7 +1,6 @@
 // The service's event loop: connections, frames, wake-up bytes and timers, on one thread.
 //
-// Requests are carried out in parts. After each the user is served who has used least time, and of
-// that user's connections the one that has used least, however many requests others have sent.
+// Requests are carried out in parts. After each the schedule says whose turn it is.
 #pragma once
 
 #include <sys/epoll.h>
@@ -66,7 +65,8 @@ private:
     void arrived(PeerId id);
     void work();
     void serve_next();
-    void serve(PeerId id, Peer &peer, Time until);
+    PeerId next_peer();
+    void serve(PeerId id, Peer &peer, Time start);
     enum class Turn { next, over, gone };
     Turn begin(PeerId id, Peer &peer);
     Turn go_on(PeerId id, Peer &peer);
@@ -103,10 +103,11 @@ private:
     std::map<std::uint64_t, Connections> connections;
     std::map<uid_t, User> users;
     std::size_t held = 0; // by all users
-    PeerId next_peer = first_peer;
+    PeerId next_id = first_peer;
     std::optional<Time> accept_again;
 
     Schedule schedule;              // connections with a request that can go on
+    bool transaction_next = false;  // the last turn was that of the transaction at work
     std::set<PeerId> blocked;       // with one that waits for another client or for a commit
     std::uint64_t released = 0;     // see Service::releases()
     std::uint64_t looked_after = 0; // see Service::publications()

@@ -186,11 +186,11 @@ void Service::group_ended() {
     trim_events();
 }
 
-bool Service::take_turn() {
-    if (at_work || registrations > 0 || served.group_is_full()) {
+bool Service::take_turn(SessionId session) {
+    if (busy() || registrations > 0 || served.group_is_full()) {
         return false;
     }
-    at_work = true;
+    writing = session;
     return true;
 }
 
@@ -200,7 +200,7 @@ void Service::registering(int change) {
 }
 
 void Service::end_turn() {
-    at_work = false;
+    writing = 0;
     ++released;
 }
 

@@ -71,19 +71,20 @@ public:
 
     // For tasks. One transaction is carried out at a time; take_turn() is false when the task must
     // wait. Each call that was true is followed by end_turn().
-    bool take_turn();
+    bool take_turn(SessionId session);
     void end_turn();
     // Announces or withdraws (-1) a task that waits for a turn.
     void writers(int change) { waiting_writers += change; }
     bool writers_wait() const { return waiting_writers > 0; }
+    // Writers, or tasks that wait to register.
+    bool others_wait() const { return waiting_writers > 0 || registrations > 0; }
     // Announces or withdraws (-1) a task that waits for between_groups(): no transaction begins
     // before.
     void registering(int change);
-    // A transaction is being carried out.
-    bool busy() const { return at_work; }
-    bool between_groups() const {
-        return !at_work && !store().has_group() && !store().committing();
-    }
+    // The session whose transaction is being carried out; 0: none.
+    SessionId at_work() const { return writing; }
+    bool busy() const { return writing != 0; }
+    bool between_groups() const { return !busy() && !store().has_group() && !store().committing(); }
     // Whether a call may have so many paths; the library obeys that.
     bool fits(std::size_t paths);
     // Who the session's client is, for the history.
@@ -123,7 +124,7 @@ private:
     bool much_memory = false;
     int waiting_writers = 0;
     int registrations = 0; // tasks that wait to register
-    bool at_work = false;  // a transaction is
+    SessionId writing = 0; // see at_work()
     Usage limits_used;
 };
 

@@ -7,6 +7,12 @@
 
 namespace tav {
 
+Session::~Session() {
+    for (const Registered &registered : registrations) {
+        log.leave(*this, registered.path);
+    }
+}
+
 api_status_t Session::register_events(const Registration &registration, Time now) {
     const api_status_t status = check_path(registration.path);
     if (status != api_status_ok) {

@@ -19,7 +19,7 @@ public:
     Session(const Ticket &given, const Credentials &peer, bool writer, EventLog &events)
         : identity(given), process(static_cast<std::uint32_t>(peer.pid)), user(peer.uid),
           writes(writer), log(events) {}
-    ~Session() { log.leave(*this); }
+    ~Session();
     Session(const Session &) = delete;
     Session &operator=(const Session &) = delete;
 

@@ -215,7 +215,7 @@ public:
             start(); // what it builds on was not stored
         }
         if (!transaction) {
-            has_turn = session.may_write() && service.take_turn();
+            has_turn = session.may_write() && service.take_turn(session.id());
             if (session.may_write() && !has_turn) {
                 return wait();
             }

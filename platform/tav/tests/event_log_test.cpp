@@ -58,6 +58,18 @@ protected:
 
 } // namespace
 
+TEST_F(EventLogTest, AClientThatLeavesIsForgottenAtEachOfItsPaths) {
+    one.watch("/a");
+    {
+        Client three(3, log);
+        three.watch("/a");
+        three.watch("/b");
+    }
+    change(somebody, {set_a, set_b});
+    EXPECT_EQ(one.fetched().back(), "2 /a"); // and nobody is called who is gone
+    EXPECT_EQ(log.published().size(), 1U);   // nobody waits for /b
+}
+
 TEST_F(EventLogTest, KeepsTheOrder) {
     one.watch("/");
     one.fetched();

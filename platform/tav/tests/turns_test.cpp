@@ -5,9 +5,11 @@
 #include "support/store_fixture.h"
 
 #include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <thread>
 
 #include "protocol/limits.h"
 #include "service/server.h"
@@ -113,6 +115,56 @@ TEST_F(TurnsTest, ALongTransactionDelaysNoReader) {
         send_reads(*second, 1);
         EXPECT_EQ(take_numbers(*second, 1), std::vector<int>{7});
     });
+}
+
+// A registration waits for the transaction, which would otherwise wait for each of its user's
+// other connections between its turns.
+TEST_F(TurnsTest, ATransactionThatOthersWaitForGetsEverySecondTurn) {
+    const auto leaves = [](const std::string &stem, int number) {
+        return request_frame(Op::transact, [&](Writer &out) {
+            std::vector<tav::Item> items;
+            for (int i = 0; i < number; ++i) {
+                items.push_back({tav::ItemKind::set,
+                                 stem + std::to_string(i),
+                                 {element_type_integer, "1", tav::no_time}});
+            }
+            put_all(out, items);
+        });
+    };
+    const std::string dump =
+        request_frame(Op::dump, [](Writer &out) { put(out, std::string_view("/")); });
+    std::vector<std::unique_ptr<RawClient>> readers;
+    std::vector<std::thread> threads;
+    std::atomic<int> frames{0}; // of their dumps
+    while_served([&] {
+        ASSERT_TRUE(first->calls.send(leaves("/first", limits::paths_per_request)));
+        take_replies(*first, 1);
+        for (int i = 0; i < 20; ++i) {
+            readers.push_back(std::make_unique<RawClient>(socket));
+            for (int again = 0; again < 100; ++again) {
+                ASSERT_TRUE(readers.back()->calls.send(dump));
+            }
+            threads.emplace_back([&frames, &reader = *readers.back()] {
+                while (!reader.calls.receive().empty()) {
+                    ++frames;
+                }
+            });
+        }
+        ASSERT_TRUE(first->calls.send(leaves("/second", limits::paths_per_request)));
+    });
+    while (!service.busy()) {
+        while_served([] {});
+    }
+    ASSERT_TRUE(second->calls.send(request_frame(Op::event_register, [](Writer &out) {
+        put(out, tav::Registration{"/", api_event_change, false});
+    })));
+    frames = 0;
+    while_served([&] { take_replies(*second, 1); });
+    EXPECT_LT(frames, 120) << "each reader had as many turns as the transaction";
+    for (std::size_t i = 0; i < readers.size(); ++i) {
+        ::shutdown(readers[i]->calls.fd(), SHUT_RDWR);
+        threads[i].join();
+    }
 }
 
 // By hand, so that the order is certain.
