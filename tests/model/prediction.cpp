@@ -78,6 +78,7 @@ private:
                0;
     }
     void drop_while_read(int number);
+    void cut_short();
     void set_back(Kind kind, std::size_t known_notices);
     void announce_late();
     bool apply_to_kernel(const Done &done, const std::vector<int> &arguments);
@@ -265,6 +266,17 @@ bool Course::apply_to_kernel(const Done &done, const std::vector<int> &arguments
     }
 }
 
+// The service may end in the middle of a synchronisation, after what this did in the kernel.
+void Course::cut_short() {
+    if (pace == Pace::settled || pace == Pace::frozen || pick(2) == 0) {
+        return;
+    }
+    state.store.last_writes = pick(3);
+    for (int steps = pick(4); steps > 0 && step(true); --steps) {
+    }
+    state.store.last_writes.reset();
+}
+
 void Course::apply_to_processes(const Operation &operation) {
     DaemonModel &daemon = state.daemon;
     switch (operation.kind) {
@@ -272,6 +284,7 @@ void Course::apply_to_processes(const Operation &operation) {
         daemon.stop(state.kernel, state.store);
         break;
     case Kind::store_stop:
+        cut_short();
         daemon.stop(state.kernel, state.store);
         state.store_up = false;
         break;

@@ -17,8 +17,8 @@ TEST_P(SequenceTest, EndsAsPredicted) {
     RecordProperty("items", static_cast<int>(verdict.items));
     RecordProperty("undetermined", static_cast<int>(verdict.undetermined));
     if (!verdict.failure.empty()) {
-        ADD_FAILURE() << "seed " << sequence.seed << ":\n"
-                      << verdict.failure << verdict.log << "the shortest that fails as well:\n"
+        ADD_FAILURE() << "seed " << sequence.seed << ":\n" << verdict.failure << verdict.log;
+        ADD_FAILURE() << "the shortest that fails as well:\n"
                       << model::to_text(model::shrink(sequence, shrink_tries));
     }
 }

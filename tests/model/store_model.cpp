@@ -178,12 +178,16 @@ void StoreModel::user_remove(const std::string &node) {
     remove(node, true);
 }
 
+bool StoreModel::reaches_service() {
+    return !last_writes || --*last_writes >= 0;
+}
+
 bool StoreModel::daemon_write(const pairs_t &pairs) {
-    return write(pairs, false);
+    return reaches_service() && write(pairs, false);
 }
 
 bool StoreModel::daemon_remove(const std::string &node) {
-    return remove(node, false);
+    return reaches_service() && remove(node, false);
 }
 
 bool StoreModel::fetch() {

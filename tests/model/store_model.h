@@ -44,7 +44,7 @@ public:
     void user_remove(const std::string &node);
     void user_touch(const std::string &leaf) { events.insert(leaf); }
 
-    // By the daemon: false when refused.
+    // By the daemon: false when refused, or when the service has ended.
     bool daemon_write(const pairs_t &leaves);
     bool daemon_remove(const std::string &node);
 
@@ -58,8 +58,11 @@ public:
     std::set<std::string> nodes;
     std::set<std::string> events; // not fetched yet: leaves
     bool watched = false;         // whether a daemon is registered for events
+    // The service ends after so many writes of the daemon; the others do not reach it.
+    std::optional<int> last_writes;
 
 private:
+    bool reaches_service();
     std::vector<std::string> children(const std::string &node, bool also_leaves) const;
     bool write(const pairs_t &pairs, bool by_user);
     bool remove(const std::string &node, bool by_user);
