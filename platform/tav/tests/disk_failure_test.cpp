@@ -25,7 +25,7 @@ struct Fault {
 class FailingDiskTest : public StoreTest, public testing::WithParamInterface<Fault> {
 protected:
     FailingDiskTest() {
-        prefix = {"/usr/bin/env", "LD_PRELOAD=" TAV_DISK_PRELOAD, "TAV_DISK_FAULT=" + plan,
+        prefix = {"LD_PRELOAD=" TAV_DISK_PRELOAD, "TAV_DISK_FAULT=" + plan,
                   // The library is loaded before the sanitizer's.
                   "ASAN_OPTIONS=verify_asan_link_order=0"};
     }
@@ -316,7 +316,7 @@ namespace {
 class DurabilityTest : public StoreTest {
 protected:
     DurabilityTest() {
-        prefix = {"/usr/bin/env", "LD_PRELOAD=" TAV_DISK_PRELOAD, "TAV_DISK_FAULT=" + plan,
+        prefix = {"LD_PRELOAD=" TAV_DISK_PRELOAD, "TAV_DISK_FAULT=" + plan,
                   "ASAN_OPTIONS=verify_asan_link_order=0"};
     }
     // The result of a write when nothing can be synced.

@@ -77,7 +77,11 @@ Process::Process(const TempDir &dir, const std::string &name,
         redirect(input_file, O_RDONLY, STDIN_FILENO);
         redirect(output_file, O_WRONLY | O_TRUNC, STDOUT_FILENO);
         redirect(errors_file, O_WRONLY | O_TRUNC | O_APPEND, STDERR_FILENO);
-        ::execv(words[0], words.data());
+        char **program = words.data();
+        for (; *program != nullptr && **program != '/'; ++program) {
+            ::putenv(*program);
+        }
+        ::execv(*program, program);
         ::_exit(127);
     }
     if (child < 0) {

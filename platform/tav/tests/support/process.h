@@ -31,7 +31,8 @@ bool exists(const std::string &path);
 // A child process whose output goes to files. It dies with the test.
 class Process {
 public:
-    // `arguments` begins with the program. Its standard input is `input`.
+    // `arguments` begins with the program's path, which may have "NAME=value" for its environment
+    // before it. Its standard input is `input`.
     Process(const TempDir &dir, const std::string &name, const std::vector<std::string> &arguments,
             const std::string &input = "");
     // Kills it if it still runs.
