@@ -5,14 +5,21 @@
 
 namespace tav {
 
-int transact(mlr_client_t *client, const std::vector<Item> &items,
-             std::vector<api_status_t> &statuses) {
+namespace {
+
+// Without a term if it is 0.
+int transact(mlr_client_t *client, const std::vector<Item> &items, std::uint32_t term,
+             std::vector<api_status_t> &statuses, std::uint64_t &number) {
     statuses.assign(items.size(), api_status_none);
     Connection *connection = connection_of(client);
     if (connection == nullptr) {
         return call_failed;
     }
-    Writer request = connection->request(Op::transact);
+    const Op op = term == 0 ? Op::transact : Op::transact_pending;
+    Writer request = connection->request(op);
+    if (term != 0) {
+        request.u32(term);
+    }
     put_all(request, items);
     if (request.too_large() || items.size() > limits::paths_per_request) {
         report(report_call, "a transaction of %zu items is beyond the limits", items.size());
@@ -20,12 +27,35 @@ int transact(mlr_client_t *client, const std::vector<Item> &items,
         return connection->usable() ? call_done : call_failed;
     }
     std::vector<api_status_t> answer;
-    const int result = perform(*connection, Op::transact, request,
-                               [&](Reader &reader) { get_exactly(reader, answer, items.size()); });
+    std::uint64_t change = 0;
+    const int result = perform(*connection, op, request, [&](Reader &reader) {
+        get_exactly(reader, answer, items.size());
+        change = term == 0 ? 0 : reader.u64();
+    });
     if (result == call_done) {
         statuses = std::move(answer);
+        number = change;
     }
     return result;
+}
+
+} // namespace
+
+int transact(mlr_client_t *client, const std::vector<Item> &items,
+             std::vector<api_status_t> &statuses) {
+    std::uint64_t none = 0;
+    return transact(client, items, 0, statuses, none);
+}
+
+int transact_pending(mlr_client_t *client, const std::vector<Item> &items, std::uint32_t term,
+                     std::vector<api_status_t> &statuses, std::uint64_t &number) {
+    number = 0;
+    if (term < 1 || term > limits::confirm_term) {
+        statuses.assign(items.size(), api_status_bad_value);
+        const Connection *const connection = connection_of(client);
+        return connection != nullptr && connection->usable() ? call_done : call_failed;
+    }
+    return transact(client, items, term, statuses, number);
 }
 
 int dump(mlr_client_t *client, const std::string &path, api_status_t &status,

@@ -15,6 +15,22 @@ namespace tav {
 TAV_EXPORT int transact(mlr_client_t *client, const std::vector<Item> &items,
                         std::vector<api_status_t> &statuses);
 
+// The same, and the service takes the change back when so many milliseconds have passed (1 to
+// limits::confirm_term; otherwise each status is api_status_bad_value), unless it is confirmed
+// before. `number` identifies it; 0 if nothing was changed.
+TAV_EXPORT int transact_pending(mlr_client_t *client, const std::vector<Item> &items,
+                                std::uint32_t term, std::vector<api_status_t> &statuses,
+                                std::uint64_t &number);
+
+// Keeps the change with that number, or with 0 the only one of this client's user; `confirmed` is
+// its number if the status is ok. It is api_status_absent if none waits, and api_status_refused if
+// several do.
+TAV_EXPORT int confirm(mlr_client_t *client, std::uint64_t number, api_status_t &status,
+                       std::uint64_t &confirmed);
+
+// The changes that wait for their confirmation, oldest first.
+TAV_EXPORT int pending(mlr_client_t *client, std::vector<PendingChange> &changes);
+
 // All elements of the subtree at `path`, including itself, in tree order, as of one moment.
 TAV_EXPORT int dump(mlr_client_t *client, const std::string &path, api_status_t &status,
                     std::vector<DumpElement> &elements);

@@ -80,4 +80,15 @@ void get(Reader &in, HistoryEntry &value) {
     get_all(in, value.changes);
 }
 
+void put(Writer &out, const PendingChange &value) {
+    put(out, value.change);
+    out.u32(value.term);
+    out.u32(value.left);
+}
+void get(Reader &in, PendingChange &value) {
+    get(in, value.change);
+    value.term = in.u32();
+    value.left = in.u32();
+}
+
 } // namespace tav

@@ -50,6 +50,20 @@ struct History {
     std::uint64_t last = 0; // of the newest entry, wherever its changes are
 };
 
+// A change that is taken back unless it is confirmed in time.
+struct PendingChange {
+    HistoryEntry change;    // with all values
+    std::uint32_t term = 0; // milliseconds
+    std::uint32_t left = 0; // of them
+};
+// A request for them has no content. In the answer a 1 and a change follow for each, oldest first,
+// and then a 0.
+
+// A transaction that is taken back unless it is confirmed has the milliseconds of its term (32
+// bits) before its steps; the answer has the change's number (64 bits) after the statuses, 0 if
+// nothing was changed. A confirmation has the number of the change; 0 means the only one of the
+// client's user. Its answer is a status and the number.
+
 void put(Writer &out, const HistoryRequest &value);
 void get(Reader &in, HistoryRequest &value);
 // An element of which a pointer that is null did not or does not exist.
@@ -61,5 +75,7 @@ void put_header(Writer &out, const HistoryEntry &value);
 void get_header(Reader &in, HistoryEntry &value);
 void put(Writer &out, const HistoryEntry &value);
 void get(Reader &in, HistoryEntry &value);
+void put(Writer &out, const PendingChange &value);
+void get(Reader &in, PendingChange &value);
 
 } // namespace tav

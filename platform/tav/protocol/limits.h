@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 
 namespace tav::limits {
 
@@ -53,6 +54,12 @@ constexpr std::size_t history_bytes = std::size_t{1} << 20;
 constexpr std::size_t history_transactions = 1000; // unless the service is started with another one
 // The name by which a client calls itself. api_status_name_too_long.
 constexpr std::size_t program_bytes = 64;
+
+// The term within which a change must be confirmed, in milliseconds: from 1 on. How many changes of
+// one user may wait for it at once, and their bytes with their values. api_status_too_much_pending.
+constexpr std::uint32_t confirm_term = 86400000; // a day
+constexpr std::size_t pending_changes = 16;
+constexpr std::size_t pending_bytes = std::size_t{1} << 20;
 
 // Event registrations of one client. api_status_too_many_registrations.
 constexpr std::size_t registrations_per_client = 64;

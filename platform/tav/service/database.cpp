@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "service/log.h"
@@ -30,7 +31,7 @@ Database::Database(const std::string &file, Durability promised,
     // Overwriting what is removed would need room in the log.
     database.execute("PRAGMA secure_delete = FAST");
     Version version = check_database(database);
-    totals = load_database(database, version, tree, stored_records);
+    totals = load_database(database, version, tree, stored_records, stored_pending);
     page_size = database.number("PRAGMA page_size");
     use_wal();
     database.execute("PRAGMA synchronous = FULL");
@@ -139,6 +140,7 @@ Version Database::current_version() const {
 
 void Database::write(const Edit::Changes &changes, Depth depth, Totals &after) {
     std::int64_t removed = 0;
+    bool numbered = false;
     for (const Change &change : changes) {
         removed += change.stored() && !change.after ? 1 : 0;
     }
@@ -153,6 +155,11 @@ void Database::write(const Edit::Changes &changes, Depth depth, Totals &after) {
         if (change.before) {
             Rows::discount(change.path, *change.before, after);
         }
+        if (change.after && is_pending_path(change.path)) {
+            const auto number = static_cast<std::int64_t>(pending_number(change.path));
+            after.last_record = std::max(after.last_record, number);
+            numbered = true;
+        }
         if (change.after) {
             rows->put(change.path, *change.after, after);
         } else if (!all) {
@@ -164,7 +171,7 @@ void Database::write(const Edit::Changes &changes, Depth depth, Totals &after) {
     } else {
         history->write_least(changes, after);
     }
-    if (durability == Durability::full) {
+    if (durability == Durability::full || numbered) {
         rows->store(after);
     }
 }

@@ -3,6 +3,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "service/database_file.h"
@@ -38,6 +39,7 @@ public:
     bool commit(const Edit::Changes &changes) override;
     bool is_slow(std::size_t changes) const override;
     std::uint64_t begin_history(const HistoryBounds &bounds, Records &records) override;
+    std::vector<PendingPtr> take_pending() override { return std::move(stored_pending); }
     const char *promise() const override;
 
 private:
@@ -68,7 +70,8 @@ private:
     std::vector<KnownFile> files; // the database, and the log if there is one
     std::optional<Rows> rows;
     std::optional<HistoryRows> history;
-    Records stored_records; // until begin_history()
+    Records stored_records;                 // until begin_history()
+    std::vector<PendingPtr> stored_pending; // until take_pending()
     Totals totals;
     bool refused_in_log = false; // the log on disk may end with a commit that failed
     int log_pages = 0;           // after the last commit

@@ -90,7 +90,8 @@ void add_nodes(Tree &tree, const std::string &path) {
 
 // In WAL mode from the start, so that the first process to open it has it exclusively. After
 // closing there is only one file to rename.
-void create_database(const std::string &file, const Tree &tree, const Records &records) {
+void create_database(const std::string &file, const Tree &tree, const Records &records,
+                     const std::vector<PendingPtr> &pending) {
     remove_unfinished(file);
     Sqlite database(file, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE);
     // Most commits change one leaf, and so write one page and compute its checksum.
@@ -102,7 +103,7 @@ void create_database(const std::string &file, const Tree &tree, const Records &r
     Rows::create(database);
     HistoryRows::create(database);
     Rows rows(database);
-    Totals totals = rows.put_all(tree);
+    Totals totals = rows.put_all(tree, pending);
     HistoryRows(database).put_all(records, totals);
     rows.store(totals);
     // Closing would do the latter, too, but would not say if it fails.
@@ -114,8 +115,9 @@ RowChecks row_checks(const Version &version) {
     return {!first, !first && !version.unsynced};
 }
 
-Totals load_database(Sqlite &database, const Version &version, Tree &tree, Records &records) {
-    Totals totals = load_rows(database, row_checks(version), tree);
+Totals load_database(Sqlite &database, const Version &version, Tree &tree, Records &records,
+                     std::vector<PendingPtr> &pending) {
+    Totals totals = load_rows(database, row_checks(version), tree, pending);
     if (version.format != first_format && version.format != second_format) {
         records = HistoryRows::load(database, row_checks(version), totals);
     }
@@ -124,7 +126,7 @@ Totals load_database(Sqlite &database, const Version &version, Tree &tree, Recor
 
 void migrate_database(Sqlite &database, Version &version, Totals &totals, const Tree &tree) {
     const std::int64_t format = version.format;
-    if (format != first_format && format != second_format) {
+    if (format == Version().format) {
         return;
     }
     version.format = Version().format;
@@ -134,12 +136,14 @@ void migrate_database(Sqlite &database, Version &version, Totals &totals, const 
         database.execute("DROP TABLE element");
         Rows::create(database);
         totals = Rows(database).put_all(tree);
-    } else {
+    } else if (format == second_format) {
         database.execute("DROP TABLE total");
         Rows::create_totals(database);
         Rows(database).store(totals);
     }
-    HistoryRows::create(database);
+    if (format == first_format || format == second_format) {
+        HistoryRows::create(database);
+    }
     database.execute("COMMIT");
 }
 

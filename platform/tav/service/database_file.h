@@ -19,15 +19,18 @@ namespace tav {
 void provide_database(const std::string &file, const std::vector<std::string> &initial_nodes);
 
 // Creates `file`, instead of one that an earlier start or repair has not finished, with the content
-// of `tree` and the history `records`. Throws DatabaseError.
-void create_database(const std::string &file, const Tree &tree, const Records &records = {});
+// of `tree`, the history `records`, and what waits for its confirmation. Throws DatabaseError.
+void create_database(const std::string &file, const Tree &tree, const Records &records = {},
+                     const std::vector<PendingPtr> &pending = {});
 
 // Adds the node at `path` and those above it, unless they exist.
 void add_nodes(Tree &tree, const std::string &path);
 
 // The user version in the header of the file.
 struct Version {
-    std::int64_t format = 3; // the first one has no checksums and no totals, the second no history
+    // The first one has no checksums and no totals, the second no history, and the third no changes
+    // that wait for their confirmation.
+    std::int64_t format = 4;
     // Commits are not synced, and the totals are not used.
     bool unsynced = false;
 
@@ -50,7 +53,8 @@ void check_log_of(const std::string &file, int locked);
 Version check_database(Sqlite &database);
 
 // Reads everything; `tree` has only the root. Throws DamagedDatabase.
-Totals load_database(Sqlite &database, const Version &version, Tree &tree, Records &records);
+Totals load_database(Sqlite &database, const Version &version, Tree &tree, Records &records,
+                     std::vector<PendingPtr> &pending);
 
 // Brings a database of an earlier format to the current one, all or nothing. `tree` and `totals`
 // are its content.

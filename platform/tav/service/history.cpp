@@ -151,11 +151,8 @@ void HistoryLog::begin(const HistoryBounds &most, Records &stored, std::uint64_t
     next_number = last_added + 1;
 }
 
-void HistoryLog::record(Edit::Changes &changes, const Author &author, std::int64_t time,
-                        Records &staged) {
-    if (!on()) {
-        return;
-    }
+std::string HistoryLog::entry(const Edit::Changes &changes, const Author &author, std::int64_t time,
+                              std::size_t most_bytes) const {
     HistoryEntry entry;
     entry.number = next_number;
     entry.time = time;
@@ -168,7 +165,7 @@ void HistoryLog::record(Edit::Changes &changes, const Author &author, std::int64
     put_header(out, entry);
     // With its header, and with what a record takes besides.
     constexpr std::size_t reserved = 512;
-    if (fits(changes, bounds.bytes - reserved)) {
+    if (fits(changes, most_bytes - reserved)) {
         out.u32(static_cast<std::uint32_t>(changes.size()));
         for (const Change &change : changes) {
             put_change(out, change.path, change.before.get(), change.after.get());
@@ -176,8 +173,17 @@ void HistoryLog::record(Edit::Changes &changes, const Author &author, std::int64
     } else {
         out.u32(0);
     }
-    auto made = std::make_shared<Record>(Record{entry.number, entry.service, frame_body(out)});
-    staged.emplace_hint(staged.end(), entry.number, made);
+    return frame_body(out);
+}
+
+void HistoryLog::record(Edit::Changes &changes, const Author &author, std::int64_t time,
+                        Records &staged) {
+    if (!on()) {
+        return;
+    }
+    auto made = std::make_shared<Record>(
+        Record{next_number, author.service, entry(changes, author, time, bounds.bytes)});
+    staged.emplace_hint(staged.end(), next_number, made);
     changes.back().record = std::move(made);
     ++next_number;
 }

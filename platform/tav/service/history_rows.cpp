@@ -65,7 +65,7 @@ Records HistoryRows::load(Sqlite &database, RowChecks checks, Totals &totals) {
     }
     totals.records = found.records;
     totals.record_checksums = found.record_checksums;
-    totals.last_record = std::max(found.last_record, last);
+    totals.last_record = std::max({totals.last_record, found.last_record, last});
     return records;
 }
 

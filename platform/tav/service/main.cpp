@@ -297,6 +297,7 @@ void serve(const Options &options) {
     store->byte_limit = options.max_bytes.value_or(store->byte_limit);
     store->keep_history(tav::HistoryBounds{options.history});
     const auto service = tav::make_service(*store, options.database);
+    service->resume(tav::wall_clock());
     service->usage().change(tav::Limit::connections, rights.connections.all);
     service->usage().change(tav::Limit::user_connections, rights.connections.per_user);
     listener.listen(options.mode);

@@ -57,6 +57,7 @@ public:
         }
     }
     const Records &records() const { return history; }
+    const std::vector<PendingPtr> &pending() const { return changes; }
     std::int64_t rejected() const { return bad_rows; }
     // How many rows there were, if that was counted.
     std::optional<std::int64_t> expected() { return counted_rows("SELECT rows FROM total"); }
@@ -94,6 +95,14 @@ private:
         }
     }
     bool keep(const StoredRow &row) {
+        if (row.intact && is_pending_path(row.path)) {
+            PendingPtr change = read_pending(row.path, row.value);
+            const bool valid = change != nullptr;
+            if (valid) {
+                changes.push_back(std::move(change));
+            }
+            return valid;
+        }
         if (!row.intact || check_path(row.path) != api_status_ok) {
             return false;
         }
@@ -112,6 +121,7 @@ private:
     std::string last; // path that was read forwards
     std::int64_t bad_rows = 0;
     Records history;
+    std::vector<PendingPtr> changes; // that wait for their confirmation
 };
 
 std::string of_expected(std::int64_t kept, std::optional<std::int64_t> expected) {
@@ -163,10 +173,17 @@ std::string rewrite(const std::string &file, Sqlite &damaged) {
         refuse_database(file, "is damaged, and nothing of it can be read");
     }
     const std::string fresh = file + ".new";
-    create_database(fresh, tree, salvage.records());
+    create_database(fresh, tree, salvage.records(), salvage.pending());
     take_owner(file, fresh);
-    const std::string report = "'" + file + "': kept " + of_expected(kept, salvage.expected()) +
-                               " elements and " +
+    const auto waiting = static_cast<std::int64_t>(salvage.pending().size());
+    std::optional<std::int64_t> expected = salvage.expected();
+    if (expected) {
+        *expected -= waiting; // they are rows, too
+    }
+    const std::string changes =
+        waiting > 0 ? ", " + counted(salvage.pending().size(), "unconfirmed change") : "";
+    const std::string report = "'" + file + "': kept " + of_expected(kept, expected) + " elements" +
+                               changes + " and " +
                                of_expected(static_cast<std::int64_t>(salvage.records().size()),
                                            salvage.expected_records()) +
                                " entries of the history, dropped ";
@@ -207,7 +224,8 @@ std::string repair_database(const std::string &file) {
         const Version version = check_database(database);
         Tree tree;
         Records records;
-        load_database(database, version, tree, records);
+        std::vector<PendingPtr> pending;
+        load_database(database, version, tree, records, pending);
     } catch (const DamagedDatabase &) {
         return rewrite(name, database);
     }

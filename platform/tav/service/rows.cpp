@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "service/checksum.h"
@@ -31,6 +32,12 @@ std::uint32_t checksum_of(const std::string &path, const Value &value) {
     // With the NUL after it, which no path contains.
     sum = crc32({path.c_str(), path.size() + 1}, sum);
     return crc32(value.text, sum);
+}
+
+// Its number is not used again, even without a history.
+void note_number(const Pending &pending, Totals &totals) {
+    totals.last_record =
+        std::max(totals.last_record, static_cast<std::int64_t>(pending.change.number));
 }
 
 [[noreturn]] void refuse_row(const Sqlite &database, std::int64_t row, const std::string &what) {
@@ -120,7 +127,7 @@ void Rows::store(const Totals &totals) {
     database.run(store_totals.get());
 }
 
-Totals Rows::put_all(const Tree &tree) {
+Totals Rows::put_all(const Tree &tree, const std::vector<PendingPtr> &pending) {
     Totals totals;
     walk(tree, "/", [&](const std::string &path, const Element &element) {
         if (path != "/") {
@@ -128,6 +135,10 @@ Totals Rows::put_all(const Tree &tree) {
         }
         return true;
     });
+    for (const PendingPtr &one : pending) {
+        put(pending_path(one->change.number), one->row, totals);
+        note_number(*one, totals);
+    }
     store(totals);
     return totals;
 }
@@ -148,7 +159,7 @@ StoredRow stored_row(sqlite3_stmt *statement, bool checked) {
 
 // The rows come in bytewise order of their paths, so that parents precede their children, each of
 // which has a row of its own.
-Totals load_rows(Sqlite &database, RowChecks checks, Tree &tree) {
+Totals load_rows(Sqlite &database, RowChecks checks, Tree &tree, std::vector<PendingPtr> &pending) {
     const Sqlite::Statement statement = database.prepare(
         checks.checksums ? "SELECT path, type, text, time, checksum FROM element ORDER BY path"
                          : "SELECT path, type, text, time FROM element ORDER BY path");
@@ -160,6 +171,14 @@ Totals load_rows(Sqlite &database, RowChecks checks, Tree &tree) {
         found.checksums ^= row.checksum;
         if (!row.intact) {
             refuse_row(database, found.rows, "other content than was written");
+        }
+        if (is_pending_path(row.path)) {
+            pending.push_back(read_pending(row.path, row.value));
+            if (!pending.back()) {
+                refuse_row(database, found.rows, "no change that waits for its confirmation");
+            }
+            note_number(*pending.back(), found);
+            continue;
         }
         const api_status_t status = tree.load(row.path, row.value);
         if (status != api_status_ok || row.path <= previous) {

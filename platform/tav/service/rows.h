@@ -1,13 +1,15 @@
 // The tables of the database. `element` has a row for each element except the root, with a
-// checksum. `history` is described in history_rows.h. `total` has one row, from which a row is
-// noticed that was lost or that is out of date. Writing it with each commit doubles what goes to
-// the log. That is little beside a sync, but not without one, so it is not used while commits are
-// not synced.
+// checksum, and one for each change that waits for its confirmation (see pending.h). `history` is
+// described in history_rows.h. `total` has one row, from which a row is noticed that was lost or
+// that is out of date. Writing it with each commit doubles what goes to the log. That is little
+// beside a sync, but not without one, so it is not used while commits are not synced.
 #pragma once
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
+#include "service/pending.h"
 #include "service/sqlite.h"
 #include "service/tree.h"
 
@@ -41,8 +43,8 @@ public:
     void store(const Totals &totals);
     // The last number of the history as it was stored, also if the totals are not used.
     static std::int64_t last_record(Sqlite &database);
-    // Stores a whole tree in empty tables.
-    Totals put_all(const Tree &tree);
+    // Stores a whole tree, and what waits for its confirmation, in empty tables.
+    Totals put_all(const Tree &tree, const std::vector<PendingPtr> &pending = {});
 
 private:
     Sqlite &database;
@@ -67,8 +69,9 @@ struct StoredRow {
 // The current row of a statement that selects path, type, text, time and, if `checked`, checksum.
 StoredRow stored_row(sqlite3_stmt *statement, bool checked);
 
-// Reads the rows into `tree`, which has only the root. A row that is not as it was written, or no
-// element, means a damaged database.
-Totals load_rows(Sqlite &database, RowChecks checks, Tree &tree);
+// Reads the rows into `tree`, which has only the root, and those of changes that wait for their
+// confirmation into `pending`. A row that is not as it was written, or no element, means a damaged
+// database.
+Totals load_rows(Sqlite &database, RowChecks checks, Tree &tree, std::vector<PendingPtr> &pending);
 
 } // namespace tav

@@ -80,6 +80,7 @@ void Server::run() {
         if (!handle_events(events, ready)) {
             return;
         }
+        service.take_back();
         work();
         garbage::give_back();
         if (accept_again && service.now() >= *accept_again) {
@@ -436,6 +437,7 @@ std::optional<Time> Server::next_timer() const {
     };
     consider(accept_again);
     consider(next_wake);
+    consider(service.next_end());
     consider(trim);
     if (!greeting.empty()) {
         // The queue contains all accepted connections, so the first one may have been closed long

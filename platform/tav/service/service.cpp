@@ -3,16 +3,22 @@
 #include <sys/random.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <cinttypes>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
 
 #include "protocol/limits.h"
+#include "service/log.h"
 
 namespace tav {
 
 namespace {
+
+// Before another try to take a change back.
+constexpr std::chrono::seconds take_back_pause{5};
 
 std::uint64_t random_token() {
     std::uint64_t token = 0;
@@ -187,11 +193,77 @@ void Service::group_ended() {
 }
 
 bool Service::take_turn(SessionId session) {
-    if (busy() || registrations > 0 || served.group_is_full()) {
+    if (!may_begin() || ends_wait) {
         return false;
     }
     writing = session;
     return true;
+}
+
+void Service::resume(std::int64_t wall_clock) {
+    served.resume_terms(clock(), wall_clock);
+    take_back();
+    served.commit(clock());
+    group_ended();
+}
+
+std::optional<Time> Service::next_end() const {
+    if (ends_wait) {
+        return may_begin() ? std::optional(clock()) : std::nullopt;
+    }
+    std::optional<Time> next;
+    for (const auto &[number, pending] : served.pending_next()) {
+        next = next ? std::min(*next, pending->due) : pending->due;
+    }
+    return next && retry ? std::max(*next, *retry) : next;
+}
+
+void Service::take_back() {
+    released += ends_wait ? 1U : 0U;
+    ends_wait = false;
+    if (served.pending_next().empty()) {
+        return;
+    }
+    const Time now = clock();
+    if (taking_back && taking_back->known) {
+        retry = taking_back->stored ? std::nullopt : std::optional(now + take_back_pause);
+        taking_back.reset();
+    }
+    while (const PendingPtr pending = first_due(now)) {
+        ends_wait = !may_begin();
+        if (ends_wait) {
+            return;
+        }
+        try {
+            take_back(pending);
+        } catch (const std::exception &error) {
+            log_line("cannot take back change %" PRIu64 " yet: %s", pending->change.number,
+                     error.what());
+            retry = now + take_back_pause;
+        }
+    }
+}
+
+PendingPtr Service::first_due(Time now) const {
+    for (const auto &[number, pending] : served.pending_next()) {
+        if (pending->due <= now && (!retry || *retry <= now)) {
+            return pending;
+        }
+    }
+    return nullptr;
+}
+
+void Service::take_back(const PendingPtr &pending) {
+    const std::string number = std::to_string(pending->change.number);
+    const Author author{::geteuid(), static_cast<std::uint32_t>(::getpid()),
+                        "tavd taking back " + number, true};
+    log_line("taking back change %s of user %u: it was not confirmed within %g s", number.c_str(),
+             pending->change.uid, pending->term / 1000.0);
+    api_status_t status = api_status_none;
+    taking_back = served.take_back(pending, author, status);
+    if (!taking_back) {
+        throw std::runtime_error("status " + std::to_string(status));
+    }
 }
 
 void Service::registering(int change) {
@@ -224,6 +296,25 @@ void Service::trim_events() {
         }
         ++published; // so that the server ends them
     }
+}
+
+bool Service::fits(const Pending &pending) {
+    std::size_t number = 1;
+    std::size_t bytes = pending.row.text.size();
+    for (const auto &[other, waiting] : served.pending_next()) {
+        if (waiting->change.uid == pending.change.uid) {
+            ++number;
+            bytes += waiting->row.text.size();
+        }
+    }
+    const bool few = number <= limits::pending_changes;
+    const bool small = bytes <= limits::pending_bytes;
+    limits_used.raise(Limit::pending_changes, few ? number : 0);
+    limits_used.raise(Limit::pending_bytes, small ? bytes : 0);
+    if (!few || !small) {
+        limits_used.refuse(few ? Limit::pending_bytes : Limit::pending_changes);
+    }
+    return few && small;
 }
 
 bool Service::fits(std::size_t paths) {

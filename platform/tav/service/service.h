@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -57,6 +58,14 @@ public:
     // it goes on until committing() is readable; the next ones are carried out meanwhile.
     void commit();
     int committing() const { return committer.fd(); }
+    // Continues the terms of changes of an earlier service, and takes back what is due. Before the
+    // first request. `wall_clock`: see wall_clock().
+    void resume(std::int64_t wall_clock);
+    // Takes back the changes that were not confirmed in time, if transactions may begin now; call
+    // commit() then.
+    void take_back();
+    // When to call that; empty if nothing waits, or a commit comes first.
+    std::optional<Time> next_end() const;
     void commit_ended();
     // Increases when tasks that were blocked may go on.
     std::uint64_t releases() const { return released; }
@@ -87,6 +96,8 @@ public:
     bool between_groups() const { return !busy() && !store().has_group() && !store().committing(); }
     // Whether a call may have so many paths; the library obeys that.
     bool fits(std::size_t paths);
+    // Whether a change's author may have one more that waits for its confirmation.
+    bool fits(const Pending &pending);
     // Who the session's client is, for the history.
     Author author(const Session &session) const;
     // All but the clients.
@@ -105,6 +116,9 @@ public:
     void count_overflow();
 
 private:
+    bool may_begin() const { return !busy() && registrations == 0 && !served.group_is_full(); }
+    PendingPtr first_due(Time now) const;
+    void take_back(const PendingPtr &pending);
     void fetch(Session &session, std::uint32_t serial, std::string &reply);
     void group_ended();
     void trim_events();
@@ -123,8 +137,11 @@ private:
     std::uint64_t published = 0;
     bool much_memory = false;
     int waiting_writers = 0;
-    int registrations = 0; // tasks that wait to register
-    SessionId writing = 0; // see at_work()
+    int registrations = 0;  // tasks that wait to register
+    SessionId writing = 0;  // see at_work()
+    bool ends_wait = false; // changes are due that could not be taken back yet
+    std::shared_ptr<const Store::Result> taking_back; // the last time
+    std::optional<Time> retry;                        // not before
     Usage limits_used;
 };
 

@@ -1,7 +1,10 @@
 // Permanent storage of the tree: the interface between the store and its database.
 #pragma once
 
+#include <vector>
+
 #include "service/history.h"
+#include "service/pending.h"
 
 namespace tav {
 
@@ -27,6 +30,8 @@ public:
         static_cast<void>(records);
         return 0;
     }
+    // The changes that waited for their confirmation when the storage was opened; once.
+    virtual std::vector<PendingPtr> take_pending() { return {}; }
     // The durability of a commit, for display: "none", "normal" or "full".
     virtual const char *promise() const { return "none"; }
 };

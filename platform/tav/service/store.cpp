@@ -1,6 +1,7 @@
 #include "service/store.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <ctime>
 #include <utility>
 
@@ -32,20 +33,82 @@ void Store::keep_history(const HistoryBounds &bounds) {
     past.begin(bounds, stored, last);
 }
 
-std::shared_ptr<const Store::Result> Store::join(Transaction &done, EventLog::Staged &staged,
-                                                 const Author &author) {
+void Store::resume_terms(Time now, std::int64_t wall_clock) {
+    PendingChanges all;
+    for (const PendingPtr &stored : storage->take_pending()) {
+        all.emplace(stored->change.number, resumed(*stored, now, wall_clock));
+    }
+    committed_pending = std::make_shared<const PendingChanges>(std::move(all));
+    forming.pending = committed_pending;
+}
+
+bool Store::holds(std::string_view path, const Author &author, bool with_term) const {
+    return std::any_of(pending_next().begin(), pending_next().end(), [&](const auto &entry) {
+        const Pending &pending = *entry.second;
+        const bool free = author.service || pending.change.uid == author.uid;
+        return (with_term || !free) && touches(pending, path);
+    });
+}
+
+PendingPtr Store::prepare(Transaction &done, const Author &author, const Term &term) const {
+    PendingPtr made =
+        make_pending(past.entry(done.changes(), author, std::time(nullptr), limits::pending_bytes),
+                     term, wall_clock());
+    return made->change.changes.empty() ? nullptr : made;
+}
+
+void Store::open_group() {
     if (!forming.result) {
         forming.result = std::make_shared<Result>();
         forming.sizes = committing() ? at_storage.sizes : sizes;
     }
+}
+
+std::shared_ptr<const Store::Result> Store::join(Transaction &done, EventLog::Staged &staged,
+                                                 const Author &author, const Step &step) {
+    Edit::Changes rows;
+    const SharedPending pending = after(step, rows);
+    open_group();
     if (!done.changes().empty()) {
-        past.record(done.changes(), author, std::time(nullptr), forming.records);
+        const std::int64_t now = step.begins ? step.begins->change.time : std::time(nullptr);
+        past.record(done.changes(), author, now, forming.records);
+    }
+    if (step.begins) {
+        past.use_number();
     }
     forming.tree = done.tree();
+    forming.pending = pending;
     forming.changes.splice(forming.changes.end(), done.changes());
+    forming.changes.splice(forming.changes.end(), rows);
     forming.sizes.raise(done.largest());
     log.stage(staged);
     return forming.result;
+}
+
+std::shared_ptr<const Store::Result> Store::keep(const PendingPtr &pending) {
+    Edit::Changes rows;
+    const SharedPending left = after({nullptr, pending}, rows);
+    open_group();
+    forming.pending = left;
+    forming.changes.splice(forming.changes.end(), rows);
+    return forming.result;
+}
+
+// The changes that wait after the step, and what it does to the rows of the database.
+Store::SharedPending Store::after(const Step &step, Edit::Changes &rows) const {
+    if (!step.begins && !step.ends) {
+        return forming.pending;
+    }
+    auto all = std::make_shared<PendingChanges>(*forming.pending);
+    if (step.begins) {
+        all->emplace(step.begins->change.number, step.begins);
+        rows.push_back(begins(step.begins));
+    }
+    if (step.ends) {
+        all->erase(step.ends->change.number);
+        rows.push_back(ends(step.ends));
+    }
+    return all;
 }
 
 void Store::Group::end(bool stored) noexcept {
@@ -59,6 +122,7 @@ void Store::Group::end(bool stored) noexcept {
 
 const Edit::Changes &Store::close_group() noexcept {
     at_storage.tree = forming.tree;
+    at_storage.pending = forming.pending;
     at_storage.sizes = forming.sizes;
     at_storage.changes.swap(forming.changes);
     at_storage.records.swap(forming.records);
@@ -74,6 +138,7 @@ void Store::finish(bool stored, Time now) noexcept {
         }
         changed += at_storage.changes.empty() ? 0U : 1U;
         committed = at_storage.tree;
+        committed_pending = at_storage.pending;
         sizes = at_storage.sizes;
         past.add(at_storage.records);
         log.publish(now);
@@ -83,6 +148,7 @@ void Store::finish(bool stored, Time now) noexcept {
         log.drop_staged();
         at_storage.tree = committed;
         forming.tree = committed;
+        forming.pending = committed_pending;
         forming.end(false);
         ++refused;
     }
@@ -111,29 +177,50 @@ api_status_t read_leaf(const Tree &tree, std::string_view path, const Value *&va
     return api_status_ok;
 }
 
-std::vector<api_status_t> Store::transact(const std::vector<Item> &items,
-                                          const Transaction::Unseen &unseen, SessionId session,
-                                          Time now, const Author &author) {
+std::shared_ptr<const Store::Result>
+Store::perform(const std::vector<Item> &items, const Transaction::Unseen &unseen, SessionId session,
+               const Author &author, const Step &step, std::vector<api_status_t> &statuses) {
     Writer encoded;
     put_all(encoded, items);
     const std::string frame = encoded.finish();
     EventLog::Staged staged;
     Transaction transaction(forming.tree, std::string_view(frame).substr(length_bytes),
-                            std::time(nullptr), byte_limit, unseen,
+                            std::time(nullptr), step.ends ? SIZE_MAX : byte_limit, unseen,
                             [&](const Event &event) { log.stage(staged, event, session); });
     Transaction::State state = Transaction::State::working;
     while (state == Transaction::State::working) {
         state = transaction.advance();
     }
-    std::vector<api_status_t> statuses = transaction.statuses();
-    if (state == Transaction::State::complete) {
-        const auto result = join(transaction, staged, author);
+    statuses = transaction.statuses();
+    return state == Transaction::State::complete ? join(transaction, staged, author, step)
+                                                 : nullptr;
+}
+
+std::vector<api_status_t> Store::transact(const std::vector<Item> &items,
+                                          const Transaction::Unseen &unseen, SessionId session,
+                                          Time now, const Author &author) {
+    std::vector<api_status_t> statuses;
+    if (const auto result = perform(items, unseen, session, author, {}, statuses)) {
         commit(now);
         if (!result->stored) {
             statuses.assign(statuses.size(), api_status_failed);
         }
     }
     return statuses;
+}
+
+std::shared_ptr<const Store::Result> Store::take_back(const PendingPtr &pending,
+                                                      const Author &author, api_status_t &status) {
+    std::vector<api_status_t> statuses;
+    const auto result = perform(
+        steps_to_take_back(*pending, forming.tree),
+        [](const std::string & /*path*/) { return false; }, 0, author, {nullptr, pending},
+        statuses);
+    const auto reason = std::find_if(statuses.begin(), statuses.end(), [](api_status_t one) {
+        return one != api_status_ok && one != api_status_not_done;
+    });
+    status = reason != statuses.end() ? *reason : api_status_ok;
+    return result;
 }
 
 } // namespace tav

@@ -15,6 +15,7 @@
 #include "service/database.h"
 #include "service/event_log.h"
 #include "service/history.h"
+#include "service/pending.h"
 #include "service/storage.h"
 #include "service/transaction.h"
 
@@ -44,6 +45,15 @@ public:
     // There is none before keep_history(). That must precede the first write.
     const HistoryLog &history() const { return past; }
     void keep_history(const HistoryBounds &bounds);
+    // Continues the terms of the changes that waited when the service ended. That must precede the
+    // first write.
+    void resume_terms(Time now, std::int64_t wall_clock);
+    // The changes that wait for their confirmation: as readers see them, and as they are after the
+    // group that forms.
+    const PendingChanges &pending() const { return *committed_pending; }
+    const PendingChanges &pending_next() const { return *forming.pending; }
+    // Whether the author may not change the element at `path`, or, with a term, begin another one.
+    bool holds(std::string_view path, const Author &author, bool with_term) const;
     // Called before readers see `after` instead of `before`; must not throw.
     using Reveal = std::function<void(const Tree &before, const Tree &after)>;
     Reveal before_reveal;
@@ -65,6 +75,11 @@ public:
         bool known = false;
         bool stored = false;
     };
+    // What a transaction does to the changes that wait for their confirmation; both may be null.
+    struct Step {
+        PendingPtr begins;
+        PendingPtr ends;
+    };
     // For a transaction to begin with. Only one may be at work at a time.
     const Tree &group_tree() const { return forming.tree; }
     // Increases when that tree was refused; a transaction that began with it must begin again.
@@ -72,7 +87,16 @@ public:
     // Adds a completed transaction and its events to the group that forms. May throw
     // std::bad_alloc, and has then no effect.
     std::shared_ptr<const Result> join(Transaction &done, EventLog::Staged &staged,
-                                       const Author &author);
+                                       const Author &author, const Step &step = {});
+    // What a completed transaction changes, as a change that waits for its confirmation from now
+    // on. Null if its values take more than limits::pending_bytes.
+    PendingPtr prepare(Transaction &done, const Author &author, const Term &term) const;
+    // Adds to the group that forms that the change waits no longer. May throw like join().
+    std::shared_ptr<const Result> keep(const PendingPtr &pending);
+    // The same, and gives its elements their old values. Null if the tree has no room for them; the
+    // status says why. Nothing else may be in preparation.
+    std::shared_ptr<const Result> take_back(const PendingPtr &pending, const Author &author,
+                                            api_status_t &status);
     // A group forms; one is being committed.
     bool has_group() const { return forming.result != nullptr; }
     // It has as much as one call may have. The next transaction waits for the next group, or a slow
@@ -90,8 +114,10 @@ public:
     Storage &permanent() { return *storage; }
 
 private:
+    using SharedPending = std::shared_ptr<const PendingChanges>; // never null
     struct Group {
         Tree tree;
+        SharedPending pending = std::make_shared<const PendingChanges>();
         Edit::Changes changes;
         Records records;
         Sizes sizes;
@@ -100,7 +126,15 @@ private:
         void end(bool stored) noexcept;
     };
 
+    std::shared_ptr<const Result> perform(const std::vector<Item> &items,
+                                          const Transaction::Unseen &unseen, SessionId session,
+                                          const Author &author, const Step &step,
+                                          std::vector<api_status_t> &statuses);
+    void open_group();
+    SharedPending after(const Step &step, Edit::Changes &rows) const;
+
     Tree committed;
+    SharedPending committed_pending = std::make_shared<const PendingChanges>();
     std::unique_ptr<Storage> storage;
     std::uint64_t changed = 0;
     std::uint64_t refused = 0;

@@ -8,6 +8,7 @@
 
 #include "protocol/limits.h"
 #include "service/history_task.h"
+#include "service/pending_task.h"
 #include "service/service.h"
 
 namespace tav {
@@ -189,8 +190,15 @@ private:
 class Write : public Task {
 public:
     Write(Service &served, Session &client, const RequestHeader &header, std::string_view content)
-        : Task(header.serial), service(served), session(client), items(content),
-          fits(service.fits(Reader(content).count(1))) {}
+        : Task(header.serial), service(served), session(client),
+          with_term(header.op == Op::transact_pending) {
+        Reader in(content);
+        term.length = with_term ? in.u32() : 0;
+        items = in.remaining();
+        const bool valid =
+            !with_term || (in.ok() && term.length >= 1 && term.length <= limits::confirm_term);
+        fits = service.fits(in.count(1)) && valid;
+    }
     ~Write() override {
         stop_waiting();
         end();
@@ -204,8 +212,8 @@ public:
             if (!result->known) {
                 return State::blocked;
             }
-            return answer(result->stored ? std::vector<api_status_t>(number, api_status_ok)
-                                         : std::vector<api_status_t>(number, api_status_failed));
+            change_number = result->stored && waiting.begins ? waiting.begins->change.number : 0;
+            return answer(result->stored ? api_status_ok : api_status_failed);
         }
         if (transaction && has_turn && service.writers_wait() && gives_way()) {
             end();
@@ -236,7 +244,11 @@ public:
             break;
         }
         number = transaction->statuses().size();
-        result = service.store().join(*transaction, staged, service.author(session));
+        if (with_term && !transaction->changes().empty() && !prepare()) {
+            end();
+            return answer(api_status_too_much_pending);
+        }
+        result = service.store().join(*transaction, staged, author, waiting);
         end();
         return State::blocked;
     }
@@ -262,16 +274,29 @@ private:
     void start() {
         began = std::chrono::steady_clock::now();
         refusals = service.store().refusals();
+        author = service.author(session);
         staged = {};
         transaction.emplace(
             service.store().group_tree(), items, std::time(nullptr), service.store().byte_limit,
             [this](const std::string &path) { return session.unseen(path); },
             [this](const Event &event) {
                 service.store().events().stage(staged, event, session.id());
+            },
+            [this](const std::string &path) {
+                return service.store().holds(path, author, with_term);
             });
         if (!session.may_write()) {
             transaction->deny();
         }
+    }
+    // The change is to wait for its confirmation from now on; false if that is beyond the limits.
+    bool prepare() {
+        term.now = service.now();
+        waiting.begins = service.store().prepare(*transaction, author, term);
+        if (!waiting.begins) {
+            service.usage().refuse(Limit::pending_bytes);
+        }
+        return waiting.begins && service.fits(*waiting.begins);
     }
     void end() {
         transaction.reset();
@@ -285,14 +310,23 @@ private:
             service.usage().count(status);
         }
         put_all(out, statuses);
+        if (with_term) {
+            out.u64(change_number);
+        }
         return State::done;
     }
+    State answer(api_status_t all) { return answer(std::vector<api_status_t>(number, all)); }
 
     Service &service;
     Session &session;
+    bool with_term;
+    Term term;
     std::string_view items;
-    bool fits;
-    std::size_t number = 0;
+    bool fits = false;
+    std::size_t number = 0;          // of items
+    std::uint64_t change_number = 0; // for the answer
+    Author author;
+    Store::Step waiting;
     EventLog::Staged staged;
     std::optional<Transaction> transaction;
     bool has_turn = false;
@@ -402,6 +436,7 @@ std::unique_ptr<Task> make_task(Service &service, Session &session, const Reques
     case Op::read_ahead:
         return task_with<AllBelow, std::string>(content, service, session, header);
     case Op::transact:
+    case Op::transact_pending:
         return std::make_unique<Write>(service, session, header, content);
     case Op::event_register:
         return task_with<Register, Registration>(content, service, session, header);
@@ -410,6 +445,9 @@ std::unique_ptr<Task> make_task(Service &service, Session &session, const Reques
     case Op::state_program:
     case Op::history:
         return make_history_task(service, session, header, content);
+    case Op::confirm:
+    case Op::pending:
+        return make_pending_task(service, session, header, content);
     case Op::status:
         return content.empty() ? std::make_unique<Status>(service, header) : nullptr;
     default:

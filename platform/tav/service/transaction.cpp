@@ -31,10 +31,11 @@ void Sizes::raise(const Sizes &other) {
 }
 
 Transaction::Transaction(const Tree &base, std::string_view encoded_items, std::int64_t now,
-                         std::size_t most_bytes, Unseen unseen_changes, Emit emit_event)
+                         std::size_t most_bytes, Unseen unseen_changes, Emit emit_event,
+                         Held held_elements)
     : encoded(encoded_items), in(encoded), number(in.count(1)), edit(base, now),
       byte_limit(most_bytes), unseen(std::move(unseen_changes)), emit(std::move(emit_event)),
-      results(number, api_status_ok) {}
+      held(std::move(held_elements)), results(number, api_status_ok) {}
 
 void Transaction::deny() {
     results.assign(number, api_status_denied);
@@ -71,7 +72,7 @@ Transaction::State Transaction::advance() {
                     useless.splice(useless.end(), edit.changes(), change);
                     garbage::add(useless);
                 }
-            } else if (stale.empty()) {
+            } else if (objections.empty()) {
                 state = State::complete;
             } else {
                 phase = Phase::judging;
@@ -133,7 +134,10 @@ void Transaction::examine(const Change &change) {
     // The writer may assume that the node still exists with everything below it.
     const bool makes_node = !change.before && change.after && !of_leaf;
     if ((makes_node || (of_leaf && change.real())) && unseen(change.path)) {
-        stale.insert(change.path);
+        objections.emplace(change.path, api_status_stale);
+    }
+    if (held && change.stored() && held(change.path)) {
+        objections.emplace(change.path, api_status_pending);
     }
     if (change.leaf_set()) {
         emit(Event{mlr_event_set, change.path});
@@ -149,23 +153,25 @@ void Transaction::examine(const Change &change) {
     }
 }
 
-// Finds out whether the item would change one of the stale leaves, or create one of the stale
-// nodes.
+// Finds out whether the item would change or create one of the elements that may not be changed.
 void Transaction::judge() {
-    bool concerned = false;
+    auto found = objections.end();
     if (item.kind == ItemKind::set || item.kind == ItemKind::make_node) {
-        for (std::string_view path = item.path; path != "/" && !concerned;
+        for (std::string_view path = item.path; path != "/" && found == objections.end();
              path = parent_path(path)) {
-            concerned = stale.count(path) > 0;
+            found = objections.find(path);
         }
     } else if (item.kind != ItemKind::touch && item.kind != ItemKind::require &&
                item.kind != ItemKind::require_absent) {
         const std::string below = item.path == "/" ? "/" : item.path + "/";
-        const auto next = stale.lower_bound(below);
-        concerned =
-            stale.count(item.path) > 0 || (next != stale.end() && is_at_or_below(*next, item.path));
+        const auto next = objections.lower_bound(below);
+        found = objections.find(item.path);
+        if (found == objections.end() && next != objections.end() &&
+            is_at_or_below(next->first, item.path)) {
+            found = next;
+        }
     }
-    results[taken - 1] = concerned ? api_status_stale : api_status_not_done;
+    results[taken - 1] = found != objections.end() ? found->second : api_status_not_done;
 }
 
 } // namespace tav

@@ -3,7 +3,7 @@
 #pragma once
 
 #include <functional>
-#include <set>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -31,6 +31,9 @@ public:
     // transaction that would change such a leaf, or create such a node, is refused as a whole with
     // api_status_stale.
     using Unseen = std::function<bool(const std::string &)>;
+    // Whether the writer may not change the element because of a change that has yet to be
+    // confirmed: such a transaction is refused with api_status_pending.
+    using Held = std::function<bool(const std::string &)>;
     // Receives the events that the transaction causes, in order.
     using Emit = std::function<void(Event)>;
 
@@ -44,7 +47,8 @@ public:
     // `encoded` are the items as in the request; it must outlive the transaction. `most_bytes`: of
     // the tree afterwards.
     Transaction(const Tree &base, std::string_view encoded, std::int64_t now,
-                std::size_t most_bytes, Unseen unseen_changes, Emit emit_event);
+                std::size_t most_bytes, Unseen unseen_changes, Emit emit_event,
+                Held held_elements = {});
     // Refuses every item, once they have been checked.
     void deny();
 
@@ -80,10 +84,12 @@ private:
     std::size_t byte_limit;
     Unseen unseen;
     Emit emit;
+    Held held;
     std::vector<api_status_t> results;
     Edit::Changes::const_iterator examined;
     Sizes sizes;
-    std::set<std::string, std::less<>> stale; // leaves and nodes
+    // Elements that may not be changed, and why.
+    std::map<std::string, api_status_t, std::less<>> objections;
 };
 
 } // namespace tav

@@ -39,6 +39,9 @@ constexpr std::array<Known, static_cast<std::size_t>(Limit::number_)> table{{
     {Limit::held_bytes, "bytes held for all clients", limits::held_bytes, api_status_none},
     {Limit::read_aheads, "read-aheads of all clients", limits::read_aheads, api_status_none},
     {Limit::read_ahead_bytes, "bytes of a read-ahead", limits::read_ahead_bytes, api_status_none},
+    {Limit::pending_changes, "unconfirmed changes of a user", limits::pending_changes,
+     api_status_none},
+    {Limit::pending_bytes, "bytes of a user's unconfirmed", limits::pending_bytes, api_status_none},
     {Limit::greeting, "milliseconds to connect", greeting_time.count(), api_status_none},
 }};
 

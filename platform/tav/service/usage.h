@@ -30,6 +30,8 @@ enum class Limit : std::size_t {
     held_bytes,
     read_aheads,
     read_ahead_bytes,
+    pending_changes,
+    pending_bytes,
     greeting,
     number_ // number of limits
 };

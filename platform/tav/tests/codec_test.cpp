@@ -154,6 +154,7 @@ TEST(Messages, EachKindSurvivesTheRoundTripAndNoCutOfIt) {
     expect_round_trip(ChangedElement{odd, false, {}, true, value});
     expect_round_trip(HistoryEntry{
         1, 2, 3, 4, odd, true, 5, {ChangedElement{odd, true, value, true, value}, {}}});
+    expect_round_trip(PendingChange{HistoryEntry{1, 2, 3, 4, odd, true, 5, {}}, 6, 7});
     expect_round_trip(ClientStatus{1, 2, 3, true, 4, 5, true, 6});
     expect_round_trip(Farewell{api_status_denied, odd});
     expect_round_trip(LimitStatus{"bytes", 1, 2, 3});

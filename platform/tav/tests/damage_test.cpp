@@ -110,8 +110,8 @@ TEST_F(DamageTest, ItIsAnotherProgramsDatabase) {
 }
 
 TEST_F(DamageTest, ANewerServiceWroteIt) {
-    sql(database, "PRAGMA user_version = 4");
-    expect_refused("was written by a newer tavd (format 4, this tavd reads 3)");
+    sql(database, "PRAGMA user_version = 5");
+    expect_refused("was written by a newer tavd (format 5, this tavd reads 4)");
 }
 
 TEST_F(DamageTest, ItHasAFormatThatNeverWas) {

@@ -182,6 +182,28 @@ TEST_F(DatabaseTest, TheSecondFormatIsMigratedAndKeepsItsDurability) {
     }
 }
 
+TEST_F(DatabaseTest, TheThirdFormatIsMigratedWithItsHistory) {
+    for (const auto &[durability, number] :
+         {std::pair(Durability::full, 3), std::pair(Durability::normal, 0x10003)}) {
+        std::filesystem::remove(file);
+        {
+            Store store(file, durability, {"/n"});
+            store.keep_history(HistoryBounds{10});
+            store.transact({set_item("/n/a", "1")}, nothing_unseen);
+        }
+        sql(file, "PRAGMA user_version = " + std::to_string(number));
+        for (int start = 0; start < 2; ++start) {
+            Store store(file, durability);
+            store.keep_history(HistoryBounds{10});
+            EXPECT_EQ(picture(store), "/=2:@-1\n/n=2:@-1\n/n/a=6:1@77\n");
+            EXPECT_EQ(store.history().last(), 1U);
+        }
+        const std::string header = tavtest::read_file(file).substr(60, 4);
+        EXPECT_EQ(header.back(), 4) << "a service that knows no terms must refuse it";
+        EXPECT_EQ(header[1], durability == Durability::normal ? 1 : 0);
+    }
+}
+
 TEST_F(DatabaseTest, ADamagedDatabaseOfTheFirstFormatIsRefusedAndNotChanged) {
     sql(file, tables_of_first_format);
     sql(file, "INSERT INTO element VALUES (x'6e6f736c617368', 6, x'31', 0)");

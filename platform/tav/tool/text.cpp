@@ -20,7 +20,7 @@ constexpr std::array<std::pair<element_type_t, const char *>, 5> types{{
 }};
 
 using StatusName = std::pair<api_status_t, const char *>;
-constexpr std::array<StatusName, api_status_changed + 1> statuses{{
+constexpr std::array<StatusName, api_status_too_much_pending + 1> statuses{{
     {api_status_none, "not processed"},
     {api_status_ok, "ok"},
     {api_status_absent, "absent"},
@@ -44,6 +44,8 @@ constexpr std::array<StatusName, api_status_changed + 1> statuses{{
     {api_status_not_empty, "not empty"},
     {api_status_too_many_bytes, "too many bytes in the store"},
     {api_status_changed, "changed"},
+    {api_status_pending, "another change waits for its confirmation"},
+    {api_status_too_much_pending, "too many changes wait for their confirmation"},
 }};
 static_assert(in_order(statuses, &StatusName::first));
 

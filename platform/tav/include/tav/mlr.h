@@ -63,6 +63,8 @@ typedef enum api_status_t {
     api_status_too_many_bytes =
         21,                  /* what the whole store may use; see the service's --max-bytes */
     api_status_changed = 22, /* a condition of the transaction does not hold */
+    api_status_pending = 23, /* another change of the element has yet to be confirmed */
+    api_status_too_much_pending = 24, /* for one user, of what has yet to be confirmed */
     api_status_min_ = -0x7fffffff - 1,
     api_status_max_ = 0x7fffffff
 } api_status_t;

@@ -101,6 +101,12 @@ std::string request(Op op, const std::function<void(Writer &)> &content = {}) {
 std::string transaction(const Items &items) {
     return request(Op::transact, [&items](Writer &out) { put_all(out, items); });
 }
+std::string pending_transaction(const Items &items) {
+    return request(Op::transact_pending, [&items](Writer &out) {
+        out.u32(60000);
+        put_all(out, items);
+    });
+}
 std::string with_path(Op op) {
     return request(op, [](Writer &out) { put(out, std::string_view("/")); });
 }
@@ -175,6 +181,11 @@ std::vector<Kind> kinds() {
                                 put(out, HistoryRequest{"/n", 0});
                             })},
         {"Dump", with_path(Op::dump)},
+        {"TransactPending", pending_transaction(mixed)},
+        {"TransactPendingRefused", pending_transaction({set("/q"), set("/waits")})},
+        {"Confirm", request(Op::confirm, [](Writer &out) { out.u64(0); })},
+        {"Pending", request(Op::pending)},
+        {"TakeBack", ""},
     };
 }
 
@@ -190,12 +201,15 @@ Lines lines_of(const Tree &tree) {
     return lines;
 }
 
-// Also of the history.
+// Also of the history, and of what waits for its confirmation.
 Lines lines_of(const Store &store) {
     Lines lines = lines_of(store.tree());
     const HistoryLog &history = store.history();
     for (RecordPtr record = history.next(0); record; record = history.next(record->number)) {
         lines.push_back(record->entry);
+    }
+    for (const auto &[number, pending] : store.pending()) {
+        lines.push_back(pending->row.text);
     }
     return lines;
 }
@@ -286,7 +300,8 @@ protected:
     std::string call() {
         Store store(used, Durability::normal);
         store.keep_history(HistoryBounds{2});
-        Service service(store, used, std::chrono::steady_clock::now);
+        Time now{};
+        Service service(store, used, [&now] { return now; });
         Session &writer = service.open(Credentials{1, 0, 0, {}}, true);
         Session &other = service.open(Credentials{2, 0, 0, {}}, true);
         std::string reply;
@@ -301,10 +316,16 @@ protected:
         bool told = false; // the other one, which has read everything ahead
         service.holders().set_notify([&told](SessionId, std::uint32_t) { told = true; });
         service.handle(other, with_path(Op::read_ahead), reply);
+        service.handle(writer, pending_transaction({set("/waits"), set("/a/c/d", "waits")}), reply);
         const Lines before = lines_of(store.tree());
+        const bool ends = kind.is("TakeBack");
         starve([&] {
             if (kind.is("Connect")) {
                 service.open(Credentials{3, 0, 0, {}}, true);
+            } else if (ends) {
+                now += std::chrono::hours(1);
+                service.take_back();
+                service.commit();
             } else {
                 service.handle(writer, kind.body, reply);
             }
@@ -324,6 +345,15 @@ protected:
         if (lines_of(store) != stored()) {
             return "memory and database differ after the next write";
         }
+        // The first try only finds that an earlier one has failed.
+        for (int tries = 0; ends && tries < 2; ++tries) {
+            now += std::chrono::hours(1);
+            service.take_back();
+            service.commit();
+        }
+        if (ends && (!store.pending().empty() || store.tree().find("/waits") != nullptr)) {
+            return "it is not taken back later";
+        }
         failed = fired;
         return "";
     }
@@ -334,6 +364,7 @@ protected:
         copy(used, file);
         Store store(file, Durability::normal);
         store.keep_history(HistoryBounds{2});
+        store.resume_terms({}, 0);
         return lines_of(store);
     }
 

@@ -55,7 +55,7 @@ constexpr target_t targets[] = {
     &many<tav::Event>,        &many<api_status_t>,        &many<tav::DumpElement>,
     &many<tav::ClientStatus>, &many<tav::WatchdogStatus>, &one<tav::Farewell>,
     &one<tav::LimitStatus>,   &one<tav::HistoryRequest>,  &one<tav::ChangedElement>,
-    &many<tav::HistoryEntry>, &one<tav::AheadElement>};
+    &many<tav::HistoryEntry>, &one<tav::AheadElement>,    &many<tav::PendingChange>};
 
 } // namespace
 

@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include "fuzz/fuzz.h"
+#include "protocol/history.h"
 #include "service/path.h"
 #include "service/peer.h"
 #include "service/service.h"
@@ -145,6 +146,28 @@ bool is_read_ahead(tav::Reader in) {
     return in.finished();
 }
 
+bool are_statuses_and_number(tav::Reader in) {
+    std::vector<api_status_t> statuses;
+    tav::get_all(in, statuses);
+    in.u64();
+    return in.finished();
+}
+
+bool is_confirmation(tav::Reader in) {
+    api_status_t status = api_status_none;
+    tav::get(in, status);
+    in.u64();
+    return in.finished();
+}
+
+bool is_pending(tav::Reader in) {
+    while (in.u8() == 1) {
+        tav::PendingChange change;
+        tav::get(in, change);
+    }
+    return in.finished();
+}
+
 // Whether a reply's content is what the library expects for that kind of request.
 bool answers(tav::Op op, const tav::Reader &in) {
     switch (op) {
@@ -167,6 +190,12 @@ bool answers(tav::Op op, const tav::Reader &in) {
         return is_dump(in);
     case tav::Op::status:
         return is_message<tav::ServiceStatus>(in);
+    case tav::Op::transact_pending:
+        return are_statuses_and_number(in);
+    case tav::Op::confirm:
+        return is_confirmation(in);
+    case tav::Op::pending:
+        return is_pending(in);
     default:
         return false;
     }

@@ -1,0 +1,58 @@
+// Changes that are taken back unless they are confirmed in time.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "protocol/history.h"
+#include "service/edit.h"
+#include "service/wake.h"
+
+namespace tav {
+
+// One such change; shared and never changed.
+struct Pending {
+    HistoryEntry change;    // with all values, in the bytewise order of the paths
+    std::uint32_t term = 0; // milliseconds
+    std::int64_t until = 0; // the end of the term, in milliseconds since 1970
+    Time due;               // the same by the service's clock
+    Value row;              // as it is stored
+};
+using PendingPtr = std::shared_ptr<const Pending>;
+using PendingChanges = std::map<std::uint64_t, PendingPtr>; // by number
+
+// A client's request that its change be taken back unless it is confirmed.
+struct Term {
+    std::uint32_t length = 0; // milliseconds; 0: there is none
+    Time now;
+};
+
+// `entry`: the change as the history has it, with all values.
+PendingPtr make_pending(const std::string &entry, const Term &term, std::int64_t wall_clock);
+// What the service found when it started: a row of pending_path(). Null if it is not one.
+PendingPtr read_pending(std::string_view path, const Value &row);
+// The same change for a service that starts now. The term is never longer than at its begin,
+// whatever the wall clock has done since.
+PendingPtr resumed(const Pending &stored, Time now, std::int64_t wall_clock);
+
+// The row of the database that keeps it; no element has such a path.
+std::string pending_path(std::uint64_t number);
+bool is_pending_path(std::string_view path);
+std::uint64_t pending_number(std::string_view path);
+// What a transaction that begins it, or ends it, does to the database.
+Change begins(const PendingPtr &pending);
+Change ends(const PendingPtr &pending);
+
+// Whether the path is that of an element that the change changed, or of one above or below it.
+bool touches(const Pending &pending, std::string_view path);
+// The steps that give its elements their old values and existence in `tree`, whatever is there now.
+std::vector<Item> steps_to_take_back(const Pending &pending, const Tree &tree);
+
+// In milliseconds since 1970.
+std::int64_t wall_clock();
+
+} // namespace tav

@@ -1,0 +1,616 @@
+// Changes that are taken back unless they are confirmed in time.
+#include <gtest/gtest.h>
+
+#include <sqlite3.h>
+
+#include <chrono>
+#include <filesystem>
+#include <functional>
+
+#include "protocol/history.h"
+#include "protocol/limits.h"
+#include "service/repair.h"
+#include "service/service.h"
+#include "service/store.h"
+#include "support/process.h"
+
+using namespace tav;
+using namespace std::chrono_literals;
+
+namespace {
+
+using Lines = std::vector<std::string>;
+using Statuses = std::vector<api_status_t>;
+using Items = std::vector<Item>;
+
+Item set(const std::string &path, const std::string &text) {
+    return Item{ItemKind::set, path, Value{element_type_string, text, 77}};
+}
+Item item(ItemKind kind, const std::string &path) {
+    return Item{kind, path, {}};
+}
+
+// A database whose commits can be made to fail.
+class FailingStorage : public Storage {
+public:
+    bool commit(const Edit::Changes & /*changes*/) override { return !fails; }
+    bool fails = false;
+};
+
+class ConfirmTest : public ::testing::Test {
+protected:
+    ConfirmTest() { open(); }
+
+    // As at a start of the service, of which the wall clock is `late` milliseconds after that of
+    // the last one.
+    void open(std::size_t transactions = 1000, std::int64_t late = 0,
+              Durability durability = Durability::normal) {
+        close();
+        store = std::make_unique<Store>(file, durability);
+        store->keep_history(HistoryBounds{transactions});
+        serve(late);
+    }
+    void serve(std::int64_t late = 0) {
+        now += std::chrono::hours(1000); // the clocks of two starts have nothing in common
+        service = std::make_unique<Service>(*store, "", [this] { return now; });
+        service->resume(wall_clock() + late);
+        owner = &service->open(Credentials{1, 1000, 0, {}}, true);
+        other = &service->open(Credentials{2, 1001, 0, {}}, true);
+        daemon = &service->open(Credentials{3, 1002, 0, {}}, true);
+        service->watchdog().announce(daemon->id(), 3, WatchdogRequest{"daemon", 60, true}, now);
+    }
+    void close() {
+        service.reset();
+        store.reset();
+    }
+
+    std::string ask(Session &client, Op op, const std::function<void(Writer &)> &content) {
+        Writer out;
+        put(out, RequestHeader{op, 1});
+        content(out);
+        std::string reply;
+        const bool valid =
+            service->handle(client, std::string_view(out.finish()).substr(length_bytes), reply);
+        return valid ? reply.substr(length_bytes + 5) : "malformed";
+    }
+    // The number of the change; the statuses of all steps go to `statuses`.
+    std::uint64_t change(Session &client, const Items &items, std::uint32_t term = 10000) {
+        const std::string reply = ask(client, Op::transact_pending, [&](Writer &out) {
+            out.u32(term);
+            put_all(out, items);
+        });
+        Reader in(reply);
+        get_exactly(in, statuses, items.size());
+        const std::uint64_t number = in.u64();
+        EXPECT_TRUE(in.finished());
+        return number;
+    }
+    Statuses write(Session &client, const Items &items) {
+        const std::string reply =
+            ask(client, Op::transact, [&](Writer &out) { put_all(out, items); });
+        Reader in(reply);
+        get_exactly(in, statuses, items.size());
+        EXPECT_TRUE(in.finished());
+        return statuses;
+    }
+    // The status, and the number that was confirmed.
+    std::pair<api_status_t, std::uint64_t> confirm(Session &client, std::uint64_t number = 0) {
+        const std::string reply =
+            ask(client, Op::confirm, [number](Writer &out) { out.u64(number); });
+        Reader in(reply);
+        std::pair<api_status_t, std::uint64_t> answer;
+        get(in, answer.first);
+        answer.second = in.u64();
+        EXPECT_TRUE(in.finished());
+        return answer;
+    }
+    std::vector<PendingChange> pending() {
+        const std::string reply = ask(*other, Op::pending, [](Writer &) {});
+        Reader in(reply);
+        std::vector<PendingChange> all;
+        while (in.u8() == 1) {
+            get(in, all.emplace_back());
+        }
+        EXPECT_TRUE(in.finished());
+        return all;
+    }
+    // What the loop does when so much time has passed.
+    void pass(std::chrono::milliseconds time) {
+        now += time;
+        service->take_back();
+        service->commit();
+        if (service->committing() >= 0) {
+            service->commit_ended();
+        }
+    }
+    std::string picture() const {
+        std::string all;
+        walk(store->tree(), "/", [&all](const std::string &path, const Element &element) {
+            const Value &value = element.value();
+            all += path + "=" + std::to_string(value.type) + ":" + value.text + "@" +
+                   std::to_string(value.time) + "\n";
+            return true;
+        });
+        return all;
+    }
+    std::vector<HistoryEntry> entries() const {
+        std::vector<HistoryEntry> all;
+        for (RecordPtr record = store->history().next(0); record;
+             record = store->history().next(record->number)) {
+            Reader in(record->entry);
+            get(in, all.emplace_back());
+        }
+        return all;
+    }
+    std::string text(const std::string &path) const {
+        const Value *value = nullptr;
+        const api_status_t status = read_leaf(store->tree(), path, value);
+        return value != nullptr ? value->text : "status " + std::to_string(status);
+    }
+
+    void sql(const std::string &text) {
+        close();
+        sqlite3 *database = nullptr;
+        EXPECT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(database, text.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
+            << sqlite3_errmsg(database);
+        sqlite3_close(database);
+    }
+
+    const tavtest::TempDir dir;
+    const std::string file = dir.file("store.db");
+    Time now{};
+    std::unique_ptr<Store> store;
+    std::unique_ptr<Service> service;
+    Session *owner = nullptr;
+    Session *other = nullptr;
+    Session *daemon = nullptr;
+    Statuses statuses;
+    const std::string absent = "status " + std::to_string(api_status_absent);
+};
+
+const Items first_content{set("/n/a", "1"), set("/n/gone/x", "2"), set("/n/gone/y", "3"),
+                          item(ItemKind::make_node, "/n/empty"), set("/other", "4")};
+const Items changed_content{set("/n/a", "new"), item(ItemKind::remove, "/n/gone"),
+                            item(ItemKind::remove, "/n/empty"), set("/n/made/b", "new"),
+                            item(ItemKind::make_node, "/m")};
+
+} // namespace
+
+TEST_F(ConfirmTest, AChangeThatNobodyConfirmsIsTakenBackWhole) {
+    write(*owner, first_content);
+    const std::string before = picture();
+    const std::uint64_t number = change(*owner, changed_content);
+    EXPECT_EQ(statuses, Statuses(5, api_status_ok));
+    EXPECT_EQ(number, 2U);
+    const std::string after = picture();
+    EXPECT_NE(after, before);
+    pass(9999ms);
+    EXPECT_EQ(picture(), after);
+    pass(1ms);
+    EXPECT_EQ(picture(), before);
+    EXPECT_TRUE(pending().empty());
+    open();
+    EXPECT_EQ(picture(), before);
+    EXPECT_TRUE(pending().empty());
+}
+
+TEST_F(ConfirmTest, AConfirmedChangeStays) {
+    write(*owner, first_content);
+    const std::uint64_t number = change(*owner, changed_content);
+    const std::string after = picture();
+    pass(9999ms);
+    EXPECT_EQ(confirm(*owner, number), std::pair(api_status_ok, number));
+    EXPECT_TRUE(pending().empty());
+    pass(60s);
+    EXPECT_EQ(picture(), after);
+    open(1000, 3600000);
+    EXPECT_EQ(picture(), after);
+    EXPECT_EQ(confirm(*owner, number).first, api_status_absent);
+}
+
+TEST_F(ConfirmTest, AConfirmationAfterTheTermComesTooLate) {
+    const std::uint64_t number = change(*owner, {set("/a", "1")});
+    now += 10s;
+    EXPECT_EQ(confirm(*owner, number).first, api_status_absent);
+    EXPECT_EQ(confirm(*owner).first, api_status_absent);
+    pass(0s);
+    EXPECT_EQ(text("/a"), absent);
+}
+
+TEST_F(ConfirmTest, ThereIsNoTimerWhileNothingWaits) {
+    EXPECT_FALSE(service->next_end());
+    change(*owner, {set("/a", "1")}, 30000);
+    change(*other, {set("/b", "1")}, 20000);
+    EXPECT_EQ(service->next_end(), now + 20s);
+    pass(20s);
+    EXPECT_EQ(service->next_end(), now + 10s);
+    confirm(*owner);
+    EXPECT_FALSE(service->next_end());
+}
+
+TEST_F(ConfirmTest, WhatChangesNothingNeedsNoConfirmation) {
+    write(*owner, {set("/a", "1")});
+    EXPECT_EQ(change(*owner, {set("/a", "1")}), 0U);
+    EXPECT_EQ(statuses, Statuses{api_status_ok});
+    EXPECT_EQ(change(*owner, {item(ItemKind::touch, "/a")}), 0U);
+    EXPECT_EQ(change(*owner, {item(ItemKind::remove, "/none")}), 0U);
+    EXPECT_EQ(statuses, Statuses{api_status_absent});
+    EXPECT_TRUE(pending().empty());
+    EXPECT_EQ(store->history().last(), 1U);
+}
+
+TEST_F(ConfirmTest, TheHistoryHasTheChangeAndTheTakingBack) {
+    write(*owner, {set("/a", "1")});
+    change(*owner, {set("/a", "2")});
+    pass(10s);
+    const std::vector<HistoryEntry> all = entries();
+    ASSERT_EQ(all.size(), 3U);
+    EXPECT_EQ(all[1].uid, 1000U);
+    EXPECT_FALSE(all[1].service);
+    EXPECT_EQ(all[2].program, "tavd taking back 2");
+    EXPECT_TRUE(all[2].service);
+    ASSERT_EQ(all[2].changes.size(), 1U);
+    EXPECT_EQ(all[2].changes[0].before.text, "2");
+    EXPECT_EQ(all[2].changes[0].after.text, "1");
+}
+
+TEST_F(ConfirmTest, TheTakingBackCausesEvents) {
+    write(*owner, {set("/n/a", "1")});
+    other->register_events({"/n", api_event_change, false}, now);
+    change(*owner, {set("/n/a", "2"), set("/n/b", "2")});
+    bool drain = false;
+    other->fetch(now, drain);
+    pass(10s);
+    Lines events;
+    for (const Event *event : other->fetch(now, drain)) {
+        events.push_back(std::to_string(event->command) + " " + event->path);
+    }
+    EXPECT_EQ(events, (Lines{"2 /n/a", "3 /n/b"}));
+}
+
+TEST_F(ConfirmTest, ARestartAfterTheTermTakesBackBeforeAnyRequest) {
+    for (const Durability durability : {Durability::normal, Durability::full}) {
+        open(1000, 0, durability);
+        write(*owner, first_content);
+        const std::string before = picture();
+        change(*owner, changed_content);
+        open(1000, 10001, durability);
+        EXPECT_EQ(picture(), before);
+        EXPECT_TRUE(pending().empty());
+        write(*owner, {item(ItemKind::clear, "/")});
+    }
+}
+
+TEST_F(ConfirmTest, ARestartContinuesTheTerm) {
+    change(*owner, {set("/a", "1")});
+    open(1000, 6000);
+    ASSERT_EQ(pending().size(), 1U);
+    EXPECT_LE(pending()[0].left, 4000U);
+    EXPECT_GT(pending()[0].left, 2000U);
+    EXPECT_EQ(pending()[0].term, 10000U);
+    pass(2s);
+    EXPECT_EQ(text("/a"), "1");
+    pass(2s);
+    EXPECT_EQ(text("/a"), absent);
+}
+
+TEST_F(ConfirmTest, AClockThatWasSetBackDoesNotExtendTheTerm) {
+    change(*owner, {set("/a", "1")});
+    open(1000, -3600000);
+    ASSERT_EQ(pending().size(), 1U);
+    EXPECT_EQ(pending()[0].left, 10000U);
+    pass(10s);
+    EXPECT_EQ(text("/a"), absent);
+}
+
+TEST_F(ConfirmTest, OthersMayNotChangeWhatWaits) {
+    write(*owner, first_content);
+    change(*owner, {set("/n/a", "new"), item(ItemKind::remove, "/n/gone/x"), set("/n/made/b", "")});
+    const std::string after = picture();
+    // The element itself, one above it, one below it, and one that brings it back.
+    for (const Items &refused :
+         {Items{set("/n/a", "2")}, Items{item(ItemKind::remove, "/n")},
+          Items{set("/n/made/c", "2")}, Items{set("/n/gone/x", "2")},
+          Items{set("/n/gone/x/below", "2")}, Items{item(ItemKind::remove, "/n/gone")},
+          Items{item(ItemKind::clear, "/")}, Items{item(ItemKind::remove_node, "/n/made")},
+          Items{Item{ItemKind::set, "/n/a", Value{element_type_string, "new", 78}}}}) {
+        EXPECT_EQ(write(*other, refused), Statuses{api_status_pending}) << refused[0].path;
+    }
+    EXPECT_EQ(write(*other, {set("/other", "5"), set("/n/a", "2"), set("/p", "6")}),
+              (Statuses{api_status_not_done, api_status_pending, api_status_not_done}));
+    EXPECT_EQ(picture(), after);
+    EXPECT_EQ(write(*other, {set("/n/gone/y", "5"), set("/n/aa", "5"), set("/other", "5"),
+                             set("/n/a", "new"), item(ItemKind::touch, "/n/a")}),
+              Statuses(5, api_status_ok));
+    pass(10s);
+    EXPECT_EQ(write(*other, {set("/n/a", "2")}), Statuses{api_status_ok});
+}
+
+TEST_F(ConfirmTest, TheOwnerAndServicesMayChangeWhatWaits) {
+    write(*owner, {set("/a", "1"), set("/b", "1")});
+    change(*owner, {set("/a", "2"), set("/b", "2")});
+    EXPECT_EQ(write(*owner, {set("/a", "3")}), Statuses{api_status_ok});
+    EXPECT_EQ(write(*daemon, {set("/b", "3")}), Statuses{api_status_ok});
+    pass(10s);
+    EXPECT_EQ(text("/a"), "1");
+    EXPECT_EQ(text("/b"), "1");
+}
+
+TEST_F(ConfirmTest, TermsDoNotNest) {
+    const std::uint64_t number = change(*owner, {set("/a", "1")});
+    for (Session *client : {owner, other, daemon}) {
+        EXPECT_EQ(change(*client, {set("/b", "1"), set("/a", "2")}), 0U);
+        EXPECT_EQ(statuses, (Statuses{api_status_not_done, api_status_pending}));
+    }
+    EXPECT_EQ(text("/a"), "1");
+    EXPECT_EQ(text("/b"), absent);
+    EXPECT_EQ(confirm(*owner, number).first, api_status_ok);
+    EXPECT_NE(change(*other, {set("/a", "2")}), 0U);
+}
+
+TEST_F(ConfirmTest, WithoutANumberTheOnlyOwnChangeIsConfirmed) {
+    EXPECT_EQ(confirm(*owner).first, api_status_absent);
+    const std::uint64_t theirs = change(*other, {set("/o", "1")});
+    EXPECT_EQ(confirm(*owner).first, api_status_absent);
+    const std::uint64_t first = change(*owner, {set("/a", "1")});
+    const std::uint64_t second = change(*owner, {set("/b", "1")});
+    EXPECT_EQ(confirm(*owner).first, api_status_refused);
+    EXPECT_EQ(pending().size(), 3U);
+    EXPECT_EQ(confirm(*owner, 99).first, api_status_absent);
+    EXPECT_EQ(confirm(*owner, first), std::pair(api_status_ok, first));
+    EXPECT_EQ(confirm(*owner), std::pair(api_status_ok, second));
+    EXPECT_EQ(confirm(*owner, theirs), std::pair(api_status_ok, theirs));
+    EXPECT_TRUE(pending().empty());
+}
+
+TEST_F(ConfirmTest, ReadersMayOnlyLook) {
+    Session &reader = service->open(Credentials{4, 1000, 0, {}}, false);
+    EXPECT_EQ(change(reader, {set("/a", "1")}), 0U);
+    EXPECT_EQ(statuses, Statuses{api_status_denied});
+    const std::uint64_t number = change(*owner, {set("/a", "1")});
+    EXPECT_EQ(confirm(reader, number).first, api_status_denied);
+    EXPECT_EQ(confirm(reader).first, api_status_denied);
+    ASSERT_EQ(pending().size(), 1U);
+    const PendingChange listed = pending()[0];
+    EXPECT_EQ(listed.change.number, number);
+    EXPECT_EQ(listed.change.uid, 1000U);
+    EXPECT_EQ(listed.change.pid, 1U);
+    EXPECT_EQ(listed.left, 10000U);
+    ASSERT_EQ(listed.change.changes.size(), 1U);
+    EXPECT_EQ(listed.change.changes[0].path, "/a");
+    EXPECT_EQ(listed.change.changes[0].after.text, "1");
+}
+
+TEST_F(ConfirmTest, TheChangesOfAUserAreLimited) {
+    for (std::size_t i = 0; i < limits::pending_changes; ++i) {
+        EXPECT_NE(change(*owner, {set("/" + std::to_string(i), "1")}), 0U);
+    }
+    const std::string before = picture();
+    EXPECT_EQ(change(*owner, {set("/more", "1"), set("/more", "2")}), 0U);
+    EXPECT_EQ(statuses, Statuses(2, api_status_too_much_pending));
+    EXPECT_EQ(picture(), before);
+    EXPECT_NE(change(*other, {set("/more", "1")}), 0U);
+    confirm(*owner, 1);
+    EXPECT_NE(change(*owner, {set("/again", "1")}), 0U);
+    for (const LimitStatus &limit : service->status().limits) {
+        if (limit.name == "unconfirmed changes of a user") {
+            EXPECT_EQ(limit.used, limits::pending_changes);
+            EXPECT_EQ(limit.limit, limits::pending_changes);
+            EXPECT_EQ(limit.refused, 1U);
+        }
+    }
+}
+
+TEST_F(ConfirmTest, TheBytesOfAUserAreLimited) {
+    const std::string large(60000, 'x');
+    Items items;
+    for (int i = 0; i < 10; ++i) {
+        items.push_back(set("/n/" + std::to_string(i), large));
+    }
+    EXPECT_NE(change(*owner, items), 0U);
+    for (Item &one : items) {
+        one.path[1] = 'o';
+    }
+    EXPECT_EQ(change(*owner, items), 0U);
+    EXPECT_EQ(statuses, Statuses(10, api_status_too_much_pending));
+    EXPECT_EQ(text("/o/0"), absent);
+    EXPECT_NE(change(*other, items), 0U);
+    for (int i = 10; i < 20; ++i) {
+        items.push_back(set("/p/" + std::to_string(i), large));
+        items.push_back(set("/p/" + std::to_string(i), large));
+    }
+    for (Item &one : items) {
+        one.path[1] = 'q';
+    }
+    EXPECT_EQ(change(*daemon, items), 0U) << "one that is too large alone";
+    EXPECT_EQ(statuses, Statuses(30, api_status_too_much_pending));
+    for (const LimitStatus &limit : service->status().limits) {
+        if (limit.name == "bytes of a user's unconfirmed") {
+            EXPECT_GT(limit.used, 600000U);
+            EXPECT_EQ(limit.limit, limits::pending_bytes);
+            EXPECT_EQ(limit.refused, 2U);
+        }
+    }
+}
+
+TEST_F(ConfirmTest, ATermOutsideTheLimitsIsInvalid) {
+    for (const std::uint32_t term : {0U, limits::confirm_term + 1, UINT32_MAX}) {
+        EXPECT_EQ(ask(*owner, Op::transact_pending,
+                      [term](Writer &out) {
+                          out.u32(term);
+                          put_all(out, Items{set("/a", "1")});
+                      }),
+                  "malformed");
+    }
+    EXPECT_EQ(text("/a"), absent);
+    EXPECT_NE(change(*owner, {set("/a", "1")}, limits::confirm_term), 0U);
+    EXPECT_EQ(ask(*owner, Op::confirm, [](Writer &) {}), "malformed");
+    EXPECT_EQ(ask(*owner, Op::pending, [](Writer &out) { out.u8(1); }), "malformed");
+}
+
+TEST_F(ConfirmTest, TheOldElementsWinOverWhatCameInTheirPlace) {
+    write(*owner, {set("/n/1/Value", "old"), set("/n/1/Type", "Static"), set("/leaf", "old")});
+    const std::string before = picture();
+    change(*owner,
+           {item(ItemKind::remove, "/n/1"), item(ItemKind::remove, "/leaf"), set("/made/x", "1")});
+    write(*daemon, {set("/n/1/Value", "theirs"), set("/n/1/Type", "Automatic"),
+                    set("/leaf/below/x", "theirs"), set("/made/theirs", "1")});
+    pass(10s);
+    EXPECT_EQ(picture(), before);
+    // A leaf where a node was, and no node above.
+    change(*owner, {item(ItemKind::remove, "/n/1/Value"), item(ItemKind::remove, "/n/1/Type")});
+    write(*daemon, {item(ItemKind::remove, "/n"), set("/n", "a leaf")});
+    pass(10s);
+    EXPECT_EQ(picture(), before);
+}
+
+TEST_F(ConfirmTest, AChangeOfKindIsTakenBack) {
+    write(*owner, {set("/a", "1"), set("/b/c/d", "2")});
+    const std::string before = picture();
+    change(*owner, {item(ItemKind::remove, "/a"), set("/a/x/y", "1"), item(ItemKind::remove, "/b"),
+                    set("/b", "1")});
+    pass(10s);
+    EXPECT_EQ(picture(), before);
+}
+
+TEST_F(ConfirmTest, ItIsIndependentOfTheHistory) {
+    for (const std::size_t transactions : {std::size_t{1}, std::size_t{0}}) {
+        open(transactions);
+        write(*owner, first_content);
+        const std::string before = picture();
+        const std::uint64_t number = change(*owner, changed_content);
+        EXPECT_NE(number, 0U);
+        write(*owner, {set("/p", "1")});
+        write(*owner, {item(ItemKind::remove, "/p")});
+        open(transactions);
+        ASSERT_EQ(pending().size(), 1U) << transactions;
+        EXPECT_EQ(pending()[0].change.number, number);
+        EXPECT_GT(change(*owner, {set("/q", "1")}), number);
+        pass(10s);
+        EXPECT_EQ(picture(), before);
+        open(transactions);
+        const std::uint64_t next = change(*owner, {set("/q", "1")});
+        EXPECT_GT(next, number + 1) << "no number is used twice";
+        confirm(*owner);
+        write(*owner, {item(ItemKind::clear, "/")});
+    }
+}
+
+TEST_F(ConfirmTest, ALargeChangeIsTakenBackAfterARestart) {
+    write(*owner, {set("/a", "1")});
+    const std::string before = picture();
+    Items items;
+    for (int i = 0; i < 17; ++i) {
+        items.push_back(set("/n/" + std::to_string(i), std::string(60000, 'x')));
+    }
+    EXPECT_NE(change(*owner, items), 0U);
+    open(1000, 10001);
+    EXPECT_EQ(picture(), before);
+}
+
+TEST_F(ConfirmTest, ADatabaseWhoseWaitingChangeIsDamagedOrLostIsRefused) {
+    open(1000, 0, Durability::full);
+    change(*owner, {set("/a", "1")});
+    sql("CREATE TABLE saved AS SELECT * FROM element");
+    sql("UPDATE element SET text = x'00' WHERE path = CAST('pending 1' AS BLOB)");
+    EXPECT_THROW(Store{file}, DamagedDatabase);
+    sql("DELETE FROM element WHERE path = CAST('pending 1' AS BLOB)");
+    EXPECT_THROW(Store{file}, DamagedDatabase);
+    sql("INSERT INTO element SELECT * FROM saved WHERE path = CAST('pending 1' AS BLOB)");
+    open(1000, 10001, Durability::full);
+    EXPECT_EQ(text("/a"), absent);
+}
+
+TEST_F(ConfirmTest, ARepairKeepsTheChangesThatWait) {
+    write(*owner, {set("/a", "1"), set("/b", "1")});
+    const std::uint64_t number = change(*owner, {set("/a", "2")});
+    change(*owner, {set("/c", "2")});
+    sql("UPDATE element SET text = x'00' WHERE path = CAST('/b' AS BLOB);"
+        "UPDATE element SET text = x'00' WHERE path = CAST('pending 3' AS BLOB)");
+    EXPECT_THROW(Store{file}, DamagedDatabase);
+    const std::string report = repair_database(file);
+    EXPECT_NE(report.find("kept 2 elements, 1 unconfirmed change and 3 entries of the history, "
+                          "dropped 2 damaged rows"),
+              std::string::npos)
+        << report;
+    open();
+    ASSERT_EQ(pending().size(), 1U);
+    EXPECT_EQ(pending()[0].change.number, number);
+    pass(10s);
+    EXPECT_EQ(text("/a"), "1");
+    EXPECT_EQ(text("/c"), "2") << "of this, nothing is known any more";
+}
+
+TEST_F(ConfirmTest, ATakingBackThatCannotBeStoredIsTriedAgain) {
+    close();
+    auto owned = std::make_unique<FailingStorage>();
+    FailingStorage &storage = *owned;
+    store = std::make_unique<Store>(std::move(owned));
+    store->keep_history(HistoryBounds{10});
+    serve();
+    change(*owner, {set("/a", "1")});
+    storage.fails = true;
+    EXPECT_EQ(confirm(*owner).first, api_status_failed);
+    pass(10s);
+    EXPECT_EQ(text("/a"), "1");
+    EXPECT_EQ(pending().size(), 1U);
+    storage.fails = false;
+    pass(0s);
+    EXPECT_EQ(text("/a"), "1") << "not at once";
+    EXPECT_EQ(service->next_end(), now + 5s);
+    EXPECT_EQ(write(*other, {set("/a", "2")}), Statuses{api_status_pending});
+    pass(5s);
+    EXPECT_EQ(text("/a"), absent);
+    EXPECT_FALSE(service->next_end());
+}
+
+TEST_F(ConfirmTest, AChangeThatIsNotStoredDoesNotWait) {
+    close();
+    auto owned = std::make_unique<FailingStorage>();
+    owned->fails = true;
+    store = std::make_unique<Store>(std::move(owned));
+    serve();
+    EXPECT_EQ(change(*owner, {set("/a", "1")}), 0U);
+    EXPECT_EQ(statuses, Statuses{api_status_failed});
+    EXPECT_TRUE(pending().empty());
+    EXPECT_FALSE(service->next_end());
+}
+
+TEST_F(ConfirmTest, ATakingBackNeedsNoRoomInTheTree) {
+    write(*owner, {set("/a", std::string(5000, 'x'))});
+    change(*owner, {item(ItemKind::remove, "/a")});
+    store->byte_limit = store->tree().extent().bytes;
+    pass(10s);
+    EXPECT_EQ(text("/a"), std::string(5000, 'x'));
+}
+
+TEST_F(ConfirmTest, ATakingBackWaitsForATransactionAndComesBeforeTheNext) {
+    change(*owner, {set("/a", "1")});
+    ASSERT_TRUE(service->take_turn(owner->id()));
+    pass(10s);
+    EXPECT_EQ(text("/a"), "1");
+    EXPECT_FALSE(service->next_end()) << "the loop must not spin";
+    service->end_turn();
+    EXPECT_FALSE(service->take_turn(owner->id()));
+    EXPECT_EQ(service->next_end(), now);
+    const std::uint64_t releases = service->releases();
+    pass(0s);
+    EXPECT_GT(service->releases(), releases);
+    EXPECT_EQ(text("/a"), absent);
+    EXPECT_TRUE(service->take_turn(owner->id()));
+    service->end_turn();
+}
+
+TEST_F(ConfirmTest, NobodyWaitsForATakingBackThatIsNoLongerNeeded) {
+    const std::uint64_t number = change(*owner, {set("/a", "1")});
+    ASSERT_TRUE(service->take_turn(owner->id()));
+    pass(10s);
+    service->end_turn();
+    now -= 1s; // as if the confirmation had come before
+    EXPECT_EQ(confirm(*owner, number).first, api_status_ok);
+    EXPECT_TRUE(service->next_end());
+    pass(0s);
+    EXPECT_TRUE(service->take_turn(owner->id()));
+    service->end_turn();
+}
