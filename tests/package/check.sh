@@ -59,8 +59,8 @@ older() {
     sed -i '/init.d.tandrel-keep/d' "$unpacked/p/DEBIAN/"{conffiles,md5sums}
     unit=$(find "$unpacked/p" -name tandrel-keep.service)
     mv "$unit" "${unit%keep.service}nudge.service"
-    # Not the lines that remove the replaced service.
-    sed -i -e '/tandrel-nudge/d' -e 's/tandrel-keep/tandrel-nudge/g' \
+    # It does not remove its own service.
+    sed -i -e 's/tandrel-nudge/tandrel-none/g' -e 's/tandrel-keep/tandrel-nudge/g' \
         "$unpacked/p/DEBIAN/"{postinst,prerm,postrm,md5sums}
     dpkg-deb -b "$unpacked/p" "$2/$(basename "$1")" >/dev/null
     rm -rf "$unpacked"

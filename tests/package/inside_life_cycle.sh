@@ -14,7 +14,7 @@ has_address() { ip -6 address show dev eth0 | grep -q "$address"; }
 stored() { tav dump | grep -q "$address"; }
 install_from() { apt-get install -y -q --no-install-recommends "$1"/*.deb; }
 installed_files() { find / -xdev \( -name '*tandrel*' -o -name 'tav*' -o -name 'libtav*' \) \
-    -not -path '/proc/*' -not -path '/packages/*' -not -path '/newer/*' -not -path '/sys/*' \
+    -not -path '/proc/*' -not -path '/packages/*' -not -path '/newer/*' -not -path '/older/*' -not -path '/sys/*' \
     -not -path '/var/cache/*' -not -path '/var/log/*' -not -path '/var/lib/dpkg/*' -not -path '/dev/*'; }
 
 # No init booted this tree, so the packages start nothing by themselves.
