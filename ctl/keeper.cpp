@@ -127,6 +127,28 @@ void keeper_t::end() {
     }
 }
 
+void keeper_t::show_confusion() {
+    std::set<std::string> names;
+    for (const auto &item : memory.confusion) {
+        names.insert(item.first);
+    }
+    for (const kept_t &kept : memory.kept) {
+        names.insert(kept.setting.link);
+    }
+    for (const std::string &link : names) {
+        const std::string is = links.confusion(link);
+        if (memory.confusion[link] == is) {
+            continue;
+        }
+        writes_t writes;
+        note_confusion(writes, link, is);
+        memory.confusion[link] = is;
+        if (carry_out(client, writes) && !is.empty()) {
+            say(shown(link) + ": nothing is set again on it (" + is + ")");
+        }
+    }
+}
+
 void keeper_t::work() {
     const kernel_view_t kernel = read_kernel();
     const store_view_t store = read_store(client.tav, options.prefix);
@@ -138,6 +160,7 @@ void keeper_t::work() {
         }
         daemon_pid = daemon != 0 ? daemon : daemon_pid;
     }
+    show_confusion();
     const plan_t plan = make_plan(memory, kernel, store, links, options.prefix);
     std::map<std::string, std::vector<const task_t *>> by_link;
     for (const task_t &task : plan.tasks) {
@@ -176,10 +199,14 @@ void keeper_t::work_on(const std::string &link, const std::vector<const task_t *
         lazy = lazy && (is_lazy(*task) || !is_attempt(*task));
     }
     const bool due = attempt && pace.is_due(now, lazy);
+    bool changed = false;
     for (const task_t *task : tasks) {
         if (!is_attempt(*task) || due) {
-            perform(*task);
+            changed = perform(*task) || changed;
         }
+    }
+    if (changed) {
+        memory = read_memory(client.tav);
     }
     if (due) {
         pace.attempted(now);
@@ -189,16 +216,15 @@ void keeper_t::work_on(const std::string &link, const std::vector<const task_t *
     }
 }
 
-void keeper_t::perform(const task_t &task) {
+bool keeper_t::perform(const task_t &task) {
     if (task.kind == task_t::synchronise) {
         say_once(task.setting, "is stored but not in the kernel; asking tandrel to try again");
         touched = task.setting.link;
-        return;
+        return false;
     }
     if (!carry_out(client, writes_of(task, options.prefix))) {
-        return; // the store has changed; its event leads back here
+        return false; // the store has changed; its event leads back here
     }
-    memory = read_memory(client.tav);
     switch (task.kind) {
     case task_t::restore:
         say_once(task.setting, "is set again (" + task.words + ")");
@@ -215,6 +241,7 @@ void keeper_t::perform(const task_t &task) {
     default:
         break;
     }
+    return true;
 }
 
 void keeper_t::say(const std::string &text) {

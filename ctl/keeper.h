@@ -39,9 +39,12 @@ private:
     bool is_being_removed(const setting_t &setting) const;
     bool is_in_kernel(const setting_t &setting) const;
 
+    // For keep --list, which sees only the present.
+    void show_confusion();
     void work();
     void work_on(const std::string &link, const std::vector<const task_t *> &tasks);
-    void perform(const task_t &task);
+    // Returns whether the store has changed.
+    bool perform(const task_t &task);
     static void say(const std::string &text);
     static std::string line_of(const setting_t &setting, const std::string &text);
     // Says it when the store has remembered what it is about.

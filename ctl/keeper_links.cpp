@@ -172,16 +172,25 @@ const links_t::entry_t *links_t::find(const std::string &link, std::size_t &numb
     return result;
 }
 
-std::string links_t::obstacle(const std::string &link) const {
+std::string links_t::confusion(const std::string &link) const {
     std::size_t number = 0;
     const entry_t *entry = find(link, number);
-    if (number == 0) {
-        return "no such link";
-    }
     if (number > 1) {
         return "several links have had this name";
     }
-    return entry->name == link ? cause(*entry) : "link renamed";
+    const bool same =
+        entry == nullptr || (entry->exists && entry->name == link && entry->now.name == link);
+    return same ? "" : "link renamed";
+}
+
+std::string links_t::obstacle(const std::string &link) const {
+    std::size_t number = 0;
+    const entry_t *entry = find(link, number);
+    if (entry == nullptr) {
+        return "no such link";
+    }
+    const std::string confused = confusion(link);
+    return confused.empty() ? cause(*entry) : confused;
 }
 
 unsigned links_t::changes(const std::string &link) const {

@@ -61,6 +61,9 @@ public:
 
     // Why the link cannot carry settings, in a few words; empty: it can.
     std::string obstacle(const std::string &link) const;
+    // The part of it that only an observer of the past knows: a link was renamed, or several have
+    // had the name.
+    std::string confusion(const std::string &link) const;
     // Changes when that does, and when the link is connected or disconnected.
     unsigned changes(const std::string &link) const;
     // A link was renamed, or several have the same name.

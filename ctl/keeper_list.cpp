@@ -30,7 +30,9 @@ int keep_list(const options_t &options) {
     const memory_t memory = read_memory(client.tav);
     for (const kept_t &kept : memory.kept) {
         const setting_t &setting = kept.setting;
-        std::string waits = links.obstacle(setting.link);
+        const auto confusion = memory.confusion.find(setting.link);
+        std::string waits =
+            confusion != memory.confusion.end() ? confusion->second : links.obstacle(setting.link);
         if (interface_number(setting.link, options.prefix) == 0) {
             waits = "not a link of prefix " + shown(options.prefix);
         }

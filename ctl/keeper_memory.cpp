@@ -20,6 +20,7 @@ constexpr const char *gateway_part = "/Gateway";
 constexpr const char *removals_part = "/Removals";
 constexpr const char *node_part = "/Node";
 constexpr const char *reason_part = "/Reason";
+constexpr const char *confusion_part = "/Confusion";
 
 std::string below(std::string path, const char *part, const std::string &name) {
     path += part;
@@ -61,6 +62,10 @@ public:
                 read_kept(below(path, addresses_part, name), {link, false, {}, ""}, memory);
             }
             read_kept(path + gateway_part, {link, true, {}, ""}, memory);
+            const std::string confusion = text(path + confusion_part);
+            if (!confusion.empty()) {
+                memory.confusion[link] = confusion;
+            }
             for (const std::string &name : children(path + removals_part)) {
                 read_removal(below(path, removals_part, name), link, memory);
             }
@@ -166,6 +171,15 @@ void end_removal(writes_t &writes, const setting_t &setting) {
 
 void note_handled(writes_t &writes, std::uint64_t number) {
     writes.push_back({write_t::set, handled_path, std::to_string(number)});
+}
+
+void note_confusion(writes_t &writes, const std::string &link, const std::string &confusion) {
+    const std::string path = link_memory(link) + confusion_part;
+    if (confusion.empty()) {
+        writes.push_back({write_t::clear, path, ""});
+    } else {
+        writes.push_back({write_t::set, paths::value(path), confusion});
+    }
 }
 
 writes_t writes_of(const task_t &task, const std::string &prefix) {

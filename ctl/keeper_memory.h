@@ -6,6 +6,7 @@
 //   /Software/tandrel/Keeper/Links/<link>/Addresses/<address>/Reason/Value   link down
 //   /Software/tandrel/Keeper/Links/<link>/Gateway/Value                      fe80::1
 //   /Software/tandrel/Keeper/Links/<link>/Gateway/Reason/Value               link down
+//   /Software/tandrel/Keeper/Links/<link>/Confusion/Value                    link renamed
 //   /Software/tandrel/Keeper/Links/<link>/Removals/<address>/Value           2001:db8::6/64
 //   /Software/tandrel/Keeper/Links/<link>/Removals/<address>/Node/Value      7
 #pragma once
@@ -40,6 +41,8 @@ void forget(writes_t &writes, const setting_t &setting);
 void begin_removal(writes_t &writes, const removal_t &removal);
 void end_removal(writes_t &writes, const setting_t &setting);
 void note_handled(writes_t &writes, std::uint64_t number);
+// Empty: no longer.
+void note_confusion(writes_t &writes, const std::string &link, const std::string &confusion);
 // The node of everything remembered of a link.
 std::string link_memory(const std::string &link);
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -31,6 +32,7 @@ struct memory_t {
     std::optional<std::uint64_t> handled; // number of the store's last change that was handled
     std::vector<kept_t> kept;
     std::vector<removal_t> removals;
+    std::map<std::string, std::string> confusion; // links_t::confusion, by link
 };
 
 // What one change of the store did to settings.

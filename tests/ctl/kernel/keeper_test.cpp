@@ -154,12 +154,36 @@ TEST_F(KeeperTest, WhatARenamedLinkLosesComesBackWithItsName) {
     device.set_up("lan0");
     ASSERT_TRUE(becomes([&] { return !device.link_local("lan0").empty(); }));
     EXPECT_TRUE(becomes([&] {
-        return contains(run({"keep", "--list"}).output, "\twaits: no such link\n");
+        return contains(run({"keep", "--list"}).output, "\twaits: link renamed\n");
     })) << run({"keep", "--list"}).output;
     device.set_up("lan0", false);
     device.rename("lan0", "eth0");
     device.set_up("eth0");
     expect_return();
+}
+
+TEST_F(KeeperTest, NothingIsSetOnALinkWhoseNameAnotherHasHad) {
+    device.set_up("eth0", false);
+    expect_loss();
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
+    ASSERT_TRUE(said("eth0: gateway fe80::1 left the store"));
+    device.rename("eth0", "lan0");
+    device.add_veth("eth0", "peer9", sandbox.neighbour());
+    device.set_up("eth0");
+    EXPECT_TRUE(said("eth0: nothing is set again on it (several links have had this name)"));
+    EXPECT_TRUE(becomes([&] {
+        return contains(run({"keep", "--list"}).output,
+                        "\twaits: several links have had this name\n");
+    })) << run({"keep", "--list"}).output;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    EXPECT_TRUE(has_lost_all());
+    device.delete_link("lan0");
+    EXPECT_TRUE(contains(run({"keep", "--list"}).output, "2001:db8::5/64"));
+    rebuilds_allowed = true;
+    ASSERT_EQ(stop_daemon(), 0);
+    start_daemon_and_wait(); // which knows only the new one
+    EXPECT_TRUE(becomes([&] { return is_complete(); })) << run({"keep", "--list"}).output;
+    EXPECT_EQ(run({"keep", "--list"}).output, "");
 }
 
 TEST_F(KeeperTest, WhatALinkLosesInABridgeComesBack) {
