@@ -105,7 +105,7 @@ protected:
         ++certain;
     }
     std::string any_address() {
-        return *std::next(addresses.begin(), choose(unsigned(addresses.size())));
+        return *std::next(addresses.begin(), static_cast<int>(choose(unsigned(addresses.size()))));
     }
     // Quiet before and after, so that the cause is certain.
     void delete_some() {
