@@ -36,6 +36,9 @@ constexpr std::size_t frame_bytes = std::size_t{16} << 20;
 constexpr std::size_t greeting_bytes = 64;
 // Paths of one call. api_status_too_large.
 constexpr std::size_t paths_per_request = 50000;
+// What the service keeps of one call's changes until they are committed takes at most so much more
+// memory than the tree. api_status_too_large.
+constexpr std::size_t change_bytes = std::size_t{64} << 20;
 // A long answer is sent in frames of about this size, as the client reads them; and an answer may
 // have at most so many bytes in all, or the library ends the connection.
 constexpr std::size_t reply_part_bytes = std::size_t{64} << 10;

@@ -57,7 +57,12 @@ api_status_t Edit::apply(const Item &item) {
 }
 
 bool Edit::advance(const Item &item, api_status_t &status) {
-    return walker ? visit(item, status) : start(item, status);
+    const bool complete = walker ? visit(item, status) : start(item, status);
+    if (bytes > most_bytes) {
+        status = api_status_too_large;
+        return true;
+    }
+    return complete;
 }
 
 bool Edit::start(const Item &item, api_status_t &status) {
@@ -97,6 +102,8 @@ Change &Edit::trace(const std::string &path, const Element *before, const Elemen
     if (known != known_paths.end()) {
         list.splice(list.end(), list, known->second);
     } else {
+        constexpr std::size_t around = 2 * sizeof(Change) + 12 * sizeof(void *); // containers
+        bytes += around + 2 * path.size();
         list.push_back(Change{path, value_of(before), nullptr, false});
         known_paths.emplace(list.back().path, std::prev(list.end()));
     }

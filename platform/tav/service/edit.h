@@ -46,10 +46,13 @@ public:
 
     // `now`: the time stamp of values without one, in seconds since 1970.
     // The steps together remove and touch at most as many elements as `base` has, and
-    // limits::paths_per_request more: otherwise a few bytes could make work without end.
+    // limits::paths_per_request more: otherwise a few bytes could make work without end. What is
+    // kept of the changes takes at most limits::change_bytes more than `base`: it contains whole
+    // paths, of which there may be many long ones.
     Edit(const Tree &base, std::int64_t current_time)
         : edited(base), now(current_time), by_path(1),
-          visits_left(base.extent().elements() + limits::paths_per_request) {}
+          visits_left(base.extent().elements() + limits::paths_per_request),
+          most_bytes(base.extent().bytes + limits::change_bytes) {}
     ~Edit();
     Edit(const Edit &) = delete;
     Edit &operator=(const Edit &) = delete;
@@ -83,6 +86,8 @@ private:
     Changes list;
     std::list<ByPath> by_path; // one, until the edit is complete
     std::size_t visits_left;   // of elements to remove or touch
+    std::size_t most_bytes;
+    std::size_t bytes = 0; // of `list`, and of the events that are made from it
     // For a step that takes several calls.
     std::optional<Walker> walker;
     Extent found;

@@ -93,11 +93,13 @@ void Server::run() {
         if (next_wake && *next_wake <= service.now()) {
             look_after_all();
         }
-        if (!trim && service.took_memory()) {
-            trim = service.now() + trim_pause;
-        } else if (trim && *trim <= service.now()) {
+        if (trim && *trim <= service.now()) {
             trim.reset();
             ::malloc_trim(0);
+        }
+        // Afterwards: what was taken meanwhile must not wait for the next request.
+        if (!trim && service.took_memory()) {
+            trim = service.now() + trim_pause;
         }
     }
 }

@@ -440,6 +440,26 @@ TEST_F(StoreUnit, WhatOneCallRemovesAndTouchesIsLimited) {
     EXPECT_EQ(more.events, Names{});
 }
 
+// The path of each touched leaf is kept, and here each is much longer than what the tree has of it.
+TEST_F(StoreUnit, TheBytesThatACallsChangesTakeAreLimited) {
+    std::string node;
+    while (node.size() + 300 < limits::path_bytes) {
+        node += '/' + std::string(limits::name_bytes, 'n');
+    }
+    const std::size_t number = limits::change_bytes / limits::path_bytes;
+    for (std::size_t part = 0; part < 16; ++part) {
+        std::vector<Item> items;
+        for (std::size_t i = 0; i < number / 16; ++i) {
+            items.push_back(
+                set_item(node + "/" + std::to_string(part) + "." + std::to_string(i), "1"));
+        }
+        ASSERT_EQ(write(items).statuses.back(), api_status_ok);
+    }
+    EXPECT_EQ(write({item(ItemKind::touch, "/")}).statuses, Statuses{api_status_too_large});
+    EXPECT_EQ(write({item(ItemKind::clear, "/")}).statuses, Statuses{api_status_too_large});
+    EXPECT_EQ(write({item(ItemKind::touch, node + "/0.0")}).statuses, Statuses{api_status_ok});
+}
+
 TEST_F(StoreUnit, TheBytesOfTheWholeTreeAreLimited) {
     store->byte_limit = 4000;
     EXPECT_EQ(write({set_item("/big", std::string(2000, 'x'))}).statuses.front(), api_status_ok);

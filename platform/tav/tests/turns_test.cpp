@@ -21,6 +21,17 @@ namespace limits = tav::limits;
 
 namespace {
 
+std::atomic<int> trims{0};
+
+} // namespace
+
+// Replaces that of the C library, which gives memory back to the system.
+extern "C" int malloc_trim(std::size_t /*pad*/) {
+    return ++trims;
+}
+
+namespace {
+
 class TurnsTest : public StoreTest {
 protected:
     TurnsTest()
@@ -219,4 +230,35 @@ TEST_F(TurnsTest, ManyPingsDelayNoOtherClient) {
         EXPECT_EQ(take_numbers(*second, 1), std::vector<int>{-1});
         take_replies(*first, 1);
     });
+}
+
+// What was taken while an earlier trim was due once stayed until the next request.
+TEST_F(TurnsTest, MemoryIsGivenBackWithoutAnotherRequest) {
+    const std::string large = request_frame(Op::read, [](Writer &out) {
+        put_all(out, std::vector<std::string>(400, "/" + std::string(4000, 'n')));
+    });
+    const auto ask = [&] {
+        while_served([&] {
+            ASSERT_TRUE(first->calls.send(large));
+            take_replies(*first, 1);
+        });
+    };
+    const auto wait_for_trims = [this](int number) {
+        while_served([number] {
+            const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+            while (trims < number && std::chrono::steady_clock::now() < limit) {
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            }
+        });
+        EXPECT_EQ(trims, number);
+    };
+    trims = 0;
+    ask();
+    milliseconds += 3000;
+    ask();
+    EXPECT_EQ(trims, 0);
+    milliseconds += 3000;
+    wait_for_trims(1);
+    milliseconds += 6000;
+    wait_for_trims(2);
 }

@@ -208,6 +208,8 @@ void fill() {
     for (int part = 0; part < 2; ++part) {
         write(leaves("/wide/" + std::string(240, 'n') + std::to_string(part), 30000));
     }
+    write(leaves("/more/", 29000));
+    write(leaves("/stale/", 45000));
 }
 
 void tidy() {
