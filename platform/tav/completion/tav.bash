@@ -91,15 +91,15 @@ _tav_options() {
     get) printf '%s' "$common --recursive --raw --json --escaped" ;;
     ls) printf '%s' "$common --long --json --escaped" ;;
     tree) printf '%s' "$common --json --escaped" ;;
-    set) printf '%s' "$common --type --if --escaped" ;;
+    set) printf '%s' "$common --type --if --confirm --escaped" ;;
     mknode | touch) printf '%s' "$common --escaped" ;;
-    rm) printf '%s' "$common --recursive --escaped" ;;
+    rm) printf '%s' "$common --recursive --confirm --escaped" ;;
     dump) printf '%s' "$common --no-time --escaped" ;;
-    load) printf '%s' "$common --merge --replace --parts" ;;
-    apply | diff) printf '%s' "$common" ;;
+    load) printf '%s' "$common --merge --replace --parts --confirm" ;;
+    apply | undo) printf '%s' "$common --confirm" ;;
+    confirm | diff) printf '%s' "$common" ;;
     watch) printf '%s' "$common --count --timeout --json --escaped" ;;
     history) printf '%s' "$common --since --json --escaped" ;;
-    undo) printf '%s' "$common" ;;
     status) printf '%s' "$common --json" ;;
     *) printf '%s' "$common --version" ;;
     esac
@@ -119,7 +119,7 @@ _tav() {
         case ${words[i]} in
         --socket) socket=(--socket "${words[++i]}") ;;
         --socket=*) socket=("${words[i]}") ;;
-        --color | -t | --type | --if | --count | --since | --timeout) ((++i)) ;;
+        --color | -t | --type | --if | --confirm | --count | --since | --timeout) ((++i)) ;;
         -*) ;;
         *) if [[ $command ]]; then ((++position)); else command=${words[i]}; fi ;;
         esac
@@ -129,7 +129,7 @@ _tav() {
     --socket) compopt -o default; return ;;
     --color) _tav_offer auto always never; return ;;
     -t | --type) _tav_offer string boolean integer real; return ;;
-    --if | --count | --since | --timeout) return ;;
+    --if | --confirm | --count | --since | --timeout) return ;;
     esac
     if [[ $word == -* && ! ($command == set && $position -gt 0) ]]; then
         # shellcheck disable=SC2046
@@ -137,7 +137,7 @@ _tav() {
         return
     fi
     case $command in
-    '') _tav_offer get ls tree set mknode touch rm apply dump load diff history undo watch status ;;
+    '') _tav_offer get ls tree set mknode touch rm apply dump load diff history undo confirm watch status ;;
     set) ((position % 2 == 0)) && _tav_offer_paths "$typed" ;;
     get | mknode | touch | rm) _tav_offer_paths "$typed" ;;
     ls | tree | dump | history | watch) ((position == 0)) && _tav_offer_paths "$typed" ;;

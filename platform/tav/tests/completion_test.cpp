@@ -148,7 +148,7 @@ TEST_F(CompletionTest, OffersEveryCommandAndLongOptionThatHelpLists) {
         return result;
     };
     const std::set<std::string> commands = offered("tav ");
-    EXPECT_EQ(commands.size(), 15U);
+    EXPECT_EQ(commands.size(), 16U);
     for (const std::string &command : commands) {
         EXPECT_EQ(offered("tav " + command + " --"), listed({command, "--help"})) << command;
     }

@@ -131,6 +131,7 @@ protected:
                            {"history", rest},
                            {"undo", "1"},
                            {"undo", value},
+                           {"confirm", value},
                            {"mknode", "/v/" + rest},
                            {"touch", "/none/" + rest},
                            {"rm", "/n"},

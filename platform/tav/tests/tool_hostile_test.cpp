@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "protocol/history.h"
+
 using namespace tavtest;
 using tav::Writer;
 
@@ -66,7 +68,15 @@ TEST_F(ToolHostileTest, APathWithoutASlashThatIsCalledAbsentEndsTheSearchForAdvi
 }
 
 TEST_F(ToolHostileTest, StatusEscapesWhatTheServiceSays) {
-    answer_all([](tav::Op, Writer &out) {
+    answer_all([](tav::Op op, Writer &out) {
+        if (op == tav::Op::pending) {
+            tav::PendingChange change;
+            change.change.program = hostile_text();
+            out.u8(1);
+            put(out, change);
+            out.u8(0);
+            return;
+        }
         tav::ServiceStatus status;
         status.database = status.durability = hostile_text();
         status.limits.push_back({hostile_text(), 1, 2, 3});
@@ -74,6 +84,7 @@ TEST_F(ToolHostileTest, StatusEscapesWhatTheServiceSays) {
     });
     std::string printed = tav({"status"}).output;
     EXPECT_NE(printed.find("durability"), std::string::npos);
+    EXPECT_NE(printed.find("to confirm 1"), std::string::npos);
     printed.erase(std::remove(printed.begin(), printed.end(), '\n'), printed.end());
     EXPECT_EQ(unescaped_part(printed), "");
 }

@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 
+#include "protocol/limits.h"
 #include "protocol/protocol.h"
 #include "terminal/escape.h"
 #include "terminal/help.h"
@@ -173,6 +174,12 @@ private:
         sub->add_option("PATH", path, "The path (default: /)")->type_name("");
     }
 
+    void add_term(CLI::App *sub) {
+        sub->add_option("--confirm", term,
+                        "Take the change back after that time, unless 'tav confirm' comes before")
+            ->type_name("SECONDS");
+    }
+
     void add_json(CLI::App *sub, const char *what = "Print JSON") {
         sub->add_flag("--json", request.options.json, what);
     }
@@ -206,6 +213,7 @@ private:
             ->add_option("--if", condition,
                          "Only if the leaf has the value OLD, of the same type; for one path")
             ->type_name("OLD");
+        add_term(setter);
         add_escaped(setter);
         setter->prefix_command();
         setter->formatter(std::make_shared<SetFormatter>());
@@ -216,8 +224,10 @@ private:
         CLI::App *sub = add("rm", "Remove leaves and empty nodes", remove);
         sub->add_flag("-r,--recursive", request.options.recursive,
                       "Remove nodes with everything below them");
+        add_term(sub);
         add_paths(sub);
         sub = add("apply", "Carry out the steps of a file as one transaction", apply);
+        add_term(sub);
         add_file(sub, "The steps (default, and for -: standard input)");
         sub->footer(apply_footer);
     }
@@ -239,6 +249,7 @@ private:
         sub->add_flag("--merge", merge, "Keep other elements (the default)");
         sub->add_flag("--parts", request.options.parts,
                       "Use several transactions, for a dump that is too large for one");
+        add_term(sub);
         add_file(sub, "The dump (default, and for -: standard input)");
 
         sub = add("diff", "Print what differs between a dump and the store", diff);
@@ -254,7 +265,11 @@ private:
         add_path(sub);
         sub = add("undo", "Undo the last change by an operator, or entry N of the history", undo);
         sub->add_option("N", number, "The number of the entry")->type_name("");
+        add_term(sub);
         sub->footer("Refused if an element of the entry has changed since.");
+        sub = add("confirm", "Keep a change that was made with --confirm", confirm);
+        sub->add_option("N", number, "The number that was printed (default: your only change)")
+            ->type_name("");
     }
 
     void add_rest() {
@@ -267,7 +282,10 @@ private:
         add_json(sub, "Print one JSON object per line");
         add_path(sub);
 
-        sub = add("status", "Print the service's state, limits, clients and watchdogs", status);
+        sub =
+            add("status",
+                "Print the service's state, limits, clients, watchdogs and what must be confirmed",
+                status);
         add_json(sub);
     }
 
@@ -292,6 +310,9 @@ private:
         }
         if (merge && options.replace) {
             throw CLI::ValidationError("--merge and --replace exclude each other");
+        }
+        if (options.parts && term) {
+            throw CLI::ValidationError("--confirm is for one transaction, without --parts");
         }
     }
 
@@ -325,6 +346,17 @@ private:
                                            "' is not the number of an entry of the history");
             }
             options.number = value;
+        }
+        if (term) {
+            char *end = nullptr;
+            const double seconds = std::strtod(term->c_str(), &end);
+            constexpr double most = limits::confirm_term / 1000.0;
+            const bool possible = seconds >= 0.001 && seconds <= most; // not for nan
+            if (term->empty() || *end != '\0' || !possible) {
+                throw CLI::ValidationError("'" + *term +
+                                           "' is not a time, which is 0.001 to 86400 seconds");
+            }
+            options.term = static_cast<std::uint32_t>(seconds * 1000 + 0.5);
         }
         if (timeout) {
             char *end = nullptr;
@@ -377,6 +409,7 @@ private:
     std::optional<std::string> number;
     std::optional<std::string> condition;
     std::optional<std::string> timeout;
+    std::optional<std::string> term;
 };
 
 } // namespace

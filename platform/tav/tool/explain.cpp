@@ -1,5 +1,6 @@
 #include "tool/explain.h"
 
+#include "tool/pending.h"
 #include "tool/screen.h"
 
 namespace tav::tool {
@@ -162,6 +163,8 @@ void complain_writing(Client &client, const Item &item, api_status_t status,
         advice = "the root cannot be removed; to list what is below it: tav ls /";
     } else if (status == api_status_changed) {
         advice = advice_for_changed(client, item.path);
+    } else if (status == api_status_pending) {
+        advice = advice_for_pending(client, item.path);
     } else if (status == api_status_not_empty) {
         advice = "to remove it with everything below it: " + command_on("rm -r", item.path);
     }

@@ -47,12 +47,6 @@ std::string time_text(std::int64_t time) {
     return text;
 }
 
-std::string author_text(const HistoryEntry &entry) {
-    return (entry.service ? "service " : "") +
-           (entry.program.empty() ? std::string("unnamed") : shown(entry.program)) + ", process " +
-           std::to_string(entry.pid) + ", user " + std::to_string(entry.uid);
-}
-
 std::string number_of_elements(std::uint64_t number) {
     return std::to_string(number) + (number == 1 ? " element" : " elements");
 }
@@ -156,6 +150,12 @@ void complain_changed(const History &history, std::uint64_t after, const std::st
 }
 
 } // namespace
+
+std::string author_text(const HistoryEntry &entry) {
+    return (entry.service ? "service " : "") +
+           (entry.program.empty() ? std::string("unnamed") : shown(entry.program)) + ", process " +
+           std::to_string(entry.pid) + ", user " + std::to_string(entry.uid);
+}
 
 std::vector<Item> steps_to_undo(const HistoryEntry &entry) {
     std::vector<const ChangedElement *> changes;

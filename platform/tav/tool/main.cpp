@@ -44,6 +44,7 @@ int carry_out(const Request &request) {
                  "names another socket");
         return exit_unreachable;
     }
+    client.term = request.options.term;
     return request.command(client, request.options);
 }
 

@@ -5,8 +5,10 @@
 #include <nlohmann/json.hpp>
 
 #include "client/admin.h"
+#include "tool/pending.h"
 #include "tool/screen.h"
 #include "tool/tool.h"
+#include "tool/undo.h"
 
 namespace tav::tool {
 
@@ -24,7 +26,7 @@ const char *state_name(WatchdogState state) {
     return "unknown";
 }
 
-void print_json(const ServiceStatus &status) {
+void print_json(const ServiceStatus &status, const std::vector<PendingChange> &pending) {
     Json all = Json::object();
     all["pid"] = status.pid;
     if (status.database.empty()) {
@@ -67,10 +69,21 @@ void print_json(const ServiceStatus &status) {
         entry["state"] = state_name(watchdog.state);
         all["watchdogs"].push_back(std::move(entry));
     }
+    all["pending"] = Json::array();
+    for (const PendingChange &one : pending) {
+        Json entry = {{"number", one.change.number}, {"time", one.change.time}};
+        entry["uid"] = one.change.uid;
+        entry["pid"] = one.change.pid;
+        add_text(entry, "program", one.change.program);
+        entry["elements"] = one.change.elements;
+        entry["term_ms"] = one.term;
+        entry["left_ms"] = one.left;
+        all["pending"].push_back(std::move(entry));
+    }
     std::cout << terminal::json_text(all, 2) << '\n';
 }
 
-void print_text(const ServiceStatus &status) {
+void print_text(const ServiceStatus &status, const std::vector<PendingChange> &pending) {
     std::cout << "service    process " << status.pid << ", up " << status.uptime << " s\n"
               << "database   "
               << (status.database.empty()
@@ -104,19 +117,27 @@ void print_text(const ServiceStatus &status) {
                   << watchdog.period << " s  last ping " << watchdog.since << " ms ago  "
                   << state_name(watchdog.state) << '\n';
     }
+    std::cout << "to confirm " << pending.size() << '\n';
+    for (const PendingChange &one : pending) {
+        std::cout << "  change " << one.change.number << "  " << author_text(one.change)
+                  << "  elements " << one.change.elements << "  taken back in "
+                  << seconds_text(one.left) << '\n';
+    }
 }
 
 } // namespace
 
 int status(Client &client, const Options &options) {
     ServiceStatus current;
-    if (tav::service_status(client.handle(), current) != 0) {
+    std::vector<PendingChange> pending;
+    if (tav::service_status(client.handle(), current) != 0 ||
+        tav::pending(client.handle(), pending) != 0) {
         return exit_unreachable;
     }
     if (options.json) {
-        print_json(current);
+        print_json(current, pending);
     } else {
-        print_text(current);
+        print_text(current, pending);
     }
     return exit_done;
 }

@@ -37,6 +37,7 @@ struct Options {
     std::optional<std::uint64_t> number;  // of an entry of the history
     std::optional<std::string> condition; // set: the value that the leaf must have
     std::optional<double> timeout;        // seconds
+    std::uint32_t term = 0; // to confirm the change, in milliseconds; 0: it needs none
 };
 
 // A connection for as long as the object lives.
@@ -51,6 +52,7 @@ public:
     mlr_client_t *handle() const { return tav.handle; }
 
     toolkit::CTav tav;
+    std::uint32_t term = 0; // of its transactions; see Options
 };
 
 // The commands. Each prints its own messages and returns an exit code.
@@ -68,6 +70,7 @@ int load(Client &client, const Options &options);
 int diff(Client &client, const Options &options);
 int history(Client &client, const Options &options);
 int undo(Client &client, const Options &options);
+int confirm(Client &client, const Options &options);
 int status(Client &client, const Options &options);
 
 } // namespace tav::tool

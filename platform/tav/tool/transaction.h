@@ -19,7 +19,7 @@ inline std::string nowhere(std::size_t /*item*/) {
 }
 
 // As the program `tav`: all items or none, one status per item; negative when the connection is
-// lost.
+// lost. With a term of the client it prints how to confirm the change.
 int transact(Client &client, const std::vector<Item> &items, std::vector<api_status_t> &statuses);
 
 // Reports the items that were refused, and returns the exit code.

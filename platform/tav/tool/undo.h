@@ -11,4 +11,7 @@ namespace tav::tool {
 // elements are as it left them.
 std::vector<Item> steps_to_undo(const HistoryEntry &entry);
 
+// Who made the entry, in words.
+std::string author_text(const HistoryEntry &entry);
+
 } // namespace tav::tool

@@ -5,6 +5,7 @@
 #include "protocol/limits.h"
 #include "tool/explain.h"
 #include "tool/file.h"
+#include "tool/pending.h"
 #include "tool/screen.h"
 #include "tool/script.h"
 #include "tool/tool.h"
@@ -14,9 +15,19 @@ namespace tav::tool {
 
 int transact(Client &client, const std::vector<Item> &items, std::vector<api_status_t> &statuses) {
     api_status_t stated = api_status_none;
-    return tav::state_program(client.handle(), "tav", stated) == 0
-               ? tav::transact(client.handle(), items, statuses)
-               : -1;
+    if (tav::state_program(client.handle(), "tav", stated) != 0) {
+        return -1;
+    }
+    if (client.term == 0) {
+        return tav::transact(client.handle(), items, statuses);
+    }
+    std::uint64_t number = 0;
+    const int result = tav::transact_pending(client.handle(), items, client.term, statuses, number);
+    if (result == 0 && std::all_of(statuses.begin(), statuses.end(),
+                                   [](api_status_t one) { return one == api_status_ok; })) {
+        print_term(number, client.term);
+    }
+    return result;
 }
 
 int perform(Client &client, const std::vector<Item> &items, const Place &place) {
@@ -39,6 +50,14 @@ int report(Client &client, const std::vector<Item> &items,
     // This does not concern a single path: all of them have the same status.
     if (!items.empty() && std::all_of(statuses.begin(), statuses.end(), is(api_status_failed))) {
         complain_writing(client, items.front(), api_status_failed, place(0));
+        return exit_refused;
+    }
+    if (!items.empty() &&
+        std::all_of(statuses.begin(), statuses.end(), is(api_status_too_much_pending))) {
+        complain("nothing was changed: at most " + std::to_string(limits::pending_changes) +
+                 " changes of a user may wait for their confirmation, with " +
+                 std::to_string(limits::pending_bytes >> 20U) +
+                 " MiB in all; to list them: tav status");
         return exit_refused;
     }
     int result = exit_done;

@@ -1,0 +1,139 @@
+// tav --confirm and tav confirm.
+#include "support/tool_fixture.h"
+
+#include <nlohmann/json.hpp>
+
+#include <csignal>
+
+using namespace tavtest;
+
+namespace {
+
+class ToolConfirmTest : public ToolTest {
+protected:
+    static std::string line(int number, const std::string &time) {
+        const std::string text = std::to_string(number);
+        return "change " + text + " is taken back in " + time +
+               " unless you confirm it: tav confirm " + text + "\n";
+    }
+    // Waits until the path is absent.
+    bool goes(const std::string &path) {
+        for (int i = 0; i < patience_ms / 20; ++i) {
+            if (tav({"get", path}).status == 1) {
+                return true;
+            }
+            ::usleep(20000);
+        }
+        return false;
+    }
+};
+
+} // namespace
+
+TEST_F(ToolConfirmTest, AChangeIsTakenBackUnlessItIsConfirmed) {
+    EXPECT_EQ(good({"set", "--confirm", "0.2", "/a", "1"}), line(1, "0.2 s"));
+    EXPECT_EQ(good({"get", "/a"}), "1\n");
+    EXPECT_TRUE(goes("/a"));
+    const std::string history = good({"history"});
+    EXPECT_NE(history.find("Z  service tavd taking back 1, process "), std::string::npos)
+        << history;
+    EXPECT_EQ(good({"set", "--confirm", "600", "/a", "1"}), line(3, "600 s"));
+    EXPECT_EQ(good({"confirm", "3"}), "change 3 is confirmed\n");
+    EXPECT_EQ(good({"get", "/a"}), "1\n");
+    EXPECT_EQ(bad(1, {"confirm", "3"}), "tav: change 3 does not wait for its confirmation; to list "
+                                        "those that do: tav status\n");
+}
+
+TEST_F(ToolConfirmTest, EveryWritingCommandTakesATerm) {
+    good({"set", "/a/b", "1", "/c", "1"});
+    const std::string dump = good({"dump"});
+    int number = 1;
+    for (const std::vector<std::string> &command :
+         {std::vector<std::string>{"rm", "/c"}, {"apply"}, {"load", "--replace"}, {"undo", "1"}}) {
+        std::vector<std::string> arguments = command;
+        arguments.insert(arguments.begin() + 1, {"--confirm", "600"});
+        const std::string input =
+            command[0] == "apply" ? "set /c 2\n"
+                                  : R"({"format":"tav-dump","version":1,"path":"/","elements":[]})";
+        EXPECT_EQ(good(arguments, input), line(++number, "600 s")) << command[0];
+        EXPECT_EQ(good({"confirm"}), "change " + std::to_string(number) + " is confirmed\n");
+        EXPECT_NE(good({"dump"}), dump) << command[0];
+        good({"load", "--replace"}, dump);
+        ++number;
+    }
+}
+
+TEST_F(ToolConfirmTest, WithoutANumberThereMustBeOneChange) {
+    EXPECT_EQ(bad(1, {"confirm"}), "tav: no change of yours waits for its confirmation; to list "
+                                   "those that do: tav status\n");
+    EXPECT_EQ(bad(1, {"confirm", "0"}).find("tav: change 0 does not wait"), 0U);
+    good({"set", "--confirm", "600", "/a", "1"});
+    good({"set", "--confirm", "600", "/b", "1"});
+    EXPECT_EQ(bad(1, {"confirm"}),
+              "tav: several changes of yours wait: give a number; to list them: tav status\n");
+    EXPECT_EQ(good({"confirm", "2"}), "change 2 is confirmed\n");
+    EXPECT_EQ(good({"confirm"}), "change 1 is confirmed\n");
+}
+
+TEST_F(ToolConfirmTest, NothingChangedNeedsNoConfirmation) {
+    good({"set", "/a", "1"});
+    EXPECT_EQ(good({"set", "--confirm", "600", "/a", "1"}),
+              "nothing was changed, so there is nothing to confirm\n");
+    EXPECT_EQ(bad(1, {"rm", "--confirm", "600", "/none"}).find("tav: /none: absent"), 0U);
+}
+
+TEST_F(ToolConfirmTest, WhoseChangeItIsAndUntilWhenIsSaid) {
+    good({"set", "--confirm", "600", "/n/a", "1"});
+    for (const std::vector<std::string> &command :
+         {std::vector<std::string>{"set", "--confirm", "5", "/n/a", "2"},
+          {"rm", "--confirm", "5", "-r", "/n"}}) {
+        const std::string error = bad(1, command);
+        const std::string path = command[0] == "rm" ? "/n" : "/n/a";
+        EXPECT_EQ(error.find("tav: " + path +
+                             ": another change waits for its confirmation; change 1 by tav, "
+                             "process "),
+                  0U)
+            << error;
+        EXPECT_NE(error.find(", user " + std::to_string(::getuid()) + " ends in 5"),
+                  std::string::npos)
+            << error;
+        EXPECT_NE(error.find(" s, or with: tav confirm 1\n"), std::string::npos) << error;
+    }
+    const std::string text = good({"status"});
+    EXPECT_NE(text.find("to confirm 1\n  change 1  tav, process "), std::string::npos) << text;
+    EXPECT_NE(text.find("  elements 2  taken back in 5"), std::string::npos) << text;
+    const auto all = nlohmann::json::parse(good({"status", "--json"}))["pending"];
+    ASSERT_EQ(all.size(), 1U);
+    EXPECT_EQ(all[0]["number"], 1);
+    EXPECT_EQ(all[0]["program"], "tav");
+    EXPECT_EQ(all[0]["uid"], ::getuid());
+    EXPECT_EQ(all[0]["elements"], 2);
+    EXPECT_EQ(all[0]["term_ms"], 600000);
+    EXPECT_GT(all[0]["left_ms"], 500000);
+    EXPECT_GT(all[0]["pid"], 0);
+    EXPECT_GT(all[0]["time"], 1700000000);
+}
+
+TEST_F(ToolConfirmTest, TooManyAreRefusedWithTheLimit) {
+    for (int i = 0; i < 16; ++i) {
+        good({"set", "--confirm", "600", "/" + std::to_string(i), "1"});
+    }
+    EXPECT_EQ(bad(1, {"set", "--confirm", "600", "/more", "1"}),
+              "tav: nothing was changed: at most 16 changes of a user may wait for their "
+              "confirmation, with 1 MiB in all; to list them: tav status\n");
+}
+
+TEST_F(ToolConfirmTest, WrongTimesAreWrongUsage) {
+    for (const char *time : {"0", "-1", "nan", "x", "1x", "", "86401", "0.0001"}) {
+        EXPECT_EQ(bad(2, {"rm", "--confirm", time, "/a"})
+                      .find("tav: '" + std::string(time) +
+                            "' is not a time, which is 0.001 to "
+                            "86400 seconds"),
+                  0U)
+            << time;
+    }
+    EXPECT_NE(bad(2, {"load", "--parts", "--confirm", "5"})
+                  .find("--confirm is for one transaction, without --parts"),
+              std::string::npos);
+    EXPECT_EQ(bad(2, {"confirm", "x"}).find("tav: 'x' is not the number of an entry"), 0U);
+}

@@ -1,0 +1,80 @@
+// confirm, and what other commands say about changes that must be confirmed.
+#include "tool/pending.h"
+
+#include <algorithm>
+#include <iostream>
+#include <sstream>
+
+#include "client/admin.h"
+#include "service/path.h"
+#include "tool/screen.h"
+#include "tool/undo.h"
+
+namespace tav::tool {
+
+std::string seconds_text(std::uint32_t milliseconds) {
+    std::ostringstream text;
+    text << milliseconds / 1000.0 << " s";
+    return text.str();
+}
+
+void print_term(std::uint64_t number, std::uint32_t term) {
+    if (number == 0) {
+        std::cout << "nothing was changed, so there is nothing to confirm\n";
+        return;
+    }
+    std::cout << "change " << number << " is taken back in " << seconds_text(term)
+              << " unless you confirm it: tav confirm " << number << '\n';
+}
+
+std::string advice_for_pending(Client &client, const std::string &path) {
+    std::vector<PendingChange> all;
+    if (tav::pending(client.handle(), all) != 0) {
+        return "";
+    }
+    const auto touches = [&path](const ChangedElement &change) {
+        return is_at_or_below(change.path, path) || is_at_or_below(path, change.path);
+    };
+    for (const PendingChange &one : all) {
+        const std::vector<ChangedElement> &changes = one.change.changes;
+        if (std::any_of(changes.begin(), changes.end(), touches)) {
+            const std::string number = std::to_string(one.change.number);
+            return "change " + number + " by " + author_text(one.change) + " ends in " +
+                   seconds_text(one.left) + ", or with: tav confirm " + number;
+        }
+    }
+    return "";
+}
+
+int confirm(Client &client, const Options &options) {
+    const std::uint64_t number = options.number.value_or(0);
+    api_status_t status = api_status_none;
+    std::uint64_t confirmed = 0;
+    // The number 0 means "the only one" to the service.
+    if (options.number == 0) {
+        status = api_status_absent;
+    } else if (tav::confirm(client.handle(), number, status, confirmed) != 0) {
+        return exit_unreachable;
+    }
+    switch (status) {
+    case api_status_ok:
+        std::cout << "change " << confirmed << " is confirmed\n";
+        return exit_done;
+    case api_status_absent:
+        complain((options.number ? "change " + std::to_string(number) + " does not wait"
+                                 : "no change of yours waits") +
+                 std::string(" for its confirmation; to list those that do: tav status"));
+        return exit_refused;
+    case api_status_refused:
+        complain("several changes of yours wait: give a number; to list them: tav status");
+        return exit_refused;
+    case api_status_denied:
+        complain("permission denied; only who may write may confirm");
+        return exit_refused;
+    default:
+        complain("the confirmation could not be stored; the service's log says why");
+        return exit_refused;
+    }
+}
+
+} // namespace tav::tool
