@@ -18,8 +18,11 @@ namespace tav {
 
 namespace {
 
-// So long requests are served before commits, wake-ups and timers are looked after.
+// So long requests are served before timers are looked after.
 constexpr std::chrono::milliseconds slice{2};
+// Meanwhile what was written is committed, and what has arrived is received, this often, or clients
+// that send one request after the other would make all others wait for the end of the slice.
+constexpr std::chrono::microseconds look_pause{50};
 // The least time that a turn is charged with, for what is not measured.
 constexpr std::chrono::microseconds least_charge{2};
 // Memory is given back to the system so long after much of it was in use.
@@ -70,18 +73,7 @@ void Server::watch(PeerId id, Peer &peer, std::uint32_t events) const {
 }
 
 void Server::run() {
-    Events events{};
-    for (;;) {
-        const int ready =
-            ::epoll_wait(epoll.get(), events.data(), static_cast<int>(events.size()), timeout());
-        if (ready < 0 && errno != EINTR) {
-            fail("epoll_wait");
-        }
-        if (!handle_events(events, ready)) {
-            return;
-        }
-        service.take_back();
-        work();
+    while (receive(timeout()) && work()) {
         garbage::give_back();
         if (accept_again && service.now() >= *accept_again) {
             accept_again.reset();
@@ -104,8 +96,14 @@ void Server::run() {
     }
 }
 
-// False when a signal has arrived.
-bool Server::handle_events(const Events &events, int ready) {
+// Waits so long for something to arrive, in milliseconds. False when a signal has arrived.
+bool Server::receive(int most) {
+    std::array<epoll_event, 64> events{};
+    const int ready =
+        ::epoll_wait(epoll.get(), events.data(), static_cast<int>(events.size()), most);
+    if (ready < 0 && errno != EINTR) {
+        fail("epoll_wait");
+    }
     for (int i = 0; i < ready; ++i) {
         const PeerId id = events.at(static_cast<std::size_t>(i)).data.u64;
         if (id == signals_id) {
@@ -169,15 +167,17 @@ void Server::arrived(PeerId id) {
     limit_held_bytes();
 }
 
-// Serves those who have a request for one slice of time, and commits what they have written.
-void Server::work() {
+// Serves those who have a request for one slice of time, and commits what they have written. False
+// when a signal has arrived.
+bool Server::work() {
     const Stopwatch::time_point end = Stopwatch::now() + slice;
     do {
         release_blocked();
+        const Stopwatch::time_point look = Stopwatch::now() + look_pause;
         while (!schedule.empty()) {
             serve_next();
             release_blocked();
-            if (Stopwatch::now() >= end) {
+            if (Stopwatch::now() >= look) {
                 break;
             }
         }
@@ -191,7 +191,11 @@ void Server::work() {
             look_after_all();
         }
         release_blocked();
+        if (!schedule.empty() && !receive(0)) {
+            return false;
+        }
     } while (!schedule.empty() && Stopwatch::now() < end);
+    return true;
 }
 
 void Server::release_blocked() {

@@ -3,9 +3,6 @@
 // Requests are carried out in parts. After each the schedule says whose turn it is.
 #pragma once
 
-#include <sys/epoll.h>
-
-#include <array>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -56,14 +53,12 @@ private:
         std::size_t held = 0; // bytes of received requests and unsent replies
     };
 
-    using Events = std::array<epoll_event, 64>;
-
     // server.cpp: the loop and the requests.
     void watch(int fd, PeerId id, std::uint32_t events, int operation) const;
     void watch(PeerId id, Peer &peer, std::uint32_t events) const;
-    bool handle_events(const Events &events, int ready);
+    bool receive(int most);
     void arrived(PeerId id);
-    void work();
+    bool work();
     void serve_next();
     PeerId next_peer();
     void serve(PeerId id, Peer &peer, Time start);

@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <thread>
 
@@ -261,4 +262,33 @@ TEST_F(TurnsTest, MemoryIsGivenBackWithoutAnotherRequest) {
     wait_for_trims(1);
     milliseconds += 6000;
     wait_for_trims(2);
+}
+
+// With 5,000 requests that have already been received, the service once looked for others only
+// every 2 ms.
+TEST_F(TurnsTest, AClientThatSendsManyRequestsDelaysNoOther) {
+    std::atomic<int> replies{0};
+    std::thread receiver;
+    std::vector<int> meanwhile;
+    while_served([&] {
+        std::thread sender([&] { send_reads(*first, 20000); });
+        receiver = std::thread([&] {
+            while (!first->calls.receive().empty()) {
+                ++replies;
+            }
+        });
+        while (replies == 0) {
+        }
+        for (int i = 0; i < 41; ++i) {
+            const int before = replies;
+            send_reads(*second, 1);
+            take_replies(*second, 1);
+            meanwhile.push_back(replies - before);
+        }
+        sender.join();
+        ::shutdown(first->calls.fd(), SHUT_RDWR);
+    });
+    receiver.join();
+    std::sort(meanwhile.begin(), meanwhile.end()); // now and then the test itself is delayed
+    EXPECT_LT(meanwhile[20], 50);
 }
