@@ -22,6 +22,7 @@ namespace {
 // The watchdog needs a ping in this time even if nothing happens.
 constexpr std::chrono::hours watchdog_period{24};
 constexpr std::chrono::seconds reconnect_interval{1};
+constexpr std::chrono::seconds unclear_interval{5};
 
 // What may come by itself when the daemon has handled a change.
 bool is_lazy(const task_t &task) {
@@ -109,6 +110,9 @@ void keeper_t::connect() {
         0) {
         throw store_lost(store_silent);
     }
+    if (daemon_session) {
+        daemon_session = 0; // the store has ended the daemon's connection, too
+    }
     memory = read_memory(client.tav);
     handled = std::max(handled, memory.handled.value_or(0));
 }
@@ -149,17 +153,25 @@ void keeper_t::show_confusion() {
     }
 }
 
+// A daemon that connects again has discarded what it knew of links.
+void keeper_t::notice_new_daemon() {
+    if (!links.is_unclear()) {
+        daemon_session.reset();
+        return;
+    }
+    const std::uint64_t session = session_of(client, daemon_name);
+    if (session != 0 && daemon_session && session != *daemon_session) {
+        links.daemon_restarted();
+    }
+    daemon_session = session;
+    wake_at(now + unclear_interval); // no event says that it has connected
+}
+
 void keeper_t::work() {
     const kernel_view_t kernel = read_kernel();
     const store_view_t store = read_store(client.tav, options.prefix);
     seen = settings_of(store);
-    if (links.is_unclear()) {
-        const std::uint32_t daemon = process_of(client, daemon_name);
-        if (daemon != daemon_pid && daemon_pid != 0) {
-            links.daemon_restarted();
-        }
-        daemon_pid = daemon != 0 ? daemon : daemon_pid;
-    }
+    notice_new_daemon();
     show_confusion();
     const plan_t plan = make_plan(memory, kernel, store, links, options.prefix);
     std::map<std::string, std::vector<const task_t *>> by_link;

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -41,6 +42,7 @@ private:
 
     // For keep --list, which sees only the present.
     void show_confusion();
+    void notice_new_daemon();
     void work();
     void work_on(const std::string &link, const std::vector<const task_t *> &tasks);
     // Returns whether the store has changed.
@@ -77,7 +79,8 @@ private:
     std::map<std::string, clearing_t> cleared; // gateways that somebody removed, by link
     std::string touched;         // the link whose node is used to make the daemon synchronise
     std::vector<setting_t> seen; // what was stored at the last look
-    std::uint32_t daemon_pid = 0;
+    // The daemon's session_of since links have been unclear.
+    std::optional<std::uint64_t> daemon_session;
     std::string complaint;         // the last one about the store
     std::vector<std::string> news; // lines to say
 };

@@ -86,20 +86,41 @@ bool carry_out(client_t &client, const writes_t &writes) {
                        [](api_status_t status) { return status == api_status_ok; });
 }
 
-std::uint32_t process_of(client_t &client, const std::string &service) {
+namespace {
+
+tav::ServiceStatus status_of(client_t &client) {
     tav::ServiceStatus status;
-    if (&tav::service_status == nullptr) {
-        return 0;
-    }
-    if (tav::service_status(client.tav.handle, status) != 0) {
+    if (&tav::service_status != nullptr && tav::service_status(client.tav.handle, status) != 0) {
         throw store_lost(store_silent);
     }
+    return status;
+}
+
+std::uint32_t process_in(const tav::ServiceStatus &status, const std::string &service) {
     for (const tav::WatchdogStatus &one : status.watchdogs) {
         if (one.name == service && one.state != tav::WatchdogState::gone) {
             return one.pid;
         }
     }
     return 0;
+}
+
+} // namespace
+
+std::uint32_t process_of(client_t &client, const std::string &service) {
+    return process_in(status_of(client), service);
+}
+
+std::uint64_t session_of(client_t &client, const std::string &service) {
+    const tav::ServiceStatus status = status_of(client);
+    const std::uint32_t process = process_in(status, service);
+    std::uint64_t session = 0;
+    for (const tav::ClientStatus &one : status.clients) {
+        if (process != 0 && one.pid == process) {
+            session = std::max(session, one.session);
+        }
+    }
+    return session;
 }
 
 #else
@@ -121,6 +142,10 @@ bool carry_out(client_t &, const writes_t &) {
 }
 
 std::uint32_t process_of(client_t &, const std::string &) {
+    return 0;
+}
+
+std::uint64_t session_of(client_t &, const std::string &) {
     return 0;
 }
 

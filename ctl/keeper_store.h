@@ -37,5 +37,7 @@ bool carry_out(client_t &client, const writes_t &writes);
 
 // The process that has announced itself to the store's watchdog under this name; 0: none is known.
 std::uint32_t process_of(client_t &client, const std::string &service);
+// The number of its connection, which is another after each restart and each rebuild; 0: none.
+std::uint64_t session_of(client_t &client, const std::string &service);
 
 } // namespace ctl

@@ -463,6 +463,20 @@ TEST_F(KeeperWithADatabase, ARestartOfTheStoreLosesNothing) {
     expect_return();
 }
 
+TEST_F(KeeperWithADatabase, ADaemonThatReconnectsKnowsLinksByTheirPresentNames) {
+    device.set_up("eth0", false);
+    expect_loss();
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
+    ASSERT_TRUE(said("eth0: gateway fe80::1 left the store"));
+    device.rename("eth0", "lan0");
+    device.add_veth("eth0", "peer9", sandbox.neighbour());
+    device.set_up("eth0");
+    ASSERT_TRUE(said("eth0: nothing is set again on it (several links have had this name)"));
+    restart_store();
+    EXPECT_TRUE(becomes([&] { return is_complete(); })) << run({"keep", "--list"}).output;
+    EXPECT_EQ(run({"keep", "--list"}).output, "");
+}
+
 TEST_F(KeeperWithADatabase, ARemovalRightAfterARestartOfTheStoreIsFinished) {
     restart_store();
     store.remove_address(1, "office"); // the daemon waits for ten seconds
