@@ -163,6 +163,11 @@ private:
     }
 
     void add_dry_run(CLI::App *sub) {
+        sub->add_option("--confirm", request.options.term,
+                        "Take the change back after that time, unless 'tandrelctl confirm' comes "
+                        "before")
+            ->type_name("SECONDS")
+            ->check(CLI::Range(0.001, 86400.0).description(""));
         sub->add_flag("--dry-run", request.options.dry_run,
                       "Change nothing; print what would change in the store and in the kernel");
     }
@@ -330,7 +335,18 @@ private:
                       "Read the kernel's permanent addresses and default gateway (required)")
             ->required();
         sub->add_flag("--write", request.options.write, "Store them as Static");
+        sub->add_option("--confirm", request.options.term,
+                        "With --write: take it back after that time, unless 'tandrelctl confirm' "
+                        "comes before")
+            ->type_name("SECONDS")
+            ->check(CLI::Range(0.001, 86400.0).description(""));
         sub->add_flag("--dry-run", request.options.dry_run, "Change nothing, even with --write");
+
+        sub = add(app, "confirm", "Keep a change that was made with --confirm", confirm);
+        sub->add_option("N", request.options.number,
+                        "The number that was printed (default: your only change)")
+            ->type_name("")
+            ->check(CLI::PositiveNumber.description(""));
 
         add(app, "nudge", "Make tandrel synchronise now", nudge);
 

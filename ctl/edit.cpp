@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "ctl/confirm.h"
 #include "ctl/preview.h"
 #include "ctl/rules.h"
 #include "ctl/text.h"
@@ -11,11 +12,6 @@
 namespace ctl {
 
 namespace {
-
-struct outcome_t {
-    std::string refused_path; // empty: everything was done
-    int status = 0;
-};
 
 outcome_t write(client_t &client, const step_t &step) {
     std::vector<tk_string> paths;
@@ -38,7 +34,10 @@ outcome_t write(client_t &client, const step_t &step) {
     return {};
 }
 
-outcome_t apply(client_t &client, const step_t &step) {
+outcome_t apply(client_t &client, const step_t &step, const options_t &options) {
+    if (options.term) {
+        return write_with_term(client, step, *options.term);
+    }
     if (!step.leaves.empty()) {
         outcome_t outcome = write(client, step);
         if (!outcome.refused_path.empty()) {
@@ -110,9 +109,14 @@ bool carry_out(client_t &client, const options_t &options,
     outcome_t outcome;
     for (int attempt = 0; attempt < attempts; ++attempt) {
         client.take_events();
-        outcome = apply(client, decide(read_store(client.tav, options.prefix)));
+        outcome = apply(client, decide(read_store(client.tav, options.prefix)), options);
         if (outcome.refused_path.empty()) {
             return true;
+        }
+        const std::string why = why_held(client, outcome);
+        if (!why.empty()) {
+            throw refusal("the store refused to change '" + shown(outcome.refused_path) +
+                          "': " + why);
         }
     }
     throw refusal("the store refused to change '" + shown(outcome.refused_path) + "' (status " +

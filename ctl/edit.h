@@ -27,11 +27,17 @@ struct step_t {
     std::vector<std::string> removals;                       // paths
 };
 
+// What the store refused.
+struct outcome_t {
+    std::string refused_path; // empty: everything was done
+    int status = 0;
+};
+
 // Reads the store, calls `decide` for the change to make, and makes it. If the store refuses, for
 // example because another client was faster, all of this is repeated a few times. `decide` may
 // therefore be called more than once, each time with the current content of the store. With
-// options.dry_run only prints what would change, and returns false. Throws store_lost, and refusal
-// if the store keeps refusing.
+// options.term it must be confirmed, and is one transaction. With options.dry_run only prints what
+// would change, and returns false. Throws store_lost, and refusal if the store keeps refusing.
 bool carry_out(client_t &client, const options_t &options,
                const std::function<step_t(const store_view_t &)> &decide);
 

@@ -7,6 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "ctl/confirm.h"
 #include "ctl/daemon_state.h"
 #include "ctl/keeper_store.h"
 #include "ctl/output.h"
@@ -97,6 +98,7 @@ const char *name_of(daemon_t state) {
 struct status_t {
     std::string store; // why it does not answer; empty: it does
     daemon_state_t daemon;
+    std::vector<waiting_t> waiting;
     std::uint32_t keeper = 0; // process of 'tandrelctl keep'; 0: none
     std::vector<link_state_t> links;
     std::optional<std::vector<std::string>> errors;
@@ -118,6 +120,14 @@ void print_as_json(const status_t &status) {
              {"managed", one.why == store_silent ? json_t() : json_t(one.why.empty())},
              {"reason", one.why.empty() ? json_t() : json_t(one.why)},
              {"remedy", one.remedy}});
+    }
+    json["unconfirmed"] = json_t::array();
+    for (const waiting_t &one : status.waiting) {
+        json["unconfirmed"].push_back({{"number", one.number},
+                                       {"program", one.program},
+                                       {"pid", one.pid},
+                                       {"uid", one.uid},
+                                       {"seconds_left", one.left / 1000.0}});
     }
     json["last_synchronisation"] = nullptr;
     if (status.daemon.synchronised) {
@@ -178,6 +188,11 @@ void print_text(const status_t &status, bool colour) {
             line("          ", true, "-> " + one.remedy);
         }
     }
+    for (const waiting_t &one : status.waiting) {
+        line("unconfirmed: ", true,
+             text_of(one) + ", taken back in " + std::to_string(one.left / 1000) + " s");
+        line("          ", true, "-> tandrelctl confirm " + std::to_string(one.number));
+    }
     line("last synchronisation: ", true, synchronised_text(status.daemon));
     if (!status.errors) {
         line("last errors: ", true, "not readable (see journalctl -t tandrel)");
@@ -210,6 +225,7 @@ int status(const options_t &options) {
     status.daemon = find_daemon(client);
     status.keeper = status.store.empty() ? process_of(client, keeper_name) : 0;
     status.links = link_states(compare(kernel_reader(), store, options.prefix), options);
+    status.waiting = status.store.empty() ? waiting_changes(client) : std::vector<waiting_t>{};
     status.errors = last_errors();
     if (options.json) {
         print_as_json(status);

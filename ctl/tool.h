@@ -1,6 +1,7 @@
 // What the commands of tandrelctl share: the options, the connection to the store, the exit codes.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -25,19 +26,21 @@ struct options_t {
     std::string prefix = "eth";
     bool json = false;
     tav::terminal::Color colour = tav::terminal::Color::automatic;
-    bool all = false;               // show, check: include links that the daemon ignores
-    bool no_notes = false;          // check
-    bool quiet = false;             // check
-    bool force = false;             // every change that may be refused
-    bool dry_run = false;           // every change
-    bool write = false;             // import
-    bool list = false;              // keep
-    bool forget = false;            // keep
-    bool online = false;            // wait
-    std::string link;               // empty: every link
-    std::string address;            // with its prefix length, or a gateway
-    std::string node;               // --node
-    std::optional<double> patience; // --wait, --timeout: seconds
+    bool all = false;                    // show, check: include links that the daemon ignores
+    bool no_notes = false;               // check
+    bool quiet = false;                  // check
+    bool force = false;                  // every change that may be refused
+    bool dry_run = false;                // every change
+    bool write = false;                  // import
+    bool list = false;                   // keep
+    bool forget = false;                 // keep
+    bool online = false;                 // wait
+    std::string link;                    // empty: every link
+    std::string address;                 // with its prefix length, or a gateway
+    std::string node;                    // --node
+    std::optional<double> term;          // --confirm: seconds
+    std::optional<std::uint64_t> number; // confirm
+    std::optional<double> patience;      // --wait, --timeout: seconds
 };
 
 // A request that the tool refuses; the text says why, and what to do instead.
@@ -109,6 +112,7 @@ int import_kernel(const options_t &options);
 int nudge(const options_t &options);
 int keep(const options_t &options);
 int status(const options_t &options);
+int confirm(const options_t &options);
 int wait_online(const options_t &options);
 
 } // namespace ctl

@@ -13,7 +13,7 @@ mandoc -T lint -W warning "$page" "$daemon_page" >&2 || fail "mandoc reports err
 
 commands=(show check watch status wait 'address add' 'address replace' 'address del' 'gateway set'
     'gateway clear' 'interface list' 'interface add' 'interface del' 'interface merge' import nudge
-    keep)
+    keep confirm)
 text=$(mandoc -T ascii "$page" | sed 's/.\x08//g')
 long_options() { grep -oE -- '--[a-z][a-z-]*' | sort -u; }
 

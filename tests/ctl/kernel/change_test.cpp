@@ -45,6 +45,56 @@ TEST_F(Change, AMistypedGatewayLeavesTheWorkingOne) {
     EXPECT_EQ(store.gateway(1), "fe80::1");
 }
 
+TEST_F(Change, AWrongGatewayIsTakenBackThoughTheToolIsKilled) {
+    store.set_gateway(1, "fe80::1");
+    start_daemon_and_wait();
+    ASSERT_TRUE(becomes([&] { return in_step(); }));
+    // It waits for the kernel, and is killed meanwhile.
+    const auto tool = begin({"gateway", "set", "eth0", "fe80::bad", "--confirm", "3", "--wait=60"});
+    ASSERT_TRUE(becomes(
+        [&] { return device.static_gateways("eth0") == std::vector<std::string>{"fe80::bad"}; }));
+    tool->signal(SIGKILL);
+    EXPECT_TRUE(becomes(
+        [&] { return device.static_gateways("eth0") == std::vector<std::string>{"fe80::1"}; }));
+    EXPECT_EQ(store.gateway(1), "fe80::1");
+    ASSERT_TRUE(settle());
+    EXPECT_TRUE(in_step());
+}
+
+TEST_F(Change, AConfirmedChangeStaysAndIsListedBefore) {
+    store.set_gateway(1, "fe80::1");
+    start_daemon_and_wait();
+    const result_t set = run({"gateway", "set", "eth0", "fe80::2", "--confirm", "100"});
+    const std::string number = set.output.substr(7, set.output.find(" is taken back") - 7);
+    EXPECT_EQ(set.output, "change " + number +
+                              " is taken back in 100 s unless you confirm it: tandrelctl confirm " +
+                              number + "\n");
+    EXPECT_TRUE(contains(run({"status"}).output,
+                         "unconfirmed: change " + number + " by tandrelctl, process "));
+    const result_t second = run({"gateway", "set", "eth0", "fe80::3", "--confirm", "100"});
+    EXPECT_EQ(second.status, 1);
+    EXPECT_TRUE(contains(second.errors, "change " + number + " by tandrelctl, process "))
+        << second.errors;
+    EXPECT_TRUE(contains(second.errors, "or with: tandrelctl confirm " + number)) << second.errors;
+    EXPECT_EQ(run({"confirm"}).output, "change " + number + " is confirmed\n");
+    EXPECT_EQ(store.gateway(1), "fe80::2");
+    EXPECT_EQ(run({"confirm", number}).status, 1);
+}
+
+// The daemon may have given its number to an address that the kernel assigned itself.
+TEST_F(Change, AnAddressThatIsTakenBackReplacesWhatTookItsName) {
+    store.make_interface(1);
+    start_daemon_and_wait();
+    done({"address", "add", "eth0", "2001:db8::5/64", "--node", "7", "--wait=60"});
+    const result_t removed = run({"address", "del", "eth0", "2001:db8::5", "--confirm", "4"});
+    EXPECT_EQ(removed.status, 0) << removed.errors;
+    // As the daemon would, by a client that is no service but the same user.
+    store.set_address(1, "7", "2001:db8:1::9/64", "Automatic");
+    EXPECT_TRUE(becomes([&] { return store.has_address(1, "2001:db8::5/64", "Static"); }));
+    EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::5/64"); }));
+    EXPECT_EQ(store.node_of(1, "2001:db8::5/64"), "7");
+}
+
 // The daemon stores the gateway again, because the kernel had the advertised route instead.
 TEST_F(Change, ARemovalThatIsUndoneIsNoSuccess) {
     store.make_interface(1);

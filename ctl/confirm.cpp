@@ -1,0 +1,174 @@
+// The command confirm, and what other commands do for changes that must be confirmed.
+#include "ctl/confirm.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <iostream>
+#include <sstream>
+
+#include "ctl/text.h"
+
+#ifdef TANDREL_STORE_STATUS
+#include "client/admin.h"
+#include "protocol/limits.h"
+
+// Weak, because the unit tests do not link the store's library.
+namespace tav {
+__attribute__((weak)) int transact_pending(mlr_client_t *client, const std::vector<Item> &items,
+                                           std::uint32_t term, std::vector<api_status_t> &statuses,
+                                           std::uint64_t &number);
+__attribute__((weak)) int confirm(mlr_client_t *client, std::uint64_t number, api_status_t &status,
+                                  std::uint64_t &confirmed);
+__attribute__((weak)) int pending(mlr_client_t *client, std::vector<PendingChange> &changes);
+} // namespace tav
+#endif
+
+namespace ctl {
+
+#ifdef TANDREL_STORE_STATUS
+
+namespace {
+
+bool is_at_or_below(const std::string &path, const std::string &ancestor) {
+    return path.compare(0, ancestor.size(), ancestor) == 0 &&
+           (path.size() == ancestor.size() || path[ancestor.size()] == '/');
+}
+
+waiting_t waiting_of(const tav::PendingChange &one) {
+    return {one.change.number, one.change.uid, one.change.pid, one.change.program, one.left};
+}
+
+std::string seconds_text(double seconds) {
+    std::ostringstream text;
+    text << seconds << " s";
+    return text.str();
+}
+
+std::vector<tav::PendingChange> pending_of(client_t &client) {
+    std::vector<tav::PendingChange> all;
+    if (&tav::pending != nullptr && client.connected() &&
+        tav::pending(client.tav.handle, all) != 0) {
+        throw store_lost(store_silent);
+    }
+    return all;
+}
+
+} // namespace
+
+outcome_t write_with_term(client_t &client, const step_t &step, double seconds) {
+    std::vector<tav::Item> items;
+    for (const auto &[path, text] : step.leaves) {
+        items.push_back({tav::ItemKind::set, path, {element_type_string, text, tav::no_time}});
+    }
+    for (const std::string &path : step.removals) {
+        items.push_back({tav::ItemKind::remove_node, path, {}});
+    }
+    std::vector<api_status_t> statuses;
+    std::uint64_t number = 0;
+    if (tav::transact_pending(client.tav.handle, items,
+                              static_cast<std::uint32_t>(seconds * 1000 + 0.5), statuses,
+                              number) != 0) {
+        throw store_lost(store_silent);
+    }
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        // The others were only not done because of the refused one.
+        if (statuses[i] != api_status_ok && statuses[i] != api_status_not_done) {
+            return {items[i].path, static_cast<int>(statuses[i])};
+        }
+    }
+    if (number == 0) {
+        std::cout << "nothing was changed, so there is nothing to confirm\n";
+    } else {
+        std::cout << "change " << number << " is taken back in " << seconds_text(seconds)
+                  << " unless you confirm it: tandrelctl confirm " << number << '\n';
+    }
+    std::cout.flush(); // before anything that waits
+    return {};
+}
+
+std::string why_held(client_t &client, const outcome_t &outcome) {
+    if (outcome.status == api_status_too_much_pending) {
+        return "at most " + std::to_string(tav::limits::pending_changes) +
+               " changes of a user may wait for their confirmation; to list them: tandrelctl "
+               "status";
+    }
+    if (outcome.status != api_status_pending) {
+        return "";
+    }
+    const std::string &path = outcome.refused_path;
+    for (const tav::PendingChange &one : pending_of(client)) {
+        const std::vector<tav::ChangedElement> &changes = one.change.changes;
+        if (std::any_of(changes.begin(), changes.end(), [&path](const auto &change) {
+                return is_at_or_below(change.path, path) || is_at_or_below(path, change.path);
+            })) {
+            return text_of(waiting_of(one)) + " waits for its confirmation; it ends in " +
+                   seconds_text(one.left / 1000.0) + ", or with: tandrelctl confirm " +
+                   std::to_string(one.change.number);
+        }
+    }
+    return "";
+}
+
+std::vector<waiting_t> waiting_changes(client_t &client) {
+    std::vector<waiting_t> all;
+    for (const tav::PendingChange &one : pending_of(client)) {
+        all.push_back(waiting_of(one));
+    }
+    return all;
+}
+
+int confirm(const options_t &options) {
+    client_t client;
+    client.require();
+    api_status_t status = api_status_none;
+    std::uint64_t confirmed = 0;
+    const std::uint64_t number = options.number.value_or(0);
+    if (tav::confirm(client.tav.handle, number, status, confirmed) != 0) {
+        throw store_lost(store_silent);
+    }
+    switch (status) {
+    case api_status_ok:
+        std::cout << "change " << confirmed << " is confirmed\n";
+        return exit_done;
+    case api_status_absent:
+        throw refusal((number != 0 ? "change " + std::to_string(number) + " does not wait"
+                                   : "no change of yours waits") +
+                      std::string(" for its confirmation; to list those that do: tandrelctl "
+                                  "status"));
+    case api_status_refused:
+        throw refusal("several changes of yours wait: give a number; to list them: tandrelctl "
+                      "status");
+    case api_status_denied:
+        throw refusal("permission denied; only who may write may confirm");
+    default:
+        throw refusal("the confirmation could not be stored; the store's log says why");
+    }
+}
+
+#else
+
+outcome_t write_with_term(client_t & /*client*/, const step_t & /*step*/, double /*seconds*/) {
+    throw refusal(only_with_tavd);
+}
+
+std::string why_held(client_t & /*client*/, const outcome_t & /*outcome*/) {
+    return "";
+}
+
+std::vector<waiting_t> waiting_changes(client_t & /*client*/) {
+    return {};
+}
+
+int confirm(const options_t & /*options*/) {
+    throw refusal(only_with_tavd);
+}
+
+#endif
+
+std::string text_of(const waiting_t &change) {
+    return "change " + std::to_string(change.number) + " by " +
+           (change.program.empty() ? "" : shown(change.program) + ", ") + "process " +
+           std::to_string(change.pid) + ", user " + std::to_string(change.uid);
+}
+
+} // namespace ctl

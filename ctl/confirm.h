@@ -1,0 +1,32 @@
+// Changes that the store takes back unless they are confirmed in time. They need tavd.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "ctl/edit.h"
+
+namespace ctl {
+
+// Makes the change as one transaction with a term, and prints how to confirm it. Throws store_lost,
+// and refusal with another provider's store.
+outcome_t write_with_term(client_t &client, const step_t &step, double seconds);
+
+// Why such a change was refused: whose change waits, or that there are too many; empty if the
+// status means something else.
+std::string why_held(client_t &client, const outcome_t &outcome);
+
+struct waiting_t {
+    std::uint64_t number = 0;
+    std::uint32_t uid = 0;
+    std::uint32_t pid = 0;
+    std::string program;
+    std::uint32_t left = 0; // milliseconds
+};
+// What waits for its confirmation; nothing if the store does not say.
+std::vector<waiting_t> waiting_changes(client_t &client);
+// "change 12 by tandrelctl, process 7, user 0".
+std::string text_of(const waiting_t &change);
+
+} // namespace ctl
