@@ -171,6 +171,7 @@ void Server::arrived(PeerId id) {
 // when a signal has arrived.
 bool Server::work() {
     const Stopwatch::time_point end = Stopwatch::now() + slice;
+    service.take_back(); // before what comes next is carried out
     do {
         release_blocked();
         const Stopwatch::time_point look = Stopwatch::now() + look_pause;
