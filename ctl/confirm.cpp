@@ -2,6 +2,7 @@
 #include "ctl/confirm.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <iostream>
 #include <sstream>
@@ -66,7 +67,7 @@ outcome_t write_with_term(client_t &client, const step_t &step, double seconds) 
     std::vector<api_status_t> statuses;
     std::uint64_t number = 0;
     if (tav::transact_pending(client.tav.handle, items,
-                              static_cast<std::uint32_t>(seconds * 1000 + 0.5), statuses,
+                              static_cast<std::uint32_t>(std::lround(seconds * 1000)), statuses,
                               number) != 0) {
         throw store_lost(store_silent);
     }

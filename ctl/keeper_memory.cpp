@@ -22,6 +22,16 @@ constexpr const char *node_part = "/Node";
 constexpr const char *reason_part = "/Reason";
 constexpr const char *confusion_part = "/Confusion";
 
+// 0 if the store does not say when a leaf was written.
+std::int64_t time_of(const toolkit::CElement &leaf) {
+#ifdef TANDREL_STORE_STATUS
+    return leaf.time();
+#else
+    static_cast<void>(leaf);
+    return 0;
+#endif
+}
+
 std::string below(std::string path, const char *part, const std::string &name) {
     path += part;
     path += '/';
@@ -119,7 +129,7 @@ private:
         } else {
             setting.node = text(path + node_part);
         }
-        memory.kept.push_back({setting, text(path + reason_part), value.time()});
+        memory.kept.push_back({setting, text(path + reason_part), time_of(value)});
     }
 
     void read_removal(const std::string &path, const std::string &link, memory_t &memory) {

@@ -212,7 +212,7 @@ std::vector<api_status_t> Store::transact(const std::vector<Item> &items,
 std::shared_ptr<const Store::Result> Store::take_back(const PendingPtr &pending,
                                                       const Author &author, api_status_t &status) {
     std::vector<api_status_t> statuses;
-    const auto result = perform(
+    auto result = perform(
         steps_to_take_back(*pending, forming.tree),
         [](const std::string & /*path*/) { return false; }, 0, author, {nullptr, pending},
         statuses);

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include <charconv>
+#include <cmath>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -356,7 +357,7 @@ private:
                 throw CLI::ValidationError("'" + *term +
                                            "' is not a time, which is 0.001 to 86400 seconds");
             }
-            options.term = static_cast<std::uint32_t>(seconds * 1000 + 0.5);
+            options.term = static_cast<std::uint32_t>(std::lround(seconds * 1000));
         }
         if (timeout) {
             char *end = nullptr;

@@ -39,8 +39,14 @@ std::string advice_for_pending(Client &client, const std::string &path) {
         const std::vector<ChangedElement> &changes = one.change.changes;
         if (std::any_of(changes.begin(), changes.end(), touches)) {
             const std::string number = std::to_string(one.change.number);
-            return "change " + number + " by " + author_text(one.change) + " ends in " +
-                   seconds_text(one.left) + ", or with: tav confirm " + number;
+            std::string text = "change " + number;
+            text += " by ";
+            text += author_text(one.change);
+            text += " ends in ";
+            text += seconds_text(one.left);
+            text += ", or with: tav confirm ";
+            text += number;
+            return text;
         }
     }
     return "";

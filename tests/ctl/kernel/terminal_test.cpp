@@ -118,6 +118,7 @@ protected:
         {"-i", value, "interface", "add", value + "3"},
         {"import", "--from-kernel", "--write"},
         {"keep", "--forget", value},
+        {"confirm", value},
         {value},
         {"show", "--" + value}};
 
