@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <stdexcept>
 
 #include "protocol/limits.h"
@@ -113,7 +114,12 @@ bool Server::greet(PeerId id, Peer &peer, std::string_view body) {
         const Session &session = service.open(peer.who, peer.may_write);
         peer.role = Peer::Role::calls;
         peer.session = session.ticket().session;
-        connections[peer.session].calls = id;
+        try {
+            connections[peer.session].calls = id;
+        } catch (const std::bad_alloc &) {
+            service.close(peer.session); // it cannot be dropped with a connection
+            throw;
+        }
         put(out, session.ticket());
     } else if (header.op == Op::attach) {
         Ticket ticket;
