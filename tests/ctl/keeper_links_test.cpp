@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ctl/look_fixture.h"
+#include "ctl/keeper_settings.h"
 
 namespace {
 
@@ -13,6 +13,8 @@ using ctl::kernel_link_t;
 using ctl::links_t;
 using ctl::moment_t;
 using ctl::verdict_t;
+using keeper_test::gateway;
+using keeper_test::office;
 
 moment_t at(int milliseconds) {
     return moment_t{} + std::chrono::hours(1) + std::chrono::milliseconds(milliseconds);
@@ -22,19 +24,6 @@ in6_addr bytes(const char *text) {
     in6_addr address{};
     EXPECT_EQ(inet_pton(AF_INET6, text, &address), 1);
     return address;
-}
-
-ctl::setting_t office() {
-    ctl::setting_t setting{"eth0", false, {}, "office"};
-    setting.address.addr = bytes("2001:db8::5");
-    setting.address.prefix_len = 64;
-    return setting;
-}
-
-ctl::setting_t gateway() {
-    ctl::setting_t setting{"eth0", true, {}, ""};
-    setting.address.addr = bytes("fe80::1");
-    return setting;
 }
 
 kernel_link_t eth0(const std::function<void(kernel_link_t &)> &change = nullptr) {

@@ -3,26 +3,16 @@
 
 #include <gtest/gtest.h>
 
-#include "ctl/look_fixture.h"
+#include "ctl/keeper_settings.h"
 
 namespace {
 
 using ctl::task_t;
+using keeper_test::gateway;
+using keeper_test::office;
 
 class Memory : public LookTest {
 protected:
-    ctl::setting_t office(const std::string &node = "office",
-                          const std::string &address = "2001:db8::5") {
-        ctl::setting_t setting{"eth0", false, {}, node};
-        setting.address.addr = bytes(address);
-        setting.address.prefix_len = 64;
-        return setting;
-    }
-    ctl::setting_t gateway() {
-        ctl::setting_t setting{"eth0", true, {}, ""};
-        setting.address.addr = bytes("fe80::1");
-        return setting;
-    }
     // Carries the steps out on the fake store; false if a condition does not hold.
     static bool apply(const ctl::writes_t &writes) {
         for (const ctl::write_t &write : writes) {

@@ -3,13 +3,15 @@
 
 #include <gtest/gtest.h>
 
-#include "ctl/look_fixture.h"
+#include "ctl/keeper_settings.h"
 
 namespace {
 
 using ctl::fact_t;
 using ctl::leaf_change_t;
 using ctl::task_t;
+using keeper_test::gateway;
+using keeper_test::office;
 
 const std::string top = "/Software/System Settings/Network/Interface/";
 
@@ -114,18 +116,6 @@ TEST(KeeperFacts, GoByThePrefix) {
 
 class Plan : public LookTest {
 protected:
-    ctl::setting_t office(const std::string &node = "office",
-                          const std::string &address = "2001:db8::5") {
-        ctl::setting_t setting{"eth0", false, {}, node};
-        setting.address.addr = bytes(address);
-        setting.address.prefix_len = 64;
-        return setting;
-    }
-    ctl::setting_t gateway() {
-        ctl::setting_t setting{"eth0", true, {}, ""};
-        setting.address.addr = bytes("fe80::1");
-        return setting;
-    }
     void keep(const ctl::setting_t &setting) { memory.kept.push_back({setting, "link down", 0}); }
 
     // A line for each task.
