@@ -49,7 +49,8 @@ Change ends(const PendingPtr &pending);
 
 // Whether the path is that of an element that the change changed, or of one above or below it.
 bool touches(const Pending &pending, std::string_view path);
-// The steps that give its elements their old values and existence in `tree`, whatever is there now.
+// Steps that restore the elements of the change in `tree`: those that existed get their old values,
+// and those that did not are removed.
 std::vector<Item> steps_to_take_back(const Pending &pending, const Tree &tree);
 
 // In milliseconds since 1970.

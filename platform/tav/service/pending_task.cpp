@@ -1,8 +1,9 @@
 #include "service/pending_task.h"
 
-#include "service/service.h"
 #include <algorithm>
 #include <chrono>
+
+#include "service/service.h"
 
 namespace tav {
 
