@@ -15,6 +15,8 @@
 
 // Weak, because the unit tests do not link the store's library.
 namespace tav {
+__attribute__((weak)) int transact(mlr_client_t *client, const std::vector<Item> &items,
+                                   std::vector<api_status_t> &statuses);
 __attribute__((weak)) int transact_pending(mlr_client_t *client, const std::vector<Item> &items,
                                            std::uint32_t term, std::vector<api_status_t> &statuses,
                                            std::uint64_t &number);
@@ -45,6 +47,20 @@ std::string seconds_text(double seconds) {
     return text.str();
 }
 
+std::uint32_t milliseconds_of(double seconds) {
+    return static_cast<std::uint32_t>(std::lround(seconds * 1000));
+}
+
+void announce(std::uint64_t number, double seconds) {
+    if (number == 0) {
+        std::cout << "nothing was changed, so there is nothing to confirm\n";
+    } else {
+        std::cout << "change " << number << " is taken back in " << seconds_text(seconds)
+                  << " unless you confirm it: tandrelctl confirm " << number << '\n';
+    }
+    std::cout.flush(); // before anything that waits
+}
+
 std::vector<tav::PendingChange> pending_of(client_t &client) {
     std::vector<tav::PendingChange> all;
     if (&tav::pending != nullptr && client.connected() &&
@@ -56,7 +72,11 @@ std::vector<tav::PendingChange> pending_of(client_t &client) {
 
 } // namespace
 
-outcome_t write_with_term(client_t &client, const step_t &step, double seconds) {
+bool has_transactions() {
+    return &tav::transact != nullptr;
+}
+
+outcome_t write_at_once(client_t &client, const step_t &step, std::optional<double> term) {
     std::vector<tav::Item> items;
     for (const auto &[path, text] : step.leaves) {
         items.push_back({tav::ItemKind::set, path, {element_type_string, text, tav::no_time}});
@@ -66,9 +86,10 @@ outcome_t write_with_term(client_t &client, const step_t &step, double seconds) 
     }
     std::vector<api_status_t> statuses;
     std::uint64_t number = 0;
-    if (tav::transact_pending(client.tav.handle, items,
-                              static_cast<std::uint32_t>(std::lround(seconds * 1000)), statuses,
-                              number) != 0) {
+    const int result = term ? tav::transact_pending(client.tav.handle, items,
+                                                    milliseconds_of(*term), statuses, number)
+                            : tav::transact(client.tav.handle, items, statuses);
+    if (result != 0) {
         throw store_lost(store_silent);
     }
     for (std::size_t i = 0; i < items.size(); ++i) {
@@ -77,13 +98,9 @@ outcome_t write_with_term(client_t &client, const step_t &step, double seconds) 
             return {items[i].path, static_cast<int>(statuses[i])};
         }
     }
-    if (number == 0) {
-        std::cout << "nothing was changed, so there is nothing to confirm\n";
-    } else {
-        std::cout << "change " << number << " is taken back in " << seconds_text(seconds)
-                  << " unless you confirm it: tandrelctl confirm " << number << '\n';
+    if (term) {
+        announce(number, *term);
     }
-    std::cout.flush(); // before anything that waits
     return {};
 }
 
@@ -148,7 +165,12 @@ int confirm(const options_t &options) {
 
 #else
 
-outcome_t write_with_term(client_t & /*client*/, const step_t & /*step*/, double /*seconds*/) {
+bool has_transactions() {
+    return false;
+}
+
+outcome_t write_at_once(client_t & /*client*/, const step_t & /*step*/,
+                        std::optional<double> /*term*/) {
     throw refusal(only_with_tavd);
 }
 

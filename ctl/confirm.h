@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -9,9 +10,11 @@
 
 namespace ctl {
 
-// Makes the change as one transaction with a term, and prints how to confirm it. Throws store_lost,
-// and refusal with another provider's store.
-outcome_t write_with_term(client_t &client, const step_t &step, double seconds);
+// Whether the store makes a whole step at once; another provider's does not.
+bool has_transactions();
+// Makes the change as one transaction. If it has a term (in seconds), prints how to confirm it.
+// Throws store_lost, and refusal with another provider's store.
+outcome_t write_at_once(client_t &client, const step_t &step, std::optional<double> term);
 
 // Why such a change was refused: whose change waits, or that there are too many; empty if the
 // status means something else.

@@ -35,8 +35,8 @@ outcome_t write(client_t &client, const step_t &step) {
 }
 
 outcome_t apply(client_t &client, const step_t &step, const options_t &options) {
-    if (options.term) {
-        return write_with_term(client, step, *options.term);
+    if (options.term || (!step.in_parts && has_transactions())) {
+        return write_at_once(client, step, options.term);
     }
     if (!step.leaves.empty()) {
         outcome_t outcome = write(client, step);
@@ -135,7 +135,7 @@ std::string addresses_path(long interface) {
 void touch_interface(client_t &client, const options_t &options, long interface) {
     const std::string node = paths::address(addresses_path(interface), "tandrelctl-nudge");
     carry_out(client, options, [&](const store_view_t &) {
-        return step_t{{{paths::type_value(node), "none"}}, {node}};
+        return step_t{{{paths::type_value(node), "none"}}, {node}, true};
     });
 }
 

@@ -21,10 +21,12 @@ const kernel_link_t &require_link(const kernel_view_t &kernel, const options_t &
 // The smallest number from 1 on that is not taken as a name.
 std::string free_number(const std::set<std::string> &taken);
 
-// A change of the store: the leaves are written in one transaction, then the nodes are removed.
+// A change of the store: the leaves are written, then the nodes are removed. It is one transaction
+// if the store has such.
 struct step_t {
     std::vector<std::pair<std::string, std::string>> leaves; // path, text
     std::vector<std::string> removals;                       // paths
+    bool in_parts = false; // as one transaction it would change nothing
 };
 
 // What the store refused.
@@ -36,8 +38,9 @@ struct outcome_t {
 // Reads the store, calls `decide` for the change to make, and makes it. If the store refuses, for
 // example because another client was faster, all of this is repeated a few times. `decide` may
 // therefore be called more than once, each time with the current content of the store. With
-// options.term it must be confirmed, and is one transaction. With options.dry_run only prints what
-// would change, and returns false. Throws store_lost, and refusal if the store keeps refusing.
+// options.term it must be confirmed, and is one transaction even if it is in parts. With
+// options.dry_run only prints what would change, and returns false. Throws store_lost, and refusal
+// if the store keeps refusing.
 bool carry_out(client_t &client, const options_t &options,
                const std::function<step_t(const store_view_t &)> &decide);
 

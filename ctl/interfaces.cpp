@@ -14,11 +14,11 @@ namespace ctl {
 
 namespace {
 
-// The path of the interface node given to `interface del`, and whether it contains settings that a
-// person stored.
+// The interface node given to `interface del`.
 struct found_t {
     std::string path;
-    bool has_settings = false;
+    bool has_settings = false; // that a person stored
+    std::string link;          // empty: it has another node
 };
 found_t find_interface(const store_view_t &store, const options_t &options) {
     for (const stored_interface_t &interface : store.interfaces) {
@@ -28,8 +28,15 @@ found_t find_interface(const store_view_t &store, const options_t &options) {
         if (!meant) {
             continue;
         }
+        const auto same_link = [&](const stored_interface_t &other) {
+            return other.number == interface.number;
+        };
+        const bool is_last =
+            interface.number != 0 &&
+            std::count_if(store.interfaces.begin(), store.interfaces.end(), same_link) == 1;
         found_t removal{std::string(paths::interfaces) + "/" + interface.node,
-                        interface.holds_more || interface.gateway || !interface.strange.empty()};
+                        interface.holds_more || interface.gateway || !interface.strange.empty(),
+                        is_last ? interface.link : ""};
         for (const stored_address_t &stored : interface.addresses) {
             removal.has_settings =
                 removal.has_settings || stored.fault || stored.address.type == type_static;
@@ -44,13 +51,22 @@ found_t find_interface(const store_view_t &store, const options_t &options) {
                       : "the store has no interface node '" + shown(options.node) + "'");
 }
 
-bool has_node(const store_view_t &store, long number) {
+bool has_interface(const store_view_t &store, long number) {
     for (const stored_interface_t &interface : store.interfaces) {
         if (interface.node == std::to_string(number)) {
             return true;
         }
     }
     return false;
+}
+
+bool has_node(toolkit::CTav &tav, const std::string &path) {
+    api_status_t status = tav_value::status_unset;
+    std::vector<toolkit::child_t> children;
+    if (tav.list_node(path, status, children) != 0) {
+        throw store_lost(store_silent);
+    }
+    return status == tav_value::status_ok;
 }
 
 // Moves the settings of a link that has several interface nodes to the node that tandrel writes to.
@@ -126,7 +142,7 @@ int interface_add(const options_t &options) {
     const long number = number_of(options);
     client_t client;
     client.require();
-    if (has_node(read_store(client.tav, options.prefix), number)) {
+    if (has_interface(read_store(client.tav, options.prefix), number)) {
         throw refusal("the store already has a node for " + shown(options.link) + " (interface " +
                       std::to_string(number) + ")");
     }
@@ -147,7 +163,7 @@ int interface_add(const options_t &options) {
         at_once.term.reset();
         touch_interface(client, at_once, number);
     }
-    if (!has_node(read_store(client.tav, options.prefix), number)) {
+    if (!has_interface(read_store(client.tav, options.prefix), number)) {
         throw refusal("this store keeps no empty nodes; store an address or a gateway for " +
                       shown(options.link) + " instead");
     }
@@ -165,14 +181,13 @@ int interface_delete(const options_t &options) {
             throw refusal("'" + shown(removal.path) +
                           "' contains settings that would be lost; use --force to remove them too");
         }
-        return step_t{{}, {removal.path}};
+        step_t step{{}, {removal.path}};
+        if (!removal.link.empty() && has_node(client.tav, link_memory(removal.link))) {
+            step.removals.push_back(link_memory(removal.link)); // the keeper forgets it
+        }
+        return step;
     });
     if (done && !options.link.empty()) {
-        // What the keeper remembers of the link; normally there is nothing.
-        api_status_t status = tav_value::status_unset;
-        if (client.tav.remove_node(link_memory(options.link), status, "") != 0) {
-            throw store_lost(store_silent);
-        }
         std::fprintf(stderr,
                      "tandrelctl: %s is no longer synchronised; the kernel keeps its addresses and "
                      "its gateway\n",

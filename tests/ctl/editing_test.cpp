@@ -338,6 +338,25 @@ TEST_F(Editing, OtherProgramsSettingsAreProtectedToo) {
     EXPECT_EQ(fake_tav::writes(), 0U);
 }
 
+TEST_F(Editing, WhatTheKeeperRemembersLeavesWithTheLastInterfaceNode) {
+    const std::string memory = "/Software/tandrel/Keeper/Links/eth0";
+    fake_tav::put(memory + "/Addresses/2001:db8::5/Value", "2001:db8::5/64");
+    fake_tav::put("/Software/tandrel/Keeper/Links/eth1/Gateway/Value", "fe80::1");
+    fake_tav::put_node(at("01"));
+    options.node = "01";
+    options.link.clear();
+    EXPECT_EQ(ctl::interface_delete(options), 0);
+    EXPECT_TRUE(fake_tav::exists(memory)) << "the link has another node";
+    options.node = "1";
+    options.dry_run = true;
+    EXPECT_EQ(printed(ctl::interface_delete), "store: remove '" + at("1") + "'\nstore: remove " +
+                                                  memory + "\nnothing was changed\n");
+    options.dry_run = false;
+    EXPECT_EQ(ctl::interface_delete(options), 0);
+    EXPECT_FALSE(fake_tav::exists(memory));
+    EXPECT_TRUE(fake_tav::exists("/Software/tandrel/Keeper/Links/eth1"));
+}
+
 TEST_F(Editing, AnInterfaceNodeWithOnlyTheKernelsAddressesIsRemovedWithoutForce) {
     store("1", "fe80::5/64", "Link-Local");
     EXPECT_EQ(ctl::interface_delete(options), 0);

@@ -41,6 +41,12 @@ protected:
         keeper->signal(SIGTERM);
         EXPECT_EQ(keeper->wait_exit(), 0);
     }
+    int tav(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), kt::program("TAV"));
+        kt::spawn_options_t options;
+        options.environment["TAV_SOCKET"] = service.socket();
+        return kt::Process(sandbox, arguments, options).wait_exit();
+    }
     bool said(const std::string &part) { return keeper->output().wait_for_containing(part) != 0; }
 
     bool is_complete() {
@@ -313,6 +319,24 @@ TEST_F(KeeperTest, AnInterfaceNodeThatIsDeletedIsForgotten) {
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     EXPECT_TRUE(has_lost_all());
     EXPECT_EQ(run({"keep", "--list"}).output, "");
+}
+
+TEST_F(KeeperTest, AnInterfaceNodeAndTheMemoryOfItAreDeletedAtOnce) {
+    device.set_up("eth0", false);
+    expect_loss();
+    ASSERT_TRUE(said("eth0: gateway fe80::1 left the store"));
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
+    const auto list = [&] { return run({"keep", "--list"}).output; };
+    const std::string before = list();
+    run({"interface", "del", "eth0", "--force"});
+    EXPECT_EQ(list(), "");
+    EXPECT_EQ(tav({"undo"}), 0);
+    EXPECT_EQ(list(), before);
+    run({"interface", "del", "eth0", "--force", "--confirm", "3"});
+    EXPECT_EQ(list(), "");
+    EXPECT_TRUE(becomes([&] { return list() == before; })) << list();
+    device.set_up("eth0");
+    expect_return();
 }
 
 TEST_F(KeeperTest, ItsMemorySurvivesItsRestart) {
