@@ -39,12 +39,10 @@ protected:
     struct Memory {
         Memory() {
             if (::access("/dev/shm", W_OK) == 0) {
-                ::setenv("TMPDIR", "/dev/shm", 1);
+                ::setenv("TMPDIR", "/dev/shm", 0);
             }
         }
     };
-
-    FlipTest() { ::unsetenv("TMPDIR"); }
 
     static void transact(Store &store, const std::vector<Item> &items) {
         const std::vector<api_status_t> statuses =
