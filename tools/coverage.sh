@@ -11,7 +11,7 @@ configure coverage
 build coverage unit_tests kernel_tests
 find build/coverage -name '*.gcda' -delete
 
-step ctest "Testing build/coverage" ctest --test-dir build/coverage --parallel $(($(nproc) * 4)) \
+step ctest "Testing build/coverage" "${in_memory[@]}" ctest --test-dir build/coverage --parallel $(($(nproc) * 4)) \
     --label-regex '^(unit|kernel)$'
 status=$?
 gcovr --root . --filter '(shell|netlink|store|sync)/' --txt - \

@@ -67,7 +67,7 @@ while read -r name service calls; do
     [ "$service" = - ] ||
         environment+=("KT_TAVD=$PWD/build/test/tests/faults/tavd_faulty" "TAVD_FAULT=$service")
     [ "$calls" = - ] || environment+=("KT_CALL_FAULT=$calls")
-    step quiet_ctest "Testing with $name" env "${environment[@]}" ctest --test-dir build/test \
+    step quiet_ctest "Testing with $name" env "${environment[@]}" "${in_memory[@]}" ctest --test-dir build/test \
         --parallel $(($(nproc) * 4)) --label-regex '^kernel$' --exclude-regex 'FaultTest|\.ctl\.' \
         --output-junit "$results" --test-output-size-passed 1000000 --test-output-size-failed 1000000
     rebuilds=$(grep -o '^rebuilds: [0-9]*' "$results" | awk '{ sum += $2 } END { print sum + 0 }')
