@@ -21,5 +21,5 @@ void forget_absent_store_interfaces(ifcfg_map_t &interfaces, const tavcfg_map_t 
 tk_string free_node_name(const ifcfg_t &entry);
 
 // Gives a free name to each address that no stored one matches and whose name the store lists.
-// `matched` has one item for each address of the entry.
+// `matched` has an item for each address of the entry; further ones do not matter.
 void rename_unmatched(ifcfg_t &entry, const std::vector<bool> &matched);
