@@ -59,12 +59,12 @@ build_libnl() {
             install-libnlinclude_netlink_route_linkHEADERS install-pkgconfigDATA
 }
 
-# One C file, generated on this machine.
+# One C file, generated on this machine. It calls the same functions of the system as the packaged one.
 build_sqlite() {
     cd "$work/sqlite" || return
     ./configure --disable-tcl --disable-readline && make sqlite3.c sqlite3.h sqlite3.pc || return
     local lib=$root/usr/lib
-    $host-gcc -O2 -fPIC -shared -DSQLITE_THREADSAFE=1 -Wl,-soname,libsqlite3.so.0 \
+    $host-gcc -O2 -fPIC -shared -DSQLITE_THREADSAFE=1 -DUSE_PREAD64 -DHAVE_FDATASYNC -Wl,-soname,libsqlite3.so.0 \
         -o "$lib/libsqlite3.so.0" sqlite3.c -latomic && ln -sf libsqlite3.so.0 "$lib/libsqlite3.so" &&
         cp sqlite3.h sqlite3ext.h "$root/usr/include/" &&
         sed 's|^prefix=.*|prefix=/usr|; s|^exec_prefix=.*|exec_prefix=/usr|; s|^libdir=.*|libdir=/usr/lib|' \

@@ -66,9 +66,10 @@ unshare "${box[@]}" true 2>/dev/null || box=()
 boxed() {
     local plainly=(env --default-signal=INT --default-signal=QUIT)
     [ ${#box[@]} -gt 0 ] || exec "${plainly[@]}" "$@"
-    # The first process of the namespace must reap orphans, as a shell does.
+    # In a session of its own: a Ctrl-C that reached the step as well could make it fail before this
+    # shell knows why. The first process of the namespace must reap orphans, as a shell does.
     # shellcheck disable=SC2016
-    exec unshare "${box[@]}" "${plainly[@]}" bash -c '"$@"; exit "$?"' step "$@"
+    exec setsid unshare "${box[@]}" "${plainly[@]}" bash -c '"$@"; exit "$?"' step "$@"
 }
 
 # step KIND WHAT COMMAND...: runs a command and returns its status. note_KIND handles each line that
