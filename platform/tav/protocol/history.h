@@ -36,7 +36,8 @@ struct HistoryEntry {
     // The client had registered a watchdog, whose name is then `program`.
     bool service = false;
     std::uint64_t elements = 0; // that it changed
-    // In no particular order. Empty if the transaction was too large for its values to be kept.
+    // In no particular order. Empty if the transaction was too large for its values to be kept, or
+    // took a change back of which nothing was left.
     std::vector<ChangedElement> changes;
 };
 

@@ -176,15 +176,15 @@ std::string HistoryLog::entry(const Edit::Changes &changes, const Author &author
     return frame_body(out);
 }
 
-void HistoryLog::record(Edit::Changes &changes, const Author &author, std::int64_t time,
-                        Records &staged) {
+void HistoryLog::record(const Edit::Changes &changes, Change &bearer, const Author &author,
+                        std::int64_t time, Records &staged) {
     if (!on()) {
         return;
     }
     auto made = std::make_shared<Record>(
         Record{next_number, author.service, entry(changes, author, time, bounds.bytes)});
     staged.emplace_hint(staged.end(), next_number, made);
-    changes.back().record = std::move(made);
+    bearer.record = std::move(made);
     ++next_number;
 }
 

@@ -69,9 +69,11 @@ std::shared_ptr<const Store::Result> Store::join(Transaction &done, EventLog::St
     Edit::Changes rows;
     const SharedPending pending = after(step, rows);
     open_group();
-    if (!done.changes().empty()) {
+    // Whoever reads the history must learn that a change was taken back, even if nothing was left.
+    if (!done.changes().empty() || step.ends) {
         const std::int64_t now = step.begins ? step.begins->change.time : std::time(nullptr);
-        past.record(done.changes(), author, now, forming.records);
+        past.record(done.changes(), rows.empty() ? done.changes().back() : rows.back(), author, now,
+                    forming.records);
     }
     if (step.begins) {
         past.use_number();

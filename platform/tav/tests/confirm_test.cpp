@@ -255,6 +255,23 @@ TEST_F(ConfirmTest, TheHistoryHasTheChangeAndTheTakingBack) {
     EXPECT_EQ(all[2].changes[0].after.text, "1");
 }
 
+TEST_F(ConfirmTest, TheHistoryHasTheTakingBackEvenIfNothingIsLeft) {
+    for (const Durability durability : {Durability::normal, Durability::full}) {
+        open(1000, 0, durability);
+        change(*owner, {set("/a", "1")});
+        write(*daemon, {item(ItemKind::remove, "/a")});
+        pass(10s);
+        for (int i = 0; i < 2; ++i) {
+            const HistoryEntry last = entries().back();
+            EXPECT_EQ(last.program.substr(0, 17), "tavd taking back ");
+            EXPECT_EQ(last.elements, 0U);
+            EXPECT_TRUE(last.changes.empty());
+            EXPECT_TRUE(pending().empty());
+            open(1000, 0, durability);
+        }
+    }
+}
+
 TEST_F(ConfirmTest, TheTakingBackCausesEvents) {
     write(*owner, {set("/n/a", "1")});
     other->register_events({"/n", api_event_change, false}, now);

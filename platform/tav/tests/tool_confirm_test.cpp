@@ -43,6 +43,20 @@ TEST_F(ToolConfirmTest, AChangeIsTakenBackUnlessItIsConfirmed) {
                                         "those that do: tav status\n");
 }
 
+TEST_F(ToolConfirmTest, ATakingBackThatFoundNothingIsInTheHistory) {
+    good({"set", "--confirm", "0.5", "/a", "1"});
+    good({"rm", "/a"});
+    std::string all;
+    const std::string last = "3  ";
+    for (int i = 0; i < patience_ms / 20 && all.find(last) == std::string::npos; ++i) {
+        ::usleep(20000);
+        all = good({"history", "--since", "2"});
+    }
+    EXPECT_EQ(all.substr(0, 3), last);
+    EXPECT_NE(all.find("  0 elements\n"), std::string::npos) << all;
+    EXPECT_EQ(bad(1, {"undo", "3"}), "tav: entry 3 cannot be undone: it changed 0 elements\n");
+}
+
 TEST_F(ToolConfirmTest, EveryWritingCommandTakesATerm) {
     good({"set", "/a/b", "1", "/c", "1"});
     const std::string dump = good({"dump"});

@@ -51,12 +51,16 @@ std::string number_of_elements(std::uint64_t number) {
     return std::to_string(number) + (number == 1 ? " element" : " elements");
 }
 
+bool lacks_values(const HistoryEntry &entry) {
+    return entry.changes.empty() && entry.elements != 0;
+}
+
 void print_text(const History &history, const std::string &path) {
     for (const HistoryEntry &entry : history.entries) {
         std::cout << painted(std::to_string(entry.number), Style::heading) << "  "
                   << time_text(entry.time) << "  " << author_text(entry) << "  "
                   << number_of_elements(entry.elements)
-                  << (entry.changes.empty() ? ", too many to keep their values" : "") << '\n';
+                  << (lacks_values(entry) ? ", too many to keep their values" : "") << '\n';
         for (const ChangedElement &change : entry.changes) {
             if (!is_at_or_below(change.path, path)) {
                 continue;
@@ -127,7 +131,8 @@ const HistoryEntry *entry_to_undo(const History &history, std::optional<std::uin
     }
     if (found->changes.empty()) {
         complain("entry " + std::to_string(found->number) + " cannot be undone: it changed " +
-                 number_of_elements(found->elements) + ", too many to keep their values");
+                 number_of_elements(found->elements) +
+                 (lacks_values(*found) ? ", too many to keep their values" : ""));
         return nullptr;
     }
     return &*found;
