@@ -35,6 +35,8 @@ private:
     bool handle(const store_change_t &change, writes_t &writes);
     bool handle_departure(const setting_t &setting, writes_t &writes);
     bool handle_deletion(std::uint64_t number, const setting_t &setting, writes_t &writes);
+    // The store has taken back the change with that number.
+    void withdraw(std::uint64_t number, writes_t &writes);
     void handle_gateway(const store_change_t &change, const fact_t &fact, writes_t &writes);
     void keep(const setting_t &setting, const std::string &why, writes_t &writes);
     bool is_being_removed(const setting_t &setting) const;

@@ -95,6 +95,9 @@ bool keeper_t::handle(const store_change_t &change, writes_t &writes) {
     if (change.too_large) {
         handle_gap(writes);
     }
+    if (change.taken_back != 0) {
+        withdraw(change.taken_back, writes);
+    }
     const bool by_daemon = change.service == daemon_name;
     for (const fact_t &fact : facts_of(change.leaves, options.prefix, !by_daemon)) {
         const setting_t &setting = fact.setting;
@@ -159,6 +162,24 @@ bool keeper_t::handle_deletion(std::uint64_t number, const setting_t &setting, w
     tell(setting, "was removed from the store but is still in the kernel");
     begin_removal(writes, {setting, ""});
     return true;
+}
+
+// What it had set would come back otherwise, if it left with its link meanwhile.
+void keeper_t::withdraw(std::uint64_t number, writes_t &writes) {
+    for (const store_change_t &change : read_history(client, number - 1).changes) {
+        if (change.number != number) {
+            continue;
+        }
+        for (const setting_t &setting : settings_made(change.leaves, options.prefix)) {
+            forget(writes, setting);
+            if (std::any_of(memory.kept.begin(), memory.kept.end(), [&](const kept_t &kept) {
+                    return same_setting(kept.setting, setting);
+                })) {
+                tell(setting,
+                     "is forgotten (change " + std::to_string(number) + " was taken back)");
+            }
+        }
+    }
 }
 
 void keeper_t::handle_gateway(const store_change_t &change, const fact_t &fact, writes_t &writes) {

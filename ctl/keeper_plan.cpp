@@ -116,6 +116,22 @@ std::vector<fact_t> facts_of(const std::vector<leaf_change_t> &leaves, const std
     return facts;
 }
 
+std::vector<setting_t> settings_made(const std::vector<leaf_change_t> &leaves,
+                                     const std::string &prefix) {
+    std::vector<leaf_change_t> reversed;
+    reversed.reserve(leaves.size());
+    for (const leaf_change_t &leaf : leaves) {
+        reversed.push_back({leaf.path, leaf.after, leaf.before});
+    }
+    std::vector<setting_t> settings;
+    for (const fact_t &fact : facts_of(reversed, prefix, true)) {
+        if (fact.kind == fact_t::left) {
+            settings.push_back(fact.setting);
+        }
+    }
+    return settings;
+}
+
 namespace {
 
 class planner_t {

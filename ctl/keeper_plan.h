@@ -52,6 +52,10 @@ struct leaf_change_t {
 std::vector<fact_t> facts_of(const std::vector<leaf_change_t> &leaves, const std::string &prefix,
                              bool type_unchanged);
 
+// The settings that these leaves hold and did not hold before.
+std::vector<setting_t> settings_made(const std::vector<leaf_change_t> &leaves,
+                                     const std::string &prefix);
+
 // The Static addresses and the gateways that are stored.
 std::vector<setting_t> settings_of(const store_view_t &store);
 

@@ -1,6 +1,7 @@
 #include "ctl/keeper_store.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 
 #ifdef TANDREL_STORE_STATUS
@@ -45,6 +46,14 @@ std::optional<std::string> text_of(bool exists, const tav::Value &value) {
     return exists && value.type == element_type_string ? std::optional(value.text) : std::nullopt;
 }
 
+// The store makes that change itself, under this name.
+std::uint64_t number_taken_back(const tav::HistoryEntry &entry) {
+    const std::string name = "tavd taking back ";
+    return entry.service && entry.program.compare(0, name.size(), name) == 0
+               ? std::strtoull(entry.program.c_str() + name.size(), nullptr, 10)
+               : 0;
+}
+
 } // namespace
 
 store_history_t read_history(client_t &client, std::uint64_t since) {
@@ -61,6 +70,7 @@ store_history_t read_history(client_t &client, std::uint64_t since) {
         store_change_t change{entry.number,
                               entry.time,
                               entry.service ? entry.program : "",
+                              number_taken_back(entry),
                               {},
                               entry.changes.empty() && entry.elements != 0};
         for (const tav::ChangedElement &one : entry.changes) {

@@ -16,8 +16,9 @@ constexpr const char *daemon_name = "tandrel";      // the daemon's
 // One committed change of the store.
 struct store_change_t {
     std::uint64_t number = 0;
-    std::int64_t time = 0; // seconds since 1970
-    std::string service;   // watchdog name of the client that made it; empty: none
+    std::int64_t time = 0;        // seconds since 1970
+    std::string service;          // watchdog name of the client that made it; empty: none
+    std::uint64_t taken_back = 0; // number of the change that the store took back with this one
     std::vector<leaf_change_t> leaves;
     bool too_large = false; // so the store has not kept what it changed
 };
@@ -28,7 +29,8 @@ struct store_history_t {
     std::vector<store_change_t> changes;
 };
 
-// Changes below the interfaces' node with a number greater than `since`. Throws store_lost.
+// Changes below the interfaces' node with a number greater than `since`, and takings back of
+// anything. Throws store_lost.
 store_history_t read_history(client_t &client, std::uint64_t since);
 
 // Makes all of it, or nothing if a condition does not hold or the store refuses; returns whether it

@@ -112,6 +112,18 @@ TEST(KeeperFacts, GoByThePrefix) {
     EXPECT_EQ(facts[0].setting.link, "wlan0");
 }
 
+TEST(KeeperFacts, AChangeMakesTheSettingsThatItStores) {
+    const auto made = ctl::settings_made(
+        {address_leaf("2001:db8::5/64", "2001:db8::6/64"), gateway_leaf("fe80::1", "fe80::2")},
+        "eth");
+    ASSERT_EQ(made.size(), 2U);
+    EXPECT_EQ(text_of(made[0]), "gateway fe80::2");
+    EXPECT_EQ(text_of(made[1]), "2001:db8::6/64");
+    EXPECT_TRUE(
+        ctl::settings_made({address_leaf("2001:db8::5/64", {}), type_leaf("Static", {})}, "eth")
+            .empty());
+}
+
 // --- tasks
 
 class Plan : public LookTest {

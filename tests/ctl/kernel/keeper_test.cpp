@@ -339,6 +339,34 @@ TEST_F(KeeperTest, AnInterfaceNodeAndTheMemoryOfItAreDeletedAtOnce) {
     expect_return();
 }
 
+TEST_F(KeeperTest, WhatAChangeSetIsForgottenWhenItIsTakenBack) {
+    const std::string lab = "2001:db8:7::7/64";
+    EXPECT_EQ(run({"address", "add", "eth0", lab, "--confirm", "6", "--wait=5"}).status, 0);
+    EXPECT_EQ(run({"gateway", "set", "eth0", "fe80::2", "--confirm", "6", "--wait=5"}).status, 0);
+    device.set_up("eth0", false);
+    ASSERT_TRUE(said("eth0: " + lab + " left the store (link down)"));
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
+    ASSERT_TRUE(said("eth0: gateway fe80::2 left the store"));
+    ASSERT_TRUE(becomes([&] { return store.gateway(1) == gateway; })) << "it is taken back";
+    device.set_up("eth0");
+    EXPECT_TRUE(said("eth0: " + lab + " is forgotten (change "));
+    expect_return();
+    EXPECT_EQ(store.node_of(1, lab), "");
+    EXPECT_FALSE(device.has_address("eth0", lab));
+}
+
+TEST_F(KeeperTest, ATakingBackWhileTheDaemonIsAwayIsFinished) {
+    rebuilds_allowed = true;
+    const std::string lab = "2001:db8:7::7/64";
+    EXPECT_EQ(run({"address", "add", "eth0", lab, "--confirm", "3", "--wait=3"}).status, 0);
+    run({"gateway", "set", "eth0", "fe80::bad", "--confirm", "3"});
+    ASSERT_EQ(stop_daemon(), 0);
+    ASSERT_TRUE(said("eth0: " + lab + " was removed from the store but is still in the kernel"));
+    start_daemon_and_wait();
+    EXPECT_TRUE(becomes([&] { return neither_has(1, lab); })) << run({"check"}).output;
+    expect_return();
+}
+
 TEST_F(KeeperTest, ItsMemorySurvivesItsRestart) {
     device.set_up("eth0", false);
     expect_loss();
