@@ -44,7 +44,7 @@ TEST_F(ToolConfirmTest, AChangeIsTakenBackUnlessItIsConfirmed) {
 }
 
 TEST_F(ToolConfirmTest, ATakingBackThatFoundNothingIsInTheHistory) {
-    good({"set", "--confirm", "0.5", "/a", "1"});
+    good({"set", "--confirm", "3", "/a", "1"});
     good({"rm", "/a"});
     std::string all;
     const std::string last = "3  ";
