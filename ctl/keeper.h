@@ -67,6 +67,7 @@ private:
     moment_t now{};
     moment_t wake{};
     std::uint64_t handled = 0; // at least memory.handled, which is not written at each change
+    std::uint64_t missed = 0;  // up to this one, changes are known to be missing
     bool relevant = false;     // since then something was decided
 
     std::map<std::string, pace_t> paces;

@@ -26,12 +26,17 @@ void keeper_t::handle_history() {
     writes_t writes;
     news.clear();
     std::uint64_t reached = handled;
+    bool all = true;
     if (!memory.handled) {
         reached = history.last; // it acts only on what it sees leave
         relevant = true;
-    } else if (history.oldest > handled + 1 || history.last < handled) {
+    } else if (history.last < handled) {
+        handle_gap(writes); // it is an older store
+        reached = history.last;
+        missed = 0;
+    } else if (history.oldest > std::max(handled, missed) + 1) {
         handle_gap(writes);
-        reached = history.oldest > 0 ? history.oldest - 1 : history.last;
+        missed = history.oldest - 1;
     }
     for (const store_change_t &change : history.changes) {
         if (change.number <= reached) {
@@ -41,13 +46,14 @@ void keeper_t::handle_history() {
         const std::size_t lines = news.size();
         if (!handle(change, more)) {
             news.resize(lines);
+            all = false;
             break;
         }
         writes.insert(writes.end(), more.begin(), more.end());
         reached = change.number;
         first_seen.erase(change.number);
     }
-    if (first_seen.empty() && history.changes.empty()) {
+    if (all) {
         reached = std::max(reached, history.last);
     }
     if (relevant || !writes.empty() || reached > memory.handled.value_or(0) + handled_step) {

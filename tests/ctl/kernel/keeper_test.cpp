@@ -389,6 +389,28 @@ TEST_F(KeeperTest, WhatLeftWhileItWasAwayIsSetAgainInDoubt) {
     EXPECT_TRUE(said("left the store (in doubt: cause not seen)"));
 }
 
+TEST_F(KeeperTest, ChangesThatTheHistoryLacksLeaveTheOthersInDoubt) {
+    stop_keeper();
+    go_down_and_up();
+    expect_loss();
+    for (int i = 0; i < 1100; ++i) { // more than the history has of others than services
+        store.write("/Software/other/Value", std::to_string(i));
+    }
+    start_keeper();
+    expect_return();
+    EXPECT_TRUE(said("left the store (in doubt: cause not seen)"));
+    const auto gaps = [&] {
+        std::size_t number = 0;
+        for (const auto &line : keeper->output().lines()) {
+            number += contains(line.text, "changes of the store were missed") ? 1U : 0U;
+        }
+        return number;
+    };
+    EXPECT_EQ(gaps(), 1U);
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(gaps(), 1U) << "it is said once";
+}
+
 TEST_F(KeeperTest, WhatItSawDeletedStaysAwayAfterItsRestart) {
     device.delete_address("eth0", address);
     ASSERT_TRUE(said("eth0: 2001:db8::5/64 was deleted in the kernel and stays away"));
