@@ -202,6 +202,18 @@ TEST_F(Change, ANewInterfaceNodeIsSynchronisedAtOnce) {
     EXPECT_TRUE(store.list(kt::paths::interfaces).empty() || !in_step());
 }
 
+TEST_F(Change, ANewInterfaceNodeIsTakenBackWithWhatIsBelow) {
+    start_daemon_and_wait();
+    const result_t first = run({"interface", "add", "eth0", "--confirm", "3"});
+    EXPECT_TRUE(contains(first.output, " is taken back in 3 s unless you confirm it: "))
+        << first.output << first.errors;
+    EXPECT_TRUE(becomes([&] { return !store.addresses(1).empty(); })) << "it is synchronised";
+    EXPECT_TRUE(becomes([&] { return store.dump().empty(); })) << store.dump();
+    EXPECT_EQ(run({"interface", "add", "eth0", "--confirm", "60"}).status, 0);
+    EXPECT_EQ(run({"confirm"}).status, 0);
+    EXPECT_TRUE(becomes([&] { return in_step(); })) << run({"check"}).output;
+}
+
 TEST_F(Change, TheKernelsConfigurationIsImported) {
     device.add_address("eth0", "2001:db8::5/64");
     kt::address_options_t passing;
