@@ -54,6 +54,7 @@ int kernel_feed_t::fd() const {
 
 bool kernel_feed_t::drain() {
     bool any = false;
+    bool lost = false;
     for (;;) {
         const moment_t now = std::chrono::steady_clock::now();
         sockaddr_nl peer{};
@@ -63,18 +64,20 @@ bool kernel_feed_t::drain() {
             break;
         }
         any = true;
-        if (datagram.length < 0) { // messages were lost
-            links.restart(read_kernel().links, now);
+        if (datagram.length < 0) { // messages were lost; older ones follow
+            lost = true;
         } else if (peer.nl_pid == 0) {
             take(datagram.bytes, datagram.length, now);
         }
     }
-    if (look_again) {
-        look_again = false;
+    if (lost) {
+        links.restart(read_kernel().links, std::chrono::steady_clock::now());
+    } else if (look_again) {
         for (const kernel_link_t &link : read_kernel().links) {
             links.see(link, std::chrono::steady_clock::now());
         }
     }
+    look_again = false;
     return any;
 }
 

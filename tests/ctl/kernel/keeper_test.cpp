@@ -1,6 +1,8 @@
 // What leaves the store because its link cannot carry it comes back; what somebody deletes stays
 // away.
 #include <chrono>
+#include <iterator>
+#include <sstream>
 #include <thread>
 
 #include <linux/if_addr.h>
@@ -73,6 +75,25 @@ protected:
     }
     void set_ipv6_disabled(bool disabled) {
         kt::write_file("/proc/sys/net/ipv6/conf/eth0/disable_ipv6", disabled ? "1" : "0");
+    }
+    static bool kernel_has_dropped_messages() {
+        std::istringstream table(kt::read_file("/proc/net/netlink"));
+        std::string line;
+        std::getline(table, line);
+        while (std::getline(table, line)) {
+            std::istringstream fields(line);
+            const std::vector<std::string> row{std::istream_iterator<std::string>(fields), {}};
+            if (row.size() > 8 && row[1] == "0" && row[8] != "0") {
+                return true;
+            }
+        }
+        return false;
+    }
+    long switches() {
+        const std::string text =
+            kt::read_file("/proc/" + std::to_string(keeper->pid()) + "/status");
+        const std::string name = "\nvoluntary_ctxt_switches:";
+        return std::stol(text.substr(text.find(name) + name.size()));
     }
     void go_down_and_up() {
         device.set_up("eth0", false);
@@ -492,6 +513,22 @@ TEST_F(KeeperTest, AStaticAddressWhoseLifetimeEndsComesBack) {
     }));
 }
 
+TEST_F(KeeperTest, WhatTheKernelReportsTooFastIsReadAgain) {
+    rebuilds_allowed = true; // the daemon may be too slow, too
+    keeper->signal(SIGSTOP);
+    for (int i = 0; i < 200000 && (i % 100 != 0 || !kernel_has_dropped_messages()); ++i) {
+        device.set_mtu("eth0", i % 2 == 0 ? 1400 : 1500);
+    }
+    device.set_up("eth0", false);
+    expect_loss();
+    keeper->signal(SIGCONT);
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store (in doubt: cause not seen)"));
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    EXPECT_TRUE(has_lost_all()) << "the link is down";
+    device.set_up("eth0");
+    expect_return();
+}
+
 TEST_F(KeeperTest, OnlyOneRuns) {
     const result_t second = run({"keep"});
     EXPECT_EQ(second.status, 1);
@@ -506,12 +543,6 @@ TEST_F(KeeperTest, StatusShowsIt) {
 TEST_F(KeeperTest, ItSleepsWhenNothingHappens) {
     ASSERT_TRUE(settle());
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-    const auto switches = [&] {
-        const std::string text =
-            kt::read_file("/proc/" + std::to_string(keeper->pid()) + "/status");
-        const std::string name = "\nvoluntary_ctxt_switches:";
-        return std::stol(text.substr(text.find(name) + name.size()));
-    };
     const long before = switches();
     std::this_thread::sleep_for(std::chrono::seconds(3));
     EXPECT_EQ(switches(), before);
