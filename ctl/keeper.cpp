@@ -235,7 +235,7 @@ bool keeper_t::perform(const task_t &task) {
         return false;
     }
     if (!carry_out(client, writes_of(task, options.prefix))) {
-        return false; // the store has changed; its event leads back here
+        return true; // the store is not what it was
     }
     switch (task.kind) {
     case task_t::restore:

@@ -47,7 +47,7 @@ private:
     void notice_new_daemon();
     void work();
     void work_on(const std::string &link, const std::vector<const task_t *> &tasks);
-    // Returns whether the store has changed.
+    // Returns whether to read again what the store remembers.
     bool perform(const task_t &task);
     static void say(const std::string &text);
     static std::string line_of(const setting_t &setting, const std::string &text);

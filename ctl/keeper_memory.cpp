@@ -1,7 +1,6 @@
 #include "ctl/keeper_memory.h"
 
-#include <algorithm>
-#include <cstdlib>
+#include <charconv>
 
 #include "ctl/edit.h"
 #include "ctl/rules.h"
@@ -55,6 +54,14 @@ write_t value_of(const setting_t &setting, const std::string &path, write_t::kin
             setting.is_gateway ? address_text(setting.address.addr) : prefix_text(setting.address)};
 }
 
+// Nothing if the text was damaged: the keeper then begins anew.
+std::optional<std::uint64_t> number_in(const std::string &text) {
+    std::uint64_t number = 0;
+    const char *const end = text.data() + text.size();
+    const auto read = std::from_chars(text.data(), end, number);
+    return read.ec == std::errc() && read.ptr == end ? std::optional(number) : std::nullopt;
+}
+
 class reader_t {
 public:
     explicit reader_t(toolkit::CTav &client) : tav(client) {}
@@ -63,8 +70,7 @@ public:
         memory_t memory;
         toolkit::CElement handled;
         if (leaf(handled_path, handled)) {
-            const long long number = std::atoll(handled.to_string().c_str());
-            memory.handled = static_cast<std::uint64_t>(std::max(number, 0LL));
+            memory.handled = number_in(handled.to_string());
         }
         for (const std::string &link : children(all_links)) {
             const std::string path = link_memory(link);

@@ -88,6 +88,10 @@ TEST_F(Memory, WhatCannotBeReadIsSkipped) {
     fake_tav::put(links + "/Removals/2001:db8::5/Value", "none");
     EXPECT_TRUE(read().kept.empty());
     EXPECT_TRUE(read().removals.empty());
+    for (const char *text : {"", "none", "12x", "-1", "99999999999999999999"}) {
+        fake_tav::put("/Software/tandrel/Keeper/Handled/Value", text);
+        EXPECT_FALSE(read().handled) << text;
+    }
 }
 
 TEST_F(Memory, AnAddressIsRestoredAndForgottenAtOnce) {

@@ -513,6 +513,41 @@ TEST_F(KeeperTest, AStaticAddressWhoseLifetimeEndsComesBack) {
     }));
 }
 
+TEST_F(KeeperTest, WithADamagedMemoryItBeginsAnew) {
+    device.delete_address("eth0", address);
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was deleted in the kernel and stays away"));
+    stop_keeper();
+    store.write("/Software/tandrel/Keeper/Handled/Value", "none");
+    store.write("/Software/tandrel/Keeper/Links/eth0/Gateway/Value", "none");
+    start_keeper();
+    device.set_up("eth0", false);
+    ASSERT_TRUE(said("eth0: gateway fe80::1 left the store (link down)"));
+    device.set_up("eth0");
+    EXPECT_TRUE(becomes([&] { return store.gateway(1) == gateway; }));
+    EXPECT_EQ(store.node_of(1, address), "") << "it was deleted";
+    stop_keeper();
+    store.write("/Software/tandrel/Keeper/Handled/Value", "999999");
+    start_keeper();
+    EXPECT_TRUE(said("changes of the store were missed"));
+    store.set_address(1, "office", address);
+    expect_return();
+}
+
+TEST_F(KeeperTest, WhatIsForgottenIsNotTriedAgain) {
+    device.set_up("eth0", false);
+    expect_loss();
+    ASSERT_TRUE(said("eth0: gateway fe80::1 left the store"));
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
+    store.remove("/Software/tandrel");
+    device.set_up("eth0");
+    ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    const long before = switches();
+    std::this_thread::sleep_for(std::chrono::seconds(5));
+    EXPECT_EQ(switches(), before);
+    EXPECT_TRUE(has_lost_all());
+}
+
 TEST_F(KeeperTest, WhatTheKernelReportsTooFastIsReadAgain) {
     rebuilds_allowed = true; // the daemon may be too slow, too
     keeper->signal(SIGSTOP);
@@ -527,6 +562,26 @@ TEST_F(KeeperTest, WhatTheKernelReportsTooFastIsReadAgain) {
     EXPECT_TRUE(has_lost_all()) << "the link is down";
     device.set_up("eth0");
     expect_return();
+}
+
+TEST_F(KeeperTest, AStoreWithoutAHistoryIsNoUse) {
+    const std::string socket = sandbox.directory() + "/other.sock";
+    kt::Process other(sandbox,
+                      {kt::program("TAVD"), "--memory", "--history", "0", "--socket", socket,
+                       "--initial-node", kt::paths::interfaces},
+                      {});
+    kt::Store probe(socket);
+    ASSERT_TRUE(becomes([&] { return probe.reachable(); }));
+    kt::spawn_options_t options;
+    options.environment["TAV_SOCKET"] = socket;
+    kt::Process useless(sandbox, {TANDRELCTL, "keep"}, options);
+    EXPECT_EQ(useless.wait_exit(), 1);
+    EXPECT_NE(useless.errors().wait_for_containing(
+                  "tandrelctl: the store keeps no history of its changes, which 'keep' needs"),
+              0U);
+    probe.disconnect();
+    other.signal(SIGTERM);
+    EXPECT_EQ(other.wait_exit(), 0);
 }
 
 TEST_F(KeeperTest, OnlyOneRuns) {
