@@ -1,8 +1,7 @@
 // Changes that are taken back unless they are confirmed in time.
 #include <gtest/gtest.h>
 
-#include <sqlite3.h>
-
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -11,10 +10,11 @@
 #include "protocol/limits.h"
 #include "service/repair.h"
 #include "service/service.h"
-#include "service/store.h"
-#include "support/process.h"
+#include "support/store_fixture.h"
+#include "support/store_unit.h"
 
 using namespace tav;
+using namespace tavtest;
 using namespace std::chrono_literals;
 
 namespace {
@@ -22,13 +22,6 @@ namespace {
 using Lines = std::vector<std::string>;
 using Statuses = std::vector<api_status_t>;
 using Items = std::vector<Item>;
-
-Item set(const std::string &path, const std::string &text) {
-    return Item{ItemKind::set, path, Value{element_type_string, text, 77}};
-}
-Item item(ItemKind kind, const std::string &path) {
-    return Item{kind, path, {}};
-}
 
 // A database whose commits can be made to fail.
 class FailingStorage : public Storage {
@@ -123,41 +116,18 @@ protected:
             service->commit_ended();
         }
     }
-    std::string picture() const {
-        std::string all;
-        walk(store->tree(), "/", [&all](const std::string &path, const Element &element) {
-            const Value &value = element.value();
-            all += path + "=" + std::to_string(value.type) + ":" + value.text + "@" +
-                   std::to_string(value.time) + "\n";
-            return true;
-        });
-        return all;
+    LimitStatus limit(const std::string &name) {
+        const std::vector<LimitStatus> all = service->status().limits;
+        return *std::find_if(all.begin(), all.end(), [&](auto &one) { return one.name == name; });
     }
-    std::vector<HistoryEntry> entries() const {
-        std::vector<HistoryEntry> all;
-        for (RecordPtr record = store->history().next(0); record;
-             record = store->history().next(record->number)) {
-            Reader in(record->entry);
-            get(in, all.emplace_back());
-        }
-        return all;
-    }
-    std::string text(const std::string &path) const {
-        const Value *value = nullptr;
-        const api_status_t status = read_leaf(store->tree(), path, value);
-        return value != nullptr ? value->text : "status " + std::to_string(status);
-    }
-
+    std::string picture() const { return tavtest::picture(store->tree()); }
+    std::string text(const std::string &path) const { return text_at(store->tree(), path); }
     void sql(const std::string &text) {
         close();
-        sqlite3 *database = nullptr;
-        EXPECT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(database, text.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-            << sqlite3_errmsg(database);
-        sqlite3_close(database);
+        tavtest::sql(file, text);
     }
 
-    const tavtest::TempDir dir;
+    const TempDir dir;
     const std::string file = dir.file("store.db");
     Time now{};
     std::unique_ptr<Store> store;
@@ -169,11 +139,12 @@ protected:
     const std::string absent = "status " + std::to_string(api_status_absent);
 };
 
-const Items first_content{set("/n/a", "1"), set("/n/gone/x", "2"), set("/n/gone/y", "3"),
-                          item(ItemKind::make_node, "/n/empty"), set("/other", "4")};
-const Items changed_content{set("/n/a", "new"), item(ItemKind::remove, "/n/gone"),
-                            item(ItemKind::remove, "/n/empty"), set("/n/made/b", "new"),
-                            item(ItemKind::make_node, "/m")};
+const Items first_content{set_item("/n/a", "1"), set_item("/n/gone/x", "2"),
+                          set_item("/n/gone/y", "3"), step(ItemKind::make_node, "/n/empty"),
+                          set_item("/other", "4")};
+const Items changed_content{set_item("/n/a", "new"), step(ItemKind::remove, "/n/gone"),
+                            step(ItemKind::remove, "/n/empty"), set_item("/n/made/b", "new"),
+                            step(ItemKind::make_node, "/m")};
 
 } // namespace
 
@@ -195,22 +166,8 @@ TEST_F(ConfirmTest, AChangeThatNobodyConfirmsIsTakenBackWhole) {
     EXPECT_TRUE(pending().empty());
 }
 
-TEST_F(ConfirmTest, AConfirmedChangeStays) {
-    write(*owner, first_content);
-    const std::uint64_t number = change(*owner, changed_content);
-    const std::string after = picture();
-    pass(9999ms);
-    EXPECT_EQ(confirm(*owner, number), std::pair(api_status_ok, number));
-    EXPECT_TRUE(pending().empty());
-    pass(60s);
-    EXPECT_EQ(picture(), after);
-    open(1000, 3600000);
-    EXPECT_EQ(picture(), after);
-    EXPECT_EQ(confirm(*owner, number).first, api_status_absent);
-}
-
 TEST_F(ConfirmTest, AConfirmationAfterTheTermComesTooLate) {
-    const std::uint64_t number = change(*owner, {set("/a", "1")});
+    const std::uint64_t number = change(*owner, {set_item("/a", "1")});
     now += 10s;
     EXPECT_EQ(confirm(*owner, number).first, api_status_absent);
     EXPECT_EQ(confirm(*owner).first, api_status_absent);
@@ -220,8 +177,8 @@ TEST_F(ConfirmTest, AConfirmationAfterTheTermComesTooLate) {
 
 TEST_F(ConfirmTest, ThereIsNoTimerWhileNothingWaits) {
     EXPECT_FALSE(service->next_end());
-    change(*owner, {set("/a", "1")}, 30000);
-    change(*other, {set("/b", "1")}, 20000);
+    change(*owner, {set_item("/a", "1")}, 30000);
+    change(*other, {set_item("/b", "1")}, 20000);
     EXPECT_EQ(service->next_end(), now + 20s);
     pass(20s);
     EXPECT_EQ(service->next_end(), now + 10s);
@@ -229,40 +186,14 @@ TEST_F(ConfirmTest, ThereIsNoTimerWhileNothingWaits) {
     EXPECT_FALSE(service->next_end());
 }
 
-TEST_F(ConfirmTest, WhatChangesNothingNeedsNoConfirmation) {
-    write(*owner, {set("/a", "1")});
-    EXPECT_EQ(change(*owner, {set("/a", "1")}), 0U);
-    EXPECT_EQ(statuses, Statuses{api_status_ok});
-    EXPECT_EQ(change(*owner, {item(ItemKind::touch, "/a")}), 0U);
-    EXPECT_EQ(change(*owner, {item(ItemKind::remove, "/none")}), 0U);
-    EXPECT_EQ(statuses, Statuses{api_status_absent});
-    EXPECT_TRUE(pending().empty());
-    EXPECT_EQ(store->history().last(), 1U);
-}
-
-TEST_F(ConfirmTest, TheHistoryHasTheChangeAndTheTakingBack) {
-    write(*owner, {set("/a", "1")});
-    change(*owner, {set("/a", "2")});
-    pass(10s);
-    const std::vector<HistoryEntry> all = entries();
-    ASSERT_EQ(all.size(), 3U);
-    EXPECT_EQ(all[1].uid, 1000U);
-    EXPECT_FALSE(all[1].service);
-    EXPECT_EQ(all[2].program, "tavd taking back 2");
-    EXPECT_TRUE(all[2].service);
-    ASSERT_EQ(all[2].changes.size(), 1U);
-    EXPECT_EQ(all[2].changes[0].before.text, "2");
-    EXPECT_EQ(all[2].changes[0].after.text, "1");
-}
-
 TEST_F(ConfirmTest, TheHistoryHasTheTakingBackEvenIfNothingIsLeft) {
     for (const Durability durability : {Durability::normal, Durability::full}) {
         open(1000, 0, durability);
-        change(*owner, {set("/a", "1")});
-        write(*daemon, {item(ItemKind::remove, "/a")});
+        change(*owner, {set_item("/a", "1")});
+        write(*daemon, {step(ItemKind::remove, "/a")});
         pass(10s);
         for (int i = 0; i < 2; ++i) {
-            const HistoryEntry last = entries().back();
+            const HistoryEntry last = entries(*store).back();
             EXPECT_EQ(last.program.substr(0, 17), "tavd taking back ");
             EXPECT_EQ(last.elements, 0U);
             EXPECT_TRUE(last.changes.empty());
@@ -273,9 +204,9 @@ TEST_F(ConfirmTest, TheHistoryHasTheTakingBackEvenIfNothingIsLeft) {
 }
 
 TEST_F(ConfirmTest, TheTakingBackCausesEvents) {
-    write(*owner, {set("/n/a", "1")});
+    write(*owner, {set_item("/n/a", "1")});
     other->register_events({"/n", api_event_change, false}, now);
-    change(*owner, {set("/n/a", "2"), set("/n/b", "2")});
+    change(*owner, {set_item("/n/a", "2"), set_item("/n/b", "2")});
     bool drain = false;
     other->fetch(now, drain);
     pass(10s);
@@ -286,21 +217,8 @@ TEST_F(ConfirmTest, TheTakingBackCausesEvents) {
     EXPECT_EQ(events, (Lines{"2 /n/a", "3 /n/b"}));
 }
 
-TEST_F(ConfirmTest, ARestartAfterTheTermTakesBackBeforeAnyRequest) {
-    for (const Durability durability : {Durability::normal, Durability::full}) {
-        open(1000, 0, durability);
-        write(*owner, first_content);
-        const std::string before = picture();
-        change(*owner, changed_content);
-        open(1000, 10001, durability);
-        EXPECT_EQ(picture(), before);
-        EXPECT_TRUE(pending().empty());
-        write(*owner, {item(ItemKind::clear, "/")});
-    }
-}
-
 TEST_F(ConfirmTest, ARestartContinuesTheTerm) {
-    change(*owner, {set("/a", "1")});
+    change(*owner, {set_item("/a", "1")});
     open(1000, 6000);
     ASSERT_EQ(pending().size(), 1U);
     EXPECT_LE(pending()[0].left, 4000U);
@@ -313,7 +231,7 @@ TEST_F(ConfirmTest, ARestartContinuesTheTerm) {
 }
 
 TEST_F(ConfirmTest, AClockThatWasSetBackDoesNotExtendTheTerm) {
-    change(*owner, {set("/a", "1")});
+    change(*owner, {set_item("/a", "1")});
     open(1000, -3600000);
     ASSERT_EQ(pending().size(), 1U);
     EXPECT_EQ(pending()[0].left, 10000U);
@@ -323,55 +241,57 @@ TEST_F(ConfirmTest, AClockThatWasSetBackDoesNotExtendTheTerm) {
 
 TEST_F(ConfirmTest, OthersMayNotChangeWhatWaits) {
     write(*owner, first_content);
-    change(*owner, {set("/n/a", "new"), item(ItemKind::remove, "/n/gone/x"), set("/n/made/b", "")});
+    change(*owner, {set_item("/n/a", "new"), step(ItemKind::remove, "/n/gone/x"),
+                    set_item("/n/made/b", "")});
     const std::string after = picture();
     // The element itself, one above it, one below it, and one that brings it back.
     for (const Items &refused :
-         {Items{set("/n/a", "2")}, Items{item(ItemKind::remove, "/n")},
-          Items{set("/n/made/c", "2")}, Items{set("/n/gone/x", "2")},
-          Items{set("/n/gone/x/below", "2")}, Items{item(ItemKind::remove, "/n/gone")},
-          Items{item(ItemKind::clear, "/")}, Items{item(ItemKind::remove_node, "/n/made")},
+         {Items{set_item("/n/a", "2")}, Items{step(ItemKind::remove, "/n")},
+          Items{set_item("/n/made/c", "2")}, Items{set_item("/n/gone/x", "2")},
+          Items{set_item("/n/gone/x/below", "2")}, Items{step(ItemKind::remove, "/n/gone")},
+          Items{step(ItemKind::clear, "/")}, Items{step(ItemKind::remove_node, "/n/made")},
           Items{Item{ItemKind::set, "/n/a", Value{element_type_string, "new", 78}}}}) {
         EXPECT_EQ(write(*other, refused), Statuses{api_status_pending}) << refused[0].path;
     }
-    EXPECT_EQ(write(*other, {set("/other", "5"), set("/n/a", "2"), set("/p", "6")}),
+    EXPECT_EQ(write(*other, {set_item("/other", "5"), set_item("/n/a", "2"), set_item("/p", "6")}),
               (Statuses{api_status_not_done, api_status_pending, api_status_not_done}));
     EXPECT_EQ(picture(), after);
-    EXPECT_EQ(write(*other, {set("/n/gone/y", "5"), set("/n/aa", "5"), set("/other", "5"),
-                             set("/n/a", "new"), item(ItemKind::touch, "/n/a")}),
-              Statuses(5, api_status_ok));
+    EXPECT_EQ(
+        write(*other, {set_item("/n/gone/y", "5"), set_item("/n/aa", "5"), set_item("/other", "5"),
+                       set_item("/n/a", "new"), step(ItemKind::touch, "/n/a")}),
+        Statuses(5, api_status_ok));
     pass(10s);
-    EXPECT_EQ(write(*other, {set("/n/a", "2")}), Statuses{api_status_ok});
+    EXPECT_EQ(write(*other, {set_item("/n/a", "2")}), Statuses{api_status_ok});
 }
 
 TEST_F(ConfirmTest, TheOwnerAndServicesMayChangeWhatWaits) {
-    write(*owner, {set("/a", "1"), set("/b", "1")});
-    change(*owner, {set("/a", "2"), set("/b", "2")});
-    EXPECT_EQ(write(*owner, {set("/a", "3")}), Statuses{api_status_ok});
-    EXPECT_EQ(write(*daemon, {set("/b", "3")}), Statuses{api_status_ok});
+    write(*owner, {set_item("/a", "1"), set_item("/b", "1")});
+    change(*owner, {set_item("/a", "2"), set_item("/b", "2")});
+    EXPECT_EQ(write(*owner, {set_item("/a", "3")}), Statuses{api_status_ok});
+    EXPECT_EQ(write(*daemon, {set_item("/b", "3")}), Statuses{api_status_ok});
     pass(10s);
     EXPECT_EQ(text("/a"), "1");
     EXPECT_EQ(text("/b"), "1");
 }
 
 TEST_F(ConfirmTest, TermsDoNotNest) {
-    const std::uint64_t number = change(*owner, {set("/a", "1")});
+    const std::uint64_t number = change(*owner, {set_item("/a", "1")});
     for (Session *client : {owner, other, daemon}) {
-        EXPECT_EQ(change(*client, {set("/b", "1"), set("/a", "2")}), 0U);
+        EXPECT_EQ(change(*client, {set_item("/b", "1"), set_item("/a", "2")}), 0U);
         EXPECT_EQ(statuses, (Statuses{api_status_not_done, api_status_pending}));
     }
     EXPECT_EQ(text("/a"), "1");
     EXPECT_EQ(text("/b"), absent);
     EXPECT_EQ(confirm(*owner, number).first, api_status_ok);
-    EXPECT_NE(change(*other, {set("/a", "2")}), 0U);
+    EXPECT_NE(change(*other, {set_item("/a", "2")}), 0U);
 }
 
 TEST_F(ConfirmTest, WithoutANumberTheOnlyOwnChangeIsConfirmed) {
     EXPECT_EQ(confirm(*owner).first, api_status_absent);
-    const std::uint64_t theirs = change(*other, {set("/o", "1")});
+    const std::uint64_t theirs = change(*other, {set_item("/o", "1")});
     EXPECT_EQ(confirm(*owner).first, api_status_absent);
-    const std::uint64_t first = change(*owner, {set("/a", "1")});
-    const std::uint64_t second = change(*owner, {set("/b", "1")});
+    const std::uint64_t first = change(*owner, {set_item("/a", "1")});
+    const std::uint64_t second = change(*owner, {set_item("/b", "1")});
     EXPECT_EQ(confirm(*owner).first, api_status_refused);
     EXPECT_EQ(pending().size(), 3U);
     EXPECT_EQ(confirm(*owner, 99).first, api_status_absent);
@@ -383,9 +303,9 @@ TEST_F(ConfirmTest, WithoutANumberTheOnlyOwnChangeIsConfirmed) {
 
 TEST_F(ConfirmTest, ReadersMayOnlyLook) {
     Session &reader = service->open(Credentials{4, 1000, 0, {}}, false);
-    EXPECT_EQ(change(reader, {set("/a", "1")}), 0U);
+    EXPECT_EQ(change(reader, {set_item("/a", "1")}), 0U);
     EXPECT_EQ(statuses, Statuses{api_status_denied});
-    const std::uint64_t number = change(*owner, {set("/a", "1")});
+    const std::uint64_t number = change(*owner, {set_item("/a", "1")});
     EXPECT_EQ(confirm(reader, number).first, api_status_denied);
     EXPECT_EQ(confirm(reader).first, api_status_denied);
     ASSERT_EQ(pending().size(), 1U);
@@ -401,29 +321,26 @@ TEST_F(ConfirmTest, ReadersMayOnlyLook) {
 
 TEST_F(ConfirmTest, TheChangesOfAUserAreLimited) {
     for (std::size_t i = 0; i < limits::pending_changes; ++i) {
-        EXPECT_NE(change(*owner, {set("/" + std::to_string(i), "1")}), 0U);
+        EXPECT_NE(change(*owner, {set_item("/" + std::to_string(i), "1")}), 0U);
     }
     const std::string before = picture();
-    EXPECT_EQ(change(*owner, {set("/more", "1"), set("/more", "2")}), 0U);
+    EXPECT_EQ(change(*owner, {set_item("/more", "1"), set_item("/more", "2")}), 0U);
     EXPECT_EQ(statuses, Statuses(2, api_status_too_much_pending));
     EXPECT_EQ(picture(), before);
-    EXPECT_NE(change(*other, {set("/more", "1")}), 0U);
+    EXPECT_NE(change(*other, {set_item("/more", "1")}), 0U);
     confirm(*owner, 1);
-    EXPECT_NE(change(*owner, {set("/again", "1")}), 0U);
-    for (const LimitStatus &limit : service->status().limits) {
-        if (limit.name == "unconfirmed changes of a user") {
-            EXPECT_EQ(limit.used, limits::pending_changes);
-            EXPECT_EQ(limit.limit, limits::pending_changes);
-            EXPECT_EQ(limit.refused, 1U);
-        }
-    }
+    EXPECT_NE(change(*owner, {set_item("/again", "1")}), 0U);
+    const LimitStatus shown = limit("unconfirmed changes of a user");
+    EXPECT_EQ(shown.used, limits::pending_changes);
+    EXPECT_EQ(shown.limit, limits::pending_changes);
+    EXPECT_EQ(shown.refused, 1U);
 }
 
 TEST_F(ConfirmTest, TheBytesOfAUserAreLimited) {
     const std::string large(60000, 'x');
     Items items;
     for (int i = 0; i < 10; ++i) {
-        items.push_back(set("/n/" + std::to_string(i), large));
+        items.push_back(set_item("/n/" + std::to_string(i), large));
     }
     EXPECT_NE(change(*owner, items), 0U);
     for (Item &one : items) {
@@ -434,21 +351,18 @@ TEST_F(ConfirmTest, TheBytesOfAUserAreLimited) {
     EXPECT_EQ(text("/o/0"), absent);
     EXPECT_NE(change(*other, items), 0U);
     for (int i = 10; i < 20; ++i) {
-        items.push_back(set("/p/" + std::to_string(i), large));
-        items.push_back(set("/p/" + std::to_string(i), large));
+        items.push_back(set_item("/p/" + std::to_string(i), large));
+        items.push_back(set_item("/p/" + std::to_string(i), large));
     }
     for (Item &one : items) {
         one.path[1] = 'q';
     }
     EXPECT_EQ(change(*daemon, items), 0U) << "one that is too large alone";
     EXPECT_EQ(statuses, Statuses(30, api_status_too_much_pending));
-    for (const LimitStatus &limit : service->status().limits) {
-        if (limit.name == "bytes of a user's unconfirmed") {
-            EXPECT_GT(limit.used, 600000U);
-            EXPECT_EQ(limit.limit, limits::pending_bytes);
-            EXPECT_EQ(limit.refused, 2U);
-        }
-    }
+    const LimitStatus shown = limit("bytes of a user's unconfirmed");
+    EXPECT_GT(shown.used, 600000U);
+    EXPECT_EQ(shown.limit, limits::pending_bytes);
+    EXPECT_EQ(shown.refused, 2U);
 }
 
 TEST_F(ConfirmTest, ATermOutsideTheLimitsIsInvalid) {
@@ -456,37 +370,38 @@ TEST_F(ConfirmTest, ATermOutsideTheLimitsIsInvalid) {
         EXPECT_EQ(ask(*owner, Op::transact_pending,
                       [term](Writer &out) {
                           out.u32(term);
-                          put_all(out, Items{set("/a", "1")});
+                          put_all(out, Items{set_item("/a", "1")});
                       }),
                   "malformed");
     }
     EXPECT_EQ(text("/a"), absent);
-    EXPECT_NE(change(*owner, {set("/a", "1")}, limits::confirm_term), 0U);
+    EXPECT_NE(change(*owner, {set_item("/a", "1")}, limits::confirm_term), 0U);
     EXPECT_EQ(ask(*owner, Op::confirm, [](Writer &) {}), "malformed");
     EXPECT_EQ(ask(*owner, Op::pending, [](Writer &out) { out.u8(1); }), "malformed");
 }
 
 TEST_F(ConfirmTest, TheOldElementsWinOverWhatCameInTheirPlace) {
-    write(*owner, {set("/n/1/Value", "old"), set("/n/1/Type", "Static"), set("/leaf", "old")});
+    write(*owner, {set_item("/n/1/Value", "old"), set_item("/n/1/Type", "Static"),
+                   set_item("/leaf", "old")});
     const std::string before = picture();
-    change(*owner,
-           {item(ItemKind::remove, "/n/1"), item(ItemKind::remove, "/leaf"), set("/made/x", "1")});
-    write(*daemon, {set("/n/1/Value", "theirs"), set("/n/1/Type", "Automatic"),
-                    set("/leaf/below/x", "theirs"), set("/made/theirs", "1")});
+    change(*owner, {step(ItemKind::remove, "/n/1"), step(ItemKind::remove, "/leaf"),
+                    set_item("/made/x", "1")});
+    write(*daemon, {set_item("/n/1/Value", "theirs"), set_item("/n/1/Type", "Automatic"),
+                    set_item("/leaf/below/x", "theirs"), set_item("/made/theirs", "1")});
     pass(10s);
     EXPECT_EQ(picture(), before);
     // A leaf where a node was, and no node above.
-    change(*owner, {item(ItemKind::remove, "/n/1/Value"), item(ItemKind::remove, "/n/1/Type")});
-    write(*daemon, {item(ItemKind::remove, "/n"), set("/n", "a leaf")});
+    change(*owner, {step(ItemKind::remove, "/n/1/Value"), step(ItemKind::remove, "/n/1/Type")});
+    write(*daemon, {step(ItemKind::remove, "/n"), set_item("/n", "a leaf")});
     pass(10s);
     EXPECT_EQ(picture(), before);
 }
 
 TEST_F(ConfirmTest, AChangeOfKindIsTakenBack) {
-    write(*owner, {set("/a", "1"), set("/b/c/d", "2")});
+    write(*owner, {set_item("/a", "1"), set_item("/b/c/d", "2")});
     const std::string before = picture();
-    change(*owner, {item(ItemKind::remove, "/a"), set("/a/x/y", "1"), item(ItemKind::remove, "/b"),
-                    set("/b", "1")});
+    change(*owner, {step(ItemKind::remove, "/a"), set_item("/a/x/y", "1"),
+                    step(ItemKind::remove, "/b"), set_item("/b", "1")});
     pass(10s);
     EXPECT_EQ(picture(), before);
 }
@@ -498,30 +413,30 @@ TEST_F(ConfirmTest, ItIsIndependentOfTheHistory) {
         const std::string before = picture();
         const std::uint64_t number = change(*owner, changed_content);
         EXPECT_NE(number, 0U);
-        write(*owner, {set("/p", "1")});
-        write(*owner, {item(ItemKind::remove, "/p")});
+        write(*owner, {set_item("/p", "1")});
+        write(*owner, {step(ItemKind::remove, "/p")});
         open(transactions);
         ASSERT_EQ(pending().size(), 1U) << transactions;
         EXPECT_EQ(pending()[0].change.number, number);
-        const std::uint64_t second = change(*owner, {set("/q", "1")});
+        const std::uint64_t second = change(*owner, {set_item("/q", "1")});
         EXPECT_GT(second, number);
-        EXPECT_GT(change(*owner, {set("/r", "1")}), second);
+        EXPECT_GT(change(*owner, {set_item("/r", "1")}), second);
         pass(10s);
         EXPECT_EQ(picture(), before);
         open(transactions);
-        const std::uint64_t next = change(*owner, {set("/q", "1")});
+        const std::uint64_t next = change(*owner, {set_item("/q", "1")});
         EXPECT_GT(next, number + 1) << "no number is used twice";
         confirm(*owner);
-        write(*owner, {item(ItemKind::clear, "/")});
+        write(*owner, {step(ItemKind::clear, "/")});
     }
 }
 
 TEST_F(ConfirmTest, ALargeChangeIsTakenBackAfterARestart) {
-    write(*owner, {set("/a", "1")});
+    write(*owner, {set_item("/a", "1")});
     const std::string before = picture();
     Items items;
     for (int i = 0; i < 17; ++i) {
-        items.push_back(set("/n/" + std::to_string(i), std::string(60000, 'x')));
+        items.push_back(set_item("/n/" + std::to_string(i), std::string(60000, 'x')));
     }
     EXPECT_NE(change(*owner, items), 0U);
     open(1000, 10001);
@@ -530,7 +445,7 @@ TEST_F(ConfirmTest, ALargeChangeIsTakenBackAfterARestart) {
 
 TEST_F(ConfirmTest, ADatabaseWhoseWaitingChangeIsDamagedOrLostIsRefused) {
     open(1000, 0, Durability::full);
-    change(*owner, {set("/a", "1")});
+    change(*owner, {set_item("/a", "1")});
     sql("CREATE TABLE saved AS SELECT * FROM element");
     sql("UPDATE element SET text = x'00' WHERE path = CAST('pending 1' AS BLOB)");
     EXPECT_THROW(Store{file}, DamagedDatabase);
@@ -542,17 +457,15 @@ TEST_F(ConfirmTest, ADatabaseWhoseWaitingChangeIsDamagedOrLostIsRefused) {
 }
 
 TEST_F(ConfirmTest, ARepairKeepsTheChangesThatWait) {
-    write(*owner, {set("/a", "1"), set("/b", "1")});
-    const std::uint64_t number = change(*owner, {set("/a", "2")});
-    change(*owner, {set("/c", "2")});
+    write(*owner, {set_item("/a", "1"), set_item("/b", "1")});
+    const std::uint64_t number = change(*owner, {set_item("/a", "2")});
+    change(*owner, {set_item("/c", "2")});
     sql("UPDATE element SET text = x'00' WHERE path = CAST('/b' AS BLOB);"
         "UPDATE element SET text = x'00' WHERE path = CAST('pending 3' AS BLOB)");
     EXPECT_THROW(Store{file}, DamagedDatabase);
     const std::string report = repair_database(file);
-    EXPECT_NE(report.find("kept 2 elements, 1 unconfirmed change and 3 entries of the history, "
-                          "dropped 2 damaged rows"),
-              std::string::npos)
-        << report;
+    EXPECT_TRUE(has(report, "kept 2 elements, 1 unconfirmed change and 3 entries of the history, "
+                            "dropped 2 damaged rows"));
     open();
     ASSERT_EQ(pending().size(), 1U);
     EXPECT_EQ(pending()[0].change.number, number);
@@ -568,7 +481,7 @@ TEST_F(ConfirmTest, ATakingBackThatCannotBeStoredIsTriedAgain) {
     store = std::make_unique<Store>(std::move(owned));
     store->keep_history(HistoryBounds{10});
     serve();
-    change(*owner, {set("/a", "1")});
+    change(*owner, {set_item("/a", "1")});
     storage.fails = true;
     EXPECT_EQ(confirm(*owner).first, api_status_failed);
     pass(10s);
@@ -578,7 +491,7 @@ TEST_F(ConfirmTest, ATakingBackThatCannotBeStoredIsTriedAgain) {
     pass(0s);
     EXPECT_EQ(text("/a"), "1") << "not at once";
     EXPECT_EQ(service->next_end(), now + 5s);
-    EXPECT_EQ(write(*other, {set("/a", "2")}), Statuses{api_status_pending});
+    EXPECT_EQ(write(*other, {set_item("/a", "2")}), Statuses{api_status_pending});
     pass(5s);
     EXPECT_EQ(text("/a"), absent);
     EXPECT_FALSE(service->next_end());
@@ -590,22 +503,22 @@ TEST_F(ConfirmTest, AChangeThatIsNotStoredDoesNotWait) {
     owned->fails = true;
     store = std::make_unique<Store>(std::move(owned));
     serve();
-    EXPECT_EQ(change(*owner, {set("/a", "1")}), 0U);
+    EXPECT_EQ(change(*owner, {set_item("/a", "1")}), 0U);
     EXPECT_EQ(statuses, Statuses{api_status_failed});
     EXPECT_TRUE(pending().empty());
     EXPECT_FALSE(service->next_end());
 }
 
 TEST_F(ConfirmTest, ATakingBackNeedsNoRoomInTheTree) {
-    write(*owner, {set("/a", std::string(5000, 'x'))});
-    change(*owner, {item(ItemKind::remove, "/a")});
+    write(*owner, {set_item("/a", std::string(5000, 'x'))});
+    change(*owner, {step(ItemKind::remove, "/a")});
     store->byte_limit = store->tree().extent().bytes;
     pass(10s);
     EXPECT_EQ(text("/a"), std::string(5000, 'x'));
 }
 
 TEST_F(ConfirmTest, ATakingBackWaitsForATransactionAndComesBeforeTheNext) {
-    change(*owner, {set("/a", "1")});
+    change(*owner, {set_item("/a", "1")});
     ASSERT_TRUE(service->take_turn(owner->id()));
     pass(10s);
     EXPECT_EQ(text("/a"), "1");
@@ -622,7 +535,7 @@ TEST_F(ConfirmTest, ATakingBackWaitsForATransactionAndComesBeforeTheNext) {
 }
 
 TEST_F(ConfirmTest, NobodyWaitsForATakingBackThatIsNoLongerNeeded) {
-    const std::uint64_t number = change(*owner, {set("/a", "1")});
+    const std::uint64_t number = change(*owner, {set_item("/a", "1")});
     ASSERT_TRUE(service->take_turn(owner->id()));
     pass(10s);
     service->end_turn();

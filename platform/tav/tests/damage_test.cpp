@@ -1,8 +1,8 @@
 // A database that cannot be used: the service reports it, says what to do, and does not change the
 // file.
 #include "support/store_fixture.h"
+#include "support/store_unit.h"
 
-#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <csignal>
@@ -15,12 +15,10 @@ namespace {
 
 using Names = std::vector<std::string>;
 
-void sql(const std::string &file, const std::string &text) {
-    sqlite3 *database = nullptr;
-    ASSERT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(database, text.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-        << sqlite3_errmsg(database);
-    sqlite3_close(database);
+void overwrite(const std::string &file, std::size_t offset, const std::string &bytes) {
+    std::string content = read_file(file);
+    ASSERT_GE(content.size(), offset + bytes.size());
+    write_file(file, content.replace(offset, bytes.size(), bytes));
 }
 
 class DamageTest : public StoreTest {
@@ -28,37 +26,24 @@ protected:
     // A database of many pages, whose service has exited normally.
     void SetUp() override {
         start(on_disk);
-        Names paths;
-        for (int i = 0; i < 2000; ++i) {
-            paths.push_back("/n/" + std::to_string(i));
-        }
         Client client;
-        ASSERT_EQ(client.set_all(paths, Names(paths.size(), std::string(40, 'v'))).front(),
-                  api_status_ok);
+        ASSERT_EQ(client.set_numbered("/n/", 2000, std::string(40, 'v')), api_status_ok);
         client.close();
         backup = tav({"dump"}).output;
         ASSERT_EQ(stop(), 0);
         ASSERT_FALSE(exists(database + "-wal"));
     }
 
-    Ran refused() { return run(dir, tavd_arguments(on_disk)); }
-
     void expect_refused(const std::string &reason) {
         const std::string before = read_file(database);
         const std::string log_before = read_file(database + "-wal");
-        const Ran ran = refused();
-        EXPECT_EQ(ran.status, 1);
-        EXPECT_EQ(ran.errors.find("tavd: database '" + database + "' "), 0U) << ran.errors;
-        EXPECT_NE(ran.errors.find(reason), std::string::npos) << ran.errors;
-        EXPECT_NE(ran.errors.find("load a dump into it (tav load)"), std::string::npos);
+        const std::string errors = refused(on_disk);
+        EXPECT_EQ(errors.find("tavd: database '" + database + "' "), 0U) << errors;
+        EXPECT_TRUE(has(errors, reason));
+        EXPECT_TRUE(has(errors, "load a dump into it (tav load)"));
         EXPECT_EQ(read_file(database), before) << "it was written to";
         EXPECT_EQ(read_file(database + "-wal"), log_before);
         EXPECT_FALSE(exists(socket));
-    }
-    void overwrite(std::size_t offset, const std::string &bytes) {
-        std::string content = read_file(database);
-        ASSERT_GE(content.size(), offset + bytes.size());
-        write_file(database, content.replace(offset, bytes.size(), bytes));
     }
 
     const std::string database = dir.file("store.db");
@@ -66,96 +51,68 @@ protected:
     std::string backup;
 };
 
+struct Damage {
+    const char *name;
+    const char *reason; // of the refusal
+    void (*cause)(const std::string &database);
+};
+
+class DamageOfTest : public DamageTest, public testing::WithParamInterface<Damage> {};
+
+const Damage damages[] = {
+    {"header_overwritten", "is damaged, or no database",
+     [](auto &file) { overwrite(file, 0, std::string(16, 'x')); }},
+    {"page_overwritten", "is damaged",
+     [](auto &file) { overwrite(file, 40960, std::string(4096, '\xa5')); }},
+    {"page_zero", "is damaged",
+     [](auto &file) { overwrite(file, 40960, std::string(4096, '\0')); }},
+    {"cut_to_half", "is damaged",
+     [](auto &file) { std::filesystem::resize_file(file, read_file(file).size() / 2); }},
+    {"cut_to_a_page", "is damaged", [](auto &file) { std::filesystem::resize_file(file, 4096); }},
+    {"cut_to_100_bytes", "is damaged", [](auto &file) { std::filesystem::resize_file(file, 100); }},
+    {"empty", "is empty", [](auto &file) { write_file(file, ""); }},
+    {"no_database", "is damaged, or no database",
+     [](auto &file) { write_file(file, std::string(5000, 'x')); }},
+    {"of_another_program", "belongs to another program",
+     [](auto &file) {
+         std::filesystem::remove(file);
+         sql(file, "CREATE TABLE theirs (x)");
+     }},
+    {"marked_by_another_program", "belongs to another program",
+     [](auto &file) { sql(file, "PRAGMA application_id = 7"); }},
+    {"of_a_newer_service", "was written by a newer tavd (format 5, this tavd reads 4)",
+     [](auto &file) { sql(file, "PRAGMA user_version = 5"); }},
+    {"of_no_format", "has an unknown format (0",
+     [](auto &file) { sql(file, "PRAGMA user_version = 0"); }},
+    {"schema_damaged", "malformed database schema",
+     [](auto &file) {
+         sql(file, "PRAGMA writable_schema = 1; UPDATE sqlite_schema SET sql = 'nonsense'");
+     }},
+    {"table_gone", "no such table: element",
+     [](auto &file) { sql(file, "DROP TABLE element; CREATE TABLE other (x)"); }},
+    {"bit_of_a_value_flipped", "is damaged: row ",
+     [](auto &file) { overwrite(file, read_file(file).find("vvvvvvvv"), "w"); }},
+    {"row_missing", "is damaged: it has 2000 of 2001 rows",
+     [](auto &file) { sql(file, "DELETE FROM element WHERE path = CAST('/n/7' AS BLOB)"); }},
+    {"node_missing_above_its_leaves", "is damaged: row ",
+     [](auto &file) { sql(file, "DELETE FROM element WHERE path = CAST('/n' AS BLOB)"); }},
+};
+
+INSTANTIATE_TEST_SUITE_P(Kinds, DamageOfTest, testing::ValuesIn(damages),
+                         [](const auto &tested) { return tested.param.name; });
+
 } // namespace
 
-TEST_F(DamageTest, ItsHeaderIsOverwritten) {
-    overwrite(0, std::string(16, 'x'));
-    expect_refused("is damaged, or no database");
-}
-
-TEST_F(DamageTest, APageInTheMiddleIsOverwritten) {
-    overwrite(std::size_t{4096} * 10, std::string(4096, '\xa5'));
-    expect_refused("is damaged");
-}
-
-TEST_F(DamageTest, APageInTheMiddleIsZero) {
-    overwrite(std::size_t{4096} * 10, std::string(4096, '\0'));
-    expect_refused("is damaged");
-}
-
-TEST_F(DamageTest, ItIsCutShort) {
-    const std::string whole = read_file(database);
-    for (const std::size_t left : {whole.size() / 2, std::size_t{4096}, std::size_t{100}}) {
-        write_file(database, whole.substr(0, left));
-        expect_refused("is damaged");
-    }
-}
-
-TEST_F(DamageTest, NothingIsLeftOfIt) {
-    write_file(database, "");
-    expect_refused("is empty");
-}
-
-TEST_F(DamageTest, ItIsNoDatabase) {
-    write_file(database, std::string(5000, 'x'));
-    expect_refused("is damaged, or no database");
-}
-
-TEST_F(DamageTest, ItIsAnotherProgramsDatabase) {
-    std::filesystem::remove(database);
-    sql(database, "CREATE TABLE theirs (x)");
-    expect_refused("belongs to another program");
-    sql(database, "PRAGMA application_id = 7");
-    expect_refused("belongs to another program");
-}
-
-TEST_F(DamageTest, ANewerServiceWroteIt) {
-    sql(database, "PRAGMA user_version = 5");
-    expect_refused("was written by a newer tavd (format 5, this tavd reads 4)");
-}
-
-TEST_F(DamageTest, ItHasAFormatThatNeverWas) {
-    sql(database, "PRAGMA user_version = 0");
-    expect_refused("has an unknown format (0");
-}
-
-TEST_F(DamageTest, ItsSchemaIsDamaged) {
-    sql(database, "PRAGMA writable_schema = 1; UPDATE sqlite_schema SET sql = 'nonsense'");
-    expect_refused("malformed database schema");
-}
-
-TEST_F(DamageTest, ItsTableIsGone) {
-    sql(database, "DROP TABLE element; CREATE TABLE other (x)");
-    expect_refused("no such table: element");
-}
-
-TEST_F(DamageTest, ABitOfAValueIsFlipped) {
-    const std::size_t value = read_file(database).find("vvvvvvvv");
-    ASSERT_NE(value, std::string::npos);
-    overwrite(value, "w");
-    expect_refused("is damaged: row ");
-}
-
-TEST_F(DamageTest, ARowIsMissing) {
-    sql(database, "DELETE FROM element WHERE path = CAST('/n/7' AS BLOB)");
-    expect_refused("is damaged: it has 2000 of 2001 rows");
-}
-
-TEST_F(DamageTest, ANodeIsMissingAboveItsLeaves) {
-    sql(database, "DELETE FROM element WHERE path = CAST('/n' AS BLOB)");
-    expect_refused("is damaged: row ");
+TEST_P(DamageOfTest, IsNamedAndNothingIsChanged) {
+    GetParam().cause(database);
+    expect_refused(GetParam().reason);
 }
 
 TEST_F(DamageTest, TheLogIsNotAppliedToADamagedDatabase) {
     start(on_disk);
-    Client client;
-    client.set("/n/1", "only in the log");
-    client.close();
-    tavd->signal(SIGKILL);
-    tavd->wait();
-    std::filesystem::remove(socket);
+    leave_writes_in_the_log();
     ASSERT_GT(std::filesystem::file_size(database + "-wal"), 0U);
-    overwrite(std::size_t{4096} * 10, std::string(4096, '\xa5'));
+    overwrite(database, 40960, std::string(4096, '\xa5'));
     expect_refused("is damaged");
 }
 
@@ -182,8 +139,7 @@ protected:
 TEST_F(LogDamageTest, IsRefusedIfAPowerCutCannotHaveCausedIt) {
     damage("full");
     expect_refused("is damaged: its log '" + log + "' has changes after the damage");
-    EXPECT_NE(refused().errors.find("tavd --repair --database '" + database + "'"),
-              std::string::npos);
+    EXPECT_TRUE(has(refused(on_disk), "tavd --repair --database '" + database + "'"));
 }
 
 TEST_F(LogDamageTest, IsLoggedIfAPowerCutMayHaveCausedIt) {
@@ -213,17 +169,10 @@ TEST_F(LogDamageTest, AnUnfinishedWriteAtItsEndIsLogged) {
 
 TEST_F(DamageTest, ALogWithoutItsDatabaseIsNotAppliedToAFreshOne) {
     start(on_disk);
-    Client client;
-    client.set("/n/1", "only in the log");
-    client.close();
-    tavd->signal(SIGKILL);
-    tavd->wait();
+    leave_writes_in_the_log();
     std::filesystem::remove(database);
     const std::string log = read_file(database + "-wal");
-    const Ran ran = refused();
-    EXPECT_EQ(ran.status, 1);
-    EXPECT_NE(ran.errors.find("is missing, but there is '" + database + "-wal'"), std::string::npos)
-        << ran.errors;
+    EXPECT_TRUE(has(refused(on_disk), "is missing, but there is '" + database + "-wal'"));
     EXPECT_EQ(read_file(database + "-wal"), log);
     EXPECT_FALSE(exists(database));
 }
@@ -260,13 +209,9 @@ TEST_F(DamageTest, AMissingDirectoryIsMadeForTheServiceAndItsGroupAlone) {
 
 TEST_F(DamageTest, ADirectoryThatCannotBeMadeIsNamed) {
     const std::string inside = database + "/fresh.db";
-    const Ran ran = run(dir, tavd_arguments({"--database", inside}));
-    EXPECT_EQ(ran.status, 1);
-    EXPECT_EQ(ran.errors,
+    EXPECT_EQ(refused({"--database", inside}),
               "tavd: database '" + inside + "': '" + database + "' is not a directory\n");
-    const Ran at = run(dir, tavd_arguments({"--memory", "--socket", database + "/s"}));
-    EXPECT_EQ(at.status, 1);
-    EXPECT_EQ(at.errors,
+    EXPECT_EQ(refused({"--memory", "--socket", database + "/s"}),
               "tavd: socket '" + database + "/s': '" + database + "' is not a directory\n");
 }
 
@@ -279,9 +224,7 @@ TEST_F(DamageTest, ADirectoryThatOthersCanWriteToIsRefused) {
         std::filesystem::create_symlink(dir.file("open/store.db"), database);
         for (const std::string &name :
              {dir.file("open/store.db"), dir.file("open/new.db"), database}) {
-            const Ran ran = run(dir, tavd_arguments({"--database", name}));
-            EXPECT_EQ(ran.status, 1);
-            EXPECT_EQ(ran.errors,
+            EXPECT_EQ(refused({"--database", name}),
                       "tavd: database '" + name + "': others can create files in directory '" +
                           dir.file("open") +
                           "': use a directory that only the service uses, or chmod go-w '" +
@@ -299,16 +242,14 @@ TEST_F(DamageTest, ADirectoryOfAnotherUserIsRefused) {
     }
     ::mkdir(dir.file("theirs").c_str(), 0755);
     ASSERT_EQ(::chown(dir.file("theirs").c_str(), 1, 1), 0);
-    const Ran ran = run(dir, tavd_arguments({"--database", dir.file("theirs/store.db")}));
-    EXPECT_EQ(ran.status, 1);
-    EXPECT_NE(ran.errors.find("belongs to another user"), std::string::npos) << ran.errors;
+    EXPECT_TRUE(
+        has(refused({"--database", dir.file("theirs/store.db")}), "belongs to another user"));
 }
 
 TEST_F(DamageTest, ADirectoryIsNoDatabase) {
     ::mkdir(dir.file("d").c_str(), 0755);
-    const Ran ran = run(dir, tavd_arguments({"--database", dir.file("d")}));
-    EXPECT_EQ(ran.status, 1);
-    EXPECT_EQ(ran.errors, "tavd: database '" + dir.file("d") + "' is not a regular file\n");
+    EXPECT_EQ(refused({"--database", dir.file("d")}),
+              "tavd: database '" + dir.file("d") + "' is not a regular file\n");
 }
 
 TEST_F(DamageTest, AReadOnlyFileSystemIsNamed) {
@@ -326,5 +267,5 @@ TEST_F(DamageTest, AReadOnlyFileSystemIsNamed) {
     const Ran ran = run(dir, tavd_arguments({"--database", dir.file("d/store.db")}));
     EXPECT_EQ(ran.status, 1);
     EXPECT_EQ(ran.errors.find("tavd: database '" + dir.file("d/store.db") + "'"), 0U);
-    EXPECT_NE(ran.errors.find("ead-only"), std::string::npos) << ran.errors;
+    EXPECT_TRUE(has(ran.errors, "ead-only"));
 }

@@ -1,121 +1,29 @@
 // The store on disk.
 #include <gtest/gtest.h>
 
-#include <sqlite3.h>
-
 #include <filesystem>
 #include <fstream>
 
 #include "service/database.h"
-#include "service/store.h"
 #include "support/process.h"
+#include "support/store_unit.h"
 
 using namespace tav;
+using namespace tavtest;
 
 namespace {
 
-bool nothing_unseen(const std::string &) {
-    return false;
-}
-
-Item set_item(const std::string &path, const std::string &text) {
-    return Item{ItemKind::set, path, Value{element_type_string, text, 77}};
-}
-
-std::string picture(const Store &store) {
-    std::string all;
-    walk(store.tree(), "/", [&all](const std::string &path, const Element &element) {
-        all += path + "=" + std::to_string(element.value().type) + ":" + element.value().text +
-               "@" + std::to_string(element.value().time) + "\n";
-        return true;
-    });
-    return all;
-}
-
-void sql(const std::string &file, const std::string &text) {
-    sqlite3 *database = nullptr;
-    ASSERT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-    EXPECT_EQ(sqlite3_exec(database, text.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-        << sqlite3_errmsg(database);
-    sqlite3_close(database);
-}
-
 class DatabaseTest : public ::testing::Test {
 protected:
-    tavtest::TempDir dir;
+    TempDir dir;
     std::string file = dir.file("store.db");
 };
 
 } // namespace
 
-TEST_F(DatabaseTest, EverythingIsThereAgainAfterReopening) {
-    std::string before;
-    {
-        Store store(file);
-        store.transact({set_item("/a/\xff\x01 b", "text\n\xfe"), set_item("/a/gone/x", "1"),
-                        Item{ItemKind::set, "/n", Value{element_type_integer, "-5", 9}},
-                        Item{ItemKind::make_node, "/empty/node", {}}, set_item("/leaf", "")},
-                       nothing_unseen);
-        store.transact({Item{ItemKind::remove, "/a/gone", {}}, set_item("/leaf", "new")},
-                       nothing_unseen);
-        before = picture(store);
-    }
-    const Store store(file);
-    EXPECT_EQ(picture(store), before);
-    EXPECT_NE(before.find("/empty/node"), std::string::npos);
-    EXPECT_EQ(before.find("gone"), std::string::npos);
-}
-
-TEST_F(DatabaseTest, InitialNodesAreMadeWithTheFileAndNeverAgain) {
-    const Store::Nodes nodes{"/a b/c", "/a b/d", "/"};
-    {
-        Store fresh(file, Durability::full, nodes);
-        EXPECT_EQ(picture(fresh), "/=2:@-1\n/a b=2:@-1\n/a b/c=2:@-1\n/a b/d=2:@-1\n");
-        fresh.transact({Item{ItemKind::remove, "/a b/c", {}}}, nothing_unseen);
-    }
-    const Store again(file, Durability::full, nodes);
-    EXPECT_EQ(picture(again), "/=2:@-1\n/a b=2:@-1\n/a b/d=2:@-1\n");
-}
-
-TEST_F(DatabaseTest, AFreshFileHoldsNothingElse) {
-    const Store store(file);
-    EXPECT_EQ(picture(store), "/=2:@-1\n");
-}
-
 TEST_F(DatabaseTest, ItIsInWalMode) {
     const Store store(file);
-    EXPECT_TRUE(tavtest::exists(file + "-wal"));
-}
-
-TEST_F(DatabaseTest, ASecondServiceCannotUseIt) {
-    const Store store(file);
-    EXPECT_THROW(Store second(file), DatabaseError);
-}
-
-TEST_F(DatabaseTest, AFileThatIsNotADatabaseIsRefusedAndNotChanged) {
-    const std::string content(5000, 'x');
-    std::ofstream(file) << content;
-    EXPECT_THROW(Store store(file), DatabaseError);
-    EXPECT_EQ(tavtest::read_file(file), content);
-}
-
-TEST_F(DatabaseTest, AnotherProgramsDatabaseIsRefusedAndNotChanged) {
-    sql(file, "CREATE TABLE theirs (x)");
-    const std::string content = tavtest::read_file(file);
-    EXPECT_THROW(Store store(file), DatabaseError);
-    EXPECT_EQ(tavtest::read_file(file), content);
-}
-
-TEST_F(DatabaseTest, ADamagedRowIsRefused) {
-    { const Store store(file); }
-    sql(file, "INSERT INTO element VALUES (x'2f61', 6, x'31', 0, 0)");
-    EXPECT_THROW(Store store(file), DatabaseError);
-}
-
-TEST_F(DatabaseTest, ALostRowIsRefused) {
-    { Store store(file, Durability::full, {"/a", "/b"}); }
-    sql(file, "DELETE FROM element WHERE path = x'2f61'");
-    EXPECT_THROW(Store store(file), DatabaseError);
+    EXPECT_TRUE(exists(file + "-wal"));
 }
 
 TEST_F(DatabaseTest, AChangedValueIsRefusedAlsoIfRowsAreNotCounted) {
@@ -155,7 +63,7 @@ TEST_F(DatabaseTest, TheFirstFormatIsMigrated) {
     sql(file, tables_of_first_format);
     for (int start = 0; start < 2; ++start) {
         const Store store(file);
-        EXPECT_EQ(picture(store), "/=2:@-1\n/n=2:@-1\n/n/a=6:old@77\n");
+        EXPECT_EQ(picture(store.tree()), "/=2:@-1\n/n=2:@-1\n/n/a=6:old@77\n");
     }
     sql(file, "UPDATE element SET text = x'6f6c65' WHERE path = x'2f6e2f61'");
     EXPECT_THROW(Store store(file), DatabaseError);
@@ -173,7 +81,7 @@ TEST_F(DatabaseTest, TheSecondFormatIsMigratedAndKeepsItsDurability) {
                       std::to_string(number));
         for (int start = 0; start < 2; ++start) {
             Store store(file, durability);
-            EXPECT_EQ(picture(store),
+            EXPECT_EQ(picture(store.tree()),
                       start == 0 ? "/=2:@-1\n/n=2:@-1\n" : "/=2:@-1\n/n=2:@-1\n/n/a=6:1@77\n");
             store.keep_history(HistoryBounds{10});
             EXPECT_EQ(store.history().last(), start == 0 ? 0U : 1U);
@@ -195,10 +103,10 @@ TEST_F(DatabaseTest, TheThirdFormatIsMigratedWithItsHistory) {
         for (int start = 0; start < 2; ++start) {
             Store store(file, durability);
             store.keep_history(HistoryBounds{10});
-            EXPECT_EQ(picture(store), "/=2:@-1\n/n=2:@-1\n/n/a=6:1@77\n");
+            EXPECT_EQ(picture(store.tree()), "/=2:@-1\n/n=2:@-1\n/n/a=6:1@77\n");
             EXPECT_EQ(store.history().last(), 1U);
         }
-        const std::string header = tavtest::read_file(file).substr(60, 4);
+        const std::string header = read_file(file).substr(60, 4);
         EXPECT_EQ(header.back(), 4) << "a service that knows no terms must refuse it";
         EXPECT_EQ(header[1], durability == Durability::normal ? 1 : 0);
     }
@@ -207,9 +115,9 @@ TEST_F(DatabaseTest, TheThirdFormatIsMigratedWithItsHistory) {
 TEST_F(DatabaseTest, ADamagedDatabaseOfTheFirstFormatIsRefusedAndNotChanged) {
     sql(file, tables_of_first_format);
     sql(file, "INSERT INTO element VALUES (x'6e6f736c617368', 6, x'31', 0)");
-    const std::string content = tavtest::read_file(file);
+    const std::string content = read_file(file);
     EXPECT_THROW(Store store(file), DatabaseError);
-    EXPECT_EQ(tavtest::read_file(file), content);
+    EXPECT_EQ(read_file(file), content);
 }
 
 TEST_F(DatabaseTest, AFailedCommitLeavesMemoryAndFileAsTheyWere) {
@@ -217,7 +125,7 @@ TEST_F(DatabaseTest, AFailedCommitLeavesMemoryAndFileAsTheyWere) {
     {
         Store store(file);
         store.transact({set_item("/a", "old")}, nothing_unseen);
-        before = picture(store);
+        before = picture(store.tree());
     }
     // From now on the second of two rows is refused by the database itself.
     sql(file, "CREATE TRIGGER refuse BEFORE INSERT ON element WHEN new.path = x'2f7a' "
@@ -227,14 +135,14 @@ TEST_F(DatabaseTest, AFailedCommitLeavesMemoryAndFileAsTheyWere) {
         const std::vector<api_status_t> statuses =
             store.transact({set_item("/a", "new"), set_item("/z", "1")}, nothing_unseen);
         EXPECT_EQ(statuses, (std::vector<api_status_t>{api_status_failed, api_status_failed}));
-        EXPECT_EQ(picture(store), before);
+        EXPECT_EQ(picture(store.tree()), before);
         // The service goes on.
         EXPECT_EQ(store.transact({set_item("/b", "1")}, nothing_unseen).front(), api_status_ok);
         EXPECT_EQ(store.transact({Item{ItemKind::remove, "/b", {}}}, nothing_unseen).front(),
                   api_status_ok);
     }
     const Store store(file);
-    EXPECT_EQ(picture(store), before);
+    EXPECT_EQ(picture(store.tree()), before);
 }
 
 TEST_F(DatabaseTest, ALongLogIsEmptiedByACommitThatMayTakeLong) {

@@ -70,26 +70,6 @@ TEST_F(EventLogTest, AClientThatLeavesIsForgottenAtEachOfItsPaths) {
     EXPECT_EQ(log.published().size(), 1U);   // nobody waits for /b
 }
 
-TEST_F(EventLogTest, KeepsTheOrder) {
-    one.watch("/");
-    one.fetched();
-    change(somebody, {set_b, set_a});
-    change(somebody, {Event{mlr_event_set, "/"}});
-    EXPECT_EQ(one.pending(), 3U);
-    EXPECT_EQ(one.fetched(), (Names{"2 /b", "2 /a", "2 /"}));
-    EXPECT_EQ(one.fetched(), Names{});
-    EXPECT_FALSE(one.waiting());
-}
-
-TEST_F(EventLogTest, AMergedEventMovesToTheEndSoThatTheLastOneIsCurrent) {
-    one.watch("/");
-    one.fetched();
-    for (const Event &event : {set_a, removed_a, set_b, set_a}) {
-        change(somebody, {event});
-    }
-    EXPECT_EQ(one.fetched(), (Names{"3 /a", "2 /b", "2 /a"}));
-}
-
 TEST_F(EventLogTest, EventsOfOneGroupAreMergedToo) {
     one.watch("/");
     one.fetched();
@@ -97,60 +77,6 @@ TEST_F(EventLogTest, EventsOfOneGroupAreMergedToo) {
     stage(two.id(), {set_a});
     publish();
     EXPECT_EQ(one.fetched(), (Names{"2 /b", "2 /a"}));
-}
-
-TEST_F(EventLogTest, ARefusedGroupLeavesNothing) {
-    one.watch("/");
-    one.fetched();
-    stage(somebody, {set_a});
-    EXPECT_TRUE(one.unseen("/a")) << "as if it were committed";
-    EXPECT_FALSE(one.waiting());
-    log.drop_staged();
-    EXPECT_FALSE(one.unseen("/a"));
-    change(somebody, {set_b});
-    EXPECT_EQ(one.fetched(), Names{"2 /b"});
-}
-
-TEST_F(EventLogTest, AGroupIsPublishedWithoutTheNextOne) {
-    one.watch("/");
-    one.fetched();
-    stage(somebody, {set_a});
-    log.close_group();
-    stage(somebody, {set_b});
-    EXPECT_TRUE(one.unseen("/a"));
-    EXPECT_TRUE(one.unseen("/b"));
-    log.publish(Time{});
-    EXPECT_EQ(one.fetched(), Names{"2 /a"});
-    EXPECT_FALSE(one.unseen("/a"));
-    EXPECT_TRUE(one.unseen("/b"));
-    publish();
-    EXPECT_EQ(one.fetched(), Names{"2 /b"});
-    EXPECT_FALSE(one.unseen("/b"));
-}
-
-TEST_F(EventLogTest, ARefusedGroupTakesTheNextOneWithIt) {
-    one.watch("/");
-    one.fetched();
-    stage(somebody, {set_a});
-    log.close_group();
-    stage(somebody, {set_b});
-    log.drop_staged();
-    EXPECT_FALSE(one.unseen("/a"));
-    EXPECT_FALSE(one.unseen("/b"));
-    publish();
-    EXPECT_EQ(one.fetched(), Names{});
-}
-
-TEST_F(EventLogTest, EachClientGetsWhatItHasNotFetched) {
-    one.watch("/");
-    two.watch("/");
-    one.fetched();
-    two.fetched();
-    change(somebody, {set_a});
-    EXPECT_EQ(one.fetched(), Names{"2 /a"});
-    change(somebody, {set_b});
-    EXPECT_EQ(one.fetched(), Names{"2 /b"});
-    EXPECT_EQ(two.fetched(), (Names{"2 /a", "2 /b"}));
 }
 
 TEST_F(EventLogTest, WhatAllHaveFetchedIsForgotten) {
@@ -171,18 +97,6 @@ TEST_F(EventLogTest, NobodysEventsAreNotKept) {
     one.watch("/b");
     change(somebody, {set_a});
     EXPECT_TRUE(log.published().empty());
-}
-
-TEST_F(EventLogTest, OnlyAnotherClientsChangeIsUnseen) {
-    one.watch("/", true);
-    change(one.id(), {set_a});
-    EXPECT_TRUE(one.waiting());
-    EXPECT_FALSE(one.unseen("/a"));
-    change(somebody, {set_b});
-    EXPECT_TRUE(one.unseen("/b"));
-    EXPECT_TRUE(one.unseen("/"));
-    one.fetched();
-    EXPECT_FALSE(one.unseen("/b"));
 }
 
 TEST_F(EventLogTest, AChangeBelowAPathIsUnseenThere) {
@@ -251,16 +165,6 @@ TEST_F(EventLogTest, ARegistrationConcernsLaterChangesOnly) {
     EXPECT_EQ(one.fetched(), (Names{"1 /a", "2 /a", "1 /b"}));
 }
 
-TEST_F(EventLogTest, OwnChangesCauseNoEventsUnlessRequested) {
-    one.watch("/a");
-    one.watch("/b", true);
-    one.fetched();
-    change(one.id(), {set_a, set_b});
-    EXPECT_EQ(one.fetched(), Names{"2 /b"});
-    change(one.id(), {set_a});
-    EXPECT_FALSE(one.waiting());
-}
-
 TEST_F(EventLogTest, ASecondRegistrationOfAPathReplacesTheFlag) {
     one.watch("/a", true);
     one.watch("/a", false);
@@ -268,22 +172,4 @@ TEST_F(EventLogTest, ASecondRegistrationOfAPathReplacesTheFlag) {
     change(one.id(), {set_a});
     EXPECT_EQ(one.fetched(), Names{});
     EXPECT_EQ(one.registered(), 1U);
-}
-
-TEST_F(EventLogTest, BadRegistrationsAreRefused) {
-    EXPECT_EQ(one.watch("a"), api_status_bad_path);
-    EXPECT_EQ(one.register_events(Registration{"/a", 2, false}, Time{}), api_status_refused);
-    for (std::size_t i = 0; i < limits::registrations_per_client; ++i) {
-        EXPECT_EQ(one.watch("/" + std::to_string(i)), api_status_ok);
-    }
-    EXPECT_EQ(one.watch("/more"), api_status_too_many_registrations);
-}
-
-TEST_F(EventLogTest, AClientThatLeavesIsNotWoken) {
-    {
-        Client third(3, log);
-        third.watch("/a");
-    }
-    change(somebody, {set_a});
-    EXPECT_TRUE(log.published().empty());
 }

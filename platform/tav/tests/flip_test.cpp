@@ -2,7 +2,6 @@
 // what was written, or logs what it dropped. Power cuts leave nothing that is refused.
 #include <gtest/gtest.h>
 
-#include <sqlite3.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -12,26 +11,13 @@
 
 #include "service/database.h"
 #include "service/log_check.h"
-#include "service/store.h"
 #include "support/process.h"
+#include "support/store_unit.h"
 
 using namespace tav;
+using namespace tavtest;
 
 namespace {
-
-Item set_item(const std::string &path, const std::string &text) {
-    return Item{ItemKind::set, path, Value{element_type_string, text, 77}};
-}
-
-std::string picture(const Tree &tree) {
-    std::string all;
-    walk(tree, "/", [&all](const std::string &path, const Element &element) {
-        all += path + "=" + std::to_string(element.value().type) + ":" + element.value().text +
-               "@" + std::to_string(element.value().time) + "\n";
-        return true;
-    });
-    return all;
-}
 
 // In memory if possible: thousands of databases are opened.
 class FlipTest : public ::testing::Test {
@@ -45,20 +31,11 @@ protected:
     };
 
     static void transact(Store &store, const std::vector<Item> &items) {
-        const std::vector<api_status_t> statuses =
-            store.transact(items, [](const std::string &) { return false; });
-        ASSERT_EQ(statuses.front(), api_status_ok);
-    }
-    void sql(const std::string &text) {
-        sqlite3 *database = nullptr;
-        ASSERT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-        EXPECT_EQ(sqlite3_exec(database, text.c_str(), nullptr, nullptr, nullptr), SQLITE_OK)
-            << sqlite3_errmsg(database);
-        sqlite3_close(database);
+        ASSERT_EQ(store.transact(items, nothing_unseen).front(), api_status_ok);
     }
     void use_small_pages() {
-        sql("PRAGMA journal_mode = DELETE; PRAGMA page_size = 512; VACUUM;"
-            "PRAGMA journal_mode = WAL");
+        sql(file, "PRAGMA journal_mode = DELETE; PRAGMA page_size = 512; VACUUM;"
+                  "PRAGMA journal_mode = WAL");
     }
     // What a service would log about the log, or throw.
     LogCheck found() const {
@@ -78,7 +55,7 @@ protected:
     }
 
     Memory memory;
-    tavtest::TempDir dir;
+    TempDir dir;
     const std::string file = dir.file("store.db");
     const std::string log = file + "-wal";
 };
@@ -95,13 +72,13 @@ TEST_F(FlipTest, EachBitOfTheDatabaseIsHarmlessOrNoticed) {
     }
     use_small_pages();
     const std::string before = opened();
-    std::string content = tavtest::read_file(file);
+    std::string content = read_file(file);
     ASSERT_LE(content.size(), 7U * 512);
     std::size_t refused = 0;
     for (std::size_t bit = 0; bit < content.size() * 8 && !HasFailure(); ++bit) {
         const auto flip = [&] { content[bit / 8] ^= static_cast<char>(1U << bit % 8); };
         flip();
-        tavtest::write_file(file, content);
+        write_file(file, content);
         flip();
         try {
             EXPECT_EQ(opened(), before) << "bit " << bit % 8 << " of byte " << bit / 8;
@@ -124,18 +101,18 @@ TEST_F(FlipTest, EachBitOfTheLogIsHarmlessOrNoticed) {
         Store store(file);
         for (int i = 0; i < 3; ++i) {
             transact(store, {set_item("/a", std::string(static_cast<std::size_t>(i), 'a'))});
-            certain = i == 0 ? tavtest::read_file(log).size() : certain;
+            certain = i == 0 ? read_file(log).size() : certain;
         }
-        database = tavtest::read_file(file);
-        content = tavtest::read_file(log);
+        database = read_file(file);
+        content = read_file(log);
         before = picture(store.tree());
     }
     ASSERT_LT(content.size(), 4000U);
     for (std::size_t bit = 0; bit < content.size() * 8 && !HasFailure(); ++bit) {
         const auto flip = [&] { content[bit / 8] ^= static_cast<char>(1U << bit % 8); };
         flip();
-        tavtest::write_file(file, database);
-        tavtest::write_file(log, content);
+        write_file(file, database);
+        write_file(log, content);
         flip();
         const LogCheck log_has = found();
         try {
@@ -159,16 +136,16 @@ TEST_F(FlipTest, NoPowerCutLeavesALogThatIsRefused) {
         for (int i = 0; i < 1200; ++i) {
             transact(store, {set_item("/a/" + std::to_string(i % 50), std::to_string(i))});
         }
-        database = tavtest::read_file(file);
-        before = tavtest::read_file(log);
+        database = read_file(file);
+        before = read_file(log);
         picture_before = picture(store.tree());
         transact(store, {set_item("/a/1", std::string(3000, 'x')), set_item("/a/40", "x"),
                          Item{ItemKind::remove, "/a/30", {}}});
-        after = tavtest::read_file(log);
+        after = read_file(log);
         picture_after = picture(store.tree());
     }
-    tavtest::write_file(file, database);
-    tavtest::write_file(log, before);
+    write_file(file, database);
+    write_file(log, before);
     EXPECT_EQ(found().dropped_bytes, 0U) << "of the log's earlier use";
     const std::string longer_before = before + std::string(after.size() - before.size(), '\0');
     std::vector<std::size_t> changed; // sectors of 512 bytes
@@ -187,8 +164,8 @@ TEST_F(FlipTest, NoPowerCutLeavesALogThatIsRefused) {
                 torn.replace(at, 512, after, at, 512);
             }
         }
-        tavtest::write_file(file, database);
-        tavtest::write_file(log, torn);
+        write_file(file, database);
+        write_file(log, torn);
         const LogCheck log_has = found();
         ASSERT_FALSE(log_has.damaged_before_a_commit) << "cut " << cut;
         ASSERT_FALSE(log_has.header_damaged);

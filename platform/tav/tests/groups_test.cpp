@@ -8,8 +8,10 @@
 
 #include "protocol/limits.h"
 #include "service/service.h"
+#include "support/store_unit.h"
 
 using namespace tav;
+using tavtest::text_at;
 using State = Task::State;
 
 namespace {
@@ -86,11 +88,7 @@ protected:
         EXPECT_EQ(::poll(&entry, 1, 10000), 1);
         service.commit_ended();
     }
-    std::string text(const std::string &path) const {
-        const Value *value = nullptr;
-        const api_status_t status = read_leaf(store.tree(), path, value);
-        return value != nullptr ? value->text : "status " + std::to_string(status);
-    }
+    std::string text(const std::string &path) const { return text_at(store.tree(), path); }
     std::size_t fetched() {
         bool drain = false;
         return other.fetch(Time{}, drain).size();

@@ -1,30 +1,24 @@
 // The history of the store: what is kept, for how long, and who made it.
 #include <gtest/gtest.h>
 
-#include <sqlite3.h>
-#include <unistd.h>
-
 #include <ctime>
 #include <filesystem>
 #include <random>
 
 #include "client/admin.h"
-#include "service/store.h"
 #include "support/store_fixture.h"
+#include "support/store_unit.h"
 #include "tool/undo.h"
 
 using namespace tav;
+using tavtest::has;
+using tavtest::set_item;
+using tavtest::sql;
+using tavtest::step;
 
 namespace {
 
 using Lines = std::vector<std::string>;
-
-Item set_item(const std::string &path, const std::string &text) {
-    return Item{ItemKind::set, path, Value{element_type_string, text, 77}};
-}
-Item item(ItemKind kind, const std::string &path) {
-    return Item{kind, path, {}};
-}
 
 const Author operator_author{1000, 42, "tav", false};
 const Author service_author{0, 7, "daemon", true};
@@ -38,21 +32,9 @@ protected:
     }
     std::vector<api_status_t> write(const std::vector<Item> &items,
                                     const Author &author = operator_author) {
-        return store->transact(
-            items, [](const std::string &) { return false; }, 0, {}, author);
+        return store->transact(items, tavtest::nothing_unseen, 0, {}, author);
     }
-    std::vector<HistoryEntry> entries() const {
-        std::vector<HistoryEntry> all;
-        for (RecordPtr record = store->history().next(0); record;
-             record = store->history().next(record->number)) {
-            Reader in(record->entry);
-            get(in, all.emplace_back());
-            EXPECT_TRUE(in.finished());
-            EXPECT_EQ(all.back().number, record->number);
-            EXPECT_EQ(all.back().service, record->service);
-        }
-        return all;
-    }
+    std::vector<HistoryEntry> entries() const { return tavtest::entries(*store); }
     std::vector<std::uint64_t> numbers() const {
         std::vector<std::uint64_t> all;
         for (const HistoryEntry &entry : entries()) {
@@ -61,9 +43,7 @@ protected:
         return all;
     }
     static std::string shown(bool exists, const Value &value) {
-        return exists ? std::to_string(value.type) + ":" + value.text + "@" +
-                            std::to_string(value.time)
-                      : "none";
+        return exists ? tavtest::shown(value) : "none";
     }
     Lines changes(std::size_t entry) const {
         Lines lines;
@@ -74,28 +54,10 @@ protected:
         }
         return lines;
     }
-    std::string picture() const {
-        std::string all;
-        walk(store->tree(), "/", [&all](const std::string &path, const Element &element) {
-            all += path + "=" + shown(true, element.value()) + "\n";
-            return true;
-        });
-        return all;
-    }
-
+    std::string picture() const { return tavtest::picture(store->tree()); }
     std::int64_t sql_number(const std::string &text) {
         store.reset();
-        std::int64_t result = -1;
-        sqlite3 *database = nullptr;
-        EXPECT_EQ(sqlite3_open(file.c_str(), &database), SQLITE_OK);
-        const auto take = [](void *to, int, char **values, char **) {
-            *static_cast<std::int64_t *>(to) = std::atoll(values[0]);
-            return 0;
-        };
-        EXPECT_EQ(sqlite3_exec(database, text.c_str(), take, &result, nullptr), SQLITE_OK)
-            << sqlite3_errmsg(database);
-        sqlite3_close(database);
-        return result;
+        return std::atoll(sql(file, text).c_str());
     }
 
     tavtest::TempDir dir;
@@ -109,7 +71,7 @@ TEST_F(HistoryTest, AnEntryHasEveryChangeAndItsAuthor) {
     open();
     const auto before = static_cast<std::int64_t>(std::time(nullptr));
     write({set_item("/a/b", "1"), set_item("/c", "2")});
-    write({set_item("/a/b", "3"), item(ItemKind::remove, "/c"), item(ItemKind::touch, "/a")},
+    write({set_item("/a/b", "3"), step(ItemKind::remove, "/c"), step(ItemKind::touch, "/a")},
           service_author);
     for (int start = 0; start < 2; ++start) {
         ASSERT_EQ(numbers(), (std::vector<std::uint64_t>{1, 2}));
@@ -136,8 +98,8 @@ TEST_F(HistoryTest, WhatChangesNothingOrIsRefusedHasNoEntry) {
     open();
     write({set_item("/a", "1")});
     write({set_item("/a", "1")});
-    write({item(ItemKind::touch, "/a")});
-    write({set_item("/b", "1"), item(ItemKind::remove, "/none")});
+    write({step(ItemKind::touch, "/a")});
+    write({set_item("/b", "1"), step(ItemKind::remove, "/none")});
     EXPECT_EQ(numbers(), std::vector<std::uint64_t>{1});
 }
 
@@ -297,7 +259,7 @@ TEST_F(HistoryTest, UndoingIsRefusedOnceAnElementHasChanged) {
     const std::vector<Item> undo = tool::steps_to_undo(entries().back());
     write({set_item("/a/more", "1")});
     EXPECT_EQ(write(undo).back(), api_status_not_empty);
-    write({item(ItemKind::remove, "/a/more"), set_item("/c", "2")});
+    write({step(ItemKind::remove, "/a/more"), set_item("/c", "2")});
     EXPECT_EQ(write(undo).at(2), api_status_changed);
     write({Item{ItemKind::set, "/c", Value{element_type_string, "1", 78}}});
     EXPECT_EQ(write(undo).at(2), api_status_changed) << "of another time";
@@ -329,33 +291,6 @@ protected:
 };
 
 } // namespace
-
-TEST_F(HistoryOfTheService, AClientReadsWhoChangedWhat) {
-    start();
-    tavtest::Client reader;
-    tavtest::Client tool;
-    tavtest::Client daemon;
-    api_status_t status = api_status_none;
-    EXPECT_EQ(state_program(tool.tav.handle, "the tool", status), 0);
-    EXPECT_EQ(status, api_status_ok);
-    EXPECT_EQ(daemon.tav.watchdog_register(status, "the daemon", 60, true), 0);
-    reader.set("/a", "1");
-    tool.set("/b", "2");
-    daemon.set("/c", "3");
-    const History history = read(reader);
-    ASSERT_EQ(numbers(history), (Numbers{1, 2, 3}));
-    EXPECT_EQ(history.oldest, 1U);
-    EXPECT_EQ(history.last, 3U);
-    EXPECT_EQ(history.entries[0].program, "");
-    EXPECT_EQ(history.entries[0].pid, static_cast<std::uint32_t>(::getpid()));
-    EXPECT_EQ(history.entries[0].uid, ::getuid());
-    EXPECT_EQ(history.entries[1].program, "the tool");
-    EXPECT_FALSE(history.entries[1].service);
-    EXPECT_EQ(history.entries[2].program, "the daemon");
-    EXPECT_TRUE(history.entries[2].service);
-    ASSERT_EQ(history.entries[2].changes.size(), 1U);
-    EXPECT_EQ(history.entries[2].changes[0].path, "/c");
-}
 
 TEST_F(HistoryOfTheService, OnlyWhatConcernsThePathIsListed) {
     start();
@@ -419,9 +354,7 @@ TEST_F(HistoryOfTheService, ItSurvivesTheDeathOfTheService) {
 
 TEST_F(HistoryOfTheService, ANumberOfTransactionsIsAWholeNumber) {
     for (const char *number : {"-1", "x", "", "1k", "99999999999999999999"}) {
-        const tavtest::Ran ran =
-            tavtest::run(dir, tavd_arguments({"--memory", "--history", number}));
-        EXPECT_EQ(ran.status, 2) << number;
-        EXPECT_NE(ran.errors.find("is not a number of transactions"), std::string::npos);
+        EXPECT_TRUE(
+            has(refused({"--memory", "--history", number}, 2), "is not a number of transactions"));
     }
 }

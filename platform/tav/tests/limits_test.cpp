@@ -24,30 +24,10 @@ protected:
         good = std::make_unique<Client>();
     }
 
-    tav::LimitStatus shown(const std::string &name) {
-        tav::ServiceStatus status;
-        EXPECT_EQ(tav::service_status(good->tav.handle, status), 0);
-        for (const tav::LimitStatus &limit : status.limits) {
-            if (limit.name == name) {
-                return limit;
-            }
-        }
-        ADD_FAILURE() << "no limit '" << name << "'";
-        return {};
-    }
+    tav::LimitStatus shown(const std::string &name) { return good->limit(name); }
 
     std::unique_ptr<Client> good;
 };
-
-// A client's first connection, greeted.
-RawPeer half_connected(const std::string &socket) {
-    RawPeer calls(socket);
-    calls.send(request_frame(Op::hello, [](Writer &out) {
-        put(out, tav::Hello{tav::magic, tav::protocol_version});
-    }));
-    EXPECT_FALSE(calls.receive().empty());
-    return calls;
-}
 
 std::string many(const std::string &part, std::size_t times) {
     std::string all;
@@ -118,10 +98,8 @@ TEST_F(LimitsTest, ThePathsOfACallAreLimited) {
     more.push_back("/n");
     EXPECT_EQ(good->set_all(more, Names(more.size(), "x")).back(), api_status_too_large);
     EXPECT_EQ(shown("paths of a call").refused, 0U);
-    const auto reading = [&](Writer &out) { put_all(out, more); };
-    const auto writing = [&](Writer &out) { put_all(out, std::vector<tav::Item>(more.size())); };
     for (const std::string &frame :
-         {request_frame(Op::read, reading), request_frame(Op::transact, writing)}) {
+         {read_frame(more), write_frame(std::vector<tav::Item>(more.size()))}) {
         RawClient other(socket);
         other.calls.send(frame);
         EXPECT_EQ(other.calls.farewell(), "the client sent an invalid request");
@@ -158,7 +136,8 @@ TEST_F(LimitsTest, TheLimitOfConnectionsPerUserIsReportedToTheClient) {
 
 TEST_F(LimitsTest, AClientThatDoesNotConnectCompletelyIsDisconnected) {
     RawPeer silent(socket);
-    RawPeer half = half_connected(socket);
+    RawPeer half(socket);
+    half.greet();
     EXPECT_EQ(silent.farewell(), "the client did not connect in time");
     EXPECT_EQ(half.farewell(), "the client did not connect in time");
     EXPECT_EQ(shown("milliseconds to connect").refused, 2U);
@@ -187,7 +166,7 @@ TEST_F(LimitsTest, ClientsThatDoNotFinishLargeRequestsAreDisconnected) {
 TEST_F(LimitsTest, ALongAnswerIsMadeAsItIsRead) {
     good->set("/big", std::string(65536, 'x'));
     RawClient deaf(socket);
-    deaf.calls.send(request_frame(Op::read, [](Writer &out) { put_all(out, Names(250, "/big")); }));
+    deaf.calls.send(read_frame(Names(250, "/big")));
     EXPECT_EQ(good->get("/big").size(), 65536U);
     EXPECT_LT(shown("bytes held for all clients").used, std::size_t{1} << 20);
     std::size_t bytes = 0;
@@ -201,57 +180,4 @@ TEST_F(LimitsTest, ALongAnswerIsMadeAsItIsRead) {
         more = header.more;
     }
     EXPECT_GT(bytes, 249U * 65536);
-}
-
-TEST_F(LimitsTest, AClientThatSendsAheadIsServedInTurnWithTheOthers) {
-    // Both requests and the flood have arrived before the service reads for the first time.
-    constexpr int ahead = 1000;
-    RawClient flood(socket);
-    RawClient other(socket);
-    tavd->signal(SIGSTOP);
-    std::string frames;
-    for (int i = 1; i <= ahead; ++i) {
-        frames += request_frame(Op::transact, [i](Writer &out) {
-            put_all(out,
-                    std::vector<tav::Item>{
-                        {tav::ItemKind::set, "/n", {element_type_integer, std::to_string(i), -1}}});
-        });
-    }
-    flood.calls.send(frames);
-    other.calls.send(request_frame(Op::read, [](Writer &out) { put_all(out, Names{"/n"}); }));
-    tavd->signal(SIGCONT);
-    const std::string body = other.calls.receive();
-    tav::Reader reader(body);
-    tav::ReplyHeader header;
-    std::vector<tav::LeafAnswer> answers;
-    get(reader, header);
-    get_all(reader, answers);
-    ASSERT_EQ(answers.size(), 1U);
-    const int done = answers[0].status == api_status_ok ? std::stoi(answers[0].value.text) : 0;
-    EXPECT_LT(done, 10) << "requests of the flood were served first";
-    for (int i = 0; i < ahead; ++i) {
-        ASSERT_FALSE(flood.calls.receive().empty());
-    }
-    EXPECT_EQ(good->get("/n"), std::to_string(ahead)) << "none of them is refused";
-}
-
-TEST_F(LimitsTest, AFloodLosesNothing) {
-    constexpr int requests = 5000;
-    RawClient flood(socket);
-    std::string frames;
-    for (int i = 0; i < requests; ++i) {
-        frames += request_frame(Op::events_get);
-    }
-    std::thread sending([&] { EXPECT_TRUE(flood.calls.send(frames)); });
-    std::thread calling([&] {
-        Client other;
-        for (int i = 0; i < 1000; ++i) {
-            other.get("/none");
-        }
-    });
-    for (int i = 0; i < requests; ++i) {
-        ASSERT_FALSE(flood.calls.receive().empty()) << i;
-    }
-    sending.join();
-    calling.join();
 }

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <random>
+#include <sstream>
 #include <thread>
 
 #include "client/admin.h"
@@ -56,29 +57,11 @@ protected:
         later.join();
         return at_once ? found : "not from memory";
     }
-    tav::LimitStatus shown(const std::string &name) {
-        tav::ServiceStatus status;
-        EXPECT_EQ(tav::service_status(other->tav.handle, status), 0);
-        for (const tav::LimitStatus &limit : status.limits) {
-            if (limit.name == name) {
-                return limit;
-            }
-        }
-        ADD_FAILURE() << "no limit '" << name << "'";
-        return {};
-    }
+    tav::LimitStatus shown(const std::string &name) { return other->limit(name); }
 
     std::unique_ptr<Client> other;
     std::unique_ptr<Client> client;
 };
-
-std::string request_of(Op op, const std::string &path) {
-    return request_frame(op, [&](Writer &out) { put(out, path); });
-}
-
-std::string read_of(const Names &paths) {
-    return request_frame(Op::read, [&](Writer &out) { put_all(out, paths); });
-}
 
 // Bytes that have arrived and were not read, once there are `wanted` or no more come.
 int arrived(const RawPeer &peer, int wanted) {
@@ -155,6 +138,30 @@ TEST_F(ReadAheadTest, ANewerTimeStampIsAChange) {
     EXPECT_EQ(value.time(), 12345);
 }
 
+namespace {
+
+// What the calls answer about this path, as text.
+std::string answers(Client &client, const std::string &path) {
+    std::vector<api_status_t> statuses;
+    std::vector<toolkit::CElement> values;
+    std::vector<element_property_t> properties;
+    EXPECT_EQ(client.tav.get_leaves({path, "/n/1"}, statuses, values, properties), 0);
+    std::ostringstream text;
+    for (std::size_t i = 0; i < statuses.size(); ++i) {
+        text << statuses[i] << ' ' << properties[i] << ' ' << values[i].type() << ' '
+             << values[i].to_string() << ' ' << values[i].time() << '\n';
+    }
+    std::vector<toolkit::child_t> children;
+    EXPECT_EQ(client.tav.list_node(path, statuses[0], children), 0);
+    text << statuses[0] << '\n';
+    for (const auto &[name, kind] : children) {
+        text << name << ' ' << kind.first << ' ' << kind.second << '\n';
+    }
+    return text.str();
+}
+
+} // namespace
+
 TEST_F(ReadAheadTest, EveryCallIsAnsweredAsByTheService) {
     const Names values{"x", std::string(300, 'y'), "", "1"};
     std::mt19937 random(1);
@@ -203,25 +210,7 @@ TEST_F(ReadAheadTest, EveryCallIsAnsweredAsByTheService) {
         reader.get("/n/1/a");
         ASSERT_EQ(shown("read-aheads of all clients").used, 1U);
         for (const std::string &path : paths) {
-            std::vector<api_status_t> statuses[2];
-            std::vector<toolkit::CElement> found[2];
-            std::vector<element_property_t> properties[2];
-            std::vector<toolkit::child_t> children[2];
-            api_status_t listed[2]{};
-            int i = 0;
-            for (Client *each : {&plain, &reader}) {
-                EXPECT_EQ(
-                    each->tav.get_leaves({path, "/n/1"}, statuses[i], found[i], properties[i]), 0);
-                EXPECT_EQ(each->tav.list_node(path, listed[i], children[i]), 0);
-                ++i;
-            }
-            EXPECT_EQ(statuses[0], statuses[1]) << path;
-            EXPECT_EQ(properties[0], properties[1]) << path;
-            EXPECT_EQ(found[0][0].type(), found[1][0].type()) << path;
-            EXPECT_EQ(found[0][0].to_string(), found[1][0].to_string()) << path;
-            EXPECT_EQ(found[0][0].time(), found[1][0].time()) << path;
-            EXPECT_EQ(listed[0], listed[1]) << path;
-            EXPECT_EQ(children[0], children[1]) << path;
+            EXPECT_EQ(answers(reader, path), answers(plain, path)) << path;
         }
         ASSERT_EQ(shown("read-aheads of all clients").used, 1U);
     }
@@ -245,13 +234,9 @@ TEST_F(ReadAheadTest, AReadIsAsLargeAsTheServiceAllows) {
 TEST_F(ReadAheadTest, ItEndsWithTheConnection) {
     tavd->signal(SIGKILL);
     tavd->wait();
-    api_status_t status = api_status_ok;
-    toolkit::CElement value;
-    element_property_t property = element_property_none;
-    EXPECT_LT(client->tav.get_leaf("/n/2/a", status, value, property), 0);
-    EXPECT_EQ(status, api_status_none);
+    EXPECT_LT(client->try_get("/n/2/a"), 0);
     start();
-    EXPECT_LT(client->tav.get_leaf("/n/2/a", status, value, property), 0);
+    EXPECT_LT(client->try_get("/n/2/a"), 0);
 }
 
 TEST_F(ReadAheadTest, AClientWithoutItAsksTheService) {
@@ -279,11 +264,7 @@ TEST_F(ReadAheadTest, ItsNumberAndSizeAreLimitedAndShown) {
     EXPECT_GT(shown("bytes of a read-ahead").used, 19U);
     EXPECT_LT(shown("bytes of a read-ahead").used, 200U);
     EXPECT_EQ(shown("bytes of a read-ahead").refused, 0U);
-    Names paths;
-    for (int i = 0; i < 70; ++i) {
-        paths.push_back("/n/1/big" + std::to_string(i));
-    }
-    other->set_all(paths, Names(70, std::string(65536, 'x')));
+    other->set_numbered("/n/1/big", 70, std::string(65536, 'x'));
     EXPECT_EQ(client->list("/n"), (Names{"1", "2", "x"}));
     EXPECT_EQ(client->get("/n/x"), "four");
     EXPECT_EQ(client->get("/n/2/a"), "three");
@@ -294,11 +275,7 @@ TEST_F(ReadAheadTest, ItsNumberAndSizeAreLimitedAndShown) {
 }
 
 TEST_F(ReadAheadTest, ItMayBeNearlyAsLargeAsTheLimit) {
-    Names paths;
-    for (int i = 0; i < 63; ++i) {
-        paths.push_back("/n/1/big" + std::to_string(i));
-    }
-    other->set_all(paths, Names(63, std::string(65536, 'x')));
+    other->set_numbered("/n/1/big", 63, std::string(65536, 'x'));
     client->list("/n");
     EXPECT_EQ(alone("/n/1/big62"), std::string(65536, 'x'));
     EXPECT_EQ(shown("bytes of a read-ahead").refused, 0U);
@@ -309,16 +286,16 @@ TEST_F(ReadAheadTest, ItMayBeNearlyAsLargeAsTheLimit) {
 TEST_F(ReadAheadTest, AHolderGetsOneNoticeBeforeTheChangeIsAcknowledged) {
     const RawClient holder(socket);
     RawPeer &calls = const_cast<RawPeer &>(holder.calls);
-    calls.send(request_of(Op::read_ahead, "/n"));
+    calls.send(path_frame(Op::read_ahead, "/n"));
     calls.receive();
     other->set("/n/x", "changed");
     EXPECT_EQ(arrived(calls, 9), 9);
     EXPECT_TRUE(is_notice(calls.receive()));
     other->set("/n/x", "again");
     EXPECT_EQ(arrived(calls, 0), 0);
-    calls.send(request_of(Op::read_ahead, "/none"));
+    calls.send(path_frame(Op::read_ahead, "/none"));
     EXPECT_EQ(calls.receive().back(), static_cast<char>(api_status_absent));
-    calls.send(request_of(Op::read_ahead, "/n/x"));
+    calls.send(path_frame(Op::read_ahead, "/n/x"));
     EXPECT_EQ(calls.receive().back(), static_cast<char>(api_status_wrong_kind));
     other->set("/none", "1");
     EXPECT_EQ(arrived(calls, 0), 0);
@@ -327,7 +304,7 @@ TEST_F(ReadAheadTest, AHolderGetsOneNoticeBeforeTheChangeIsAcknowledged) {
 TEST_F(ReadAheadTest, ANewReadAheadGivesUpTheOneBefore) {
     RawClient holder(socket);
     for (const char *path : {"/n", "/m"}) {
-        holder.calls.send(request_of(Op::read_ahead, path));
+        holder.calls.send(path_frame(Op::read_ahead, path));
         holder.calls.receive();
     }
     other->set("/n/x", "changed");
@@ -339,9 +316,9 @@ TEST_F(ReadAheadTest, ANewReadAheadGivesUpTheOneBefore) {
 TEST_F(ReadAheadTest, WithAFrameThatWaitsTheNoticeComesBeforeTheAnswerIsComplete) {
     other->set("/big", std::string(65536, 'x'));
     RawClient holder(socket);
-    holder.calls.send(request_of(Op::read_ahead, "/n"));
+    holder.calls.send(path_frame(Op::read_ahead, "/n"));
     holder.calls.receive();
-    holder.calls.send(read_of(Names(20, "/big")));
+    holder.calls.send(read_frame(Names(20, "/big")));
     ASSERT_GT(arrived(holder.calls, 100000), 0);
     std::this_thread::sleep_for(std::chrono::milliseconds(50)); // the socket fills up
     other->set("/n/x", "changed");
@@ -356,7 +333,7 @@ TEST_F(ReadAheadTest, WithAFrameThatWaitsTheNoticeComesBeforeTheAnswerIsComplete
 }
 
 TEST_F(ReadAheadTest, AHolderWhoseSocketIsFullIsDisconnected) {
-    const std::string request = read_of({"/n/x"});
+    const std::string request = read_frame({"/n/x"});
     // So many replies fill the socket, and nothing waits in the service.
     int replies = 0;
     {
@@ -369,7 +346,7 @@ TEST_F(ReadAheadTest, AHolderWhoseSocketIsFullIsDisconnected) {
         } while (arrived(trial.calls, (replies + 1) * size) == (replies + 1) * size);
     }
     RawClient holder(socket);
-    holder.calls.send(request_of(Op::read_ahead, "/n/1"));
+    holder.calls.send(path_frame(Op::read_ahead, "/n/1"));
     const std::string ahead = holder.calls.receive();
     holder.calls.send(request);
     const int size = arrived(holder.calls, 1);
@@ -443,62 +420,6 @@ protected:
 
 } // namespace
 
-TEST_F(PlayedTest, ThePingAfterAnswersFromMemorySaysSo) {
-    play([this](RawPeer &calls) {
-        ahead(calls);
-        expect(calls, Op::ping_after_answers);
-        expect(calls, Op::watchdog_ping);
-        expect(calls, Op::status);
-        calls.close();
-    });
-    EXPECT_EQ(client->get("/n/x"), "ahead");
-    EXPECT_EQ(client->get("/n/x"), "ahead");
-    client->ping();
-    client->ping();
-    EXPECT_EQ(client->get("/n/x"), "ahead");
-    tav::ServiceStatus status;
-    EXPECT_LT(tav::service_status(client->tav.handle, status), 0);
-}
-
-TEST_F(PlayedTest, AfterAnExchangeThePingIsOrdinary) {
-    play([this](RawPeer &calls) {
-        ahead(calls);
-        expect(calls, Op::events_get);
-        calls.send(reply_frame(serial, false, [](Writer &out) { out.u32(0); }));
-        expect(calls, Op::watchdog_ping);
-    });
-    EXPECT_EQ(client->get("/n/x"), "ahead");
-    EXPECT_EQ(client->get("/n/x"), "ahead");
-    client->fetch();
-    client->ping();
-}
-
-TEST_F(PlayedTest, WithItsNoticeAReadAheadServesOnlyTheCallThatRequestedIt) {
-    play([this](RawPeer &calls) {
-        calls.send(notice());
-        ahead(calls);
-        expect(calls, Op::read_ahead); // it was worth it
-        ahead(calls);
-    });
-    EXPECT_EQ(client->get("/n/x"), "ahead");
-    EXPECT_EQ(client->get("/n/x"), "ahead");
-}
-
-TEST_F(PlayedTest, ANoticeWithTheReplyIsFound) {
-    play([this](RawPeer &calls) {
-        const std::string frame = reply_frame(serial, false, [](Writer &out) {
-            put(out, api_status_ok);
-            put(out, tav::AheadElement{1, "x", element_type_string, "ahead", 0});
-            put(out, tav::AheadElement{});
-        });
-        calls.send(frame + notice()); // received together
-        expect(calls, Op::read_ahead);
-        ahead(calls);
-    });
-    EXPECT_EQ(client->get("/n/x"), "ahead");
-    EXPECT_EQ(client->get("/n/x"), "ahead");
-}
-
 TEST_F(PlayedTest, ANoticeForNothingEndsTheConnection) {
     play([this](RawPeer &calls) {
         ahead(calls);
@@ -510,26 +431,10 @@ TEST_F(PlayedTest, ANoticeForNothingEndsTheConnection) {
     });
     EXPECT_EQ(client->get("/n/x"), "ahead");
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    api_status_t status = api_status_ok;
-    toolkit::CElement value;
-    element_property_t property = element_property_none;
-    EXPECT_LT(client->tav.get_leaf("/n/x", status, value, property), 0);
+    EXPECT_LT(client->try_get("/n/x"), 0);
     ASSERT_EQ(reports().size(), 1U);
-    EXPECT_NE(reports()[0].second.find("malformed"), std::string::npos);
+    EXPECT_TRUE(has(reports()[0].second, "malformed"));
     reports().clear();
-}
-
-TEST_F(PlayedTest, WhatIsTooLargeIsReadPlainlyAndNotAskedForAgain) {
-    play([this](RawPeer &calls) {
-        ahead(calls, tav::depth_too_large);
-        for (int i = 0; i < 5; ++i) {
-            expect(calls, Op::read);
-            answer(calls);
-        }
-    });
-    for (int i = 0; i < 5; ++i) {
-        EXPECT_EQ(client->get("/n/x"), "value");
-    }
 }
 
 TEST_F(PlayedTest, AMalformedReadAheadEndsTheConnection) {
@@ -553,12 +458,9 @@ TEST_F(PlayedTest, AMalformedReadAheadEndsTheConnection) {
             }));
             calls.closed();
         });
-        api_status_t status = api_status_ok;
-        toolkit::CElement value;
-        element_property_t property = element_property_none;
-        EXPECT_LT(client->tav.get_leaf("/n/x", status, value, property), 0);
+        EXPECT_LT(client->try_get("/n/x"), 0);
         ASSERT_EQ(reports().size(), 1U);
-        EXPECT_NE(reports()[0].second.find("malformed"), std::string::npos);
+        EXPECT_TRUE(has(reports()[0].second, "malformed"));
         reports().clear();
         client.reset();
         service.reset();

@@ -43,38 +43,7 @@ bool possible(const History &history) {
     return go_on(0);
 }
 
-History of(std::vector<History::Write> writes, std::vector<History::Read> reads) {
-    History history;
-    history.writes = std::move(writes);
-    history.reads = std::move(reads);
-    return history;
-}
-
 } // namespace
-
-TEST(RecordedReads, ReadsOfTheLastAcknowledgedOrAConcurrentWriteAreRight) {
-    const std::vector<History::Write> writes{{10, 20, 1}, {30, 40, 2}, {50, 60, 0}};
-    EXPECT_EQ(of(writes, {{0, 5, 0}, {21, 29, 1}, {41, 49, 2}, {61, 70, 0}}).fault(), "");
-    EXPECT_EQ(of(writes, {{11, 12, 1}, {15, 35, 2}}).fault(), "");
-    EXPECT_EQ(of(writes, {{31, 32, 1}, {33, 34, 2}, {51, 52, 2, true}}).fault(), "");
-}
-
-TEST(RecordedReads, AStaleReadIsFound) {
-    EXPECT_EQ(of({{10, 20, 1}}, {{21, 22, 0}}).fault(),
-              "a read from 21 to 22 found 0, but 1 writes had ended before it, 1 had begun, and an "
-              "earlier read had seen 0");
-    EXPECT_NE(of({{10, 20, 1}, {30, 40, 2}}, {{41, 50, 1}}).fault(), "");
-    EXPECT_NE(of({{10, 20, 1}, {30, 40, 0}}, {{41, 50, 0, true}}).fault(), "");
-}
-
-TEST(RecordedReads, AReadOfTheFutureIsFound) {
-    EXPECT_NE(of({{10, 20, 1}}, {{1, 9, 1}}).fault(), "");
-}
-
-TEST(RecordedReads, AReadThatGoesBackBehindAnotherIsFound) {
-    EXPECT_NE(of({{10, 100, 1}}, {{20, 30, 1}, {40, 50, 0}}).fault(), "");
-    EXPECT_EQ(of({{10, 100, 1}}, {{20, 45, 1}, {40, 50, 0}}).fault(), "") << "they overlap";
-}
 
 TEST(RecordedReads, RandomHistoriesAreJudgedAsByTryingAllOrders) {
     std::mt19937 random(1);

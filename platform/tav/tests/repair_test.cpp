@@ -16,25 +16,21 @@ protected:
     // A database of 2,001 elements; three writes are in its log only.
     void SetUp() override {
         start(on_disk);
-        Names paths;
-        for (int i = 0; i < 2000; ++i) {
-            paths.push_back("/n/" + std::to_string(i));
-        }
-        {
-            Client client;
-            ASSERT_EQ(client.set_all(paths, Names(paths.size(), "value ")).front(), api_status_ok);
-        }
+        ASSERT_EQ(Client().set_numbered("/n/", 2000, "value "), api_status_ok);
         ASSERT_EQ(stop(), 0);
         start(on_disk);
         leave_writes_in_the_log();
     }
 
+    // The message of a repair, which must succeed.
+    std::string repaired() {
+        const Ran ran = repair();
+        EXPECT_EQ(ran.status, 0) << ran.errors;
+        return ran.output;
+    }
     Ran repair() { return run(dir, tavd_arguments({"--repair", "--database", database})); }
     void expect_refused_start() {
-        const Ran ran = run(dir, tavd_arguments(on_disk));
-        EXPECT_EQ(ran.status, 1);
-        EXPECT_NE(ran.errors.find("tavd --repair --database '" + database + "'"), std::string::npos)
-            << ran.errors;
+        EXPECT_TRUE(has(refused(on_disk), "tavd --repair --database '" + database + "'"));
     }
     static void flip(const std::string &file, std::size_t at) {
         std::string content = read_file(file);
@@ -54,10 +50,7 @@ TEST_F(RepairTest, WritesBeforeTheDamageInTheLogAreKept) {
     flip(log, read_file(log).find("second"));
     const std::string damaged = read_file(log);
     expect_refused_start();
-    const Ran ran = repair();
-    EXPECT_EQ(ran.status, 0) << ran.errors;
-    EXPECT_EQ(ran.output.find("'" + database + "': kept 1 write of its log, dropped"), 0U)
-        << ran.output;
+    EXPECT_TRUE(has(repaired(), "'" + database + "': kept 1 write of its log, dropped"));
     EXPECT_EQ(read_file(log + ".damaged"), damaged);
     start(on_disk);
     EXPECT_EQ(Client().get("/n/1"), "first in the log");
@@ -67,7 +60,7 @@ TEST_F(RepairTest, WritesBeforeTheDamageInTheLogAreKept) {
 TEST_F(RepairTest, ALogWithoutAValidHeaderIsDropped) {
     flip(log, 17);
     expect_refused_start();
-    EXPECT_EQ(repair().status, 0);
+    repaired();
     start(on_disk);
     EXPECT_EQ(Client().get("/n/1"), "value ");
 }
@@ -77,9 +70,7 @@ TEST_F(RepairTest, OneDamagedRowIsDropped) {
     const std::string damaged = read_file(database);
     const std::string damaged_log = read_file(log);
     expect_refused_start();
-    const Ran ran = repair();
-    EXPECT_EQ(ran.status, 0) << ran.errors;
-    EXPECT_EQ(ran.output, "'" + database +
+    EXPECT_EQ(repaired(), "'" + database +
                               "': kept 2000 of 2001 elements and 4 of 4 entries of the history, "
                               "dropped 1 damaged row and what "
                               "cannot be read. The damaged database is '" +
@@ -94,13 +85,9 @@ TEST_F(RepairTest, OneDamagedRowIsDropped) {
 TEST_F(RepairTest, OneDamagedEntryOfTheHistoryIsDropped) {
     flip(database, read_file(database).rfind("value ") + 5);
     expect_refused_start();
-    const Ran ran = repair();
-    EXPECT_EQ(ran.status, 0) << ran.errors;
-    EXPECT_EQ(ran.output.find("'" + database +
-                              "': kept 2001 of 2001 elements and 3 of 4 entries "
-                              "of the history, dropped 1 damaged row and"),
-              0U)
-        << ran.output;
+    EXPECT_TRUE(has(repaired(), "'" + database +
+                                    "': kept 2001 of 2001 elements and 3 of 4 entries "
+                                    "of the history, dropped 1 damaged row and"));
     start(on_disk);
     EXPECT_EQ(Client().get("/n/1"), "third");
     EXPECT_EQ(tav({"history", "--since", "2"}).errors, "");
@@ -112,7 +99,7 @@ TEST_F(RepairTest, TheRowsOnBothSidesOfADamagedPageAreKept) {
     content.replace(content.find("/n/1500") / 1024 * 1024, 1024, std::string(1024, '\xa5'));
     write_file(database, content);
     expect_refused_start();
-    EXPECT_EQ(repair().status, 0);
+    repaired();
     start(on_disk);
     const std::size_t left = Client().list("/n").size();
     EXPECT_LT(left, 2000U);
@@ -125,7 +112,7 @@ TEST_F(RepairTest, AnInterruptedRepairCanBeRepeated) {
     flip(database, read_file(database).find("value ") + 5);
     std::filesystem::create_hard_link(database, database + ".damaged");
     std::filesystem::rename(log, database + ".damaged-wal");
-    EXPECT_EQ(repair().status, 0);
+    repaired();
     start(on_disk);
     EXPECT_EQ(Client().get("/n/1"), "third");
 }
@@ -136,16 +123,14 @@ TEST_F(RepairTest, AnEarlierDamagedDatabaseIsNotOverwritten) {
     const std::string before = read_file(database);
     const Ran ran = repair();
     EXPECT_EQ(ran.status, 1);
-    EXPECT_NE(ran.errors.find("there is already '" + database + ".damaged'"), std::string::npos);
+    EXPECT_TRUE(has(ran.errors, "there is already '" + database + ".damaged'"));
     EXPECT_EQ(read_file(database), before);
     EXPECT_EQ(read_file(database + ".damaged"), "earlier");
 }
 
 TEST_F(RepairTest, NothingIsChangedWithoutDamageOrWithoutAnythingToKeep) {
     const std::string content = read_file(database);
-    const Ran ran = repair();
-    EXPECT_EQ(ran.status, 0);
-    EXPECT_EQ(ran.output, "'" + database + "' is not damaged, and was not changed.\n");
+    EXPECT_EQ(repaired(), "'" + database + "' is not damaged, and was not changed.\n");
     EXPECT_EQ(read_file(database), content);
     std::filesystem::remove(log);
     write_file(database, std::string(5000, 'x'));
@@ -158,5 +143,5 @@ TEST_F(RepairTest, ADatabaseInUseIsNotRepaired) {
     start(on_disk);
     const Ran ran = repair();
     EXPECT_EQ(ran.status, 1);
-    EXPECT_NE(ran.errors.find("is in use by another process"), std::string::npos);
+    EXPECT_TRUE(has(ran.errors, "is in use by another process"));
 }

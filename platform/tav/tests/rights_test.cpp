@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <functional>
 
@@ -38,6 +39,52 @@ std::string name_of(gid_t group) {
     return found != nullptr ? found->gr_name : std::string();
 }
 
+// A process of another user. It runs `act`, then stays until the end of the object.
+class OtherUser {
+public:
+    OtherUser(uid_t user, gid_t group, const std::vector<gid_t> &groups,
+              const std::function<std::string()> &act) {
+        int ends[2] = {-1, -1};
+        if (::pipe(ends) != 0) {
+            return;
+        }
+        child = ::fork();
+        if (child == 0) {
+            const bool is_it = ::setgroups(groups.size(), groups.data()) == 0 &&
+                               ::setresgid(group, group, group) == 0 &&
+                               ::setresuid(user, user, user) == 0;
+            ::prctl(PR_SET_PDEATHSIG, SIGKILL); // becoming another user ends that
+            const std::string text = is_it ? act() : "cannot become the user";
+            if (::write(ends[1], text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+                ::_exit(1);
+            }
+            ::close(ends[1]);
+            for (;;) {
+                ::pause();
+            }
+        }
+        ::close(ends[1]);
+        std::array<char, 1000> part{};
+        for (ssize_t got = 0; (got = ::read(ends[0], part.data(), part.size())) > 0;) {
+            said.append(part.data(), static_cast<std::size_t>(got));
+        }
+        ::close(ends[0]);
+    }
+    ~OtherUser() {
+        if (child > 0) {
+            ::kill(child, SIGKILL);
+            ::waitpid(child, nullptr, 0);
+        }
+    }
+    OtherUser(const OtherUser &) = delete;
+    OtherUser &operator=(const OtherUser &) = delete;
+
+    std::string said; // the result of `act`
+
+private:
+    pid_t child = -1;
+};
+
 class RightsTest : public StoreTest {
 protected:
     void SetUp() override {
@@ -59,31 +106,7 @@ protected:
     // The result of `act` when another user runs it.
     static std::string as(uid_t user, gid_t group, const std::vector<gid_t> &groups,
                           const std::function<std::string()> &act) {
-        int ends[2] = {-1, -1};
-        if (::pipe(ends) != 0) {
-            return "pipe failed";
-        }
-        const pid_t child = ::fork();
-        if (child == 0) {
-            std::string text = "cannot become the user";
-            if (::setgroups(groups.size(), groups.data()) == 0 &&
-                ::setresgid(group, group, group) == 0 && ::setresuid(user, user, user) == 0) {
-                text = act();
-            }
-            const ssize_t written = ::write(ends[1], text.data(), text.size());
-            ::_exit(written == static_cast<ssize_t>(text.size()) ? 0 : 1);
-        }
-        ::close(ends[1]);
-        std::string text(10000, '\0');
-        std::size_t length = 0;
-        ssize_t got = 0;
-        while ((got = ::read(ends[0], &text[length], text.size() - length)) > 0) {
-            length += static_cast<std::size_t>(got);
-        }
-        ::close(ends[0]);
-        ::waitpid(child, nullptr, 0);
-        text.resize(length);
-        return text;
+        return OtherUser(user, group, groups, act).said;
     }
 
     // "connected", or the library's report.
@@ -147,9 +170,8 @@ TEST(Rights, FewDescriptorsMeanFewConnectionsAndStillSomeForRoot) {
 }
 
 TEST_F(StoreTest, AGroupThatDoesNotExistIsNamed) {
-    const Ran ran = run(dir, tavd_arguments({"--memory", "--read-group", "no-such-group"}));
-    EXPECT_EQ(ran.status, 1);
-    EXPECT_EQ(ran.errors, "tavd: there is no group 'no-such-group'\n");
+    EXPECT_EQ(refused({"--memory", "--read-group", "no-such-group"}),
+              "tavd: there is no group 'no-such-group'\n");
 }
 
 TEST_F(RightsTest, WithoutAGroupOnlyOwnerAndRootReachTheSocket) {
@@ -250,53 +272,14 @@ TEST_F(RightsTest, StatusShowsWhoMayWrite) {
 
 namespace {
 
-// Another user's process with the given number of clients.
-class Crowd {
-public:
-    explicit Crowd(uid_t user) {
-        int ends[2] = {-1, -1};
-        if (::pipe(ends) != 0) {
-            return;
-        }
-        child = ::fork();
-        if (child == 0) {
-            ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-            hold(user, ends[1]);
-        }
-        ::close(ends[1]);
-        const ssize_t got = ::read(ends[0], &clients, sizeof clients);
-        EXPECT_EQ(got, static_cast<ssize_t>(sizeof clients));
-        ::close(ends[0]);
-    }
-    ~Crowd() {
-        ::kill(child, SIGKILL);
-        ::waitpid(child, nullptr, 0);
-    }
-    Crowd(const Crowd &) = delete;
-    Crowd &operator=(const Crowd &) = delete;
-
-    std::size_t clients = 0;
-
-private:
-    [[noreturn]] static void hold(uid_t user, int tell) {
-        if (::setgroups(1, &writers) != 0 || ::setresuid(user, user, user) != 0) {
-            ::_exit(1);
-        }
-        std::vector<std::unique_ptr<Client>> all;
-        do {
-            all.push_back(std::make_unique<Client>());
-        } while (all.back()->connected());
-        const std::size_t held = all.size() - 1;
-        if (::write(tell, &held, sizeof held) < 0) {
-            ::_exit(1);
-        }
-        for (;;) {
-            ::pause();
-        }
-    }
-
-    pid_t child = -1;
-};
+// Connects as many clients as it may, which stay connected. Their number.
+std::string crowd() {
+    static std::vector<std::unique_ptr<Client>> all;
+    do {
+        all.push_back(std::make_unique<Client>());
+    } while (all.back()->connected());
+    return std::to_string(all.size() - 1);
+}
 
 } // namespace
 
@@ -304,13 +287,14 @@ TEST_F(RightsTest, AllOthersTogetherLeaveConnectionsToRoot) {
     start_with({"--write-group", name_of(writers)});
     const std::size_t each = tav::limits::connections_per_user / 2;
     std::size_t left = (tav::limits::connections - tav::limits::connections_kept) / 2;
-    std::vector<std::unique_ptr<Crowd>> crowds;
+    std::vector<std::unique_ptr<OtherUser>> crowds;
+    const std::vector<gid_t> group{writers};
     for (uid_t user = stranger; left > 0; ++user) {
-        crowds.push_back(std::make_unique<Crowd>(user));
-        EXPECT_EQ(crowds.back()->clients, std::min(each, left));
+        crowds.push_back(std::make_unique<OtherUser>(user, no_group, group, crowd));
+        EXPECT_EQ(crowds.back()->said, std::to_string(std::min(each, left)));
         left -= std::min(each, left);
     }
-    EXPECT_EQ(Crowd(stranger + 100).clients, 0U);
+    EXPECT_EQ(as(stranger + 100, no_group, group, crowd), "0");
     Client root;
     ASSERT_TRUE(root.connected());
     EXPECT_EQ(root.set("/a", "1"), api_status_ok);
@@ -319,14 +303,12 @@ TEST_F(RightsTest, AllOthersTogetherLeaveConnectionsToRoot) {
 TEST_F(RightsTest, OthersLeaveConnectionsToRootWhenDescriptorsAreFew) {
     prefix = {"/bin/sh", "-c", "ulimit -n 40 && exec \"$0\" \"$@\""};
     start({"--database", dir.file("store.db"), "--write-group", name_of(writers)});
-    const Crowd one(stranger);
-    const Crowd other(stranger + 1);
-    EXPECT_EQ(one.clients + other.clients, 6U);
+    const OtherUser one(stranger, no_group, {writers}, crowd);
+    const OtherUser other(stranger + 1, no_group, {writers}, crowd);
+    EXPECT_EQ(std::stoi(one.said) + std::stoi(other.said), 6);
     Client root;
     ASSERT_TRUE(root.connected());
     EXPECT_EQ(root.set("/a", "1"), api_status_ok);
     const std::string shown = tav({"status"}).output;
-    EXPECT_NE(shown.find("connections of a user                          8           8"),
-              std::string::npos)
-        << shown;
+    EXPECT_TRUE(has(shown, "connections of a user                          8           8"));
 }

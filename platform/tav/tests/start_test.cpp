@@ -54,12 +54,9 @@ TEST_F(StartTest, ItNeedsNoMoreMemoryThanRunning) {
     start(on_disk);
     Client client;
     for (int call = 0; call < 600; ++call) {
-        Names paths;
-        for (int leaf = 0; leaf < 100; ++leaf) {
-            paths.push_back("/n/" + std::to_string(call) + "/leaf " + std::to_string(leaf));
-        }
-        ASSERT_EQ(client.set_all(paths, Names(paths.size(), std::string(40, 'v'))).front(),
-                  api_status_ok);
+        ASSERT_EQ(
+            client.set_numbered("/n/" + std::to_string(call) + "/leaf ", 100, std::string(40, 'v')),
+            api_status_ok);
     }
     client.close();
     const long running = memory("VmRSS");

@@ -5,34 +5,29 @@
 
 #include "protocol/limits.h"
 #include "service/session.h"
-#include "service/store.h"
+#include "support/store_unit.h"
 
 using namespace tav;
+using tavtest::step;
+using tavtest::text_at;
 
 namespace {
 
-// Counts the commits and can refuse them.
+// Counts the commits.
 class TestStorage : public Storage {
 public:
     bool commit(const Edit::Changes &changes) override {
-        if (refuse) {
-            return false;
-        }
         ++commits;
         last.assign(changes.begin(), changes.end());
         return true;
     }
 
-    bool refuse = false;
     int commits = 0;
     std::vector<Change> last;
 };
 
 Item set_item(const std::string &path, const std::string &text, std::int64_t time = no_time) {
     return Item{ItemKind::set, path, Value{element_type_string, text, time}};
-}
-Item item(ItemKind kind, const std::string &path) {
-    return Item{kind, path, {}};
 }
 
 class StoreUnit : public ::testing::Test {
@@ -80,22 +75,12 @@ protected:
         return {status, value != nullptr ? *value : Value()};
     }
 
-    std::string text(const std::string &path) {
-        const LeafAnswer answer = read(path);
-        return answer.status == api_status_ok ? answer.value.text
-                                              : "status " + std::to_string(answer.status);
-    }
+    std::string text(const std::string &path) { return text_at(store->tree(), path); }
 
     // The complete content of the tree, to compare before and after.
     std::string picture() {
-        std::string all;
-        walk(store->tree(), "/", [&all](const std::string &path, const Element &element) {
-            all += path + "=" + std::to_string(element.value().type) + ":" + element.value().text +
-                   "@" + std::to_string(element.value().time) + "\n";
-            return true;
-        });
-        return all + std::to_string(store->tree().extent().nodes) + "/" +
-               std::to_string(store->tree().extent().leaves);
+        return tavtest::picture(store->tree()) + std::to_string(store->tree().extent().nodes) +
+               "/" + std::to_string(store->tree().extent().leaves);
     }
 
     TestStorage *storage = nullptr;
@@ -114,51 +99,16 @@ TEST_F(StoreUnit, AStoreInMemoryBeginsWithItsInitialNodes) {
     EXPECT_EQ(picture(), "/=2:@-1\n1/0");
 }
 
-TEST_F(StoreUnit, AWriteCreatesMissingParents) {
-    EXPECT_EQ(write({set_item("/a/b/c", "1")}).statuses, Statuses{api_status_ok});
-    EXPECT_EQ(text("/a/b/c"), "1");
-    EXPECT_EQ(names("/a"), Names{"b"});
-}
-
-TEST_F(StoreUnit, EventsAreForLeavesOnlyOneEachInOrder) {
-    EXPECT_EQ(
-        events({set_item("/z/2", "x"), set_item("/z/1", "y"), item(ItemKind::make_node, "/n")}),
-        (Names{"2 /z/2", "2 /z/1"}));
-    EXPECT_EQ(storage->commits, 1);
-}
-
 TEST_F(StoreUnit, ALeafWrittenTwiceInOneTransactionIsOneEvent) {
     EXPECT_EQ(events({set_item("/a", "1"), set_item("/b", "1"), set_item("/a", "2")}),
               (Names{"2 /b", "2 /a"}));
     EXPECT_EQ(text("/a"), "2");
 }
 
-TEST_F(StoreUnit, ARemovedSubtreeIsOneEventPerLeaf) {
-    write({set_item("/a/x/2", "1"), set_item("/a/x/10", "1"), set_item("/a/b", "1"),
-           set_item("/ab", "1")});
-    EXPECT_EQ(events({item(ItemKind::remove_node, "/a")}),
-              (Names{"3 /a/b", "3 /a/x/2", "3 /a/x/10"}));
-    EXPECT_EQ(text("/a/b"), "status 2");
-    EXPECT_EQ(text("/ab"), "1");
-}
-
-TEST_F(StoreUnit, AWriteThatChangesNothingNeitherCommitsNorMakesAnEvent) {
-    write({set_item("/a/b", "1", 1000)});
-    const std::string before = picture();
-    const std::uint64_t revision = store->revision();
-    storage->commits = 0;
-    const Outcome outcome = write({set_item("/a/b", "1"), item(ItemKind::make_node, "/a")});
-    EXPECT_EQ(outcome.statuses, (Statuses{api_status_ok, api_status_ok}));
-    EXPECT_TRUE(outcome.events.empty());
-    EXPECT_EQ(storage->commits, 0);
-    EXPECT_EQ(store->revision(), revision);
-    EXPECT_EQ(picture(), before);
-}
-
 TEST_F(StoreUnit, ALeafSetAndSetBackIsNoChange) {
     write({set_item("/a", "1", 1000)});
     storage->commits = 0;
-    EXPECT_EQ(events({set_item("/b", "1"), item(ItemKind::remove, "/b")}), Names{});
+    EXPECT_EQ(events({set_item("/b", "1"), step(ItemKind::remove, "/b")}), Names{});
     EXPECT_EQ(storage->commits, 0);
 }
 
@@ -167,38 +117,6 @@ TEST_F(StoreUnit, AnotherTypeWithTheSameTextIsAChange) {
     const Item other{ItemKind::set, "/a", Value{element_type_integer, "1", no_time}};
     EXPECT_EQ(events({other}), Names{"2 /a"});
     EXPECT_EQ(read("/a").value.type, element_type_integer);
-}
-
-TEST_F(StoreUnit, ANodeOutlivesItsLastLeaf) {
-    write({set_item("/a/b", "1")});
-    EXPECT_EQ(events({item(ItemKind::remove, "/a/b")}), Names{"3 /a/b"});
-    EXPECT_EQ(names("/a"), Names{});
-    EXPECT_EQ(read("/a").status, api_status_wrong_kind);
-}
-
-TEST_F(StoreUnit, ATransactionIsDoneWholeOrNotAtAll) {
-    write({set_item("/a/b", "old", 5), set_item("/a/c/d", "x", 5)});
-    const std::string before = picture();
-    storage->commits = 0;
-    const Outcome outcome =
-        write({set_item("/a/b", "new"), item(ItemKind::remove, "/a/c"), set_item("/new/leaf", "1"),
-               set_item("/a", "a node is here"), set_item("/z", "1")});
-    EXPECT_EQ(outcome.statuses,
-              (Statuses{api_status_not_done, api_status_not_done, api_status_not_done,
-                        api_status_wrong_kind, api_status_not_done}));
-    EXPECT_TRUE(outcome.events.empty());
-    EXPECT_EQ(storage->commits, 0);
-    EXPECT_EQ(picture(), before);
-}
-
-TEST_F(StoreUnit, AFailedCommitChangesNothing) {
-    write({set_item("/a/b", "old"), set_item("/gone/x", "1")});
-    const std::string before = picture();
-    storage->refuse = true;
-    const Outcome outcome = write({set_item("/a/b", "new"), item(ItemKind::remove, "/gone")});
-    EXPECT_EQ(outcome.statuses, (Statuses{api_status_failed, api_status_failed}));
-    EXPECT_TRUE(outcome.events.empty());
-    EXPECT_EQ(picture(), before);
 }
 
 TEST_F(StoreUnit, EachFaultHasItsStatus) {
@@ -213,12 +131,12 @@ TEST_F(StoreUnit, EachFaultHasItsStatus) {
               api_status_value_too_long);
     EXPECT_EQ(status(set_item("/" + std::string(limits::name_bytes + 1, 'n'), "1")),
               api_status_name_too_long);
-    EXPECT_EQ(status(item(ItemKind::make_node, "/a/leaf")), api_status_wrong_kind);
-    EXPECT_EQ(status(item(ItemKind::remove_node, "/")), api_status_refused);
-    EXPECT_EQ(status(item(ItemKind::remove, "/")), api_status_refused);
-    EXPECT_EQ(status(item(ItemKind::remove_node, "/none")), api_status_absent);
-    EXPECT_EQ(status(item(ItemKind::remove_node, "/a/leaf")), api_status_wrong_kind);
-    EXPECT_EQ(status(item(ItemKind::touch, "/none")), api_status_absent);
+    EXPECT_EQ(status(step(ItemKind::make_node, "/a/leaf")), api_status_wrong_kind);
+    EXPECT_EQ(status(step(ItemKind::remove_node, "/")), api_status_refused);
+    EXPECT_EQ(status(step(ItemKind::remove, "/")), api_status_refused);
+    EXPECT_EQ(status(step(ItemKind::remove_node, "/none")), api_status_absent);
+    EXPECT_EQ(status(step(ItemKind::remove_node, "/a/leaf")), api_status_wrong_kind);
+    EXPECT_EQ(status(step(ItemKind::touch, "/none")), api_status_absent);
     EXPECT_EQ(read("/a").status, api_status_wrong_kind);
     EXPECT_EQ(read("/a/leaf/x").status, api_status_absent);
     EXPECT_EQ(read("x").status, api_status_bad_path);
@@ -228,45 +146,23 @@ TEST_F(StoreUnit, TouchMakesEventsWithoutAChange) {
     write({set_item("/a/1", "x", 7), set_item("/a/2", "x", 7)});
     const std::string before = picture();
     storage->commits = 0;
-    EXPECT_EQ(events({item(ItemKind::touch, "/a/2")}), Names{"2 /a/2"});
-    EXPECT_EQ(events({item(ItemKind::touch, "/a")}), (Names{"2 /a/1", "2 /a/2"}));
+    EXPECT_EQ(events({step(ItemKind::touch, "/a/2")}), Names{"2 /a/2"});
+    EXPECT_EQ(events({step(ItemKind::touch, "/a")}), (Names{"2 /a/1", "2 /a/2"}));
     EXPECT_EQ(storage->commits, 0);
     EXPECT_EQ(picture(), before);
-}
-
-TEST_F(StoreUnit, AStaleWriteIsRefusedWhole) {
-    write({set_item("/a/1", "x"), set_item("/b", "x")});
-    const std::string before = picture();
-    const Outcome outcome = write({set_item("/b", "new"), set_item("/a/1", "new")}, "/a/1");
-    EXPECT_EQ(outcome.statuses, (Statuses{api_status_not_done, api_status_stale}));
-    EXPECT_TRUE(outcome.events.empty());
-    EXPECT_EQ(picture(), before);
-}
-
-TEST_F(StoreUnit, AStaleRemovalIsRefusedForAnyLeafOfTheSubtree) {
-    write({set_item("/a/x/1", "x")});
-    EXPECT_EQ(write({item(ItemKind::remove_node, "/a")}, "/a/x/1").statuses,
-              Statuses{api_status_stale});
-    EXPECT_EQ(text("/a/x/1"), "x");
 }
 
 TEST_F(StoreUnit, AWriteThatChangesNothingIsNeverStale) {
     write({set_item("/a/1", "x")});
     EXPECT_EQ(write({set_item("/a/1", "x")}, "/a/1").statuses, Statuses{api_status_ok});
-    EXPECT_EQ(write({item(ItemKind::touch, "/a/1")}, "/a/1").statuses, Statuses{api_status_ok});
+    EXPECT_EQ(write({step(ItemKind::touch, "/a/1")}, "/a/1").statuses, Statuses{api_status_ok});
     EXPECT_EQ(write({set_item("/a/2", "y")}, "/a/1").statuses, Statuses{api_status_ok});
-}
-
-TEST_F(StoreUnit, TimeStampsAreKeptOrGiven) {
-    write({set_item("/a", "1", 1234), set_item("/b", "1")});
-    EXPECT_EQ(read("/a").value.time, 1234);
-    EXPECT_GT(read("/b").value.time, 1000000000);
 }
 
 TEST_F(StoreUnit, AReplacedSubtreeKeepsTheGivenTimesAndReportsOnlyContent) {
     write({set_item("/a/1", "x", 10), set_item("/a/2", "x", 10)});
     storage->commits = 0;
-    EXPECT_EQ(events({item(ItemKind::remove, "/a"), set_item("/a/1", "x", 20),
+    EXPECT_EQ(events({step(ItemKind::remove, "/a"), set_item("/a/1", "x", 20),
                       set_item("/a/2", "y", 20)}),
               Names{"2 /a/2"});
     EXPECT_EQ(read("/a/1").value.time, 20);
@@ -288,40 +184,26 @@ TEST_F(StoreUnit, AGivenTimeIsStoredForEqualContentWithoutAnEvent) {
     EXPECT_EQ(read("/a").value.time, 20);
 }
 
-TEST_F(StoreUnit, RemoveSingleTakesALeafOrAnEmptyNodeOnly) {
-    write({set_item("/a/leaf", "x"), item(ItemKind::make_node, "/a/empty")});
-    const auto status = [this](const std::string &path) {
-        return write({item(ItemKind::remove_single, path)}).statuses.front();
-    };
-    EXPECT_EQ(status("/a"), api_status_not_empty);
-    EXPECT_EQ(status("/"), api_status_refused);
-    EXPECT_EQ(status("/none"), api_status_absent);
-    EXPECT_EQ(status("/a/empty"), api_status_ok);
-    EXPECT_EQ(status("/a/leaf"), api_status_ok);
-    EXPECT_EQ(status("/a"), api_status_ok);
-    EXPECT_EQ(read("/a").status, api_status_absent);
-}
-
 TEST_F(StoreUnit, ClearEmptiesTheWholeStoreOrASubtreeAndAcceptsAnAbsentOne) {
     write({set_item("/a/1", "x", 10), set_item("/a/2", "x", 10), set_item("/b", "x", 10)});
-    EXPECT_EQ(events({item(ItemKind::clear, "/a"), set_item("/a/2", "x", 10)}), Names{"3 /a/1"});
-    EXPECT_EQ(events({item(ItemKind::clear, "/none")}), Names{});
-    EXPECT_EQ(events({item(ItemKind::clear, "/b")}), Names{"3 /b"});
-    EXPECT_EQ(events({item(ItemKind::clear, "/")}), Names{"3 /a/2"});
+    EXPECT_EQ(events({step(ItemKind::clear, "/a"), set_item("/a/2", "x", 10)}), Names{"3 /a/1"});
+    EXPECT_EQ(events({step(ItemKind::clear, "/none")}), Names{});
+    EXPECT_EQ(events({step(ItemKind::clear, "/b")}), Names{"3 /b"});
+    EXPECT_EQ(events({step(ItemKind::clear, "/")}), Names{"3 /a/2"});
     EXPECT_EQ(names("/"), Names{});
 }
 
 TEST_F(StoreUnit, AStaleClearIsRefused) {
     write({set_item("/a/x/1", "x")});
-    EXPECT_EQ(write({item(ItemKind::clear, "/")}, "/a/x/1").statuses, Statuses{api_status_stale});
+    EXPECT_EQ(write({step(ItemKind::clear, "/")}, "/a/x/1").statuses, Statuses{api_status_stale});
     EXPECT_EQ(text("/a/x/1"), "x");
 }
 
 TEST_F(StoreUnit, ALeafMayBecomeANodeInOneTransaction) {
     write({set_item("/a", "1")});
-    EXPECT_EQ(events({item(ItemKind::remove, "/a"), set_item("/a/b", "1")}),
+    EXPECT_EQ(events({step(ItemKind::remove, "/a"), set_item("/a/b", "1")}),
               (Names{"3 /a", "2 /a/b"}));
-    EXPECT_EQ(events({item(ItemKind::remove, "/a"), set_item("/a", "1")}),
+    EXPECT_EQ(events({step(ItemKind::remove, "/a"), set_item("/a", "1")}),
               (Names{"3 /a/b", "2 /a"}));
 }
 
@@ -338,16 +220,16 @@ TEST_F(StoreUnit, TheChildrenOfANodeAreLimited) {
 
 TEST_F(StoreUnit, TheLargestSizesAreThoseOfAnyTransactionsEnd) {
     write({set_item("/n/a", "1"), set_item("/n/b", "1"), set_item("/n/c", "1"),
-           item(ItemKind::remove, "/n/a"), set_item("/n/b", "four")});
+           step(ItemKind::remove, "/n/a"), set_item("/n/b", "four")});
     EXPECT_EQ(store->largest().children, 2U);
     EXPECT_EQ(store->largest().value_bytes, 4U);
     EXPECT_EQ(store->largest().path_bytes, 4U);
     EXPECT_EQ(store->largest().depth, 2U);
-    write({item(ItemKind::make_node, "/a-long-name"), set_item("/n/d/e/f", "1")});
+    write({step(ItemKind::make_node, "/a-long-name"), set_item("/n/d/e/f", "1")});
     EXPECT_EQ(store->largest().children, 3U);
     EXPECT_EQ(store->largest().name_bytes, 11U);
     EXPECT_EQ(store->largest().depth, 4U);
-    write({item(ItemKind::remove, "/n"), set_item("/m/a", "1")});
+    write({step(ItemKind::remove, "/n"), set_item("/m/a", "1")});
     EXPECT_EQ(store->largest().children, 3U); // it stays
 }
 
@@ -367,10 +249,10 @@ TEST_F(StoreUnit, AWalkSeesNoneOfTheLaterChanges) {
             EXPECT_EQ(walker.element().value().text, "old");
         }
         if (i == 10) {
-            write({set_item("/n/999", "new"), item(ItemKind::remove, "/n/500")});
+            write({set_item("/n/999", "new"), step(ItemKind::remove, "/n/500")});
         }
         if (i == 20) {
-            write({item(ItemKind::clear, "/")});
+            write({step(ItemKind::clear, "/")});
         }
     }
     EXPECT_EQ(paths, expected);
@@ -395,10 +277,10 @@ TEST_F(StoreUnit, AConditionHoldsForExactlyOneValue) {
               api_status_ok);
     EXPECT_EQ(allows({ItemKind::require, "/none", Value{element_type_node, "", no_time}}),
               api_status_changed);
-    EXPECT_EQ(allows(item(ItemKind::require_absent, "/none/below")), api_status_ok);
-    EXPECT_EQ(allows(item(ItemKind::require_absent, "/a/b")), api_status_changed);
-    EXPECT_EQ(allows(item(ItemKind::require_absent, "/")), api_status_changed);
-    EXPECT_EQ(allows(item(ItemKind::require_absent, "a")), api_status_bad_path);
+    EXPECT_EQ(allows(step(ItemKind::require_absent, "/none/below")), api_status_ok);
+    EXPECT_EQ(allows(step(ItemKind::require_absent, "/a/b")), api_status_changed);
+    EXPECT_EQ(allows(step(ItemKind::require_absent, "/")), api_status_changed);
+    EXPECT_EQ(allows(step(ItemKind::require_absent, "a")), api_status_bad_path);
 }
 
 TEST_F(StoreUnit, AConditionThatDoesNotHoldRefusesTheWholeTransaction) {
@@ -419,7 +301,7 @@ TEST_F(StoreUnit, AConditionThatDoesNotHoldRefusesTheWholeTransaction) {
 TEST_F(StoreUnit, AConditionIsNotStaleItself) {
     write({set_item("/a", "1", 10)});
     const Item is_one{ItemKind::require, "/a", Value{element_type_string, "1", no_time}};
-    EXPECT_EQ(write({is_one, item(ItemKind::require_absent, "/b")}, "/a").statuses,
+    EXPECT_EQ(write({is_one, step(ItemKind::require_absent, "/b")}, "/a").statuses,
               (Statuses{api_status_ok, api_status_ok}));
     EXPECT_EQ(write({is_one, set_item("/a", "2", 10)}, "/a").statuses,
               (Statuses{api_status_not_done, api_status_stale}));
@@ -432,9 +314,9 @@ TEST_F(StoreUnit, WhatOneCallRemovesAndTouchesIsLimited) {
     }
     write(items);
     const std::size_t most = (store->tree().extent().elements() + limits::paths_per_request) / 2001;
-    EXPECT_EQ(write(std::vector<Item>(most, item(ItemKind::touch, "/n"))).statuses.back(),
+    EXPECT_EQ(write(std::vector<Item>(most, step(ItemKind::touch, "/n"))).statuses.back(),
               api_status_ok);
-    const Outcome more = write(std::vector<Item>(most + 1, item(ItemKind::touch, "/n")));
+    const Outcome more = write(std::vector<Item>(most + 1, step(ItemKind::touch, "/n")));
     EXPECT_EQ(more.statuses.front(), api_status_not_done);
     EXPECT_EQ(more.statuses.back(), api_status_too_large);
     EXPECT_EQ(more.events, Names{});
@@ -455,9 +337,9 @@ TEST_F(StoreUnit, TheBytesThatACallsChangesTakeAreLimited) {
         }
         ASSERT_EQ(write(items).statuses.back(), api_status_ok);
     }
-    EXPECT_EQ(write({item(ItemKind::touch, "/")}).statuses, Statuses{api_status_too_large});
-    EXPECT_EQ(write({item(ItemKind::clear, "/")}).statuses, Statuses{api_status_too_large});
-    EXPECT_EQ(write({item(ItemKind::touch, node + "/0.0")}).statuses, Statuses{api_status_ok});
+    EXPECT_EQ(write({step(ItemKind::touch, "/")}).statuses, Statuses{api_status_too_large});
+    EXPECT_EQ(write({step(ItemKind::clear, "/")}).statuses, Statuses{api_status_too_large});
+    EXPECT_EQ(write({step(ItemKind::touch, node + "/0.0")}).statuses, Statuses{api_status_ok});
 }
 
 TEST_F(StoreUnit, TheBytesOfTheWholeTreeAreLimited) {
@@ -469,7 +351,7 @@ TEST_F(StoreUnit, TheBytesOfTheWholeTreeAreLimited) {
     // Shrinking and removing are always possible.
     store->byte_limit = 1000;
     EXPECT_EQ(write({set_item("/big", std::string(1500, 'x'))}).statuses.front(), api_status_ok);
-    EXPECT_EQ(write({item(ItemKind::remove, "/big")}).statuses.front(), api_status_ok);
+    EXPECT_EQ(write({step(ItemKind::remove, "/big")}).statuses.front(), api_status_ok);
     EXPECT_EQ(store->tree().extent().bytes, Tree().extent().bytes);
 }
 
@@ -481,7 +363,7 @@ TEST_F(StoreUnit, TheTreeAgreesWithASortedMap) {
         random = random * 1664525 + 1013904223;
         const std::string name = std::to_string((random >> 8) % 700);
         if (i % 3 == 0 && expected.erase(name) > 0) {
-            write({item(ItemKind::remove, "/" + name)});
+            write({step(ItemKind::remove, "/" + name)});
         } else {
             write({set_item("/" + name, std::to_string(i))});
             expected[name] = std::to_string(i);

@@ -34,8 +34,7 @@ TEST_F(ToolConfirmTest, AChangeIsTakenBackUnlessItIsConfirmed) {
     EXPECT_EQ(good({"set", "--confirm", "0.2", "/a", "1"}), line(1, "0.2 s"));
     EXPECT_TRUE(goes("/a"));
     const std::string history = good({"history"});
-    EXPECT_NE(history.find("Z  service tavd taking back 1, process "), std::string::npos)
-        << history;
+    EXPECT_TRUE(has(history, "Z  service tavd taking back 1, process "));
     EXPECT_EQ(good({"set", "--confirm", "600", "/a", "1"}), line(3, "600 s"));
     EXPECT_EQ(good({"confirm", "3"}), "change 3 is confirmed\n");
     EXPECT_EQ(good({"get", "/a"}), "1\n");
@@ -107,14 +106,12 @@ TEST_F(ToolConfirmTest, WhoseChangeItIsAndUntilWhenIsSaid) {
                              "process "),
                   0U)
             << error;
-        EXPECT_NE(error.find(", user " + std::to_string(::getuid()) + " ends in 5"),
-                  std::string::npos)
-            << error;
-        EXPECT_NE(error.find(" s, or with: tav confirm 1\n"), std::string::npos) << error;
+        EXPECT_TRUE(has(error, ", user " + std::to_string(::getuid()) + " ends in 5"));
+        EXPECT_TRUE(has(error, " s, or with: tav confirm 1\n"));
     }
     const std::string text = good({"status"});
-    EXPECT_NE(text.find("to confirm 1\n  change 1  tav, process "), std::string::npos) << text;
-    EXPECT_NE(text.find("  elements 2  taken back in 5"), std::string::npos) << text;
+    EXPECT_TRUE(has(text, "to confirm 1\n  change 1  tav, process "));
+    EXPECT_TRUE(has(text, "  elements 2  taken back in 5"));
     const auto all = nlohmann::json::parse(good({"status", "--json"}))["pending"];
     ASSERT_EQ(all.size(), 1U);
     EXPECT_EQ(all[0]["number"], 1);
@@ -145,8 +142,7 @@ TEST_F(ToolConfirmTest, WrongTimesAreWrongUsage) {
                   0U)
             << time;
     }
-    EXPECT_NE(bad(2, {"load", "--parts", "--confirm", "5"})
-                  .find("--confirm is for one transaction, without --parts"),
-              std::string::npos);
+    EXPECT_TRUE(has(bad(2, {"load", "--parts", "--confirm", "5"}),
+                    "--confirm is for one transaction, without --parts"));
     EXPECT_EQ(bad(2, {"confirm", "x"}).find("tav: 'x' is not the number of an entry"), 0U);
 }

@@ -66,9 +66,9 @@ TEST_F(ToolFilesTest, ADumpHasNoControlCharactersExceptNewlines) {
             const auto byte = static_cast<unsigned char>(c);
             EXPECT_FALSE((byte < 0x20 && c != '\n' && c != '\t') || byte == 0x7f);
         }
-        EXPECT_EQ(output.find("\xc2\x85"), std::string::npos);
-        EXPECT_EQ(output.find("\xc2\x9b"), std::string::npos);
-        EXPECT_EQ(output.find("\xe2\x80\xae"), std::string::npos);
+        EXPECT_FALSE(has(output, "\xc2\x85"));
+        EXPECT_FALSE(has(output, "\xc2\x9b"));
+        EXPECT_FALSE(has(output, "\xe2\x80\xae"));
     }
 }
 
@@ -106,8 +106,8 @@ TEST_F(ToolFilesTest, ReplaceCausesEventsOnlyForRealDifferences) {
     good({"touch", "/n/same"});
     EXPECT_EQ(watch.wait(), 0);
     const std::string seen = watch.output();
-    EXPECT_NE(seen.find("removed /n/more\n"), std::string::npos);
-    EXPECT_NE(seen.find("set /n/other\n"), std::string::npos);
+    EXPECT_TRUE(has(seen, "removed /n/more\n"));
+    EXPECT_TRUE(has(seen, "set /n/other\n"));
     EXPECT_EQ(seen.substr(seen.size() - 12), "set /n/same\n") << "the touch, and nothing before it";
 }
 
@@ -164,11 +164,10 @@ TEST_F(ToolFilesTest, LoadNamesWhatIsWrongAndChangesNothing) {
          "'x' is not an integer"}};
     for (const auto &[text, reason] : cases) {
         const std::string errors = bad(1, {"load"}, text);
-        EXPECT_NE(errors.find(reason), std::string::npos) << text << '\n' << errors;
+        EXPECT_TRUE(has(errors, reason)) << text << '\n' << errors;
     }
-    EXPECT_NE(bad(1, {"load", "/no/such/file"}).find("No such file or directory"),
-              std::string::npos);
-    EXPECT_NE(bad(1, {"load", "/tmp"}).find("directory"), std::string::npos);
+    EXPECT_TRUE(has(bad(1, {"load", "/no/such/file"}), "No such file or directory"));
+    EXPECT_TRUE(has(bad(1, {"load", "/tmp"}), "directory"));
     EXPECT_EQ(good({"dump"}), before);
 }
 
@@ -181,8 +180,7 @@ TEST_F(ToolFilesTest, ADumpTooLargeForOneTransactionIsRefusedWholeAndLoadedInPar
     }
     elements.pop_back();
     const std::string name = file(dump_of("/big", elements));
-    EXPECT_NE(bad(1, {"load", name}).find("nothing was changed: one transaction has at most"),
-              std::string::npos);
+    EXPECT_TRUE(has(bad(1, {"load", name}), "nothing was changed: one transaction has at most"));
     EXPECT_EQ(good({"ls"}), "");
     good({"set", "/big/extra", "1"});
     good({"load", "--parts", "--replace", name});
@@ -259,7 +257,7 @@ TEST_F(ToolFilesTest, ApplyNamesTheLineOfEachErrorAndChangesNothing) {
           "line 5: rm needs a path", "line 6: mknode needs a path", "line 7: a \" is not closed",
           "line 8: '\\\\q' contains a backslash", "line 10: set needs", "line 11: rm needs",
           "line 12: set needs", "nothing was changed"}) {
-        EXPECT_NE(errors.find(part), std::string::npos) << part << '\n' << errors;
+        EXPECT_TRUE(has(errors, part)) << part << '\n' << errors;
     }
     EXPECT_EQ(errors.find('\x1b'), std::string::npos);
     EXPECT_EQ(bad(1, {"apply"}, "set /a 1\n\nset /a/b 1\n"),

@@ -83,8 +83,8 @@ TEST_F(ToolHostileTest, StatusEscapesWhatTheServiceSays) {
         put(out, status);
     });
     std::string printed = tav({"status"}).output;
-    EXPECT_NE(printed.find("durability"), std::string::npos);
-    EXPECT_NE(printed.find("to confirm 1"), std::string::npos);
+    EXPECT_TRUE(has(printed, "durability"));
+    EXPECT_TRUE(has(printed, "to confirm 1"));
     printed.erase(std::remove(printed.begin(), printed.end(), '\n'), printed.end());
     EXPECT_EQ(unescaped_part(printed), "");
 }

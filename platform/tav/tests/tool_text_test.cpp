@@ -9,8 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <random>
-
 using namespace tav::terminal;
 using namespace tav::tool;
 
@@ -66,23 +64,6 @@ TEST(Escape, TextThatIsNotUtf8IsEscapedByteByByte) {
 
 TEST(Escape, ATerminalWithoutUtf8GetsAsciiOnly) {
     EXPECT_EQ(escaped("a\xc3\x84", true), "a\\xc3\\x84");
-}
-
-TEST(Escape, IsReversedToTheByte) {
-    std::mt19937 random(1);
-    std::uniform_int_distribution<int> length(0, 40);
-    std::uniform_int_distribution<int> byte(1, 255);
-    for (int round = 0; round < 20000; ++round) {
-        std::string text(static_cast<std::size_t>(length(random)), ' ');
-        for (char &c : text) {
-            c = static_cast<char>(byte(random));
-        }
-        for (const bool ascii_only : {false, true}) {
-            const std::string visible = escaped(text, ascii_only);
-            ASSERT_EQ(unescaped(visible), text);
-            ASSERT_FALSE(holds_hidden(visible));
-        }
-    }
 }
 
 TEST(Escape, InvalidEscapesAreRefused) {

@@ -65,24 +65,21 @@ protected:
         EXPECT_EQ(::read(end.get(), &value, sizeof value), static_cast<ssize_t>(sizeof value));
     }
 
+    static tav::Item item(const std::string &path, const std::string &number) {
+        return {tav::ItemKind::set, path, {element_type_integer, number, tav::no_time}};
+    }
     // Writes one number after the other.
     static void send_writes(const RawClient &client, int from, int to) {
         std::string frames;
         for (int i = from; i <= to; ++i) {
-            frames += request_frame(Op::transact, [i](Writer &out) {
-                put_all(out, std::vector<tav::Item>{
-                                 {tav::ItemKind::set,
-                                  "/n",
-                                  {element_type_integer, std::to_string(i), tav::no_time}}});
-            });
+            frames += write_frame({item("/n", std::to_string(i))});
         }
         ASSERT_TRUE(client.calls.send(frames));
     }
     static void send_reads(const RawClient &client, int number) {
         std::string frames;
         for (int i = 0; i < number; ++i) {
-            frames += request_frame(
-                Op::read, [](Writer &out) { put_all(out, std::vector<std::string>{"/n"}); });
+            frames += read_frame({"/n"});
         }
         ASSERT_TRUE(client.calls.send(frames));
     }
@@ -121,11 +118,8 @@ protected:
 
 // A transaction of many items takes many slices of time.
 TEST_F(TurnsTest, ALongTransactionDelaysNoReader) {
-    const std::string transaction = request_frame(Op::transact, [](Writer &out) {
-        put_all(out, std::vector<tav::Item>(
-                         limits::paths_per_request,
-                         {tav::ItemKind::set, "/n", {element_type_integer, "7", tav::no_time}}));
-    });
+    const std::string transaction =
+        write_frame(std::vector<tav::Item>(limits::paths_per_request, item("/n", "7")));
     while_served([&] {
         first->calls.send(transaction); // the service has received it by now
         send_reads(*second, 1);
@@ -140,18 +134,13 @@ TEST_F(TurnsTest, ALongTransactionDelaysNoReader) {
 // other connections between its turns.
 TEST_F(TurnsTest, ATransactionThatOthersWaitForGetsEverySecondTurn) {
     const auto leaves = [](const std::string &stem, int number) {
-        return request_frame(Op::transact, [&](Writer &out) {
-            std::vector<tav::Item> items;
-            for (int i = 0; i < number; ++i) {
-                items.push_back({tav::ItemKind::set,
-                                 stem + std::to_string(i),
-                                 {element_type_integer, "1", tav::no_time}});
-            }
-            put_all(out, items);
-        });
+        std::vector<tav::Item> items;
+        for (int i = 0; i < number; ++i) {
+            items.push_back(item(stem + std::to_string(i), "1"));
+        }
+        return write_frame(items);
     };
-    const std::string dump =
-        request_frame(Op::dump, [](Writer &out) { put(out, std::string_view("/")); });
+    const std::string dump = path_frame(Op::dump, "/");
     std::vector<std::unique_ptr<RawClient>> readers;
     std::vector<std::thread> threads;
     std::atomic<int> frames{0}; // of their dumps
@@ -196,17 +185,13 @@ TEST_F(TurnsTest, ALongTransactionGivesWayToOtherWriters) {
                   tav::Service::Begun::started);
         return task;
     };
-    const auto writing = [](int items, const std::string &text) {
-        const std::string frame = request_frame(Op::transact, [&](Writer &out) {
-            put_all(out, std::vector<tav::Item>(
-                             static_cast<std::size_t>(items),
-                             {tav::ItemKind::set, "/n", {element_type_string, text, -1}}));
-        });
-        return frame.substr(tav::length_bytes);
+    const auto writing = [](std::size_t items, const std::string &text) {
+        return write_frame(std::vector<tav::Item>(items, item("/n", text)))
+            .substr(tav::length_bytes);
     };
     using State = tav::Task::State;
-    const std::string many = writing(limits::paths_per_request, "long");
-    const std::string one = writing(1, "short");
+    const std::string many = writing(limits::paths_per_request, "2");
+    const std::string one = writing(1, "1");
     const auto long_one = begin(many);
     EXPECT_EQ(long_one->step(), State::working);
     std::this_thread::sleep_for(std::chrono::milliseconds(3));
@@ -226,7 +211,7 @@ TEST_F(TurnsTest, ALongTransactionGivesWayToOtherWriters) {
     EXPECT_EQ(long_one->step(), State::done);
     const tav::Value *value = nullptr;
     EXPECT_EQ(tav::read_leaf(store.tree(), "/n", value), api_status_ok);
-    EXPECT_EQ(value->text, "long");
+    EXPECT_EQ(value->text, "2");
 }
 
 TEST_F(TurnsTest, ManyPingsDelayNoOtherClient) {
@@ -241,11 +226,22 @@ TEST_F(TurnsTest, ManyPingsDelayNoOtherClient) {
     });
 }
 
+TEST_F(TurnsTest, AClientThatSendsAheadIsServedInTurnWithTheOthers) {
+    send_writes(*first, 1, 1000);
+    send_reads(*second, 1);
+    while_served([&] {
+        EXPECT_LT(take_numbers(*second, 1).front(), 10)
+            << "requests of the flood were served first";
+        take_replies(*first, 1000);
+        send_reads(*second, 1);
+        EXPECT_EQ(take_numbers(*second, 1), std::vector<int>{1000}) << "none of them is refused";
+    });
+}
+
 // What was taken while an earlier trim was due once stayed until the next request.
 TEST_F(TurnsTest, MemoryIsGivenBackWithoutAnotherRequest) {
-    const std::string large = request_frame(Op::read, [](Writer &out) {
-        put_all(out, std::vector<std::string>(400, "/" + std::string(4000, 'n')));
-    });
+    const std::string large =
+        read_frame(std::vector<std::string>(400, "/" + std::string(4000, 'n')));
     const auto ask = [&] {
         while_served([&] {
             ASSERT_TRUE(first->calls.send(large));

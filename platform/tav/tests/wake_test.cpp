@@ -41,42 +41,6 @@ protected:
 
 } // namespace
 
-TEST_F(WakeTest, TheFirstEventAfterQuietWakesAtOnce) {
-    wake.event(now);
-    EXPECT_TRUE(is_due());
-}
-
-TEST_F(WakeTest, ThereIsNeverASecondByteBeforeTheFirstIsAcknowledged) {
-    wake.event(now);
-    send();
-    wake.event(now);
-    wake.request(now, true);
-    EXPECT_EQ(wait(), -1);
-}
-
-TEST_F(WakeTest, AFetchAcknowledgesAndDrainsExactlyTheByteThatWasSent) {
-    wake.event(now);
-    EXPECT_FALSE(wake.fetch(now)) << "nothing was sent yet";
-    EXPECT_EQ(wait(), -1) << "the event was fetched before the byte was due";
-    pass(100);
-    wake.event(now);
-    send();
-    EXPECT_TRUE(wake.fetch(now));
-    EXPECT_FALSE(wake.fetch(now));
-}
-
-TEST_F(WakeTest, APingLeavesTheByteAndAnAcknowledgementTakesIt) {
-    EXPECT_FALSE(wake.acknowledge(now)) << "nothing was sent yet";
-    wake.event(now);
-    send();
-    wake.ping(now);
-    wake.ping(now);
-    EXPECT_TRUE(wake.signalled());
-    EXPECT_TRUE(wake.acknowledge(now));
-    EXPECT_FALSE(wake.signalled());
-    EXPECT_FALSE(wake.acknowledge(now));
-}
-
 TEST_F(WakeTest, AfterAnAcknowledgementWithoutAFetchTheNextByteWaits50Milliseconds) {
     wake.event(now);
     send();
@@ -86,29 +50,6 @@ TEST_F(WakeTest, AfterAnAcknowledgementWithoutAFetchTheNextByteWaits50Millisecon
     pass(20);
     wake.event(now);
     EXPECT_EQ(wait(), 30);
-}
-
-TEST_F(WakeTest, WithoutANewEventNothingFollowsAnAcknowledgement) {
-    wake.event(now);
-    send();
-    wake.acknowledge(now);
-    EXPECT_EQ(wait(), -1);
-    wake.ping(now);
-    EXPECT_EQ(wait(), -1) << "a ping is not a request";
-}
-
-TEST_F(WakeTest, ARequestSignalsUnfetchedEventsAgain) {
-    wake.event(now);
-    send();
-    wake.acknowledge(now);
-    pass(500);
-    wake.request(now, true);
-    EXPECT_EQ(wait(), 50);
-    pass(50);
-    send();
-    wake.fetch(now);
-    wake.request(now, false);
-    EXPECT_EQ(wait(), -1);
 }
 
 TEST_F(WakeTest, AfterARequestTheByteWaitsFor50QuietMilliseconds) {

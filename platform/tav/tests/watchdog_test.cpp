@@ -31,20 +31,6 @@ protected:
 
 } // namespace
 
-TEST_F(WatchdogTest, KeepsNamePeriodAndTheTimeSinceTheLastPing) {
-    EXPECT_EQ(announce(1, "worker"), api_status_ok);
-    now += seconds(10);
-    EXPECT_EQ(dog.ping(1, now), api_status_ok);
-    now += seconds(5);
-    const std::vector<WatchdogStatus> all = dog.status(now);
-    ASSERT_EQ(all.size(), 1U);
-    EXPECT_EQ(all[0].name, "worker");
-    EXPECT_EQ(all[0].pid, 42U);
-    EXPECT_EQ(all[0].period, 60);
-    EXPECT_EQ(all[0].since, 5000U);
-    EXPECT_EQ(all[0].state, WatchdogState::fine);
-}
-
 TEST_F(WatchdogTest, OneThatIsOverdueIsLoggedOnceAndOnceWhenItIsBack) {
     announce(1, "worker");
     EXPECT_EQ(dog.next_check(), now + seconds(60));
@@ -78,20 +64,6 @@ TEST_F(WatchdogTest, OneThatIsGoneIsLoggedAndShownUntilItsNameIsBack) {
     ASSERT_EQ(dog.status(now).size(), 2U);
     EXPECT_EQ(state(0), WatchdogState::fine);
     EXPECT_EQ(state(1), WatchdogState::fine);
-}
-
-TEST_F(WatchdogTest, ANameCannotForgeALogLine) {
-    announce(1, "a\ntavd: exiting\x1b[2J");
-    EXPECT_EQ(logged([this] { dog.depart(1); }),
-              "tavd: watchdog 'a\\ntavd: exiting\\x1b[2J' (process 42) disconnected\n");
-}
-
-TEST_F(WatchdogTest, AWithdrawnOneIsForgottenWithoutALogLine) {
-    announce(1, "worker");
-    EXPECT_EQ(dog.announce(1, 42, WatchdogRequest{"worker", 60, false}, now), api_status_ok);
-    EXPECT_TRUE(dog.status(now).empty());
-    EXPECT_EQ(logged([this] { dog.depart(1); }), "");
-    EXPECT_EQ(dog.announce(1, 42, WatchdogRequest{"worker", 60, false}, now), api_status_absent);
 }
 
 TEST_F(WatchdogTest, AClientHasOneWatchdogAndMayChangeIt) {

@@ -84,6 +84,17 @@ std::string RawPeer::farewell() {
     return receive().empty() ? farewell.reason : "(frames after the farewell)";
 }
 
+tav::Ticket RawPeer::greet() {
+    send(hello_frame());
+    const std::string body = receive();
+    Reader reader(body);
+    tav::ReplyHeader header;
+    tav::Ticket ticket;
+    get(reader, header);
+    get(reader, ticket);
+    return ticket;
+}
+
 bool RawPeer::closed() {
     std::string rest(4096, '\0');
     ssize_t got = 0;
@@ -100,6 +111,27 @@ std::string request_frame(Op op, const std::function<void(Writer &)> &content) {
         content(writer);
     }
     return writer.finish();
+}
+
+std::string hello_frame() {
+    return request_frame(Op::hello, [](Writer &out) {
+        put(out, tav::Hello{tav::magic, tav::protocol_version});
+    });
+}
+std::string attach_frame(const tav::Ticket &ticket) {
+    return request_frame(Op::attach, [&ticket](Writer &out) {
+        put(out, tav::Hello{tav::magic, tav::protocol_version});
+        put(out, ticket);
+    });
+}
+std::string path_frame(Op op, const std::string &path) {
+    return request_frame(op, [&path](Writer &out) { put(out, path); });
+}
+std::string read_frame(const std::vector<std::string> &paths) {
+    return request_frame(Op::read, [&paths](Writer &out) { put_all(out, paths); });
+}
+std::string write_frame(const std::vector<tav::Item> &items) {
+    return request_frame(Op::transact, [&items](Writer &out) { put_all(out, items); });
 }
 
 std::string reply_frame(std::uint32_t serial, bool drain,
@@ -120,17 +152,8 @@ std::uint32_t serial_of(const std::string &request_body) {
 }
 
 RawClient::RawClient(const std::string &path) : calls(path), wake(path) {
-    const tav::Hello hello{tav::magic, tav::protocol_version};
-    calls.send(request_frame(Op::hello, [&hello](Writer &out) { put(out, hello); }));
-    const std::string body = calls.receive();
-    Reader reader(body);
-    tav::ReplyHeader header;
-    get(reader, header);
-    get(reader, ticket);
-    wake.send(request_frame(Op::attach, [this, &hello](Writer &out) {
-        put(out, hello);
-        put(out, ticket);
-    }));
+    ticket = calls.greet();
+    wake.send(attach_frame(ticket));
     wake.receive();
 }
 

@@ -4,6 +4,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "client/unique_fd.h"
 #include "protocol/messages.h"
@@ -24,6 +25,8 @@ public:
     // The reason with which the service ended the connection, which must be its last frame;
     // otherwise a text that describes what arrived instead.
     std::string farewell();
+    // Greets the service, as the first connection of a client.
+    tav::Ticket greet();
     // Waits until the other side closes the connection.
     bool closed();
     void close() { socket.reset(); }
@@ -35,6 +38,12 @@ private:
 };
 
 std::string request_frame(tav::Op op, const std::function<void(tav::Writer &)> &content = {});
+// Requests that many tests send.
+std::string hello_frame();
+std::string attach_frame(const tav::Ticket &ticket);
+std::string path_frame(tav::Op op, const std::string &path);
+std::string read_frame(const std::vector<std::string> &paths);
+std::string write_frame(const std::vector<tav::Item> &items);
 std::string reply_frame(std::uint32_t serial, bool drain,
                         const std::function<void(tav::Writer &)> &content = {});
 

@@ -9,6 +9,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "client/admin.h"
+
 extern "C" __attribute__((visibility("default"))) void mlr_err(unsigned int level,
                                                                const char *format, ...) {
     char text[1024];
@@ -24,6 +26,13 @@ namespace tavtest {
 std::vector<std::pair<unsigned int, std::string>> &reports() {
     static std::vector<std::pair<unsigned int, std::string>> all;
     return all;
+}
+
+testing::AssertionResult has(const std::string &text, const std::string &part) {
+    return text.find(part) != std::string::npos ? testing::AssertionSuccess()
+                                                : testing::AssertionFailure()
+                                                      << "no '" << part << "' in:\n"
+                                                      << text;
 }
 
 namespace {
@@ -66,12 +75,30 @@ std::vector<api_status_t> Client::set_all(const std::vector<std::string> &paths,
     return statuses;
 }
 
+api_status_t Client::set_numbered(const std::string &stem, std::size_t number,
+                                  const std::string &text) {
+    std::vector<std::string> paths;
+    while (paths.size() < number) {
+        paths.push_back(stem + std::to_string(paths.size()));
+    }
+    return set_all(paths, std::vector<std::string>(number, text)).back();
+}
+
 std::string Client::get(const std::string &path) {
     api_status_t status = api_status_none;
     toolkit::CElement value;
     element_property_t property = element_property_none;
     EXPECT_EQ(tav.get_leaf(path, status, value, property), 0);
     return status == api_status_ok ? value.to_string() : "status " + std::to_string(status);
+}
+
+int Client::try_get(const std::string &path) {
+    api_status_t status = api_status_ok;
+    toolkit::CElement value;
+    element_property_t property = element_property_none;
+    const int result = tav.get_leaf(path, status, value, property);
+    EXPECT_EQ(result == 0, status != api_status_none);
+    return result;
 }
 
 api_status_t Client::remove(const std::string &path) {
@@ -138,6 +165,18 @@ std::vector<std::string> Client::wait_events(std::size_t number) {
     return result;
 }
 
+tav::LimitStatus Client::limit(const std::string &name) {
+    tav::ServiceStatus status;
+    EXPECT_EQ(tav::service_status(tav.handle, status), 0);
+    for (const tav::LimitStatus &limit : status.limits) {
+        if (limit.name == name) {
+            return limit;
+        }
+    }
+    ADD_FAILURE() << "no limit '" << name << "'";
+    return {};
+}
+
 StoreTest::StoreTest() : socket(dir.file("run/s")) {
     ::setenv("TAV_SOCKET", socket.c_str(), 1);
     // A busy machine must not make calls fail; tests of the time limit set their own.
@@ -166,6 +205,12 @@ void StoreTest::start(const std::vector<std::string> &arguments) {
 int StoreTest::stop() {
     tavd->signal(SIGTERM);
     return tavd->wait();
+}
+
+std::string StoreTest::refused(const std::vector<std::string> &arguments, int status) {
+    const Ran ran = run(dir, tavd_arguments(arguments));
+    EXPECT_EQ(ran.status, status) << ran.errors;
+    return ran.errors;
 }
 
 void StoreTest::leave_writes_in_the_log() {
