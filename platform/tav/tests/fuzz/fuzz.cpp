@@ -51,6 +51,22 @@ std::vector<std::string> split(const std::string &text, char separator) {
     return parts;
 }
 
+std::uint32_t number_at(const std::string &bytes, std::size_t at) {
+    std::uint32_t value = 0;
+    for (std::size_t i = 0; i < 4; ++i) {
+        value = value * 256 + static_cast<unsigned char>(bytes[at + i]);
+    }
+    return value;
+}
+
+std::string big_endian(std::size_t number) {
+    std::string bytes;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        bytes.push_back(static_cast<char>((number >> shift) & 0xffU));
+    }
+    return bytes;
+}
+
 decimal_t decimal(const std::string &text) {
     constexpr auto most = std::numeric_limits<std::int64_t>::max();
     constexpr auto least = std::numeric_limits<std::int64_t>::min();

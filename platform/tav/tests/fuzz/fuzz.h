@@ -41,6 +41,14 @@ private:
 // The parts between the separators: always one more than there are separators.
 std::vector<std::string> split(const std::string &text, char separator);
 
+// Four bytes as a number, the most significant one first, and the reverse.
+std::uint32_t number_at(const std::string &bytes, std::size_t at);
+std::string big_endian(std::size_t number);
+// A frame of the store's protocol with this body.
+inline std::string framed(const std::string &body) {
+    return big_endian(body.size()) + body;
+}
+
 // The result of strtol in base 10, implemented plainly: leading white space, a sign, digits.
 struct decimal_t {
     std::size_t consumed = 0; // characters, 0 when there is no digit

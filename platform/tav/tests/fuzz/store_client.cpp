@@ -20,6 +20,7 @@
 
 namespace {
 
+using fuzz::number_at;
 using fuzz::require;
 
 // Numbers that no real descriptor has. The first socket is for the calls, the second for the
@@ -51,7 +52,7 @@ struct service_t {
     std::uint32_t held = 0;                    // the serial number of a read-ahead; 0: none
     std::string change;                        // before the next request is answered
     bool asked = false;                        // a request has come
-    std::uint8_t last_kind = 0;                // of a request
+    tav::Op last{};                            // request
 };
 
 service_t &service() {
@@ -59,29 +60,10 @@ service_t &service() {
     return instance;
 }
 
-std::uint32_t number_at(const std::string &bytes, std::size_t at) {
-    std::uint32_t value = 0;
-    for (std::size_t i = 0; i < 4; ++i) {
-        value = value * 256 + static_cast<unsigned char>(bytes[at + i]);
-    }
-    return value;
-}
-
-std::string big_endian(std::uint64_t value, int bytes) {
-    std::string text;
-    for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8) {
-        text.push_back(static_cast<char>((value >> shift) & 0xffU));
-    }
-    return text;
-}
-
 std::string frame_of(const reply_t &reply, std::uint32_t serial) {
-    if (!reply.well_formed) {
-        return reply.bytes;
-    }
-    const std::string body =
-        big_endian(serial, 4) + std::string(1, reply.drain ? '\1' : '\0') + reply.bytes;
-    return big_endian(body.size(), 4) + body;
+    return reply.well_formed
+               ? fuzz::framed(fuzz::big_endian(serial) + (reply.drain ? '\1' : '\0') + reply.bytes)
+               : reply.bytes;
 }
 
 // Sets one leaf to one of two values, or removes it.
@@ -92,30 +74,26 @@ void change_tree(std::uint8_t how) {
         service().leaves[name] = how / 3 % 3 == 1 ? "one" : "another";
     }
     if (service().held != 0) {
-        service().calls += big_endian(5, 4) + big_endian(service().held, 4) + '\4';
+        tav::Writer notice;
+        put(notice, tav::ReplyHeader{service().held, false, false, true});
+        service().calls += notice.finish();
         service().held = 0;
     }
 }
 
-std::string text_of(const std::string &text) {
-    return big_endian(text.size(), 4) + text;
-}
-
-std::string proper_read(const std::string &body) {
-    std::string reply = body.substr(5, 4);
-    for (std::size_t at = 9; at < body.size(); at += 4 + number_at(body, at)) {
-        const std::string path = body.substr(at + 4, number_at(body, at));
-        const auto leaf = service().leaves.find(path.substr(3));
-        reply += leaf == service().leaves.end() ? std::string(1, '\2')
-                                                : "\1\6" + text_of(leaf->second) + big_endian(7, 8);
-    }
-    return reply;
+tav::LeafAnswer proper_answer(const std::string &path) {
+    const auto leaf = service().leaves.find(path.substr(3));
+    return leaf == service().leaves.end()
+               ? tav::LeafAnswer{api_status_absent, {}}
+               : tav::LeafAnswer{api_status_ok, {element_type_string, leaf->second, 7}};
 }
 
 void behave(std::string &connection, const std::string &body) {
-    service().last_kind = static_cast<std::uint8_t>(body[0]);
-    const auto kind = static_cast<tav::Op>(body[0]);
-    if (kind == tav::Op::watchdog_ping || kind == tav::Op::ping_after_answers) {
+    tav::Reader in(body);
+    tav::RequestHeader header;
+    get(in, header);
+    service().last = header.op;
+    if (header.op == tav::Op::watchdog_ping || header.op == tav::Op::ping_after_answers) {
         return;
     }
     service().asked = true;
@@ -123,23 +101,31 @@ void behave(std::string &connection, const std::string &body) {
         change_tree(static_cast<std::uint8_t>(how));
     }
     service().change.clear();
-    std::string content = "\1";
-    if (kind == tav::Op::read) {
-        content = proper_read(body);
-    } else if (kind == tav::Op::list) {
-        content += big_endian(service().leaves.size(), 4);
+    tav::Writer out;
+    put(out, tav::ReplyHeader{header.serial, false});
+    if (header.op == tav::Op::read) {
+        std::vector<std::string> paths;
+        get_all(in, paths);
+        std::vector<tav::LeafAnswer> answers;
+        std::transform(paths.begin(), paths.end(), std::back_inserter(answers), proper_answer);
+        put_all(out, answers);
+    } else if (header.op == tav::Op::list) {
+        std::vector<tav::Child> children;
         for (const auto &[name, text] : service().leaves) {
-            content += text_of(name) + '\6';
+            children.push_back({name, element_type_string});
         }
+        put(out, api_status_ok);
+        put_all(out, children);
     } else {
-        require(kind == tav::Op::read_ahead, "a strange request");
-        service().held = number_at(body, 1);
+        require(header.op == tav::Op::read_ahead, "a strange request");
+        service().held = header.serial;
+        put(out, api_status_ok);
         for (const auto &[name, text] : service().leaves) {
-            content += "\1\6" + text_of(name) + text_of(text) + big_endian(7, 8);
+            put(out, tav::AheadElement{1, name, element_type_string, text, 7});
         }
-        content += '\0';
+        put(out, tav::AheadElement{});
     }
-    connection += frame_of({true, false, "", content}, number_at(body, 1));
+    connection += out.finish();
 }
 
 // Answers each complete request except pings.
@@ -238,46 +224,9 @@ void mlr_err(unsigned, const char *format, ...) {
 
 namespace {
 
-// Reads a reply's content plainly.
-class content_t {
-public:
-    explicit content_t(const std::string &content) : bytes(content) {}
-
-    std::uint64_t number(std::size_t size) {
-        std::uint64_t value = 0;
-        for (const char one : take(size)) {
-            value = value * 256 + static_cast<unsigned char>(one);
-        }
-        return value;
-    }
-    std::string text() { return take(number(4)); }
-    // A value as described(); an omitted value has only a type.
-    std::string value() {
-        const std::uint64_t type = number(1);
-        const std::string content = text();
-        return described(static_cast<int>(type), content, static_cast<std::int64_t>(number(8)));
-    }
-    static std::string described(int type, const std::string &text, std::int64_t time) {
-        return std::to_string(type) + " " + text + " " + std::to_string(time) + "\n";
-    }
-    bool read_exactly() const { return !missing && at == bytes.size(); }
-    bool failed() const { return missing; }
-
-private:
-    std::string take(std::uint64_t size) {
-        if (missing || size > bytes.size() - at) {
-            missing = true;
-            return "";
-        }
-        const std::string taken = bytes.substr(at, size);
-        at += size;
-        return taken;
-    }
-
-    std::string bytes;
-    std::size_t at = 0;
-    bool missing = false;
-};
+std::string described(const tav::Value &value) {
+    return std::to_string(value.type) + " " + value.text + " " + std::to_string(value.time) + "\n";
+}
 
 const char *const failure = "failed";
 
@@ -328,7 +277,8 @@ enum call_t {
     calls_in_all
 };
 
-constexpr std::size_t paths_per_call = 2;
+using Paths = std::vector<tk_string>;
+const Paths two_paths(2, "/a");
 
 std::string statuses_text(const std::vector<api_status_t> &statuses) {
     std::string text;
@@ -338,24 +288,23 @@ std::string statuses_text(const std::vector<api_status_t> &statuses) {
     return text;
 }
 
-std::string call_leaves(toolkit::CTav &tav, bool write) {
-    const std::vector<tk_string> paths(paths_per_call, "/a");
-    const std::vector<mlr_tribool_t> flags(paths_per_call, mlr_tribool_unset);
+std::string call_leaves(toolkit::CTav &tav, bool write, const Paths &paths = two_paths) {
+    const std::vector<mlr_tribool_t> flags(paths.size(), mlr_tribool_unset);
     std::vector<api_status_t> statuses;
-    std::vector<toolkit::CElement> values(paths_per_call, toolkit::CElement("x", -1));
+    std::vector<toolkit::CElement> values(paths.size(), toolkit::CElement("x", -1));
     std::vector<element_property_t> properties;
     const int result = write ? tav.set_leaves(paths, values, flags, statuses, "")
                              : tav.get_leaves(paths, statuses, values, properties);
-    require(statuses.size() == paths_per_call, "not one status for each path");
+    require(statuses.size() == paths.size(), "not one status for each path");
     if (result != 0) {
-        require(statuses_text(statuses) == "0\n0\n", "a status of a failed call");
+        require(statuses == std::vector<api_status_t>(paths.size()), "a status of a failed call");
         return failure;
     }
     std::string text = statuses_text(statuses);
     for (std::size_t i = 0; i < values.size() && !write; ++i) {
-        text += statuses[i] != 1 ? "\n"
-                                 : content_t::described(values[i].type(), values[i].to_string(),
-                                                        values[i].time());
+        text += statuses[i] != 1
+                    ? "\n"
+                    : described({values[i].type(), values[i].to_string(), values[i].time()});
     }
     return text;
 }
@@ -401,9 +350,7 @@ std::string call(toolkit::CTav &tav, call_t which) {
     case dump:
         result = tav::dump(tav.handle, "/a", one, elements);
         for (const tav::DumpElement &element : elements) {
-            text +=
-                element.path + " " +
-                content_t::described(element.value.type, element.value.text, element.value.time);
+            text += element.path + " " + described(element.value);
         }
         break;
     default:
@@ -414,68 +361,53 @@ std::string call(toolkit::CTav &tav, call_t which) {
     return result == 0 ? std::to_string(one) + "\n" + text : failure;
 }
 
-std::string expected_leaves(content_t &content) {
-    std::string statuses;
+template <typename Message>
+std::vector<Message> messages(tav::Reader &in) {
+    std::vector<Message> all;
+    get_all(in, all);
+    return all;
+}
+
+std::string leaves_text(const std::vector<tav::LeafAnswer> &answers) {
+    std::vector<api_status_t> statuses;
     std::string values;
-    if (content.number(4) != paths_per_call) {
-        return failure;
+    for (const tav::LeafAnswer &answer : answers) {
+        statuses.push_back(answer.status);
+        values += answer.status == api_status_ok ? described(answer.value) : "\n";
     }
-    for (std::size_t i = 0; i < paths_per_call; ++i) {
-        const std::uint64_t one = content.number(1);
-        statuses += std::to_string(one) + "\n";
-        values += one == 1 ? content.value() : "\n";
-    }
-    return content.read_exactly() ? statuses + values : failure;
-}
-
-std::string expected_statuses(content_t &content, std::uint64_t wanted) {
-    std::string text;
-    if (content.number(4) != wanted) {
-        return failure;
-    }
-    for (std::uint64_t i = 0; i < wanted; ++i) {
-        text += std::to_string(content.number(1)) + "\n";
-    }
-    return content.read_exactly() ? text : failure;
-}
-
-std::string expected_list(content_t &content) {
-    std::string text = std::to_string(content.number(1)) + "\n";
-    for (std::uint64_t left = content.number(4); left > 0 && !content.failed(); --left) {
-        text += content.text();
-        text += " " + std::to_string(content.number(1)) + "\n";
-    }
-    return content.read_exactly() ? text : failure;
-}
-
-std::string expected_events(content_t &content) {
-    std::string text;
-    for (std::uint64_t left = content.number(4); left > 0 && !content.failed(); --left) {
-        text += std::to_string(static_cast<std::int32_t>(content.number(4))) + " ";
-        text += content.text() + "\n";
-    }
-    return !content.read_exactly() ? failure : text.empty() ? "1 \n" : text;
+    return statuses_text(statuses) + values;
 }
 
 // For dump and status, which need more than one reply or return much, only the failure is
 // predicted.
 std::string expected(call_t which, const std::string &bytes) {
-    content_t content(bytes);
-    switch (which) {
-    case get_leaves:
-        return expected_leaves(content);
-    case set_leaves:
-        return expected_statuses(content, paths_per_call);
-    case remove_node:
-        return expected_statuses(content, 1);
-    case list_node:
-        return expected_list(content);
-    case events_get:
-        return expected_events(content);
-    default:
-        const std::string text = std::to_string(content.number(1)) + "\n";
-        return content.read_exactly() ? text : failure;
+    tav::Reader in(bytes);
+    std::string text;
+    std::size_t answers = two_paths.size();
+    if (which == get_leaves) {
+        const auto all = messages<tav::LeafAnswer>(in);
+        answers = all.size();
+        text = leaves_text(all);
+    } else if (which == set_leaves || which == remove_node) {
+        const auto all = messages<api_status_t>(in);
+        answers = all.size() + (which == remove_node ? 1 : 0);
+        text = statuses_text(all);
+    } else if (which == events_get) {
+        for (const tav::Event &event : messages<tav::Event>(in)) {
+            text += std::to_string(event.command) + " " + event.path + "\n";
+        }
+        text = text.empty() ? "1 \n" : text;
+    } else {
+        api_status_t status = api_status_none;
+        get(in, status);
+        text = std::to_string(status) + "\n";
+        if (which == list_node) {
+            for (const tav::Child &child : messages<tav::Child>(in)) {
+                text += child.name + " " + std::to_string(child.type) + "\n";
+            }
+        }
     }
+    return in.finished() && answers == two_paths.size() ? text : failure;
 }
 
 // A ping has no reply, but the second one in a row that finds a wake-up byte acknowledges it.
@@ -541,40 +473,26 @@ reply_t take_reply(fuzz::input_t &input) {
 
 // One call on a service that behaves, unless it is `spoiled`. False if it failed.
 bool check_current(toolkit::CTav &tav, fuzz::input_t &input, bool list, bool spoiled) {
-    std::vector<api_status_t> statuses;
-    std::vector<toolkit::CElement> values;
-    std::vector<element_property_t> properties;
-    std::vector<toolkit::child_t> children;
-    api_status_t status = api_status_none;
     std::string found;
     std::string wanted;
     if (list) {
-        if (tav.list_node("/a", status, children) != 0) {
-            return false;
-        }
-        for (const toolkit::child_t &child : children) {
-            found += child.first + std::to_string(child.second.first) + "\n";
-        }
+        found = call(tav, list_node);
+        wanted = "1\n";
         for (const auto &[name, text] : service().leaves) {
-            wanted += name + "6\n";
+            wanted += name + " 6\n";
         }
     } else {
-        std::vector<tk_string> paths(1 + input.byte() % 2U, "/a/b");
+        Paths paths(1 + input.byte() % 2U, "/a/b");
         paths[0] = std::string("/a/") + static_cast<char>('a' + input.byte() % 3U);
-        if (tav.get_leaves(paths, statuses, values, properties) != 0) {
-            return false;
-        }
-        for (std::size_t i = 0; i < paths.size(); ++i) {
-            const auto leaf = service().leaves.find(paths[i].substr(3));
-            const bool there = leaf != service().leaves.end();
-            found += std::to_string(statuses[i]) + values[i].to_string() + "\n";
-            wanted += there ? "1" + leaf->second + "\n" : "2\n";
-        }
+        found = call_leaves(tav, false, paths);
+        std::vector<tav::LeafAnswer> answers;
+        std::transform(paths.begin(), paths.end(), std::back_inserter(answers), proper_answer);
+        wanted = leaves_text(answers);
     }
-    if (!spoiled) {
+    if (!spoiled && found != failure) {
         fuzz::require_same(found, wanted, "another state than the present one");
     }
-    return true;
+    return found != failure;
 }
 
 // A ping says whether calls were answered from memory since the last message.
@@ -582,8 +500,7 @@ bool check_ping(toolkit::CTav &tav, bool from_memory, bool spoiled) {
     api_status_t status = api_status_none;
     const bool fine = tav.watchdog_ping(status) == 0;
     const tav::Op wanted = from_memory ? tav::Op::ping_after_answers : tav::Op::watchdog_ping;
-    require(spoiled || !fine || service().last_kind == static_cast<std::uint8_t>(wanted),
-            "the ping is of the wrong kind");
+    require(spoiled || !fine || service().last == wanted, "the ping is of the wrong kind");
     return fine;
 }
 

@@ -1,5 +1,7 @@
 // Each kind of message of the store's protocol: a message that is read completely is written as the
 // same bytes again, and one that is read partly only yields an error.
+#include <algorithm>
+
 #include "fuzz/fuzz.h"
 #include "protocol/history.h"
 
@@ -27,6 +29,13 @@ void round_trip(const std::string &body, const Read &read, const Write &write) {
     std::string_view again;
     require(tav::next_frame(frame, again) == tav::FrameState::complete, "no complete frame");
     fuzz::require_same(std::string(again), body, "what was read is written otherwise");
+    for (std::size_t length = 0; length < std::min<std::size_t>(body.size(), 300); ++length) {
+        // A copy of exactly this size, so that the address sanitizer reports a read beyond it.
+        const std::string part = body.substr(0, length);
+        tav::Reader cut(part);
+        read(cut);
+        require(!cut.finished(), "a part of a message is taken for the whole");
+    }
 }
 
 template <typename Message>

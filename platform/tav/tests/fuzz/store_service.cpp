@@ -15,6 +15,8 @@
 
 namespace {
 
+using fuzz::framed;
+using fuzz::number_at;
 using fuzz::require;
 
 // The connection: bytes still to be received, bytes sent, and the most bytes that each of the next
@@ -63,22 +65,6 @@ ssize_t __wrap_send(int, const void *buffer, std::size_t size, int) {
 
 namespace {
 
-std::uint32_t number_at(const std::string &bytes, std::size_t at) {
-    std::uint32_t value = 0;
-    for (std::size_t i = 0; i < 4; ++i) {
-        value = value * 256 + static_cast<unsigned char>(bytes[at + i]);
-    }
-    return value;
-}
-
-std::string framed(const std::string &body) {
-    std::string frame;
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        frame.push_back(static_cast<char>((body.size() >> shift) & 0xffU));
-    }
-    return frame + body;
-}
-
 // The bodies of the frames in a stream, up to its end or a frame that is too large.
 std::vector<std::string> bodies(const std::string &stream) {
     std::vector<std::string> found;
@@ -115,14 +101,20 @@ bool is_listing(tav::Reader in) {
     return in.finished() && (status == api_status_ok || children.empty());
 }
 
+// Messages, each after a 1, then another number.
+template <typename Message>
+bool is_sequence(tav::Reader in) {
+    while (in.u8() == 1) {
+        Message message;
+        tav::get(in, message);
+    }
+    return in.finished();
+}
+
 bool is_dump(tav::Reader in) {
     api_status_t status = api_status_none;
     tav::get(in, status);
-    while (in.u8() == 1) {
-        tav::DumpElement element;
-        tav::get(in, element);
-    }
-    return in.finished();
+    return is_sequence<tav::DumpElement>(in);
 }
 
 // Elements, each of which is at most one deeper than the one before and below a node.
@@ -160,14 +152,6 @@ bool is_confirmation(tav::Reader in) {
     return in.finished();
 }
 
-bool is_pending(tav::Reader in) {
-    while (in.u8() == 1) {
-        tav::PendingChange change;
-        tav::get(in, change);
-    }
-    return in.finished();
-}
-
 // Whether a reply's content is what the library expects for that kind of request.
 bool answers(tav::Op op, const tav::Reader &in) {
     switch (op) {
@@ -195,7 +179,7 @@ bool answers(tav::Op op, const tav::Reader &in) {
     case tav::Op::confirm:
         return is_confirmation(in);
     case tav::Op::pending:
-        return is_pending(in);
+        return is_sequence<tav::PendingChange>(in);
     default:
         return false;
     }
