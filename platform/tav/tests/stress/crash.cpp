@@ -1,5 +1,6 @@
 // Kills the service again and again while clients write, and checks the store afterwards: it must
-// have everything that was acknowledged, and no partial transaction.
+// have everything that was acknowledged, and no partial transaction. Of a change that must be
+// confirmed it has all or nothing, and nothing once the term has passed, unless it was confirmed.
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
@@ -10,11 +11,17 @@
 #include <stdexcept>
 #include <thread>
 
+#include "client/admin.h"
 #include "stress/service.h"
 
 namespace {
 
 using Strings = std::vector<std::string>;
+using Clock = std::chrono::steady_clock;
+using std::chrono::microseconds;
+using std::chrono::milliseconds;
+
+constexpr milliseconds term{100};
 
 // Transactions of one client have the numbers 1, 2, 3, ... Each writes the same number to several
 // leaves: two fixed ones, one whose value is often larger than a page, and one of a ring, so that
@@ -58,6 +65,11 @@ struct Counts {
     long lost = 0;
     long partial = 0;
     long kept_unasked = 0; // committed, but no longer acknowledged
+    // Of the changes that must be confirmed.
+    long changed = 0;   // acknowledged before the kill
+    long confirmed = 0; // acknowledged before the kill
+    long new_after = 0; // found after the kill, within the term
+    long wrong = 0;
 };
 
 int number_in(const std::string &text) {
@@ -93,32 +105,145 @@ void check(stress::Client &client, Writer &writer, Counts &counts) {
     writer.acknowledged = there;
 }
 
-void round(stress::Service &service, std::vector<std::unique_ptr<Writer>> &writers, Counts &counts,
-           std::mt19937 &random) {
-    long before = 0;
-    std::vector<std::thread> threads;
-    for (const auto &writer : writers) {
-        before += writer->acknowledged;
-        threads.emplace_back([&writer] { writer->write(); });
+tav::Item set(const std::string &path, const std::string &text) {
+    return {tav::ItemKind::set, path, {element_type_string, text, 77}};
+}
+
+// Leaves that are changed, removed and made; one is larger than a page.
+std::vector<tav::Item> steps(const std::string &mark, bool old) {
+    std::vector<tav::Item> items{set("/n/a", mark), set("/n/large", std::string(5000, mark[0])),
+                                 set(old ? "/n/old/x" : "/n/new/x", mark)};
+    items.push_back({tav::ItemKind::clear, old ? "/n/new" : "/n/old", {}});
+    return items;
+}
+
+std::string picture_of_n() {
+    stress::Client client;
+    api_status_t status = api_status_none;
+    std::vector<tav::DumpElement> elements;
+    if (tav::dump(client.tav.handle, "/n", status, elements) != 0 || status != api_status_ok) {
+        throw std::runtime_error("the store cannot be read");
     }
-    std::this_thread::sleep_for(std::chrono::microseconds(random() % 120000));
+    std::string all;
+    for (const tav::DumpElement &element : elements) {
+        all += element.path + "=" + element.value.text + "@" + std::to_string(element.value.time) +
+               "\n";
+    }
+    return all;
+}
+
+void write(const std::vector<tav::Item> &items) {
+    stress::Client client;
+    std::vector<api_status_t> statuses;
+    if (tav::transact(client.tav.handle, items, statuses) != 0 ||
+        statuses != std::vector<api_status_t>(items.size(), api_status_ok)) {
+        throw std::runtime_error("the store cannot be written");
+    }
+}
+
+std::size_t waiting() {
+    stress::Client client;
+    std::vector<tav::PendingChange> all;
+    if (tav::pending(client.tav.handle, all) != 0) {
+        throw std::runtime_error("the store does not say what waits");
+    }
+    return all.size();
+}
+
+// Makes a change that must be confirmed, and confirms it or not.
+struct Operator {
+    bool confirms = false;
+    std::atomic<bool> changed{false};
+    std::atomic<bool> asked{false}; // for the confirmation
+    std::atomic<bool> confirmed{false};
+
+    // Until the service is gone, or it is done.
+    void work() {
+        stress::Client client;
+        std::vector<api_status_t> statuses;
+        std::uint64_t number = 0;
+        changed = tav::transact_pending(client.tav.handle, steps("y", false), term.count(),
+                                        statuses, number) == 0 &&
+                  number != 0;
+        if (!changed || !confirms) {
+            return;
+        }
+        std::this_thread::sleep_for(term / 2);
+        asked = true;
+        api_status_t status = api_status_none;
+        confirmed =
+            tav::confirm(client.tav.handle, number, status, number) == 0 && status == api_status_ok;
+    }
+};
+
+// False, after a message, if the store is not as it should be.
+bool check(const std::string &old, const std::string &changed, const Operator &person,
+           Counts &counts) {
+    const std::string found = picture_of_n();
+    counts.new_after += found == changed ? 1 : 0;
+    if (found != old && found != changed) {
+        std::printf("neither old nor new:\n%s", found.c_str());
+        return false;
+    }
+    if (person.confirmed && found != changed) {
+        std::printf("a confirmed change is lost\n");
+        return false;
+    }
+    std::this_thread::sleep_for(term);
+    const auto end = Clock::now() + std::chrono::seconds(30);
+    while (waiting() > 0 && Clock::now() < end) {
+        std::this_thread::sleep_for(milliseconds(1));
+    }
+    const std::string last = picture_of_n();
+    const bool kept = person.confirmed || (person.asked && last == changed);
+    if (last != (kept ? changed : old)) {
+        std::printf("after the term, %s:\n%s", person.confirmed ? "confirmed" : "not confirmed",
+                    last.c_str());
+        return false;
+    }
+    return true;
+}
+
+void kill(stress::Service &service, Counts &counts, unsigned int after_us) {
+    std::this_thread::sleep_for(microseconds(after_us));
     service.kill();
     ++counts.kills;
+}
+
+void round(stress::Service &service, std::vector<std::unique_ptr<Writer>> &writers, Counts &counts,
+           std::mt19937 &random) {
+    write(steps("y", false));
+    const std::string changed = picture_of_n();
+    write(steps("o", true));
+    const std::string old = picture_of_n();
+    Operator person;
+    person.confirms = random() % 2 == 0;
+    std::vector<std::thread> threads;
+    threads.emplace_back([&person] { person.work(); });
+    for (const auto &writer : writers) {
+        counts.acknowledged -= writer->acknowledged;
+        threads.emplace_back([&writer] { writer->write(); });
+    }
+    // From before the change until after the end of its term.
+    kill(service, counts, random() % 140000);
     for (std::thread &thread : threads) {
         thread.join();
     }
     for (const auto &writer : writers) {
         counts.acknowledged += writer->acknowledged;
     }
-    counts.acknowledged -= before;
-    if (random() % 4 == 0) {
-        // While it starts and reads the database as the last kill left it.
+    if (random() % 3 == 0) {
+        // While it starts, reads the database as the last kill left it, and takes back what is due.
         service.start(false);
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 20000));
-        service.kill();
-        ++counts.kills;
+        kill(service, counts, random() % 20000);
+    }
+    if (random() % 2 == 0) {
+        std::this_thread::sleep_for(term); // it is down when the term ends
     }
     service.start();
+    counts.changed += person.changed ? 1 : 0;
+    counts.confirmed += person.confirmed ? 1 : 0;
+    counts.wrong += check(old, changed, person, counts) ? 0 : 1;
     stress::Client client;
     for (const auto &writer : writers) {
         check(client, *writer, counts);
@@ -157,7 +282,14 @@ int main(int argc, char **argv) {
                     "%ld lost, %ld partial transactions, %ld kept that were not acknowledged\n",
                     counts.kills, clients, durability.c_str(), seed, counts.acknowledged,
                     counts.lost, counts.partial, counts.kept_unasked);
-        return counts.lost == 0 && counts.partial == 0 && counts.acknowledged > 0 ? 0 : 1;
+        std::printf(
+            "%ld changes to confirm acknowledged, %ld confirmed; %ld times the new settings "
+            "after the kill, %ld times something wrong\n",
+            counts.changed, counts.confirmed, counts.new_after, counts.wrong);
+        return counts.lost == 0 && counts.partial == 0 && counts.wrong == 0 &&
+                       counts.acknowledged > 0 && counts.changed > 0
+                   ? 0
+                   : 1;
     } catch (const std::exception &error) {
         std::fprintf(stderr, "seed %u: %s\n", seed, error.what());
         return 1;

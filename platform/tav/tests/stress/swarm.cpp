@@ -21,7 +21,9 @@ using Strings = std::vector<std::string>;
 using tav::Item;
 using tav::ItemKind;
 using tav::Op;
+using tavtest::path_frame;
 using tavtest::request_frame;
+using tavtest::write_frame;
 
 constexpr uid_t foreign_user = 54321;
 constexpr gid_t foreign_group = 1; // every such system has it
@@ -48,10 +50,6 @@ private:
     bool active;
 };
 
-std::string transaction(const std::vector<Item> &items) {
-    return request_frame(Op::transact, [&items](tav::Writer &out) { put_all(out, items); });
-}
-
 std::vector<Item> leaves(const std::string &stem, int number, const std::string &text = "1") {
     std::vector<Item> items;
     for (int i = 0; i < number; ++i) {
@@ -74,10 +72,6 @@ std::string registration() {
     return request_frame(Op::event_register, [](tav::Writer &out) {
         put(out, tav::Registration{"/", api_event_change, true});
     });
-}
-
-std::string on_path(Op op, const char *path) {
-    return request_frame(op, [path](tav::Writer &out) { put(out, std::string_view(path)); });
 }
 
 struct Part {
@@ -168,35 +162,35 @@ void Swarm::receive() {
 
 const std::vector<Attack> &attacks() {
     static const std::vector<Attack> all{
-        attack("100 clients dump 160,000 leaves", {{100, {}, on_path(Op::dump, "/")}}),
+        attack("100 clients dump 160,000 leaves", {{100, {}, path_frame(Op::dump, "/")}}),
         attack("100 clients list 60,000 names of 245 bytes",
-               {{100, {}, on_path(Op::list, "/wide")}}),
+               {{100, {}, path_frame(Op::list, "/wide")}}),
+        attack("100 clients read 50,000 paths at a time",
+               {{100, {}, tavtest::read_frame(Strings(50000, "/many/1/1"))}}),
         attack(
-            "100 clients read 50,000 paths at a time",
-            {{100,
-              {},
-              request_frame(Op::read,
-                            [](tav::Writer &out) { put_all(out, Strings(50000, "/many/1/1")); })}}),
+            "four flood with small reads and four with small writes",
+            {{4, {}, tavtest::read_frame({"/good/value"})},
+             {4, {}, write_frame(leaves("/flood/", 1)) + write_frame(leaves("/flood/", 1, "2"))}}),
         attack("100 that never fetch, one writes 49,000 leaves",
                {{100, {registration()}, "", true},
                 {1,
                  {},
-                 transaction(leaves("/many/0/", 20000, "2")) +
-                     transaction(leaves("/more/", 29000)) + transaction(leaves("/many/0/", 20000)) +
-                     transaction(leaves("/more/", 29000, "2"))}}),
+                 write_frame(leaves("/many/0/", 20000, "2")) +
+                     write_frame(leaves("/more/", 29000)) + write_frame(leaves("/many/0/", 20000)) +
+                     write_frame(leaves("/more/", 29000, "2"))}}),
         attack("one touches / 2,000 times a call",
-               {{1, {}, transaction(std::vector<Item>(2000, {ItemKind::touch, "/", {}}))}}),
+               {{1, {}, write_frame(std::vector<Item>(2000, {ItemKind::touch, "/", {}}))}}),
         attack("one writes 45,000 leaves over unfetched events",
-               {{1, {registration()}, transaction(leaves("/stale/", 45000))},
-                {1, {}, transaction(leaves("/stale/", 45000, "2"))}}),
+               {{1, {registration()}, write_frame(leaves("/stale/", 45000))},
+                {1, {}, write_frame(leaves("/stale/", 45000, "2"))}}),
         attack("one makes and removes 45,000 leaves",
                {{1,
                  {},
-                 transaction(leaves("/come/", 45000)) +
-                     transaction({{ItemKind::remove, "/come", {}}})}}),
+                 write_frame(leaves("/come/", 45000)) +
+                     write_frame({{ItemKind::remove, "/come", {}}})}}),
         attack("100 clients register again and again", {{100, {}, registration()}}),
         attack("100 clients send requests and take no answer",
-               {{100, {}, on_path(Op::dump, "/"), true}}),
+               {{100, {}, path_frame(Op::dump, "/"), true}}),
     };
     return all;
 }
