@@ -4,7 +4,9 @@
 #include <nlohmann/json.hpp>
 
 #include "ctl/daemon_state.h"
+#include "ctl/keeper_memory.h"
 #include "ctl/output.h"
+#include "ctl/rules.h"
 #include "ctl/text.h"
 #include "ctl/tool.h"
 
@@ -42,6 +44,20 @@ struct report_t {
     }
 };
 
+// What the keeper will set again, of the chosen links.
+void add_remembered(client_t &client, const options_t &options, report_t &report) {
+    for (const kept_t &kept : read_memory(client.tav).kept) {
+        const std::string &link = kept.setting.link;
+        if (interface_number(link, options.prefix) != 0 &&
+            (options.link.empty() || options.link == link)) {
+            report.add({link,
+                        {reason_t::setting_remembered,
+                         {{"link", link}, {"text", text_of(kept.setting)}, {"why", kept.why}}}},
+                       options);
+        }
+    }
+}
+
 report_t make_report(client_t &client, const comparison_t &comparison, const options_t &options) {
     report_t report;
     report.daemon = find_daemon(client);
@@ -60,6 +76,7 @@ report_t make_report(client_t &client, const comparison_t &comparison, const opt
             }
         }
     }
+    add_remembered(client, options, report);
     for (finding_t &finding : report.differences) {
         if (report.daemon.pid != 0) {
             finding.fault.words["pid"] = std::to_string(report.daemon.pid);

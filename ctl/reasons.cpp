@@ -78,6 +78,9 @@ constexpr reasons_t table{{
      "the link is down: the kernel does not use its addresses and accepts no gateway (tandrel(8), "
      "CAVEATS, says how to keep settings while a link is down)",
      "ip link set {link} up"},
+    {r::setting_remembered, note, "setting-remembered",
+     "{text} left the store ({why}); 'tandrelctl keep' sets it again when the link can carry it",
+     ""},
 
     {r::address_is_leaf, note, "address-is-leaf",
      "'{path}' is a leaf where an address node is expected; tandrel ignores it", ""},

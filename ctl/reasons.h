@@ -28,6 +28,7 @@ enum class reason_t {
     ipv6_disabled,
     no_store_node,
     link_down,
+    setting_remembered,
     // Stored addresses that are skipped.
     address_is_leaf,
     address_leaf_missing,

@@ -13,6 +13,8 @@ for reason in $reasons; do
     case $reason in
     # Depends on the processes and on the store's service.
     daemon_*) grep -qF "daemon_t::${reason#daemon_}," <<<"$tests" ;;
+    # Comes from the keeper's memory.
+    setting_remembered) grep -qF "left the store (link down); 'tandrelctl" tests/ctl/kernel/keeper_test.cpp ;;
     *) grep -qE "^ *expect\(reason_t::$reason,( \"|\$)" <<<"$tests" ;;
     esac || fail "no test holds the sentence of $reason"
 done

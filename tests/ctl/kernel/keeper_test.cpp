@@ -118,8 +118,16 @@ TEST_F(KeeperTest, WhatALinkLosesWhenItGoesDownComesBackWithIt) {
                    contains(list, "\tlink down\twaits: link down\n") &&
                    contains(list, "eth0\tgateway fe80::1\t-\t");
         })) << run({"keep", "--list"}).output;
+        const result_t check = run({"check", "eth0"});
+        EXPECT_EQ(check.status, 0) << "a note is no difference";
+        EXPECT_TRUE(contains(check.output,
+                             "eth0: note: 2001:db8::5/64 left the store (link down); 'tandrelctl "
+                             "keep' sets it again when the link can carry it\n"))
+            << check.output;
+        EXPECT_FALSE(contains(run({"check", "eth1"}).output, "left the store"));
         device.set_up("eth0");
         expect_return();
+        EXPECT_FALSE(contains(run({"check"}).output, "left the store"));
     }
     EXPECT_TRUE(said("eth0: 2001:db8::5/64 left the store (link down); it will be set again when "
                      "eth0 can carry it"));
