@@ -153,6 +153,7 @@ TEST_F(GroupsTest, ARefusedOneTakesTheNextOneWithIt) {
     }
     EXPECT_EQ(text("/a/b/d"), absent);
     EXPECT_EQ(fetched(), 0U);
+    EXPECT_FALSE(other.unseen("/a/b/c"));
     EXPECT_FALSE(other.unseen("/a/b/d"));
     EXPECT_EQ(store.largest().depth, 0U);
 

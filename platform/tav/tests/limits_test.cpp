@@ -87,6 +87,7 @@ TEST_F(LimitsTest, RegistrationsOfAClientAreLimited) {
     EXPECT_EQ(limit.used, limits::registrations_per_client);
     EXPECT_EQ(limit.limit, limits::registrations_per_client);
     EXPECT_EQ(limit.refused, 1U);
+    EXPECT_EQ(stop(), 0);
 }
 
 TEST_F(LimitsTest, ThePathsOfACallAreLimited) {

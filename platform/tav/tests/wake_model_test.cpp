@@ -281,30 +281,35 @@ private:
     std::vector<World> open;
 };
 
+struct Start {
+    const char *name;
+    int events;
+    int other_readiness;
+    int requests;
+    bool remembers;
+    bool discovery; // in which the descriptor falls silent
+};
+
+class WakeModel : public testing::TestWithParam<Start> {};
+
+INSTANTIATE_TEST_SUITE_P(From, WakeModel,
+                         testing::Values(Start{"NormalOperation", 3, 3, 2, false, false},
+                                         Start{"Discovery", 3, 3, 1, false, true},
+                                         Start{"AnswersFromMemory", 2, 2, 2, true, false},
+                                         Start{"DiscoveryWithAnswersFromMemory", 2, 2, 1, true,
+                                               true}),
+                         [](const auto &tested) { return tested.param.name; });
+
 } // namespace
 
-TEST(WakeModel, NoEventIsLostInAnyInterleaving) {
-    struct {
-        int events;
-        int other_readiness;
-        int requests;
-        bool remembers;
-        bool discovery; // in which the descriptor falls silent
-    } const starts[] = {
-        {3, 3, 2, false, false},
-        {3, 3, 1, false, true},
-        {2, 2, 2, true, false},
-        {2, 2, 1, true, true},
-    };
-    for (const auto &start : starts) {
-        World world;
-        world.events = start.events;
-        world.short_ticks = 3;
-        world.long_ticks = 1;
-        world.other_readiness = start.other_readiness;
-        world.requests = start.requests;
-        world.remembers = start.remembers;
-        world.discovery = start.discovery;
-        EXPECT_GT(Explorer().explore(world), 10000U);
-    }
+TEST_P(WakeModel, NoEventIsLostInAnyInterleaving) {
+    World world;
+    world.events = GetParam().events;
+    world.short_ticks = 3;
+    world.long_ticks = 1;
+    world.other_readiness = GetParam().other_readiness;
+    world.requests = GetParam().requests;
+    world.remembers = GetParam().remembers;
+    world.discovery = GetParam().discovery;
+    EXPECT_GT(Explorer().explore(world), 10000U);
 }

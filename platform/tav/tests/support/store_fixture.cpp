@@ -208,9 +208,13 @@ int StoreTest::stop() {
 }
 
 std::string StoreTest::refused(const std::vector<std::string> &arguments, int status) {
-    const Ran ran = run(dir, tavd_arguments(arguments));
-    EXPECT_EQ(ran.status, status) << ran.errors;
-    return ran.errors;
+    Process process(dir, "refused", tavd_arguments(arguments));
+    if (process.wait_for_error_text("serving on ")) {
+        ADD_FAILURE() << "it serves";
+        process.signal(SIGKILL);
+    }
+    EXPECT_EQ(process.wait(), status) << process.errors();
+    return process.errors();
 }
 
 void StoreTest::leave_writes_in_the_log() {
