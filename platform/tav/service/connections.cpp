@@ -180,7 +180,6 @@ void Server::account(Peer &peer) {
     user.held += peer.held() - peer.accounted;
     held += peer.held() - peer.accounted;
     peer.accounted = peer.held();
-    service.note_memory(peer.held());
 }
 
 // Ends one client if all clients together use too much memory.

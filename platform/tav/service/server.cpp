@@ -88,9 +88,8 @@ void Server::run() {
         if (trim && *trim <= service.now()) {
             trim.reset();
             ::malloc_trim(0);
-        }
-        // Afterwards: what was taken meanwhile must not wait for the next request.
-        if (!trim && service.took_memory()) {
+        } else if (!trim) {
+            // Any round may free memory: a connection ends, events are forgotten.
             trim = service.now() + trim_pause;
         }
     }

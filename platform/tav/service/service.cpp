@@ -168,7 +168,6 @@ void Service::commit() {
     }
     const Edit::Changes &changes = served.close_group();
     ++released; // for those that the full group let wait
-    note_memory(changes.size() * sizeof(Change));
     if (!changes.empty() && served.permanent().is_slow(changes.size())) {
         try {
             committer.start(served.permanent(), changes);

@@ -72,12 +72,6 @@ public:
     // Increases when events were published.
     std::uint64_t publications() const { return published; }
 
-    // So many bytes were taken at once. Whether there were many such since the last question.
-    void note_memory(std::size_t bytes) {
-        much_memory = much_memory || bytes > (std::size_t{1} << 20);
-    }
-    bool took_memory() { return std::exchange(much_memory, false); }
-
     // For tasks. One transaction is carried out at a time; take_turn() is false when the task must
     // wait. Each call that was true is followed by end_turn().
     bool take_turn(SessionId session);
@@ -135,7 +129,6 @@ private:
     std::uint64_t overflows = 0;
     std::uint64_t released = 0;
     std::uint64_t published = 0;
-    bool much_memory = false;
     int waiting_writers = 0;
     int registrations = 0;  // tasks that wait to register
     SessionId writing = 0;  // see at_work()
