@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "protocol/limits.h"
+#include "service/blocks.h"
 #include "service/garbage.h"
 #include "service/value_check.h"
 
@@ -21,12 +22,19 @@ bool before(const Element &element, const PlacedName &name) {
     return order_of(element.content->name, name) < 0;
 }
 
+// Apart from all that is short-lived.
+template <typename Object, typename... Arguments>
+std::shared_ptr<Object> make(Arguments &&...arguments) {
+    return std::allocate_shared<Object>(BlockAllocator<Object>(),
+                                        std::forward<Arguments>(arguments)...);
+}
+
 // Makes an element safe to change: one that another copy of the tree shares is replaced by a copy
 // of its own. An element is shared if any element above it is, so the way to it must be made safe
 // first.
 Element &own(ElementPtr &slot) {
     if (slot.use_count() > 1) {
-        slot = std::make_shared<Element>(*slot);
+        slot = make<Element>(*slot);
     }
     return *slot;
 }
@@ -104,7 +112,7 @@ bool same_content(const Value &left, const Value &right) {
 }
 
 void Extent::add(const Content &content) {
-    // Each of the two objects is allocated with its counters and the allocator's header.
+    // Each of the two objects has its counters, and its share of what is unused in their slabs.
     constexpr std::size_t around = 2 * (sizeof(void *) + 2 * sizeof(int) + sizeof(void *));
     ++(content.value.type == element_type_node ? nodes : leaves);
     bytes += sizeof(Element) + sizeof(Content) + around + heap_bytes(content.name.text()) +
@@ -120,9 +128,9 @@ Tree::Tree() {
 }
 
 void Tree::clear() {
-    const auto root = std::make_shared<Element>();
-    root->content = std::make_shared<Content>(
-        Content{Name(PlacedName("")), Value{element_type_node, {}, no_time}});
+    const auto root = make<Element>();
+    root->content =
+        make<Content>(Content{Name(PlacedName("")), Value{element_type_node, {}, no_time}});
     all = {};
     all.add(*root->content);
     top = Root(root);
@@ -183,10 +191,9 @@ Element &Tree::own(std::string_view path) {
 }
 
 const Element &Tree::add(std::string_view path, Value value) {
-    auto element = std::make_shared<Element>();
+    auto element = make<Element>();
     element->rank = random_rank();
-    element->content =
-        std::make_shared<Content>(Content{Name(PlacedName(last_name(path))), std::move(value)});
+    element->content = make<Content>(Content{Name(PlacedName(last_name(path))), std::move(value)});
     Element &parent = own(parent_path(path));
     all.add(*element->content);
     const Element &added = *element;
@@ -198,7 +205,7 @@ const Element &Tree::add(std::string_view path, Value value) {
 const Element &Tree::replace(std::string_view path, Value value) {
     Element &element = own(path);
     all.bytes -= heap_bytes(element.content->value.text);
-    element.content = std::make_shared<Content>(Content{element.content->name, std::move(value)});
+    element.content = make<Content>(Content{element.content->name, std::move(value)});
     all.bytes += heap_bytes(element.content->value.text);
     return element;
 }

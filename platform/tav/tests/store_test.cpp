@@ -1,7 +1,9 @@
 // The store's transactions, in memory.
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <map>
+#include <set>
 
 #include "protocol/limits.h"
 #include "service/session.h"
@@ -382,4 +384,28 @@ TEST_F(StoreUnit, TheTreeAgreesWithASortedMap) {
         return true;
     });
     EXPECT_EQ(store->tree().extent().bytes, counted.bytes);
+}
+
+// They were once scattered among the memory of the transactions that made them.
+TEST_F(StoreUnit, TheElementsOfTheTreeNeedFewPages) {
+    constexpr int leaves = 5000;
+    const auto write_all = [this](const std::string &text) {
+        std::vector<Item> items;
+        for (int i = 0; i < leaves; ++i) {
+            items.push_back(set_item("/a/" + std::to_string(i), text));
+        }
+        ASSERT_EQ(write(items).statuses.front(), api_status_ok);
+    };
+    for (const char *text : {"1", "2", "3"}) {
+        write_all(text);
+    }
+    constexpr std::size_t page = 4096;
+    std::set<std::uintptr_t> pages;
+    walk(store->tree(), "/a", [&pages](const std::string &, const Element &element) {
+        pages.insert(reinterpret_cast<std::uintptr_t>(&element) / page);
+        pages.insert(reinterpret_cast<std::uintptr_t>(element.content.get()) / page);
+        return true;
+    });
+    constexpr std::size_t bytes = leaves * (sizeof(Element) + sizeof(Content) + 4 * sizeof(void *));
+    EXPECT_LT(pages.size() * page, bytes * 11 / 10);
 }

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -66,6 +67,11 @@ void *operator new(std::size_t size) {
         throw std::bad_alloc();
     }
     return memory;
+}
+// For what is kept apart.
+extern "C" int posix_memalign(void **memory, std::size_t alignment, std::size_t size) noexcept {
+    *memory = must_fail() ? nullptr : std::aligned_alloc(alignment, size);
+    return *memory == nullptr ? ENOMEM : 0;
 }
 void operator delete(void *memory) noexcept {
     std::free(memory);
