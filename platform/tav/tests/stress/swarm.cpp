@@ -78,7 +78,7 @@ struct Part {
     int connections;
     Strings first;
     std::string again;
-    bool deaf = false;
+    Manner manner = Manner::takes;
 };
 
 Attack attack(const char *name, const std::vector<Part> &parts) {
@@ -86,7 +86,7 @@ Attack attack(const char *name, const std::vector<Part> &parts) {
                 std::vector<std::unique_ptr<Swarm>> swarms;
                 for (const Part &part : parts) {
                     swarms.push_back(std::make_unique<Swarm>(service, foreign, part.connections,
-                                                             part.first, part.again, part.deaf));
+                                                             part.first, part.again, part.manner));
                 }
                 return swarms;
             }};
@@ -95,8 +95,14 @@ Attack attack(const char *name, const std::vector<Part> &parts) {
 } // namespace
 
 Swarm::Swarm(const Service &service, bool foreign, int connections, const Strings &first,
-             const std::string &request, bool deaf)
+             const std::string &request, Manner manner)
     : again(request) {
+    if (manner == Manner::leaves) {
+        sending = std::thread([this, socket = service.socket(), foreign, connections, first] {
+            come_and_leave(socket, foreign, connections, first);
+        });
+        return;
+    }
     {
         const Disguise disguise(foreign);
         for (int i = 0; i < connections; ++i) {
@@ -108,7 +114,7 @@ Swarm::Swarm(const Service &service, bool foreign, int connections, const String
             client->calls.send(frame);
         }
     }
-    if (!deaf) {
+    if (manner == Manner::takes) {
         receiving = std::thread([this] { receive(); });
     }
     if (!again.empty()) {
@@ -160,6 +166,29 @@ void Swarm::receive() {
     }
 }
 
+void Swarm::come_and_leave(const std::string &socket, bool foreign, int connections,
+                           const Strings &requests) const {
+    const Disguise disguise(foreign);
+    while (!stop) {
+        try {
+            std::vector<std::unique_ptr<tavtest::RawClient>> present;
+            for (int i = 0; i < connections; ++i) {
+                present.push_back(std::make_unique<tavtest::RawClient>(socket));
+                for (const std::string &frame : requests) {
+                    present.back()->calls.send(frame);
+                }
+            }
+            for (const auto &client : present) {
+                for (std::size_t i = 0; i < requests.size(); ++i) {
+                    client->calls.receive();
+                }
+            }
+        } catch (const std::runtime_error &) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10)); // the service was killed
+        }
+    }
+}
+
 const std::vector<Attack> &attacks() {
     static const std::vector<Attack> all{
         attack("100 clients dump 160,000 leaves", {{100, {}, path_frame(Op::dump, "/")}}),
@@ -172,7 +201,7 @@ const std::vector<Attack> &attacks() {
             {{4, {}, tavtest::read_frame({"/good/value"})},
              {4, {}, write_frame(leaves("/flood/", 1)) + write_frame(leaves("/flood/", 1, "2"))}}),
         attack("100 that never fetch, one writes 49,000 leaves",
-               {{100, {registration()}, "", true},
+               {{100, {registration()}, "", Manner::deaf},
                 {1,
                  {},
                  write_frame(leaves("/many/0/", 20000, "2")) +
@@ -190,7 +219,13 @@ const std::vector<Attack> &attacks() {
                      write_frame({{ItemKind::remove, "/come", {}}})}}),
         attack("100 clients register again and again", {{100, {}, registration()}}),
         attack("100 clients send requests and take no answer",
-               {{100, {}, path_frame(Op::dump, "/"), true}}),
+               {{100, {}, path_frame(Op::dump, "/"), Manner::deaf}}),
+        attack("101 make 45,000 events, leave and come again",
+               {{100, {registration()}, "", Manner::leaves},
+                {1,
+                 {registration(), write_frame({{ItemKind::touch, "/stale", {}}})},
+                 "",
+                 Manner::leaves}}),
     };
     return all;
 }

@@ -13,13 +13,18 @@
 
 namespace stress {
 
-// Connections that send a request again and again and discard what they receive, or, if `deaf`,
-// receive nothing.
+enum class Manner {
+    takes, // what it receives, and discards it
+    deaf,  // it receives nothing
+    leaves // when its first requests were answered, and comes again
+};
+
+// Connections that send some requests and then one again and again.
 class Swarm {
 public:
     // As another user if `foreign`; see foreign_options().
     Swarm(const Service &service, bool foreign, int connections,
-          const std::vector<std::string> &first, const std::string &request, bool deaf);
+          const std::vector<std::string> &first, const std::string &request, Manner manner);
     ~Swarm();
     Swarm(const Swarm &) = delete;
     Swarm &operator=(const Swarm &) = delete;
@@ -27,6 +32,8 @@ public:
 private:
     void send();
     void receive();
+    void come_and_leave(const std::string &socket, bool foreign, int connections,
+                        const std::vector<std::string> &requests) const;
 
     std::string again;
     std::vector<std::unique_ptr<tavtest::RawClient>> clients;
