@@ -85,3 +85,13 @@ TEST_F(GarbageTest, ALargeEditIsGivenBackInParts) {
     EXPECT_GT(parts(), many / 4096) << "the index, too";
     EXPECT_LT(value.use_count(), uses);
 }
+
+// A large touch that began again and again for others once made the service larger and larger.
+TEST_F(GarbageTest, MuchIsGivenBackFasterThanItIsMade) {
+    for (int turn = 0; turn < 100; ++turn) {
+        Edit::Changes changes(many);
+        garbage::add(changes);
+        garbage::give_back();
+    }
+    EXPECT_LT(parts(), 60); // of 4,096 at least
+}
