@@ -53,10 +53,11 @@ bool empty() noexcept {
 }
 
 bool give_back() noexcept {
-    // A turn's work makes up to about 10,000 changes useless when the transaction begins again and
-    // again for others.
-    constexpr std::size_t much = 200000;
-    const int at_once = heap.changes.size() > much ? 16384 : 4096;
+    // A transaction that begins again and again for others drops more in a turn than the smaller
+    // number, and what comes last here would wait for ever.
+    constexpr int soon = 50;
+    static int parts = 0; // since there was nothing left
+    const int at_once = parts < soon ? 4096 : 16384;
     const bool some = !empty();
     for (int i = 0; i < at_once && !empty(); ++i) {
         if (!heap.maps.empty()) {
@@ -68,6 +69,7 @@ bool give_back() noexcept {
             give_back_element();
         }
     }
+    parts = empty() ? 0 : parts + 1;
     return some;
 }
 

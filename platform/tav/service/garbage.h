@@ -13,8 +13,8 @@ void add(Edit::Changes &changes) noexcept;
 // Their keys are in changes that were not added earlier.
 void add(std::list<Edit::ByPath> &maps) noexcept;
 
-// Gives a part back, which takes about a millisecond at most, or a few if there is very much; false
-// if there was nothing.
+// Gives a part back, which takes about a millisecond at most, or a few if there has been something
+// for long; false if there was nothing.
 bool give_back() noexcept;
 bool empty() noexcept;
 
