@@ -225,7 +225,7 @@ void round(stress::Service &service, std::vector<std::unique_ptr<Writer>> &write
         threads.emplace_back([&writer] { writer->write(); });
     }
     // From before the change until after the end of its term.
-    kill(service, counts, random() % 140000);
+    kill(service, counts, static_cast<unsigned>(random() % 140000));
     for (std::thread &thread : threads) {
         thread.join();
     }
@@ -235,7 +235,7 @@ void round(stress::Service &service, std::vector<std::unique_ptr<Writer>> &write
     if (random() % 3 == 0) {
         // While it starts, reads the database as the last kill left it, and takes back what is due.
         service.start(false);
-        kill(service, counts, random() % 20000);
+        kill(service, counts, static_cast<unsigned>(random() % 20000));
     }
     if (random() % 2 == 0) {
         std::this_thread::sleep_for(term); // it is down when the term ends
