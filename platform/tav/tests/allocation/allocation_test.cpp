@@ -2,6 +2,7 @@
 // database hold the same. Each allocation of each kind of call fails in turn.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sqlite3.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -70,7 +71,7 @@ void *operator new(std::size_t size) {
 }
 // For what is kept apart.
 extern "C" int posix_memalign(void **memory, std::size_t alignment, std::size_t size) noexcept {
-    *memory = must_fail() ? nullptr : std::aligned_alloc(alignment, size);
+    *memory = must_fail() ? nullptr : ::memalign(alignment, size);
     return *memory == nullptr ? ENOMEM : 0;
 }
 void operator delete(void *memory) noexcept {
