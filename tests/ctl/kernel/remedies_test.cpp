@@ -95,7 +95,10 @@ public:
         Ipv6Disabled();
         ASSERT_TRUE(settle()); // the kernel has refused it
         disable_ipv6("0");
-        ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
+        ASSERT_TRUE(becomes([&] {
+            const std::string own = device.link_local("eth0");
+            return !own.empty() && !store.node_of(1, own).empty();
+        }));
     }
     void Unfit() { store.set_address(1, "x", "ff02::5/64"); }
     void LeftOver() {
