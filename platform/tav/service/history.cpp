@@ -176,7 +176,7 @@ std::string HistoryLog::entry(const Edit::Changes &changes, const Author &author
     return frame_body(out);
 }
 
-void HistoryLog::record(const Edit::Changes &changes, Change &bearer, const Author &author,
+void HistoryLog::record(const Edit::Changes &changes, Change &carrier, const Author &author,
                         std::int64_t time, Records &staged) {
     if (!on()) {
         return;
@@ -184,7 +184,7 @@ void HistoryLog::record(const Edit::Changes &changes, Change &bearer, const Auth
     auto made = std::make_shared<Record>(
         Record{next_number, author.service, entry(changes, author, time, bounds.bytes)});
     staged.emplace_hint(staged.end(), next_number, made);
-    bearer.record = std::move(made);
+    carrier.record = std::move(made);
     ++next_number;
 }
 

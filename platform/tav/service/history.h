@@ -85,9 +85,9 @@ public:
     std::string entry(const Edit::Changes &changes, const Author &author, std::int64_t time,
                       std::size_t most_bytes) const;
     // Makes a record of the changes, unless there is no history; it goes to `staged` and to
-    // `bearer`, a change of the same transaction of the database. `time`: in seconds since 1970.
+    // `carrier`, a change of the same transaction of the database. `time`: in seconds since 1970.
     // May throw std::bad_alloc, and has then no effect.
-    void record(const Edit::Changes &changes, Change &bearer, const Author &author,
+    void record(const Edit::Changes &changes, Change &carrier, const Author &author,
                 std::int64_t time, Records &staged);
     // The next transaction has another number, even without a history.
     void use_number() noexcept { next_number += on() ? 0U : 1U; }

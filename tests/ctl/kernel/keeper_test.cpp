@@ -60,6 +60,17 @@ protected:
     void expect_loss() {
         ASSERT_TRUE(becomes([&] { return has_lost_all(); }));
     }
+    // The link loses its settings and then its name, which another link gets.
+    void give_name_to_another_link() {
+        device.set_up("eth0", false);
+        expect_loss();
+        ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
+        ASSERT_TRUE(said("eth0: gateway fe80::1 left the store"));
+        device.rename("eth0", "lan0");
+        device.add_veth("eth0", "peer9", sandbox.neighbour());
+        device.set_up("eth0");
+        ASSERT_TRUE(said("eth0: nothing is set again on it (several links have had this name)"));
+    }
     void expect_return() {
         EXPECT_TRUE(becomes([&] { return is_complete(); })) << run({"check"}).output;
         EXPECT_EQ(run({"keep", "--list"}).output, "");
@@ -198,14 +209,7 @@ TEST_F(KeeperTest, WhatARenamedLinkLosesComesBackWithItsName) {
 }
 
 TEST_F(KeeperTest, NothingIsSetOnALinkWhoseNameAnotherHasHad) {
-    device.set_up("eth0", false);
-    expect_loss();
-    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
-    ASSERT_TRUE(said("eth0: gateway fe80::1 left the store"));
-    device.rename("eth0", "lan0");
-    device.add_veth("eth0", "peer9", sandbox.neighbour());
-    device.set_up("eth0");
-    EXPECT_TRUE(said("eth0: nothing is set again on it (several links have had this name)"));
+    give_name_to_another_link();
     EXPECT_TRUE(becomes([&] {
         return contains(run({"keep", "--list"}).output,
                         "\twaits: several links have had this name\n");
@@ -632,14 +636,7 @@ TEST_F(KeeperWithADatabase, ARestartOfTheStoreLosesNothing) {
 }
 
 TEST_F(KeeperWithADatabase, ADaemonThatReconnectsKnowsLinksByTheirPresentNames) {
-    device.set_up("eth0", false);
-    expect_loss();
-    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
-    ASSERT_TRUE(said("eth0: gateway fe80::1 left the store"));
-    device.rename("eth0", "lan0");
-    device.add_veth("eth0", "peer9", sandbox.neighbour());
-    device.set_up("eth0");
-    ASSERT_TRUE(said("eth0: nothing is set again on it (several links have had this name)"));
+    give_name_to_another_link();
     restart_store();
     EXPECT_TRUE(becomes([&] { return is_complete(); })) << run({"keep", "--list"}).output;
     EXPECT_EQ(run({"keep", "--list"}).output, "");
