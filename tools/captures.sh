@@ -103,7 +103,7 @@ check=no
 need_namespaces
 if [ $# -gt 0 ]; then
     PATH=$1:$PATH
-    command -v tmux >/dev/null || { echo "tmux is not installed"; exit 77; }
+    command -v tmux >/dev/null || { echo "skipped: tmux is not installed"; exit 77; }
 else
     # shellcheck disable=SC2086
     need_packages $build_packages $demo_packages tmux

@@ -6,7 +6,7 @@
 build_packages="g++ cmake ninja-build pkg-config libnl-3-dev libboost-dev libsqlite3-dev libcli11-dev
     nlohmann-json3-dev"
 demo_packages="iproute2 procps radvd"
-test_packages="libgtest-dev libnl-route-3-dev binutils iproute2 procps radvd python3"
+test_packages="libgtest-dev libnl-route-3-dev binutils iproute2 procps radvd python3 tmux"
 # Their checks are skipped if these cannot be installed.
 lint_packages="clang-format clang-tidy mandoc groff-base bash-completion shellcheck"
 fuzz_packages="clang libclang-rt-dev"
