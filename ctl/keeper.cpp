@@ -75,7 +75,8 @@ moment_t keeper_t::step() {
         api_status_t status = tav_value::status_unset;
         client.tav.watchdog_ping(status);
         client.take_events();
-        handle_history();
+        while (handle_history()) {
+        }
         if (is_new) {
             say("watching the links whose names begin with " + shown(options.prefix));
         }

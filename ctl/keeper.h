@@ -27,15 +27,15 @@ private:
     void end();
 
     // --- keeper_history.cpp: what left the store
-    // Handles the changes up to the first that cannot be judged yet.
-    void handle_history();
+    // Handles the changes up to the first that cannot be judged yet. True: call it again first.
+    bool handle_history();
     void note(writes_t &writes, std::uint64_t reached);
     void handle_gap(writes_t &writes);
     // False: it cannot be judged before `wake`, and `writes` is of no use.
     bool handle(const store_change_t &change, writes_t &writes);
     bool handle_departure(const setting_t &setting, writes_t &writes);
     bool handle_deletion(std::uint64_t number, const setting_t &setting, writes_t &writes);
-    // The store has taken back the change with that number.
+    // The store has taken back the change with that number. What was noted before is stored.
     void withdraw(std::uint64_t number, writes_t &writes);
     void handle_gateway(const store_change_t &change, const fact_t &fact, writes_t &writes);
     void keep(const setting_t &setting, const std::string &why, writes_t &writes);

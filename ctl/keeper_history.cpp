@@ -4,6 +4,7 @@
 
 #include "ctl/keeper.h"
 #include "ctl/text.h"
+#include "store/paths.h"
 
 namespace ctl {
 
@@ -17,16 +18,18 @@ constexpr std::int64_t write_back_seconds = 5;
 
 } // namespace
 
-void keeper_t::handle_history() {
+bool keeper_t::handle_history() {
     // At the very first start only the number of the last change is of interest.
     constexpr std::uint64_t none = std::numeric_limits<std::uint64_t>::max();
-    const store_history_t history = read_history(client, memory.handled ? handled : none);
+    const store_history_t history =
+        read_history(client, paths::interfaces, memory.handled ? handled : none);
     feed.drain(); // what the kernel reported before the daemon acted on it
     now = std::chrono::steady_clock::now();
     writes_t writes;
     news.clear();
     std::uint64_t reached = handled;
     bool all = true;
+    bool again = false;
     if (!memory.handled) {
         reached = history.last; // it acts only on what it sees leave
         relevant = true;
@@ -41,6 +44,12 @@ void keeper_t::handle_history() {
     for (const store_change_t &change : history.changes) {
         if (change.number <= reached) {
             continue;
+        }
+        // withdraw() has to know what was remembered before a change, and before its taking back.
+        again = !writes.empty() && change.service != daemon_name;
+        if (again) {
+            all = false;
+            break;
         }
         writes_t more;
         const std::size_t lines = news.size();
@@ -61,6 +70,7 @@ void keeper_t::handle_history() {
     } else {
         handled = reached;
     }
+    return again;
 }
 
 // If the store cannot remember it now, the same changes are handled again.
@@ -101,9 +111,6 @@ bool keeper_t::handle(const store_change_t &change, writes_t &writes) {
     if (change.too_large) {
         handle_gap(writes);
     }
-    if (change.taken_back != 0) {
-        withdraw(change.taken_back, writes);
-    }
     const bool by_daemon = change.service == daemon_name;
     for (const fact_t &fact : facts_of(change.leaves, options.prefix, !by_daemon)) {
         const setting_t &setting = fact.setting;
@@ -119,6 +126,9 @@ bool keeper_t::handle(const store_change_t &change, writes_t &writes) {
         if (!by_daemon && !setting.is_gateway && !handle_deletion(change.number, setting, writes)) {
             return false;
         }
+    }
+    if (change.taken_back != 0) {
+        withdraw(change.taken_back, writes); // after its deletions, which forget
     }
     return true;
 }
@@ -170,19 +180,23 @@ bool keeper_t::handle_deletion(std::uint64_t number, const setting_t &setting, w
     return true;
 }
 
-// What it had set would come back otherwise, if it left with its link meanwhile.
+// What the change had set would come back otherwise, if it left with its link meanwhile; and what
+// was remembered until the change set it would be lost.
 void keeper_t::withdraw(std::uint64_t number, writes_t &writes) {
-    for (const store_change_t &change : read_history(client, number - 1).changes) {
+    for (const store_change_t &change :
+         read_history(client, paths::interfaces, number - 1).changes) {
         if (change.number != number) {
             continue;
         }
         for (const setting_t &setting : settings_made(change.leaves, options.prefix)) {
-            forget(writes, setting);
-            if (std::any_of(memory.kept.begin(), memory.kept.end(), [&](const kept_t &kept) {
-                    return same_setting(kept.setting, setting);
-                })) {
-                tell(setting,
-                     "is forgotten (change " + std::to_string(number) + " was taken back)");
+            std::vector<std::vector<leaf_change_t>> since;
+            for (const store_change_t &one :
+                 read_history(client, kept_path(setting), number).changes) {
+                since.push_back(one.leaves);
+            }
+            for (const auto &[one, is_kept] : remember_as_before(number, setting, since, writes)) {
+                tell(one, std::string(is_kept ? "is remembered again" : "is forgotten") +
+                              " (change " + std::to_string(number) + " was taken back)");
             }
         }
     }

@@ -1,6 +1,8 @@
 #include "ctl/keeper_memory.h"
 
+#include <algorithm>
 #include <charconv>
+#include <map>
 
 #include "ctl/edit.h"
 #include "ctl/rules.h"
@@ -38,12 +40,6 @@ std::string below(std::string path, const char *part, const std::string &name) {
     return path;
 }
 
-std::string kept_path(const setting_t &setting) {
-    return setting.is_gateway ? link_memory(setting.link) + gateway_part
-                              : below(link_memory(setting.link), addresses_part,
-                                      address_text(setting.address.addr));
-}
-
 std::string removal_path(const setting_t &setting) {
     return below(link_memory(setting.link), removals_part, address_text(setting.address.addr));
 }
@@ -52,6 +48,19 @@ std::string removal_path(const setting_t &setting) {
 write_t value_of(const setting_t &setting, const std::string &path, write_t::kind_t kind) {
     return {kind, paths::value(path),
             setting.is_gateway ? address_text(setting.address.addr) : prefix_text(setting.address)};
+}
+
+// False if the text was damaged.
+bool convert(const std::string &text, setting_t &setting) {
+    if (!setting.is_gateway) {
+        return !convert_address(text, setting.address);
+    }
+    CRoute route;
+    if (convert_gateway(text, route)) {
+        return false;
+    }
+    setting.address.addr = route.gateway;
+    return true;
 }
 
 // Nothing if the text was damaged: the keeper then begins anew.
@@ -121,18 +130,10 @@ private:
 
     void read_kept(const std::string &path, setting_t setting, memory_t &memory) {
         toolkit::CElement value;
-        if (!leaf(paths::value(path), value)) {
+        if (!leaf(paths::value(path), value) || !convert(value.to_string(), setting)) {
             return;
         }
-        if (setting.is_gateway) {
-            CRoute route;
-            if (convert_gateway(value.to_string(), route)) {
-                return;
-            }
-            setting.address.addr = route.gateway;
-        } else if (convert_address(value.to_string(), setting.address)) {
-            return;
-        } else {
+        if (!setting.is_gateway) {
             setting.node = text(path + node_part);
         }
         memory.kept.push_back({setting, text(path + reason_part), time_of(value)});
@@ -154,6 +155,12 @@ memory_t read_memory(toolkit::CTav &tav) {
     return reader_t(tav).read();
 }
 
+std::string kept_path(const setting_t &setting) {
+    return setting.is_gateway ? link_memory(setting.link) + gateway_part
+                              : below(link_memory(setting.link), addresses_part,
+                                      address_text(setting.address.addr));
+}
+
 std::string link_memory(const std::string &link) {
     return std::string(all_links) + "/" + link;
 }
@@ -170,6 +177,46 @@ void remember(writes_t &writes, const kept_t &kept) {
 
 void forget(writes_t &writes, const setting_t &setting) {
     writes.push_back({write_t::clear, kept_path(setting), ""});
+}
+
+std::vector<std::pair<setting_t, bool>>
+remember_as_before(std::uint64_t number, const setting_t &setting,
+                   const std::vector<std::vector<leaf_change_t>> &since, writes_t &writes) {
+    const std::string path = kept_path(setting);
+    std::map<std::string, std::pair<std::optional<std::string>, std::optional<std::string>>> leaves;
+    for (const std::vector<leaf_change_t> &change : since) {
+        for (const leaf_change_t &leaf : change) {
+            if (leaf.path.compare(0, path.size() + 1, path + "/") == 0) {
+                leaves.try_emplace(leaf.path, leaf.before, leaf.after).first->second.second =
+                    leaf.after;
+            }
+        }
+        const bool is_older = std::any_of(change.begin(), change.end(), [&](const auto &leaf) {
+            return leaf.path == handled_path && leaf.after &&
+                   number_in(*leaf.after).value_or(number) < number;
+        });
+        if (is_older) {
+            leaves.clear(); // the keeper was late
+        }
+    }
+    std::vector<std::pair<setting_t, bool>> result;
+    const auto [before, now] = leaves[paths::value(path)];
+    for (const auto &[text, is_kept] : {std::pair(now, false), std::pair(before, true)}) {
+        setting_t one = setting;
+        if (text && before != now && convert(*text, one)) {
+            result.emplace_back(one, is_kept);
+        }
+    }
+    if (now && !before) {
+        forget(writes, setting);
+        return result;
+    }
+    for (const auto &[leaf, values] : leaves) {
+        if (values.first) {
+            writes.push_back({write_t::set, leaf, *values.first});
+        }
+    }
+    return result;
 }
 
 void begin_removal(writes_t &writes, const removal_t &removal) {

@@ -56,10 +56,10 @@ std::uint64_t number_taken_back(const tav::HistoryEntry &entry) {
 
 } // namespace
 
-store_history_t read_history(client_t &client, std::uint64_t since) {
+store_history_t read_history(client_t &client, const std::string &path, std::uint64_t since) {
     api_status_t status = tav_value::status_unset;
     tav::History history;
-    if (tav::history(client.tav.handle, paths::interfaces, since, status, history) != 0) {
+    if (tav::history(client.tav.handle, path, since, status, history) != 0) {
         throw store_lost(store_silent);
     }
     if (status != api_status_ok) {
@@ -143,7 +143,7 @@ namespace {
 
 } // namespace
 
-store_history_t read_history(client_t &, std::uint64_t) {
+store_history_t read_history(client_t &, const std::string &, std::uint64_t) {
     refuse();
 }
 

@@ -29,9 +29,9 @@ struct store_history_t {
     std::vector<store_change_t> changes;
 };
 
-// Changes below the interfaces' node with a number greater than `since`, and takings back of
-// anything. Throws store_lost.
-store_history_t read_history(client_t &client, std::uint64_t since);
+// Changes at and below `path` with a number greater than `since`, and takings back of anything.
+// Throws store_lost.
+store_history_t read_history(client_t &client, const std::string &path, std::uint64_t since);
 
 // Makes all of it, or nothing if a condition does not hold or the store refuses; returns whether it
 // was made. Throws store_lost.

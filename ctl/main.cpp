@@ -36,8 +36,9 @@ bool finish_output() {
     if (std::cout.flush()) {
         return true;
     }
-    std::fprintf(stderr, "tandrelctl: the output cannot be written: %s\n",
-                 std::strerror(errno != 0 ? errno : EIO));
+    // After an earlier failure there is nothing left to flush, and its reason is no longer known.
+    std::fprintf(stderr, "tandrelctl: the output cannot be written%s%s\n", errno != 0 ? ": " : "",
+                 errno != 0 ? std::strerror(errno) : "");
     return false;
 }
 

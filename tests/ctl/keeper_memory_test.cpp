@@ -74,6 +74,62 @@ TEST_F(Memory, IsReadAsItWasWritten) {
     EXPECT_EQ(memory.removals[0].node, "7");
 }
 
+TEST_F(Memory, BecomesWhatItWasWhenAChangeWasHandled) {
+    const std::string text = "2001:db8::5/64";
+    using text_t = std::optional<std::string>;
+    const auto change = [&](const text_t &before, const text_t &after, const char *handled) {
+        std::vector<ctl::leaf_change_t> leaves{
+            {"/Software/tandrel/Keeper/Links/eth0/Addresses/2001:db8::50/Value", after, before},
+            {"/Software/tandrel/Keeper/Handled/Value", "6", handled}};
+        for (const char *leaf : {"/Value", "/Node/Value", "/Reason/Value"}) {
+            leaves.push_back({ctl::kept_path(office()) + leaf, before, after});
+        }
+        return leaves;
+    };
+    const auto become = [&](const std::vector<std::vector<ctl::leaf_change_t>> &since) {
+        ctl::writes_t writes;
+        std::vector<bool> result;
+        for (const auto &[setting, is_kept] :
+             ctl::remember_as_before(12, office(), since, writes)) {
+            EXPECT_EQ(text_of(setting), text);
+            result.push_back(is_kept);
+        }
+        EXPECT_TRUE(apply(writes));
+        return result;
+    };
+    remember(office());
+    EXPECT_TRUE(become({}).empty());
+    EXPECT_TRUE(become({change(text, {}, "12"), change({}, text, "13")}).empty());
+    EXPECT_TRUE(become({change({}, text, "11")}).empty()) << "noted later, but it left before";
+    EXPECT_EQ(read().kept.size(), 1U) << "remembered then and now";
+    EXPECT_EQ(become({change({}, text, "12")}), std::vector<bool>{false});
+    EXPECT_TRUE(read().kept.empty()) << "only remembered since";
+    EXPECT_TRUE(become({change({}, text, "12"), change(text, {}, "13")}).empty());
+    EXPECT_TRUE(read().kept.empty()) << "remembered meanwhile";
+    EXPECT_EQ(become({change({}, text, "11"), change(text, {}, "12")}), std::vector<bool>{true});
+    ASSERT_EQ(read().kept.size(), 1U) << "forgotten since";
+    EXPECT_EQ(read().kept[0].setting.node, text);
+    EXPECT_EQ(read().kept[0].why, text);
+}
+
+TEST_F(Memory, BecomesTheGatewayOfThatTime) {
+    ctl::setting_t other = gateway();
+    other.address.addr.s6_addr[15] = 0x99;
+    remember(other);
+    const std::string leaf = ctl::kept_path(gateway()) + "/Value";
+    ctl::writes_t writes;
+    const auto result = ctl::remember_as_before(
+        12, gateway(), {{{leaf, "fe80::1", std::nullopt}}, {{leaf, std::nullopt, "fe80::99"}}},
+        writes);
+    ASSERT_EQ(result.size(), 2U);
+    EXPECT_EQ(text_of(result[0].first), "gateway fe80::99");
+    EXPECT_FALSE(result[0].second);
+    EXPECT_EQ(text_of(result[1].first), "gateway fe80::1");
+    EXPECT_TRUE(result[1].second);
+    ASSERT_TRUE(apply(writes));
+    EXPECT_EQ(text_of(read().kept.at(0).setting), "gateway fe80::1");
+}
+
 TEST_F(Memory, IsOutsideTheInterfacesSubtree) {
     remember(office());
     EXPECT_EQ(fake_tav::text("/Software/tandrel/Keeper/Links/eth0/Addresses/2001:db8::5/Value"),

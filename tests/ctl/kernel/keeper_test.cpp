@@ -388,6 +388,21 @@ TEST_F(KeeperTest, WhatAChangeSetIsForgottenWhenItIsTakenBack) {
     EXPECT_FALSE(device.has_address("eth0", lab));
 }
 
+TEST_F(KeeperTest, WhatAChangeStoredAgainIsRememberedAgainWhenItIsTakenBack) {
+    device.set_up("eth0", false);
+    expect_loss();
+    run({"address", "add", "eth0", address, "--confirm", "3", "--force"});
+    run({"gateway", "set", "eth0", "fe80::2", "--confirm", "3", "--force"});
+    const auto is_remembered = [&] {
+        const std::string list = run({"keep", "--list"}).output;
+        return contains(list, address) && contains(list, gateway);
+    };
+    ASSERT_TRUE(becomes([&] { return !is_remembered(); }));
+    ASSERT_TRUE(becomes([&] { return has_lost_all() && is_remembered(); }));
+    device.set_up("eth0");
+    expect_return();
+}
+
 TEST_F(KeeperTest, ATakingBackWhileTheDaemonIsAwayIsFinished) {
     rebuilds_allowed = true;
     const std::string lab = "2001:db8:7::7/64";
