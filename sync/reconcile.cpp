@@ -21,8 +21,8 @@ struct address_less {
     }
 };
 
-// One link's known addresses during their comparison with the stored ones: the position of each,
-// and whether the store has it.
+// Compares one link's known addresses with the stored ones. Notes for each known address its
+// position in the table, and whether the store has it.
 class address_pass {
 public:
     explicit address_pass(ifcfg_t &link) : known(link.addresses) { include_new(false); }
@@ -55,8 +55,8 @@ public:
         return boost::none;
     }
 
-    // Erases the entries for which leaves(entry, whether the store has it) returns true, in one
-    // pass over all of them in order. Call it after the last match.
+    // Calls leaves(entry, in_store) for each entry, in order, and erases those for which it returns
+    // true. Call it after the last match.
     template <typename Leaves>
     void erase_if(const Leaves &leaves) {
         std::size_t kept = 0;
@@ -175,7 +175,7 @@ void CSync::sync_kernel_addr(ifcfg_t &entry, const CTavAddress &stored,
 void CSync::sync_kernel_gateway(ifcfg_t &entry, const tavcfg_t &stored) {
     if (!stored.gateway) {
         if (entry.gateway) {
-            // The table follows when the kernel reports the deletion.
+            // The gateway stays in the table until the kernel reports the deletion.
             log_info_at(2, "Removing existing static route");
             netlink->modify_route(*entry.gateway, false);
             entry.gateway_leaving = true;
@@ -211,7 +211,7 @@ void CSync::sync_tav_with_kernel(const tavcfg_map_t &snapshot, ifcfg_t &entry) {
     log_info_at(3, "Synchronizing TAV interface (%d) with kernel interface (%d): %s",
                 stored->iface.number, entry.iface.ifindex, entry.iface.name.c_str());
     if (!may_write_store(entry)) {
-        return; // another tracked link has the same name, and the store's interface is that one's
+        return; // the store's interface belongs to another tracked link of the same name
     }
     write_kern_addrs_to_tav(*stored, entry);
     write_kern_route_to_tav(stored->iface, entry);
