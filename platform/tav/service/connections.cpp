@@ -169,7 +169,7 @@ void Server::end_slow_readers() {
     for (auto id = unsent.begin(); id != unsent.end();) {
         const PeerId slow = *(id++); // it is erased from there
         if (*peers.at(slow)->unsent_since + answer_time <= service.now()) {
-            dismiss(slow, api_status_refused, "the client did not take an answer in time");
+            dismiss(slow, api_status_refused, "the client did not read a reply in time");
         }
     }
 }

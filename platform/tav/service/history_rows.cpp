@@ -51,7 +51,7 @@ Records HistoryRows::load(Sqlite &database, RowChecks checks, Totals &totals) {
         if (!record) {
             refuse_damaged(database.name(), "is damaged: entry " +
                                                 std::to_string(found.records + 1) +
-                                                " of the history is not as it was written");
+                                                " of the history does not match its checksum");
         }
         count(*record, crc32(record->entry), found);
         records.emplace_hint(records.end(), record->number, record);

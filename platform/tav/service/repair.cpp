@@ -170,7 +170,7 @@ std::string rewrite(const std::string &file, Sqlite &damaged) {
     salvage.read();
     const auto kept = static_cast<std::int64_t>(tree.extent().elements()) - 1;
     if (kept == 0) {
-        refuse_database(file, "is damaged, and nothing of it can be read");
+        refuse_database(file, "is damaged, and none of it can be read");
     }
     const std::string fresh = file + ".new";
     create_database(fresh, tree, salvage.records(), salvage.pending());

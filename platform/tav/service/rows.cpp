@@ -41,7 +41,7 @@ void note_number(const Pending &pending, Totals &totals) {
 }
 
 [[noreturn]] void refuse_row(const Sqlite &database, std::int64_t row, const std::string &what) {
-    refuse_damaged(database.name(), "is damaged: row " + std::to_string(row) + " holds " + what);
+    refuse_damaged(database.name(), "is damaged: row " + std::to_string(row) + " " + what);
 }
 
 void check_totals(Sqlite &database, const Totals &found) {
@@ -170,12 +170,12 @@ Totals load_rows(Sqlite &database, RowChecks checks, Tree &tree, std::vector<Pen
         ++found.rows;
         found.checksums ^= row.checksum;
         if (!row.intact) {
-            refuse_row(database, found.rows, "other content than was written");
+            refuse_row(database, found.rows, "does not match its checksum");
         }
         if (is_pending_path(row.path)) {
             pending.push_back(read_pending(row.path, row.value));
             if (!pending.back()) {
-                refuse_row(database, found.rows, "no change that waits for its confirmation");
+                refuse_row(database, found.rows, "has no valid unconfirmed change");
             }
             note_number(*pending.back(), found);
             continue;
@@ -183,7 +183,8 @@ Totals load_rows(Sqlite &database, RowChecks checks, Tree &tree, std::vector<Pen
         const api_status_t status = tree.load(row.path, row.value);
         if (status != api_status_ok || row.path <= previous) {
             refuse_row(database, found.rows,
-                       "no element of this tree (status " + std::to_string(status) + ")");
+                       "has an element that this tree cannot have (status " +
+                           std::to_string(status) + ")");
         }
         previous = std::move(row.path);
     }

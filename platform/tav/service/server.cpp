@@ -395,7 +395,7 @@ void Server::notify(std::uint64_t session, std::uint32_t serial) noexcept {
     }
     if (!told) {
         peer.cut();
-        log_line("process %d of user %u was disconnected: it did not take a notice", peer.who.pid,
+        log_line("process %d of user %u was disconnected: it did not read a notice", peer.who.pid,
                  peer.who.uid);
     }
 }

@@ -62,7 +62,7 @@ void Sqlite::fail() const {
     case SQLITE_CORRUPT:
     case SQLITE_NOTADB:
     case SQLITE_ERROR: // the statements are correct, so the tables must be wrong
-        refuse_damaged(file_name, "is damaged, or no database: " + reason);
+        refuse_damaged(file_name, "is damaged, or is not a database: " + reason);
     case SQLITE_BUSY:
     case SQLITE_LOCKED:
         throw DatabaseError("database '" + file_name + "' is in use by another process");

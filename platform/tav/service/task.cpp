@@ -15,7 +15,7 @@ namespace tav {
 
 namespace {
 
-// Parts that take a few hundred microseconds.
+// How much one step handles: it then takes a few hundred microseconds.
 constexpr int paths_at_once = 256;
 constexpr int elements_at_once = 512;
 
@@ -115,8 +115,8 @@ private:
     std::optional<Walker> walker;
 };
 
-// Sends everything below a node, as of one moment, and from then on the client gets a notice before
-// anybody sees a change of it.
+// Sends everything below a node, as of one moment. From that moment on the client gets a notice
+// before anybody sees a change below that node.
 class AllBelow : public Task {
 public:
     AllBelow(Service &served, const Session &client, const RequestHeader &header, std::string node)
@@ -145,7 +145,7 @@ public:
     }
 
 private:
-    // False without a node.
+    // False if there is no such node.
     bool start() {
         const Tree &tree = service.store().tree();
         api_status_t status = check_path(path);
@@ -186,7 +186,7 @@ private:
 };
 
 // Carries out a transaction and waits until it is committed. A long one begins again when others
-// want to write, but is carried out whole once it has given way for a second.
+// want to write. One second after its request it is no longer interrupted.
 class Write : public Task {
 public:
     Write(Service &served, Session &client, const RequestHeader &header, std::string_view content)
@@ -206,7 +206,7 @@ public:
 
     State step() override {
         if (!fits) {
-            return State::malformed; // before memory is reserved for them
+            return State::malformed; // before memory is reserved for the items
         }
         if (result) {
             if (!result->known) {
@@ -289,7 +289,7 @@ private:
             transaction->deny();
         }
     }
-    // The change is to wait for its confirmation from now on; false if that is beyond the limits.
+    // Makes the change one that waits for confirmation; false if it would exceed the limits.
     bool prepare() {
         term.now = service.now();
         waiting.begins = service.store().prepare(*transaction, author, term);
@@ -332,13 +332,13 @@ private:
     bool has_turn = false;
     bool waits = false; // for a turn
     std::chrono::steady_clock::time_point asked = std::chrono::steady_clock::now();
-    std::chrono::steady_clock::time_point began; // the last time
-    std::uint64_t refusals = 0;                  // when it began
+    std::chrono::steady_clock::time_point began; // the current attempt
+    std::uint64_t refusals = 0;                  // of the store when the attempt began
     std::shared_ptr<const Store::Result> result;
 };
 
-// Registers for events; between groups, because events of a transaction that is being committed are
-// only for those who were registered when it was carried out.
+// Registers for events. It waits until no group is being committed, because the events of a
+// transaction are only for clients that were registered when the transaction was carried out.
 class Register : public Task {
 public:
     Register(Service &served, Session &client, const RequestHeader &header, Registration wanted)
@@ -390,7 +390,7 @@ private:
     WatchdogRequest request;
 };
 
-// The status, with one client after the other: counting what waits for one takes time.
+// Reports the status. Each step handles one client, because counting its waiting events takes time.
 class Status : public Task {
 public:
     Status(Service &served, const RequestHeader &header) : Task(header.serial), service(served) {}

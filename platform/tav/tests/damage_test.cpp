@@ -60,7 +60,7 @@ struct Damage {
 class DamageOfTest : public DamageTest, public testing::WithParamInterface<Damage> {};
 
 const Damage damages[] = {
-    {"header_overwritten", "is damaged, or no database",
+    {"header_overwritten", "is damaged, or is not a database",
      [](auto &file) { overwrite(file, 0, std::string(16, 'x')); }},
     {"page_overwritten", "is damaged",
      [](auto &file) { overwrite(file, 40960, std::string(4096, '\xa5')); }},
@@ -71,7 +71,7 @@ const Damage damages[] = {
     {"cut_to_a_page", "is damaged", [](auto &file) { std::filesystem::resize_file(file, 4096); }},
     {"cut_to_100_bytes", "is damaged", [](auto &file) { std::filesystem::resize_file(file, 100); }},
     {"empty", "is empty", [](auto &file) { write_file(file, ""); }},
-    {"no_database", "is damaged, or no database",
+    {"no_database", "is damaged, or is not a database",
      [](auto &file) { write_file(file, std::string(5000, 'x')); }},
     {"of_another_program", "belongs to another program",
      [](auto &file) {

@@ -359,7 +359,7 @@ TEST_F(ReadAheadTest, AHolderWhoseSocketIsFullIsDisconnected) {
         ASSERT_FALSE(is_notice(holder.calls.receive()));
     }
     EXPECT_EQ(holder.calls.receive(), "") << "the end, before the change was acknowledged";
-    EXPECT_TRUE(tavd->wait_for_error_text("it did not take a notice"));
+    EXPECT_TRUE(tavd->wait_for_error_text("it did not read a notice"));
     EXPECT_EQ(other->get("/n/1/a"), "changed");
 }
 

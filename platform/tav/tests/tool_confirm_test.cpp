@@ -38,8 +38,8 @@ TEST_F(ToolConfirmTest, AChangeIsTakenBackUnlessItIsConfirmed) {
     EXPECT_EQ(good({"set", "--confirm", "600", "/a", "1"}), line(3, "600 s"));
     EXPECT_EQ(good({"confirm", "3"}), "change 3 is confirmed\n");
     EXPECT_EQ(good({"get", "/a"}), "1\n");
-    EXPECT_EQ(bad(1, {"confirm", "3"}), "tav: change 3 does not wait for its confirmation; to list "
-                                        "those that do: tav status\n");
+    EXPECT_EQ(bad(1, {"confirm", "3"}), "tav: change 3 is not waiting for confirmation; to list "
+                                        "those that are: tav status\n");
 }
 
 TEST_F(ToolConfirmTest, ATakingBackThatFoundNothingIsInTheHistory) {
@@ -76,13 +76,14 @@ TEST_F(ToolConfirmTest, EveryWritingCommandTakesATerm) {
 }
 
 TEST_F(ToolConfirmTest, WithoutANumberThereMustBeOneChange) {
-    EXPECT_EQ(bad(1, {"confirm"}), "tav: no change of yours waits for its confirmation; to list "
-                                   "those that do: tav status\n");
-    EXPECT_EQ(bad(1, {"confirm", "0"}).find("tav: change 0 does not wait"), 0U);
+    EXPECT_EQ(bad(1, {"confirm"}), "tav: none of your changes is waiting for confirmation; "
+                                   "to list those that are: tav status\n");
+    EXPECT_EQ(bad(1, {"confirm", "0"}).find("tav: change 0 is not waiting"), 0U);
     good({"set", "--confirm", "600", "/a", "1"});
     good({"set", "--confirm", "600", "/b", "1"});
     EXPECT_EQ(bad(1, {"confirm"}),
-              "tav: several changes of yours wait: give a number; to list them: tav status\n");
+              "tav: several of your changes are waiting; give the number of one (tav status lists "
+              "them)\n");
     EXPECT_EQ(good({"confirm", "2"}), "change 2 is confirmed\n");
     EXPECT_EQ(good({"confirm"}), "change 1 is confirmed\n");
 }
@@ -102,12 +103,12 @@ TEST_F(ToolConfirmTest, WhoseChangeItIsAndUntilWhenIsSaid) {
         const std::string error = bad(1, command);
         const std::string path = command[0] == "rm" ? "/n" : "/n/a";
         EXPECT_EQ(error.find("tav: " + path +
-                             ": another change waits for its confirmation; change 1 by tav, "
+                             ": another change is waiting for confirmation; change 1 by tav, "
                              "process "),
                   0U)
             << error;
-        EXPECT_TRUE(has(error, ", user " + std::to_string(::getuid()) + " ends in 5"));
-        EXPECT_TRUE(has(error, " s, or with: tav confirm 1\n"));
+        EXPECT_TRUE(has(error, ", user " + std::to_string(::getuid()) + " is taken back in 5"));
+        EXPECT_TRUE(has(error, " s unless it is confirmed: tav confirm 1\n"));
     }
     const std::string text = good({"status"});
     EXPECT_TRUE(has(text, "to confirm 1\n  change 1  tav, process "));
@@ -128,9 +129,10 @@ TEST_F(ToolConfirmTest, TooManyAreRefusedWithTheLimit) {
     for (int i = 0; i < 16; ++i) {
         good({"set", "--confirm", "600", "/" + std::to_string(i), "1"});
     }
-    EXPECT_EQ(bad(1, {"set", "--confirm", "600", "/more", "1"}),
-              "tav: nothing was changed: at most 16 changes of a user may wait for their "
-              "confirmation, with 1 MiB in all; to list them: tav status\n");
+    EXPECT_EQ(
+        bad(1, {"set", "--confirm", "600", "/more", "1"}),
+        "tav: nothing was changed: a user may have at most 16 unconfirmed changes, of 1 MiB in "
+        "all; to list them: tav status\n");
 }
 
 TEST_F(ToolConfirmTest, WrongTimesAreWrongUsage) {

@@ -320,8 +320,8 @@ TEST_F(ToolTest, AWrongCommandLineEndsWithTwo) {
 TEST_F(ToolTest, HelpIsPrintedForAllAndForEachCommand) {
     EXPECT_EQ(good({"help"}), good({"--help"}));
     EXPECT_TRUE(has(good({"--help"}), "Exit status: 0 done"));
-    EXPECT_TRUE(
-        has(good({"--help"}), "\n  tav load --replace saved                   and back again\n"));
+    EXPECT_TRUE(has(good({"--help"}),
+                    "\n  tav load --replace saved                   restore what was saved\n"));
     for (const char *command : {"get", "set", "mknode", "touch", "ls", "tree", "rm", "apply",
                                 "watch", "dump", "load", "diff", "status"}) {
         EXPECT_TRUE(has(good({command, "--help"}), "Usage: tav " + std::string(command)));

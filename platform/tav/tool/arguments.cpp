@@ -30,7 +30,7 @@ constexpr const char *overview =
     "  tav set /office/lamp on                    write a value, and create missing parent nodes\n"
     "  tav get -r '/Main Hall'                    all values below a node\n"
     "  tav dump >saved; tav diff saved            what has changed since\n"
-    "  tav load --replace saved                   and back again\n"
+    "  tav load --replace saved                   restore what was saved\n"
     "\n"
     "For more see 'tav COMMAND --help' and tav(1).";
 
@@ -42,7 +42,7 @@ constexpr const char *apply_footer = "One step per line; all steps are one trans
                                      "  set [-t TYPE] PATH VALUE [PATH VALUE]...\n"
                                      "  mknode PATH...    rm [-r] PATH...    touch PATH...\n"
                                      "Put words that contain blanks in \"\". The escapes \\n \\t "
-                                     "\\\\ \\\" and \\xHH are those of listings.\n"
+                                     "\\\\ \\\" and \\xHH mean what they mean in listings.\n"
                                      "Lines that begin with # are comments.";
 
 constexpr const char *get_footer = "Control characters, backslashes and bytes that are not UTF-8 "
@@ -162,7 +162,7 @@ private:
 
     void add_escaped(CLI::App *sub) {
         sub->add_flag("-e,--escaped", escaped_words,
-                      "Read escapes in paths and values, as listings print them");
+                      "Interpret escapes in paths and values, as listings print them");
     }
 
     void add_paths(CLI::App *sub) {
@@ -177,7 +177,7 @@ private:
 
     void add_term(CLI::App *sub) {
         sub->add_option("--confirm", term,
-                        "Take the change back after that time, unless 'tav confirm' comes before")
+                        "Take the change back after that time, unless 'tav confirm' is run first")
             ->type_name("SECONDS");
     }
 
@@ -211,8 +211,9 @@ private:
             ->check(CLI::IsMember({"string", "boolean", "integer", "real"}).description(""))
             ->type_name("TYPE");
         setter
-            ->add_option("--if", condition,
-                         "Only if the leaf has the value OLD, of the same type; for one path")
+            ->add_option(
+                "--if", condition,
+                "Write only if the leaf has the value OLD and the type TYPE; only with one path")
             ->type_name("OLD");
         add_term(setter);
         add_escaped(setter);
@@ -229,7 +230,7 @@ private:
         add_paths(sub);
         sub = add("apply", "Carry out the steps of a file as one transaction", apply);
         add_term(sub);
-        add_file(sub, "The steps (default, and for -: standard input)");
+        add_file(sub, "File with the steps (default, and -: standard input)");
         sub->footer(apply_footer);
     }
 
@@ -251,10 +252,10 @@ private:
         sub->add_flag("--parts", request.options.parts,
                       "Use several transactions, for a dump that is too large for one");
         add_term(sub);
-        add_file(sub, "The dump (default, and for -: standard input)");
+        add_file(sub, "File with the dump (default, and -: standard input)");
 
         sub = add("diff", "Print what differs between a dump and the store", diff);
-        add_file(sub, "The dump; - for standard input")->required();
+        add_file(sub, "File with the dump (-: standard input)")->required();
         sub->footer("Lines with - are in the dump only, lines with + in the store only.\n"
                     "Exit status: 0 no differences, 1 differences, 2 an error.");
     }
@@ -283,10 +284,9 @@ private:
         add_json(sub, "Print one JSON object per line");
         add_path(sub);
 
-        sub =
-            add("status",
-                "Print the service's state, limits, clients, watchdogs and what must be confirmed",
-                status);
+        sub = add("status",
+                  "Print the service's state, limits, clients, watchdogs and unconfirmed changes",
+                  status);
         add_json(sub);
     }
 

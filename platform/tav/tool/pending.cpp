@@ -42,9 +42,9 @@ std::string advice_for_pending(Client &client, const std::string &path) {
             std::string text = "change " + number;
             text += " by ";
             text += author_text(one.change);
-            text += " ends in ";
+            text += " is taken back in ";
             text += seconds_text(one.left);
-            text += ", or with: tav confirm ";
+            text += " unless it is confirmed: tav confirm ";
             text += number;
             return text;
         }
@@ -67,15 +67,16 @@ int confirm(Client &client, const Options &options) {
         std::cout << "change " << confirmed << " is confirmed\n";
         return exit_done;
     case api_status_absent:
-        complain((options.number ? "change " + std::to_string(number) + " does not wait"
-                                 : "no change of yours waits") +
-                 std::string(" for its confirmation; to list those that do: tav status"));
+        complain((options.number ? "change " + std::to_string(number) + " is not waiting"
+                                 : "none of your changes is waiting") +
+                 std::string(" for confirmation; to list those that are: tav status"));
         return exit_refused;
     case api_status_refused:
-        complain("several changes of yours wait: give a number; to list them: tav status");
+        complain(
+            "several of your changes are waiting; give the number of one (tav status lists them)");
         return exit_refused;
     case api_status_denied:
-        complain("permission denied; only who may write may confirm");
+        complain("permission denied: only users who may write can confirm changes");
         return exit_refused;
     default:
         complain("the confirmation could not be stored; the service's log says why");

@@ -44,8 +44,8 @@ constexpr std::array<StatusName, api_status_too_much_pending + 1> statuses{{
     {api_status_not_empty, "not empty"},
     {api_status_too_many_bytes, "too many bytes in the store"},
     {api_status_changed, "changed"},
-    {api_status_pending, "another change waits for its confirmation"},
-    {api_status_too_much_pending, "too many changes wait for their confirmation"},
+    {api_status_pending, "another change is waiting for confirmation"},
+    {api_status_too_much_pending, "too many changes are waiting for confirmation"},
 }};
 static_assert(in_order(statuses, &StatusName::first));
 

@@ -54,8 +54,8 @@ int report(Client &client, const std::vector<Item> &items,
     }
     if (!items.empty() &&
         std::all_of(statuses.begin(), statuses.end(), is(api_status_too_much_pending))) {
-        complain("nothing was changed: at most " + std::to_string(limits::pending_changes) +
-                 " changes of a user may wait for their confirmation, with " +
+        complain("nothing was changed: a user may have at most " +
+                 std::to_string(limits::pending_changes) + " unconfirmed changes, of " +
                  std::to_string(limits::pending_bytes >> 20U) +
                  " MiB in all; to list them: tav status");
         return exit_refused;
