@@ -10,7 +10,7 @@ namespace ctl {
 
 namespace {
 
-// The number of the last handled change is written at least every so many changes.
+// The number of the last handled change is written at least once per this many changes.
 constexpr std::uint64_t handled_step = 100;
 
 // The daemon writes a removed gateway back until the kernel reports the end of the route.

@@ -10,8 +10,8 @@ namespace tav {
 
 namespace {
 
-// A read-ahead is worthwhile if it saves an exchange for so many bytes: an exchange takes as long
-// as some ten thousand bytes of a long answer.
+// A read-ahead is worthwhile if it saves at least one exchange for each of these many bytes: an
+// exchange takes as long as some ten thousand bytes of a long answer.
 constexpr std::size_t bytes_per_answer = 8192;
 constexpr std::size_t most_patience = 1024;
 // Calls with more paths, or with more bytes of values, are left to the service, which knows how

@@ -36,11 +36,11 @@ constexpr std::size_t frame_bytes = std::size_t{16} << 20;
 constexpr std::size_t greeting_bytes = 64;
 // Paths of one call. api_status_too_large.
 constexpr std::size_t paths_per_request = 50000;
-// What the service keeps of one call's changes until they are committed takes at most so much more
-// memory than the tree. api_status_too_large.
+// What the service keeps of one call's changes until they are committed takes at most this much
+// more memory than the tree. api_status_too_large.
 constexpr std::size_t change_bytes = std::size_t{64} << 20;
-// A long answer is sent in frames of about this size, as the client reads them; and an answer may
-// have at most so many bytes in all, or the library ends the connection.
+// A long answer is sent in frames of about the first size, as the client reads them. If an answer
+// has more bytes in all than the second size, the library ends the connection.
 constexpr std::size_t reply_part_bytes = std::size_t{64} << 10;
 constexpr std::size_t reply_bytes = std::size_t{512} << 20;
 
@@ -58,8 +58,8 @@ constexpr std::size_t history_transactions = 1000; // unless the service is star
 // The name by which a client calls itself. api_status_name_too_long.
 constexpr std::size_t program_bytes = 64;
 
-// The term within which a change must be confirmed, in milliseconds: from 1 on. How many changes of
-// one user may wait for it at once, and their bytes with their values. api_status_too_much_pending.
+// The longest term within which a change must be confirmed, in milliseconds; the shortest is 1. How
+// many changes of one user may wait at once, and their bytes with their values. api_status_too_much_pending.
 constexpr std::uint32_t confirm_term = 86400000; // a day
 constexpr std::size_t pending_changes = 16;
 constexpr std::size_t pending_bytes = std::size_t{1} << 20;
@@ -72,8 +72,8 @@ constexpr std::size_t connections = 1024;
 constexpr std::size_t connections_kept = 128;
 constexpr std::size_t connections_per_user = 256;
 
-// A client has at most one read-ahead, so there are at most so many; of each the service keeps only
-// the path. The client gets none that would take more bytes.
+// A client has at most one read-ahead, and two connections; the service keeps only the path of each
+// read-ahead. A client gets no read-ahead of more bytes.
 constexpr std::size_t read_aheads = connections / 2;
 constexpr std::size_t read_ahead_bytes = std::size_t{4} << 20;
 

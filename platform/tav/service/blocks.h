@@ -9,7 +9,7 @@ namespace tav {
 
 class Blocks {
 public:
-    // Of so many bytes each: a pointer at least, and far less than the 16 KiB of a slab.
+    // The size of each block: at least that of a pointer, and far less than the 16 KiB of a slab.
     constexpr explicit Blocks(std::size_t block_bytes) : size(block_bytes) {}
 
     // May throw std::bad_alloc.

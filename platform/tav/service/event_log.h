@@ -1,6 +1,6 @@
 // The events that clients have not fetched yet. All clients share one copy of each event: a client
-// has only the place in the log from which on it has not fetched, so an event costs the same
-// however many clients wait for it.
+// has only its position in the log, after the last event that it has fetched. So an event costs the
+// same however many clients wait for it.
 #pragma once
 
 #include <cstdint>

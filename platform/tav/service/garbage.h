@@ -1,5 +1,5 @@
-// Memory that is no longer used. Of large trees and transactions there is so much that giving it
-// back takes long, so it is done a part at a time. For one thread only.
+// Memory that is no longer used. A large tree or transaction takes long to free, so it is freed a
+// part at a time. For one thread only.
 #pragma once
 
 #include "service/edit.h"

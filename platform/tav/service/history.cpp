@@ -16,7 +16,7 @@ std::size_t cost(const Record &record) {
     return record.entry.size() + around;
 }
 
-// Whether the values of all changes fit into so many bytes.
+// Whether the values of all changes fit into `bytes`.
 bool fits(const Edit::Changes &changes, std::size_t bytes) {
     constexpr std::size_t least = 32; // of a change besides its texts
     for (const Change &change : changes) {

@@ -39,8 +39,8 @@ RecordPtr without_changes(const Record &record);
 // Whether the entry changed something at or below the path, or may have.
 bool concerns(const Record &record, std::string_view path);
 
-// For the operators' transactions, and again for those of the services, which must not push out the
-// former.
+// The limits for the transactions of operators. They apply separately to those of services, which
+// must not displace the former.
 struct HistoryBounds {
     std::size_t transactions = 0; // 0: there is no history
     std::size_t bytes = limits::history_bytes;
@@ -54,7 +54,7 @@ public:
     void add(Records &more) noexcept;
     void remove(const Record &record) noexcept;
     void clear() noexcept;
-    // How many of the oldest ones must go.
+    // Whether the operators' or the services' records exceed the bounds by more than this.
     bool beyond(std::size_t transactions = 0, std::size_t bytes = 0) const;
     // The oldest of those that are too many; null if there is none.
     RecordPtr surplus() const;

@@ -1,7 +1,7 @@
 // Which clients may answer from a read-ahead, and of which node. Each holds at most one.
 //
-// Before readers see a change below that node, its holder gets one notice and holds nothing any
-// more: whoever reads after that either asks the service or finds the notice first.
+// Before readers see a change below that node, its holder gets one notice, and from then on holds
+// nothing. A client that reads after that either asks the service or finds the notice first.
 #pragma once
 
 #include <cstdint>

@@ -2,9 +2,9 @@
 // a user, and then between the connections that have sent them. A short request therefore waits for
 // one turn of the long ones, however many there are.
 //
-// Each has used a certain time. The one that has used least comes next. Whoever comes back after a
-// pause is at most `credit` before those that are being served, so that nobody can save time up,
-// and yet those who use little come before those who use all they get.
+// Whoever has used the least time is served next. Somebody who comes back after a pause is treated
+// as having used at most `credit` less than those being served. So nobody can save up time, and yet
+// those who use little come before those who use all they get.
 #pragma once
 
 #include <sys/types.h>
@@ -68,7 +68,7 @@ public:
     bool empty() const { return users.nobody_waits(); }
     // The one that comes next; there must be one. It stays until it is removed.
     Id next() const;
-    // It has used so much more time, for a request of that kind.
+    // The connection has used this time for a request of that kind.
     void charge(uid_t user, Id connection, Kind kind, Duration time);
 
 private:

@@ -25,7 +25,7 @@ constexpr std::chrono::milliseconds slice{2};
 constexpr std::chrono::microseconds look_pause{50};
 // The least time that a turn is charged with, for what is not measured.
 constexpr std::chrono::microseconds least_charge{2};
-// Memory is given back to the system so long after much of it was in use.
+// Memory is given back to the system this long after much of it was in use.
 constexpr std::chrono::seconds trim_pause{5};
 
 // Not the service's clock, which tests stop: how long a part of the work takes is real.
@@ -95,7 +95,7 @@ void Server::run() {
     }
 }
 
-// Waits so long for something to arrive, in milliseconds. False when a signal has arrived.
+// Waits at most `most` milliseconds for something to arrive. False when a signal has arrived.
 bool Server::receive(int most) {
     std::array<epoll_event, 64> events{};
     const int ready =

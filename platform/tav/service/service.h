@@ -81,16 +81,16 @@ public:
     bool writers_wait() const { return waiting_writers > 0; }
     // Writers, or tasks that wait to register.
     bool others_wait() const { return waiting_writers > 0 || registrations > 0; }
-    // Announces or withdraws (-1) a task that waits for between_groups(): no transaction begins
-    // before.
+    // Announces or withdraws (-1) a task that waits for between_groups(). While there is one, no
+    // transaction begins.
     void registering(int change);
     // The session whose transaction is being carried out; 0: none.
     SessionId at_work() const { return writing; }
     bool busy() const { return writing != 0; }
     bool between_groups() const { return !busy() && !store().has_group() && !store().committing(); }
-    // Whether a call may have so many paths; the library obeys that.
+    // Whether a call may have this many paths; the library checks this, too.
     bool fits(std::size_t paths);
-    // Whether a change's author may have one more that waits for its confirmation.
+    // Whether the author of the change may have one more unconfirmed change.
     bool fits(const Pending &pending);
     // Who the session's client is, for the history.
     Author author(const Session &session) const;

@@ -18,7 +18,7 @@ public:
     // Makes the changes durable, all or none. False if that failed (logged): nothing was stored.
     // May be called by another thread than the others, but only by one at a time.
     virtual bool commit(const Edit::Changes &changes) = 0;
-    // Whether committing so many changes may take long.
+    // Whether committing this many changes may take long.
     virtual bool is_slow(std::size_t changes) const {
         static_cast<void>(changes);
         return false;
