@@ -59,7 +59,8 @@ constexpr std::size_t history_transactions = 1000; // unless the service is star
 constexpr std::size_t program_bytes = 64;
 
 // The longest term within which a change must be confirmed, in milliseconds; the shortest is 1. How
-// many changes of one user may wait at once, and their bytes with their values. api_status_too_much_pending.
+// many changes of one user may wait at once, and their bytes with their values.
+// api_status_too_much_pending.
 constexpr std::uint32_t confirm_term = 86400000; // a day
 constexpr std::size_t pending_changes = 16;
 constexpr std::size_t pending_bytes = std::size_t{1} << 20;
