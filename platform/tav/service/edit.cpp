@@ -1,6 +1,6 @@
 #include "service/edit.h"
 
-#include <utility>
+#include <map>
 
 #include "protocol/limits.h"
 #include "service/garbage.h"
@@ -40,13 +40,10 @@ bool Change::leaf_removed() const {
     return is_leaf(before) && !is_leaf(after);
 }
 
-void Edit::complete() noexcept {
-    garbage::add(by_path);
-}
-
 Edit::~Edit() {
-    complete();
+    garbage::add(by_path);
     garbage::add(list);
+    garbage::add(same);
 }
 
 api_status_t Edit::apply(const Item &item) {
@@ -91,7 +88,58 @@ bool Edit::start(const Item &item, api_status_t &status) {
     default:
         status = api_status_refused;
     }
+    if (by_path.front().count(item.path) == 0) {
+        examined.insert(item.path);
+    }
     return !walker;
+}
+
+bool Edit::depends_on(std::string_view path) const {
+    for (;; path = parent_path(path)) {
+        if (by_path.front().count(path) > 0 || examined.count(std::string(path)) > 0) {
+            return true;
+        }
+        if (path == "/") {
+            return false;
+        }
+    }
+}
+
+std::optional<Tree> Edit::with(const Changes &earlier) const {
+    std::map<std::string_view, const Change *> sorted; // parents first
+    for (const Change &change : earlier) {
+        if (change.stored()) {
+            sorted.emplace(change.path, &change);
+        }
+    }
+    Tree tree = edited;
+    for (auto entry = sorted.rbegin(); entry != sorted.rend(); ++entry) {
+        const auto &[path, change] = *entry;
+        const Element *const element = tree.find(path);
+        // A node may have got another child here.
+        if (depends_on(path) || (element != nullptr) != (change->before != nullptr) ||
+            (element != nullptr && element->children)) {
+            return std::nullopt;
+        }
+        if (element != nullptr) {
+            Extent one;
+            one.add(*element->content);
+            tree.remove(path, one);
+        }
+    }
+    for (const auto &[path, change] : sorted) {
+        if (!change->after) {
+            continue;
+        }
+        const Element *const parent = tree.find(parent_path(path));
+        if (parent == nullptr || !parent->is_node() ||
+            parent->child_count >= limits::children_per_node ||
+            tree.extent().elements() >= limits::elements) {
+            return std::nullopt;
+        }
+        tree.add(path, *change->after);
+    }
+    return tree;
 }
 
 // Records that `path` changes now; the first time it also records the content before the

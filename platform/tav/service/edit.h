@@ -9,6 +9,8 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
+#include <utility>
 
 #include "protocol/limits.h"
 #include "service/tree.h"
@@ -65,11 +67,18 @@ public:
     api_status_t apply(const Item &item);
 
     const Tree &tree() const { return edited; }
-    // There are no more steps.
-    void complete() noexcept;
-    // Of a complete one every path of a changed element; some are as they were before. The list may
-    // be changed.
+    // Every path of a changed element; some are as they were before. None may be destroyed before
+    // the edit.
     Changes &changes() { return list; }
+    // Removes one that is as before.
+    void set_aside(Changes::const_iterator change) noexcept {
+        same.splice(same.end(), list, change);
+    }
+
+    // The changes of another transaction, which is to precede this one, on top of tree(). Nothing
+    // if one of the steps so far might have had another effect after them.
+    std::optional<Tree> with(const Changes &earlier) const;
+    void go_on_from(Tree tree) noexcept { edited = std::move(tree); }
 
 private:
     bool start(const Item &item, api_status_t &status);
@@ -80,12 +89,16 @@ private:
     api_status_t walk_for(const Item &item);
     bool visit(const Item &item, api_status_t &status);
     Change &trace(const std::string &path, const Element *before, const Element *after);
+    bool depends_on(std::string_view path) const;
 
     Tree edited;
     std::int64_t now;
     Changes list;
-    std::list<ByPath> by_path; // one, until the edit is complete
-    std::size_t visits_left;   // of elements to remove or touch
+    Changes same;              // set aside
+    std::list<ByPath> by_path; // one
+    // Paths of steps that depend on what is there, but do not change it.
+    std::unordered_set<std::string> examined;
+    std::size_t visits_left; // of elements to remove or touch
     std::size_t most_bytes;
     std::size_t bytes = 0; // of `list`, and of the events that are made from it
     // For a step that takes several calls.

@@ -61,6 +61,12 @@ void EventBatch::absorb(EventBatch &later) noexcept {
     list.splice(list.end(), later.list);
 }
 
+void EventBatch::number(std::uint64_t &last) noexcept {
+    for (LoggedEvent &event : list) {
+        event.position = ++last;
+    }
+}
+
 void EventBatch::clear() noexcept {
     index.clear();
     list.clear();
@@ -93,7 +99,7 @@ void EventLog::leave(const Session &session, const std::string &path) {
     }
 }
 
-void EventLog::stage(Staged &staged, const Event &event, SessionId author) {
+void EventLog::stage(Staged &staged, const Event &event, SessionId author) const {
     bool wanted = false;
     const auto look_for = [&](std::string_view path) {
         const auto audience = audiences.find(path);
@@ -108,11 +114,12 @@ void EventLog::stage(Staged &staged, const Event &event, SessionId author) {
         look_for(std::string_view(event.path).substr(0, event.path.size() - rest.size()));
     }
     if (wanted) {
-        staged.batch.add(LoggedEvent{event, author, ++last_staged, 0});
+        staged.batch.add(LoggedEvent{event, author, 0, 0});
     }
 }
 
 void EventLog::stage(Staged &done) noexcept {
+    done.batch.number(last_staged);
     forming.batch.absorb(done.batch);
     forming.audiences.merge(done.audiences);
     done.audiences.clear();

@@ -57,6 +57,8 @@ public:
     void clear() noexcept;
     // Removes events up to that position.
     void forget(std::uint64_t position) noexcept;
+    // Gives the events the positions after `last`, and makes it that of the last one.
+    void number(std::uint64_t &last) noexcept;
 
     const Events &events() const { return list; }
     bool empty() const { return list.empty(); }
@@ -106,9 +108,8 @@ public:
         EventBatch batch;
         std::set<std::pair<std::shared_ptr<Audience>, SessionId>> audiences; // with the author
     };
-    // Adds an event unless nobody has registered for it. Only one transaction may be in
-    // preparation.
-    void stage(Staged &staged, const Event &event, SessionId author);
+    // Adds an event unless nobody has registered for it.
+    void stage(Staged &staged, const Event &event, SessionId author) const;
     // Adds a completed transaction to the group that forms. Its events are later than all others.
     void stage(Staged &done) noexcept;
     // The group that forms is being committed, and the next one begins. The one before has ended.

@@ -270,8 +270,13 @@ void Service::registering(int change) {
     released += change < 0 ? 1U : 0U;
 }
 
+Transaction *Service::may_precede() const {
+    return served.group_is_full() ? nullptr : carried_out;
+}
+
 void Service::end_turn() {
     writing = 0;
+    carried_out = nullptr;
     ++released;
 }
 

@@ -73,12 +73,18 @@ public:
     std::uint64_t publications() const { return published; }
 
     // For tasks. One transaction is carried out at a time; take_turn() is false when the task must
-    // wait. Each call that was true is followed by end_turn().
+    // wait. Each call that was true is followed by carry_out() and end_turn().
     bool take_turn(SessionId session);
+    void carry_out(Transaction &transaction) { carried_out = &transaction; }
     void end_turn();
+    // The transaction that is being carried out, if a short one may precede it. Otherwise null.
+    Transaction *may_precede() const;
     // Announces or withdraws (-1) a task that waits for a turn.
-    void writers(int change) { waiting_writers += change; }
-    bool writers_wait() const { return waiting_writers > 0; }
+    void writers(int change, bool is_short) {
+        waiting_writers += change;
+        waiting_short += is_short ? change : 0;
+    }
+    bool short_ones_wait() const { return waiting_short > 0; }
     // Writers, or tasks that wait to register.
     bool others_wait() const { return waiting_writers > 0 || registrations > 0; }
     // Announces or withdraws (-1) a task that waits for between_groups(). While there is one, no
@@ -130,9 +136,11 @@ private:
     std::uint64_t released = 0;
     std::uint64_t published = 0;
     int waiting_writers = 0;
-    int registrations = 0;  // tasks that wait to register
-    SessionId writing = 0;  // see at_work()
-    bool ends_wait = false; // changes are due that could not be taken back yet
+    int waiting_short = 0;              // of these
+    int registrations = 0;              // tasks that wait to register
+    SessionId writing = 0;              // see at_work()
+    Transaction *carried_out = nullptr; // its transaction
+    bool ends_wait = false;             // changes are due that could not be taken back yet
     std::shared_ptr<const Store::Result> taking_back; // the last time
     std::optional<Time> retry;                        // not before
     Usage limits_used;

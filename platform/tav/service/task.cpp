@@ -185,8 +185,10 @@ private:
     std::size_t sent = 0; // bytes of elements
 };
 
-// Carries out a transaction and waits until it is committed. A long one begins again when others
-// want to write. One second after its request it is no longer interrupted.
+// Carries out a transaction and waits until it is committed. A short one may precede another that is
+// at work, if it changes nothing that the other has dealt with. Otherwise the other begins again
+// after it, except that one second after its request it is no longer interrupted. Long ones wait for
+// each other.
 class Write : public Task {
 public:
     Write(Service &served, Session &client, const RequestHeader &header, std::string_view content)
@@ -215,7 +217,7 @@ public:
             change_number = result->stored && waiting.begins ? waiting.begins->change.number : 0;
             return answer(result->stored ? api_status_ok : api_status_failed);
         }
-        if (transaction && has_turn && service.writers_wait() && gives_way()) {
+        if (transaction && has_turn && service.short_ones_wait() && gives_way()) {
             end();
             return wait();
         }
@@ -225,12 +227,17 @@ public:
         if (!transaction) {
             has_turn = session.may_write() && service.take_turn(session.id());
             if (session.may_write() && !has_turn) {
-                return wait();
+                return precede();
             }
             stop_waiting();
             start();
         }
-        switch (transaction->advance()) {
+        return after(transaction->advance());
+    }
+
+private:
+    State after(Transaction::State state) {
+        switch (state) {
         case Transaction::State::working:
             return State::working;
         case Transaction::State::malformed:
@@ -252,16 +259,50 @@ public:
         end();
         return State::blocked;
     }
-
-private:
+    // Without a turn.
+    State precede() {
+        constexpr std::size_t most_changes = 128;
+        Transaction *const other = service.may_precede();
+        if (other == nullptr || !is_short()) {
+            return wait();
+        }
+        start();
+        Transaction::State state = transaction->advance();
+        if (state == Transaction::State::working) {
+            state = transaction->advance();
+        }
+        std::optional<Tree> both;
+        const bool complete = state == Transaction::State::complete;
+        if (complete && transaction->changes().size() <= most_changes) {
+            both = other->with(transaction->changes());
+        }
+        if (state == Transaction::State::working || (complete && !both)) {
+            end();
+            return wait();
+        }
+        stop_waiting();
+        const State next = after(state);
+        if (result) {
+            other->go_on_from(*std::move(both)); // cannot fail, unlike the steps before
+        }
+        return next;
+    }
+    bool is_short() const {
+        constexpr std::uint32_t most_items = 64;
+        return Reader(items).count(1) <= most_items;
+    }
     // Waits for a turn.
     State wait() {
-        service.writers(waits ? 0 : 1);
+        if (!waits) {
+            service.writers(1, is_short());
+        }
         waits = true;
         return State::blocked;
     }
     void stop_waiting() {
-        service.writers(waits ? -1 : 0);
+        if (waits) {
+            service.writers(-1, is_short());
+        }
         waits = false;
     }
     bool gives_way() const {
@@ -285,6 +326,9 @@ private:
             [this](const std::string &path) {
                 return service.store().holds(path, author, with_term);
             });
+        if (has_turn) {
+            service.carry_out(*transaction);
+        }
         if (!session.may_write()) {
             transaction->deny();
         }

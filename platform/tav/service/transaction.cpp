@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "protocol/limits.h"
-#include "service/garbage.h"
 
 namespace tav {
 
@@ -54,7 +53,6 @@ Transaction::State Transaction::advance() {
                 }
             } else if (state == State::working) {
                 phase = Phase::examining;
-                edit.complete();
                 examined = edit.changes().begin();
             }
             break;
@@ -68,9 +66,7 @@ Transaction::State Transaction::advance() {
                 const auto change = examined++;
                 examine(*change);
                 if (!change->stored()) {
-                    Edit::Changes useless;
-                    useless.splice(useless.end(), edit.changes(), change);
-                    garbage::add(useless);
+                    edit.set_aside(change);
                 }
             } else if (objections.empty()) {
                 state = State::complete;
@@ -91,6 +87,11 @@ Transaction::State Transaction::advance() {
         }
     }
     return state;
+}
+
+std::optional<Tree> Transaction::with(const Edit::Changes &earlier) const {
+    std::optional<Tree> tree = edit.with(earlier);
+    return tree && tree->extent().bytes <= byte_limit ? tree : std::nullopt;
 }
 
 // False at the end of the items, or if they are malformed.

@@ -4,8 +4,10 @@
 
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "service/edit.h"
@@ -61,6 +63,10 @@ public:
     const Tree &tree() const { return edit.tree(); }
     Edit::Changes &changes() { return edit.changes(); }
     const Sizes &largest() const { return sizes; }
+
+    // See Edit::with().
+    std::optional<Tree> with(const Edit::Changes &earlier) const;
+    void go_on_from(Tree tree) noexcept { edit.go_on_from(std::move(tree)); }
 
 private:
     enum class Phase { applying, skipping, examining, judging };

@@ -5,6 +5,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <thread>
 
 #include "protocol/limits.h"
 #include "service/service.h"
@@ -241,19 +242,150 @@ TEST_F(GroupsTest, AFullOneTakesNoMore) {
     EXPECT_TRUE(store.group_is_full());
     const Request third = write({set("/b")});
     EXPECT_EQ(third.step(), State::blocked);
-    EXPECT_TRUE(service.writers_wait());
+    EXPECT_TRUE(service.others_wait());
     const std::uint64_t before = service.releases();
     end_commit(true);
     EXPECT_GT(service.releases(), before);
     EXPECT_EQ(third.step(), State::blocked);
-    EXPECT_TRUE(service.writers_wait());
+    EXPECT_TRUE(service.others_wait());
     service.commit();
     EXPECT_GT(service.releases(), before + 1);
     EXPECT_EQ(third.step(), State::blocked);
-    EXPECT_FALSE(service.writers_wait()) << "it was carried out";
+    EXPECT_FALSE(service.others_wait()) << "it was carried out";
     end_commit(true);
     service.commit();
     end_commit(true);
     EXPECT_EQ(third.step(), State::done);
     EXPECT_EQ(storage->committed.size(), 3U);
+}
+
+class PrecedingTest : public GroupsTest {
+protected:
+    // A long transaction that has changed /n/0 and more, and is not yet complete.
+    PrecedingTest() : at_work(write(numbered(1000))) { EXPECT_EQ(at_work.step(), State::working); }
+
+    static std::vector<Item> numbered(int number) {
+        std::vector<Item> items;
+        for (int i = 0; i < number; ++i) {
+            items.push_back(set("/n/" + std::to_string(i)));
+        }
+        return items;
+    }
+    void finish() {
+        State state = State::working;
+        while (state == State::working) {
+            state = at_work.step();
+        }
+        EXPECT_EQ(state, State::blocked);
+        store_group();
+        EXPECT_EQ(at_work.step(), State::done);
+        EXPECT_EQ(at_work.status(), api_status_ok);
+        EXPECT_EQ(text("/n/999"), "1");
+    }
+    void store_group() {
+        service.commit();
+        end_commit(true);
+    }
+    void expect_waiting(const Request &request) {
+        EXPECT_EQ(request.step(), State::blocked);
+        EXPECT_FALSE(store.has_group());
+        EXPECT_TRUE(service.others_wait());
+    }
+
+    Request at_work;
+};
+
+TEST_F(PrecedingTest, AShortOneIsStoredFirst) {
+    const Request brief = write({set("/c"), set("/d")});
+    EXPECT_EQ(brief.step(), State::blocked);
+    EXPECT_FALSE(service.others_wait());
+    store_group();
+    EXPECT_EQ(brief.step(), State::done);
+    EXPECT_EQ(text("/c"), "1");
+    EXPECT_EQ(text("/n/0"), absent);
+    finish();
+    EXPECT_EQ(text("/c"), "1");
+    EXPECT_EQ(text("/d"), "1");
+}
+
+TEST_F(PrecedingTest, OneThatItDependsOnWaits) {
+    const Request brief = write({set("/n/0", "2")});
+    expect_waiting(brief);
+    finish();
+    EXPECT_EQ(brief.step(), State::blocked);
+    EXPECT_FALSE(service.others_wait());
+    store_group();
+    EXPECT_EQ(text("/n/0"), "2");
+}
+
+TEST_F(PrecedingTest, ALongOneBeginsAgainAfterOneThatItDependsOn) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(3));
+    EXPECT_EQ(at_work.step(), State::working) << "nobody else wants to write";
+    const Request longer = write(std::vector<Item>(65, set("/c")));
+    expect_waiting(longer);
+    EXPECT_EQ(at_work.step(), State::working) << "that one is not short";
+    const Request brief = write({set("/n/0", "2"), set("/c", "2")});
+    expect_waiting(brief);
+    EXPECT_EQ(at_work.step(), State::blocked);
+    EXPECT_EQ(brief.step(), State::blocked);
+    EXPECT_TRUE(store.has_group());
+    EXPECT_EQ(at_work.step(), State::working);
+    finish();
+    EXPECT_EQ(text("/n/0"), "1");
+    EXPECT_EQ(text("/c"), "2");
+}
+
+TEST_F(PrecedingTest, AnotherLongOneWaits) {
+    const Request other_long(write(std::vector<Item>(65, set("/c"))));
+    expect_waiting(other_long);
+    const Request brief(write(std::vector<Item>(64, set("/c"))));
+    EXPECT_EQ(brief.step(), State::blocked);
+    EXPECT_TRUE(store.has_group());
+}
+
+TEST_F(PrecedingTest, OneThatChangesMuchWaits) {
+    finish();
+    at_work = write(numbered(1000));
+    EXPECT_EQ(at_work.step(), State::working);
+    expect_waiting(write({{ItemKind::remove, "/n", {}}}));
+}
+
+TEST_F(PrecedingTest, AnInvalidOneIsRefusedAtOnce) {
+    const Request brief = write({{ItemKind::remove, "/absent", {}}});
+    EXPECT_EQ(brief.step(), State::done);
+    EXPECT_EQ(brief.status(), api_status_absent);
+    finish();
+}
+
+TEST_F(PrecedingTest, WhenItIsNotStoredTheLongOneBeginsAgain) {
+    const Request brief = write({set("/c")});
+    EXPECT_EQ(brief.step(), State::blocked);
+    service.commit();
+    end_commit(false);
+    EXPECT_EQ(brief.step(), State::done);
+    EXPECT_EQ(brief.status(), api_status_failed);
+    finish();
+    EXPECT_EQ(text("/c"), absent);
+}
+
+TEST_F(PrecedingTest, NoEventIsLost) {
+    finish();
+    watch().step();
+    fetched();
+    std::vector<Item> items = numbered(1000);
+    for (Item &item : items) {
+        item.value.text = "2";
+    }
+    at_work = write(items);
+    for (int i = 0; i < 12; ++i) {
+        EXPECT_EQ(at_work.step(), State::working); // events are made in the second half
+    }
+    const Request brief = write({set("/c", "2")});
+    EXPECT_EQ(brief.step(), State::blocked);
+    store_group();
+    EXPECT_EQ(fetched(), 1U);
+    while (at_work.step() == State::working) {
+    }
+    store_group();
+    EXPECT_EQ(fetched(), 1000U);
 }

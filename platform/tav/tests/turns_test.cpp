@@ -176,44 +176,6 @@ TEST_F(TurnsTest, ATransactionThatOthersWaitForGetsEverySecondTurn) {
     }
 }
 
-// By hand, so that the order is certain.
-TEST_F(TurnsTest, ALongTransactionGivesWayToOtherWriters) {
-    const auto begin = [this](const std::string &body) {
-        std::string reply;
-        std::unique_ptr<tav::Task> task;
-        EXPECT_EQ(service.begin(service.open({}, true), body, reply, task),
-                  tav::Service::Begun::started);
-        return task;
-    };
-    const auto writing = [](std::size_t items, const std::string &text) {
-        return write_frame(std::vector<tav::Item>(items, item("/n", text)))
-            .substr(tav::length_bytes);
-    };
-    using State = tav::Task::State;
-    const std::string many = writing(limits::paths_per_request, "2");
-    const std::string one = writing(1, "1");
-    const auto long_one = begin(many);
-    EXPECT_EQ(long_one->step(), State::working);
-    std::this_thread::sleep_for(std::chrono::milliseconds(3));
-    EXPECT_EQ(long_one->step(), State::working) << "nobody else wants to write";
-    const auto short_one = begin(one);
-    EXPECT_EQ(short_one->step(), State::blocked);
-    EXPECT_EQ(long_one->step(), State::blocked);
-    EXPECT_EQ(short_one->step(), State::blocked) << "waits for the commit";
-    EXPECT_EQ(long_one->step(), State::working);
-    service.commit();
-    EXPECT_EQ(short_one->step(), State::done) << "is committed meanwhile";
-    State state = State::working;
-    while (state == State::working) {
-        state = long_one->step();
-    }
-    service.commit();
-    EXPECT_EQ(long_one->step(), State::done);
-    const tav::Value *value = nullptr;
-    EXPECT_EQ(tav::read_leaf(store.tree(), "/n", value), api_status_ok);
-    EXPECT_EQ(value->text, "2");
-}
-
 TEST_F(TurnsTest, ManyPingsDelayNoOtherClient) {
     for (int i = 0; i < 10; ++i) {
         ASSERT_TRUE(first->calls.send(request_frame(Op::watchdog_ping)));
