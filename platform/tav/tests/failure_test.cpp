@@ -273,7 +273,7 @@ TEST_F(NoServiceTest, ConnectingFailsAndSaysWhy) {
 }
 
 TEST_F(NoServiceTest, TheSameFailureIsReportedOnceUntilItChanges) {
-    const auto attempt = [this](std::size_t new_reports) {
+    const auto attempt = [](std::size_t new_reports) {
         const std::size_t before = reports().size();
         mlr_close(mlr_init());
         EXPECT_EQ(reports().size(), before + new_reports);
