@@ -185,10 +185,10 @@ private:
     std::size_t sent = 0; // bytes of elements
 };
 
-// Carries out a transaction and waits until it is committed. A short one may precede another that is
-// at work, if it changes nothing that the other has dealt with. Otherwise the other begins again
-// after it, except that one second after its request it is no longer interrupted. Long ones wait for
-// each other.
+// Carries out a transaction and waits until it is committed. A short one may precede another that
+// is at work, if it changes nothing that the other has dealt with. Otherwise the other begins again
+// after it, except that one second after its request it is no longer interrupted. Long ones wait
+// for each other.
 class Write : public Task {
 public:
     Write(Service &served, Session &client, const RequestHeader &header, std::string_view content)
