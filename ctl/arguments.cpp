@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
@@ -150,12 +151,18 @@ private:
         return group;
     }
 
-    void add_link(CLI::App *sub, bool required = true) {
-        sub->add_option("LINK", request.options.link,
-                        required ? "The link, such as eth0"
-                                 : "The link, such as eth0 (default: all links)")
+    void add_link(CLI::App *sub) {
+        sub->add_option("LINK", request.options.link, "The link, such as eth0")
             ->type_name("")
-            ->required(required);
+            ->required();
+    }
+
+    void add_optional_link(CLI::App *sub, const char *what) {
+        sub->add_option("LINK", request.options.link, what)->type_name("");
+    }
+
+    void add_link_or_all(CLI::App *sub) {
+        add_optional_link(sub, "The link, such as eth0 (default: all links)");
     }
 
     void add_json(CLI::App *sub, const char *what = "Print JSON") {
@@ -164,17 +171,17 @@ private:
 
     void add_dry_run(CLI::App *sub) {
         sub->add_option("--confirm", request.options.term,
-                        "Take the change back after that time, unless 'tandrelctl confirm' comes "
-                        "before")
+                        "Take the change back after that time, unless 'tandrelctl confirm' is run "
+                        "first")
             ->type_name("SECONDS")
             ->check(CLI::Range(0.001, 86400.0).description(""));
         sub->add_flag("--dry-run", request.options.dry_run,
                       "Change nothing; print what would change in the store and in the kernel");
     }
 
-    void add_unchecked(CLI::App *sub) {
-        sub->add_flag("--force", request.options.force,
-                      "Store it even if the kernel will refuse it");
+    void add_unchecked(CLI::App *sub,
+                       const char *what = "Store it even if the kernel will refuse it") {
+        sub->add_flag("--force", request.options.force, what);
     }
 
     void add_wait(CLI::App *sub) {
@@ -198,12 +205,12 @@ private:
 
     void add_looking() {
         CLI::App *sub = add(app, "show", "Show both views side by side", show);
-        add_link(sub, false);
+        add_link_or_all(sub);
         sub->add_flag("-a,--all", request.options.all, "Include links that are not synchronised");
         add_json(sub);
 
         sub = add(app, "check", "Say whether kernel and store agree, and if not, why", check);
-        add_link(sub, false);
+        add_link_or_all(sub);
         sub->add_flag("-a,--all", request.options.all,
                       "Include notes on links that tandrel ignores by design");
         sub->add_flag("--no-notes", request.options.no_notes,
@@ -215,7 +222,7 @@ private:
 
         sub = add(app, "watch",
                   "Show both views and update them at every change, until interrupted", watch);
-        add_link(sub, false);
+        add_link_or_all(sub);
         add_json(sub, "Print the state as one line of JSON at every change");
         sub->footer(
             "On a terminal the table is redrawn, with the latest changes below it; q quits, "
@@ -228,10 +235,12 @@ private:
         sub->footer("Exit status 0: store and daemon work; 1: the daemon does not; 3: the store "
                     "does not answer.");
 
-        sub = add(app, "wait", "Wait until what is stored for a link can be used", wait_online);
-        add_link(sub, false);
-        sub->add_flag("--online", request.options.online,
-                      "Instead of a link: wait for all connected links, and for at least one");
+        sub = add(app, "wait", "Wait until a link's stored settings can be used", wait_online);
+        add_optional_link(sub, "The link, such as eth0");
+        sub->add_flag(
+            "--online", request.options.online,
+            "Instead of LINK: wait for all connected links that have stored settings, and "
+            "for at least one");
         sub->add_option("--timeout", request.options.patience,
                         "After this time, print what is missing and exit with status 4 "
                         "(default: 120)")
@@ -286,7 +295,7 @@ private:
             add_group("gateway", "Set or clear a link's default gateway in the store");
         CLI::App *sub = add(*group, "set", "Store the default gateway", gateway_set);
         add_link(sub);
-        sub->add_option("ADDRESS", request.options.address, "The router's, such as fe80::1")
+        sub->add_option("ADDRESS", request.options.address, "The router's address, such as fe80::1")
             ->type_name("")
             ->required();
         add_unchecked(sub);
@@ -305,13 +314,15 @@ private:
         sub = add(*group, "add", "Create the node of a link, so that tandrel manages the link",
                   interface_add);
         add_link(sub);
-        add_unchecked(sub);
+        add_unchecked(sub, "Create it even if the kernel has no such link, or tandrel would not "
+                           "manage the link");
         add_dry_run(sub);
         sub = add(*group, "del", "Remove a link's node with all that is stored for the link",
                   interface_delete);
-        add_link(sub, false);
+        add_optional_link(sub, "The link, such as eth0");
         sub->add_option("--node", request.options.node,
-                        "Remove the node with this name, for a node that belongs to no link")
+                        "Instead of LINK: remove the node with this name, which may belong to no "
+                        "link")
             ->type_name("NAME");
         sub->add_flag("--force", request.options.force,
                       "Remove the node even if it contains settings");
@@ -329,7 +340,7 @@ private:
     void add_rest() {
         CLI::App *sub =
             add(app, "import", "Show which of the kernel's settings can be stored", import_kernel);
-        add_link(sub, false);
+        add_link_or_all(sub);
         // The only source, but required: with --write the command changes the store.
         sub->add_flag("--from-kernel", from_kernel,
                       "Read the kernel's permanent addresses and default gateway (required)")
@@ -337,7 +348,7 @@ private:
         sub->add_flag("--write", request.options.write, "Store them as Static");
         sub->add_option("--confirm", request.options.term,
                         "With --write: take it back after that time, unless 'tandrelctl confirm' "
-                        "comes before")
+                        "is run first")
             ->type_name("SECONDS")
             ->check(CLI::Range(0.001, 86400.0).description(""));
         sub->add_flag("--dry-run", request.options.dry_run, "Change nothing, even with --write");
@@ -346,22 +357,31 @@ private:
         sub->add_option("N", request.options.number,
                         "The number that was printed (default: your only change)")
             ->type_name("")
-            ->check(CLI::PositiveNumber.description(""));
+            ->check([](const std::string &text) {
+                std::uint64_t number = 0;
+                const char *const end = text.data() + text.size();
+                const auto [stop, error] = std::from_chars(text.data(), end, number);
+                return error == std::errc() && stop == end && number > 0
+                           ? std::string()
+                           : "'" + text + "' is not the number of a change";
+            });
 
         add(app, "nudge", "Make tandrel synchronise now", nudge);
 
         sub =
             add(app, "keep",
-                "Keep running, and set again what a link lost because it could not carry it", keep);
+                "Keep running, and set again what links lost while they were down or without IPv6",
+                keep);
         sub->add_flag("--list", request.options.list,
                       "Print what is remembered and what it waits for, and exit");
         CLI::Option *forget =
             sub->add_flag("--forget", request.options.forget,
-                          "Forget what is remembered of LINK, or only ADDRESS, and exit");
+                          "Forget all that is remembered about LINK, or only ADDRESS, and exit");
         sub->add_option("LINK", request.options.link, "The link, such as eth0")
             ->type_name("")
             ->needs(forget);
-        sub->add_option("ADDRESS", request.options.address, "An address, or the gateway's")
+        sub->add_option("ADDRESS", request.options.address,
+                        "A Static address, or the gateway's address")
             ->type_name("")
             ->needs(forget);
         sub->footer("The packages run it as the service tandrel-keep.");

@@ -106,9 +106,8 @@ outcome_t write_at_once(client_t &client, const step_t &step, std::optional<doub
 
 std::string why_held(client_t &client, const outcome_t &outcome) {
     if (outcome.status == api_status_too_much_pending) {
-        return "at most " + std::to_string(tav::limits::pending_changes) +
-               " changes of a user may wait for their confirmation; to list them: tandrelctl "
-               "status";
+        return "a user may have at most " + std::to_string(tav::limits::pending_changes) +
+               " unconfirmed changes; to list them: tandrelctl status";
     }
     if (outcome.status != api_status_pending) {
         return "";
@@ -119,8 +118,10 @@ std::string why_held(client_t &client, const outcome_t &outcome) {
         if (std::any_of(changes.begin(), changes.end(), [&path](const auto &change) {
                 return is_at_or_below(change.path, path) || is_at_or_below(path, change.path);
             })) {
-            return text_of(waiting_of(one)) + " waits for its confirmation; it ends in " +
-                   seconds_text(one.left / 1000.0) + ", or with: tandrelctl confirm " +
+            return text_of(waiting_of(one)) +
+                   " is waiting for confirmation, and is taken back in " +
+                   seconds_text(one.left / 1000.0) +
+                   " unless it is confirmed: tandrelctl confirm " +
                    std::to_string(one.change.number);
         }
     }
@@ -149,15 +150,15 @@ int confirm(const options_t &options) {
         std::cout << "change " << confirmed << " is confirmed\n";
         return exit_done;
     case api_status_absent:
-        throw refusal((number != 0 ? "change " + std::to_string(number) + " does not wait"
-                                   : "no change of yours waits") +
-                      std::string(" for its confirmation; to list those that do: tandrelctl "
-                                  "status"));
+        throw refusal((number != 0 ? "change " + std::to_string(number) + " is not waiting"
+                                   : "none of your changes is waiting") +
+                      std::string(" for confirmation; to list those that are: tandrelctl status"));
     case api_status_refused:
-        throw refusal("several changes of yours wait: give a number; to list them: tandrelctl "
-                      "status");
+        throw refusal(
+            "several of your changes are waiting; give the number of one (tandrelctl status "
+            "lists them)");
     case api_status_denied:
-        throw refusal("permission denied; only who may write may confirm");
+        throw refusal("permission denied: only users who may write can confirm changes");
     default:
         throw refusal("the confirmation could not be stored; the store's log says why");
     }

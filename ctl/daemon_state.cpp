@@ -115,11 +115,12 @@ daemon_state_t find_daemon(client_t &client) {
     const process_t process = find_process();
     std::optional<daemon_state_t> state = ask_store(client);
     if (!state) {
-        state = daemon_state_t{process.known ? daemon_t::absent : daemon_t::unknown,
-                               0,
-                               0,
-                               "this store does not say, and only root may look at its process",
-                               {}};
+        state =
+            daemon_state_t{process.known ? daemon_t::absent : daemon_t::unknown,
+                           0,
+                           0,
+                           "this store does not report it, and only root can inspect its process",
+                           {}};
         if (!client.connect()) {
             state->state = daemon_t::unknown;
             state->why = "the settings store does not answer";

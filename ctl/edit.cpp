@@ -75,14 +75,14 @@ const kernel_link_t &require_link(const kernel_view_t &kernel, const options_t &
         std::find_if(kernel.links.begin(), kernel.links.end(),
                      [&](const kernel_link_t &one) { return one.name == options.link; });
     if (found == kernel.links.end()) {
-        throw refusal("the kernel has no link " + name + "; to store it all the same, use --force");
+        throw refusal("the kernel has no link " + name + "; to store it anyway, use --force");
     }
     if (!found->ethernet || found->hwaddr.empty() || !found->has_ipv6) {
         throw refusal("tandrel does not manage " + name + ": it " +
                       (found->hwaddr.empty() || !found->ethernet
                            ? "is not an Ethernet link"
                            : "has no IPv6 (MTU " + std::to_string(found->mtu) + ")") +
-                      "; to store it all the same, use --force");
+                      "; to store it anyway, use --force");
     }
     return *found;
 }

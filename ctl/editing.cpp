@@ -105,7 +105,7 @@ void require_gateway(const kernel_view_t &kernel, const store_view_t &store,
     const kernel_link_t &link = require_link(kernel, options);
     const std::string text = "'" + address_text(gateway) + "'";
     const auto refuse = [](std::string why) {
-        throw refusal(why.append("; to store it all the same, use --force"));
+        throw refusal(why.append("; to store it anyway, use --force"));
     };
     for (const kernel_address_t &one : kernel.addresses) {
         if (one.address.ifindex == link.index &&

@@ -92,10 +92,9 @@ private:
         } else {
             lines.push_back({style_t::good, what + "  new"});
             if (!is_static(*row.kernel)) {
-                lines.push_back(
-                    {style_t::plain, "    -> afterwards, to make the kernel's route tandrel's: " +
-                                         deletion_command(interface.link, *row.kernel) +
-                                         " && tandrelctl nudge"});
+                lines.push_back({style_t::plain, "    -> then, to let tandrel manage the route: " +
+                                                     deletion_command(interface.link, *row.kernel) +
+                                                     " && tandrelctl nudge"});
             }
             const std::string ipv6 = paths::ipv6(static_cast<std::int32_t>(interface.number));
             step.leaves.emplace_back(paths::value(paths::gateway(ipv6)), gateway);

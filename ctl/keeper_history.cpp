@@ -77,7 +77,7 @@ bool keeper_t::handle_history() {
 void keeper_t::note(writes_t &writes, std::uint64_t reached) {
     note_handled(writes, reached);
     if (!carry_out(client, writes)) {
-        throw store_lost("the settings store refuses what the keeper has to remember");
+        throw store_lost("the settings store refuses to keep what must be remembered");
     }
     handled = reached;
     relevant = false;
@@ -90,7 +90,7 @@ void keeper_t::note(writes_t &writes, std::uint64_t reached) {
 
 // Nobody can say who removed what is missing now.
 void keeper_t::handle_gap(writes_t &writes) {
-    news.push_back("changes of the store were missed");
+    news.push_back("changes in the store were missed");
     const store_view_t store = read_store(client.tav, options.prefix);
     const std::vector<setting_t> present = settings_of(store);
     for (const setting_t &setting : seen) {
@@ -98,7 +98,7 @@ void keeper_t::handle_gap(writes_t &writes) {
             return same_setting(one, setting);
         });
         if (!there) {
-            keep(setting, "in doubt: changes of the store were missed", writes);
+            keep(setting, "uncertain: changes in the store were missed", writes);
         }
     }
     relevant = true;
@@ -150,11 +150,11 @@ bool keeper_t::handle_departure(const setting_t &setting, writes_t &writes) {
         wake_at(verdict.until + std::chrono::milliseconds(1));
         return false;
     case verdict_t::by_hand:
-        tell(setting, "was deleted in the kernel and stays away");
+        tell(setting, "was deleted in the kernel and will not be set again");
         relevant = true;
         return true;
-    case verdict_t::doubt:
-        keep(setting, "in doubt: " + verdict.reason, writes);
+    case verdict_t::uncertain:
+        keep(setting, "uncertain: " + verdict.reason, writes);
         return true;
     case verdict_t::link_unable:
         keep(setting, verdict.reason, writes);

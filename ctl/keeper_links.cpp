@@ -215,12 +215,13 @@ verdict_t links_t::judge(const setting_t &setting, moment_t now) const {
     const auto found =
         departures.find({setting.link, key_text(setting.is_gateway, setting.address.addr)});
     if (found == departures.end()) {
-        return {verdict_t::doubt, "cause not seen", {}};
+        return {verdict_t::uncertain, "cause not seen", {}};
     }
     const departure_t &departure = found->second;
     if (!departure.reason.empty()) {
-        return {
-            departure.certain ? verdict_t::link_unable : verdict_t::doubt, departure.reason, {}};
+        return {departure.certain ? verdict_t::link_unable : verdict_t::uncertain,
+                departure.reason,
+                {}};
     }
     const moment_t until = departure.when + doubt_span;
     if (now <= until) {

@@ -33,10 +33,10 @@ bool same_setting(const setting_t &left, const setting_t &right);
 struct verdict_t {
     enum kind_t {
         link_unable, // the link could not carry it
-        doubt,       // perhaps that
+        uncertain,   // perhaps that
         by_hand,     // somebody deleted it in the kernel
         undecided    // not known before `until`
-    } kind = doubt;
+    } kind = uncertain;
     std::string reason; // a few words; empty: by_hand, undecided
     moment_t until{};
 };

@@ -16,7 +16,7 @@ namespace ctl {
 
 namespace {
 
-// A mirrored leaf: of an address node, or of the gateway (without a node).
+// Where a mirrored leaf is: in an address node, or below the gateway; `node` is then empty.
 struct place_t {
     std::string link, node, leaf;
 };
@@ -207,7 +207,7 @@ private:
         const std::string text =
             setting.is_gateway ? address_text(setting.address.addr) : prefix_text(setting.address);
         if (interface_number(setting.link, prefix) == 0) {
-            return; // another prefix was given when it left
+            return; // it left while the keeper ran with another link prefix
         }
         const auto nodes = nodes_of(setting.link);
         if (nodes.empty()) {
@@ -236,7 +236,8 @@ private:
         add(task_t::restore, free, text, kept.why);
     }
 
-    // Its own name, or another if that is taken, also by an address restored with it.
+    // The wanted node name, or a free number if the store or an address restored in the same run
+    // has that name.
     std::string free_node(const stored_interface_t &interface, const std::string &wanted) {
         std::set<std::string> &taken = names[interface.link];
         for (const stored_address_t &one : interface.addresses) {
@@ -258,7 +259,7 @@ private:
         }
         const address_list_t found = stored(*nodes.front(), setting.address);
         if (found.empty()) {
-            return; // the daemon is away
+            return; // the daemon is not connected
         }
         const stored_address_t &one = *found.front();
         setting_t at = setting;
@@ -267,7 +268,8 @@ private:
             add(task_t::adopt, at, one.text, "");
         } else if (found.size() == 1 && one.address.type == type_static &&
                    one.node == removal.node) {
-            add(task_t::remove, at, one.text, "removed while tandrel was away");
+            add(task_t::remove, at, one.text,
+                "removed from the store while tandrel was disconnected");
         } else {
             add(task_t::settle, setting, text, "");
         }
@@ -325,7 +327,7 @@ private:
                        same_gateway(one.route, stored_route);
             });
         if (there) {
-            return false; // perhaps as an advertised one
+            return false; // the kernel has it, perhaps from a router advertisement
         }
         const auto contains = [&](const stored_address_t &one) {
             return !one.fault && one.address.type == type_static &&

@@ -26,9 +26,9 @@ constexpr reasons_t table{{
      "seconds",
      "{command}"},
     {r::bad_interface_node, difference, "bad-interface-node",
-     "the name of the interface node '{node}' is not a number from 1 on; because of it tandrel "
-     "cannot read the store, synchronises nothing, and starts over every ten seconds; the command "
-     "below removes the node with all that it contains",
+     "the name of the interface node '{node}' is not a number of 1 or more, so tandrel cannot read "
+     "the store, synchronises nothing, and starts over every ten seconds; the command below "
+     "removes the node with all that it contains",
      "tandrelctl interface del --node {node} --force"},
     {r::interface_is_leaf, note, "interface-is-leaf",
      "'{path}' is a leaf, not a node; tandrel ignores it", ""},
@@ -128,17 +128,17 @@ constexpr reasons_t table{{
      "tandrelctl address del {link} --node {node}"},
     {r::address_not_in_store, difference, "address-not-in-store",
      "{address} is in the kernel only; tandrel writes it to the store as {type} within moments, "
-     "unless it has lost track of it (as when a link leaves a bridge)",
+     "unless it has lost track of it (for example because the link left a bridge)",
      "{restart}"},
     {r::address_listed_empty, note, "address-listed-empty",
      "the kernel listed an entry that contains no address; tandrel skips it", ""},
     {r::prefix_static, difference, "prefix-static",
      "the kernel has {other}, the store {address} (Static, node '{node}'): the store's prefix "
-     "length counts, and tandrel changes the kernel's at its next synchronisation",
+     "length applies, and tandrel changes the kernel's at its next synchronisation",
      "{command}"},
     {r::prefix_of_kernel, difference, "prefix-of-kernel",
      "the kernel has {other}, the store {address} ({type}, node '{node}'): the kernel's prefix "
-     "length counts, and tandrel stores it when the node is removed",
+     "length applies, and tandrel stores it when the node is removed",
      "tandrelctl address del {link} --node {node} --force"},
     {r::type_differs, difference, "type-differs",
      "{address} is stored as {type} (node '{node}'), but the kernel has it as {other}: tandrel "
@@ -193,7 +193,7 @@ constexpr reasons_t table{{
      "moments, it removes the route at its next synchronisation",
      "tandrelctl gateway set {link} {gateway}"},
     {r::gateway_differs, difference, "gateway-differs",
-     "the kernel's gateway is {other}, the store's {gateway}: the store's counts, and tandrel "
+     "the kernel's gateway is {other}, the store's {gateway}: the store's applies, and tandrel "
      "replaces the kernel's at its next synchronisation",
      "tandrelctl nudge"},
     {r::gateway_second, difference, "gateway-second",
@@ -208,8 +208,8 @@ constexpr reasons_t table{{
     {r::route_without_gateway, note, "route-without-gateway",
      "tandrel ignores a default route without a gateway", ""},
     {r::route_multipath, note, "route-multipath",
-     "tandrel ignores the default route via {gateway}: the kernel has joined it with others of the "
-     "same metric, and does not say its link",
+     "tandrel ignores the default route via {gateway}: the kernel has combined it with others of "
+     "the same metric, and does not report its link",
      "{command}"},
     {r::route_other_table, note, "route-other-table",
      "the default route via {gateway} is in table {text}; tandrel treats it as a route of the main "

@@ -178,7 +178,7 @@ void print_text(const status_t &status, bool colour) {
     line("keeper:   ", true,
          status.keeper != 0
              ? std::string(keeper_name) + ", process " + std::to_string(status.keeper)
-             : "none; what a link loses while it is down does not come back");
+             : "none; settings that a link loses while it is down are not set again");
     for (const link_state_t &one : status.links) {
         line("link:     ", true,
              shown(one.link) + (one.why.empty()           ? ", managed"

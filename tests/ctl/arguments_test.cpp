@@ -47,6 +47,32 @@ TEST(CtlArguments, EachCommandIsTheOneNamed) {
     EXPECT_EQ(parse({"wait", "eth0"}).command, ctl::wait_online);
 }
 
+TEST(CtlArguments, ConfirmTakesTheNumberOfAChange) {
+    EXPECT_EQ(parse({"confirm", "18446744073709551615"}).options.number, 18446744073709551615U);
+    EXPECT_FALSE(parse({"confirm"}).options.number);
+    for (const char *text : {"x", "0", "1x", "", "18446744073709551616"}) {
+        EXPECT_EQ(complaint({"confirm", text}),
+                  "N: '" + std::string(text) +
+                      "' is not the number of a change\nRun with --help for more information.\n");
+    }
+}
+
+TEST(CtlArguments, OnlyTheHelpOfACommandThatMayDoWithoutALinkOffersAllLinks) {
+    const auto offers_all = [](std::vector<std::string> words) {
+        words.emplace_back("--help");
+        testing::internal::CaptureStdout();
+        parse(words);
+        return testing::internal::GetCapturedStdout().find("all links)") != std::string::npos;
+    };
+    EXPECT_TRUE(offers_all({"show"}));
+    EXPECT_TRUE(offers_all({"check"}));
+    EXPECT_TRUE(offers_all({"watch"}));
+    EXPECT_TRUE(offers_all({"import"}));
+    EXPECT_FALSE(offers_all({"interface", "del"}));
+    EXPECT_FALSE(offers_all({"wait"}));
+    EXPECT_FALSE(offers_all({"address", "add"}));
+}
+
 TEST(CtlArguments, TheServicesOptionsGiveThePrefix) {
     setenv("TANDREL_OPTIONS", "-D 2 -i enp3s -u 1", 1);
     EXPECT_EQ(parse({"show"}).options.prefix, "enp3s");

@@ -47,7 +47,7 @@ TEST_F(Editing, ASettingForALinkThatTheKernelLacksNeedsForce) {
     options.link = "eth7";
     options.address = "2001:db8::5/64";
     EXPECT_EQ(refused(1, ctl::address_add),
-              "the kernel has no link 'eth7'; to store it all the same, use --force");
+              "the kernel has no link 'eth7'; to store it anyway, use --force");
     EXPECT_NE(refused(1, ctl::address_replace), "");
     EXPECT_NE(refused(1, ctl::interface_add), "");
     options.address = "fe80::1";
@@ -66,10 +66,10 @@ TEST_F(Editing, ASettingForALinkThatIsNotManagedNeedsForce) {
     kernel.links[0].has_ipv6 = false;
     kernel.links[0].mtu = 1000;
     EXPECT_EQ(refused(1, ctl::address_add), "tandrel does not manage 'eth0': it has no IPv6 (MTU "
-                                            "1000); to store it all the same, use --force");
+                                            "1000); to store it anyway, use --force");
     kernel.links[0].ethernet = false;
     EXPECT_EQ(refused(1, ctl::address_add), "tandrel does not manage 'eth0': it is not an Ethernet "
-                                            "link; to store it all the same, use --force");
+                                            "link; to store it anyway, use --force");
 }
 
 TEST_F(Editing, AGatewayThatTheKernelWouldRefuseNeedsForce) {
@@ -81,13 +81,13 @@ TEST_F(Editing, AGatewayThatTheKernelWouldRefuseNeedsForce) {
     EXPECT_EQ(ctl::gateway_set(options), 0) << "the kernel will have that network";
     address("2001:db8::1", 64);
     EXPECT_EQ(refused(1, ctl::gateway_set), "'2001:db8::1' is this link's own address; to store "
-                                            "it all the same, use --force");
+                                            "it anyway, use --force");
     options.address = "fe80::1";
     EXPECT_EQ(ctl::gateway_set(options), 0);
     route("fe80::1", RTPROT_RA);
     EXPECT_EQ(refused(1, ctl::gateway_set),
               "a router advertisement has set the default route via 'fe80::1' already, and the "
-              "kernel refuses a second one; to store it all the same, use --force");
+              "kernel refuses a second one; to store it anyway, use --force");
     options.force = true;
     EXPECT_EQ(ctl::gateway_set(options), 0);
 }

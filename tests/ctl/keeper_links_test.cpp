@@ -71,7 +71,7 @@ const case_t cases[] = {
          leaves(links, 0);
          links.see(eth0(down), at(1000));
      },
-     1000, verdict_t::doubt, "link down"},
+     1000, verdict_t::uncertain, "link down"},
     {"DownLongAfter",
      [](links_t &links) {
          leaves(links, 0);
@@ -84,7 +84,7 @@ const case_t cases[] = {
          links.see(eth0(), at(0));
          leaves(links, 1000);
      },
-     1000, verdict_t::doubt, "link down"},
+     1000, verdict_t::uncertain, "link down"},
     {"UpAgainLongBefore",
      [](links_t &links) {
          links.see(eth0(down), at(-5000));
@@ -97,14 +97,14 @@ const case_t cases[] = {
          leaves(links, 0);
          links.gone(3, "eth0", at(1));
      },
-     1, verdict_t::doubt, "link removed"},
+     1, verdict_t::uncertain, "link removed"},
     {"RemovedAndCreated",
      [](links_t &links) {
          leaves(links, 0);
          links.gone(3, "eth0", at(1));
          links.see(eth0([](kernel_link_t &link) { link.index = 4; }), at(2));
      },
-     5000, verdict_t::doubt, "link removed"},
+     5000, verdict_t::uncertain, "link removed"},
     {"MtuTooSmall",
      [](links_t &links) {
          links.see(eth0([](kernel_link_t &link) { link.mtu = 1279; }), at(0));
@@ -128,13 +128,13 @@ const case_t cases[] = {
          leaves(links, 0);
          links.see(eth0([](kernel_link_t &link) { link.ipv6_refused = true; }), at(1));
      },
-     1, verdict_t::doubt, "IPv6 disabled"},
+     1, verdict_t::uncertain, "IPv6 disabled"},
     {"Ipv6DisabledAndEnabledUnseen",
      [](links_t &links) {
          links.ipv6_stopped(3, at(0));
          leaves(links, 1);
      },
-     5000, verdict_t::doubt, "all addresses lost at once"},
+     5000, verdict_t::uncertain, "all addresses lost at once"},
     {"InABridge",
      [](links_t &links) {
          links.see(eth0([](kernel_link_t &link) { link.is_part = true; }), at(0));
@@ -159,7 +159,7 @@ const case_t cases[] = {
          links.see(eth0(), at(1));
          leaves(links, 2);
      },
-     5000, verdict_t::doubt, "link renamed"},
+     5000, verdict_t::uncertain, "link renamed"},
     {"LosingCarrierIsNoReason",
      [](links_t &links) {
          links.see(eth0([](kernel_link_t &link) { link.carrier = false; }), at(0));
@@ -177,16 +177,16 @@ const case_t cases[] = {
                    at(1));
      },
      5000, verdict_t::by_hand, ""},
-    {"NotSeen", [](links_t &) {}, 5000, verdict_t::doubt, "cause not seen"},
+    {"NotSeen", [](links_t &) {}, 5000, verdict_t::uncertain, "cause not seen"},
     {"MessagesLost",
      [](links_t &links) {
          leaves(links, 0);
          links.restart({eth0()}, at(500));
      },
-     5000, verdict_t::doubt, "cause not seen"},
+     5000, verdict_t::uncertain, "cause not seen"},
     {"OnALinkNobodyKnows",
      [](links_t &links) { links.address_left(9, bytes("2001:db8::5"), false, at(0)); }, 5000,
-     verdict_t::doubt, "cause not seen"},
+     verdict_t::uncertain, "cause not seen"},
     {"TheLatestDepartureCounts",
      [](links_t &links) {
          links.see(eth0(down), at(0));
@@ -233,7 +233,7 @@ TEST(KeeperLinks, TheFirstSecondIsUncertain) {
     links_t links("eth");
     links.restart({eth0()}, at(0));
     leaves(links, 1000);
-    EXPECT_EQ(links.judge(office(), at(5000)).kind, verdict_t::doubt);
+    EXPECT_EQ(links.judge(office(), at(5000)).kind, verdict_t::uncertain);
 }
 
 TEST(KeeperLinks, OldDeparturesAreForgottenWhenThereAreMany) {
@@ -246,7 +246,7 @@ TEST(KeeperLinks, OldDeparturesAreForgottenWhenThereAreMany) {
         other.s6_addr[15] = static_cast<std::uint8_t>(i % 256);
         links.address_left(3, other, false, at(60001));
     }
-    EXPECT_EQ(links.judge(office(), at(70000)).kind, verdict_t::doubt);
+    EXPECT_EQ(links.judge(office(), at(70000)).kind, verdict_t::uncertain);
 }
 
 TEST(KeeperLinks, AnObstacleSaysWhatALinkLacks) {

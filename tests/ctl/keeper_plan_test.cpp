@@ -318,7 +318,9 @@ TEST_F(UnfinishedRemoval, BeginsWhenTheDaemonHasStoredTheAddressAsAutomatic) {
 TEST_F(UnfinishedRemoval, EndsWithTheNodeThatTheKeeperMadeStatic) {
     store("3", "2001:db8::5/64");
     memory.removals[0].node = "3";
-    EXPECT_EQ(plan(), "remove 2001:db8::5/64 in 3: removed while tandrel was away\n");
+    EXPECT_EQ(
+        plan(),
+        "remove 2001:db8::5/64 in 3: removed from the store while tandrel was disconnected\n");
     memory.removals[0].node = "4";
     EXPECT_EQ(plan(), "settle 2001:db8::5/64 in office\n") << "somebody has stored it again";
 }

@@ -76,9 +76,9 @@ TEST_F(Reasons, TheInterfacesNodeIsAbsent) {
 TEST_F(Reasons, AnInterfaceNodeIsNotNamedByANumber) {
     fake_tav::put_node(at("wan port"));
     expect(reason_t::bad_interface_node,
-           "the name of the interface node 'wan port' is not a number from 1 on; because of it "
-           "tandrel cannot read the store, synchronises nothing, and starts over every ten "
-           "seconds; the command below removes the node with all that it contains",
+           "the name of the interface node 'wan port' is not a number of 1 or more, so tandrel "
+           "cannot read the store, synchronises nothing, and starts over every ten seconds; the "
+           "command below removes the node with all that it contains",
            "tandrelctl interface del --node 'wan port' --force");
     fake_tav::erase(at("wan port"));
     for (const std::string name : {"0", "-1", "1a"}) {
@@ -387,7 +387,8 @@ TEST_F(Reasons, AnAddressIsInTheKernelOnly) {
     address("2001:db8::5", 64);
     expect(reason_t::address_not_in_store,
            "2001:db8::5/64 is in the kernel only; tandrel writes it to the store as Automatic "
-           "within moments, unless it has lost track of it (as when a link leaves a bridge)",
+           "within moments, unless it has lost track of it (for example because the link left a "
+           "bridge)",
            ctl::service_command("restart", ""));
     kernel.addresses[0].flags |= IFA_F_TENTATIVE;
     EXPECT_EQ(findings().at(0).remedy(), "") << "the kernel has not reported it yet";
@@ -407,7 +408,7 @@ TEST_F(Reasons, AStaticAddressHasAnotherPrefixLengthInTheKernel) {
     store("x", "2001:db8::5/48");
     expect(reason_t::prefix_static,
            "the kernel has 2001:db8::5/64, the store 2001:db8::5/48 (Static, node 'x'): the "
-           "store's prefix length counts, and tandrel changes the kernel's at its next "
+           "store's prefix length applies, and tandrel changes the kernel's at its next "
            "synchronisation",
            "tandrelctl nudge");
     kernel.addresses.clear();
@@ -421,7 +422,7 @@ TEST_F(Reasons, AnAutomaticAddressHasAnotherPrefixLengthInTheKernel) {
     store("x", "2001:db8::5/48", "Automatic");
     expect(reason_t::prefix_of_kernel,
            "the kernel has 2001:db8::5/64, the store 2001:db8::5/48 (Automatic, node 'x'): the "
-           "kernel's prefix length counts, and tandrel stores it when the node is removed",
+           "kernel's prefix length applies, and tandrel stores it when the node is removed",
            "tandrelctl address del eth0 --node x --force");
 }
 
@@ -572,7 +573,7 @@ TEST_F(Reasons, TheGatewaysDiffer) {
     route("fe80::1");
     store_gateway("fe80::2");
     expect(reason_t::gateway_differs,
-           "the kernel's gateway is fe80::1, the store's fe80::2: the store's counts, and tandrel "
+           "the kernel's gateway is fe80::1, the store's fe80::2: the store's applies, and tandrel "
            "replaces the kernel's at its next synchronisation",
            "tandrelctl nudge");
 }
@@ -618,8 +619,8 @@ TEST_F(Reasons, ADefaultRouteIsJoinedWithOthers) {
     one.multipath = true;
     one.has_index = false;
     expect(reason_t::route_multipath,
-           "tandrel ignores the default route via fe80::1: the kernel has joined it with others of "
-           "the same metric, and does not say its link",
+           "tandrel ignores the default route via fe80::1: the kernel has combined it with others "
+           "of the same metric, and does not report its link",
            "tandrelctl gateway set eth0 fe80::1");
     store_gateway("fe80::1");
     EXPECT_TRUE(findings().empty()) << "two links have gateways";

@@ -75,7 +75,8 @@ TEST_F(Change, AConfirmedChangeStaysAndIsListedBefore) {
     EXPECT_EQ(second.status, 1);
     EXPECT_TRUE(contains(second.errors, "change " + number + " by tandrelctl, process "))
         << second.errors;
-    EXPECT_TRUE(contains(second.errors, "or with: tandrelctl confirm " + number)) << second.errors;
+    EXPECT_TRUE(contains(second.errors, "unless it is confirmed: tandrelctl confirm " + number))
+        << second.errors;
     EXPECT_EQ(run({"confirm"}).output, "change " + number + " is confirmed\n");
     EXPECT_EQ(store.gateway(1), "fe80::2");
     EXPECT_EQ(run({"confirm", number}).status, 1);
@@ -223,7 +224,7 @@ TEST_F(Change, TheKernelsConfigurationIsImported) {
     const result_t shown = run({"import", "--from-kernel"});
     EXPECT_EQ(shown.status, 0);
     EXPECT_EQ(shown.output, "eth0  2001:db8::5/64  new\neth0  gateway fe80::1  new\n"
-                            "    -> afterwards, to make the kernel's route tandrel's: ip -6 route "
+                            "    -> then, to let tandrel manage the route: ip -6 route "
                             "del default via fe80::1 dev eth0 proto boot metric 1024 && "
                             "tandrelctl nudge\n"
                             "nothing was written; use --write to store these settings\n");

@@ -243,8 +243,8 @@ TEST_F(KeeperTest, WhatIsDeletedInTheKernelOfAnAbleLinkStaysAway) {
     route.gateway = gateway;
     route.link = "eth0";
     device.delete_route(route);
-    EXPECT_TRUE(said("eth0: 2001:db8::5/64 was deleted in the kernel and stays away"));
-    EXPECT_TRUE(said("eth0: gateway fe80::1 was deleted in the kernel and stays away"));
+    EXPECT_TRUE(said("eth0: 2001:db8::5/64 was deleted in the kernel and will not be set again"));
+    EXPECT_TRUE(said("eth0: gateway fe80::1 was deleted in the kernel and will not be set again"));
     EXPECT_TRUE(has_lost_all());
     go_down_and_up();
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
@@ -270,7 +270,7 @@ TEST_F(KeeperTest, WhatTheStoreDoesNotLetItRememberIsRememberedLater) {
     store.write(node + "/Addresses", "a leaf where a node should be");
     device.set_up("eth0", false);
     expect_loss();
-    ASSERT_TRUE(said("the settings store refuses what the keeper has to remember; trying again "
+    ASSERT_TRUE(said("the settings store refuses to keep what must be remembered; trying again "
                      "every second"));
     store.remove(node);
     device.set_up("eth0");
@@ -428,16 +428,16 @@ TEST_F(KeeperTest, ItsMemorySurvivesItsRestart) {
     expect_return();
 }
 
-TEST_F(KeeperTest, WhatLeftWhileItWasAwayIsSetAgainInDoubt) {
+TEST_F(KeeperTest, WhatLeftWhileItDidNotRunIsSetAgainAsUncertain) {
     stop_keeper();
     go_down_and_up();
     expect_loss();
     start_keeper();
     expect_return();
-    EXPECT_TRUE(said("left the store (in doubt: cause not seen)"));
+    EXPECT_TRUE(said("left the store (uncertain: cause not seen)"));
 }
 
-TEST_F(KeeperTest, ChangesThatTheHistoryLacksLeaveTheOthersInDoubt) {
+TEST_F(KeeperTest, ChangesThatTheHistoryLacksMakeTheOthersUncertain) {
     stop_keeper();
     go_down_and_up();
     expect_loss();
@@ -446,11 +446,11 @@ TEST_F(KeeperTest, ChangesThatTheHistoryLacksLeaveTheOthersInDoubt) {
     }
     start_keeper();
     expect_return();
-    EXPECT_TRUE(said("left the store (in doubt: cause not seen)"));
+    EXPECT_TRUE(said("left the store (uncertain: cause not seen)"));
     const auto gaps = [&] {
         std::size_t number = 0;
         for (const auto &line : keeper->output().lines()) {
-            number += contains(line.text, "changes of the store were missed") ? 1U : 0U;
+            number += contains(line.text, "changes in the store were missed") ? 1U : 0U;
         }
         return number;
     };
@@ -461,7 +461,7 @@ TEST_F(KeeperTest, ChangesThatTheHistoryLacksLeaveTheOthersInDoubt) {
 
 TEST_F(KeeperTest, WhatItSawDeletedStaysAwayAfterItsRestart) {
     device.delete_address("eth0", address);
-    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was deleted in the kernel and stays away"));
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was deleted in the kernel and will not be set again"));
     ASSERT_TRUE(becomes([&] { return run({"keep", "--list"}).status == 0; }));
     keeper->signal(SIGKILL);
     keeper->wait_exit();
@@ -542,7 +542,7 @@ TEST_F(KeeperTest, AStaticAddressWhoseLifetimeEndsComesBack) {
 
 TEST_F(KeeperTest, WithADamagedMemoryItBeginsAnew) {
     device.delete_address("eth0", address);
-    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was deleted in the kernel and stays away"));
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was deleted in the kernel and will not be set again"));
     stop_keeper();
     store.write("/Software/tandrel/Keeper/Handled/Value", "none");
     store.write("/Software/tandrel/Keeper/Links/eth0/Gateway/Value", "none");
@@ -555,7 +555,7 @@ TEST_F(KeeperTest, WithADamagedMemoryItBeginsAnew) {
     stop_keeper();
     store.write("/Software/tandrel/Keeper/Handled/Value", "999999");
     start_keeper();
-    EXPECT_TRUE(said("changes of the store were missed"));
+    EXPECT_TRUE(said("changes in the store were missed"));
     store.set_address(1, "office", address);
     expect_return();
 }
@@ -584,7 +584,7 @@ TEST_F(KeeperTest, WhatTheKernelReportsTooFastIsReadAgain) {
     device.set_up("eth0", false);
     expect_loss();
     keeper->signal(SIGCONT);
-    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store (in doubt: cause not seen)"));
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store (uncertain: cause not seen)"));
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     EXPECT_TRUE(has_lost_all()) << "the link is down";
     device.set_up("eth0");
@@ -661,7 +661,8 @@ TEST_F(KeeperWithADatabase, ARemovalRightAfterARestartOfTheStoreIsFinished) {
     restart_store();
     store.remove_address(1, "office"); // the daemon waits for ten seconds
     EXPECT_TRUE(said("eth0: 2001:db8::5/64 was removed from the store but is still in the kernel"));
-    EXPECT_TRUE(said("eth0: 2001:db8::5/64 is removed (removed while tandrel was away)"));
+    EXPECT_TRUE(said(
+        "eth0: 2001:db8::5/64 is removed (removed from the store while tandrel was disconnected)"));
     EXPECT_TRUE(becomes([&] { return neither_has(1, address); })) << run({"check"}).output;
     EXPECT_EQ(store.gateway(1), gateway);
 }
