@@ -10,7 +10,7 @@ inside() {
     export TAV_SOCKET=$CAPTURE_DIR/tav.sock LC_ALL=C.UTF-8 TZ=UTC NO_COLOR=1 TERM=xterm
     unset TANDREL_OPTIONS TMUX
     cd "$CAPTURE_DIR" || exit 1
-    arrange >&2 || { echo "captures: the scene did not come about" >&2; exit 1; }
+    arrange >&2 || { echo "captures: the scene could not be set up" >&2; exit 1; }
     local scene=0 columns socket
     for columns in 80 120; do
         printf '=== a terminal of %d columns\n' "$columns"
