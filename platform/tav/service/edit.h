@@ -75,8 +75,8 @@ public:
         same.splice(same.end(), list, change);
     }
 
-    // The changes of another transaction, which is to precede this one, on top of tree(). Nothing
-    // if one of the steps so far might have had another effect after them.
+    // tree() with the changes of another transaction, which precedes this one. Nothing if these
+    // changes might have altered the effect of a step so far.
     std::optional<Tree> with(const Changes &earlier) const;
     void go_on_from(Tree tree) noexcept { edited = std::move(tree); }
 

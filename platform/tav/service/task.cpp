@@ -185,10 +185,10 @@ private:
     std::size_t sent = 0; // bytes of elements
 };
 
-// Carries out a transaction and waits until it is committed. A short one may precede another that
-// is at work, if it changes nothing that the other has dealt with. Otherwise the other begins again
-// after it, except that one second after its request it is no longer interrupted. Long ones wait
-// for each other.
+// Carries out a transaction and waits until it is committed. A short transaction may precede the
+// one at work if it changes nothing that the one at work has changed or examined. Otherwise the one
+// at work begins again after it; one second after its request it is no longer interrupted. Long
+// transactions wait for each other.
 class Write : public Task {
 public:
     Write(Service &served, Session &client, const RequestHeader &header, std::string_view content)
@@ -259,7 +259,7 @@ private:
         end();
         return State::blocked;
     }
-    // Without a turn.
+    // Carries the transaction out before the one at work, or waits for a turn.
     State precede() {
         constexpr std::size_t most_changes = 128;
         Transaction *const other = service.may_precede();
