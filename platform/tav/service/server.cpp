@@ -376,8 +376,8 @@ Server::Turn Server::send(PeerId id, Peer &peer, std::string frame) {
     return peer.task ? Turn::next : Turn::over;
 }
 
-// Tells a client that its read-ahead is void. One that cannot be told loses its connection at once;
-// the rest of that happens when the loop finds it closed.
+// Sends a client the notice that its read-ahead is void. If that fails, the client loses its
+// connection at once; the loop removes the client when it finds the connection closed.
 void Server::notify(std::uint64_t session, std::uint32_t serial) noexcept {
     const auto both = connections.find(session);
     const auto found = both != connections.end() ? peers.find(both->second.calls) : peers.end();
