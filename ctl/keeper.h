@@ -21,13 +21,14 @@ public:
     int run();
 
 private:
-    // Does all that can be done now; returns when to be called again without an event.
+    // Does all that can be done now. Returns when to call it again if no event comes before.
     moment_t step();
     void connect();
     void end();
 
     // --- keeper_history.cpp: what left the store
-    // Handles the changes up to the first that cannot be judged yet. True: call it again first.
+    // Handles the changes up to the first that cannot be judged yet. If true, call it again before
+    // anything else.
     bool handle_history();
     void note(writes_t &writes, std::uint64_t reached);
     void handle_gap(writes_t &writes);
@@ -51,7 +52,7 @@ private:
     bool perform(const task_t &task);
     static void say(const std::string &text);
     static std::string line_of(const setting_t &setting, const std::string &text);
-    // Says it when the store has remembered what it is about.
+    // Says it once the store has stored the writes that go with it.
     void tell(const setting_t &setting, const std::string &text) {
         news.push_back(line_of(setting, text));
     }
@@ -68,7 +69,7 @@ private:
     moment_t wake{};
     std::uint64_t handled = 0; // at least memory.handled, which is not written at each change
     std::uint64_t missed = 0;  // up to this one, changes are known to be missing
-    bool relevant = false;     // since then something was decided
+    bool relevant = false;     // something was decided since `memory.handled` was written
 
     std::map<std::string, pace_t> paces;
     std::map<std::string, unsigned> seen_changes; // links_t::changes

@@ -42,17 +42,17 @@ void forget(writes_t &writes, const setting_t &setting);
 void begin_removal(writes_t &writes, const removal_t &removal);
 void end_removal(writes_t &writes, const setting_t &setting);
 void note_handled(writes_t &writes, std::uint64_t number);
-// Empty: no longer.
+// An empty `confusion` removes the note.
 void note_confusion(writes_t &writes, const std::string &link, const std::string &confusion);
-// Makes what is remembered of `setting` what it was when the store's change `number` was handled.
-// `since`: the leaves of each later change of what is at and below its kept_path, the oldest first.
-// Returns the settings that are remembered (true) or forgotten (false) by that.
+// Restores the memory of `setting` to what it was when the store's change `number` was handled.
+// `since`: the leaves of each later change at or below its kept_path, the oldest first. Returns the
+// settings that are then remembered again (true) or forgotten (false).
 std::vector<std::pair<setting_t, bool>>
 remember_as_before(std::uint64_t number, const setting_t &setting,
                    const std::vector<std::vector<leaf_change_t>> &since, writes_t &writes);
-// The node of what is remembered of a setting: of a link's gateways it is the same.
+// The node where a setting is remembered. All gateways of a link have the same node.
 std::string kept_path(const setting_t &setting);
-// The node of everything remembered of a link.
+// The node of everything that is remembered about a link.
 std::string link_memory(const std::string &link);
 
 // The steps of a task; none for task_t::synchronise.

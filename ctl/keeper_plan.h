@@ -20,7 +20,7 @@ struct kept_t {
     std::int64_t since = 0; // seconds since 1970
 };
 
-// A Static address that somebody removed from the store; the kernel has yet to lose it.
+// A Static address that somebody removed from the store, but that the kernel still has.
 struct removal_t {
     setting_t setting;
     // The daemon has stored the address as Automatic under this node, and the keeper has made it
@@ -47,8 +47,9 @@ struct leaf_change_t {
     std::optional<std::string> before, after;
 };
 
-// The settings that these leaves, changed at once, held or hold. An address counts as a setting if
-// it was Static; if its type did not change, `type_unchanged` says whether it counts.
+// The settings that left the store, or were set in it, when these leaves changed at once. Only
+// Static addresses are settings; `type_unchanged`: whether an address whose type leaf did not
+// change is taken as Static.
 std::vector<fact_t> facts_of(const std::vector<leaf_change_t> &leaves, const std::string &prefix,
                              bool type_unchanged);
 
@@ -67,7 +68,7 @@ struct task_t {
         take_out,    // remove the node of an address that has a duplicate, and remember it
         adopt,       // make the Automatic address of `setting.node` Static
         remove,      // then remove that node
-        settle       // the removal is done, or no longer meant
+        settle       // forget the removal: it is done, or no longer wanted
     } kind = restore;
     setting_t setting;
     std::string text;  // of the stored address or gateway
@@ -86,11 +87,11 @@ plan_t make_plan(const memory_t &memory, const kernel_view_t &kernel, const stor
 // When the next attempt for a link may be made: after a second, two, four, ... a minute.
 class pace_t {
 public:
-    // Whether an attempt may be made now; `lazy`: what is needed may come by itself, so the first
-    // attempt waits a second.
+    // Whether an attempt may be made now. `lazy`: the attempt may turn out to be unnecessary, so
+    // the first one waits a second.
     bool is_due(moment_t now, bool lazy);
     void attempted(moment_t now);
-    // Nothing is needed, or something changed, so that the next attempt has new prospects.
+    // Nothing is needed, or something changed, so that the next attempt may succeed.
     void reset();
     moment_t next() const { return not_before; }
 

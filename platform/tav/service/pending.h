@@ -33,21 +33,21 @@ struct Term {
 
 // `entry`: the change as the history has it, with all values.
 PendingPtr make_pending(const std::string &entry, const Term &term, std::int64_t wall_clock);
-// What the service found when it started: a row of pending_path(). Null if it is not one.
+// Reads a row of pending_path() when the service starts. Null if it is not such a row.
 PendingPtr read_pending(std::string_view path, const Value &row);
-// The same change for a service that starts now. The term is never longer than at its begin,
-// whatever the wall clock has done since.
+// The same change for a service that starts now, with the time that is left by the wall clock. That
+// is never more than the whole term, even if the wall clock was set back.
 PendingPtr resumed(const Pending &stored, Time now, std::int64_t wall_clock);
 
-// The row of the database that keeps it; no element has such a path.
+// The path of its row in the database; no element has such a path.
 std::string pending_path(std::uint64_t number);
 bool is_pending_path(std::string_view path);
 std::uint64_t pending_number(std::string_view path);
-// What a transaction that begins it, or ends it, does to the database.
+// The change of the database when a transaction begins it, and when one ends it.
 Change begins(const PendingPtr &pending);
 Change ends(const PendingPtr &pending);
 
-// Whether the path is that of an element that the change changed, or of one above or below it.
+// Whether the change changed the element at this path, or one above or below it.
 bool touches(const Pending &pending, std::string_view path);
 // Steps that restore the elements of the change in `tree`: those that existed get their old values,
 // and those that did not are removed.

@@ -1,8 +1,9 @@
 // The store: the tree, its storage, and what is being written.
 //
-// One transaction at a time is carried out, on a tree that nobody else sees. Completed ones form a
-// group, which is committed at once; only then do readers see its changes. While it is committed,
-// the next group forms on top of it. If it is refused, so is the next one.
+// One transaction at a time is carried out, on a tree that nobody else sees. Completed transactions
+// form a group, which is committed as a whole; only then do readers see its changes. While a group
+// is being committed, the next one builds on it. If the commit fails, the next group is dropped,
+// too.
 #pragma once
 
 #include <functional>
@@ -48,11 +49,12 @@ public:
     // Continues the terms of the changes that waited when the service ended. That must precede the
     // first write.
     void resume_terms(Time now, std::int64_t wall_clock);
-    // The changes that wait for their confirmation: as readers see them, and as they are after the
-    // group that forms.
+    // The changes that wait for confirmation: as readers see them, and as they will be after the
+    // commit of the group that forms.
     const PendingChanges &pending() const { return *committed_pending; }
     const PendingChanges &pending_next() const { return *forming.pending; }
-    // Whether the author may not change the element at `path`, or, with a term, begin another one.
+    // Whether a waiting change forbids the author to change the element at `path`, or, with a term,
+    // to begin another change of it.
     bool holds(std::string_view path, const Author &author, bool with_term) const;
     // Called before readers see `after` instead of `before`; must not throw.
     using Reveal = std::function<void(const Tree &before, const Tree &after)>;
@@ -61,7 +63,8 @@ public:
     const char *durability() const { return storage->promise(); }
     // Increases with each group that changes something.
     std::uint64_t revision() const { return changed; }
-    // What the tree may use; a transaction that makes it smaller is possible beyond it, too.
+    // Memory that the tree may use. Beyond it only transactions that make the tree smaller are
+    // possible.
     std::size_t byte_limit = limits::store_bytes;
 
     // Carries out a whole transaction at once, as that session and author, and commits it. Nothing
@@ -75,38 +78,41 @@ public:
         bool known = false;
         bool stored = false;
     };
-    // What a transaction does to the changes that wait for their confirmation; both may be null.
+    // The waiting change that a transaction begins, and the one that it ends; both may be null.
     struct Step {
         PendingPtr begins;
         PendingPtr ends;
     };
-    // For a transaction to begin with. Only one may be at work at a time.
+    // The tree on which the next transaction works. Only one may be at work at a time.
     const Tree &group_tree() const { return forming.tree; }
-    // Increases when that tree was refused; a transaction that began with it must begin again.
+    // Increases when the commit of that tree failed; a transaction that began with it must begin
+    // again.
     std::uint64_t refusals() const { return refused; }
     // Adds a completed transaction and its events to the group that forms. May throw
     // std::bad_alloc, and has then no effect.
     std::shared_ptr<const Result> join(Transaction &done, EventLog::Staged &staged,
                                        const Author &author, const Step &step = {});
-    // What a completed transaction changes, as a change that waits for its confirmation from now
-    // on. Null if its values take more than limits::pending_bytes.
+    // Makes a completed transaction a change that waits for confirmation. Null if its values take
+    // more than limits::pending_bytes.
     PendingPtr prepare(Transaction &done, const Author &author, const Term &term) const;
-    // Adds to the group that forms that the change waits no longer. May throw like join().
+    // Ends the waiting of the change in the group that forms; its values stay. May throw like
+    // join().
     std::shared_ptr<const Result> keep(const PendingPtr &pending);
-    // The same, and gives its elements their old values. Null if the tree has no room for them; the
-    // status says why. Nothing else may be in preparation.
+    // The same, but gives its elements their old values. Null if that exceeds a limit of the tree,
+    // which the status names. Nothing else may be in preparation.
     std::shared_ptr<const Result> take_back(const PendingPtr &pending, const Author &author,
                                             api_status_t &status);
-    // A group forms; one is being committed.
+    // Whether there is a group that forms.
     bool has_group() const { return forming.result != nullptr; }
-    // It has as much as one call may have. The next transaction waits for the next group, or a slow
-    // storage would let one grow with the number of clients.
+    // Whether it has as many changes as one call may have paths. Then the next transaction waits
+    // for the next group; otherwise, with a slow storage, a group would grow with the number of
+    // clients.
     bool group_is_full() const { return forming.changes.size() >= limits::paths_per_request; }
     bool committing() const { return at_storage.result != nullptr; }
     // Closes the group that forms, if there is one and none is being committed. The storage must
     // commit what is returned, unless it is empty; it is valid until finish().
     const Edit::Changes &close_group() noexcept;
-    // The storage has committed the closed group, or has not: publishes it, or drops it and the one
+    // Publishes the closed group if the storage has committed it; otherwise drops it and the one
     // that forms.
     void finish(bool stored, Time now) noexcept;
     // Closes and commits the group, however long that takes, and publishes or drops it.
