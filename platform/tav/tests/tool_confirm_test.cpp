@@ -67,7 +67,9 @@ TEST_F(ToolConfirmTest, EveryWritingCommandTakesATerm) {
         const std::string input =
             command[0] == "apply" ? "set /c 2\n"
                                   : R"({"format":"tav-dump","version":1,"path":"/","elements":[]})";
-        EXPECT_EQ(good(arguments, input), line(++number, "600 s")) << command[0];
+        const std::string said = good(arguments, input);
+        EXPECT_EQ(said.substr(0, said.find("entry 1 is undone: ")), line(++number, "600 s"))
+            << command[0];
         EXPECT_EQ(good({"confirm"}), "change " + std::to_string(number) + " is confirmed\n");
         EXPECT_NE(good({"dump"}), dump) << command[0];
         good({"load", "--replace"}, dump);

@@ -60,7 +60,9 @@ TEST_F(ToolHistoryTest, UndoBringsBackWhatWasBefore) {
     good({"set", "/a", "1", "/n/b", "2"});
     const std::string before = good({"dump"});
     good({"rm", "-r", "/n"});
-    EXPECT_EQ(good({"undo"}), "");
+    const std::string undone = good({"undo"});
+    EXPECT_EQ(undone.rfind("entry 2 is undone: tav, process ", 0), 0U) << undone;
+    EXPECT_TRUE(has(undone, ", user " + std::to_string(::getuid()) + ", 2 elements\n")) << undone;
     EXPECT_EQ(good({"dump"}), before);
     good({"undo"}); // undoes the undoing
     EXPECT_TRUE(has(bad(1, {"get", "/n/b"}), "absent"));

@@ -232,7 +232,12 @@ int undo(Client &client, const Options &options) {
         return exit_unreachable;
     }
     if (std::count(statuses.begin(), statuses.end(), api_status_changed) == 0) {
-        return report(client, items, statuses);
+        const int result = report(client, items, statuses);
+        if (result == exit_done) {
+            std::cout << "entry " << entry->number << " is undone: " << author_text(*entry) << ", "
+                      << number_of_elements(entry->elements) << '\n';
+        }
+        return result;
     }
     // What happened between reading and undoing is in the history, too.
     const std::uint64_t number = entry->number;
