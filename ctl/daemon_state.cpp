@@ -66,6 +66,24 @@ process_t find_process() {
 }
 
 #ifdef TANDREL_STORE_STATUS
+// The prefix of the daemon's links, by its command line; empty if that cannot be read.
+std::optional<std::string> prefix_of(std::uint32_t pid) {
+    const fs::path process = "/proc/" + std::to_string(pid);
+    std::optional<std::string> prefix;
+    if (name_of(process) != "tandrel") {
+        return prefix; // it is in another process namespace
+    }
+    std::ifstream file(process / "cmdline");
+    for (std::string word; std::getline(file, word, '\0');) {
+        if (!prefix) {
+            prefix = options_t().prefix;
+        } else if (word == "-i" && std::getline(file, word, '\0')) {
+            prefix = word;
+        }
+    }
+    return prefix;
+}
+
 // The last listing of the process.
 std::optional<std::uint64_t> last_listing(const tav::ServiceStatus &status, std::uint32_t pid) {
     std::uint64_t last = tav::never_listed;
@@ -84,12 +102,16 @@ std::optional<daemon_state_t> ask_store(client_t &client) {
         tav::service_status(client.tav.handle, status) != 0) {
         return std::nullopt;
     }
-    daemon_state_t state{daemon_t::disconnected, 0, 0, "", {}};
+    daemon_state_t state{daemon_t::disconnected, 0, 0, "", {}, {}};
     for (const tav::WatchdogStatus &one : status.watchdogs) {
         if (one.name == "tandrel" && one.state != tav::WatchdogState::gone) {
             const bool late = one.state == tav::WatchdogState::overdue;
-            state = {late ? daemon_t::hangs : daemon_t::working, one.pid, one.since, "",
-                     last_listing(status, one.pid)};
+            state = {late ? daemon_t::hangs : daemon_t::working,
+                     one.pid,
+                     one.since,
+                     "",
+                     last_listing(status, one.pid),
+                     prefix_of(one.pid)};
         }
     }
     return state;
@@ -120,6 +142,7 @@ daemon_state_t find_daemon(client_t &client) {
                            0,
                            0,
                            "this store does not report it, and only root can inspect its process",
+                           {},
                            {}};
         if (!client.connect()) {
             state->state = daemon_t::unknown;
@@ -155,6 +178,13 @@ std::optional<finding_t> daemon_finding(const daemon_state_t &daemon) {
         break;
     }
     return finding(reason_t::daemon_unknown, {{"text", daemon.why}});
+}
+
+std::optional<finding_t> prefix_finding(const daemon_state_t &daemon, const std::string &prefix) {
+    if (!daemon.prefix || *daemon.prefix == prefix) {
+        return std::nullopt;
+    }
+    return finding_t{"", {reason_t::daemon_prefix, {{"text", *daemon.prefix}, {"prefix", prefix}}}};
 }
 
 std::string service_command(const std::string &verb, const std::string &pid) {

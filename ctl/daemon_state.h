@@ -27,6 +27,8 @@ struct daemon_state_t {
     // Milliseconds since the daemon last listed the stored interfaces, as it does at each
     // synchronisation and at no other time.
     std::optional<std::uint64_t> synchronised = std::nullopt;
+    // The prefix of the links that it manages, while it is connected; empty: not known.
+    std::optional<std::string> prefix = std::nullopt;
 };
 
 // Asks the store for the daemon's watchdog, for which no special right is needed, and looks for a
@@ -36,6 +38,9 @@ daemon_state_t find_daemon(client_t &client);
 
 // The finding that says so; empty when it works.
 std::optional<finding_t> daemon_finding(const daemon_state_t &daemon);
+
+// The finding that it manages links with another prefix than this one.
+std::optional<finding_t> prefix_finding(const daemon_state_t &daemon, const std::string &prefix);
 
 // The command line that does this ("start", "restart") to the daemon on this host. `pid`: its
 // process, if that is known.

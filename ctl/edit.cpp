@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "ctl/confirm.h"
+#include "ctl/daemon_state.h"
 #include "ctl/preview.h"
 #include "ctl/rules.h"
 #include "ctl/text.h"
@@ -56,6 +57,14 @@ outcome_t apply(client_t &client, const step_t &step, const options_t &options) 
     return {};
 }
 
+// Node 1 is that of eth0, but also that of the first link with any other prefix.
+void refuse_other_prefix(client_t &client, const options_t &options) {
+    const auto finding = prefix_finding(find_daemon(client), options.prefix);
+    if (finding && !options.force) {
+        throw refusal("tandrel: " + finding->sentence());
+    }
+}
+
 } // namespace
 
 long number_of(const options_t &options) {
@@ -99,6 +108,9 @@ bool carry_out(client_t &client, const options_t &options,
                const std::function<step_t(const store_view_t &)> &decide) {
     if (!client.subscribe()) {
         client.require();
+    }
+    if (!options.link.empty() || options.write) {
+        refuse_other_prefix(client, options);
     }
     if (options.dry_run) {
         const store_view_t store = read_store(client.tav, options.prefix);

@@ -389,7 +389,10 @@ void explain_store(const store_view_t &store, const kernel_view_t &kernel,
                      [&](const kernel_link_t &link) { return has_prefix(link.name, prefix); });
     if (none) {
         add(reason_t::no_link_managed,
-            {{"text", links.empty() ? "there is no other Ethernet link" : "there are: " + links}});
+            {{"text", links.empty() ? ""
+                                    : "; to manage other links, start tandrel and tandrelctl with "
+                                      "-i PREFIX (there are: " +
+                                          links + ")"}});
     }
     if (!store.listed) {
         add(reason_t::interfaces_absent,

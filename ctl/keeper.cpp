@@ -10,6 +10,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include "ctl/daemon_state.h"
 #include "ctl/edit.h"
 #include "ctl/rules.h"
 #include "ctl/text.h"
@@ -79,6 +80,9 @@ moment_t keeper_t::step() {
         }
         if (is_new) {
             say("watching the links whose names begin with " + shown(options.prefix));
+            if (const auto other = prefix_finding(find_daemon(client), options.prefix)) {
+                say("tandrel: " + other->sentence());
+            }
         }
         work();
         complaint.clear();

@@ -64,6 +64,9 @@ report_t make_report(client_t &client, const comparison_t &comparison, const opt
     if (const auto finding = daemon_finding(report.daemon)) {
         report.add(*finding, options);
     }
+    if (const auto finding = prefix_finding(report.daemon, options.prefix)) {
+        report.add(*finding, options);
+    }
     for (const finding_t &finding : comparison.findings) {
         report.add(finding, options);
     }

@@ -42,8 +42,8 @@ constexpr reasons_t table{{
     {r::strange_element, note, "strange-element",
      "tandrel does not know '{path}'; it ignores the element and changes to it", ""},
     {r::no_link_managed, difference, "no-link-managed",
-     "no link of the kernel has a name that begins with '{prefix}', so tandrel manages none here; "
-     "to manage other links, start tandrel and tandrelctl with -i PREFIX ({text})",
+     "no link of the kernel has a name that begins with '{prefix}', so tandrel manages none "
+     "here{text}",
      ""},
 
     {r::link_absent, difference, "link-absent",
@@ -53,7 +53,7 @@ constexpr reasons_t table{{
      ""},
     {r::wrong_prefix, note, "wrong-prefix",
      "not synchronised: its name does not begin with '{prefix}'; to manage such links instead, "
-     "start tandrel with -i {text}",
+     "start tandrel and tandrelctl with -i {text}",
      ""},
     {r::no_node_fits, note, "no-node-fits",
      "not synchronised: it cannot have a store node; only {prefix}0, {prefix}1 and so on can", ""},
@@ -229,6 +229,9 @@ constexpr reasons_t table{{
      "it is connected to the settings store, but has shown no sign of life for {text}",
      "{restart}"},
     {r::daemon_unknown, note, "daemon-unknown", "whether it runs is not known: {text}", ""},
+    {r::daemon_prefix, difference, "daemon-prefix",
+     "it manages links whose names begin with '{text}', not '{prefix}'; use tandrelctl -i {text}",
+     ""},
 }};
 static_assert(tav::in_order(table, &reason_text_t::reason));
 

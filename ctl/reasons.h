@@ -76,6 +76,7 @@ enum class reason_t {
     daemon_disconnected,
     daemon_hangs,
     daemon_unknown,
+    daemon_prefix,
     count_ // not a reason
 };
 

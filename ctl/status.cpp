@@ -111,7 +111,8 @@ void print_as_json(const status_t &status) {
         json["store"]["error"] = status.store;
     }
     json["daemon"] = {{"state", name_of(status.daemon.state)},
-                      {"pid", status.daemon.pid != 0 ? json_t(status.daemon.pid) : json_t()}};
+                      {"pid", status.daemon.pid != 0 ? json_t(status.daemon.pid) : json_t()},
+                      {"prefix", status.daemon.prefix ? json_t(*status.daemon.prefix) : json_t()}};
     json["keeper"] = {{"pid", status.keeper != 0 ? json_t(status.keeper) : json_t()}};
     json["links"] = json_t::array();
     for (const link_state_t &one : status.links) {
@@ -165,7 +166,7 @@ std::string synchronised_text(const daemon_state_t &daemon) {
 #endif
 }
 
-void print_text(const status_t &status, bool colour) {
+void print_text(const status_t &status, const std::string &prefix, bool colour) {
     const auto line = [colour](const char *what, bool good, const std::string &text) {
         print({{good ? style_t::plain : style_t::bad, std::string(what) + text}}, colour);
     };
@@ -174,6 +175,9 @@ void print_text(const status_t &status, bool colour) {
     line("tandrel:  ", !finding, daemon_text(status.daemon));
     if (finding && !finding->remedy().empty()) {
         line("          ", true, "-> " + finding->remedy());
+    }
+    if (const auto other = prefix_finding(status.daemon, prefix)) {
+        line("          ", false, other->sentence());
     }
     line("keeper:   ", true,
          status.keeper != 0
@@ -230,7 +234,7 @@ int status(const options_t &options) {
     if (options.json) {
         print_as_json(status);
     } else {
-        print_text(status, tav::terminal::use_color(options.colour));
+        print_text(status, options.prefix, tav::terminal::use_color(options.colour));
     }
     if (!store.answered) {
         return exit_unreachable;

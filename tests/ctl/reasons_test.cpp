@@ -155,7 +155,7 @@ TEST_F(Reasons, ALinkHasAnotherPrefix) {
     link("wlan0");
     expect(reason_t::wrong_prefix,
            "not synchronised: its name does not begin with 'eth'; to manage such links instead, "
-           "start tandrel with -i wlan",
+           "start tandrel and tandrelctl with -i wlan",
            "");
     kernel.links.back().name = "uplink";
     EXPECT_NE(findings().at(0).sentence().find("with -i PREFIX"), std::string::npos);
@@ -185,6 +185,13 @@ TEST_F(Reasons, NoLinkHasThePrefix) {
            "no link of the kernel has a name that begins with 'eth', so tandrel manages none here; "
            "to manage other links, start tandrel and tandrelctl with -i PREFIX (there are: enp3s0)",
            "", {reason_t::wrong_prefix, reason_t::wrong_prefix, reason_t::link_absent});
+}
+
+TEST_F(Reasons, TheOnlyLinkIsUnplugged) {
+    kernel.links.clear();
+    expect(reason_t::no_link_managed,
+           "no link of the kernel has a name that begins with 'eth', so tandrel manages none here",
+           "", {reason_t::link_absent});
 }
 
 TEST_F(Reasons, ThePrefixIsWhatTheCommandLineSays) {
@@ -666,6 +673,20 @@ TEST_F(Reasons, TheDaemonDoesNotWork) {
                    ctl::service_command("restart", "42"));
     expect_finding(ctl::daemon_t::unknown, "whether it runs is not known: of the moon", "");
     EXPECT_FALSE(ctl::daemon_finding({ctl::daemon_t::working, 42, 0, ""}));
+}
+
+TEST_F(Reasons, TheDaemonManagesLinksWithAnotherPrefix) {
+    ctl::daemon_state_t daemon{ctl::daemon_t::working, 42, 0, ""};
+    EXPECT_FALSE(ctl::prefix_finding(daemon, "eth")) << "not known";
+    daemon.prefix = "enp3s";
+    EXPECT_FALSE(ctl::prefix_finding(daemon, "enp3s"));
+    const auto finding = ctl::prefix_finding(daemon, "eth");
+    ASSERT_TRUE(finding);
+    EXPECT_EQ(finding->fault.reason, reason_t::daemon_prefix);
+    EXPECT_EQ(
+        finding->sentence(),
+        "it manages links whose names begin with 'enp3s', not 'eth'; use tandrelctl -i enp3s");
+    EXPECT_EQ(finding->remedy(), "");
 }
 
 } // namespace

@@ -11,6 +11,7 @@ reasons=$(sed -n '/^enum class reason_t/,/^};/s/^ *\([a-z_][a-z_0-9]*\),\{0,1\}.
 [ "$(wc -l <<<"$reasons")" -ge 50 ] || fail "few reasons were found"
 for reason in $reasons; do
     case $reason in
+    daemon_prefix) grep -qF "it manages links whose names begin with 'enp3s', not" <<<"$tests" ;;
     # Depends on the processes and on the store's service.
     daemon_*) grep -qF "daemon_t::${reason#daemon_}," <<<"$tests" ;;
     # Comes from the keeper's memory.

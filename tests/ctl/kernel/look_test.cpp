@@ -138,6 +138,37 @@ TEST_F(Look, StatusShowsStoreDaemonAndLinks) {
     EXPECT_TRUE(contains(unknown, "last synchronisation: not known\n")) << unknown;
 }
 
+// Node 4 is that of eth3 to the tool, and that of lan3 to the daemon.
+TEST_F(Look, ADaemonWithAnotherPrefixIsNamed) {
+    add_eth(3, "lan");
+    store.make_interface(4);
+    start_daemon_and_wait({"-d", "-D", "4", "-i", "lan"});
+    const std::string text =
+        "it manages links whose names begin with 'lan', not 'eth'; use tandrelctl -i lan\n";
+    const result_t shown = run({"status"});
+    EXPECT_EQ(shown.status, 0);
+    EXPECT_TRUE(contains(shown.output, "\n          " + text)) << shown.output;
+    EXPECT_EQ(nlohmann::json::parse(run({"status", "--json"}).output)["daemon"]["prefix"], "lan");
+    EXPECT_FALSE(contains(run({"-i", "lan", "status"}).output, text));
+    EXPECT_TRUE(contains(run({"check"}).output, "tandrel: " + text));
+    EXPECT_TRUE(becomes([&] { return run({"-i", "lan", "check", "-q"}).status == 0; }));
+    const auto keeper = begin({"keep"});
+    EXPECT_NE(keeper->output().wait_for_containing("tandrel: " + text.substr(0, 20)), 0U);
+    for (const std::vector<std::string> &change :
+         {std::vector<std::string>{"gateway", "set", "eth0", "fe80::1"},
+          {"gateway", "clear", "eth0"},
+          {"address", "add", "--dry-run", "eth0", "2001:db8::5/64"},
+          {"import", "--from-kernel", "--write"}}) {
+        const result_t refused = run(change);
+        EXPECT_EQ(refused.status, 1);
+        EXPECT_EQ(refused.errors, "tandrelctl: tandrel: " + text);
+    }
+    EXPECT_FALSE(store.gateway(1));
+    done({"gateway", "set", "eth0", "fe80::1", "--force"});
+    EXPECT_EQ(store.gateway(1), "fe80::1");
+    EXPECT_EQ(run({"nudge"}).status, 0) << "it concerns every link";
+}
+
 TEST_F(Look, TwoLinksMayHaveGateways) {
     add_eth(1);
     store.set_gateway(1, "fe80::1");
