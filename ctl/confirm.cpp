@@ -104,6 +104,17 @@ outcome_t write_at_once(client_t &client, const step_t &step, std::optional<doub
     return {};
 }
 
+bool touch_leaf(client_t &client, const std::string &path) {
+    if (!has_transactions()) {
+        return false;
+    }
+    std::vector<api_status_t> statuses;
+    if (tav::transact(client.tav.handle, {{tav::ItemKind::touch, path, {}}}, statuses) != 0) {
+        throw store_lost(store_silent);
+    }
+    return statuses.front() == api_status_ok;
+}
+
 std::string why_held(client_t &client, const outcome_t &outcome) {
     if (outcome.status == api_status_too_much_pending) {
         return "a user may have at most " + std::to_string(tav::limits::pending_changes) +
@@ -173,6 +184,10 @@ bool has_transactions() {
 outcome_t write_at_once(client_t & /*client*/, const step_t & /*step*/,
                         std::optional<double> /*term*/) {
     throw refusal(only_with_tavd);
+}
+
+bool touch_leaf(client_t & /*client*/, const std::string & /*path*/) {
+    return false;
 }
 
 std::string why_held(client_t & /*client*/, const outcome_t & /*outcome*/) {

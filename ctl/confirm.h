@@ -16,6 +16,10 @@ bool has_transactions();
 // Throws store_lost, and refusal with another provider's store.
 outcome_t write_at_once(client_t &client, const step_t &step, std::optional<double> term);
 
+// Makes a change event for the leaf, without changing it. False if there is no such leaf, or with
+// another provider's store. Throws store_lost.
+bool touch_leaf(client_t &client, const std::string &path);
+
 // Why such a change was refused: whose change waits, or that there are too many; empty if the
 // status means something else.
 std::string why_held(client_t &client, const outcome_t &outcome);

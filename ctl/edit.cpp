@@ -65,6 +65,34 @@ void refuse_other_prefix(client_t &client, const options_t &options) {
     }
 }
 
+// Writes a leaf below the interface's addresses, and removes it again. The daemon skips the
+// incomplete address node that the leaf belongs to.
+void pass_leaf(client_t &client, const options_t &options, long interface, bool in_parts) {
+    const std::string node = paths::address(addresses_path(interface), "tandrelctl-nudge");
+    carry_out(client, options, [&](const store_view_t &) {
+        return step_t{{{paths::type_value(node), "none"}}, {node}, in_parts};
+    });
+}
+
+// A leaf whose change makes the daemon synchronise; empty if none is stored.
+std::string mirrored_leaf(const store_view_t &store) {
+    for (const stored_interface_t &interface : store.interfaces) {
+        if (interface.node != std::to_string(interface.number)) {
+            continue;
+        }
+        const std::string ipv6 = paths::ipv6(static_cast<std::int32_t>(interface.number));
+        if (interface.gateway && !interface.gateway->fault) {
+            return paths::value(paths::gateway(ipv6));
+        }
+        for (const stored_address_t &stored : interface.addresses) {
+            if (!stored.fault) {
+                return paths::type_value(paths::address(paths::addresses(ipv6), stored.node));
+            }
+        }
+    }
+    return "";
+}
+
 } // namespace
 
 long number_of(const options_t &options) {
@@ -144,11 +172,20 @@ std::string addresses_path(long interface) {
     return paths::addresses(paths::ipv6(static_cast<std::int32_t>(interface)));
 }
 
-void touch_interface(client_t &client, const options_t &options, long interface) {
-    const std::string node = paths::address(addresses_path(interface), "tandrelctl-nudge");
-    carry_out(client, options, [&](const store_view_t &) {
-        return step_t{{{paths::type_value(node), "none"}}, {node}, true};
-    });
+void make_interface(client_t &client, const options_t &options, long interface) {
+    pass_leaf(client, options, interface, !has_transactions());
+    if (has_transactions()) {
+        options_t at_once = options;
+        at_once.term.reset();
+        nudge_daemon(client, at_once, interface); // only a leaf makes an event
+    }
+}
+
+void nudge_daemon(client_t &client, const options_t &options, long interface) {
+    const std::string leaf = mirrored_leaf(read_store(client.tav, options.prefix));
+    if (leaf.empty() || !touch_leaf(client, leaf)) {
+        pass_leaf(client, options, interface, true);
+    }
 }
 
 } // namespace ctl

@@ -50,10 +50,13 @@ void put_address(step_t &step, const std::string &node_path, const CAddress &add
 // The path of the node "Addresses" of a store interface.
 std::string addresses_path(long interface);
 
-// Makes the daemon synchronise without changing a setting: creates a leaf below the interface's
-// addresses, for which the daemon gets an event, and removes it again. The daemon skips the
-// incomplete address node that the leaf belongs to. The change is a real one, because a store need
-// not send an event for a leaf that is written without a change.
-void touch_interface(client_t &client, const options_t &options, long interface);
+// Creates the node of an interface, and makes the daemon notice it. The client interface cannot
+// create an empty node, so this writes a leaf in it and removes it again.
+void make_interface(client_t &client, const options_t &options, long interface);
+
+// Makes the daemon synchronise without changing a setting: touches a stored one, which the store's
+// history does not record. If there is none, or with another provider's store, writes a leaf below
+// the interface's addresses and removes it again.
+void nudge_daemon(client_t &client, const options_t &options, long interface);
 
 } // namespace ctl

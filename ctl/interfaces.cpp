@@ -154,15 +154,7 @@ int interface_add(const options_t &options) {
                   << "\nnothing was changed\n";
         return exit_done;
     }
-    // The client interface cannot create an empty node, so create a leaf in it and remove that leaf
-    // again.
-    touch_interface(client, options, number);
-    if (options.term) {
-        // Only a leaf makes an event.
-        options_t at_once = options;
-        at_once.term.reset();
-        touch_interface(client, at_once, number);
-    }
+    make_interface(client, options, number);
     if (!has_interface(read_store(client.tav, options.prefix), number)) {
         throw refusal("this store keeps no empty nodes; store an address or a gateway for " +
                       shown(options.link) + " instead");

@@ -195,7 +195,7 @@ void keeper_t::work() {
     }
     if (!touched.empty()) {
         try {
-            touch_interface(client, options, interface_number(touched, options.prefix));
+            nudge_daemon(client, options, interface_number(touched, options.prefix));
         } catch (const refusal &) {
             // Others change the store at the same time; the next attempt follows.
         }

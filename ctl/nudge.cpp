@@ -12,7 +12,7 @@ void nudge_once(const options_t &options) {
     client.require();
     for (const stored_interface_t &interface : read_store(client.tav, options.prefix).interfaces) {
         if (interface.number != 0) {
-            touch_interface(client, options, interface.number);
+            nudge_daemon(client, options, interface.number);
             return;
         }
     }

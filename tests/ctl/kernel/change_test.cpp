@@ -82,6 +82,21 @@ TEST_F(Change, AConfirmedChangeStaysAndIsListedBefore) {
     EXPECT_EQ(run({"confirm", number}).status, 1);
 }
 
+// What the tool does to wake the daemon would be the last change otherwise.
+TEST_F(Change, AnUndoIsOfTheLastSettingNotOfTheNudgeAfterIt) {
+    start_daemon_and_wait();
+    store.set_gateway(7, "fe80::7");
+    done({"interface", "add", "eth0"});
+    EXPECT_TRUE(becomes([&] { return !store.addresses(1).empty(); })) << "the daemon noticed it";
+    done({"gateway", "set", "eth0", "fe80::1", "--wait=60"});
+    const std::size_t before = log().size();
+    done({"nudge"});
+    EXPECT_TRUE(log().wait_for_containing("Synchronizing", before)) << "the daemon noticed";
+    EXPECT_EQ(tav({"undo"}), 0);
+    EXPECT_FALSE(store.gateway(1));
+    EXPECT_FALSE(contains(store.dump(), "nudge")) << store.dump();
+}
+
 // The daemon may have given its number to an address that the kernel assigned itself.
 TEST_F(Change, AnAddressThatIsTakenBackReplacesWhatTookItsName) {
     store.make_interface(1);

@@ -46,6 +46,13 @@ protected:
         }
         return result;
     }
+    // The exit status.
+    int tav(std::vector<std::string> arguments) {
+        arguments.insert(arguments.begin(), kt::program("TAV"));
+        kt::spawn_options_t options;
+        options.environment["TAV_SOCKET"] = service.socket();
+        return kt::Process(sandbox, arguments, options).wait_exit();
+    }
     // Runs a command that must succeed without output.
     void done(const std::vector<std::string> &arguments) {
         const result_t result = run(arguments);

@@ -43,12 +43,6 @@ protected:
         keeper->signal(SIGTERM);
         EXPECT_EQ(keeper->wait_exit(), 0);
     }
-    int tav(std::vector<std::string> arguments) {
-        arguments.insert(arguments.begin(), kt::program("TAV"));
-        kt::spawn_options_t options;
-        options.environment["TAV_SOCKET"] = service.socket();
-        return kt::Process(sandbox, arguments, options).wait_exit();
-    }
     bool said(const std::string &part) { return keeper->output().wait_for_containing(part) != 0; }
 
     bool is_complete() {
