@@ -37,6 +37,13 @@ bool is_at_or_below(const std::string &path, const std::string &ancestor) {
            (path.size() == ancestor.size() || path[ancestor.size()] == '/');
 }
 
+bool concerns(const tav::PendingChange &one, const std::string &path) {
+    const std::vector<tav::ChangedElement> &changes = one.change.changes;
+    return std::any_of(changes.begin(), changes.end(), [&path](const auto &change) {
+        return is_at_or_below(change.path, path) || is_at_or_below(path, change.path);
+    });
+}
+
 waiting_t waiting_of(const tav::PendingChange &one) {
     return {one.change.number, one.change.uid, one.change.pid, one.change.program, one.left};
 }
@@ -123,12 +130,8 @@ std::string why_held(client_t &client, const outcome_t &outcome) {
     if (outcome.status != api_status_pending) {
         return "";
     }
-    const std::string &path = outcome.refused_path;
     for (const tav::PendingChange &one : pending_of(client)) {
-        const std::vector<tav::ChangedElement> &changes = one.change.changes;
-        if (std::any_of(changes.begin(), changes.end(), [&path](const auto &change) {
-                return is_at_or_below(change.path, path) || is_at_or_below(path, change.path);
-            })) {
+        if (concerns(one, outcome.refused_path)) {
             return text_of(waiting_of(one)) +
                    " is waiting for confirmation, and is taken back in " +
                    seconds_text(one.left / 1000.0) +
@@ -137,6 +140,24 @@ std::string why_held(client_t &client, const outcome_t &outcome) {
         }
     }
     return "";
+}
+
+void warn_of_waiting(client_t &client, const step_t &step) {
+    for (const tav::PendingChange &one : pending_of(client)) {
+        const auto is_concerned = [&one](const auto &path) { return concerns(one, path); };
+        if (std::any_of(step.removals.begin(), step.removals.end(), is_concerned) ||
+            std::any_of(step.leaves.begin(), step.leaves.end(),
+                        [&](const auto &leaf) { return is_concerned(leaf.first); })) {
+            std::fprintf(
+                stderr,
+                "tandrelctl: stored, but change %llu of the same settings is not confirmed; "
+                "in %s both are taken back unless you confirm it: tandrelctl confirm "
+                "%llu\n",
+                static_cast<unsigned long long>(one.change.number),
+                seconds_text(one.left / 1000.0).c_str(),
+                static_cast<unsigned long long>(one.change.number));
+        }
+    }
 }
 
 std::vector<waiting_t> waiting_changes(client_t &client) {
@@ -193,6 +214,8 @@ bool touch_leaf(client_t & /*client*/, const std::string & /*path*/) {
 std::string why_held(client_t & /*client*/, const outcome_t & /*outcome*/) {
     return "";
 }
+
+void warn_of_waiting(client_t & /*client*/, const step_t & /*step*/) {}
 
 std::vector<waiting_t> waiting_changes(client_t & /*client*/) {
     return {};

@@ -24,6 +24,10 @@ bool touch_leaf(client_t &client, const std::string &path);
 // status means something else.
 std::string why_held(client_t &client, const outcome_t &outcome);
 
+// Says on standard error which of the user's own changes of these settings wait for their
+// confirmation: taking them back takes back this one, too.
+void warn_of_waiting(client_t &client, const step_t &step);
+
 struct waiting_t {
     std::uint64_t number = 0;
     std::uint32_t uid = 0;

@@ -149,8 +149,12 @@ bool carry_out(client_t &client, const options_t &options,
     outcome_t outcome;
     for (int attempt = 0; attempt < attempts; ++attempt) {
         client.take_events();
-        outcome = apply(client, decide(read_store(client.tav, options.prefix)), options);
+        const step_t step = decide(read_store(client.tav, options.prefix));
+        outcome = apply(client, step, options);
         if (outcome.refused_path.empty()) {
+            if (!options.term) {
+                warn_of_waiting(client, step);
+            }
             return true;
         }
         const std::string why = why_held(client, outcome);

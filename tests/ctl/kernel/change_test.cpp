@@ -82,6 +82,20 @@ TEST_F(Change, AConfirmedChangeStaysAndIsListedBefore) {
     EXPECT_EQ(run({"confirm", number}).status, 1);
 }
 
+TEST_F(Change, ALaterChangeOfWhatWaitsIsWarnedOf) {
+    store.set_gateway(1, "fe80::1");
+    start_daemon_and_wait();
+    ASSERT_EQ(run({"gateway", "set", "eth0", "fe80::2", "--confirm", "100"}).status, 0);
+    done({"address", "add", "eth0", "2001:db8::5/64"});
+    const result_t corrected = run({"gateway", "set", "eth0", "fe80::3"});
+    EXPECT_EQ(corrected.status, 0);
+    EXPECT_TRUE(contains(corrected.errors, "tandrelctl: stored, but change ")) << corrected.errors;
+    EXPECT_TRUE(contains(corrected.errors, " of the same settings is not confirmed; in "));
+    EXPECT_TRUE(contains(corrected.errors, " s both are taken back unless you confirm it: "));
+    EXPECT_EQ(run({"confirm"}).status, 0);
+    done({"gateway", "set", "eth0", "fe80::4"});
+}
+
 // What the tool does to wake the daemon would be the last change otherwise.
 TEST_F(Change, AnUndoIsOfTheLastSettingNotOfTheNudgeAfterIt) {
     start_daemon_and_wait();
