@@ -182,7 +182,7 @@ void print_text(const status_t &status, const std::string &prefix, bool colour) 
     line("keeper:   ", true,
          status.keeper != 0
              ? std::string(keeper_name) + ", process " + std::to_string(status.keeper)
-             : "none; settings that a link loses while it is down are not set again");
+             : "none; a link that goes down loses its settings; see 'tandrelctl keep'");
     for (const link_state_t &one : status.links) {
         line("link:     ", true,
              shown(one.link) + (one.why.empty()           ? ", managed"

@@ -1,10 +1,12 @@
 #!/bin/bash
-# captures.sh [--check] [PATH]: writes docs/screens.txt, which shows tandrelctl on terminals of 80 and
-# 120 columns. With --check: fails if it does not show what the tool prints now. PATH has the
-# directories of the programs; without it they are built. Exit status 77: tmux is not installed.
+# captures.sh [--check] [PATH]: writes docs/screens.txt, which shows tandrelctl and tav history on
+# terminals of 80 and 120 columns. With --check: fails if it does not show what they print now. PATH
+# has the directories of the programs; without it they are built. Exit status 77: tmux is not
+# installed.
 set -u
 cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 capture=docs/screens.txt
+interfaces="/Software/System Settings/Network/Interface"
 
 inside() {
     export TAV_SOCKET=$CAPTURE_DIR/tav.sock LC_ALL=C.UTF-8 TZ=UTC NO_COLOR=1 TERM=xterm
@@ -14,9 +16,10 @@ inside() {
     local scene=0 columns socket
     for columns in 80 120; do
         printf '=== a terminal of %d columns\n' "$columns"
-        still show
-        still check
-        still status
+        still tandrelctl show
+        still tandrelctl check
+        still tandrelctl status
+        still tav history "'$interfaces/1/IPv6/Default Gateway'"
         watch
     done
 }
@@ -39,16 +42,17 @@ arrange() {
     echo 0 >/proc/sys/net/ipv6/conf/eth0/accept_dad
     ip link set lan0 address 02:00:00:00:00:01 up
     ip link set eth0 up
-    tavd --memory --initial-node "/Software/System Settings/Network/Interface" &
+    tavd --memory --initial-node "$interfaces" &
     until_true tav ls / || return
     tandrel -d -D 2 2>"$CAPTURE_DIR/tandrel.log" &
     until_true tandrelctl status || return
     tandrelctl interface add eth0
     tandrelctl address add eth0 2001:db8:2::5/64 --node office --wait=30
+    tandrelctl gateway set eth0 fe80::9 --wait=30
     tandrelctl gateway set eth0 fe80::1 --wait=30
     ip address add 2001:db8:1::ff:fe00:5/64 dev eth0 valid_lft 86400 preferred_lft 14400
     # Somebody forgot the length of the prefix, which tav does not notice.
-    local lab="/Software/System Settings/Network/Interface/1/IPv6/Addresses/lab"
+    local lab="$interfaces/1/IPv6/Addresses/lab"
     tav set "$lab/Address/Value" 2001:db8:7::7 "$lab/Type/Value" Static
     until_true sh -c 'tandrelctl show | grep -q "= 2001:db8:1::ff"'
 }
@@ -61,15 +65,15 @@ on_terminal() {
 screen() { tmux -S "$socket" capture-pane -p "$@"; }
 shows() { screen | grep -qF -- "$1"; }
 print_screen() {
-    printf '\n$ tandrelctl %s\n' "$1"
+    printf '\n$ %s\n' "$1"
     sed 's/ *$//' | sed -e :more -e '/^\n*$/{$d;N;b more' -e '}'
 }
 
 # still COMMAND: all that it prints.
 still() {
-    on_terminal "tandrelctl $1; echo =end=; exec sleep 60"
+    on_terminal "$*; echo =end=; exec sleep 60"
     until_true shows =end= || exit 1
-    screen -S - | sed '/^=end=$/,$d' | print_screen "$1"
+    screen -S - | sed '/^=end=$/,$d' | print_screen "$*"
     tmux -S "$socket" kill-server
 }
 
@@ -81,14 +85,15 @@ watch() {
     until_true shows '= 2001:db8:4::9/64' || exit 1
     ip address del 2001:db8:4::9/64 dev eth0
     until_true shows '- eth0 store: address node' || exit 1
-    screen | print_screen watch
+    screen | print_screen "tandrelctl watch"
     tmux -S "$socket" kill-server
     printf '\n'
 }
 
 # What differs from run to run.
 normalised() {
-    sed -e 's/[0-9][0-9]:[0-9][0-9]:[0-9][0-9] /HH:MM:SS /' -e 's/process [0-9]*/process N/' \
+    sed -e 's/^[0-9]*  [0-9-]*T[0-9:]*Z/N  TIME/' \
+        -e 's/[0-9][0-9]:[0-9][0-9]:[0-9][0-9] /HH:MM:SS /' -e 's/process [0-9]*/process N/' \
         -e 's/[0-9]*s ago/Ns ago/' -e 's/^last errors: .*/last errors: .../' \
         -e 's/valid [0-9dhms]*, preferred [0-9dhms]*/valid N, preferred N/' "$@"
 }
