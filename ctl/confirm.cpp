@@ -148,14 +148,13 @@ void warn_of_waiting(client_t &client, const step_t &step) {
         if (std::any_of(step.removals.begin(), step.removals.end(), is_concerned) ||
             std::any_of(step.leaves.begin(), step.leaves.end(),
                         [&](const auto &leaf) { return is_concerned(leaf.first); })) {
-            std::fprintf(
-                stderr,
-                "tandrelctl: stored, but change %llu of the same settings is not confirmed; "
-                "in %s both are taken back unless you confirm it: tandrelctl confirm "
-                "%llu\n",
-                static_cast<unsigned long long>(one.change.number),
-                seconds_text(one.left / 1000.0).c_str(),
-                static_cast<unsigned long long>(one.change.number));
+            std::fprintf(stderr,
+                         "tandrelctl: stored, but change %llu of the same settings is waiting for "
+                         "confirmation; in %s both are taken back unless it is confirmed: "
+                         "tandrelctl confirm %llu\n",
+                         static_cast<unsigned long long>(one.change.number),
+                         seconds_text(one.left / 1000.0).c_str(),
+                         static_cast<unsigned long long>(one.change.number));
         }
     }
 }

@@ -90,8 +90,9 @@ TEST_F(Change, ALaterChangeOfWhatWaitsIsWarnedOf) {
     const result_t corrected = run({"gateway", "set", "eth0", "fe80::3"});
     EXPECT_EQ(corrected.status, 0);
     EXPECT_TRUE(contains(corrected.errors, "tandrelctl: stored, but change ")) << corrected.errors;
-    EXPECT_TRUE(contains(corrected.errors, " of the same settings is not confirmed; in "));
-    EXPECT_TRUE(contains(corrected.errors, " s both are taken back unless you confirm it: "));
+    EXPECT_TRUE(
+        contains(corrected.errors, " of the same settings is waiting for confirmation; in "));
+    EXPECT_TRUE(contains(corrected.errors, " s both are taken back unless it is confirmed: "));
     EXPECT_EQ(run({"confirm"}).status, 0);
     done({"gateway", "set", "eth0", "fe80::4"});
 }
