@@ -37,15 +37,18 @@ done < <(tree_table)
         git log -1 --format=%ct >"$shared/time"
 ) 9>"$shared/lock" || die "cannot copy the sources"
 
+declare -A lock_of # a suite's archives: held, or none if another run has them
 # base BASE: creates it unless it exists.
 base() {
-    local suite=${1%-full} path=$cache/$1
+    local suite=${1%-full} path=$cache/$1 lock
     # apt locks the archives, so the second of two simultaneous runs needs a directory of its own.
     export FRESH_ARCHIVES=$cache/archives-$suite
     mkdir -p "$FRESH_ARCHIVES/partial"
-    if [ ! -e "$FRESH_ARCHIVES/of" ] || ! kill -0 "$(<"$FRESH_ARCHIVES/of")" 2>/dev/null; then
-        echo $$ >"$FRESH_ARCHIVES/of"
-    elif [ "$(<"$FRESH_ARCHIVES/of")" != $$ ]; then
+    if [ -z "${lock_of[$suite]-}" ]; then
+        exec {lock}>"$FRESH_ARCHIVES/in-use"
+        if flock -n "$lock"; then lock_of[$suite]=held; else lock_of[$suite]=none; fi
+    fi
+    if [ "${lock_of[$suite]}" = none ]; then
         FRESH_ARCHIVES=$scratch/archives-$suite
         mkdir -p "$FRESH_ARCHIVES/partial"
     fi
