@@ -286,6 +286,10 @@ writes_t writes_of(const task_t &task, const std::string &prefix) {
         begin_removal(writes, {setting, ""});
         writes.push_back({write_t::clear, node, ""});
         break;
+    case task_t::drop:
+        writes.push_back({write_t::same, paths::address_value(node), task.text});
+        writes.push_back({write_t::clear, node, ""});
+        break;
     case task_t::settle:
         end_removal(writes, setting);
         break;

@@ -261,6 +261,9 @@ private:
         if (found.empty()) {
             return; // the daemon is not connected
         }
+        if (drop_surplus(removal, found, *present)) {
+            return;
+        }
         const stored_address_t &one = *found.front();
         setting_t at = setting;
         at.node = one.node;
@@ -273,6 +276,28 @@ private:
         } else {
             add(task_t::settle, setting, text, "");
         }
+    }
+
+    // If the address was stored again meanwhile, removes the nodes that tandrel and the keeper
+    // made: they would keep it alive when somebody deletes it. False if there are none.
+    bool drop_surplus(const removal_t &removal, const address_list_t &found,
+                      const kernel_address_t &present) {
+        address_list_t surplus;
+        for (const stored_address_t *one : found) {
+            if (one->node == removal.node ||
+                (one->address.type == type_automatic && is_configured(present))) {
+                surplus.push_back(one);
+            }
+        }
+        if (surplus.size() == found.size()) {
+            return false;
+        }
+        for (const stored_address_t *one : surplus) {
+            setting_t at = removal.setting;
+            at.node = one->node;
+            add(task_t::drop, at, one->text, "");
+        }
+        return !surplus.empty();
     }
 
     // Whether a removal of the address is under way.

@@ -68,6 +68,7 @@ struct task_t {
         take_out,    // remove the node of an address that has a duplicate, and remember it
         adopt,       // make the Automatic address of `setting.node` Static
         remove,      // then remove that node
+        drop,        // remove that node: the address is stored again under another one
         settle       // forget the removal: it is done, or no longer wanted
     } kind = restore;
     setting_t setting;

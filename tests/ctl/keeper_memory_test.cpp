@@ -202,6 +202,13 @@ TEST_F(Memory, ARemovalIsFinishedInTwoSteps) {
     EXPECT_TRUE(read().removals.empty());
 }
 
+TEST_F(Memory, ANodeIsDroppedUnlessItHasAnotherAddressMeanwhile) {
+    store("3", "2001:db8::5/64", "Automatic");
+    EXPECT_FALSE(apply(task_t::drop, office("3"), "2001:db8::6/64"));
+    EXPECT_TRUE(apply(task_t::drop, office("3"), "2001:db8::5/64"));
+    EXPECT_EQ(text("1/IPv6/Addresses/3/Address/Value"), "(absent)");
+}
+
 TEST_F(Memory, ForgettingRemovesOneSetting) {
     remember(office());
     remember(gateway());

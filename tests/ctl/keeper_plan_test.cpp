@@ -139,7 +139,7 @@ protected:
             ctl::make_plan(memory, kernel, ctl::read_store(client.tav, prefix), links, prefix);
         unsettled = made.unsettled;
         static const char *const names[] = {"restore", "forget", "synchronise", "take out",
-                                            "adopt",   "remove", "settle"};
+                                            "adopt",   "remove", "drop",        "settle"};
         std::string text;
         for (const task_t &task : made.tasks) {
             text += std::string(names[task.kind]) + " " + text_of(task.setting) +
@@ -323,6 +323,20 @@ TEST_F(UnfinishedRemoval, EndsWithTheNodeThatTheKeeperMadeStatic) {
         "remove 2001:db8::5/64 in 3: removed from the store while tandrel was disconnected\n");
     memory.removals[0].node = "4";
     EXPECT_EQ(plan(), "settle 2001:db8::5/64 in office\n") << "somebody has stored it again";
+}
+
+TEST_F(UnfinishedRemoval, LeavesOneNodeWhenTheAddressIsStoredAgain) {
+    store("3", "2001:db8::5/64", "Automatic");
+    store("office", "2001:db8::5/64");
+    EXPECT_EQ(plan(), "drop 2001:db8::5/64 in 3\n");
+    store("3", "2001:db8::5/64");
+    EXPECT_EQ(plan(), "settle 2001:db8::5/64 in office\n") << "both were stored by somebody";
+    memory.removals[0].node = "3";
+    EXPECT_EQ(plan(), "drop 2001:db8::5/64 in 3\n") << "the keeper made it";
+    store("3", "2001:db8::5/64", "Automatic");
+    memory.removals[0].node = "";
+    kernel.addresses[0].origin = 2;
+    EXPECT_EQ(plan(), "settle 2001:db8::5/64 in office\n") << "a router advertises it";
 }
 
 TEST_F(UnfinishedRemoval, IsDroppedWithTheInterfaceNode) {
