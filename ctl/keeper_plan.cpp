@@ -215,7 +215,7 @@ private:
         }
         const bool again = std::any_of(nodes.begin(), nodes.end(), [&](const auto *interface) {
             return setting.is_gateway ? has_gateway_leaf(*interface)
-                                      : !stored(*interface, setting.address).empty();
+                                      : is_static(stored(*interface, setting.address));
         });
         if (again) {
             return add(task_t::forget, setting, text,
@@ -224,16 +224,32 @@ private:
         if (nodes.size() > 1 || !links.obstacle(setting.link).empty()) {
             return;
         }
-        const kernel_address_t *present =
-            setting.is_gateway ? nullptr : in_kernel(setting.link, setting.address);
-        if (present != nullptr && (present->flags & IFA_F_DADFAILED) != 0) {
-            return; // the daemon has to delete it first
-        }
         setting_t free = setting;
+        address_list_t copies;
         if (!setting.is_gateway) {
+            copies = stored(*nodes.front(), setting.address);
+            if (must_wait(in_kernel(setting.link, setting.address), !copies.empty())) {
+                return;
+            }
             free.node = free_node(*nodes.front(), setting.node);
         }
         add(task_t::restore, free, text, kept.why);
+        drop(setting, copies);
+    }
+
+    static bool is_static(const address_list_t &found) {
+        return std::any_of(found.begin(), found.end(), [](const stored_address_t *one) {
+            return one->address.type == type_static;
+        });
+    }
+
+    // Before an address is restored. A late message of the kernel makes the daemon store an address
+    // as Automatic that it has just deleted; another message makes it remove that node again.
+    static bool must_wait(const kernel_address_t *present, bool is_automatic) {
+        if (is_automatic) {
+            return present == nullptr || !is_configured(*present);
+        }
+        return present != nullptr && (present->flags & IFA_F_DADFAILED) != 0; // to be deleted
     }
 
     // The wanted node name, or a free number if the store or an address restored in the same run
@@ -292,12 +308,16 @@ private:
         if (surplus.size() == found.size()) {
             return false;
         }
+        drop(removal.setting, surplus);
+        return !surplus.empty();
+    }
+
+    void drop(const setting_t &setting, const address_list_t &surplus) {
         for (const stored_address_t *one : surplus) {
-            setting_t at = removal.setting;
+            setting_t at = setting;
             at.node = one->node;
             add(task_t::drop, at, one->text, "");
         }
-        return !surplus.empty();
     }
 
     // Whether a removal of the address is under way.

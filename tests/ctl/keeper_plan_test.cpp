@@ -291,6 +291,19 @@ TEST_F(Plan, TheLinksOwnAddressIsNoGateway) {
     EXPECT_EQ(plan(), "");
 }
 
+TEST_F(Plan, WhatIsOnlyStoredAsAutomaticIsNotStoredAgain) {
+    keep(office());
+    store("3", "2001:db8::5/64", "Automatic");
+    EXPECT_EQ(plan(), "") << "the daemon has yet to see that the kernel lost it";
+    address("2001:db8::5", 64);
+    EXPECT_EQ(plan(), "restore 2001:db8::5/64 in office: link down\n"
+                      "drop 2001:db8::5/64 in 3\n");
+    kernel.addresses[0].origin = 2;
+    EXPECT_EQ(plan(), "") << "a router advertises it";
+    store("office", "2001:db8::5/64");
+    EXPECT_EQ(plan(), "forget 2001:db8::5/64 in office: stored again\n");
+}
+
 class UnfinishedRemoval : public Plan {
 protected:
     UnfinishedRemoval() {
