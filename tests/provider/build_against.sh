@@ -38,6 +38,7 @@ ld -m elf_i386 -shared -o "$work/other-machine/lib/libtav.so" "$work/empty.o" ||
 refused "$work/other-machine" 'are for another machine than'
 
 cmake -S "$source_dir" -B "$work/build" -G Ninja -DCMAKE_BUILD_TYPE=Debug -DTAV_ROOT="$prefix" \
+    -DCMAKE_CXX_FLAGS_DEBUG=-O0 \
     -DCMAKE_CXX_COMPILER="$compiler" -DCMAKE_INSTALL_PREFIX="$work/installed" >"$work/log" 2>&1 || { cat "$work/log"; fail configure; }
 cmake --build "$work/build" --parallel 2 >"$work/log" 2>&1 || { cat "$work/log"; fail build; }
 cmake --install "$work/build" >"$work/log" 2>&1 || { cat "$work/log"; fail install; }
