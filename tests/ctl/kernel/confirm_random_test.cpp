@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <cstdlib>
 #include <iostream>
 #include <map>
 #include <random>
@@ -17,11 +16,6 @@
 #include "ctl_test.h"
 
 namespace {
-
-unsigned from_environment(const char *name, unsigned otherwise) {
-    const char *text = std::getenv(name);
-    return text != nullptr ? static_cast<unsigned>(std::stoul(text)) : otherwise;
-}
 
 class ConfirmRandomly : public CtlTest {
 protected:

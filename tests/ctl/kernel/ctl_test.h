@@ -1,10 +1,17 @@
 // Runs tandrelctl as a user would, with eth0, the service and (if a test starts it) the daemon.
 #pragma once
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "harness/world.h"
+
+// A number that the environment gives to a random test.
+inline unsigned from_environment(const char *name, unsigned otherwise) {
+    const char *text = std::getenv(name);
+    return text != nullptr ? static_cast<unsigned>(std::stoul(text)) : otherwise;
+}
 
 class CtlTest : public kt::KernelTest {
 protected:

@@ -4,7 +4,6 @@
 //
 // KEEPER_STEPS: how many (few without it). KEEPER_SEED: the sequence.
 #include <chrono>
-#include <cstdlib>
 #include <iostream>
 #include <iterator>
 #include <map>
@@ -15,11 +14,6 @@
 #include "ctl_test.h"
 
 namespace {
-
-unsigned from_environment(const char *name, unsigned otherwise) {
-    const char *text = std::getenv(name);
-    return text != nullptr ? static_cast<unsigned>(std::stoul(text)) : otherwise;
-}
 
 class KeeperRandomly : public CtlTest {
 protected:
