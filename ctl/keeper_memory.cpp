@@ -287,7 +287,7 @@ writes_t writes_of(const task_t &task, const std::string &prefix) {
         writes.push_back({write_t::clear, node, ""});
         break;
     case task_t::drop:
-        writes.push_back({write_t::same, paths::address_value(node), task.text});
+        add_leaves(write_t::same, task.type); // nobody has made it Static meanwhile
         writes.push_back({write_t::clear, node, ""});
         break;
     case task_t::settle:

@@ -199,7 +199,7 @@ private:
 
     void add(task_t::kind_t kind, const setting_t &setting, const std::string &text,
              const std::string &words) {
-        plan.tasks.push_back({kind, setting, text, words});
+        plan.tasks.push_back({kind, setting, text, words, type_automatic});
     }
 
     void keep(const kept_t &kept) {
@@ -317,6 +317,7 @@ private:
             setting_t at = setting;
             at.node = one->node;
             add(task_t::drop, at, one->text, "");
+            plan.tasks.back().type = one->address.type;
         }
     }
 

@@ -72,8 +72,9 @@ struct task_t {
         settle       // forget the removal: it is done, or no longer wanted
     } kind = restore;
     setting_t setting;
-    std::string text;  // of the stored address or gateway
-    std::string words; // why, for the log
+    std::string text;                   // of the stored address or gateway
+    std::string words;                  // why, for the log
+    std::int32_t type = type_automatic; // drop: of the stored address
 };
 
 struct plan_t {

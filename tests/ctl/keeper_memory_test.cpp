@@ -32,7 +32,7 @@ protected:
     }
     bool apply(task_t::kind_t kind, const ctl::setting_t &setting, const std::string &text,
                const std::string &words = "") {
-        return apply(ctl::writes_of({kind, setting, text, words}, prefix));
+        return apply(ctl::writes_of({kind, setting, text, words, type_automatic}, prefix));
     }
     ctl::memory_t read() {
         client.require();
@@ -202,7 +202,9 @@ TEST_F(Memory, ARemovalIsFinishedInTwoSteps) {
     EXPECT_TRUE(read().removals.empty());
 }
 
-TEST_F(Memory, ANodeIsDroppedUnlessItHasAnotherAddressMeanwhile) {
+TEST_F(Memory, ANodeIsDroppedUnlessItHasChangedMeanwhile) {
+    store("3", "2001:db8::5/64");
+    EXPECT_FALSE(apply(task_t::drop, office("3"), "2001:db8::5/64")) << "it is Static";
     store("3", "2001:db8::5/64", "Automatic");
     EXPECT_FALSE(apply(task_t::drop, office("3"), "2001:db8::6/64"));
     EXPECT_TRUE(apply(task_t::drop, office("3"), "2001:db8::5/64"));
@@ -218,7 +220,8 @@ TEST_F(Memory, ForgettingRemovesOneSetting) {
 }
 
 TEST_F(Memory, AskingTheDaemonChangesNoSetting) {
-    EXPECT_TRUE(ctl::writes_of({task_t::synchronise, office(), "", ""}, prefix).empty());
+    EXPECT_TRUE(
+        ctl::writes_of({task_t::synchronise, office(), "", "", type_automatic}, prefix).empty());
 }
 
 } // namespace
