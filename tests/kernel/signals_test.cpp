@@ -118,24 +118,24 @@ TEST_F(SignalTest, ABacktraceNamesTheFunctionsOfTheEngineThatLedToTheFault) {
 
 // The fault's report would wait for ever for the lock that the interrupted report holds.
 TEST_F(SignalTest, AFaultDuringAReportToTheSystemLogStillEndsTheDaemon) {
-    // A log socket that nobody reads: after some reports the next one waits.
+    // A log socket that nobody reads and that is full: the first report waits.
     ASSERT_EQ(std::rename("/dev/log", "/dev/log.of-the-test"), 0);
     const int unread = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     const sockaddr_un address{AF_UNIX, "/dev/log"};
     ASSERT_EQ(bind(unread, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    ASSERT_EQ(connect(sender, reinterpret_cast<const sockaddr *>(&address), sizeof address), 0);
+    while (send(sender, "", 1, 0) == 1) {
+    }
     start_daemon();
-    std::size_t lines = 0;
-    ASSERT_TRUE(kt::eventually([&] {
-        const std::size_t before = lines;
-        lines = log().size();
+    ASSERT_TRUE(kt::eventually([this] {
         const std::string stat = kt::read_file("/proc/" + std::to_string(daemon->pid()) + "/stat");
-        // It sleeps in the call that logs a line, before it can wait for anything else.
-        return lines > 0 && lines == before && stat.find(") S") != std::string::npos &&
-               log().lines().back().text != "Info: Entering select()...";
+        return log().size() == 1 && stat.find(") S") != std::string::npos;
     })) << log().tail(20);
     daemon->signal(SIGSEGV);
     EXPECT_EQ(daemon->wait_killed(), SIGABRT);
     EXPECT_EQ(log().lines().back().text, "Segmentation Fault");
+    EXPECT_EQ(close(sender), 0);
     EXPECT_EQ(close(unread), 0);
 }
 
