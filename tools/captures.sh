@@ -54,7 +54,9 @@ arrange() {
     # Somebody forgot the length of the prefix, which tav does not notice.
     local lab="$interfaces/1/IPv6/Addresses/lab"
     tav set "$lab/Address/Value" 2001:db8:7::7 "$lab/Type/Value" Static
-    until_true sh -c 'tandrelctl show | grep -q "= 2001:db8:1::ff"'
+    # Checks for duplicates are off, but an address is tentative until the kernel has noticed.
+    until_true sh -c 'tandrelctl show | awk "/tentative/ {bad = 1} /= 2001:db8:1::ff/ {found = 1}
+        END {exit bad || !found}"'
 }
 
 # Each terminal has a server of its own, because the last one may still be ending.

@@ -144,16 +144,7 @@ void World::await_kernel() {
                        std::chrono::seconds(3));
     }
     coming_up.clear();
-    // An address is announced once more when it is no longer tentative.
-    const bool ready = kt::eventually([&] {
-        return std::all_of(up.begin(), up.end(), [&](int slot) {
-            const auto addresses = device.addresses(names[slot]);
-            return std::none_of(addresses.begin(), addresses.end(), [](const auto &address) {
-                return (address.flags & IFA_F_TENTATIVE) != 0;
-            });
-        });
-    });
-    if (!ready) {
+    if (!kt::eventually([&] { return !device.is_checking(); })) {
         throw std::runtime_error("an address stays tentative");
     }
 }

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <map>
+#include <set>
 #include <utility>
 
 #include <linux/rtnetlink.h>
@@ -266,6 +267,23 @@ bool Kernel::has_address(const std::string &link, const std::string &text) {
     const auto all = addresses(link);
     return std::any_of(all.begin(), all.end(),
                        [&](const kernel_address_t &address) { return address.text == text; });
+}
+
+bool Kernel::is_checking() {
+    std::set<int> running;
+    for (const auto &object : dump(RTM_GETLINK, AF_UNSPEC)) {
+        auto *link = reinterpret_cast<rtnl_link *>(object.get());
+        if ((rtnl_link_get_flags(link) & IFF_RUNNING) != 0) {
+            running.insert(rtnl_link_get_ifindex(link));
+        }
+    }
+    const auto all = dump(RTM_GETADDR, AF_INET6);
+    return std::any_of(all.begin(), all.end(), [&running](const auto &object) {
+        auto *address = reinterpret_cast<rtnl_addr *>(object.get());
+        const unsigned int state =
+            rtnl_addr_get_flags(address) & (IFA_F_TENTATIVE | IFA_F_DADFAILED);
+        return state == IFA_F_TENTATIVE && running.count(rtnl_addr_get_ifindex(address)) != 0;
+    });
 }
 
 std::string Kernel::link_local(const std::string &link) {

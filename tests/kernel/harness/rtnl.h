@@ -81,6 +81,9 @@ public:
     int try_delete_address(const std::string &link, const std::string &text);
     std::vector<kernel_address_t> addresses(const std::string &link);
     bool has_address(const std::string &link, const std::string &text);
+    // Whether an address of a link with a carrier is being checked for duplicates. The kernel
+    // announces it once more when that is over, on a busy machine much later.
+    bool is_checking();
     // The first link-local address with its prefix length; empty when there is none.
     std::string link_local(const std::string &link);
 

@@ -101,6 +101,8 @@ KernelTest::Seen KernelTest::see_kernel_mark(std::size_t from) {
 }
 
 bool KernelTest::settle() {
+    // A test may let a check take longer, or not end.
+    eventually([this] { return !device.is_checking(); }, std::chrono::seconds(3));
     // A rebuild in between loses the mark and everything else in progress.
     for (int attempt = 0; attempt < 5; ++attempt) {
         const std::size_t from = log().size();
