@@ -129,6 +129,14 @@ void EventLog::close_group() noexcept {
     std::swap(closed, forming);
 }
 
+void EventLog::announce(Time now) noexcept {
+    for (const auto &[audience, author] : closed.audiences) {
+        for (Session *member : audience->members) {
+            member->announce(audience->path, author, now);
+        }
+    }
+}
+
 void EventLog::publish(Time now) noexcept {
     const std::uint64_t before = last_published;
     if (!closed.batch.empty()) {

@@ -114,7 +114,11 @@ public:
     void stage(Staged &done) noexcept;
     // The group that forms is being committed, and the next one begins. The one before has ended.
     void close_group() noexcept;
-    // The closed group was committed: its events are in the log, and the clients are woken.
+    // The closed group will be in the log before anything else is done: the clients are woken. If
+    // it is refused instead, they find nothing.
+    void announce(Time now) noexcept;
+    // The closed group was committed: its events are in the log, and the clients are woken unless
+    // that was announced.
     void publish(Time now) noexcept;
     // It was refused, and so is the group that forms.
     void drop_staged() noexcept;

@@ -47,10 +47,12 @@ Server::Server(Service &served, const Listener &listening, int signals, const Ri
     watch(signal_fd, signals_id, EPOLLIN, EPOLL_CTL_ADD);
     service.holders().set_notify(
         [this](std::uint64_t session, std::uint32_t serial) { notify(session, serial); });
+    service.before_commit = [this] { look_after_all(); };
 }
 
 Server::~Server() {
     service.holders().set_notify({});
+    service.before_commit = nullptr;
 }
 
 void Server::watch(int fd, PeerId id, std::uint32_t events, int operation) const {

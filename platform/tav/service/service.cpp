@@ -176,8 +176,12 @@ void Service::commit() {
             // Without another thread it is done here.
         }
     }
+    served.events().announce(clock());
+    if (before_commit) {
+        before_commit();
+    }
     served.finish(changes.empty() || served.permanent().commit(changes), clock());
-    group_ended();
+    group_ended(static_cast<bool>(before_commit));
 }
 
 void Service::commit_ended() {
@@ -185,9 +189,9 @@ void Service::commit_ended() {
     group_ended();
 }
 
-void Service::group_ended() {
+void Service::group_ended(bool announced) {
     ++released;
-    ++published;
+    published += announced ? 0U : 1U;
     trim_events();
 }
 

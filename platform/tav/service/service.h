@@ -69,8 +69,12 @@ public:
     void commit_ended();
     // Increases when tasks that were blocked may go on.
     std::uint64_t releases() const { return released; }
-    // Increases when events were published.
+    // Increases when clients may have to be woken or ended.
     std::uint64_t publications() const { return published; }
+    // Called before a commit that does not take long: clients may have to be woken. A reader on
+    // another processor needs about as long to wake as the commit takes, and what it asks then is
+    // answered afterwards.
+    std::function<void()> before_commit;
 
     // For tasks. One transaction is carried out at a time; take_turn() is false when the task must
     // wait. Each call that was true is followed by carry_out() and end_turn().
@@ -120,7 +124,7 @@ private:
     PendingPtr first_due(Time now) const;
     void take_back(const PendingPtr &pending);
     void fetch(Session &session, std::uint32_t serial, std::string &reply);
-    void group_ended();
+    void group_ended(bool announced = false);
     void trim_events();
 
     Store &served;

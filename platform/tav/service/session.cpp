@@ -50,12 +50,21 @@ void Session::add_notice(const std::string &path, Time now) {
     wake.event(now);
 }
 
+bool Session::concerns(const std::string &path, SessionId author) const {
+    return std::any_of(registrations.begin(), registrations.end(), [&](const Registered &r) {
+        return r.path == path && (author != id() || r.own_changes);
+    });
+}
+
+void Session::announce(const std::string &path, SessionId author, Time now) noexcept {
+    if (concerns(path, author)) {
+        wake.event(now);
+    }
+}
+
 void Session::changed(const std::string &path, SessionId author, std::uint64_t before,
                       Time now) noexcept {
-    const auto registered =
-        std::find_if(registrations.begin(), registrations.end(),
-                     [&path](const Registered &candidate) { return candidate.path == path; });
-    if (registered == registrations.end() || (author == id() && !registered->own_changes)) {
+    if (!concerns(path, author)) {
         return;
     }
     if (!behind) {

@@ -42,6 +42,8 @@ public:
     // of the last event before those that are published now.
     void changed(const std::string &path, SessionId author, std::uint64_t before,
                  Time now) noexcept;
+    // The same before they are published: only wakes the client.
+    void announce(const std::string &path, SessionId author, Time now) noexcept;
     // The client has not yet fetched a change by another client of a leaf at or below that path, be
     // it committed or only staged.
     bool unseen(const std::string &path) const;
@@ -85,6 +87,7 @@ private:
         std::uint64_t position = 0; // of the last event before it
     };
 
+    bool concerns(const std::string &path, SessionId author) const;
     bool wants(const LoggedEvent &event) const;
 
     Ticket identity;

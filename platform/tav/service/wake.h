@@ -16,7 +16,7 @@ using Time = std::chrono::steady_clock::time_point;
 
 class Wake {
 public:
-    // An event was added to the client's queue.
+    // An event was added to the client's queue, or is about to be.
     void event(Time now);
     // The client made a request other than a ping, an acknowledgement or a fetch; `unfetched` says
     // whether events wait for it. Events that it only acknowledged are signalled again: a client

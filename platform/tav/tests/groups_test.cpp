@@ -103,7 +103,48 @@ protected:
     Session &other;
 };
 
+// Commits at once, with what the test wants to do meanwhile.
+class QuickStorage : public Storage {
+public:
+    bool commit(const Edit::Changes & /*changes*/) override { return meanwhile(); }
+    std::function<bool()> meanwhile;
+};
+
 } // namespace
+
+// A reader needs about as long to wake as such a commit takes.
+TEST(QuickCommitTest, ReadersAreWokenBeforeItAndFindNothingIfItFails) {
+    auto *storage = new QuickStorage;
+    Store store{std::unique_ptr<Storage>(storage)};
+    Service service(store, "", [] { return Time{}; });
+    Session &reader = service.open({}, true);
+    reader.register_events({"/", api_event_change, false}, {});
+    bool drain = false;
+    reader.fetch({}, drain);
+    service.before_commit = [&] {
+        if (reader.wake_due()) {
+            reader.wake_sent();
+        }
+    };
+    const std::uint64_t before = service.publications();
+    for (const bool stored : {false, true}) {
+        storage->meanwhile = [&reader, stored] {
+            EXPECT_FALSE(reader.wake_due());
+            EXPECT_FALSE(reader.waiting());
+            return stored;
+        };
+        Writer out;
+        put(out, RequestHeader{Op::transact, 1});
+        put_all(out, std::vector<Item>{tavtest::set_item("/a", "1")});
+        std::string reply;
+        EXPECT_TRUE(service.handle(service.open({}, true),
+                                   std::string_view(out.finish()).substr(length_bytes), reply));
+        EXPECT_EQ(reader.waiting(), stored);
+        EXPECT_EQ(reader.fetch({}, drain).size(), stored ? 1U : 0U);
+        EXPECT_TRUE(drain);
+    }
+    EXPECT_EQ(service.publications(), before); // nobody has to be woken again
+}
 
 TEST_F(GroupsTest, TheNextOneFormsWhileOneIsStored) {
     watch().step();

@@ -37,6 +37,7 @@ struct World {
     int time = 0; // milliseconds
     // What may still happen.
     int events = 0;
+    int refused = 0; // events that are announced, but whose commit fails
     int short_ticks = 0;
     int long_ticks = 0;
     int other_readiness = 0; // waits that end because of another descriptor
@@ -62,10 +63,10 @@ struct World {
 
     Time now() const { return Time(milliseconds(1000000 + time)); }
     auto key() const {
-        return std::make_tuple(wake.state(), time, events, short_ticks, long_ticks, other_readiness,
-                               requests, discovery, resuming, pending, bytes, phase, pings,
-                               attention.state(), saw, drain, shown, silent_since, acknowledged,
-                               announcing, unannounced, must_ask, announced);
+        return std::make_tuple(wake.state(), time, events, refused, short_ticks, long_ticks,
+                               other_readiness, requests, discovery, resuming, pending, bytes,
+                               phase, pings, attention.state(), saw, drain, shown, silent_since,
+                               acknowledged, announcing, unannounced, must_ask, announced);
     }
 };
 
@@ -120,6 +121,12 @@ private:
             World next = world;
             --next.events;
             ++next.pending;
+            next.wake.event(next.now());
+            visit(next);
+        }
+        if (world.refused > 0) {
+            World next = world;
+            --next.refused;
             next.wake.event(next.now());
             visit(next);
         }
@@ -284,6 +291,7 @@ private:
 struct Start {
     const char *name;
     int events;
+    int refused;
     int other_readiness;
     int requests;
     bool remembers;
@@ -293,10 +301,11 @@ struct Start {
 class WakeModel : public testing::TestWithParam<Start> {};
 
 INSTANTIATE_TEST_SUITE_P(From, WakeModel,
-                         testing::Values(Start{"NormalOperation", 3, 3, 2, false, false},
-                                         Start{"Discovery", 3, 3, 1, false, true},
-                                         Start{"AnswersFromMemory", 2, 2, 2, true, false},
-                                         Start{"DiscoveryWithAnswersFromMemory", 2, 2, 1, true,
+                         testing::Values(Start{"NormalOperation", 3, 0, 3, 2, false, false},
+                                         Start{"RefusedCommits", 2, 2, 2, 1, false, false},
+                                         Start{"Discovery", 3, 0, 3, 1, false, true},
+                                         Start{"AnswersFromMemory", 2, 0, 2, 2, true, false},
+                                         Start{"DiscoveryWithAnswersFromMemory", 2, 0, 2, 1, true,
                                                true}),
                          [](const auto &tested) { return tested.param.name; });
 
@@ -305,6 +314,7 @@ INSTANTIATE_TEST_SUITE_P(From, WakeModel,
 TEST_P(WakeModel, NoEventIsLostInAnyInterleaving) {
     World world;
     world.events = GetParam().events;
+    world.refused = GetParam().refused;
     world.short_ticks = 3;
     world.long_ticks = 1;
     world.other_readiness = GetParam().other_readiness;
