@@ -37,28 +37,37 @@ void EventBatch::drop(Index::iterator entry) noexcept {
     list.erase(event);
 }
 
-// Without new memory, so that it cannot fail.
+// Without new memory, so that it cannot fail; the smaller index goes into the larger one.
 void EventBatch::absorb(EventBatch &later) noexcept {
-    if (list.empty()) {
-        std::swap(*this, later);
-        return;
-    }
-    for (auto added = later.list.begin(); added != later.list.end(); ++added) {
-        LoggedEvent &event = *added;
-        auto node = later.index.extract(key_of(event));
-        const auto known = index.find(node.key());
-        if (known != index.end()) {
-            const LoggedEvent &replaced = *known->second;
-            const bool same_author = replaced.author == event.author;
-            event.others =
-                std::max(event.others, same_author ? replaced.others : replaced.position);
-            drop(known);
-        }
-        index.insert(std::move(node));
-    }
+    const bool moves_later = later.size() < size();
+    Index &from = moves_later ? later.index : index;
+    Index &to = moves_later ? index : later.index;
     used += later.used;
     later.used = 0;
+    while (!from.empty()) {
+        auto node = from.extract(from.begin());
+        const auto known = to.find(node.key());
+        if (known != to.end()) {
+            const auto replaced = moves_later ? known->second : node.mapped();
+            LoggedEvent &event = moves_later ? *node.mapped() : *known->second;
+            const bool same_author = replaced->author == event.author;
+            event.others =
+                std::max(event.others, same_author ? replaced->others : replaced->position);
+            used -= bytes_of(*replaced);
+            if (moves_later) {
+                to.erase(known);
+            } // else the node is not used again
+            list.erase(replaced);
+            if (!moves_later) {
+                continue;
+            }
+        }
+        to.insert(std::move(node));
+    }
     list.splice(list.end(), later.list);
+    if (!moves_later) {
+        index.swap(later.index);
+    }
 }
 
 void EventBatch::number(std::uint64_t &last) noexcept {

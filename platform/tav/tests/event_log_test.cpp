@@ -79,6 +79,27 @@ TEST_F(EventLogTest, EventsOfOneGroupAreMergedToo) {
     EXPECT_EQ(one.fetched(), (Names{"2 /b", "2 /a"}));
 }
 
+TEST_F(EventLogTest, MergingIsTheSameWhicheverIsLarger) {
+    const std::string removed = std::to_string(mlr_event_removed) + " /a";
+    const std::vector<Event> few{set_a};
+    const std::vector<Event> many{set_a, set_b, removed_a};
+    for (const bool many_later : {false, true}) {
+        one.watch("/");
+        two.watch("/");
+        one.fetched();
+        two.fetched();
+        change(somebody, many_later ? few : many);
+        change(one.id(), many_later ? many : few);
+        EXPECT_TRUE(one.unseen("/a"));
+        EXPECT_EQ(one.fetched().size(), many_later ? 1U : 3U); // of /a the change by somebody
+        EXPECT_EQ(two.fetched(),
+                  many_later ? (Names{"2 /a", "2 /b", removed}) : (Names{"2 /b", removed, "2 /a"}));
+        EXPECT_EQ(log.published().size(), 3U);
+        log.forget(log.end());
+        EXPECT_EQ(log.published().bytes(), 0U);
+    }
+}
+
 TEST_F(EventLogTest, WhatAllHaveFetchedIsForgotten) {
     one.watch("/");
     one.fetched();
