@@ -1,8 +1,8 @@
 #!/bin/bash
 # ./test --fuzz SECONDS [TARGET...]: runs the fuzz targets one after the other, for that many
 # seconds each. tools/fuzz.sh --merge [TARGET...]: keeps as few of the found inputs as possible that
-# together reach all code that no seed reaches. Copy one that is worth keeping to the seeds, under a
-# name that says what it shows.
+# together reach all code that no seed reaches. tools/fuzz.sh --line NAME FILE: prints one that is
+# worth keeping as a line of the target's seeds, under a name that says what it shows.
 #
 # Everything that a run finds goes to build/fuzz: inputs that reach something new to found/TARGET,
 # the inputs of failures to findings. The seeds, including past failures, are only read. To repeat a
@@ -14,6 +14,7 @@ cd "$(dirname "$(readlink -f "$0")")/.." || exit 1
 seconds=${1-}
 case $seconds in
 --merge) ;;
+--line) printf '%s %s\n' "$2" "$(od -An -v -tx1 "$3" | tr -d '\n' | sed 's/ /\\x/g')"; exit ;;
 *[!0-9]* | '' | 0) printf 'Usage: ./test --fuzz SECONDS [TARGET...]\n' >&2; exit 2 ;;
 esac
 shift
@@ -42,10 +43,12 @@ prepare() {
     local folder=tests/fuzz
     [ -e "$folder/$1.cpp" ] || folder=platform/tav/tests/fuzz
     program=build/fuzz/$folder/fuzz_$1
-    seeds=$folder/seeds/$1
+    kept=$folder/$1.seeds
+    seeds=$scratch/seeds/$1
     found=build/fuzz/found/$1
     [ -x "$program" ] || die "no such target: $1"
-    mkdir -p "$found" build/fuzz/findings
+    mkdir -p "$seeds" "$found" build/fuzz/findings
+    while read -r name bytes; do printf %b "$bytes" >"$seeds/$name"; done <"$kept"
     options=(-max_len=512 -timeout=20 "-artifact_prefix=build/fuzz/findings/$1-")
     [ ! -f "$folder/$1.dict" ] || options+=("-dict=$folder/$1.dict")
 }
@@ -60,7 +63,7 @@ search() {
     else
         failed=$((failed + 1))
         grep -vE '^(#|INFO|NEW_FUNC)' "$step_log" | tail -n 60
-        say "$1: found an input, see above; once it is understood, copy it to $seeds under a name"
+        say "$1: found an input, see above; once it is understood, add it to $kept (tools/fuzz.sh --line)"
     fi
     cp "$step_log" "build/fuzz/findings/$1.log"
 }

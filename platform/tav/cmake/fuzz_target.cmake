@@ -19,7 +19,7 @@ target_link_libraries(fuzz_support PRIVATE fuzz_harness)
 add_custom_target(fuzz_targets)
 
 # fuzz_target(NAME OBJECTS...): NAME.cpp of the current folder with these objects. Its first inputs,
-# including past failures, are in seeds/NAME, and its dictionary is NAME.dict.
+# including past failures, are in NAME.seeds, and its dictionary is NAME.dict.
 function(fuzz_target name)
   add_executable(fuzz_${name} ${name}.cpp $<TARGET_OBJECTS:fuzz_support> ${ARGN})
   target_link_libraries(fuzz_${name} PRIVATE fuzz_harness)
@@ -27,7 +27,7 @@ function(fuzz_target name)
   if(TAV_FUZZ)
     target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
   else()
-    add_test(NAME fuzz.${name} COMMAND fuzz_${name} ${CMAKE_CURRENT_SOURCE_DIR}/seeds/${name})
+    add_test(NAME fuzz.${name} COMMAND fuzz_${name} ${CMAKE_CURRENT_SOURCE_DIR}/${name}.seeds)
     set_tests_properties(fuzz.${name} PROPERTIES TIMEOUT 300 LABELS fuzz ${computes})
   endif()
 endfunction()

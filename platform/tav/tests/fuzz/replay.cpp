@@ -1,42 +1,47 @@
-// Runs a fuzz target over the files of the named directories, in the order of their names. An error
-// ends the process; the failing file is then the last one printed.
+// Runs a fuzz target over the inputs of a file. Each line has a name, which says what the input
+// shows, a blank, and its bytes: \xNN, \n and \\ stand for one, and all others for themselves. An
+// error ends the process; the failing input is then the last one printed.
 #include <algorithm>
 #include <cstdio>
-#include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <string>
 #include <vector>
 
 #include "fuzz/fuzz.h"
 
 namespace {
 
-void replay(const std::filesystem::path &file) {
-    std::printf("%s\n", file.c_str());
-    std::fflush(stdout);
-    std::ifstream stream(file, std::ios::binary);
-    std::ostringstream buffer;
-    buffer << stream.rdbuf();
-    const std::string content = buffer.str();
-    // In memory of the exact size, so that the address sanitizer reports each read beyond the end.
-    const std::vector<std::uint8_t> bytes(content.begin(), content.end());
-    LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
+// In memory of the exact size, so that the address sanitizer reports each read beyond the end.
+std::vector<std::uint8_t> bytes_of(const std::string &text) {
+    std::vector<std::uint8_t> bytes;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        char byte = text[i];
+        if (byte == '\\') {
+            byte = text.at(++i);
+            if (byte == 'x') {
+                byte = static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+                i += 2;
+            } else if (byte == 'n') {
+                byte = '\n';
+            }
+        }
+        bytes.push_back(static_cast<std::uint8_t>(byte));
+    }
+    bytes.shrink_to_fit();
+    return bytes;
 }
 
 } // namespace
 
 int main(int argc, char *argv[]) {
+    std::ifstream file(argc == 2 ? argv[1] : "");
     std::size_t inputs = 0;
-    for (int i = 1; i < argc; ++i) {
-        std::vector<std::filesystem::path> files;
-        for (const auto &entry : std::filesystem::directory_iterator(argv[i])) {
-            files.push_back(entry.path());
-        }
-        std::sort(files.begin(), files.end());
-        for (const auto &file : files) {
-            replay(file);
-        }
-        inputs += files.size();
+    for (std::string line; std::getline(file, line); ++inputs) {
+        const std::size_t blank = std::min(line.find(' '), line.size());
+        std::printf("%s\n", line.substr(0, blank).c_str());
+        std::fflush(stdout);
+        const auto bytes = bytes_of(line.substr(std::min(blank + 1, line.size())));
+        LLVMFuzzerTestOneInput(bytes.data(), bytes.size());
     }
     std::printf("%zu inputs, nothing found\n", inputs);
     return inputs > 0 ? 0 : 1;
