@@ -10,7 +10,9 @@
 // change from discovery to normal operation once, with a request.
 #include <gtest/gtest.h>
 
-#include <set>
+#include <optional>
+#include <tuple>
+#include <unordered_set>
 #include <vector>
 
 #include "client/descriptor.h"
@@ -71,6 +73,27 @@ struct World {
 };
 
 using Key = decltype(World().key());
+
+struct Hash {
+    template <typename Number>
+    std::size_t operator()(Number number) const {
+        return static_cast<std::size_t>(number);
+    }
+    std::size_t operator()(Time time) const {
+        return static_cast<std::size_t>(time.time_since_epoch().count());
+    }
+    template <typename Part>
+    std::size_t operator()(const std::optional<Part> &part) const {
+        return part ? 1 + (*this)(*part) : 0;
+    }
+    template <typename... Parts>
+    std::size_t operator()(const std::tuple<Parts...> &parts) const {
+        std::size_t all = 0;
+        std::apply([&](const auto &...part) { ((all = all * 1000003 + (*this)(part)), ...); },
+                   parts);
+        return all;
+    }
+};
 
 class Explorer {
 public:
@@ -284,7 +307,7 @@ private:
         visit(world);
     }
 
-    std::set<Key> seen;
+    std::unordered_set<Key, Hash> seen;
     std::vector<World> open;
 };
 
