@@ -55,8 +55,9 @@ public:
     // Adds all events of a later batch, which is then empty.
     void absorb(EventBatch &later) noexcept;
     void clear() noexcept;
-    // Removes events up to that position.
-    void forget(std::uint64_t position) noexcept;
+    // Removes events up to that position, at most some thousands at a time. False if there are
+    // more.
+    bool forget(std::uint64_t position) noexcept;
     // Gives the events the positions after `last`, and makes it that of the last one.
     void number(std::uint64_t &last) noexcept;
 
@@ -132,8 +133,8 @@ public:
     }
     // The position of the last published event.
     std::uint64_t end() const { return last_published; }
-    // No session needs events up to that position.
-    void forget(std::uint64_t position) noexcept { log.forget(position); }
+    // No session needs events up to that position. See EventBatch::forget().
+    bool forget(std::uint64_t position) noexcept { return log.forget(position); }
 
 private:
     EventBatch log;

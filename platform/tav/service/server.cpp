@@ -77,6 +77,9 @@ void Server::watch(PeerId id, Peer &peer, std::uint32_t events) const {
 void Server::run() {
     while (receive(timeout()) && work()) {
         garbage::give_back();
+        if (service.trims()) {
+            service.trim_events();
+        }
         if (accept_again && service.now() >= *accept_again) {
             accept_again.reset();
             watch(listener.fd(), listener_id, EPOLLIN, EPOLL_CTL_MOD);
@@ -461,7 +464,7 @@ std::optional<Time> Server::next_timer() const {
 
 // Rounded up, so that the loop does not spin through the last millisecond.
 int Server::timeout() const {
-    if (!schedule.empty() || !garbage::empty()) {
+    if (!schedule.empty() || !garbage::empty() || service.trims()) {
         return 0;
     }
     const std::optional<Time> next = next_timer();

@@ -284,7 +284,6 @@ void Service::end_turn() {
     ++released;
 }
 
-// Forgets the events that all clients have fetched, and gives up clients that keep too many.
 void Service::trim_events() {
     EventLog &log = served.events();
     for (;;) {
@@ -292,7 +291,10 @@ void Service::trim_events() {
         for (const auto &[number, client] : clients) {
             first = client->is_behind() ? std::min(first, client->fetched_to()) : first;
         }
-        log.forget(first);
+        trimming = !log.forget(first);
+        if (log.published().bytes() > limits::event_bytes && trimming) {
+            continue;
+        }
         limits_used.raise(Limit::event_bytes, log.published().bytes());
         if (log.published().bytes() <= limits::event_bytes) {
             return;

@@ -69,6 +69,11 @@ public:
     void commit_ended();
     // Increases when tasks that were blocked may go on.
     std::uint64_t releases() const { return released; }
+    // Forgets a part of the events that all clients have fetched, and gives up clients that keep too
+    // many.
+    void trim_events();
+    // It has more to forget.
+    bool trims() const { return trimming; }
     // Increases when clients may have to be woken or ended.
     std::uint64_t publications() const { return published; }
     // Called before a commit that does not take long: clients may have to be woken. A reader on
@@ -125,7 +130,6 @@ private:
     void take_back(const PendingPtr &pending);
     void fetch(Session &session, std::uint32_t serial, std::string &reply);
     void group_ended(bool announced = false);
-    void trim_events();
 
     Store &served;
     std::string database_name;
@@ -139,6 +143,7 @@ private:
     std::uint64_t overflows = 0;
     std::uint64_t released = 0;
     std::uint64_t published = 0;
+    bool trimming = false; // see trims()
     int waiting_writers = 0;
     int waiting_short = 0;              // of these
     int registrations = 0;              // tasks that wait to register

@@ -146,6 +146,30 @@ TEST(QuickCommitTest, ReadersAreWokenBeforeItAndFindNothingIfItFails) {
     EXPECT_EQ(service.publications(), before); // nobody has to be woken again
 }
 
+// So that a client with very many of them delays nobody when it leaves.
+TEST(EventsOfAClientThatLeavesTest, AreForgottenAPartAtATime) {
+    Store store;
+    Service service(store, "", [] { return Time{}; });
+    Session &reader = service.open({}, true);
+    reader.register_events({"/", api_event_change, false}, {});
+    std::vector<Item> items;
+    for (int i = 0; i < 10000; ++i) {
+        items.push_back(tavtest::set_item("/" + std::to_string(i), "1"));
+    }
+    service.write(items);
+    const EventBatch &events = store.events().published();
+    EXPECT_EQ(events.size(), items.size());
+    EXPECT_FALSE(service.trims());
+    service.close(reader.id());
+    int parts = 1;
+    for (; service.trims(); ++parts) {
+        EXPECT_FALSE(events.empty());
+        service.trim_events();
+    }
+    EXPECT_EQ(parts, 3);
+    EXPECT_TRUE(events.empty());
+}
+
 TEST_F(GroupsTest, TheNextOneFormsWhileOneIsStored) {
     watch().step();
     fetched();
