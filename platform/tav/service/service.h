@@ -69,8 +69,8 @@ public:
     void commit_ended();
     // Increases when tasks that were blocked may go on.
     std::uint64_t releases() const { return released; }
-    // Forgets a part of the events that all clients have fetched, and gives up clients that keep too
-    // many.
+    // Forgets a part of the events that all clients have fetched, and gives up clients that keep
+    // too many.
     void trim_events();
     // It has more to forget.
     bool trims() const { return trimming; }

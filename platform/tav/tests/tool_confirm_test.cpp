@@ -44,7 +44,7 @@ TEST_F(ToolConfirmTest, AChangeIsTakenBackUnlessItIsConfirmed) {
 
 TEST_F(ToolConfirmTest, ATakingBackThatFoundNothingIsInTheHistory) {
     good({"set", "--confirm", "3", "/a", "1"});
-    good({"rm", "/a"});
+    tav({"rm", "/a"});
     std::string all;
     const std::string last = "3  ";
     for (int i = 0; i < patience_ms / 20 && all.find(last) == std::string::npos; ++i) {
@@ -54,6 +54,22 @@ TEST_F(ToolConfirmTest, ATakingBackThatFoundNothingIsInTheHistory) {
     EXPECT_EQ(all.substr(0, 3), last);
     EXPECT_NE(all.find("  0 elements\n"), std::string::npos) << all;
     EXPECT_EQ(bad(1, {"undo", "3"}), "tav: entry 3 cannot be undone: it changed 0 elements\n");
+}
+
+TEST_F(ToolConfirmTest, AChangeOfWhatWaitsForConfirmationWarns) {
+    good({"set", "--confirm", "600", "/a/b", "1"});
+    const Ran changed = tav({"set", "/a/b", "2"});
+    EXPECT_EQ(changed.status, 0);
+    EXPECT_EQ(changed.errors.find("tav: stored, but change 1 of the same elements is waiting for "
+                                  "confirmation; in 59"),
+              0U)
+        << changed.errors;
+    EXPECT_TRUE(
+        has(changed.errors, " s both are taken back unless it is confirmed: tav confirm 1\n"));
+    EXPECT_TRUE(has(tav({"rm", "-r", "/a"}).errors, "stored, but"));
+    EXPECT_EQ(tav({"set", "/d", "2"}).errors, "");
+    good({"confirm"});
+    EXPECT_EQ(tav({"set", "/a/b", "2"}).errors, "");
 }
 
 TEST_F(ToolConfirmTest, EveryWritingCommandTakesATerm) {

@@ -27,17 +27,42 @@ void print_term(std::uint64_t number, std::uint32_t term) {
               << " unless you confirm it: tav confirm " << number << '\n';
 }
 
-std::string advice_for_pending(Client &client, const std::string &path) {
+namespace {
+
+bool touches(const PendingChange &one, const std::string &path) {
+    const std::vector<ChangedElement> &changes = one.change.changes;
+    return std::any_of(changes.begin(), changes.end(), [&path](const ChangedElement &change) {
+        return is_at_or_below(change.path, path) || is_at_or_below(path, change.path);
+    });
+}
+
+// None if the service does not answer, which the next call reports.
+std::vector<PendingChange> pending_of(Client &client) {
     std::vector<PendingChange> all;
     if (tav::pending(client.handle(), all) != 0) {
-        return "";
+        all.clear();
     }
-    const auto touches = [&path](const ChangedElement &change) {
-        return is_at_or_below(change.path, path) || is_at_or_below(path, change.path);
-    };
-    for (const PendingChange &one : all) {
-        const std::vector<ChangedElement> &changes = one.change.changes;
-        if (std::any_of(changes.begin(), changes.end(), touches)) {
+    return all;
+}
+
+} // namespace
+
+void warn_of_pending(Client &client, const std::vector<Item> &items) {
+    for (const PendingChange &one : pending_of(client)) {
+        if (std::any_of(items.begin(), items.end(),
+                        [&one](const Item &item) { return touches(one, item.path); })) {
+            const std::string number = std::to_string(one.change.number);
+            complain("stored, but change " + number +
+                     " of the same elements is waiting for confirmation; in " +
+                     seconds_text(one.left) +
+                     " both are taken back unless it is confirmed: tav confirm " + number);
+        }
+    }
+}
+
+std::string advice_for_pending(Client &client, const std::string &path) {
+    for (const PendingChange &one : pending_of(client)) {
+        if (touches(one, path)) {
             const std::string number = std::to_string(one.change.number);
             std::string text = "change " + number;
             text += " by ";

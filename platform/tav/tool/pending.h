@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "protocol/history.h"
+#include "protocol/messages.h"
 #include "tool/tool.h"
 
 namespace tav::tool {
@@ -15,6 +16,9 @@ std::string seconds_text(std::uint32_t milliseconds);
 
 // Prints how to confirm the change with that number, or, for 0, that nothing was changed.
 void print_term(std::uint64_t number, std::uint32_t term);
+
+// After a change without a term: says so if another one of the same elements waits.
+void warn_of_pending(Client &client, const std::vector<Item> &items);
 
 // Whose change an element at, above or below the path waits for; empty if there is none any more.
 std::string advice_for_pending(Client &client, const std::string &path);

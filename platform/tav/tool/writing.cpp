@@ -18,13 +18,16 @@ int transact(Client &client, const std::vector<Item> &items, std::vector<api_sta
     if (tav::state_program(client.handle(), "tav", stated) != 0) {
         return -1;
     }
-    if (client.term == 0) {
-        return tav::transact(client.handle(), items, statuses);
-    }
     std::uint64_t number = 0;
-    const int result = tav::transact_pending(client.handle(), items, client.term, statuses, number);
-    if (result == 0 && std::all_of(statuses.begin(), statuses.end(),
-                                   [](api_status_t one) { return one == api_status_ok; })) {
+    const int result = client.term == 0 ? tav::transact(client.handle(), items, statuses)
+                                        : tav::transact_pending(client.handle(), items, client.term,
+                                                                statuses, number);
+    const bool done =
+        result == 0 && std::all_of(statuses.begin(), statuses.end(),
+                                   [](api_status_t one) { return one == api_status_ok; });
+    if (done && client.term == 0) {
+        warn_of_pending(client, items);
+    } else if (done) {
         print_term(number, client.term);
     }
     return result;
