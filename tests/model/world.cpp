@@ -113,13 +113,10 @@ void World::start() {
 }
 
 void World::start_tandrel() {
-    kt::spawn_options_t options;
-    options.environment = {{"LD_PRELOAD", kt::program("PRELOAD")},
-                           {"KT_PAUSE_MS", "50"},
-                           {"KT_SELECT_DELAY", std::to_string(sequence.turn_delay)},
-                           {"KT_RCVBUF_CAP", "212992"},
-                           {"ASAN_OPTIONS", "verify_asan_link_order=0"}};
-    start_daemon({"-d", "-D", "3"}, options);
+    start_daemon({"-d", "-D", "3"},
+                 kt::preloaded({{"KT_PAUSE_MS", "50"},
+                                {"KT_SELECT_DELAY", std::to_string(sequence.turn_delay)},
+                                {"KT_RCVBUF_CAP", "212992"}}));
     mark = 0;
 }
 

@@ -112,8 +112,11 @@ TEST(Executable, ExportsMlrErrUnmangledAndWeak) {
 
 // The sanitizers' runtime need not be loaded first here: the library loads it as well.
 TEST(Executable, ReceivesTheReportOfALibrary) {
-    const auto outcome = run({TANDREL_EXECUTABLE, "-x"}, {"LD_PRELOAD=" MLR_ERR_CALLER,
-                                                          "ASAN_OPTIONS=verify_asan_link_order=0"});
+    const std::filesystem::path library = MLR_ERR_CALLER; // blanks separate paths in LD_PRELOAD
+    const auto outcome =
+        run({TANDREL_EXECUTABLE, "-x"}, {"LD_PRELOAD=" + library.filename().string(),
+                                         "LD_LIBRARY_PATH=" + library.parent_path().string(),
+                                         "ASAN_OPTIONS=verify_asan_link_order=0"});
     EXPECT_EQ(outcome.status, 1); // of the usage text
     EXPECT_NE(outcome.errors.find("Error: the library's number is 42\n"), std::string::npos)
         << outcome.errors;

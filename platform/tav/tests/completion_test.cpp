@@ -23,14 +23,14 @@ protected:
                                          "bind 'set enable-bracketed-paste off'\n"
                                          "bind 'set show-all-if-ambiguous on'\n"
                                          "bind 'set page-completions off'\n"
-                                         "source " TAV_COMPLETION "\n";
+                                         "source '" TAV_COMPLETION "'\n";
         // Completion, which is recognised by its time limit, calls the real tool; the finished
         // command line is printed.
         std::filesystem::create_directory(dir.file("bin"));
         std::ofstream(dir.file("bin/tav"))
             << "#!/bin/sh\n"
                "if [ \"$TAV_TIMEOUT_MS\" = 2000 ]; then\n"
-               "    TAV_TIMEOUT_MS=60000 exec " TAV_PROGRAM " \"$@\"\n"
+               "    TAV_TIMEOUT_MS=60000 exec '" TAV_PROGRAM "' \"$@\"\n"
                "fi\n"
                "printf '<%s>' \"$@\"; echo end\n";
         std::filesystem::permissions(dir.file("bin/tav"), std::filesystem::perms::owner_all);
@@ -122,11 +122,12 @@ TEST_F(CompletionTest, WithoutAServiceNothingIsOffered) {
 TEST_F(CompletionTest, OffersEveryCommandAndLongOptionThatHelpLists) {
     // The two functions, called without a terminal.
     const auto offered = [this](const std::string &line) {
-        const Ran ran = run(dir, {"/bin/bash", "-c",
-                                  "source " TAV_COMPLETION
-                                  "\ncompopt() { :; }; COMP_LINE=$1 COMP_POINT=${#1}; _tav tav ''; "
-                                  "printf '%s\\n' \"${COMPREPLY[@]}\"",
-                                  "bash", line});
+        const Ran ran =
+            run(dir, {"/bin/bash", "-c",
+                      "source '" TAV_COMPLETION
+                      "'\ncompopt() { :; }; COMP_LINE=$1 COMP_POINT=${#1}; _tav tav ''; "
+                      "printf '%s\\n' \"${COMPREPLY[@]}\"",
+                      "bash", line});
         std::istringstream words(ran.output);
         std::set<std::string> result;
         for (std::string word; words >> word;) {

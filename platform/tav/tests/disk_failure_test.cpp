@@ -24,11 +24,7 @@ struct Fault {
 
 class FailingDiskTest : public StoreTest, public testing::WithParamInterface<Fault> {
 protected:
-    FailingDiskTest() {
-        prefix = {"LD_PRELOAD=" TAV_DISK_PRELOAD, "TAV_DISK_FAULT=" + plan,
-                  // The library is loaded before the sanitizer's.
-                  "ASAN_OPTIONS=verify_asan_link_order=0"};
-    }
+    FailingDiskTest() { prefix = preloading(TAV_DISK_PRELOAD, {"TAV_DISK_FAULT=" + plan}); }
     void SetUp() override {
         start(on_disk);
         client = std::make_unique<Client>();
@@ -310,10 +306,7 @@ namespace {
 
 class DurabilityTest : public StoreTest {
 protected:
-    DurabilityTest() {
-        prefix = {"LD_PRELOAD=" TAV_DISK_PRELOAD, "TAV_DISK_FAULT=" + plan,
-                  "ASAN_OPTIONS=verify_asan_link_order=0"};
-    }
+    DurabilityTest() { prefix = preloading(TAV_DISK_PRELOAD, {"TAV_DISK_FAULT=" + plan}); }
     // The result of a write when nothing can be synced.
     api_status_t write_without_sync(const Names &options) {
         Names all{"--database", dir.file("store.db")};

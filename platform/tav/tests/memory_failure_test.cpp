@@ -18,7 +18,7 @@ namespace {
 class MemoryFailureTest : public StoreTest, public ::testing::WithParamInterface<std::size_t> {
 protected:
     MemoryFailureTest() {
-        prefix = {"LD_PRELOAD=" TAV_MEMORY_PRELOAD, "TAV_MEMORY_FAULT=" + plan};
+        prefix = preloading(TAV_MEMORY_PRELOAD, {"TAV_MEMORY_FAULT=" + plan});
         ::setenv("TAV_TIMEOUT_MS", "10000", 1);
     }
 

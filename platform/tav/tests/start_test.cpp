@@ -31,8 +31,7 @@ protected:
         std::filesystem::remove_all(dir.file("db"));
         std::filesystem::remove_all(dir.file("run"));
         std::ofstream(plan) << fault;
-        prefix = {"LD_PRELOAD=" TAV_DISK_PRELOAD, "TAV_DISK_FAULT=" + plan,
-                  "ASAN_OPTIONS=verify_asan_link_order=0"};
+        prefix = preloading(TAV_DISK_PRELOAD, {"TAV_DISK_FAULT=" + plan});
         Process first(dir, "first", tavd_arguments(fresh));
         const bool serves = first.wait_for_error_text("serving on ");
         first.signal(SIGKILL);

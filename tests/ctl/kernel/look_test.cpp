@@ -194,9 +194,9 @@ TEST_F(Look, AMissingInterfacesNodeIsNamedAndTheRemedyMakesIt) {
         << checked.output;
     kt::spawn_options_t options;
     options.environment["TAV_SOCKET"] = service.socket();
-    kt::Process shell(sandbox,
-                      {"/bin/sh", "-c", "tav() { " + kt::program("TAV") + " \"$@\"; }; " + remedy},
-                      options);
+    kt::Process shell(
+        sandbox, {"/bin/sh", "-c", "tav() { '" + kt::program("TAV") + "' \"$@\"; }; " + remedy},
+        options);
     EXPECT_EQ(shell.wait_exit(), 0) << shell.errors().tail(5);
     EXPECT_FALSE(is_missing());
 }

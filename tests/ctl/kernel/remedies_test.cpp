@@ -297,11 +297,11 @@ protected:
         kt::spawn_options_t options;
         options.environment["TAV_SOCKET"] = service.socket();
         options.environment["TAV_TIMEOUT_MS"] = "60000";
-        const std::string programs = "tav() { " + kt::program("TAV") +
-                                     " \"$@\"; }; tandrelctl() { " TANDRELCTL " \"$@\"; }; "
-                                     "tandrel() { " +
+        const std::string programs = "tav() { '" + kt::program("TAV") +
+                                     "' \"$@\"; }; tandrelctl() { '" TANDRELCTL "' \"$@\"; }; "
+                                     "tandrel() { '" +
                                      kt::program("TANDREL") +
-                                     " \"$@\"; }; pidof() { echo none; }; ";
+                                     "' \"$@\"; }; pidof() { echo none; }; ";
         kt::Process process(sandbox, {"/bin/bash", "-c", programs + line}, options);
         EXPECT_EQ(process.wait_exit(), 0) << line << "\n" << process.errors().tail(5);
     }

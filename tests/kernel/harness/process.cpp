@@ -85,7 +85,10 @@ struct child_plan_t {
 spawn_options_t preloaded(std::map<std::string, std::string> environment) {
     spawn_options_t options;
     options.environment = std::move(environment);
-    options.environment["LD_PRELOAD"] = program("PRELOAD");
+    // By its name: blanks separate the paths in that variable.
+    const std::filesystem::path library = program("PRELOAD");
+    options.environment["LD_PRELOAD"] = library.filename();
+    options.environment["LD_LIBRARY_PATH"] = library.parent_path();
     options.environment["ASAN_OPTIONS"] = "verify_asan_link_order=0";
     return options;
 }

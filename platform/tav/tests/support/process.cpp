@@ -47,6 +47,14 @@ bool exists(const std::string &path) {
     return std::filesystem::exists(std::filesystem::symlink_status(path, ignored));
 }
 
+std::vector<std::string> preloading(const std::string &library, std::vector<std::string> more) {
+    const std::filesystem::path path = library;
+    more.push_back("LD_PRELOAD=" + path.filename().string());
+    more.push_back("LD_LIBRARY_PATH=" + path.parent_path().string());
+    more.emplace_back("ASAN_OPTIONS=verify_asan_link_order=0"); // the sanitizer's comes later
+    return more;
+}
+
 namespace {
 
 void redirect(const std::string &file, int flags, int to) {

@@ -28,6 +28,10 @@ std::string read_file(const std::string &path);
 void write_file(const std::string &path, const std::string &content);
 bool exists(const std::string &path);
 
+// The environment ("NAME=value") of a program that loads the library before all others: `more`, and
+// the library by its name, because blanks separate paths there.
+std::vector<std::string> preloading(const std::string &library, std::vector<std::string> more);
+
 // A child process whose output goes to files. It dies with the test.
 class Process {
 public:
