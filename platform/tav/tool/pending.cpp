@@ -51,11 +51,13 @@ void warn_of_pending(Client &client, const std::vector<Item> &items) {
     for (const PendingChange &one : pending_of(client)) {
         if (std::any_of(items.begin(), items.end(),
                         [&one](const Item &item) { return touches(one, item.path); })) {
-            const std::string number = std::to_string(one.change.number);
-            complain("stored, but change " + number +
-                     " of the same elements is waiting for confirmation; in " +
-                     seconds_text(one.left) +
-                     " both are taken back unless it is confirmed: tav confirm " + number);
+            std::ostringstream text;
+            text << "stored, but change " << one.change.number
+                 << " of the same elements is waiting for confirmation; in "
+                 << seconds_text(one.left)
+                 << " both are taken back unless it is confirmed: tav confirm "
+                 << one.change.number;
+            complain(text.str());
         }
     }
 }
