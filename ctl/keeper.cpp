@@ -76,6 +76,9 @@ moment_t keeper_t::step() {
         api_status_t status = tav_value::status_unset;
         client.tav.watchdog_ping(status);
         client.take_events();
+        // Others change it, too: by undo, and when their change is taken back.
+        memory = read_memory(client.tav);
+        handled = std::max(handled, memory.handled.value_or(0));
         while (handle_history()) {
         }
         if (is_new) {
@@ -118,8 +121,6 @@ void keeper_t::connect() {
     if (daemon_session) {
         daemon_session = 0; // the store has ended the daemon's connection, too
     }
-    memory = read_memory(client.tav);
-    handled = std::max(handled, memory.handled.value_or(0));
 }
 
 // What was handled and is not written yet would count as uncertain at the next start.

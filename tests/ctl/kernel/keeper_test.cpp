@@ -361,6 +361,7 @@ TEST_F(KeeperTest, AnInterfaceNodeAndTheMemoryOfItAreDeletedAtOnce) {
     EXPECT_EQ(list(), before);
     run({"interface", "del", "eth0", "--force", "--confirm", "3"});
     EXPECT_EQ(list(), "");
+    ASSERT_TRUE(settle()); // any edit wakes the keeper
     EXPECT_TRUE(becomes([&] { return list() == before; })) << list();
     device.set_up("eth0");
     expect_return();
