@@ -1,6 +1,6 @@
-// Runs a fuzz target over the inputs of a file. Each line has a name, which says what the input
-// shows, a blank, and its bytes: \xNN, \n and \\ stand for one, and all others for themselves. An
-// error ends the process; the failing input is then the last one printed.
+// Runs a fuzz target over the inputs in a file. A line has the name of an input, which says what it
+// shows, a blank, and its bytes; \xNN, \n and \\ each stand for one byte. The process ends with the
+// first error. The last name that it prints is then that of the failing input.
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
