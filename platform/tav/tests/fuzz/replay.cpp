@@ -1,6 +1,6 @@
-// Runs a fuzz target over the inputs in a file. A line has the name of an input, which says what it
-// shows, a blank, and its bytes; \xNN, \n and \\ each stand for one byte. The process ends with the
-// first error. The last name that it prints is then that of the failing input.
+// Runs a fuzz target over the inputs in a file, one per line: its name, which says what it shows, a
+// blank, and its bytes. A byte may be written as \xNN, a newline as \n, and a backslash is doubled.
+// The first error ends the process, and the last name printed is that of the failing input.
 #include <algorithm>
 #include <cstdio>
 #include <fstream>
