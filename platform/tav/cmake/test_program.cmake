@@ -29,5 +29,6 @@ endfunction()
 # processor, in parallel with tests that mostly wait.
 set(computes RESOURCE_GROUPS processors:1)
 
-# The property of tests that wait, many of them for long: they start before the others.
+# The property of tests that wait, many of them for long: they start before the others. Long tests
+# that are few have COST 50, so that none of them runs alone at the end.
 set(waits COST 100)
