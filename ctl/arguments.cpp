@@ -347,7 +347,7 @@ private:
             ->required();
         sub->add_flag("--write", request.options.write, "Store them as Static");
         sub->add_option("--confirm", request.options.term,
-                        "With --write: take it back after that time, unless 'tandrelctl confirm' "
+                        "With --write: revert it after that time, unless 'tandrelctl confirm' "
                         "is run first")
             ->type_name("SECONDS")
             ->check(CLI::Range(0.001, 86400.0).description(""));
@@ -368,10 +368,10 @@ private:
 
         add(app, "nudge", "Make tandrel synchronise now", nudge);
 
-        sub =
-            add(app, "keep",
-                "Keep running, and set again what links lost while they were down or without IPv6",
-                keep);
+        sub = add(app, "keep",
+                  "Restore settings that links lost while they were down or without IPv6; runs "
+                  "permanently",
+                  keep);
         sub->add_flag("--list", request.options.list,
                       "Print what is remembered and what it waits for, and exit");
         CLI::Option *forget =

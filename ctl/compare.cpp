@@ -1,4 +1,4 @@
-// Pairs the two views: links with store interfaces, and their addresses and gateways.
+// Pairs the two views: links with interface nodes, and their addresses and gateways.
 #include "ctl/compare.h"
 
 #include <algorithm>
@@ -135,8 +135,8 @@ private:
             if (stored.fault || !row.kernel || row.stored || !is_static(*row.kernel)) {
                 continue;
             }
-            // The kernel may have several: take the one via the stored gateway, with the metric
-            // that tandrel uses if there is a choice, otherwise the first.
+            // The kernel may have several: prefer the one via the stored gateway with the metric
+            // that tandrel uses, then any via that gateway, then the first.
             const bool same = same_gateway(row.kernel->route, stored.route);
             if (same ? beside == nullptr || !same_gateway(beside->kernel->route, stored.route) ||
                            row.kernel->metric == usual_metric

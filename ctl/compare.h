@@ -11,9 +11,9 @@
 namespace ctl {
 
 enum class mark_t {
-    both,        // the views agree
-    kernel_only, //
-    store_only,  //
+    both,        // the same in both views
+    kernel_only, // not in the store
+    store_only,  // not in the kernel
     differ,      // in both, but not the same
     unusable,    // stored, but skipped by the daemon, or a duplicate that the kernel does not use
     left_alone,  // in the kernel, and ignored by the daemon by design
@@ -35,8 +35,8 @@ struct gateway_row_t {
 struct interface_view_t {
     std::string link;                     // its name in the kernel
     std::optional<kernel_link_t> kernel;  // empty: there is no such link
-    long number = 0;                      // of the store interface; 0: the link cannot have one
-    bool has_node = false;                // the store interface exists
+    long number = 0;                      // of the interface node; 0: the link cannot have one
+    bool has_node = false;                // the interface node exists
     bool store_known = true;              // false: the store did not answer
     bool tracked = false;                 // the daemon manages the link
     std::vector<address_row_t> addresses; // the kernel's order, then the store's

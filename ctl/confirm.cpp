@@ -62,7 +62,7 @@ void announce(std::uint64_t number, double seconds) {
     if (number == 0) {
         std::cout << "nothing was changed, so there is nothing to confirm\n";
     } else {
-        std::cout << "change " << number << " is taken back in " << seconds_text(seconds)
+        std::cout << "change " << number << " will be reverted in " << seconds_text(seconds)
                   << " unless you confirm it: tandrelctl confirm " << number << '\n';
     }
     std::cout.flush(); // before anything that waits
@@ -133,7 +133,7 @@ std::string why_held(client_t &client, const outcome_t &outcome) {
     for (const tav::PendingChange &one : pending_of(client)) {
         if (concerns(one, outcome.refused_path)) {
             return text_of(waiting_of(one)) +
-                   " is waiting for confirmation, and is taken back in " +
+                   " is waiting for confirmation, and will be reverted in " +
                    seconds_text(one.left / 1000.0) +
                    " unless it is confirmed: tandrelctl confirm " +
                    std::to_string(one.change.number);
@@ -150,7 +150,7 @@ void warn_of_waiting(client_t &client, const step_t &step) {
                         [&](const auto &leaf) { return is_concerned(leaf.first); })) {
             std::fprintf(stderr,
                          "tandrelctl: stored, but change %llu of the same settings is waiting for "
-                         "confirmation; in %s both are taken back unless it is confirmed: "
+                         "confirmation; in %s both will be reverted unless it is confirmed: "
                          "tandrelctl confirm %llu\n",
                          static_cast<unsigned long long>(one.change.number),
                          seconds_text(one.left / 1000.0).c_str(),

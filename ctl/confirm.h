@@ -1,4 +1,4 @@
-// Changes that the store takes back unless they are confirmed in time. They need tavd.
+// Changes that the store reverts unless they are confirmed in time. They need tavd.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +25,7 @@ bool touch_leaf(client_t &client, const std::string &path);
 std::string why_held(client_t &client, const outcome_t &outcome);
 
 // Says on standard error which of the user's own changes of these settings wait for their
-// confirmation: taking them back takes back this one, too.
+// confirmation: reverting them reverts this one, too.
 void warn_of_waiting(client_t &client, const step_t &step);
 
 struct waiting_t {

@@ -180,6 +180,12 @@ std::optional<finding_t> daemon_finding(const daemon_state_t &daemon) {
     return finding(reason_t::daemon_unknown, {{"text", daemon.why}});
 }
 
+const char *verdict(daemon_t state) {
+    return state == daemon_t::working ? "kernel and store agree"
+                                      : "kernel and store have the same settings; whether tandrel "
+                                        "is running is not known";
+}
+
 std::optional<finding_t> prefix_finding(const daemon_state_t &daemon, const std::string &prefix) {
     if (!daemon.prefix || *daemon.prefix == prefix) {
         return std::nullopt;

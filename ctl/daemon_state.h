@@ -39,6 +39,9 @@ daemon_state_t find_daemon(client_t &client);
 // The finding that says so; empty when it works.
 std::optional<finding_t> daemon_finding(const daemon_state_t &daemon);
 
+// What `check` says when there is no difference.
+const char *verdict(daemon_t state);
+
 // The finding that it manages links with another prefix than this one.
 std::optional<finding_t> prefix_finding(const daemon_state_t &daemon, const std::string &prefix);
 

@@ -98,7 +98,7 @@ std::string mirrored_leaf(const store_view_t &store) {
 long number_of(const options_t &options) {
     const long number = interface_number(options.link, options.prefix);
     if (number == 0) {
-        throw refusal("'" + shown(options.link) + "' cannot have a store interface; only " +
+        throw refusal("'" + shown(options.link) + "' cannot have an interface node; only " +
                           shown(options.prefix) + "0, " + shown(options.prefix) +
                           "1 and so on can (use -i for another prefix)",
                       exit_usage);

@@ -11,7 +11,7 @@
 
 namespace ctl {
 
-// The number of the store interface of the link on the command line; refuses a link that cannot
+// The number of the interface node of the link on the command line; refuses a link that cannot
 // have one.
 long number_of(const options_t &options);
 
@@ -47,7 +47,7 @@ bool carry_out(client_t &client, const options_t &options,
 // Adds the two leaves of one address to a step.
 void put_address(step_t &step, const std::string &node_path, const CAddress &address);
 
-// The path of the node "Addresses" of a store interface.
+// The path of the node "Addresses" of an interface node.
 std::string addresses_path(long interface);
 
 // Creates the node of an interface, and makes the daemon notice it. The client interface cannot

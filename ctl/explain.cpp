@@ -16,8 +16,8 @@ namespace ctl {
 
 namespace {
 
-// Makes a store node for the link. tandrel removes from the kernel what it knows as Static, and a
-// gateway, unless the new node contains them.
+// The command that creates an interface node for the link. tandrel removes from the kernel what it
+// knows as Static, and a gateway, unless the new node contains them.
 std::string node_command(const kernel_view_t &kernel, const kernel_link_t &link) {
     const bool configured =
         std::any_of(kernel.addresses.begin(), kernel.addresses.end(),
@@ -135,7 +135,7 @@ std::string explainer_t::for_shell(const std::string &command) const {
     return command + " " + shown_word(view.link);
 }
 
-// A Static address is checked again when it is added again. The kernel decides on the others.
+// A Static address is checked again when it is added again. Only the kernel can add the others.
 void explainer_t::explain_duplicate(const kernel_address_t &there, const address_row_t &row) {
     const std::string address = prefix_text(there.address);
     std::string command = "ip -6 address del " + address + " dev " + shown_word(view.link);
@@ -189,8 +189,8 @@ void explainer_t::explain_stored_only(const stored_address_t &stored) {
                      {"node", stored.node},
                      {"type", stored.type_text}};
     if (const stored_address_t *first = earlier(stored)) {
-        // The removal of a Static node would take the address from the kernel, so of an address
-        // that the kernel made and a person stored too, the other node goes.
+        // Removing a Static node would remove the address from the kernel as well, so if only one
+        // of the two is Static, the remedy removes the other.
         const bool keep_this =
             stored.address.type == type_static && first->address.type != type_static;
         words["other"] = keep_this ? stored.node : first->node;
@@ -246,7 +246,7 @@ bool explainer_t::is_own(const in6_addr &address) const {
     });
 }
 
-// The address alone is stored, if the kernel would accept it.
+// Suggests storing the address without the prefix length, if the kernel would accept it.
 void explainer_t::explain_bad_prefix(const stored_gateway_t &stored) {
     const std::string address = stored.text.substr(0, stored.text.find('/'));
     CRoute route;
@@ -291,7 +291,7 @@ void explainer_t::explain_kernel_route(const kernel_route_t &route) {
                      {"protocol", protocol_name(route.route.protocol)},
                      {"text", std::to_string(route.table)},
                      {"command", ""}};
-    // A route that another program made, such as an advertised one, is that program's.
+    // A route of another program, or an advertised one, is not tandrel's to change.
     const std::string store_it = for_shell("tandrelctl gateway set") + " " + gateway;
     const bool storable = stored_gateway() == nullptr && route.table == RT_TABLE_MAIN;
     if (!is_static(route)) {
@@ -381,7 +381,7 @@ void explain_store(const store_view_t &store, const kernel_view_t &kernel,
         if (!has_prefix(link.name, prefix)) {
             links += link.hwaddr.empty() ? "" : (links.empty() ? "" : ", ") + link.name;
         } else if (command.empty() && interface_number(link.name, prefix) != 0) {
-            command = node_command(kernel, link); // makes the interfaces' node as well
+            command = node_command(kernel, link); // also creates the parent node
         }
     }
     const bool none =
@@ -391,7 +391,7 @@ void explain_store(const store_view_t &store, const kernel_view_t &kernel,
         add(reason_t::no_link_managed,
             {{"text", links.empty() ? ""
                                     : "; to manage other links, start tandrel and tandrelctl with "
-                                      "-i PREFIX (there are: " +
+                                      "-i PREFIX (the links are: " +
                                           links + ")"}});
     }
     if (!store.listed) {

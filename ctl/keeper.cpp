@@ -20,12 +20,12 @@ namespace ctl {
 
 namespace {
 
-// The watchdog needs a ping in this time even if nothing happens.
+// The watchdog needs a ping within this time even if nothing happens.
 constexpr std::chrono::hours watchdog_period{24};
 constexpr std::chrono::seconds reconnect_interval{1};
 constexpr std::chrono::seconds unclear_interval{5};
 
-// What may come by itself when the daemon has handled a change.
+// Tasks that the daemon may make unnecessary by handling a change.
 bool is_lazy(const task_t &task) {
     return task.kind == task_t::synchronise || task.kind == task_t::take_out;
 }
@@ -76,7 +76,7 @@ moment_t keeper_t::step() {
         api_status_t status = tav_value::status_unset;
         client.tav.watchdog_ping(status);
         client.take_events();
-        // Others change it, too: by undo, and when their change is taken back.
+        // Other programs change it, too: `tav undo`, and the service when it reverts a change.
         memory = read_memory(client.tav);
         handled = std::max(handled, memory.handled.value_or(0));
         while (handle_history()) {
@@ -109,8 +109,8 @@ void keeper_t::connect() {
     }
     const std::uint32_t other = process_of(client, keeper_name);
     if (other != 0 && other != static_cast<std::uint32_t>(getpid())) {
-        throw refusal("another 'tandrelctl keep' runs already (process " + std::to_string(other) +
-                      ")");
+        throw refusal("another 'tandrelctl keep' is already running (process " +
+                      std::to_string(other) + ")");
     }
     api_status_t status = tav_value::status_unset;
     constexpr auto period = std::chrono::duration_cast<std::chrono::seconds>(watchdog_period);
@@ -123,7 +123,7 @@ void keeper_t::connect() {
     }
 }
 
-// What was handled and is not written yet would count as uncertain at the next start.
+// Changes that were handled but not yet recorded would be uncertain at the next start.
 void keeper_t::end() {
     if (!client.connected() || handled == memory.handled.value_or(0)) {
         return;
@@ -133,11 +133,11 @@ void keeper_t::end() {
     try {
         carry_out(client, writes);
     } catch (const store_lost &) {
-        // Then it is uncertain.
+        // Then they are uncertain.
     }
 }
 
-void keeper_t::show_confusion() {
+void keeper_t::store_confusion() {
     std::set<std::string> names;
     for (const auto &item : memory.confusion) {
         names.insert(item.first);
@@ -154,12 +154,12 @@ void keeper_t::show_confusion() {
         note_confusion(writes, link, is);
         memory.confusion[link] = is;
         if (carry_out(client, writes) && !is.empty()) {
-            say(shown(link) + ": nothing is set again on it (" + is + ")");
+            say(shown(link) + ": its settings are not restored (" + is + ")");
         }
     }
 }
 
-// A daemon that connects again has discarded what it knew of links.
+// A daemon that connects again has discarded what it knew about links.
 void keeper_t::notice_new_daemon() {
     if (!links.is_unclear()) {
         daemon_session.reset();
@@ -178,7 +178,7 @@ void keeper_t::work() {
     const store_view_t store = read_store(client.tav, options.prefix);
     seen = settings_of(store);
     notice_new_daemon();
-    show_confusion();
+    store_confusion();
     const plan_t plan = make_plan(memory, kernel, store, links, options.prefix);
     std::map<std::string, std::vector<const task_t *>> by_link;
     for (const task_t &task : plan.tasks) {
@@ -198,7 +198,7 @@ void keeper_t::work() {
         try {
             nudge_daemon(client, options, interface_number(touched, options.prefix));
         } catch (const refusal &) {
-            // Others change the store at the same time; the next attempt follows.
+            // The store changed at the same time; the next attempt retries.
         }
     }
 }
@@ -241,20 +241,20 @@ bool keeper_t::perform(const task_t &task) {
         return false;
     }
     if (!carry_out(client, writes_of(task, options.prefix))) {
-        return true; // the store is not what it was
+        return true; // the store has changed meanwhile
     }
     switch (task.kind) {
     case task_t::restore:
-        say_once(task.setting, "is set again (" + task.words + ")");
+        say_once(task.setting, "was restored (" + task.words + ")");
         break;
     case task_t::forget:
-        say_once(task.setting, "is forgotten (" + task.words + ")");
+        say_once(task.setting, "was forgotten (" + task.words + ")");
         break;
     case task_t::take_out:
         say_once(task.setting, "has a duplicate on the network; trying again");
         break;
     case task_t::remove:
-        say_once(task.setting, "is removed (" + task.words + ")");
+        say_once(task.setting, "was removed (" + task.words + ")");
         break;
     default:
         break;

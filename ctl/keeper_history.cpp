@@ -1,4 +1,4 @@
-// The part of the keeper that judges what left the store.
+// The part of the keeper that judges what was removed from the store.
 #include <algorithm>
 #include <limits>
 
@@ -45,7 +45,7 @@ bool keeper_t::handle_history() {
         if (change.number <= reached) {
             continue;
         }
-        // withdraw() has to know what was remembered before a change, and before its taking back.
+        // withdraw() has to know what was remembered before a change, and before its reversion.
         again = !writes.empty() && change.service != daemon_name;
         if (again) {
             all = false;
@@ -127,8 +127,8 @@ bool keeper_t::handle(const store_change_t &change, writes_t &writes) {
             return false;
         }
     }
-    if (change.taken_back != 0) {
-        withdraw(change.taken_back, writes); // after its deletions, which forget
+    if (change.reverted != 0) {
+        withdraw(change.reverted, writes); // after its deletions, which forget
     }
     return true;
 }
@@ -150,7 +150,7 @@ bool keeper_t::handle_departure(const setting_t &setting, writes_t &writes) {
         wake_at(verdict.until + std::chrono::milliseconds(1));
         return false;
     case verdict_t::by_hand:
-        tell(setting, "was deleted in the kernel and will not be set again");
+        report(setting, "was deleted in the kernel and will not be restored");
         relevant = true;
         return true;
     case verdict_t::uncertain:
@@ -175,13 +175,13 @@ bool keeper_t::handle_deletion(std::uint64_t number, const setting_t &setting, w
     if (!unfinished) {
         return true;
     }
-    tell(setting, "was removed from the store but is still in the kernel");
+    report(setting, "was removed from the store but is still in the kernel");
     begin_removal(writes, {setting, ""});
     return true;
 }
 
-// What the change had set would come back otherwise, if it left with its link meanwhile; and what
-// was remembered until the change set it would be lost.
+// Otherwise a setting that the change had stored would come back if its link lost it meanwhile, and
+// a setting that was remembered until the change stored it would be lost.
 void keeper_t::withdraw(std::uint64_t number, writes_t &writes) {
     for (const store_change_t &change :
          read_history(client, paths::interfaces, number - 1).changes) {
@@ -195,8 +195,8 @@ void keeper_t::withdraw(std::uint64_t number, writes_t &writes) {
                 since.push_back(one.leaves);
             }
             for (const auto &[one, is_kept] : remember_as_before(number, setting, since, writes)) {
-                tell(one, std::string(is_kept ? "is remembered again" : "is forgotten") +
-                              " (change " + std::to_string(number) + " was taken back)");
+                report(one, std::string(is_kept ? "is remembered again" : "was forgotten") +
+                                " (change " + std::to_string(number) + " was reverted)");
             }
         }
     }
@@ -208,7 +208,7 @@ void keeper_t::handle_gateway(const store_change_t &change, const fact_t &fact, 
         forget(writes, fact.setting);
         for (const kept_t &kept : memory.kept) {
             if (kept.setting.is_gateway && kept.setting.link == fact.setting.link) {
-                tell(kept.setting, "is forgotten (a gateway is stored again)");
+                report(kept.setting, "was forgotten (a gateway is stored again)");
             }
         }
         clearing =
@@ -220,8 +220,8 @@ void keeper_t::handle_gateway(const store_change_t &change, const fact_t &fact, 
 }
 
 void keeper_t::keep(const setting_t &setting, const std::string &why, writes_t &writes) {
-    tell(setting, "left the store (" + why + "); it will be set again when " + shown(setting.link) +
-                      " can carry it");
+    report(setting, "was removed from the store (" + why + "); it will be restored when " +
+                        shown(setting.link) + " can carry it");
     remember(writes, {setting, why, 0});
     relevant = true;
 }

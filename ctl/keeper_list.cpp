@@ -39,7 +39,7 @@ int keep_list(const options_t &options) {
         std::cout << shown(setting.link) << '\t' << text_of(setting) << '\t'
                   << (setting.node.empty() ? "-" : shown(setting.node)) << '\t'
                   << (kept.since > 0 ? date_text(kept.since) : "-") << '\t' << shown(kept.why)
-                  << '\t' << (waits.empty() ? "being set again" : "waits: " + waits) << '\n';
+                  << '\t' << (waits.empty() ? "being restored" : "waits: " + waits) << '\n';
     }
     for (const removal_t &removal : memory.removals) {
         std::cout << shown(removal.setting.link) << '\t' << text_of(removal.setting)

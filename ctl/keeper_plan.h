@@ -13,7 +13,7 @@
 
 namespace ctl {
 
-// A setting that left the store and will be set again.
+// A setting that was removed from the store and will be restored.
 struct kept_t {
     setting_t setting;
     std::string why;
@@ -47,9 +47,9 @@ struct leaf_change_t {
     std::optional<std::string> before, after;
 };
 
-// The settings that left the store, or were set in it, when these leaves changed at once. Of
-// the addresses only Static ones are settings; `type_unchanged`: whether an address whose type leaf
-// did not change is taken as Static.
+// The settings that were removed from the store, or set in it, when these leaves changed at once.
+// Of the addresses only Static ones are settings; `type_unchanged`: whether an address whose type
+// leaf did not change is taken as Static.
 std::vector<fact_t> facts_of(const std::vector<leaf_change_t> &leaves, const std::string &prefix,
                              bool type_unchanged);
 

@@ -47,8 +47,8 @@ std::optional<std::string> text_of(bool exists, const tav::Value &value) {
 }
 
 // The store makes that change itself, under this name.
-std::uint64_t number_taken_back(const tav::HistoryEntry &entry) {
-    const std::string name = "tavd taking back ";
+std::uint64_t number_reverted(const tav::HistoryEntry &entry) {
+    const std::string name = "tavd reverting ";
     return entry.service && entry.program.compare(0, name.size(), name) == 0
                ? std::strtoull(entry.program.c_str() + name.size(), nullptr, 10)
                : 0;
@@ -67,12 +67,9 @@ store_history_t read_history(client_t &client, const std::string &path, std::uin
     }
     store_history_t result{history.oldest, history.last, {}};
     for (const tav::HistoryEntry &entry : history.entries) {
-        store_change_t change{entry.number,
-                              entry.time,
-                              entry.service ? entry.program : "",
-                              number_taken_back(entry),
-                              {},
-                              entry.changes.empty() && entry.elements != 0};
+        store_change_t change{
+            entry.number,           entry.time, entry.service ? entry.program : "",
+            number_reverted(entry), {},         entry.changes.empty() && entry.elements != 0};
         for (const tav::ChangedElement &one : entry.changes) {
             change.leaves.push_back(
                 {one.path, text_of(one.existed, one.before), text_of(one.exists, one.after)});

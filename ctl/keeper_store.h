@@ -16,9 +16,9 @@ constexpr const char *daemon_name = "tandrel";      // the daemon's
 // One committed change of the store.
 struct store_change_t {
     std::uint64_t number = 0;
-    std::int64_t time = 0;        // seconds since 1970
-    std::string service;          // watchdog name of the client that made it; empty: none
-    std::uint64_t taken_back = 0; // number of the change that the store took back with this one
+    std::int64_t time = 0;      // seconds since 1970
+    std::string service;        // watchdog name of the client that made it; empty: none
+    std::uint64_t reverted = 0; // number of the change that the store reverted with this one
     std::vector<leaf_change_t> leaves;
     bool too_large = false; // so the store has not kept what it changed
 };

@@ -44,7 +44,7 @@ struct report_t {
     }
 };
 
-// What the keeper will set again, of the chosen links.
+// What the keeper will restore on the chosen links.
 void add_remembered(client_t &client, const options_t &options, report_t &report) {
     for (const kept_t &kept : read_memory(client.tav).kept) {
         const std::string &link = kept.setting.link;
@@ -133,7 +133,7 @@ int show(const options_t &options) {
     const bool colour = tav::terminal::use_color(options.colour);
     if (interfaces.empty()) {
         std::cout << "there is no link whose name begins with '" << shown(options.prefix)
-                  << "', and no store interface; try -i PREFIX, or --all for all links\n";
+                  << "', and no interface node; try -i PREFIX, or --all for all links\n";
     }
     const std::size_t differences = make_report(client, comparison, options).differences.size();
     if (differences > 0) {
@@ -167,9 +167,7 @@ int check(const options_t &options) {
         const bool colour = tav::terminal::use_color(options.colour);
         if (agree) {
             const bool known = report.daemon.state == daemon_t::working;
-            print({{known ? style_t::good : style_t::plain,
-                    known ? "kernel and store agree" : "kernel and store have the same settings"}},
-                  colour);
+            print({{known ? style_t::good : style_t::plain, verdict(report.daemon.state)}}, colour);
         }
         print_findings(report.differences, colour);
         print_findings(report.notes, colour);

@@ -29,7 +29,7 @@ struct mark_text_t {
 };
 
 constexpr std::array<mark_text_t, static_cast<std::size_t>(mark_t::half_known) + 1> marks{{
-    {mark_t::both, '=', style_t::good, "both", "both agree"},
+    {mark_t::both, '=', style_t::good, "both", "the same in both"},
     {mark_t::kernel_only, 'K', style_t::warn, "kernel-only", "only in the kernel"},
     {mark_t::store_only, 'S', style_t::warn, "store-only", "only in the store"},
     {mark_t::differ, '!', style_t::bad, "differ", "in both, but different"},
@@ -81,8 +81,8 @@ cells_t cells_of(const gateway_row_t &row) {
 std::string heading_of(const interface_view_t &interface) {
     std::string text = shown(interface.link);
     if (interface.store_known) {
-        text += interface.has_node ? ", store interface " + std::to_string(interface.number)
-                                   : ", no store interface";
+        text += interface.has_node ? ", interface node " + std::to_string(interface.number)
+                                   : ", no interface node";
     }
     if (!interface.kernel) {
         return text + ", no such link in the kernel";

@@ -33,30 +33,32 @@ constexpr reasons_t table{{
     {r::interface_is_leaf, note, "interface-is-leaf",
      "'{path}' is a leaf, not a node; tandrel ignores it", ""},
     {r::odd_interface_number, difference, "odd-interface-number",
-     "the interface node '{node}' is read for {link}, but tandrel writes to the node '{number}'",
+     "tandrel reads {link}'s settings from the interface node '{node}', but writes them to the "
+     "node '{number}'",
      "tandrelctl interface merge {link}"},
     {r::interface_twice, difference, "interface-twice",
-     "the interface nodes '{other}' and '{node}' are both for {link}; each synchronisation applies "
+     "the interface nodes '{other}' and '{node}' both belong to {link}; each synchronisation "
+     "applies "
      "the first, then the second",
      "tandrelctl interface merge {link}"},
     {r::strange_element, note, "strange-element",
-     "tandrel does not know '{path}'; it ignores the element and changes to it", ""},
+     "tandrel does not use '{path}', and ignores changes to it", ""},
     {r::no_link_managed, difference, "no-link-managed",
-     "no link of the kernel has a name that begins with '{prefix}', so tandrel manages none "
-     "here{text}",
+     "no link of the kernel has a name that begins with '{prefix}', so tandrel manages no "
+     "link{text}",
      ""},
 
     {r::link_absent, difference, "link-absent",
-     "the kernel has no link {link}; what is stored for it (interface {number}) waits until the "
-     "link "
-     "appears",
+     "the kernel has no link {link}; its stored settings (interface node {number}) take effect "
+     "when the link appears",
      ""},
     {r::wrong_prefix, note, "wrong-prefix",
      "not synchronised: its name does not begin with '{prefix}'; to manage such links instead, "
      "start tandrel and tandrelctl with -i {text}",
      ""},
     {r::no_node_fits, note, "no-node-fits",
-     "not synchronised: it cannot have a store node; only {prefix}0, {prefix}1 and so on can", ""},
+     "not synchronised: it cannot have an interface node; only {prefix}0, {prefix}1 and so on can",
+     ""},
     {r::not_ethernet, difference, "not-ethernet", "not synchronised: it is not an Ethernet link",
      ""},
     {r::no_hardware_address, difference, "no-hardware-address",
@@ -71,15 +73,15 @@ constexpr reasons_t table{{
      "IPv6 is disabled on this link, so the kernel refuses every address and gateway",
      "sysctl -w net/ipv6/conf/{link}/disable_ipv6=0 && tandrelctl nudge"},
     {r::no_store_node, difference, "no-store-node",
-     "the store has no node for it (interface {number}), and tandrel never creates one; the link "
-     "is not synchronised",
+     "the link is not synchronised, because the store has no interface node {number} for it",
      "{command}"},
     {r::link_down, note, "link-down",
      "the link is down: the kernel does not use its addresses and accepts no gateway (tandrel(8), "
      "CAVEATS, says how to keep settings while a link is down)",
      "ip link set {link} up"},
     {r::setting_remembered, note, "setting-remembered",
-     "{text} left the store ({why}); 'tandrelctl keep' sets it again when the link can carry it",
+     "{text} was removed from the store ({why}); 'tandrelctl keep' restores it when the link can "
+     "carry it",
      ""},
 
     {r::address_is_leaf, note, "address-is-leaf",
@@ -107,8 +109,8 @@ constexpr reasons_t table{{
      "the stored address '{node}' is skipped: '{text}' is not an IPv6 address",
      "tandrelctl address del {link} --node {node}"},
     {r::type_unknown, difference, "type-unknown",
-     "the stored address '{node}' ('{text}') is skipped: its type '{type}' is none of Static, "
-     "Automatic and Link-Local (case matters)",
+     "the stored address '{node}' ('{text}') is skipped: its type '{type}' is not Static, "
+     "Automatic or Link-Local (case matters)",
      "tandrelctl address replace {link} {text}"},
 
     {r::address_not_in_kernel, difference, "address-not-in-kernel",
@@ -119,8 +121,8 @@ constexpr reasons_t table{{
      "{address} (node '{node}') is in the store only: a link cannot have {type}",
      "tandrelctl address del {link} --node {node}"},
     {r::address_left_over, difference, "address-left-over",
-     "{address} ({type}, node '{node}') is in the store only; the kernel decides on such "
-     "addresses, so tandrel removes it at its next synchronisation ('tandrelctl address replace' "
+     "{address} ({type}, node '{node}') is in the store only; for such addresses the kernel wins, "
+     "so tandrel removes it at its next synchronisation ('tandrelctl address replace' "
      "makes it a Static one)",
      "tandrelctl nudge"},
     {r::address_stored_twice, difference, "address-stored-twice",
@@ -141,12 +143,12 @@ constexpr reasons_t table{{
      "length applies, and tandrel stores it when the node is removed",
      "tandrelctl address del {link} --node {node} --force"},
     {r::type_differs, difference, "type-differs",
-     "{address} is stored as {type} (node '{node}'), but the kernel has it as {other}: tandrel "
-     "removes the node and then stores the address again",
+     "{address} is stored as {type} (node '{node}'), but the kernel has it as {other}: at its next "
+     "synchronisations tandrel removes the node, then stores the address with the kernel's type",
      "tandrelctl address del {link} --node {node} --force"},
     {r::duplicate_found, difference, "duplicate-found",
-     "{address}: duplicate address detection failed; another host on the link has it, and the "
-     "kernel does not use it; change the other host first",
+     "{address}: duplicate address detection failed; another host on the link uses it, so the "
+     "kernel does not; change the other host first",
      "{command}"},
     {r::address_waits, note, "address-waits",
      "{address} is tentative: the kernel checks it for duplicates first, which needs the link to "
@@ -197,8 +199,8 @@ constexpr reasons_t table{{
      "replaces the kernel's at its next synchronisation",
      "tandrelctl nudge"},
     {r::gateway_second, difference, "gateway-second",
-     "the kernel has another static default route, via {gateway}; tandrel manages only the newest "
-     "one of a link, and removes the other within moments",
+     "the kernel has another static default route, via {gateway}; tandrel keeps only a link's "
+     "newest one, and removes the other within moments",
      ""},
     {r::route_other_protocol, note, "route-other-protocol",
      "the default route via {gateway} has protocol {protocol}; tandrel manages only static ones",
@@ -221,14 +223,13 @@ constexpr reasons_t table{{
      ""},
 
     {r::daemon_absent, difference, "daemon-absent",
-     "it does not run here, so nothing is synchronised", "{start}"},
+     "it is not running here, so nothing is synchronised", "{start}"},
     {r::daemon_disconnected, difference, "daemon-disconnected",
      "it is not connected to the settings store, so nothing is synchronised; its log says why",
      "{restart}"},
     {r::daemon_hangs, difference, "daemon-hangs",
-     "it is connected to the settings store, but has shown no sign of life for {text}",
-     "{restart}"},
-    {r::daemon_unknown, note, "daemon-unknown", "whether it runs is not known: {text}", ""},
+     "it is connected to the settings store, but has not responded for {text}", "{restart}"},
+    {r::daemon_unknown, note, "daemon-unknown", "cannot tell whether it is running: {text}", ""},
     {r::daemon_prefix, difference, "daemon-prefix",
      "it manages links whose names begin with '{text}', not '{prefix}'; use tandrelctl -i {text}",
      ""},

@@ -10,7 +10,7 @@ namespace ctl {
 // Whether the daemon considers links of this name.
 bool has_prefix(const std::string &link, const std::string &prefix);
 
-// The number of the store interface of a link: N for the prefix followed by N - 1 in decimal; 0 for
+// The number of the interface node of a link: N for the prefix followed by N - 1 in decimal; 0 for
 // any other name.
 long interface_number(const std::string &link, const std::string &prefix);
 

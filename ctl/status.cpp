@@ -194,7 +194,7 @@ void print_text(const status_t &status, const std::string &prefix, bool colour) 
     }
     for (const waiting_t &one : status.waiting) {
         line("unconfirmed: ", true,
-             text_of(one) + ", taken back in " + std::to_string(one.left / 1000) + " s");
+             text_of(one) + ", reverts in " + std::to_string(one.left / 1000) + " s");
         line("          ", true, "-> tandrelctl confirm " + std::to_string(one.number));
     }
     line("last synchronisation: ", true, synchronised_text(status.daemon));

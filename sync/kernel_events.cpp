@@ -63,7 +63,7 @@ void CSync::add_kern_addr(const CKernAddress &addr) {
         std::any_of(known.begin(), known.end(), [&](const CFullAddress &present) {
             return same_address(present, addr) && present.prefix_len != addr.prefix_len;
         })) {
-        return; // announced before the daemon replaced it with one of another prefix length
+        return; // sent before the daemon replaced the address with one of another prefix length
     }
     CFullAddress *match = nullptr;
     for (CFullAddress &present : known) {

@@ -21,8 +21,8 @@ struct address_less {
     }
 };
 
-// Compares one link's known addresses with the stored ones. Notes for each known address its
-// position in the table, and whether the store has it.
+// Compares one link's known addresses with the stored ones. Records each known address's position
+// in the table and whether the store has it.
 class address_pass {
 public:
     explicit address_pass(ifcfg_t &link) : known(link.addresses) { include_new(false); }
@@ -36,7 +36,7 @@ public:
     }
 
     // Marks and returns the entry that a stored address matches: the first of the same address and
-    // type. An address that the kernel assigned itself but that is stored as Static becomes Static.
+    // type. An Automatic address that is stored as Static becomes Static.
     boost::optional<std::size_t> match(const CTavAddress &stored) {
         const auto same = positions.equal_range(stored.addr); // in the table's order
         for (auto at = same.first; at != same.second; ++at) {
@@ -55,13 +55,13 @@ public:
         return boost::none;
     }
 
-    // Calls leaves(entry, in_store) for each entry, in order, and erases those for which it returns
-    // true. Call it after the last match.
-    template <typename Leaves>
-    void erase_if(const Leaves &leaves) {
+    // Calls is_obsolete(entry, in_store) for each entry, in order, and erases those for which it
+    // returns true. Call it after the last match.
+    template <typename IsObsolete>
+    void erase_if(const IsObsolete &is_obsolete) {
         std::size_t kept = 0;
         for (std::size_t i = 0; i < known.size(); ++i) {
-            if (leaves(known[i], seen[i])) {
+            if (is_obsolete(known[i], seen[i])) {
                 continue;
             }
             if (kept != i) {

@@ -91,11 +91,11 @@ watch_on_a_terminal() {
         "$screen" </dev/null >/dev/null &
     watcher=$!
     on_screen() { last_screen "$screen" | grep -qF -- "$1"; }
-    expect 20 "The watch draws its table." on_screen 'KERNEL'
+    expect 20 "It draws its table." on_screen 'KERNEL'
     ip address add 2001:db8:4::9/64 dev eth0
-    expect 20 "An address of the kernel's appears in it ..." on_screen '= 2001:db8:4::9/64'
+    expect 20 "An address added in the kernel appears in it ..." on_screen '= 2001:db8:4::9/64'
     ip address del 2001:db8:4::9/64 dev eth0
-    expect 20 "... and goes again." on_screen '- eth0 store: address node'
+    expect 20 "... and disappears again." on_screen '- eth0 store: address node'
     last_screen "$screen" | sed 's/^/   |/'
     kill -INT "$(pgrep -P "$watcher" -x tandrelctl)"
     wait "$watcher"
@@ -192,7 +192,7 @@ printf '%s                       G="%s"%s\n' "$dim" "$gateway" "$plain"
 : >"$dir/tandrel.log"
 make_world
 start_store
-expect 5 "The settings store runs (tavd), empty." store_answers
+expect 5 "The settings store (tavd) is running, and empty." store_answers
 [ "$DEMO_SHOW" = no ] || start_watch
 
 headline "The kernel configures itself; its addresses are stored."
@@ -201,7 +201,7 @@ do_it tav mknode "$interface"
 printf ' $ tandrel -d -D 3 &\n'
 start_daemon
 advertised() { kernel_addresses | grep -q '^2001:db8:1:'; }
-expect 15 "The kernel gave eth0 a link-local address, and one of the advertised prefix." advertised
+expect 15 "The kernel gave eth0 a link-local address, and one from the advertised prefix." advertised
 automatic() {
     in_step && [ "$(type_of "$(kernel_addresses | grep '^fe80:')")" = Link-Local ] &&
         [ "$(type_of "$(kernel_addresses | grep '^2001:db8:1:')")" = Automatic ]
@@ -222,7 +222,7 @@ headline "A gateway is set in the same way, then changed."
 both_views before
 do_it tav set "$gateway/Value" fe80::1
 gateway_is() { [ "$(kernel_gateway)" = "$1" ] && [ "$(store_gateway)" = "$1" ]; }
-expect 5 "The kernel routes by default via fe80::1." gateway_is fe80::1
+expect 5 "The kernel's default route is via fe80::1." gateway_is fe80::1
 both_views between
 do_it tav set "$gateway/Value" fe80::2
 expect 5 "Now via fe80::2, and fe80::1 is gone." gateway_is fe80::2
@@ -232,7 +232,7 @@ daemon_said 'overriding|route \['
 headline "An address is deleted in the kernel; it is removed from the store."
 both_views before
 do_it ip address del 2001:db8:2::5/64 dev eth0
-expect 5 "The store has forgotten 2001:db8:2::5/64." not store_has 2001:db8:2::5/64
+expect 5 "The store no longer has 2001:db8:2::5/64." not store_has 2001:db8:2::5/64
 both_views after
 daemon_said 'REMOVING addr'
 
@@ -248,13 +248,13 @@ printf ' $ tavd --database settings.db &\n'
 start_store
 expect 5 "The store is back, with everything that it had acknowledged." store_answers
 do_it tav set "$addresses/lab/Address/Value" 2001:db8:3::7/64 "$addresses/lab/Type/Value" Static
-expect 25 "The daemon is back as well: the kernel has 2001:db8:3::7/64." kernel_has 2001:db8:3::7/64
+expect 25 "The daemon has recovered, too: the kernel has 2001:db8:3::7/64." kernel_has 2001:db8:3::7/64
 expect 10 "Both views agree." in_step
 both_views after
 daemon_said 'Caught exception|beginning normal operation'
 
 if [ "$DEMO_SHOW" = yes ]; then
-    headline "An address is added and removed, and a terminal shows it."
+    headline "An address is added and removed, and 'tandrelctl watch' shows it."
     watch_on_a_terminal
 fi
 if [ "$DEMO_STAY" = yes ]; then
@@ -286,5 +286,5 @@ printf ' %s✓ It ended with status 0, and left both sides as they were.%s\n' "$
 both_views afterwards
 daemon_said 'exit signal|Exiting'
 
-printf '\n%sAll of it happened on a real kernel.%s Next: README.md; ./demo --stay to try it yourself.\n' \
+printf '\n%sAll of this happened on a real kernel.%s To try it yourself, run ./demo --stay; then read README.md.\n' \
     "$bold" "$plain"

@@ -197,7 +197,7 @@ TEST_F(Editing, UnusableAddressesAreRefused) {
     }
     options.address = "2001:db8::5/64";
     options.link = "wlan0";
-    EXPECT_EQ(refused(2, ctl::address_add), "'wlan0' cannot have a store interface; only eth0, "
+    EXPECT_EQ(refused(2, ctl::address_add), "'wlan0' cannot have an interface node; only eth0, "
                                             "eth1 and so on can (use -i for another prefix)");
     EXPECT_EQ(fake_tav::writes(), 0U);
 }

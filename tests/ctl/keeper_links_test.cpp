@@ -1,4 +1,4 @@
-// Why a setting left the store: the kernel's messages in their order, and the verdict on them.
+// Why a setting was removed: the kernel's messages in their order, and the verdict on them.
 #include "ctl/keeper_links.h"
 
 #include <functional>

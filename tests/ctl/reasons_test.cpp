@@ -100,14 +100,15 @@ TEST_F(Reasons, AnInterfaceNumberIsSpeltOddly) {
     fake_tav::erase(at("1"));
     fake_tav::put_node(at("01"));
     expect(reason_t::odd_interface_number,
-           "the interface node '01' is read for eth0, but tandrel writes to the node '1'",
+           "tandrel reads eth0's settings from the interface node '01', but writes them to the "
+           "node '1'",
            "tandrelctl interface merge eth0");
 }
 
 TEST_F(Reasons, TwoInterfaceNodesAreForOneLink) {
     fake_tav::put_node(at("+1"));
     expect(reason_t::interface_twice,
-           "the interface nodes '1' and '+1' are both for eth0; each synchronisation applies the "
+           "the interface nodes '1' and '+1' both belong to eth0; each synchronisation applies the "
            "first, then the second",
            "tandrelctl interface merge eth0", {reason_t::odd_interface_number});
 }
@@ -115,8 +116,8 @@ TEST_F(Reasons, TwoInterfaceNodesAreForOneLink) {
 TEST_F(Reasons, AnElementIsUnknownToTheDaemon) {
     fake_tav::put(at("1/IPv6/DNS"), "2001:db8::53");
     expect(reason_t::strange_element,
-           "tandrel does not know '/Software/System Settings/Network/Interface/1/IPv6/DNS'; it "
-           "ignores the element and changes to it",
+           "tandrel does not use '/Software/System Settings/Network/Interface/1/IPv6/DNS', and "
+           "ignores changes to it",
            "");
 }
 
@@ -138,8 +139,8 @@ TEST_F(Reasons, StrangeElementsAreSeenInAddressesAndGatewaysToo) {
 TEST_F(Reasons, TheKernelHasNoSuchLink) {
     store("x", "2001:db8::5/64", "Static", "4");
     expect(reason_t::link_absent,
-           "the kernel has no link eth3; what is stored for it (interface 4) waits until the link "
-           "appears",
+           "the kernel has no link eth3; its stored settings (interface node 4) take effect when "
+           "the link appears",
            "");
 }
 
@@ -182,15 +183,16 @@ TEST_F(Reasons, NoLinkHasThePrefix) {
     kernel.links[0].name = "enp3s0";
     link("lo").hwaddr.clear();
     expect(reason_t::no_link_managed,
-           "no link of the kernel has a name that begins with 'eth', so tandrel manages none here; "
-           "to manage other links, start tandrel and tandrelctl with -i PREFIX (there are: enp3s0)",
+           "no link of the kernel has a name that begins with 'eth', so tandrel manages no link; "
+           "to manage other links, start tandrel and tandrelctl with -i PREFIX (the links are: "
+           "enp3s0)",
            "", {reason_t::wrong_prefix, reason_t::wrong_prefix, reason_t::link_absent});
 }
 
 TEST_F(Reasons, TheOnlyLinkIsUnplugged) {
     kernel.links.clear();
     expect(reason_t::no_link_managed,
-           "no link of the kernel has a name that begins with 'eth', so tandrel manages none here",
+           "no link of the kernel has a name that begins with 'eth', so tandrel manages no link",
            "", {reason_t::link_absent});
 }
 
@@ -204,7 +206,7 @@ TEST_F(Reasons, ThePrefixIsWhatTheCommandLineSays) {
 TEST_F(Reasons, NoNumberCanNameALink) {
     link("eth0.5");
     expect(reason_t::no_node_fits,
-           "not synchronised: it cannot have a store node; only eth0, eth1 and so on can", "");
+           "not synchronised: it cannot have an interface node; only eth0, eth1 and so on can", "");
 }
 
 TEST_F(Reasons, ALinkIsNotAnEthernetOne) {
@@ -240,8 +242,7 @@ TEST_F(Reasons, Ipv6IsDisabledOnTheLink) {
 TEST_F(Reasons, TheStoreHasNoNodeForALink) {
     fake_tav::erase(at("1"));
     expect(reason_t::no_store_node,
-           "the store has no node for it (interface 1), and tandrel never creates one; the link is "
-           "not synchronised",
+           "the link is not synchronised, because the store has no interface node 1 for it",
            "tandrelctl interface add eth0");
     route("fe80::1"); // a new, empty node would take it from the kernel
     EXPECT_EQ(findings().at(0).remedy(), "tandrelctl import --from-kernel --write eth0");
@@ -332,8 +333,8 @@ TEST_F(Reasons, AStoredAddressIsInvalid) {
 TEST_F(Reasons, AStoredTypeIsUnknown) {
     store("x", "2001:db8::5/64", "static");
     expect(reason_t::type_unknown,
-           "the stored address 'x' ('2001:db8::5/64') is skipped: its type 'static' is none of "
-           "Static, Automatic and Link-Local (case matters)",
+           "the stored address 'x' ('2001:db8::5/64') is skipped: its type 'static' is not Static, "
+           "Automatic or Link-Local (case matters)",
            "tandrelctl address replace eth0 2001:db8::5/64");
 }
 
@@ -368,8 +369,8 @@ TEST_F(Reasons, ALinkCannotHaveSuchAnAddress) {
 TEST_F(Reasons, AnAutomaticAddressIsInTheStoreOnly) {
     store("x", "2001:db8::5/64", "Automatic");
     expect(reason_t::address_left_over,
-           "2001:db8::5/64 (Automatic, node 'x') is in the store only; the kernel decides on such "
-           "addresses, so tandrel removes it at its next synchronisation ('tandrelctl address "
+           "2001:db8::5/64 (Automatic, node 'x') is in the store only; for such addresses the "
+           "kernel wins, so tandrel removes it at its next synchronisation ('tandrelctl address "
            "replace' makes it a Static one)",
            "tandrelctl nudge");
 }
@@ -438,7 +439,8 @@ TEST_F(Reasons, AnAddressIsStoredUnderAnotherTypeThanTheKernels) {
     store("x", "fe80::5/64", "Automatic");
     expect(reason_t::type_differs,
            "fe80::5/64 is stored as Automatic (node 'x'), but the kernel has it as Link-Local: "
-           "tandrel removes the node and then stores the address again",
+           "at its next synchronisations tandrel removes the node, then stores the address with "
+           "the kernel's type",
            "tandrelctl address del eth0 --node x --force");
 }
 
@@ -446,8 +448,8 @@ TEST_F(Reasons, DuplicateAddressDetectionFailed) {
     address("2001:db8::5", 64).flags = IFA_F_DADFAILED | IFA_F_TENTATIVE;
     store("x", "2001:db8::5/64");
     expect(reason_t::duplicate_found,
-           "2001:db8::5/64: duplicate address detection failed; another host on the link has it, "
-           "and the kernel does not use it; change the other host first",
+           "2001:db8::5/64: duplicate address detection failed; another host on the link uses it, "
+           "so the kernel does not; change the other host first",
            "tandrelctl address del eth0 2001:db8::5/64 --wait && tandrelctl address add eth0 "
            "2001:db8::5/64 --node x --wait");
     store("x", "2001:db8::5/64", "Automatic");
@@ -590,8 +592,8 @@ TEST_F(Reasons, TheKernelHasASecondStaticDefaultRoute) {
     route("fe80::1");
     store_gateway("fe80::1");
     expect(reason_t::gateway_second,
-           "the kernel has another static default route, via fe80::2; tandrel manages only the "
-           "newest one of a link, and removes the other within moments",
+           "the kernel has another static default route, via fe80::2; tandrel keeps only a link's "
+           "newest one, and removes the other within moments",
            "");
 }
 
@@ -662,17 +664,20 @@ TEST_F(Reasons, TheDaemonDoesNotWork) {
         EXPECT_EQ(finding->sentence(), sentence);
         EXPECT_EQ(finding->remedy(), remedy);
     };
-    expect_finding(ctl::daemon_t::absent, "it does not run here, so nothing is synchronised",
+    expect_finding(ctl::daemon_t::absent, "it is not running here, so nothing is synchronised",
                    ctl::service_command("start", ""));
     expect_finding(ctl::daemon_t::disconnected,
                    "it is not connected to the settings store, so nothing is synchronised; its log "
                    "says why",
                    ctl::service_command("restart", "42"));
     expect_finding(ctl::daemon_t::hangs,
-                   "it is connected to the settings store, but has shown no sign of life for 1m1s",
+                   "it is connected to the settings store, but has not responded for 1m1s",
                    ctl::service_command("restart", "42"));
-    expect_finding(ctl::daemon_t::unknown, "whether it runs is not known: of the moon", "");
+    expect_finding(ctl::daemon_t::unknown, "cannot tell whether it is running: of the moon", "");
     EXPECT_FALSE(ctl::daemon_finding({ctl::daemon_t::working, 42, 0, ""}));
+    EXPECT_STREQ(ctl::verdict(ctl::daemon_t::working), "kernel and store agree");
+    EXPECT_STREQ(ctl::verdict(ctl::daemon_t::unknown), "kernel and store have the same settings; "
+                                                       "whether tandrel is running is not known");
 }
 
 TEST_F(Reasons, TheDaemonManagesLinksWithAnotherPrefix) {

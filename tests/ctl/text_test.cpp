@@ -53,14 +53,14 @@ TEST_F(Table, ShowsBothViewsSideBySide) {
     store("wan port", "2001:db8::6/64\x1b");
     store_gateway("fe80::1");
     const std::vector<std::string> expected{
-        "eth0, store interface 1, up, 02:00:00:00:00:05",
+        "eth0, interface node 1, up, 02:00:00:00:00:05",
         "  KERNEL          STORE               TYPE        NODE      STATE",
         "K 2001:db8::5/64  -                   -           -         tentative",
         "= fe80::5/64      fe80::5/64          Link-Local  1",
         "? -               2001:db8::6/64\\x1b  Static      wan port",
         "= via fe80::1     fe80::1             Gateway     -         protocol static",
         "",
-        "= both agree   K only in the kernel   ? stored, but cannot be used"};
+        "= the same in both   K only in the kernel   ? stored, but cannot be used"};
     EXPECT_EQ(lines(), expected);
 }
 
@@ -92,8 +92,7 @@ TEST_F(Table, OmitsUntrackedAndUnstoredLinksUnlessRequested) {
     EXPECT_EQ(lines().size(), 5U);
     options.all = false;
     options.link = "wlan0";
-    EXPECT_EQ(lines().front(),
-              "wlan0, no store interface, up, 02:00:00:00:00:05, not synchronised");
+    EXPECT_EQ(lines().front(), "wlan0, no interface node, up, 02:00:00:00:00:05, not synchronised");
     options.link = "eth7";
     EXPECT_THROW(lines(), ctl::refusal);
 }
@@ -111,12 +110,12 @@ TEST_F(Table, FitsAnEightyColumnTerminal) {
     }
     EXPECT_EQ(texts,
               (std::vector<std::string>{
-                  "eth0, store interface 1, up, 02:00:00:00:00:05",
+                  "eth0, interface node 1, up, 02:00:00:00:00:05",
                   "  ENTRY                                      TYPE    NODE",
                   "= 2001:db8:1111:2222:3333:4444:5555:6666/64  Static  a long name  tentative",
                   "! 2001:db8:1111:2222:3333:4444:5555:7777/64  Static  x",
                   "    stored: 2001:db8:1111:2222:3333:4444:5555:7777/48", "",
-                  "= both agree   ! in both, but different"}));
+                  "= the same in both   ! in both, but different"}));
 }
 
 TEST_F(Table, RowsAndLinksAreSorted) {

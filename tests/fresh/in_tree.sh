@@ -65,7 +65,7 @@ run() {
     fi
     "${as[@]}" "./$command" > >(tee "$log") 2>&1 || { result="FAILED: $(tail -n 1 "$log")"; return 1; }
     if [ "$command" = demo ]; then
-        grep -q '^All of it happened on a real kernel' "$log" || { result="FAILED: no end"; return 1; }
+        grep -q '^All of this happened on a real kernel' "$log" || { result="FAILED: no end"; return 1; }
         result=ok
     else
         result=$(tail -n 1 "$log")

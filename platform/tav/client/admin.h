@@ -15,7 +15,7 @@ namespace tav {
 TAV_EXPORT int transact(mlr_client_t *client, const std::vector<Item> &items,
                         std::vector<api_status_t> &statuses);
 
-// The same, but the service takes the change back unless it is confirmed within `term` milliseconds
+// The same, but the service reverts the change unless it is confirmed within `term` milliseconds
 // (1 to limits::confirm_term; otherwise each status is api_status_bad_value). `number` identifies
 // it; 0 if nothing was changed.
 TAV_EXPORT int transact_pending(mlr_client_t *client, const std::vector<Item> &items,

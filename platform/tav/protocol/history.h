@@ -37,7 +37,7 @@ struct HistoryEntry {
     bool service = false;
     std::uint64_t elements = 0; // that it changed
     // In no particular order. Empty if the transaction was too large for its values to be kept, or
-    // took a change back of which nothing was left.
+    // reverted a change of which nothing was left.
     std::vector<ChangedElement> changes;
 };
 
@@ -51,7 +51,7 @@ struct History {
     std::uint64_t last = 0; // of the newest entry, wherever its changes are
 };
 
-// A change that is taken back unless it is confirmed in time.
+// A change that is reverted unless it is confirmed in time.
 struct PendingChange {
     HistoryEntry change;    // with all values
     std::uint32_t term = 0; // milliseconds
@@ -60,7 +60,7 @@ struct PendingChange {
 // A request for them has no content. In the answer a 1 and a change follow for each, oldest first,
 // and then a 0.
 
-// A transaction that is taken back unless it is confirmed has the milliseconds of its term (32
+// A transaction that is reverted unless it is confirmed has the milliseconds of its term (32
 // bits) before its steps; the answer has the change's number (64 bits) after the statuses, 0 if
 // nothing was changed. A confirmation has the number of the change; 0 means the only one of the
 // client's user. Its answer is a status and the number.

@@ -41,7 +41,7 @@ enum class Op : std::uint8_t {
     history = 14,
     read_ahead = 15,         // everything below a node, until a notice makes it void
     ping_after_answers = 16, // a ping; the library has answered calls from its read-ahead
-    transact_pending = 17,   // a transaction that is taken back unless it is confirmed in time
+    transact_pending = 17,   // a transaction that is reverted unless it is confirmed in time
     confirm = 18,
     pending = 19, // what waits for its confirmation
 };

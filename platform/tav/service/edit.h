@@ -1,5 +1,5 @@
-// One transaction on a tree: each step is applied at once, so that later steps see it, to a copy
-// that nobody else sees. Dropping the edit undoes all of it.
+// One transaction on a tree. Each step is applied at once to a private copy, where later steps see
+// it. Dropping the edit undoes all of it.
 #pragma once
 
 #include <cstdint>
@@ -17,9 +17,10 @@
 
 namespace tav {
 
-// The net change of one path by a transaction. An absent element has no value; a node has one of
-// type node.
 struct Record;
+
+// The net change of one path by a transaction. A null value means that the element is absent; a
+// node has a value of type node.
 struct Change {
     using ValuePtr = std::shared_ptr<const Value>;
 
@@ -27,7 +28,7 @@ struct Change {
     ValuePtr before;
     ValuePtr after;
     bool touched = false; // an event is wanted even if the content does not change
-    // Of the last change of a transaction: what to store in the history, if there is one.
+    // Set only in a transaction's last change: its history record, if a history is kept.
     std::shared_ptr<const Record> record = nullptr;
 
     // The element appears, disappears or has other content.
@@ -35,7 +36,7 @@ struct Change {
     // Whether the stored data differs: besides the above, a leaf that was removed and written again
     // with equal content has another time stamp.
     bool stored() const;
-    // The part of a difference that concerns a leaf; events are made from it.
+    // Whether the change sets, or removes, a leaf; each causes an event.
     bool leaf_set() const;
     bool leaf_removed() const;
 };
@@ -46,11 +47,11 @@ public:
     using Changes = std::list<Change>;
     using ByPath = std::unordered_map<std::string_view, Changes::iterator>; // keys are in the list
 
-    // `now`: the time stamp of values without one, in seconds since 1970.
-    // The steps together remove and touch at most as many elements as `base` has, and
-    // limits::paths_per_request more: otherwise a few bytes could make work without end. What is
-    // kept of the changes takes at most limits::change_bytes more than `base`: it contains whole
-    // paths, of which there may be many long ones.
+    // `current_time`: the time stamp of values without one, in seconds since 1970.
+    // The steps together may remove and touch at most limits::paths_per_request elements more than
+    // `base` has, because a short request could otherwise cause unlimited work. The recorded
+    // changes may use at most limits::change_bytes more than `base`, because they contain full
+    // paths.
     Edit(const Tree &base, std::int64_t current_time)
         : edited(base), now(current_time), by_path(1),
           visits_left(base.extent().elements() + limits::paths_per_request),
@@ -59,24 +60,23 @@ public:
     Edit(const Edit &) = delete;
     Edit &operator=(const Edit &) = delete;
 
-    // Does a part of one step that takes well under a millisecond, path and value unchecked so far;
-    // true when the step is complete. Any status except api_status_ok then means that the whole
-    // edit must be dropped, also after an exception.
+    // Does part of one step, in well under a millisecond; returns true when the step is complete.
+    // Checks path and value itself. After any status except api_status_ok, or an exception, the
+    // whole edit must be dropped.
     bool advance(const Item &item, api_status_t &status);
     // The whole step.
     api_status_t apply(const Item &item);
 
     const Tree &tree() const { return edited; }
-    // Every path of a changed element; some are as they were before. None may be destroyed before
-    // the edit.
+    // All changes, including some that restored the old content. They must outlive the edit.
     Changes &changes() { return list; }
-    // Removes one that is as before.
+    // Removes a change that changes nothing.
     void set_aside(Changes::const_iterator change) noexcept {
         same.splice(same.end(), list, change);
     }
 
-    // tree() with the changes of another transaction, which precedes this one. Nothing if these
-    // changes might have altered the effect of a step so far.
+    // tree() with the changes of another transaction, which precedes this one. Empty if those
+    // changes could have affected a step of this edit.
     std::optional<Tree> with(const Changes &earlier) const;
     void go_on_from(Tree tree) noexcept { edited = std::move(tree); }
 
@@ -94,9 +94,9 @@ private:
     Tree edited;
     std::int64_t now;
     Changes list;
-    Changes same;              // set aside
-    std::list<ByPath> by_path; // one
-    // Paths of steps that depend on what is there, but do not change it.
+    Changes same;              // changes that change nothing
+    std::list<ByPath> by_path; // always one element: a list can be handed to garbage::add
+    // Paths that steps read but did not change.
     std::unordered_set<std::string> examined;
     std::size_t visits_left; // of elements to remove or touch
     std::size_t most_bytes;

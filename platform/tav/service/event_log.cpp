@@ -9,7 +9,7 @@ namespace tav {
 
 namespace {
 
-// The two containers' elements with the allocator's headers.
+// The estimated size of one event in both containers, with the allocator's overhead.
 constexpr std::size_t entry_bytes = sizeof(LoggedEvent) + 3 * sizeof(void *) + // in the list
                                     8 * sizeof(void *) + sizeof(std::int32_t); // in the index
 
@@ -54,9 +54,10 @@ void EventBatch::absorb(EventBatch &later) noexcept {
             event.others =
                 std::max(event.others, same_author ? replaced->others : replaced->position);
             used -= bytes_of(*replaced);
+            // Otherwise the node is not used again.
             if (moves_later) {
                 to.erase(known);
-            } // else the node is not used again
+            }
             list.erase(replaced);
             if (!moves_later) {
                 continue;

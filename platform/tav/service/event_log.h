@@ -1,6 +1,10 @@
-// The events that clients have not fetched yet. All clients share one copy of each event: a client
-// has only its position in the log, after the last event that it has fetched. So an event costs the
-// same however many clients wait for it.
+// The events that clients have not fetched yet. All clients share one copy of each event: for a
+// client, only its position in the log is stored, just after the last event that it fetched. So an
+// event costs the same however many clients wait for it.
+//
+// Events of completed transactions are staged: first in the group being assembled (the transactions
+// that will be committed together), then in the closed group (being committed). When the commit has
+// succeeded, they are published: clients can fetch them.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +24,7 @@ namespace tav {
 
 class Session;
 
-// Sessions have numbers above 0. 0 is a change by none of them.
+// Sessions have numbers above 0. 0: no session made the change.
 using SessionId = std::uint64_t;
 
 // The sessions that have registered for a path.
@@ -29,17 +33,17 @@ struct Audience {
     std::vector<Session *> members;
 };
 
-// The change of one leaf. A later one of the same path and command replaces it: it takes a place at
-// the end, so that the last event on a path always describes its present state, and the remaining
-// events of each transaction stay together.
+// The change of one leaf. A later event with the same path and command replaces it. The new event
+// goes to the end, so that the last event on a path always describes its present state, and the
+// remaining events of each transaction stay together.
 struct LoggedEvent {
     Event event;
     SessionId author = 0;       // of the last change
     std::uint64_t position = 0; // in the log; increases
-    // The position of the last change by anybody but the author that was replaced; 0: none.
+    // The position of the latest replaced event with another author; 0: none.
     std::uint64_t others = 0;
 
-    // Somebody else than this session made one of the changes after that position.
+    // Whether another session made any of these changes after that position.
     bool foreign_to(SessionId session, std::uint64_t after) const {
         return author != session ? position > after : others > after;
     }
@@ -55,10 +59,10 @@ public:
     // Adds all events of a later batch, which is then empty.
     void absorb(EventBatch &later) noexcept;
     void clear() noexcept;
-    // Removes events up to that position, at most some thousands at a time. False if there are
-    // more.
+    // Removes events up to that position, at most a few thousand per call. Returns false if some
+    // remain.
     bool forget(std::uint64_t position) noexcept;
-    // Gives the events the positions after `last`, and makes it that of the last one.
+    // Numbers the events from `last` + 1, and sets `last` to the last number.
     void number(std::uint64_t &last) noexcept;
 
     const Events &events() const { return list; }
@@ -99,8 +103,9 @@ private:
 
 class EventLog {
 public:
-    // A new registration, of which the session keeps its own record; ended by leave(). Nothing may
-    // be staged: the registration would miss it. May throw std::bad_alloc, and has then no effect.
+    // Adds a registration until leave(); the session keeps its own record of it. Must not be called
+    // while events are staged: the registration would miss them. May throw std::bad_alloc, and has
+    // no effect then.
     void join(Session &session, const std::string &path);
     void leave(const Session &session, const std::string &path);
 
@@ -111,17 +116,19 @@ public:
     };
     // Adds an event unless nobody has registered for it.
     void stage(Staged &staged, const Event &event, SessionId author) const;
-    // Adds a completed transaction to the group that forms. Its events are later than all others.
+    // Adds a completed transaction to the group being assembled. Its events are later than all
+    // others.
     void stage(Staged &done) noexcept;
-    // The group that forms is being committed, and the next one begins. The one before has ended.
+    // Closes the assembled group, which is now being committed, and begins a new one. The commit of
+    // the previous group must have ended.
     void close_group() noexcept;
-    // The closed group will be in the log before anything else is done: the clients are woken. If
-    // it is refused instead, they find nothing.
+    // Wakes the clients before the commit. Only for a commit that ends before the service does
+    // anything else. If it is refused, the clients find no event.
     void announce(Time now) noexcept;
-    // The closed group was committed: its events are in the log, and the clients are woken unless
-    // that was announced.
+    // The closed group was committed: publishes its events, and wakes the clients unless announce()
+    // did.
     void publish(Time now) noexcept;
-    // It was refused, and so is the group that forms.
+    // The commit was refused: discards both groups.
     void drop_staged() noexcept;
 
     const EventBatch &published() const { return log; }
@@ -133,7 +140,8 @@ public:
     }
     // The position of the last published event.
     std::uint64_t end() const { return last_published; }
-    // No session needs events up to that position. See EventBatch::forget().
+    // Removes events up to that position, which no session needs any more. See
+    // EventBatch::forget().
     bool forget(std::uint64_t position) noexcept { return log.forget(position); }
 
 private:

@@ -1,4 +1,4 @@
-// Changes that are taken back unless they are confirmed in time.
+// Changes that are reverted unless they are confirmed in time.
 #pragma once
 
 #include <cstdint>
@@ -25,7 +25,7 @@ struct Pending {
 using PendingPtr = std::shared_ptr<const Pending>;
 using PendingChanges = std::map<std::uint64_t, PendingPtr>; // by number
 
-// A client's request that its change be taken back unless it is confirmed.
+// A client's request that its change be reverted unless it is confirmed.
 struct Term {
     std::uint32_t length = 0; // milliseconds; 0: there is none
     Time now;

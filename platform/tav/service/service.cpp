@@ -17,7 +17,7 @@ namespace tav {
 
 namespace {
 
-// Before another try to take a change back.
+// Before another try to revert a change.
 constexpr std::chrono::seconds take_back_pause{5};
 
 std::uint64_t random_token() {
@@ -240,7 +240,7 @@ void Service::take_back() {
         try {
             take_back(pending);
         } catch (const std::exception &error) {
-            log_line("cannot take back change %" PRIu64 " yet: %s", pending->change.number,
+            log_line("cannot revert change %" PRIu64 " yet: %s", pending->change.number,
                      error.what());
             retry = now + take_back_pause;
         }
@@ -259,8 +259,8 @@ PendingPtr Service::first_due(Time now) const {
 void Service::take_back(const PendingPtr &pending) {
     const std::string number = std::to_string(pending->change.number);
     const Author author{::geteuid(), static_cast<std::uint32_t>(::getpid()),
-                        "tavd taking back " + number, true};
-    log_line("taking back change %s of user %u: it was not confirmed within %g s", number.c_str(),
+                        "tavd reverting " + number, true};
+    log_line("reverting change %s of user %u: it was not confirmed within %g s", number.c_str(),
              pending->change.uid, pending->term / 1000.0);
     api_status_t status = api_status_none;
     taking_back = served.take_back(pending, author, status);

@@ -58,7 +58,7 @@ public:
     // it goes on until committing() is readable; the next ones are carried out meanwhile.
     void commit();
     int committing() const { return committer.fd(); }
-    // Continues the terms of changes of an earlier service, and takes back what is due. Before the
+    // Continues the terms of changes of an earlier service, and reverts what is due. Before the
     // first request. `wall_clock`: see wall_clock().
     void resume(std::int64_t wall_clock);
     // Takes back the changes that were not confirmed in time, if transactions may begin now; call
@@ -149,7 +149,7 @@ private:
     int registrations = 0;              // tasks that wait to register
     SessionId writing = 0;              // see at_work()
     Transaction *carried_out = nullptr; // its transaction
-    bool ends_wait = false;             // changes are due that could not be taken back yet
+    bool ends_wait = false;             // changes are due that could not be reverted yet
     std::shared_ptr<const Store::Result> taking_back; // the last time
     std::optional<Time> retry;                        // not before
     Usage limits_used;

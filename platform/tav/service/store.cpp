@@ -69,7 +69,7 @@ std::shared_ptr<const Store::Result> Store::join(Transaction &done, EventLog::St
     Edit::Changes rows;
     const SharedPending pending = after(step, rows);
     open_group();
-    // Whoever reads the history must learn that a change was taken back, even if nothing was left.
+    // Whoever reads the history must learn that a change was reverted, even if nothing was left.
     if (!done.changes().empty() || step.ends) {
         const std::int64_t now = step.begins ? step.begins->change.time : std::time(nullptr);
         past.record(done.changes(), rows.empty() ? done.changes().back() : rows.back(), author, now,

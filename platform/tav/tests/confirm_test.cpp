@@ -1,4 +1,4 @@
-// Changes that are taken back unless they are confirmed in time.
+// Changes that are reverted unless they are confirmed in time.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -148,7 +148,7 @@ const Items changed_content{set_item("/n/a", "new"), step(ItemKind::remove, "/n/
 
 } // namespace
 
-TEST_F(ConfirmTest, AChangeThatNobodyConfirmsIsTakenBackWhole) {
+TEST_F(ConfirmTest, AChangeThatNobodyConfirmsIsRevertedWhole) {
     write(*owner, first_content);
     const std::string before = picture();
     const std::uint64_t number = change(*owner, changed_content);
@@ -186,7 +186,7 @@ TEST_F(ConfirmTest, ThereIsNoTimerWhileNothingWaits) {
     EXPECT_FALSE(service->next_end());
 }
 
-TEST_F(ConfirmTest, TheHistoryHasTheTakingBackEvenIfNothingIsLeft) {
+TEST_F(ConfirmTest, TheHistoryHasTheReversionEvenIfNothingIsLeft) {
     for (const Durability durability : {Durability::normal, Durability::full}) {
         open(1000, 0, durability);
         change(*owner, {set_item("/a", "1")});
@@ -194,7 +194,7 @@ TEST_F(ConfirmTest, TheHistoryHasTheTakingBackEvenIfNothingIsLeft) {
         pass(10s);
         for (int i = 0; i < 2; ++i) {
             const HistoryEntry last = entries(*store).back();
-            EXPECT_EQ(last.program.substr(0, 17), "tavd taking back ");
+            EXPECT_EQ(last.program.substr(0, 15), "tavd reverting ");
             EXPECT_EQ(last.elements, 0U);
             EXPECT_TRUE(last.changes.empty());
             EXPECT_TRUE(pending().empty());
@@ -203,7 +203,7 @@ TEST_F(ConfirmTest, TheHistoryHasTheTakingBackEvenIfNothingIsLeft) {
     }
 }
 
-TEST_F(ConfirmTest, TheTakingBackCausesEvents) {
+TEST_F(ConfirmTest, TheReversionCausesEvents) {
     write(*owner, {set_item("/n/a", "1")});
     other->register_events({"/n", api_event_change, false}, now);
     change(*owner, {set_item("/n/a", "2"), set_item("/n/b", "2")});
@@ -397,7 +397,7 @@ TEST_F(ConfirmTest, TheOldElementsWinOverWhatCameInTheirPlace) {
     EXPECT_EQ(picture(), before);
 }
 
-TEST_F(ConfirmTest, AChangeOfKindIsTakenBack) {
+TEST_F(ConfirmTest, AChangeOfKindIsReverted) {
     write(*owner, {set_item("/a", "1"), set_item("/b/c/d", "2")});
     const std::string before = picture();
     change(*owner, {step(ItemKind::remove, "/a"), set_item("/a/x/y", "1"),
@@ -431,7 +431,7 @@ TEST_F(ConfirmTest, ItIsIndependentOfTheHistory) {
     }
 }
 
-TEST_F(ConfirmTest, ALargeChangeIsTakenBackAfterARestart) {
+TEST_F(ConfirmTest, ALargeChangeIsRevertedAfterARestart) {
     write(*owner, {set_item("/a", "1")});
     const std::string before = picture();
     Items items;
@@ -474,7 +474,7 @@ TEST_F(ConfirmTest, ARepairKeepsTheChangesThatWait) {
     EXPECT_EQ(text("/c"), "2") << "of this, nothing is known any more";
 }
 
-TEST_F(ConfirmTest, ATakingBackThatCannotBeStoredIsTriedAgain) {
+TEST_F(ConfirmTest, AReversionThatCannotBeStoredIsTriedAgain) {
     close();
     auto owned = std::make_unique<FailingStorage>();
     FailingStorage &storage = *owned;
@@ -509,7 +509,7 @@ TEST_F(ConfirmTest, AChangeThatIsNotStoredDoesNotWait) {
     EXPECT_FALSE(service->next_end());
 }
 
-TEST_F(ConfirmTest, ATakingBackNeedsNoRoomInTheTree) {
+TEST_F(ConfirmTest, AReversionNeedsNoRoomInTheTree) {
     write(*owner, {set_item("/a", std::string(5000, 'x'))});
     change(*owner, {step(ItemKind::remove, "/a")});
     store->byte_limit = store->tree().extent().bytes;
@@ -517,7 +517,7 @@ TEST_F(ConfirmTest, ATakingBackNeedsNoRoomInTheTree) {
     EXPECT_EQ(text("/a"), std::string(5000, 'x'));
 }
 
-TEST_F(ConfirmTest, ATakingBackWaitsForATransactionAndComesBeforeTheNext) {
+TEST_F(ConfirmTest, AReversionWaitsForATransactionAndComesBeforeTheNext) {
     change(*owner, {set_item("/a", "1")});
     ASSERT_TRUE(service->take_turn(owner->id()));
     pass(10s);
@@ -534,7 +534,7 @@ TEST_F(ConfirmTest, ATakingBackWaitsForATransactionAndComesBeforeTheNext) {
     service->end_turn();
 }
 
-TEST_F(ConfirmTest, NobodyWaitsForATakingBackThatIsNoLongerNeeded) {
+TEST_F(ConfirmTest, NobodyWaitsForAReversionThatIsNoLongerNeeded) {
     const std::uint64_t number = change(*owner, {set_item("/a", "1")});
     ASSERT_TRUE(service->take_turn(owner->id()));
     pass(10s);

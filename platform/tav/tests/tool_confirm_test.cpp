@@ -13,7 +13,7 @@ class ToolConfirmTest : public ToolTest {
 protected:
     static std::string line(int number, const std::string &time) {
         const std::string text = std::to_string(number);
-        return "change " + text + " is taken back in " + time +
+        return "change " + text + " will be reverted in " + time +
                " unless you confirm it: tav confirm " + text + "\n";
     }
     // Waits until the path is absent.
@@ -30,11 +30,11 @@ protected:
 
 } // namespace
 
-TEST_F(ToolConfirmTest, AChangeIsTakenBackUnlessItIsConfirmed) {
+TEST_F(ToolConfirmTest, AChangeIsRevertedUnlessItIsConfirmed) {
     EXPECT_EQ(good({"set", "--confirm", "0.2", "/a", "1"}), line(1, "0.2 s"));
     EXPECT_TRUE(goes("/a"));
     const std::string history = good({"history"});
-    EXPECT_TRUE(has(history, "Z  service tavd taking back 1, process "));
+    EXPECT_TRUE(has(history, "Z  service tavd reverting 1, process "));
     EXPECT_EQ(good({"set", "--confirm", "600", "/a", "1"}), line(3, "600 s"));
     EXPECT_EQ(good({"confirm", "3"}), "change 3 is confirmed\n");
     EXPECT_EQ(good({"get", "/a"}), "1\n");
@@ -42,7 +42,7 @@ TEST_F(ToolConfirmTest, AChangeIsTakenBackUnlessItIsConfirmed) {
                                         "those that are: tav status\n");
 }
 
-TEST_F(ToolConfirmTest, ATakingBackThatFoundNothingIsInTheHistory) {
+TEST_F(ToolConfirmTest, AReversionThatFoundNothingIsInTheHistory) {
     good({"set", "--confirm", "3", "/a", "1"});
     tav({"rm", "/a"});
     std::string all;
@@ -65,7 +65,7 @@ TEST_F(ToolConfirmTest, AChangeOfWhatWaitsForConfirmationWarns) {
               0U)
         << changed.errors;
     EXPECT_TRUE(
-        has(changed.errors, " s both are taken back unless it is confirmed: tav confirm 1\n"));
+        has(changed.errors, " s both will be reverted unless it is confirmed: tav confirm 1\n"));
     EXPECT_TRUE(has(tav({"rm", "-r", "/a"}).errors, "stored, but"));
     EXPECT_EQ(tav({"set", "/d", "2"}).errors, "");
     good({"confirm"});
@@ -125,12 +125,12 @@ TEST_F(ToolConfirmTest, WhoseChangeItIsAndUntilWhenIsSaid) {
                              "process "),
                   0U)
             << error;
-        EXPECT_TRUE(has(error, ", user " + std::to_string(::getuid()) + " is taken back in 5"));
+        EXPECT_TRUE(has(error, ", user " + std::to_string(::getuid()) + " will be reverted in 5"));
         EXPECT_TRUE(has(error, " s unless it is confirmed: tav confirm 1\n"));
     }
     const std::string text = good({"status"});
     EXPECT_TRUE(has(text, "to confirm 1\n  change 1  tav, process "));
-    EXPECT_TRUE(has(text, "  elements 2  taken back in 5"));
+    EXPECT_TRUE(has(text, "  elements 2  reverts in 5"));
     const auto all = nlohmann::json::parse(good({"status", "--json"}))["pending"];
     ASSERT_EQ(all.size(), 1U);
     EXPECT_EQ(all[0]["number"], 1);
@@ -157,12 +157,11 @@ TEST_F(ToolConfirmTest, WrongTimesAreWrongUsage) {
     for (const char *time : {"0", "-1", "nan", "x", "1x", "", "86401", "0.0001"}) {
         EXPECT_EQ(bad(2, {"rm", "--confirm", time, "/a"})
                       .find("tav: '" + std::string(time) +
-                            "' is not a time, which is 0.001 to "
-                            "86400 seconds"),
+                            "' is not a time: it must be 0.001 to 86400 seconds"),
                   0U)
             << time;
     }
     EXPECT_TRUE(has(bad(2, {"load", "--parts", "--confirm", "5"}),
-                    "--confirm is for one transaction, without --parts"));
+                    "--confirm cannot be combined with --parts"));
     EXPECT_EQ(bad(2, {"confirm", "x"}).find("tav: 'x' is not the number of an entry"), 0U);
 }

@@ -120,7 +120,8 @@ TEST_F(ToolFilesTest, MergeKeepsOtherElementsAndRestoresTimes) {
     good({"load", "--merge"}, dump);
     EXPECT_EQ(good({"get", "/a/x", "/a/y"}), "1\n2\n");
     EXPECT_EQ(Json::parse(good({"get", "--json", "/a/x"}))[0]["time"], 1000);
-    bad(2, {"load", "--merge", "--replace"}, dump);
+    EXPECT_TRUE(has(bad(2, {"load", "--merge", "--replace"}, dump),
+                    "--merge and --replace cannot be combined"));
 }
 
 TEST_F(ToolFilesTest, ADumpWithoutTimesDependsOnTheContentOnly) {
@@ -141,7 +142,8 @@ TEST_F(ToolFilesTest, LoadNamesWhatIsWrongAndChangesNothing) {
         {"{}", "it is not a dump"},
         {R"({"format":"tav-dump","version":2,"path":"/","elements":[]})", "another version"},
         {R"({"format":"tav-dump","version":1,"path":"/"})", "no list of \"elements\""},
-        {R"({"format":"tav-dump","version":1,"elements":[]})", "the dump has no \"path\""},
+        {R"({"format":"tav-dump","version":1,"elements":[]})",
+         "the dump has no \"path\", or it is not a string"},
         {dump_of("a", ""), "\"a\" is not a path"},
         {dump_of("/", "7"), "element 1 is not an object"},
         {dump_of("/", R"({"type":"node"})"), "element 1 has no \"path\""},
@@ -254,14 +256,14 @@ TEST_F(ToolFilesTest, ApplyNamesTheLineOfEachErrorAndChangesNothing) {
                                    "set /d \"open\nset /e \\q\n\nset\nrm -r\nset \x1b[m 1 2\n");
     for (const char *part :
          {"line 2: 'frob' is not a step", "line 3: set needs pairs", "line 4: -t needs",
-          "line 5: rm needs a path", "line 6: mknode needs a path", "line 7: a \" is not closed",
+          "line 5: rm needs a path", "line 6: mknode needs a path", "line 7: unterminated \"",
           "line 8: '\\\\q' contains a backslash", "line 10: set needs", "line 11: rm needs",
           "line 12: set needs", "nothing was changed"}) {
         EXPECT_TRUE(has(errors, part)) << part << '\n' << errors;
     }
     EXPECT_EQ(errors.find('\x1b'), std::string::npos);
     EXPECT_EQ(bad(1, {"apply"}, "set /a 1\n\nset /a/b 1\n"),
-              "tav: line 3: /a/b: wrong kind; a leaf where a node is needed, or the reverse\n");
+              "tav: line 3: /a/b: wrong kind; an element is of the other kind (leaf or node)\n");
     EXPECT_EQ(bad(1, {"apply"}, "set /a 1\nrm /none\n").find("tav: line 2: /none: absent"), 0U);
     EXPECT_EQ(good({"dump"}), before);
 }

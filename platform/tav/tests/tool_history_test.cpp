@@ -92,7 +92,7 @@ TEST_F(ToolHistoryTest, UndoWithoutNumberIsNotForServices) {
 }
 
 TEST_F(ToolHistoryTest, WhatCannotBeUndoneIsExplained) {
-    EXPECT_TRUE(has(bad(1, {"undo"}), "no change by an operator"));
+    EXPECT_TRUE(has(bad(1, {"undo"}), "the history has no change that was not made by a service"));
     EXPECT_TRUE(has(bad(1, {"undo", "7"}), "no entry 7; to list it: tav history"));
     EXPECT_TRUE(has(bad(2, {"undo", "x"}), "'x' is not the number of an entry"));
     std::vector<std::string> many{"set"};
@@ -132,6 +132,7 @@ TEST_F(ToolHistoryTest, SetIfNeedsTheOldValue) {
               "tav: /a: changed; it is now /a = 2 (integer)\n");
     EXPECT_EQ(bad(1, {"set", "--if", "1", "/b", "3"}),
               "tav: /b: changed; there is no such element\n");
-    EXPECT_TRUE(has(bad(2, {"set", "--if", "1", "/a", "2", "/b", "3"}), "--if is for one path"));
+    EXPECT_TRUE(has(bad(2, {"set", "--if", "1", "/a", "2", "/b", "3"}),
+                    "--if allows only one path and value"));
     EXPECT_EQ(good({"get", "/a"}), "2\n");
 }

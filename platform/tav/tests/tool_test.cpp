@@ -93,7 +93,8 @@ TEST_F(ToolTest, GetRawPrintsTheBytesOfOneValueAndNothingElse) {
     EXPECT_EQ(good({"get", "--raw", "/a"}), "x\\\ny\xff\x1b[m");
     bad(2, {"get", "--raw", "/a", "/a"});
     bad(2, {"get", "--raw", "-r", "/a"});
-    bad(2, {"get", "--raw", "--json", "/a"});
+    EXPECT_TRUE(has(bad(2, {"get", "--raw", "--json", "/a"}),
+                    "--raw takes one path, and cannot be combined with -r or --json"));
     bad(1, {"get", "--raw", "/none"});
 }
 
@@ -307,12 +308,13 @@ TEST_F(ToolTest, AWrongCommandLineEndsWithTwo) {
     for (const char *number : {"x", "-1", "0", "", "1x", "18446744073709551616"}) {
         EXPECT_EQ(bad(2, {"watch", "--count", number}),
                   "tav: '" + std::string(number) +
-                      "' is not a number of changes, which is 1 or more; try: tav watch --help\n");
+                      "' is not a count: it must be 1 or more; try: tav watch --help\n");
     }
     for (const char *time : {"x", "nan", "-nan", "inf", "-1", "1e10", "", "1x"}) {
-        EXPECT_EQ(bad(2, {"watch", "--timeout", time}),
-                  "tav: '" + std::string(time) +
-                      "' is not a time, which is 0 to 1000000000 seconds; try: tav watch --help\n");
+        EXPECT_EQ(
+            bad(2, {"watch", "--timeout", time}),
+            "tav: '" + std::string(time) +
+                "' is not a time: it must be 0 to 1000000000 seconds; try: tav watch --help\n");
     }
     EXPECT_EQ(bad(2, {"watch", "--count"}), "tav: --count needs a value; try: tav watch --help\n");
 }
@@ -333,7 +335,7 @@ TEST_F(ToolTest, WithoutAServiceItEndsWithThree) {
     for (const char *command : {"ls", "status", "dump", "tree"}) {
         EXPECT_TRUE(has(bad(3, {command}), "cannot connect"));
     }
-    EXPECT_TRUE(has(bad(3, {"get", "/a"}), "check that tavd runs"));
+    EXPECT_TRUE(has(bad(3, {"get", "/a"}), "check that tavd is running"));
     bad(2, {"diff", "/no/such/file"});
     bad(3, {"set", "/a", "1"});
 }

@@ -42,7 +42,7 @@ constexpr const char *apply_footer = "One step per line; all steps are one trans
                                      "  set [-t TYPE] PATH VALUE [PATH VALUE]...\n"
                                      "  mknode PATH...    rm [-r] PATH...    touch PATH...\n"
                                      "Put words that contain blanks in \"\". The escapes \\n \\t "
-                                     "\\\\ \\\" and \\xHH mean what they mean in listings.\n"
+                                     "\\\\ \\\" and \\xHH are as in the output of get and tree.\n"
                                      "Lines that begin with # are comments.";
 
 constexpr const char *get_footer = "Control characters, backslashes and bytes that are not UTF-8 "
@@ -162,7 +162,7 @@ private:
 
     void add_escaped(CLI::App *sub) {
         sub->add_flag("-e,--escaped", escaped_words,
-                      "Interpret escapes in paths and values, as listings print them");
+                      "Interpret backslash escapes in paths and values, as in the output");
     }
 
     void add_paths(CLI::App *sub) {
@@ -177,7 +177,7 @@ private:
 
     void add_term(CLI::App *sub) {
         sub->add_option("--confirm", term,
-                        "Take the change back after that time, unless 'tav confirm' is run first")
+                        "Revert the change after SECONDS, unless 'tav confirm' is run first")
             ->type_name("SECONDS");
     }
 
@@ -190,7 +190,7 @@ private:
         sub->add_flag("-r,--recursive", request.options.recursive,
                       "Print path and value of every leaf at and below the paths");
         sub->add_flag("--raw", request.options.raw,
-                      "Print the bytes of one value and nothing else (not to a terminal)");
+                      "Print the bytes of one value and nothing else (escaped on a terminal)");
         sub->footer(get_footer);
         add_json(sub);
         add_paths(sub);
@@ -230,7 +230,7 @@ private:
         add_paths(sub);
         sub = add("apply", "Carry out the steps of a file as one transaction", apply);
         add_term(sub);
-        add_file(sub, "File with the steps (default, and -: standard input)");
+        add_file(sub, "File with the steps (default: -, standard input)");
         sub->footer(apply_footer);
     }
 
@@ -252,7 +252,7 @@ private:
         sub->add_flag("--parts", request.options.parts,
                       "Use several transactions, for a dump that is too large for one");
         add_term(sub);
-        add_file(sub, "File with the dump (default, and -: standard input)");
+        add_file(sub, "File with the dump (default: -, standard input)");
 
         sub = add("diff", "Print what differs between a dump and the store", diff);
         add_file(sub, "File with the dump (-: standard input)")->required();
@@ -265,7 +265,8 @@ private:
         sub->add_option("--since", number, "Only entries with a number above N")->type_name("N");
         add_json(sub);
         add_path(sub);
-        sub = add("undo", "Undo the last change by an operator, or entry N of the history", undo);
+        sub = add("undo", "Undo the last change that no service made, or entry N of the history",
+                  undo);
         sub->add_option("N", number, "The number of the entry")->type_name("");
         add_term(sub);
         sub->footer("Refused if an element of the entry has changed since.");
@@ -279,7 +280,7 @@ private:
         CLI::App *sub = add("watch", "Print the changes of leaves at or below a path", watch);
         sub->add_option("--count", count, "Exit after N changes")->type_name("N");
         sub->add_option("--timeout", timeout,
-                        "Exit after that many seconds, with status 1 if --count was not reached")
+                        "Exit after SECONDS, with status 1 if --count was not reached")
             ->type_name("SECONDS");
         add_json(sub, "Print one JSON object per line");
         add_path(sub);
@@ -307,13 +308,14 @@ private:
     void check_choices() const {
         const Options &options = request.options;
         if (options.raw && (options.json || options.recursive || options.paths.size() > 1)) {
-            throw CLI::ValidationError("--raw prints one value, without -r and --json");
+            throw CLI::ValidationError(
+                "--raw takes one path, and cannot be combined with -r or --json");
         }
         if (merge && options.replace) {
-            throw CLI::ValidationError("--merge and --replace exclude each other");
+            throw CLI::ValidationError("--merge and --replace cannot be combined");
         }
         if (options.parts && term) {
-            throw CLI::ValidationError("--confirm is for one transaction, without --parts");
+            throw CLI::ValidationError("--confirm cannot be combined with --parts");
         }
     }
 
@@ -334,8 +336,7 @@ private:
             const char *end = count->data() + count->size();
             const auto [stop, error] = std::from_chars(count->data(), end, options.count);
             if (error != std::errc() || stop != end || options.count == 0) {
-                throw CLI::ValidationError("'" + *count +
-                                           "' is not a number of changes, which is 1 or more");
+                throw CLI::ValidationError("'" + *count + "' is not a count: it must be 1 or more");
             }
         }
         if (number) {
@@ -355,7 +356,7 @@ private:
             const bool possible = seconds >= 0.001 && seconds <= most; // not for nan
             if (term->empty() || *end != '\0' || !possible) {
                 throw CLI::ValidationError("'" + *term +
-                                           "' is not a time, which is 0.001 to 86400 seconds");
+                                           "' is not a time: it must be 0.001 to 86400 seconds");
             }
             options.term = static_cast<std::uint32_t>(std::lround(seconds * 1000));
         }
@@ -365,7 +366,7 @@ private:
             const bool possible = *options.timeout >= 0 && *options.timeout <= 1e9; // not for nan
             if (timeout->empty() || *end != '\0' || !possible) {
                 throw CLI::ValidationError("'" + *timeout +
-                                           "' is not a time, which is 0 to 1000000000 seconds");
+                                           "' is not a time: it must be 0 to 1000000000 seconds");
             }
         }
     }
@@ -383,7 +384,7 @@ private:
         }
         if (condition) {
             if (options.words.size() != 2) {
-                throw CLI::ValidationError("--if is for one path and its value");
+                throw CLI::ValidationError("--if allows only one path and value");
             }
             options.condition = word(*condition);
         }

@@ -20,7 +20,7 @@ constexpr int format_version = 1;
 std::string text_of(const Json &entry, const std::string &key, const std::string &what) {
     const std::optional<std::string> text = find_text(entry, key);
     if (!text) {
-        throw BadDump(what + " has no \"" + key + "\", or it is not a text");
+        throw BadDump(what + " has no \"" + key + "\", or it is not a string");
     }
     return *text;
 }

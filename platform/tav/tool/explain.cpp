@@ -66,7 +66,7 @@ std::string advice_for_clash(Client &client, const std::string &path) {
     const auto [found, status] = nearest(client, path);
     return status == api_status_wrong_kind
                ? shown(found) + " is a leaf, and nothing can be below a leaf"
-               : "a leaf where a node is needed, or the reverse";
+               : "an element is of the other kind (leaf or node)";
 }
 
 std::string advice_for_value(const Value &value) {

@@ -126,7 +126,7 @@ const HistoryEntry *entry_to_undo(const History &history, std::optional<std::uin
     if (found == history.entries.rend()) {
         complain(number ? "the history has no entry " + std::to_string(*number) +
                               "; to list it: tav history"
-                        : "the history has no change by an operator");
+                        : "the history has no change that was not made by a service");
         return nullptr;
     }
     if (found->changes.empty()) {

@@ -40,7 +40,8 @@ void reserve_standard_streams() {
 int carry_out(const Request &request) {
     Client client;
     if (!client.connected()) {
-        complain("check that tavd runs and that you may use its socket; --socket or TAV_SOCKET "
+        complain("check that tavd is running and that you have permission to use its socket; "
+                 "--socket or TAV_SOCKET "
                  "names another socket");
         return exit_unreachable;
     }

@@ -23,7 +23,7 @@ void print_term(std::uint64_t number, std::uint32_t term) {
         std::cout << "nothing was changed, so there is nothing to confirm\n";
         return;
     }
-    std::cout << "change " << number << " is taken back in " << seconds_text(term)
+    std::cout << "change " << number << " will be reverted in " << seconds_text(term)
               << " unless you confirm it: tav confirm " << number << '\n';
 }
 
@@ -55,7 +55,7 @@ void warn_of_pending(Client &client, const std::vector<Item> &items) {
             text << "stored, but change " << one.change.number
                  << " of the same elements is waiting for confirmation; in "
                  << seconds_text(one.left)
-                 << " both are taken back unless it is confirmed: tav confirm "
+                 << " both will be reverted unless it is confirmed: tav confirm "
                  << one.change.number;
             complain(text.str());
         }
@@ -69,7 +69,7 @@ std::string advice_for_pending(Client &client, const std::string &path) {
             std::string text = "change " + number;
             text += " by ";
             text += author_text(one.change);
-            text += " is taken back in ";
+            text += " will be reverted in ";
             text += seconds_text(one.left);
             text += " unless it is confirmed: tav confirm ";
             text += number;

@@ -1,4 +1,4 @@
-// Changes that the service takes back unless they are confirmed in time.
+// Changes that the service reverts unless they are confirmed in time.
 #pragma once
 
 #include <cstdint>

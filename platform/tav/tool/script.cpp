@@ -36,7 +36,7 @@ std::string take_word(std::string_view &rest) {
         rest.remove_prefix(taken);
     }
     if (quoted) {
-        throw BadLine("a \" is not closed");
+        throw BadLine("unterminated \"");
     }
     return word;
 }

@@ -120,7 +120,7 @@ void print_text(const ServiceStatus &status, const std::vector<PendingChange> &p
     std::cout << "to confirm " << pending.size() << '\n';
     for (const PendingChange &one : pending) {
         std::cout << "  change " << one.change.number << "  " << author_text(one.change)
-                  << "  elements " << one.change.elements << "  taken back in "
+                  << "  elements " << one.change.elements << "  reverts in "
                   << seconds_text(one.left) << '\n';
     }
 }

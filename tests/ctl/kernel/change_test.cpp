@@ -45,7 +45,7 @@ TEST_F(Change, AMistypedGatewayLeavesTheWorkingOne) {
     EXPECT_EQ(store.gateway(1), "fe80::1");
 }
 
-TEST_F(Change, AWrongGatewayIsTakenBackThoughTheToolIsKilled) {
+TEST_F(Change, AWrongGatewayIsRevertedThoughTheToolIsKilled) {
     store.set_gateway(1, "fe80::1");
     start_daemon_and_wait();
     ASSERT_TRUE(becomes([&] { return in_step(); }));
@@ -65,10 +65,11 @@ TEST_F(Change, AConfirmedChangeStaysAndIsListedBefore) {
     store.set_gateway(1, "fe80::1");
     start_daemon_and_wait();
     const result_t set = run({"gateway", "set", "eth0", "fe80::2", "--confirm", "100"});
-    const std::string number = set.output.substr(7, set.output.find(" is taken back") - 7);
-    EXPECT_EQ(set.output, "change " + number +
-                              " is taken back in 100 s unless you confirm it: tandrelctl confirm " +
-                              number + "\n");
+    const std::string number = set.output.substr(7, set.output.find(" will be reverted") - 7);
+    EXPECT_EQ(set.output,
+              "change " + number +
+                  " will be reverted in 100 s unless you confirm it: tandrelctl confirm " + number +
+                  "\n");
     EXPECT_TRUE(contains(run({"status"}).output,
                          "unconfirmed: change " + number + " by tandrelctl, process "));
     const result_t second = run({"gateway", "set", "eth0", "fe80::3", "--confirm", "100"});
@@ -92,7 +93,7 @@ TEST_F(Change, ALaterChangeOfWhatWaitsIsWarnedOf) {
     EXPECT_TRUE(contains(corrected.errors, "tandrelctl: stored, but change ")) << corrected.errors;
     EXPECT_TRUE(
         contains(corrected.errors, " of the same settings is waiting for confirmation; in "));
-    EXPECT_TRUE(contains(corrected.errors, " s both are taken back unless it is confirmed: "));
+    EXPECT_TRUE(contains(corrected.errors, " s both will be reverted unless it is confirmed: "));
     EXPECT_EQ(run({"confirm"}).status, 0);
     done({"gateway", "set", "eth0", "fe80::4"});
 }
@@ -113,7 +114,7 @@ TEST_F(Change, AnUndoIsOfTheLastSettingNotOfTheNudgeAfterIt) {
 }
 
 // The daemon may have given its number to an address that the kernel assigned itself.
-TEST_F(Change, AnAddressThatIsTakenBackReplacesWhatTookItsName) {
+TEST_F(Change, AnAddressThatIsRevertedReplacesWhatTookItsName) {
     store.make_interface(1);
     start_daemon_and_wait();
     done({"address", "add", "eth0", "2001:db8::5/64", "--node", "7", "--wait=60"});
@@ -158,7 +159,7 @@ TEST_F(Change, WaitEndsWhenTheStoredSettingsCanBeUsed) {
     EXPECT_EQ(early.status, 4);
     EXPECT_TRUE(contains(early.errors, "eth0: 2001:db8::5/64\neth0: gateway 2001:db8::1\n"))
         << early.errors;
-    EXPECT_TRUE(!sees_all_processes() || contains(early.errors, "tandrel: it does not run here"));
+    EXPECT_TRUE(!sees_all_processes() || contains(early.errors, "tandrel: it is not running here"));
     const auto link = begin({"wait", "eth0"});
     const auto online = begin({"wait", "--online"});
     kt::write_file("/proc/sys/net/ipv6/conf/eth0/accept_dad", "1");
@@ -202,7 +203,7 @@ TEST_F(Change, AFailedWaitSaysWhy) {
     ASSERT_EQ(stop_daemon(), 0);
     const result_t alone = run({"address", "add", "eth0", "2001:db8::6/64", "--wait=1"});
     EXPECT_EQ(alone.status, 4);
-    EXPECT_TRUE(!sees_all_processes() || contains(alone.errors, "tandrel: it does not run here"))
+    EXPECT_TRUE(!sees_all_processes() || contains(alone.errors, "tandrel: it is not running here"))
         << alone.errors;
 }
 
@@ -221,7 +222,9 @@ TEST_F(Change, ALongWaitShowsItsProgress) {
 TEST_F(Change, ANewInterfaceNodeIsSynchronisedAtOnce) {
     start_daemon_and_wait();
     EXPECT_TRUE(contains(run({"interface", "list"}).output, "1\teth0\tno node in the store\n"));
-    EXPECT_TRUE(contains(run({"check"}).output, "eth0: the store has no node for it"));
+    EXPECT_TRUE(
+        contains(run({"check"}).output,
+                 "eth0: the link is not synchronised, because the store has no interface node 1"));
     done({"interface", "add", "eth0"});
     EXPECT_TRUE(
         becomes([&] { return store.has_address(1, device.link_local("eth0"), "Link-Local"); }));
@@ -233,10 +236,10 @@ TEST_F(Change, ANewInterfaceNodeIsSynchronisedAtOnce) {
     EXPECT_TRUE(store.list(kt::paths::interfaces).empty() || !in_step());
 }
 
-TEST_F(Change, ANewInterfaceNodeIsTakenBackWithWhatIsBelow) {
+TEST_F(Change, ANewInterfaceNodeIsRevertedWithWhatIsBelow) {
     start_daemon_and_wait();
     const result_t first = run({"interface", "add", "eth0", "--confirm", "3"});
-    EXPECT_TRUE(contains(first.output, " is taken back in 3 s unless you confirm it: "))
+    EXPECT_TRUE(contains(first.output, " will be reverted in 3 s unless you confirm it: "))
         << first.output << first.errors;
     EXPECT_TRUE(becomes([&] { return !store.addresses(1).empty(); })) << "it is synchronised";
     EXPECT_TRUE(becomes([&] { return store.dump().empty(); })) << store.dump();

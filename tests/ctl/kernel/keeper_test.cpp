@@ -58,12 +58,12 @@ protected:
     void give_name_to_another_link() {
         device.set_up("eth0", false);
         expect_loss();
-        ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
-        ASSERT_TRUE(said("eth0: gateway fe80::1 left the store"));
+        ASSERT_TRUE(said("eth0: 2001:db8::5/64 was removed from the store ("));
+        ASSERT_TRUE(said("eth0: gateway fe80::1 was removed from the store ("));
         device.rename("eth0", "lan0");
         device.add_veth("eth0", "peer9", sandbox.neighbour());
         device.set_up("eth0");
-        ASSERT_TRUE(said("eth0: nothing is set again on it (several links have had this name)"));
+        ASSERT_TRUE(said("eth0: its settings are not restored (several links have had this name)"));
     }
     void expect_return() {
         EXPECT_TRUE(becomes([&] { return is_complete(); })) << run({"check"}).output;
@@ -125,26 +125,28 @@ TEST_F(KeeperTest, WhatALinkLosesWhenItGoesDownComesBackWithIt) {
         })) << run({"keep", "--list"}).output;
         const result_t check = run({"check", "eth0"});
         EXPECT_EQ(check.status, 0) << "a note is no difference";
-        EXPECT_TRUE(contains(check.output,
-                             "eth0: note: 2001:db8::5/64 left the store (link down); 'tandrelctl "
-                             "keep' sets it again when the link can carry it\n"))
+        EXPECT_TRUE(contains(
+            check.output,
+            "eth0: note: 2001:db8::5/64 was removed from the store (link down); 'tandrelctl "
+            "keep' restores it when the link can carry it\n"))
             << check.output;
-        EXPECT_FALSE(contains(run({"check", "eth1"}).output, "left the store"));
+        EXPECT_FALSE(contains(run({"check", "eth1"}).output, "was removed from the store ("));
         device.set_up("eth0");
         expect_return();
-        EXPECT_FALSE(contains(run({"check"}).output, "left the store"));
+        EXPECT_FALSE(contains(run({"check"}).output, "was removed from the store ("));
     }
-    EXPECT_TRUE(said("eth0: 2001:db8::5/64 left the store (link down); it will be set again when "
-                     "eth0 can carry it"));
-    EXPECT_TRUE(said("eth0: 2001:db8::5/64 is set again (link down)"));
-    EXPECT_TRUE(said("eth0: gateway fe80::1 is set again (link down)"));
+    EXPECT_TRUE(said(
+        "eth0: 2001:db8::5/64 was removed from the store (link down); it will be restored when "
+        "eth0 can carry it"));
+    EXPECT_TRUE(said("eth0: 2001:db8::5/64 was restored (link down)"));
+    EXPECT_TRUE(said("eth0: gateway fe80::1 was restored (link down)"));
 }
 
 TEST_F(KeeperTest, ALinkThatIsDownForAMomentLosesNothing) {
     device.set_up("eth0", false);
     device.set_up("eth0");
     // One may be back before the other has left.
-    EXPECT_TRUE(said("eth0: 2001:db8::5/64 is set again"));
+    EXPECT_TRUE(said("eth0: 2001:db8::5/64 was restored"));
     expect_return();
 }
 
@@ -237,8 +239,8 @@ TEST_F(KeeperTest, WhatIsDeletedInTheKernelOfAnAbleLinkStaysAway) {
     route.gateway = gateway;
     route.link = "eth0";
     device.delete_route(route);
-    EXPECT_TRUE(said("eth0: 2001:db8::5/64 was deleted in the kernel and will not be set again"));
-    EXPECT_TRUE(said("eth0: gateway fe80::1 was deleted in the kernel and will not be set again"));
+    EXPECT_TRUE(said("eth0: 2001:db8::5/64 was deleted in the kernel and will not be restored"));
+    EXPECT_TRUE(said("eth0: gateway fe80::1 was deleted in the kernel and will not be restored"));
     EXPECT_TRUE(has_lost_all());
     go_down_and_up();
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
@@ -275,8 +277,8 @@ TEST_F(KeeperTest, WhatTheStoreDoesNotLetItRememberIsRememberedLater) {
 TEST_F(KeeperTest, AGatewaySetAndRemovedWhileItWasAwayReplacesTheRememberedOne) {
     device.set_up("eth0", false);
     expect_loss();
-    ASSERT_TRUE(said("eth0: gateway fe80::1 left the store"));
-    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
+    ASSERT_TRUE(said("eth0: gateway fe80::1 was removed from the store ("));
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was removed from the store ("));
     stop_keeper();
     store.set_gateway(1, "fe80::2");
     store.remove_gateway(1);
@@ -309,12 +311,12 @@ TEST_F(KeeperTest, WhatIsForgottenStaysAway) {
 TEST_F(KeeperTest, WhatIsStoredAgainIsNotSetTwice) {
     device.set_up("eth0", false);
     expect_loss();
-    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
-    ASSERT_TRUE(said("eth0: gateway fe80::1 left the store"));
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was removed from the store ("));
+    ASSERT_TRUE(said("eth0: gateway fe80::1 was removed from the store ("));
     store.set_address(1, "lab", "2001:db8::5/48");
     store.set_gateway(1, "fe80::2");
-    EXPECT_TRUE(said("eth0: 2001:db8::5/64 is forgotten (stored again)"));
-    EXPECT_TRUE(said("eth0: gateway fe80::1 is forgotten (a gateway is stored again)"));
+    EXPECT_TRUE(said("eth0: 2001:db8::5/64 was forgotten (stored again)"));
+    EXPECT_TRUE(said("eth0: gateway fe80::1 was forgotten (a gateway is stored again)"));
     device.set_up("eth0");
     EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::5/48"); }))
         << "the kernel refused it while the link was down";
@@ -326,7 +328,7 @@ TEST_F(KeeperTest, WhatIsStoredAgainIsNotSetTwice) {
 TEST_F(KeeperTest, ATakenNodeIsLeftAlone) {
     device.set_up("eth0", false);
     expect_loss();
-    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was removed from the store ("));
     store.set_address(1, "office", "2001:db8::6/64");
     device.set_up("eth0");
     EXPECT_TRUE(becomes([&] { return both_have(1, address) && both_have(1, "2001:db8::6/64"); }));
@@ -351,8 +353,8 @@ TEST_F(KeeperTest, AnInterfaceNodeThatIsDeletedIsForgotten) {
 TEST_F(KeeperTest, AnInterfaceNodeAndTheMemoryOfItAreDeletedAtOnce) {
     device.set_up("eth0", false);
     expect_loss();
-    ASSERT_TRUE(said("eth0: gateway fe80::1 left the store"));
-    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
+    ASSERT_TRUE(said("eth0: gateway fe80::1 was removed from the store ("));
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was removed from the store ("));
     const auto list = [&] { return run({"keep", "--list"}).output; };
     const std::string before = list();
     run({"interface", "del", "eth0", "--force"});
@@ -367,23 +369,23 @@ TEST_F(KeeperTest, AnInterfaceNodeAndTheMemoryOfItAreDeletedAtOnce) {
     expect_return();
 }
 
-TEST_F(KeeperTest, WhatAChangeSetIsForgottenWhenItIsTakenBack) {
+TEST_F(KeeperTest, WhatAChangeSetIsForgottenWhenItIsReverted) {
     const std::string lab = "2001:db8:7::7/64";
     EXPECT_EQ(run({"address", "add", "eth0", lab, "--confirm", "6", "--wait=5"}).status, 0);
     EXPECT_EQ(run({"gateway", "set", "eth0", "fe80::2", "--confirm", "6", "--wait=5"}).status, 0);
     device.set_up("eth0", false);
-    ASSERT_TRUE(said("eth0: " + lab + " left the store (link down)"));
-    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
-    ASSERT_TRUE(said("eth0: gateway fe80::2 left the store"));
-    ASSERT_TRUE(becomes([&] { return store.gateway(1) == gateway; })) << "it is taken back";
+    ASSERT_TRUE(said("eth0: " + lab + " was removed from the store (link down)"));
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was removed from the store ("));
+    ASSERT_TRUE(said("eth0: gateway fe80::2 was removed from the store ("));
+    ASSERT_TRUE(becomes([&] { return store.gateway(1) == gateway; })) << "it is reverted";
     device.set_up("eth0");
-    EXPECT_TRUE(said("eth0: " + lab + " is forgotten (change "));
+    EXPECT_TRUE(said("eth0: " + lab + " was forgotten (change "));
     expect_return();
     EXPECT_EQ(store.node_of(1, lab), "");
     EXPECT_FALSE(device.has_address("eth0", lab));
 }
 
-TEST_F(KeeperTest, WhatAChangeStoredAgainIsRememberedAgainWhenItIsTakenBack) {
+TEST_F(KeeperTest, WhatAChangeStoredAgainIsRememberedAgainWhenItIsReverted) {
     device.set_up("eth0", false);
     expect_loss();
     EXPECT_EQ(run({"address", "add", "eth0", address, "--confirm", "3", "--force"}).status, 0);
@@ -397,7 +399,7 @@ TEST_F(KeeperTest, WhatAChangeStoredAgainIsRememberedAgainWhenItIsTakenBack) {
     expect_return();
 }
 
-TEST_F(KeeperTest, ATakingBackWhileTheDaemonIsAwayIsFinished) {
+TEST_F(KeeperTest, AReversionWhileTheDaemonIsAwayIsFinished) {
     rebuilds_allowed = true;
     const std::string lab = "2001:db8:7::7/64";
     EXPECT_EQ(run({"address", "add", "eth0", lab, "--confirm", "3", "--wait=3"}).status, 0);
@@ -428,7 +430,7 @@ TEST_F(KeeperTest, WhatLeftWhileItDidNotRunIsSetAgainAsUncertain) {
     expect_loss();
     start_keeper();
     expect_return();
-    EXPECT_TRUE(said("left the store (uncertain: cause not seen)"));
+    EXPECT_TRUE(said("was removed from the store (uncertain: cause not seen)"));
 }
 
 TEST_F(KeeperTest, ChangesThatTheHistoryLacksMakeTheOthersUncertain) {
@@ -440,7 +442,7 @@ TEST_F(KeeperTest, ChangesThatTheHistoryLacksMakeTheOthersUncertain) {
     }
     start_keeper();
     expect_return();
-    EXPECT_TRUE(said("left the store (uncertain: cause not seen)"));
+    EXPECT_TRUE(said("was removed from the store (uncertain: cause not seen)"));
     const auto gaps = [&] {
         std::size_t number = 0;
         for (const auto &line : keeper->output().lines()) {
@@ -455,7 +457,7 @@ TEST_F(KeeperTest, ChangesThatTheHistoryLacksMakeTheOthersUncertain) {
 
 TEST_F(KeeperTest, WhatItSawDeletedStaysAwayAfterItsRestart) {
     device.delete_address("eth0", address);
-    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was deleted in the kernel and will not be set again"));
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was deleted in the kernel and will not be restored"));
     ASSERT_TRUE(becomes([&] { return run({"keep", "--list"}).status == 0; }));
     keeper->signal(SIGKILL);
     keeper->wait_exit();
@@ -528,7 +530,7 @@ TEST_F(KeeperTest, AStaticAddressWhoseLifetimeEndsComesBack) {
     device.add_address("eth0", "2001:db8::8/64", options);
     ASSERT_TRUE(becomes([&] { return store.has_address(1, "2001:db8::8/64", "Automatic"); }));
     store.write(kt::paths::type_value(1, store.node_of(1, "2001:db8::8/64")), "Static");
-    EXPECT_TRUE(said("eth0: 2001:db8::8/64 is set again (lifetime ended)"));
+    EXPECT_TRUE(said("eth0: 2001:db8::8/64 was restored (lifetime ended)"));
     EXPECT_TRUE(becomes([&] {
         return both_have(1, "2001:db8::8/64") && store.has_address(1, "2001:db8::8/64", "Static");
     }));
@@ -536,13 +538,13 @@ TEST_F(KeeperTest, AStaticAddressWhoseLifetimeEndsComesBack) {
 
 TEST_F(KeeperTest, WithADamagedMemoryItBeginsAnew) {
     device.delete_address("eth0", address);
-    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was deleted in the kernel and will not be set again"));
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was deleted in the kernel and will not be restored"));
     stop_keeper();
     store.write("/Software/tandrel/Keeper/Handled/Value", "none");
     store.write("/Software/tandrel/Keeper/Links/eth0/Gateway/Value", "none");
     start_keeper();
     device.set_up("eth0", false);
-    ASSERT_TRUE(said("eth0: gateway fe80::1 left the store (link down)"));
+    ASSERT_TRUE(said("eth0: gateway fe80::1 was removed from the store (link down)"));
     device.set_up("eth0");
     EXPECT_TRUE(becomes([&] { return store.gateway(1) == gateway; }));
     EXPECT_EQ(store.node_of(1, address), "") << "it was deleted";
@@ -557,8 +559,8 @@ TEST_F(KeeperTest, WithADamagedMemoryItBeginsAnew) {
 TEST_F(KeeperTest, WhatIsForgottenIsNotTriedAgain) {
     device.set_up("eth0", false);
     expect_loss();
-    ASSERT_TRUE(said("eth0: gateway fe80::1 left the store"));
-    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store"));
+    ASSERT_TRUE(said("eth0: gateway fe80::1 was removed from the store ("));
+    ASSERT_TRUE(said("eth0: 2001:db8::5/64 was removed from the store ("));
     store.remove("/Software/tandrel");
     device.set_up("eth0");
     ASSERT_TRUE(becomes([&] { return !device.link_local("eth0").empty(); }));
@@ -578,7 +580,8 @@ TEST_F(KeeperTest, WhatTheKernelReportsTooFastIsReadAgain) {
     device.set_up("eth0", false);
     expect_loss();
     keeper->signal(SIGCONT);
-    ASSERT_TRUE(said("eth0: 2001:db8::5/64 left the store (uncertain: cause not seen)"));
+    ASSERT_TRUE(
+        said("eth0: 2001:db8::5/64 was removed from the store (uncertain: cause not seen)"));
     std::this_thread::sleep_for(std::chrono::milliseconds(1500));
     EXPECT_TRUE(has_lost_all()) << "the link is down";
     device.set_up("eth0");
@@ -608,7 +611,8 @@ TEST_F(KeeperTest, AStoreWithoutAHistoryIsNoUse) {
 TEST_F(KeeperTest, OnlyOneRuns) {
     const result_t second = run({"keep"});
     EXPECT_EQ(second.status, 1);
-    EXPECT_TRUE(contains(second.errors, "another 'tandrelctl keep' runs already")) << second.errors;
+    EXPECT_TRUE(contains(second.errors, "another 'tandrelctl keep' is already running"))
+        << second.errors;
 }
 
 TEST_F(KeeperTest, StatusShowsIt) {
@@ -638,7 +642,7 @@ protected:
 TEST_F(KeeperWithADatabase, ARestartOfTheStoreLosesNothing) {
     device.set_up("eth0", false);
     expect_loss();
-    ASSERT_TRUE(said("eth0: gateway fe80::1 left the store"));
+    ASSERT_TRUE(said("eth0: gateway fe80::1 was removed from the store ("));
     restart_store();
     device.set_up("eth0");
     expect_return();
@@ -655,8 +659,8 @@ TEST_F(KeeperWithADatabase, ARemovalRightAfterARestartOfTheStoreIsFinished) {
     restart_store();
     store.remove_address(1, "office"); // the daemon waits for ten seconds
     EXPECT_TRUE(said("eth0: 2001:db8::5/64 was removed from the store but is still in the kernel"));
-    EXPECT_TRUE(said(
-        "eth0: 2001:db8::5/64 is removed (removed from the store while tandrel was disconnected)"));
+    EXPECT_TRUE(said("eth0: 2001:db8::5/64 was removed (removed from the store while tandrel was "
+                     "disconnected)"));
     EXPECT_TRUE(becomes([&] { return neither_has(1, address); })) << run({"check"}).output;
     EXPECT_EQ(store.gateway(1), gateway);
 }

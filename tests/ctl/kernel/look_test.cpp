@@ -25,7 +25,7 @@ TEST_F(Look, AWorkingDaemonKeepsTheViewsInStep) {
     const result_t shown = run({"show", "eth0"});
     EXPECT_EQ(shown.status, 0) << shown.errors;
     EXPECT_TRUE(contains(shown.output,
-                         "eth0, store interface 1, up, " + device.hardware_address("eth0") + "\n"))
+                         "eth0, interface node 1, up, " + device.hardware_address("eth0") + "\n"))
         << shown.output;
     const std::string link_local = device.link_local("eth0");
     std::vector<std::string> rows;
@@ -34,7 +34,7 @@ TEST_F(Look, AWorkingDaemonKeepsTheViewsInStep) {
     }
     std::sort(rows.begin(), rows.end());
     // A line of the legend also begins with the mark.
-    EXPECT_EQ(rows, (std::vector<std::string>{"2001:db8::5/64", "both", link_local, "via"}));
+    EXPECT_EQ(rows, (std::vector<std::string>{"2001:db8::5/64", link_local, "the", "via"}));
     EXPECT_TRUE(contains(shown.output, "Static")) << shown.output;
     EXPECT_TRUE(contains(shown.output, "office")) << shown.output;
     EXPECT_EQ(run({"check", "--no-notes"}).output, "kernel and store agree\n");
@@ -56,7 +56,7 @@ TEST_F(Look, WithoutADaemonTheCheckSaysSoAndWhatDiffers) {
     EXPECT_TRUE(
         contains(checked.output,
                  "eth0: the stored address 'bad' is skipped: '2001:db8::5' has no prefix length"));
-    EXPECT_TRUE(contains(checked.output, "tandrel: it does not run here"));
+    EXPECT_TRUE(contains(checked.output, "tandrel: it is not running here"));
     const auto json = nlohmann::json::parse(run({"check", "--json", "eth0"}).output);
     EXPECT_EQ(json["agree"], false);
     std::vector<std::string> reasons;
@@ -72,7 +72,8 @@ TEST_F(Look, WithoutADaemonTheCheckSaysSoAndWhatDiffers) {
     }
     const result_t nudged = run({"nudge"});
     EXPECT_EQ(nudged.status, 1);
-    EXPECT_TRUE(contains(nudged.errors, "nothing was synchronised: tandrel: it does not run here"));
+    EXPECT_TRUE(
+        contains(nudged.errors, "nothing was synchronised: tandrel: it is not running here"));
     EXPECT_EQ(run({"check", "--quiet"}).output, "");
 }
 
@@ -213,7 +214,7 @@ TEST_F(Look, AZombieIsNotARunningDaemon) {
     }
     siginfo_t ended{};
     ASSERT_EQ(waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT), 0);
-    EXPECT_TRUE(contains(run({"check"}).output, "tandrel: it does not run here"));
+    EXPECT_TRUE(contains(run({"check"}).output, "tandrel: it is not running here"));
     EXPECT_EQ(waitpid(child, nullptr, 0), child);
 }
 
@@ -223,7 +224,7 @@ TEST_F(Look, LinksThatAreNotSynchronisedAreNamedWhenAskedFor) {
     start_daemon_and_wait();
     ASSERT_TRUE(becomes([&] { return in_step(); })) << run({"check"}).output;
     EXPECT_FALSE(contains(run({"show"}).output, "lan7"));
-    EXPECT_TRUE(contains(run({"show", "--all"}).output, "lan7, no store interface, up"));
+    EXPECT_TRUE(contains(run({"show", "--all"}).output, "lan7, no interface node, up"));
     const result_t named = run({"check", "lan7"});
     EXPECT_EQ(named.status, 1);
     EXPECT_EQ(named.output.find("lan7: note: not synchronised: its name does not begin with 'eth'"),
@@ -240,7 +241,9 @@ TEST_F(Look, AnUnusedLinkIsCheckedOnlyWhenNamed) {
     ASSERT_TRUE(becomes([&] { return in_step(); })) << run({"check"}).output;
     const result_t without_node = run({"check", "eth7"});
     EXPECT_EQ(without_node.status, 1);
-    EXPECT_TRUE(contains(without_node.output, "eth7: the store has no node for it (interface 8)"));
+    EXPECT_TRUE(
+        contains(without_node.output,
+                 "eth7: the link is not synchronised, because the store has no interface node 8"));
     const result_t without_link = run({"check", "eth5"});
     EXPECT_EQ(without_link.status, 1);
     EXPECT_TRUE(contains(without_link.output, "eth5: the kernel has no link eth5"));
@@ -430,7 +433,7 @@ TEST_F(LookOnATerminal, WatchRedrawsTheTableWithALogBelow) {
     store.set_address(1, "x", "2001:db8::5/64");
     start(service.socket(), {"watch"});
     ASSERT_TRUE(shows("\x1b[?1049h")) << "takes the whole screen";
-    ASSERT_TRUE(shows("eth0, store interface 1, up"));
+    ASSERT_TRUE(shows("eth0, interface node 1, up"));
     ASSERT_TRUE(shows("\x1b[33mS 2001:db8::5/64"));
     device.add_address("eth0", "2001:db8::5/64");
     EXPECT_TRUE(shows("\x1b[H")) << "drawn again from the top";
@@ -454,11 +457,11 @@ TEST_F(LookOnATerminal, WatchScrollsFitsTheWidthAndQuits) {
     press("\x1b[B\x1b[Bj");
     EXPECT_TRUE(shows("\x1b[HS 2001:db8:1111:2222:3333:4444:5555:6611/64")) << seen;
     press("\x1b[6~\x1b[5~"); // a page on, and back as far as possible
-    EXPECT_TRUE(shows("\x1b[Heth0, store interface 1"));
+    EXPECT_TRUE(shows("\x1b[Heth0, interface node 1"));
     press("G");
     EXPECT_TRUE(shows("n39"));
     press("g");
-    EXPECT_TRUE(shows("\x1b[Heth0, store interface 1"));
+    EXPECT_TRUE(shows("\x1b[Heth0, interface node 1"));
     resize(60, 200);
     EXPECT_TRUE(shows("  KERNEL"));
     EXPECT_TRUE(shows("n39"));

@@ -244,7 +244,7 @@ TEST_F(OnATerminal, WatchEscapesWhatIsStoredAndWhatChanges) {
     for (const std::vector<std::string> &command :
          {std::vector<std::string>{"watch", "eth0"}, {"-i", link, "watch", link7}}) {
         open(command);
-        ASSERT_TRUE(shows("store interface "));
+        ASSERT_TRUE(shows("interface node "));
         store.set_address(interface, rest + "new", value, value);
         ASSERT_TRUE(shows(" store: address node "));
         store.set_gateway(interface, blank_gateway);

@@ -359,7 +359,7 @@ protected:
             service.commit();
         }
         if (ends && (!store.pending().empty() || store.tree().find("/waits") != nullptr)) {
-            return "it is not taken back later";
+            return "it is not reverted later";
         }
         failed = fired;
         return "";

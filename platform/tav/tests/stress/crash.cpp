@@ -233,7 +233,7 @@ void round(stress::Service &service, std::vector<std::unique_ptr<Writer>> &write
         counts.acknowledged += writer->acknowledged;
     }
     if (random() % 3 == 0) {
-        // While it starts, reads the database as the last kill left it, and takes back what is due.
+        // While it starts, reads the database as the last kill left it, and reverts what is due.
         service.start(false);
         kill(service, counts, static_cast<unsigned>(random() % 20000));
     }
