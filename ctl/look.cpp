@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "ctl/confirm.h"
 #include "ctl/daemon_state.h"
 #include "ctl/keeper_memory.h"
 #include "ctl/output.h"
@@ -58,6 +59,17 @@ void add_remembered(client_t &client, const options_t &options, report_t &report
     }
 }
 
+void add_unconfirmed(client_t &client, const options_t &options, report_t &report) {
+    for (const waiting_t &one : waiting_changes(client)) {
+        report.add({"",
+                    {reason_t::change_unconfirmed,
+                     {{"text", text_of(one)},
+                      {"seconds", std::to_string(one.left / 1000)},
+                      {"number", std::to_string(one.number)}}}},
+                   options);
+    }
+}
+
 report_t make_report(client_t &client, const comparison_t &comparison, const options_t &options) {
     report_t report;
     report.daemon = find_daemon(client);
@@ -80,6 +92,7 @@ report_t make_report(client_t &client, const comparison_t &comparison, const opt
         }
     }
     add_remembered(client, options, report);
+    add_unconfirmed(client, options, report);
     for (finding_t &finding : report.differences) {
         if (report.daemon.pid != 0) {
             finding.fault.words["pid"] = std::to_string(report.daemon.pid);

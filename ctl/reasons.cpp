@@ -47,6 +47,8 @@ constexpr reasons_t table{{
      "no link of the kernel has a name that begins with '{prefix}', so tandrel manages no "
      "link{text}",
      ""},
+    {r::change_unconfirmed, note, "unconfirmed-change",
+     "{text} is unconfirmed, and will be reverted in {seconds} s", "tandrelctl confirm {number}"},
 
     {r::link_absent, difference, "link-absent",
      "the kernel has no link {link}; its stored settings (interface node {number}) take effect "

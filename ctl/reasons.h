@@ -17,6 +17,7 @@ enum class reason_t {
     interface_twice,
     strange_element,
     no_link_managed,
+    change_unconfirmed,
     // Links.
     link_absent,
     wrong_prefix,

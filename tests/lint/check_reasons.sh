@@ -15,7 +15,9 @@ for reason in $reasons; do
     # Depends on the processes and on the store's service.
     daemon_*) grep -qF "daemon_t::${reason#daemon_}," <<<"$tests" ;;
     # Comes from the keeper's memory.
-    setting_remembered) grep -qF "left the store (link down); 'tandrelctl" tests/ctl/kernel/keeper_test.cpp ;;
+    setting_remembered) grep -qF "was removed from the store (link down);" tests/ctl/kernel/keeper_test.cpp ;;
+    # Comes from the store's service.
+    change_unconfirmed) grep -qF "is unconfirmed, and will be" tests/ctl/kernel/change_test.cpp ;;
     *) grep -qE "^ *expect\(reason_t::$reason,( \"|\$)" <<<"$tests" ;;
     esac || fail "no test holds the sentence of $reason"
 done

@@ -1,4 +1,6 @@
 // Changes through tandrelctl, and their effect in the kernel.
+#include <regex>
+
 #include <linux/if_addr.h>
 
 #include "ctl_test.h"
@@ -72,6 +74,14 @@ TEST_F(Change, AConfirmedChangeStaysAndIsListedBefore) {
                   "\n");
     EXPECT_TRUE(contains(run({"status"}).output,
                          "unconfirmed: change " + number + " by tandrelctl, process "));
+    EXPECT_TRUE(becomes([&] { return in_step(); }));
+    const std::string noted = run({"check"}).output;
+    EXPECT_TRUE(std::regex_search(
+        noted, std::regex("store: note: change " + number +
+                          " by tandrelctl, process \\d+, user \\d+ is unconfirmed, and will be "
+                          "reverted in \\d\\d s\n    -> tandrelctl confirm " +
+                          number + "\n")))
+        << noted;
     const result_t second = run({"gateway", "set", "eth0", "fe80::3", "--confirm", "100"});
     EXPECT_EQ(second.status, 1);
     EXPECT_TRUE(contains(second.errors, "change " + number + " by tandrelctl, process "))
@@ -79,6 +89,7 @@ TEST_F(Change, AConfirmedChangeStaysAndIsListedBefore) {
     EXPECT_TRUE(contains(second.errors, "unless it is confirmed: tandrelctl confirm " + number))
         << second.errors;
     EXPECT_EQ(run({"confirm"}).output, "change " + number + " is confirmed\n");
+    EXPECT_FALSE(contains(run({"check"}).output, "unconfirmed"));
     EXPECT_EQ(store.gateway(1), "fe80::2");
     EXPECT_EQ(run({"confirm", number}).status, 1);
 }

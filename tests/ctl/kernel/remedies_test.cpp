@@ -51,6 +51,11 @@ public:
         store.remove(kt::paths::address(1, "base"));
     }
 
+    void UnconfirmedChange() {
+        ASSERT_EQ(run({"gateway", "set", "eth0", "fe80::2", "--confirm", "100"}).status, 0);
+        ASSERT_TRUE(becomes([&] { return in_step(); }));
+    }
+
     // --- links ---
     void SmallMtu() { device.set_mtu("eth0", 1000); }
     void Ipv6Disabled() {
@@ -391,6 +396,7 @@ const std::vector<case_t> cases = {
     {"interface-twice",
      ARRANGED(TwoNodes),
      {"/01", "/1/IPv6/Addresses/base", "kernel eth0 2001:db8:1::1/64"}},
+    {"unconfirmed-change", ARRANGED(UnconfirmedChange), {}},
     {"small-mtu", ARRANGED(SmallMtu), {"fe80::", "/Addresses/1"}},
     {"ipv6-disabled", ARRANGED(Ipv6Disabled), {"2001:db8:1::1", "fe80::", "/Addresses/1"}},
     {"no-store-node", ARRANGED(NoNode), {"store "}},
