@@ -30,6 +30,9 @@ public:
 
     Peer(UniqueFd connected, Credentials other, bool writer, Time now)
         : who(std::move(other)), may_write(writer), accepted(now), socket(std::move(connected)) {}
+    ~Peer() { task.reset(); } // its request is in the input
+    Peer(const Peer &) = delete;
+    Peer &operator=(const Peer &) = delete;
 
     int fd() const { return socket.get(); }
 

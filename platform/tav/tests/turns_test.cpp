@@ -252,3 +252,33 @@ TEST_F(TurnsTest, AClientThatSendsManyRequestsDelaysNoOther) {
     });
     EXPECT_GT(looks, requests / 100);
 }
+
+// The service once read the request again after its memory had been freed.
+TEST_F(TurnsTest, AWriterThatLeavesWhileItWaitsIsForgotten) {
+    constexpr tav::SessionId another = 100;
+    ASSERT_TRUE(service.take_turn(another));
+    const std::string small = write_frame(std::vector<tav::Item>(65, item("/n", "1")));
+    tav::Item large = item("/n", "1");
+    large.value = {element_type_string, std::string(limits::value_bytes, 'v'), tav::no_time};
+    for (const std::string &frame : {small, write_frame(std::vector<tav::Item>(254, large))}) {
+        std::unique_ptr<RawClient> leaving;
+        while_served([&] {
+            leaving = std::make_unique<RawClient>(socket);
+            ASSERT_TRUE(leaving->calls.send(frame));
+        });
+        while (!service.others_wait()) {
+            while_served([] { std::this_thread::sleep_for(std::chrono::milliseconds(1)); });
+        }
+        leaving.reset();
+        while_served([this] {
+            send_reads(*first, 1);
+            take_replies(*first, 1);
+        });
+        EXPECT_EQ(service.sessions().size(), 2U);
+        EXPECT_FALSE(service.others_wait());
+        service.writers(1, true);
+        EXPECT_TRUE(service.short_ones_wait());
+        service.writers(-1, true);
+    }
+    service.end_turn();
+}
