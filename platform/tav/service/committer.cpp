@@ -25,7 +25,9 @@ Committer::~Committer() {
 
 void Committer::start(Storage &to, const Edit::Changes &what) {
     if (!thread.joinable()) {
-        ended = UniqueFd(::eventfd(0, EFD_CLOEXEC));
+        if (!ended.valid()) { // it may be watched already, if there was no thread the last time
+            ended = UniqueFd(::eventfd(0, EFD_CLOEXEC));
+        }
         if (!ended.valid()) {
             throw std::system_error(errno, std::generic_category(), "eventfd");
         }

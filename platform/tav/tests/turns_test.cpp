@@ -4,12 +4,14 @@
 #include "support/raw_peer.h"
 #include "support/store_fixture.h"
 
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdint>
 #include <thread>
 
 #include "protocol/limits.h"
@@ -39,6 +41,37 @@ extern "C" int epoll_wait(int epoll, epoll_event *events, int size, int most) {
 }
 
 namespace {
+
+// In memory, but its commits may be left to another thread.
+class SlowStorage : public tav::NoStorage {
+public:
+    bool is_slow(std::size_t /*changes*/) const override { return slow; }
+    std::atomic<bool> slow{false};
+};
+
+// While there is one, no thread can be created.
+class NoThreads {
+public:
+    NoThreads() {
+        pthread_attr_t attributes{};
+        EXPECT_EQ(::pthread_getattr_default_np(&attributes), 0);
+        EXPECT_EQ(::pthread_attr_getstacksize(&attributes, &stack), 0);
+        set(SIZE_MAX / 2);
+    }
+    ~NoThreads() { set(stack); }
+    NoThreads(const NoThreads &) = delete;
+    NoThreads &operator=(const NoThreads &) = delete;
+
+private:
+    static void set(std::size_t size) {
+        pthread_attr_t attributes{};
+        EXPECT_EQ(::pthread_attr_init(&attributes), 0);
+        EXPECT_EQ(::pthread_attr_setstacksize(&attributes, size), 0);
+        EXPECT_EQ(::pthread_setattr_default_np(&attributes), 0);
+    }
+
+    std::size_t stack = 0;
+};
 
 class TurnsTest : public StoreTest {
 protected:
@@ -105,7 +138,8 @@ protected:
     }
 
     std::atomic<int> milliseconds{1000000}; // not every processor has 64-bit atomics
-    tav::Store store;
+    SlowStorage *storage = new SlowStorage;
+    tav::Store store{std::unique_ptr<tav::Storage>(storage)};
     tav::Service service;
     tav::Listener listener;
     tav::UniqueFd end;
@@ -281,4 +315,21 @@ TEST_F(TurnsTest, AWriterThatLeavesWhileItWaitsIsForgotten) {
         service.writers(-1, true);
     }
     service.end_turn();
+}
+
+// Nobody once noticed the end of the commit after one for which there was no thread.
+TEST_F(TurnsTest, WritesContinueAfterACommitForWhichThereWasNoThread) {
+    const timeval limit{10, 0};
+    ::setsockopt(first->calls.fd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    storage->slow = true;
+    while_served([this] {
+        {
+            const NoThreads none;
+            EXPECT_THROW(std::thread([] {}), std::system_error);
+            send_writes(*first, 1, 1);
+            take_replies(*first, 1);
+        }
+        send_writes(*first, 2, 3);
+        take_replies(*first, 2);
+    });
 }
