@@ -83,6 +83,10 @@ constexpr std::size_t read_ahead_bytes = std::size_t{4} << 20;
 // bytes.
 constexpr std::size_t held_bytes = std::size_t{128} << 20;
 
+// Bytes of values and elements that were replaced or removed, but that unfinished replies still
+// describe. Beyond it the service ends the connections whose replies began first.
+constexpr std::size_t kept_bytes = std::size_t{64} << 20;
+
 // Length of watchdog names (api_status_name_too_long), and number of disconnected watchdogs that
 // are kept for display.
 constexpr std::size_t watchdog_name_bytes = 64;

@@ -203,6 +203,29 @@ void Server::limit_held_bytes() {
     dismiss(most->first, api_status_refused, "too much data was waiting for this client");
 }
 
+// Ends the clients whose unfinished replies describe too much that was replaced since.
+void Server::limit_kept_bytes() {
+    constexpr std::uint64_t step = std::uint64_t{1} << 20; // not after each small change
+    const std::uint64_t now = service.store().tree().replaced();
+    if (now - kept_looked_at < step) {
+        return;
+    }
+    kept_looked_at = now;
+    PeerId id = 0;
+    for (auto next = peers.begin(); next != peers.end(); next = peers.upper_bound(id)) {
+        id = next->first; // it may end, and another one with it
+        const Peer &peer = *next->second;
+        const std::uint64_t began = peer.task ? peer.task->keeps().value_or(now) : now;
+        const std::uint64_t kept = now > began ? now - began : 0;
+        if (kept > limits::kept_bytes) {
+            service.usage().refuse(Limit::kept_bytes);
+            dismiss(id, api_status_refused, "too much was changed while it received a reply");
+        } else {
+            service.usage().raise(Limit::kept_bytes, kept);
+        }
+    }
+}
+
 // Ends a connection, and sends the client the reason if possible.
 void Server::dismiss(PeerId id, api_status_t status, const char *reason) {
     const auto found = peers.find(id);

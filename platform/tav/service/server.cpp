@@ -86,6 +86,7 @@ void Server::run() {
         }
         end_slow_greetings();
         end_slow_readers();
+        limit_kept_bytes();
         service.watchdog().check(service.now());
         if (next_wake && *next_wake <= service.now()) {
             look_after_all();

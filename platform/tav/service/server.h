@@ -84,6 +84,7 @@ private:
     void end_slow_readers();
     void account(Peer &peer);
     void limit_held_bytes();
+    void limit_kept_bytes();
     void dismiss(PeerId id, api_status_t status, const char *reason);
     void drop(PeerId id);
     void drop_session(std::uint64_t session);
@@ -97,7 +98,8 @@ private:
     std::map<PeerId, std::unique_ptr<Peer>> peers;
     std::map<std::uint64_t, Connections> connections;
     std::map<uid_t, User> users;
-    std::size_t held = 0; // by all users
+    std::size_t held = 0;             // by all users
+    std::uint64_t kept_looked_at = 0; // Tree::replaced() at the last limit_kept_bytes()
     PeerId next_id = first_peer;
     std::optional<Time> accept_again;
 

@@ -25,6 +25,7 @@ public:
     Read(Service &served, const RequestHeader &header, std::string_view content)
         : Task(header.serial), service(served), tree(served.store().tree()), in(content),
           unanswered(in.count(1)), fits(service.fits(unanswered)) {
+        version = tree.replaced();
         out.u32(unanswered);
         answered = made();
     }
@@ -103,6 +104,7 @@ private:
         service.usage().count(status);
         put(out, status);
         walker.emplace(element, tree, path, dumps);
+        version = tree.replaced();
         if (!dumps) {
             out.u32(element == nullptr ? 0 : element->child_count);
             walker->next(); // the node itself
@@ -160,6 +162,7 @@ private:
             return false;
         }
         walker.emplace(node, tree, path);
+        version = tree.replaced();
         walker->next(); // the node itself
         service.holders().hold(session, number, path);
         return true;

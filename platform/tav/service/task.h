@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -35,11 +36,14 @@ public:
 
     // Bytes of the answer that were made and not taken.
     std::size_t made() const { return out.size(); }
+    // Tree::replaced() of the version of the tree that the answer describes, if it keeps one.
+    std::optional<std::uint64_t> keeps() const { return version; }
     // The next frame of the answer, with what was made of it; `more`: it is not the last one.
     std::string take_frame(bool more);
 
 protected:
     Writer out;
+    std::optional<std::uint64_t> version; // see keeps()
 
 private:
     void begin_frame() { put(out, ReplyHeader{serial, false, false}); }

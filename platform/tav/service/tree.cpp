@@ -29,12 +29,21 @@ std::shared_ptr<Object> make(Arguments &&...arguments) {
                                         std::forward<Arguments>(arguments)...);
 }
 
+// With its counters, and its share of what is unused in its slab.
+template <typename Object>
+constexpr std::size_t object_bytes = sizeof(Object) + sizeof(void *) + 2 * sizeof(int) +
+                                     sizeof(void *);
+
+// Bytes of the copies since a tree has last counted them.
+std::size_t copied = 0;
+
 // Makes an element safe to change: one that another copy of the tree shares is replaced by a copy
 // of its own. An element is shared if any element above it is, so the way to it must be made safe
 // first.
 Element &own(ElementPtr &slot) {
     if (slot.use_count() > 1) {
         slot = make<Element>(*slot);
+        copied += object_bytes<Element>;
     }
     return *slot;
 }
@@ -112,10 +121,8 @@ bool same_content(const Value &left, const Value &right) {
 }
 
 void Extent::add(const Content &content) {
-    // Each of the two objects has its counters, and its share of what is unused in their slabs.
-    constexpr std::size_t around = 2 * (sizeof(void *) + 2 * sizeof(int) + sizeof(void *));
     ++(content.value.type == element_type_node ? nodes : leaves);
-    bytes += sizeof(Element) + sizeof(Content) + around + heap_bytes(content.name.text()) +
+    bytes += object_bytes<Element> + object_bytes<Content> + heap_bytes(content.name.text()) +
              heap_bytes(content.value.text);
 }
 
@@ -131,6 +138,7 @@ void Tree::clear() {
     const auto root = make<Element>();
     root->content =
         make<Content>(Content{Name(PlacedName("")), Value{element_type_node, {}, no_time}});
+    replaced_bytes += all.bytes;
     all = {};
     all.add(*root->content);
     top = Root(root);
@@ -199,11 +207,14 @@ const Element &Tree::add(std::string_view path, Value value) {
     const Element &added = *element;
     insert(parent.children, std::move(element));
     ++parent.child_count;
+    replaced_bytes += std::exchange(copied, 0);
     return added;
 }
 
 const Element &Tree::replace(std::string_view path, Value value) {
     Element &element = own(path);
+    replaced_bytes +=
+        std::exchange(copied, 0) + object_bytes<Content> + heap_bytes(element.content->value.text);
     all.bytes -= heap_bytes(element.content->value.text);
     element.content = make<Content>(Content{element.content->name, std::move(value)});
     all.bytes += heap_bytes(element.content->value.text);
@@ -220,6 +231,7 @@ void Tree::remove(std::string_view path, Extent removed) {
     all.nodes -= removed.nodes;
     all.leaves -= removed.leaves;
     all.bytes -= removed.bytes;
+    replaced_bytes += std::exchange(copied, 0) + removed.bytes;
 }
 
 Walker::Walker(const Element *start, const Tree &tree, std::string path, bool deep)

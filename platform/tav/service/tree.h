@@ -84,6 +84,9 @@ public:
     // Null if there is nothing at `path`, which must be a path that check_path accepts.
     const Element *find(std::string_view path) const;
     const Extent &extent() const { return all; }
+    // Bytes of all elements that were replaced or removed on the way to this version, estimated
+    // like those of the extent. An earlier version keeps at most the difference alive.
+    std::uint64_t replaced() const { return replaced_bytes; }
 
     // Adds an element that was stored earlier; its parent is already there. It must pass the same
     // checks as a client's write. Any result except api_status_ok means that nothing was added.
@@ -104,6 +107,7 @@ private:
 
     Root top;
     Extent all;
+    std::uint64_t replaced_bytes = 0; // see replaced()
 };
 
 // Goes through the elements at and below a path, parents first, in the order of listings. It keeps

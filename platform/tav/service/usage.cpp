@@ -37,6 +37,7 @@ constexpr std::array<Known, static_cast<std::size_t>(Limit::number_)> table{{
     {Limit::request_paths, "paths of a call", limits::paths_per_request, api_status_none},
     {Limit::event_bytes, "bytes of events that wait", limits::event_bytes, api_status_none},
     {Limit::held_bytes, "bytes held for all clients", limits::held_bytes, api_status_none},
+    {Limit::kept_bytes, "bytes kept for long replies", limits::kept_bytes, api_status_none},
     {Limit::read_aheads, "read-aheads of all clients", limits::read_aheads, api_status_none},
     {Limit::read_ahead_bytes, "bytes of a read-ahead", limits::read_ahead_bytes, api_status_none},
     {Limit::pending_changes, "unconfirmed changes of a user", limits::pending_changes,

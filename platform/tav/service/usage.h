@@ -28,6 +28,7 @@ enum class Limit : std::size_t {
     request_paths,
     event_bytes,
     held_bytes,
+    kept_bytes,
     read_aheads,
     read_ahead_bytes,
     pending_changes,

@@ -37,6 +37,23 @@ std::string many(const std::string &part, std::size_t times) {
     return all;
 }
 
+// Reads all frames of an answer; 0 if the connection ends before.
+std::size_t answer_bytes(RawPeer &calls) {
+    std::size_t bytes = 0;
+    for (bool more = true; more;) {
+        const std::string body = calls.receive();
+        tav::Reader reader(body);
+        tav::ReplyHeader header;
+        get(reader, header);
+        if (!reader.ok()) {
+            return 0;
+        }
+        bytes += reader.remaining().size();
+        more = header.more;
+    }
+    return bytes;
+}
+
 } // namespace
 
 TEST_F(LimitsTest, EachLimitOfTheTreeHasItsStatusAndItsCount) {
@@ -164,21 +181,37 @@ TEST_F(LimitsTest, ClientsThatDoNotFinishLargeRequestsAreDisconnected) {
     EXPECT_EQ(good->set("/a", "1"), api_status_ok);
 }
 
+// Each reply that was not read once kept its own version of the tree for a minute.
+TEST_F(LimitsTest, UnfinishedRepliesKeepLittleOfWhatWasReplaced) {
+    constexpr std::size_t leaves = 250;
+    const auto fill = [this](char text) {
+        return good->set_numbered("/v", leaves, std::string(limits::value_bytes, text));
+    };
+    ASSERT_EQ(fill('a'), api_status_ok);
+    std::vector<std::unique_ptr<RawClient>> deaf;
+    for (const char text : {'b', 'c', 'd', 'e', 'f', 'g'}) {
+        deaf.push_back(std::make_unique<RawClient>(socket));
+        deaf.back()->calls.send(path_frame(Op::dump, "/"));
+        ASSERT_EQ(good->list("/").size(), leaves); // the dump has begun
+        ASSERT_EQ(fill(text), api_status_ok);
+    }
+    const auto refused = [this] { return shown("bytes kept for long replies").refused; };
+    for (int i = 0; i < 500 && refused() < 2; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    const tav::LimitStatus limit = shown("bytes kept for long replies");
+    EXPECT_EQ(limit.refused, deaf.size() - limit.limit / (leaves * limits::value_bytes));
+    EXPECT_GT(limit.used, limit.limit - leaves * limits::value_bytes);
+    EXPECT_LE(limit.used, limit.limit);
+    EXPECT_TRUE(deaf[1]->wake.closed());
+    EXPECT_GT(answer_bytes(deaf[2]->calls), leaves * limits::value_bytes) << "it is still served";
+}
+
 TEST_F(LimitsTest, ALongAnswerIsMadeAsItIsRead) {
     good->set("/big", std::string(65536, 'x'));
     RawClient deaf(socket);
     deaf.calls.send(read_frame(Names(250, "/big")));
     EXPECT_EQ(good->get("/big").size(), 65536U);
     EXPECT_LT(shown("bytes held for all clients").used, std::size_t{1} << 20);
-    std::size_t bytes = 0;
-    for (bool more = true; more;) {
-        const std::string body = deaf.calls.receive();
-        tav::Reader reader(body);
-        tav::ReplyHeader header;
-        get(reader, header);
-        ASSERT_TRUE(reader.ok());
-        bytes += reader.remaining().size();
-        more = header.more;
-    }
-    EXPECT_GT(bytes, 249U * 65536);
+    EXPECT_GT(answer_bytes(deaf.calls), 249U * 65536);
 }

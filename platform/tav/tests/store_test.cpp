@@ -261,6 +261,26 @@ TEST_F(StoreUnit, AWalkSeesNoneOfTheLaterChanges) {
     EXPECT_EQ(names("/"), Names{});
 }
 
+TEST_F(StoreUnit, ATreeCountsTheBytesThatItHasReplacedAndRemoved) {
+    const Value text{element_type_string, std::string(1000, 'x'), no_time};
+    Tree tree;
+    std::uint64_t last = 0;
+    const auto more = [&] { return tree.replaced() - std::exchange(last, tree.replaced()); };
+    tree.add("/a", text);
+    EXPECT_EQ(more(), 0U);
+    const Tree earlier = tree;
+    tree.add("/b", text);
+    EXPECT_GE(more(), sizeof(Element)) << "the root, at least";
+    tree.replace("/b", text);
+    EXPECT_EQ(more() / 1000, 1U);
+    Extent removed;
+    removed.add(*tree.find("/b")->content);
+    tree.remove("/b", removed);
+    EXPECT_EQ(more() / 1000, 1U);
+    tree.clear();
+    EXPECT_GE(more(), 1000U);
+}
+
 TEST_F(StoreUnit, AConditionHoldsForExactlyOneValue) {
     const auto allows = [this](const Item &condition) {
         return write({condition}).statuses.front();
