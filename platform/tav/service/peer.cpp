@@ -11,6 +11,15 @@ namespace {
 
 constexpr std::size_t read_step = std::size_t{64} << 10;
 
+// A connection without a request keeps little memory.
+void release(std::string &buffer) {
+    constexpr std::size_t keep_capacity = std::size_t{16} << 10;
+    buffer.clear();
+    if (buffer.capacity() > keep_capacity) {
+        buffer.shrink_to_fit();
+    }
+}
+
 bool temporary(int error) {
     return error == EAGAIN || error == EWOULDBLOCK || error == EINTR;
 }
@@ -43,7 +52,10 @@ void Peer::consume(std::string_view body) {
     consumed += length_bytes + body.size();
     if (consumed == input.size()) {
         consumed = 0;
-        recycle(input);
+        release(input);
+    } else if (consumed > read_step) {
+        std::string(input, consumed).swap(input); // the beginning of the next request
+        consumed = 0;
     }
 }
 
@@ -67,7 +79,7 @@ bool Peer::flush() {
     }
     sent = 0;
     whole_from = 0;
-    recycle(output);
+    release(output);
     return true;
 }
 

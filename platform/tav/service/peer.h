@@ -44,8 +44,9 @@ public:
     void consume(std::string_view body);
     // There is a complete request, or one that is too large.
     bool has_request() const;
-    // Bytes of requests that were received and not consumed, and of replies that were not sent.
-    std::size_t held() const { return input.size() - consumed + output.size() - sent; }
+    // Bytes of requests that were received, and of a reply that was not sent completely. A part of
+    // either uses memory until all of it is released.
+    std::size_t held() const { return input.size() + output.size(); }
     // A client's connection that is ready for use.
     bool established() const { return attached || role == Role::wake; }
 
