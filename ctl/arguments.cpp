@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
+#include <iomanip>
 #include <iostream>
 #include <memory>
 #include <sstream>
@@ -21,6 +22,21 @@
 namespace ctl {
 
 namespace {
+
+// CLI11's own range includes nan.
+CLI::Validator seconds_from(double least, double most) {
+    return CLI::Validator(
+        [=](const std::string &text) {
+            char *end = nullptr;
+            const double value = std::strtod(text.c_str(), &end);
+            const bool fits = *end == '\0' && !text.empty() && value >= least && value <= most;
+            std::ostringstream wanted;
+            wanted << std::setprecision(7) << "'" << text << "' is not a time: it must be " << least
+                   << " to " << most << " seconds";
+            return fits ? std::string() : wanted.str();
+        },
+        "");
+}
 
 constexpr const char *ending =
     "Exit status: 0 done, or the views agree; 1 the views differ, or the change was refused;\n"
@@ -171,10 +187,9 @@ private:
 
     void add_dry_run(CLI::App *sub) {
         sub->add_option("--confirm", request.options.term,
-                        "Take the change back after that time, unless 'tandrelctl confirm' is run "
-                        "first")
+                        "Revert the change after SECONDS, unless 'tandrelctl confirm' is run first")
             ->type_name("SECONDS")
-            ->check(CLI::Range(0.001, 86400.0).description(""));
+            ->check(seconds_from(0.001, 86400));
         sub->add_flag("--dry-run", request.options.dry_run,
                       "Change nothing; print what would change in the store and in the kernel");
     }
@@ -190,7 +205,7 @@ private:
             sub->add_flag("--wait{10}", patience,
                           "Wait until the kernel has made the change, or say after 10 seconds why "
                           "it has not; --wait=S sets another time");
-        flag->check(CLI::Range(0.0, 1e6).description(""));
+        flag->check(seconds_from(0, 1e6));
         wait_flags.push_back(flag);
     }
 
@@ -245,7 +260,7 @@ private:
                         "After this time, print what is missing and exit with status 4 "
                         "(default: 120)")
             ->type_name("SECONDS")
-            ->check(CLI::Range(0.0, 1e6).description(""));
+            ->check(seconds_from(0, 1e6));
     }
 
     void add_address() {
@@ -347,10 +362,10 @@ private:
             ->required();
         sub->add_flag("--write", request.options.write, "Store them as Static");
         sub->add_option("--confirm", request.options.term,
-                        "With --write: revert it after that time, unless 'tandrelctl confirm' "
-                        "is run first")
+                        "With --write: revert it after SECONDS, unless 'tandrelctl confirm' is run "
+                        "first")
             ->type_name("SECONDS")
-            ->check(CLI::Range(0.001, 86400.0).description(""));
+            ->check(seconds_from(0.001, 86400));
         sub->add_flag("--dry-run", request.options.dry_run, "Change nothing, even with --write");
 
         sub = add(app, "confirm", "Keep a change that was made with --confirm", confirm);

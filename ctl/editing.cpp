@@ -6,6 +6,7 @@
 #include <linux/rtnetlink.h>
 
 #include "ctl/edit.h"
+#include "ctl/keeper_memory.h"
 #include "ctl/rules.h"
 #include "ctl/text.h"
 #include "ctl/wait.h"
@@ -227,7 +228,21 @@ CAddress parse_existing(const options_t &options) {
     return address;
 }
 
-std::vector<std::string> nodes_to_remove(const std::vector<place_t> &stored,
+// Where the keeper remembers the address, or the gateway (null), which it would store again.
+std::vector<std::string> remembered(client_t &client, const std::string &link,
+                                    const CAddress *address) {
+    std::vector<std::string> paths;
+    for (const kept_t &kept : read_memory(client.tav).kept) {
+        const setting_t &one = kept.setting;
+        if (one.link == link && one.is_gateway == (address == nullptr) &&
+            (address == nullptr || same_address(one.address, *address))) {
+            paths.push_back(kept_path(one));
+        }
+    }
+    return paths;
+}
+
+std::vector<std::string> nodes_to_remove(client_t &client, const std::vector<place_t> &stored,
                                          const CAddress &address, const options_t &options) {
     std::vector<std::string> paths;
     for (const place_t &place : stored) {
@@ -240,6 +255,9 @@ std::vector<std::string> nodes_to_remove(const std::vector<place_t> &stored,
         }
         may_remove(*place.stored, options);
         paths.push_back(place.path);
+    }
+    if (paths.empty()) {
+        paths = remembered(client, options.link, &address);
     }
     if (paths.empty()) {
         throw refusal("'" + shown(options.address) + "' is not stored for " + shown(options.link));
@@ -271,7 +289,7 @@ int address_delete(const options_t &options) {
     const bool done = carry_out(client, options, [&](const store_view_t &store) {
         const std::vector<place_t> stored = places(store, options.link);
         if (!options.address.empty()) {
-            return step_t{{}, nodes_to_remove(stored, address, options)};
+            return step_t{{}, nodes_to_remove(client, stored, address, options)};
         }
         const std::string path = node_to_remove(stored, options);
         for (const place_t &place : stored) {
@@ -322,6 +340,9 @@ int gateway_clear(const options_t &options) {
             if (interface.number != 0 && interface.link == options.link && interface.gateway) {
                 step.removals.push_back(paths::gateway(paths::ipv6(interface.node)));
             }
+        }
+        if (step.removals.empty()) {
+            step.removals = remembered(client, options.link, nullptr);
         }
         if (step.removals.empty()) {
             throw refusal("no gateway is stored for " + shown(options.link));

@@ -48,6 +48,7 @@ public:
     bool explain_link(const std::string &prefix, bool anything_stored);
     void explain_nodes(const std::vector<const stored_interface_t *> &nodes);
     void explain_address(const address_row_t &row);
+    void explain_fault(const stored_address_t &stored);
     void explain_gateway(const gateway_row_t &row);
     void explain_other_routes();
 
@@ -141,8 +142,9 @@ void explainer_t::explain_duplicate(const kernel_address_t &there, const address
     std::string command = "ip -6 address del " + address + " dev " + shown_word(view.link);
     if (row.stored && !row.stored->fault && row.stored->address.type == type_static) {
         const std::string stored = " " + prefix_text(row.stored->address);
-        command = for_shell("tandrelctl address del") + stored + " --wait && " +
-                  for_shell("tandrelctl address add") + stored + " --node " +
+        // Without tandrel, the removal would never be complete, and nothing would follow it.
+        command = "tandrelctl nudge && " + for_shell("tandrelctl address del") + stored +
+                  " --wait && " + for_shell("tandrelctl address add") + stored + " --node " +
                   shown_word(row.stored->node) + " --wait";
     }
     add(reason_t::duplicate_found, {{"address", address}, {"command", command}});
@@ -206,6 +208,28 @@ void explainer_t::explain_stored_only(const stored_address_t &stored) {
     }
 }
 
+// To store the address again would change the node that has it already, if there is one.
+void explainer_t::explain_fault(const stored_address_t &stored) {
+    words_t words = stored.fault->words;
+    const std::string address = stored.text.substr(0, stored.text.find('/'));
+    CRoute there;
+    const bool readable = !convert_gateway(address, there);
+    const bool is_copy =
+        readable &&
+        std::any_of(view.addresses.begin(), view.addresses.end(), [&](const address_row_t &row) {
+            return row.stored && !row.stored->fault &&
+                   std::memcmp(&row.stored->address.addr, &there.gateway, sizeof there.gateway) ==
+                       0;
+        });
+    CAddress whole;
+    const bool has_length = !convert_address(stored.text, whole);
+    words["command"] =
+        is_copy ? for_shell("tandrelctl address del") + " --node " + shown_word(stored.node)
+                : for_shell("tandrelctl address replace") + " " +
+                      shown_word(has_length ? stored.text : address + "/64");
+    add(stored.fault->reason, words);
+}
+
 void explainer_t::explain_address(const address_row_t &row) {
     if (row.kernel && !row.kernel->has_address) {
         add(reason_t::address_listed_empty);
@@ -222,7 +246,7 @@ void explainer_t::explain_address(const address_row_t &row) {
         view.findings.back().waits =
             (row.kernel->flags & (IFA_F_TENTATIVE | IFA_F_DADFAILED)) == IFA_F_TENTATIVE;
     } else if (row.stored->fault) {
-        add(row.stored->fault->reason, row.stored->fault->words);
+        explain_fault(*row.stored);
     } else if (row.kernel) {
         explain_pair(*row.kernel, *row.stored);
     } else {
@@ -276,7 +300,7 @@ void explainer_t::explain_stored_gateway(const stored_gateway_t &stored) {
         add(reason_t::gateway_link_down, words);
     } else if (other != view.gateways.end()) {
         words["protocol"] = protocol_name(other->kernel->route.protocol);
-        words["command"] = deletion_command(view.link, *other->kernel) + " && tandrelctl nudge";
+        words["command"] = replacement(view.link, *other->kernel);
         add(reason_t::gateway_taken, words);
     } else if (!is_reachable(kernel, view.kernel->index, stored.route.gateway)) {
         add(reason_t::gateway_unreachable, words);
@@ -296,8 +320,7 @@ void explainer_t::explain_kernel_route(const kernel_route_t &route) {
     const bool storable = stored_gateway() == nullptr && route.table == RT_TABLE_MAIN;
     if (!is_static(route)) {
         if (storable && route.route.protocol == RTPROT_BOOT) {
-            words["command"] =
-                store_it + " && " + deletion_command(view.link, route) + " && tandrelctl nudge";
+            words["command"] = store_it + " && " + replacement(view.link, route);
         }
         add(reason_t::route_other_protocol, words);
     } else if (!is_adopted(route)) {

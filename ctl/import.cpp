@@ -93,8 +93,7 @@ private:
             lines.push_back({style_t::good, what + "  new"});
             if (!is_static(*row.kernel)) {
                 lines.push_back({style_t::plain, "    -> then, to let tandrel manage the route: " +
-                                                     deletion_command(interface.link, *row.kernel) +
-                                                     " && tandrelctl nudge"});
+                                                     replacement(interface.link, *row.kernel)});
             }
             const std::string ipv6 = paths::ipv6(static_cast<std::int32_t>(interface.number));
             step.leaves.emplace_back(paths::value(paths::gateway(ipv6)), gateway);
@@ -106,6 +105,16 @@ importer_t examine(const comparison_t &comparison, const options_t &options) {
     importer_t importer;
     for (const interface_view_t *interface : chosen(comparison, options)) {
         if (interface->tracked && interface->number != 0) {
+            const bool is_odd = std::any_of(
+                interface->findings.begin(), interface->findings.end(), [](const auto &finding) {
+                    return finding.fault.reason == reason_t::odd_interface_number;
+                });
+            if (is_odd) {
+                throw refusal(shown(interface->link) +
+                              " has an interface node that tandrel does not write to; first run: "
+                              "tandrelctl interface merge " +
+                              shown_word(interface->link));
+            }
             importer.add(*interface);
         }
     }

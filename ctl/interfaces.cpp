@@ -60,6 +60,11 @@ bool has_interface(const store_view_t &store, long number) {
     return false;
 }
 
+bool is_remembered(const memory_t &memory, const std::string &link) {
+    return std::any_of(memory.kept.begin(), memory.kept.end(),
+                       [&](const kept_t &kept) { return kept.setting.link == link; });
+}
+
 bool has_node(toolkit::CTav &tav, const std::string &path) {
     api_status_t status = tav_value::status_unset;
     std::vector<toolkit::child_t> children;
@@ -98,22 +103,42 @@ private:
                 addresses.push_back(stored.address);
             }
         }
-        has_gateway = interface.gateway.has_value();
+        exists = true;
+        if (interface.gateway && !interface.gateway->fault) {
+            gateway = interface.gateway->route;
+        }
+    }
+
+    // Refuses to lose this without --force.
+    static void lose(const stored_interface_t &interface, const std::string &what,
+                     const options_t &options) {
+        if (!options.force) {
+            throw refusal("'" + shown(std::string(paths::interfaces) + "/" + interface.node) +
+                          "' also contains " + what + "; use --force to remove it too");
+        }
     }
 
     void move(const stored_interface_t &interface, const options_t &options) {
         const std::string path = std::string(paths::interfaces) + "/" + interface.node;
-        if ((interface.holds_more || !interface.strange.empty()) && !options.force) {
-            throw refusal("'" + shown(path) +
-                          "' also contains elements that tandrel does not know; use --force to "
-                          "remove them too");
+        if (interface.holds_more || !interface.strange.empty()) {
+            lose(interface, "something that tandrel does not use", options);
         }
         for (const stored_address_t &stored : interface.addresses) {
-            const auto same = [&](const CTavAddress &one) {
-                return same_address(one, stored.address);
-            };
-            if (stored.fault || stored.address.type != type_static ||
-                std::any_of(addresses.begin(), addresses.end(), same)) {
+            if (stored.fault) {
+                lose(interface, "the unusable address '" + shown(stored.node) + "'", options);
+                continue;
+            }
+            if (stored.address.type != type_static) {
+                continue; // the kernel's own, which tandrel stores again
+            }
+            const auto there =
+                std::find_if(addresses.begin(), addresses.end(), [&](const CTavAddress &one) {
+                    return same_address(one, stored.address);
+                });
+            if (there != addresses.end()) {
+                if (there->prefix_len != stored.address.prefix_len) {
+                    lose(interface, shown(stored.text) + " with another prefix length", options);
+                }
                 continue;
             }
             const bool is_free = names.count(stored.node) == 0;
@@ -122,10 +147,14 @@ private:
             addresses.push_back(stored.address);
             put_address(step, paths::address(addresses_path(number), node), stored.address);
         }
-        if (interface.gateway && !interface.gateway->fault && !has_gateway) {
+        if (interface.gateway && interface.gateway->fault) {
+            lose(interface, "an unusable gateway", options);
+        } else if (interface.gateway && !gateway) {
             const std::string ipv6 = paths::ipv6(static_cast<std::int32_t>(number));
             step.leaves.emplace_back(paths::value(paths::gateway(ipv6)), interface.gateway->text);
-            has_gateway = true;
+            gateway = interface.gateway->route;
+        } else if (interface.gateway && !same_gateway(*gateway, interface.gateway->route)) {
+            lose(interface, "the gateway " + shown(interface.gateway->text), options);
         }
         step.removals.push_back(path);
     }
@@ -133,7 +162,10 @@ private:
     const long number;
     std::set<std::string> names;
     std::vector<CTavAddress> addresses;
-    bool has_gateway = false;
+    std::optional<CRoute> gateway;
+
+public:
+    bool exists = false; // the node to which the settings are moved
 };
 
 } // namespace
@@ -173,6 +205,10 @@ int interface_delete(const options_t &options) {
             throw refusal("'" + shown(removal.path) +
                           "' contains settings that would be lost; use --force to remove them too");
         }
+        if (!options.force && is_remembered(read_memory(client.tav), removal.link)) {
+            throw refusal("'tandrelctl keep' remembers settings of " + shown(removal.link) +
+                          " that would be lost (keep --list); use --force to forget them too");
+        }
         step_t step{{}, {removal.path}};
         if (!removal.link.empty() && has_node(client.tav, link_memory(removal.link))) {
             step.removals.push_back(link_memory(removal.link)); // the keeper forgets it
@@ -191,8 +227,15 @@ int interface_delete(const options_t &options) {
 int interface_merge(const options_t &options) {
     const long number = number_of(options);
     client_t client;
-    carry_out(client, options,
-              [&](const store_view_t &store) { return merger_t(store, options, number).step; });
+    bool create = false;
+    const bool done = carry_out(client, options, [&](const store_view_t &store) {
+        const merger_t merger(store, options, number);
+        create = !merger.exists && merger.step.leaves.empty();
+        return merger.step;
+    });
+    if (done && create) {
+        make_interface(client, options, number);
+    }
     return exit_done;
 }
 

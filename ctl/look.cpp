@@ -167,6 +167,9 @@ int check(const options_t &options) {
         report.notes.clear();
     }
     const bool agree = report.differences.empty();
+    if (options.quiet) {
+        return agree ? exit_done : exit_differs;
+    }
     if (options.json) {
         json_t json{{"agree", agree}, {"differences", json_t::array()}, {"notes", json_t::array()}};
         for (const finding_t &finding : report.differences) {
@@ -176,7 +179,7 @@ int check(const options_t &options) {
             json["notes"].push_back(finding_json(finding));
         }
         print_json(json);
-    } else if (!options.quiet) {
+    } else {
         const bool colour = tav::terminal::use_color(options.colour);
         if (agree) {
             const bool known = report.daemon.state == daemon_t::working;

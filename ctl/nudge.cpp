@@ -1,6 +1,7 @@
 // The command nudge: makes the daemon synchronise now.
 #include "ctl/daemon_state.h"
 #include "ctl/edit.h"
+#include <limits>
 
 namespace ctl {
 
@@ -11,7 +12,8 @@ void nudge_once(const options_t &options) {
     client_t client;
     client.require();
     for (const stored_interface_t &interface : read_store(client.tav, options.prefix).interfaces) {
-        if (interface.number != 0) {
+        const bool has_path = interface.number <= std::numeric_limits<std::int32_t>::max();
+        if (interface.number != 0 && has_path) {
             nudge_daemon(client, options, interface.number);
             return;
         }

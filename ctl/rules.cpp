@@ -86,9 +86,9 @@ bool is_reachable(const kernel_view_t &kernel, std::int32_t ifindex, const in6_a
     });
 }
 
-std::string deletion_command(const std::string &link, const kernel_route_t &route) {
-    std::string command = "ip -6 route del default via " + address_text(route.route.gateway) +
-                          " dev " + shown_word(link);
+std::string replacement(const std::string &link, const kernel_route_t &route) {
+    std::string command = "tandrelctl nudge && ip -6 route del default via " +
+                          address_text(route.route.gateway) + " dev " + shown_word(link);
     // Of a joined route the kernel says the protocol of one part only.
     if (!route.multipath) {
         command += " proto " + protocol_name(route.route.protocol);
@@ -96,7 +96,10 @@ std::string deletion_command(const std::string &link, const kernel_route_t &rout
     if (route.metric != 0) {
         command += " metric " + std::to_string(route.metric);
     }
-    return command + (route.table == RT_TABLE_MAIN ? "" : " table " + std::to_string(route.table));
+    if (route.table != RT_TABLE_MAIN) {
+        command += " table " + std::to_string(route.table);
+    }
+    return command + " && tandrelctl nudge";
 }
 
 } // namespace ctl

@@ -37,7 +37,8 @@ bool is_configured(const kernel_address_t &address);
 // Whether `length` bits of both are the same.
 bool lies_in(const in6_addr &address, const in6_addr &network, unsigned length);
 
-// The command line that deletes the route.
-std::string deletion_command(const std::string &link, const kernel_route_t &route);
+// The command line that replaces the route by the stored one. It begins with a nudge, which fails
+// if tandrel could not add that one.
+std::string replacement(const std::string &link, const kernel_route_t &route);
 
 } // namespace ctl

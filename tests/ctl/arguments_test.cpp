@@ -146,8 +146,15 @@ TEST(CtlArguments, AWrongLineIsReportedWithItsFault) {
     EXPECT_NE(complaint({"--color", "blue", "show"}).find("blue not in {auto,always,never}"),
               std::string::npos);
     EXPECT_NE(complaint({"-i", "", "show"}).find("must not be empty"), std::string::npos);
-    EXPECT_NE(complaint({"gateway", "clear", "eth0", "--wait=-1"}).find("--wait"),
-              std::string::npos);
+    for (const char *time : {"-1", "nan", "1e7", "x"}) {
+        EXPECT_NE(
+            complaint({"gateway", "clear", "eth0", std::string("--wait=") + time})
+                .find("'" + std::string(time) + "' is not a time: it must be 0 to 1000000 seconds"),
+            std::string::npos);
+        EXPECT_NE(complaint({"gateway", "clear", "eth0", "--confirm", time})
+                      .find("is not a time: it must be 0.001 to 86400 seconds"),
+                  std::string::npos);
+    }
 }
 
 TEST(CtlArguments, HelpKeepsItsLinesWithAnyVersionOfTheLibrary) {

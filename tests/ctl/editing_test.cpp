@@ -348,6 +348,10 @@ TEST_F(Editing, WhatTheKeeperRemembersLeavesWithTheLastInterfaceNode) {
     EXPECT_EQ(ctl::interface_delete(options), 0);
     EXPECT_TRUE(fake_tav::exists(memory)) << "the link has another node";
     options.node = "1";
+    EXPECT_EQ(refused(1, ctl::interface_delete),
+              "'tandrelctl keep' remembers settings of eth0 that would be lost (keep --list); use "
+              "--force to forget them too");
+    options.force = true;
     options.dry_run = true;
     EXPECT_EQ(printed(ctl::interface_delete), "store: remove '" + at("1") + "'\nstore: remove " +
                                                   memory + "\nnothing was changed\n");
@@ -355,6 +359,21 @@ TEST_F(Editing, WhatTheKeeperRemembersLeavesWithTheLastInterfaceNode) {
     EXPECT_EQ(ctl::interface_delete(options), 0);
     EXPECT_FALSE(fake_tav::exists(memory));
     EXPECT_TRUE(fake_tav::exists("/Software/tandrel/Keeper/Links/eth1"));
+}
+
+TEST_F(Editing, WhatOnlyTheKeeperRemembersCanBeRemoved) {
+    const std::string memory = "/Software/tandrel/Keeper/Links/eth0";
+    fake_tav::put(memory + "/Addresses/2001:db8::5/Value", "2001:db8::5/64");
+    fake_tav::put(memory + "/Addresses/2001:db8::6/Value", "2001:db8::6/64");
+    fake_tav::put(memory + "/Gateway/Value", "fe80::1");
+    options.address = "2001:db8::5/64";
+    EXPECT_EQ(ctl::address_delete(options), 0);
+    EXPECT_FALSE(fake_tav::exists(memory + "/Addresses/2001:db8::5"));
+    EXPECT_NE(refused(1, ctl::address_delete), "");
+    EXPECT_TRUE(fake_tav::exists(memory + "/Gateway"));
+    EXPECT_EQ(ctl::gateway_clear(options), 0);
+    EXPECT_FALSE(fake_tav::exists(memory + "/Gateway"));
+    EXPECT_TRUE(fake_tav::exists(memory + "/Addresses/2001:db8::6"));
 }
 
 TEST_F(Editing, AnInterfaceNodeWithOnlyTheKernelsAddressesIsRemovedWithoutForce) {
@@ -407,7 +426,7 @@ TEST_F(Editing, TheSettingsOfSeveralNodesAreMerged) {
     EXPECT_EQ(refused(1, ctl::interface_merge), "the store has no second node for eth0");
     store("x", "2001:db8::1/64");
     store("x", "2001:db8::2/64", "Static", "01");
-    store("y", "2001:db8::1/48", "Static", "01");
+    store("y", "2001:db8::1/64", "Static", "01");
     store("z", "2001:db8::3/64", "Automatic", "01");
     fake_tav::put(at("01/IPv6/Default Gateway/Value"), "fe80::1");
     EXPECT_EQ(ctl::interface_merge(options), 0);
@@ -421,9 +440,42 @@ TEST_F(Editing, TheSettingsOfSeveralNodesAreMerged) {
                     ctl::reason_t::interface_twice);
     store("x", "2001:db8::2/64", "Static", "01");
     fake_tav::put(at("01/Label"), "office");
-    EXPECT_NE(refused(1, ctl::interface_merge), "");
+    EXPECT_EQ(refused(1, ctl::interface_merge),
+              "'" + at("01") +
+                  "' also contains something that tandrel does not use; use --force to remove it "
+                  "too");
     options.force = true;
     EXPECT_EQ(ctl::interface_merge(options), 0);
+}
+
+TEST_F(Editing, AMergeLosesNothingWithoutForce) {
+    store("x", "2001:db8::1/64");
+    fake_tav::put(below("Default Gateway/Value"), "fe80::1");
+    const auto expect_refusal = [&](const std::string &what) {
+        EXPECT_EQ(refused(1, ctl::interface_merge),
+                  "'" + at("01") + "' also contains " + what + "; use --force to remove it too");
+        fake_tav::erase(at("01"));
+    };
+    store("y", "2001:db8::1/48", "Static", "01");
+    expect_refusal("2001:db8::1/48 with another prefix length");
+    store("y", "2001:db8::2", "Static", "01");
+    expect_refusal("the unusable address 'y'");
+    fake_tav::put(at("01/IPv6/Default Gateway/Value"), "fe80::2");
+    expect_refusal("the gateway fe80::2");
+    fake_tav::put(at("01/IPv6/Default Gateway/Value"), "router");
+    expect_refusal("an unusable gateway");
+    fake_tav::put(at("01/IPv6/Default Gateway/Value"), "fe80::1");
+    fake_tav::put(below("Default Gateway/Value"), "router");
+    EXPECT_EQ(ctl::interface_merge(options), 0);
+    EXPECT_EQ(fake_tav::text(below("Default Gateway/Value")), "fe80::1");
+}
+
+TEST_F(Editing, AnInterfaceNodeThatNothingCanBeMovedFromIsReplaced) {
+    fake_tav::erase(at("1"));
+    fake_tav::put_node(at("01"));
+    EXPECT_EQ(ctl::interface_merge(options), 0);
+    EXPECT_FALSE(fake_tav::exists(at("01")));
+    EXPECT_TRUE(fake_tav::exists(at("1")));
 }
 
 TEST_F(Editing, AnAddressThatIsStoredTwiceIsReplacedOnce) {

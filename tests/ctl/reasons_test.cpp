@@ -281,6 +281,10 @@ TEST_F(Reasons, AStoredAddressHasNoTypeLeaf) {
     expect(reason_t::type_leaf_missing,
            "the stored address 'x' ('2001:db8::5/64') is skipped: it has no leaf Type/Value",
            "tandrelctl address replace eth0 2001:db8::5/64");
+    address("2001:db8::5", 48);
+    store("office", "2001:db8::5/48");
+    EXPECT_EQ(findings().at(0).remedy(), "tandrelctl address del eth0 --node x")
+        << "another node has the address";
 }
 
 TEST_F(Reasons, AStoredAddressIsNotAString) {
@@ -450,8 +454,8 @@ TEST_F(Reasons, DuplicateAddressDetectionFailed) {
     expect(reason_t::duplicate_found,
            "2001:db8::5/64: duplicate address detection failed; another host on the link uses it, "
            "so the kernel does not; change the other host first",
-           "tandrelctl address del eth0 2001:db8::5/64 --wait && tandrelctl address add eth0 "
-           "2001:db8::5/64 --node x --wait");
+           "tandrelctl nudge && tandrelctl address del eth0 2001:db8::5/64 --wait && tandrelctl "
+           "address add eth0 2001:db8::5/64 --node x --wait");
     store("x", "2001:db8::5/64", "Automatic");
     EXPECT_EQ(findings().at(0).remedy(), "ip -6 address del 2001:db8::5/64 dev eth0");
 }
@@ -556,7 +560,8 @@ TEST_F(Reasons, TheKernelHasTheGatewayUnderAnotherProtocol) {
     expect(reason_t::gateway_taken,
            "the gateway fe80::1 is in the store, but the kernel has the same route with protocol "
            "ra, and refuses a second, static one",
-           "ip -6 route del default via fe80::1 dev eth0 proto ra metric 1024 && tandrelctl nudge",
+           "tandrelctl nudge && ip -6 route del default via fe80::1 dev eth0 proto ra metric 1024 "
+           "&& tandrelctl nudge",
            {reason_t::route_other_protocol});
     kernel.routes[0].metric = 512; // is no obstacle
     EXPECT_EQ(findings().at(1).fault.reason, reason_t::gateway_not_in_kernel);
@@ -601,8 +606,8 @@ TEST_F(Reasons, ADefaultRouteHasAnotherProtocol) {
     route("fe80::1", RTPROT_BOOT);
     expect(reason_t::route_other_protocol,
            "the default route via fe80::1 has protocol boot; tandrel manages only static ones",
-           "tandrelctl gateway set eth0 fe80::1 && ip -6 route del default via fe80::1 dev eth0 "
-           "proto boot metric 1024 && tandrelctl nudge");
+           "tandrelctl gateway set eth0 fe80::1 && tandrelctl nudge && ip -6 route del default via "
+           "fe80::1 dev eth0 proto boot metric 1024 && tandrelctl nudge");
     kernel.routes[0].route.protocol = RTPROT_RA;
     EXPECT_EQ(findings().at(0).remedy(), "") << "that is the router's";
 }

@@ -268,12 +268,17 @@ TEST_F(Change, TheKernelsConfigurationIsImported) {
     const result_t shown = run({"import", "--from-kernel"});
     EXPECT_EQ(shown.status, 0);
     EXPECT_EQ(shown.output, "eth0  2001:db8::5/64  new\neth0  gateway fe80::1  new\n"
-                            "    -> then, to let tandrel manage the route: ip -6 route "
-                            "del default via fe80::1 dev eth0 proto boot metric 1024 && "
-                            "tandrelctl nudge\n"
+                            "    -> then, to let tandrel manage the route: tandrelctl nudge && "
+                            "ip -6 route del default via fe80::1 dev eth0 proto boot metric 1024 "
+                            "&& tandrelctl nudge\n"
                             "nothing was written; use --write to store these settings\n");
     EXPECT_EQ(store.addresses(1).size(), 0U);
     EXPECT_EQ(run({"import"}).status, 2);
+    store.write(kt::paths::interfaces + "/01/IPv6/Label", "x");
+    EXPECT_EQ(run({"import", "--from-kernel"}).errors,
+              "tandrelctl: eth0 has an interface node that tandrel does not write to; first run: "
+              "tandrelctl interface merge eth0\n");
+    store.remove(kt::paths::interfaces + "/01");
     EXPECT_EQ(run({"import", "--from-kernel", "--write"}).status, 0);
     EXPECT_TRUE(store.has_address(1, "2001:db8::5/64", "Static"));
     EXPECT_EQ(store.gateway(1), "fe80::1");

@@ -91,6 +91,11 @@ public:
         store.set_address(1, "x", "2001:db8::5");
         ASSERT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::5/64"); }));
     }
+    void NoLengthAndAnotherLengthStored() {
+        store.set_address(1, "w", "2001:db8::5/48");
+        store.set_address(1, "x", "2001:db8::5");
+        ASSERT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::5/48"); }));
+    }
     void BadLength() { store.set_address(1, "x", "2001:db8::5/129"); }
     void BadText() { store.set_address(1, "x", "router"); }
     void BadType() { store.set_address(1, "x", "2001:db8::5/64", "static"); }
@@ -409,6 +414,7 @@ const std::vector<case_t> cases = {
     {"type-not-text", ARRANGED(TypeIsANumber), {"/x", "2001:db8::5/64"}},
     {"address-without-prefix", ARRANGED(NoLength), {"/x", "2001:db8::5/64"}},
     {"address-without-prefix", ARRANGED(NoLengthAndStoredTwice), {"/x"}},
+    {"address-without-prefix", ARRANGED(NoLengthAndAnotherLengthStored), {"/x"}},
     {"address-bad-prefix", ARRANGED(BadLength), {"/x", "2001:db8::5/64"}},
     {"address-bad-text", ARRANGED(BadText), {"/x"}},
     {"type-unknown", ARRANGED(BadType), {"/x", "2001:db8::5/64"}},
