@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <ctime>
 #include <iostream>
 #include <sstream>
 
@@ -77,6 +78,19 @@ std::vector<tav::PendingChange> pending_of(client_t &client) {
     return all;
 }
 
+bool changes_content(client_t &client, const step_t &step) {
+    return !step.removals.empty() ||
+           std::any_of(step.leaves.begin(), step.leaves.end(), [&](const auto &leaf) {
+               api_status_t status = api_status_none;
+               toolkit::CElement value;
+               element_property_t property = element_property_none;
+               if (client.tav.get_leaf(leaf.first, status, value, property) != 0) {
+                   throw store_lost(store_silent);
+               }
+               return status != api_status_ok || value.to_string() != leaf.second;
+           });
+}
+
 } // namespace
 
 bool has_transactions() {
@@ -84,9 +98,13 @@ bool has_transactions() {
 }
 
 outcome_t write_at_once(client_t &client, const step_t &step, std::optional<double> term) {
+    // A leaf that keeps its content is part of the change only with a time of its own. Otherwise
+    // its reversion would restore half an address, if the node is removed meanwhile.
+    const std::int64_t time =
+        term && changes_content(client, step) ? std::time(nullptr) : tav::no_time;
     std::vector<tav::Item> items;
     for (const auto &[path, text] : step.leaves) {
-        items.push_back({tav::ItemKind::set, path, {element_type_string, text, tav::no_time}});
+        items.push_back({tav::ItemKind::set, path, {element_type_string, text, time}});
     }
     for (const std::string &path : step.removals) {
         items.push_back({tav::ItemKind::remove_node, path, {}});
@@ -126,6 +144,9 @@ std::string why_held(client_t &client, const outcome_t &outcome) {
     if (outcome.status == api_status_too_much_pending) {
         return "a user may have at most " + std::to_string(tav::limits::pending_changes) +
                " unconfirmed changes; to list them: tandrelctl status";
+    }
+    if (outcome.status == api_status_denied) {
+        return "permission denied: this user may read the settings, but not change them";
     }
     if (outcome.status != api_status_pending) {
         return "";

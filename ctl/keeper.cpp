@@ -48,8 +48,11 @@ int keeper_t::run() {
     sigaddset(&set, SIGTERM);
     sigprocmask(SIG_BLOCK, &set, nullptr);
     const int signals = signalfd(-1, &set, SFD_CLOEXEC);
-    for (;;) {
-        const moment_t next = step();
+    moment_t next{};
+    for (bool needed = true;;) {
+        if (needed) {
+            next = step();
+        }
         std::array<pollfd, 3> entries{
             {{signals, POLLIN, 0},
              {feed.fd(), POLLIN, 0},
@@ -63,6 +66,8 @@ int keeper_t::run() {
             end();
             return exit_done;
         }
+        needed =
+            feed.drain() || entries[2].revents != 0 || std::chrono::steady_clock::now() >= next;
     }
 }
 

@@ -35,7 +35,7 @@ private:
     void handle_gap(writes_t &writes);
     // Returns false if the change cannot be judged before `wake`; then discard `writes`.
     bool handle(const store_change_t &change, writes_t &writes);
-    bool handle_departure(const setting_t &setting, writes_t &writes);
+    bool handle_departure(const setting_t &setting, std::int64_t time, writes_t &writes);
     bool handle_deletion(std::uint64_t number, const setting_t &setting, writes_t &writes);
     // The store has reverted the change with that number. Earlier notes have already been stored.
     void withdraw(std::uint64_t number, writes_t &writes);

@@ -14,7 +14,15 @@ namespace {
 constexpr std::uint64_t handled_step = 100;
 
 // The daemon writes a removed gateway back until the kernel reports the end of the route.
-constexpr std::int64_t write_back_seconds = 5;
+bool is_soon(std::int64_t time, std::int64_t after) {
+    constexpr std::int64_t write_back_seconds = 5;
+    return time >= after && time - after < write_back_seconds;
+}
+
+bool has_interface(const store_view_t &store, const std::string &link) {
+    return std::any_of(store.interfaces.begin(), store.interfaces.end(),
+                       [&](const auto &one) { return one.number != 0 && one.link == link; });
+}
 
 } // namespace
 
@@ -120,7 +128,7 @@ bool keeper_t::handle(const store_change_t &change, writes_t &writes) {
         if (fact.kind == fact_t::set) {
             continue;
         }
-        if (by_daemon && !handle_departure(setting, writes)) {
+        if (by_daemon && !handle_departure(setting, change.time, writes)) {
             return false;
         }
         if (!by_daemon && !setting.is_gateway && !handle_deletion(change.number, setting, writes)) {
@@ -133,10 +141,10 @@ bool keeper_t::handle(const store_change_t &change, writes_t &writes) {
     return true;
 }
 
-bool keeper_t::handle_departure(const setting_t &setting, writes_t &writes) {
+bool keeper_t::handle_departure(const setting_t &setting, std::int64_t time, writes_t &writes) {
     const auto clearing = cleared.find(setting.link);
     if (setting.is_gateway && clearing != cleared.end() && clearing->second.written_back &&
-        same_setting(clearing->second.gateway, setting)) {
+        is_soon(time, clearing->second.time) && same_setting(clearing->second.gateway, setting)) {
         relevant = true; // later, it could not be known
         return true;
     }
@@ -172,7 +180,8 @@ bool keeper_t::handle_deletion(std::uint64_t number, const setting_t &setting, w
         return false;
     }
     forget(writes, setting);
-    if (!unfinished) {
+    // The daemon keeps the addresses of a link without an interface node.
+    if (!unfinished || !has_interface(read_store(client.tav, options.prefix), setting.link)) {
         return true;
     }
     report(setting, "was removed from the store but is still in the kernel");
@@ -214,8 +223,8 @@ void keeper_t::handle_gateway(const store_change_t &change, const fact_t &fact, 
         clearing =
             fact.kind == fact_t::left ? clearing_t{fact.setting, change.time, false} : clearing_t{};
     } else if (fact.kind == fact_t::set) {
-        clearing.written_back = same_setting(clearing.gateway, fact.setting) &&
-                                change.time - clearing.time < write_back_seconds;
+        clearing.written_back =
+            same_setting(clearing.gateway, fact.setting) && is_soon(change.time, clearing.time);
     }
 }
 

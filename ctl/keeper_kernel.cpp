@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 #include <stdexcept>
+#include <utility>
 
 #include <netlink/netlink.h>
 #include <netlink/socket.h>
@@ -53,7 +54,6 @@ int kernel_feed_t::fd() const {
 }
 
 bool kernel_feed_t::drain() {
-    bool any = false;
     bool lost = false;
     for (;;) {
         const moment_t now = std::chrono::steady_clock::now();
@@ -63,7 +63,6 @@ bool kernel_feed_t::drain() {
         if (datagram.length == 0 || datagram.length == -NLE_AGAIN) {
             break;
         }
-        any = true;
         if (datagram.length < 0) { // messages were lost; older ones follow
             lost = true;
         } else if (peer.nl_pid == 0) {
@@ -78,12 +77,13 @@ bool kernel_feed_t::drain() {
         }
     }
     look_again = false;
-    return any;
+    return std::exchange(relevant, false) || lost;
 }
 
 // Each notification is a separate datagram.
 void kernel_feed_t::take(const unsigned char *bytes, int length, moment_t now) {
     const int type = wire::message_walk({bytes, length}).header().nlmsg_type;
+    relevant = relevant || (type != RTM_NEWROUTE && type != RTM_DELROUTE);
     switch (type) {
     case RTM_NEWLINK:
     case RTM_DELLINK:
@@ -109,7 +109,7 @@ void kernel_feed_t::take_link(int type, const unsigned char *bytes, int length, 
     }
     const kernel_link_t link = link_of_message(bytes, length);
     if (type == RTM_NEWLINK) {
-        links.see(link, now);
+        look_again = !links.see(link, now) || look_again;
     } else {
         links.gone(link.index, link.name, now);
     }
@@ -127,6 +127,9 @@ void kernel_feed_t::take_address(int type, const unsigned char *bytes, int lengt
 
 void kernel_feed_t::take_route(int type, const unsigned char *bytes, int length, moment_t now) {
     for (const kernel_route_t &route : routes_of_message(bytes, length)) {
+        // Default routes, and those that make a gateway reachable.
+        const bool is_direct = IN6_IS_ADDR_UNSPECIFIED(&route.route.gateway);
+        relevant = relevant || route.route.dst_len == 0 || is_direct;
         if (is_multicast_route(route)) {
             look_again = true;
             if (type == RTM_DELROUTE) {

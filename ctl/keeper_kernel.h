@@ -15,7 +15,8 @@ public:
     explicit kernel_feed_t(links_t &to);
 
     int fd() const;
-    // Hands over all messages that have arrived. False if there was none.
+    // Hands over all messages that have arrived. False if none of them can concern the keeper: a
+    // full routing table must not keep it busy.
     bool drain();
 
 private:
@@ -25,7 +26,8 @@ private:
     void take_route(int type, const unsigned char *bytes, int length, moment_t now);
 
     links_t &links;
-    bool look_again = false; // a link's IPv6 was switched, which the kernel reports indirectly
+    bool look_again = false; // a link changed, which the kernel has reported only indirectly
+    bool relevant = false;   // a message since the last drain()
     struct closer_t {
         void operator()(nl_sock *socket) const;
     };

@@ -54,7 +54,10 @@ std::string links_t::cause(const entry_t &entry) {
     return link.is_part ? "part of a bridge or bond" : "";
 }
 
-void links_t::see(const kernel_link_t &link, moment_t now) {
+bool links_t::see(const kernel_link_t &link, moment_t now) {
+    if (link.mtu == 0 && link.hwaddr.empty()) {
+        return false;
+    }
     auto [at, is_new] = entries.try_emplace(link.index);
     entry_t &entry = at->second;
     const std::string was = is_new ? "link just appeared" : cause(entry);
@@ -70,6 +73,7 @@ void links_t::see(const kernel_link_t &link, moment_t now) {
     } else if (had_carrier != link.carrier) {
         ++counts[entry.name];
     }
+    return true;
 }
 
 void links_t::gone(std::int32_t index, const std::string &name, moment_t now) {

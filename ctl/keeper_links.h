@@ -47,8 +47,9 @@ public:
     explicit links_t(std::string name_prefix) : prefix(std::move(name_prefix)) {}
 
     // A link appeared or changed; was removed or moved away (with the name in that message); lost
-    // its IPv6 addresses all at once.
-    void see(const kernel_link_t &link, moment_t now);
+    // its IPv6 addresses all at once. see() returns false for a message about one aspect of a link,
+    // such as wireless drivers send: it lacks the rest, and the links must be read.
+    bool see(const kernel_link_t &link, moment_t now);
     void gone(std::int32_t index, const std::string &name, moment_t now);
     void ipv6_stopped(std::int32_t index, moment_t now);
     // The kernel deleted an address or a static default route. `ended`: its lifetime had passed.

@@ -14,15 +14,14 @@
 extern "C" __attribute__((visibility("default"))) void mlr_err(unsigned int level,
                                                                const char *format, ...) {
     static_cast<void>(level);
-    if (!ctl::library_reports) {
-        return;
-    }
     char message[512]; // longer ones are cut
     va_list arguments;
     va_start(arguments, format);
     vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
-    std::fprintf(stderr, "tandrelctl: %s\n", ctl::shown(message).c_str());
+    if (ctl::library_reports) {
+        std::fprintf(stderr, "tandrelctl: %s\n", ctl::shown(message).c_str());
+    }
     // The socket's permissions, or the service itself.
     ctl::store_forbidden = std::strstr(message, std::strerror(EACCES)) != nullptr ||
                            std::strstr(message, "this user may not use the store") != nullptr;

@@ -6,6 +6,7 @@
 
 #include "ctl/changes.h"
 #include "ctl/daemon_state.h"
+#include "ctl/keeper_store.h"
 #include "ctl/output.h"
 #include "ctl/text.h"
 
@@ -24,8 +25,15 @@ struct progress_t {
     std::vector<std::string> missing; // not yet usable
 };
 
-progress_t progress_of(const interface_view_t &interface) {
+// `kept`: what the keeper will restore.
+progress_t progress_of(const interface_view_t &interface, const std::vector<kept_t> &kept) {
     progress_t progress;
+    for (const kept_t &one : kept) {
+        if (one.setting.link == interface.link) {
+            progress.anything = true;
+            progress.missing.push_back(shown(interface.link) + ": " + text_of(one.setting));
+        }
+    }
     for (const address_row_t &row : interface.addresses) {
         if (!row.stored || row.stored->fault || row.stored->address.type != type_static) {
             continue;
@@ -65,7 +73,9 @@ public:
             if (clock_type::now() >= end) {
                 return give_up();
             }
-            changes.wait(end);
+            // No event says that the keeper has forgotten something.
+            changes.wait(kept.empty() ? end
+                                      : std::min(end, clock_type::now() + std::chrono::seconds(1)));
         }
     }
 
@@ -80,6 +90,10 @@ private:
         }
         try {
             const comparison_t comparison = look(client, options);
+            kept.clear();
+            if (process_of(client, keeper_name) != 0) {
+                kept = read_memory(client.tav).kept;
+            }
             return options.link.empty() ? is_online(comparison) : is_ready(comparison);
         } catch (const store_lost &error) {
             client.disconnect();
@@ -94,7 +108,7 @@ private:
             missing.push_back("the kernel has no link " + shown(options.link));
             return false;
         }
-        missing = progress_of(*interface).missing;
+        missing = progress_of(*interface, kept).missing;
         return missing.empty();
     }
 
@@ -104,7 +118,7 @@ private:
         bool one_ready = false;
         bool connected_ready = true;
         for (const interface_view_t &interface : comparison.interfaces) {
-            const progress_t progress = progress_of(interface);
+            const progress_t progress = progress_of(interface, kept);
             if (!progress.anything) {
                 continue;
             }
@@ -136,6 +150,7 @@ private:
     const options_t &options;
     client_t client;
     changes_t changes; // opened before the first look
+    std::vector<kept_t> kept;
     std::vector<std::string> missing;
 };
 

@@ -316,6 +316,18 @@ TEST(KeeperLinks, ChangesAreCountedForEachLink) {
     EXPECT_EQ(links.changes("eth1"), 0U);
 }
 
+TEST(KeeperLinks, AMessageAboutOneAspectIsNotTheLink) {
+    links_t links("eth");
+    links.see(eth0(), at(0));
+    kernel_link_t scanned; // as wireless drivers report the end of a scan
+    scanned.index = 3;
+    scanned.name = "eth0";
+    scanned.ethernet = scanned.up = true;
+    EXPECT_FALSE(links.see(scanned, at(1)));
+    EXPECT_EQ(links.obstacle("eth0"), "");
+    EXPECT_TRUE(links.see(eth0(), at(2)));
+}
+
 TEST(KeeperLinks, ALinkMissingAfterLostMessagesIsGone) {
     links_t links("eth");
     links.restart({eth0()}, at(0));

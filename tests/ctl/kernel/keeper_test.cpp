@@ -7,6 +7,8 @@
 
 #include <linux/if_addr.h>
 
+#include <nlohmann/json.hpp>
+
 #include "ctl_test.h"
 
 namespace {
@@ -367,6 +369,87 @@ TEST_F(KeeperTest, AnInterfaceNodeAndTheMemoryOfItAreDeletedAtOnce) {
     EXPECT_TRUE(becomes([&] { return list() == before; })) << list();
     device.set_up("eth0");
     expect_return();
+}
+
+TEST_F(KeeperTest, TheDeletionOfTheNodeOfALinkThatIsUpCanBeUndone) {
+    go_down_and_up(); // the keeper has remembered something about the link
+    expect_return();
+    EXPECT_EQ(run({"interface", "del", "eth0", "--force"}).status, 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500)); // until it would finish a removal
+    ASSERT_EQ(tav({"undo"}), 0);
+    expect_return();
+}
+
+TEST_F(KeeperTest, AGatewayThatSomebodyAddsAgainIsRestoredLater) {
+    ASSERT_EQ(run({"gateway", "clear", "eth0", "--wait=60"}).status, 0);
+    device.add_route({"::/0", gateway, "eth0", 4});
+    ASSERT_TRUE(becomes([&] { return store.gateway(1) == gateway; }));
+    std::this_thread::sleep_for(std::chrono::milliseconds(6500)); // it was not the daemon's echo
+    device.set_up("eth0", false);
+    expect_loss();
+    device.set_up("eth0");
+    expect_return();
+}
+
+TEST_F(KeeperTest, AReplacedAddressThatIsLostWithItsLinkIsRevertedWhole) {
+    EXPECT_EQ(
+        run({"address", "replace", "eth0", "2001:db8::5/48", "--confirm", "5", "--wait=4"}).status,
+        0);
+    device.set_up("eth0", false);
+    expect_loss();
+    ASSERT_TRUE(becomes([&] { return store.node_of(1, address) == "office"; }));
+    device.set_up("eth0");
+    ASSERT_TRUE(becomes([&] { return device.has_address("eth0", address); }));
+    expect_return();
+    EXPECT_FALSE(device.has_address("eth0", "2001:db8::5/48"));
+    EXPECT_EQ(store.node_of(1, "2001:db8::5/48"), "");
+}
+
+TEST_F(KeeperTest, WhatItRemembersCountsAsStored) {
+    device.set_up("eth0", false);
+    expect_loss();
+    ASSERT_TRUE(becomes([&] { return contains(run({"keep", "--list"}).output, gateway); }));
+    const result_t early = run({"wait", "eth0", "--timeout", "0.1"});
+    EXPECT_EQ(early.status, 4);
+    EXPECT_TRUE(contains(early.errors, "eth0: 2001:db8::5/64\n")) << early.errors;
+    EXPECT_EQ(run({"interface", "del", "eth0"}).status, 1);
+    EXPECT_EQ(run({"gateway", "clear", "eth0"}).status, 0);
+    device.set_up("eth0");
+    EXPECT_EQ(run({"wait", "eth0", "--timeout", "60"}).status, 0);
+    EXPECT_TRUE(device.has_address("eth0", address));
+    EXPECT_TRUE(device.static_gateways("eth0").empty());
+}
+
+TEST_F(KeeperTest, RoutesWithAGatewayDoNotKeepItBusy) {
+    ASSERT_TRUE(settle());
+    const auto listed = [&] { // milliseconds since it last read the store
+        kt::spawn_options_t options;
+        options.environment["TAV_SOCKET"] = service.socket();
+        kt::Process tool(sandbox, {kt::program("TAV"), "status", "--json"}, options);
+        EXPECT_EQ(tool.wait_exit(), 0);
+        tool.output().wait_finished();
+        std::string text;
+        for (const kt::line_t &line : tool.output().lines()) {
+            text += line.text;
+        }
+        const auto status = nlohmann::json::parse(text);
+        for (const auto &watchdog : status["watchdogs"]) {
+            for (const auto &client : status["clients"]) {
+                if (watchdog["name"] == "tandrel-keep" && client["pid"] == watchdog["pid"]) {
+                    return client["last_listing_ms"].get<long>();
+                }
+            }
+        }
+        return -1L;
+    };
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    const long before = listed();
+    ASSERT_GE(before, 300);
+    for (int i = 0; i < 50; ++i) {
+        device.add_route({"2001:db8:" + std::to_string(1000 + i) + "::/48", gateway, "eth0", 3});
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    EXPECT_GE(listed(), before + 300) << "it has read the store again";
 }
 
 TEST_F(KeeperTest, WhatAChangeSetIsForgottenWhenItIsReverted) {
