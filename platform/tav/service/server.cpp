@@ -465,7 +465,9 @@ std::optional<Time> Server::next_timer() const {
 
 // Rounded up, so that the loop does not spin through the last millisecond.
 int Server::timeout() const {
-    if (!schedule.empty() || !garbage::empty() || service.trims()) {
+    // A client that was dropped since the last round may have made something due.
+    const bool due = released != service.releases() || looked_after != service.publications();
+    if (due || !schedule.empty() || !garbage::empty() || service.trims()) {
         return 0;
     }
     const std::optional<Time> next = next_timer();

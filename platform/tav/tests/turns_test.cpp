@@ -26,6 +26,8 @@ namespace {
 
 std::atomic<int> trims{0};
 std::atomic<int> looks{0};
+std::atomic<int> waits{0};        // looks for which nothing came in time
+std::function<void(int)> at_look; // called before the look of this number
 
 } // namespace
 
@@ -36,8 +38,13 @@ extern "C" int malloc_trim(std::size_t /*pad*/) {
 
 // Replaces that of the C library, which the service looks for requests with.
 extern "C" int epoll_wait(int epoll, epoll_event *events, int size, int most) {
-    ++looks;
-    return ::epoll_pwait(epoll, events, size, most, nullptr);
+    const int look = ++looks;
+    if (at_look) {
+        at_look(look);
+    }
+    const int ready = ::epoll_pwait(epoll, events, size, most, nullptr);
+    waits += ready == 0 && most != 0 ? 1 : 0;
+    return ready;
 }
 
 namespace {
@@ -332,4 +339,34 @@ TEST_F(TurnsTest, WritesContinueAfterACommitForWhichThereWasNoThread) {
         send_writes(*first, 2, 3);
         take_replies(*first, 2);
     });
+}
+
+// When the only client that was being served left, what waited for it once went on only at the next
+// timer.
+TEST_F(TurnsTest, AWriteContinuesAsSoonAsTheTransactionThatItWaitsForIsGone) {
+    std::vector<tav::Item> leaves;
+    for (int i = 0; i < 1000; ++i) {
+        leaves.push_back(item("/n/" + std::to_string(i), "1"));
+    }
+    while_served([&] {
+        ASSERT_TRUE(first->calls.send(write_frame(leaves)));
+        take_replies(*first, 1);
+    });
+    // It takes long, and leaves little memory to give back, which would keep the loop going.
+    const tav::Item touch{tav::ItemKind::touch, "/n", {}};
+    ASSERT_TRUE(first->calls.send(write_frame(std::vector<tav::Item>(50, touch))));
+    const std::string waiting = write_frame(std::vector<tav::Item>(65, item("/second", "1")));
+    looks = 0;
+    waits = 0;
+    at_look = [&](int look) {
+        if (look == 2) {
+            second->calls.send(waiting);
+        } else if (service.others_wait()) {
+            ::shutdown(first->wake.fd(), SHUT_RDWR);
+        }
+    };
+    while_served([this] { take_replies(*second, 1); });
+    at_look = nullptr;
+    EXPECT_EQ(service.sessions().size(), 1U);
+    EXPECT_EQ(waits, 0);
 }
