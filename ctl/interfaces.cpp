@@ -174,9 +174,15 @@ int interface_add(const options_t &options) {
     const long number = number_of(options);
     client_t client;
     client.require();
-    if (has_interface(read_store(client.tav, options.prefix), number)) {
-        throw refusal("the store already has a node for " + shown(options.link) + " (interface " +
-                      std::to_string(number) + ")");
+    for (const stored_interface_t &one : read_store(client.tav, options.prefix).interfaces) {
+        if (one.number == number) {
+            throw refusal(
+                "the store already has the interface node '" + shown(one.node) + "' for " +
+                shown(options.link) +
+                (one.node == std::to_string(number)
+                     ? ""
+                     : "; to rename it: tandrelctl interface merge " + shown_word(options.link)));
+        }
     }
     if (!options.force) {
         require_link(kernel_reader(), options);
@@ -199,8 +205,10 @@ int interface_delete(const options_t &options) {
         throw refusal("give either the link or --node", exit_usage);
     }
     client_t client;
+    bool is_last = false;
     const bool done = carry_out(client, options, [&](const store_view_t &store) {
         const found_t removal = find_interface(store, options);
+        is_last = !removal.link.empty();
         if (removal.has_settings && !options.force) {
             throw refusal("'" + shown(removal.path) +
                           "' contains settings that would be lost; use --force to remove them too");
@@ -216,10 +224,10 @@ int interface_delete(const options_t &options) {
         return step;
     });
     if (done && !options.link.empty()) {
-        std::fprintf(stderr,
-                     "tandrelctl: %s is no longer synchronised; the kernel keeps its addresses and "
-                     "its gateway\n",
-                     shown(options.link).c_str());
+        std::fprintf(stderr, "tandrelctl: %s %s\n", shown(options.link).c_str(),
+                     is_last ? "is no longer synchronised; the kernel keeps its addresses and its "
+                               "gateway"
+                             : "has another interface node, with which it is still synchronised");
     }
     return exit_done;
 }

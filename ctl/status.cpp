@@ -182,7 +182,9 @@ void print_text(const status_t &status, const std::string &prefix, bool colour) 
     line("keeper:   ", true,
          status.keeper != 0
              ? std::string(keeper_name) + ", process " + std::to_string(status.keeper)
-             : "none; a link that goes down loses its settings; see 'tandrelctl keep'");
+         : has_transactions()
+             ? "none; a link that goes down loses its settings; see 'tandrelctl keep'"
+             : std::string(only_with_tavd));
     for (const link_state_t &one : status.links) {
         line("link:     ", true,
              shown(one.link) + (one.why.empty()           ? ", managed"

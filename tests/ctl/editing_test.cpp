@@ -297,7 +297,16 @@ TEST_F(Editing, AGatewayThatCannotBeOneIsRefused) {
 TEST_F(Editing, AnInterfaceNodeIsMadeOnceAndStaysEmpty) {
     link("eth1");
     EXPECT_EQ(refused(1, ctl::interface_add),
-              "the store already has a node for eth0 (interface 1)");
+              "the store already has the interface node '1' for eth0");
+    fake_tav::erase(at("1"));
+    fake_tav::put_node(at("01"));
+    EXPECT_EQ(refused(1, ctl::interface_add),
+              "the store already has the interface node '01' for eth0; to rename it: tandrelctl "
+              "interface merge eth0");
+    fake_tav::put_node(at("1"));
+    EXPECT_EQ(ctl::interface_delete(options), 0);
+    EXPECT_EQ(captured::standard_error(), "tandrelctl: eth0 has another interface node, with which "
+                                          "it is still synchronised\n");
     options.link = "eth1";
     EXPECT_EQ(ctl::interface_add(options), 0);
     EXPECT_EQ(stored(), (strings{at("1/"), at("2/IPv6/Addresses/")}));
