@@ -171,6 +171,21 @@ TEST_F(LateReportTest, BesideAnotherGatewayOfEqualMetricItIsLostInTheStore) {
     EXPECT_EQ(store.gateway(1), "fe80::1");
 }
 
+// The report of the first new gateway looks like a newer route than the second one.
+TEST_F(LateReportTest, AGatewayChangedTwiceBeforeTheFirstIsReportedIsLost) {
+    store.set_gateway(1, "fe80::1");
+    start_slow();
+    edit_during_a_backlog([&] { store.set_gateway(1, "fe80::2"); });
+    store.set_gateway(1, "fe80::3");
+    expect_a_synchronisation_amid_the_backlog();
+    ASSERT_TRUE(settle());
+    EXPECT_FALSE(store.gateway(1));
+    EXPECT_TRUE(device.static_gateways("eth0").empty());
+    store.set_gateway(1, "fe80::3"); // the remedy: once more
+    ASSERT_TRUE(settle());
+    EXPECT_EQ(device.static_gateways("eth0"), std::vector<std::string>{"fe80::3"});
+}
+
 TEST_F(LateReportTest, AnAnnouncementQueuedBeforeAChangeOfLengthLeavesTheAddressStatic) {
     store.set_address(1, "s", address);
     start();
