@@ -1,5 +1,7 @@
 // The commands show, check and interface list.
+#include <chrono>
 #include <iostream>
+#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -161,8 +163,12 @@ int show(const options_t &options) {
 int check(const options_t &options) {
     client_t client;
     client.require();
-    const comparison_t comparison = look(client, options);
-    report_t report = make_report(client, comparison, options);
+    report_t report = make_report(client, look(client, options), options);
+    if (!report.differences.empty()) {
+        // Something may have changed between the two views, or tandrel is just handling it.
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        report = make_report(client, look(client, options), options);
+    }
     if (options.no_notes) {
         report.notes.clear();
     }

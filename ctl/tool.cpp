@@ -84,7 +84,7 @@ void client_t::take_events() {
 
 comparison_t look(client_t &client, const options_t &options) {
     const store_view_t store = read_store(client.tav, options.prefix);
-    return compare(read_kernel(), store, options.prefix);
+    return compare(kernel_reader(), store, options.prefix);
 }
 
 } // namespace ctl

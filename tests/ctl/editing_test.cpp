@@ -98,6 +98,23 @@ TEST_F(Editing, AGatewayThatTheKernelHasIsAccepted) {
     EXPECT_EQ(ctl::gateway_set(options), 0);
 }
 
+TEST_F(Editing, CheckLooksTwiceBeforeItReportsADifference) {
+    static bool first;
+    first = true;
+    address("2001:db8::5", 64);
+    ctl::kernel_reader = [] {
+        ctl::kernel_view_t view = *seen;
+        if (!std::exchange(first, false)) {
+            view.addresses.clear();
+        }
+        return view;
+    };
+    testing::internal::CaptureStdout();
+    ctl::check(options);
+    EXPECT_EQ(testing::internal::GetCapturedStdout().find("2001:db8::5"), std::string::npos);
+    EXPECT_FALSE(first);
+}
+
 // --- what would change ---
 
 TEST_F(Editing, ADryRunPrintsBothSidesAndChangesNothing) {
