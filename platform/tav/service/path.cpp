@@ -19,7 +19,13 @@ std::size_t significant_digits(std::string_view name) {
 } // namespace
 
 api_status_t check_path(std::string_view path) {
-    if (path.empty() || path.front() != '/' || path.find('\0') != std::string_view::npos) {
+    if (path.empty() || path.front() != '/') {
+        return api_status_bad_path;
+    }
+    if (path.size() > limits::path_bytes) {
+        return api_status_path_too_long; // going through millions of names would take long
+    }
+    if (path.find('\0') != std::string_view::npos) {
         return api_status_bad_path;
     }
     if (path == "/") {
@@ -33,9 +39,6 @@ api_status_t check_path(std::string_view path) {
             return api_status_bad_path;
         }
         names_fit = names_fit && name.size() <= limits::name_bytes;
-    }
-    if (path.size() > limits::path_bytes) {
-        return api_status_path_too_long;
     }
     if (names > limits::depth) {
         return api_status_path_too_deep;

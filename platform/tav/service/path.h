@@ -11,7 +11,8 @@ namespace tav {
 
 // api_status_ok for "/", or "/" followed by names separated by single "/", within the limits.
 // Otherwise api_status_bad_path, or the status of the limit: api_status_path_too_long,
-// api_status_path_too_deep, api_status_name_too_long.
+// api_status_path_too_deep, api_status_name_too_long. Of a path that is too long only the first
+// byte is examined.
 api_status_t check_path(std::string_view path);
 
 // Removes the first name, with the "/" before it, from a text that begins with "/".

@@ -33,11 +33,14 @@ public:
     State step() override {
         constexpr std::size_t empty_answer = 1;
         constexpr std::size_t value_overhead = 13; // type, length of the text, time
-        for (int i = 0; i < paths_at_once && made() < limits::reply_part_bytes && fits && in.ok() &&
-                        unanswered > 0;
+        std::size_t examined = 0;                  // bytes of paths
+        for (int i = 0; i < paths_at_once && made() < limits::reply_part_bytes &&
+                        examined < limits::reply_part_bytes && fits && in.ok() && unanswered > 0;
              ++i, --unanswered) {
+            const std::string_view path = in.text();
+            examined += path.size();
             const Value *value = nullptr;
-            api_status_t status = read_leaf(tree, in.text(), value);
+            api_status_t status = read_leaf(tree, path, value);
             const std::size_t size = value_overhead + (value != nullptr ? value->text.size() : 0);
             if (answered + size + unanswered * empty_answer > limits::frame_bytes) {
                 status = api_status_too_large;
@@ -270,8 +273,9 @@ private:
             return wait();
         }
         start();
-        Transaction::State state = transaction->advance();
-        if (state == Transaction::State::working) {
+        Transaction::State state = Transaction::State::working;
+        constexpr int most_parts = 6; // enough for so many changes at any depth
+        for (int i = 0; i < most_parts && state == Transaction::State::working; ++i) {
             state = transaction->advance();
         }
         std::optional<Tree> both;
@@ -292,7 +296,8 @@ private:
     }
     bool is_short() const {
         constexpr std::uint32_t most_items = 64;
-        return Reader(items).count(1) <= most_items;
+        constexpr std::size_t most_bytes = std::size_t{128} << 10;
+        return Reader(items).count(1) <= most_items && items.size() <= most_bytes;
     }
     // Waits for a turn.
     State wait() {

@@ -7,6 +7,14 @@
 
 namespace tav {
 
+namespace {
+
+std::size_t work_on(std::string_view text) {
+    return text.size() >> 10;
+}
+
+} // namespace
+
 void Sizes::note(std::string_view path, const Value &value) {
     const std::size_t name = path.size() - path.rfind('/') - 1;
     const auto names = static_cast<std::size_t>(std::count(path.begin(), path.end(), '/'));
@@ -41,9 +49,13 @@ void Transaction::deny() {
     phase = Phase::skipping;
 }
 
+// The work of a part is counted in units of a few microseconds: an item, a created level, a KiB to
+// copy or compare.
 Transaction::State Transaction::advance() {
-    constexpr int at_once = 128;
-    for (int i = 0; i < at_once && state == State::working; ++i) {
+    constexpr std::size_t at_once = 256;
+    work = 0;
+    while (work < at_once && state == State::working) {
+        ++work;
         switch (phase) {
         case Phase::applying:
             if (at_work || next_item()) {
@@ -107,13 +119,16 @@ bool Transaction::next_item() {
     }
     ++taken;
     at_work = true;
+    work += work_on(item.path) + work_on(item.value.text);
     return true;
 }
 
 void Transaction::apply() {
     const std::size_t before = edit.tree().extent().bytes;
+    const std::size_t changes = edit.changes().size();
     api_status_t status = api_status_ok;
     at_work = !edit.advance(item, status);
+    work += edit.changes().size() - changes;
     const std::size_t after = edit.tree().extent().bytes;
     if (status == api_status_ok && after > byte_limit && after > before) {
         status = api_status_too_many_bytes;
@@ -131,6 +146,10 @@ void Transaction::refuse(api_status_t status) {
 }
 
 void Transaction::examine(const Change &change) {
+    constexpr std::ptrdiff_t levels = 8; // which unseen() and held() look up in a unit
+    work += 1 + static_cast<std::size_t>(std::count(change.path.begin(), change.path.end(), '/') /
+                                         levels);
+    work += change.after ? work_on(change.after->text) : 0;
     const bool of_leaf = change.leaf_set() || change.leaf_removed();
     // The writer may assume that the node still exists with everything below it.
     const bool makes_node = !change.before && change.after && !of_leaf;

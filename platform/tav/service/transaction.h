@@ -83,6 +83,7 @@ private:
     std::uint32_t taken = 0; // of them
     Item item;               // the last one taken
     bool at_work = false;    // it is not yet carried out
+    std::size_t work = 0;    // of the present part, see advance()
     Phase phase = Phase::applying;
     State state = State::working;
 

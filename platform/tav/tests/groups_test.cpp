@@ -404,7 +404,31 @@ TEST_F(PrecedingTest, ALongOneBeginsAgainAfterOneThatItDependsOn) {
 TEST_F(PrecedingTest, AnotherLongOneWaits) {
     const Request other_long(write(std::vector<Item>(65, set("/c"))));
     expect_waiting(other_long);
+    const std::string large(limits::value_bytes, 'x');
+    const Request large_one(write({set("/c", large), set("/d", large)}));
+    expect_waiting(large_one);
     const Request brief(write(std::vector<Item>(64, set("/c"))));
+    EXPECT_EQ(brief.step(), State::blocked);
+    EXPECT_TRUE(store.has_group());
+}
+
+TEST_F(PrecedingTest, AShortOneMayChangeDeepElements) {
+    finish();
+    std::string node;
+    for (std::size_t i = 0; i + 2 < limits::depth; ++i) {
+        node += "/d";
+    }
+    const Request first = write({{ItemKind::make_node, node, {}}});
+    while (first.step() == State::working) {
+    }
+    store_group();
+    at_work = write(numbered(2000));
+    EXPECT_EQ(at_work.step(), State::working);
+    std::vector<Item> items;
+    for (int i = 0; i < 64; ++i) {
+        items.push_back(set(node + '/' + std::to_string(i) + "/x"));
+    }
+    const Request brief = write(items);
     EXPECT_EQ(brief.step(), State::blocked);
     EXPECT_TRUE(store.has_group());
 }

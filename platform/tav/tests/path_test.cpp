@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "protocol/limits.h"
 #include "service/path.h"
 #include "service/value_check.h"
 
@@ -16,6 +17,11 @@ TEST(Path, IsTheRootOrNamesAfterSingleSlashes) {
         EXPECT_EQ(check_path(path), api_status_bad_path) << path;
     }
     EXPECT_EQ(check_path(std::string_view("/a\0b", 4)), api_status_bad_path);
+    for (const char *begin : {"/", "//", "/a//"}) {
+        const std::string rest(limits::path_bytes, 'a');
+        EXPECT_EQ(check_path(begin + rest), api_status_path_too_long) << "and not gone through";
+    }
+    EXPECT_EQ(check_path(std::string(limits::path_bytes + 1, 'a')), api_status_bad_path);
 }
 
 TEST(NameOrder, NumbersComeFirstByValueThenNamesBytewise) {

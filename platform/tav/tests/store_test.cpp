@@ -329,6 +329,47 @@ TEST_F(StoreUnit, AConditionIsNotStaleItself) {
               (Statuses{api_status_not_done, api_status_stale}));
 }
 
+// A part of 128 items once took up to 20 ms.
+TEST_F(StoreUnit, APartOfATransactionIsSmallerIfItsItemsAreLarge) {
+    const auto parts = [](std::vector<Item> items, bool refused) {
+        if (refused) { // not examined
+            items.push_back(step(ItemKind::remove, "/absent"));
+        }
+        Writer out;
+        put_all(out, items);
+        const std::string frame = out.finish();
+        Transaction transaction(Tree(), std::string_view(frame).substr(length_bytes), 0, SIZE_MAX,
+                                tavtest::nothing_unseen, [](const Event & /*event*/) {});
+        int number = 1;
+        while (transaction.advance() == Transaction::State::working) {
+            ++number;
+        }
+        return number;
+    };
+    std::string node;
+    for (std::size_t i = 0; i + 2 < limits::depth; ++i) {
+        node += "/d";
+    }
+    std::vector<Item> small;
+    std::vector<Item> deep;
+    std::vector<Item> levels;
+    std::vector<Item> large;
+    for (int i = 0; i < 100; ++i) {
+        const std::string name = '/' + std::to_string(i);
+        small.push_back(set_item(name, "x"));
+        deep.push_back(set_item(node + name, "x"));
+        levels.push_back(set_item(name + node, "x"));
+        large.push_back(set_item(name, std::string(limits::value_bytes, 'x')));
+    }
+    EXPECT_LE(parts(small, false), 2);
+    EXPECT_LE(parts(deep, true), 2);
+    EXPECT_GE(parts(deep, false), 4);
+    EXPECT_GE(parts(levels, true), 100 * 63 / (256 + 64));
+    const int applied = parts(large, true);
+    EXPECT_GE(applied, 100 * 64 / (256 + 64));
+    EXPECT_GE(parts(large, false) - applied, 100 * 64 / (256 + 64));
+}
+
 TEST_F(StoreUnit, WhatOneCallRemovesAndTouchesIsLimited) {
     std::vector<Item> items;
     for (int i = 0; i < 2000; ++i) {

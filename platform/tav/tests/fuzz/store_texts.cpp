@@ -34,6 +34,9 @@ api_status_t path_status(const std::string &path) {
     if (names.size() < 2 || !names[0].empty()) {
         return api_status_bad_path;
     }
+    if (path.size() > 4096) {
+        return api_status_path_too_long;
+    }
     bool empty_name = false;
     bool long_name = false;
     for (std::size_t i = 1; i < names.size(); ++i) {
@@ -49,10 +52,9 @@ api_status_t path_status(const std::string &path) {
     if (empty_name) {
         return api_status_bad_path;
     }
-    return path.size() > 4096      ? api_status_path_too_long
-           : names.size() - 1 > 64 ? api_status_path_too_deep
-           : long_name             ? api_status_name_too_long
-                                   : api_status_ok;
+    return names.size() - 1 > 64 ? api_status_path_too_deep
+           : long_name           ? api_status_name_too_long
+                                 : api_status_ok;
 }
 
 std::vector<std::string> names_of(const std::string &path) {
