@@ -14,13 +14,14 @@
 
 namespace tav {
 
-// One such change; shared and never changed.
+// One such change; shared, and never changed except for `retry`.
 struct Pending {
     HistoryEntry change;    // with all values, in the bytewise order of the paths
     std::uint32_t term = 0; // milliseconds
     std::int64_t until = 0; // the end of the term, in milliseconds since 1970
     Time due;               // the same by the service's clock
     Value row;              // as it is stored
+    mutable Time retry{};   // not reverted before: the last attempt failed, or is being committed
 };
 using PendingPtr = std::shared_ptr<const Pending>;
 using PendingChanges = std::map<std::uint64_t, PendingPtr>; // by number

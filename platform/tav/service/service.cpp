@@ -205,68 +205,76 @@ bool Service::take_turn(SessionId session) {
 
 void Service::resume(std::int64_t wall_clock) {
     served.resume_terms(clock(), wall_clock);
-    take_back();
-    served.commit(clock());
+    do {
+        take_back();
+        served.commit(clock());
+    } while (ends_wait);
     group_ended();
 }
 
 std::optional<Time> Service::next_end() const {
     if (ends_wait) {
-        return may_begin() ? std::optional(clock()) : std::nullopt;
+        return reversal || may_begin() ? std::optional(clock()) : std::nullopt;
     }
     std::optional<Time> next;
     for (const auto &[number, pending] : served.pending_next()) {
-        next = next ? std::min(*next, pending->due) : pending->due;
+        const Time due = std::max(pending->due, pending->retry);
+        next = next ? std::min(*next, due) : due;
     }
-    return next && retry ? std::max(*next, *retry) : next;
+    return next;
 }
 
 void Service::take_back() {
-    released += ends_wait ? 1U : 0U;
-    ends_wait = false;
-    if (served.pending_next().empty()) {
-        return;
-    }
-    const Time now = clock();
-    if (taking_back && taking_back->known) {
-        retry = taking_back->stored ? std::nullopt : std::optional(now + take_back_pause);
-        taking_back.reset();
-    }
-    while (const PendingPtr pending = first_due(now)) {
-        ends_wait = !may_begin();
-        if (ends_wait) {
-            return;
+    constexpr int parts_at_once = 4;
+    const bool others_waited = ends_wait;
+    for (int i = 0; i < parts_at_once; ++i) {
+        if (reversal && reversal->outdated()) {
+            end_reversal();
+        }
+        const PendingPtr pending = reversal ? reversal->change() : first_due();
+        if (!pending || (!reversal && !may_begin())) {
+            break;
         }
         try {
-            take_back(pending);
+            revert(pending);
         } catch (const std::exception &error) {
             log_line("cannot revert change %" PRIu64 " yet: %s", pending->change.number,
                      error.what());
-            retry = now + take_back_pause;
+            end_reversal();
+            pending->retry = clock() + take_back_pause;
         }
     }
+    ends_wait = reversal || first_due();
+    released += others_waited && !ends_wait ? 1U : 0U;
 }
 
-PendingPtr Service::first_due(Time now) const {
+PendingPtr Service::first_due() const {
     for (const auto &[number, pending] : served.pending_next()) {
-        if (pending->due <= now && (!retry || *retry <= now)) {
+        if (std::max(pending->due, pending->retry) <= clock()) {
             return pending;
         }
     }
     return nullptr;
 }
 
-void Service::take_back(const PendingPtr &pending) {
+// Does a part of it.
+void Service::revert(const PendingPtr &pending) {
     const std::string number = std::to_string(pending->change.number);
-    const Author author{::geteuid(), static_cast<std::uint32_t>(::getpid()),
-                        "tavd reverting " + number, true};
-    log_line("reverting change %s of user %u: it was not confirmed within %g s", number.c_str(),
-             pending->change.uid, pending->term / 1000.0);
-    api_status_t status = api_status_none;
-    taking_back = served.take_back(pending, author, status);
-    if (!taking_back) {
-        throw std::runtime_error("status " + std::to_string(status));
+    if (!reversal) {
+        log_line("reverting change %s of user %u: it was not confirmed within %g s", number.c_str(),
+                 pending->change.uid, pending->term / 1000.0);
+        reversal.emplace(served, pending);
     }
+    if (reversal->advance({::geteuid(), static_cast<std::uint32_t>(::getpid()),
+                           "tavd reverting " + number, true})) {
+        end_reversal();
+        pending->retry = clock() + take_back_pause; // if it cannot be stored
+    }
+}
+
+void Service::end_reversal() {
+    reversal.reset();
+    ++released;
 }
 
 void Service::registering(int change) {

@@ -12,6 +12,7 @@
 
 #include "service/committer.h"
 #include "service/holders.h"
+#include "service/reversal.h"
 #include "service/session.h"
 #include "service/store.h"
 #include "service/task.h"
@@ -61,10 +62,10 @@ public:
     // Continues the terms of changes of an earlier service, and reverts what is due. Before the
     // first request. `wall_clock`: see wall_clock().
     void resume(std::int64_t wall_clock);
-    // Takes back the changes that were not confirmed in time, if transactions may begin now; call
-    // commit() then.
+    // Reverts the changes that were not confirmed in time, or does a part of that, if transactions
+    // may begin now; call commit() then.
     void take_back();
-    // When to call that; empty if nothing waits, or a commit comes first.
+    // When to call that again; empty if nothing waits, or a commit comes first.
     std::optional<Time> next_end() const;
     void commit_ended();
     // Increases when tasks that were blocked may go on.
@@ -101,7 +102,7 @@ public:
     void registering(int change);
     // The session whose transaction is being carried out; 0: none.
     SessionId at_work() const { return writing; }
-    bool busy() const { return writing != 0; }
+    bool busy() const { return writing != 0 || reversal; }
     bool between_groups() const { return !busy() && !store().has_group() && !store().committing(); }
     // Whether a call may have this many paths; the library checks this, too.
     bool fits(std::size_t paths);
@@ -126,8 +127,9 @@ public:
 
 private:
     bool may_begin() const { return !busy() && registrations == 0 && !served.group_is_full(); }
-    PendingPtr first_due(Time now) const;
-    void take_back(const PendingPtr &pending);
+    PendingPtr first_due() const;
+    void revert(const PendingPtr &pending);
+    void end_reversal();
     void fetch(Session &session, std::uint32_t serial, std::string &reply);
     void group_ended(bool announced = false);
 
@@ -149,9 +151,8 @@ private:
     int registrations = 0;              // tasks that wait to register
     SessionId writing = 0;              // see at_work()
     Transaction *carried_out = nullptr; // its transaction
-    bool ends_wait = false;             // changes are due that could not be reverted yet
-    std::shared_ptr<const Store::Result> taking_back; // the last time
-    std::optional<Time> retry;                        // not before
+    bool ends_wait = false;             // changes are due that are not reverted yet
+    std::optional<Reversal> reversal;   // at work
     Usage limits_used;
 };
 

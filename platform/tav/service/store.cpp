@@ -179,50 +179,29 @@ api_status_t read_leaf(const Tree &tree, std::string_view path, const Value *&va
     return api_status_ok;
 }
 
-std::shared_ptr<const Store::Result>
-Store::perform(const std::vector<Item> &items, const Transaction::Unseen &unseen, SessionId session,
-               const Author &author, const Step &step, std::vector<api_status_t> &statuses) {
+std::vector<api_status_t> Store::transact(const std::vector<Item> &items,
+                                          const Transaction::Unseen &unseen, SessionId session,
+                                          Time now, const Author &author) {
     Writer encoded;
     put_all(encoded, items);
     const std::string frame = encoded.finish();
     EventLog::Staged staged;
     Transaction transaction(forming.tree, std::string_view(frame).substr(length_bytes),
-                            std::time(nullptr), step.ends ? SIZE_MAX : byte_limit, unseen,
+                            std::time(nullptr), byte_limit, unseen,
                             [&](const Event &event) { log.stage(staged, event, session); });
     Transaction::State state = Transaction::State::working;
     while (state == Transaction::State::working) {
         state = transaction.advance();
     }
-    statuses = transaction.statuses();
-    return state == Transaction::State::complete ? join(transaction, staged, author, step)
-                                                 : nullptr;
-}
-
-std::vector<api_status_t> Store::transact(const std::vector<Item> &items,
-                                          const Transaction::Unseen &unseen, SessionId session,
-                                          Time now, const Author &author) {
-    std::vector<api_status_t> statuses;
-    if (const auto result = perform(items, unseen, session, author, {}, statuses)) {
+    std::vector<api_status_t> statuses = transaction.statuses();
+    if (state == Transaction::State::complete) {
+        const auto result = join(transaction, staged, author);
         commit(now);
         if (!result->stored) {
             statuses.assign(statuses.size(), api_status_failed);
         }
     }
     return statuses;
-}
-
-std::shared_ptr<const Store::Result> Store::take_back(const PendingPtr &pending,
-                                                      const Author &author, api_status_t &status) {
-    std::vector<api_status_t> statuses;
-    auto result = perform(
-        steps_to_take_back(*pending, forming.tree),
-        [](const std::string & /*path*/) { return false; }, 0, author, {nullptr, pending},
-        statuses);
-    const auto reason = std::find_if(statuses.begin(), statuses.end(), [](api_status_t one) {
-        return one != api_status_ok && one != api_status_not_done;
-    });
-    status = reason != statuses.end() ? *reason : api_status_ok;
-    return result;
 }
 
 } // namespace tav

@@ -98,10 +98,6 @@ public:
     // Ends the waiting of the change in the group that forms; its values stay. May throw like
     // join().
     std::shared_ptr<const Result> keep(const PendingPtr &pending);
-    // The same, but gives its elements their old values. Null if that exceeds a limit of the tree,
-    // which the status names. Nothing else may be in preparation.
-    std::shared_ptr<const Result> take_back(const PendingPtr &pending, const Author &author,
-                                            api_status_t &status);
     // Whether there is a group that forms.
     bool has_group() const { return forming.result != nullptr; }
     // Whether it has as many changes as one call may have paths. Then the next transaction waits
@@ -132,10 +128,6 @@ private:
         void end(bool stored) noexcept;
     };
 
-    std::shared_ptr<const Result> perform(const std::vector<Item> &items,
-                                          const Transaction::Unseen &unseen, SessionId session,
-                                          const Author &author, const Step &step,
-                                          std::vector<api_status_t> &statuses);
     void open_group();
     SharedPending after(const Step &step, Edit::Changes &rows) const;
 

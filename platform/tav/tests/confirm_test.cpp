@@ -1,143 +1,14 @@
 // Changes that are reverted unless they are confirmed in time.
-#include <gtest/gtest.h>
+#include "support/confirm_fixture.h"
 
-#include <algorithm>
-#include <chrono>
-#include <filesystem>
-#include <functional>
-
-#include "protocol/history.h"
 #include "protocol/limits.h"
 #include "service/repair.h"
-#include "service/service.h"
-#include "support/store_fixture.h"
-#include "support/store_unit.h"
 
 using namespace tav;
 using namespace tavtest;
 using namespace std::chrono_literals;
 
 namespace {
-
-using Lines = std::vector<std::string>;
-using Statuses = std::vector<api_status_t>;
-using Items = std::vector<Item>;
-
-// A database whose commits can be made to fail.
-class FailingStorage : public Storage {
-public:
-    bool commit(const Edit::Changes & /*changes*/) override { return !fails; }
-    bool fails = false;
-};
-
-class ConfirmTest : public ::testing::Test {
-protected:
-    ConfirmTest() { open(); }
-
-    // As at a start of the service, of which the wall clock is `late` milliseconds after that of
-    // the last one.
-    void open(std::size_t transactions = 1000, std::int64_t late = 0,
-              Durability durability = Durability::normal) {
-        close();
-        store = std::make_unique<Store>(file, durability);
-        store->keep_history(HistoryBounds{transactions});
-        serve(late);
-    }
-    void serve(std::int64_t late = 0) {
-        now += std::chrono::hours(1000); // the clocks of two starts have nothing in common
-        service = std::make_unique<Service>(*store, "", [this] { return now; });
-        service->resume(wall_clock() + late);
-        owner = &service->open(Credentials{1, 1000, 0, {}}, true);
-        other = &service->open(Credentials{2, 1001, 0, {}}, true);
-        daemon = &service->open(Credentials{3, 1002, 0, {}}, true);
-        service->watchdog().announce(daemon->id(), 3, WatchdogRequest{"daemon", 60, true}, now);
-    }
-    void close() {
-        service.reset();
-        store.reset();
-    }
-
-    std::string ask(Session &client, Op op, const std::function<void(Writer &)> &content) {
-        Writer out;
-        put(out, RequestHeader{op, 1});
-        content(out);
-        std::string reply;
-        const bool valid =
-            service->handle(client, std::string_view(out.finish()).substr(length_bytes), reply);
-        return valid ? reply.substr(length_bytes + 5) : "malformed";
-    }
-    // The number of the change; the statuses of all steps go to `statuses`.
-    std::uint64_t change(Session &client, const Items &items, std::uint32_t term = 10000) {
-        const std::string reply = ask(client, Op::transact_pending, [&](Writer &out) {
-            out.u32(term);
-            put_all(out, items);
-        });
-        Reader in(reply);
-        get_exactly(in, statuses, items.size());
-        const std::uint64_t number = in.u64();
-        EXPECT_TRUE(in.finished());
-        return number;
-    }
-    Statuses write(Session &client, const Items &items) {
-        const std::string reply =
-            ask(client, Op::transact, [&](Writer &out) { put_all(out, items); });
-        Reader in(reply);
-        get_exactly(in, statuses, items.size());
-        EXPECT_TRUE(in.finished());
-        return statuses;
-    }
-    // The status, and the number that was confirmed.
-    std::pair<api_status_t, std::uint64_t> confirm(Session &client, std::uint64_t number = 0) {
-        const std::string reply =
-            ask(client, Op::confirm, [number](Writer &out) { out.u64(number); });
-        Reader in(reply);
-        std::pair<api_status_t, std::uint64_t> answer;
-        get(in, answer.first);
-        answer.second = in.u64();
-        EXPECT_TRUE(in.finished());
-        return answer;
-    }
-    std::vector<PendingChange> pending() {
-        const std::string reply = ask(*other, Op::pending, [](Writer &) {});
-        Reader in(reply);
-        std::vector<PendingChange> all;
-        while (in.u8() == 1) {
-            get(in, all.emplace_back());
-        }
-        EXPECT_TRUE(in.finished());
-        return all;
-    }
-    // What the loop does when so much time has passed.
-    void pass(std::chrono::milliseconds time) {
-        now += time;
-        service->take_back();
-        service->commit();
-        if (service->committing() >= 0) {
-            service->commit_ended();
-        }
-    }
-    LimitStatus limit(const std::string &name) {
-        const std::vector<LimitStatus> all = service->status().limits;
-        return *std::find_if(all.begin(), all.end(), [&](auto &one) { return one.name == name; });
-    }
-    std::string picture() const { return tavtest::picture(store->tree()); }
-    std::string text(const std::string &path) const { return text_at(store->tree(), path); }
-    void sql(const std::string &text) {
-        close();
-        tavtest::sql(file, text);
-    }
-
-    const TempDir dir;
-    const std::string file = dir.file("store.db");
-    Time now{};
-    std::unique_ptr<Store> store;
-    std::unique_ptr<Service> service;
-    Session *owner = nullptr;
-    Session *other = nullptr;
-    Session *daemon = nullptr;
-    Statuses statuses;
-    const std::string absent = "status " + std::to_string(api_status_absent);
-};
 
 const Items first_content{set_item("/n/a", "1"), set_item("/n/gone/x", "2"),
                           set_item("/n/gone/y", "3"), step(ItemKind::make_node, "/n/empty"),
@@ -474,29 +345,6 @@ TEST_F(ConfirmTest, ARepairKeepsTheChangesThatWait) {
     EXPECT_EQ(text("/c"), "2") << "of this, nothing is known any more";
 }
 
-TEST_F(ConfirmTest, AReversionThatCannotBeStoredIsTriedAgain) {
-    close();
-    auto owned = std::make_unique<FailingStorage>();
-    FailingStorage &storage = *owned;
-    store = std::make_unique<Store>(std::move(owned));
-    store->keep_history(HistoryBounds{10});
-    serve();
-    change(*owner, {set_item("/a", "1")});
-    storage.fails = true;
-    EXPECT_EQ(confirm(*owner).first, api_status_failed);
-    pass(10s);
-    EXPECT_EQ(text("/a"), "1");
-    EXPECT_EQ(pending().size(), 1U);
-    storage.fails = false;
-    pass(0s);
-    EXPECT_EQ(text("/a"), "1") << "not at once";
-    EXPECT_EQ(service->next_end(), now + 5s);
-    EXPECT_EQ(write(*other, {set_item("/a", "2")}), Statuses{api_status_pending});
-    pass(5s);
-    EXPECT_EQ(text("/a"), absent);
-    EXPECT_FALSE(service->next_end());
-}
-
 TEST_F(ConfirmTest, AChangeThatIsNotStoredDoesNotWait) {
     close();
     auto owned = std::make_unique<FailingStorage>();
@@ -507,42 +355,4 @@ TEST_F(ConfirmTest, AChangeThatIsNotStoredDoesNotWait) {
     EXPECT_EQ(statuses, Statuses{api_status_failed});
     EXPECT_TRUE(pending().empty());
     EXPECT_FALSE(service->next_end());
-}
-
-TEST_F(ConfirmTest, AReversionNeedsNoRoomInTheTree) {
-    write(*owner, {set_item("/a", std::string(5000, 'x'))});
-    change(*owner, {step(ItemKind::remove, "/a")});
-    store->byte_limit = store->tree().extent().bytes;
-    pass(10s);
-    EXPECT_EQ(text("/a"), std::string(5000, 'x'));
-}
-
-TEST_F(ConfirmTest, AReversionWaitsForATransactionAndComesBeforeTheNext) {
-    change(*owner, {set_item("/a", "1")});
-    ASSERT_TRUE(service->take_turn(owner->id()));
-    pass(10s);
-    EXPECT_EQ(text("/a"), "1");
-    EXPECT_FALSE(service->next_end()) << "the loop must not spin";
-    service->end_turn();
-    EXPECT_FALSE(service->take_turn(owner->id()));
-    EXPECT_EQ(service->next_end(), now);
-    const std::uint64_t releases = service->releases();
-    pass(0s);
-    EXPECT_GT(service->releases(), releases);
-    EXPECT_EQ(text("/a"), absent);
-    EXPECT_TRUE(service->take_turn(owner->id()));
-    service->end_turn();
-}
-
-TEST_F(ConfirmTest, NobodyWaitsForAReversionThatIsNoLongerNeeded) {
-    const std::uint64_t number = change(*owner, {set_item("/a", "1")});
-    ASSERT_TRUE(service->take_turn(owner->id()));
-    pass(10s);
-    service->end_turn();
-    now -= 1s; // as if the confirmation had come before
-    EXPECT_EQ(confirm(*owner, number).first, api_status_ok);
-    EXPECT_TRUE(service->next_end());
-    pass(0s);
-    EXPECT_TRUE(service->take_turn(owner->id()));
-    service->end_turn();
 }
