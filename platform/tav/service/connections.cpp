@@ -19,13 +19,17 @@ namespace {
 // How long to wait before accepting again when there are no descriptors left.
 constexpr std::chrono::milliseconds accept_pause{100};
 
-// The last frame of a connection. One that cannot be sent at once is not sent at all.
-void say_farewell(int fd, api_status_t status, const char *reason) {
-    Writer out;
-    put(out, ReplyHeader{farewell_serial, false});
-    put(out, Farewell{status, reason});
-    const std::string frame = out.finish();
-    ::send(fd, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+// The last frame of a connection. One that cannot be made or sent at once is not sent at all.
+void say_farewell(int fd, api_status_t status, const char *reason) noexcept {
+    try {
+        Writer out;
+        put(out, ReplyHeader{farewell_serial, false});
+        put(out, Farewell{status, reason});
+        const std::string frame = out.finish();
+        ::send(fd, frame.data(), frame.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    } catch (const std::bad_alloc &) {
+        return;
+    }
 }
 
 } // namespace

@@ -87,7 +87,7 @@ bool Session::unseen(const std::string &path) const {
     const auto unfetched = [this](const LoggedEvent &event) {
         return event.foreign_to(id(), behind ? position : log.end()) && wants(event);
     };
-    return (behind && log.published().any_at_or_below(path, unfetched)) ||
+    return too_far_behind || (behind && log.published().any_at_or_below(path, unfetched)) ||
            log.any_staged(path, unfetched);
 }
 

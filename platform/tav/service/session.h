@@ -45,7 +45,7 @@ public:
     // The same before they are published: only wakes the client.
     void announce(const std::string &path, SessionId author, Time now) noexcept;
     // The client has not yet fetched a change by another client of a leaf at or below that path, be
-    // it committed or only staged.
+    // it committed or only staged. Always true once it has overflowed: what it missed is unknown.
     bool unseen(const std::string &path) const;
     // Events wait.
     bool waiting() const { return behind || !notices.empty(); }

@@ -63,8 +63,7 @@ public:
     const char *durability() const { return storage->promise(); }
     // Increases with each group that changes something.
     std::uint64_t revision() const { return changed; }
-    // Memory that the tree may use. Beyond it only transactions that make the tree smaller are
-    // possible.
+    // Memory that the tree may use. Beyond it only steps that make the tree smaller are possible.
     std::size_t byte_limit = limits::store_bytes;
 
     // Carries out a whole transaction at once, as that session and author, and commits it. Nothing

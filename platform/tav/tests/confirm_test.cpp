@@ -46,6 +46,22 @@ TEST_F(ConfirmTest, AConfirmationAfterTheTermComesTooLate) {
     EXPECT_EQ(text("/a"), absent);
 }
 
+TEST_F(ConfirmTest, AConfirmationMayBeCommittedAfterTheTerm) {
+    change(*owner, {set_item("/a", "1")});
+    Writer out;
+    put(out, RequestHeader{Op::confirm, 1});
+    out.u64(0);
+    const std::string request = out.finish();
+    std::string reply;
+    std::unique_ptr<Task> task;
+    service->begin(*owner, std::string_view(request).substr(length_bytes), reply, task);
+    EXPECT_EQ(task->step(), Task::State::blocked);
+    pass(10s);
+    EXPECT_EQ(task->step(), Task::State::done);
+    EXPECT_EQ(text("/a"), "1");
+    EXPECT_TRUE(pending().empty());
+}
+
 TEST_F(ConfirmTest, ThereIsNoTimerWhileNothingWaits) {
     EXPECT_FALSE(service->next_end());
     change(*owner, {set_item("/a", "1")}, 30000);

@@ -70,6 +70,15 @@ TEST_F(EventLogTest, AClientThatLeavesIsForgottenAtEachOfItsPaths) {
     EXPECT_EQ(log.published().size(), 1U);   // nobody waits for /b
 }
 
+// Until it is disconnected, its writes once counted as up to date.
+TEST_F(EventLogTest, AClientWithTooManyEventsHasNotSeenThem) {
+    one.watch("/");
+    one.fetched();
+    change(somebody, {set_a});
+    one.overflow();
+    EXPECT_TRUE(one.unseen("/a"));
+}
+
 TEST_F(EventLogTest, EventsOfOneGroupAreMergedToo) {
     one.watch("/");
     one.fetched();

@@ -1,5 +1,6 @@
 // The whole service while memory is short: it lives on, serves again when there is memory, and has
 // lost nothing.
+#include "support/raw_peer.h"
 #include "support/store_fixture.h"
 
 #include <cstdio>
@@ -73,6 +74,8 @@ protected:
     std::mt19937 random{1};
 };
 
+using NoMemoryTest = StoreTest;
+
 } // namespace
 
 TEST_P(MemoryFailureTest, TheServiceLivesOnAndLosesNothing) {
@@ -98,6 +101,19 @@ TEST_P(MemoryFailureTest, TheServiceLivesOnAndLosesNothing) {
     EXPECT_EQ(stop(), 0);
     start(on_disk);
     EXPECT_EQ(tav({"dump"}).output, before);
+}
+
+// Its last frame once needed memory outside of any request, and the service ended.
+TEST_F(NoMemoryTest, AClientIsDisconnectedAllTheSame) {
+    const std::string plan = dir.file("plan");
+    prefix = preloading(TAV_MEMORY_PRELOAD, {"TAV_MEMORY_FAULT=" + plan});
+    start();
+    RawPeer stranger(socket); // does not say who it is
+    EXPECT_TRUE(Client().connected()) << "and so the first one is accepted, too";
+    std::ofstream(plan) << "x";
+    EXPECT_TRUE(stranger.closed());
+    ASSERT_EQ(std::remove(plan.c_str()), 0);
+    EXPECT_TRUE(Client().connected()) << tavd->errors();
 }
 
 INSTANTIATE_TEST_SUITE_P(EveryNth, MemoryFailureTest,

@@ -411,8 +411,10 @@ TEST_F(StoreUnit, TheBytesOfTheWholeTreeAreLimited) {
     EXPECT_EQ(write({set_item("/small", "1"), set_item("/more", std::string(2000, 'x'))}).statuses,
               (Statuses{api_status_not_done, api_status_too_many_bytes}));
     EXPECT_EQ(names("/"), Names{"big"});
-    // Shrinking and removing are always possible.
+    // Shrinking and removing are always possible, but not adding before that.
     store->byte_limit = 1000;
+    EXPECT_EQ(write({set_item("/small", "1"), step(ItemKind::remove, "/big")}).statuses,
+              (Statuses{api_status_too_many_bytes, api_status_not_done}));
     EXPECT_EQ(write({set_item("/big", std::string(1500, 'x'))}).statuses.front(), api_status_ok);
     EXPECT_EQ(write({step(ItemKind::remove, "/big")}).statuses.front(), api_status_ok);
     EXPECT_EQ(store->tree().extent().bytes, Tree().extent().bytes);
