@@ -216,8 +216,19 @@ void Database::discard_refused() {
 }
 
 // A sync, or more than a millisecond of work.
-bool Database::is_slow(std::size_t changes) const {
-    return durability == Durability::full || changes > 64 || log_is_long();
+bool Database::is_slow(const Edit::Changes &changes) const {
+    constexpr std::size_t most_changes = 64;
+    constexpr std::size_t most_bytes = std::size_t{256} << 10; // the history has the old ones, too
+    if (durability == Durability::full || changes.size() > most_changes || log_is_long()) {
+        return true;
+    }
+    std::size_t bytes = 0;
+    for (const Change &change : changes) {
+        for (const Change::ValuePtr &value : {change.before, change.after}) {
+            bytes += value ? value->text.size() : 0;
+        }
+    }
+    return bytes > most_bytes;
 }
 
 bool Database::commit(const Edit::Changes &changes) {

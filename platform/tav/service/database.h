@@ -37,7 +37,7 @@ public:
     // is no longer in its place: the changes are not stored then,
     // and do not appear after a later start either.
     bool commit(const Edit::Changes &changes) override;
-    bool is_slow(std::size_t changes) const override;
+    bool is_slow(const Edit::Changes &changes) const override;
     std::uint64_t begin_history(const HistoryBounds &bounds, Records &records) override;
     std::vector<PendingPtr> take_pending() override { return std::move(stored_pending); }
     const char *promise() const override;

@@ -168,7 +168,7 @@ void Service::commit() {
     }
     const Edit::Changes &changes = served.close_group();
     ++released; // for those that the full group let wait
-    if (!changes.empty() && served.permanent().is_slow(changes.size())) {
+    if (!changes.empty() && served.permanent().is_slow(changes)) {
         try {
             committer.start(served.permanent(), changes);
             return;

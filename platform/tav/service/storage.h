@@ -18,8 +18,8 @@ public:
     // Makes the changes durable, all or none. False if that failed (logged): nothing was stored.
     // May be called by another thread than the others, but only by one at a time.
     virtual bool commit(const Edit::Changes &changes) = 0;
-    // Whether committing this many changes may take long.
-    virtual bool is_slow(std::size_t changes) const {
+    // Whether committing these changes may take long.
+    virtual bool is_slow(const Edit::Changes &changes) const {
         static_cast<void>(changes);
         return false;
     }

@@ -28,7 +28,7 @@ public:
         outcome.reset();
         return stored;
     }
-    bool is_slow(std::size_t /*changes*/) const override { return true; }
+    bool is_slow(const Edit::Changes & /*changes*/) const override { return true; }
     void end(bool stored) {
         {
             const std::lock_guard<std::mutex> lock(mutex);

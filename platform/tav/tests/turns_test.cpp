@@ -52,7 +52,7 @@ namespace {
 // In memory, but its commits may be left to another thread.
 class SlowStorage : public tav::NoStorage {
 public:
-    bool is_slow(std::size_t /*changes*/) const override { return slow; }
+    bool is_slow(const tav::Edit::Changes & /*changes*/) const override { return slow; }
     std::atomic<bool> slow{false};
 };
 
