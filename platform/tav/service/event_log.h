@@ -49,6 +49,15 @@ struct LoggedEvent {
     }
 };
 
+// Whether there is an event that was looked for, and how many were examined.
+struct Found {
+    // NOLINTNEXTLINE(google-explicit-constructor): so that a plain answer is one, too
+    Found(bool is_there, std::size_t number = 0) : there(is_there), examined(number) {}
+
+    bool there;
+    std::size_t examined;
+};
+
 // Events in order, at most one of each path and command.
 class EventBatch {
 public:
@@ -70,19 +79,20 @@ public:
     std::size_t size() const { return list.size(); }
     // Memory used.
     std::size_t bytes() const { return used; }
-    // Whether `wanted` is true for an event at or below the path.
+    // Whether `wanted` is true for an event at or below the path. Also if there are more than
+    // `left` events, of which those that were examined are subtracted.
     template <typename Wanted>
-    bool any_at_or_below(const std::string &path, Wanted wanted) const {
+    bool any_at_or_below(const std::string &path, Wanted wanted, std::size_t &left) const {
         const std::string below = path == "/" ? path : path + '/';
         for (auto entry = index.lower_bound(Key(path, 0));
              entry != index.end() && entry->first.first == path; ++entry) {
-            if (wanted(*entry->second)) {
+            if (left-- == 0 || wanted(*entry->second)) {
                 return true;
             }
         }
         for (auto entry = index.lower_bound(Key(below, 0));
              entry != index.end() && entry->first.first.substr(0, below.size()) == below; ++entry) {
-            if (wanted(*entry->second)) {
+            if (left-- == 0 || wanted(*entry->second)) {
                 return true;
             }
         }
@@ -132,11 +142,11 @@ public:
     void drop_staged() noexcept;
 
     const EventBatch &published() const { return log; }
-    // Whether `wanted` is true for an event at or below the path that is not yet published.
+    // The same as EventBatch::any_at_or_below() of the events that are not yet published.
     template <typename Wanted>
-    bool any_staged(const std::string &path, Wanted wanted) const {
-        return closed.batch.any_at_or_below(path, wanted) ||
-               forming.batch.any_at_or_below(path, wanted);
+    bool any_staged(const std::string &path, Wanted wanted, std::size_t &left) const {
+        return closed.batch.any_at_or_below(path, wanted, left) ||
+               forming.batch.any_at_or_below(path, wanted, left);
     }
     // The position of the last published event.
     std::uint64_t end() const { return last_published; }

@@ -83,12 +83,30 @@ bool Session::wants(const LoggedEvent &event) const {
            });
 }
 
-bool Session::unseen(const std::string &path) const {
+Found Session::unseen(const std::string &path) const {
+    constexpr std::size_t most = 10000;
+    if (too_far_behind) {
+        return true;
+    }
+    std::size_t left = most;
+    bool there = false;
+    if (std::any_of(registrations.begin(), registrations.end(),
+                    [&path](const Registered &r) { return is_at_or_below(path, r.path); })) {
+        there = unseen_below(path, left);
+    } else {
+        there = std::any_of(registrations.begin(), registrations.end(), [&](const Registered &r) {
+            return is_at_or_below(r.path, path) && unseen_below(r.path, left);
+        });
+    }
+    return {there, std::min(most, most - left)};
+}
+
+bool Session::unseen_below(const std::string &path, std::size_t &left) const {
     const auto unfetched = [this](const LoggedEvent &event) {
         return event.foreign_to(id(), behind ? position : log.end()) && wants(event);
     };
-    return too_far_behind || (behind && log.published().any_at_or_below(path, unfetched)) ||
-           log.any_staged(path, unfetched);
+    return (behind && log.published().any_at_or_below(path, unfetched, left)) ||
+           log.any_staged(path, unfetched, left);
 }
 
 std::size_t Session::pending() const {

@@ -45,8 +45,9 @@ public:
     // The same before they are published: only wakes the client.
     void announce(const std::string &path, SessionId author, Time now) noexcept;
     // The client has not yet fetched a change by another client of a leaf at or below that path, be
-    // it committed or only staged. Always true once it has overflowed: what it missed is unknown.
-    bool unseen(const std::string &path) const;
+    // it committed or only staged; or so many events wait there that finding out takes too long.
+    // Always so once it has overflowed: what it missed is unknown.
+    Found unseen(const std::string &path) const;
     // Events wait.
     bool waiting() const { return behind || !notices.empty(); }
     // The log keeps the events after fetched_to() for this client.
@@ -87,6 +88,7 @@ private:
         std::uint64_t position = 0; // of the last event before it
     };
 
+    bool unseen_below(const std::string &path, std::size_t &left) const;
     bool concerns(const std::string &path, SessionId author) const;
     bool wants(const LoggedEvent &event) const;
 

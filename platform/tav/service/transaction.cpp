@@ -150,10 +150,7 @@ void Transaction::examine(const Change &change) {
     work += 1 + static_cast<std::size_t>(std::count(change.path.begin(), change.path.end(), '/') /
                                          levels);
     work += change.after ? work_on(change.after->text) : 0;
-    const bool of_leaf = change.leaf_set() || change.leaf_removed();
-    // The writer may assume that the node still exists with everything below it.
-    const bool makes_node = !change.before && change.after && !of_leaf;
-    if ((makes_node || (of_leaf && change.real())) && unseen(change.path)) {
+    if (is_stale(change)) {
         objections.emplace(change.path, api_status_stale);
     }
     if (held && change.stored() && held(change.path)) {
@@ -171,6 +168,23 @@ void Transaction::examine(const Change &change) {
         const Element &parent = *edit.tree().find(parent_path(change.path));
         sizes.children = std::max<std::size_t>(sizes.children, parent.child_count);
     }
+}
+
+bool Transaction::is_stale(const Change &change) {
+    constexpr std::size_t events = 32; // that are examined in a unit
+    const bool of_leaf = change.leaf_set() || change.leaf_removed();
+    // The writer may assume that the node still exists with everything below it.
+    const bool makes_node = !change.before && change.after && !of_leaf;
+    const bool matters = makes_node || (of_leaf && change.real());
+    if (!matters || (!clean.empty() && is_at_or_below(change.path, clean))) {
+        return false;
+    }
+    const Found found = unseen(change.path);
+    work += found.examined / events;
+    if (makes_node && !found.there) {
+        clean = change.path;
+    }
+    return found.there;
 }
 
 // Finds out whether the item would change or create one of the elements that may not be changed.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "service/edit.h"
+#include "service/event_log.h"
 
 namespace tav {
 
@@ -32,7 +33,7 @@ public:
     // Whether the writer has yet to fetch another client's event on a path or on a leaf below it: a
     // transaction that would change such a leaf, or create such a node, is refused as a whole with
     // api_status_stale.
-    using Unseen = std::function<bool(const std::string &)>;
+    using Unseen = std::function<Found(const std::string &)>;
     // Whether the writer may not change the element because of a change that has yet to be
     // confirmed: such a transaction is refused with api_status_pending.
     using Held = std::function<bool(const std::string &)>;
@@ -75,6 +76,7 @@ private:
     void apply();
     void refuse(api_status_t status);
     void examine(const Change &change);
+    bool is_stale(const Change &change);
     void judge();
 
     const std::string_view encoded;
@@ -94,6 +96,7 @@ private:
     Held held;
     std::vector<api_status_t> results;
     Edit::Changes::const_iterator examined;
+    std::string clean; // a created node with no event below it that the writer has yet to fetch
     Sizes sizes;
     // Elements that may not be changed, and why.
     std::map<std::string, api_status_t, std::less<>> objections;

@@ -190,7 +190,7 @@ TEST_F(GroupsTest, TheNextOneFormsWhileOneIsStored) {
     EXPECT_EQ(fetched(), 2U);
     EXPECT_EQ(first.step(), State::done);
     EXPECT_EQ(second.step(), State::blocked);
-    EXPECT_TRUE(other.unseen("/c"));
+    EXPECT_TRUE(other.unseen("/c").there);
 
     service.commit();
     end_commit(true);
@@ -219,8 +219,8 @@ TEST_F(GroupsTest, ARefusedOneTakesTheNextOneWithIt) {
     }
     EXPECT_EQ(text("/a/b/d"), absent);
     EXPECT_EQ(fetched(), 0U);
-    EXPECT_FALSE(other.unseen("/a/b/c"));
-    EXPECT_FALSE(other.unseen("/a/b/d"));
+    EXPECT_FALSE(other.unseen("/a/b/c").there);
+    EXPECT_FALSE(other.unseen("/a/b/d").there);
     EXPECT_EQ(store.largest().depth, 0U);
 
     const Request third = write({set("/c")});

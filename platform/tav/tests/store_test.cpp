@@ -370,6 +370,24 @@ TEST_F(StoreUnit, APartOfATransactionIsSmallerIfItsItemsAreLarge) {
     EXPECT_GE(parts(large, false) - applied, 100 * 64 / (256 + 64));
 }
 
+TEST_F(StoreUnit, UnseenEventsAreLookedForOncePerCreatedNode) {
+    Names asked;
+    const auto answer = [&](const std::string &stale) {
+        asked.clear();
+        return store->transact({step(ItemKind::make_node, "/a/b/c"), set_item("/a/d", "1", 10),
+                                set_item("/e", "1", 10), set_item("/ab", "1", 10)},
+                               [&](const std::string &path) {
+                                   asked.push_back(path);
+                                   return path == stale;
+                               });
+    };
+    EXPECT_EQ(answer("/a"), (Statuses{api_status_stale, api_status_stale, api_status_not_done,
+                                      api_status_not_done}));
+    EXPECT_EQ(asked, (Names{"/a", "/a/b", "/a/d", "/e", "/ab"}));
+    EXPECT_EQ(answer("/ab").back(), api_status_stale);
+    EXPECT_EQ(asked, (Names{"/a", "/e", "/ab"}));
+}
+
 TEST_F(StoreUnit, WhatOneCallRemovesAndTouchesIsLimited) {
     std::vector<Item> items;
     for (int i = 0; i < 2000; ++i) {
