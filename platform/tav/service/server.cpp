@@ -188,10 +188,7 @@ bool Server::work() {
             }
         }
         service.commit();
-        if (service.committing() >= 0 && !commit_watched) {
-            watch(service.committing(), commit_id, EPOLLIN, EPOLL_CTL_ADD);
-            commit_watched = true;
-        }
+        watch_commit();
         if (looked_after != service.publications()) {
             looked_after = service.publications();
             look_after_all();
@@ -202,6 +199,21 @@ bool Server::work() {
         }
     } while (!schedule.empty() && Stopwatch::now() < end);
     return true;
+}
+
+// A commit that cannot be watched is waited for.
+void Server::watch_commit() {
+    if (service.committing() < 0 || commit_watched) {
+        return;
+    }
+    try {
+        watch(service.committing(), commit_id, EPOLLIN, EPOLL_CTL_ADD);
+        commit_watched = true;
+    } catch (const std::runtime_error &) {
+        if (service.store().committing()) {
+            service.commit_ended();
+        }
+    }
 }
 
 void Server::release_blocked() {

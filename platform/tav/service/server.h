@@ -67,6 +67,7 @@ private:
     Turn go_on(PeerId id, Peer &peer);
     Turn answer(PeerId id, Peer &peer, const Session &session, std::string frame);
     Turn send(PeerId id, Peer &peer, std::string frame);
+    void watch_commit();
     void release_blocked();
     void notify(std::uint64_t session, std::uint32_t serial) noexcept;
     void look_after(const Session &session);

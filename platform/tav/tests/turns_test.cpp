@@ -8,9 +8,11 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstdint>
 #include <thread>
 
@@ -26,7 +28,8 @@ namespace {
 
 std::atomic<int> trims{0};
 std::atomic<int> looks{0};
-std::atomic<int> waits{0};        // looks for which nothing came in time
+std::atomic<int> waits{0}; // looks for which nothing came in time
+std::atomic<int> unwatched{0};
 std::function<void(int)> at_look; // called before the look of this number
 
 } // namespace
@@ -45,6 +48,16 @@ extern "C" int epoll_wait(int epoll, epoll_event *events, int size, int most) {
     const int ready = ::epoll_pwait(epoll, events, size, most, nullptr);
     waits += ready == 0 && most != 0 ? 1 : 0;
     return ready;
+}
+
+// The same for a descriptor that is to be watched: it fails so many times.
+extern "C" int epoll_ctl(int epoll, int operation, int fd, epoll_event *event) {
+    if (operation == EPOLL_CTL_ADD && unwatched > 0) {
+        --unwatched;
+        errno = ENOSPC;
+        return -1;
+    }
+    return static_cast<int>(::syscall(SYS_epoll_ctl, epoll, operation, fd, event));
 }
 
 namespace {
@@ -369,4 +382,19 @@ TEST_F(TurnsTest, AWriteContinuesAsSoonAsTheTransactionThatItWaitsForIsGone) {
     at_look = nullptr;
     EXPECT_EQ(service.sessions().size(), 1U);
     EXPECT_EQ(waits, 0);
+}
+
+// The first commit on the other thread once ended the service if it could not be watched.
+TEST_F(TurnsTest, ACommitThatCannotBeWatchedIsWaitedFor) {
+    const timeval limit{10, 0};
+    ::setsockopt(first->calls.fd(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
+    storage->slow = true;
+    while_served([this] {
+        unwatched = 2;
+        send_writes(*first, 1, 1);
+        take_replies(*first, 1);
+        send_writes(*first, 2, 4);
+        take_replies(*first, 3);
+    });
+    EXPECT_EQ(unwatched, 0);
 }
