@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "service/garbage.h"
 #include "service/path.h"
 #include "service/session.h"
 
@@ -77,10 +78,19 @@ void EventBatch::number(std::uint64_t &last) noexcept {
     }
 }
 
-void EventBatch::clear() noexcept {
-    index.clear();
-    list.clear();
-    used = 0;
+bool EventBatch::free_one() noexcept {
+    if (!index.empty()) {
+        index.erase(index.begin()); // first: its key is in the list
+    } else if (!list.empty()) {
+        list.pop_front();
+    } else {
+        return false;
+    }
+    return true;
+}
+
+EventLog::Staged::~Staged() {
+    garbage::add(batch);
 }
 
 bool EventBatch::forget(std::uint64_t position) noexcept {
@@ -168,8 +178,7 @@ void EventLog::publish(Time now) noexcept {
 
 void EventLog::drop_staged() noexcept {
     for (Staged *group : {&closed, &forming}) {
-        group->batch.clear();
-        group->audiences.clear();
+        *group = {};
     }
 }
 

@@ -67,7 +67,8 @@ public:
     void add(LoggedEvent event);
     // Adds all events of a later batch, which is then empty.
     void absorb(EventBatch &later) noexcept;
-    void clear() noexcept;
+    // Frees one thing; false if there is nothing.
+    bool free_one() noexcept;
     // Removes events up to that position, at most a few thousand per call. Returns false if some
     // remain.
     bool forget(std::uint64_t position) noexcept;
@@ -119,8 +120,17 @@ public:
     void join(Session &session, const std::string &path);
     void leave(const Session &session, const std::string &path);
 
-    // What a transaction in preparation will add.
+    // What a transaction in preparation will add. There may be many events: they are freed later.
     struct Staged {
+        Staged() = default;
+        Staged(Staged &&) = default;
+        Staged &operator=(Staged &&other) noexcept {
+            std::swap(batch, other.batch);
+            std::swap(audiences, other.audiences);
+            return *this;
+        }
+        ~Staged();
+
         EventBatch batch;
         std::set<std::pair<std::shared_ptr<Audience>, SessionId>> audiences; // with the author
     };

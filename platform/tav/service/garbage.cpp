@@ -10,6 +10,7 @@ struct Heap {
     std::list<Edit::ByPath> maps;
     Edit::Changes changes;
     std::vector<ElementPtr> elements;
+    std::vector<EventBatch> events;
 };
 Heap heap;
 
@@ -48,8 +49,19 @@ void add(std::list<Edit::ByPath> &maps) noexcept {
     heap.maps.splice(heap.maps.end(), maps);
 }
 
+void add(EventBatch &events) noexcept {
+    if (!events.empty()) {
+        try {
+            std::swap(events, heap.events.emplace_back());
+        } catch (const std::bad_alloc &) {
+            // They are given back at once.
+        }
+    }
+}
+
 bool empty() noexcept {
-    return heap.maps.empty() && heap.changes.empty() && heap.elements.empty();
+    return heap.maps.empty() && heap.changes.empty() && heap.elements.empty() &&
+           heap.events.empty();
 }
 
 bool give_back() noexcept {
@@ -65,6 +77,10 @@ bool give_back() noexcept {
             map.empty() ? heap.maps.pop_front() : static_cast<void>(map.erase(map.begin()));
         } else if (!heap.changes.empty()) {
             heap.changes.pop_front();
+        } else if (!heap.events.empty()) {
+            if (!heap.events.back().free_one()) {
+                heap.events.pop_back();
+            }
         } else {
             give_back_element();
         }

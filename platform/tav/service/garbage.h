@@ -3,6 +3,7 @@
 #pragma once
 
 #include "service/edit.h"
+#include "service/event_log.h"
 #include "service/tree.h"
 
 namespace tav::garbage {
@@ -12,6 +13,7 @@ void add(ElementPtr element) noexcept;
 void add(Edit::Changes &changes) noexcept;
 // Their keys are in changes that were not added earlier.
 void add(std::list<Edit::ByPath> &maps) noexcept;
+void add(EventBatch &events) noexcept;
 
 // Gives a part back, which takes about a millisecond at most, or a few if there has been something
 // for long; false if there was nothing.

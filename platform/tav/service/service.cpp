@@ -300,8 +300,10 @@ void Service::trim_events() {
             first = client->is_behind() ? std::min(first, client->fetched_to()) : first;
         }
         trimming = !log.forget(first);
-        if (log.published().bytes() > limits::event_bytes && trimming) {
-            continue;
+        if (trimming) {
+            // The rest is forgotten between turns, faster than turns make events. Nobody is given
+            // up for what nobody needs.
+            return;
         }
         limits_used.raise(Limit::event_bytes, log.published().bytes());
         if (log.published().bytes() <= limits::event_bytes) {

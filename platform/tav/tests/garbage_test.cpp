@@ -86,6 +86,31 @@ TEST_F(GarbageTest, ALargeEditIsGivenBackInParts) {
     EXPECT_LT(value.use_count(), uses);
 }
 
+TEST_F(GarbageTest, EventsThatAreNotPublishedAreGivenBackInParts) {
+    const auto fill = [](EventLog::Staged &staged) {
+        for (int i = 0; i < many; ++i) {
+            const Event event{mlr_event_set, "/n/" + std::to_string(i)};
+            staged.batch.add(LoggedEvent{event, 0, 0, 0});
+        }
+    };
+    constexpr int least = 2 * many / 4096; // each event is in two containers
+    {
+        EventLog::Staged staged;
+        fill(staged);
+        staged = {};
+        EXPECT_GE(parts(), least);
+        fill(staged);
+        EXPECT_TRUE(garbage::empty());
+    }
+    EXPECT_GE(parts(), least);
+    EventLog log;
+    EventLog::Staged staged;
+    fill(staged);
+    log.stage(staged);
+    log.drop_staged();
+    EXPECT_GE(parts(), least);
+}
+
 // A large touch that began again and again for others once made the service larger and larger.
 TEST_F(GarbageTest, MuchIsGivenBackFasterThanItIsMade) {
     for (int turn = 0; turn < 100; ++turn) {

@@ -170,6 +170,37 @@ TEST(EventsOfAClientThatLeavesTest, AreForgottenAPartAtATime) {
     EXPECT_TRUE(events.empty());
 }
 
+// The service once did nothing else meanwhile.
+TEST(EventsTest, TooManyAreForgottenInParts) {
+    Store store;
+    Service service(store, "", [] { return Time{}; });
+    Session &reader = service.open({}, true);
+    reader.register_events({"/", api_event_change, false}, {});
+    std::string stem;
+    for (int i = 0; i < 6; ++i) {
+        stem += '/' + std::string(limits::name_bytes, 'x');
+    }
+    constexpr std::size_t number = 60000;
+    EventLog &log = store.events();
+    EventLog::Staged staged;
+    for (std::size_t i = 0; i < number; ++i) {
+        log.stage(staged, Event{mlr_event_set, stem + '/' + std::to_string(i)}, 0);
+    }
+    log.stage(staged);
+    log.close_group();
+    log.publish({});
+    const EventBatch &waiting = log.published();
+    EXPECT_GT(waiting.bytes(), limits::event_bytes * 3 / 2);
+    service.trim_events();
+    EXPECT_TRUE(reader.overflowed());
+    EXPECT_TRUE(service.trims());
+    EXPECT_GE(waiting.size(), number - 2 * 4096);
+    while (service.trims()) {
+        service.trim_events();
+    }
+    EXPECT_TRUE(waiting.empty());
+}
+
 TEST_F(GroupsTest, TheNextOneFormsWhileOneIsStored) {
     watch().step();
     fetched();
