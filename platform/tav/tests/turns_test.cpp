@@ -172,16 +172,25 @@ protected:
 
 // A transaction of many items takes many slices of time.
 TEST_F(TurnsTest, ALongTransactionDelaysNoReader) {
-    const std::string transaction =
-        write_frame(std::vector<tav::Item>(limits::paths_per_request, item("/n", "7")));
+    std::vector<tav::Item> items{item("/n", "7")};
+    while (items.size() < limits::paths_per_request) {
+        items.push_back(item("/x/" + std::to_string(items.size()), "1"));
+    }
+    bool asked = false;
+    at_look = [&](int /*look*/) {
+        if (!asked && service.may_precede() != nullptr) { // the transaction is at work
+            asked = true;
+            send_reads(*second, 1);
+        }
+    };
     while_served([&] {
-        first->calls.send(transaction); // the service has received it by now
-        send_reads(*second, 1);
+        first->calls.send(write_frame(items));
         EXPECT_EQ(take_numbers(*second, 1), std::vector<int>{-1});
         take_replies(*first, 1);
         send_reads(*second, 1);
         EXPECT_EQ(take_numbers(*second, 1), std::vector<int>{7});
     });
+    at_look = nullptr;
 }
 
 // A registration waits for the transaction, which would otherwise wait for each of its user's
