@@ -15,4 +15,5 @@ if [ -n "${counts:-}" ]; then
     mount --bind "$counts" "$root/counts"
     export counts=/counts
 fi
+unset TMPDIR # a directory of the host
 exec chroot "$root" "$@"
