@@ -38,14 +38,19 @@ void EventBatch::drop(Index::iterator entry) noexcept {
     list.erase(event);
 }
 
-// Without new memory, so that it cannot fail; the smaller index goes into the larger one.
-void EventBatch::absorb(EventBatch &later) noexcept {
-    const bool moves_later = later.size() < size();
+// Without new memory, so that it cannot fail. The smaller index goes into the larger one, and so
+// remains the smaller.
+bool EventBatch::absorb(EventBatch &later) noexcept {
+    constexpr int at_once = 1024; // which takes one or two milliseconds
+    const bool moves_later = later.index.size() < index.size();
     Index &from = moves_later ? later.index : index;
     Index &to = moves_later ? index : later.index;
     used += later.used;
     later.used = 0;
-    while (!from.empty()) {
+    for (int i = 0; !from.empty(); ++i) {
+        if (i == at_once) {
+            return false;
+        }
         auto node = from.extract(from.begin());
         const auto known = to.find(node.key());
         if (known != to.end()) {
@@ -70,6 +75,7 @@ void EventBatch::absorb(EventBatch &later) noexcept {
     if (!moves_later) {
         index.swap(later.index);
     }
+    return true;
 }
 
 void EventBatch::number(std::uint64_t &last) noexcept {
@@ -94,7 +100,7 @@ EventLog::Staged::~Staged() {
 }
 
 bool EventBatch::forget(std::uint64_t position) noexcept {
-    constexpr int at_once = 4096; // which takes about a millisecond
+    constexpr int at_once = 1024; // which takes one to four milliseconds
     for (int i = 0; i < at_once; ++i) {
         if (list.empty() || list.front().position > position) {
             return true;
@@ -145,12 +151,16 @@ void EventLog::stage(Staged &staged, const Event &event, SessionId author) const
 
 void EventLog::stage(Staged &done) noexcept {
     done.batch.number(last_staged);
-    forming.batch.absorb(done.batch);
+    while (!forming.batch.absorb(done.batch)) {
+    }
     forming.audiences.merge(done.audiences);
     done.audiences.clear();
 }
 
 void EventLog::close_group() noexcept {
+    while (merging) {
+        merge();
+    }
     std::swap(closed, forming);
 }
 
@@ -167,7 +177,10 @@ void EventLog::publish(Time now) noexcept {
     if (!closed.batch.empty()) {
         last_published = closed.batch.events().back().position;
     }
-    log.absorb(closed.batch);
+    merging = true;
+    if (!held) {
+        merge();
+    }
     for (const auto &[audience, author] : closed.audiences) {
         for (Session *member : audience->members) {
             member->changed(audience->path, author, before, now);

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "protocol/messages.h"
+#include "service/blocks.h"
 #include "service/wake.h"
 
 namespace tav {
@@ -51,7 +53,6 @@ struct LoggedEvent {
 
 // Whether there is an event that was looked for, and how many were examined.
 struct Found {
-    // NOLINTNEXTLINE(google-explicit-constructor): so that a plain answer is one, too
     Found(bool is_there, std::size_t number = 0) : there(is_there), examined(number) {}
 
     bool there;
@@ -61,12 +62,17 @@ struct Found {
 // Events in order, at most one of each path and command.
 class EventBatch {
 public:
-    using Events = std::list<LoggedEvent>;
+    using Events = std::list<LoggedEvent, BlockAllocator<LoggedEvent>>;
+
+    EventBatch() = default;
+    EventBatch(EventBatch &&) = default; // a copy would refer to the other's list
+    EventBatch &operator=(EventBatch &&) = default;
 
     // There must be none with this path and command.
     void add(LoggedEvent event);
-    // Adds all events of a later batch, which is then empty.
-    void absorb(EventBatch &later) noexcept;
+    // Adds events of a later batch, about a thousand per call. Returns true when that is empty;
+    // until then it has some of the events, and neither batch may be changed.
+    bool absorb(EventBatch &later) noexcept;
     // Frees one thing; false if there is nothing.
     bool free_one() noexcept;
     // Removes events up to that position, at most a few thousand per call. Returns false if some
@@ -102,7 +108,8 @@ public:
 
 private:
     using Key = std::pair<std::string_view, std::int32_t>; // the text is in the list
-    using Index = std::map<Key, Events::iterator>;
+    using Index = std::map<Key, Events::iterator, std::less<>,
+                           BlockAllocator<std::pair<const Key, Events::iterator>>>;
 
     void drop(Index::iterator entry) noexcept;
     static Key key_of(const LoggedEvent &event) { return {event.event.path, event.event.command}; }
@@ -137,19 +144,30 @@ public:
     // Adds an event unless nobody has registered for it.
     void stage(Staged &staged, const Event &event, SessionId author) const;
     // Adds a completed transaction to the group being assembled. Its events are later than all
-    // others.
+    // others. Fast, unless both the transaction and the group have many events.
     void stage(Staged &done) noexcept;
+    std::size_t staged() const { return forming.batch.size(); }
     // Closes the assembled group, which is now being committed, and begins a new one. The commit of
-    // the previous group must have ended.
+    // the previous group must have ended. If its events are still being merged, this takes longer;
+    // and then the log must not be held.
     void close_group() noexcept;
     // Wakes the clients before the commit. Only for a commit that ends before the service does
     // anything else. If it is refused, the clients find no event.
     void announce(Time now) noexcept;
     // The closed group was committed: publishes its events, and wakes the clients unless announce()
-    // did.
+    // did. If there are many events, they are merged with the others by further calls of merge();
+    // meanwhile clients cannot fetch.
     void publish(Time now) noexcept;
+    bool merges() const { return merging; }
+    // Not while the log is held.
+    void merge() noexcept { merging = !log.absorb(closed.batch); }
     // The commit was refused: discards both groups.
     void drop_staged() noexcept;
+
+    // While somebody holds the log, the published events stay in place. Not while they are merged.
+    void hold() { held = true; }
+    void release() { held = false; }
+    bool is_held() const { return held; }
 
     const EventBatch &published() const { return log; }
     // The same as EventBatch::any_at_or_below() of the events that are not yet published.
@@ -161,13 +179,15 @@ public:
     // The position of the last published event.
     std::uint64_t end() const { return last_published; }
     // Removes events up to that position, which no session needs any more. See
-    // EventBatch::forget().
+    // EventBatch::forget(). Not while the log is held or events are merged.
     bool forget(std::uint64_t position) noexcept { return log.forget(position); }
 
 private:
     EventBatch log;
-    Staged closed; // is being committed
+    Staged closed; // is being committed, or merged
     Staged forming;
+    bool merging = false;
+    bool held = false;
     std::map<std::string, std::shared_ptr<Audience>, std::less<>> audiences;
     std::uint64_t last_published = 0;
     std::uint64_t last_staged = 0;

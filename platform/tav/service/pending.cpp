@@ -110,7 +110,7 @@ bool touches(const Pending &pending, std::string_view path) {
     return below != end && is_at_or_below(below->path, path);
 }
 
-std::vector<Item> steps_to_take_back(const Pending &pending, const Tree &tree) {
+std::vector<Item> steps_to_revert(const Pending &pending, const Tree &tree) {
     std::vector<Item> items;
     std::set<std::string_view> cleared;
     const auto clear = [&](std::string_view path) {

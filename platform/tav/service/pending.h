@@ -52,7 +52,7 @@ Change ends(const PendingPtr &pending);
 bool touches(const Pending &pending, std::string_view path);
 // Steps that restore the elements of the change in `tree`: those that existed get their old values,
 // and those that did not are removed.
-std::vector<Item> steps_to_take_back(const Pending &pending, const Tree &tree);
+std::vector<Item> steps_to_revert(const Pending &pending, const Tree &tree);
 
 // In milliseconds since 1970.
 std::int64_t wall_clock();

@@ -21,7 +21,7 @@ std::string encoded(const std::vector<Item> &items) {
 // Its author is no session, and the limit of bytes does not apply.
 Reversal::Reversal(Store &changed, PendingPtr reverted)
     : store(changed), pending(std::move(reverted)),
-      steps(encoded(steps_to_take_back(*pending, store.group_tree()))), refusals(store.refusals()),
+      steps(encoded(steps_to_revert(*pending, store.group_tree()))), refusals(store.refusals()),
       transaction(
           store.group_tree(), steps, std::time(nullptr), SIZE_MAX,
           [](const std::string & /*path*/) { return false; },

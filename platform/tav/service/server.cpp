@@ -176,7 +176,7 @@ void Server::arrived(PeerId id) {
 // when a signal has arrived.
 bool Server::work() {
     const Stopwatch::time_point end = Stopwatch::now() + slice;
-    service.take_back(); // before what comes next is carried out
+    service.revert(); // before what comes next is carried out
     do {
         release_blocked();
         const Stopwatch::time_point look = Stopwatch::now() + look_pause;
@@ -354,12 +354,15 @@ Server::Turn Server::go_on(PeerId id, Peer &peer) {
         break;
     }
     std::string frame = peer.task->take_frame(false);
+    const bool is_work = peer.task->is_work();
     peer.task.reset();
     std::string_view body;
     peer.request(body);
     peer.consume(body);
     Session &session = *service.sessions().at(peer.session);
-    service.completed(session);
+    if (is_work) {
+        service.completed(session);
+    }
     return answer(id, peer, session, std::move(frame));
 }
 

@@ -18,7 +18,7 @@ namespace tav {
 namespace {
 
 // Before another try to revert a change.
-constexpr std::chrono::seconds take_back_pause{5};
+constexpr std::chrono::seconds revert_pause{5};
 
 std::uint64_t random_token() {
     std::uint64_t token = 0;
@@ -87,12 +87,7 @@ Service::Begun Service::begin(Session &session, std::string_view body, std::stri
             reply.clear();
         }
         break;
-    // Fetches and acknowledgements have their own rules; all other requests are work.
-    case Op::events_get:
-        if (empty) {
-            fetch(session, header.serial, reply);
-        }
-        break;
+    // Acknowledgements and fetches have their own rules; all other requests are work.
     case Op::wake_acknowledge:
         if (empty) {
             Writer out(std::move(reply));
@@ -110,25 +105,6 @@ Service::Begun Service::begin(Session &session, std::string_view body, std::stri
     return empty ? Begun::answered : Begun::malformed;
 }
 
-// An answer that is too large for one frame is cut into several.
-void Service::fetch(Session &session, std::uint32_t serial, std::string &reply) {
-    bool drain = false;
-    const std::vector<const Event *> events = session.fetch(clock(), drain);
-    Writer out(std::move(reply));
-    put(out, ReplyHeader{serial, drain, false});
-    out.u32(static_cast<std::uint32_t>(events.size()));
-    std::string earlier;
-    for (const Event *event : events) {
-        put(out, *event);
-        if (out.size() >= limits::frame_bytes / 2) {
-            earlier += mark_more(out.finish());
-            put(out, ReplyHeader{serial, false, false});
-        }
-    }
-    reply = earlier.empty() ? out.finish() : earlier + out.finish();
-    trim_events();
-}
-
 bool Service::handle(Session &session, std::string_view body, std::string &reply) {
     std::unique_ptr<Task> task;
     const Begun begun = Service::begin(session, body, reply, task);
@@ -139,6 +115,7 @@ bool Service::handle(Session &session, std::string_view body, std::string &reply
     while (state == Task::State::working || state == Task::State::blocked) {
         state = task->step();
         if (state == Task::State::blocked && !committer.busy()) {
+            trim_events();
             commit();
         }
         if (committer.busy()) {
@@ -149,7 +126,9 @@ bool Service::handle(Session &session, std::string_view body, std::string &reply
         return false;
     }
     reply = task->take_frame(false);
-    completed(session);
+    if (task->is_work()) {
+        completed(session);
+    }
     return true;
 }
 
@@ -163,7 +142,7 @@ void Service::write(const std::vector<Item> &items) {
 }
 
 void Service::commit() {
-    if (!served.has_group() || committer.busy()) {
+    if (!served.has_group() || committer.busy() || served.events().merges()) {
         return;
     }
     const Edit::Changes &changes = served.close_group();
@@ -206,7 +185,7 @@ bool Service::take_turn(SessionId session) {
 void Service::resume(std::int64_t wall_clock) {
     served.resume_terms(clock(), wall_clock);
     do {
-        take_back();
+        revert();
         served.commit(clock());
     } while (ends_wait);
     group_ended();
@@ -224,7 +203,7 @@ std::optional<Time> Service::next_end() const {
     return next;
 }
 
-void Service::take_back() {
+void Service::revert() {
     constexpr int parts_at_once = 4;
     const bool others_waited = ends_wait;
     for (int i = 0; i < parts_at_once; ++i) {
@@ -241,7 +220,7 @@ void Service::take_back() {
             log_line("cannot revert change %" PRIu64 " yet: %s", pending->change.number,
                      error.what());
             end_reversal();
-            pending->retry = clock() + take_back_pause;
+            pending->retry = clock() + revert_pause;
         }
     }
     ends_wait = reversal || first_due();
@@ -268,7 +247,7 @@ void Service::revert(const PendingPtr &pending) {
     if (reversal->advance({::geteuid(), static_cast<std::uint32_t>(::getpid()),
                            "tavd reverting " + number, true})) {
         end_reversal();
-        pending->retry = clock() + take_back_pause; // if it cannot be stored
+        pending->retry = clock() + revert_pause; // if it cannot be stored
     }
 }
 
@@ -294,6 +273,14 @@ void Service::end_turn() {
 
 void Service::trim_events() {
     EventLog &log = served.events();
+    if (log.merges() && !log.is_held()) {
+        log.merge();
+        released += log.merges() ? 0U : 1U;
+    }
+    if (log.merges() || log.is_held()) {
+        trimming = true;
+        return;
+    }
     for (;;) {
         std::uint64_t first = log.end();
         for (const auto &[number, client] : clients) {
@@ -316,6 +303,12 @@ void Service::trim_events() {
         }
         ++published; // so that the server ends them
     }
+}
+
+void Service::end_fetch() {
+    served.events().release();
+    ++released;
+    trim_events();
 }
 
 bool Service::fits(const Pending &pending) {

@@ -41,7 +41,7 @@ public:
     void close(SessionId session);
 
     // How a request began. `answered`: `reply` is the complete reply frame, or empty if there is
-    // none. `started`: `task` does the rest; when it is done, call completed().
+    // none. `started`: `task` does the rest; when it is done, call completed() if it is work.
     enum class Begun { answered, started, malformed };
     // Begins a request of the session. A malformed one has changed nothing, and the caller must
     // disconnect the client. `body` must remain until the task is destroyed. Virtual so that tests
@@ -64,17 +64,19 @@ public:
     void resume(std::int64_t wall_clock);
     // Reverts the changes that were not confirmed in time, or does a part of that, if transactions
     // may begin now; call commit() then.
-    void take_back();
+    void revert();
     // When to call that again; empty if nothing waits, or a commit comes first.
     std::optional<Time> next_end() const;
     void commit_ended();
     // Increases when tasks that were blocked may go on.
     std::uint64_t releases() const { return released; }
-    // Forgets a part of the events that all clients have fetched, and gives up clients that keep
-    // too many.
+    // Does a part of what remains to be done for the events: merges them, forgets those that all
+    // clients have fetched, and gives up clients that keep too many.
     void trim_events();
-    // It has more to forget.
+    // There is more to do.
     bool trims() const { return trimming; }
+    // A task no longer holds the log of events.
+    void end_fetch();
     // Increases when clients may have to be woken or ended.
     std::uint64_t publications() const { return published; }
     // Called before a commit that does not take long: clients may have to be woken. A reader on
@@ -130,7 +132,6 @@ private:
     PendingPtr first_due() const;
     void revert(const PendingPtr &pending);
     void end_reversal();
-    void fetch(Session &session, std::uint32_t serial, std::string &reply);
     void group_ended(bool announced = false);
 
     Store &served;

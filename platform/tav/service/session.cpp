@@ -74,8 +74,7 @@ void Session::changed(const std::string &path, SessionId author, std::uint64_t b
     wake.event(now);
 }
 
-bool Session::wants(const LoggedEvent &event) const {
-    const std::uint64_t fetched_until = behind ? position : log.end();
+bool Session::wants(const LoggedEvent &event, std::uint64_t fetched_until) const {
     return event.position > fetched_until &&
            std::any_of(registrations.begin(), registrations.end(), [&](const Registered &r) {
                return event.position > r.since && is_at_or_below(event.event.path, r.path) &&
@@ -103,7 +102,7 @@ Found Session::unseen(const std::string &path) const {
 
 bool Session::unseen_below(const std::string &path, std::size_t &left) const {
     const auto unfetched = [this](const LoggedEvent &event) {
-        return event.foreign_to(id(), behind ? position : log.end()) && wants(event);
+        return event.foreign_to(id(), fetched_to()) && wants(event, fetched_to());
     };
     return (behind && log.published().any_at_or_below(path, unfetched, left)) ||
            log.any_staged(path, unfetched, left);
@@ -115,36 +114,10 @@ std::size_t Session::pending() const {
     int seen = 0;
     const auto &events = log.published().events();
     for (auto event = events.rbegin(); behind && event != events.rend() && seen < most; ++event) {
-        number += wants(*event) ? 1U : 0U;
+        number += wants(*event, position) ? 1U : 0U;
         ++seen;
     }
     return number;
-}
-
-std::vector<const Event *> Session::fetch(Time now, bool &drain) {
-    std::vector<const Event *> events;
-    auto notice = notices.rbegin();
-    const auto take_notices = [&](std::uint64_t until) {
-        for (; notice != notices.rend() && notice->position >= until; ++notice) {
-            events.push_back(&notice->event);
-        }
-    };
-    // From the end: another client may keep many older events in the log.
-    const auto &all = log.published().events();
-    for (auto event = all.rbegin(); behind && event != all.rend() && event->position > position;
-         ++event) {
-        take_notices(event->position);
-        if (wants(*event)) {
-            events.push_back(&event->event);
-        }
-    }
-    take_notices(0);
-    std::reverse(events.begin(), events.end());
-    fetched = std::move(notices); // the result refers to them
-    notices.clear();
-    behind = false;
-    drain = wake.fetch(now);
-    return events;
 }
 
 ClientStatus Session::status(Time now) const {
@@ -161,6 +134,37 @@ ClientStatus Session::status(Time now) const {
         status.listed = static_cast<std::uint64_t>(since.count());
     }
     return status;
+}
+
+// From the end: another client may keep many older events in the log.
+Fetch::Fetch(Session &client, Time now)
+    : drain(client.wake.fetch(now)), session(client), notices(std::move(client.notices)),
+      fetched_until(client.fetched_to()), next(client.log.published().events().rbegin()),
+      notice(notices.rbegin()) {
+    client.notices.clear();
+    client.behind = false;
+}
+
+bool Fetch::collect() {
+    constexpr int at_once = 1024;
+    const auto end = session.log.published().events().rend();
+    for (int i = 0; i < at_once; ++i, ++next) {
+        if (next == end || next->position <= fetched_until) {
+            take_notices(0);
+            return true;
+        }
+        take_notices(next->position);
+        if (session.wants(*next, fetched_until)) {
+            events.push_back(&next->event);
+        }
+    }
+    return false;
+}
+
+void Fetch::take_notices(std::uint64_t until) {
+    for (; notice != notices.rend() && notice->position >= until; ++notice) {
+        events.push_back(&notice->event);
+    }
 }
 
 } // namespace tav

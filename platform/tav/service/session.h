@@ -52,7 +52,7 @@ public:
     bool waiting() const { return behind || !notices.empty(); }
     // The log keeps the events after fetched_to() for this client.
     bool is_behind() const { return behind; }
-    std::uint64_t fetched_to() const { return position; }
+    std::uint64_t fetched_to() const { return behind ? position : log.end(); }
     // The number of events that wait; of a long log only the last 10,000 are counted.
     std::size_t pending() const;
 
@@ -60,10 +60,6 @@ public:
     void request(Time now) { wake.request(now, waiting()); }
     void ping(Time now) { wake.ping(now); }
     bool acknowledge(Time now) { return wake.acknowledge(now); }
-    // Everything that waits, in order, valid until the next notice or change of the log; nothing
-    // waits afterwards. `drain`: see ReplyHeader.
-    std::vector<const Event *> fetch(Time now, bool &drain);
-
     std::optional<Time> wake_due() const { return wake.due(); }
     void wake_sent() { wake.sent(); }
 
@@ -78,6 +74,8 @@ public:
     ClientStatus status(Time now) const;
 
 private:
+    friend class Fetch;
+
     struct Registered {
         std::string path;
         bool own_changes = false;
@@ -90,7 +88,7 @@ private:
 
     bool unseen_below(const std::string &path, std::size_t &left) const;
     bool concerns(const std::string &path, SessionId author) const;
-    bool wants(const LoggedEvent &event) const;
+    bool wants(const LoggedEvent &event, std::uint64_t fetched_until) const;
 
     Ticket identity;
     std::uint32_t process;
@@ -99,12 +97,33 @@ private:
     EventLog &log;
     std::vector<Registered> registrations;
     std::vector<Notice> notices;
-    std::vector<Notice> fetched; // the notices of the last fetch
     bool behind = false;
     std::uint64_t position = 0; // while behind: of the last event that was fetched
     bool too_far_behind = false;
     std::optional<Time> listed; // the last time
     Wake wake;
+};
+
+// Everything that waits for a client at one moment, collected a part at a time. Meanwhile the log
+// must be held, and the client's registrations must not change.
+class Fetch {
+public:
+    // Nothing waits for the client afterwards.
+    Fetch(Session &client, Time now);
+    // Returns true when everything is collected. Takes less than a millisecond.
+    bool collect();
+    // The latest event first. Valid as long as this object, and while the log is held.
+    std::vector<const Event *> events;
+    bool drain; // see ReplyHeader
+
+private:
+    void take_notices(std::uint64_t until);
+
+    const Session &session;
+    std::vector<Session::Notice> notices;
+    std::uint64_t fetched_until;
+    EventBatch::Events::const_reverse_iterator next;
+    std::vector<Session::Notice>::const_reverse_iterator notice;
 };
 
 } // namespace tav

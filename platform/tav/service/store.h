@@ -50,7 +50,7 @@ public:
     // first write.
     void resume_terms(Time now, std::int64_t wall_clock);
     // The changes that wait for confirmation: as readers see them, and as they will be after the
-    // commit of the group that forms.
+    // commit of the group being assembled.
     const PendingChanges &pending() const { return *committed_pending; }
     const PendingChanges &pending_next() const { return *forming.pending; }
     // Whether a waiting change forbids the author to change the element at `path`, or, with a term,
@@ -87,24 +87,27 @@ public:
     // Increases when the commit of that tree failed; a transaction that began with it must begin
     // again.
     std::uint64_t refusals() const { return refused; }
-    // Adds a completed transaction and its events to the group that forms. May throw
+    // Adds a completed transaction and its events to the group being assembled. May throw
     // std::bad_alloc, and has then no effect.
     std::shared_ptr<const Result> join(Transaction &done, EventLog::Staged &staged,
                                        const Author &author, const Step &step = {});
     // Makes a completed transaction a change that waits for confirmation. Null if its values take
     // more than limits::pending_bytes.
     PendingPtr prepare(Transaction &done, const Author &author, const Term &term) const;
-    // Ends the waiting of the change in the group that forms; its values stay. May throw like
+    // Ends the waiting of the change in the group being assembled; its values stay. May throw like
     // join().
     std::shared_ptr<const Result> keep(const PendingPtr &pending);
-    // Whether there is a group that forms.
+    // Whether there is one.
     bool has_group() const { return forming.result != nullptr; }
-    // Whether it has as many changes as one call may have paths. Then the next transaction waits
-    // for the next group; otherwise, with a slow storage, a group would grow with the number of
-    // clients.
-    bool group_is_full() const { return forming.changes.size() >= limits::paths_per_request; }
+    // Whether the next transaction must wait for the next group. With a slow storage a group would
+    // otherwise grow with the number of clients; and it takes long to join when both a transaction
+    // and the group have many events.
+    bool group_is_full() const {
+        constexpr std::size_t many_events = 4096;
+        return forming.changes.size() >= limits::paths_per_request || log.staged() >= many_events;
+    }
     bool committing() const { return at_storage.result != nullptr; }
-    // Closes the group that forms, if there is one and none is being committed. The storage must
+    // Closes the assembled group, if there is one and none is being committed. The storage must
     // commit what is returned, unless it is empty; it is valid until finish().
     const Edit::Changes &close_group() noexcept;
     // Publishes the closed group if the storage has committed it; otherwise drops it and the one

@@ -39,15 +39,17 @@ public:
     // Tree::replaced() of the version of the tree that the answer describes, if it keeps one.
     std::optional<std::uint64_t> keeps() const { return version; }
     // The next frame of the answer, with what was made of it; `more`: it is not the last one.
-    std::string take_frame(bool more);
+    virtual std::string take_frame(bool more);
+    // A fetch is not: it has its own rule for wake-ups.
+    virtual bool is_work() const { return true; }
 
 protected:
+    void begin_frame(bool drain = false) { put(out, ReplyHeader{serial, drain, false}); }
+
     Writer out;
     std::optional<std::uint64_t> version; // see keeps()
 
 private:
-    void begin_frame() { put(out, ReplyHeader{serial, false, false}); }
-
     std::uint32_t serial;
 };
 

@@ -94,14 +94,9 @@ TEST_F(ConfirmTest, TheReversionCausesEvents) {
     write(*owner, {set_item("/n/a", "1")});
     other->register_events({"/n", api_event_change, false}, now);
     change(*owner, {set_item("/n/a", "2"), set_item("/n/b", "2")});
-    bool drain = false;
-    other->fetch(now, drain);
+    fetched(*other, now);
     pass(10s);
-    Lines events;
-    for (const Event *event : other->fetch(now, drain)) {
-        events.push_back(std::to_string(event->command) + " " + event->path);
-    }
-    EXPECT_EQ(events, (Lines{"2 /n/a", "3 /n/b"}));
+    EXPECT_EQ(fetched(*other, now), (Lines{"2 /n/a", "3 /n/b"}));
 }
 
 TEST_F(ConfirmTest, ARestartContinuesTheTerm) {

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "protocol/limits.h"
-#include "service/session.h"
+#include "support/store_unit.h"
 
 using namespace tav;
 
@@ -19,15 +19,7 @@ protected:
         api_status_t watch(const std::string &path, bool own = false) {
             return register_events(Registration{path, api_event_change, own}, Time{});
         }
-        // "COMMAND PATH" of each event.
-        Names fetched() {
-            bool drain = false;
-            Names result;
-            for (const Event *event : fetch(Time{}, drain)) {
-                result.push_back(std::to_string(event->command) + " " + event->path);
-            }
-            return result;
-        }
+        Names fetched() { return tavtest::fetched(*this); }
     };
 
     void stage(SessionId author, const std::vector<Event> &events) {
@@ -107,6 +99,50 @@ TEST_F(EventLogTest, MergingIsTheSameWhicheverIsLarger) {
         log.forget(log.end());
         EXPECT_EQ(log.published().bytes(), 0U);
     }
+}
+
+TEST_F(EventLogTest, ManyAreMergedInParts) {
+    const auto set_from = [](int first, int number) {
+        std::vector<Event> events;
+        for (int i = first; i < first + number; ++i) {
+            events.push_back(Event{mlr_event_set, "/" + std::to_string(i)});
+        }
+        return events;
+    };
+    for (const int number : {3000, 5000}) { // the later ones are more, or fewer
+        one.watch("/");
+        one.fetched();
+        change(somebody, set_from(0, number));
+        EXPECT_FALSE(log.merges()) << "there is nothing to merge them with";
+        change(somebody, set_from(1000, 8000 - number));
+        const std::string last = '/' + std::to_string(8999 - number);
+        int parts = 1;
+        for (; log.merges(); ++parts) {
+            EXPECT_TRUE(one.unseen("/0").there);
+            EXPECT_TRUE(one.unseen("/2000").there);
+            EXPECT_TRUE(one.unseen(last).there);
+            EXPECT_FALSE(two.unseen(last).there);
+            log.merge();
+        }
+        EXPECT_EQ(parts, 3);
+        Names expected;
+        for (const auto &[first, end] : {std::pair(0, 1000), std::pair(9000 - number, number),
+                                         std::pair(1000, 9000 - number)}) {
+            for (int i = first; i < end; ++i) {
+                expected.push_back("2 /" + std::to_string(i));
+            }
+        }
+        EXPECT_EQ(one.fetched(), expected);
+        while (!log.forget(log.end())) {
+        }
+        EXPECT_EQ(log.published().bytes(), 0U);
+    }
+    one.watch("/");
+    one.fetched();
+    change(somebody, set_from(0, 3000));
+    change(somebody, set_from(0, 3000));
+    change(somebody, {set_a}); // begins with the rest of the merging
+    EXPECT_EQ(one.fetched().size(), 3001U);
 }
 
 TEST_F(EventLogTest, WhatAllHaveFetchedIsForgotten) {

@@ -90,10 +90,7 @@ protected:
         service.commit_ended();
     }
     std::string text(const std::string &path) const { return text_at(store.tree(), path); }
-    std::size_t fetched() {
-        bool drain = false;
-        return other.fetch(Time{}, drain).size();
-    }
+    std::size_t fetched() { return tavtest::fetched(other).size(); }
 
     const std::string absent = "status " + std::to_string(api_status_absent);
     SlowStorage *storage;
@@ -119,8 +116,7 @@ TEST(QuickCommitTest, ReadersAreWokenBeforeItAndFindNothingIfItFails) {
     Service service(store, "", [] { return Time{}; });
     Session &reader = service.open({}, true);
     reader.register_events({"/", api_event_change, false}, {});
-    bool drain = false;
-    reader.fetch({}, drain);
+    tavtest::fetched(reader);
     service.before_commit = [&] {
         if (reader.wake_due()) {
             reader.wake_sent();
@@ -140,65 +136,12 @@ TEST(QuickCommitTest, ReadersAreWokenBeforeItAndFindNothingIfItFails) {
         EXPECT_TRUE(service.handle(service.open({}, true),
                                    std::string_view(out.finish()).substr(length_bytes), reply));
         EXPECT_EQ(reader.waiting(), stored);
-        EXPECT_EQ(reader.fetch({}, drain).size(), stored ? 1U : 0U);
-        EXPECT_TRUE(drain);
+        Fetch fetch(reader, {});
+        EXPECT_TRUE(fetch.collect());
+        EXPECT_EQ(fetch.events.size(), stored ? 1U : 0U);
+        EXPECT_TRUE(fetch.drain);
     }
     EXPECT_EQ(service.publications(), before); // nobody has to be woken again
-}
-
-// So that a client with very many of them delays nobody when it leaves.
-TEST(EventsOfAClientThatLeavesTest, AreForgottenAPartAtATime) {
-    Store store;
-    Service service(store, "", [] { return Time{}; });
-    Session &reader = service.open({}, true);
-    reader.register_events({"/", api_event_change, false}, {});
-    std::vector<Item> items;
-    for (int i = 0; i < 10000; ++i) {
-        items.push_back(tavtest::set_item("/" + std::to_string(i), "1"));
-    }
-    service.write(items);
-    const EventBatch &events = store.events().published();
-    EXPECT_EQ(events.size(), items.size());
-    EXPECT_FALSE(service.trims());
-    service.close(reader.id());
-    int parts = 1;
-    for (; service.trims(); ++parts) {
-        EXPECT_FALSE(events.empty());
-        service.trim_events();
-    }
-    EXPECT_EQ(parts, 3);
-    EXPECT_TRUE(events.empty());
-}
-
-// The service once did nothing else meanwhile.
-TEST(EventsTest, TooManyAreForgottenInParts) {
-    Store store;
-    Service service(store, "", [] { return Time{}; });
-    Session &reader = service.open({}, true);
-    reader.register_events({"/", api_event_change, false}, {});
-    std::string stem;
-    for (int i = 0; i < 6; ++i) {
-        stem += '/' + std::string(limits::name_bytes, 'x');
-    }
-    constexpr std::size_t number = 60000;
-    EventLog &log = store.events();
-    EventLog::Staged staged;
-    for (std::size_t i = 0; i < number; ++i) {
-        log.stage(staged, Event{mlr_event_set, stem + '/' + std::to_string(i)}, 0);
-    }
-    log.stage(staged);
-    log.close_group();
-    log.publish({});
-    const EventBatch &waiting = log.published();
-    EXPECT_GT(waiting.bytes(), limits::event_bytes * 3 / 2);
-    service.trim_events();
-    EXPECT_TRUE(reader.overflowed());
-    EXPECT_TRUE(service.trims());
-    EXPECT_GE(waiting.size(), number - 2 * 4096);
-    while (service.trims()) {
-        service.trim_events();
-    }
-    EXPECT_TRUE(waiting.empty());
 }
 
 TEST_F(GroupsTest, TheNextOneFormsWhileOneIsStored) {

@@ -22,7 +22,7 @@ protected:
     // A part of what is due.
     void pass_a_part(std::chrono::milliseconds time) {
         now += time;
-        service->take_back();
+        service->revert();
     }
 };
 

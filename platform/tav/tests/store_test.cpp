@@ -51,12 +51,8 @@ protected:
         Outcome outcome;
         outcome.statuses = store->transact(
             items, [&unseen_path](const std::string &path) { return path == unseen_path; });
-        bool drain = false;
-        for (const Event *event : other.fetch(Time{}, drain)) {
-            if (event->command != mlr_event_notice) {
-                outcome.events.push_back(std::to_string(event->command) + " " + event->path);
-            }
-        }
+        outcome.events = tavtest::fetched(other);
+        outcome.events.erase(outcome.events.begin()); // the notice
         return outcome;
     }
     std::vector<std::string> events(const std::vector<Item> &items) { return write(items).events; }

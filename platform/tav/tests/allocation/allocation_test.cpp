@@ -192,7 +192,7 @@ std::vector<Kind> kinds() {
         {"TransactPendingRefused", pending_transaction({set("/q"), set("/waits")})},
         {"Confirm", request(Op::confirm, [](Writer &out) { out.u64(0); })},
         {"Pending", request(Op::pending)},
-        {"TakeBack", ""},
+        {"Revert", ""},
     };
 }
 
@@ -325,13 +325,13 @@ protected:
         service.handle(other, with_path(Op::read_ahead), reply);
         service.handle(writer, pending_transaction({set("/waits"), set("/a/c/d", "waits")}), reply);
         const Lines before = lines_of(store.tree());
-        const bool ends = kind.is("TakeBack");
+        const bool ends = kind.is("Revert");
         starve([&] {
             if (kind.is("Connect")) {
                 service.open(Credentials{3, 0, 0, {}}, true);
             } else if (ends) {
                 now += std::chrono::hours(1);
-                service.take_back();
+                service.revert();
                 service.commit();
             } else {
                 service.handle(writer, kind.body, reply);
@@ -355,7 +355,7 @@ protected:
         // The first try only finds that an earlier one has failed.
         for (int tries = 0; ends && tries < 2; ++tries) {
             now += std::chrono::hours(1);
-            service.take_back();
+            service.revert();
             service.commit();
         }
         if (ends && (!store.pending().empty() || store.tree().find("/waits") != nullptr)) {

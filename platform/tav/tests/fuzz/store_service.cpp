@@ -225,8 +225,10 @@ public:
         session.register_events({"/", 1, true}, service.now());
     }
     void check(tav::Service &service) {
-        bool drain = false;
-        for (const tav::Event *event : session.fetch(service.now(), drain)) {
+        tav::Fetch fetch(session, service.now());
+        while (!fetch.collect()) {
+        }
+        for (const tav::Event *event : fetch.events) {
             require(event->command >= 1 && event->command <= 3, "a strange event");
             require(tav::check_path(event->path) == api_status_ok, "an event without a path");
         }

@@ -122,7 +122,7 @@ protected:
         now += time;
         int rounds = 0;
         do {
-            service->take_back();
+            service->revert();
             service->commit();
             if (store->committing()) {
                 service->commit_ended();

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "protocol/history.h"
+#include "service/session.h"
 #include "service/store.h"
 
 namespace tavtest {
@@ -52,6 +53,18 @@ inline std::vector<tav::HistoryEntry> entries(const tav::Store &store) {
         EXPECT_TRUE(in.finished());
         EXPECT_EQ(all.back().number, record->number);
         EXPECT_EQ(all.back().service, record->service);
+    }
+    return all;
+}
+
+// Fetches what waits for a client: "COMMAND PATH" of each event.
+inline std::vector<std::string> fetched(tav::Session &session, tav::Time now = {}) {
+    tav::Fetch fetch(session, now);
+    while (!fetch.collect()) {
+    }
+    std::vector<std::string> all;
+    for (auto event = fetch.events.rbegin(); event != fetch.events.rend(); ++event) {
+        all.push_back(std::to_string((*event)->command) + " " + (*event)->path);
     }
     return all;
 }
