@@ -1,7 +1,8 @@
 // The command nudge: makes the daemon synchronise now.
+#include <limits>
+
 #include "ctl/daemon_state.h"
 #include "ctl/edit.h"
-#include <limits>
 
 namespace ctl {
 

@@ -1,5 +1,5 @@
-// What leaves the store because its link cannot carry it comes back; what somebody deletes stays
-// away.
+// What is removed from the store because its link cannot carry it is restored; what somebody deletes
+// stays away.
 #include <chrono>
 #include <iterator>
 #include <sstream>
