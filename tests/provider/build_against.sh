@@ -69,6 +69,8 @@ done
 # The tool reads the same through the same library.
 shown=$("$work/build/ctl/tandrelctl" show eth0)
 grep -q '^= 2001:db8:77::1/64  *2001:db8:77::1/64  *Static  *kit\b' <<<"$shown" || { echo "$shown"; done=no; }
+shown=$("$work/build/ctl/tandrelctl" status)
+grep -q "^keeper:   this needs tavd, and tandrelctl was built for another provider's store\$" <<<"$shown" || { echo "$shown"; done=no; }
 kill -TERM "$daemon"
 wait "$daemon" || { echo "exit status $?"; done=no; }
 if [ "$done" = no ]; then

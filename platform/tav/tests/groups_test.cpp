@@ -144,6 +144,14 @@ TEST(QuickCommitTest, ReadersAreWokenBeforeItAndFindNothingIfItFails) {
     EXPECT_EQ(service.publications(), before); // nobody has to be woken again
 }
 
+TEST_F(GroupsTest, AReadOfLongPathsIsDoneInParts) {
+    const std::string path(limits::path_bytes + 1, '/');
+    const Request read = begin(client, Op::read, [&path](Writer &out) {
+        put_all(out, std::vector<std::string>(100, path));
+    });
+    EXPECT_EQ(read.step(), State::working);
+}
+
 TEST_F(GroupsTest, TheNextOneFormsWhileOneIsStored) {
     watch().step();
     fetched();

@@ -124,6 +124,15 @@ TEST_F(Change, AnUndoIsOfTheLastSettingNotOfTheNudgeAfterIt) {
     EXPECT_FALSE(contains(store.dump(), "nudge")) << store.dump();
 }
 
+// The daemon's path of it would have a negative number.
+TEST_F(Change, ANudgeUsesNoNodeWithAHugeNumber) {
+    ASSERT_EQ(tav({"mknode", kt::paths::interfaces + "/3000000000/IPv6"}), 0);
+    EXPECT_EQ(run({"nudge"}).status, 1);
+    ASSERT_EQ(tav({"mknode", kt::paths::interfaces + "/9/IPv6"}), 0);
+    start_daemon_and_wait();
+    done({"nudge"});
+}
+
 // The daemon may have given its number to an address that the kernel assigned itself.
 TEST_F(Change, AnAddressThatIsRevertedReplacesWhatTookItsName) {
     store.make_interface(1);

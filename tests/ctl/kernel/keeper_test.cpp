@@ -1,5 +1,5 @@
-// What is removed from the store because its link cannot carry it is restored; what somebody deletes
-// stays away.
+// What is removed from the store because its link cannot carry it is restored; what somebody
+// deletes stays away.
 #include <chrono>
 #include <iterator>
 #include <sstream>
@@ -412,6 +412,7 @@ TEST_F(KeeperTest, WhatItRemembersCountsAsStored) {
     const result_t early = run({"wait", "eth0", "--timeout", "0.1"});
     EXPECT_EQ(early.status, 4);
     EXPECT_TRUE(contains(early.errors, "eth0: 2001:db8::5/64\n")) << early.errors;
+    EXPECT_EQ(run({"wait", "--online", "--timeout=0"}).status, 4);
     EXPECT_EQ(run({"interface", "del", "eth0"}).status, 1);
     EXPECT_EQ(run({"gateway", "clear", "eth0"}).status, 0);
     device.set_up("eth0");

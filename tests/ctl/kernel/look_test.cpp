@@ -294,31 +294,43 @@ TEST_F(Look, AUserWithoutRightsIsToldSo) {
     if (!kt::Sandbox::is_real_root()) {
         GTEST_SKIP() << "only root can run a command as another user";
     }
-    kt::spawn_options_t options;
-    options.environment["TAV_SOCKET"] = service.socket();
-    kt::Process process(sandbox,
-                        {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-                         TANDRELCTL, "check"},
-                        options);
-    EXPECT_EQ(process.wait_exit(), 3);
-    process.errors().wait_finished();
-    const std::string errors = process.errors().tail(5);
+    const auto errors_of = [this](std::vector<std::string> command, int status = 3) {
+        const std::vector<std::string> user{"/usr/bin/setpriv", "--reuid=65534", "--regid=65534",
+                                            "--clear-groups", TANDRELCTL};
+        command.insert(command.begin(), user.begin(), user.end());
+        kt::spawn_options_t options;
+        options.environment["TAV_SOCKET"] = service.socket();
+        kt::Process process(sandbox, command, options);
+        EXPECT_EQ(process.wait_exit(), status);
+        process.errors().wait_finished();
+        return process.errors().tail(5);
+    };
+    std::string errors = errors_of({"check"});
+    EXPECT_TRUE(contains(errors, "this user may not use the settings store")) << errors;
+    EXPECT_FALSE(contains(errors, "is its service running")) << errors;
+    errors = errors_of({"wait", "--online", "--timeout=0"});
+    EXPECT_TRUE(contains(errors, "this user may not use the settings store")) << errors;
+
+    // The same if the service refuses the user, not the socket's permissions.
+    const auto open_to_all = [this] {
+        ASSERT_EQ(chmod(service.socket().c_str(), 0666), 0);
+        ASSERT_EQ(chmod(sandbox.directory().c_str(), 0755), 0);
+    };
+    open_to_all();
+    errors = errors_of({"check"});
+    EXPECT_TRUE(contains(errors, "this user may not use the store\n")) << errors;
     EXPECT_TRUE(contains(errors, "this user may not use the settings store")) << errors;
     EXPECT_FALSE(contains(errors, "is its service running")) << errors;
 
-    // The same if the service refuses the user, not the socket's permissions.
-    ASSERT_EQ(chmod(service.socket().c_str(), 0666), 0);
-    ASSERT_EQ(chmod(sandbox.directory().c_str(), 0755), 0);
-    kt::Process refused(sandbox,
-                        {"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
-                         TANDRELCTL, "check"},
-                        options);
-    EXPECT_EQ(refused.wait_exit(), 3);
-    refused.errors().wait_finished();
-    const std::string told = refused.errors().tail(5);
-    EXPECT_TRUE(contains(told, "this user may not use the store\n")) << told;
-    EXPECT_TRUE(contains(told, "this user may not use the settings store")) << told;
-    EXPECT_FALSE(contains(told, "is its service running")) << told;
+    store.disconnect();
+    service.stop();
+    service.start("", {"--read-group", "nogroup"});
+    open_to_all();
+    store.make_interface(1);
+    errors = errors_of({"address", "add", "eth0", "2001:db8::5/64"}, 1);
+    EXPECT_TRUE(contains(errors, "permission denied: this user may read the settings, but not "
+                                 "change them"))
+        << errors;
 }
 
 TEST_F(Look, AWrongCommandLineHasItsOwnExitStatus) {

@@ -44,7 +44,7 @@ mlr_client_t *connect_patiently(const std::string &socket_path) {
 Service::Service(Sandbox &owner, Keep what)
     : sandbox(owner), keep(what), socket_path(owner.directory() + "/tav.sock") {}
 
-void Service::start(const std::string &fault_plan) {
+void Service::start(const std::string &fault_plan, const std::vector<std::string> &more) {
     spawn_options_t options;
     if (!fault_plan.empty()) {
         options.environment["TAVD_FAULT"] = fault_plan;
@@ -58,6 +58,7 @@ void Service::start(const std::string &fault_plan) {
         arguments.emplace_back("--database");
         arguments.push_back(sandbox.directory() + "/tav.db");
     }
+    arguments.insert(arguments.end(), more.begin(), more.end());
     process = std::make_unique<Process>(sandbox, arguments, options);
     Store probe(socket_path);
     if (!eventually([&] { return !process->running() || probe.reachable(); }) ||

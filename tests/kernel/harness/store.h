@@ -22,7 +22,8 @@ public:
     Service(Sandbox &sandbox, Keep keep);
     // Returns once the service answers. With a plan (see faults/plan.h) it is the service that
     // injects faults into the daemon's connection.
-    void start(const std::string &fault_plan = "");
+    // `more`: further arguments.
+    void start(const std::string &fault_plan = "", const std::vector<std::string> &more = {});
     void stop();  // SIGTERM
     void crash(); // SIGKILL
     bool started() const { return process != nullptr; }
