@@ -23,7 +23,11 @@ std::vector<Event> events_in(const std::string &reply, tav::ReplyHeader &header)
     Reader in(std::string_view(reply).substr(tav::length_bytes));
     std::vector<Event> events;
     get(in, header);
-    tav::get_all(in, events);
+    while (in.ok() && !in.finished()) {
+        std::vector<Event> part;
+        tav::get_all(in, part);
+        events.insert(events.end(), part.begin(), part.end());
+    }
     return events;
 }
 

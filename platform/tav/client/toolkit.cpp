@@ -4,6 +4,9 @@
 #include <tav/toolkit.h>
 #pragma GCC visibility pop
 
+#include <algorithm>
+#include <iterator>
+
 #include "client/admin.h"
 #include "client/calls.h"
 #include "protocol/limits.h"
@@ -189,8 +192,14 @@ int CTav::events_get(std::vector<CEvent> &events) {
     }
     Writer request = connection->request(Op::events_get);
     std::vector<tav::Event> fetched;
-    const int result = tav::perform(*connection, Op::events_get, request,
-                                    [&fetched](Reader &reader) { tav::get_all(reader, fetched); });
+    const auto take_parts = [&fetched](Reader &reader) {
+        std::vector<tav::Event> part;
+        do {
+            tav::get_all(reader, part);
+            std::move(part.begin(), part.end(), std::back_inserter(fetched));
+        } while (reader.ok() && !reader.finished());
+    };
+    const int result = tav::perform(*connection, Op::events_get, request, take_parts);
     if (result != call_done) {
         return result;
     }

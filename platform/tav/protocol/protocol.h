@@ -13,7 +13,7 @@ constexpr const char *socket_variable = "TAV_SOCKET";
 
 // First bytes of each connection's first frame, so that a foreign program is recognised.
 constexpr std::uint32_t magic = 0x54415631; // "TAV1"
-constexpr std::uint32_t protocol_version = 4;
+constexpr std::uint32_t protocol_version = 5;
 
 // A frame: its length without these four bytes, most significant byte first, then the body.
 constexpr std::size_t length_bytes = 4;

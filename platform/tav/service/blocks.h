@@ -28,14 +28,14 @@ private:
     Slab *first = nullptr; // with free blocks; the one that had none most recently
 };
 
-// For std::allocate_shared.
+// For std::allocate_shared, and for containers that allocate their elements one by one.
 template <typename T>
 struct BlockAllocator {
     using value_type = T;
 
     BlockAllocator() = default;
     template <typename Other>
-    // NOLINTNEXTLINE(google-explicit-constructor): as every allocator
+    // As every allocator.
     BlockAllocator(const BlockAllocator<Other> & /*other*/) noexcept {}
 
     T *allocate(std::size_t /*one*/) { return static_cast<T *>(blocks.take()); }

@@ -51,7 +51,7 @@ struct LoggedEvent {
     }
 };
 
-// Whether there is an event that was looked for, and how many were examined.
+// The result of a search: whether an event was found, and how many were examined.
 struct Found {
     Found(bool is_there, std::size_t number = 0) : there(is_there), examined(number) {}
 
@@ -68,26 +68,30 @@ public:
     EventBatch(EventBatch &&) = default; // a copy would refer to the other's list
     EventBatch &operator=(EventBatch &&) = default;
 
-    // There must be none with this path and command.
+    // The batch must not have an event with this path and command yet.
     void add(LoggedEvent event);
-    // Adds events of a later batch, about a thousand per call. Returns true when that is empty;
-    // until then it has some of the events, and neither batch may be changed.
+    // Moves events of a later batch to this one, two thousand per call. Returns true when
+    // `later` is empty. Until then each batch has some of the events, and neither may be changed.
     bool absorb(EventBatch &later) noexcept;
-    // Frees one thing; false if there is nothing.
+    // Frees one entry. Returns false if there is none.
     bool free_one() noexcept;
-    // Removes events up to that position, at most a few thousand per call. Returns false if some
+    // Removes events up to that position, two thousand per call. Returns false if some may
     // remain.
     bool forget(std::uint64_t position) noexcept;
     // Numbers the events from `last` + 1, and sets `last` to the last number.
     void number(std::uint64_t &last) noexcept;
+    // Until leave(), moves `place` to the next event when the one that it refers to is replaced.
+    // May throw std::bad_alloc.
+    void follow(Events::const_iterator &place) { places.push_back(&place); }
+    void leave(Events::const_iterator &place) noexcept;
 
     const Events &events() const { return list; }
     bool empty() const { return list.empty(); }
     std::size_t size() const { return list.size(); }
     // Memory used.
     std::size_t bytes() const { return used; }
-    // Whether `wanted` is true for an event at or below the path. Also if there are more than
-    // `left` events, of which those that were examined are subtracted.
+    // Whether `wanted` is true for an event at or below the path. Examines at most `left` events,
+    // and subtracts the number examined from it; if there are more, returns true.
     template <typename Wanted>
     bool any_at_or_below(const std::string &path, Wanted wanted, std::size_t &left) const {
         const std::string below = path == "/" ? path : path + '/';
@@ -112,11 +116,13 @@ private:
                            BlockAllocator<std::pair<const Key, Events::iterator>>>;
 
     void drop(Index::iterator entry) noexcept;
+    void erase_replaced(Events::const_iterator event) noexcept;
     static Key key_of(const LoggedEvent &event) { return {event.event.path, event.event.command}; }
 
     Events list;
     Index index;
     std::size_t used = 0;
+    std::vector<Events::const_iterator *> places; // see follow()
 };
 
 class EventLog {
@@ -127,7 +133,8 @@ public:
     void join(Session &session, const std::string &path);
     void leave(const Session &session, const std::string &path);
 
-    // What a transaction in preparation will add. There may be many events: they are freed later.
+    // What a transaction in preparation will add. The destructor leaves the events to `garbage`,
+    // because freeing many of them takes long.
     struct Staged {
         Staged() = default;
         Staged(Staged &&) = default;
@@ -141,15 +148,14 @@ public:
         EventBatch batch;
         std::set<std::pair<std::shared_ptr<Audience>, SessionId>> audiences; // with the author
     };
-    // Adds an event unless nobody has registered for it.
+    // Adds an event if a session has registered for it.
     void stage(Staged &staged, const Event &event, SessionId author) const;
     // Adds a completed transaction to the group being assembled. Its events are later than all
     // others. Fast, unless both the transaction and the group have many events.
     void stage(Staged &done) noexcept;
     std::size_t staged() const { return forming.batch.size(); }
     // Closes the assembled group, which is now being committed, and begins a new one. The commit of
-    // the previous group must have ended. If its events are still being merged, this takes longer;
-    // and then the log must not be held.
+    // the previous group must have ended. If its events are still being merged, this takes longer.
     void close_group() noexcept;
     // Wakes the clients before the commit. Only for a commit that ends before the service does
     // anything else. If it is refused, the clients find no event.
@@ -159,35 +165,36 @@ public:
     // meanwhile clients cannot fetch.
     void publish(Time now) noexcept;
     bool merges() const { return merging; }
-    // Not while the log is held.
     void merge() noexcept { merging = !log.absorb(closed.batch); }
     // The commit was refused: discards both groups.
     void drop_staged() noexcept;
 
-    // While somebody holds the log, the published events stay in place. Not while they are merged.
-    void hold() { held = true; }
-    void release() { held = false; }
-    bool is_held() const { return held; }
-
+    // Without those that are being merged.
+    EventBatch &published() { return log; }
     const EventBatch &published() const { return log; }
-    // The same as EventBatch::any_at_or_below() of the events that are not yet published.
+    // The same as EventBatch::any_at_or_below(), of the events that are published, and of those
+    // that are not.
+    template <typename Wanted>
+    bool any_published(const std::string &path, Wanted wanted, std::size_t &left) const {
+        return log.any_at_or_below(path, wanted, left) ||
+               (merging && closed.batch.any_at_or_below(path, wanted, left));
+    }
     template <typename Wanted>
     bool any_staged(const std::string &path, Wanted wanted, std::size_t &left) const {
-        return closed.batch.any_at_or_below(path, wanted, left) ||
+        return (!merging && closed.batch.any_at_or_below(path, wanted, left)) ||
                forming.batch.any_at_or_below(path, wanted, left);
     }
     // The position of the last published event.
     std::uint64_t end() const { return last_published; }
     // Removes events up to that position, which no session needs any more. See
-    // EventBatch::forget(). Not while the log is held or events are merged.
+    // EventBatch::forget(). Must not be called while events are merged.
     bool forget(std::uint64_t position) noexcept { return log.forget(position); }
 
 private:
     EventBatch log;
-    Staged closed; // is being committed, or merged
+    Staged closed; // being committed, or merged into `log`
     Staged forming;
     bool merging = false;
-    bool held = false;
     std::map<std::string, std::shared_ptr<Audience>, std::less<>> audiences;
     std::uint64_t last_published = 0;
     std::uint64_t last_staged = 0;

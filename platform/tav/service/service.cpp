@@ -142,7 +142,7 @@ void Service::write(const std::vector<Item> &items) {
 }
 
 void Service::commit() {
-    if (!served.has_group() || committer.busy() || served.events().merges()) {
+    if (!served.has_group() || committer.busy() || lags()) {
         return;
     }
     const Edit::Changes &changes = served.close_group();
@@ -271,44 +271,44 @@ void Service::end_turn() {
     ++released;
 }
 
+bool Service::lags() const {
+    const EventLog &log = served.events();
+    return log.merges() || (trimming && log.published().bytes() > limits::event_bytes);
+}
+
 void Service::trim_events() {
+    const bool lagged = lags();
     EventLog &log = served.events();
-    if (log.merges() && !log.is_held()) {
+    if (log.merges()) {
         log.merge();
-        released += log.merges() ? 0U : 1U;
     }
-    if (log.merges() || log.is_held()) {
-        trimming = true;
-        return;
-    }
+    trimming = log.merges() || !trim();
+    released += lagged && !lags() ? 1U : 0U;
+}
+
+// Returns false if there is more to forget.
+bool Service::trim() {
+    EventLog &log = served.events();
     for (;;) {
         std::uint64_t first = log.end();
         for (const auto &[number, client] : clients) {
-            first = client->is_behind() ? std::min(first, client->fetched_to()) : first;
+            first = std::min(first, client->keeps_after().value_or(first));
         }
-        trimming = !log.forget(first);
-        if (trimming) {
-            // The rest is forgotten between turns, faster than turns make events. Nobody is given
-            // up for what nobody needs.
-            return;
+        if (!log.forget(first)) {
+            // Nobody is given up for what nobody needs.
+            return false;
         }
         limits_used.raise(Limit::event_bytes, log.published().bytes());
         if (log.published().bytes() <= limits::event_bytes) {
-            return;
+            return true;
         }
         for (const auto &[number, client] : clients) {
-            if (client->is_behind() && client->fetched_to() == first) {
+            if (client->keeps_after() == first) {
                 client->overflow();
             }
         }
         ++published; // so that the server ends them
     }
-}
-
-void Service::end_fetch() {
-    served.events().release();
-    ++released;
-    trim_events();
 }
 
 bool Service::fits(const Pending &pending) {

@@ -75,8 +75,6 @@ public:
     void trim_events();
     // There is more to do.
     bool trims() const { return trimming; }
-    // A task no longer holds the log of events.
-    void end_fetch();
     // Increases when clients may have to be woken or ended.
     std::uint64_t publications() const { return published; }
     // Called before a commit that does not take long: clients may have to be woken. A reader on
@@ -133,6 +131,9 @@ private:
     void revert(const PendingPtr &pending);
     void end_reversal();
     void group_ended(bool announced = false);
+    // Whether there is so much to do for the events that the next group must wait.
+    bool lags() const;
+    bool trim();
 
     Store &served;
     std::string database_name;

@@ -104,8 +104,15 @@ bool Session::unseen_below(const std::string &path, std::size_t &left) const {
     const auto unfetched = [this](const LoggedEvent &event) {
         return event.foreign_to(id(), fetched_to()) && wants(event, fetched_to());
     };
-    return (behind && log.published().any_at_or_below(path, unfetched, left)) ||
+    return (behind && log.any_published(path, unfetched, left)) ||
            log.any_staged(path, unfetched, left);
+}
+
+std::optional<std::uint64_t> Session::keeps_after() const {
+    if (too_far_behind || (!behind && fetching == nullptr)) {
+        return std::nullopt;
+    }
+    return fetching != nullptr ? fetching->position() : position;
 }
 
 std::size_t Session::pending() const {
@@ -136,34 +143,61 @@ ClientStatus Session::status(Time now) const {
     return status;
 }
 
-// From the end: another client may keep many older events in the log.
 Fetch::Fetch(Session &client, Time now)
-    : drain(client.wake.fetch(now)), session(client), notices(std::move(client.notices)),
-      fetched_until(client.fetched_to()), next(client.log.published().events().rbegin()),
-      notice(notices.rbegin()) {
-    client.notices.clear();
+    : session(client), begin(client.fetched_to()), end(client.log.end()), done(begin),
+      next(client.log.published().events().end()) {
+    client.log.published().follow(next);
+    notices.swap(client.notices);
     client.behind = false;
+    client.fetching = this;
+    drains = client.wake.fetch(now);
 }
 
-bool Fetch::collect() {
-    constexpr int at_once = 1024;
-    const auto end = session.log.published().events().rend();
-    for (int i = 0; i < at_once; ++i, ++next) {
-        if (next == end || next->position <= fetched_until) {
-            take_notices(0);
-            return true;
-        }
-        take_notices(next->position);
-        if (session.wants(*next, fetched_until)) {
-            events.push_back(&next->event);
-        }
+Fetch::~Fetch() {
+    session.fetching = nullptr;
+    session.log.published().leave(next);
+}
+
+// From the end: another client may keep many older events in the log.
+bool Fetch::find_first() {
+    constexpr int at_once = 20000;
+    const auto first = session.log.published().events().begin();
+    for (int i = 0; i < at_once && !found; ++i) {
+        found = next == first || std::prev(next)->position <= begin;
+        next = found ? next : std::prev(next);
     }
-    return false;
+    return found;
 }
 
-void Fetch::take_notices(std::uint64_t until) {
-    for (; notice != notices.rend() && notice->position >= until; ++notice) {
-        events.push_back(&notice->event);
+bool Fetch::advance(std::vector<const Event *> &part) {
+    constexpr int at_once = 512;
+    part.clear();
+    if (session.overflowed()) {
+        return false; // its events may be gone, and its connection will be
+    }
+    if (!found && !find_first()) {
+        return true;
+    }
+    const auto last = session.log.published().events().end();
+    for (int i = 0; i < at_once; ++i, ++next) {
+        if (next == last || next->position > end) {
+            take_notices(end + 1, part);
+            return false;
+        }
+        take_notices(next->position, part);
+        if (session.wants(*next, begin)) {
+            part.push_back(&next->event);
+        }
+        done = next->position;
+    }
+    return true;
+}
+
+// Those that came before that event.
+void Fetch::take_notices(std::uint64_t until, std::vector<const Event *> &part) {
+    for (; notices_taken < notices.size() && notices[notices_taken].position < until;
+         ++notices_taken) {
+        part.push_back(&notices[notices_taken].event);
     }
 }
 

@@ -36,25 +36,26 @@ public:
     // DatabaseError.
     explicit Store(const std::string &file, Durability durability = Durability::full,
                    const Nodes &initial_nodes = {});
-    // An empty store in memory over another storage.
+    // An empty store that commits its changes to `other`.
     explicit Store(std::unique_ptr<Storage> other);
 
     // What readers see.
     const Tree &tree() const { return committed; }
     const Sizes &largest() const { return sizes; }
     EventLog &events() { return log; }
-    // There is none before keep_history(). That must precede the first write.
+    const EventLog &events() const { return log; }
+    // There is no history before keep_history(), which must be called before the first write.
     const HistoryLog &history() const { return past; }
     void keep_history(const HistoryBounds &bounds);
-    // Continues the terms of the changes that waited when the service ended. That must precede the
-    // first write.
+    // Continues the terms of the changes that waited when the service ended. Must be called before
+    // the first write.
     void resume_terms(Time now, std::int64_t wall_clock);
     // The changes that wait for confirmation: as readers see them, and as they will be after the
     // commit of the group being assembled.
     const PendingChanges &pending() const { return *committed_pending; }
     const PendingChanges &pending_next() const { return *forming.pending; }
-    // Whether a waiting change forbids the author to change the element at `path`, or, with a term,
-    // to begin another change of it.
+    // Whether a waiting change forbids the author to change the element at `path`. `with_term`: the
+    // new change has to be confirmed, too; then any waiting change of the element forbids it.
     bool holds(std::string_view path, const Author &author, bool with_term) const;
     // Called before readers see `after` instead of `before`; must not throw.
     using Reveal = std::function<void(const Tree &before, const Tree &after)>;
@@ -84,20 +85,20 @@ public:
     };
     // The tree on which the next transaction works. Only one may be at work at a time.
     const Tree &group_tree() const { return forming.tree; }
-    // Increases when the commit of that tree failed; a transaction that began with it must begin
-    // again.
+    // Increases each time the commit of that tree fails; a transaction that began with it must then
+    // begin again.
     std::uint64_t refusals() const { return refused; }
     // Adds a completed transaction and its events to the group being assembled. May throw
-    // std::bad_alloc, and has then no effect.
+    // std::bad_alloc, and then has no effect.
     std::shared_ptr<const Result> join(Transaction &done, EventLog::Staged &staged,
                                        const Author &author, const Step &step = {});
-    // Makes a completed transaction a change that waits for confirmation. Null if its values take
-    // more than limits::pending_bytes.
+    // Makes a completed transaction into a change that waits for confirmation. Returns null if its
+    // values take more than limits::pending_bytes.
     PendingPtr prepare(Transaction &done, const Author &author, const Term &term) const;
-    // Ends the waiting of the change in the group being assembled; its values stay. May throw like
-    // join().
+    // Confirms the change, as part of the group being assembled: it no longer waits, and its values
+    // stay. May throw like join().
     std::shared_ptr<const Result> keep(const PendingPtr &pending);
-    // Whether there is one.
+    // Whether a group is being assembled.
     bool has_group() const { return forming.result != nullptr; }
     // Whether the next transaction must wait for the next group. With a slow storage a group would
     // otherwise grow with the number of clients; and it takes long to join when both a transaction
@@ -111,7 +112,7 @@ public:
     // commit what is returned, unless it is empty; it is valid until finish().
     const Edit::Changes &close_group() noexcept;
     // Publishes the closed group if the storage has committed it; otherwise drops it and the one
-    // that forms.
+    // being assembled.
     void finish(bool stored, Time now) noexcept;
     // Closes and commits the group, however long that takes, and publishes or drops it.
     void commit(Time now);

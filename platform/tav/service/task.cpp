@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "protocol/limits.h"
+#include "service/fetch_task.h"
 #include "service/history_task.h"
 #include "service/pending_task.h"
 #include "service/service.h"
@@ -423,64 +424,6 @@ private:
     bool waits = false;
 };
 
-// Everything that waits for the client, as of one moment. The whole answer is made before any of it
-// is sent: a client that reads it slowly must not keep the log from changing.
-class FetchEvents : public Task {
-public:
-    FetchEvents(Service &served, Session &client, const RequestHeader &header)
-        : Task(header.serial), service(served), session(client) {}
-    ~FetchEvents() override { end(); }
-
-    State step() override {
-        EventLog &log = service.store().events();
-        if (!fetch) {
-            if (log.is_held() || log.merges()) {
-                return State::blocked;
-            }
-            log.hold();
-            fetch.emplace(session, service.now());
-        }
-        if (!collected) {
-            collected = fetch->collect();
-            if (!collected) {
-                return State::working;
-            }
-            out.finish();
-            begin_frame(fetch->drain);
-            out.u32(static_cast<std::uint32_t>(fetch->events.size()));
-        }
-        for (int i = 0; i < elements_at_once && made() < limits::reply_part_bytes; ++i) {
-            if (fetch->events.empty()) {
-                end();
-                return State::done;
-            }
-            put(out, *fetch->events.back());
-            fetch->events.pop_back();
-        }
-        frames += Task::take_frame(true);
-        return State::working;
-    }
-
-    std::string take_frame(bool more) override {
-        return std::move(frames += Task::take_frame(more));
-    }
-    bool is_work() const override { return false; }
-
-private:
-    void end() {
-        if (fetch) {
-            fetch.reset();
-            service.end_fetch();
-        }
-    }
-
-    Service &service;
-    Session &session;
-    std::optional<Fetch> fetch; // holds the log
-    bool collected = false;
-    std::string frames; // complete ones
-};
-
 class Watch : public Task {
 public:
     Watch(Service &served, Session &client, const RequestHeader &header, WatchdogRequest wanted)
@@ -551,7 +494,7 @@ std::unique_ptr<Task> make_task(Service &service, Session &session, const Reques
     case Op::event_register:
         return task_with<Register, Registration>(content, service, session, header);
     case Op::events_get:
-        return content.empty() ? std::make_unique<FetchEvents>(service, session, header) : nullptr;
+        return make_fetch_task(service, session, header, content);
     case Op::watchdog_register:
         return task_with<Watch, WatchdogRequest>(content, service, session, header);
     case Op::state_program:

@@ -39,7 +39,7 @@ public:
     // Tree::replaced() of the version of the tree that the answer describes, if it keeps one.
     std::optional<std::uint64_t> keeps() const { return version; }
     // The next frame of the answer, with what was made of it; `more`: it is not the last one.
-    virtual std::string take_frame(bool more);
+    std::string take_frame(bool more);
     // A fetch is not: it has its own rule for wake-ups.
     virtual bool is_work() const { return true; }
 

@@ -101,35 +101,39 @@ TEST_F(EventLogTest, MergingIsTheSameWhicheverIsLarger) {
     }
 }
 
+// A client that has fetched its events, or made them itself, has nothing unseen meanwhile, however
+// many there are.
 TEST_F(EventLogTest, ManyAreMergedInParts) {
     const auto set_from = [](int first, int number) {
         std::vector<Event> events;
         for (int i = first; i < first + number; ++i) {
-            events.push_back(Event{mlr_event_set, "/" + std::to_string(i)});
+            events.push_back(Event{mlr_event_set, "/x/" + std::to_string(i)});
         }
         return events;
     };
-    for (const int number : {3000, 5000}) { // the later ones are more, or fewer
+    two.watch("/");
+    for (const int number : {11000, 15000}) { // the later ones are more, or fewer
         one.watch("/");
         one.fetched();
-        change(somebody, set_from(0, number));
+        change(two.id(), set_from(0, number));
         EXPECT_FALSE(log.merges()) << "there is nothing to merge them with";
-        change(somebody, set_from(1000, 8000 - number));
-        const std::string last = '/' + std::to_string(8999 - number);
+        change(two.id(), set_from(5000, 26000 - number));
+        const std::string last = "/x/" + std::to_string(30999 - number);
         int parts = 1;
         for (; log.merges(); ++parts) {
-            EXPECT_TRUE(one.unseen("/0").there);
-            EXPECT_TRUE(one.unseen("/2000").there);
+            EXPECT_TRUE(one.unseen("/x/0").there);
+            EXPECT_TRUE(one.unseen("/x/7000").there);
             EXPECT_TRUE(one.unseen(last).there);
-            EXPECT_FALSE(two.unseen(last).there);
+            EXPECT_FALSE(two.unseen("/x").there);
+            EXPECT_EQ(two.unseen("/x").examined, 0U);
             log.merge();
         }
-        EXPECT_EQ(parts, 3);
+        EXPECT_EQ(parts, 6);
         Names expected;
-        for (const auto &[first, end] : {std::pair(0, 1000), std::pair(9000 - number, number),
-                                         std::pair(1000, 9000 - number)}) {
+        for (const auto &[first, end] : {std::pair(0, 5000), std::pair(31000 - number, number),
+                                         std::pair(5000, 31000 - number)}) {
             for (int i = first; i < end; ++i) {
-                expected.push_back("2 /" + std::to_string(i));
+                expected.push_back("2 /x/" + std::to_string(i));
             }
         }
         EXPECT_EQ(one.fetched(), expected);

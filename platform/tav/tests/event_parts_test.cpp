@@ -27,43 +27,38 @@ protected:
         log.close_group();
         log.publish({});
     }
-    std::unique_ptr<Task> begin(Session &session, Op op, const std::vector<Item> &items) {
+    struct Request {
+        std::string frame;
+        std::unique_ptr<Task> task;
+    };
+    Request begin(Session &session, Op op, const std::vector<Item> &items = {}) {
         Writer out;
         put(out, RequestHeader{op, 1});
         if (!items.empty()) {
             put_all(out, items);
         }
-        request = out.finish();
+        Request request{out.finish(), nullptr};
         std::string reply;
-        std::unique_ptr<Task> task;
-        EXPECT_EQ(
-            service.begin(session, std::string_view(request).substr(length_bytes), reply, task),
-            Service::Begun::started);
-        return task;
+        EXPECT_EQ(service.begin(session, std::string_view(request.frame).substr(length_bytes),
+                                reply, request.task),
+                  Service::Begun::started);
+        return request;
     }
-    std::unique_ptr<Task> fetch(Session &session) { return begin(session, Op::events_get, {}); }
-    // The paths of the events of a complete answer in several frames.
-    static std::vector<std::string> paths(std::string answer, bool drain = false) {
+    // The paths of the events in a frame of an answer.
+    static std::vector<std::string> paths(const std::string &frame, bool drain) {
+        Reader in(std::string_view(frame).substr(length_bytes));
+        ReplyHeader header;
+        get(in, header);
+        EXPECT_EQ(header.drain, drain);
         std::vector<std::string> all;
-        std::uint32_t number = 0;
-        for (bool more = true; more;) {
-            std::string_view body;
-            EXPECT_EQ(next_frame(answer, body), FrameState::complete);
-            Reader in(body);
-            ReplyHeader header;
-            get(in, header);
-            EXPECT_EQ(header.drain, drain && all.empty());
-            number = all.empty() ? in.u32() : number;
-            while (!in.finished() && in.ok()) {
-                Event event;
-                get(in, event);
+        do {
+            std::vector<Event> part;
+            get_all(in, part);
+            for (const Event &event : part) {
                 all.push_back(event.path);
             }
-            more = header.more;
-            answer.erase(0, length_bytes + body.size());
-        }
-        EXPECT_TRUE(answer.empty());
-        EXPECT_EQ(all.size(), number);
+        } while (in.ok() && !in.finished());
+        EXPECT_TRUE(in.finished());
         return all;
     }
 
@@ -71,68 +66,95 @@ protected:
     Service service{store, "", [] { return Time{}; }};
     EventLog &log = store.events();
     Session &reader = service.open({}, true);
-    std::string request; // the last one
 };
 
 } // namespace
 
+// What is replaced before its turn comes is left to the next fetch.
 TEST_F(EventPartsTest, AFetchGetsWhatWaitedWhenItBegan) {
-    Session &other = service.open({}, true);
-    other.register_events({"/", api_event_change, false}, {});
     reader.wake_sent();
-    change("/a", 5000);
-    const std::unique_ptr<Task> first = fetch(reader);
-    EXPECT_EQ(first->step(), State::working);
+    change("/a", 30000);
+    const Request fetch = begin(reader, Op::events_get);
+    EXPECT_EQ(fetch.task->step(), State::working);
     EXPECT_FALSE(reader.waiting());
-
-    change("/a", 2);
+    change("/a", 2); // before the first one is found
+    change("/b", 1);
     EXPECT_TRUE(reader.waiting());
-    EXPECT_TRUE(log.merges()) << "the first ones must stay in place";
-    service.trim_events();
-    EXPECT_TRUE(log.merges());
-    EXPECT_TRUE(service.trims());
-    const std::unique_ptr<Task> write = begin(other, Op::transact, {tavtest::set_item("/b", "1")});
-    EXPECT_EQ(write->step(), State::blocked);
-    service.commit();
-    EXPECT_TRUE(store.has_group()) << "it is published after the merging";
-    const std::unique_ptr<Task> second = fetch(other);
-    EXPECT_EQ(second->step(), State::blocked);
-
-    const std::uint64_t releases = service.releases();
-    int parts = 1;
-    for (; first->step() == State::working; ++parts) {
-        EXPECT_EQ(first->made(), fetch(reader)->made()) << "nothing is sent before all is made";
-    }
-    EXPECT_GT(parts, 10);
-    std::vector<std::string> all = paths(first->take_frame(false), true);
-    ASSERT_EQ(all.size(), 5001U);
+    EXPECT_EQ(fetch.task->step(), State::working);
+    std::vector<std::string> all = paths(fetch.task->take_frame(true), true);
+    ASSERT_GT(all.size(), 100U);
     EXPECT_EQ(all.at(0), "/");
-    EXPECT_EQ(all.at(1), "/a/0");
-    EXPECT_EQ(all.at(5000), "/a/4999");
+    EXPECT_EQ(all.at(1), "/a/2");
+    const std::string next = "/a/" + std::to_string(all.size() + 1);
+    EventLog::Staged staged;
+    log.stage(staged, Event{mlr_event_set, next}, 0);
+    log.stage(staged);
+    log.close_group();
+    log.publish({});
+    service.trim_events();
+    EXPECT_EQ(log.published().events().front().event.path, "/a/" + std::to_string(all.size() + 2))
+        << "what was taken is forgotten";
 
-    EXPECT_GT(service.releases(), releases);
-    EXPECT_FALSE(log.merges());
-    EXPECT_EQ(tavtest::fetched(reader), (std::vector<std::string>{"2 /a/0", "2 /a/1"}));
-    EXPECT_EQ(second->step(), State::working);
-    EXPECT_FALSE(second->is_work());
+    int parts = 2;
+    for (; fetch.task->step() == State::working; ++parts) {
+        EXPECT_FALSE(reader.keeps_after() == log.end());
+    }
+    EXPECT_EQ(parts, 59);
+    for (const std::string &path : paths(fetch.task->take_frame(false), false)) {
+        all.push_back(path);
+    }
+    ASSERT_EQ(all.size(), 29998U); // the notice, and all but three
+    EXPECT_EQ(std::count(all.begin(), all.end(), next), 0);
+    EXPECT_EQ(all.back(), "/a/29999");
+    EXPECT_EQ(tavtest::fetched(reader),
+              (std::vector<std::string>{"2 /a/0", "2 /a/1", "2 /b/0", "2 " + next}));
+    EXPECT_FALSE(fetch.task->is_work());
+}
+
+TEST_F(EventPartsTest, AFetchAndTheNextGroupWaitUntilManyAreMerged) {
+    change("/a", 5000);
+    change("/b", 5000);
+    EXPECT_TRUE(log.merges());
+    const Request fetch = begin(reader, Op::events_get);
+    Session &writer = service.open({}, true);
+    const Request write = begin(writer, Op::transact, {tavtest::set_item("/c", "1")});
+    EXPECT_EQ(write.task->step(), State::blocked);
+    std::uint64_t releases = service.releases();
+    while (log.merges()) {
+        EXPECT_EQ(fetch.task->step(), State::blocked);
+        service.commit();
+        EXPECT_TRUE(store.has_group());
+        EXPECT_EQ(service.releases(), releases);
+        service.trim_events();
+    }
+    EXPECT_GT(service.releases(), releases) << "nobody else wakes them";
+    EXPECT_EQ(fetch.task->step(), State::working);
     service.commit();
     EXPECT_FALSE(store.has_group());
 }
 
-TEST_F(EventPartsTest, AFetchOfAClientThatLeavesHoldsNothing) {
+TEST_F(EventPartsTest, AFetchOfAClientThatLeavesKeepsNothing) {
     change("/a", 5000);
-    std::unique_ptr<Task> first = fetch(reader);
-    EXPECT_EQ(first->step(), State::working);
-    change("/b", 5000);
-    EXPECT_TRUE(log.is_held());
-    first.reset();
-    EXPECT_FALSE(log.is_held());
-    const std::unique_ptr<Task> second = fetch(reader);
-    while (log.merges()) {
-        EXPECT_EQ(second->step(), State::blocked);
+    Request fetch = begin(reader, Op::events_get);
+    EXPECT_EQ(fetch.task->step(), State::working);
+    EXPECT_TRUE(reader.keeps_after());
+    fetch.task.reset();
+    EXPECT_FALSE(reader.keeps_after());
+    reader.overflow();
+}
+
+// Its events are forgotten, and it is disconnected.
+TEST_F(EventPartsTest, AFetchOfAClientThatIsGivenUpEnds) {
+    change("/a", 5000);
+    const Request fetch = begin(reader, Op::events_get);
+    EXPECT_EQ(fetch.task->step(), State::working);
+    reader.overflow();
+    service.trim_events();
+    while (service.trims()) {
         service.trim_events();
     }
-    EXPECT_EQ(second->step(), State::working);
+    EXPECT_TRUE(log.published().empty());
+    EXPECT_EQ(fetch.task->step(), State::done);
 }
 
 // Otherwise joining a transaction with as many would take long.
@@ -152,11 +174,12 @@ TEST_F(EventPartsTest, ThoseOfAClientThatLeavesAreForgottenInParts) {
         EXPECT_FALSE(log.published().empty());
         service.trim_events();
     }
-    EXPECT_EQ(parts, 10);
+    EXPECT_EQ(parts, 5);
     EXPECT_TRUE(log.published().empty());
 }
 
-// The service once did nothing else meanwhile.
+// The service once did nothing else meanwhile. While they are too many, the next group waits: it
+// would bring more.
 TEST_F(EventPartsTest, TooManyAreForgottenInParts) {
     std::string stem;
     for (int i = 0; i < 6; ++i) {
@@ -166,11 +189,19 @@ TEST_F(EventPartsTest, TooManyAreForgottenInParts) {
     change(stem, number);
     const EventBatch &waiting = log.published();
     EXPECT_GT(waiting.bytes(), limits::event_bytes * 3 / 2);
+    Session &writer = service.open({}, true);
+    const Request write = begin(writer, Op::transact, {tavtest::set_item("/c", "1")});
+    EXPECT_EQ(write.task->step(), State::blocked);
     service.trim_events();
     EXPECT_TRUE(reader.overflowed());
     EXPECT_TRUE(service.trims());
-    EXPECT_GE(waiting.size(), number - 2 * 4096);
+    EXPECT_GE(waiting.size(), number - 2 * 2048);
+    const std::uint64_t releases = service.releases();
     while (service.trims()) {
+        const bool too_many = waiting.bytes() > limits::event_bytes;
+        EXPECT_EQ(service.releases() == releases, too_many);
+        service.commit();
+        EXPECT_EQ(store.has_group(), too_many);
         service.trim_events();
     }
     EXPECT_TRUE(waiting.empty());

@@ -393,9 +393,11 @@ std::string expected(call_t which, const std::string &bytes) {
         answers = all.size() + (which == remove_node ? 1 : 0);
         text = statuses_text(all);
     } else if (which == events_get) {
-        for (const tav::Event &event : messages<tav::Event>(in)) {
-            text += std::to_string(event.command) + " " + event.path + "\n";
-        }
+        do {
+            for (const tav::Event &event : messages<tav::Event>(in)) {
+                text += std::to_string(event.command) + " " + event.path + "\n";
+            }
+        } while (in.ok() && !in.finished());
         text = text.empty() ? "1 \n" : text;
     } else {
         api_status_t status = api_status_none;

@@ -93,6 +93,15 @@ bool are_messages(tav::Reader in) {
     return in.finished();
 }
 
+// Lists of events, at least one.
+bool are_parts(tav::Reader in) {
+    do {
+        std::vector<tav::Event> part;
+        tav::get_all(in, part);
+    } while (in.ok() && !in.finished());
+    return in.finished();
+}
+
 bool is_listing(tav::Reader in) {
     api_status_t status = api_status_none;
     std::vector<tav::Child> children;
@@ -164,7 +173,7 @@ bool answers(tav::Op op, const tav::Reader &in) {
     case tav::Op::transact:
         return are_messages<api_status_t>(in);
     case tav::Op::events_get:
-        return are_messages<tav::Event>(in);
+        return are_parts(in);
     case tav::Op::event_register:
     case tav::Op::watchdog_register:
         return is_message<api_status_t>(in);
@@ -226,11 +235,13 @@ public:
     }
     void check(tav::Service &service) {
         tav::Fetch fetch(session, service.now());
-        while (!fetch.collect()) {
-        }
-        for (const tav::Event *event : fetch.events) {
-            require(event->command >= 1 && event->command <= 3, "a strange event");
-            require(tav::check_path(event->path) == api_status_ok, "an event without a path");
+        std::vector<const tav::Event *> part;
+        for (bool more = true; more;) {
+            more = fetch.advance(part);
+            for (const tav::Event *event : part) {
+                require(event->command >= 1 && event->command <= 3, "a strange event");
+                require(tav::check_path(event->path) == api_status_ok, "an event without a path");
+            }
         }
     }
 

@@ -60,11 +60,13 @@ inline std::vector<tav::HistoryEntry> entries(const tav::Store &store) {
 // Fetches what waits for a client: "COMMAND PATH" of each event.
 inline std::vector<std::string> fetched(tav::Session &session, tav::Time now = {}) {
     tav::Fetch fetch(session, now);
-    while (!fetch.collect()) {
-    }
+    std::vector<const tav::Event *> part;
     std::vector<std::string> all;
-    for (auto event = fetch.events.rbegin(); event != fetch.events.rend(); ++event) {
-        all.push_back(std::to_string((*event)->command) + " " + (*event)->path);
+    for (bool more = true; more;) {
+        more = fetch.advance(part);
+        for (const tav::Event *event : part) {
+            all.push_back(std::to_string(event->command) + " " + event->path);
+        }
     }
     return all;
 }
