@@ -203,8 +203,8 @@ int confirm(const options_t &options) {
         return exit_done;
     case api_status_absent:
         throw refusal((number != 0 ? "change " + std::to_string(number) + " is not waiting"
-                                   : "none of your changes is waiting") +
-                      std::string(" for confirmation; to list those that are: tandrelctl status"));
+                                   : "you have no change that is waiting") +
+                      std::string(" for confirmation; to list all that are: tandrelctl status"));
     case api_status_refused:
         throw refusal(
             "several of your changes are waiting; give the number of one (tandrelctl status "

@@ -17,12 +17,12 @@ class keeper_t {
 public:
     explicit keeper_t(const options_t &given);
 
-    // Until SIGTERM or SIGINT. Returns the exit code.
+    // Runs until SIGTERM or SIGINT. Returns the exit code.
     int run();
 
 private:
-    // Does all that can be done now. Returns the time of the next call, unless an event comes
-    // first.
+    // Does all that can be done now. Must be called again at the returned time, or earlier if an
+    // event comes.
     moment_t step();
     void connect();
     void end();
@@ -37,7 +37,8 @@ private:
     bool handle(const store_change_t &change, writes_t &writes);
     bool handle_departure(const setting_t &setting, std::int64_t time, writes_t &writes);
     bool handle_deletion(std::uint64_t number, const setting_t &setting, writes_t &writes);
-    // The store has reverted the change with that number. Earlier notes have already been stored.
+    // Handles the reversion of the change with that number by the store. What was decided about
+    // earlier changes must have been stored already.
     void withdraw(std::uint64_t number, writes_t &writes);
     void handle_gateway(const store_change_t &change, const fact_t &fact, writes_t &writes);
     void keep(const setting_t &setting, const std::string &why, writes_t &writes);
@@ -57,7 +58,7 @@ private:
     void report(const setting_t &setting, const std::string &text) {
         news.push_back(line_of(setting, text));
     }
-    // Logs the text unless it has been logged since the link last needed nothing.
+    // Logs the text, but only once until nothing is left to do for the link.
     void say_once(const setting_t &setting, const std::string &text);
     void wake_at(moment_t moment) { wake = std::min(wake, moment); }
 
@@ -70,12 +71,13 @@ private:
     moment_t wake{};
     std::uint64_t handled = 0; // the last change handled; memory.handled may lag behind
     std::uint64_t missed = 0;  // changes up to this number are missing from the history
-    bool relevant = false;     // something was decided since `memory.handled` was written
+    bool relevant = false;     // a decision was made since `memory.handled` was written
 
     std::map<std::string, pace_t> paces;
     std::map<std::string, unsigned> seen_changes; // links_t::changes at the last attempt, by link
     std::map<std::string, std::set<std::string>> said;
-    // When each deletion that the daemon may still carry out was first seen, by its number.
+    // When each deletion that the daemon may still carry out was first seen, by the number of the
+    // change.
     std::map<std::uint64_t, moment_t> first_seen;
     struct clearing_t {
         setting_t gateway;

@@ -34,7 +34,7 @@ int keep_list(const options_t &options) {
         std::string waits =
             confusion != memory.confusion.end() ? confusion->second : links.obstacle(setting.link);
         if (interface_number(setting.link, options.prefix) == 0) {
-            waits = "not a link of prefix " + shown(options.prefix);
+            waits = "its name does not begin with '" + shown(options.prefix) + "'";
         }
         std::cout << shown(setting.link) << '\t' << text_of(setting) << '\t'
                   << (setting.node.empty() ? "-" : shown(setting.node)) << '\t'
@@ -50,7 +50,7 @@ int keep_list(const options_t &options) {
 
 int keep_forget(const options_t &options) {
     if (options.link.empty()) {
-        throw refusal("--forget needs the link", exit_usage);
+        throw refusal("--forget needs a link, such as eth0", exit_usage);
     }
     client_t client;
     client.require();
@@ -78,8 +78,9 @@ int keep_forget(const options_t &options) {
         }
     }
     if (writes.empty()) {
-        throw refusal("nothing is remembered of " + shown(options.link) +
-                      (options.address.empty() ? "" : " and " + shown(options.address)));
+        throw refusal("nothing is remembered for " +
+                      (options.address.empty() ? "" : shown(options.address) + " on ") +
+                      shown(options.link));
     }
     if (!carry_out(client, writes)) {
         throw refusal("the store refused the change; try again");

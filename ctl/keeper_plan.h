@@ -35,25 +35,25 @@ struct memory_t {
     std::map<std::string, std::string> confusion; // links_t::confusion, by link
 };
 
-// What one change of the store did to settings.
+// What one change of the store did to one setting.
 struct fact_t {
-    enum kind_t { left, set } kind = left; // only gateways: set
+    enum kind_t { left, set } kind = left; // `set` is used only for gateways
     setting_t setting;
 };
 
-// One leaf of a change; empty: it did not exist before, or does not exist afterwards.
+// One leaf of a change. `before` is empty if it did not exist, `after` if it no longer exists.
 struct leaf_change_t {
     std::string path;
     std::optional<std::string> before, after;
 };
 
-// The settings that were removed from the store, or set in it, when these leaves changed at once.
-// Of the addresses only Static ones are settings; `type_unchanged`: whether an address whose type
-// leaf did not change is taken as Static.
+// The settings that a change of these leaves removed from the store or set in it. An address is a
+// setting only if it is Static. `type_unchanged`: whether to assume that an address whose type leaf
+// did not change is Static.
 std::vector<fact_t> facts_of(const std::vector<leaf_change_t> &leaves, const std::string &prefix,
                              bool type_unchanged);
 
-// The settings that these leaves hold and did not hold before.
+// The settings that these leaves contain after the change but did not contain before.
 std::vector<setting_t> settings_made(const std::vector<leaf_change_t> &leaves,
                                      const std::string &prefix);
 

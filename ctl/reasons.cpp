@@ -28,7 +28,7 @@ constexpr reasons_t table{{
     {r::bad_interface_node, difference, "bad-interface-node",
      "the name of the interface node '{node}' is not a number of 1 or more, so tandrel cannot read "
      "the store, synchronises nothing, and starts over every ten seconds; the command below "
-     "removes the node with all that it contains",
+     "removes the node and everything in it",
      "tandrelctl interface del --node {node} --force"},
     {r::interface_is_leaf, note, "interface-is-leaf",
      "'{path}' is a leaf, not a node; tandrel ignores it", ""},
@@ -44,9 +44,7 @@ constexpr reasons_t table{{
     {r::strange_element, note, "strange-element",
      "tandrel does not use '{path}', and ignores changes to it", ""},
     {r::no_link_managed, difference, "no-link-managed",
-     "no link of the kernel has a name that begins with '{prefix}', so tandrel manages no "
-     "link{text}",
-     ""},
+     "the kernel has no link whose name begins with '{prefix}', so tandrel manages none{text}", ""},
     {r::change_unconfirmed, note, "unconfirmed-change",
      "{text} is unconfirmed, and will be reverted in {seconds} s", "tandrelctl confirm {number}"},
 
@@ -130,8 +128,8 @@ constexpr reasons_t table{{
      "{address} is stored twice, in the nodes '{other}' and '{node}'",
      "tandrelctl address del {link} --node {node}"},
     {r::address_not_in_store, difference, "address-not-in-store",
-     "{address} is in the kernel only; tandrel writes it to the store as {type} within moments, "
-     "unless it has lost track of it (for example because the link left a bridge)",
+     "{address} is in the kernel only; tandrel stores it as {type} within moments, unless it no "
+     "longer tracks the address (for example because the link left a bridge)",
      "{restart}"},
     {r::address_listed_empty, note, "address-listed-empty",
      "the kernel listed an entry that contains no address; tandrel skips it", ""},
@@ -145,11 +143,12 @@ constexpr reasons_t table{{
      "tandrelctl address del {link} --node {node} --force"},
     {r::type_differs, difference, "type-differs",
      "{address} is stored as {type} (node '{node}'), but the kernel has it as {other}: at its next "
-     "synchronisations tandrel removes the node, then stores the address with the kernel's type",
+     "two synchronisations tandrel first removes the node, then stores the address with the "
+     "kernel's type",
      "tandrelctl address del {link} --node {node} --force"},
     {r::duplicate_found, difference, "duplicate-found",
-     "{address}: duplicate address detection failed; another host on the link uses it, so the "
-     "kernel does not; change the other host first",
+     "{address}: duplicate address detection failed, because another host on the link uses it; "
+     "the kernel does not use it; change the other host first",
      "{command}"},
     {r::address_waits, note, "address-waits",
      "{address} is tentative: the kernel checks it for duplicates first, which needs the link to "

@@ -38,7 +38,7 @@ void CSync::discover() {
     }
 }
 
-// Requests the dump that the engine awaits in this state, and enters it.
+// Requests the dump that the engine awaits in the given state, and enters that state.
 void CSync::request_dump(int awaiting) {
     if (awaiting == state_links) {
         netlink->request_links();

@@ -2,8 +2,8 @@
 //
 // Each exists as a kernel view (CKern..., filled by the netlink decoders), a store view (CTav...,
 // filled by the store readers) and a full view, which is both at once. The views inherit their base
-// virtually, so a full object has one address and can be passed to the writers of either side. All
-// are plain values; copying throws only std::bad_alloc.
+// virtually, so a full object has the base's members only once and can be passed to the writers of
+// either side. All are plain values; copying throws only std::bad_alloc.
 #pragma once
 
 #include <algorithm>
@@ -90,7 +90,7 @@ struct tavcfg_t {
 // Deletions of one address with one prefix length that the kernel has not answered yet.
 struct deletions_t {
     std::size_t unanswered = 0;
-    std::size_t added_again = 0; // number of the oldest deletions that were followed by an addition
+    std::size_t added_again = 0; // how many of them, the oldest, were followed by an addition
 };
 
 // Orders by address and prefix length.

@@ -78,7 +78,7 @@ TEST_F(Reasons, AnInterfaceNodeIsNotNamedByANumber) {
     expect(reason_t::bad_interface_node,
            "the name of the interface node 'wan port' is not a number of 1 or more, so tandrel "
            "cannot read the store, synchronises nothing, and starts over every ten seconds; the "
-           "command below removes the node with all that it contains",
+           "command below removes the node and everything in it",
            "tandrelctl interface del --node 'wan port' --force");
     fake_tav::erase(at("wan port"));
     for (const std::string name : {"0", "-1", "1a"}) {
@@ -183,8 +183,8 @@ TEST_F(Reasons, NoLinkHasThePrefix) {
     kernel.links[0].name = "enp3s0";
     link("lo").hwaddr.clear();
     expect(reason_t::no_link_managed,
-           "no link of the kernel has a name that begins with 'eth', so tandrel manages no link; "
-           "to manage other links, start tandrel and tandrelctl with -i PREFIX (the links are: "
+           "the kernel has no link whose name begins with 'eth', so tandrel manages none; to"
+           " manage other links, start tandrel and tandrelctl with -i PREFIX (the links are: "
            "enp3s0)",
            "", {reason_t::wrong_prefix, reason_t::wrong_prefix, reason_t::link_absent});
 }
@@ -192,8 +192,8 @@ TEST_F(Reasons, NoLinkHasThePrefix) {
 TEST_F(Reasons, TheOnlyLinkIsUnplugged) {
     kernel.links.clear();
     expect(reason_t::no_link_managed,
-           "no link of the kernel has a name that begins with 'eth', so tandrel manages no link",
-           "", {reason_t::link_absent});
+           "the kernel has no link whose name begins with 'eth', so tandrel manages none", "",
+           {reason_t::link_absent});
 }
 
 TEST_F(Reasons, ThePrefixIsWhatTheCommandLineSays) {
@@ -398,9 +398,8 @@ TEST_F(Reasons, AnAddressIsStoredTwice) {
 TEST_F(Reasons, AnAddressIsInTheKernelOnly) {
     address("2001:db8::5", 64);
     expect(reason_t::address_not_in_store,
-           "2001:db8::5/64 is in the kernel only; tandrel writes it to the store as Automatic "
-           "within moments, unless it has lost track of it (for example because the link left a "
-           "bridge)",
+           "2001:db8::5/64 is in the kernel only; tandrel stores it as Automatic within moments, "
+           "unless it no longer tracks the address (for example because the link left a bridge)",
            ctl::service_command("restart", ""));
     kernel.addresses[0].flags |= IFA_F_TENTATIVE;
     EXPECT_EQ(findings().at(0).remedy(), "") << "the kernel has not reported it yet";
@@ -443,8 +442,8 @@ TEST_F(Reasons, AnAddressIsStoredUnderAnotherTypeThanTheKernels) {
     store("x", "fe80::5/64", "Automatic");
     expect(reason_t::type_differs,
            "fe80::5/64 is stored as Automatic (node 'x'), but the kernel has it as Link-Local: "
-           "at its next synchronisations tandrel removes the node, then stores the address with "
-           "the kernel's type",
+           "at its next two synchronisations tandrel first removes the node, then stores the "
+           "address with the kernel's type",
            "tandrelctl address del eth0 --node x --force");
 }
 
@@ -452,8 +451,8 @@ TEST_F(Reasons, DuplicateAddressDetectionFailed) {
     address("2001:db8::5", 64).flags = IFA_F_DADFAILED | IFA_F_TENTATIVE;
     store("x", "2001:db8::5/64");
     expect(reason_t::duplicate_found,
-           "2001:db8::5/64: duplicate address detection failed; another host on the link uses it, "
-           "so the kernel does not; change the other host first",
+           "2001:db8::5/64: duplicate address detection failed, because another host on the link "
+           "uses it; the kernel does not use it; change the other host first",
            "tandrelctl nudge && tandrelctl address del eth0 2001:db8::5/64 --wait && tandrelctl "
            "address add eth0 2001:db8::5/64 --node x --wait");
     store("x", "2001:db8::5/64", "Automatic");

@@ -39,7 +39,7 @@ TEST_F(ToolConfirmTest, AChangeIsRevertedUnlessItIsConfirmed) {
     EXPECT_EQ(good({"confirm", "3"}), "change 3 is confirmed\n");
     EXPECT_EQ(good({"get", "/a"}), "1\n");
     EXPECT_EQ(bad(1, {"confirm", "3"}), "tav: change 3 is not waiting for confirmation; to list "
-                                        "those that are: tav status\n");
+                                        "all that are: tav status\n");
 }
 
 TEST_F(ToolConfirmTest, AReversionThatFoundNothingIsInTheHistory) {
@@ -94,8 +94,8 @@ TEST_F(ToolConfirmTest, EveryWritingCommandTakesATerm) {
 }
 
 TEST_F(ToolConfirmTest, WithoutANumberThereMustBeOneChange) {
-    EXPECT_EQ(bad(1, {"confirm"}), "tav: none of your changes is waiting for confirmation; "
-                                   "to list those that are: tav status\n");
+    EXPECT_EQ(bad(1, {"confirm"}), "tav: you have no change that is waiting for "
+                                   "confirmation; to list all that are: tav status\n");
     EXPECT_EQ(bad(1, {"confirm", "0"}).find("tav: change 0 is not waiting"), 0U);
     good({"set", "--confirm", "600", "/a", "1"});
     good({"set", "--confirm", "600", "/b", "1"});

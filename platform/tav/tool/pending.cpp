@@ -95,8 +95,8 @@ int confirm(Client &client, const Options &options) {
         return exit_done;
     case api_status_absent:
         complain((options.number ? "change " + std::to_string(number) + " is not waiting"
-                                 : "none of your changes is waiting") +
-                 std::string(" for confirmation; to list those that are: tav status"));
+                                 : "you have no change that is waiting") +
+                 std::string(" for confirmation; to list all that are: tav status"));
         return exit_refused;
     case api_status_refused:
         complain(

@@ -304,7 +304,7 @@ TEST_F(KeeperTest, WhatIsForgottenStaysAway) {
     done({"keep", "--forget", "eth0", "2001:db8::5"});
     const result_t again = run({"keep", "--forget", "eth0", "2001:db8::5"});
     EXPECT_EQ(again.status, 1);
-    EXPECT_EQ(again.errors, "tandrelctl: nothing is remembered of eth0 and 2001:db8::5\n");
+    EXPECT_EQ(again.errors, "tandrelctl: nothing is remembered for 2001:db8::5 on eth0\n");
     device.set_up("eth0");
     EXPECT_TRUE(becomes([&] { return store.gateway(1) == gateway; }));
     EXPECT_TRUE(store.node_of(1, address).empty());
