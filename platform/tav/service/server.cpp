@@ -362,6 +362,9 @@ Server::Turn Server::go_on(PeerId id, Peer &peer) {
     Session &session = *service.sessions().at(peer.session);
     if (is_work) {
         service.completed(session);
+    } else if (session.overflowed()) {
+        look_after(session); // disconnects it: the answer lacks events
+        return Turn::gone;
     }
     return answer(id, peer, session, std::move(frame));
 }

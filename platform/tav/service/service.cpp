@@ -277,13 +277,14 @@ bool Service::lags() const {
 }
 
 void Service::trim_events() {
-    const bool lagged = lags();
     EventLog &log = served.events();
-    if (log.merges()) {
+    const bool merged = log.merges(); // fetches wait for that
+    const bool lagged = lags();       // and the next group for this
+    if (merged) {
         log.merge();
     }
     trimming = log.merges() || !trim();
-    released += lagged && !lags() ? 1U : 0U;
+    released += (merged && !log.merges()) || (lagged && !lags()) ? 1U : 0U;
 }
 
 // Returns false if there is more to forget.

@@ -173,13 +173,14 @@ bool Fetch::advance(std::vector<const Event *> &part) {
     constexpr int at_once = 512;
     part.clear();
     if (session.overflowed()) {
-        return false; // its events may be gone, and its connection will be
+        return false; // its events may be gone; it will be disconnected
     }
     if (!found && !find_first()) {
         return true;
     }
     const auto last = session.log.published().events().end();
-    for (int i = 0; i < at_once; ++i, ++next) {
+    std::size_t bytes = 0; // of the part
+    for (int i = 0; i < at_once && bytes < limits::reply_part_bytes; ++i, ++next) {
         if (next == last || next->position > end) {
             take_notices(end + 1, part);
             return false;
@@ -187,6 +188,7 @@ bool Fetch::advance(std::vector<const Event *> &part) {
         take_notices(next->position, part);
         if (session.wants(*next, begin)) {
             part.push_back(&next->event);
+            bytes += next->event.path.size();
         }
         done = next->position;
     }

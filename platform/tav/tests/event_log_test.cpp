@@ -101,8 +101,7 @@ TEST_F(EventLogTest, MergingIsTheSameWhicheverIsLarger) {
     }
 }
 
-// A client that has fetched its events, or made them itself, has nothing unseen meanwhile, however
-// many there are.
+// Their author has nothing unseen meanwhile, however many there are.
 TEST_F(EventLogTest, ManyAreMergedInParts) {
     const auto set_from = [](int first, int number) {
         std::vector<Event> events;

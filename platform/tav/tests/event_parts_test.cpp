@@ -27,6 +27,19 @@ protected:
         log.close_group();
         log.publish({});
     }
+    // With so many names of the largest length.
+    static std::string path_of(int names) {
+        std::string path;
+        for (int i = 0; i < names; ++i) {
+            path += '/' + std::string(limits::name_bytes, 'x');
+        }
+        return path;
+    }
+    void merge() {
+        while (log.merges()) {
+            log.merge();
+        }
+    }
     struct Request {
         std::string frame;
         std::unique_ptr<Task> task;
@@ -96,8 +109,10 @@ TEST_F(EventPartsTest, AFetchGetsWhatWaitedWhenItBegan) {
         << "what was taken is forgotten";
 
     int parts = 2;
-    for (; fetch.task->step() == State::working; ++parts) {
-        EXPECT_FALSE(reader.keeps_after() == log.end());
+    for (std::uint64_t before = 0; fetch.task->step() == State::working; ++parts) {
+        ASSERT_TRUE(reader.keeps_after());
+        EXPECT_GT(*reader.keeps_after(), before);
+        before = *reader.keeps_after();
     }
     EXPECT_EQ(parts, 59);
     for (const std::string &path : paths(fetch.task->take_frame(false), false)) {
@@ -109,6 +124,40 @@ TEST_F(EventPartsTest, AFetchGetsWhatWaitedWhenItBegan) {
     EXPECT_EQ(tavtest::fetched(reader),
               (std::vector<std::string>{"2 /a/0", "2 /a/1", "2 /b/0", "2 " + next}));
     EXPECT_FALSE(fetch.task->is_work());
+}
+
+// In both directions of the merging, and from its first step on.
+TEST_F(EventPartsTest, AFetchGoesOnWhileManyAreMerged) {
+    for (const std::size_t number : {5000U, 25000U}) { // fewer than in the log, or more
+        change("/a", 10000);
+        change("/b", 10000);
+        merge();
+        tavtest::fetched(reader);
+        change("/b", 10000);
+        merge();
+        const Request fetch = begin(reader, Op::events_get);
+        EXPECT_EQ(fetch.task->step(), State::working);
+        change("/b", number);
+        EXPECT_TRUE(log.merges());
+        while (fetch.task->step() == State::working) {
+            log.merge();
+        }
+        const std::vector<std::string> all = paths(fetch.task->take_frame(false), false);
+        EXPECT_EQ(std::set<std::string>(all.begin(), all.end()).size(), all.size());
+        EXPECT_LT(all.size(), 10000U);
+        merge();
+        const std::vector<std::string> rest = tavtest::fetched(reader);
+        EXPECT_EQ(rest.size(), number);
+        EXPECT_EQ(rest.front(), "2 /b/0");
+    }
+}
+
+TEST_F(EventPartsTest, APartOfAFetchHasFewBytes) {
+    change(path_of(15), 100);
+    const Request fetch = begin(reader, Op::events_get);
+    EXPECT_EQ(fetch.task->step(), State::working);
+    EXPECT_GE(fetch.task->made(), limits::reply_part_bytes);
+    EXPECT_LT(fetch.task->made(), 2 * limits::reply_part_bytes);
 }
 
 TEST_F(EventPartsTest, AFetchAndTheNextGroupWaitUntilManyAreMerged) {
@@ -140,7 +189,7 @@ TEST_F(EventPartsTest, AFetchOfAClientThatLeavesKeepsNothing) {
     EXPECT_TRUE(reader.keeps_after());
     fetch.task.reset();
     EXPECT_FALSE(reader.keeps_after());
-    reader.overflow();
+    change("/a", 1); // nothing follows this event any more
 }
 
 // Its events are forgotten, and it is disconnected.
@@ -181,12 +230,8 @@ TEST_F(EventPartsTest, ThoseOfAClientThatLeavesAreForgottenInParts) {
 // The service once did nothing else meanwhile. While they are too many, the next group waits: it
 // would bring more.
 TEST_F(EventPartsTest, TooManyAreForgottenInParts) {
-    std::string stem;
-    for (int i = 0; i < 6; ++i) {
-        stem += '/' + std::string(limits::name_bytes, 'x');
-    }
     constexpr std::size_t number = 60000;
-    change(stem, number);
+    change(path_of(6), number);
     const EventBatch &waiting = log.published();
     EXPECT_GT(waiting.bytes(), limits::event_bytes * 3 / 2);
     Session &writer = service.open({}, true);
@@ -205,4 +250,21 @@ TEST_F(EventPartsTest, TooManyAreForgottenInParts) {
         service.trim_events();
     }
     EXPECT_TRUE(waiting.empty());
+}
+
+TEST_F(EventPartsTest, AFetchDoesNotWaitUntilTooManyAreForgotten) {
+    change(path_of(6), 60000);
+    Session &other = service.open({}, true);
+    other.register_events({"/", api_event_change, false}, {});
+    change(path_of(7), 5000);
+    const Request fetch = begin(other, Op::events_get);
+    EXPECT_EQ(fetch.task->step(), State::blocked);
+    const std::uint64_t releases = service.releases();
+    while (log.merges()) {
+        service.trim_events();
+    }
+    EXPECT_TRUE(reader.overflowed());
+    EXPECT_GT(log.published().bytes(), limits::event_bytes);
+    EXPECT_GT(service.releases(), releases);
+    EXPECT_EQ(fetch.task->step(), State::working);
 }

@@ -65,6 +65,25 @@ TEST_F(LibraryTest, AReplyThatAcknowledgesDrainsExactlyOneByte) {
     client.close();
 }
 
+TEST_F(LibraryTest, EventsComeInSeveralListsAndFrames) {
+    FakeService fake(socket, [](RawPeer &calls, RawPeer & /*wake*/) {
+        const std::uint32_t serial = serial_of(calls.receive());
+        const auto frame = [serial](const std::vector<std::string> &paths) {
+            return reply_frame(serial, false, [&paths](Writer &out) {
+                for (const std::string &path : paths) {
+                    put_all(out, std::vector<tav::Event>{{mlr_event_set, path}});
+                }
+            });
+        };
+        calls.send(tav::mark_more(frame({"/a", "/b"})));
+        calls.send(frame({"/c"}));
+        calls.closed();
+    });
+    Client client;
+    EXPECT_EQ(client.fetch(), (std::vector<std::string>{"2 /a", "2 /b", "2 /c"}));
+    client.close();
+}
+
 TEST_F(LibraryTest, AReplyThatDoesNotAcknowledgeLeavesTheByte) {
     FakeService fake(socket, [](RawPeer &calls, RawPeer &wake) {
         const std::uint32_t serial = serial_of(calls.receive());
