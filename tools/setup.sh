@@ -79,13 +79,14 @@ install() {
         as_root=(sudo)
         sudo -v || die "sudo failed; install these packages as root: $*"
     fi
-    # The first command repairs an installation that was interrupted. A package list that is missing
-    # or out of date may name files that no longer exist.
+    # After an installation that was interrupted, the first command configures what it can, and the
+    # third fetches what that lacks. A package list that is missing or out of date may name files that
+    # no longer exist.
     say "Installing: $*"
     # shellcheck disable=SC2016
     step apt "Installing" "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive sh -c '
         apt="apt-get -y -q -o DPkg::Lock::Timeout=300 --no-install-recommends"
-        dpkg --configure -a && $apt update && $apt install --fix-broken "$@"' sh "$@"
+        dpkg --configure -a; $apt update && $apt install --fix-broken && $apt install "$@"' sh "$@"
 }
 # Not in a box: processes that apt-get starts belong to the system, and it exits cleanly by itself.
 unboxed() { exec env --default-signal=INT --default-signal=QUIT "$@"; }
