@@ -161,6 +161,21 @@ bool is_confirmation(tav::Reader in) {
     return in.finished();
 }
 
+// Entries, and the numbers of the oldest and the last one.
+bool is_history(tav::Reader in) {
+    api_status_t status = api_status_none;
+    tav::get(in, status);
+    while (status == api_status_ok && in.u8() == 1) {
+        tav::HistoryEntry entry;
+        tav::get(in, entry);
+    }
+    if (status == api_status_ok) {
+        in.u64();
+        in.u64();
+    }
+    return in.finished();
+}
+
 // Whether a reply's content is what the library expects for that kind of request.
 bool answers(tav::Op op, const tav::Reader &in) {
     switch (op) {
@@ -176,7 +191,10 @@ bool answers(tav::Op op, const tav::Reader &in) {
         return are_parts(in);
     case tav::Op::event_register:
     case tav::Op::watchdog_register:
+    case tav::Op::state_program:
         return is_message<api_status_t>(in);
+    case tav::Op::history:
+        return is_history(in);
     case tav::Op::wake_acknowledge:
         return in.finished();
     case tav::Op::dump:
