@@ -35,7 +35,7 @@ struct BlockAllocator {
 
     BlockAllocator() = default;
     template <typename Other>
-    // As every allocator.
+    // Implicit, as containers require it of every allocator.
     BlockAllocator(const BlockAllocator<Other> & /*other*/) noexcept {}
 
     T *allocate(std::size_t /*one*/) { return static_cast<T *>(blocks.take()); }
