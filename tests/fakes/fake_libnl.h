@@ -74,6 +74,8 @@ std::size_t queued();
 // Discards them, like closing the socket.
 void drop_datagrams();
 
+constexpr int multi = 2; // NLM_F_MULTI
+
 // Builds a datagram, message after message. Lengths are correct unless set_... is used.
 class datagram_t {
 public:

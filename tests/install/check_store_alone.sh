@@ -14,6 +14,6 @@ named=$(grep -rliaE 'tandrel|system settings/network' "$source_dir/platform/tav"
 
 cp -r "$source_dir/platform/tav" "$work/alone" || fail "copy"
 cmake -S "$work/alone" -B "$work/build" -G Ninja -DBUILD_TESTING=ON -DCMAKE_CXX_COMPILER="$compiler" \
-    >"$work/log" 2>&1 || { cat "$work/log"; fail "it does not configure alone"; }
+    -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG=-O0 >"$work/log" 2>&1 || { cat "$work/log"; fail "it does not configure alone"; }
 ninja -C "$work/build" -j 2 tavd tav tavxx >"$work/log" 2>&1 || { cat "$work/log"; fail "it does not build alone"; }
 [ "$("$work/build/tavd" --help | head -c 11)" = "Usage: tavd" ] || fail "the service does not run"

@@ -226,8 +226,7 @@ TEST_F(DaemonModeTest, TheDetachedDaemonDoesItsWork) {
     EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::5/64"); }));
     store.remove_address(1, "1");
     EXPECT_TRUE(becomes([&] { return !device.has_address("eth0", "2001:db8::5/64"); }));
-    EXPECT_NE(sandbox.syslog().find("Info: void CSync::discover(): beginning normal operation"),
-              -1);
+    EXPECT_NE(sandbox.syslog().find(kt::normal_operation), -1);
     kill(pid, SIGTERM);
     EXPECT_TRUE(kt::eventually([&] { return waitpid(pid, nullptr, WNOHANG) == pid; }));
 }
@@ -259,8 +258,7 @@ TEST_F(DetachingTest, ASignalToTheInvokingProcessDoesNotReachTheDaemon) {
     ASSERT_GT(intermediate, 0);
     daemon->signal(SIGTERM);
     EXPECT_EQ(daemon->wait_exit(), 0);
-    ASSERT_NE(sandbox.syslog().wait_for("Info: void CSync::discover(): beginning normal operation"),
-              0U);
+    ASSERT_NE(sandbox.syslog().wait_for(kt::normal_operation), 0U);
     EXPECT_TRUE(kt::eventually([&] {
         const std::size_t before = cycles();
         usleep(300000);

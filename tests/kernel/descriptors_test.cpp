@@ -11,8 +11,6 @@
 
 namespace {
 
-const std::string normal = "Info: void CSync::discover(): beginning normal operation";
-
 class DescriptorTest : public kt::KeptStoreTest {
 protected:
     void SetUp() override {
@@ -76,7 +74,7 @@ TEST_F(DescriptorTest, ThatRunOutAreWaitedForAtEachStepOfARebuild) {
 
     const std::size_t from = log().size();
     limit_descriptors(1024);
-    EXPECT_TRUE(logged(normal, from));
+    EXPECT_TRUE(logged(kt::normal_operation, from));
     expect_working();
     EXPECT_EQ(open_now().size(), usual.size()) << "none was lost on the way";
 }
@@ -93,7 +91,7 @@ protected:
         if (detaches) {
             EXPECT_EQ(daemon->wait_exit(), 0);
         }
-        EXPECT_NE(sandbox.syslog().wait_for(normal), 0U);
+        EXPECT_NE(sandbox.syslog().wait_for(kt::normal_operation), 0U);
         for (const auto &process : sandbox.processes()) {
             if (process.name == "tandrel" && (!detaches || process.pid != daemon->pid())) {
                 return process.pid;

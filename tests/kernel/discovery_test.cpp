@@ -157,7 +157,7 @@ TEST_F(DiscoveryTest, ExistingAddressesSurviveStartsWhileOthersChange) {
         {
             start_daemon({"-d", "-D", "3"});
             const Churn churn(churning, "other1", log());
-            ASSERT_TRUE(logged("Info: void CSync::discover(): beginning normal operation"));
+            ASSERT_TRUE(logged(kt::normal_operation));
         }
         ASSERT_TRUE(settle());
         const std::size_t repeats =

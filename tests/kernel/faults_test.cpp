@@ -13,8 +13,6 @@
 
 namespace {
 
-const std::string normal = "Info: void CSync::discover(): beginning normal operation";
-
 // The fault: a plan of the service's, or of the calls (see faults/plan.h).
 struct fault_t {
     const char *name;
@@ -192,7 +190,7 @@ TEST_P(FaultTest, TheUsersSettingsSurviveAndBothSidesAgreeAtTheEnd) {
     const std::size_t missing = lost();
     EXPECT_TRUE(settle());
     EXPECT_EQ(missing, 0U);
-    EXPECT_GT(log().count(normal), 0U);
+    EXPECT_GT(log().count(kt::normal_operation), 0U);
     std::cout << "fault " << GetParam().name << ": " << faulty << " staged, " << rebuilt
               << " rebuilds, " << statics.size() << " Static addresses, " << missing << " lost\n";
 }

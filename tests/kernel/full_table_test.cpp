@@ -79,7 +79,7 @@ TEST_F(FullTableTest, DiscoveryEndsWhileTheTableChanges) {
         table->add(count, churn / 10);
         table->remove(count, churn / 10);
     }
-    EXPECT_TRUE(logged("Info: void CSync::discover(): beginning normal operation"));
+    EXPECT_TRUE(logged(kt::normal_operation));
     ASSERT_TRUE(settle());
     EXPECT_TRUE(store.has_address(1, device.link_local("eth0"), "Link-Local"));
     EXPECT_EQ(kept(), count);

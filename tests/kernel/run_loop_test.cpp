@@ -10,7 +10,6 @@
 namespace {
 
 const std::string link_request = "Info: void CSync::discover(): requesting link state";
-const std::string normal = "Info: void CSync::discover(): beginning normal operation";
 
 // The pause, minus the possible delay in reading the two lines.
 constexpr std::chrono::milliseconds least_pause{9500};
@@ -45,7 +44,7 @@ TEST_F(RunLoopTest, AStoreThatIsDownAtTheStartIsWaitedFor) {
     ASSERT_TRUE(logged(sleeping));
     service.start();
     store.set_address(1, "1", "2001:db8::5/64");
-    EXPECT_TRUE(logged(normal));
+    EXPECT_TRUE(logged(kt::normal_operation));
     EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::5/64"); }));
     EXPECT_GE(between(sleeping, "Info: void CSync::discover(): requesting link state"),
               least_pause);
@@ -79,7 +78,7 @@ TEST_F(RunLoopTest, AStoreThatIsKilledAndComesBackIsFoundAgain) {
     service.start();
     store.set_address(1, "2", "2001:db8::6/64");
     const std::size_t from = log().wait_for("Error: Can't connect to TAV, sleeping");
-    ASSERT_TRUE(logged(normal, from));
+    ASSERT_TRUE(logged(kt::normal_operation, from));
     EXPECT_TRUE(becomes([&] {
         return device.has_address("eth0", "2001:db8::6/64") &&
                store.has_address(1, "2001:db8::7/64", "Automatic") &&
@@ -95,7 +94,7 @@ TEST_F(RunLoopTest, AStoreThatExitsNormallyIsAFailureToo) {
     service.stop();
     ASSERT_TRUE(logged("Error: Caught exception"));
     service.start();
-    ASSERT_TRUE(logged(normal, log().wait_for("Error: Caught exception")));
+    ASSERT_TRUE(logged(kt::normal_operation, log().wait_for("Error: Caught exception")));
     EXPECT_GE(between("Error: Caught exception", link_request), least_pause);
     EXPECT_EQ(log().count("Error: Can't connect to TAV, sleeping"), 0U);
     expect_working();
@@ -112,7 +111,7 @@ TEST_F(RunLoopTest, AServiceThatHangsMakesTheCallFailAndNotTheDaemonHang) {
     const std::size_t from = log().wait_for("Error: Caught exception");
     EXPECT_NE(from, 0U);
     service.tavd().thaw();
-    EXPECT_TRUE(logged(normal, from));
+    EXPECT_TRUE(logged(kt::normal_operation, from));
     EXPECT_TRUE(becomes([&] { return store.has_address(1, "2001:db8::7/64", "Automatic"); }));
     expect_working();
 }
@@ -125,7 +124,7 @@ TEST_F(RunLoopTest, ARegistrationThatFailsIsReportedOnceAndTriedAgain) {
         sandbox, std::vector<std::string>{kt::program("TANDREL"), "-d", "-D", "4"},
         kt::spawn_options_t{{{"TAV_SOCKET", path}}, -1, {}, false});
     ASSERT_TRUE(logged("Error: Can't register for settings"));
-    ASSERT_TRUE(logged(normal));
+    ASSERT_TRUE(logged(kt::normal_operation));
     EXPECT_GE(between("Error: Can't register for settings", link_request), 2 * least_pause)
         << "one pause for each of the two failures";
     EXPECT_EQ(log().count("Error: Can't register for settings"), 1U);
@@ -168,7 +167,7 @@ TEST_F(RunLoopTest, AnOverrunOfTheReceiveBufferRebuildsTheEngineAndNothingIsLost
     daemon->thaw();
     ASSERT_TRUE(logged("Error: recv: nl_recv(): -5"));
     EXPECT_TRUE(logged("Error: Caught exception: nl_recv"));
-    ASSERT_TRUE(logged(normal, log().wait_for("Error: Caught exception: nl_recv")));
+    ASSERT_TRUE(logged(kt::normal_operation, log().wait_for("Error: Caught exception: nl_recv")));
     EXPECT_GE(between("Error: Caught exception: nl_recv", link_request), least_pause);
     EXPECT_TRUE(becomes([&] { return store.has_address(1, "2001:db8::7/64", "Automatic"); }));
     expect_working();
@@ -213,7 +212,7 @@ TEST_F(RunLoopTest, AChannelThatCannotBeSetUpIsReportedByTheNameOfTheCall) {
     EXPECT_EQ(stop_daemon(), 0);
     start_daemon({"-d", "-D", "4"}, kt::preloaded({{"KT_FAIL_MEMBERSHIP", "1"}}));
     EXPECT_TRUE(logged("Error: Caught exception: nl_socket_add_memberships"));
-    EXPECT_TRUE(logged(normal)) << "it works the next time";
+    EXPECT_TRUE(logged(kt::normal_operation)) << "it works the next time";
     expect_working();
 }
 
@@ -225,7 +224,7 @@ TEST_F(RunLoopTest, ADiscoveryThatDoesNotEndIsGivenUpAfterHalfAMinute) {
     ASSERT_TRUE(logged("Error: Caught exception"));
     EXPECT_GE(between("Info: void CSync::discover(): requesting addrs", "Error: Caught exception"),
               std::chrono::milliseconds(29500));
-    ASSERT_TRUE(logged(normal));
+    ASSERT_TRUE(logged(kt::normal_operation));
     expect_working();
 }
 
@@ -321,7 +320,7 @@ TEST_F(IdleTest, AStoreThatDiesDuringDiscoveryIsNoticedWithoutSpinning) {
     expect_idle(std::chrono::seconds(5));
     service.start();
     EXPECT_TRUE(logged("Error: Caught exception"));
-    EXPECT_TRUE(logged(normal));
+    EXPECT_TRUE(logged(kt::normal_operation));
     expect_working();
 }
 
@@ -339,7 +338,7 @@ TEST_F(IdleTest, DiscoveryEndsWhileAWriterNeverRests) {
     const auto written = [&] { return store.read(kt::paths::interfaces + "/1/Busy"); };
     EXPECT_TRUE(becomes([&] { return written().has_value(); }));
     start_daemon({"-d", "-D", "3"});
-    EXPECT_TRUE(logged(normal));
+    EXPECT_TRUE(logged(kt::normal_operation));
     store.set_address(1, "1", "2001:db8::5/64");
     EXPECT_TRUE(becomes([&] { return device.has_address("eth0", "2001:db8::5/64"); }));
     device.add_address("eth0", "2001:db8::7/64");

@@ -165,7 +165,7 @@ TEST_F(SignalTest, SigpipeDoesNotEndTheDaemon) {
     daemon->signal(SIGPIPE);
     const std::size_t from = log().wait_for("Error: Caught exception");
     ASSERT_NE(from, 0U);
-    EXPECT_TRUE(logged("Info: void CSync::discover(): beginning normal operation", from));
+    EXPECT_TRUE(logged(kt::normal_operation, from));
     EXPECT_TRUE(settle());
     EXPECT_EQ(log().count("Info: Caught user-initiated exit signal..."), 0U);
 }

@@ -107,7 +107,7 @@ TEST_F(StoreEventTest, ARemovedNodeCausesAnEventForEachLeaf) {
 
 TEST_F(StoreEventTest, TheNoticeAfterTheRegistrationIsIgnored) {
     start_daemon();
-    ASSERT_TRUE(logged("Info: void CSync::discover(): beginning normal operation"));
+    ASSERT_TRUE(logged(kt::normal_operation));
     EXPECT_TRUE(logged("Info: New TAV event arrived"));
     EXPECT_TRUE(settle());
     EXPECT_EQ(log().count_containing("cmd = 1"), 0U);

@@ -19,7 +19,7 @@ void PrintTo(const sequence_t &sequence, std::ostream *out) {
     *out << sequence.name;
 }
 
-const sequence_t sequences[] = {
+const sequence_t shortened[] = {
     // The carrier comes later than the link, and with it a link-local address that was removed.
     {"ALinkLocalAddressThatIsRemovedBeforeTheCarrierComes",
      "seed 918\nburst settled\n link-down 0\n store-set 0 2 8 64 3 0\n link-up 0\n"
@@ -125,7 +125,7 @@ TEST_P(Regressions, AreAsForeseen) {
     EXPECT_EQ(verdict.failure, "") << verdict.log;
 }
 
-INSTANTIATE_TEST_SUITE_P(Once, Regressions, ::testing::ValuesIn(sequences),
+INSTANTIATE_TEST_SUITE_P(Once, Regressions, ::testing::ValuesIn(shortened),
                          [](const auto &test) { return std::string(test.param.name); });
 
 // Predicted for any choice of random orders.

@@ -21,7 +21,6 @@ namespace {
 
 constexpr std::uint32_t moment = 2; // life time in seconds of what expires
 constexpr std::uint32_t long_life = 3600;
-constexpr const char *normal_operation = "Info: void CSync::discover(): beginning normal operation";
 
 #ifdef __SANITIZE_ADDRESS__
 constexpr bool under_sanitizer = true;
@@ -121,7 +120,7 @@ void World::start_tandrel() {
 }
 
 void World::await_normal_operation(std::size_t from) {
-    if (log().wait_for(normal_operation, from) == 0) {
+    if (log().wait_for(kt::normal_operation, from) == 0) {
         throw std::runtime_error("the daemon does not come into normal operation");
     }
     // The line comes before the first synchronisation.

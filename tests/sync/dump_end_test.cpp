@@ -11,8 +11,7 @@
 namespace {
 
 using fake_libnl::datagram_t;
-
-constexpr int multi = 2; // NLM_F_MULTI
+using fake_libnl::multi;
 
 class EndOfDump : public EngineTest {
 protected:

@@ -9,8 +9,8 @@
 namespace {
 
 using fake_libnl::datagram_t;
+using fake_libnl::multi;
 
-constexpr int multi = 2;        // NLM_F_MULTI
 constexpr int interrupted = 16; // NLM_F_DUMP_INTR
 
 datagram_t link(int flags = multi) {

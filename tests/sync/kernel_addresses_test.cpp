@@ -9,13 +9,14 @@
 
 namespace {
 
-constexpr int added = 20;
-constexpr int removed = 21;
 constexpr int scope_link = 253;
 constexpr int scope_host = 254;
 
 class KernelAddresses : public EngineTest {
 protected:
+    static constexpr int added = 20;
+    static constexpr int removed = 21;
+
     void SetUp() override {
         EngineTest::SetUp();
         restart_with_eth0(1);

@@ -9,11 +9,11 @@
 
 namespace {
 
-constexpr int added = 24;
-constexpr int removed = 25;
-
 class KernelRoutes : public EngineTest {
 protected:
+    static constexpr int added = 24;
+    static constexpr int removed = 25;
+
     void SetUp() override {
         EngineTest::SetUp();
         restart_with_eth0(1);

@@ -8,12 +8,12 @@
 
 namespace {
 
-constexpr int added = 16;
-constexpr int removed = 17;
-constexpr int changed = 19;
-
 class Links : public EngineTest {
 protected:
+    static constexpr int added = 16;
+    static constexpr int removed = 17;
+    static constexpr int changed = 19;
+
     void announce(int type, const std::vector<CKernInterface> &links) {
         verbosity = 4;
         engine().nl_link_update(type, links);

@@ -10,11 +10,11 @@
 
 namespace {
 
-constexpr int sent = 24; // a size that the netlink library could have sent
-constexpr int failed = -5;
-
 class SyncFailure : public EngineTest {
 protected:
+    static constexpr int sent = 24; // a size that the netlink library could have sent
+    static constexpr int failed = -5;
+
     void SetUp() override {
         EngineTest::SetUp();
         track(3, "eth0");

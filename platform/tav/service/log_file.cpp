@@ -12,7 +12,7 @@ namespace {
 constexpr char vfs_name[] = "whole-frames";
 
 // Of SQLite's file format.
-constexpr int header_bytes = 24;
+constexpr int head_bytes = 24;
 // Larger pages are written in two calls.
 constexpr int page_bytes = 4096;
 
@@ -21,7 +21,7 @@ struct LogFile {
     sqlite3_file base; // the first, as SQLite requires
     sqlite3_int64 offset;
     bool has_header; // it has not been written yet
-    char header[header_bytes];
+    char header[head_bytes];
 
     sqlite3_file *system() { return reinterpret_cast<sqlite3_file *>(this + 1); }
     int write(const void *data, int bytes, sqlite3_int64 at) {
@@ -41,23 +41,23 @@ int write_header(LogFile &log) {
         return SQLITE_OK;
     }
     log.has_header = false;
-    return log.write(log.header, header_bytes, log.offset);
+    return log.write(log.header, head_bytes, log.offset);
 }
 
 int write(sqlite3_file *file, const void *data, int bytes, sqlite3_int64 at) {
     LogFile &log = log_of(file);
-    if (log.has_header && at == log.offset + header_bytes && bytes <= page_bytes) {
+    if (log.has_header && at == log.offset + head_bytes && bytes <= page_bytes) {
         log.has_header = false;
-        char frame[header_bytes + page_bytes];
-        std::memcpy(frame, log.header, header_bytes);
-        std::memcpy(frame + header_bytes, data, static_cast<std::size_t>(bytes));
-        return log.write(frame, header_bytes + bytes, log.offset);
+        char frame[head_bytes + page_bytes];
+        std::memcpy(frame, log.header, head_bytes);
+        std::memcpy(frame + head_bytes, data, static_cast<std::size_t>(bytes));
+        return log.write(frame, head_bytes + bytes, log.offset);
     }
     const int result = write_header(log);
-    if (result != SQLITE_OK || bytes != header_bytes) {
+    if (result != SQLITE_OK || bytes != head_bytes) {
         return result != SQLITE_OK ? result : log.write(data, bytes, at);
     }
-    std::memcpy(log.header, data, header_bytes);
+    std::memcpy(log.header, data, head_bytes);
     log.offset = at;
     log.has_header = true;
     return SQLITE_OK;

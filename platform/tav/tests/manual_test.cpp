@@ -14,9 +14,9 @@ namespace limits = tav::limits;
 
 namespace {
 
-using Names = std::set<std::string>;
+using NameSet = std::set<std::string>;
 
-const Names common{"-h", "--help", "--socket", "--color"};
+const NameSet common{"-h", "--help", "--socket", "--color"};
 
 std::vector<std::string> lines_of(const std::string &text) {
     std::vector<std::string> lines;
@@ -37,8 +37,8 @@ std::vector<std::string> words_of(const std::string &line) {
 }
 
 // The options that a help text lists: "  -r,--recursive   what it does".
-Names options_in_help(const std::string &help) {
-    Names options;
+NameSet options_in_help(const std::string &help) {
+    NameSet options;
     for (const std::string &line : lines_of(help)) {
         if (line.substr(0, 3) != "  -" || line.size() < 4) {
             continue;
@@ -52,8 +52,8 @@ Names options_in_help(const std::string &help) {
 }
 
 // The options that lines of a page describe: ".It Fl r , Fl -recursive".
-Names options_in_page(const std::vector<std::string> &page) {
-    Names options;
+NameSet options_in_page(const std::vector<std::string> &page) {
+    NameSet options;
     for (const std::string &line : page) {
         const std::vector<std::string> words = words_of(line);
         for (std::size_t i = 1; i + 1 < words.size() && words[0] == ".It"; ++i) {
@@ -91,7 +91,7 @@ std::string page(const std::string &name) {
     return read_file(std::string(TAV_MANUAL) + "/" + name);
 }
 
-Names without(Names names, const Names &others) {
+NameSet without(NameSet names, const NameSet &others) {
     for (const std::string &other : others) {
         names.erase(other);
     }
@@ -101,13 +101,13 @@ Names without(Names names, const Names &others) {
 class ManualTest : public ToolTest {
 protected:
     // The commands that the tool's help lists.
-    Names commands() { return commands_in(good({"--help"}), "Commands:\n"); }
+    NameSet commands() { return commands_in(good({"--help"}), "Commands:\n"); }
 };
 
 } // namespace
 
 TEST_F(ManualTest, EveryCommandOfTheToolIsInItsPageAndTheReverse) {
-    Names described;
+    NameSet described;
     for (const std::string &line : part_of(page("tav.1"), ".Sh COMMANDS", {".Sh TEXT"})) {
         if (line.substr(0, 7) == ".It Ic ") {
             described.insert(words_of(line)[2]);
@@ -119,7 +119,7 @@ TEST_F(ManualTest, EveryCommandOfTheToolIsInItsPageAndTheReverse) {
 
 TEST_F(ManualTest, EveryOptionOfTheToolIsInItsPageAndTheReverse) {
     EXPECT_EQ(options_in_page(part_of(page("tav.1"), ".Sh DESCRIPTION", {".Sh"})), common);
-    Names general = common;
+    NameSet general = common;
     general.insert({"-V", "--version"});
     EXPECT_EQ(options_in_help(good({"--help"})), general);
     for (const std::string &command : commands()) {
@@ -128,7 +128,7 @@ TEST_F(ManualTest, EveryOptionOfTheToolIsInItsPageAndTheReverse) {
             part_of(page("tav.1"), ".It Ic " + command, {".It Ic", ".Sh"});
         ASSERT_FALSE(part.empty()) << command;
         part.erase(part.begin());
-        const Names in_help = options_in_help(good({command, "--help"}));
+        const NameSet in_help = options_in_help(good({command, "--help"}));
         EXPECT_EQ(options_in_page(part), without(in_help, common)) << command;
         EXPECT_EQ(in_help.count("--socket"), 1U) << command;
     }

@@ -45,7 +45,7 @@ TEST(Escape, EveryByteAndEveryHiddenCharacterIsEscaped) {
           tavtest::utf8(0x2028), tavtest::utf8(0x2029)}) {
         EXPECT_EQ(tavtest::unescaped_part(escaped(text)), "");
         EXPECT_EQ(tavtest::unescaped_part(shell_word(text)), "");
-        EXPECT_EQ(tavtest::unescaped_part(json_text(Json(text))), "");
+        EXPECT_EQ(tavtest::unescaped_part(json_text(tav::tool::Json(text))), "");
     }
     for (unsigned byte = 0; byte < 256; ++byte) {
         const std::string text(1, static_cast<char>(byte));
@@ -91,9 +91,9 @@ TEST(Hex, IsReversedAndRefusesOtherText) {
 }
 
 TEST(JsonText, HasNoControlCharacters) {
-    EXPECT_EQ(json_text(Json("a\x1b\x7f")), R"("a\u001b\u007f")");
-    EXPECT_EQ(json_text(Json("\xc3\xa4")), "\"\xc3\xa4\"");
-    EXPECT_EQ(json_text(Json("\xc3\xa4\xc2\x9b")), R"("\u00e4\u009b")");
+    EXPECT_EQ(json_text(tav::tool::Json("a\x1b\x7f")), R"("a\u001b\u007f")");
+    EXPECT_EQ(json_text(tav::tool::Json("\xc3\xa4")), "\"\xc3\xa4\"");
+    EXPECT_EQ(json_text(tav::tool::Json("\xc3\xa4\xc2\x9b")), R"("\u00e4\u009b")");
 }
 
 TEST(Script, GivesEachStepItsLine) {

@@ -19,6 +19,10 @@ using clock_type = std::chrono::steady_clock;
 // enough for a loaded machine and an instrumented build.
 constexpr std::chrono::seconds patience{60};
 
+// The daemon's line when it has read all tables.
+inline const std::string normal_operation =
+    "Info: void CSync::discover(): beginning normal operation";
+
 struct line_t {
     clock_type::time_point at; // when it was read
     std::string text;          // without the newline

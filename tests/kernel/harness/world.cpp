@@ -71,7 +71,7 @@ Process &KernelTest::start_daemon_and_wait(const std::vector<std::string> &argum
                                            const spawn_options_t &options) {
     start_daemon(arguments, options);
     // Nothing after this makes sense without it.
-    if (!logged("Info: void CSync::discover(): beginning normal operation") || !settle()) {
+    if (!logged(normal_operation) || !settle()) {
         throw std::runtime_error("the daemon did not get into normal operation");
     }
     return *daemon;
@@ -86,8 +86,7 @@ int KernelTest::stop_daemon() {
 enum class KernelTest::Seen { line, rebuild, nothing };
 
 KernelTest::Seen KernelTest::see(const std::string &line, std::size_t from) {
-    const std::string rebuilt = "Info: void CSync::discover(): beginning normal operation";
-    const std::size_t at = log().wait_for_either(line, rebuilt, from);
+    const std::size_t at = log().wait_for_either(line, normal_operation, from);
     if (at == 0) {
         return Seen::nothing;
     }
