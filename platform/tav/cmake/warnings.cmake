@@ -5,6 +5,7 @@ add_library(project_warnings INTERFACE)
 target_compile_options(project_warnings INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wformat=2 -Wnull-dereference
   $<$<CXX_COMPILER_ID:GNU>:-Wcast-align=strict>
-  # It takes each source for a header if several are compiled at once.
-  $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>,$<BOOL:${CMAKE_UNITY_BUILD}>>:-Wno-subobject-linkage>
+  # If several sources are compiled at once, GCC takes each for a header, and Clang objects to a local
+  # name that another source has.
+  $<$<AND:$<COMPILE_LANGUAGE:CXX>,$<BOOL:${CMAKE_UNITY_BUILD}>>:$<IF:$<CXX_COMPILER_ID:GNU>,-Wno-subobject-linkage,-Wno-shadow>>
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual>)
