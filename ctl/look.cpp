@@ -160,7 +160,7 @@ int show(const options_t &options) {
     return exit_done;
 }
 
-int check(const options_t &options) {
+int check(const options_t &options) try {
     client_t client;
     client.require();
     report_t report = make_report(client, look(client, options), options);
@@ -195,6 +195,12 @@ int check(const options_t &options) {
         print_findings(report.notes, colour);
     }
     return agree ? exit_done : exit_differs;
+} catch (const store_lost &) {
+    if (options.json && !options.quiet) {
+        print_json(
+            {{"agree", nullptr}, {"differences", json_t::array()}, {"notes", json_t::array()}});
+    }
+    throw;
 }
 
 int interface_list(const options_t &options) {

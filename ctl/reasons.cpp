@@ -225,8 +225,9 @@ constexpr reasons_t table{{
     {r::daemon_absent, difference, "daemon-absent",
      "it is not running here, so nothing is synchronised", "{start}"},
     {r::daemon_disconnected, difference, "daemon-disconnected",
-     "it is not connected to the settings store, so nothing is synchronised; its log says why",
-     "{restart}"},
+     "it is not connected to the settings store, so nothing is synchronised; it tries again every "
+     "ten seconds, and its log says why",
+     ""},
     {r::daemon_hangs, difference, "daemon-hangs",
      "it is connected to the settings store, but has not responded for {text}", "{restart}"},
     {r::daemon_unknown, note, "daemon-unknown", "cannot tell whether it is running: {text}", ""},

@@ -182,9 +182,10 @@ void print_text(const status_t &status, const std::string &prefix, bool colour) 
     line("keeper:   ", true,
          status.keeper != 0
              ? std::string(keeper_name) + ", process " + std::to_string(status.keeper)
-         : has_transactions()
-             ? "none; a link that goes down loses its settings; see 'tandrelctl keep'"
-             : std::string(only_with_tavd));
+         : !has_transactions()   ? std::string(only_with_tavd)
+         : !status.store.empty() ? std::string("not known: ") + store_silent
+                                 : "none; a link that goes down loses its settings; see "
+                                   "'tandrelctl keep'");
     for (const link_state_t &one : status.links) {
         line("link:     ", true,
              shown(one.link) + (one.why.empty()           ? ", managed"

@@ -92,6 +92,7 @@ TEST_F(Look, TheViewsDoNotAgreeWhileTheDaemonIsNotConnected) {
     EXPECT_TRUE(contains(checked.output, "tandrel: it is not connected to the settings store"))
         << checked.output;
     EXPECT_FALSE(contains(checked.output, "agree"));
+    EXPECT_FALSE(contains(checked.output, "->")) << "it connects by itself";
     EXPECT_TRUE(becomes([&] { return in_step(); })) << run({"check"}).output;
 }
 
@@ -136,7 +137,12 @@ TEST_F(Look, StatusShowsStoreDaemonAndLinks) {
     const std::string unknown = run({"status"}).output;
     EXPECT_TRUE(contains(unknown, "link:     eth0, not known: the settings store does not answer"))
         << unknown;
+    EXPECT_TRUE(contains(unknown, "keeper:   not known: the settings store does not answer\n"))
+        << unknown;
     EXPECT_TRUE(contains(unknown, "last synchronisation: not known\n")) << unknown;
+    const result_t checked = run({"check", "--json"});
+    EXPECT_EQ(checked.status, 3);
+    EXPECT_TRUE(nlohmann::json::parse(checked.output)["agree"].is_null());
 }
 
 // Node 4 is that of eth3 to the tool, and that of lan3 to the daemon.

@@ -231,15 +231,6 @@ public:
 
     // --- the daemon ---
     void NoDaemon() { ASSERT_EQ(stop_daemon(), 0); }
-    void DaemonWithoutStore() {
-        rebuilds_allowed = true;
-        store.disconnect();
-        service.crash(); // the daemon now pauses for ten seconds
-        service.start();
-        store.set_address(1, "base", "2001:db8:1::1/64");
-        store.set_gateway(1, "fe80::1");
-        store.set_address(1, "1", device.link_local("eth0"), "Link-Local");
-    }
 
 protected:
     static constexpr std::uint8_t boot = 3; // as "ip route add" makes it
@@ -449,7 +440,6 @@ const std::vector<case_t> cases = {
      {"kernel route fe80::2", "/Default Gateway"}},
     {"route-multipath", ARRANGED(RouteJoinedWithThatOfAnotherLink), {"/2/"}},
     {"daemon-absent", ARRANGED(NoDaemon), {}},
-    {"daemon-disconnected", ARRANGED(DaemonWithoutStore), {}},
 };
 
 INSTANTIATE_TEST_SUITE_P(OfCheck, Remedies, testing::ValuesIn(cases),
