@@ -30,8 +30,9 @@ int nudge(const options_t &options) {
     client_t client;
     const auto finding = daemon_finding(find_daemon(client));
     if (finding && finding->severity() == severity_t::difference) {
-        throw refusal("nothing was synchronised: tandrel: " + finding->sentence() + "\n    -> " +
-                      finding->remedy());
+        const std::string remedy = finding->remedy();
+        throw refusal("nothing was synchronised: tandrel: " + finding->sentence() +
+                      (remedy.empty() ? "" : "\n    -> " + remedy));
     }
     return exit_done;
 }
