@@ -12,7 +12,7 @@ build coverage unit_tests kernel_tests
 find build/coverage -name '*.gcda' -delete
 
 step ctest "Testing build/coverage" "${in_memory[@]}" ctest --test-dir build/coverage --parallel $(($(nproc) * 4)) \
-    --label-regex '^(unit|kernel)$'
+    --label-regex '^(unit|kernel)$' --exclude-regex '^kernel\.ctl\.'
 status=$?
 gcovr --root . --filter '(shell|netlink|store|sync)/' --txt - \
     build/coverage || die "no coverage"
