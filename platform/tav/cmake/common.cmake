@@ -11,8 +11,8 @@ set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)
-# Most of the time goes into what each source includes, so it takes less than half to compile several
-# at once. Off: one source at a time, for tools that need the command of each.
+# Most of the time goes into what each source includes, so several are compiled at once. Off: one at
+# a time, for tools that need the command of each.
 option(CMAKE_UNITY_BUILD "Compile several sources of a program or library at once" ON)
 include(GNUInstallDirs)
 include(${CMAKE_CURRENT_LIST_DIR}/warnings.cmake)
