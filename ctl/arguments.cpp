@@ -65,7 +65,12 @@ public:
                        "Prefix of the names of managed links, as for tandrel -i (default: eth)")
             ->type_name("PREFIX")
             ->check([](const std::string &text) {
-                return text.empty() ? std::string("must not be empty") : std::string();
+                if (text.empty()) {
+                    return std::string("must not be empty");
+                }
+                return text.find_first_of("/ \t\n") == std::string::npos
+                           ? std::string()
+                           : "'" + text + "' cannot begin the name of a link";
             });
         app.add_option("--color", colour, "auto (on a terminal), always or never")
             ->type_name("WHEN")
@@ -387,11 +392,13 @@ private:
                   "Restore settings that links lost while they were down or without IPv6; runs "
                   "permanently",
                   keep);
-        sub->add_flag("--list", request.options.list,
-                      "Print what is remembered and what it waits for, and exit");
+        CLI::Option *list =
+            sub->add_flag("--list", request.options.list,
+                          "Print what is remembered and what it waits for, and exit");
         CLI::Option *forget =
             sub->add_flag("--forget", request.options.forget,
-                          "Forget all that is remembered about LINK, or only ADDRESS, and exit");
+                          "Forget all that is remembered about LINK, or only ADDRESS, and exit")
+                ->excludes(list);
         sub->add_option("LINK", request.options.link, "The link, such as eth0")
             ->type_name("")
             ->needs(forget);

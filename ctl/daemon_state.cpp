@@ -159,6 +159,10 @@ daemon_state_t find_daemon(client_t &client) {
     return *state;
 }
 
+bool synchronises(const daemon_state_t &daemon) {
+    return daemon.state == daemon_t::working || daemon.state == daemon_t::unknown;
+}
+
 std::optional<finding_t> daemon_finding(const daemon_state_t &daemon) {
     const auto finding = [&](reason_t reason, words_t words = {}) {
         words["pid"] = daemon.pid != 0 ? std::to_string(daemon.pid) : "";

@@ -36,6 +36,9 @@ struct daemon_state_t {
 // cannot be asked, a process counts as working.
 daemon_state_t find_daemon(client_t &client);
 
+// Whether a change of the store makes it synchronise, as far as is known.
+bool synchronises(const daemon_state_t &daemon);
+
 // The finding that says so; empty when it works.
 std::optional<finding_t> daemon_finding(const daemon_state_t &daemon);
 

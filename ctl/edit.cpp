@@ -135,7 +135,7 @@ std::string free_number(const std::set<std::string> &taken) {
 bool carry_out(client_t &client, const options_t &options,
                const std::function<step_t(const store_view_t &)> &decide) {
     if (!client.subscribe()) {
-        client.require();
+        throw store_lost(unreachable_text()); // trying again would take as long again
     }
     if (!options.link.empty() || options.write) {
         refuse_other_prefix(client, options);
@@ -152,7 +152,7 @@ bool carry_out(client_t &client, const options_t &options,
         const step_t step = decide(read_store(client.tav, options.prefix));
         outcome = apply(client, step, options);
         if (outcome.refused_path.empty()) {
-            if (!options.term) {
+            if (!options.term && !step.in_parts) { // nor of what only wakes the daemon
                 warn_of_waiting(client, step);
             }
             return true;

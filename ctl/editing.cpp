@@ -1,5 +1,6 @@
 // The commands address and gateway, which change the store.
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <set>
 
@@ -148,6 +149,7 @@ int put(const options_t &options, bool may_exist) {
     const long number = number_of(options);
     const CAddress address = parse_address(options);
     client_t client;
+    std::string was; // its type
     const bool done = carry_out(client, options, [&](const store_view_t &store) {
         const std::vector<place_t> stored = places(store, options.link);
         step_t step;
@@ -166,6 +168,7 @@ int put(const options_t &options, bool may_exist) {
                               "'); use 'tandrelctl address replace' to change it");
             }
             put_address(step, place.path, address);
+            was = place.stored->fault ? "" : place.stored->type_text;
         }
         if (!step.leaves.empty()) {
             return step;
@@ -177,6 +180,12 @@ int put(const options_t &options, bool may_exist) {
                     address);
         return step;
     });
+    if (!was.empty() && was != type_to_str(type_static)) {
+        std::fprintf(stderr,
+                     "tandrelctl: it was %s, which the kernel assigned; as a Static address it is "
+                     "removed from the kernel when it is deleted\n",
+                     shown(was).c_str());
+    }
     return done ? wait_for({options.link, false, true, address.addr}, client, options) : exit_done;
 }
 

@@ -19,16 +19,9 @@ namespace {
 // The command that creates an interface node for the link. tandrel removes from the kernel what it
 // knows as Static, and a gateway, unless the new node contains them.
 std::string node_command(const kernel_view_t &kernel, const kernel_link_t &link) {
-    const bool configured =
-        std::any_of(kernel.addresses.begin(), kernel.addresses.end(),
-                    [&](const kernel_address_t &one) {
-                        return one.address.ifindex == link.index && is_configured(one);
-                    }) ||
-        std::any_of(kernel.routes.begin(), kernel.routes.end(), [&](const kernel_route_t &one) {
-            return one.route.ifindex == link.index && is_static(one);
-        });
-    return std::string(configured ? "tandrelctl import --from-kernel --write "
-                                  : "tandrelctl interface add ") +
+    return std::string(is_configured(kernel, link.index)
+                           ? "tandrelctl import --from-kernel --write "
+                           : "tandrelctl interface add ") +
            shown_word(link.name);
 }
 
@@ -59,7 +52,7 @@ private:
     void explain_stored_gateway(const stored_gateway_t &stored);
     void explain_kernel_route(const kernel_route_t &route);
     void explain_duplicate(const kernel_address_t &there, const address_row_t &row);
-    void explain_bad_prefix(const stored_gateway_t &stored);
+    void explain_skipped_gateway(const stored_gateway_t &stored);
     void explain_unstored_route(const gateway_row_t &row);
     const stored_gateway_t *stored_gateway() const;
     bool is_own(const in6_addr &address) const;
@@ -270,17 +263,26 @@ bool explainer_t::is_own(const in6_addr &address) const {
     });
 }
 
-// Suggests storing the address without the prefix length, if the kernel would accept it.
-void explainer_t::explain_bad_prefix(const stored_gateway_t &stored) {
+// Suggests storing the address without the prefix length, if the kernel would accept it; otherwise
+// the gateway that the kernel has, because without a stored one tandrel would remove that.
+void explainer_t::explain_skipped_gateway(const stored_gateway_t &stored) {
     const std::string address = stored.text.substr(0, stored.text.find('/'));
     CRoute route;
     const bool fits = !convert_gateway(address, route) && unfit_kind(route.gateway) == nullptr &&
                       !is_own(route.gateway) && view.kernel &&
                       is_reachable(kernel, view.kernel->index, route.gateway);
-    add(reason_t::gateway_bad_prefix,
-        {{"text", stored.text},
-         {"command", fits ? for_shell("tandrelctl gateway set") + " " + address
-                          : for_shell("tandrelctl gateway clear")}});
+    const auto present =
+        std::find_if(view.gateways.begin(), view.gateways.end(), [](const gateway_row_t &row) {
+            return row.kernel && is_adopted(*row.kernel);
+        });
+    words_t words = stored.fault->words;
+    words["text"] = stored.text;
+    words["command"] = fits ? for_shell("tandrelctl gateway set") + " " + address
+                       : present != view.gateways.end()
+                           ? for_shell("tandrelctl gateway set") + " " +
+                                 address_text(present->kernel->route.gateway)
+                           : for_shell("tandrelctl gateway clear");
+    add(stored.fault->reason, words);
 }
 
 void explainer_t::explain_stored_gateway(const stored_gateway_t &stored) {
@@ -339,8 +341,12 @@ void explainer_t::explain_unstored_route(const gateway_row_t &row) {
             return &other != &row && other.kernel && is_static(*other.kernel) &&
                    (other.stored || &other < &row);
         });
+    const std::string gateway = address_text(route.route.gateway);
+    // What to do about a stored gateway that is skipped decides about this one, too.
     add(second ? reason_t::gateway_second : reason_t::gateway_not_in_store,
-        {{"gateway", address_text(route.route.gateway)}});
+        {{"gateway", gateway},
+         {"command",
+          stored_gateway() != nullptr ? "" : for_shell("tandrelctl gateway set") + " " + gateway}});
 }
 
 void explainer_t::explain_gateway(const gateway_row_t &row) {
@@ -356,11 +362,7 @@ void explainer_t::explain_gateway(const gateway_row_t &row) {
         explain_kernel_route(*row.kernel);
     }
     if (row.stored && row.stored->fault) {
-        if (row.stored->fault->reason == reason_t::gateway_bad_prefix) {
-            explain_bad_prefix(*row.stored);
-        } else {
-            add(row.stored->fault->reason, row.stored->fault->words);
-        }
+        explain_skipped_gateway(*row.stored);
     } else if (row.stored && !row.kernel) {
         explain_stored_gateway(*row.stored);
     } else if (row.stored && row.mark == mark_t::differ) {

@@ -6,6 +6,7 @@
 
 #include "ctl/edit.h"
 #include "ctl/keeper_memory.h"
+#include "ctl/rules.h"
 #include "ctl/text.h"
 #include "store/paths.h"
 #include "store/tav_values.h"
@@ -185,7 +186,14 @@ int interface_add(const options_t &options) {
         }
     }
     if (!options.force) {
-        require_link(kernel_reader(), options);
+        const kernel_view_t kernel = kernel_reader();
+        if (is_configured(kernel, require_link(kernel, options).index)) {
+            throw refusal("the kernel has settings for " + shown(options.link) +
+                          "; with an empty node tandrel would remove the link's gateway, and store "
+                          "its addresses as Automatic. To store them instead: tandrelctl import "
+                          "--from-kernel --write " +
+                          shown_word(options.link) + "; to create the node anyway, use --force");
+        }
     }
     if (options.dry_run) {
         std::cout << "store: create the node " << shown_word(paths::interfaces) << "/" << number
@@ -224,10 +232,15 @@ int interface_delete(const options_t &options) {
         return step;
     });
     if (done && !options.link.empty()) {
+        const kernel_view_t kernel = kernel_reader();
+        const bool exists =
+            std::any_of(kernel.links.begin(), kernel.links.end(),
+                        [&](const kernel_link_t &one) { return one.name == options.link; });
         std::fprintf(stderr, "tandrelctl: %s %s\n", shown(options.link).c_str(),
-                     is_last ? "is no longer synchronised; the kernel keeps its addresses and its "
-                               "gateway"
-                             : "has another interface node, with which it is still synchronised");
+                     !is_last ? "has another interface node, with which it is still synchronised"
+                     : exists ? "is no longer synchronised; the kernel keeps its addresses and its "
+                                "gateway"
+                              : "has no interface node any more; the kernel has no such link");
     }
     return exit_done;
 }

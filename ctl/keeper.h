@@ -93,6 +93,10 @@ private:
     std::vector<std::string> news; // lines to log
 };
 
+// Why a remembered setting is not restored at present; empty: nothing is in the way.
+std::string what_stops(const memory_t &memory, const links_t &links, const setting_t &setting,
+                       const std::string &prefix);
+
 // The other forms of the command.
 int keep_list(const options_t &options);
 int keep_forget(const options_t &options);

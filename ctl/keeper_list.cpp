@@ -22,6 +22,15 @@ std::string date_text(std::int64_t seconds) {
 
 } // namespace
 
+std::string what_stops(const memory_t &memory, const links_t &links, const setting_t &setting,
+                       const std::string &prefix) {
+    if (interface_number(setting.link, prefix) == 0) {
+        return "its name does not begin with '" + shown(prefix) + "'";
+    }
+    const auto confusion = memory.confusion.find(setting.link);
+    return confusion != memory.confusion.end() ? confusion->second : links.obstacle(setting.link);
+}
+
 int keep_list(const options_t &options) {
     client_t client;
     client.require();
@@ -30,12 +39,7 @@ int keep_list(const options_t &options) {
     const memory_t memory = read_memory(client.tav);
     for (const kept_t &kept : memory.kept) {
         const setting_t &setting = kept.setting;
-        const auto confusion = memory.confusion.find(setting.link);
-        std::string waits =
-            confusion != memory.confusion.end() ? confusion->second : links.obstacle(setting.link);
-        if (interface_number(setting.link, options.prefix) == 0) {
-            waits = "its name does not begin with '" + shown(options.prefix) + "'";
-        }
+        const std::string waits = what_stops(memory, links, setting, options.prefix);
         std::cout << shown(setting.link) << '\t' << text_of(setting) << '\t'
                   << (setting.node.empty() ? "-" : shown(setting.node)) << '\t'
                   << (kept.since > 0 ? date_text(kept.since) : "-") << '\t' << shown(kept.why)

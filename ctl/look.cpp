@@ -7,6 +7,7 @@
 
 #include "ctl/confirm.h"
 #include "ctl/daemon_state.h"
+#include "ctl/keeper.h"
 #include "ctl/keeper_memory.h"
 #include "ctl/output.h"
 #include "ctl/rules.h"
@@ -49,13 +50,20 @@ struct report_t {
 
 // What the keeper will restore on the chosen links.
 void add_remembered(client_t &client, const options_t &options, report_t &report) {
-    for (const kept_t &kept : read_memory(client.tav).kept) {
+    links_t links(options.prefix);
+    links.restart(kernel_reader().links, {});
+    const memory_t memory = read_memory(client.tav);
+    for (const kept_t &kept : memory.kept) {
         const std::string &link = kept.setting.link;
         if (interface_number(link, options.prefix) != 0 &&
             (options.link.empty() || options.link == link)) {
+            const std::string waits = what_stops(memory, links, kept.setting, options.prefix);
             report.add({link,
                         {reason_t::setting_remembered,
-                         {{"link", link}, {"text", text_of(kept.setting)}, {"why", kept.why}}}},
+                         {{"link", link},
+                          {"text", text_of(kept.setting)},
+                          {"why", kept.why},
+                          {"waits", waits.empty() ? "" : "; now: " + waits}}}},
                        options);
         }
     }
@@ -101,7 +109,7 @@ report_t make_report(client_t &client, const comparison_t &comparison, const opt
         }
     }
     // Without the daemon a synchronisation is no remedy; the daemon's own finding has the remedy.
-    if (report.daemon.state != daemon_t::working && report.daemon.state != daemon_t::unknown) {
+    if (!synchronises(report.daemon)) {
         for (finding_t &finding : report.differences) {
             finding.waits = finding.waits || finding.needs_synchronisation();
         }

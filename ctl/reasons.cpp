@@ -50,7 +50,7 @@ constexpr reasons_t table{{
 
     {r::link_absent, difference, "link-absent",
      "the kernel has no link {link}; its stored settings (interface node {number}) take effect "
-     "when the link appears",
+     "when the link appears; if it never will, 'tandrelctl interface del' removes them",
      ""},
     {r::wrong_prefix, note, "wrong-prefix",
      "not synchronised: its name does not begin with '{prefix}'; to manage such links instead, "
@@ -81,7 +81,7 @@ constexpr reasons_t table{{
      "ip link set {link} up"},
     {r::setting_remembered, note, "setting-remembered",
      "{text} was removed from the store ({why}); 'tandrelctl keep' restores it when the link can "
-     "carry it",
+     "carry it{waits}",
      ""},
 
     {r::address_is_leaf, note, "address-is-leaf",
@@ -114,7 +114,7 @@ constexpr reasons_t table{{
 
     {r::address_not_in_kernel, difference, "address-not-in-kernel",
      "{address} (Static, node '{node}') is in the store only; tandrel adds it to the kernel at its "
-     "next synchronisation",
+     "next synchronisation, or, if the link was renamed, after a restart",
      "tandrelctl nudge"},
     {r::address_unfit, difference, "address-unfit",
      "{address} (node '{node}') is in the store only: a link cannot have {type}",
@@ -159,17 +159,14 @@ constexpr reasons_t table{{
      "{address} is the peer of a point-to-point address; tandrel treats it as the link's own", ""},
 
     {r::gateway_leaf_missing, difference, "gateway-leaf-missing",
-     "the stored gateway has no leaf Value; tandrel treats it as no gateway",
-     "tandrelctl gateway clear {link}"},
+     "the stored gateway has no leaf Value; tandrel treats it as no gateway", "{command}"},
     {r::gateway_not_text, difference, "gateway-not-text",
-     "the stored gateway is skipped: its leaf Value is not a string",
-     "tandrelctl gateway clear {link}"},
+     "the stored gateway is skipped: its leaf Value is not a string", "{command}"},
     {r::gateway_bad_prefix, difference, "gateway-bad-prefix",
      "the stored gateway is skipped: '{text}' has an invalid prefix length; a gateway needs none",
      "{command}"},
     {r::gateway_bad_text, difference, "gateway-bad-text",
-     "the stored gateway is skipped: '{text}' is not an IPv6 address",
-     "tandrelctl gateway clear {link}"},
+     "the stored gateway is skipped: '{text}' is not an IPv6 address", "{command}"},
     {r::gateway_unfit, difference, "gateway-unfit",
      "the gateway {gateway} is in the store only: the kernel refuses it because it is {type}",
      "tandrelctl gateway clear {link}"},
@@ -188,12 +185,12 @@ constexpr reasons_t table{{
      "{command}"},
     {r::gateway_not_in_kernel, difference, "gateway-not-in-kernel",
      "the gateway {gateway} is in the store only; tandrel adds the route at its next "
-     "synchronisation",
+     "synchronisation, or, if the link was renamed, after a restart",
      "tandrelctl nudge"},
     {r::gateway_not_in_store, difference, "gateway-not-in-store",
      "the gateway {gateway} is in the kernel only; unless tandrel writes it to the store within "
      "moments, it removes the route at its next synchronisation",
-     "tandrelctl gateway set {link} {gateway}"},
+     "{command}"},
     {r::gateway_differs, difference, "gateway-differs",
      "the kernel's gateway is {other}, the store's {gateway}: the store's applies, and tandrel "
      "replaces the kernel's at its next synchronisation",

@@ -57,6 +57,16 @@ bool is_configured(const kernel_address_t &address) {
            (address.flags & IFA_F_PERMANENT) != 0 && !kernel_made_it;
 }
 
+bool is_configured(const kernel_view_t &kernel, std::int32_t ifindex) {
+    return std::any_of(kernel.addresses.begin(), kernel.addresses.end(),
+                       [&](const kernel_address_t &one) {
+                           return one.address.ifindex == ifindex && is_configured(one);
+                       }) ||
+           std::any_of(kernel.routes.begin(), kernel.routes.end(), [&](const kernel_route_t &one) {
+               return one.route.ifindex == ifindex && is_static(one);
+           });
+}
+
 bool is_static(const kernel_route_t &route) {
     return has_gateway(route.route) && is_default_route(route.route) &&
            route.route.protocol == RTPROT_STATIC;

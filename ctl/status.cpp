@@ -3,6 +3,7 @@
 #include <array>
 #include <cstdio>
 #include <iostream>
+#include <iterator>
 #include <memory>
 
 #include <nlohmann/json.hpp>
@@ -101,6 +102,7 @@ struct status_t {
     std::vector<waiting_t> waiting;
     std::uint32_t keeper = 0; // process of 'tandrelctl keep'; 0: none
     std::vector<link_state_t> links;
+    std::vector<finding_t> obstacles; // why the daemon cannot read the store
     std::optional<std::vector<std::string>> errors;
 };
 
@@ -113,6 +115,10 @@ void print_as_json(const status_t &status) {
     json["daemon"] = {{"state", name_of(status.daemon.state)},
                       {"pid", status.daemon.pid != 0 ? json_t(status.daemon.pid) : json_t()},
                       {"prefix", status.daemon.prefix ? json_t(*status.daemon.prefix) : json_t()}};
+    json["obstacles"] = json_t::array();
+    for (const finding_t &one : status.obstacles) {
+        json["obstacles"].push_back(finding_json(one));
+    }
     json["keeper"] = {{"pid", status.keeper != 0 ? json_t(status.keeper) : json_t()}};
     json["links"] = json_t::array();
     for (const link_state_t &one : status.links) {
@@ -176,6 +182,10 @@ void print_text(const status_t &status, const std::string &prefix, bool colour) 
     if (finding && !finding->remedy().empty()) {
         line("          ", true, "-> " + finding->remedy());
     }
+    for (const finding_t &one : status.obstacles) {
+        line("          ", false, one.sentence());
+        line("          ", true, "-> " + one.remedy());
+    }
     if (const auto other = prefix_finding(status.daemon, prefix)) {
         line("          ", false, other->sentence());
     }
@@ -224,14 +234,22 @@ int status(const options_t &options) {
             store = read_store(client.tav, options.prefix);
         } catch (const store_lost &error) {
             status.store = error.what();
-            client.disconnect();
         }
     } else {
         status.store = unreachable_text();
     }
+    if (!status.store.empty()) {
+        client.give_up(); // each attempt may take seconds
+    }
     status.daemon = find_daemon(client);
     status.keeper = status.store.empty() ? process_of(client, keeper_name) : 0;
-    status.links = link_states(compare(kernel_reader(), store, options.prefix), options);
+    const comparison_t comparison = compare(kernel_reader(), store, options.prefix);
+    status.links = link_states(comparison, options);
+    std::copy_if(comparison.findings.begin(), comparison.findings.end(),
+                 std::back_inserter(status.obstacles), [](const finding_t &finding) {
+                     return finding.fault.reason == reason_t::interfaces_absent ||
+                            finding.fault.reason == reason_t::bad_interface_node;
+                 });
     status.waiting = status.store.empty() ? waiting_changes(client) : std::vector<waiting_t>{};
     status.errors = last_errors();
     if (options.json) {
@@ -243,7 +261,8 @@ int status(const options_t &options) {
         return exit_unreachable;
     }
     const auto finding = daemon_finding(status.daemon);
-    return finding && finding->severity() == severity_t::difference ? exit_differs : exit_done;
+    const bool works = !finding || finding->severity() != severity_t::difference;
+    return works && status.obstacles.empty() ? exit_done : exit_differs;
 }
 
 } // namespace ctl

@@ -36,7 +36,7 @@ bool library_reports = true;
 bool store_forbidden = false;
 
 bool client_t::connect() {
-    if (tav.handle == nullptr) {
+    if (tav.handle == nullptr && !given_up) {
         tav.handle = mlr_init();
         state_name(tav.handle);
     }
@@ -61,6 +61,11 @@ void client_t::disconnect() {
         tav.handle = nullptr;
     }
     subscribed = false;
+}
+
+void client_t::give_up() {
+    disconnect();
+    given_up = true;
 }
 
 bool client_t::subscribe() {

@@ -79,12 +79,15 @@ public:
     // Fetches the pending events. Throws store_lost.
     void take_events();
     void disconnect();
+    // The same, and makes each later attempt fail at once.
+    void give_up();
     bool connected() const { return tav.handle != nullptr; }
 
     toolkit::CTav tav;
 
 private:
     bool subscribed = false;
+    bool given_up = false;
 };
 
 // While false the reports of the store's library are dropped (mlr_err).

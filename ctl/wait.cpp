@@ -89,15 +89,17 @@ void say_why(client_t &client, const comparison_t &comparison, const interface_v
                          : "the removal is not complete:");
     std::vector<finding_t> findings = comparison.findings;
     findings.insert(findings.end(), interface.findings.begin(), interface.findings.end());
-    if (const auto finding = daemon_finding(find_daemon(client))) {
+    const daemon_state_t daemon = find_daemon(client);
+    if (const auto finding = daemon_finding(daemon)) {
         findings.push_back(*finding);
     }
     bool said = false;
-    for (const finding_t &finding : findings) {
+    for (finding_t &finding : findings) {
         if (!may_be_why(finding)) {
             continue;
         }
         said = true;
+        finding.waits = finding.waits || (!synchronises(daemon) && finding.needs_synchronisation());
         for (const line_t &line : finding_lines(finding)) {
             std::fprintf(stderr, "%s\n", line.text.c_str());
         }
@@ -212,16 +214,48 @@ int give_up(const goal_t &goal, client_t &client, const comparison_t &comparison
     return exit_not_there;
 }
 
+// Whether the store has the entry.
+bool is_stored(const goal_t &goal, const interface_view_t &interface) {
+    return goal.is_gateway
+               ? std::any_of(interface.gateways.begin(), interface.gateways.end(),
+                             [&](const gateway_row_t &row) {
+                                 return row.stored && !row.stored->fault &&
+                                        (!goal.present ||
+                                         equal(row.stored->route.gateway, goal.address));
+                             })
+               : std::any_of(interface.addresses.begin(), interface.addresses.end(),
+                             [&](const address_row_t &row) {
+                                 return row.stored && !row.stored->fault &&
+                                        equal(row.stored->address.addr, goal.address);
+                             });
+}
+
+// Nobody waits, so say at once what stops the change from taking effect.
+int warn_of_daemon(client_t &client) {
+    const auto finding = daemon_finding(find_daemon(client));
+    if (finding && finding->severity() == severity_t::difference) {
+        std::fprintf(stderr,
+                     "tandrelctl: the store was changed, but tandrel does not act on it: %s\n",
+                     finding->sentence().c_str());
+        if (!finding->remedy().empty()) {
+            std::fprintf(stderr, "    -> %s\n", finding->remedy().c_str());
+        }
+    }
+    return exit_done;
+}
+
 } // namespace
 
 int wait_for(const goal_t &goal, client_t &client, const options_t &options) {
     if (!options.patience) {
-        return exit_done;
+        return warn_of_daemon(client);
     }
     // Subscribe before the first look, so that no change is missed.
     changes_t changes(client);
-    const auto end = clock_type::now() +
-                     std::chrono::milliseconds(static_cast<long long>(*options.patience * 1000));
+    const auto after = [begin = clock_type::now()](double seconds) {
+        return begin + std::chrono::milliseconds(static_cast<long long>(seconds * 1000));
+    };
+    const auto end = after(*options.patience);
     std::optional<progress_t> progress;
     progress.emplace(*options.patience);
     std::optional<clock_type::time_point> reached; // and not left since
@@ -240,6 +274,9 @@ int wait_for(const goal_t &goal, client_t &client, const options_t &options) {
         if (reached && (goal.present || now >= settled)) {
             progress.reset();
             return finish(goal, view);
+        }
+        if (options.term && now >= after(*options.term) && is_stored(goal, view) != goal.present) {
+            throw refusal("the change was reverted, because it was not confirmed in time");
         }
         if ((!reached && is_hopeless(comparison, view)) || clock_type::now() >= end) {
             progress.reset(); // before anything else is written

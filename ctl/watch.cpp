@@ -1,4 +1,5 @@
 // The command watch.
+#include <cstdio>
 #include <ctime>
 #include <deque>
 #include <iostream>
@@ -139,7 +140,10 @@ public:
             changes.watch_keys(STDIN_FILENO);
         }
         look_again();
-        for (;;) {
+        if (!on_terminal && !options.link.empty() && wanted().empty()) {
+            std::fprintf(stderr, "tandrelctl: %s\n", nothing_yet().c_str());
+        }
+        while (std::cout.good()) { // main says what is wrong with the output
             switch (changes.wait(clock_type::now() + redraw_interval)) {
             case changes_t::seen_t::signal:
                 return exit_done;
@@ -153,9 +157,15 @@ public:
                 look_again();
             }
         }
+        return exit_done;
     }
 
 private:
+    std::string nothing_yet() const {
+        return "neither the kernel nor the store has a link " + shown(options.link) +
+               "; waiting for it";
+    }
+
     state_t look_now() {
         if (client.subscribe()) {
             try {
@@ -216,6 +226,9 @@ private:
         lines_t lines;
         if (!state.store_answers) {
             lines.push_back({style_t::bad, "the settings store does not answer"});
+        }
+        if (!options.link.empty() && state.store_answers && wanted().empty()) {
+            lines.push_back({style_t::warn, nothing_yet()});
         }
         const lines_t table = table_lines(wanted(), screen_t::columns());
         lines.insert(lines.end(), table.begin(), table.end());

@@ -43,6 +43,9 @@ TEST(CtlArguments, EachCommandIsTheOneNamed) {
     EXPECT_TRUE(parse({"keep", "--forget", "eth0"}).options.forget);
     EXPECT_EQ(parse({"keep", "--forget", "eth0", "fe80::1"}).options.address, "fe80::1");
     EXPECT_EQ(parse({"keep", "eth0"}).result, 2);
+    EXPECT_EQ(parse({"keep", "--list", "--forget", "eth0"}).result, 2);
+    EXPECT_EQ(parse({"-i", "enp3s/x", "show"}).result, 2);
+    EXPECT_EQ(parse({"-i", "enp 3s", "show"}).result, 2);
     EXPECT_EQ(parse({"status"}).command, ctl::status);
     EXPECT_EQ(parse({"wait", "eth0"}).command, ctl::wait_online);
 }

@@ -234,6 +234,10 @@ TEST_F(Editing, ReplaceChangesTheNodeThatHoldsTheAddress) {
     EXPECT_EQ(fake_tav::text(below("Addresses/x/Address/Value")), "2001:db8::5/64");
     EXPECT_EQ(fake_tav::text(below("Addresses/x/Type/Value")), "Static");
     EXPECT_EQ(stored().size(), 2U);
+    EXPECT_NE(captured::standard_error().find("tandrelctl: it was Automatic, which the kernel "
+                                              "assigned; as a Static address it is removed from "
+                                              "the kernel when it is deleted\n"),
+              std::string::npos);
     store("y", "2001:db8::6/64", "static");
     options.address = "2001:db8::6/64";
     ctl::address_replace(options);
@@ -327,6 +331,34 @@ TEST_F(Editing, AnInterfaceNodeIsMadeOnceAndStaysEmpty) {
     options.link = "eth1";
     EXPECT_EQ(ctl::interface_add(options), 0);
     EXPECT_EQ(stored(), (strings{at("1/"), at("2/IPv6/Addresses/")}));
+    options.link = "eth3"; // a stale node
+    options.force = true;
+    EXPECT_EQ(ctl::interface_add(options), 0);
+    EXPECT_EQ(ctl::interface_delete(options), 0);
+    EXPECT_NE(
+        captured::standard_error().find("tandrelctl: eth3 has no interface node any more; the "
+                                        "kernel has no such link\n"),
+        std::string::npos);
+}
+
+// The daemon would remove the gateway, and store the addresses as the kernel's own.
+TEST_F(Editing, AnEmptyNodeForALinkWithSettingsNeedsForce) {
+    fake_tav::erase(at("1"));
+    address("fe80::5", 64);
+    route("fe80::1", RTPROT_RA);
+    options.dry_run = true;
+    EXPECT_EQ(refused(1, ctl::interface_add), "") << "nothing that a person has set";
+    route("fe80::1");
+    const std::string text = "the kernel has settings for eth0; with an empty node tandrel would "
+                             "remove the link's gateway, and store its addresses as Automatic. To "
+                             "store them instead: tandrelctl import --from-kernel --write eth0; to "
+                             "create the node anyway, use --force";
+    EXPECT_EQ(refused(1, ctl::interface_add), text);
+    kernel.routes.clear();
+    address("2001:db8::5", 64);
+    EXPECT_EQ(refused(1, ctl::interface_add), text);
+    options.force = true;
+    EXPECT_EQ(ctl::interface_add(options), 0);
 }
 
 TEST_F(Editing, AStoreThatKeepsNoEmptyNodesIsReported) {

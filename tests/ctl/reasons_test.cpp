@@ -140,7 +140,7 @@ TEST_F(Reasons, TheKernelHasNoSuchLink) {
     store("x", "2001:db8::5/64", "Static", "4");
     expect(reason_t::link_absent,
            "the kernel has no link eth3; its stored settings (interface node 4) take effect when "
-           "the link appears",
+           "the link appears; if it never will, 'tandrelctl interface del' removes them",
            "");
 }
 
@@ -355,7 +355,7 @@ TEST_F(Reasons, AStaticAddressIsInTheStoreOnly) {
     store("x", "2001:db8::5/64");
     expect(reason_t::address_not_in_kernel,
            "2001:db8::5/64 (Static, node 'x') is in the store only; tandrel adds it to the kernel "
-           "at its next synchronisation",
+           "at its next synchronisation, or, if the link was renamed, after a restart",
            "tandrelctl nudge");
 }
 
@@ -517,6 +517,19 @@ TEST_F(Reasons, TheStoredGatewayIsInvalid) {
            "tandrelctl gateway clear eth0");
 }
 
+// Whoever carries out both must not end with no gateway.
+TEST_F(Reasons, TheGatewayOfTheKernelIsStoredInPlaceOfAnInvalidOne) {
+    store_gateway("router");
+    route("fe80::1");
+    expect(reason_t::gateway_bad_text,
+           "the stored gateway is skipped: 'router' is not an IPv6 address",
+           "tandrelctl gateway set eth0 fe80::1", {reason_t::gateway_not_in_store});
+    expect(reason_t::gateway_not_in_store,
+           "the gateway fe80::1 is in the kernel only; unless tandrel writes it to the store "
+           "within moments, it removes the route at its next synchronisation",
+           "", {reason_t::gateway_bad_text});
+}
+
 TEST_F(Reasons, TheKernelAcceptsNoSuchGateway) {
     store_gateway("::");
     expect(reason_t::gateway_unfit,
@@ -570,7 +583,7 @@ TEST_F(Reasons, TheGatewayIsInTheStoreOnly) {
     store_gateway("fe80::1");
     expect(reason_t::gateway_not_in_kernel,
            "the gateway fe80::1 is in the store only; tandrel adds the route at its next "
-           "synchronisation",
+           "synchronisation, or, if the link was renamed, after a restart",
            "tandrelctl nudge");
 }
 

@@ -35,6 +35,7 @@ TEST_F(ToolConfirmTest, AChangeIsRevertedUnlessItIsConfirmed) {
     EXPECT_TRUE(goes("/a"));
     const std::string history = good({"history"});
     EXPECT_TRUE(has(history, "Z  service tavd reverting 1, process "));
+    EXPECT_TRUE(has(bad(1, {"undo"}), "the history has no change that was not made by a service"));
     EXPECT_EQ(good({"set", "--confirm", "600", "/a", "1"}), line(3, "600 s"));
     EXPECT_EQ(good({"confirm", "3"}), "change 3 is confirmed\n");
     EXPECT_EQ(good({"get", "/a"}), "1\n");

@@ -70,6 +70,18 @@ TEST_F(ToolHistoryTest, UndoBringsBackWhatWasBefore) {
     EXPECT_EQ(good({"dump"}), before);
 }
 
+TEST_F(ToolHistoryTest, UndoWithoutNumberPassesOverWhatAProcessTookBack) {
+    good({"set", "/a", "1"});
+    Client client;
+    api_status_t status = api_status_none;
+    client.set("/n/b", "1");
+    client.tav.remove_node("/n", status, "");
+    EXPECT_TRUE(has(good({"undo"}), "entry 1 is undone: "));
+    // By another process, so that it is a change of its own, and can be undone.
+    EXPECT_TRUE(has(good({"undo"}), "entry 4 is undone: tav, process "));
+    EXPECT_EQ(good({"ls"}), "a\n");
+}
+
 TEST_F(ToolHistoryTest, UndoSaysWhoChangedAnElementSince) {
     good({"set", "/a", "1"});
     good({"set", "/a", "2"});

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <ctime>
 #include <iostream>
+#include <set>
 
 #include <nlohmann/json.hpp>
 
@@ -117,13 +118,53 @@ void print_json(const History &history, const std::string &path) {
     std::cout << terminal::json_text(all, 2) << '\n';
 }
 
+bool same(bool exists, const Value &value, bool other_exists, const Value &other) {
+    return exists == other_exists &&
+           (!exists || (value.type == other.type && value.text == other.text));
+}
+
+// Whether the same process made the earlier change and took it back at once, as to wake a daemon.
+bool takes_back(const HistoryEntry &later, const HistoryEntry &earlier) {
+    return later.pid == earlier.pid && later.uid == earlier.uid && later.time - earlier.time <= 1 &&
+           !later.changes.empty() && later.changes.size() == earlier.changes.size() &&
+           std::is_permutation(later.changes.begin(), later.changes.end(), earlier.changes.begin(),
+                               [](const ChangedElement &now, const ChangedElement &then) {
+                                   return now.path == then.path &&
+                                          same(now.existed, now.before, then.exists, then.after) &&
+                                          same(now.exists, now.after, then.existed, then.before);
+                               });
+}
+
+// The last entry of which something is left: neither was it reverted, nor was it taken back at
+// once. Null if there is none.
+const HistoryEntry *last_change(const History &history) {
+    std::set<std::string> reversions;
+    std::vector<const HistoryEntry *> changes; // the last first
+    for (auto entry = history.entries.rbegin(); entry != history.entries.rend(); ++entry) {
+        if (entry->service) {
+            reversions.insert(entry->program);
+        } else if (reversions.count("tavd reverting " + std::to_string(entry->number)) == 0) {
+            changes.push_back(&*entry);
+        }
+    }
+    std::size_t i = 0;
+    while (i + 1 < changes.size() && takes_back(*changes[i], *changes[i + 1])) {
+        i += 2;
+    }
+    return i < changes.size() ? changes[i] : nullptr;
+}
+
+const HistoryEntry *numbered(const History &history, std::uint64_t number) {
+    const auto found =
+        std::find_if(history.entries.begin(), history.entries.end(),
+                     [number](const HistoryEntry &entry) { return entry.number == number; });
+    return found != history.entries.end() ? &*found : nullptr;
+}
+
 // The entry to undo; null, after a message, if there is none.
 const HistoryEntry *entry_to_undo(const History &history, std::optional<std::uint64_t> number) {
-    const auto found = std::find_if(history.entries.rbegin(), history.entries.rend(),
-                                    [number](const HistoryEntry &entry) {
-                                        return number ? entry.number == *number : !entry.service;
-                                    });
-    if (found == history.entries.rend()) {
+    const HistoryEntry *const found = number ? numbered(history, *number) : last_change(history);
+    if (found == nullptr) {
         complain(number ? "the history has no entry " + std::to_string(*number) +
                               "; to list it: tav history"
                         : "the history has no change that was not made by a service");
@@ -135,7 +176,7 @@ const HistoryEntry *entry_to_undo(const History &history, std::optional<std::uin
                  (lacks_values(*found) ? ", too many to keep their values" : ""));
         return nullptr;
     }
-    return &*found;
+    return found;
 }
 
 // Says who changed the element after the entry.

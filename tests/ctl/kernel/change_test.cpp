@@ -94,6 +94,16 @@ TEST_F(Change, AConfirmedChangeStaysAndIsListedBefore) {
     EXPECT_EQ(run({"confirm", number}).status, 1);
 }
 
+TEST_F(Change, AWaitEndsWithTheReversion) {
+    store.make_interface(1);
+    start_daemon_and_wait();
+    const result_t reverted = run(
+        {"gateway", "set", "eth0", "2001:db8:dead::1", "--force", "--confirm", "1", "--wait=60"});
+    EXPECT_EQ(reverted.status, 1);
+    EXPECT_EQ(reverted.errors,
+              "tandrelctl: the change was reverted, because it was not confirmed in time\n");
+}
+
 TEST_F(Change, ALaterChangeOfWhatWaitsIsWarnedOf) {
     store.set_gateway(1, "fe80::1");
     start_daemon_and_wait();
@@ -122,6 +132,12 @@ TEST_F(Change, AnUndoIsOfTheLastSettingNotOfTheNudgeAfterIt) {
     EXPECT_EQ(tav({"undo"}), 0);
     EXPECT_FALSE(store.gateway(1));
     EXPECT_FALSE(contains(store.dump(), "nudge")) << store.dump();
+}
+
+TEST_F(Change, AnUndoOfANewInterfaceNodeIsNotOfItsNudge) {
+    done({"interface", "add", "eth0", "--force"});
+    EXPECT_EQ(tav({"undo"}), 0);
+    EXPECT_TRUE(store.dump().empty()) << store.dump();
 }
 
 // The daemon's path of it would have a negative number.
@@ -225,6 +241,13 @@ TEST_F(Change, AFailedWaitSaysWhy) {
     EXPECT_EQ(alone.status, 4);
     EXPECT_TRUE(!sees_all_processes() || contains(alone.errors, "tandrel: it is not running here"))
         << alone.errors;
+    EXPECT_FALSE(contains(alone.errors, "-> tandrelctl nudge")) << "which would fail";
+    const result_t at_once = run({"address", "add", "eth0", "2001:db8::7/64"});
+    EXPECT_EQ(at_once.status, 0);
+    EXPECT_TRUE(contains(at_once.errors,
+                         "tandrelctl: the store was changed, but tandrel does not act on it: it is "
+                         "not "))
+        << at_once.errors;
 }
 
 TEST_F(Change, ALongWaitShowsItsProgress) {
@@ -259,6 +282,7 @@ TEST_F(Change, ANewInterfaceNodeIsSynchronisedAtOnce) {
 TEST_F(Change, ANewInterfaceNodeIsRevertedWithWhatIsBelow) {
     start_daemon_and_wait();
     const result_t first = run({"interface", "add", "eth0", "--confirm", "3"});
+    EXPECT_EQ(first.errors, "") << "of what wakes the daemon, too";
     EXPECT_TRUE(contains(first.output, " will be reverted in 3 s unless you confirm it: "))
         << first.output << first.errors;
     EXPECT_TRUE(becomes([&] { return !store.addresses(1).empty(); })) << "it is synchronised";

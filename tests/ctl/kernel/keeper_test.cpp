@@ -130,7 +130,7 @@ TEST_F(KeeperTest, WhatALinkLosesWhenItGoesDownComesBackWithIt) {
         EXPECT_TRUE(contains(
             check.output,
             "eth0: note: 2001:db8::5/64 was removed from the store (link down); 'tandrelctl "
-            "keep' restores it when the link can carry it\n"))
+            "keep' restores it when the link can carry it; now: link down\n"))
             << check.output;
         EXPECT_FALSE(contains(run({"check", "eth1"}).output, "was removed from the store ("));
         device.set_up("eth0");

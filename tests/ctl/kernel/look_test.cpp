@@ -145,6 +145,20 @@ TEST_F(Look, StatusShowsStoreDaemonAndLinks) {
     EXPECT_TRUE(nlohmann::json::parse(checked.output)["agree"].is_null());
 }
 
+TEST_F(Look, StatusNamesWhatKeepsTheDaemonFromReadingTheStore) {
+    rebuilds_allowed = true;
+    store.make_interface(1);
+    store.write(kt::paths::interfaces + "/wan port/IPv6/Label", "x");
+    start_daemon();
+    const result_t shown = run({"status"});
+    EXPECT_EQ(shown.status, 1);
+    EXPECT_TRUE(contains(shown.output, "the name of the interface node 'wan port' is not a number"))
+        << shown.output;
+    EXPECT_TRUE(contains(shown.output, "-> tandrelctl interface del --node 'wan port' --force\n"));
+    const auto json = nlohmann::json::parse(run({"status", "--json"}).output);
+    EXPECT_EQ(json["obstacles"].at(0)["reason"], "bad-interface-node");
+}
+
 // Node 4 is that of eth3 to the tool, and that of lan3 to the daemon.
 TEST_F(Look, ADaemonWithAnotherPrefixIsNamed) {
     add_eth(3, "lan");
@@ -408,6 +422,17 @@ TEST_F(Look, WatchOutlivesTheStore) {
     EXPECT_NE(lines.wait_for_containing(" - eth0 store: address node x"), 0U);
     watch->signal(SIGTERM);
     EXPECT_EQ(watch->wait_exit(), 0);
+}
+
+TEST_F(Look, WatchSaysThatALinkIsNotThereAndEndsIfNobodyCanRead) {
+    const auto watch = begin({"watch", "eth8"});
+    EXPECT_NE(watch->errors().wait_for_containing(
+                  "tandrelctl: neither the kernel nor the store has a link eth8; waiting for it"),
+              0U);
+    watch->signal(SIGINT);
+    EXPECT_EQ(watch->wait_exit(), 0);
+    kt::Process full(sandbox, {"/bin/sh", "-c", "exec '" TANDRELCTL "' watch >/dev/full"}, {});
+    EXPECT_EQ(full.wait_exit(), 3);
 }
 
 TEST_F(Look, WatchInJsonPrintsOneStatePerLine) {
