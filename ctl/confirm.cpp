@@ -125,6 +125,7 @@ outcome_t write_at_once(client_t &client, const step_t &step, std::optional<doub
     }
     if (term) {
         announce(number, *term);
+        client.unconfirmed = number;
     }
     return {};
 }

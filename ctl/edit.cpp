@@ -134,8 +134,9 @@ std::string free_number(const std::set<std::string> &taken) {
 
 bool carry_out(client_t &client, const options_t &options,
                const std::function<step_t(const store_view_t &)> &decide) {
+    client.require();
     if (!client.subscribe()) {
-        throw store_lost(unreachable_text()); // trying again would take as long again
+        throw store_lost(store_silent);
     }
     if (!options.link.empty() || options.write) {
         refuse_other_prefix(client, options);

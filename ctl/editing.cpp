@@ -153,6 +153,7 @@ int put(const options_t &options, bool may_exist) {
     const bool done = carry_out(client, options, [&](const store_view_t &store) {
         const std::vector<place_t> stored = places(store, options.link);
         step_t step;
+        was.clear();
         for (const place_t &place : stored) {
             if (!holds(*place.stored, address)) {
                 continue;
@@ -180,11 +181,12 @@ int put(const options_t &options, bool may_exist) {
                     address);
         return step;
     });
-    if (!was.empty() && was != type_to_str(type_static)) {
-        std::fprintf(stderr,
-                     "tandrelctl: it was %s, which the kernel assigned; as a Static address it is "
-                     "removed from the kernel when it is deleted\n",
-                     shown(was).c_str());
+    if (done && !was.empty() && was != type_to_str(type_static)) {
+        std::fprintf(
+            stderr,
+            "tandrelctl: it was %s; as a Static address it is removed from the kernel when it "
+            "is deleted\n",
+            shown(was).c_str());
     }
     return done ? wait_for({options.link, false, true, address.addr}, client, options) : exit_done;
 }

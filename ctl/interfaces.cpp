@@ -189,8 +189,9 @@ int interface_add(const options_t &options) {
         const kernel_view_t kernel = kernel_reader();
         if (is_configured(kernel, require_link(kernel, options).index)) {
             throw refusal("the kernel has settings for " + shown(options.link) +
-                          "; with an empty node tandrel would remove the link's gateway, and store "
-                          "its addresses as Automatic. To store them instead: tandrelctl import "
+                          "; with an empty node tandrel would remove the link's gateway and the "
+                          "addresses that it knows as Static, and store the others as Automatic. "
+                          "To store them instead: tandrelctl import "
                           "--from-kernel --write " +
                           shown_word(options.link) + "; to create the node anyway, use --force");
         }

@@ -50,7 +50,7 @@ constexpr reasons_t table{{
 
     {r::link_absent, difference, "link-absent",
      "the kernel has no link {link}; its stored settings (interface node {number}) take effect "
-     "when the link appears; if it never will, 'tandrelctl interface del' removes them",
+     "when the link appears; if it never will: tandrelctl interface del {link} --force",
      ""},
     {r::wrong_prefix, note, "wrong-prefix",
      "not synchronised: its name does not begin with '{prefix}'; to manage such links instead, "

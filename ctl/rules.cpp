@@ -63,7 +63,7 @@ bool is_configured(const kernel_view_t &kernel, std::int32_t ifindex) {
                            return one.address.ifindex == ifindex && is_configured(one);
                        }) ||
            std::any_of(kernel.routes.begin(), kernel.routes.end(), [&](const kernel_route_t &one) {
-               return one.route.ifindex == ifindex && is_static(one);
+               return one.route.ifindex == ifindex && is_adopted(one);
            });
 }
 

@@ -34,7 +34,7 @@ bool is_adopted(const kernel_route_t &route);
 bool is_reachable(const kernel_view_t &kernel, std::int32_t ifindex, const in6_addr &gateway);
 // Whether the kernel has the address, and a person or a script set it there for good.
 bool is_configured(const kernel_address_t &address);
-// Whether the link has such an address, or a static default gateway.
+// Whether the link has such an address, or a default gateway that the daemon adopts.
 bool is_configured(const kernel_view_t &kernel, std::int32_t ifindex);
 // Whether `length` bits of both are the same.
 bool lies_in(const in6_addr &address, const in6_addr &network, unsigned length);

@@ -21,7 +21,7 @@ namespace {
 
 struct link_state_t {
     std::string link;
-    std::string why;    // it is not managed; empty: it is
+    std::string why;    // why it is not managed; empty if it is
     std::string remedy; // a command line; may be empty
 };
 
@@ -56,7 +56,7 @@ std::vector<link_state_t> link_states(const comparison_t &comparison, const opti
     return states;
 }
 
-// The daemon's last errors and warnings, as the system's journal has them; empty when the journal
+// The daemon's last errors and warnings, as the system's journal has them; nullopt when the journal
 // cannot be read.
 std::optional<std::vector<std::string>> last_errors() {
     struct close_t {
@@ -151,7 +151,7 @@ std::string daemon_text(const daemon_state_t &daemon) {
     if (const auto finding = daemon_finding(daemon)) {
         return daemon.state == daemon_t::unknown && daemon.pid != 0
                    ? "process " + std::to_string(daemon.pid) +
-                         " runs; whether it works is not known: " + daemon.why
+                         " is running; whether it works is not known: " + daemon.why
                    : finding->sentence();
     }
     return "connected to the store" +

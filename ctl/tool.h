@@ -84,6 +84,7 @@ public:
     bool connected() const { return tav.handle != nullptr; }
 
     toolkit::CTav tav;
+    std::uint64_t unconfirmed = 0; // the number of the change with a term that was made; 0: none
 
 private:
     bool subscribed = false;

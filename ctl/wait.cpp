@@ -10,9 +10,11 @@
 #include "ctl/changes.h"
 #include "ctl/daemon_state.h"
 #include "ctl/explain.h"
+#include "ctl/keeper_store.h"
 #include "ctl/output.h"
 #include "ctl/rules.h"
 #include "ctl/text.h"
+#include "store/paths.h"
 
 namespace ctl {
 
@@ -22,7 +24,7 @@ bool equal(const in6_addr &left, const in6_addr &right) {
     return std::memcmp(&left, &right, sizeof left) == 0;
 }
 
-// Whether the kernel is still checking the address for duplicates, and can.
+// Whether the kernel is still checking the address for duplicates, and is able to.
 bool is_being_checked(const address_row_t &row, const interface_view_t &interface) {
     return row.kernel && (row.kernel->flags & (IFA_F_TENTATIVE | IFA_F_DADFAILED)) != 0 &&
            interface.kernel->carrier;
@@ -157,7 +159,7 @@ bool is_reached(const goal_t &goal, const comparison_t &comparison) {
 
 namespace {
 
-// A removal may be undone: the daemon writes a gateway again that the kernel still has.
+// A removal may be undone: the daemon stores a gateway again if the kernel still has it.
 constexpr std::chrono::milliseconds settling{500};
 
 // What both sides have of an entry that was removed.
@@ -214,29 +216,29 @@ int give_up(const goal_t &goal, client_t &client, const comparison_t &comparison
     return exit_not_there;
 }
 
-// Whether the store has the entry.
-bool is_stored(const goal_t &goal, const interface_view_t &interface) {
-    return goal.is_gateway
-               ? std::any_of(interface.gateways.begin(), interface.gateways.end(),
-                             [&](const gateway_row_t &row) {
-                                 return row.stored && !row.stored->fault &&
-                                        (!goal.present ||
-                                         equal(row.stored->route.gateway, goal.address));
-                             })
-               : std::any_of(interface.addresses.begin(), interface.addresses.end(),
-                             [&](const address_row_t &row) {
-                                 return row.stored && !row.stored->fault &&
-                                        equal(row.stored->address.addr, goal.address);
-                             });
+// Whether the change that must be confirmed is no longer in force. Without a history it is not
+// known.
+bool was_reverted(client_t &client) {
+    try {
+        const store_history_t history = read_history(client, paths::interfaces, client.unconfirmed);
+        return client.unconfirmed != 0 &&
+               std::any_of(history.changes.begin(), history.changes.end(),
+                           [&](const store_change_t &change) {
+                               return change.reverted == client.unconfirmed;
+                           });
+    } catch (const refusal &) {
+        return false;
+    }
 }
 
 // Nobody waits, so say at once what stops the change from taking effect.
 int warn_of_daemon(client_t &client) {
     const auto finding = daemon_finding(find_daemon(client));
     if (finding && finding->severity() == severity_t::difference) {
-        std::fprintf(stderr,
-                     "tandrelctl: the store was changed, but tandrel does not act on it: %s\n",
-                     finding->sentence().c_str());
+        std::fprintf(
+            stderr,
+            "tandrelctl: the store was changed, but tandrel does not act on the change: %s\n",
+            finding->sentence().c_str());
         if (!finding->remedy().empty()) {
             std::fprintf(stderr, "    -> %s\n", finding->remedy().c_str());
         }
@@ -256,15 +258,19 @@ int wait_for(const goal_t &goal, client_t &client, const options_t &options) {
         return begin + std::chrono::milliseconds(static_cast<long long>(seconds * 1000));
     };
     const auto end = after(*options.patience);
+    const auto due = options.term ? after(*options.term) : end;
     std::optional<progress_t> progress;
     progress.emplace(*options.patience);
-    std::optional<clock_type::time_point> reached; // and not left since
+    std::optional<clock_type::time_point> reached; // since when the goal has held
     for (;;) {
         const comparison_t comparison = look(client, options);
         const interface_view_t *interface = comparison.find(goal.link);
         static const interface_view_t nothing;
         const interface_view_t &view = interface != nullptr ? *interface : nothing;
         const auto now = clock_type::now();
+        if (now >= due && was_reverted(client)) {
+            throw refusal("the change was reverted, because it was not confirmed in time");
+        }
         if (!is_reached(goal, comparison)) {
             reached.reset();
         } else if (!reached) {
@@ -275,15 +281,13 @@ int wait_for(const goal_t &goal, client_t &client, const options_t &options) {
             progress.reset();
             return finish(goal, view);
         }
-        if (options.term && now >= after(*options.term) && is_stored(goal, view) != goal.present) {
-            throw refusal("the change was reverted, because it was not confirmed in time");
-        }
         if ((!reached && is_hopeless(comparison, view)) || clock_type::now() >= end) {
             progress.reset(); // before anything else is written
             return give_up(goal, client, comparison, view);
         }
         progress->show();
-        changes.wait(std::min(settled, progress->next_time()));
+        // The reversion may have come while the two views were read.
+        changes.wait(std::min({settled, progress->next_time(), now < due ? due : end}));
         if (!client.connected()) {
             throw store_lost(store_silent);
         }

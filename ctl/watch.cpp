@@ -140,7 +140,7 @@ public:
             changes.watch_keys(STDIN_FILENO);
         }
         look_again();
-        if (!on_terminal && !options.link.empty() && wanted().empty()) {
+        if (!on_terminal && is_not_there()) {
             std::fprintf(stderr, "tandrelctl: %s\n", nothing_yet().c_str());
         }
         while (std::cout.good()) { // main says what is wrong with the output
@@ -161,6 +161,9 @@ public:
     }
 
 private:
+    bool is_not_there() const {
+        return !options.link.empty() && state.store_answers && wanted().empty();
+    }
     std::string nothing_yet() const {
         return "neither the kernel nor the store has a link " + shown(options.link) +
                "; waiting for it";
@@ -227,7 +230,7 @@ private:
         if (!state.store_answers) {
             lines.push_back({style_t::bad, "the settings store does not answer"});
         }
-        if (!options.link.empty() && state.store_answers && wanted().empty()) {
+        if (is_not_there()) {
             lines.push_back({style_t::warn, nothing_yet()});
         }
         const lines_t table = table_lines(wanted(), screen_t::columns());

@@ -234,10 +234,10 @@ TEST_F(Editing, ReplaceChangesTheNodeThatHoldsTheAddress) {
     EXPECT_EQ(fake_tav::text(below("Addresses/x/Address/Value")), "2001:db8::5/64");
     EXPECT_EQ(fake_tav::text(below("Addresses/x/Type/Value")), "Static");
     EXPECT_EQ(stored().size(), 2U);
-    EXPECT_NE(captured::standard_error().find("tandrelctl: it was Automatic, which the kernel "
-                                              "assigned; as a Static address it is removed from "
-                                              "the kernel when it is deleted\n"),
-              std::string::npos);
+    EXPECT_NE(
+        captured::standard_error().find("tandrelctl: it was Automatic; as a Static address it "
+                                        "is removed from the kernel when it is deleted\n"),
+        std::string::npos);
     store("y", "2001:db8::6/64", "static");
     options.address = "2001:db8::6/64";
     ctl::address_replace(options);
@@ -348,11 +348,15 @@ TEST_F(Editing, AnEmptyNodeForALinkWithSettingsNeedsForce) {
     route("fe80::1", RTPROT_RA);
     options.dry_run = true;
     EXPECT_EQ(refused(1, ctl::interface_add), "") << "nothing that a person has set";
+    route("fe80::2").has_index = false;
+    EXPECT_EQ(refused(1, ctl::interface_add), "") << "tandrel ignores it";
     route("fe80::1");
-    const std::string text = "the kernel has settings for eth0; with an empty node tandrel would "
-                             "remove the link's gateway, and store its addresses as Automatic. To "
-                             "store them instead: tandrelctl import --from-kernel --write eth0; to "
-                             "create the node anyway, use --force";
+    const std::string text =
+        "the kernel has settings for eth0; with an empty node tandrel would "
+        "remove the link's gateway and the addresses that it knows as Static, and "
+        "store the others as Automatic. To store them instead: tandrelctl import --from-kernel "
+        "--write eth0; to "
+        "create the node anyway, use --force";
     EXPECT_EQ(refused(1, ctl::interface_add), text);
     kernel.routes.clear();
     address("2001:db8::5", 64);

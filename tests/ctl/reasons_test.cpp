@@ -140,7 +140,7 @@ TEST_F(Reasons, TheKernelHasNoSuchLink) {
     store("x", "2001:db8::5/64", "Static", "4");
     expect(reason_t::link_absent,
            "the kernel has no link eth3; its stored settings (interface node 4) take effect when "
-           "the link appears; if it never will, 'tandrelctl interface del' removes them",
+           "the link appears; if it never will: tandrelctl interface del eth3 --force",
            "");
 }
 

@@ -35,12 +35,21 @@ TEST_F(ToolConfirmTest, AChangeIsRevertedUnlessItIsConfirmed) {
     EXPECT_TRUE(goes("/a"));
     const std::string history = good({"history"});
     EXPECT_TRUE(has(history, "Z  service tavd reverting 1, process "));
-    EXPECT_TRUE(has(bad(1, {"undo"}), "the history has no change that was not made by a service"));
+    EXPECT_TRUE(
+        has(bad(1, {"undo"}), "the history has no change to undo, only those that services"));
     EXPECT_EQ(good({"set", "--confirm", "600", "/a", "1"}), line(3, "600 s"));
     EXPECT_EQ(good({"confirm", "3"}), "change 3 is confirmed\n");
     EXPECT_EQ(good({"get", "/a"}), "1\n");
     EXPECT_EQ(bad(1, {"confirm", "3"}), "tav: change 3 is not waiting for confirmation; to list "
                                         "all that are: tav status\n");
+}
+
+TEST_F(ToolConfirmTest, UndoPassesOverALaterChangeThatWasRevertedToo) {
+    good({"set", "/b", "1"});
+    good({"set", "--confirm", "0.2", "/a", "1"});
+    tav({"set", "/a", "2"});
+    EXPECT_TRUE(goes("/a"));
+    EXPECT_TRUE(has(good({"undo"}), "entry 1 is undone: "));
 }
 
 TEST_F(ToolConfirmTest, AReversionThatFoundNothingIsInTheHistory) {

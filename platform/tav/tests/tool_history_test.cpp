@@ -104,7 +104,8 @@ TEST_F(ToolHistoryTest, UndoWithoutNumberIsNotForServices) {
 }
 
 TEST_F(ToolHistoryTest, WhatCannotBeUndoneIsExplained) {
-    EXPECT_TRUE(has(bad(1, {"undo"}), "the history has no change that was not made by a service"));
+    EXPECT_TRUE(
+        has(bad(1, {"undo"}), "the history has no change to undo, only those that services"));
     EXPECT_TRUE(has(bad(1, {"undo", "7"}), "no entry 7; to list it: tav history"));
     EXPECT_TRUE(has(bad(2, {"undo", "x"}), "'x' is not the number of an entry"));
     std::vector<std::string> many{"set"};
@@ -112,7 +113,8 @@ TEST_F(ToolHistoryTest, WhatCannotBeUndoneIsExplained) {
         many.insert(many.end(), {"/" + std::to_string(i), std::string(60000, 'x')});
     }
     good(many);
-    EXPECT_TRUE(has(good({"history", "/none"}), "  20 elements, too many to keep their values"));
+    EXPECT_TRUE(has(good({"history", "/none"}),
+                    "  20 elements, too many for the history to keep their values"));
     EXPECT_TRUE(has(bad(1, {"undo"}), "entry 1 cannot be undone: it changed 20 elements"));
 }
 

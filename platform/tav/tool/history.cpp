@@ -19,7 +19,7 @@ namespace tav::tool {
 
 namespace {
 
-// Reads the entries after `since` that concern the path; an exit code.
+// Reads the entries after `since` that concern the path. Returns an exit code.
 int read_history(Client &client, const std::string &path, std::uint64_t since, History &history) {
     api_status_t status = api_status_none;
     if (tav::history(client.handle(), path, since, status, history) != 0) {
@@ -61,7 +61,8 @@ void print_text(const History &history, const std::string &path) {
         std::cout << painted(std::to_string(entry.number), Style::heading) << "  "
                   << time_text(entry.time) << "  " << author_text(entry) << "  "
                   << number_of_elements(entry.elements)
-                  << (lacks_values(entry) ? ", too many to keep their values" : "") << '\n';
+                  << (lacks_values(entry) ? ", too many for the history to keep their values" : "")
+                  << '\n';
         for (const ChangedElement &change : entry.changes) {
             if (!is_at_or_below(change.path, path)) {
                 continue;
@@ -123,7 +124,8 @@ bool same(bool exists, const Value &value, bool other_exists, const Value &other
            (!exists || (value.type == other.type && value.text == other.text));
 }
 
-// Whether the same process made the earlier change and took it back at once, as to wake a daemon.
+// Whether the same process made the earlier change and took it back at once, for example to wake a
+// daemon.
 bool takes_back(const HistoryEntry &later, const HistoryEntry &earlier) {
     return later.pid == earlier.pid && later.uid == earlier.uid && later.time - earlier.time <= 1 &&
            !later.changes.empty() && later.changes.size() == earlier.changes.size() &&
@@ -135,15 +137,38 @@ bool takes_back(const HistoryEntry &later, const HistoryEntry &earlier) {
                                });
 }
 
-// The last entry of which something is left: neither was it reverted, nor was it taken back at
-// once. Null if there is none.
+const std::string reversion = "tavd reverting ";
+
+std::string reversion_of(std::uint64_t number) {
+    return reversion + std::to_string(number);
+}
+
+bool is_reversion(const HistoryEntry &entry) {
+    return entry.program.compare(0, reversion.size(), reversion) == 0;
+}
+
+bool all_in(const std::vector<ChangedElement> &changes, const std::set<std::string> &paths) {
+    return !changes.empty() &&
+           std::all_of(changes.begin(), changes.end(),
+                       [&](const ChangedElement &change) { return paths.count(change.path) != 0; });
+}
+
+// The last entry that was neither reverted by the service nor taken back at once. A reversion also
+// ends the later changes of the same elements. Null if there is none.
 const HistoryEntry *last_change(const History &history) {
     std::set<std::string> reversions;
-    std::vector<const HistoryEntry *> changes; // the last first
+    std::set<std::string> reverted;            // paths
+    std::vector<const HistoryEntry *> changes; // newest first
     for (auto entry = history.entries.rbegin(); entry != history.entries.rend(); ++entry) {
         if (entry->service) {
             reversions.insert(entry->program);
-        } else if (reversions.count("tavd reverting " + std::to_string(entry->number)) == 0) {
+            for (const ChangedElement &change : entry->changes) {
+                if (is_reversion(*entry)) {
+                    reverted.insert(change.path);
+                }
+            }
+        } else if (reversions.count(reversion_of(entry->number)) == 0 &&
+                   !all_in(entry->changes, reverted)) {
             changes.push_back(&*entry);
         }
     }
@@ -167,13 +192,14 @@ const HistoryEntry *entry_to_undo(const History &history, std::optional<std::uin
     if (found == nullptr) {
         complain(number ? "the history has no entry " + std::to_string(*number) +
                               "; to list it: tav history"
-                        : "the history has no change that was not made by a service");
+                        : "the history has no change to undo, only those that services made or "
+                          "that were reverted; to undo one of these, give its number");
         return nullptr;
     }
     if (found->changes.empty()) {
         complain("entry " + std::to_string(found->number) + " cannot be undone: it changed " +
                  number_of_elements(found->elements) +
-                 (lacks_values(*found) ? ", too many to keep their values" : ""));
+                 (lacks_values(*found) ? ", too many for the history to keep their values" : ""));
         return nullptr;
     }
     return found;
@@ -222,7 +248,7 @@ std::vector<Item> steps_to_undo(const HistoryEntry &entry) {
     const auto other_kind = [&](const ChangedElement &change) {
         return !change.existed || is_node(true, change.before) != is_node(true, change.after);
     };
-    // Elements below others first.
+    // Children before their parents.
     for (auto change = changes.rbegin(); change != changes.rend(); ++change) {
         if ((*change)->exists && other_kind(**change)) {
             items.push_back(Item{ItemKind::remove_single, (*change)->path, {}});

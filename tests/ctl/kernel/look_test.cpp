@@ -148,8 +148,9 @@ TEST_F(Look, StatusShowsStoreDaemonAndLinks) {
 TEST_F(Look, StatusNamesWhatKeepsTheDaemonFromReadingTheStore) {
     rebuilds_allowed = true;
     store.make_interface(1);
+    start_daemon_and_wait();
+    daemon->freeze(); // so that it is still connected
     store.write(kt::paths::interfaces + "/wan port/IPv6/Label", "x");
-    start_daemon();
     const result_t shown = run({"status"});
     EXPECT_EQ(shown.status, 1);
     EXPECT_TRUE(contains(shown.output, "the name of the interface node 'wan port' is not a number"))
@@ -157,6 +158,8 @@ TEST_F(Look, StatusNamesWhatKeepsTheDaemonFromReadingTheStore) {
     EXPECT_TRUE(contains(shown.output, "-> tandrelctl interface del --node 'wan port' --force\n"));
     const auto json = nlohmann::json::parse(run({"status", "--json"}).output);
     EXPECT_EQ(json["obstacles"].at(0)["reason"], "bad-interface-node");
+    EXPECT_EQ(json["daemon"]["state"], "working");
+    daemon->thaw();
 }
 
 // Node 4 is that of eth3 to the tool, and that of lan3 to the daemon.
