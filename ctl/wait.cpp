@@ -219,13 +219,14 @@ int give_up(const goal_t &goal, client_t &client, const comparison_t &comparison
 // Whether the change that must be confirmed is no longer in force. Without a history it is not
 // known.
 bool was_reverted(client_t &client) {
+    if (client.unconfirmed == 0) {
+        return false;
+    }
     try {
         const store_history_t history = read_history(client, paths::interfaces, client.unconfirmed);
-        return client.unconfirmed != 0 &&
-               std::any_of(history.changes.begin(), history.changes.end(),
-                           [&](const store_change_t &change) {
-                               return change.reverted == client.unconfirmed;
-                           });
+        return std::any_of(
+            history.changes.begin(), history.changes.end(),
+            [&](const store_change_t &change) { return change.reverted == client.unconfirmed; });
     } catch (const refusal &) {
         return false;
     }

@@ -46,9 +46,10 @@ TEST_F(ToolConfirmTest, AChangeIsRevertedUnlessItIsConfirmed) {
 
 TEST_F(ToolConfirmTest, UndoPassesOverALaterChangeThatWasRevertedToo) {
     good({"set", "/b", "1"});
-    good({"set", "--confirm", "0.2", "/a", "1"});
+    good({"set", "--confirm", "0.2", "/a", "1", "/b", "2"});
     tav({"set", "/a", "2"});
     EXPECT_TRUE(goes("/a"));
+    // An earlier change of what was reverted is in force again.
     EXPECT_TRUE(has(good({"undo"}), "entry 1 is undone: "));
 }
 

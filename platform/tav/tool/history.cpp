@@ -1,8 +1,8 @@
 // history and undo.
 #include <algorithm>
+#include <cstdlib>
 #include <ctime>
 #include <iostream>
-#include <set>
 
 #include <nlohmann/json.hpp>
 
@@ -137,38 +137,38 @@ bool takes_back(const HistoryEntry &later, const HistoryEntry &earlier) {
                                });
 }
 
-const std::string reversion = "tavd reverting ";
-
-std::string reversion_of(std::uint64_t number) {
-    return reversion + std::to_string(number);
+// The number of the change that the service reverted with this entry; 0: it is no reversion.
+std::uint64_t number_reverted(const HistoryEntry &entry) {
+    const std::string name = "tavd reverting ";
+    return entry.service && entry.program.compare(0, name.size(), name) == 0
+               ? std::strtoull(entry.program.c_str() + name.size(), nullptr, 10)
+               : 0;
 }
 
-bool is_reversion(const HistoryEntry &entry) {
-    return entry.program.compare(0, reversion.size(), reversion) == 0;
+// Whether the reversion of a change left nothing of the entry, which is that change or a later one
+// of the same elements.
+bool is_ended_by(const HistoryEntry &reversion, const HistoryEntry &entry) {
+    const std::uint64_t number = number_reverted(reversion);
+    const auto is_reverted = [&](const ChangedElement &change) {
+        return std::any_of(reversion.changes.begin(), reversion.changes.end(),
+                           [&](const ChangedElement &other) { return other.path == change.path; });
+    };
+    return entry.number == number ||
+           (entry.number > number && !entry.changes.empty() &&
+            std::all_of(entry.changes.begin(), entry.changes.end(), is_reverted));
 }
 
-bool all_in(const std::vector<ChangedElement> &changes, const std::set<std::string> &paths) {
-    return !changes.empty() &&
-           std::all_of(changes.begin(), changes.end(),
-                       [&](const ChangedElement &change) { return paths.count(change.path) != 0; });
-}
-
-// The last entry that was neither reverted by the service nor taken back at once. A reversion also
-// ends the later changes of the same elements. Null if there is none.
+// The last entry that was neither ended by a reversion nor taken back at once. Null if there is
+// none.
 const HistoryEntry *last_change(const History &history) {
-    std::set<std::string> reversions;
-    std::set<std::string> reverted;            // paths
+    std::vector<const HistoryEntry *> reversions;
     std::vector<const HistoryEntry *> changes; // newest first
     for (auto entry = history.entries.rbegin(); entry != history.entries.rend(); ++entry) {
-        if (entry->service) {
-            reversions.insert(entry->program);
-            for (const ChangedElement &change : entry->changes) {
-                if (is_reversion(*entry)) {
-                    reverted.insert(change.path);
-                }
-            }
-        } else if (reversions.count(reversion_of(entry->number)) == 0 &&
-                   !all_in(entry->changes, reverted)) {
+        if (number_reverted(*entry) != 0) {
+            reversions.push_back(&*entry);
+        } else if (!entry->service &&
+                   std::none_of(reversions.begin(), reversions.end(),
+                                [&](const auto *one) { return is_ended_by(*one, *entry); })) {
             changes.push_back(&*entry);
         }
     }
