@@ -9,8 +9,11 @@
 #include <array>
 #include <cstdio>
 #include <exception>
+#include <fstream>
 #include <future>
+#include <sstream>
 #include <stdexcept>
+#include <string>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -31,6 +34,23 @@ using bench::time_point;
 
 constexpr useconds_t between_changes_us = 70000;
 
+// Whether the process has a netlink socket that is subscribed to notifications.
+bool listens(pid_t process) {
+    std::ifstream table("/proc/" + std::to_string(process) + "/net/netlink");
+    std::string line;
+    while (std::getline(table, line)) {
+        std::string socket;
+        int protocol = 0;
+        pid_t port = 0;
+        std::string groups; // in hexadecimal digits
+        std::istringstream(line) >> socket >> protocol >> port >> groups;
+        if (port == process && groups.find_first_not_of('0') != std::string::npos) {
+            return true;
+        }
+    }
+    return false;
+}
+
 // The standard output of `ip -6 monitor address`.
 class Monitor {
 public:
@@ -48,6 +68,9 @@ public:
         close(ends[1]);
         output = ends[0];
         fcntl(output, F_SETFL, O_NONBLOCK);
+        if (!kt::eventually([this] { return listens(child); })) {
+            throw std::runtime_error("ip monitor does not listen");
+        }
     }
     ~Monitor() {
         kill(child, SIGKILL);
@@ -139,7 +162,6 @@ latencies_t kernel_to_store(bench::World &world, int samples) {
     bench::Requester kernel(world.link_index());
     Listener listener(world.tavd.socket());
     const Monitor monitor;
-    usleep(300000); // until the monitor listens
     latencies_t found;
     for (int i = 0; i < samples; ++i) {
         const std::string address = bench::address_text(i + 1);
